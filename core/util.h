@@ -1,0 +1,89 @@
+// Small things that several groups need: bounded copies, and handles that close themselves.
+#ifndef VEX_CORE_UTIL_H
+#define VEX_CORE_UTIL_H
+
+#include <dirent.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+// Copies at most size - 1 bytes of text into a field of a data block and zeroes the rest of the
+// field, so that two blocks with the same text compare equal. size is at least 1.
+inline void copy_field(char *field, size_t size, const char *text) {
+  const size_t length = strnlen(text, size - 1);
+  memcpy(field, text, length);
+  memset(field + length, 0, size - length);
+}
+
+template <size_t Size>
+void copy_field(char (&field)[Size], const char *text) {
+  copy_field(field, Size, text);
+}
+
+// What fits a signed 32-bit variable; anything larger is held at the largest value.
+inline int32_t held_int32(uint64_t value) {
+  return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+}
+
+// A stream or directory that is closed at the end of its scope. Null when opening failed.
+template <typename Handle, int (*Close)(Handle *)>
+class closing {
+ public:
+  explicit closing(Handle *handle) : handle_(handle) {}
+  ~closing() {
+    if (handle_ != nullptr) {
+      Close(handle_);
+    }
+  }
+  closing(const closing &) = delete;
+  closing &operator=(const closing &) = delete;
+
+  explicit operator bool() const {
+    return handle_ != nullptr;
+  }
+  Handle *get() const {
+    return handle_;
+  }
+  // Gives the handle to the caller, who closes it.
+  Handle *release() {
+    Handle *handle = handle_;
+    handle_ = nullptr;
+    return handle;
+  }
+
+ private:
+  Handle *handle_;
+};
+
+using file_handle = closing<FILE, fclose>;        // from fopen
+using pipe_handle = closing<FILE, pclose>;        // from popen
+using directory_handle = closing<DIR, closedir>;  // from opendir
+
+// Memory from malloc() and its kin, freed at the end of its scope.
+template <typename T>
+class freeing {
+ public:
+  explicit freeing(T *memory) : memory_(memory) {}
+  ~freeing() {
+    free(memory_);
+  }
+  freeing(const freeing &) = delete;
+  freeing &operator=(const freeing &) = delete;
+
+  explicit operator bool() const {
+    return memory_ != nullptr;
+  }
+  T *get() const {
+    return memory_;
+  }
+  T *operator->() const {
+    return memory_;
+  }
+
+ private:
+  T *memory_;
+};
+
+#endif

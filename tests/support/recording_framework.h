@@ -1,0 +1,142 @@
+// An Agent Framework in memory for unit tests of the Host Agent's code: it keeps objects and
+// queues, records what the code under test does, serves made-up facts, and fails when told to. A
+// target that links `recording_framework` also gets its file, command and clock calls through the
+// wrappers declared at the end, so that the code under test reads made-up files without knowing it.
+//
+// Objects are named relative to the registry root ("host/cpu.0"). Module state of the code under
+// test lives as long as the process, so tests run each in a process of their own: link
+// `isolated_main` in place of gtest_main.
+#ifndef VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
+#define VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/framework.h"
+
+namespace rec {
+
+// ---- What happened ------------------------------------------------------------------------
+
+// One call of interest, in order. `operation` is the function's name.
+struct Event {
+  std::string operation;
+  // The object (create_obj, log_data, delete_obj, find_obj, get_obj), path (create_dir ...),
+  // command (process_linux_cmd, popen), OID, or number as text (sleep, alarm, set_poll_time ...).
+  std::string name;
+  std::string data;  // log_data: the data block as published
+};
+
+const std::vector<Event> &Events();
+// Events of that operation whose name matches the shell pattern.
+int Count(std::string_view operation, const std::string &pattern = "*");
+// Names of the events of that operation, in order.
+std::vector<std::string> Names(std::string_view operation);
+// Forgets the events, messages and traps so far; objects stay.
+void ForgetEvents();
+
+// Messages of agentlog_fprintf(), whole.
+const std::vector<std::string> &Messages();
+
+struct Trap {
+  int number;
+  std::string object;  // "" for none
+  std::vector<int> slots;
+  std::string description;
+};
+const std::vector<Trap> &Traps();
+
+// ---- Objects ------------------------------------------------------------------------------
+
+// The live object, published or not; null when there is none.
+registry_object *Live(const std::string &name);
+std::vector<std::string> LiveNames();
+// How often the object was published since its creation (0 also when there is none).
+int Publications(const std::string &name);
+// The data block as last published; "" when never.
+std::string Published(const std::string &name);
+// A variable of the object as last published. The test fails when there is none of that name, or
+// none of that type; Octets() has the variable's current length.
+int32_t Int(const std::string &name, const std::string &variable);
+std::string Text(const std::string &name, const std::string &variable);
+std::string Octets(const std::string &name, const std::string &variable);
+// The descriptor of a live object's variable; null when there is none.
+descriptor *Variable(const std::string &name, const std::string &variable);
+
+// A manager's set of one variable: check, then, when accepted, apply. Returns the handler's
+// result; -1 for a variable without a handler.
+int Set(const std::string &name, const std::string &variable, int32_t value);
+int Set(const std::string &name, const std::string &variable, const std::string &value);
+int CheckOnly(const std::string &name, const std::string &variable, const std::string &value);
+
+// ---- Failures -----------------------------------------------------------------------------
+
+// Makes calls of an operation fail as its declaration says: those whose name (see Event) matches
+// the pattern; only the n-th such call from now, or all of them when nth is 0. Works for every
+// operation of platform/framework.h with a failing result, for get_ev, and for the wrapped calls
+// below; `error` is the errno of those that set one.
+void Fail(const std::string &operation, const std::string &pattern = "*", int nth = 0,
+          int error = 5 /* EIO */);
+void StopFailing();
+
+// ---- Made-up facts ------------------------------------------------------------------------
+
+// A variable of a sibling's object.
+struct SiblingVariable {
+  std::string name;
+  int type;
+  int size;
+  std::string bytes;  // size of them, or fewer: an octet string's current length
+};
+SiblingVariable IntVar(const std::string &name, int32_t value);
+SiblingVariable TextVar(const std::string &name, int size, const std::string &text);
+SiblingVariable OctetVar(const std::string &name, int size, const std::string &bytes);
+
+// What get_obj() finds under that path (any spelling of it).
+void PutSibling(const std::string &path, const std::vector<SiblingVariable> &variables);
+// An object with a raw data block and no variables; `data` empty: one without data.
+void PutSiblingData(const std::string &path, const std::string &data);
+void RemoveSibling(const std::string &path);
+
+void PutSnmpInteger(const std::string &oid, int32_t value, int status = 0);
+// Whether a connection to an SNMP agent is open now.
+bool SnmpConnectionOpen();
+
+// Output and exit status of process_linux_cmd(), and of popen()/pclose(), for exactly that command.
+// A command that was not given exits with 127 and without output.
+void PutCommand(const std::string &command, const std::string &output, int status = 0);
+
+void SetCommunity(const std::string &community);  // "" for none; "public" at first
+void SetAppliance(bool appliance, int32_t product_id = 0,
+                  const std::map<std::string, std::string> &texts = {});
+void SetDistribution(const std::string &name, const std::string &flavor, const std::string &version,
+                     const std::string &description);
+void SetMibRevision(int group, int major, int minor);
+void PutEv(const std::string &name, const std::string &bytes);
+
+// ---- Files, commands and clocks -------------------------------------------------------------
+
+// fopen, open, opendir, access, stat, lstat, chmod, unlink, rename, glob and setmntent of a path at
+// or below one that was put here go to a private directory instead; everything else is untouched.
+// Parents are created. The path counts as taken over until the process ends.
+void PutFile(const std::string &path, std::string_view contents);
+void PutDirectory(const std::string &path);
+// Nothing is there, whatever the machine has.
+void PutNothing(const std::string &path);
+// Where a path taken over really lies.
+std::string RealPath(const std::string &path);
+// The contents of a file, taken over or not; "" when there is none.
+std::string ReadFile(const std::string &path);
+
+// time() and clock_gettime(CLOCK_REALTIME) say this from now on.
+void SetTime(time_t now);
+// sleep(), usleep(), alarm() and rmdir() are recorded and return at once with 0; nothing is armed
+// or removed.
+
+}  // namespace rec
+
+#endif

@@ -1,0 +1,270 @@
+// The C library calls of the code under test that read the machine, taken over at link time
+// (--wrap): made-up files, commands and clocks.
+#include <dirent.h>
+#include <fcntl.h>
+#include <glob.h>
+#include <mntent.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+
+#include "tests/support/recording_framework.h"
+#include "tests/support/recording_internal.h"
+
+namespace {
+
+struct Root {
+  std::filesystem::path path;
+  pid_t owner = getpid();
+  Root() {
+    char name[] = "/tmp/recording-XXXXXX";
+    if (mkdtemp(name) == nullptr) {
+      throw std::runtime_error("no temporary directory");
+    }
+    path = name;
+  }
+  ~Root() {
+    if (getpid() == owner) {
+      std::error_code ignored;
+      std::filesystem::remove_all(path, ignored);
+    }
+  }
+};
+
+std::filesystem::path &TheRoot() {
+  static Root root;
+  return root.path;
+}
+
+std::vector<std::string> &Claims() {
+  static auto *claims = new std::vector<std::string>;
+  return *claims;
+}
+
+bool Claimed(const std::string &path) {
+  return std::any_of(Claims().begin(), Claims().end(), [&](const std::string &claim) {
+    return path == claim || path.starts_with(claim + "/");
+  });
+}
+
+void Claim(const std::string &path) {
+  if (!Claimed(path)) {
+    Claims().push_back(path);
+  }
+}
+
+std::string Place(const std::string &path) {
+  return TheRoot().string() + path;
+}
+
+std::optional<time_t> now;
+std::map<FILE *, std::pair<FILE *, int>> pipes;  // made-up pipes: their exit status
+
+}  // namespace
+
+namespace rec {
+
+void PutFile(const std::string &path, std::string_view contents) {
+  Claim(path);
+  std::filesystem::create_directories(std::filesystem::path(Place(path)).parent_path());
+  std::ofstream out(Place(path), std::ios::binary | std::ios::trunc);
+  out << contents;
+  if (!out.flush()) {
+    throw std::runtime_error("cannot write " + Place(path));
+  }
+}
+
+void PutDirectory(const std::string &path) {
+  Claim(path);
+  std::filesystem::create_directories(Place(path));
+}
+
+void PutNothing(const std::string &path) {
+  Claim(path);
+  std::filesystem::remove_all(Place(path));
+}
+
+std::string RealPath(const std::string &path) {
+  return Claimed(path) ? Place(path) : path;
+}
+
+std::string ReadFile(const std::string &path) {
+  std::ifstream in(RealPath(path), std::ios::binary);
+  std::ostringstream contents;
+  contents << in.rdbuf();
+  return contents.str();
+}
+
+void SetTime(time_t when) {
+  now = when;
+}
+
+}  // namespace rec
+
+extern "C" {
+
+FILE *__real_fopen(const char *path, const char *mode);
+FILE *__wrap_fopen(const char *path, const char *mode) {
+  return rec::Fails("fopen", path) ? nullptr : __real_fopen(rec::RealPath(path).c_str(), mode);
+}
+
+FILE *__real_setmntent(const char *path, const char *mode);
+FILE *__wrap_setmntent(const char *path, const char *mode) {
+  return rec::Fails("setmntent", path) ? nullptr
+                                       : __real_setmntent(rec::RealPath(path).c_str(), mode);
+}
+
+int __real_open(const char *path, int flags, ...);
+int __wrap_open(const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return rec::Fails("open", path) ? -1 : __real_open(rec::RealPath(path).c_str(), flags, mode);
+}
+
+DIR *__real_opendir(const char *path);
+DIR *__wrap_opendir(const char *path) {
+  return rec::Fails("opendir", path) ? nullptr : __real_opendir(rec::RealPath(path).c_str());
+}
+
+int __real_access(const char *path, int mode);
+int __wrap_access(const char *path, int mode) {
+  return rec::Fails("access", path) ? -1 : __real_access(rec::RealPath(path).c_str(), mode);
+}
+
+int __real_stat(const char *path, struct stat *result);
+int __wrap_stat(const char *path, struct stat *result) {
+  return rec::Fails("stat", path) ? -1 : __real_stat(rec::RealPath(path).c_str(), result);
+}
+
+int __real_lstat(const char *path, struct stat *result);
+int __wrap_lstat(const char *path, struct stat *result) {
+  return rec::Fails("lstat", path) ? -1 : __real_lstat(rec::RealPath(path).c_str(), result);
+}
+
+int __real_chmod(const char *path, mode_t mode);
+int __wrap_chmod(const char *path, mode_t mode) {
+  return rec::Fails("chmod", path) ? -1 : __real_chmod(rec::RealPath(path).c_str(), mode);
+}
+
+int __real_unlink(const char *path);
+int __wrap_unlink(const char *path) {
+  return rec::Fails("unlink", path) ? -1 : __real_unlink(rec::RealPath(path).c_str());
+}
+
+int __wrap_rmdir(const char *path) {
+  rec::Record("rmdir", path);
+  return rec::Fails("rmdir", path) ? -1 : 0;
+}
+
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to) {
+  return rec::Fails("rename", from)
+             ? -1
+             : __real_rename(rec::RealPath(from).c_str(), rec::RealPath(to).c_str());
+}
+
+int __real_glob(const char *pattern, int flags, int (*error)(const char *, int), glob_t *result);
+int __wrap_glob(const char *pattern, int flags, int (*error)(const char *, int), glob_t *result) {
+  if (rec::Fails("glob", pattern)) {
+    return GLOB_ABORTED;
+  }
+  // A pattern below a directory that was taken over; the results lose its real place again.
+  const std::string place = Place(pattern);
+  const std::string fixed =
+      std::string(pattern).substr(0, std::string(pattern).find_first_of("*?["));
+  const bool ours = std::any_of(Claims().begin(), Claims().end(), [&](const std::string &claim) {
+    return claim.starts_with(fixed) || fixed.starts_with(claim + "/");
+  });
+  if (!ours) {
+    return __real_glob(pattern, flags, error, result);
+  }
+  const int status = __real_glob(place.c_str(), flags, error, result);
+  for (size_t i = 0; status == 0 && i < result->gl_pathc; i++) {
+    char *&path = result->gl_pathv[result->gl_offs + i];
+    const std::string kept = std::string(path).substr(TheRoot().string().size());
+    path[0] = '\0';
+    kept.copy(path, kept.size());
+    path[kept.size()] = '\0';
+  }
+  return status;
+}
+
+FILE *__real_popen(const char *command, const char *mode);
+FILE *__wrap_popen(const char *command, const char *) {
+  rec::Record("popen", command);
+  if (rec::Fails("popen", command)) {
+    return nullptr;
+  }
+  const auto *known = rec::FindCommand(command);
+  FILE *file = tmpfile();
+  if (file != nullptr) {
+    if (known != nullptr) {
+      fwrite(known->first.data(), 1, known->first.size(), file);
+    }
+    rewind(file);
+    pipes[file] = {file, known != nullptr ? known->second : 127};
+  }
+  return file;
+}
+
+int __real_pclose(FILE *pipe);
+int __wrap_pclose(FILE *pipe) {
+  rec::Record("pclose", "");
+  const auto found = pipes.find(pipe);
+  if (found == pipes.end()) {
+    return __real_pclose(pipe);
+  }
+  const int status = found->second.second;
+  pipes.erase(found);
+  fclose(pipe);
+  return W_EXITCODE(status, 0);
+}
+
+time_t __real_time(time_t *result);
+time_t __wrap_time(time_t *result) {
+  const time_t value = now ? *now : __real_time(nullptr);
+  if (result != nullptr) {
+    *result = value;
+  }
+  return value;
+}
+
+int __real_clock_gettime(clockid_t clock, timespec *result);
+int __wrap_clock_gettime(clockid_t clock, timespec *result) {
+  if (now && clock == CLOCK_REALTIME) {
+    *result = {*now, 0};
+    return 0;
+  }
+  return __real_clock_gettime(clock, result);
+}
+
+unsigned __wrap_sleep(unsigned seconds) {
+  rec::Record("sleep", std::to_string(seconds));
+  return 0;
+}
+
+int __wrap_usleep(useconds_t microseconds) {
+  rec::Record("usleep", std::to_string(microseconds));
+  return 0;
+}
+
+unsigned __wrap_alarm(unsigned seconds) {
+  rec::Record("alarm", std::to_string(seconds));
+  return 0;
+}
+
+}  // extern "C"
