@@ -15,24 +15,21 @@ struct SetItem {
   int slot = 0;
   std::vector<uint8_t> value;  // an int32_t in host order, or the octets followed by a NUL
   int length = 0;              // without that NUL
-  int result = 0;              // filled by the agent thread: 0 accepted, -1 refused
 };
 
 // ---- agent thread ----
 
 // Becomes readable when ServeSets() has work; owned by the channel.
 int SetChannelFd();
+// Runs one phase (enum set_phase) of one variable's set, on the agent thread: calls the variable's
+// handler (or checks and stores when it has none), and, after an accepted apply, hands the
+// variable's current value to the SNMP side. 0 or -1 (also when the object is gone).
+using SetRunner = int (*)(uint8_t phase, SetItem &item);
 // Runs what is queued: the checks of a request, then, held until its deadline at the latest, its
 // apply. Called from the main loop, never while a hook runs.
-void ServeSets();
+void ServeSets(SetRunner run);
 // Sets are refused from now on (before the clean-up).
 void CloseSets();
-
-// What the rest of the framework provides to ServeSets(), on the agent thread:
-// calls the variable's handler (or checks and stores when it has none), and, after an accepted
-// apply, hands the variable's current value to the SNMP side. 0 or -1 (also when the object is
-// gone).
-int RunSet(uint8_t phase, SetItem &item);
 
 }  // namespace vex
 

@@ -25,6 +25,13 @@ int SnmpStart(const char *application, SnmpSettings *settings);
 void SnmpStop();
 bool SnmpRunning();
 
+// Calls tick on the SNMP thread about every interval_ms milliseconds (null: never); it must not
+// block. Before or after SnmpStart().
+void SnmpSetTick(void (*tick)(), int interval_ms);
+
+// Whether sets are accepted at all (the default); while not, every variable is notWritable.
+void SnmpEnableSets(bool enabled);
+
 // Hands over a new image of an object, replacing the one before; every read that arrives after the
 // return sees it. Never waits for the thread's work. Before SnmpStart() images are kept.
 void SnmpPublish(std::shared_ptr<const Image> image);
