@@ -1,0 +1,119 @@
+// libkelmointrfc: the SMBIOS tables as the kernel shows them in sysfs.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hardware/kelmointrfc/smbios_tables.h"
+#include "platform/framework.h"
+#include "platform/smbios.h"
+
+// The log, when the process has the framework; the library works without it.
+extern "C" decltype(agentlog_fprintf) agentlog_fprintf __attribute__((weak));
+
+#define EXPORT __attribute__((visibility("default")))
+
+namespace {
+
+constexpr char kEntryPointFile[] = "/sys/firmware/dmi/tables/smbios_entry_point";
+constexpr char kTableFile[] = "/sys/firmware/dmi/tables/DMI";
+
+std::optional<vex::SmbiosTables> tables;
+// What was last logged: a machine without usable tables is asked at every poll.
+std::string reported;
+
+void Report(const std::string &problem) {
+  if (!problem.empty() && problem != reported && agentlog_fprintf != nullptr) {
+    agentlog_fprintf(stderr, "SMBIOS: %s, taken as absent\n", problem.c_str());
+  }
+  reported = problem;
+}
+
+// The whole of a regular file of at most kMaxSmbiosTable + 1 bytes (one more than is accepted);
+// nothing, with errno, when it cannot be read.
+std::optional<std::vector<uint8_t>> ReadFile(const char *path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    return std::nullopt;
+  }
+  std::vector<uint8_t> bytes;
+  struct stat status = {};
+  int error = fstat(fd, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
+  while (error == 0 && bytes.size() <= vex::kMaxSmbiosTable) {
+    const size_t old = bytes.size();
+    bytes.resize(std::min(old + (size_t{64} << 10), vex::kMaxSmbiosTable + 1));
+    const ssize_t n = read(fd, bytes.data() + old, bytes.size() - old);
+    error = n < 0 ? errno : 0;
+    bytes.resize(old + static_cast<size_t>(n > 0 ? n : 0));
+    if (n <= 0) {
+      break;
+    }
+  }
+  close(fd);
+  if (error != 0) {
+    errno = error;
+    return std::nullopt;
+  }
+  return bytes;
+}
+
+// Loads the tables or says what is wrong; "" when there are none.
+std::string Load() {
+  const auto entry = ReadFile(kEntryPointFile);
+  if (!entry) {
+    return errno == ENOENT ? "" : std::string(kEntryPointFile) + ": " + strerror(errno);
+  }
+  const auto table = ReadFile(kTableFile);
+  if (!table) {
+    return std::string(kTableFile) + ": " + strerror(errno);
+  }
+  const char *problem = "";
+  tables = vex::SmbiosTables::Parse(*entry, *table, &problem);
+  return tables ? "" : std::string(kTableFile) + ": " + problem;
+}
+
+}  // namespace
+
+extern "C" {
+
+EXPORT int InitSMBIOS(void) {
+  if (tables) {
+    return 1;
+  }
+  try {
+    Report(Load());
+  } catch (...) {
+    tables.reset();
+  }
+  return tables.has_value();
+}
+
+EXPORT int IsSMBIOSAvailable(void) {
+  return tables.has_value();
+}
+
+EXPORT int SmbGetRecordByType(int type, int instance, const unsigned char **record) {
+  const uint8_t *found = tables ? tables->Record(type, instance) : nullptr;
+  if (found == nullptr) {
+    return 0;
+  }
+  *record = found;
+  return 1;
+}
+
+EXPORT const char *SmbGetStringByNumber(const unsigned char *record, int number) {
+  return tables ? tables->String(record, number) : "";
+}
+
+EXPORT void DeinitSMBIOS(void) {
+  tables.reset();
+}
+
+}  // extern "C"
