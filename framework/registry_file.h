@@ -16,9 +16,9 @@ namespace vex {
 // Where the objects lie; a test or tool may work on another root.
 inline constexpr char kRegistryRoot[] = "/var/spool/quorix/kelmo/registry";
 
-// Resolves an object's name, absolute or relative to the root ("../../kelmo/registry/x/y" included),
-// by its text alone, to its path below the root ("host/cpu.0"); nothing when it leads outside the
-// root, is the root itself, or is too long. The one place where names are resolved.
+// Resolves an object's name, absolute or relative to the root ("../../kelmo/registry/x/y"
+// included), by its text alone, to its path below the root ("host/cpu.0"); nothing when it leads
+// outside the root, is the root itself, or is too long. The one place where names are resolved.
 std::optional<std::string> ResolveObjectName(std::string_view name,
                                              std::string_view root = kRegistryRoot);
 
@@ -35,8 +35,8 @@ struct FileVariable {
 struct FileObject {
   std::vector<FileVariable> variables;  // in slot order
   std::vector<uint8_t> data;
-  uint64_t sequence = 0;      // of the publication, from 1
-  int64_t published_ns = 0;   // CLOCK_REALTIME of the publication
+  uint64_t sequence = 0;     // of the publication, from 1
+  int64_t published_ns = 0;  // CLOCK_REALTIME of the publication
 };
 
 // Reads the newest complete state; nothing when the file is absent, truncated, of another version,
@@ -50,7 +50,7 @@ std::optional<FileObject> ReadObjectFile(std::string_view name,
 class ObjectFileWriter {
  public:
   // relative: a result of ResolveObjectName().
-  ObjectFileWriter(std::string relative, std::string root = kRegistryRoot);
+  explicit ObjectFileWriter(std::string relative, std::string root = kRegistryRoot);
   ~ObjectFileWriter();
   ObjectFileWriter(ObjectFileWriter &&) noexcept;
   ObjectFileWriter &operator=(ObjectFileWriter &&) noexcept;
@@ -58,7 +58,7 @@ class ObjectFileWriter {
   // The layout of the states to come; a change after the first publication makes the next one
   // replace the file (by rename) instead of writing in place. Only type, access, size, offset and
   // name are taken.
-  void SetLayout(std::vector<FileVariable> variables, uint32_t data_size);
+  void SetLayout(const std::vector<FileVariable> &variables, uint32_t data_size);
   // Publishes one state: a rename the first time, one pwrite into the older slot afterwards.
   // lengths: the current length of each variable (one per slot). 0, or -1 with errno. Never syncs.
   int Publish(const uint8_t *data, const uint16_t *lengths);

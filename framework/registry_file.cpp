@@ -1,0 +1,810 @@
+#include "framework/registry_file.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <map>
+#include <memory>
+
+#include "framework/registry_dir.h"
+
+namespace vex {
+
+namespace {
+
+// ---- The format (docs/registry-format.md). Fixed-width fields in the machine's own order: the
+// files never leave the machine, and the magic tells a file of the other order.
+static_assert(std::endian::native == std::endian::little);
+
+constexpr char kMagic[8] = {'V', 'E', 'X', 'R', 'E', 'G', '1', '\n'};
+constexpr uint32_t kVersion = 1;
+
+struct FileHeader {
+  char magic[8];
+  uint32_t version;
+  uint32_t var_count;
+  uint32_t data_size;
+  uint32_t names_size;    // bytes of names behind the descriptor table
+  uint32_t slots_offset;  // of slot 0 in the file
+  uint32_t slot_size;     // slot 1 follows slot 0 at once
+  uint64_t checksum;      // of the header (this field as 0), the table and the names
+};
+static_assert(sizeof(FileHeader) == 40);
+
+struct FileDescriptor {
+  uint32_t size;
+  uint32_t offset;
+  uint32_t name_offset;  // in the names
+  uint16_t name_length;
+  uint8_t type;
+  uint8_t access;
+};
+static_assert(sizeof(FileDescriptor) == 16);
+
+// Behind it: one uint16_t current length a variable, padding to a multiple of 8, the data block,
+// padding to a multiple of 8. All zero: a slot that was never written.
+struct SlotHeader {
+  uint64_t sequence;
+  int64_t published_ns;
+  uint64_t checksum;  // of the slot (this field as 0), begun with the header's checksum
+};
+static_assert(sizeof(SlotHeader) == 24);
+
+constexpr size_t kMaxFile = size_t{4} << 20;
+constexpr size_t kMaxVariables = 4096;
+constexpr size_t kMaxData = size_t{1} << 20;
+constexpr size_t kMaxName = 255;  // of a variable
+// Of a component of an object's name: room for what a temporary name adds within NAME_MAX.
+constexpr size_t kMaxComponent = 200;
+constexpr size_t kMaxRelative = 1024;
+constexpr int kMaxDepth = 16;  // of directories in ListObjects()
+// Looks of a reader at a file that is being written; two equal looks end it sooner.
+constexpr int kLooks = 20;
+constexpr long kLookPauseNs = 50'000;
+
+constexpr size_t Padded(size_t n) {
+  return (n + 7) & ~size_t{7};
+}
+
+constexpr size_t SlotSize(size_t var_count, size_t data_size) {
+  return sizeof(SlotHeader) + Padded(2 * var_count) + Padded(data_size);
+}
+
+// FNV-1a's scheme on 64-bit words, with a shift that brings the high bits back down. size is a
+// multiple of 8.
+uint64_t Checksum(const uint8_t *bytes, size_t size, uint64_t seed) {
+  uint64_t h = seed ^ 0xcbf29ce484222325;
+  for (size_t i = 0; i < size; i += 8) {
+    uint64_t word;
+    memcpy(&word, bytes + i, 8);
+    h = (h ^ word) * 0x9e3779b97f4a7c15;
+    h ^= h >> 32;
+  }
+  return h;
+}
+
+template <typename T>
+T Load(const uint8_t *bytes) {
+  T value;
+  memcpy(&value, bytes, sizeof(value));
+  return value;
+}
+
+template <typename T>
+void Store(uint8_t *bytes, const T &value) {
+  memcpy(bytes, &value, sizeof(value));
+}
+
+// ---- Reading
+
+// The head of a file, checked; the offsets in it can be trusted.
+struct Head {
+  FileHeader header;
+  std::vector<FileVariable> variables;
+};
+
+std::optional<Head> ParseHead(const std::vector<uint8_t> &file) {
+  Head head;
+  if (file.size() < sizeof(FileHeader)) {
+    return std::nullopt;
+  }
+  head.header = Load<FileHeader>(file.data());
+  const FileHeader &h = head.header;
+  if (memcmp(h.magic, kMagic, sizeof(kMagic)) != 0 || h.version != kVersion ||
+      h.var_count > kMaxVariables || h.data_size > kMaxData || h.names_size > kMaxFile) {
+    return std::nullopt;
+  }
+  const size_t table = sizeof(FileHeader);
+  const size_t names = table + size_t{h.var_count} * sizeof(FileDescriptor);
+  if (h.slots_offset != Padded(names + h.names_size) || h.slots_offset > file.size() ||
+      h.slot_size != SlotSize(h.var_count, h.data_size) ||
+      file.size() > size_t{h.slots_offset} + 2 * size_t{h.slot_size}) {
+    return std::nullopt;
+  }
+  std::vector<uint8_t> covered(file.begin(), file.begin() + h.slots_offset);
+  Store<uint64_t>(&covered[offsetof(FileHeader, checksum)], 0);
+  if (Checksum(covered.data(), covered.size(), 0) != h.checksum) {
+    return std::nullopt;
+  }
+  head.variables.reserve(h.var_count);
+  for (size_t i = 0; i < h.var_count; i++) {
+    const auto d = Load<FileDescriptor>(&file[table + i * sizeof(FileDescriptor)]);
+    if (d.offset > h.data_size || d.size > h.data_size - d.offset || d.name_length > kMaxName ||
+        d.name_offset > h.names_size || d.name_length > h.names_size - d.name_offset) {
+      return std::nullopt;
+    }
+    FileVariable v;
+    v.name.assign(reinterpret_cast<const char *>(&file[names]) + d.name_offset, d.name_length);
+    v.type = d.type;
+    v.access = d.access;
+    v.size = d.size;
+    v.offset = d.offset;
+    // 1 is a 32-bit integer, 2 and 3 are strings, 0 a slot without a variable.
+    if (d.type > 3 || (d.type == 1 && d.size != 4) || (d.type == 0 && d.size != 0) ||
+        v.name.find('\0') != std::string::npos) {
+      return std::nullopt;
+    }
+    head.variables.push_back(std::move(v));
+  }
+  return head;
+}
+
+enum class SlotState { kEmpty, kBad, kGood };
+
+SlotState CheckSlot(const std::vector<uint8_t> &file, const Head &head, size_t offset) {
+  if (offset > file.size() || file.size() - offset < head.header.slot_size) {
+    return SlotState::kBad;
+  }
+  const uint8_t *slot = &file[offset];
+  const auto h = Load<SlotHeader>(slot);
+  if (h.sequence == 0 && h.published_ns == 0 && h.checksum == 0) {
+    return SlotState::kEmpty;
+  }
+  const uint8_t *lengths = slot + sizeof(SlotHeader);
+  SlotHeader covered = h;
+  covered.checksum = 0;
+  uint64_t sum =
+      Checksum(reinterpret_cast<const uint8_t *>(&covered), sizeof(covered), head.header.checksum);
+  sum = Checksum(lengths, head.header.slot_size - sizeof(SlotHeader), sum);
+  if (h.sequence == 0 || sum != h.checksum) {
+    return SlotState::kBad;
+  }
+  for (size_t i = 0; i < head.variables.size(); i++) {
+    if (Load<uint16_t>(lengths + 2 * i) > head.variables[i].size) {
+      return SlotState::kBad;
+    }
+  }
+  return SlotState::kGood;
+}
+
+FileObject TakeSlot(const std::vector<uint8_t> &file, Head &&head, size_t offset) {
+  const uint8_t *slot = &file[offset];
+  const auto h = Load<SlotHeader>(slot);
+  const uint8_t *lengths = slot + sizeof(SlotHeader);
+  const uint8_t *data = lengths + Padded(2 * head.variables.size());
+  FileObject object;
+  object.variables = std::move(head.variables);
+  for (size_t i = 0; i < object.variables.size(); i++) {
+    object.variables[i].length = Load<uint16_t>(lengths + 2 * i);
+  }
+  object.data.assign(data, data + head.header.data_size);
+  object.sequence = h.sequence;
+  object.published_ns = h.published_ns;
+  return object;
+}
+
+// The whole of a regular file of a sensible size; nothing otherwise.
+std::optional<std::vector<uint8_t>> ReadWhole(int root, const std::string &relative) {
+  Descriptor fd(OpenBeneath(root, relative, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+  struct stat st;
+  if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
+      static_cast<size_t>(st.st_size) > kMaxFile) {
+    return std::nullopt;
+  }
+  std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
+  size_t got = 0;
+  while (got < bytes.size()) {
+    const ssize_t n = read(fd.get(), bytes.data() + got, bytes.size() - got);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      break;
+    }
+    got += static_cast<size_t>(n);
+  }
+  bytes.resize(got);
+  return bytes;
+}
+
+// ---- Names
+
+// Compares with runs of digits by value: cpu.2 before cpu.10.
+bool NaturalLess(const std::string &a, const std::string &b) {
+  auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  size_t i = 0;
+  size_t j = 0;
+  while (i < a.size() && j < b.size()) {
+    if (digit(a[i]) && digit(b[j])) {
+      size_t ia = i;
+      size_t jb = j;
+      while (ia < a.size() && a[ia] == '0') {
+        ia++;
+      }
+      while (jb < b.size() && b[jb] == '0') {
+        jb++;
+      }
+      size_t ea = ia;
+      size_t eb = jb;
+      while (ea < a.size() && digit(a[ea])) {
+        ea++;
+      }
+      while (eb < b.size() && digit(b[eb])) {
+        eb++;
+      }
+      if (ea - ia != eb - jb) {
+        return ea - ia < eb - jb;
+      }
+      const int order = a.compare(ia, ea - ia, b, jb, eb - jb);
+      if (order != 0) {
+        return order < 0;
+      }
+      i = ea;
+      j = eb;
+    } else if (a[i] != b[j]) {
+      return static_cast<unsigned char>(a[i]) < static_cast<unsigned char>(b[j]);
+    } else {
+      i++;
+      j++;
+    }
+  }
+  if ((i < a.size()) != (j < b.size())) {
+    return j < b.size();
+  }
+  return a < b;
+}
+
+void ListDirectory(int parent, const char *name, const std::string &prefix, int depth,
+                   std::vector<std::string> &found) {
+  Descriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) {
+    return;
+  }
+  DIR *dir = fdopendir(fd.get());
+  if (dir == nullptr) {
+    return;
+  }
+  const int dir_fd = fd.Release();
+  while (const dirent *entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') {
+      continue;  // also the temporary files of writers
+    }
+    struct stat st;
+    if (fstatat(dir_fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      continue;
+    }
+    const std::string path = prefix + entry->d_name;
+    if (S_ISDIR(st.st_mode) && depth < kMaxDepth) {
+      ListDirectory(dir_fd, entry->d_name, path + "/", depth + 1, found);
+    } else if (S_ISREG(st.st_mode)) {
+      // Agents keep other small files in the registry too: an object's file says that it is one.
+      Descriptor file(
+          openat(dir_fd, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+      char magic[sizeof(kMagic)];
+      if (file && pread(file.get(), magic, sizeof(magic), 0) == sizeof(magic) &&
+          memcmp(magic, kMagic, sizeof(magic)) == 0) {
+        found.push_back(path);
+      }
+    }
+  }
+  closedir(dir);
+}
+
+// The roots that this thread writes to, each opened once: ten thousand writers need one descriptor.
+int CachedRoot(const std::string &root, bool renew) {
+  thread_local std::map<std::string, Descriptor> roots;
+  Descriptor &fd = roots[root];
+  if (!fd || renew) {
+    fd.Reset(OpenRegistryRoot(root, true));
+  }
+  return fd.get();
+}
+
+}  // namespace
+
+// ---- Directories ---------------------------------------------------------------------------
+
+std::pair<std::string, std::string> SplitPath(const std::string &path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    return {"", path};
+  }
+  return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+int OpenBeneath(int root, const std::string &path, int flags, mode_t mode) {
+  static std::atomic<bool> kernel_has_openat2{true};
+  const std::string &target = path.empty() ? "." : path;
+  if (kernel_has_openat2.load(std::memory_order_relaxed)) {
+    open_how how = {};
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
+    how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    const long fd = syscall(SYS_openat2, root, target.c_str(), &how, sizeof(how));
+    if (fd >= 0) {
+      return static_cast<int>(fd);
+    }
+    if (errno == ENOSYS) {
+      kernel_has_openat2.store(false, std::memory_order_relaxed);
+    } else if (errno != EPERM) {  // EPERM may be a sandbox that does not know the call
+      return -1;
+    }
+  }
+  // One component at a time, none of them a link.
+  Descriptor at;
+  size_t begin = 0;
+  for (;;) {
+    const size_t slash = target.find('/', begin);
+    const std::string component = target.substr(begin, slash - begin);
+    if (component == "..") {
+      errno = EXDEV;
+      return -1;
+    }
+    const int from = at ? at.get() : root;
+    if (slash == std::string::npos) {
+      return openat(from, component.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode);
+    }
+    at.Reset(openat(from, component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!at) {
+      return -1;
+    }
+    begin = slash + 1;
+  }
+}
+
+int MakeDirectories(int root, const std::string &path, bool parents) {
+  size_t slash = parents ? path.find('/') : std::string::npos;
+  for (;;) {
+    const auto [parent, leaf] = SplitPath(path.substr(0, slash));
+    Descriptor at(OpenBeneath(root, parent, O_PATH | O_DIRECTORY));
+    if (!at) {
+      return -1;
+    }
+    if (mkdirat(at.get(), leaf.c_str(), 0755) == 0) {
+      // Whatever the umask: siblings read here.
+      if (fchmodat(at.get(), leaf.c_str(), 0755, 0) != 0) {
+        return -1;
+      }
+    } else if (errno != EEXIST) {
+      return -1;
+    } else {
+      struct stat st;
+      if (fstatat(at.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return -1;
+      }
+      if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+      }
+    }
+    if (slash == std::string::npos) {
+      return 0;
+    }
+    slash = path.find('/', slash + 1);
+  }
+}
+
+int OpenRegistryRoot(const std::string &root, bool create) {
+  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  int fd = open(root.c_str(), kFlags);
+  if (fd >= 0 || errno != ENOENT || !create) {
+    return fd;
+  }
+  for (size_t slash = root.find('/', 1);; slash = root.find('/', slash + 1)) {
+    const std::string part = root.substr(0, slash);
+    if (mkdir(part.c_str(), 0755) == 0) {
+      if (chmod(part.c_str(), 0755) != 0) {
+        return -1;
+      }
+    } else if (errno != EEXIST) {
+      return -1;
+    }
+    if (slash == std::string::npos) {
+      return open(root.c_str(), kFlags);
+    }
+  }
+}
+
+// ---- Public functions ------------------------------------------------------------------------
+
+std::optional<std::string> ResolveObjectName(std::string_view name, std::string_view root) {
+  if (name.empty() || name.size() > 4 * kMaxRelative || name.find('\0') != name.npos) {
+    return std::nullopt;
+  }
+  std::vector<std::string_view> path;
+  auto append = [&path](std::string_view text) {
+    while (!text.empty()) {
+      const size_t slash = text.find('/');
+      const std::string_view component = text.substr(0, slash);
+      if (component == "..") {
+        if (!path.empty()) {
+          path.pop_back();  // above "/" is "/"
+        }
+      } else if (!component.empty() && component != ".") {
+        path.push_back(component);
+      }
+      text = slash == text.npos ? std::string_view() : text.substr(slash + 1);
+    }
+  };
+  append(root);
+  const std::vector<std::string_view> base = path;
+  if (name.front() == '/') {
+    path.clear();
+  }
+  append(name);
+  if (path.size() <= base.size() || !std::equal(base.begin(), base.end(), path.begin())) {
+    return std::nullopt;
+  }
+  std::string relative;
+  for (size_t i = base.size(); i < path.size(); i++) {
+    if (path[i].size() > kMaxComponent || path[i].front() == '.') {
+      return std::nullopt;
+    }
+    if (!relative.empty()) {
+      relative += '/';
+    }
+    relative += path[i];
+  }
+  if (relative.size() > kMaxRelative) {
+    return std::nullopt;
+  }
+  return relative;
+}
+
+std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view root) {
+  const std::optional<std::string> relative = ResolveObjectName(name, root);
+  if (!relative) {
+    return std::nullopt;
+  }
+  Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
+  if (!root_fd) {
+    return std::nullopt;
+  }
+  std::vector<uint8_t> before;
+  for (int look = 1;; look++) {
+    std::optional<std::vector<uint8_t>> file = ReadWhole(root_fd.get(), *relative);
+    if (!file) {
+      return std::nullopt;
+    }
+    std::optional<Head> head = ParseHead(*file);
+    if (!head) {
+      return std::nullopt;  // never changes in place: nothing to wait for
+    }
+    const size_t offsets[2] = {head->header.slots_offset,
+                               size_t{head->header.slots_offset} + head->header.slot_size};
+    int newest = -1;
+    bool torn = false;
+    uint64_t sequence = 0;
+    for (int i = 0; i < 2; i++) {
+      const SlotState state = CheckSlot(*file, *head, offsets[i]);
+      torn = torn || state == SlotState::kBad;
+      if (state == SlotState::kGood) {
+        const auto s = Load<SlotHeader>(&(*file)[offsets[i]]).sequence;
+        if (s > sequence) {
+          sequence = s;
+          newest = i;
+        }
+      }
+    }
+    // One slot torn, and the other may be older than what was complete when we began: while the
+    // first was read, the writer may have gone round. The same bytes twice show that it did not.
+    if (torn && look < kLooks && !(look > 1 && *file == before)) {
+      before = std::move(*file);
+      if (look > 1) {
+        const timespec pause = {0, kLookPauseNs};
+        nanosleep(&pause, nullptr);
+      }
+      continue;
+    }
+    if (newest < 0) {
+      return std::nullopt;
+    }
+    return TakeSlot(*file, std::move(*head), offsets[newest]);
+  }
+}
+
+std::vector<std::string> ListObjects(std::string_view root) {
+  std::vector<std::string> found;
+  Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
+  if (root_fd) {
+    ListDirectory(root_fd.get(), ".", "", 0, found);
+  }
+  std::sort(found.begin(), found.end(), NaturalLess);
+  return found;
+}
+
+// ---- Writing ---------------------------------------------------------------------------------
+
+namespace {
+
+// Header, table and names as they stand in the file; shared by the writers of equal layout, as all
+// rows of a table are.
+struct FileLayout {
+  std::vector<uint8_t> bytes;
+  uint32_t data_size = 0;
+  uint32_t var_count = 0;
+  uint64_t checksum = 0;
+};
+
+std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &variables,
+                                               uint32_t data_size) {
+  size_t names_size = 0;
+  for (const FileVariable &v : variables) {
+    names_size += std::min(v.name.size(), kMaxName);
+  }
+  const size_t names = sizeof(FileHeader) + variables.size() * sizeof(FileDescriptor);
+  auto layout = std::make_shared<FileLayout>();
+  layout->bytes.assign(Padded(names + names_size), 0);
+  FileHeader header = {};
+  memcpy(header.magic, kMagic, sizeof(kMagic));
+  header.version = kVersion;
+  header.var_count = static_cast<uint32_t>(variables.size());
+  header.data_size = data_size;
+  header.names_size = static_cast<uint32_t>(names_size);
+  header.slots_offset = static_cast<uint32_t>(layout->bytes.size());
+  header.slot_size = static_cast<uint32_t>(SlotSize(variables.size(), data_size));
+  size_t name_offset = 0;
+  for (size_t i = 0; i < variables.size(); i++) {
+    const FileVariable &v = variables[i];
+    FileDescriptor d = {};
+    d.size = v.size;
+    d.offset = v.offset;
+    d.name_offset = static_cast<uint32_t>(name_offset);
+    d.name_length = static_cast<uint16_t>(std::min(v.name.size(), kMaxName));
+    d.type = v.type;
+    d.access = v.access;
+    Store(&layout->bytes[sizeof(FileHeader) + i * sizeof(FileDescriptor)], d);
+    if (d.name_length != 0) {
+      memcpy(&layout->bytes[names + name_offset], v.name.data(), d.name_length);
+    }
+    name_offset += d.name_length;
+  }
+  Store(layout->bytes.data(), header);
+  header.checksum = Checksum(layout->bytes.data(), layout->bytes.size(), 0);
+  Store(layout->bytes.data(), header);
+  layout->data_size = data_size;
+  layout->var_count = header.var_count;
+  layout->checksum = header.checksum;
+
+  thread_local std::map<uint64_t, std::weak_ptr<const FileLayout>> known;
+  std::weak_ptr<const FileLayout> &entry = known[layout->checksum];
+  if (std::shared_ptr<const FileLayout> same = entry.lock(); same && same->bytes == layout->bytes) {
+    return same;
+  }
+  entry = layout;
+  return layout;
+}
+
+// Fills one slot's bytes, header included.
+void EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, const uint8_t *data,
+                const uint16_t *lengths) {
+  const size_t lengths_size = 2 * size_t{layout.var_count};
+  const size_t size = SlotSize(layout.var_count, layout.data_size);
+  memset(slot, 0, sizeof(SlotHeader));
+  uint8_t *p = slot + sizeof(SlotHeader);
+  if (lengths_size != 0) {
+    memcpy(p, lengths, lengths_size);
+    memset(p + lengths_size, 0, Padded(lengths_size) - lengths_size);
+  }
+  uint8_t *q = p + Padded(lengths_size);
+  if (layout.data_size != 0) {
+    memcpy(q, data, layout.data_size);
+    memset(q + layout.data_size, 0, Padded(layout.data_size) - layout.data_size);
+  }
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  SlotHeader header = {};
+  header.sequence = sequence;
+  header.published_ns = static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+  const uint64_t sum =
+      Checksum(reinterpret_cast<const uint8_t *>(&header), sizeof(header), layout.checksum);
+  header.checksum = Checksum(p, size - sizeof(SlotHeader), sum);
+  Store(slot, header);
+}
+
+// Which file it is, and that nobody cut it. The time of birth tells a new file that got the inode
+// number of one that was removed.
+struct Identity {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  uint64_t size = 0;
+  int64_t birth_seconds = 0;
+  uint32_t birth_ns = 0;
+  bool operator==(const Identity &) const = default;
+};
+
+int Identify(int fd, Identity *identity) {
+  struct statx st;
+  if (statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO | STATX_SIZE | STATX_BTIME, &st) != 0) {
+    return -1;
+  }
+  if (!S_ISREG(st.stx_mode)) {
+    errno = EINVAL;
+    return -1;
+  }
+  identity->device = (uint64_t{st.stx_dev_major} << 32) | st.stx_dev_minor;
+  identity->inode = st.stx_ino;
+  identity->size = st.stx_size;
+  if ((st.stx_mask & STATX_BTIME) != 0) {
+    identity->birth_seconds = st.stx_btime.tv_sec;
+    identity->birth_ns = st.stx_btime.tv_nsec;
+  }
+  return 0;
+}
+
+int WriteAll(int fd, const uint8_t *bytes, size_t size, off_t offset) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t n = pwrite(fd, bytes + done, size - done, offset + static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      if (n == 0) {
+        errno = ENOSPC;
+      }
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+}  // namespace
+
+struct ObjectFileWriter::State {
+  std::string relative;
+  std::string root;
+  std::shared_ptr<const FileLayout> layout;
+  uint64_t sequence = 0;
+  Identity file;          // of the file that we made; inode 0: none yet
+  uint8_t next_slot = 0;  // the older one
+
+  int Create(const uint8_t *data, const uint16_t *lengths);
+  int CreateIn(int directory, const std::string &leaf, const std::vector<uint8_t> &bytes);
+};
+
+ObjectFileWriter::ObjectFileWriter(std::string relative, std::string root)
+    : state_(new State{std::move(relative), std::move(root), EncodeLayout({}, 0), 0, {}, 0}) {}
+
+ObjectFileWriter::~ObjectFileWriter() {
+  delete state_;
+}
+
+ObjectFileWriter::ObjectFileWriter(ObjectFileWriter &&other) noexcept
+    : state_(std::exchange(other.state_, nullptr)) {}
+
+ObjectFileWriter &ObjectFileWriter::operator=(ObjectFileWriter &&other) noexcept {
+  std::swap(state_, other.state_);
+  return *this;
+}
+
+void ObjectFileWriter::SetLayout(const std::vector<FileVariable> &variables, uint32_t data_size) {
+  std::shared_ptr<const FileLayout> layout = EncodeLayout(variables, data_size);
+  if (layout->bytes != state_->layout->bytes) {
+    state_->file = {};
+  }
+  state_->layout = std::move(layout);
+}
+
+int ObjectFileWriter::State::CreateIn(int directory, const std::string &leaf,
+                                      const std::vector<uint8_t> &bytes) {
+  const std::string temporary = "." + leaf + "." + std::to_string(getpid());
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  Descriptor fd(openat(directory, temporary.c_str(), kFlags, 0600));
+  if (!fd && errno == EEXIST) {
+    // Left over by a process of our number that died just here.
+    if (unlinkat(directory, temporary.c_str(), 0) != 0) {
+      return -1;
+    }
+    fd.Reset(openat(directory, temporary.c_str(), kFlags, 0600));
+  }
+  if (!fd) {
+    return -1;
+  }
+  Identity made;
+  if (fchmod(fd.get(), 0644) != 0 || WriteAll(fd.get(), bytes.data(), bytes.size(), 0) != 0 ||
+      Identify(fd.get(), &made) != 0 ||
+      renameat(directory, temporary.c_str(), directory, leaf.c_str()) != 0) {
+    const int error = errno;
+    unlinkat(directory, temporary.c_str(), 0);
+    errno = error;
+    return -1;
+  }
+  file = made;
+  next_slot = 1;
+  return 0;
+}
+
+int ObjectFileWriter::State::Create(const uint8_t *data, const uint16_t *lengths) {
+  const size_t head = layout->bytes.size();
+  const size_t slot = SlotSize(layout->var_count, layout->data_size);
+  if (head + 2 * slot > kMaxFile || layout->var_count > kMaxVariables ||
+      layout->data_size > kMaxData) {
+    errno = EFBIG;
+    return -1;
+  }
+  std::vector<uint8_t> bytes(head + 2 * slot);
+  memcpy(bytes.data(), layout->bytes.data(), head);
+  EncodeSlot(&bytes[head], *layout, sequence, data, lengths);
+  const auto [parent, leaf] = SplitPath(relative);
+  // The directory, or the whole root, may have been removed since: then both are made again.
+  for (int attempt = 0;; attempt++) {
+    const int root_fd = CachedRoot(root, attempt > 0);
+    if (root_fd < 0) {
+      return -1;
+    }
+    if (parent.empty() || MakeDirectories(root_fd, parent) == 0) {
+      Descriptor directory(OpenBeneath(root_fd, parent, O_PATH | O_DIRECTORY));
+      if (directory && CreateIn(directory.get(), leaf, bytes) == 0) {
+        return 0;
+      }
+    }
+    if (errno != ENOENT || attempt > 0) {
+      return -1;
+    }
+  }
+}
+
+int ObjectFileWriter::Publish(const uint8_t *data, const uint16_t *lengths) {
+  State &s = *state_;
+  s.sequence++;
+  if (s.file.inode != 0) {
+    const int root_fd = CachedRoot(s.root, false);
+    Descriptor fd(OpenBeneath(root_fd, s.relative, O_WRONLY | O_NONBLOCK | O_NOCTTY));
+    if (!fd && (errno == EMFILE || errno == ENFILE || errno == EROFS || errno == EACCES ||
+                errno == EPERM || errno == EIO)) {
+      return -1;
+    }
+    Identity found;
+    if (fd && Identify(fd.get(), &found) == 0 && found == s.file) {
+      const size_t head = s.layout->bytes.size();
+      const size_t size = SlotSize(s.layout->var_count, s.layout->data_size);
+      thread_local std::vector<uint8_t> slot;
+      slot.resize(size);
+      EncodeSlot(slot.data(), *s.layout, s.sequence, data, lengths);
+      if (WriteAll(fd.get(), slot.data(), size, static_cast<off_t>(head + s.next_slot * size)) !=
+          0) {
+        return -1;  // the other slot stands; this one is the next to be filled again
+      }
+      s.next_slot ^= 1;
+      return 0;
+    }
+    // Somebody removed, replaced or cut it.
+  }
+  return s.Create(data, lengths);
+}
+
+int ObjectFileWriter::Remove() {
+  State &s = *state_;
+  s.file = {};
+  const auto [parent, leaf] = SplitPath(s.relative);
+  Descriptor root_fd(OpenRegistryRoot(s.root, false));
+  Descriptor directory(root_fd ? OpenBeneath(root_fd.get(), parent, O_PATH | O_DIRECTORY) : -1);
+  if (!directory || unlinkat(directory.get(), leaf.c_str(), 0) != 0) {
+    return errno == ENOENT ? 0 : -1;
+  }
+  return 0;
+}
+
+}  // namespace vex

@@ -1,0 +1,527 @@
+#include "framework/registry_file.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "tests/unit/framework/temp_registry.h"
+
+namespace vex {
+namespace {
+
+namespace fs = std::filesystem;
+
+// An integer, a string and octets; the data block holds 8 bytes of private state behind them.
+std::vector<FileVariable> ThreeVariables() {
+  return {{"exampleCount", 1, 2, 4, 0, 4},
+          {"exampleName", 2, 0, 33, 4, 33},
+          {"exampleDate", 3, 2, 7, 37, 7}};
+}
+constexpr uint32_t kDataSize = 52;
+
+// A state that is told from every other by each of its bytes.
+std::vector<uint8_t> State(uint8_t n) {
+  return std::vector<uint8_t>(kDataSize, n);
+}
+
+class RegistryFile : public testing::Test {
+ protected:
+  ObjectFileWriter Writer(const std::string &name) {
+    ObjectFileWriter writer(name, registry_.root());
+    writer.SetLayout(ThreeVariables(), kDataSize);
+    return writer;
+  }
+  int Publish(ObjectFileWriter &writer, uint8_t n) {
+    const uint16_t lengths[3] = {4, 33, static_cast<uint16_t>(n % 8)};
+    return writer.Publish(State(n).data(), lengths);
+  }
+  std::optional<FileObject> Read(const std::string &name) {
+    return ReadObjectFile(name, registry_.root());
+  }
+  // The state that stands in the file, -1 when it reads as absent.
+  int Value(const std::string &name) {
+    const std::optional<FileObject> object = Read(name);
+    if (!object) {
+      return -1;
+    }
+    EXPECT_EQ(object->data, State(object->data[0]));
+    return object->data[0];
+  }
+
+  TempRegistry registry_;
+};
+
+TEST(ResolveObjectName, GoesByTheTextAlone) {
+  struct {
+    const char *name;
+    const char *relative;  // null: outside
+  } const table[] = {
+      {"host/cpu.0", "host/cpu.0"},
+      {"misc", "misc"},
+      {"/var/spool/quorix/kelmo/registry/host/cpu.0", "host/cpu.0"},
+      {"../../kelmo/registry/stdeq/misc", "stdeq/misc"},
+      {"../registry/a", "a"},
+      {"host/../stdeq/./misc", "stdeq/misc"},
+      {"//host///cpu.0/", nullptr},
+      {"host///cpu.0/", "host/cpu.0"},
+      {"/var/spool/../spool/quorix/kelmo/registry/x", "x"},
+      {"../../../../../../../../var/spool/quorix/kelmo/registry/x", "x"},
+      {"host/../../registry/host/x", "host/x"},
+      {"", nullptr},
+      {".", nullptr},
+      {"/", nullptr},
+      {"..", nullptr},
+      {"host/..", nullptr},
+      {"/var/spool/quorix/kelmo/registry", nullptr},
+      {"/var/spool/quorix/kelmo/registry/", nullptr},
+      {"/var/spool/quorix/kelmo/registry/../registry2/x", nullptr},
+      {"/var/spool/quorix/kelmo/registry2/x", nullptr},
+      {"../../../etc/passwd", nullptr},
+      {"/etc/passwd", nullptr},
+      {"../../kelmo/other/misc", nullptr},
+      {"host/.cpu.0.77", nullptr},  // a writer's temporary file
+      {".hidden/x", nullptr},
+      {"...", nullptr},
+  };
+  for (const auto &row : table) {
+    const std::optional<std::string> relative = ResolveObjectName(row.name);
+    if (row.relative == nullptr) {
+      EXPECT_FALSE(relative) << row.name << " -> " << *relative;
+    } else {
+      ASSERT_TRUE(relative) << row.name;
+      EXPECT_EQ(*relative, row.relative) << row.name;
+    }
+  }
+  EXPECT_FALSE(ResolveObjectName(std::string_view("host/a\0b", 8)));
+  EXPECT_FALSE(ResolveObjectName("host/" + std::string(201, 'a')));
+  EXPECT_TRUE(ResolveObjectName("host/" + std::string(200, 'a')));
+  std::string deep = "x";
+  while (deep.size() <= 1024) {
+    deep += "/yyyyyyyyyyyyyyy";
+  }
+  EXPECT_FALSE(ResolveObjectName(deep));
+  EXPECT_EQ(ResolveObjectName("/tmp/r/a/b", "/tmp/r"), "a/b");
+  EXPECT_EQ(ResolveObjectName("a", "/tmp/r/"), "a");
+  EXPECT_FALSE(ResolveObjectName("../../kelmo/registry/a", "/tmp/r"));
+}
+
+TEST_F(RegistryFile, ReadsBackWhatWasPublished) {
+  ObjectFileWriter writer = Writer("host/cpu.0");
+  EXPECT_FALSE(Read("host/cpu.0"));
+  timespec before;
+  clock_gettime(CLOCK_REALTIME, &before);
+  for (uint8_t n = 1; n <= 20; n++) {
+    ASSERT_EQ(Publish(writer, n), 0) << strerror(errno);
+    const std::optional<FileObject> object = Read("host/cpu.0");
+    ASSERT_TRUE(object);
+    EXPECT_EQ(object->data, State(n));
+    EXPECT_EQ(object->sequence, n);
+    EXPECT_GE(object->published_ns / 1'000'000'000, before.tv_sec);
+    ASSERT_EQ(object->variables.size(), 3u);
+    EXPECT_EQ(object->variables[0].name, "exampleCount");
+    EXPECT_EQ(object->variables[0].type, 1);
+    EXPECT_EQ(object->variables[0].access, 2);
+    EXPECT_EQ(object->variables[1].name, "exampleName");
+    EXPECT_EQ(object->variables[1].access, 0);
+    EXPECT_EQ(object->variables[1].size, 33u);
+    EXPECT_EQ(object->variables[1].offset, 4u);
+    EXPECT_EQ(object->variables[2].offset, 37u);
+    EXPECT_EQ(object->variables[2].length, n % 8);
+  }
+}
+
+TEST_F(RegistryFile, AnObjectMayHaveNoVariablesOrNoData) {
+  ObjectFileWriter block("stdeq/block", registry_.root());
+  block.SetLayout({}, 5);
+  ASSERT_EQ(block.Publish(reinterpret_cast<const uint8_t *>("12345"), nullptr), 0);
+  std::optional<FileObject> object = Read("stdeq/block");
+  ASSERT_TRUE(object);
+  EXPECT_EQ(object->data, (std::vector<uint8_t>{'1', '2', '3', '4', '5'}));
+  EXPECT_TRUE(object->variables.empty());
+
+  ObjectFileWriter nothing("stdeq/nothing", registry_.root());
+  nothing.SetLayout({}, 0);
+  ASSERT_EQ(nothing.Publish(nullptr, nullptr), 0);
+  object = Read("stdeq/nothing");
+  ASSERT_TRUE(object);
+  EXPECT_TRUE(object->data.empty());
+}
+
+TEST_F(RegistryFile, TakesAbsoluteAndClimbingNames) {
+  ObjectFileWriter writer = Writer("stdeq/misc");
+  ASSERT_EQ(Publish(writer, 9), 0);
+  EXPECT_EQ(Value(registry_.Path("stdeq/misc")), 9);
+  EXPECT_EQ(Value("../../spool/registry/stdeq/misc"), 9);
+  EXPECT_EQ(Value("../stdeq/misc"), -1);
+}
+
+TEST_F(RegistryFile, IsReadableByEverybodyWhateverTheUmask) {
+  fs::remove_all(registry_.root());
+  const mode_t mask = umask(077);
+  ObjectFileWriter writer = Writer("a/b/c");
+  EXPECT_EQ(Publish(writer, 1), 0);
+  umask(mask);
+  struct stat st;
+  ASSERT_EQ(stat(registry_.Path("a/b/c").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+  for (const char *directory : {"", "a", "a/b"}) {
+    ASSERT_EQ(stat(registry_.Path(directory).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u) << directory;
+  }
+}
+
+TEST_F(RegistryFile, CutAtEveryLengthReadsAsAbsentOrAnOlderState) {
+  for (int states = 1; states <= 3; states++) {
+    ObjectFileWriter writer = Writer("stdeq/misc");
+    for (int n = 1; n <= states; n++) {
+      ASSERT_EQ(Publish(writer, static_cast<uint8_t>(n)), 0);
+    }
+    const std::vector<uint8_t> whole = ReadBytes(registry_.Path("stdeq/misc"));
+    int older = 0;
+    for (size_t length = 0; length < whole.size(); length++) {
+      WriteBytes(registry_.Path("stdeq/misc"), {whole.begin(), whole.begin() + length});
+      const int value = Value("stdeq/misc");
+      // Slot 0 holds the odd states.
+      EXPECT_TRUE(value == -1 || value == (states == 2 ? 1 : states)) << length << ": " << value;
+      older += value != -1;
+    }
+    EXPECT_GT(older, 0);
+    WriteBytes(registry_.Path("stdeq/misc"), whole);
+    EXPECT_EQ(Value("stdeq/misc"), states);
+    std::vector<uint8_t> longer = whole;
+    longer.push_back(0);
+    WriteBytes(registry_.Path("stdeq/misc"), longer);
+    EXPECT_EQ(Value("stdeq/misc"), -1);
+    fs::remove(registry_.Path("stdeq/misc"));
+  }
+}
+
+TEST_F(RegistryFile, AnyChangedBitReadsAsAbsentOrTheOlderState) {
+  ObjectFileWriter writer = Writer("stdeq/misc");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  ASSERT_EQ(Publish(writer, 2), 0);
+  const std::vector<uint8_t> whole = ReadBytes(registry_.Path("stdeq/misc"));
+  for (size_t bit = 0; bit < 8 * whole.size(); bit++) {
+    std::vector<uint8_t> bytes = whole;
+    bytes[bit / 8] ^= static_cast<uint8_t>(1 << (bit % 8));
+    WriteBytes(registry_.Path("stdeq/misc"), bytes);
+    const int value = Value("stdeq/misc");
+    EXPECT_TRUE(value == -1 || value == 1 || value == 2) << "bit " << bit << ": " << value;
+  }
+}
+
+TEST_F(RegistryFile, RandomBytesBehindTheMagicReadAsAbsent) {
+  ObjectFileWriter writer = Writer("stdeq/misc");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  const std::vector<uint8_t> whole = ReadBytes(registry_.Path("stdeq/misc"));
+  std::mt19937 random(7);
+  for (int i = 0; i < 2000; i++) {
+    std::vector<uint8_t> bytes(8 + random() % 400);
+    for (uint8_t &b : bytes) {
+      b = static_cast<uint8_t>(random());
+    }
+    std::copy_n(whole.begin(), i % 2 == 0 ? 12 : 8, bytes.begin());
+    WriteBytes(registry_.Path("stdeq/misc"), bytes);
+    EXPECT_EQ(Value("stdeq/misc"), -1);
+  }
+}
+
+TEST_F(RegistryFile, OnlyRegularFilesBelowTheRootAreRead) {
+  ObjectFileWriter writer = Writer("host/real");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  fs::create_symlink("real", registry_.Path("host/link"));
+  EXPECT_FALSE(Read("host/link"));
+  fs::create_directory_symlink("host", registry_.Path("alias"));
+  EXPECT_FALSE(Read("alias/real"));
+  ASSERT_EQ(mkfifo(registry_.Path("host/fifo").c_str(), 0600), 0);
+  EXPECT_FALSE(Read("host/fifo"));  // and does not wait for a writer
+  EXPECT_FALSE(Read("host"));
+  EXPECT_FALSE(Read("host/real/x"));
+  EXPECT_FALSE(Read("nowhere/x"));
+  // Too large to be an object, whatever it begins with.
+  fs::copy_file(registry_.Path("host/real"), registry_.Path("host/large"));
+  ASSERT_EQ(truncate(registry_.Path("host/large").c_str(), (4 << 20) + 1), 0);
+  EXPECT_FALSE(Read("host/large"));
+  EXPECT_EQ(Value("host/real"), 1);
+}
+
+TEST_F(RegistryFile, TheRootItselfMayBeReachedThroughALink) {
+  fs::create_directory_symlink(registry_.root(), registry_.base() + "/alias");
+  ObjectFileWriter writer("host/a", registry_.base() + "/alias");
+  writer.SetLayout(ThreeVariables(), kDataSize);
+  ASSERT_EQ(Publish(writer, 3), 0);
+  EXPECT_EQ(Value("host/a"), 3);
+}
+
+TEST_F(RegistryFile, WritersDoNotFollowLinksEither) {
+  ObjectFileWriter victim = Writer("host/victim");
+  ASSERT_EQ(Publish(victim, 1), 0);
+  ObjectFileWriter writer = Writer("host/a");
+  ASSERT_EQ(Publish(writer, 2), 0);
+  fs::remove(registry_.Path("host/a"));
+  fs::create_symlink("victim", registry_.Path("host/a"));
+  ASSERT_EQ(Publish(writer, 3), 0);
+  EXPECT_EQ(Value("host/victim"), 1);
+  EXPECT_EQ(Value("host/a"), 3);
+  EXPECT_FALSE(fs::is_symlink(registry_.Path("host/a")));
+
+  fs::create_directory(registry_.base() + "/outside");
+  fs::create_directory_symlink(registry_.base() + "/outside", registry_.Path("sub"));
+  ObjectFileWriter through = Writer("sub/a");
+  EXPECT_EQ(Publish(through, 4), -1);
+  EXPECT_TRUE(fs::is_empty(registry_.base() + "/outside"));
+}
+
+TEST_F(RegistryFile, AppearsAgainWhateverHappenedToTheFile) {
+  ObjectFileWriter writer = Writer("host/a");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  fs::remove(registry_.Path("host/a"));
+  ASSERT_EQ(Publish(writer, 2), 0);
+  EXPECT_EQ(Value("host/a"), 2);
+  fs::remove_all(registry_.Path("host"));
+  ASSERT_EQ(Publish(writer, 3), 0);
+  EXPECT_EQ(Value("host/a"), 3);
+  fs::remove_all(registry_.root());
+  ASSERT_EQ(Publish(writer, 4), 0);
+  EXPECT_EQ(Value("host/a"), 4);
+  ASSERT_EQ(truncate(registry_.Path("host/a").c_str(), 10), 0);
+  ASSERT_EQ(Publish(writer, 5), 0);
+  EXPECT_EQ(Value("host/a"), 5);
+  // Another agent puts its own there, of another layout, also under the inode number of ours.
+  for (const bool unlink_first : {false, true}) {
+    if (unlink_first) {
+      fs::remove(registry_.Path("host/a"));
+    }
+    ObjectFileWriter other("host/a", registry_.root());
+    other.SetLayout({{"x", 1, 2, 4, 0, 4}}, 4);
+    const uint16_t length = 4;
+    ASSERT_EQ(other.Publish(reinterpret_cast<const uint8_t *>("abcd"), &length), 0);
+    ASSERT_EQ(Publish(writer, 6), 0);
+    EXPECT_EQ(Value("host/a"), 6);
+  }
+  // Its sequence goes on over all this.
+  EXPECT_EQ(Read("host/a")->sequence, 7u);
+  fs::remove(registry_.Path("host/a"));
+  fs::create_directory(registry_.Path("host/a"));
+  EXPECT_EQ(Publish(writer, 8), -1);
+  fs::remove(registry_.Path("host/a"));
+  EXPECT_EQ(Publish(writer, 9), 0);
+  EXPECT_EQ(Value("host/a"), 9);
+  EXPECT_EQ(std::distance(fs::directory_iterator(registry_.Path("host")), {}), 1);
+}
+
+TEST_F(RegistryFile, AChangedLayoutReplacesTheFile) {
+  ObjectFileWriter writer = Writer("host/a");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  struct stat first;
+  struct stat second;
+  ASSERT_EQ(stat(registry_.Path("host/a").c_str(), &first), 0);
+  writer.SetLayout(ThreeVariables(), kDataSize);  // the same again
+  ASSERT_EQ(Publish(writer, 2), 0);
+  ASSERT_EQ(stat(registry_.Path("host/a").c_str(), &second), 0);
+  EXPECT_EQ(first.st_ino, second.st_ino);
+  writer.SetLayout({{"other", 1, 2, 4, 0, 4}}, kDataSize);
+  const uint16_t length = 4;
+  ASSERT_EQ(writer.Publish(State(3).data(), &length), 0);
+  const std::optional<FileObject> object = Read("host/a");
+  ASSERT_TRUE(object);
+  ASSERT_EQ(object->variables.size(), 1u);
+  EXPECT_EQ(object->variables[0].name, "other");
+  EXPECT_EQ(object->data, State(3));
+}
+
+TEST_F(RegistryFile, RemoveIsQuietWhenThereIsNothing) {
+  ObjectFileWriter writer = Writer("host/a");
+  EXPECT_EQ(writer.Remove(), 0);
+  ASSERT_EQ(Publish(writer, 1), 0);
+  EXPECT_EQ(writer.Remove(), 0);
+  EXPECT_FALSE(fs::exists(registry_.Path("host/a")));
+  EXPECT_EQ(writer.Remove(), 0);
+  ASSERT_EQ(Publish(writer, 2), 0);
+  EXPECT_EQ(Value("host/a"), 2);
+  fs::remove_all(registry_.root());
+  EXPECT_EQ(writer.Remove(), 0);
+}
+
+TEST_F(RegistryFile, AFullDiskLeavesTheStateBefore) {
+  ObjectFileWriter writer = Writer("host/a");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  ASSERT_EQ(Publish(writer, 2), 0);
+  ASSERT_EQ(Publish(writer, 3), 0);
+  // The next goes to slot 1, which then no longer fits wholly.
+  rlimit old;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+  auto *const handler = signal(SIGXFSZ, SIG_IGN);
+  rlimit less = old;
+  less.rlim_cur = static_cast<rlim_t>(fs::file_size(registry_.Path("host/a")) - 20);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &less), 0);
+  const int result = Publish(writer, 4);
+  const int second = Publish(writer, 5);
+  less.rlim_cur = 0;
+  setrlimit(RLIMIT_FSIZE, &less);
+  ObjectFileWriter fresh = Writer("host/fresh");
+  const int third = Publish(fresh, 1);
+  setrlimit(RLIMIT_FSIZE, &old);
+  signal(SIGXFSZ, handler);
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(second, -1);
+  EXPECT_EQ(third, -1);
+  EXPECT_EQ(Value("host/a"), 3);
+  EXPECT_FALSE(fs::exists(registry_.Path("host/fresh")));
+  EXPECT_EQ(std::distance(fs::directory_iterator(registry_.Path("host")), {}), 1);
+  ASSERT_EQ(Publish(writer, 6), 0);
+  EXPECT_EQ(Value("host/a"), 6);
+}
+
+TEST_F(RegistryFile, TooLargeIsRefused) {
+  ObjectFileWriter writer("host/a", registry_.root());
+  writer.SetLayout({}, (1 << 20) + 1);
+  const std::vector<uint8_t> data((1 << 20) + 1);
+  EXPECT_EQ(writer.Publish(data.data(), nullptr), -1);
+  EXPECT_EQ(errno, EFBIG);
+  writer.SetLayout({}, 1 << 20);
+  EXPECT_EQ(writer.Publish(data.data(), nullptr), 0);
+  EXPECT_TRUE(Read("host/a"));
+}
+
+TEST_F(RegistryFile, ManyWritersShareOneDescriptor) {
+  auto descriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  std::vector<ObjectFileWriter> writers;
+  for (int i = 0; i < 300; i++) {
+    writers.push_back(Writer("host/row." + std::to_string(i)));
+  }
+  ASSERT_EQ(Publish(writers[0], 1), 0);
+  const auto before = descriptors();
+  for (ObjectFileWriter &writer : writers) {
+    ASSERT_EQ(Publish(writer, 1), 0);
+    ASSERT_EQ(Publish(writer, 2), 0);
+  }
+  EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(RegistryFile, ListsObjectsInOrderAndNothingElse) {
+  for (const char *name :
+       {"host/cpu.10", "host/cpu.2", "host/cpu.1", "host/memory", "a", "stdeq/misc"}) {
+    ObjectFileWriter writer = Writer(name);
+    ASSERT_EQ(Publish(writer, 1), 0);
+  }
+  WriteBytes(registry_.Path("role.dat"), {'w', 'e', 'b', ' ', 's', 'e', 'r', 'v', 'e', 'r'});
+  WriteBytes(registry_.Path("short.dat"), {'x'});
+  fs::copy_file(registry_.Path("a"), registry_.Path("host/.a.123"));
+  fs::create_symlink("cpu.1", registry_.Path("host/link"));
+  ASSERT_EQ(mkfifo(registry_.Path("host/fifo").c_str(), 0600), 0);
+  fs::create_directory_symlink("host", registry_.Path("alias"));
+  EXPECT_EQ(ListObjects(registry_.root()),
+            (std::vector<std::string>{"a", "host/cpu.1", "host/cpu.2", "host/cpu.10", "host/memory",
+                                      "stdeq/misc"}));
+  EXPECT_TRUE(ListObjects(registry_.base() + "/nowhere").empty());
+}
+
+// ---- Readers beside a writer in another process ------------------------------------------------
+
+// Data large enough for an update to be caught half way: a counter, repeated.
+constexpr size_t kWords = 4096;
+
+std::vector<uint8_t> Counter(uint64_t n) {
+  std::vector<uint8_t> data(8 * kWords);
+  for (size_t i = 0; i < kWords; i++) {
+    memcpy(&data[8 * i], &n, 8);
+  }
+  return data;
+}
+
+// Publishes one state after the other, from the one after that in the file, until it is killed.
+[[noreturn]] void PublishForever(const std::string &root) {
+  uint64_t n = 0;
+  if (const std::optional<FileObject> last = ReadObjectFile("host/count", root)) {
+    memcpy(&n, last->data.data(), 8);
+  }
+  ObjectFileWriter writer("host/count", root);
+  writer.SetLayout({{"count", 3, 2, 8, 0, 8}}, 8 * kWords);
+  const uint16_t length = 8;
+  for (;;) {
+    n++;
+    if (writer.Publish(Counter(n).data(), &length) != 0) {
+      _exit(1);
+    }
+  }
+}
+
+// Reads the counter; checks that it is whole and not before `last`.
+uint64_t Watch(const std::string &root, uint64_t last) {
+  const std::optional<FileObject> object = ReadObjectFile("host/count", root);
+  if (!object) {
+    EXPECT_EQ(last, 0u) << "it was there";
+    return last;
+  }
+  uint64_t n = 0;
+  memcpy(&n, object->data.data(), 8);
+  EXPECT_EQ(object->data, Counter(n)) << "a mixture";
+  EXPECT_GE(n, last) << "backwards";
+  return n;
+}
+
+TEST(RegistryFileProcess, AReaderNeverSeesAMixtureOrGoesBackwards) {
+  TempRegistry registry;
+  const pid_t writer = fork();
+  ASSERT_GE(writer, 0);
+  if (writer == 0) {
+    PublishForever(registry.root());
+  }
+  uint64_t last = 0;
+  timespec begin;
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &begin);
+  do {
+    last = Watch(registry.root(), last);
+    clock_gettime(CLOCK_MONOTONIC, &now);
+  } while (now.tv_sec - begin.tv_sec < 2 && !testing::Test::HasFailure());
+  kill(writer, SIGKILL);
+  int status;
+  ASSERT_EQ(waitpid(writer, &status, 0), writer);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_GT(last, 1000u);
+}
+
+TEST(RegistryFileProcess, AWriterKilledAThousandTimesLeavesAWholeState) {
+  TempRegistry registry;
+  std::mt19937 random(42);
+  uint64_t last = 0;
+  for (int round = 0; round < 1000 && !testing::Test::HasFailure(); round++) {
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+      PublishForever(registry.root());
+    }
+    // Killed at any moment, from before its first publication on, while we read.
+    const long until_ns = static_cast<long>(random() % 2'000'000);
+    timespec begin;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &begin);
+    do {
+      last = Watch(registry.root(), last);
+      clock_gettime(CLOCK_MONOTONIC, &now);
+    } while ((now.tv_sec - begin.tv_sec) * 1'000'000'000 + now.tv_nsec - begin.tv_nsec < until_ns);
+    kill(writer, SIGKILL);
+    int status;
+    ASSERT_EQ(waitpid(writer, &status, 0), writer);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    last = Watch(registry.root(), last);
+  }
+  EXPECT_GT(last, 1000u);
+}
+
+}  // namespace
+}  // namespace vex
