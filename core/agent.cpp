@@ -4,6 +4,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "monitors/cpu.h"
+#include "monitors/memory.h"
 #include "platform/framework.h"
 
 // Exported for the framework, which finds them by these names.
@@ -31,20 +33,20 @@ static int without_flag(int) {
 // The first failure ends start-up. An empty row is a group that is not built yet.
 static const collector start_order[] = {
     nullptr,  // file systems
-    nullptr,  // memory
+    without_flag<do_memory>,
     nullptr,  // OS identity
     nullptr,  // misc
     nullptr,  // software
-    nullptr,  // CPU
+    do_cpu,
     nullptr,  // appliance
     nullptr,  // firmware
 };
 
 // The first failure ends the poll's refresh.
 static const collector poll_order[] = {
-    nullptr,  // CPU
+    do_cpu,
     nullptr,  // file systems
-    nullptr,  // memory
+    without_flag<do_memory>,
     nullptr,  // OS identity
     nullptr,  // misc
     nullptr,  // software

@@ -1,0 +1,258 @@
+#include "monitors/cpu.h"
+
+#include <ctype.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <time.h>
+
+#include "core/util.h"
+#include "core/variables.h"
+#include "platform/framework.h"
+
+// ---- Data block -----------------------------------------------------------------------------
+
+enum ring_of { MINUTE, FIVE_MINUTES, THIRTY_MINUTES, HOUR, RINGS };
+
+// The longest that each ring can be, and where its samples begin.
+static constexpr uint32_t ring_room[RINGS] = {60, 5, 30, 60};
+static constexpr uint32_t ring_start[RINGS] = {0, 60, 65, 95};
+static constexpr uint32_t all_samples = 155;
+
+struct [[gnu::packed]] averaging_ring {
+  uint32_t position;  // of the next sample
+  uint32_t length;
+  uint32_t count;  // samples ever written
+  uint64_t start;  // of the ring's samples in the block's
+};
+
+struct [[gnu::packed]] cpu_block {
+  int32_t index;
+  int32_t average[RINGS];  // per cent; -1 until known
+  char location[256];
+  // Private from here on.
+  averaging_ring ring[RINGS];
+  uint32_t samples[all_samples];
+};
+static_assert(offsetof(cpu_block, average) == 4);
+static_assert(offsetof(cpu_block, location) == 20);
+static_assert(offsetof(cpu_block, ring) == 276);
+static_assert(offsetof(cpu_block, samples) == 356);
+static_assert(sizeof(cpu_block) == 976);
+
+// ---- Variables ------------------------------------------------------------------------------
+
+static constexpr variable variables[] = {
+    {"tlxHoCpuUtilUnitIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
+    {"tlxHoCpuUtilMin", 4, VAR_INTEGER, ACCESS_READ_ONLY, 4, nullptr},
+    {"tlxHoCpuUtilFiveMin", 4, VAR_INTEGER, ACCESS_READ_ONLY, 8, nullptr},
+    {"tlxHoCpuUtilThirtyMin", 4, VAR_INTEGER, ACCESS_READ_ONLY, 12, nullptr},
+    {"tlxHoCpuUtilHour", 4, VAR_INTEGER, ACCESS_READ_ONLY, 16, nullptr},
+    {"tlxHoCpuUtilHwLocation", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
+     offsetof(cpu_block, location), nullptr},
+};
+static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
+
+// ---- State ----------------------------------------------------------------------------------
+
+static constexpr char stat_path[] = "/proc/stat";
+static constexpr int line_size = 256;
+// A long average is -1 until its time has passed, in seconds since the rows were created.
+static constexpr time_t known_after[RINGS] = {0, 300, 1800, 3600};
+
+static bool uncounted = true;
+static int processors;       // counted once: those that come or go later are not noticed
+static cpu_sample *current;  // one sample a processor
+static cpu_sample *previous;
+static size_t samples_size;  // bytes of each of the two
+static time_t created;
+
+// ---- Reading --------------------------------------------------------------------------------
+
+static bool is_cpu_line(const char *line) {
+  return strncasecmp(line, "cpu", 3) == 0;
+}
+
+bool is_processor_line(const char *line) {
+  return is_cpu_line(line) && isspace(static_cast<unsigned char>(line[3])) == 0;
+}
+
+void parse_cpu_line(const char *line, cpu_sample *sample) {
+  const char *numbers = line + 3;
+  while (*numbers != '\0' && isspace(static_cast<unsigned char>(*numbers)) == 0) {
+    numbers++;
+  }
+  unsigned long long user = sample->user;
+  unsigned long long nice;
+  unsigned long long system = sample->system;
+  unsigned long long idle = sample->idle;
+  sscanf(numbers, "%llu %llu %llu %llu", &user, &nice, &system, &idle);
+  *sample = {.idle = idle, .user = user, .system = system, .nice = 0};
+}
+
+// Counts the processors and makes room for their samples. 0, also when /proc/stat cannot be opened
+// (the next call tries again), or -1 without memory.
+static int count_processors() {
+  const file_handle stat(fopen(stat_path, "r"));
+  if (!stat) {
+    return 0;
+  }
+  int count = 0;
+  char line[line_size];
+  while (fgets(line, sizeof(line), stat.get()) != nullptr) {
+    count += is_processor_line(line);
+  }
+  processors = count == 0 ? 1 : count;
+  uncounted = false;
+  if (current == nullptr && previous == nullptr) {
+    const auto n = static_cast<size_t>(processors);
+    samples_size = n * sizeof(cpu_sample);
+    current = static_cast<cpu_sample *>(calloc(n, sizeof(cpu_sample)));
+    previous = static_cast<cpu_sample *>(calloc(n, sizeof(cpu_sample)));
+  }
+  return current == nullptr || previous == nullptr ? -1 : 0;
+}
+
+// With one processor its own line is not looked for: the first line, which sums up all of them,
+// says the same.
+static void take_samples() {
+  const file_handle stat(fopen(stat_path, "r"));
+  if (!stat) {
+    return;
+  }
+  int n = 0;
+  char line[line_size];
+  while (n < processors && fgets(line, sizeof(line), stat.get()) != nullptr) {
+    if (processors == 1 ? is_cpu_line(line) : is_processor_line(line)) {
+      parse_cpu_line(line, &current[n++]);
+    }
+  }
+}
+
+static int sample_processors() {
+  if (uncounted && count_processors() != 0) {
+    return -1;
+  }
+  take_samples();
+  return 0;
+}
+
+// ---- Computing ------------------------------------------------------------------------------
+
+static uint64_t ticks(const cpu_sample &s) {
+  return s.idle + s.user + s.system + s.nice;
+}
+
+int32_t cpu_utilisation(const cpu_sample &now, const cpu_sample &before) {
+  const uint64_t total = ticks(now) - ticks(before);
+  if (total == 0) {
+    return 0;
+  }
+  const uint64_t busy = total - (now.idle - before.idle) - (now.nice - before.nice);
+  const long double share =
+      static_cast<long double>(busy) * 100 / static_cast<long double>(total) + 0.5L;
+  return share >= INT32_MAX ? INT32_MAX : static_cast<int32_t>(share);
+}
+
+// Adds a sample to a ring. Returns the average of those that the ring then holds.
+static int32_t add_sample(cpu_block *block, int which, int32_t value) {
+  averaging_ring &ring = block->ring[which];
+  block->samples[ring.start + ring.position] = static_cast<uint32_t>(value);
+  ring.count++;
+  const uint32_t held = ring.count < ring.length ? ring.count : ring.length;
+  uint64_t sum = 0;
+  for (uint32_t i = 0; i < held; i++) {
+    sum += block->samples[ring.start + i];
+  }
+  ring.position = ring.position + 1 >= ring.length ? 0 : ring.position + 1;
+  return static_cast<int32_t>(sum / held);
+}
+
+static void take_utilisation(cpu_block *block, int32_t utilisation) {
+  block->average[MINUTE] = add_sample(block, MINUTE, utilisation);
+  // Once a turn of the minute ring, which is about once a minute. A ring of one place never gets
+  // there: with a poll period above 30 seconds the long averages stay unknown, which is wanted.
+  if (block->ring[MINUTE].position != 1) {
+    return;
+  }
+  const time_t age = time(nullptr) - created;
+  for (int which = FIVE_MINUTES; which < RINGS; which++) {
+    const int32_t average = add_sample(block, which, block->average[MINUTE]);
+    block->average[which] = age < known_after[which] ? -1 : average;
+  }
+}
+
+// ---- Publishing -----------------------------------------------------------------------------
+
+static uint32_t minute_length() {
+  const uint32_t period = poll_time < 1 ? 1 : static_cast<uint32_t>(poll_time);
+  return period > ring_room[MINUTE] ? 1 : ring_room[MINUTE] / period;
+}
+
+static int create_row(int n) {
+  char name[sizeof(log_dir) + sizeof("/cpu.") + 11];
+  snprintf(name, sizeof(name), "%s/%s.%d", log_dir, "cpu", n);
+  registry_object *object =
+      create_obj(&obj_Q, get_id(), name, 1, sizeof(cpu_block), variable_count);
+  if (object == nullptr) {
+    return -1;
+  }
+  auto *block = reinterpret_cast<cpu_block *>(object->data);
+  memset(block, 0, sizeof(*block));
+  block->index = n;
+  for (int which = 0; which < RINGS; which++) {
+    block->average[which] = -1;
+    block->ring[which].length = which == MINUTE ? minute_length() : ring_room[which];
+    block->ring[which].start = ring_start[which];
+  }
+  define_variables(object, variables);
+  log_data(object);
+  return 0;
+}
+
+static int update_row(int n) {
+  const int32_t utilisation = cpu_utilisation(current[n], previous[n]);
+  char name[32];
+  snprintf(name, sizeof(name), "%s/cpu.%d", "host", n);
+  registry_object *object = find_obj(&obj_Q, 0, name);
+  if (object == nullptr) {
+    return -1;
+  }
+  take_utilisation(reinterpret_cast<cpu_block *>(object->data), utilisation);
+  log_data(object);
+  return 0;
+}
+
+static int create_rows() {
+  for (int n = 0; n < processors; n++) {
+    if (create_row(n) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// ---- Entry point ----------------------------------------------------------------------------
+
+int do_cpu(int start_up) {
+  if (sample_processors() != 0) {
+    return -1;
+  }
+  if (start_up != 0) {
+    created = time(nullptr);
+    if (create_rows() != 0) {
+      return -1;
+    }
+  }
+  for (int n = 0; n < processors; n++) {
+    if (update_row(n) != 0) {
+      return -1;
+    }
+  }
+  if (samples_size != 0) {
+    memcpy(previous, current, samples_size);
+  }
+  return 0;
+}

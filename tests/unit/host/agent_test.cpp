@@ -1,0 +1,217 @@
+// Options, start-up, poll and end, as the framework's hooks.
+#include <getopt.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/recording_framework.h"
+
+namespace {
+
+// A machine on which every group can be built.
+class Agent : public testing::Test {
+ protected:
+  void SetUp() override {
+    rec::PutFile("/proc/stat", "cpu  1 0 0 1\ncpu0 1 0 0 1\n");
+    rec::PutFile("/proc/meminfo", "MemTotal: 2048 kB\n");
+    rec::PutFile("/etc/mtab", "");
+    rec::PutNothing("/vmfs");
+  }
+
+  int Start(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "vexhostd");
+    std::vector<char *> argv;
+    for (std::string &argument : arguments) {
+      argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    optind = 1;
+    return init_agent(static_cast<int>(arguments.size()), argv.data());
+  }
+
+  // Where the first event of that kind stands in the course of things; the test fails without one.
+  int Place(const std::string &operation, const std::string &name) {
+    for (size_t i = 0; i < rec::Events().size(); i++) {
+      if (rec::Events()[i].operation == operation && rec::Events()[i].name == name) {
+        return static_cast<int>(i);
+      }
+    }
+    ADD_FAILURE() << "no " << operation << " of " << name;
+    return -1;
+  }
+
+  const std::vector<std::string> usage_ = {
+      "USAGE vexhostd: \n",
+      "  -l arg : Enable logging. Logfile is specified as argument\n",
+      "  -p arg : Poll frequency (in seconds)\n",
+      "  -i     : Ignore Peer stop message\n",
+      "  -s arg : Configure MIB item 'sets':\n",
+      "             OK     - enable sets\n",
+      "             NOT_OK - disable sets\n",
+      "  -t arg : Configure traps:\n",
+      "             OK     - enable traps\n",
+      "             NOT_OK - disable traps\n",
+  };
+};
+
+TEST_F(Agent, NeedsAnArgument) {
+  EXPECT_EQ(Start({}), -1);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{"vexhostd: Insufficient parameters  (PEER3001)\n"});
+  EXPECT_EQ(rec::Events().size(), 1u);  // neither a pause nor anything in the registry
+  EXPECT_EQ(ignore_peer_stop, 0);
+}
+
+TEST_F(Agent, PausesOnceBeforeTheOptions) {
+  EXPECT_EQ(Start({"-h"}), -1);
+  EXPECT_EQ(rec::Names("sleep"), std::vector<std::string>{"5"});
+  EXPECT_LT(Place("sleep", "5"), Place("agentlog_fprintf", usage_[0]));
+  EXPECT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Count("sleep"), 1);
+}
+
+TEST_F(Agent, PrintsItsUsage) {
+  EXPECT_EQ(Start({"-h"}), -1);
+  EXPECT_EQ(rec::Messages(), usage_);
+  EXPECT_EQ(rec::Count("create_dir"), 0);
+}
+
+TEST_F(Agent, RefusesUnknownOptions) {
+  EXPECT_EQ(Start({"-x"}), -1);
+  std::vector<std::string> expected = usage_;
+  expected.insert(expected.begin(), "vexhostd: Unknown command line option: ?  (PEER3022)\n");
+  EXPECT_EQ(rec::Messages(), expected);
+}
+
+TEST_F(Agent, RefusesAnOptionWithoutItsArgument) {
+  EXPECT_EQ(Start({"-p"}), -1);
+  EXPECT_EQ(rec::Messages()[0], "vexhostd: Unknown command line option: ?  (PEER3022)\n");
+}
+
+TEST_F(Agent, LogOptionIsNotTheAgents) {
+  EXPECT_EQ(Start({"-l", "/tmp/x"}), -1);
+  EXPECT_EQ(rec::Messages()[0], "vexhostd: Unknown command line option: ?  (PEER3022)\n");
+}
+
+TEST_F(Agent, SetsThePollTime) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"30", "30"}, {"60", "60"}, {"61", "60"}, {"75", "60"}, {"99999999999999999999", "60"},
+      {"0", "0"},   {"abc", "0"}, {"7x", "7"},
+  };
+  for (const auto &[argument, passed_on] : cases) {
+    rec::ForgetEvents();
+    EXPECT_EQ(Start({"-p", argument, "-h"}), -1);
+    EXPECT_EQ(rec::Names("set_poll_time"), std::vector<std::string>{passed_on}) << argument;
+  }
+}
+
+TEST_F(Agent, RefusesANegativePollTime) {
+  for (const char *argument : {"-1", "-99999999999999999999"}) {
+    rec::ForgetEvents();
+    EXPECT_EQ(Start({"-p", argument}), -1);
+    EXPECT_EQ(rec::Messages(),
+              std::vector<std::string>{"vexhostd: Invalid polling rate  (PEER3002)\n"});
+    EXPECT_EQ(rec::Count("set_poll_time"), 0);
+    EXPECT_EQ(rec::Count("create_dir"), 0);
+  }
+}
+
+TEST_F(Agent, PassesOnTheStatesOfSetsAndTraps) {
+  EXPECT_EQ(Start({"-s", "OK", "-t", "NOT_OK"}), 0);
+  EXPECT_EQ(rec::Names("cfg_set_state"), std::vector<std::string>{"0"});
+  EXPECT_EQ(rec::Names("cfg_trap_state"), std::vector<std::string>{"-1"});
+}
+
+TEST_F(Agent, RefusesOtherStates) {
+  EXPECT_EQ(Start({"-s", "ok"}), -1);
+  EXPECT_EQ(rec::Names("cfg_set_state"), std::vector<std::string>{"9999"});
+  EXPECT_EQ(Start({"-t", "NOT OK"}), -1);
+  EXPECT_EQ(rec::Names("cfg_trap_state"), std::vector<std::string>{"9999"});
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{"vexhostd: Bad set argument: ok  (PEER3005)\n",
+                                      "vexhostd: Bad trap argument: NOT OK  (PEER3005)\n"}));
+}
+
+TEST_F(Agent, TheFirstBadOptionEndsIt) {
+  EXPECT_EQ(Start({"-p", "-1", "-s", "ok", "-x"}), -1);
+  EXPECT_EQ(rec::Messages().size(), 1u);
+  EXPECT_EQ(rec::Count("cfg_set_state"), 0);
+}
+
+TEST_F(Agent, AlwaysIgnoresPeerStops) {
+  EXPECT_EQ(Start({"something"}), 0);
+  EXPECT_EQ(ignore_peer_stop, 1);
+}
+
+TEST_F(Agent, EmptiesItsDirectoryBeforeAnyObject) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  const std::string dir = "/var/spool/quorix/kelmo/registry/host";
+  EXPECT_EQ(log_dir, dir);
+  EXPECT_EQ(rec::Names("create_dir"), std::vector<std::string>{dir});
+  EXPECT_EQ(rec::Events()[static_cast<size_t>(Place("create_dir", dir))].data, "1");
+  EXPECT_LT(Place("create_dir", dir), Place("remove_all_dir", dir + "/*"));
+  EXPECT_LT(Place("remove_all_dir", dir + "/*"), Place("init_snmp_appname", "vexhostd"));
+  EXPECT_LT(Place("init_snmp_appname", "vexhostd"), Place("create_obj", "host/memory"));
+}
+
+TEST_F(Agent, GoesOnWithoutACommunity) {
+  rec::SetCommunity("");
+  EXPECT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{"Failed to find a community_string, trying to continue...\n"});
+}
+
+TEST_F(Agent, BuildsTheGroupsInOrder) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_LT(Place("create_obj", "host/memory"), Place("create_obj", "host/cpu.0"));
+}
+
+TEST_F(Agent, AFailingGroupEndsStartUp) {
+  rec::Fail("create_obj", "host/memory");
+  EXPECT_EQ(Start({"-i"}), -1);
+  EXPECT_EQ(rec::Count("create_obj", "host/cpu.*"), 0);
+}
+
+TEST_F(Agent, PollsInOrderBetweenTheAlarms) {
+  ASSERT_EQ(Start({"-p", "20"}), 0);
+  rec::ForgetEvents();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Names("alarm"), (std::vector<std::string>{"0", "20"}));
+  EXPECT_EQ(rec::Events().front().operation, "alarm");
+  EXPECT_EQ(rec::Events().back().operation, "alarm");
+  EXPECT_LT(Place("log_data", "host/cpu.0"), Place("log_data", "host/memory"));
+}
+
+TEST_F(Agent, AFailingCollectorEndsTheRefreshAndNotTheAgent) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  rec::ForgetEvents();
+  rec::Fail("find_obj", "host/cpu.0", 1);
+  EXPECT_EQ(get_data(), -1);
+  EXPECT_EQ(rec::Count("log_data"), 0);
+  EXPECT_EQ(rec::Names("alarm"), (std::vector<std::string>{"0", "15"}));
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Count("log_data", "host/memory"), 1);
+}
+
+TEST_F(Agent, DeletesAllItHasAtTheEnd) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  rec::ForgetEvents();
+  EXPECT_EQ(cleanup_agent(), 0);
+  EXPECT_EQ(rec::Events().front().name, "0");
+  EXPECT_EQ(rec::Events().front().operation, "alarm");
+  EXPECT_TRUE(rec::LiveNames().empty());
+  const std::string root = "/var/spool/quorix/kelmo/registry";
+  EXPECT_EQ(rec::Names("rmdir"), (std::vector<std::string>{root + "/host", root}));
+  EXPECT_LT(Place("delete_obj", "all"), Place("rmdir", root + "/host"));
+}
+
+TEST_F(Agent, LeavesDirectoriesThatAreInUse) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  rec::Fail("is_empty_dir", "/var/spool/quorix/kelmo/registry");
+  EXPECT_EQ(cleanup_agent(), 0);
+  EXPECT_EQ(rec::Names("rmdir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
+  rec::ForgetEvents();
+  rec::Fail("is_empty_dir", "*/host");
+  cleanup_agent();
+  EXPECT_EQ(rec::Count("rmdir"), 0);
+}
+
+}  // namespace
