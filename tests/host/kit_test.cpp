@@ -1,0 +1,112 @@
+// The kit itself: what a scenario relies on before there is any agent.
+#include "tests/support/made_up_host.h"
+
+using namespace made_up;
+
+TEST(Kit, HasARealMaster) {
+  MadeUpHost host;
+  host.snmpd.Start();
+  EXPECT_TRUE(host.Get(".1.3.6.1.2.1.1.3.0").starts_with("Timeticks: "));
+  EXPECT_EQ(host.GetTogether({".1.3.6.1.2.1.1.1.9", ".1.3.6.1.4.1.4891.11.1.1.0"}),
+            (std::vector<std::string>{"No Such Instance currently exists at this OID",
+                                      "No Such Object available on this agent at this OID"}));
+  EXPECT_EQ(host.Set(".1.3.6.1.2.1.1.3.0", 'i', "5"), "notWritable");
+  EXPECT_EQ(host.Set(".1.3.6.1.2.1.1.5.0", 's', "named"), "noError");
+  EXPECT_EQ(host.Get(".1.3.6.1.2.1.1.5.0"), "STRING: \"named\"");
+  EXPECT_TRUE(host.Walk().empty());
+  EXPECT_TRUE(host.BulkWalk().empty());
+  EXPECT_GE(host.BulkWalk(".1.3.6.1.2.1.1").size(), 6U);
+  EXPECT_EQ(host.BulkWalk(".1.3.6.1.2.1.1").size(), host.Walk(".1.3.6.1.2.1.1").size());
+
+  auto answer = QuickGet("1.3.6.1.2.1.1.5.0");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->octets, "named");
+  host.snmpd.Stop();
+  EXPECT_FALSE(QuickGet("1.3.6.1.2.1.1.5.0"));
+}
+
+TEST(Kit, ReceivesTraps) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.snmpd.Start();
+  auto outcome = RunCommand({"snmptrap", "-v2c", "-cpublic", "127.0.0.1", "",
+                             "1.3.6.1.4.1.4891.0.11003", "1.3.6.1.4.1.4891.11.1.1.0", "s",
+                             "two\nlines", "1.3.6.1.4.1.4891.11.1.2.0", "i", "-5"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  auto traps = host.traps.WaitFor(1);
+  ASSERT_EQ(traps.size(), 1U);
+  EXPECT_EQ(traps[0].oid, ".1.3.6.1.4.1.4891.0.11003");
+  EXPECT_EQ(traps[0].variables,
+            (std::vector<std::string>{".1.3.6.1.4.1.4891.11.1.1.0 = STRING: \"two\nlines\"",
+                                      ".1.3.6.1.4.1.4891.11.1.2.0 = INTEGER: -5"}));
+}
+
+TEST(Kit, CoversAndAddsProcFiles) {
+  MadeUpHost host;
+  host.Proc("meminfo", "first\n");
+  host.Proc("meminfo", "second\n");
+  EXPECT_EQ(ReadFile("/proc/meminfo"), "second\n");
+  host.ComposeProc();
+  EXPECT_EQ(ReadFile("/proc/meminfo"), "second\n");
+  host.File("/proc/driver/made/up", "driver\n");
+  host.File("/proc/net/nicinfo/eth0.info", "nic\n");
+  host.Proc("scsi/scsi", "disks\n");
+  EXPECT_EQ(ReadFile("/proc/driver/made/up"), "driver\n");
+  EXPECT_EQ(ReadFile("/proc/net/nicinfo/eth0.info"), "nic\n");
+  EXPECT_EQ(ReadFile("/proc/scsi/scsi"), "disks\n");
+  EXPECT_NE(ReadFile("/proc/net/dev"), "");
+  EXPECT_NE(ReadFile("/proc/self/status"), "");
+}
+
+TEST(Kit, BlocksWhoReadsAProcFile) {
+  MadeUpHost host;
+  host.BlockProc("meminfo");
+  Process reader;
+  ProcessOptions options;
+  options.log = "/run/read";
+  reader.Start({"cat", "/proc/meminfo"}, options);
+  ASSERT_TRUE(host.WaitBlocked());
+  EXPECT_TRUE(reader.Running());
+  host.UnblockProc("released\n");
+  EXPECT_EQ(reader.Wait(), 0);
+  EXPECT_EQ(ReadFile("/run/read"), "released\n");
+  EXPECT_EQ(ReadFile("/proc/meminfo"), "released\n");
+}
+
+TEST(Kit, MakesUpAMachine) {
+  MadeUpHost host;
+  pid_t peer = host.Peer({"tlxmade", "-p", "5"});
+  EXPECT_EQ(RunCommand({"pidof", "tlxmade"}).out, std::to_string(peer) + "\n");
+  host.EndPeer(peer);
+  EXPECT_FALSE(ProcessExists(peer));
+  host.Interface("eth0", "52:54:00:12:34:56");
+  EXPECT_EQ(ReadFile("/sys/class/net/eth0/address"), "52:54:00:12:34:56\n");
+  host.Hostname("other");
+  EXPECT_EQ(RunCommand({"hostname"}).out, "other\n");
+  host.File("/sys/firmware/dmi/tables/DMI", "table");
+  host.File("/sys/firmware/efi/efivars/ZTHRN4-guid", "variable");
+  EXPECT_EQ(ReadFile("/sys/firmware/dmi/tables/DMI"), "table");
+  host.Script("/sbin/pidof", "echo 77");
+  EXPECT_EQ(RunCommand({"/sbin/pidof", "x"}).out, "77\n");
+  host.Command("rpm", "echo \"$@\"");
+  EXPECT_EQ(RunCommand({"rpm", "-q", "package"}).out, "-q package\n");
+  EXPECT_EQ(ListDirectory("/var/lib/snmp"), std::vector<std::string>{});
+}
+
+// The interposed clock, pause and alarm, seen through a program that uses them.
+TEST(Kit, MovesAProcessesClock) {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.program = "/bin/date";
+  options.arguments = {"+%s"};
+  options.wait = false;
+  host.daemon.Start(options);
+  ASSERT_EQ(host.daemon.WaitEnd(), 0);
+  int64_t real = std::stoll(host.daemon.Log());
+  EXPECT_LE(std::abs(real - time(nullptr)), 2);
+  options.clock_offset = 86400.0 * 400;
+  host.daemon.Start(options);
+  ASSERT_EQ(host.daemon.WaitEnd(), 0);
+  int64_t moved = std::stoll(host.daemon.Log());
+  EXPECT_LE(std::abs(moved - time(nullptr) - 86400 * 400), 2);
+}

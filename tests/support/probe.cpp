@@ -1,0 +1,107 @@
+// Preloaded into the daemon by a scenario. Only the wall clock is moved: deadlines on the monotonic
+// clock stay true. System calls are made directly, so that the order in which a sanitizer's
+// interceptors are found does not matter.
+#include "tests/support/probe.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+made_up::ProbePage *page;
+
+__attribute__((constructor)) void Attach() {
+  const char *path = getenv(made_up::kProbeVariable);
+  if (path != nullptr) {
+    int fd = open(path, O_RDWR | O_CLOEXEC);
+    if (fd >= 0) {
+      void *at = mmap(nullptr, sizeof(*page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      if (at != MAP_FAILED)
+        page = static_cast<made_up::ProbePage *>(at);
+      close(fd);
+    }
+  }
+  // Commands that the daemon runs are none of our business.
+  unsetenv("LD_PRELOAD");
+  unsetenv(made_up::kProbeVariable);
+}
+
+bool IsWallClock(clockid_t clock) {
+  return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+}
+
+int Read(clockid_t clock, timespec *time) {
+  int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+  if (result == 0 && page != nullptr && IsWallClock(clock)) {
+    int64_t offset = page->clock_offset_ns;
+    time->tv_sec += offset / 1000000000;
+    time->tv_nsec += offset % 1000000000;
+    if (time->tv_nsec >= 1000000000) {
+      time->tv_nsec -= 1000000000;
+      time->tv_sec++;
+    } else if (time->tv_nsec < 0) {
+      time->tv_nsec += 1000000000;
+      time->tv_sec--;
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+#define INTERPOSE extern "C" __attribute__((visibility("default")))
+
+INTERPOSE int clock_gettime(clockid_t clock, timespec *result) noexcept {
+  return Read(clock, result);
+}
+
+INTERPOSE time_t time(time_t *result) noexcept {
+  timespec now{};
+  Read(CLOCK_REALTIME, &now);
+  if (result != nullptr)
+    *result = now.tv_sec;
+  return now.tv_sec;
+}
+
+INTERPOSE int gettimeofday(timeval *result, void *) noexcept {
+  timespec now{};
+  Read(CLOCK_REALTIME, &now);
+  result->tv_sec = now.tv_sec;
+  result->tv_usec = now.tv_nsec / 1000;
+  return 0;
+}
+
+INTERPOSE unsigned alarm(unsigned seconds) noexcept {
+  if (seconds > 0 && page != nullptr) {
+    page->alarm_seconds = seconds;
+    bool held = page->hold_alarms != 0;
+    unsigned before = held ? 0 : static_cast<unsigned>(syscall(SYS_alarm, seconds));
+    page->alarms++;
+    return before;
+  }
+  return static_cast<unsigned>(syscall(SYS_alarm, seconds));
+}
+
+INTERPOSE unsigned sleep(unsigned seconds) {
+  uint64_t ns = uint64_t{seconds} * 1000000000;
+  if (page != nullptr) {
+    bool first = page->sleeps++ == 0;
+    page->slept_seconds += seconds;
+    if (first && page->quick_start != 0)
+      ns = 0;
+    else
+      ns = ns / 100 * page->sleep_percent;
+  }
+  timespec length{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+  timespec left{};
+  if (syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &length, &left) != 0 && errno == EINTR)
+    return static_cast<unsigned>(left.tv_sec) + (left.tv_nsec > 0 ? 1 : 0);
+  return 0;
+}

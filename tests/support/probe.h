@@ -1,0 +1,29 @@
+// The page that a scenario shares with the library it preloads into the daemon (probe.cpp): the
+// daemon's clock, its pauses and its alarms, moved and watched from outside. The product knows
+// nothing of it.
+#ifndef VEX_TESTS_SUPPORT_PROBE_H
+#define VEX_TESTS_SUPPORT_PROBE_H
+
+#include <atomic>
+#include <cstdint>
+
+namespace made_up {
+
+inline constexpr char kProbeVariable[] = "MADE_UP_PROBE";  // path of the page's file
+
+struct ProbePage {
+  // Written by the scenario.
+  std::atomic<int64_t> clock_offset_ns;  // added to CLOCK_REALTIME and what is derived from it
+  std::atomic<uint32_t> quick_start;     // 1: the process's first sleep() ends at once
+  std::atomic<uint32_t> sleep_percent;   // of every later sleep()
+  std::atomic<uint32_t> hold_alarms;     // 1: alarm(n) is noted, and does not arm anything
+  // Written by the daemon.
+  std::atomic<uint32_t> alarms;         // calls of alarm(n), n > 0
+  std::atomic<uint32_t> alarm_seconds;  // n of the last of them
+  std::atomic<uint32_t> sleeps;         // calls of sleep()
+  std::atomic<uint32_t> slept_seconds;  // their sum, as asked for
+};
+
+}  // namespace made_up
+
+#endif
