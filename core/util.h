@@ -57,7 +57,7 @@ class closing {
   Handle *handle_;
 };
 
-using file_handle = closing<FILE, fclose>;        // from fopen
+using stream_handle = closing<FILE, fclose>;      // from fopen
 using pipe_handle = closing<FILE, pclose>;        // from popen
 using directory_handle = closing<DIR, closedir>;  // from opendir
 

@@ -95,7 +95,7 @@ void parse_cpu_line(const char *line, cpu_sample *sample) {
 // Counts the processors and makes room for their samples. 0, also when /proc/stat cannot be opened
 // (the next call tries again), or -1 without memory.
 static int count_processors() {
-  const file_handle stat(fopen(stat_path, "r"));
+  const stream_handle stat(fopen(stat_path, "r"));
   if (!stat) {
     return 0;
   }
@@ -118,7 +118,7 @@ static int count_processors() {
 // With one processor its own line is not looked for: the first line, which sums up all of them,
 // says the same.
 static void take_samples() {
-  const file_handle stat(fopen(stat_path, "r"));
+  const stream_handle stat(fopen(stat_path, "r"));
   if (!stat) {
     return;
   }

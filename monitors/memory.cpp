@@ -96,7 +96,7 @@ int do_memory() {
   if (object == nullptr) {
     return -1;
   }
-  const file_handle meminfo(fopen(meminfo_path, "r"));
+  const stream_handle meminfo(fopen(meminfo_path, "r"));
   if (!meminfo) {
     return 0;
   }
