@@ -1,0 +1,173 @@
+// libtlxci: the open build of the way to the management controller.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "platform/channel.h"
+
+#define EXPORT __attribute__((visibility("default")))
+
+struct tlxci_channel {
+  int socket;
+};
+
+namespace {
+
+constexpr char kSocketPath[] = "/run/quorix/tlxci.sock";
+constexpr char kCardPath[] = "/dev/tlxrmc0";
+constexpr uint32_t kOwnTimeout = 5000;  // milliseconds
+
+tlxci_channel the_channel = {-1};
+int the_card = -1;
+
+void Close(int &descriptor) {
+  if (descriptor >= 0) {
+    close(descriptor);
+    descriptor = -1;
+  }
+}
+
+// A connected socket, or -1. A controller that does not accept is waited for as long as a send.
+int Connect() {
+  int connected = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (connected < 0) {
+    return -1;
+  }
+  const timeval limit = {kOwnTimeout / 1000, 0};
+  setsockopt(connected, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  static_assert(sizeof(kSocketPath) <= sizeof(address.sun_path));
+  memcpy(address.sun_path, kSocketPath, sizeof(kSocketPath));
+  if (connect(connected, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+    Close(connected);
+  }
+  return connected;
+}
+
+int64_t Milliseconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until the socket can send or receive. A signal does not shorten the time.
+int WaitFor(int socket, short events, const uint32_t *timeout) {
+  const int64_t deadline = Milliseconds() + (timeout != nullptr ? *timeout : kOwnTimeout);
+  for (;;) {
+    const int64_t left = deadline - Milliseconds();
+    pollfd waited = {socket, events, 0};
+    const int ready = poll(&waited, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
+    if (ready > 0) {
+      return TLXCI_OK;
+    }
+    if (ready == 0) {
+      return TLXCI_TIMED_OUT;
+    }
+    if (errno != EINTR) {
+      return errno;
+    }
+  }
+}
+
+bool PeerIsGone(int socket) {
+  pollfd asked = {socket, POLLRDHUP, 0};
+  return poll(&asked, 1, 0) > 0;
+}
+
+int StatusOfErrno() {
+  switch (errno) {
+    case EPIPE:
+    case ECONNRESET:
+    case ENOTCONN:
+    case ECONNREFUSED:
+      return TLXCI_REOPEN;
+    case EAGAIN:
+      return TLXCI_TIMED_OUT;
+    default:
+      return errno;
+  }
+}
+
+int Send(tlxci_channel *channel, const void *packet, uint32_t length, const uint32_t *timeout) {
+  if (channel == nullptr || channel->socket < 0) {
+    return TLXCI_NO_CHANNEL;
+  }
+  const int waited = WaitFor(channel->socket, POLLOUT, timeout);
+  if (waited != TLXCI_OK) {
+    return waited;
+  }
+  const ssize_t sent = send(channel->socket, packet, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+  return sent < 0 ? StatusOfErrno() : TLXCI_OK;
+}
+
+int Receive(tlxci_channel *channel, void *buffer, uint32_t size, uint32_t *received,
+            const uint32_t *timeout) {
+  if (channel == nullptr || channel->socket < 0) {
+    return TLXCI_NO_CHANNEL;
+  }
+  const int waited = WaitFor(channel->socket, POLLIN, timeout);
+  if (waited != TLXCI_OK) {
+    return waited;
+  }
+  const ssize_t got = recv(channel->socket, buffer, size, MSG_DONTWAIT);
+  if (got < 0) {
+    return StatusOfErrno();
+  }
+  // Nothing is either an empty packet or the end.
+  if (got == 0 && PeerIsGone(channel->socket)) {
+    return TLXCI_REOPEN;
+  }
+  *received = static_cast<uint32_t>(got);
+  return TLXCI_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+EXPORT int initializeRemoteVantix(tlxci_channel **channel, int *device) {
+  Close(the_channel.socket);
+  Close(the_card);
+  *channel = nullptr;
+  *device = -1;
+  the_channel.socket = Connect();
+  if (the_channel.socket >= 0) {
+    *channel = &the_channel;
+    return TLXCI_INTEGRATED;
+  }
+  the_card = open(kCardPath, O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (the_card < 0) {
+    return TLXCI_NONE;
+  }
+  *device = the_card;
+  return TLXCI_REMOTE_CARD;
+}
+
+EXPORT int reinitializeRemoteVantix(tlxci_channel **channel, int *device) {
+  return initializeRemoteVantix(channel, device);
+}
+
+EXPORT int TlxCiSend(tlxci_channel *channel, const void *packet, uint32_t length, int *status,
+                     const uint32_t *timeout) {
+  *status = Send(channel, packet, length, timeout);
+  return *status;
+}
+
+EXPORT uint32_t TlxCiRecv(tlxci_channel *channel, void *buffer, uint32_t size, int *status,
+                          const uint32_t *timeout) {
+  uint32_t received = 0;
+  *status = Receive(channel, buffer, size, &received, timeout);
+  return received;
+}
+
+}  // extern "C"
