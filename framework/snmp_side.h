@@ -14,8 +14,8 @@ namespace vex {
 
 // What the configuration files say, read once by SnmpStart().
 struct SnmpSettings {
-  int poll_interval = 0;   // token pollInterval, 0 when absent
-  std::string community;   // "" when none: `community`, else defCommunity, else snmpd.conf
+  int poll_interval = 0;  // token pollInterval, 0 when absent
+  std::string community;  // "" when none: `community`, else defCommunity, else snmpd.conf
 };
 
 // Starts the thread (all signals blocked in it), which reads the configuration for `application`

@@ -1,0 +1,465 @@
+#include "framework/agentx_session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "platform/framework.h"
+
+// libnetsnmpagent exports its AgentX encoding without a header for it.
+extern "C" {
+int agentx_parse(netsnmp_session *, netsnmp_pdu *, u_char *, size_t);
+int agentx_realloc_build(netsnmp_session *, netsnmp_pdu *, u_char **, size_t *, size_t *);
+int agentx_check_packet(u_char *, size_t);
+}
+
+#include <net-snmp/library/large_fd_set.h>
+
+namespace vex {
+
+struct AgentxSession::Waiting {
+  AgentxSession *session;
+  Answer answer;
+};
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// net-snmp's number for AgentX version 1 (agentx/protocol.h).
+constexpr long kAgentxVersion = 0xc1;
+// RFC 2741 6.2.3: the default priority of a registration.
+constexpr int kPriority = 127;
+// RFC 2741 6.2.2.
+constexpr int kReasonShutdown = 5;
+
+// A master that has just bound its socket listens a moment later, hence the short first one.
+constexpr milliseconds kFirstRetry{5};
+constexpr milliseconds kLastRetry{200};
+// A master that does not answer is frozen, not gone: its end of the socket says when it goes.
+// Another connection would only lengthen its queue.
+constexpr seconds kOpenPatience{60};
+constexpr seconds kPingPatience{15};
+// After a crash the master may still hold the registration of the process before.
+constexpr milliseconds kRegistrationRetry{250};
+constexpr milliseconds kClosePatience{300};
+
+std::vector<oid> NetSnmpOid(std::span<const uint32_t> from) {
+  return {from.begin(), from.end()};
+}
+
+}  // namespace
+
+AgentxSession::AgentxSession(Settings settings, Events events)
+    : settings_(std::move(settings)),
+      events_(std::move(events)),
+      registered_(settings_.groups.size(), false),
+      retry_(kFirstRetry),
+      next_attempt_(Clock::now()) {}
+
+AgentxSession::~AgentxSession() {
+  if (handle_ != nullptr) {
+    snmp_sess_close(handle_);
+  }
+  Unwatch();
+}
+
+int AgentxSession::Socket() const {
+  return handle_ == nullptr ? -1 : snmp_sess_transport(handle_)->sock;
+}
+
+bool AgentxSession::WantsToWrite() const {
+  return handle_ != nullptr && HasUnsent(snmp_sess_transport(handle_));
+}
+
+AgentxSession::Clock::time_point AgentxSession::NextDue() const {
+  switch (stage_) {
+    case Stage::kDown:
+      return next_attempt_;
+    case Stage::kOpening:
+      return give_up_;
+    case Stage::kRegistering:
+    case Stage::kUp:
+      break;
+  }
+  Clock::time_point due = ping_unanswered_ ? give_up_ : next_ping_;
+  return unregistered_ > 0 ? std::min(due, next_registration_) : due;
+}
+
+void AgentxSession::Work() {
+  Clock::time_point now = Clock::now();
+  if (broken_) {
+    Drop();
+  }
+  if (stage_ == Stage::kDown) {
+    if (now >= next_attempt_) {
+      Connect();
+    }
+    return;
+  }
+  if ((stage_ == Stage::kOpening || ping_unanswered_) && now >= give_up_) {
+    Drop();
+    return;
+  }
+  if (stage_ == Stage::kOpening) {
+    return;
+  }
+  if (unregistered_ > 0 && now >= next_registration_) {
+    next_registration_ = now + kRegistrationRetry;
+    for (size_t group = 0; group < settings_.groups.size(); group++) {
+      if (!registered_[group]) {
+        Register(group);
+      }
+    }
+  }
+  if (!ping_unanswered_ && now >= next_ping_) {
+    Ping();
+  }
+  if (broken_) {
+    Drop();
+  }
+}
+
+void AgentxSession::Connect() {
+  Watch();
+  netsnmp_transport *transport;
+  if (!settings_.unix_path.empty()) {
+    transport = ConnectUnix(settings_.unix_path);
+  } else {
+    transport = netsnmp_transport_open_client("agentx", settings_.target.c_str());
+    if (transport != nullptr && transport->sock >= 0) {
+      fcntl(transport->sock, F_SETFD, FD_CLOEXEC);
+    }
+  }
+  if (transport == nullptr) {
+    if (said_ == Said::kNothing) {
+      said_ = Said::kDown;
+      agentlog_fprintf(stderr, "Info: no master agent at %s yet\n", settings_.target.c_str());
+    }
+    RetryLater();
+    return;
+  }
+
+  netsnmp_session template_session;
+  snmp_sess_init(&template_session);
+  template_session.version = kAgentxVersion;
+  template_session.flags |= SNMP_FLAGS_STREAM_SOCKET;
+  // Nothing is ever sent twice: the stream loses nothing, and a second Open is a second session.
+  template_session.retries = 0;
+  template_session.timeout = LONG_MAX / 4;
+  template_session.callback = Packet;
+  template_session.callback_magic = this;
+  // The transport is gone when this fails.
+  handle_ = snmp_sess_add_ex(&template_session, transport, nullptr, agentx_parse, nullptr, nullptr,
+                             agentx_realloc_build, agentx_check_packet, nullptr);
+  if (handle_ == nullptr) {
+    RetryLater();
+    return;
+  }
+  session_ = snmp_sess_session(handle_);
+  session_id_ = 0;
+  stage_ = Stage::kOpening;
+  give_up_ = Clock::now() + kOpenPatience;
+
+  netsnmp_pdu *pdu = NewPdu(kAgentxOpen);
+  if (pdu != nullptr) {
+    pdu->time = settings_.timeout_seconds;
+    std::vector<oid> id = NetSnmpOid(
+        {settings_.groups.front().oid, static_cast<size_t>(settings_.groups.front().oid_length)});
+    snmp_pdu_add_variable(pdu, id.data(), id.size(), ASN_OCTET_STR, settings_.name.data(),
+                          settings_.name.size());
+  }
+  if (!Send(pdu, [this](const netsnmp_pdu *response) { Opened(response); })) {
+    broken_ = true;
+  }
+  if (broken_) {
+    Drop();
+  }
+}
+
+void AgentxSession::Opened(const netsnmp_pdu *response) {
+  if (response == nullptr) {
+    return;
+  }
+  if (response->errstat != SNMP_ERR_NOERROR) {
+    broken_ = true;
+    return;
+  }
+  session_id_ = response->sessid;
+  stage_ = Stage::kRegistering;
+  next_ping_ = Clock::now() + seconds(settings_.ping_seconds);
+  ping_unanswered_ = false;
+  unregistered_ = settings_.groups.size();
+  registered_.assign(settings_.groups.size(), false);
+  next_registration_ = Clock::now();
+}
+
+void AgentxSession::Register(size_t group) {
+  netsnmp_pdu *pdu = NewPdu(kAgentxRegister);
+  if (pdu == nullptr) {
+    return;
+  }
+  std::vector<oid> root = NetSnmpOid(
+      {settings_.groups[group].oid, static_cast<size_t>(settings_.groups[group].oid_length)});
+  pdu->priority = kPriority;
+  pdu->time = 0;
+  snmp_add_null_var(pdu, root.data(), root.size());
+  if (!Send(pdu, [this, group](const netsnmp_pdu *response) { Registered(group, response); })) {
+    broken_ = true;
+  }
+}
+
+void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
+  if (response == nullptr || registered_[group]) {
+    return;
+  }
+  if (response->errstat != SNMP_ERR_NOERROR) {
+    if (!said_duplicate_) {
+      said_duplicate_ = true;
+      agentlog_fprintf(stderr, "The master agent refuses the %s group (error %ld); trying again\n",
+                       settings_.groups[group].name, response->errstat);
+    }
+    return;
+  }
+  registered_[group] = true;
+  unregistered_--;
+  if (unregistered_ > 0 || stage_ != Stage::kRegistering) {
+    return;
+  }
+  stage_ = Stage::kUp;
+  retry_ = kFirstRetry;
+  said_duplicate_ = false;
+  Unwatch();
+  if (said_ != Said::kUp) {
+    said_ = Said::kUp;
+    agentlog_fprintf(stderr, "Info: connected to the master agent at %s\n",
+                     settings_.target.c_str());
+  }
+  events_.up();
+}
+
+void AgentxSession::Ping() {
+  netsnmp_pdu *pdu = NewPdu(kAgentxPing);
+  if (pdu == nullptr) {
+    return;
+  }
+  ping_unanswered_ = true;
+  give_up_ = Clock::now() + kPingPatience;
+  bool sent = Send(pdu, [this](const netsnmp_pdu *response) {
+    ping_unanswered_ = false;
+    next_ping_ = Clock::now() + seconds(settings_.ping_seconds);
+    if (response != nullptr && response->errstat != SNMP_ERR_NOERROR) {
+      broken_ = true;
+    }
+  });
+  if (!sent) {
+    broken_ = true;
+  }
+}
+
+netsnmp_pdu *AgentxSession::NewPdu(int type) const {
+  netsnmp_pdu *pdu = snmp_pdu_create(type);
+  if (pdu != nullptr) {
+    pdu->version = kAgentxVersion;
+    pdu->sessid = session_id_;
+  }
+  return pdu;
+}
+
+bool AgentxSession::Send(netsnmp_pdu *pdu, Answer answer) {
+  if (pdu == nullptr) {
+    return false;
+  }
+  if (handle_ == nullptr || broken_) {
+    snmp_free_pdu(pdu);
+    return false;
+  }
+  if (!answer) {
+    if (snmp_sess_async_send(handle_, pdu, nullptr, nullptr) == 0) {
+      broken_ = broken_ || session_->s_snmp_errno == SNMPERR_BAD_SENDTO;
+      snmp_free_pdu(pdu);
+      return false;
+    }
+    return true;
+  }
+  auto *waiting = new Waiting{this, std::move(answer)};
+  if (snmp_sess_async_send(handle_, pdu, Response, waiting) == 0) {
+    broken_ = broken_ || session_->s_snmp_errno == SNMPERR_BAD_SENDTO;
+    snmp_free_pdu(pdu);
+    delete waiting;
+    return false;
+  }
+  return true;
+}
+
+// A response, or the end of the session before it came.
+int AgentxSession::Response(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic) {
+  auto *waiting = static_cast<Waiting *>(magic);
+  if (operation == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE) {
+    // The master has closed the session and kept the connection.
+    if (pdu->errstat == kAgentxNotOpen) {
+      waiting->session->broken_ = true;
+    }
+    waiting->answer(pdu);
+    delete waiting;
+  } else if (operation == NETSNMP_CALLBACK_OP_TIMED_OUT) {
+    waiting->answer(nullptr);
+    delete waiting;
+  }
+  return 1;
+}
+
+// What is not a response: requests of the master, and the end of the connection.
+int AgentxSession::Packet(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic) {
+  auto *self = static_cast<AgentxSession *>(magic);
+  if (operation == NETSNMP_CALLBACK_OP_DISCONNECT) {
+    self->broken_ = true;
+    return 1;
+  }
+  if (operation != NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE) {
+    return 1;
+  }
+  // The master is alive.
+  if (!self->ping_unanswered_) {
+    self->next_ping_ = Clock::now() + seconds(self->settings_.ping_seconds);
+  }
+  switch (pdu->command) {
+    case kAgentxGet:
+    case kAgentxGetNext:
+    case kAgentxGetBulk:
+    case kAgentxTestSet:
+    case kAgentxCommitSet:
+    case kAgentxUndoSet:
+    case kAgentxCleanupSet:
+      self->events_.request(pdu);
+      break;
+    case kAgentxClose:
+      self->broken_ = true;
+      break;
+    default:
+      break;
+  }
+  return 1;
+}
+
+void AgentxSession::SocketReady(bool readable, bool writable) {
+  if (handle_ == nullptr) {
+    return;
+  }
+  netsnmp_transport *transport = snmp_sess_transport(handle_);
+  if (writable && Flush(transport) != 0) {
+    broken_ = true;
+  }
+  if (readable && !broken_ && transport->sock >= 0) {
+    netsnmp_large_fd_set set;
+    netsnmp_large_fd_set_init(&set, transport->sock + 1);
+    NETSNMP_LARGE_FD_ZERO(&set);
+    NETSNMP_LARGE_FD_SET(transport->sock, &set);
+    snmp_sess_read2(handle_, &set);
+    netsnmp_large_fd_set_cleanup(&set);
+  }
+  if (broken_) {
+    Drop();
+  }
+}
+
+void AgentxSession::Drop() {
+  bool was_up = stage_ == Stage::kUp;
+  stage_ = Stage::kDown;
+  void *handle = handle_;
+  handle_ = nullptr;
+  session_ = nullptr;
+  if (handle != nullptr) {
+    snmp_sess_close(handle);  // calls Response() for all that is outstanding
+  }
+  broken_ = false;
+  ping_unanswered_ = false;
+  if (was_up) {
+    if (said_ != Said::kDown) {
+      said_ = Said::kDown;
+      agentlog_fprintf(stderr, "Info: lost the master agent at %s\n", settings_.target.c_str());
+    }
+    events_.down();
+    retry_ = kFirstRetry;
+  }
+  RetryLater();
+  Watch();
+}
+
+void AgentxSession::RetryLater() {
+  next_attempt_ = Clock::now() + retry_;
+  retry_ = std::min<Clock::duration>(retry_ * 2, kLastRetry);
+}
+
+// The directory of the master's socket; there may be none yet, then time alone tells.
+void AgentxSession::Watch() {
+  if (settings_.unix_path.empty()) {
+    return;
+  }
+  if (watch_fd_ < 0) {
+    watch_fd_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  }
+  std::string directory = settings_.unix_path.substr(0, settings_.unix_path.rfind('/'));
+  if (watch_fd_ >= 0) {
+    inotify_add_watch(watch_fd_, directory.empty() ? "/" : directory.c_str(),
+                      IN_CREATE | IN_MOVED_TO | IN_ATTRIB);
+  }
+}
+
+void AgentxSession::Unwatch() {
+  if (watch_fd_ >= 0) {
+    close(watch_fd_);
+    watch_fd_ = -1;
+  }
+}
+
+void AgentxSession::WatchReady() {
+  alignas(inotify_event) char events[4096];
+  std::string name = settings_.unix_path.substr(settings_.unix_path.rfind('/') + 1);
+  bool ours = false;
+  ssize_t length;
+  while ((length = read(watch_fd_, events, sizeof(events))) > 0) {
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
+      const auto *event = reinterpret_cast<const inotify_event *>(events + at);
+      ours = ours || event->len == 0 || name == event->name;
+      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+  }
+  if (ours && stage_ == Stage::kDown) {
+    retry_ = kFirstRetry;
+    next_attempt_ = Clock::now();
+  }
+}
+
+void AgentxSession::Close() {
+  if (handle_ == nullptr || session_id_ == 0) {
+    return;
+  }
+  netsnmp_pdu *pdu = NewPdu(kAgentxClose);
+  if (pdu == nullptr) {
+    return;
+  }
+  bool answered = false;
+  pdu->errstat = kReasonShutdown;
+  // The answer is shared: it is also called when the session ends, which may be after this.
+  auto seen = std::make_shared<bool>(false);
+  Clock::time_point until = Clock::now() + kClosePatience;
+  bool waiting = Send(pdu, [seen](const netsnmp_pdu *) { *seen = true; });
+  while (waiting && !answered && handle_ != nullptr && Clock::now() < until) {
+    short wanted = WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
+    pollfd entry = {Socket(), wanted, 0};
+    if (poll(&entry, 1, 20) > 0) {
+      SocketReady((entry.revents & ~POLLOUT) != 0, (entry.revents & POLLOUT) != 0);
+    }
+    answered = *seen;
+  }
+}
+
+}  // namespace vex

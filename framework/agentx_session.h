@@ -1,0 +1,139 @@
+// The AgentX session with the master agent, RFC 2741. Encoding and decoding are net-snmp's;
+// opening, registering, pinging and reconnecting are done here, since the library's own ways of
+// doing them wait for the master's answers. Everything runs on the SNMP thread and nothing waits.
+#ifndef VEX_FRAMEWORK_AGENTX_SESSION_H
+#define VEX_FRAMEWORK_AGENTX_SESSION_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "framework/mib_table.h"
+#include "framework/socket_transport.h"
+
+namespace vex {
+
+// Protocol numbers, RFC 2741 6.1 and 6.2.16.
+enum AgentxType : int {
+  kAgentxOpen = 1,
+  kAgentxClose = 2,
+  kAgentxRegister = 3,
+  kAgentxGet = 5,
+  kAgentxGetNext = 6,
+  kAgentxGetBulk = 7,
+  kAgentxTestSet = 8,
+  kAgentxCommitSet = 9,
+  kAgentxUndoSet = 10,
+  kAgentxCleanupSet = 11,
+  kAgentxNotify = 12,
+  kAgentxPing = 13,
+  kAgentxResponse = 18,
+};
+enum AgentxError : int {
+  kAgentxNotOpen = 257,
+  kAgentxDuplicateRegistration = 263,
+  kAgentxProcessingError = 268,
+};
+
+class AgentxSession {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  struct Settings {
+    std::string name;       // in the Open PDU
+    std::string target;     // agentXSocket, as configured
+    std::string unix_path;  // of the socket; empty when the target is not a Unix socket
+    int ping_seconds = 15;
+    int timeout_seconds = 0;  // asked of the master; 0: its own default
+    std::span<const MibGroup> groups;
+  };
+  // What the owner does with the session's events.
+  struct Events {
+    std::function<void(netsnmp_pdu *)> request;  // Get, GetNext, GetBulk and the four of a set
+    std::function<void()> up;
+    std::function<void()> down;  // also before the master's answers to what was sent came
+  };
+
+  AgentxSession(Settings settings, Events events);
+  ~AgentxSession();
+  AgentxSession(const AgentxSession &) = delete;
+  AgentxSession &operator=(const AgentxSession &) = delete;
+
+  bool Up() const {
+    return stage_ == Stage::kUp;
+  }
+  // Its end has been seen; SocketReady() or Work() will clear it away.
+  bool Broken() const {
+    return broken_;
+  }
+  // For poll(2); -1 when there is nothing to wait for.
+  int Socket() const;
+  bool WantsToWrite() const;
+  int WatchFd() const {
+    return watch_fd_;
+  }
+  // When Work() is to be called at the latest.
+  Clock::time_point NextDue() const;
+
+  // The socket is readable or writable.
+  void SocketReady(bool readable, bool writable);
+  // The socket's directory has changed.
+  void WatchReady();
+  // Connects, registers again, pings, gives up, as the time has come.
+  void Work();
+
+  // A PDU of the given type for this session, or null.
+  netsnmp_pdu *NewPdu(int type) const;
+  // Sends a PDU and takes it over. answer: called once, with the response, or with null when the
+  // session is lost before; not called for a Response PDU. false when it could not be sent (then
+  // answer is not called).
+  using Answer = std::function<void(const netsnmp_pdu *)>;
+  bool Send(netsnmp_pdu *pdu, Answer answer = nullptr);
+
+  // Says goodbye to the master and waits for its answer, a moment at most.
+  void Close();
+
+ private:
+  enum class Stage { kDown, kOpening, kRegistering, kUp };
+  struct Waiting;
+
+  static int Packet(int operation, netsnmp_session *session, int reqid, netsnmp_pdu *pdu,
+                    void *magic);
+  static int Response(int operation, netsnmp_session *session, int reqid, netsnmp_pdu *pdu,
+                      void *magic);
+  void Connect();
+  void Opened(const netsnmp_pdu *response);
+  void Register(size_t group);
+  void Registered(size_t group, const netsnmp_pdu *response);
+  void Ping();
+  void Drop();
+  void Watch();
+  void Unwatch();
+  void RetryLater();
+
+  Settings settings_;
+  Events events_;
+  Stage stage_ = Stage::kDown;
+  void *handle_ = nullptr;  // net-snmp's single-session handle
+  netsnmp_session *session_ = nullptr;
+  long session_id_ = 0;
+  bool broken_ = false;
+  bool ping_unanswered_ = false;
+  size_t unregistered_ = 0;
+  std::vector<bool> registered_;
+  int watch_fd_ = -1;
+  Clock::duration retry_;
+  Clock::time_point next_attempt_;  // while down
+  Clock::time_point give_up_;       // of an answer to Open or Ping
+  Clock::time_point next_ping_;
+  Clock::time_point next_registration_;
+  enum class Said { kNothing, kUp, kDown } said_ = Said::kNothing;
+  bool said_duplicate_ = false;
+};
+
+}  // namespace vex
+
+#endif

@@ -1,0 +1,23 @@
+// Starting net-snmp's libraries and what their configuration files say. SNMP thread only.
+#ifndef VEX_FRAMEWORK_SNMP_CONFIG_H
+#define VEX_FRAMEWORK_SNMP_CONFIG_H
+
+#include <string>
+
+#include "framework/agentx_session.h"
+#include "framework/snmp_side.h"
+
+namespace vex {
+
+// Initialises the libraries for `application` and reads its configuration. Opens nothing. 0 or -1.
+int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
+                          AgentxSession::Settings *session);
+// The path of an AgentX target that is a Unix socket ("/path", "unix:/path"); else empty.
+std::string UnixPathOf(const std::string &target);
+// The community that a line of snmpd.conf gives for reading; empty when it gives none.
+std::string CommunityOfLine(const std::string &token, const std::string &line);
+void UnloadSnmp(const std::string &application);
+
+}  // namespace vex
+
+#endif

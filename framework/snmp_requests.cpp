@@ -1,0 +1,426 @@
+#include "framework/snmp_requests.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/framework.h"
+
+namespace vex {
+namespace {
+
+// A master has one set on its way; anything beyond a few is not one.
+constexpr size_t kMostSets = 16;
+// A set that the master never finished.
+constexpr std::chrono::seconds kForgetAfter{30};
+// RFC 2741 6.1: the byte order of the answer is that of the request.
+constexpr int kNetworkByteOrder = 0x10;
+
+class NamedVariable {
+ public:
+  explicit NamedVariable(const Cell &cell) {
+    for (uint32_t part : cell.mib->Oid()) {
+      name_[length_++] = part;
+    }
+    name_[length_++] = cell.instance;
+  }
+  const oid *Name() const {
+    return name_;
+  }
+  size_t Length() const {
+    return length_;
+  }
+
+ private:
+  oid name_[MAX_OID_LEN + 1];
+  size_t length_ = 0;
+};
+
+// The list's end is kept: net-snmp's own way of adding walks the whole list each time.
+class VariableList {
+ public:
+  explicit VariableList(netsnmp_pdu *pdu) : end_(&pdu->variables) {}
+  bool Add(const oid *name, size_t length, int type, const void *value, size_t size) {
+    netsnmp_variable_list *added =
+        snmp_varlist_add_variable(end_, name, length, static_cast<u_char>(type), value, size);
+    if (added == nullptr) {
+      return false;
+    }
+    end_ = &added->next_variable;
+    return true;
+  }
+  bool AddException(const netsnmp_variable_list *asked, int type) {
+    return Add(asked->name, asked->name_length, type, nullptr, 0);
+  }
+  bool AddCell(const oid *name, size_t length, const Cell &cell) {
+    if (cell.Served().type == VAR_INTEGER) {
+      long value = cell.Integer();
+      return Add(name, length, ASN_INTEGER, &value, sizeof(value));
+    }
+    std::span<const uint8_t> octets = cell.Octets();
+    return Add(name, length, ASN_OCTET_STR, octets.data(), octets.size());
+  }
+
+ private:
+  netsnmp_variable_list **end_;
+};
+
+}  // namespace
+
+int CheckSet(const MibIndex &index, OidView name, int asn_type, const void *value, size_t length,
+             SetItem *item) {
+  const MibVariable *mib = index.Variable(name);
+  if (mib == nullptr || mib->access != MibAccess::kReadWrite) {
+    return SNMP_ERR_NOTWRITABLE;
+  }
+  Cell cell;
+  bool published = index.Get(name, &cell) == Lookup::kFound;
+  // An object may hold a variable back that the MIB lets it open.
+  if (published && !cell.Served().writable) {
+    return SNMP_ERR_NOTWRITABLE;
+  }
+  int type = published ? cell.Served().type : mib->type;
+  int wanted = type == VAR_INTEGER ? ASN_INTEGER : ASN_OCTET_STR;
+  if (asn_type != wanted) {
+    return SNMP_ERR_WRONGTYPE;
+  }
+  if (type != VAR_INTEGER) {
+    size_t most = mib->max_length;
+    if (published) {
+      auto size = static_cast<size_t>(cell.Served().size);
+      most = std::min(most, type == VAR_DISPLAY_STRING ? size - std::min<size_t>(size, 1) : size);
+    }
+    if (length > most) {
+      return SNMP_ERR_WRONGLENGTH;
+    }
+    // A text with a zero inside would be cut short without a word.
+    if (type == VAR_DISPLAY_STRING && length > 0 && memchr(value, 0, length) != nullptr) {
+      return SNMP_ERR_WRONGVALUE;
+    }
+  }
+  if (!published) {
+    return SNMP_ERR_NOCREATION;
+  }
+
+  item->object_id = cell.image->object_id;
+  item->slot = cell.Served().slot;
+  if (type == VAR_INTEGER) {
+    long wide;
+    memcpy(&wide, value, sizeof(wide));
+    auto number = static_cast<int32_t>(wide);
+    item->value.resize(sizeof(number));
+    memcpy(item->value.data(), &number, sizeof(number));
+    item->length = sizeof(number);
+  } else {
+    item->value.resize(length + 1);
+    if (length > 0) {
+      memcpy(item->value.data(), value, length);
+    }
+    item->value[length] = 0;
+    item->length = static_cast<int>(length);
+  }
+  return SNMP_ERR_NOERROR;
+}
+
+void SnmpRequests::Handle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled) {
+  switch (request->command) {
+    case kAgentxGet:
+      Get(session, request);
+      break;
+    case kAgentxGetNext:
+      GetNext(session, request);
+      break;
+    case kAgentxTestSet:
+      TestSet(session, request, sets_enabled);
+      break;
+    case kAgentxCommitSet:
+      CommitSet(session, request);
+      break;
+    case kAgentxUndoSet:
+      UndoSet(session, request);
+      break;
+    case kAgentxCleanupSet:
+      CleanupSet(request);
+      break;
+    default:
+      // GetBulk: net-snmp's master never sends it.
+      Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
+            kAgentxProcessingError, 0);
+  }
+}
+
+// with: the PDU of the answer, already holding its variables; a new one otherwise.
+void SnmpRequests::Reply(AgentxSession *session, long transaction_id, long packet_id, int flags,
+                         int error, int error_index, netsnmp_pdu *with) {
+  netsnmp_pdu *pdu = with != nullptr ? with : session->NewPdu(kAgentxResponse);
+  if (pdu == nullptr) {
+    return;
+  }
+  pdu->transid = transaction_id;
+  pdu->reqid = packet_id;
+  pdu->flags |= static_cast<u_long>(flags & kNetworkByteOrder);
+  pdu->errstat = error;
+  pdu->errindex = error_index;
+  pdu->time = 0;
+  // An answer must come, if only to say that it does not fit into a packet.
+  if (!session->Send(pdu) && with != nullptr) {
+    Reply(session, transaction_id, packet_id, flags, SNMP_ERR_TOOBIG, 0);
+  }
+}
+
+void SnmpRequests::Get(AgentxSession *session, const netsnmp_pdu *request) {
+  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
+  if (pdu == nullptr) {
+    return;
+  }
+  VariableList list(pdu);
+  bool complete = true;
+  for (const netsnmp_variable_list *asked = request->variables; asked != nullptr;
+       asked = asked->next_variable) {
+    Cell cell;
+    switch (index_->Get({asked->name, asked->name_length}, &cell)) {
+      case Lookup::kFound:
+        complete = list.AddCell(asked->name, asked->name_length, cell) && complete;
+        break;
+      case Lookup::kNoSuchInstance:
+        complete = list.AddException(asked, SNMP_NOSUCHINSTANCE) && complete;
+        break;
+      case Lookup::kNoSuchObject:
+        complete = list.AddException(asked, SNMP_NOSUCHOBJECT) && complete;
+        break;
+    }
+  }
+  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
+        complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);
+}
+
+void SnmpRequests::GetNext(AgentxSession *session, const netsnmp_pdu *request) {
+  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
+  if (pdu == nullptr) {
+    return;
+  }
+  VariableList list(pdu);
+  bool complete = true;
+  for (const netsnmp_variable_list *asked = request->variables; asked != nullptr;
+       asked = asked->next_variable) {
+    Cell cell;
+    bool found =
+        index_->Next({asked->name, asked->name_length}, asked->type == ASN_PRIV_INCL_RANGE, &cell);
+    if (found) {
+      // RFC 2741 7.2.3.2: an answer at or past the end of the search range is none. A range without
+      // end, or with the null identifier as its end, is unbounded.
+      NamedVariable named(cell);
+      size_t end_length = asked->val_len / sizeof(oid);
+      const oid *end = asked->val.objid;
+      bool bounded = end_length > 0 && !(end_length == 2 && end[0] == 0 && end[1] == 0);
+      if (!bounded || snmp_oid_compare(named.Name(), named.Length(), end, end_length) < 0) {
+        complete = list.AddCell(named.Name(), named.Length(), cell) && complete;
+        continue;
+      }
+    }
+    complete = list.AddException(asked, SNMP_ENDOFMIBVIEW) && complete;
+  }
+  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
+        complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);
+}
+
+// ---- Sets ----
+
+void SnmpRequests::Answer(AgentxSession *session, long transaction_id, Phase &phase, int error,
+                          int error_index) {
+  phase.answered = true;
+  phase.error = error;
+  phase.error_index = error_index;
+  Reply(session, transaction_id, phase.packet_id, phase.flags, error, error_index);
+}
+
+void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, bool enabled) {
+  Phase phase{request->reqid, static_cast<int>(request->flags)};
+  auto place = sets_.find(request->transid);
+  if (place != sets_.end()) {
+    for (Phase &test : place->second.tests) {
+      if (test.packet_id == phase.packet_id) {  // asked again
+        if (test.answered) {
+          Answer(session, request->transid, test, test.error, test.error_index);
+        }
+        return;
+      }
+    }
+  }
+
+  std::vector<SetItem> items;
+  int error = SNMP_ERR_NOERROR;
+  int number = 0;
+  for (const netsnmp_variable_list *asked = request->variables;
+       asked != nullptr && error == SNMP_ERR_NOERROR; asked = asked->next_variable) {
+    number++;
+    items.emplace_back();
+    error = !enabled ? SNMP_ERR_NOTWRITABLE
+                     : CheckSet(*index_, {asked->name, asked->name_length}, asked->type,
+                                asked->val.string, asked->val_len, &items.back());
+  }
+  if (error == SNMP_ERR_NOERROR && place == sets_.end() && sets_.size() >= kMostSets) {
+    error = SNMP_ERR_RESOURCEUNAVAILABLE;
+  }
+  if (error != SNMP_ERR_NOERROR && place == sets_.end() && sets_.size() >= kMostSets) {
+    Answer(session, request->transid, phase, error, number);
+    return;
+  }
+
+  Set &set = sets_[request->transid];
+  if (!set.transaction) {
+    set.deadline = Clock::now() + kSetPatience;
+    set.transaction = channel_->Begin(set.deadline);
+  }
+  set.tests.push_back(phase);
+  if (error == SNMP_ERR_NOERROR && !set.failed) {
+    set.tests.back().part = channel_->AddPart(*set.transaction, std::move(items));
+    Progress(session, request->transid, set);
+    return;
+  }
+  // The request has failed by one part, whose error is the one to be told; the others have nothing
+  // against it, and none of it will be applied.
+  set.failed = true;
+  channel_->Release(*set.transaction);
+  Answer(session, request->transid, set.tests.back(), error,
+         error == SNMP_ERR_NOERROR ? 0 : number);
+  for (Phase &test : set.tests) {
+    if (!test.answered) {
+      Answer(session, request->transid, test, SNMP_ERR_NOERROR, 0);
+    }
+  }
+}
+
+void SnmpRequests::CommitSet(AgentxSession *session, const netsnmp_pdu *request) {
+  Phase phase{request->reqid, static_cast<int>(request->flags)};
+  auto place = sets_.find(request->transid);
+  if (place == sets_.end()) {
+    Answer(session, request->transid, phase, SNMP_ERR_COMMITFAILED, 1);
+    return;
+  }
+  Set &set = place->second;
+  for (Phase &commit : set.commits) {
+    if (commit.packet_id == phase.packet_id) {
+      if (commit.answered) {
+        Answer(session, request->transid, commit, commit.error, commit.error_index);
+      }
+      return;
+    }
+  }
+  // The master commits the parts in the order in which it had them tested.
+  size_t number = set.commits.size();
+  set.commits.push_back(phase);
+  if (number >= set.tests.size() || set.tests[number].part < 0 || set.failed) {
+    Answer(session, request->transid, set.commits.back(), SNMP_ERR_COMMITFAILED, 1);
+    return;
+  }
+  set.commits.back().part = set.tests[number].part;
+  channel_->RequestApply(*set.transaction);
+  Progress(session, request->transid, set);
+}
+
+// A handler cannot take back what it has done. Where the apply itself failed, the manager is to
+// hear of that.
+void SnmpRequests::UndoSet(AgentxSession *session, const netsnmp_pdu *request) {
+  int error = SNMP_ERR_NOERROR;
+  auto place = sets_.find(request->transid);
+  if (place != sets_.end()) {
+    Set &set = place->second;
+    bool applied = false;
+    bool failed = false;
+    for (const Phase &commit : set.commits) {
+      applied = applied || (commit.answered && commit.error == SNMP_ERR_NOERROR);
+      failed = failed || (commit.answered && commit.error != SNMP_ERR_NOERROR);
+    }
+    if (applied && !failed) {
+      error = SNMP_ERR_UNDOFAILED;
+    }
+    channel_->Release(*set.transaction);
+  }
+  Phase phase{request->reqid, static_cast<int>(request->flags)};
+  Answer(session, request->transid, phase, error, error == SNMP_ERR_NOERROR ? 0 : 1);
+}
+
+// Without an answer: RFC 2741 7.2.4.4.
+void SnmpRequests::CleanupSet(const netsnmp_pdu *request) {
+  auto place = sets_.find(request->transid);
+  if (place != sets_.end()) {
+    channel_->Release(*place->second.transaction);
+    sets_.erase(place);
+  }
+}
+
+void SnmpRequests::Progress(AgentxSession *session, long transaction_id, Set &set) {
+  for (Phase &test : set.tests) {
+    if (test.answered) {
+      continue;
+    }
+    SetChannel::CheckResult result = channel_->CheckOf(*set.transaction, test.part);
+    switch (result.state) {
+      case SetChannel::Check::kPending:
+        break;
+      case SetChannel::Check::kAccepted:
+        Answer(session, transaction_id, test, SNMP_ERR_NOERROR, 0);
+        break;
+      case SetChannel::Check::kRefused:
+        set.failed = true;
+        Answer(session, transaction_id, test, SNMP_ERR_WRONGVALUE, result.failed_item + 1);
+        break;
+      case SetChannel::Check::kUndecided:
+        set.failed = true;
+        Answer(session, transaction_id, test, SNMP_ERR_RESOURCEUNAVAILABLE, 1);
+        break;
+    }
+  }
+  for (Phase &commit : set.commits) {
+    if (commit.answered) {
+      continue;
+    }
+    SetChannel::ApplyResult result = channel_->ApplyOf(*set.transaction, commit.part);
+    switch (result.state) {
+      case SetChannel::Apply::kPending:
+        break;
+      case SetChannel::Apply::kApplied:
+        Answer(session, transaction_id, commit, SNMP_ERR_NOERROR, 0);
+        break;
+      case SetChannel::Apply::kFailed:
+        Answer(session, transaction_id, commit, SNMP_ERR_COMMITFAILED, result.failed_item + 1);
+        break;
+    }
+  }
+}
+
+void SnmpRequests::Work(AgentxSession *session) {
+  Clock::time_point now = Clock::now();
+  for (auto place = sets_.begin(); place != sets_.end();) {
+    Progress(session, place->first, place->second);
+    if (now >= place->second.deadline + kForgetAfter) {
+      place = sets_.erase(place);
+    } else {
+      ++place;
+    }
+  }
+}
+
+SnmpRequests::Clock::time_point SnmpRequests::NextDue() const {
+  Clock::time_point due = Clock::time_point::max();
+  for (const auto &[id, set] : sets_) {
+    bool waiting = false;
+    for (const Phase &phase : set.tests) {
+      waiting = waiting || !phase.answered;
+    }
+    for (const Phase &phase : set.commits) {
+      waiting = waiting || !phase.answered;
+    }
+    due = std::min(due, waiting ? set.deadline : set.deadline + kForgetAfter);
+  }
+  return due;
+}
+
+void SnmpRequests::SessionLost() {
+  for (auto &[id, set] : sets_) {
+    channel_->Release(*set.transaction);
+  }
+  sets_.clear();
+}
+
+}  // namespace vex
