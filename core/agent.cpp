@@ -7,6 +7,7 @@
 #include "monitors/cpu.h"
 #include "monitors/memory.h"
 #include "platform/framework.h"
+#include "status/misc.h"
 
 // Exported for the framework, which finds them by these names.
 const char *agent;
@@ -35,7 +36,7 @@ static const collector start_order[] = {
     nullptr,  // file systems
     without_flag<do_memory>,
     nullptr,  // OS identity
-    nullptr,  // misc
+    without_flag<do_misc>,
     nullptr,  // software
     do_cpu,
     nullptr,  // appliance
@@ -48,7 +49,7 @@ static const collector poll_order[] = {
     nullptr,  // file systems
     without_flag<do_memory>,
     nullptr,  // OS identity
-    nullptr,  // misc
+    without_flag<do_misc>,
     nullptr,  // software
     nullptr,  // firmware
 };

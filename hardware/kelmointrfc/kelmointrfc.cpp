@@ -16,7 +16,7 @@
 #include "platform/smbios.h"
 
 // The log, when the process has the framework; the library works without it.
-extern "C" decltype(agentlog_fprintf) agentlog_fprintf __attribute__((weak));
+#pragma weak agentlog_fprintf
 
 #define EXPORT __attribute__((visibility("default")))
 

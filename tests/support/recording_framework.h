@@ -117,6 +117,12 @@ void SetDistribution(const std::string &name, const std::string &flavor, const s
                      const std::string &description);
 void SetMibRevision(int group, int major, int minor);
 void PutEv(const std::string &name, const std::string &bytes);
+// SMBIOS tables from their description (see smbios_tables.h); none at first, none when malformed.
+void PutSmbios(const std::string &description);
+// What getpgid() says of a process, and SIOCGIFHWADDR of an interface (six bytes; "" for no such
+// interface). Processes and interfaces that were not given are the machine's.
+void PutProcessGroup(pid_t process, pid_t group);
+void PutHardwareAddress(const std::string &interface, const std::string &address);
 
 // ---- Files, commands and clocks -------------------------------------------------------------
 

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <glob.h>
 #include <mntent.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -66,11 +68,16 @@ void Claim(const std::string &path) {
   }
 }
 
+// No test ever touches the machine's own registry.
+const bool registry_claimed = (Claim(REGISTRY_ROOT), true);
+
 std::string Place(const std::string &path) {
   return TheRoot().string() + path;
 }
 
 std::optional<time_t> now;
+std::map<pid_t, pid_t> process_groups;
+std::map<std::string, std::string> hardware_addresses;
 std::map<FILE *, std::pair<FILE *, int>> pipes;  // made-up pipes: their exit status
 
 }  // namespace
@@ -106,6 +113,14 @@ std::string ReadFile(const std::string &path) {
   std::ostringstream contents;
   contents << in.rdbuf();
   return contents.str();
+}
+
+void PutProcessGroup(pid_t process, pid_t group) {
+  process_groups[process] = group;
+}
+
+void PutHardwareAddress(const std::string &interface, const std::string &address) {
+  hardware_addresses[interface] = address;
 }
 
 void SetTime(time_t when) {
@@ -266,6 +281,37 @@ int __wrap_usleep(useconds_t microseconds) {
 unsigned __wrap_alarm(unsigned seconds) {
   rec::Record("alarm", std::to_string(seconds));
   return 0;
+}
+
+pid_t __real_getpgid(pid_t process);
+pid_t __wrap_getpgid(pid_t process) {
+  if (rec::Fails("getpgid", std::to_string(process))) {
+    return -1;
+  }
+  const auto known = process_groups.find(process);
+  return known != process_groups.end() ? known->second : __real_getpgid(process);
+}
+
+int __real_socket(int domain, int type, int protocol);
+int __wrap_socket(int domain, int type, int protocol) {
+  return rec::Fails("socket", "") ? -1 : __real_socket(domain, type, protocol);
+}
+
+int __real_ioctl(int descriptor, unsigned long request, void *argument);
+int __wrap_ioctl(int descriptor, unsigned long request, void *argument) {
+  if (request == SIOCGIFHWADDR) {
+    auto *interface = static_cast<ifreq *>(argument);
+    const auto known = hardware_addresses.find(interface->ifr_name);
+    if (known != hardware_addresses.end()) {
+      if (known->second.empty()) {
+        errno = ENODEV;
+        return -1;
+      }
+      known->second.copy(interface->ifr_hwaddr.sa_data, 6);
+      return 0;
+    }
+  }
+  return __real_ioctl(descriptor, request, argument);
 }
 
 }  // extern "C"

