@@ -86,8 +86,9 @@ int CheckSet(const MibIndex &index, OidView name, int asn_type, const void *valu
   if (type != VAR_INTEGER) {
     size_t most = mib->max_length;
     if (published) {
-      auto size = static_cast<size_t>(cell.Served().size);
-      most = std::min(most, type == VAR_DISPLAY_STRING ? size - std::min<size_t>(size, 1) : size);
+      // The MIB may let a text fill its field to the last octet; its handler then sees to the
+      // terminator.
+      most = std::min(most, static_cast<size_t>(cell.Served().size));
     }
     if (length > most) {
       return SNMP_ERR_WRONGLENGTH;
