@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "monitors/cpu.h"
+#include "monitors/filesys.h"
 #include "monitors/memory.h"
 #include "platform/framework.h"
 #include "status/misc.h"
@@ -33,7 +34,7 @@ static int without_flag(int) {
 
 // The first failure ends start-up. An empty row is a group that is not built yet.
 static const collector start_order[] = {
-    nullptr,  // file systems
+    without_flag<do_filesys>,
     without_flag<do_memory>,
     nullptr,  // OS identity
     without_flag<do_misc>,
@@ -46,7 +47,7 @@ static const collector start_order[] = {
 // The first failure ends the poll's refresh.
 static const collector poll_order[] = {
     do_cpu,
-    nullptr,  // file systems
+    without_flag<do_filesys>,
     without_flag<do_memory>,
     nullptr,  // OS identity
     without_flag<do_misc>,
@@ -196,6 +197,7 @@ int get_data(void) {
 
 int cleanup_agent(void) {
   alarm(0);
+  remove_filesys_rows(nullptr);
   delete_obj(&obj_Q, nullptr, 0);
   // Other agents may still have their directories under the root.
   if (is_empty_dir(log_dir)) {

@@ -251,6 +251,37 @@ int init_snmp_connection(const char *address);
 int get_one_snmp_integer_from_api(const char *oid, int32_t *value, int *status);
 int cleanup_snmp_connection(void);
 
+/* ---- Mounts ------------------------------------------------------------------------------ */
+
+/* What became of the question put to one mount. */
+enum mount_state {
+  MOUNT_ANSWERED = 0, /* the figures are valid */
+  MOUNT_FAILED = 1,   /* statvfs(3) failed with `error` */
+  MOUNT_SILENT = 2,   /* no answer within two seconds, at this call for the first time */
+  MOUNT_STILL_SILENT = 3 /* silent since an earlier call */
+};
+
+/* The figures of statvfs(3), 64 bits wide, as far as they are used. */
+struct mount_stats {
+  int state; /* enum mount_state */
+  int error; /* errno of a failure; ETIMEDOUT for silence */
+  uint64_t frsize;
+  uint64_t blocks;
+  uint64_t bfree;
+  uint64_t files;
+  uint64_t ffree;
+};
+
+/* Asks every one of the mounts at these paths, all in one go, and stores one result for each.
+ * A mount that does not answer within two seconds counts as silent; it is not asked again before
+ * its outstanding call has come back, unless a call in between did not list its path (it was
+ * unmounted). However many fall silent at once delay the caller by little more than two seconds,
+ * and not at all afterwards. With 1024 calls outstanding, mounts that could not be asked for that
+ * reason count as silent.
+ * The calls are made by threads of the framework that can be abandoned, so that a process whose
+ * mounts hang still ends at once. Returns 0, or -1 with errno when there is no memory. */
+int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results);
+
 /* ---- The machine ------------------------------------------------------------------------- */
 
 /* Non-zero on an appliance (/etc/quorix/appliance.conf exists). */

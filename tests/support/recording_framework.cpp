@@ -42,6 +42,7 @@ struct Failure {
 struct State {
   std::vector<rec::Event> events;
   std::vector<std::string> messages;
+  void (*on_message)(const std::string &) = nullptr;
   std::vector<rec::Trap> traps;
   std::map<std::string, std::unique_ptr<Object>> objects;
   std::vector<Failure> failures;
@@ -60,6 +61,7 @@ struct State {
   std::optional<std::vector<std::string>> distribution;
   std::map<int, std::pair<int, int>> revisions;
   std::map<std::string, std::string> evs;
+  std::map<std::string, mount_stats> mounts;
 };
 
 // What agent_main() does before the first hook.
@@ -203,6 +205,10 @@ void ForgetEvents() {
 
 const std::vector<std::string> &Messages() {
   return state().messages;
+}
+
+void OnMessage(void (*callback)(const std::string &)) {
+  state().on_message = callback;
 }
 
 const std::vector<Trap> &Traps() {
@@ -357,6 +363,10 @@ void SetDistribution(const std::string &name, const std::string &flavor, const s
 
 void SetMibRevision(int group, int major, int minor) {
   state().revisions[group] = {major, minor};
+}
+
+void PutMount(const std::string &path, const mount_stats &stats) {
+  state().mounts[path] = stats;
 }
 
 void PutEv(const std::string &name, const std::string &bytes) {
@@ -664,6 +674,9 @@ int agentlog_fprintf(FILE *stream, const char *format, ...) {
               strcmp(text, "cannot opendir(/proc)") == 0)
       << text;
   state().messages.emplace_back(text);
+  if (state().on_message != nullptr) {
+    state().on_message(text);
+  }
   rec::Record("agentlog_fprintf", text, "");
   free(text);
   return length;
@@ -822,6 +835,23 @@ const char *distroid_description(void) {
 
 void distroid_exit(void) {
   rec::Record("distroid_exit", "", "");
+}
+
+int stat_mounts(const char *const *paths, size_t count, mount_stats *results) {
+  rec::Record("stat_mounts", std::to_string(count));
+  if (rec::Fails("stat_mounts", std::to_string(count))) {
+    return -1;
+  }
+  for (size_t i = 0; i < count; i++) {
+    const auto found = state().mounts.find(paths[i]);
+    results[i] = {};
+    results[i].state = MOUNT_FAILED;
+    results[i].error = ENOENT;
+    if (found != state().mounts.end()) {
+      results[i] = found->second;
+    }
+  }
+  return 0;
 }
 
 int get_ev(const char *name, void *buffer, uint32_t *length) {

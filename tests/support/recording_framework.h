@@ -41,6 +41,8 @@ void ForgetEvents();
 
 // Messages of agentlog_fprintf(), whole.
 const std::vector<std::string> &Messages();
+// Also called with every message, at once.
+void OnMessage(void (*callback)(const std::string &message));
 
 struct Trap {
   int number;
@@ -116,6 +118,8 @@ void SetAppliance(bool appliance, int32_t product_id = 0,
 void SetDistribution(const std::string &name, const std::string &flavor, const std::string &version,
                      const std::string &description);
 void SetMibRevision(int group, int major, int minor);
+// What stat_mounts() says of that path. A path that was not put fails with ENOENT.
+void PutMount(const std::string &path, const mount_stats &stats);
 void PutEv(const std::string &name, const std::string &bytes);
 // SMBIOS tables from their description (see smbios_tables.h); none at first, none when malformed.
 void PutSmbios(const std::string &description);

@@ -1,0 +1,488 @@
+#include "monitors/filesys.h"
+
+#include <ctype.h>
+#include <dirent.h>
+#include <errno.h>
+#include <mntent.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/row_table.h"
+#include "core/util.h"
+#include "core/variables.h"
+
+// ---- Data block -----------------------------------------------------------------------------
+
+struct [[gnu::packed]] filesys_block {
+  int32_t index;
+  char description[256];
+  filesys_figures figures;
+};
+static_assert(offsetof(filesys_block, description) == 4);
+static_assert(offsetof(filesys_block, figures) == 260);
+static_assert(offsetof(filesys_figures, units_total) == 8);
+static_assert(offsetof(filesys_figures, percent_used) == 16);
+static_assert(sizeof(filesys_block) == 280);
+
+// ---- Variables ------------------------------------------------------------------------------
+
+static constexpr size_t figure(size_t offset) {
+  return offsetof(filesys_block, figures) + offset;
+}
+
+// The percentage comes before the allocation units here, and after them in the data block.
+static constexpr variable variables[] = {
+    {"tlxHoFileSysIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
+    {"tlxHoFileSysDesc", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
+     offsetof(filesys_block, description), nullptr},
+    {"tlxHoFileSysSpaceTotal", 4, VAR_INTEGER, ACCESS_READ_ONLY,
+     figure(offsetof(filesys_figures, space_total)), nullptr},
+    {"tlxHoFileSysSpaceUsed", 4, VAR_INTEGER, ACCESS_READ_ONLY,
+     figure(offsetof(filesys_figures, space_used)), nullptr},
+    {"tlxHoFileSysPercentSpaceUsed", 4, VAR_INTEGER, ACCESS_READ_ONLY,
+     figure(offsetof(filesys_figures, percent_used)), nullptr},
+    {"tlxHoFileSysAllocUnitsTotal", 4, VAR_INTEGER, ACCESS_READ_ONLY,
+     figure(offsetof(filesys_figures, units_total)), nullptr},
+    {"tlxHoFileSysAllocUnitsUsed", 4, VAR_INTEGER, ACCESS_READ_ONLY,
+     figure(offsetof(filesys_figures, units_used)), nullptr},
+};
+static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
+
+// ---- State ----------------------------------------------------------------------------------
+
+static constexpr char mount_table_path[] = "/etc/mtab";
+static constexpr const char *ignored_types[] = {"nfs", "smb", "mvfs"};
+
+static constexpr char vmfs_directory[] = "/vmfs";
+static constexpr char vmfs_volumes_directory[] = "/vmfs/volumes";
+static constexpr char vmkfstools_command[] = "/usr/sbin/vmkfstools -l /vmfs/%s";
+static constexpr char vdf_command[] = "vdf | grep \"/vmfs/volumes\"";
+static constexpr size_t command_size = 128;
+static constexpr int vmware_period = 20;  // passes
+
+static constexpr size_t name_size = 8192;  // of a device or mount directory, with its NUL
+
+// Names of this length and longer are cut, to be published whole in one description.
+static constexpr size_t long_name = 100;
+static constexpr size_t cut_name = 96;  // and "..."
+
+// Passes that a row outlives its last sighting: what a VMware scan listed may be missed by the next
+// one.
+enum countdown : uint8_t { LISTED_BY_MOUNT_TABLE = 1, LISTED_BY_VMWARE_SCAN = 40 };
+
+struct filesys_row {
+  registry_object *object;
+  char *key;          // the mount directory; owned by the row
+  uint8_t countdown;  // passes to live
+  filesys_block published;
+};
+
+static row_table<filesys_row, &filesys_row::object, &filesys_row::key> table;
+static int vmware_phase;  // the scans run when it is 0
+
+// ---- Reading: the mount table -----------------------------------------------------------------
+
+// One entry of the mount table: where its texts begin in the list's.
+struct mount_entry {
+  size_t device;
+  size_t directory;
+};
+
+// The entries of one pass that get a row. Grows as needed and is kept for the next pass.
+struct mount_list {
+  char *texts;
+  size_t texts_used;
+  size_t texts_room;
+  mount_entry *entries;
+  const char **paths;
+  mount_stats *stats;
+  size_t count;
+  size_t room;
+};
+
+template <typename T>
+static bool grow(T **array, size_t room) {
+  auto *grown = static_cast<T *>(realloc(*array, room * sizeof(T)));
+  if (grown == nullptr) {
+    return false;
+  }
+  *array = grown;
+  return true;
+}
+
+// Adds at most name_size - 1 bytes of a text. False when there is no memory.
+static bool add_text(mount_list *list, const char *text, size_t *at) {
+  const size_t length = strnlen(text, name_size - 1);
+  if (list->texts_room - list->texts_used <= length) {
+    const size_t room = 2 * list->texts_room + name_size;
+    if (!grow(&list->texts, room)) {
+      return false;
+    }
+    list->texts_room = room;
+  }
+  *at = list->texts_used;
+  memcpy(list->texts + *at, text, length);
+  list->texts[*at + length] = '\0';
+  list->texts_used += length + 1;
+  return true;
+}
+
+static bool add_entry(mount_list *list, const mntent &entry) {
+  if (list->count == list->room) {
+    const size_t room = 2 * list->room + 64;
+    if (!grow(&list->entries, room) || !grow(&list->paths, room) || !grow(&list->stats, room)) {
+      return false;
+    }
+    list->room = room;
+  }
+  mount_entry &added = list->entries[list->count];
+  if (!add_text(list, entry.mnt_fsname, &added.device) ||
+      !add_text(list, entry.mnt_dir, &added.directory)) {
+    return false;
+  }
+  list->count++;
+  return true;
+}
+
+static bool is_ignored(const char *type) {
+  for (const char *ignored : ignored_types) {
+    if (strcmp(type, ignored) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// 0, or -1 when there is no memory.
+static int read_mount_table(FILE *file, mount_list *list) {
+  list->count = 0;
+  list->texts_used = 0;
+  while (const mntent *entry = getmntent(file)) {
+    if (!is_ignored(entry->mnt_type) && !add_entry(list, *entry)) {
+      return -1;
+    }
+  }
+  for (size_t i = 0; i < list->count; i++) {
+    list->paths[i] = list->texts + list->entries[i].directory;
+  }
+  return 0;
+}
+
+// ---- Reading: VMware's commands -----------------------------------------------------------------
+
+void parse_vmkfstools(FILE *output, uint64_t *capacity, uint64_t *available) {
+  unsigned long long bytes = 0;
+  unsigned long long free_bytes = 0;
+  char word[32];
+  while (fscanf(output, "%31s", word) != EOF) {
+    if (strcmp(word, "Capacity") == 0) {
+      // What cannot be read stays 0.
+      (void)!fscanf(output, "%llu %*[^,], %llu", &bytes, &free_bytes);
+      break;
+    }
+  }
+  *capacity = bytes;
+  *available = free_bytes;
+}
+
+bool is_plain_name(const char *name) {
+  for (; *name != '\0'; name++) {
+    const auto c = static_cast<unsigned char>(*name);
+    // Letters beyond ASCII mean nothing to a shell.
+    if (c < 0x80 && isalnum(c) == 0 && strchr("._-:+,@%=", c) == nullptr) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// ---- Computing ----------------------------------------------------------------------------------
+
+static int32_t held(__int128 value) {
+  if (value > INT32_MAX) {
+    return INT32_MAX;
+  }
+  return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
+}
+
+filesys_figures figures_of_mount(const mount_stats &stats) {
+  constexpr int megabyte = 20;  // bits
+  filesys_figures figures = {};
+  const __int128 blocks = stats.blocks;
+  const __int128 taken = blocks - stats.bfree;
+  if (stats.frsize != 0 && stats.blocks != 0) {
+    // Total and free are cut off each for itself.
+    const __int128 total = (blocks * stats.frsize) >> megabyte;
+    const __int128 free_space = (static_cast<__int128>(stats.bfree) * stats.frsize) >> megabyte;
+    figures.space_total = held(total);
+    figures.space_used = held(total - free_space);
+  }
+  if (figures.space_total != 0 && figures.space_used != 0 && taken > 0) {
+    figures.percent_used = held((100 * taken + blocks - 1) / blocks);
+  }
+  figures.units_total = held(stats.files);
+  if (stats.files != 0) {
+    figures.units_used = held(static_cast<__int128>(stats.files) - stats.ffree);
+  }
+  return figures;
+}
+
+filesys_figures figures_of_volume(uint64_t capacity, uint64_t available) {
+  filesys_figures figures = {};
+  figures.space_total = static_cast<int32_t>(static_cast<uint32_t>(capacity >> 20));
+  figures.space_used = static_cast<int32_t>(static_cast<uint32_t>((capacity - available) >> 20));
+  if (figures.space_total > 0 && figures.space_used > 0) {
+    const auto all = static_cast<double>(capacity);
+    const double percent = (all - static_cast<double>(available)) * 100 / all + 0.5;
+    figures.percent_used = percent <= INT32_MIN ? INT32_MIN : static_cast<int32_t>(percent);
+  }
+  return figures;
+}
+
+// ---- Publishing ---------------------------------------------------------------------------------
+
+static filesys_block *block_of(const filesys_row *row) {
+  return reinterpret_cast<filesys_block *>(row->object->data);
+}
+
+static void describe(const filesys_row *row, const char *device) {
+  char text[sizeof(filesys_block::description)];
+  snprintf(text, sizeof(text), "%s on %s", device, row->key);
+  copy_field(block_of(row)->description, text);
+}
+
+// Publishes the row if anything in it changed. 0, or what log_data() says.
+static int publish(filesys_row *row) {
+  if (memcmp(row->object->data, &row->published, sizeof(row->published)) == 0) {
+    return 0;
+  }
+  memcpy(&row->published, row->object->data, sizeof(row->published));
+  return log_data(row->object);
+}
+
+static filesys_row *create_row(const char *key) {
+  auto *row = static_cast<filesys_row *>(calloc(1, sizeof(filesys_row)));
+  if (row == nullptr) {
+    return nullptr;
+  }
+  row->key = strdup(key);
+  if (row->key == nullptr) {
+    free(row);
+    return nullptr;
+  }
+  char path[sizeof(log_dir) + sizeof("/filesys.") + 11];
+  snprintf(path, sizeof(path), "%s/%s.%d", log_dir, "filesys", table.free_index());
+  row->object = create_obj(&obj_Q, get_id(), path, 1, sizeof(filesys_block), variable_count);
+  if (row->object == nullptr || !table.insert(row)) {
+    free(row->key);
+    free(row);
+    return nullptr;
+  }
+  define_variables(row->object, variables);
+  block_of(row)->index = row->object->instance;
+  log_data(row->object);
+  return row;
+}
+
+// The row of a mount directory, made if there is none.
+static filesys_row *row_of(const char *key) {
+  filesys_row *row = table.find(key);
+  if (row == nullptr) {
+    row = create_row(key);
+  }
+  if (row == nullptr) {
+    agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "create", key);
+    // On purpose: a row that cannot be created ends the process here and now, by the signal of a
+    // null pointer. A supervisor starts the agent anew; nobody is served half a table.
+    signal(SIGSEGV, SIG_DFL);
+    raise(SIGSEGV);
+    abort();
+  }
+  return row;
+}
+
+static void report_update_failure(const char *key) {
+  agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "update OS filesys",
+                   key);
+}
+
+int remove_filesys_rows(filesys_row *row) {
+  filesys_row *next = row != nullptr ? table.remove(row) : table.remove_first();
+  if (next == nullptr) {
+    return row != nullptr ? -1 : 0;
+  }
+  do {
+    if (delete_obj(&obj_Q, next->object, 0) != 0) {
+      return -1;
+    }
+    free(next->key);
+    free(next);
+    next = row != nullptr ? nullptr : table.remove_first();
+  } while (next != nullptr);
+  return 0;
+}
+
+// ---- The three sources
+// ----------------------------------------------------------------------------
+
+// Cuts a name in place when it is too long for the description.
+static bool cut_long_name(char *name) {
+  if (strlen(name) < long_name) {
+    return false;
+  }
+  memcpy(name + cut_name, "...", sizeof("..."));
+  return true;
+}
+
+static int refresh_from_mount(filesys_row *row, char *device, const mount_stats &stats) {
+  block_of(row)->figures = figures_of_mount(stats);
+  // On purpose the row's own key is cut and not a copy: the next pass does not find the row by its
+  // directory, makes a new one and drops this one. A long directory has a fresh row at every pass.
+  if (cut_long_name(row->key)) {
+    rekey_Q(&table.rows, row);
+  }
+  cut_long_name(device);
+  describe(row, device);
+  return publish(row);
+}
+
+static void refresh_mount(char *device, const char *directory, const mount_stats &stats) {
+  filesys_row *row = row_of(directory);
+  row->countdown = LISTED_BY_MOUNT_TABLE;
+  switch (stats.state) {
+    case MOUNT_ANSWERED:
+      if (refresh_from_mount(row, device, stats) != 0) {
+        report_update_failure(directory);
+      }
+      break;
+    case MOUNT_STILL_SILENT:
+      // Reported when the silence began: a mount may hang for days.
+      break;
+    default:
+      report_update_failure(directory);
+  }
+}
+
+static int refresh_mounts() {
+  static mount_list list;
+  FILE *file = setmntent(mount_table_path, "r");
+  if (file == nullptr) {
+    // The file's name in the message is an older one, which log filters know.
+    agentlog_fprintf(stderr, "%s: Can't %s the file /etc/mnttab, error %d  (PEER3034)\n", agent,
+                     "open", errno);
+    return -1;
+  }
+  const int result = read_mount_table(file, &list);
+  endmntent(file);
+  if (result != 0 || stat_mounts(list.paths, list.count, list.stats) != 0) {
+    return -1;
+  }
+  for (size_t i = 0; i < list.count; i++) {
+    refresh_mount(list.texts + list.entries[i].device, list.paths[i], list.stats[i]);
+  }
+  return 0;
+}
+
+static int refresh_from_vmkfstools(filesys_row *row, const char *device, FILE *output) {
+  uint64_t capacity;
+  uint64_t available;
+  parse_vmkfstools(output, &capacity, &available);
+  block_of(row)->figures = figures_of_volume(capacity, available);
+  describe(row, device);
+  return publish(row);
+}
+
+// One VMFS-2 volume: an entry of /vmfs with a colon in its name.
+static void scan_vmfs_entry(const char *name) {
+  if (strchr(name, ':') == nullptr || !is_plain_name(name)) {
+    return;
+  }
+  char command[command_size];
+  snprintf(command, sizeof(command), vmkfstools_command, name);
+  FILE *output = popen(command, "r");
+  if (output == nullptr) {
+    return;
+  }
+  char key[sizeof(vmfs_directory) + sizeof(dirent::d_name) + 1];
+  snprintf(key, sizeof(key), "%s/%s", vmfs_directory, name);
+  filesys_row *row = row_of(key);
+  row->countdown = LISTED_BY_VMWARE_SCAN;
+  if (refresh_from_vmkfstools(row, "vmfs", output) == 0) {
+    pclose(output);
+  } else {
+    // The pipe stays open: closing it would wait for a command that may not end.
+    report_update_failure(key);
+  }
+}
+
+static void scan_vmfs() {
+  const directory_handle directory(opendir(vmfs_directory));
+  if (!directory) {
+    return;
+  }
+  while (const dirent *entry = readdir(directory.get())) {
+    scan_vmfs_entry(entry->d_name);
+  }
+}
+
+static void scan_vmfs_volumes() {
+  // Tells only whether this is a VMware console.
+  if (!directory_handle(opendir(vmfs_volumes_directory))) {
+    return;
+  }
+  static char device[name_size];
+  static char key[name_size];
+  // What a broken line lacks keeps the value of the line before.
+  unsigned long long total = 0;
+  unsigned long long used = 0;
+  unsigned long long available = 0;
+  int percent = 0;
+  key[0] = '\0';
+  const pipe_handle output(popen(vdf_command, "r"));
+  if (!output) {
+    return;
+  }
+  while (fscanf(output.get(), "%8191s %llu %llu %llu %d%*[%] %8191s\n", device, &total, &used,
+                &available, &percent, key) != EOF) {
+    if (key[0] == '\0') {
+      continue;  // broken from the beginning
+    }
+    filesys_row *row = row_of(key);
+    row->countdown = LISTED_BY_VMWARE_SCAN;
+    filesys_figures &figures = block_of(row)->figures;
+    figures.space_total = held_int32(total >> 10);
+    figures.space_used = held_int32(used >> 10);
+    figures.percent_used = percent;
+    describe(row, device);
+    publish(row);
+  }
+}
+
+// ---- Entry point
+// ------------------------------------------------------------------------------------
+
+static void remove_unlisted() {
+  queue_element *cursor = table.rows.head;
+  while (filesys_row *row = table.next(&cursor)) {
+    if (row->countdown != 0) {
+      row->countdown--;
+    } else {
+      remove_filesys_rows(row);
+    }
+  }
+}
+
+int do_filesys() {
+  if (refresh_mounts() != 0) {
+    return -1;
+  }
+  if (vmware_phase == 0) {
+    scan_vmfs();
+    scan_vmfs_volumes();
+  }
+  vmware_phase = (vmware_phase + 1) % vmware_period;
+  remove_unlisted();
+  return 0;
+}
