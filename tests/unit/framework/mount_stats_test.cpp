@@ -278,6 +278,7 @@ TEST(StatMounts, AsksTheRealOnes) {
 
 // The process ends at once although a call is outstanding.
 TEST(MountAskerEnd, ExitDoesNotWait) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(
       {
         Mounts::Get().Reset();
