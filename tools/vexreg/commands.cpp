@@ -1,0 +1,210 @@
+#include "tools/vexreg/commands.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "framework/registry_dir.h"
+#include "tools/vexreg/put.h"
+#include "tools/vexreg/values.h"
+
+namespace vex {
+namespace {
+
+constexpr int kUsualWidth = 80;  // of a terminal that does not say how wide it is
+
+bool FileExists(const std::string &root, const std::string &relative) {
+  const Descriptor root_fd(OpenRegistryRoot(root, false));
+  return root_fd && Descriptor(OpenBeneath(root_fd.get(), relative, O_PATH));
+}
+
+// The bytes of a file ("-": standard input), at most one more than an object can have; nothing,
+// with errno, when it cannot be read.
+std::optional<std::vector<uint8_t>> ReadData(const std::string &path) {
+  Descriptor opened;
+  if (path != "-") {
+    opened.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!opened) {
+      return std::nullopt;
+    }
+  }
+  const int fd = path == "-" ? STDIN_FILENO : opened.get();
+  std::vector<uint8_t> bytes(kMaxDataSize + 1);
+  size_t size = 0;
+  while (size < bytes.size()) {
+    const ssize_t got = read(fd, bytes.data() + size, bytes.size() - size);
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got < 0) {
+      return std::nullopt;
+    }
+    if (got == 0) {
+      break;
+    }
+    size += static_cast<size_t>(got);
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
+// JSON on lines of its own, indented by two more blanks.
+std::string Indented(const nlohmann::ordered_json &json) {
+  std::string text;
+  for (const char c : json.dump(2)) {
+    text += c;
+    if (c == '\n') {
+      text += "  ";
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+void Complain(const std::string &message) {
+  std::string line = "vexreg: ";
+  for (const char c : message) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
+      line += escaped;
+    } else {
+      line += c;
+    }
+  }
+  std::cerr << line << '\n';
+}
+
+int TerminalWidth() {
+  if (!isatty(STDOUT_FILENO)) {
+    return 0;
+  }
+  winsize size = {};
+  return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
+                                                                         : kUsualWidth;
+}
+
+int FinishOutput(int status) {
+  if (!std::cout.flush()) {
+    Complain("cannot write to standard output");
+    return kFailed;
+  }
+  return status;
+}
+
+std::vector<NamedObject> ReadObjects(const Selection &selection, int *status) {
+  std::vector<NamedObject> objects;
+  if (selection.names.empty()) {
+    for (const std::string &name : ListObjects(selection.root)) {
+      if (auto object = ReadObjectFile(name, selection.root)) {
+        objects.push_back({name, std::move(*object)});
+      } else if (FileExists(selection.root, name)) {
+        Complain(name + ": damaged, left out");
+      }
+    }
+    return objects;
+  }
+  std::set<std::string> seen;
+  for (const std::string &given : selection.names) {
+    const auto name = ResolveObjectName(given, selection.root);
+    if (name && !seen.insert(*name).second) {
+      continue;
+    }
+    auto object = name ? ReadObjectFile(*name, selection.root) : std::nullopt;
+    if (object) {
+      objects.push_back({*name, std::move(*object)});
+      continue;
+    }
+    *status = kFailed;
+    Complain(given + (name && FileExists(selection.root, *name) ? ": cannot be read as an object"
+                                                                : ": no such object"));
+  }
+  return objects;
+}
+
+int Dump(const Selection &selection) {
+  int status = kDone;
+  const auto objects = ReadObjects(selection, &status);
+  // Object by object: one JSON value of ten thousand members would look each name up in a list.
+  std::cout << '{';
+  for (size_t i = 0; i < objects.size(); i++) {
+    std::cout << (i == 0 ? "\n  " : ",\n  ") << nlohmann::ordered_json(Utf8(objects[i].name)).dump()
+              << ": " << Indented(ObjectJson(objects[i].object));
+  }
+  std::cout << (objects.empty() ? "}\n" : "\n}\n");
+  return FinishOutput(status);
+}
+
+int Show(const Selection &selection, std::optional<int> width) {
+  int status = kDone;
+  const auto objects = ReadObjects(selection, &status);
+  std::cout << RenderTables(objects, width.value_or(TerminalWidth()));
+  return FinishOutput(status);
+}
+
+int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
+        const std::optional<std::string> &data_file) {
+  const auto relative = ResolveObjectName(name, root);
+  if (!relative) {
+    Complain(name + ": not a name below " + root);
+    return kWrongUsage;
+  }
+  std::optional<std::vector<uint8_t>> data;
+  if (data_file) {
+    data = ReadData(*data_file);
+    if (!data) {
+      Complain(*data_file + ": " + strerror(errno));
+      return kWrongUsage;
+    }
+  }
+  std::string error;
+  const auto object = MakeObject(variables, data, &error);
+  if (!object) {
+    Complain(error);
+    return kWrongUsage;
+  }
+  std::vector<uint16_t> lengths;
+  for (const FileVariable &variable : object->variables) {
+    lengths.push_back(variable.length);
+  }
+  ObjectFileWriter writer(*relative, root);
+  writer.SetLayout(object->variables, static_cast<uint32_t>(object->data.size()));
+  if (writer.Publish(object->data.data(), lengths.data()) != 0) {
+    Complain(*relative + ": cannot be written: " + strerror(errno));
+    return kFailed;
+  }
+  return kDone;
+}
+
+int Remove(const std::string &root, const std::string &name) {
+  const auto relative = ResolveObjectName(name, root);
+  if (!relative || !FileExists(root, *relative)) {
+    Complain(name + ": no such object");
+    return kFailed;
+  }
+  // Agents keep other files of theirs in the registry; those are not for this command. A damaged
+  // object is listed and may go.
+  const auto objects = ListObjects(root);
+  if (std::find(objects.begin(), objects.end(), *relative) == objects.end()) {
+    Complain(name + ": not an object");
+    return kFailed;
+  }
+  if (ObjectFileWriter(*relative, root).Remove() != 0) {
+    Complain(name + ": cannot be removed: " + strerror(errno));
+    return kFailed;
+  }
+  return kDone;
+}
+
+}  // namespace vex

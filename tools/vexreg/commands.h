@@ -1,0 +1,44 @@
+// The subcommands of vexreg. Each returns the exit status: 0, 1 when a named object does not exist
+// or cannot be read or written, 2 for wrong usage; messages go to standard error.
+#ifndef VEX_TOOLS_VEXREG_COMMANDS_H
+#define VEX_TOOLS_VEXREG_COMMANDS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/vexreg/tables.h"
+
+namespace vex {
+
+enum ExitStatus { kDone = 0, kFailed = 1, kWrongUsage = 2 };
+
+// What to show: the objects named, or all when none is.
+struct Selection {
+  std::string root;
+  std::vector<std::string> names;
+};
+
+// Reads the objects in the order of their names, or all in natural order. A name given twice counts
+// once. *status becomes kFailed when a named object is missing; the others are read all the same.
+std::vector<NamedObject> ReadObjects(const Selection &selection, int *status);
+
+int Dump(const Selection &selection);
+// width: of the lines; none given: the terminal's, or unlimited when standard output is no
+// terminal.
+int Show(const Selection &selection, std::optional<int> width);
+int Watch(const Selection &selection, std::optional<int> width);
+int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
+        const std::optional<std::string> &data_file);
+int Remove(const std::string &root, const std::string &name);
+
+// One message on standard error, with control characters made visible.
+void Complain(const std::string &message);
+// The terminal's width on standard output; 0 when it is none.
+int TerminalWidth();
+// Flushes standard output. kFailed, with a message, when something could not be written.
+int FinishOutput(int status);
+
+}  // namespace vex
+
+#endif

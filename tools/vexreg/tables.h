@@ -1,0 +1,44 @@
+// Objects as tables for people.
+#ifndef VEX_TOOLS_VEXREG_TABLES_H
+#define VEX_TOOLS_VEXREG_TABLES_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "framework/registry_file.h"
+
+namespace vex {
+
+struct NamedObject {
+  std::string name;  // from the root
+  FileObject object;
+};
+
+// One table for each group of rows ("host/cpu" of host/cpu.0, host/cpu.1, ...) and one list of
+// names and values for each other object, in the order of the objects. With a width, columns of
+// text are wrapped so that no line is longer, and rows that cannot be fitted become lists; with
+// width 0 every row is one line.
+std::string RenderTables(const std::vector<NamedObject> &objects, int width);
+
+// The beginning that the names have in common, up to where a capitalised word begins in most of
+// them and nothing ends: what a heading can do without.
+std::string_view CommonPrefix(const std::vector<std::string_view> &names);
+
+// The text cut at capital letters: "FiveMin" is Five and Min, "GUIDCanonical" GUID and Canonical.
+std::vector<std::string_view> HeadingWords(std::string_view name);
+
+// A value for people: a date of 7 octets as "2024-03-05 14:07:09", "never" or "-" (all zero), a
+// GUID of 16 octets in its canonical form, other octets in hexadecimal, text without control
+// characters.
+std::string ValueText(const FileObject &object, const FileVariable &variable);
+
+// The columns that the text takes on a terminal.
+int DisplayWidth(std::string_view text);
+
+// The text in lines of at most width columns, broken at blanks where possible; at least one line.
+std::vector<std::string> WrapText(std::string_view text, int width);
+
+}  // namespace vex
+
+#endif

@@ -1,0 +1,288 @@
+// vexreg watch: tables that follow the objects on a terminal, one line for each change elsewhere.
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <set>
+
+#include "framework/registry_dir.h"
+#include "tools/vexreg/changes.h"
+#include "tools/vexreg/commands.h"
+
+namespace vex {
+namespace {
+
+constexpr double kPeriod = 1;       // seconds between looks when nothing tells of a change
+constexpr double kShortest = 0.05;  // and between looks at most this often
+// A look at many objects is repeated only after this many times what it took.
+constexpr double kRest = 10;
+
+volatile sig_atomic_t ended;
+volatile sig_atomic_t suspended;
+
+void TakeSignal(int number) {
+  if (number == SIGTSTP) {
+    suspended = 1;
+  } else if (number != SIGWINCH && number != SIGCONT) {
+    ended = 1;
+  }
+}
+
+double Now() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+std::string TimeOfDay() {
+  const time_t now = time(nullptr);
+  tm local = {};
+  localtime_r(&now, &local);
+  char text[32];
+  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+  return text;
+}
+
+// The signals that end or change the view are taken while waiting, and only then.
+class Signals {
+ public:
+  Signals() {
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGWINCH}) {
+      struct sigaction action = {};
+      action.sa_handler = TakeSignal;
+      sigaction(number, &action, nullptr);
+      sigaddset(&taken, number);
+    }
+    sigprocmask(SIG_BLOCK, &taken, &before_);
+  }
+  const sigset_t &Before() const {
+    return before_;
+  }
+
+ private:
+  sigset_t before_;
+};
+
+// Tells when something in the directories of the objects was written. Without it (a limit reached)
+// the regular looks remain.
+class DirectoryWatch {
+ public:
+  DirectoryWatch() : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+  int fd() const {
+    return fd_.get();
+  }
+  // Watches the root and the directories of the objects; those already watched stay so.
+  void Follow(const std::string &root, const std::set<std::string> &directories) {
+    Add(root);
+    for (const std::string &directory : directories) {
+      Add(root + "/" + directory);
+    }
+  }
+  void Drain() {
+    alignas(inotify_event) char events[4096];
+    while (read(fd_.get(), events, sizeof(events)) > 0) {
+    }
+  }
+
+ private:
+  void Add(const std::string &path) {
+    inotify_add_watch(fd_.get(), path.c_str(),
+                      IN_MODIFY | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CREATE | IN_ONLYDIR);
+  }
+  Descriptor fd_;
+};
+
+// The terminal's other screen without a cursor, for as long as the view lasts.
+class Screen {
+ public:
+  Screen() {
+    Enter();
+  }
+  ~Screen() {
+    Leave();
+  }
+  Screen(const Screen &) = delete;
+  Screen &operator=(const Screen &) = delete;
+
+  // Gives the terminal back, stops as the shell expects, and goes on when continued.
+  void Suspend(const sigset_t &unblocked) {
+    Leave();
+    struct sigaction action = {};
+    struct sigaction ours = {};
+    action.sa_handler = SIG_DFL;
+    sigaction(SIGTSTP, &action, &ours);
+    raise(SIGTSTP);
+    sigset_t blocked;
+    sigprocmask(SIG_SETMASK, &unblocked, &blocked);  // stops here
+    sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    sigaction(SIGTSTP, &ours, nullptr);
+    Enter();
+  }
+  void Paint(const std::string &text) {
+    winsize size = {};
+    const size_t height =
+        ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;
+    std::string screen = "\x1b[H";
+    size_t lines = 0;
+    const size_t all = static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    for (size_t at = 0; at < text.size(); lines++) {
+      if (lines + 1 == height && all > height) {
+        screen += "... " + std::to_string(all - lines) + " more lines\x1b[K";
+        break;
+      }
+      const size_t end = text.find('\n', at);
+      screen += text.substr(at, end - at) + "\x1b[K";
+      // No line feed behind the last line that fits: the screen would scroll.
+      if (lines + 1 < height) {
+        screen += "\r\n";
+      }
+      at = end + 1;
+    }
+    screen += all < height ? "\x1b[J" : "";
+    std::cout << screen << std::flush;
+  }
+
+ private:
+  static void Enter() {
+    std::cout << "\x1b[?1049h\x1b[?25l" << std::flush;
+  }
+  static void Leave() {
+    std::cout << "\x1b[?25h\x1b[?1049l" << std::flush;
+  }
+};
+
+// The objects there are now. Objects that are missing are no error here: they come and go.
+std::vector<NamedObject> Look(const std::string &root, const std::vector<std::string> &names) {
+  std::vector<NamedObject> objects;
+  for (const std::string &name : names.empty() ? ListObjects(root) : names) {
+    if (auto object = ReadObjectFile(name, root)) {
+      objects.push_back({name, std::move(*object)});
+    }
+  }
+  return objects;
+}
+
+std::string Missing(const std::vector<std::string> &names,
+                    const std::vector<NamedObject> &objects) {
+  std::string text;
+  for (const std::string &name : names) {
+    if (std::none_of(objects.begin(), objects.end(),
+                     [&](const NamedObject &object) { return object.name == name; })) {
+      text += "\n" + name + " (removed)\n";
+    }
+  }
+  return text;
+}
+
+void PrintChanges(const std::vector<NamedObject> &before, const std::vector<NamedObject> &after) {
+  std::map<std::string_view, const FileObject *> old;
+  for (const NamedObject &object : before) {
+    old[object.name] = &object.object;
+  }
+  std::vector<std::string> lines;
+  const auto add = [&](const std::string &name, const FileObject *from, const FileObject *to) {
+    const auto more = ChangeLines(name, from, to);
+    lines.insert(lines.end(), more.begin(), more.end());
+  };
+  for (const NamedObject &object : after) {
+    const auto found = old.find(object.name);
+    add(object.name, found != old.end() ? found->second : nullptr, &object.object);
+    if (found != old.end()) {
+      old.erase(found);
+    }
+  }
+  for (const NamedObject &object : before) {
+    if (old.contains(object.name)) {
+      add(object.name, &object.object, nullptr);
+    }
+  }
+  const std::string now = TimeOfDay();
+  for (const std::string &line : lines) {
+    std::cout << now << ' ' << line << '\n';
+  }
+  std::cout.flush();
+}
+
+std::set<std::string> Directories(const std::vector<std::string> &names,
+                                  const std::vector<NamedObject> &objects) {
+  std::set<std::string> directories;
+  for (const std::string &name : names) {
+    directories.insert(SplitPath(name).first);
+  }
+  for (const NamedObject &object : objects) {
+    directories.insert(SplitPath(object.name).first);
+  }
+  return directories;
+}
+
+// Waits until there may be something new: a change in a directory, a signal, or the time is over.
+void WaitForChange(DirectoryWatch &watch, const Signals &signals, double began) {
+  const auto wait = [&](pollfd *polled, nfds_t count, double seconds) {
+    const timespec time = {
+        static_cast<time_t>(seconds),
+        static_cast<long>((seconds - static_cast<double>(static_cast<time_t>(seconds))) * 1e9)};
+    return ppoll(polled, count, &time, &signals.Before());
+  };
+  const double took = Now() - began;
+  if (wait(nullptr, 0, std::max(kShortest, kRest * took)) < 0) {
+    return;  // a signal
+  }
+  pollfd polled = {watch.fd(), POLLIN, 0};
+  if (wait(&polled, 1, std::max(0.0, kPeriod - (Now() - began))) > 0) {
+    watch.Drain();
+  }
+}
+
+}  // namespace
+
+int Watch(const Selection &selection, std::optional<int> width) {
+  int status = kDone;
+  std::vector<NamedObject> objects = ReadObjects(selection, &status);
+  if (status != kDone) {
+    return status;
+  }
+  std::vector<std::string> names;
+  for (const NamedObject &object : objects) {
+    names.push_back(object.name);
+  }
+  const std::vector<std::string> wanted =
+      selection.names.empty() ? std::vector<std::string>() : names;
+  const Signals signals;
+  DirectoryWatch watch;
+  std::optional<Screen> screen;
+  if (isatty(STDOUT_FILENO)) {
+    screen.emplace();
+  }
+  std::vector<NamedObject> shown;
+  while (!ended && std::cout) {
+    const double began = Now();
+    watch.Follow(selection.root, Directories(wanted, objects));
+    objects = Look(selection.root, wanted);
+    if (screen) {
+      screen->Paint("vexreg watch, " + TimeOfDay() + ", Ctrl-C ends it\n\n" +
+                    RenderTables(objects, width.value_or(TerminalWidth())) +
+                    Missing(wanted, objects));
+    } else {
+      PrintChanges(shown, objects);
+      shown = objects;
+    }
+    WaitForChange(watch, signals, began);
+    if (suspended && screen) {
+      suspended = 0;
+      screen->Suspend(signals.Before());
+    }
+  }
+  screen.reset();
+  return FinishOutput(kDone);
+}
+
+}  // namespace vex
