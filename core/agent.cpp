@@ -8,6 +8,7 @@
 #include "monitors/filesys.h"
 #include "monitors/memory.h"
 #include "platform/framework.h"
+#include "software/packages.h"
 #include "status/misc.h"
 
 // Exported for the framework, which finds them by these names.
@@ -38,7 +39,7 @@ static const collector start_order[] = {
     without_flag<do_memory>,
     nullptr,  // OS identity
     without_flag<do_misc>,
-    nullptr,  // software
+    without_flag<do_swver>,
     do_cpu,
     nullptr,  // appliance
     nullptr,  // firmware
@@ -51,7 +52,7 @@ static const collector poll_order[] = {
     without_flag<do_memory>,
     nullptr,  // OS identity
     without_flag<do_misc>,
-    nullptr,  // software
+    without_flag<do_swver>,
     nullptr,  // firmware
 };
 

@@ -69,6 +69,9 @@ std::string Octets(const std::string &name, const std::string &variable);
 // The descriptor of a live object's variable; null when there is none.
 descriptor *Variable(const std::string &name, const std::string &variable);
 
+// The object may be published with slots that were never defined; else that fails the test.
+void AllowUndefinedSlots(const std::string &name);
+
 // A manager's set of one variable: check, then, when accepted, apply. Returns the handler's
 // result; -1 for a variable without a handler.
 int Set(const std::string &name, const std::string &variable, int32_t value);

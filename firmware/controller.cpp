@@ -1,0 +1,133 @@
+#include "firmware/controller.h"
+
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "core/util.h"
+
+// ---- Channel ------------------------------------------------------------------------------------
+
+static constexpr unsigned reopen_pause = 5;      // seconds
+static constexpr uint32_t reply_timeout = 5000;  // milliseconds
+
+static void reopen(controller_link *link) {
+  sleep(reopen_pause);
+  reinitializeRemoteVantix(&link->channel, &link->device);
+}
+
+int controller_send(controller_link *link, const void *packet, uint32_t length) {
+  int status = TLXCI_OK;
+  TlxCiSend(link->channel, packet, length, &status, nullptr);
+  if (status == TLXCI_REOPEN) {
+    reopen(link);
+    TlxCiSend(link->channel, packet, length, &status, nullptr);
+  }
+  return status;
+}
+
+int controller_receive(controller_link *link, void *reply, uint32_t size) {
+  int status = TLXCI_OK;
+  memset(reply, 0, size);
+  TlxCiRecv(link->channel, reply, size, &status, &reply_timeout);
+  if (status == TLXCI_REOPEN) {
+    reopen(link);
+    TlxCiRecv(link->channel, reply, size, &status, &reply_timeout);
+  }
+  return status;
+}
+
+static constexpr uint32_t header_size = 8;
+
+int controller_transact(tlxci_channel *channel, uint8_t *request, void *reply,
+                        uint32_t reply_size) {
+  static uint16_t sequence;
+  if (channel == nullptr) {
+    return TLXCI_NO_CHANNEL;
+  }
+  const uint32_t length = request != nullptr ? request[0] | uint32_t{request[1]} << 8 : 0;
+  if (length < header_size) {
+    return TLXCI_BAD_REQUEST;
+  }
+  request[2] = static_cast<uint8_t>(sequence);
+  request[3] = static_cast<uint8_t>(sequence >> 8);
+  sequence++;
+  request[6] = 0;
+  request[7] = 0;
+  int status = TLXCI_OK;
+  TlxCiSend(channel, request, length, &status, nullptr);
+  if (status != TLXCI_OK) {
+    return status;
+  }
+  const uint32_t received = TlxCiRecv(channel, reply, reply_size, &status, &reply_timeout);
+  return status == TLXCI_OK && received < length ? static_cast<int>(TLXCI_SHORT_REPLY) : status;
+}
+
+// ---- Firmware version ---------------------------------------------------------------------------
+
+// Length 8, sequence 0, command 2.
+static const uint8_t version_request[] = {0x08, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00};
+static constexpr uint32_t version_reply_size = 256;
+
+// Where the reply has its facts, each a signed byte.
+static constexpr int minor_version = 16;
+static constexpr int major_version = 17;
+static constexpr int generation = 68;
+
+static const char *key_of_generation(int8_t value) {
+  switch (value) {
+    case 6:
+      return "ZQ10";
+    case 5:
+      return "ZQ9";
+    case 4:
+      return "ZQ7";
+    default:
+      return "ZQ5";
+  }
+}
+
+static void fill(firmware_record *record, const int8_t *reply, const char *location,
+                 const char *key, const char *display_name) {
+  record->category = 4;
+  record->device_type = 25;
+  record->update_method = usual_update_method;
+  snprintf(record->version, sizeof(record->version), "%d.%02d", reply[major_version],
+           reply[minor_version]);
+  copy_field(record->location, location);
+  copy_field(record->key, key);
+  copy_field(record->display_name, display_name);
+}
+
+int collect_integrated_controller(FILE *, const char *, firmware_record *record, int *more) {
+  *more = 0;
+  controller_link link = {nullptr, -1};
+  if (initializeRemoteVantix(&link.channel, &link.device) != TLXCI_INTEGRATED) {
+    return -1;
+  }
+  int8_t reply[version_reply_size];
+  if (controller_send(&link, version_request, sizeof(version_request)) != TLXCI_OK ||
+      controller_receive(&link, reply, sizeof(reply)) != TLXCI_OK) {
+    return -1;
+  }
+  fill(record, reply, system_board, key_of_generation(reply[generation]),
+       "Integrated Farwatch Firmware");
+  return 0;
+}
+
+int collect_remote_card(FILE *, const char *, firmware_record *record, int *more) {
+  *more = 0;
+  controller_link link = {nullptr, -1};
+  const int kind = initializeRemoteVantix(&link.channel, &link.device);
+  if (kind == TLXCI_INTEGRATED || kind == TLXCI_NONE) {
+    return -1;
+  }
+  int8_t reply[version_reply_size] = {};
+  tlxrmc_transaction transaction = {version_request, sizeof(version_request), 0,
+                                    reply,           sizeof(reply),           0};
+  if (ioctl(link.device, TLXRMC_TRANSACT, &transaction) != 0) {
+    return -1;
+  }
+  fill(record, reply, "ZENTA Board", "ZENTA Board", "Remote Farwatch Firmware");
+  return 0;
+}

@@ -1,0 +1,51 @@
+// The software pass: finds what is installed and keeps the table of swver.h.
+#ifndef VEX_SOFTWARE_PACKAGES_H
+#define VEX_SOFTWARE_PACKAGES_H
+
+#include <stddef.h>
+#include <stdio.h>
+
+// Builds the table at the first call; refreshes component versions, rescans the package database
+// when it has changed, and publishes. Returns 0.
+int do_swver();
+
+// ---- Pieces of the pass, for its tests ----------------------------------------------------------
+
+// How a package is reported: origin * 256 + type, or 0 when it is not.
+int classify_package(const char *name);
+
+// Room for a row's name with its architecture.
+inline constexpr size_t decorated_size = 64;
+
+// Builds the name of a package's row: the name and, by origin, its architecture. A null
+// architecture means the machine's.
+void decorate_name(char (&buffer)[decorated_size], const char *name, const char *architecture,
+                   int origin);
+
+// The index of the first needle (in their order) that occurs in a line of the file, for the first
+// line in which one does; -1 when there is none or no such file. Lines count in pieces of up to 253
+// characters.
+int find_line(const char *path, const char *const *needles, int count);
+
+// What a package query prints, key by key. Null where a key was not printed.
+struct package_answer {
+  const char *name;
+  const char *version;
+  const char *description;
+  const char *architecture;
+  char texts[256];  // where they lie
+};
+
+// Reads pairs of key and value until four known keys were read. Returns 0, or -1 when the stream
+// ends or the room is used up before.
+int read_package_answer(FILE *stream, package_answer *answer);
+
+// Splits a listing at its newlines, in place; what follows the last one does not count. Stores up
+// to `most` names and returns their number.
+int split_listing(char *text, size_t length, const char **names, int most);
+
+// Non-zero when a name has only characters that a package's name can have and is short enough for
+// the query: such a name may reach a shell.
+int is_package_name(const char *name);
+
+#endif

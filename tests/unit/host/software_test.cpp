@@ -1,0 +1,1029 @@
+// The software table and its pass over the recording framework.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "software/components.h"
+#include "software/packages.h"
+#include "software/swver.h"
+#include "status/misc.h"
+#include "tests/support/recording_framework.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+const std::string kAgentVersion = "rpm -qa | grep -w qv-snmp | cut -d - -f4";
+const std::string kListing = "dpkg -la | grep ii | cut -d ' ' -f3";
+const std::string kDatabase = "/var/lib/dpkg/available";
+
+std::string Query(const std::string &name) {
+  return "dpkg -l | grep " + name +
+         " | awk '{print \"Name \" $2} {print \"Version \" $3} {ORS=\" \"; print \"Desc \"; "
+         "for (j = 4; j <= NF; j++) print $j}'\n"
+         "echo \"\nArch `dpkg --print-architecture`\"";
+}
+
+struct Package {
+  std::string name;
+  std::string version = "1.0";
+  std::string description = "A package";
+  std::string architecture = "amd64";
+};
+
+// What the query of that package prints.
+std::string Answer(const Package &p) {
+  return "Name " + p.name + "\nVersion " + p.version + "\nDesc  " + p.description + " \nArch " +
+         p.architecture + "\n";
+}
+
+void PutPackages(const std::vector<Package> &packages) {
+  std::string listing;
+  for (const Package &p : packages) {
+    listing += p.name + "\n";
+    rec::PutCommand(Query(p.name), Answer(p));
+  }
+  rec::PutCommand(kListing, listing);
+}
+
+void SetDatabaseTime(time_t time) {
+  rec::PutFile(kDatabase, "");
+  const timespec times[2] = {{time, 0}, {time, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, rec::RealPath(kDatabase).c_str(), times, 0), 0);
+}
+
+// A pass that finds the database changed.
+void Rescan() {
+  static time_t time = 1000000;
+  SetDatabaseTime(++time);
+  ASSERT_EQ(do_swver(), 0);
+}
+
+std::string Row(int number) {
+  return "host/swver." + std::to_string(number);
+}
+
+swver_data *Data(const std::string &row) {
+  return reinterpret_cast<swver_data *>(rec::Live(row)->data);
+}
+
+std::string Name(int row) {
+  return rec::Text(Row(row), "tlxHoSwVerName");
+}
+
+std::string Version(int row) {
+  return rec::Text(Row(row), "tlxHoSwVerVersion");
+}
+
+std::string Decorated(const char *name, const char *architecture, int origin) {
+  char buffer[decorated_size];
+  memset(buffer, 'x', sizeof(buffer));
+  decorate_name(buffer, name, architecture, origin);
+  return buffer;
+}
+
+// Without dpkg, rpm, EVs and an appliance.
+class Software : public testing::Test {
+ protected:
+  void SetUp() override {
+    rec::PutNothing(kDatabase);
+    rec::PutNothing(std::string(log_dir) + "/../threshold");
+  }
+};
+
+}  // namespace
+
+// ---- Rows -------------------------------------------------------------------------------------
+
+TEST_F(Software, BuildsThePermanentRows) {
+  ASSERT_EQ(do_misc(), 0);
+  rec::ForgetEvents();
+  ASSERT_EQ(do_swver(), 0);
+  const struct {
+    const char *name;
+    const char *description;
+  } expected[] = {
+      {"CONFIG", "QV System Configuration Utility"},
+      {"SYSTEMROMKIT", "QV System ROMKIT Utility"},
+      {"DIAGS", "QV Diagnostics Utility"},
+      {"DISKDR", "QV Drive Array Diagnostic Utility"},
+  };
+  for (int i = 0; i < 4; i++) {
+    const std::string row = Row(i);
+    EXPECT_EQ(rec::Int(row, "tlxHoSwVerIndex"), i);
+    EXPECT_EQ(rec::Int(row, "tlxHoSwVerStatus"), 1);
+    EXPECT_EQ(rec::Int(row, "tlxHoSwVerType"), 4);
+    EXPECT_EQ(rec::Text(row, "tlxHoSwVerName"), expected[i].name);
+    EXPECT_EQ(rec::Text(row, "tlxHoSwVerDescription"), expected[i].description);
+    EXPECT_EQ(rec::Octets(row, "tlxHoSwVerDate"), std::string(7, '\0'));
+    EXPECT_EQ(rec::Text(row, "tlxHoSwVerLocation"), "");
+    EXPECT_EQ(rec::Text(row, "tlxHoSwVerVersion"), "0.0");
+    EXPECT_EQ(rec::Text(row, "tlxHoSwVerVersionBinary"), "0.0");
+    EXPECT_EQ(rec::Publications(row), 1);
+    EXPECT_EQ(rec::Live(row)->flag, 1);
+    EXPECT_EQ(rec::Live(row)->data_size, 764);
+    EXPECT_EQ(rec::Live(row)->var_count, 9);
+  }
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 4);
+  EXPECT_EQ(rec::Messages(), Strings{});
+
+  ASSERT_EQ(do_swver(), 0);
+  for (int i = 0; i < 4; i++) {
+    EXPECT_EQ(rec::Publications(Row(i)), 1);
+  }
+}
+
+TEST_F(Software, TheFirstRowMovesTheNextIndexToOne) {
+  ASSERT_EQ(do_misc(), 0);
+  ASSERT_NE(swver_create("first"), nullptr);
+  EXPECT_NE(rec::Live("host/swver.0"), nullptr);
+  EXPECT_EQ(Data(Row(0))->index, 0);
+  EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 1);
+  EXPECT_EQ(rec::Publications(Row(0)), 0);
+}
+
+TEST_F(Software, DefinesTheVariablesOfARow) {
+  ASSERT_EQ(do_swver(), 0);
+  const struct {
+    const char *name;
+    int size;
+    int type;
+    int access;
+    size_t offset;
+  } expected[] = {
+      {"tlxHoSwVerIndex", 4, 1, 2, 0},
+      {"tlxHoSwVerStatus", 4, 1, 2, 4},
+      {"tlxHoSwVerType", 4, 1, 0, 8},
+      {"tlxHoSwVerName", 128, 2, 0, 12},
+      {"tlxHoSwVerDescription", 256, 2, 2, 140},
+      {"tlxHoSwVerDate", 7, 3, 2, 396},
+      {"tlxHoSwVerLocation", 256, 2, 0, 404},
+      {"tlxHoSwVerVersion", 51, 2, 2, 660},
+      {"tlxHoSwVerVersionBinary", 51, 2, 2, 711},
+  };
+  const registry_object *object = rec::Live(Row(0));
+  for (int slot = 0; slot < 9; slot++) {
+    const descriptor &desc = object->desc[slot];
+    EXPECT_EQ(desc.slot, slot);
+    EXPECT_STREQ(desc.name, expected[slot].name);
+    EXPECT_EQ(desc.size, expected[slot].size);
+    EXPECT_EQ(desc.type, expected[slot].type);
+    EXPECT_EQ(desc.access, expected[slot].access);
+    EXPECT_EQ(desc.count, 1);
+    EXPECT_EQ(static_cast<unsigned char *>(desc.value) - object->data,
+              static_cast<ptrdiff_t>(expected[slot].offset));
+    EXPECT_EQ(desc.set_handler != nullptr, expected[slot].access == 0);
+  }
+  EXPECT_EQ(object->desc[5].length, 7);
+}
+
+TEST_F(Software, ReusesAFreedNumberAndNotItsIndex) {
+  ASSERT_EQ(do_misc(), 0);
+  PutPackages({{"qvdiags"}, {"qvrelm"}});
+  Rescan();
+  EXPECT_EQ(Name(4), "qvdiags_amd64");
+  EXPECT_EQ(Name(5), "qvrelm_amd64");
+  EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 6);
+
+  PutPackages({{"qvrelm"}});
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 6);
+
+  PutPackages({{"qvrelm"}, {"glut"}});
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerIndex"), 6);
+  EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 6);
+}
+
+TEST_F(Software, TheIndexColumnFollowsTheSharedNextIndex) {
+  ASSERT_EQ(do_misc(), 0);
+  ASSERT_EQ(do_swver(), 0);
+  set_next_index(41);  // as the firmware table does
+  PutPackages({{"glut"}});
+  Rescan();
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerIndex"), 41);
+  EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 5);
+}
+
+TEST_F(Software, WorksWithoutTheMiscGroup) {
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Int(Row(3), "tlxHoSwVerIndex"), 0);
+  EXPECT_EQ(rec::Live("host/misc"), nullptr);
+}
+
+TEST_F(Software, CutsLongTextsToTheirFields) {
+  const std::string name(200, 'n');
+  const std::string text(300, 't');
+  const swver_item item = {name.c_str(), text.c_str(), text.c_str()};
+  ASSERT_EQ(swver_put(&item, 5, 2, SWVER_PERMANENT), 0);
+  swver_finish_pass();
+  EXPECT_EQ(Name(0), name.substr(0, 127));
+  EXPECT_EQ(Version(0), text.substr(0, 50));
+  EXPECT_EQ(rec::Text(Row(0), "tlxHoSwVerVersionBinary"), text.substr(0, 50));
+  EXPECT_EQ(rec::Text(Row(0), "tlxHoSwVerDescription"), text.substr(0, 255));
+  EXPECT_EQ(swver_find(name.c_str())->object, rec::Live(Row(0)));
+  // It is the same software the next time.
+  ASSERT_EQ(swver_put(&item, 5, 2, SWVER_PERMANENT), 0);
+  swver_finish_pass();
+  EXPECT_EQ(rec::Publications(Row(0)), 1);
+  EXPECT_EQ(rec::Live(Row(1)), nullptr);
+}
+
+TEST_F(Software, PublishesWhatChangedAndNothingElse) {
+  const swver_item item = {"name", "1", "text"};
+  const auto put = [](const swver_item &changed, int type, int status) {
+    rec::ForgetEvents();
+    EXPECT_EQ(swver_put(&changed, type, status, SWVER_SEEN), 0);
+    swver_finish_pass();
+    return rec::Count("log_data", Row(0));
+  };
+  EXPECT_EQ(put(item, 3, 2), 1);
+  EXPECT_EQ(put(item, 3, 2), 0);
+  EXPECT_EQ(put({"name", "2", "text"}, 3, 2), 1);
+  EXPECT_EQ(put({"name", "2", "texts"}, 3, 2), 1);
+  EXPECT_EQ(put({"name", "2", "texts"}, 2, 2), 1);
+  EXPECT_EQ(put({"name", "2", "texts"}, 2, 1), 1);
+  EXPECT_EQ(put({"name", "2", "texts"}, 2, 1), 0);
+}
+
+TEST_F(Software, KeepsAThousandRows) {
+  for (int pass = 0; pass < 2; pass++) {
+    for (int i = 0; i < 1000; i++) {
+      const std::string name = "package-" + std::to_string(i);
+      const swver_item item = {name.c_str(), "1", "text"};
+      ASSERT_EQ(swver_put(&item, 5, 2, SWVER_SEEN), 0);
+    }
+    swver_finish_pass();
+  }
+  for (int i = 0; i < 1000; i++) {
+    ASSERT_EQ(Name(i), "package-" + std::to_string(i));
+    ASSERT_EQ(rec::Publications(Row(i)), 1);
+  }
+  swver_change_state(SWVER_SEEN, SWVER_NOT_SEEN);
+  swver_finish_pass();
+  EXPECT_EQ(rec::LiveNames(), Strings{});
+  EXPECT_TRUE(swver_is_empty());
+}
+
+// ---- Sets ---------------------------------------------------------------------------------------
+
+TEST_F(Software, TakesTypesOneToFour) {
+  PutPackages({{"glut"}});
+  Rescan();
+  for (int type : {0, 5, -1, 256}) {
+    EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerType", type), -1) << type;
+  }
+  EXPECT_EQ(Data(Row(4))->type, 5);
+  for (int type : {1, 2, 3, 4}) {
+    EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerType", type), 0) << type;
+    EXPECT_EQ(Data(Row(4))->type, type);
+  }
+  EXPECT_EQ(rec::Publications(Row(4)), 1);
+  Rescan();
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerType"), 5);
+  EXPECT_EQ(rec::Publications(Row(4)), 2);
+}
+
+TEST_F(Software, ChecksWithoutStoring) {
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::CheckOnly(Row(0), "tlxHoSwVerName", "other"), 0);
+  EXPECT_EQ(rec::CheckOnly(Row(0), "tlxHoSwVerLocation", "there"), 0);
+  EXPECT_EQ(rec::CheckOnly(Row(0), "tlxHoSwVerName", std::string(129, 'n')), -1);
+  EXPECT_STREQ(Data(Row(0))->name, "CONFIG");
+  EXPECT_STREQ(Data(Row(0))->location, "");
+  const int32_t type = 1;
+  descriptor *desc = rec::Variable(Row(0), "tlxHoSwVerType");
+  EXPECT_EQ(desc->set_handler(SET_CHECK, rec::Live(Row(0)), desc, &type, 4), 0);
+  EXPECT_EQ(Data(Row(0))->type, 4);
+  // Any other phase applies.
+  EXPECT_EQ(desc->set_handler(0, rec::Live(Row(0)), desc, &type, 4), 0);
+  EXPECT_EQ(Data(Row(0))->type, 1);
+}
+
+TEST_F(Software, RefusesOtherSlots) {
+  ASSERT_EQ(do_swver(), 0);
+  registry_object *object = rec::Live(Row(0));
+  const set_handler_fn handler = object->desc[3].set_handler;
+  for (int slot : {0, 1, 4, 5, 7, 8}) {
+    EXPECT_EQ(handler(SET_APPLY, object, &object->desc[slot], "text", 4), -1) << slot;
+  }
+}
+
+TEST_F(Software, TheLongestNameRunsIntoTheDescription) {
+  PutPackages({{"glut"}});
+  Rescan();
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerName", std::string(129, 'n')), -1);
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerName", std::string(128, 'n')), 0);
+  const auto *bytes = rec::Live(Row(4))->data;
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(bytes) + 12, 128), std::string(128, 'n'));
+  EXPECT_EQ(bytes[140], 0);
+  EXPECT_EQ(bytes[141], ' ');
+  ASSERT_EQ(do_swver(), 0);  // no rescan: it stands
+  EXPECT_EQ(rec::Publications(Row(4)), 1);
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Text(Row(4), "tlxHoSwVerDescription"), "A package ");
+  EXPECT_EQ(rec::Publications(Row(4)), 2);
+}
+
+TEST_F(Software, TheLongestLocationRunsIntoTheVersion) {
+  PutPackages({{"glut"}});
+  Rescan();
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerLocation", std::string(257, 'l')), -1);
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerLocation", std::string(256, 'l')), 0);
+  EXPECT_EQ(Data(Row(4))->version[0], '\0');
+  Rescan();
+  EXPECT_EQ(Version(4), "1.0");
+  EXPECT_EQ(rec::Publications(Row(4)), 2);
+  EXPECT_EQ(std::string(Data(Row(4))->location, 256), std::string(256, 'l'));
+}
+
+TEST_F(Software, AManagersLocationSurvives) {
+  PutPackages({{"glut"}});
+  Rescan();
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerLocation", std::string("rack 7")), 0);
+  Rescan();
+  EXPECT_STREQ(Data(Row(4))->location, "rack 7");
+  EXPECT_EQ(rec::Publications(Row(4)), 1);
+  PutPackages({{"glut", "2.0"}});
+  Rescan();
+  EXPECT_EQ(rec::Text(Row(4), "tlxHoSwVerLocation"), "rack 7");
+}
+
+TEST_F(Software, AComponentsLocationComesFromItsRecord) {
+  std::string ev(136, '\0');
+  ev[3] = 1;
+  rec::PutEv("ZTHUV", ev);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Set(Row(0), "tlxHoSwVerLocation", std::string("rack 7")), 0);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_STREQ(Data(Row(0))->location, "");
+  // What is compared is name, version, description, type and status.
+  EXPECT_EQ(rec::Publications(Row(0)), 2);
+}
+
+TEST_F(Software, ARenamedComponentKeepsTheManagersName) {
+  std::string ev(136, '\0');
+  ev[3] = 1;
+  rec::PutEv("ZTHUV", ev);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Version(0), "1.0");
+  EXPECT_EQ(rec::Set(Row(0), "tlxHoSwVerName", std::string(128, 'n')), 0);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications(Row(0)), 2);  // the record, and its version
+  EXPECT_EQ(Data(Row(0))->name[127], 'n');
+}
+
+// ---- Component versions -------------------------------------------------------------------------
+
+TEST_F(Software, ReadsComponentVersionsFromTheEv) {
+  std::string ev(136, '\0');
+  ev.replace(3, 3,
+             std::string("\x02\x32"
+                         "a",
+                         3));                        // CONFIG 2.50a
+  ev.replace(9, 3, std::string("\x01\x05\x00", 3));  // DIAGS 1.5
+  ev.replace(15, 3,
+             std::string("\xff\xff"
+                         "b",
+                         3));                      // SYSTEMROMKIT 255.255b
+  ev.replace(21, 3, std::string("\x00\x00z", 3));  // DISKDR unknown
+  rec::PutEv("ZTHUV", ev);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Version(0), "2.50a");
+  EXPECT_EQ(rec::Text(Row(0), "tlxHoSwVerVersionBinary"), "2.50a");
+  EXPECT_EQ(rec::Int(Row(0), "tlxHoSwVerStatus"), 2);
+  EXPECT_EQ(rec::Text(Row(0), "tlxHoSwVerDescription"), "QV System Configuration Utility");
+  EXPECT_EQ(Version(1), "255.255b");
+  EXPECT_EQ(Version(2), "1.5");
+  EXPECT_EQ(Version(3), "0.0");
+  EXPECT_EQ(rec::Int(Row(3), "tlxHoSwVerStatus"), 1);
+  EXPECT_EQ(rec::Publications(Row(0)), 2);
+  EXPECT_EQ(rec::Publications(Row(3)), 1);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications(Row(0)), 2);
+}
+
+TEST_F(Software, ReadsTheEvOnce) {
+  ASSERT_EQ(do_swver(), 0);
+  rec::PutEv("ZTHUV", std::string(136, '\x01'));
+  ASSERT_EQ(do_swver(), 0);
+  ASSERT_EQ(update_component_versions(), -1);
+  for (int i = 0; i < 4; i++) {
+    EXPECT_EQ(Version(i), "0.0");
+    EXPECT_EQ(rec::Int(Row(i), "tlxHoSwVerStatus"), 1);
+  }
+}
+
+TEST_F(Software, AShortEvIsZeroBeyondItsEnd) {
+  rec::PutEv("ZTHUV", std::string("\0\0\0\x03\x01", 5));
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Version(0), "3.1");
+  EXPECT_EQ(Version(1), "0.0");
+}
+
+TEST_F(Software, ARowRenamedToOptionRomkitGetsItsVersion) {
+  std::string ev(136, '\0');
+  ev.replace(33, 3,
+             std::string("\x07\x01"
+                         "c",
+                         3));
+  rec::PutEv("ZTHUV", ev);
+  PutPackages({{"glut"}});
+  Rescan();
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerName", std::string("OPTIONROMKIT")), 0);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Version(4), "1.0");  // type 5
+  EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerType", 4), 0);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Version(4), "7.1c");
+  EXPECT_EQ(Name(4), "OPTIONROMKIT");
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerType"), 5);
+}
+
+// ---- Agent version ------------------------------------------------------------------------------
+
+TEST_F(Software, TakesTheAgentVersionFromRpm) {
+  rec::PutCommand(kAgentVersion, "8.1.0\n9.9.9\n");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "8.1.0");
+  EXPECT_EQ(rec::Live("host/swverag")->data_size, 51);
+  EXPECT_EQ(rec::Live("host/swverag")->flag, 1);
+  EXPECT_EQ(rec::Variable("host/swverag", "tlxHoSwVerAgentsVer")->access, ACCESS_READ_ONLY);
+  EXPECT_EQ(rec::Publications("host/swverag"), 1);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications("host/swverag"), 1);
+  EXPECT_EQ(rec::Count("popen", kAgentVersion), 1);
+}
+
+TEST_F(Software, CutsALongAgentVersion) {
+  rec::PutCommand(kAgentVersion, std::string(100000, '7'));
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), std::string(19, '7'));
+}
+
+TEST_F(Software, ReportsThatRpmCannotBeRun) {
+  rec::Fail("popen", "rpm*");
+  rec::AllowUndefinedSlots("host/swverag");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd FAILED to read for agent swversion\n"});
+  EXPECT_EQ(rec::Live("host/swverag")->desc[0].type, 0);
+  EXPECT_EQ(rec::Publications("host/swverag"), 1);
+}
+
+TEST_F(Software, TakesTheAgentVersionFromThePackage) {
+  PutPackages({{"kelmo", "8.1.0-181", "The agents", "i386"}});
+  Rescan();
+  EXPECT_EQ(Name(4), "kelmo");
+  EXPECT_EQ(Version(4), "8.1.0-181");
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "8.1.0");
+  const int published = rec::Publications("host/swverag");
+  Rescan();
+  EXPECT_EQ(rec::Publications("host/swverag"), published + 1);
+
+  PutPackages({{"kelmo", std::string(60, '8'), "The agents", "i386"}});
+  Rescan();
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), std::string(50, '8'));
+}
+
+TEST_F(Software, ADecoratedPackageIsNotTheAgents) {
+  rec::PutCommand(kAgentVersion, "7.0\n");
+  PutPackages({{"kelmo", "8.1.0-181"}, {"kelmo-extra", "9", "x", "i386"}});
+  Rescan();
+  EXPECT_EQ(Name(4), "kelmo_amd64");
+  EXPECT_EQ(Name(5), "kelmo-extra");
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "7.0");
+  EXPECT_EQ(rec::Publications("host/swverag"), 1);
+}
+
+// ---- Appliance ----------------------------------------------------------------------------------
+
+TEST_F(Software, ListsTheAppliancesSoftware) {
+  rec::SetAppliance(true, 1,
+                    {{"VcdbName", "Vcdb"}, {"VcdbVersion", "3.1"}, {"ProductName", "Box"}});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(4), "Vcdb");
+  EXPECT_EQ(Version(4), "3.1");
+  EXPECT_EQ(rec::Text(Row(4), "tlxHoSwVerDescription"), "Box");
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerType"), 5);
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerStatus"), 2);
+  Rescan();
+  EXPECT_EQ(Name(4), "Vcdb");
+  EXPECT_EQ(rec::Publications(Row(4)), 1);
+}
+
+TEST_F(Software, ReportsTheFirstMissingApplianceDatum) {
+  rec::SetAppliance(true, 1, {{"VcdbVersion", "3.1"}});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(), Strings{"do_swver_appliance: VcdbName not found\n"});
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+}
+
+TEST_F(Software, ReportsAMissingApplianceVersion) {
+  rec::SetAppliance(true, 1, {{"VcdbName", "Vcdb"}});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(), Strings{"do_swver_appliance: VcdbVersion not found\n"});
+}
+
+TEST_F(Software, ReportsAMissingProductName) {
+  rec::SetAppliance(true, 1, {{"VcdbName", "Vcdb"}, {"VcdbVersion", "3.1"}});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(), Strings{"do_swver_appliance: ProductName not found\n"});
+}
+
+TEST_F(Software, APackageDoesNotTouchAPermanentRow) {
+  rec::SetAppliance(true, 1,
+                    {{"VcdbName", "qvdb"}, {"VcdbVersion", "3.1"}, {"ProductName", "Box"}});
+  PutPackages({{"qvdb", "9"}});
+  Rescan();
+  EXPECT_EQ(Version(4), "3.1");
+  EXPECT_EQ(rec::Count("popen", Query("qvdb")), 0);
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+}
+
+// ---- Scan ---------------------------------------------------------------------------------------
+
+TEST_F(Software, ScansWhenTheDatabaseIsNewer) {
+  PutPackages({{"glut"}});
+  SetDatabaseTime(5000);
+  ASSERT_EQ(do_swver(), 0);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 1);
+  SetDatabaseTime(4999);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 1);
+  SetDatabaseTime(5000);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 2);
+  rec::PutNothing(kDatabase);  // counts as 1
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 2);
+  SetDatabaseTime(2);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 3);
+}
+
+TEST_F(Software, ScansOnEveryPassWithoutDpkg) {
+  for (int pass = 1; pass <= 3; pass++) {
+    ASSERT_EQ(do_swver(), 0);
+    EXPECT_EQ(rec::Count("popen", kListing), pass);
+    EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  }
+  rec::Fail("popen", "dpkg*");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 4);
+  rec::StopFailing();
+  PutPackages({{"glut"}});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(4), "glut_amd64");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("popen", kListing), 5);
+  EXPECT_EQ(rec::Messages(), Strings{});
+}
+
+TEST_F(Software, ListsPackagesByTheirClasses) {
+  PutPackages({{"bonding", "1"},
+               {"qv-rmc", "2.6.9-5.linux.el4", "Driver"},
+               {"vexhost", "1", "Agent"},
+               {"glutton", "1", "Toolkit"},
+               {"bash", "5", "Shell"},
+               {"tlx_tlxarray", "1", "Array driver", "athlon"}});
+  Rescan();
+  EXPECT_EQ(Name(4), "bonding");
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerType"), 2);
+  EXPECT_EQ(rec::Int(Row(4), "tlxHoSwVerStatus"), 2);
+  EXPECT_EQ(rec::Text(Row(4), "tlxHoSwVerDescription"), "A package ");
+  EXPECT_EQ(Name(5), "qv-rmc_amd64");
+  EXPECT_EQ(Version(5), "2.6.9-5");
+  EXPECT_EQ(rec::Int(Row(5), "tlxHoSwVerType"), 2);
+  EXPECT_EQ(Name(6), "vexhost");
+  EXPECT_EQ(rec::Int(Row(6), "tlxHoSwVerType"), 3);
+  EXPECT_EQ(Name(7), "glutton_amd64");
+  EXPECT_EQ(rec::Int(Row(7), "tlxHoSwVerType"), 5);
+  EXPECT_EQ(Name(8), "tlx_tlxarrayamd32");
+  EXPECT_EQ(rec::Live(Row(9)), nullptr);
+  EXPECT_EQ(rec::Count("popen", Query("bash")), 0);
+  EXPECT_EQ(rec::Octets(Row(4), "tlxHoSwVerDate"), std::string(7, '\0'));
+}
+
+TEST_F(Software, APackageGoesWithTheListingOrWhenItsQueryFails) {
+  PutPackages({{"glut"}, {"qvdiags"}, {"qvrelm"}});
+  Rescan();
+  EXPECT_EQ(Name(6), "qvrelm_amd64");
+  rec::PutCommand(Query("glut"), "Name glut\nVersion 1\n");  // it died
+  PutPackages({{"qvrelm"}});
+  rec::PutCommand(kListing, "glut\nqvrelm\n");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_NE(rec::Live(Row(4)), nullptr);  // nothing is removed without a rescan
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+  EXPECT_EQ(Name(6), "qvrelm_amd64");
+  rec::Fail("popen", Query("qvrelm").substr(0, 20) + "*");
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(6)), nullptr);
+  EXPECT_EQ(Name(3), "DISKDR");
+}
+
+TEST_F(Software, AnEmptiedListingRemovesThePackages) {
+  PutPackages({{"glut"}});
+  Rescan();
+  rec::PutCommand(kListing, "");
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(Name(3), "DISKDR");
+}
+
+TEST_F(Software, TheRowIsNamedByTheAnswer) {
+  rec::PutCommand(kListing, "glut\n");
+  rec::PutCommand(Query("glut"), Answer({"libglut", "3", "Other", "i386"}));
+  Rescan();
+  EXPECT_EQ(Name(4), "libglut");
+}
+
+TEST_F(Software, AnAnswerWithoutANameIsSkipped) {
+  rec::PutCommand(kListing, "glut\n");
+  rec::PutCommand(Query("glut"), "Version 1\nDesc x\nArch a\nArch b\n");
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+}
+
+TEST_F(Software, AnAnswerWithoutTheArchitectureTakesTheMachines) {
+  rec::PutCommand(kListing, "glut\n");
+  rec::PutCommand(Query("glut"), "Name glut\nName glut\nVersion 1\nVersion 2\n");
+  Rescan();
+  utsname names;
+  ASSERT_EQ(uname(&names), 0);
+  EXPECT_EQ(Name(4), std::string("glut_") + names.machine);
+  EXPECT_EQ(Version(4), "2");
+  EXPECT_EQ(rec::Text(Row(4), "tlxHoSwVerDescription"), "");
+}
+
+TEST_F(Software, ImplausibleNamesReachNoShell) {
+  const std::string longest = "glut" + std::string(85, 'x');
+  rec::PutCommand(kListing, "glut;reboot\nglut`id`\nglut\x1b[2J\nglut;reboot\nglut x\n" + longest +
+                                "\n" + longest + "y\nbash;reboot\nglut'x'\n");
+  rec::PutCommand(Query(longest), Answer({longest}));
+  Rescan();
+  EXPECT_EQ(rec::Names("popen"), (Strings{kAgentVersion, kListing, Query(longest)}));
+  EXPECT_EQ(Name(4), longest.substr(0, 63));
+  const std::string message = "do_swver: not a package name, skipped: ";
+  EXPECT_EQ(rec::Messages(), (Strings{message + "glut?[2J\n", message + "glut x\n",
+                                      message + "glut'x'\n", message + "glut;reboot\n",
+                                      message + "glut`id`\n", message + longest + "y\n"}));
+  rec::ForgetEvents();
+  Rescan();
+  EXPECT_EQ(rec::Messages().size(), 6U);
+}
+
+TEST_F(Software, TakesAtMost4096Names) {
+  std::string listing;
+  for (int i = 0; i < 4095; i++) {
+    listing += "other\n";
+  }
+  rec::PutCommand(kListing, listing + "glut\nqvdiags\n");
+  rec::PutCommand(Query("glut"), Answer({"glut"}));
+  rec::PutCommand(Query("qvdiags"), Answer({"qvdiags"}));
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+}
+
+TEST_F(Software, TakesAtMost98303BytesOfTheListing) {
+  // The 5 bytes of "glut\n" end exactly at the bound; what follows is not looked at.
+  const std::string before = std::string(98303 - 5 - 1, 'x') + "\n";
+  rec::PutCommand(kListing, before + "glut\nqvdiags\n");
+  rec::PutCommand(Query("glut"), Answer({"glut"}));
+  rec::PutCommand(Query("qvdiags"), Answer({"qvdiags"}));
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+
+  rec::PutCommand(kListing, "y" + before + "glut\nqvdiags\n");
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+}
+
+TEST_F(Software, APieceAfterTheLastNewlineDoesNotCount) {
+  rec::PutCommand(kListing, "glut\nqvdiags");
+  rec::PutCommand(Query("glut"), Answer({"glut"}));
+  rec::PutCommand(Query("qvdiags"), Answer({"qvdiags"}));
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+  rec::PutCommand(kListing, "glut");
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  rec::ForgetEvents();
+  ASSERT_EQ(do_swver(), 0);  // it counted as empty
+  EXPECT_EQ(rec::Count("popen", kListing), 1);
+}
+
+// ---- Failures -----------------------------------------------------------------------------------
+
+TEST_F(Software, StopsAtTheFirstComponentThatCannotBeMade) {
+  rec::Fail("create_obj", "host/swver.2");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't do_init object: DIAGS  (PEER3023)\n"});
+  EXPECT_EQ(Name(1), "SYSTEMROMKIT");
+  EXPECT_EQ(rec::Live(Row(2)), nullptr);
+  EXPECT_EQ(rec::Live(Row(3)), nullptr);
+}
+
+TEST_F(Software, BuildsAgainAfterNothingCouldBeMade) {
+  rec::Fail("create_obj", "host/swver*");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_TRUE(swver_is_empty());
+  EXPECT_EQ(rec::Live("host/swverag"), nullptr);
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(3), "DISKDR");
+  EXPECT_NE(rec::Live("host/swverag"), nullptr);
+}
+
+TEST_F(Software, ReportsARowThatCannotBeMade) {
+  PutPackages({{"glut"}, {"qvdiags"}});
+  rec::Fail("create_obj", "host/swver.4", 1);
+  Rescan();
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: glut_amd64  (PEER3023)\n"});
+  EXPECT_EQ(Name(4), "qvdiags_amd64");
+}
+
+TEST_F(Software, ReportsARowThatCannotBeInserted) {
+  PutPackages({{"glut"}});
+  ASSERT_EQ(do_swver(), 0);
+  rec::Fail("ordinsert_Q");
+  PutPackages({{"glut"}, {"qvdiags"}});
+  Rescan();
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: qvdiags_amd64  (PEER3023)\n"});
+  EXPECT_NE(rec::Live(Row(5)), nullptr);  // it stays, and is never published
+  EXPECT_EQ(rec::Publications(Row(5)), 0);
+}
+
+TEST_F(Software, GoesOnAfterAFailedDeletion) {
+  PutPackages({{"glut"}, {"qvdiags"}, {"qvrelm"}});
+  Rescan();
+  rec::Fail("delete_obj", Row(4));
+  PutPackages({{"qvrelm", "2"}});
+  Rescan();
+  EXPECT_NE(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+  EXPECT_EQ(Version(6), "2");
+  EXPECT_EQ(swver_find("glut_amd64"), nullptr);
+}
+
+// ---- Pieces -------------------------------------------------------------------------------------
+
+TEST(Packages, Classify) {
+  const struct {
+    const char *name;
+    int expected;
+  } cases[] = {
+      {"kelmo", 256 + 3},
+      {"glut", 256 + 5},
+      {"glutton", 256 + 5},
+      {"qv-rmc", 256 + 2},
+      {"tlx_cciss", 256 + 2},
+      {"tlx_tlxarray", 512 + 2},
+      {"tlx_tlxfc-2", 512 + 2},
+      {"tlx_other", 5},
+      {"tlxarrcfg", 3},
+      {"vexhostd", 3},
+      {"vlan", 2},
+      {"vlan_init", 256 + 2},
+      {"ql", 2},
+      {"qlogic", 2},
+      {"qv", 5},
+      {"qv-health", 256 + 5},
+      {"qv-snmp-agents", 256 + 3},
+      {"qv-snmp-agent", 5},
+      {"qv-webpan-templates", 256 + 5},
+      {"qvmouse", 256 + 5},
+      {"qvrmccfg", 256 + 5},
+      {"ucd-snmp", 256 + 5},
+      {"ucdsnmp-x", 256 + 5},
+      {"net-snmp", 256 + 5},
+      {"fibreutils", 5},
+      {"aic", 2},
+      {"e1000", 2},
+      {"emulex", 2},
+      {"kmod-qvarr", 256 + 2},
+      {"kmod-cciss", 256 + 2},
+      {"kmod-qv-netxtreme2", 2},
+      {"qv-igb", 2},
+      {"qv-mlnx", 2},
+      {"qvwebpan", 256 + 5},
+      {"qvvenk", 256 + 5},
+      {"qvrelm", 256 + 3},
+      {"bash", 0},
+      {"", 0},
+      {"qu", 0},
+      {"Kelmo", 0},
+      {"kmod-qv", 0},
+      {"lsi", 2},
+      {"mptlinux", 2},
+      {"bonding", 2},
+      {"bcm5700", 2},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(classify_package(c.name), c.expected) << c.name;
+  }
+}
+
+TEST(Packages, DecorateByOrigin) {
+  EXPECT_EQ(Decorated("bonding", "amd64", 0), "bonding");
+  EXPECT_EQ(Decorated("kelmo", "amd64", 1), "kelmo_amd64");
+  for (const char *plain : {"i386", "i586", "i686"}) {
+    EXPECT_EQ(Decorated("kelmo", plain, 1), "kelmo");
+    EXPECT_EQ(Decorated("tlx_tlxfc", plain, 2), "tlx_tlxfc");
+  }
+  EXPECT_EQ(Decorated("kelmo", "i486", 1), "kelmo_i486");
+  EXPECT_EQ(Decorated("kelmo", "x86_64", 1), "kelmo_x86_64");
+  EXPECT_EQ(Decorated("kelmo", "athlon", 1), "kelmo_athlon");
+  EXPECT_EQ(Decorated("tlx_tlxfc", "athlon", 2), "tlx_tlxfcamd32");
+  EXPECT_EQ(Decorated("tlx_tlxfc", "amd64", 2), "tlx_tlxfc_amd64");
+  EXPECT_EQ(Decorated("kelmo", "", 1), "kelmo_");
+  utsname names;
+  ASSERT_EQ(uname(&names), 0);
+  EXPECT_EQ(Decorated("kelmo", nullptr, 1), std::string("kelmo_") + names.machine);
+}
+
+TEST(Packages, DecorateWithinTheBuffer) {
+  const std::string name(100, 'n');
+  EXPECT_EQ(Decorated(name.c_str(), "amd64", 1), name.substr(0, 63));
+  EXPECT_EQ(Decorated(name.substr(0, 62).c_str(), "amd64", 1), name.substr(0, 62) + "_");
+  EXPECT_EQ(Decorated(name.substr(0, 60).c_str(), "amd64", 1), name.substr(0, 60) + "_am");
+  EXPECT_EQ(Decorated(name.substr(0, 61).c_str(), "athlon", 2), name.substr(0, 61) + "am");
+}
+
+namespace {
+
+std::string KernelConfiguration() {
+  utsname names;
+  uname(&names);
+  return std::string("/boot/config-") + names.release;
+}
+
+}  // namespace
+
+TEST(Packages, ProcessorSuffixOfIntel) {
+  rec::PutFile("/proc/cpuinfo", "processor : 0\nvendor_id : GenuineIntel\n");
+  rec::PutNothing(KernelConfiguration());
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_em64t");
+  // Kept for the life of the process.
+  rec::PutFile("/proc/cpuinfo", "vendor_id : AuthenticAMD\n");
+  EXPECT_EQ(Decorated("tlx_tlxarray", "x86_64", 2), "tlx_tlxarray_em64t");
+}
+
+TEST(Packages, ProcessorSuffixOfAmd) {
+  rec::PutFile("/proc/cpuinfo", "vendor_id : AuthenticAMD\n");
+  rec::PutNothing(KernelConfiguration());
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_amd64");
+}
+
+TEST(Packages, ProcessorSuffixOfTheKernelWins) {
+  rec::PutFile("/proc/cpuinfo", "vendor_id : GenuineIntel\n");
+  rec::PutFile(KernelConfiguration(), "CONFIG_MK5=y\n# CONFIG_MK7 is not set\nCONFIG_MK8=y\n");
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_amd64");
+}
+
+TEST(Packages, ProcessorSuffixIsSearchedUntilFound) {
+  rec::PutFile("/proc/cpuinfo", "vendor_id : Other\n");
+  rec::PutNothing(KernelConfiguration());
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc");
+  rec::PutFile(KernelConfiguration(), "CONFIG_MK6=y\n");
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_amd64");
+}
+
+TEST(Packages, FindLine) {
+  const char *const needles[] = {"first", "second"};
+  rec::PutFile("/made/up", "nothing\nsecond and first\nfirst\n");
+  EXPECT_EQ(find_line("/made/up", needles, 2), 0);  // in the order of the needles
+  rec::PutFile("/made/up", "second\nfirst\n");
+  EXPECT_EQ(find_line("/made/up", needles, 2), 1);  // in the first line
+  rec::PutFile("/made/up", "nothing\nfirst");
+  EXPECT_EQ(find_line("/made/up", needles, 2), 0);
+  EXPECT_EQ(find_line("/made/up", needles, 0), -1);
+  rec::PutFile("/made/up", "");
+  EXPECT_EQ(find_line("/made/up", needles, 2), -1);
+  rec::PutNothing("/made/up");
+  EXPECT_EQ(find_line("/made/up", needles, 2), -1);
+  // A longer line counts in pieces: a needle across their border is not found.
+  rec::PutFile("/made/up", std::string(250, 'x') + "first\n");
+  EXPECT_EQ(find_line("/made/up", needles, 2), -1);
+  rec::PutFile("/made/up", std::string(248, 'x') + "first\n");
+  EXPECT_EQ(find_line("/made/up", needles, 2), 0);
+  rec::PutFile("/made/up", std::string(253, 'x') + "first\n");
+  EXPECT_EQ(find_line("/made/up", needles, 2), 0);
+}
+
+TEST(Packages, PackageNames) {
+  EXPECT_TRUE(is_package_name("libc6:amd64"));
+  EXPECT_TRUE(is_package_name("g++-12.0_x~y"));
+  EXPECT_TRUE(is_package_name(std::string(89, 'x').c_str()));
+  EXPECT_FALSE(is_package_name(std::string(90, 'x').c_str()));
+  EXPECT_FALSE(is_package_name(""));
+  for (const char *bad : {"a b", "a;b", "a$b", "a`b", "a'b", "a\"b", "a|b", "a&b", "a>b", "a/b",
+                          "a\\b", "a\tb", "a(b", "a*b", "a\xc3\xa4"}) {
+    EXPECT_FALSE(is_package_name(bad)) << bad;
+  }
+}
+
+namespace {
+
+struct ReadAnswer {
+  int status;
+  package_answer answer;
+};
+
+// The texts of the answer point into it, so it stays where it is.
+void Read(const std::string &text, ReadAnswer *result) {
+  FILE *stream = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+  ASSERT_NE(stream, nullptr);
+  result->status = read_package_answer(stream, &result->answer);
+  fclose(stream);
+}
+
+}  // namespace
+
+TEST(Packages, ReadAnAnswer) {
+  ReadAnswer a;
+  Read("Name glut\nVersion 1:2-3\nDesc  A tool kit \nArch amd64\n", &a);
+  ASSERT_EQ(a.status, 0);
+  EXPECT_STREQ(a.answer.name, "glut");
+  EXPECT_STREQ(a.answer.version, "1:2-3");
+  EXPECT_STREQ(a.answer.description, "A tool kit ");
+  EXPECT_STREQ(a.answer.architecture, "amd64");
+}
+
+TEST(Packages, ReadAnAnswerWithoutANewlineAtTheEnd) {
+  ReadAnswer a;
+  Read("Name glut\nVersion 1\nDesc text\nArch amd64", &a);
+  EXPECT_EQ(a.status, 0);
+  EXPECT_STREQ(a.answer.architecture, "amd64");
+}
+
+TEST(Packages, ReadAnAnswerWithUnknownAndRepeatedKeys) {
+  ReadAnswer a;
+  Read("Other 1\nName first\nName second\nname third\nVersion 1\nDesc text\nArch x\n", &a);
+  ASSERT_EQ(a.status, 0);
+  EXPECT_STREQ(a.answer.name, "second");
+  EXPECT_STREQ(a.answer.version, "1");
+  EXPECT_STREQ(a.answer.description, "text");
+  EXPECT_EQ(a.answer.architecture, nullptr);  // four known keys were read
+}
+
+TEST(Packages, RefuseAnIncompleteAnswer) {
+  ReadAnswer a;
+  for (const char *text :
+       {"\n", "Name", "Name glut\n", "Name glut\nVersion 1\nDesc text\n",
+        "Name glut\nVersion 1\nDesc text\nArch", "Name glut\nVersion 1\nDesc \nArch x\n"}) {
+    Read(text, &a);
+    EXPECT_EQ(a.status, -1) << text;
+  }
+}
+
+TEST(Packages, RefuseAnAnswerThatUsesUpTheRoom) {
+  ReadAnswer a;
+  // 4 + 1 and 1 + 1 are used; 248 characters of description leave one and its end for the rest.
+  Read("Name glut\nVersion 1\nDesc " + std::string(300, 'd') + "\nArch amd64\n", &a);
+  EXPECT_EQ(a.status, -1);
+  Read("Name glut\nVersion 1\nDesc " + std::string(248, 'd') + "\nArch amd64\n", &a);
+  EXPECT_EQ(a.status, -1);
+  Read("Name glut\nVersion 1\nDesc " + std::string(246, 'd') + "\nArch amd64\n", &a);
+  ASSERT_EQ(a.status, 0);
+  EXPECT_STREQ(a.answer.description, std::string(246, 'd').c_str());
+  EXPECT_STREQ(a.answer.architecture, "a");
+  Read("Name glut\nVersion 1\nDesc " + std::string(242, 'd') + "\nArch amd64\n", &a);
+  ASSERT_EQ(a.status, 0);
+  EXPECT_STREQ(a.answer.architecture, "amd64");
+}
+
+TEST(Packages, ReadALongKeyInPieces) {
+  ReadAnswer a;
+  Read(std::string(40, 'k') + " x\nName glut\nVersion 1\nDesc text\nArch amd64\n", &a);
+  ASSERT_EQ(a.status, 0);
+  EXPECT_STREQ(a.answer.name, "glut");
+}
+
+TEST(Packages, SplitAListing) {
+  char text[] = "one\n\ntwo\nthree";
+  const char *names[4];
+  ASSERT_EQ(split_listing(text, sizeof(text) - 1, names, 4), 3);
+  EXPECT_STREQ(names[0], "one");
+  EXPECT_STREQ(names[1], "");
+  EXPECT_STREQ(names[2], "two");
+  char more[] = "one\ntwo\n";
+  EXPECT_EQ(split_listing(more, sizeof(more) - 1, names, 1), 1);
+  EXPECT_EQ(split_listing(more, 0, names, 4), 0);
+}
