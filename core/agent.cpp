@@ -4,6 +4,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "core/hwinfo.h"
+#include "core/snmpd_watchdog.h"
 #include "monitors/cpu.h"
 #include "monitors/filesys.h"
 #include "monitors/memory.h"
@@ -132,6 +134,7 @@ static int read_options(int argc, char **argv) {
         ignore_peer_stop = 1;
         break;
       case 'z':
+        enable_snmpd_watchdog();
         break;
       default:
         agentlog_fprintf(stderr, "%s: Unknown command line option: %c  (PEER3022)\n", agent,
@@ -185,13 +188,18 @@ int init_agent(int argc, char **argv) {
   prepare_registry_directory();
   init_snmp_appname("vexhostd");
   warn_without_community();
-  return run_all(start_order, 1);
+  if (run_all(start_order, 1) != 0) {
+    return -1;
+  }
+  check_snmpd_memory();
+  return do_hwinfo() == 0 ? 0 : -1;
 }
 
 int get_data(void) {
   // No alarm may come due during the refresh: polls never overlap.
   alarm(0);
   const int result = run_all(poll_order, 0);
+  check_snmpd_memory();
   alarm(static_cast<unsigned>(poll_time));
   return result;
 }

@@ -38,6 +38,9 @@ class Agent : public testing::Test {
     return -1;
   }
 
+  const std::string snmpd_size_ =
+      "SNMPDPID=`/sbin/pidof snmpd`; [ ! -z \"$SNMPDPID\" ] && ps -o vsz $SNMPDPID | grep -v SZ | "
+      "sort -u";
   const std::vector<std::string> usage_ = {
       "USAGE vexhostd: \n",
       "  -l arg : Enable logging. Logfile is specified as argument\n",
@@ -160,8 +163,13 @@ TEST_F(Agent, GoesOnWithoutACommunity) {
 }
 
 TEST_F(Agent, BuildsTheGroupsInOrder) {
-  ASSERT_EQ(Start({"-i"}), 0);
-  EXPECT_LT(Place("create_obj", "host/memory"), Place("create_obj", "host/cpu.0"));
+  rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
+  ASSERT_EQ(Start({"-i", "-z"}), 0);
+  EXPECT_LT(Place("create_obj", "host/filesys.0"), Place("create_obj", "host/memory"));
+  EXPECT_LT(Place("create_obj", "host/memory"), Place("create_obj", "host/misc"));
+  EXPECT_LT(Place("create_obj", "host/misc"), Place("create_obj", "host/cpu.0"));
+  EXPECT_LT(Place("create_obj", "host/cpu.0"), Place("process_linux_cmd", snmpd_size_));
+  EXPECT_LT(Place("process_linux_cmd", snmpd_size_), Place("create_obj", "host/hwinfo"));
 }
 
 TEST_F(Agent, AFailingGroupEndsStartUp) {
@@ -170,14 +178,46 @@ TEST_F(Agent, AFailingGroupEndsStartUp) {
   EXPECT_EQ(rec::Count("create_obj", "host/cpu.*"), 0);
 }
 
+TEST_F(Agent, HardwareInfoThatCannotBeBuiltFailsStartUp) {
+  rec::Fail("create_obj", "host/hwinfo");
+  EXPECT_EQ(Start({"-i"}), -1);
+}
+
+TEST_F(Agent, TheWatchdogRunsOnlyWithItsOption) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  rec::SetTime(1'000'000'000);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Count("process_linux_cmd"), 0);
+}
+
+TEST_F(Agent, TheWatchdogRunsAlsoAfterAFailedPoll) {
+  rec::SetTime(1'000'000'000);
+  ASSERT_EQ(Start({"-z"}), 0);
+  EXPECT_EQ(rec::Names("process_linux_cmd"), std::vector<std::string>{snmpd_size_});
+  rec::ForgetEvents();
+  rec::SetTime(1'000'001'799);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Count("process_linux_cmd"), 0);
+  rec::Fail("find_obj", "host/cpu.0");
+  rec::SetTime(1'000'001'800);
+  EXPECT_EQ(get_data(), -1);
+  EXPECT_EQ(rec::Names("process_linux_cmd"), std::vector<std::string>{snmpd_size_});
+  EXPECT_EQ(rec::Events().back().operation, "alarm");
+}
+
 TEST_F(Agent, PollsInOrderBetweenTheAlarms) {
+  rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
+  rec::PutMount("/", {MOUNT_ANSWERED, 0, 4096, 1024, 10, 10, 5});
   ASSERT_EQ(Start({"-p", "20"}), 0);
+  rec::PutMount("/", {MOUNT_ANSWERED, 0, 4096, 1024, 10, 10, 4});
   rec::ForgetEvents();
   EXPECT_EQ(get_data(), 0);
   EXPECT_EQ(rec::Names("alarm"), (std::vector<std::string>{"0", "20"}));
   EXPECT_EQ(rec::Events().front().operation, "alarm");
   EXPECT_EQ(rec::Events().back().operation, "alarm");
-  EXPECT_LT(Place("log_data", "host/cpu.0"), Place("log_data", "host/memory"));
+  EXPECT_LT(Place("log_data", "host/cpu.0"), Place("log_data", "host/filesys.0"));
+  EXPECT_LT(Place("log_data", "host/filesys.0"), Place("log_data", "host/memory"));
+  EXPECT_EQ(rec::Count("log_data", "host/hwinfo"), 0);
 }
 
 TEST_F(Agent, AFailingCollectorEndsTheRefreshAndNotTheAgent) {
@@ -189,6 +229,14 @@ TEST_F(Agent, AFailingCollectorEndsTheRefreshAndNotTheAgent) {
   EXPECT_EQ(rec::Names("alarm"), (std::vector<std::string>{"0", "15"}));
   EXPECT_EQ(get_data(), 0);
   EXPECT_EQ(rec::Count("log_data", "host/memory"), 1);
+}
+
+TEST_F(Agent, DeletesTheFileSystemRowsFirstAtTheEnd) {
+  rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n/dev/y /y ext4 rw 0 0\n");
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(cleanup_agent(), 0);
+  EXPECT_EQ(rec::Names("delete_obj"),
+            (std::vector<std::string>{"host/filesys.0", "host/filesys.1", "all"}));
 }
 
 TEST_F(Agent, DeletesAllItHasAtTheEnd) {

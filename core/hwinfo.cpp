@@ -1,0 +1,56 @@
+#include "core/hwinfo.h"
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "core/variables.h"
+#include "platform/ev.h"
+#include "platform/framework.h"
+
+// ---- Data block -----------------------------------------------------------------------------
+
+struct [[gnu::packed]] hwinfo_block {
+  int32_t platform;
+};
+static_assert(sizeof(hwinfo_block) == 4);
+
+// ---- Variables ------------------------------------------------------------------------------
+
+static constexpr variable variables[] = {
+    {"tlxHoHWInfoPlatform", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
+};
+
+// ---- Reading --------------------------------------------------------------------------------
+
+static constexpr char platform_ev[] = "ZTHRN4";
+static constexpr uint32_t platform_ev_size = 5;
+
+enum platform_class : int32_t { PLATFORM_PLAIN = 1, PLATFORM_MARKED = 5 };
+
+// The class by the EV's last byte; 0 when the EV cannot be read or is too short to tell.
+static int32_t read_platform() {
+  uint8_t value[platform_ev_size] = {};
+  uint32_t length = sizeof(value);
+  if (get_ev(platform_ev, value, &length) != 0 || length < sizeof(value)) {
+    return 0;
+  }
+  return value[platform_ev_size - 1] != 0 ? PLATFORM_MARKED : PLATFORM_PLAIN;
+}
+
+// ---- Entry point ----------------------------------------------------------------------------
+
+int do_hwinfo() {
+  char name[sizeof(log_dir) + sizeof("/hwinfo")];
+  snprintf(name, sizeof(name), "%s/%s", log_dir, "hwinfo");
+  registry_object *object = create_obj(&obj_Q, get_id(), name, 1, sizeof(hwinfo_block), 1);
+  if (object == nullptr) {
+    return -1;
+  }
+  define_variables(object, variables);
+  const int32_t platform = read_platform();
+  if (platform != 0) {
+    reinterpret_cast<hwinfo_block *>(object->data)->platform = platform;
+    log_data(object);
+  }
+  return 0;
+}

@@ -1,0 +1,9 @@
+// Hardware-info object: the class of the hardware platform, from a platform EV.
+#ifndef VEX_CORE_HWINFO_H
+#define VEX_CORE_HWINFO_H
+
+// Builds the object, once, and publishes it when the EV can be read. Returns 0, or -1 when the
+// object cannot be created.
+int do_hwinfo();
+
+#endif

@@ -1,0 +1,146 @@
+#include "hardware/qvev/ev_source.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace vex {
+namespace {
+
+constexpr size_t kLongestName = 200;
+// Before the value of a variable in efivarfs.
+constexpr size_t kAttributes = 4;
+
+bool IsEvName(std::string_view name) {
+  constexpr std::string_view kAllowed =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
+  return !name.empty() && name.size() <= kLongestName && name != "." && name != ".." &&
+         name.find_first_not_of(kAllowed) == std::string_view::npos;
+}
+
+// "NAME-8be4df61-93ca-11d2-aa0d-00e098032b8c": the vendor's GUID follows the name.
+bool IsVariableOf(std::string_view file, std::string_view name) {
+  constexpr std::string_view kForm = "-xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+  if (!file.starts_with(name) || file.size() != name.size() + kForm.size()) {
+    return false;
+  }
+  for (size_t i = 0; i < kForm.size(); i++) {
+    const char c = file[name.size() + i];
+    const bool hex = std::string_view("0123456789abcdefABCDEF").find(c) != std::string_view::npos;
+    if (kForm[i] == '-' ? c != '-' : !hex) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The first by name, so that it is the same one each time; "" when there is none.
+std::string FindVariable(const char *directory, std::string_view name) {
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory), closedir);
+  std::string found;
+  while (const dirent *entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
+    if (IsVariableOf(entry->d_name, name) && (found.empty() || found > entry->d_name)) {
+      found = entry->d_name;
+    }
+  }
+  return found;
+}
+
+class File {
+ public:
+  // O_NONBLOCK: a pipe in its place must not hold us up.
+  explicit File(const std::string &path)
+      : descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~File() {
+    if (descriptor_ >= 0) {
+      close(descriptor_);
+    }
+  }
+  File(const File &) = delete;
+  File &operator=(const File &) = delete;
+  int Descriptor() const {
+    return descriptor_;
+  }
+
+ private:
+  int descriptor_;
+};
+
+// Reads at most `length` bytes. Returns their number, or -1 with errno.
+int64_t ReadSome(int descriptor, void *buffer, size_t length) {
+  size_t got = 0;
+  while (got < length) {
+    const ssize_t n = read(descriptor, static_cast<char *>(buffer) + got, length - got);
+    if (n == 0) {
+      break;
+    }
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return -1;
+    }
+    got += static_cast<size_t>(n);
+  }
+  return static_cast<int64_t>(got);
+}
+
+// What follows the first `skip` bytes of a file.
+int64_t ReadValue(const std::string &path, size_t skip, void *buffer, size_t length,
+                  std::string *problem) {
+  const File file(path);
+  struct stat status;
+  if (file.Descriptor() < 0 || fstat(file.Descriptor(), &status) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) {
+      *problem = path + ": " + strerror(errno);
+    }
+    return -1;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    *problem = path + " is not a regular file";
+    return -1;
+  }
+  // efivarfs gives a whole variable to one read, and nothing to a second: no seeking.
+  char value[kAttributes + 4096];
+  const size_t wanted = skip + (length < sizeof(value) - skip ? length : sizeof(value) - skip);
+  const int64_t got = ReadSome(file.Descriptor(), value, wanted);
+  if (got < 0) {
+    *problem = path + ": " + strerror(errno);
+    return -1;
+  }
+  if (static_cast<size_t>(got) <= skip) {
+    *problem = path + " has no value";
+    return -1;
+  }
+  memcpy(buffer, value + skip, static_cast<size_t>(got) - skip);
+  return got - static_cast<int64_t>(skip);
+}
+
+}  // namespace
+
+int64_t ReadEv(const EvDirectories &directories, const char *name, void *buffer, size_t length,
+               std::string *problem) {
+  if (!IsEvName(name)) {
+    *problem = "not a name";
+    return -1;
+  }
+  const int64_t raw =
+      ReadValue(std::string(directories.raw) + "/" + name, 0, buffer, length, problem);
+  if (raw >= 0) {
+    return raw;
+  }
+  const std::string variable = FindVariable(directories.uefi, name);
+  if (variable.empty()) {
+    return -1;
+  }
+  return ReadValue(std::string(directories.uefi) + "/" + variable, kAttributes, buffer, length,
+                   problem);
+}
+
+}  // namespace vex

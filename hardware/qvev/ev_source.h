@@ -1,0 +1,23 @@
+// Where EVs are found, and how they are read. The two directories are parameters for tests.
+#ifndef VEX_HARDWARE_QVEV_EV_SOURCE_H
+#define VEX_HARDWARE_QVEV_EV_SOURCE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace vex {
+
+struct EvDirectories {
+  const char *raw = "/var/lib/quorix/ev";
+  const char *uefi = "/sys/firmware/efi/efivars";
+};
+
+// Reads at most `length` bytes of an EV into buffer. Returns their number, or -1 when there is
+// none; `problem` then says what is wrong with a source that exists, and is empty when none does.
+int64_t ReadEv(const EvDirectories &directories, const char *name, void *buffer, size_t length,
+               std::string *problem);
+
+}  // namespace vex
+
+#endif

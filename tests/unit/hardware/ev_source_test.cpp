@@ -1,0 +1,120 @@
+#include "hardware/qvev/ev_source.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+constexpr char kGuid[] = "-8be4df61-93ca-11d2-aa0d-00e098032b8c";
+
+class EvSource : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = testing::TempDir() + "/ev-" + std::string(6, 'X');
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    root_ = pattern;
+    raw_ = root_ + "/raw";
+    uefi_ = root_ + "/uefi";
+    std::filesystem::create_directory(raw_);
+    std::filesystem::create_directory(uefi_);
+  }
+  void TearDown() override {
+    std::filesystem::remove_all(root_);
+  }
+  void Put(const std::string &path, const std::string &contents) {
+    std::ofstream(path, std::ios::binary) << contents;
+    ASSERT_EQ(std::filesystem::file_size(path), contents.size());
+  }
+  // The value, or "absent" with the problem behind it.
+  std::string Read(const std::string &name, size_t length = 136) {
+    std::string buffer(length + 8, '\x55');
+    std::string problem;
+    const int64_t got =
+        vex::ReadEv({raw_.c_str(), uefi_.c_str()}, name.c_str(), buffer.data(), length, &problem);
+    if (got < 0) {
+      return problem.empty() ? "absent" : "absent: " + problem;
+    }
+    EXPECT_TRUE(problem.empty());
+    EXPECT_LE(static_cast<size_t>(got), length);
+    EXPECT_EQ(buffer.substr(static_cast<size_t>(got)),
+              std::string(buffer.size() - static_cast<size_t>(got), '\x55'));
+    return buffer.substr(0, static_cast<size_t>(got));
+  }
+  std::string root_;
+  std::string raw_;
+  std::string uefi_;
+};
+
+TEST_F(EvSource, RawBytes) {
+  const std::string value("\0\1\2\xff\n", 5);
+  Put(raw_ + "/ZTHRN4", value);
+  EXPECT_EQ(Read("ZTHRN4"), value);
+  EXPECT_EQ(Read("ZTHRN4", 3), value.substr(0, 3));
+}
+
+TEST_F(EvSource, UefiVariableWithoutItsAttributes) {
+  Put(uefi_ + "/ZTHRN4" + kGuid, std::string("\7\0\0\0value", 9));
+  EXPECT_EQ(Read("ZTHRN4"), "value");
+  EXPECT_EQ(Read("ZTHRN4", 2), "va");
+}
+
+TEST_F(EvSource, RawBytesWin) {
+  Put(raw_ + "/A", "raw");
+  Put(uefi_ + "/A" + kGuid, std::string("\7\0\0\0uefi", 8));
+  EXPECT_EQ(Read("A"), "raw");
+}
+
+TEST_F(EvSource, Absent) {
+  EXPECT_EQ(Read("A"), "absent");
+  Put(uefi_ + "/AB" + kGuid, std::string("\7\0\0\0x", 5));
+  Put(uefi_ + "/A-not-a-guid", std::string("\7\0\0\0x", 5));
+  Put(uefi_ + "/A" + std::string(kGuid) + "0", std::string("\7\0\0\0x", 5));
+  EXPECT_EQ(Read("A"), "absent");
+  std::filesystem::remove_all(raw_);
+  std::filesystem::remove_all(uefi_);
+  EXPECT_EQ(Read("A"), "absent");
+}
+
+TEST_F(EvSource, TheFirstOfSeveralVendors) {
+  Put(uefi_ + "/A-8be4df61-93ca-11d2-aa0d-00e098032b8c", std::string("\7\0\0\0second", 10));
+  Put(uefi_ + "/A-11111111-93ca-11d2-aa0d-00e098032b8c", std::string("\7\0\0\0first", 9));
+  EXPECT_EQ(Read("A"), "first");
+}
+
+TEST_F(EvSource, NamesThatLeadElsewhere) {
+  Put(root_ + "/secret", "x");
+  for (const char *name : {"../secret", "", ".", "..", "a/b", "a b", "a*", "\xc3\xbc"}) {
+    EXPECT_EQ(Read(name), "absent: not a name") << name;
+  }
+  EXPECT_EQ(Read(std::string(201, 'a')), "absent: not a name");
+}
+
+TEST_F(EvSource, WhatIsNotARegularFile) {
+  std::filesystem::create_directory(raw_ + "/D");
+  EXPECT_EQ(Read("D"), "absent: " + raw_ + "/D is not a regular file");
+  ASSERT_EQ(mkfifo((raw_ + "/F").c_str(), 0600), 0);
+  EXPECT_EQ(Read("F"), "absent: " + raw_ + "/F is not a regular file");
+  ASSERT_EQ(mkfifo((uefi_ + "/G" + kGuid).c_str(), 0600), 0);
+  EXPECT_EQ(Read("G"), "absent: " + uefi_ + "/G" + kGuid + " is not a regular file");
+}
+
+TEST_F(EvSource, NoValue) {
+  Put(raw_ + "/E", "");
+  EXPECT_EQ(Read("E"), "absent: " + raw_ + "/E has no value");
+  for (const char *attributes : {"", "\7", "\7\1\1\1"}) {
+    Put(uefi_ + "/U" + kGuid, attributes);
+    EXPECT_EQ(Read("U"), "absent: " + uefi_ + "/U" + kGuid + " has no value");
+  }
+}
+
+TEST_F(EvSource, ALargeFileIsReadInPart) {
+  Put(raw_ + "/L", std::string(1 << 20, 'l'));
+  EXPECT_EQ(Read("L", 136), std::string(136, 'l'));
+  EXPECT_EQ(Read("L", 100000).size(), 4100u);
+}
+
+}  // namespace
