@@ -6,7 +6,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace vex {
@@ -45,6 +47,9 @@ class Descriptor {
  private:
   int fd_ = -1;
 };
+
+// As ResolveObjectName(), and the root itself is "".
+std::optional<std::string> ResolveDirectoryName(std::string_view name, std::string_view root);
 
 // Opens `path` below the directory `root` without following any symbolic link and without leaving
 // root; "" is root itself. Close-on-exec. A descriptor, or -1 with errno.

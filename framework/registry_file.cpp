@@ -427,7 +427,7 @@ int OpenRegistryRoot(const std::string &root, bool create) {
 
 // ---- Public functions ------------------------------------------------------------------------
 
-std::optional<std::string> ResolveObjectName(std::string_view name, std::string_view root) {
+std::optional<std::string> ResolveDirectoryName(std::string_view name, std::string_view root) {
   if (name.empty() || name.size() > 4 * kMaxRelative || name.find('\0') != name.npos) {
     return std::nullopt;
   }
@@ -452,7 +452,7 @@ std::optional<std::string> ResolveObjectName(std::string_view name, std::string_
     path.clear();
   }
   append(name);
-  if (path.size() <= base.size() || !std::equal(base.begin(), base.end(), path.begin())) {
+  if (path.size() < base.size() || !std::equal(base.begin(), base.end(), path.begin())) {
     return std::nullopt;
   }
   std::string relative;
@@ -469,6 +469,11 @@ std::optional<std::string> ResolveObjectName(std::string_view name, std::string_
     return std::nullopt;
   }
   return relative;
+}
+
+std::optional<std::string> ResolveObjectName(std::string_view name, std::string_view root) {
+  std::optional<std::string> relative = ResolveDirectoryName(name, root);
+  return relative && !relative->empty() ? std::move(relative) : std::nullopt;
 }
 
 std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view root) {

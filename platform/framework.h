@@ -19,6 +19,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* What is declared here is seen across libraries; everything else is hidden by the build. */
+#pragma GCC visibility push(default)
 
 struct registry_object;
 struct descriptor;
@@ -111,16 +113,18 @@ void *peek_Q(struct queue *queue, struct queue_element **cursor, int mode);
 void *remove_Q(struct queue *queue, int mode);
 
 /* Removes and returns the first record for which comparator(key, record) is 0; null if none.
- * O(log n) when comparator is the one that orders the queue, else a walk. */
+ * O(log n) when comparator is the one that orders the queue; otherwise as findkey_Q(). */
 void *keyremove_Q(struct queue *queue, const void *key, key_fn comparator);
 
 /* Returns the first record for which comparator(key, record) is 0, left in place; null if none.
  * A walk, unless the queue is indexed. */
 void *findkey_Q(struct queue *queue, const void *key, key_fn comparator);
 
-/* Tells the queue, while it is empty, how to read a record's key string, so that findkey_Q() with
- * a comparator that is strcmp on that string takes constant time and gives the result of the plain
- * walk. key_of must return the key by which the comparator compares. Returns 0 or -1. */
+/* Tells the queue, while it is empty, how to read a record's key string, so that findkey_Q() and
+ * keyremove_Q() with a comparator that is strcmp on that string take constant time and give the
+ * result of the plain walk. key_of must return the key by which the comparator compares; no other
+ * comparators than that one and those that order the queue may be used on it then. Null ends the
+ * indexing. Returns 0 or -1. */
 int index_Q(struct queue *queue, const char *(*key_of)(const void *record));
 
 /* Must be called after the key of a record in an indexed queue was changed in place. */
@@ -301,6 +305,7 @@ const char *distroid_version(void);
 const char *distroid_description(void);
 void distroid_exit(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

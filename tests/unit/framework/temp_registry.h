@@ -53,6 +53,12 @@ inline void WriteBytes(const std::string &path, const std::vector<uint8_t> &byte
             static_cast<std::streamsize>(bytes.size()));
 }
 
+// The signals of a mask as /proc/self/status prints it, without the two real-time ones that are the
+// C library's own (it neither blocks nor sets them, whatever it is asked).
+inline unsigned long long Signals(const std::string &hex) {
+  return strtoull(hex.c_str(), nullptr, 16) & ~0x180000000ULL;
+}
+
 }  // namespace vex
 
 #endif

@@ -1,0 +1,93 @@
+#include "framework/appliance.h"
+
+#include <stdint.h>
+
+#include <charconv>
+#include <string_view>
+
+#include "framework/guard.h"
+#include "framework/log.h"
+#include "platform/framework.h"
+
+namespace vex {
+
+namespace {
+
+constexpr char kApplianceFile[] = "/etc/quorix/appliance.conf";
+constexpr std::string_view kProductId = "ProductID";
+constexpr std::string_view kTexts[] = {"ProductName", "OsName", "OsVersion", "VcdbName",
+                                       "VcdbVersion"};
+
+const char *file = kApplianceFile;
+
+std::optional<Appliance> Load() {
+  const std::optional<Assignments> assignments = ReadAssignments(file);
+  if (!assignments) {
+    return std::nullopt;
+  }
+  std::optional<Appliance> appliance = ApplianceFrom(*assignments);
+  if (!appliance) {
+    agentlog_fprintf(stderr, "%s: %s: %s is not a number, file not used\n", AgentName(), file,
+                     kProductId.data());
+  }
+  return appliance;
+}
+
+// Loaded at the first question: what the machine is does not change while the process lives, and
+// callers keep the pointers.
+std::optional<std::optional<Appliance>> &Loaded() {
+  static auto *loaded = new std::optional<std::optional<Appliance>>;
+  return *loaded;
+}
+
+const std::optional<Appliance> &TheAppliance() {
+  if (!Loaded()) {
+    Loaded() = Load();
+  }
+  return *Loaded();
+}
+
+}  // namespace
+
+std::optional<Appliance> ApplianceFrom(const Assignments &assignments) {
+  Appliance appliance;
+  if (const auto id = assignments.find(kProductId); id != assignments.end()) {
+    const std::string &text = id->second;
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), appliance.product_id);
+    if (error != std::errc() || end != text.data() + text.size()) {
+      return std::nullopt;
+    }
+  }
+  for (const std::string_view key : kTexts) {
+    if (const auto text = assignments.find(key); text != assignments.end()) {
+      appliance.texts.insert(*text);
+    }
+  }
+  return appliance;
+}
+
+void UseApplianceFile(const char *path) {
+  file = path;
+  Loaded().reset();
+}
+
+}  // namespace vex
+
+int is_appliance(void) {
+  return vex::Guarded(0, [] { return vex::TheAppliance().has_value() ? 1 : 0; });
+}
+
+const void *get_appliance_data(const char *key) {
+  return vex::Guarded(static_cast<const void *>(nullptr), [&]() -> const void * {
+    const auto &appliance = vex::TheAppliance();
+    if (key == nullptr || !appliance) {
+      return nullptr;
+    }
+    if (key == vex::kProductId) {
+      return &appliance->product_id;
+    }
+    const auto text = appliance->texts.find(std::string_view(key));
+    return text == appliance->texts.end() ? nullptr : text->second.c_str();
+  });
+}

@@ -1,0 +1,25 @@
+// The Linux distribution as os-release(5) names it; see the distroid_ functions.
+#ifndef VEX_FRAMEWORK_DISTRIBUTION_H
+#define VEX_FRAMEWORK_DISTRIBUTION_H
+
+#include <string>
+
+#include "framework/assignments.h"
+
+namespace vex {
+
+struct Distribution {
+  std::string name;
+  std::string flavor;
+  std::string version;
+  std::string description;
+};
+
+Distribution DistributionFrom(const Assignments &os_release);
+
+// Takes the first of these that can be used from now on (tests).
+void UseOsReleaseFiles(const char *first, const char *second);
+
+}  // namespace vex
+
+#endif

@@ -1,0 +1,23 @@
+// Nothing is thrown across the C interface: memory that runs out is an ordinary failure there.
+#ifndef VEX_FRAMEWORK_GUARD_H
+#define VEX_FRAMEWORK_GUARD_H
+
+#include <errno.h>
+
+#include <exception>
+
+namespace vex {
+
+template <typename Result, typename Function>
+Result Guarded(Result failure, Function function) noexcept {
+  try {
+    return function();
+  } catch (const std::exception &) {
+    errno = ENOMEM;
+    return failure;
+  }
+}
+
+}  // namespace vex
+
+#endif

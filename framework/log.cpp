@@ -1,0 +1,118 @@
+#include "framework/log.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "platform/framework.h"
+
+namespace vex {
+
+namespace {
+
+constexpr size_t kUsualMessage = 1024;
+
+// The number stays the same when the file is opened again, so that a writer on another thread
+// always has an open one.
+std::atomic<int> log_fd{STDERR_FILENO};
+char *log_path;
+
+int OpenForAppending(const char *path) {
+  return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+}
+
+int WriteMessage(int fd, const char *text, size_t length) {
+  size_t done = 0;
+  while (done < length) {
+    const ssize_t n = write(fd, text + done, length - done);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<int>(length);
+}
+
+}  // namespace
+
+const char *AgentName() {
+  return agent != nullptr ? agent : "agent";
+}
+
+int OpenLog(const char *path) {
+  const int fd = OpenForAppending(path);
+  if (fd < 0) {
+    return -1;
+  }
+  char *copy = strdup(path);
+  if (copy == nullptr) {
+    close(fd);
+    errno = ENOMEM;
+    return -1;
+  }
+  const int old = log_fd.exchange(fd);
+  if (old != STDERR_FILENO) {
+    close(old);
+  }
+  free(log_path);
+  log_path = copy;
+  return 0;
+}
+
+void ReopenLog() {
+  if (log_path == nullptr) {
+    return;
+  }
+  const int fd = OpenForAppending(log_path);
+  if (fd < 0) {
+    agentlog_fprintf(stderr, "%s: Can't open log file %s again: %s\n", AgentName(), log_path,
+                     strerror(errno));
+    return;
+  }
+  dup3(fd, log_fd.load(), O_CLOEXEC);
+  close(fd);
+}
+
+}  // namespace vex
+
+int agentlog_fprintf(FILE *stream, const char *format, ...) {
+  const int saved = errno;  // a format may use it, and the caller may still want it
+  char usual[vex::kUsualMessage];
+  char *text = usual;
+  va_list arguments;
+  va_start(arguments, format);
+  int length = vsnprintf(usual, sizeof(usual), format, arguments);
+  va_end(arguments);
+  if (length >= static_cast<int>(sizeof(usual))) {
+    text = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
+    if (text == nullptr) {
+      text = usual;
+      length = static_cast<int>(sizeof(usual)) - 1;
+    } else {
+      va_start(arguments, format);
+      length = vsnprintf(text, static_cast<size_t>(length) + 1, format, arguments);
+      va_end(arguments);
+    }
+  }
+  int result = -1;
+  if (length >= 0) {
+    if (stream == stderr) {
+      result = vex::WriteMessage(vex::log_fd.load(), text, static_cast<size_t>(length));
+    } else if (stream != nullptr && fflush(stream) == 0) {
+      result = vex::WriteMessage(fileno(stream), text, static_cast<size_t>(length));
+    }
+  }
+  if (text != usual) {
+    free(text);
+  }
+  errno = saved;
+  return result;
+}

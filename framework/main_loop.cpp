@@ -1,0 +1,254 @@
+#include "framework/main_loop.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string_view>
+
+#include "framework/guard.h"
+#include "framework/log.h"
+#include "framework/objects.h"
+#include "framework/registry_dir.h"
+#include "framework/set_channel.h"
+#include "framework/snmp_side.h"
+#include "framework/systemd.h"
+#include "platform/framework.h"
+
+namespace vex {
+
+namespace {
+
+// ---- Signals: their handlers set flags, and the loop acts on them between hooks. They are blocked
+// except while waiting and while a hook runs: a command that a hook starts inherits the mask.
+
+volatile sig_atomic_t alarm_came;
+volatile sig_atomic_t end_came;
+volatile sig_atomic_t hangup_came;
+
+constexpr int kOurSignals[] = {SIGALRM, SIGTERM, SIGINT, SIGHUP};
+
+sigset_t hook_mask;  // none of ours blocked
+sigset_t loop_mask;  // all of ours blocked
+
+void Note(int signal) {
+  switch (signal) {
+    case SIGALRM:
+      alarm_came = 1;
+      break;
+    case SIGHUP:
+      hangup_came = 1;
+      break;
+    case SIGTERM:
+    case SIGINT:
+      end_came = 1;
+      break;
+    default:  // SIGPIPE: a write says so too; ignored signals would be inherited by commands
+      break;
+  }
+}
+
+void PrepareSignals() {
+  pthread_sigmask(SIG_SETMASK, nullptr, &loop_mask);
+  hook_mask = loop_mask;
+  for (const int signal : kOurSignals) {
+    sigaddset(&loop_mask, signal);
+    sigdelset(&hook_mask, signal);
+  }
+  pthread_sigmask(SIG_SETMASK, &loop_mask, nullptr);
+  struct sigaction action = {};
+  action.sa_handler = Note;
+  action.sa_flags = SA_RESTART;
+  sigfillset(&action.sa_mask);
+  for (const int signal : kOurSignals) {
+    sigaction(signal, &action, nullptr);
+  }
+  sigaction(SIGPIPE, &action, nullptr);
+  // Whoever started us may ignore it, and then no command's status could be had.
+  action.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &action, nullptr);
+}
+
+// ---- Hooks
+
+std::atomic<int64_t> in_hook_since{0};
+
+class Hook {
+ public:
+  Hook() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    in_hook_since = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+    pthread_sigmask(SIG_SETMASK, &hook_mask, nullptr);
+  }
+  ~Hook() {
+    pthread_sigmask(SIG_SETMASK, &loop_mask, nullptr);
+    in_hook_since = 0;
+  }
+  Hook(const Hook &) = delete;
+  Hook &operator=(const Hook &) = delete;
+};
+
+int RunSetAsHook(uint8_t phase, SetItem &item) {
+  Hook hook;
+  return RunSet(phase, item);
+}
+
+// ---- Start and end
+
+// A registry file must never become standard output.
+void OpenStandardDescriptors() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd > STDERR_FILENO) {
+    close(fd);
+  }
+}
+
+const char *BaseName(const char *path) {
+  const char *slash = strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+// What a failed start leaves behind: nothing of ours stays.
+void RemoveDirectory() {
+  const size_t length = strnlen(log_dir, sizeof(log_dir));
+  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/' || is_empty_dir(log_dir) == 0) {
+    return;
+  }
+  const auto relative = ResolveDirectoryName(log_dir, RegistryRootPath());
+  if (relative && !relative->empty()) {
+    rmdir(log_dir);
+  }
+}
+
+void Loop() {
+  while (end_came == 0) {
+    pollfd sets = {SetChannelFd(), POLLIN, 0};
+    if (hangup_came == 0 && alarm_came == 0) {
+      ppoll(&sets, 1, nullptr, &hook_mask);
+    }
+    if (hangup_came != 0) {
+      hangup_came = 0;
+      ReopenLog();
+    }
+    if ((sets.revents & POLLIN) != 0) {
+      ServeSets(RunSetAsHook);
+    }
+    if (end_came == 0 && alarm_came != 0) {
+      alarm_came = 0;
+      {
+        Hook hook;
+        get_data();
+      }
+      RetryFiles();
+    }
+  }
+}
+
+int Run(int argc, char **argv) {
+  OpenStandardDescriptors();
+  PrepareSignals();
+  static char *name = strdup(argc > 0 && argv[0] != nullptr ? BaseName(argv[0]) : "agent");
+  agent = name;
+  CommandLine line = TakeOwnOptions(argc, argv);
+  if (line.bad) {
+    agentlog_fprintf(stderr, "%s: Option -l needs a file name\n", AgentName());
+    return 1;
+  }
+  if (line.log_file != nullptr && OpenLog(line.log_file) != 0) {
+    agentlog_fprintf(stderr, "%s: Can't open log file %s: %s\n", AgentName(), line.log_file,
+                     strerror(errno));
+    return 1;
+  }
+  SystemdPrepare();
+  if (poll_time < 1) {
+    poll_time = kDefaultPollTime;
+  }
+
+  int result;
+  {
+    Hook hook;
+    result = init_agent(static_cast<int>(line.rest.size()) - 1, line.rest.data());
+  }
+  if (result != 0) {
+    alarm(0);
+    CloseSets();
+    delete_obj(&obj_Q, nullptr, 0);
+    RemoveDirectory();
+    SnmpStop();
+    return 1;
+  }
+  alarm(static_cast<unsigned>(poll_time));
+  RetryFiles();
+  SystemdReady();
+  Loop();
+
+  SystemdStopping();
+  alarm(0);
+  CloseSets();
+  {
+    Hook hook;
+    cleanup_agent();
+  }
+  delete_obj(&obj_Q, nullptr, 0);
+  RetryFiles();
+  SnmpStop();
+  return 0;
+}
+
+bool poll_time_set;
+
+}  // namespace
+
+CommandLine TakeOwnOptions(int argc, char **argv) {
+  CommandLine line;
+  int i = 0;
+  for (; i < argc; i++) {
+    const std::string_view argument = argv[i];
+    if (i == 0 || !argument.starts_with("-l")) {
+      line.rest.push_back(argv[i]);
+      if (i > 0 && argument == "--") {
+        i++;
+        break;
+      }
+    } else if (argument.size() > 2) {
+      line.log_file = argv[i] + 2;
+    } else if (i + 1 < argc) {
+      line.log_file = argv[++i];
+    } else {
+      line.bad = true;
+    }
+  }
+  line.rest.insert(line.rest.end(), argv + i, argv + argc);
+  line.rest.push_back(nullptr);
+  return line;
+}
+
+int64_t InHookSince() {
+  return in_hook_since;
+}
+
+void ConfigurePollTime(int seconds) {
+  if (!poll_time_set && seconds >= 1) {
+    poll_time = seconds;
+  }
+}
+
+}  // namespace vex
+
+void set_poll_time(int seconds) {
+  vex::poll_time_set = true;
+  poll_time = seconds < 1 ? 1 : seconds;
+}
+
+int agent_main(int argc, char **argv) {
+  return vex::Guarded(1, [&] { return vex::Run(argc, argv); });
+}

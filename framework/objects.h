@@ -1,0 +1,31 @@
+// The live objects of this process, as the rest of the framework uses them. Agent thread only.
+#ifndef VEX_FRAMEWORK_OBJECTS_H
+#define VEX_FRAMEWORK_OBJECTS_H
+
+#include <cstdint>
+#include <string>
+
+#include "framework/set_channel.h"
+#include "platform/framework.h"
+
+namespace vex {
+
+// The registry's root; tests and benchmarks work on one of their own, before the first object.
+const std::string &RegistryRootPath();
+void UseRegistryRoot(std::string root);
+
+// The runner for ServeSets(): see there.
+int RunSet(uint8_t phase, SetItem &item);
+
+// Writes and unlinks again what could not be written or unlinked before. Called after each poll.
+void RetryFiles();
+
+// Whether this is an object that create_obj() returned and delete_obj() did not release yet.
+bool IsLive(const registry_object *object);
+
+// The bytes of a variable that count: text up to its end, octets up to the current length.
+size_t CurrentLength(const descriptor &variable);
+
+}  // namespace vex
+
+#endif

@@ -1,0 +1,44 @@
+// The SNMP side in memory, and a small MIB: for tests of the framework's agent-thread half.
+#ifndef VEX_TESTS_UNIT_FRAMEWORK_AGENT_THREAD_FAKE_SNMP_H
+#define VEX_TESTS_UNIT_FRAMEWORK_AGENT_THREAD_FAKE_SNMP_H
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framework/image.h"
+#include "framework/set_channel.h"
+#include "framework/snmp_side.h"
+
+namespace vex {
+
+struct FakeSnmp {
+  bool start_fails = false;
+  SnmpSettings settings;
+  bool running = false;
+  std::string application;
+  bool sets_enabled = true;
+  bool sets_closed = false;
+  std::map<uint64_t, std::shared_ptr<const Image>> served;
+  int publications = 0;
+  std::vector<Notification> notifications;
+  void (*tick)() = nullptr;
+  int tick_ms = 0;
+  // The next query's answer and what was asked.
+  int query_result = 0;
+  int32_t query_value = 0;
+  std::string queried;
+  // Items that ServeSets() runs (check, then apply) when set_fd is readable.
+  int set_fd = -1;
+  std::vector<SetItem> pending;
+  std::vector<int> set_results;
+};
+FakeSnmp &TheFakeSnmp();
+
+// The MIB has these, all below enterprises.4891.99: exampleCount (integer), exampleName and
+// exampleRole (display strings), exampleDate (octets), and rowSize, rowLabel (columns).
+
+}  // namespace vex
+
+#endif

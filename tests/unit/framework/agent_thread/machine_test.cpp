@@ -1,0 +1,350 @@
+// Files of assignments, the distribution, the appliance, and shell commands.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "framework/appliance.h"
+#include "framework/commands.h"
+#include "framework/distribution.h"
+#include "platform/framework.h"
+#include "tests/unit/framework/temp_registry.h"
+
+namespace vex {
+namespace {
+
+std::string Parsed(std::string_view text) {
+  int bad_line = 0;
+  const std::optional<Assignments> assignments = ParseAssignments(text, &bad_line);
+  if (!assignments) {
+    return "line " + std::to_string(bad_line);
+  }
+  std::string result;
+  for (const auto &[key, value] : *assignments) {
+    result += key + "=" + value + ";";
+  }
+  return result;
+}
+
+TEST(Assignments, FollowOsRelease) {
+  struct {
+    const char *text;
+    const char *result;
+  } const table[] = {
+      {"", ""},
+      {"NAME=Debian", "NAME=Debian;"},
+      {"NAME=Debian\nID=debian\n", "ID=debian;NAME=Debian;"},
+      {"NAME=\"Debian GNU/Linux\"\n", "NAME=Debian GNU/Linux;"},
+      {"NAME='Debian GNU/Linux'\n", "NAME=Debian GNU/Linux;"},
+      {"NAME=\n", "NAME=;"},
+      {"NAME=\"\"\n", "NAME=;"},
+      {"# comment\n\n   \n  # another\nA=1\n", "A=1;"},
+      {"  A=1  \n", "A=1;"},
+      {"A=1\r\nB=\"2\"\r\n", "A=1;B=2;"},
+      {"A=1\nA=2\n", "A=2;"},
+      {"A=\"x\\\"y\\$z\\\\w\\`v\"\n", "A=x\"y$z\\w`v;"},
+      {"A=\"x\\ny\"\n", "A=x\\ny;"},
+      {"A='x\\\"y'\n", "A=x\\\"y;"},
+      {"A='\"'\n", "A=\";"},
+      {"A=a=b\n", "A=a=b;"},
+      {"_a9=1\n", "_a9=1;"},
+      {"A=1\ngarbage\nB=2\n", "line 2"},
+      {"A=\"open\n", "line 1"},
+      {"A='open\n", "line 1"},
+      {"A=\"shut\" more\n", "line 1"},
+      {"A=\"ends in backslash\\\"\n", "line 1"},
+      {"A=it's\n", "line 1"},
+      {"=1\n", "line 1"},
+      {"9A=1\n", "line 1"},
+      {"A B=1\n", "line 1"},
+      {"A =1\n", "line 1"},
+      {"A-B=1\n", "line 1"},
+  };
+  for (const auto &row : table) {
+    EXPECT_EQ(Parsed(row.text), row.result) << row.text;
+  }
+  EXPECT_EQ(Parsed(std::string_view("A=1\0\n", 5)), "line 1");
+}
+
+// Text that goes to standard error while a function runs.
+template <typename Function>
+std::string Logged(Function function) {
+  testing::internal::CaptureStderr();
+  function();
+  return testing::internal::GetCapturedStderr();
+}
+
+class MachineFiles : public testing::Test {
+ protected:
+  MachineFiles() {
+    agent = "exampled";
+  }
+  ~MachineFiles() override {
+    distroid_exit();
+  }
+  std::string File(const std::string &name, const std::string &text) {
+    const std::string path = directory_.base() + "/" + name;
+    WriteBytes(path, {text.begin(), text.end()});
+    paths_.push_back(std::make_unique<std::string>(path));
+    return path;
+  }
+  // A path that lives as long as the test.
+  const char *Path(const std::string &name) {
+    paths_.push_back(std::make_unique<std::string>(directory_.base() + "/" + name));
+    return paths_.back()->c_str();
+  }
+
+  TempRegistry directory_;
+  std::vector<std::unique_ptr<std::string>> paths_;
+};
+
+TEST_F(MachineFiles, DistributionComesFromTheFirstUsableFile) {
+  EXPECT_STREQ(distroid_name(), "");
+  UseOsReleaseFiles(Path("etc"), Path("usr"));
+  EXPECT_NE(distroid_init(), 0);
+  EXPECT_STREQ(distroid_description(), "");
+
+  File("usr", "NAME=Fallback\n");
+  EXPECT_EQ(distroid_init(), 0);
+  EXPECT_STREQ(distroid_name(), "Fallback");
+  EXPECT_STREQ(distroid_version(), "");
+  File("etc",
+       "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\nNAME=\"Debian GNU/Linux\"\n"
+       "VERSION_ID=\"12\"\nVERSION_CODENAME=bookworm\n");
+  EXPECT_EQ(distroid_init(), 0);
+  EXPECT_STREQ(distroid_name(), "Fallback") << "until distroid_exit()";
+  distroid_exit();
+  EXPECT_STREQ(distroid_name(), "");
+  EXPECT_EQ(distroid_init(), 0);
+  EXPECT_STREQ(distroid_name(), "Debian GNU/Linux");
+  EXPECT_STREQ(distroid_flavor(), "bookworm");
+  EXPECT_STREQ(distroid_version(), "12");
+  EXPECT_STREQ(distroid_description(), "Debian GNU/Linux 12 (bookworm)");
+}
+
+TEST_F(MachineFiles, TheVariantIsTheFlavor) {
+  auto flavor = [](std::string_view text) {
+    int line;
+    return DistributionFrom(*ParseAssignments(text, &line)).flavor;
+  };
+  EXPECT_EQ(flavor("VARIANT=Server\nVERSION_CODENAME=x\n"), "Server");
+  EXPECT_EQ(flavor("VARIANT=\nVERSION_CODENAME=x\n"), "x");
+  EXPECT_EQ(flavor("VERSION_CODENAME=x\n"), "x");
+  EXPECT_EQ(flavor("NAME=x\n"), "");
+}
+
+TEST_F(MachineFiles, ABrokenDistributionFileIsAbsentAndSaidSoOnce) {
+  const std::string etc = File("broken", "NAME=x\nthis is no assignment\n");
+  File("whole", "NAME=Whole\n");
+  UseOsReleaseFiles(Path("broken"), Path("whole"));
+  EXPECT_EQ(Logged([] { EXPECT_EQ(distroid_init(), 0); }),
+            "exampled: " + etc + ": line 2 is broken, file not used\n");
+  EXPECT_STREQ(distroid_name(), "Whole");
+  distroid_exit();
+  EXPECT_EQ(Logged([] { EXPECT_EQ(distroid_init(), 0); }), "");
+}
+
+TEST_F(MachineFiles, SpecialAndLargeFilesAreBroken) {
+  ASSERT_EQ(mkfifo(Path("fifo"), 0600), 0);
+  EXPECT_NE(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("fifo"))); }).find("regular"),
+            std::string::npos);
+  File("large", "A=" + std::string(70000, 'x') + "\n");
+  EXPECT_NE(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("large"))); }).find("too large"),
+            std::string::npos);
+  EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("missing"))); }), "");
+}
+
+TEST_F(MachineFiles, ApplianceData) {
+  UseApplianceFile(Path("none"));
+  EXPECT_EQ(is_appliance(), 0);
+  EXPECT_EQ(get_appliance_data("ProductID"), nullptr);
+
+  File("full",
+       "# the appliance\nProductID=4711\nProductName=\"Example Box\"\nOsName=ExOS\nOsVersion=1.2\n"
+       "VcdbName=db\nVcdbVersion=9\nOther=x\n");
+  UseApplianceFile(Path("full"));
+  EXPECT_NE(is_appliance(), 0);
+  const void *id = get_appliance_data("ProductID");
+  ASSERT_NE(id, nullptr);
+  EXPECT_EQ(*static_cast<const int32_t *>(id), 4711);
+  auto text = [](const char *key) {
+    const void *value = get_appliance_data(key);
+    return value != nullptr ? std::string(static_cast<const char *>(value)) : "null";
+  };
+  EXPECT_EQ(text("ProductName"), "Example Box");
+  EXPECT_EQ(text("OsName"), "ExOS");
+  EXPECT_EQ(text("OsVersion"), "1.2");
+  EXPECT_EQ(text("VcdbName"), "db");
+  EXPECT_EQ(text("VcdbVersion"), "9");
+  EXPECT_EQ(text("Other"), "null");
+  EXPECT_EQ(get_appliance_data(nullptr), nullptr);
+
+  File("empty", "");
+  UseApplianceFile(Path("empty"));
+  EXPECT_NE(is_appliance(), 0);
+  ASSERT_NE(get_appliance_data("ProductID"), nullptr);
+  EXPECT_EQ(*static_cast<const int32_t *>(get_appliance_data("ProductID")), 0);
+  EXPECT_EQ(text("ProductName"), "null");
+}
+
+TEST_F(MachineFiles, ABrokenApplianceFileIsAbsent) {
+  const std::string broken = File("broken", "ProductID=1\n\"\n");
+  UseApplianceFile(Path("broken"));
+  EXPECT_EQ(Logged([] {
+              EXPECT_EQ(is_appliance(), 0);
+              EXPECT_EQ(is_appliance(), 0);
+              EXPECT_EQ(get_appliance_data("ProductID"), nullptr);
+            }),
+            "exampled: " + broken + ": line 2 is broken, file not used\n");
+  for (const char *id : {"x", "1x", "", "2147483648", "0x10", " "}) {
+    File("number", std::string("ProductID=\"") + id + "\"\n");
+    UseApplianceFile(Path("number"));
+    EXPECT_NE(Logged([] { EXPECT_EQ(is_appliance(), 0); }).find("ProductID is not a number"),
+              std::string::npos)
+        << id;
+  }
+  File("number", "ProductID=-5\n");
+  UseApplianceFile(Path("number"));
+  ASSERT_NE(is_appliance(), 0);
+  EXPECT_EQ(*static_cast<const int32_t *>(get_appliance_data("ProductID")), -5);
+}
+
+// ---- Commands
+
+struct Result {
+  int status;
+  std::string output;
+  int length;
+  double seconds;
+};
+
+Result RunShell(const char *command, int capacity = 64, int limit_ms = 20000) {
+  timespec begin;
+  timespec end;
+  clock_gettime(CLOCK_MONOTONIC, &begin);
+  std::vector<char> buffer(static_cast<size_t>(capacity) + 8, '#');
+  int length = capacity;
+  const int status = RunCommand(command, buffer.data(), &length, limit_ms);
+  clock_gettime(CLOCK_MONOTONIC, &end);
+  // Nothing is written beyond the capacity.
+  for (size_t i = static_cast<size_t>(capacity); i < buffer.size(); i++) {
+    EXPECT_EQ(buffer[i], '#');
+  }
+  return {status, capacity > 0 ? buffer.data() : "", length,
+          static_cast<double>(end.tv_sec - begin.tv_sec) +
+              static_cast<double>(end.tv_nsec - begin.tv_nsec) / 1e9};
+}
+
+TEST(Command, GivesOutputAndStatus) {
+  Result r = RunShell("echo hello");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.output, "hello\n");
+  EXPECT_EQ(r.length, 6);
+  r = RunShell("exit 3");
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.output, "");
+  EXPECT_EQ(RunShell("/nowhere/command 2>/dev/null").status, 127);
+  EXPECT_EQ(RunShell("kill -9 $$").status, -1);
+  EXPECT_EQ(RunShell("printf 'a\\n'; printf b").output, "a\nb");
+  EXPECT_EQ(process_linux_cmd(nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(process_linux_cmd("exit 4", nullptr, nullptr), 4);
+}
+
+TEST(Command, DropsWhatDoesNotFit) {
+  Result r = RunShell("seq 1 100000", 10);
+  EXPECT_EQ(r.status, 0) << "all of it is read";
+  EXPECT_EQ(r.output, "1\n2\n3\n4\n5");
+  EXPECT_EQ(r.length, 9);
+  r = RunShell("echo 123456789", 10);
+  EXPECT_EQ(r.output, "123456789");
+  r = RunShell("echo x", 1);
+  EXPECT_EQ(r.output, "");
+  r = RunShell("echo x", 0);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.length, 0);
+}
+
+TEST(Command, EndsWithTheShellWhateverItLeftBehind) {
+  const Result r = RunShell("sleep 10 & echo $!; exit 5");
+  EXPECT_EQ(r.status, 5);
+  EXPECT_LT(r.seconds, 5);
+  const int left = atoi(r.output.c_str());
+  ASSERT_GT(left, 1);
+  EXPECT_EQ(kill(left, 0), 0) << "and leaves that alone";
+  kill(left, SIGKILL);
+}
+
+TEST(Command, IsKilledWithAllItsProcessesWhenItTakesTooLong) {
+  TempRegistry directory;
+  const std::string command =
+      "sleep 30 & echo $! > " + directory.base() + "/pid; echo begun; sleep 30";
+  const Result r = RunShell(command.c_str(), 64, 500);
+  EXPECT_EQ(r.status, -1);
+  EXPECT_EQ(r.output, "begun\n");
+  EXPECT_LT(r.seconds, 5);
+  const std::vector<uint8_t> bytes = ReadBytes(directory.base() + "/pid");
+  const int left = atoi(std::string(bytes.begin(), bytes.end()).c_str());
+  ASSERT_GT(left, 1);
+  // Gone, or dead and not yet reaped by whoever inherited it.
+  const std::vector<uint8_t> stat = ReadBytes("/proc/" + std::to_string(left) + "/stat");
+  const std::string text(stat.begin(), stat.end());
+  EXPECT_TRUE(text.empty() || text.find(") Z ") != std::string::npos ||
+              text.find(") X ") != std::string::npos)
+      << text;
+}
+
+TEST(Command, StartsFromACleanState) {
+  // Whatever the caller blocks or ignores.
+  sigset_t blocked;
+  sigset_t old;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGTERM);
+  sigaddset(&blocked, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &blocked, &old);
+  auto *const handler = signal(SIGPIPE, SIG_IGN);
+  const Result masks =
+      RunShell("grep -E '^Sig(Blk|Ign):' /proc/self/status | tr -s '\\t\\n' ' '", 200);
+  const Result descriptors = RunShell("cat; ls /proc/self/fd | wc -l");
+  signal(SIGPIPE, handler);
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  int inherited = 0;
+  for (int fd = 0; fd < 1024; fd++) {
+    const int flags = fcntl(fd, F_GETFD);
+    inherited += flags >= 0 && (flags & FD_CLOEXEC) == 0;
+  }
+  std::istringstream words(masks.output);
+  std::string name[2];
+  std::string mask[2];
+  words >> name[0] >> mask[0] >> name[1] >> mask[1];
+  EXPECT_EQ(name[0] + name[1], "SigBlk:SigIgn:");
+  EXPECT_EQ(Signals(mask[0]), 0u);
+  EXPECT_EQ(Signals(mask[1]), 0u);
+  // Nothing to read on standard input; none of our descriptors, and the directory is ls's own.
+  EXPECT_EQ(descriptors.output, std::to_string(inherited + 1) + "\n");
+}
+
+TEST(Command, GoesOnThroughSignals) {
+  struct sigaction action = {};
+  struct sigaction old;
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, &old);
+  const itimerval often = {{0, 20000}, {0, 20000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const Result r = RunShell("echo a; sleep 0.5; echo b");
+  const itimerval never = {};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &old, nullptr);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.output, "a\nb\n");
+  EXPECT_LT(r.seconds, 5);
+}
+
+}  // namespace
+}  // namespace vex

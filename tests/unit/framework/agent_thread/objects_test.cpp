@@ -1,0 +1,743 @@
+#include "framework/objects.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "framework/registry_file.h"
+#include "tests/unit/framework/agent_thread/fake_snmp.h"
+#include "tests/unit/framework/temp_registry.h"
+
+namespace vex {
+namespace {
+
+namespace fs = std::filesystem;
+
+#pragma pack(push, 1)
+struct Block {
+  int32_t count;
+  char name[33];
+  char role[9];
+  uint8_t date[7];
+  int32_t inner;       // unknown to the MIB
+  char wrong_type[4];  // named like an integer of the MIB's
+};
+#pragma pack(pop)
+
+int handler_result;
+std::string handled;
+
+int Handler(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
+            int length) {
+  handled += std::to_string(phase) + ":" + std::to_string(desc->slot) + ":" +
+             std::to_string(object->instance) + ":" +
+             std::string(static_cast<const char *>(value), static_cast<size_t>(length)) + ":" +
+             std::to_string(length) + ";";
+  if (handler_result == 0 && phase != SET_CHECK) {
+    snprintf(static_cast<char *>(desc->value), static_cast<size_t>(desc->size), "<%s>",
+             static_cast<const char *>(value));
+  }
+  return handler_result;
+}
+
+class Objects : public testing::Test {
+ protected:
+  Objects() {
+    UseRegistryRoot(registry_.root());
+    fs::create_directories(registry_.Path("host"));
+    handler_result = 0;
+    handled.clear();
+  }
+  ~Objects() override {
+    delete_obj(&obj_Q, nullptr, 0);
+    RetryFiles();
+  }
+
+  registry_object *Create(const std::string &name = "host/example", bool handler = true) {
+    registry_object *object =
+        create_obj(&obj_Q, get_id(), registry_.Path(name).c_str(), 1, sizeof(Block), 6);
+    if (object == nullptr) {
+      return nullptr;
+    }
+    auto *b = reinterpret_cast<Block *>(object->data);
+    descriptor *d = object->desc;
+    EXPECT_EQ(
+        init_info(0, &d[0], "exampleCount", 4, VAR_INTEGER, ACCESS_WRITABLE, 1, &b->count, nullptr),
+        0);
+    EXPECT_EQ(init_info(1, &d[1], "exampleName", 33, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, 1,
+                        b->name, nullptr),
+              0);
+    EXPECT_EQ(init_info(2, &d[2], "exampleRole", 9, VAR_DISPLAY_STRING, ACCESS_WRITABLE, 1, b->role,
+                        handler ? Handler : nullptr),
+              0);
+    EXPECT_EQ(init_info(3, &d[3], "exampleDate", 7, VAR_OCTET_STRING, ACCESS_WRITABLE, 1, b->date,
+                        nullptr),
+              0);
+    EXPECT_EQ(init_info(4, &d[4], "inner", 4, VAR_INTEGER, ACCESS_READ_ONLY, 1, &b->inner, nullptr),
+              0);
+    EXPECT_EQ(init_info(5, &d[5], "exampleCount", 4, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, 1,
+                        b->wrong_type, nullptr),
+              0);
+    return object;
+  }
+  static Block *Data(registry_object *object) {
+    return reinterpret_cast<Block *>(object->data);
+  }
+  // The only object that is served; null when there is another number of them.
+  std::shared_ptr<const Image> Served() {
+    const auto &served = TheFakeSnmp().served;
+    return served.size() == 1 ? served.begin()->second : nullptr;
+  }
+  // The value of a served variable; "?" when it is not served.
+  std::string Value(const char *name) {
+    const std::shared_ptr<const Image> image = Served();
+    if (image == nullptr) {
+      return "?";
+    }
+    for (size_t i = 0; i < image->layout->variables.size(); i++) {
+      const ServedVariable &v = image->layout->variables[i];
+      if (strcmp(v.mib->name, name) == 0) {
+        const char *at = reinterpret_cast<const char *>(&image->data[v.offset]);
+        return {at, v.type == VAR_DISPLAY_STRING ? strnlen(at, static_cast<size_t>(v.size))
+                                                 : image->octet_lengths[i]};
+      }
+    }
+    return "?";
+  }
+  uint64_t Id() {
+    return TheFakeSnmp().served.begin()->first;
+  }
+  SetItem Item(int slot, const std::string &value) {
+    SetItem item;
+    item.object_id = Id();
+    item.slot = slot;
+    item.value.assign(value.begin(), value.end());
+    item.value.push_back(0);
+    item.length = static_cast<int>(value.size());
+    return item;
+  }
+  int Set(int slot, const std::string &value) {
+    SetItem item = Item(slot, value);
+    const int check = RunSet(SET_CHECK, item);
+    return check != 0 ? check : RunSet(SET_APPLY, item);
+  }
+  std::string FileText(const std::string &name, size_t offset) {
+    const auto file = ReadObjectFile(name, registry_.root());
+    return file ? std::string(reinterpret_cast<const char *>(&file->data[offset])) : "?";
+  }
+
+  TempRegistry registry_;
+};
+
+TEST_F(Objects, AreInvisibleBeforeTheFirstPublication) {
+  registry_object *object = Create();
+  ASSERT_NE(object, nullptr);
+  EXPECT_EQ(object->name, registry_.Path("host/example"));
+  EXPECT_EQ(object->instance, 0);
+  EXPECT_EQ(object->flag, 1);
+  EXPECT_EQ(object->data_size, static_cast<int>(sizeof(Block)));
+  EXPECT_EQ(std::count(object->data, object->data + sizeof(Block), 0),
+            static_cast<long>(sizeof(Block)));
+  EXPECT_EQ(object->desc[3].length, 7);
+  EXPECT_EQ(object->desc[2].count, 1);
+  EXPECT_EQ(Served(), nullptr);
+  EXPECT_EQ(get_obj("host/example"), nullptr);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "host/example"), object);
+  EXPECT_EQ(log_data(object), 0);
+  EXPECT_NE(Served(), nullptr);
+}
+
+TEST_F(Objects, NamesSayTheInstance) {
+  struct {
+    const char *name;
+    int instance;
+  } const table[] = {{"host/cpu.0", 0},
+                     {"host/cpu.7", 7},
+                     {"host/cpu.1234", 1234},
+                     {"host/cpu", 0},
+                     {"host/a.b", 0},
+                     {"host/a.", 0},
+                     {"host.3/cpu", 0},
+                     {"host/cpu.99999999999", INT32_MAX},
+                     {"host/cpu.2147483647", INT32_MAX},
+                     {"host/a.1.2", 2}};
+  for (const auto &row : table) {
+    registry_object *object =
+        create_obj(&obj_Q, get_id(), registry_.Path(row.name).c_str(), 0, 4, 0);
+    ASSERT_NE(object, nullptr) << row.name;
+    EXPECT_EQ(object->instance, row.instance) << row.name;
+  }
+}
+
+TEST_F(Objects, CreationIsRefusedOutsideAndOutOfRange) {
+  ASSERT_NE(Create(), nullptr);
+  EXPECT_EQ(Create(), nullptr) << "the name is in use";
+  EXPECT_EQ(create_obj(&obj_Q, 0, "/etc/example", 0, 4, 1), nullptr);
+  EXPECT_EQ(create_obj(&obj_Q, 0, registry_.root().c_str(), 0, 4, 1), nullptr);
+  EXPECT_EQ(create_obj(&obj_Q, 0, nullptr, 0, 4, 1), nullptr);
+  const std::string name = registry_.Path("host/x");
+  EXPECT_EQ(create_obj(&obj_Q, 0, name.c_str(), 0, -1, 1), nullptr);
+  EXPECT_EQ(create_obj(&obj_Q, 0, name.c_str(), 0, (1 << 20) + 1, 1), nullptr);
+  EXPECT_EQ(create_obj(&obj_Q, 0, name.c_str(), 0, 4, -1), nullptr);
+  EXPECT_EQ(create_obj(&obj_Q, 0, name.c_str(), 0, 4, 4097), nullptr);
+  EXPECT_NE(create_obj(&obj_Q, 0, name.c_str(), 0, 1 << 20, 4096), nullptr);
+  EXPECT_EQ(log_data(find_obj(&obj_Q, 0, "host/x")), 0);
+}
+
+TEST_F(Objects, VariablesMustLieWithinTheirObject) {
+  registry_object *o = create_obj(&obj_Q, 0, registry_.Path("host/x").c_str(), 0, 8, 2);
+  registry_object *other = create_obj(&obj_Q, 0, registry_.Path("host/y").c_str(), 0, 8, 2);
+  ASSERT_NE(o, nullptr);
+  ASSERT_NE(other, nullptr);
+  auto define = [&](int slot, descriptor *desc, int size, int type, void *value) {
+    return init_info(slot, desc, "exampleCount", size, type, ACCESS_READ_ONLY, 1, value, nullptr);
+  };
+  EXPECT_EQ(define(0, &o->desc[1], 4, VAR_INTEGER, o->data), -1);
+  EXPECT_EQ(define(2, &o->desc[2], 4, VAR_INTEGER, o->data), -1);
+  EXPECT_EQ(define(-1, &o->desc[0], 4, VAR_INTEGER, o->data), -1);
+  descriptor stray = {};
+  EXPECT_EQ(define(0, &stray, 4, VAR_INTEGER, o->data), -1);
+  EXPECT_EQ(define(0, nullptr, 4, VAR_INTEGER, o->data), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 2, VAR_INTEGER, o->data), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 4, 4, o->data), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 0, VAR_OCTET_STRING, o->data), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 9, VAR_OCTET_STRING, o->data), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, o->data + 5), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, o->data - 1), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, other->data), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, nullptr), -1);
+  EXPECT_EQ(o->desc[0].type, 0);
+  EXPECT_EQ(o->desc[1].type, 0);
+  EXPECT_EQ(define(1, &o->desc[1], 4, VAR_INTEGER, o->data + 4), 0);
+  char name[] = "exampleCount";
+  EXPECT_EQ(init_info(0, &o->desc[0], name, 4, VAR_INTEGER, ACCESS_READ_ONLY, 1, o->data, nullptr),
+            0);
+  name[0] = 'X';
+  EXPECT_STREQ(o->desc[0].name, "exampleCount");
+}
+
+TEST_F(Objects, PublishingShowsAllValuesAtOnce) {
+  registry_object *object = Create();
+  Block *b = Data(object);
+  b->count = 5;
+  strcpy(b->name, "first");
+  memcpy(b->date, "\x07\xe5\x01\x02\x03\x04\x05", 7);
+  b->inner = 77;
+  ASSERT_EQ(log_data(object), 0);
+  EXPECT_EQ(Value("exampleCount"), std::string("\5\0\0\0", 4));
+  EXPECT_EQ(Value("exampleName"), "first");
+  EXPECT_EQ(Value("exampleDate").size(), 7u);
+  ASSERT_NE(Served(), nullptr);
+  // What the MIB does not know, or knows otherwise, stands in the file alone.
+  EXPECT_EQ(Served()->layout->variables.size(), 4u);
+  EXPECT_TRUE(Served()->layout->variables[2].writable);
+  EXPECT_FALSE(Served()->layout->variables[1].writable);
+
+  strcpy(b->name, "second");
+  object->desc[3].length = 3;
+  EXPECT_EQ(Value("exampleName"), "first") << "an image does not change";
+  registry_object *snapshot = get_obj("host/example");
+  ASSERT_NE(snapshot, nullptr);
+  EXPECT_STREQ(static_cast<const char *>(snapshot->desc[1].value), "first");
+  free(snapshot);
+  ASSERT_EQ(log_data(object), 0);
+  EXPECT_EQ(Value("exampleName"), "second");
+  EXPECT_EQ(Value("exampleDate").size(), 3u);
+  object->desc[3].length = 200;  // more than there is
+  ASSERT_EQ(log_data(object), 0);
+  EXPECT_EQ(Value("exampleDate").size(), 7u);
+
+  snapshot = get_obj("host/example");
+  ASSERT_NE(snapshot, nullptr);
+  EXPECT_EQ(snapshot->var_count, 6);
+  EXPECT_EQ(snapshot->name, registry_.Path("host/example"));
+  EXPECT_STREQ(snapshot->desc[4].name, "inner");
+  int32_t inner;
+  memcpy(&inner, snapshot->desc[4].value, 4);
+  EXPECT_EQ(inner, 77);
+  EXPECT_EQ(snapshot->framework, nullptr);
+  EXPECT_EQ(snapshot->desc[2].set_handler, nullptr);
+  EXPECT_EQ(snapshot->data_size, static_cast<int>(sizeof(Block)));
+  free(snapshot);
+}
+
+TEST_F(Objects, SlotsThatWereNeverDefinedAreNotServed) {
+  registry_object *object = create_obj(&obj_Q, 0, registry_.Path("host/gap").c_str(), 0, 8, 3);
+  ASSERT_EQ(init_info(1, &object->desc[1], "exampleCount", 4, VAR_INTEGER, ACCESS_READ_ONLY, 1,
+                      object->data, nullptr),
+            0);
+  ASSERT_EQ(log_data(object), 0);
+  ASSERT_NE(Served(), nullptr);
+  ASSERT_EQ(Served()->layout->variables.size(), 1u);
+  EXPECT_EQ(Served()->layout->variables[0].slot, 1);
+  // A variable that is defined later is served from the next publication on.
+  ASSERT_EQ(init_info(2, &object->desc[2], "exampleDate", 4, VAR_OCTET_STRING, ACCESS_READ_ONLY, 1,
+                      object->data + 4, nullptr),
+            0);
+  ASSERT_EQ(log_data(object), 0);
+  EXPECT_EQ(Served()->layout->variables.size(), 2u);
+  registry_object *snapshot = get_obj("host/gap");
+  ASSERT_NE(snapshot, nullptr);
+  EXPECT_EQ(snapshot->desc[0].type, 0);
+  EXPECT_STREQ(snapshot->desc[0].name, "");
+  EXPECT_EQ(snapshot->desc[2].length, 4);
+  free(snapshot);
+}
+
+TEST_F(Objects, AreFoundByAnyFormOfTheirName) {
+  registry_object *object = Create();
+  EXPECT_EQ(find_obj(&obj_Q, 0, "host/example"), object);
+  EXPECT_EQ(find_obj(&obj_Q, 0, registry_.Path("host/example").c_str()), object);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "host/../host//example"), object);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "host/other"), nullptr);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "example"), nullptr);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "/host/example"), nullptr);
+  EXPECT_EQ(find_obj(&obj_Q, 0, nullptr), nullptr);
+  EXPECT_EQ(find_obj(&obj_Q, 0, ""), nullptr);
+}
+
+TEST_F(Objects, TheAgentsQueueHoldsThemInOrderOfCreation) {
+  registry_object *made[3] = {Create("host/b"), Create("host/a"), Create("host/c")};
+  ASSERT_EQ(delete_obj(&obj_Q, made[1], 0), 0);
+  queue_element *cursor = obj_Q.head;
+  EXPECT_EQ(peek_Q(&obj_Q, &cursor, Q_NEXT), made[0]);
+  EXPECT_EQ(peek_Q(&obj_Q, &cursor, Q_NEXT), made[2]);
+  EXPECT_EQ(peek_Q(&obj_Q, &cursor, Q_NEXT), nullptr);
+}
+
+TEST_F(Objects, DeletionTakesFileAndValuesAway) {
+  registry_object *object = Create();
+  ASSERT_EQ(log_data(object), 0);
+  ASSERT_TRUE(fs::exists(registry_.Path("host/example")));
+  registry_object *unpublished = Create("host/unpublished");
+  WriteBytes(registry_.Path("host/unpublished"), {'x'});
+  EXPECT_EQ(delete_obj(&obj_Q, object, 0), 0);
+  EXPECT_FALSE(fs::exists(registry_.Path("host/example")));
+  EXPECT_TRUE(TheFakeSnmp().served.empty());
+  EXPECT_EQ(delete_obj(&obj_Q, object, 0), -1);
+  EXPECT_EQ(log_data(object), -1);
+  EXPECT_EQ(log_data(nullptr), -1);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "host/example"), nullptr);
+  EXPECT_EQ(delete_obj(&obj_Q, unpublished, 0), 0);
+  EXPECT_TRUE(fs::exists(registry_.Path("host/unpublished"))) << "that file was not ours";
+  // The name is free again.
+  EXPECT_NE(Create(), nullptr);
+}
+
+TEST_F(Objects, DeletionOfAllLeavesNothing) {
+  for (int i = 0; i < 50; i++) {
+    ASSERT_EQ(log_data(Create("host/example." + std::to_string(i))), 0);
+  }
+  EXPECT_EQ(delete_obj(&obj_Q, nullptr, 0), 0);
+  EXPECT_TRUE(fs::is_empty(registry_.Path("host")));
+  EXPECT_TRUE(TheFakeSnmp().served.empty());
+  EXPECT_EQ(obj_Q.head, nullptr);
+  EXPECT_EQ(delete_obj(&obj_Q, nullptr, 0), 0);
+}
+
+TEST_F(Objects, IdentifiersAreNotReused) {
+  registry_object *object = Create();
+  log_data(object);
+  const uint64_t first = Id();
+  delete_obj(&obj_Q, object, 0);
+  log_data(Create());
+  EXPECT_NE(Id(), first);
+  SetItem late = Item(0, std::string("\1\0\0\0", 4));
+  late.object_id = first;
+  EXPECT_EQ(RunSet(SET_CHECK, late), -1);
+}
+
+// ---- Snapshots of what others wrote
+
+TEST_F(Objects, SnapshotsEndTheirTexts) {
+  ObjectFileWriter writer("stdeq/misc", registry_.root());
+  writer.SetLayout({{"full", 2, 2, 4, 0, 4},
+                    {"nothing", 2, 2, 0, 8, 0},
+                    {"short", 2, 2, 4, 4, 4},
+                    {"number", 1, 2, 4, 0, 4},
+                    {"octets", 3, 2, 8, 0, 2}},
+                   8);
+  const uint16_t lengths[] = {4, 0, 4, 4, 2};
+  ASSERT_EQ(writer.Publish(reinterpret_cast<const uint8_t *>("abcdx\0yz"), lengths), 0);
+  for (const std::string &name : {std::string("stdeq/misc"), std::string("../registry/stdeq/misc"),
+                                  registry_.Path("stdeq/misc")}) {
+    registry_object *object = get_obj(name.c_str());
+    ASSERT_NE(object, nullptr) << name;
+    EXPECT_STREQ(static_cast<const char *>(object->desc[0].value), "abc");
+    EXPECT_STREQ(static_cast<const char *>(object->desc[1].value), "");
+    EXPECT_STREQ(static_cast<const char *>(object->desc[2].value), "x");
+    EXPECT_EQ(memcmp(object->desc[3].value, "abcd", 4), 0) << "no other value has changed";
+    EXPECT_EQ(memcmp(object->desc[4].value, "abcdx\0yz", 8), 0);
+    EXPECT_EQ(object->desc[4].length, 2);
+    free(object);
+  }
+}
+
+TEST_F(Objects, SnapshotsTellWhetherThereIsData) {
+  ObjectFileWriter writer("stdeq/nothing.4", registry_.root());
+  writer.SetLayout({}, 0);
+  ASSERT_EQ(writer.Publish(nullptr, nullptr), 0);
+  registry_object *object = get_obj("stdeq/nothing.4");
+  ASSERT_NE(object, nullptr);
+  EXPECT_EQ(object->data, nullptr);
+  EXPECT_EQ(object->var_count, 0);
+  EXPECT_EQ(object->instance, 4);
+  free(object);
+  EXPECT_EQ(get_obj("stdeq/missing"), nullptr);
+  EXPECT_EQ(get_obj("/etc/passwd"), nullptr);
+  EXPECT_EQ(get_obj("../../../etc/passwd"), nullptr);
+  EXPECT_EQ(get_obj(""), nullptr);
+  EXPECT_EQ(get_obj(nullptr), nullptr);
+}
+
+TEST_F(Objects, SnapshotsOfCutFilesAreAbsentOrWhole) {
+  log_data(Create());
+  const std::vector<uint8_t> whole = ReadBytes(registry_.Path("host/example"));
+  for (size_t length = 0; length < whole.size(); length++) {
+    WriteBytes(registry_.Path("stdeq"), {whole.begin(), whole.begin() + static_cast<long>(length)});
+    registry_object *object = get_obj("stdeq");
+    if (object != nullptr) {
+      EXPECT_EQ(object->data_size, static_cast<int>(sizeof(Block)));
+      EXPECT_EQ(object->var_count, 6);
+    }
+    free(object);
+  }
+}
+
+// ---- Sets
+
+TEST_F(Objects, ASetGoesThroughTheHandler) {
+  registry_object *object = Create();
+  Block *b = Data(object);
+  strcpy(b->name, "published");
+  log_data(object);
+  strcpy(b->name, "not yet");
+  const int publications = TheFakeSnmp().publications;
+  ASSERT_EQ(Set(2, "web"), 0);
+  EXPECT_EQ(handled, "1:2:0:web:3;2:2:0:web:3;");
+  EXPECT_EQ(Value("exampleRole"), "<web>") << "what the handler stored";
+  EXPECT_EQ(Value("exampleName"), "published") << "and nothing else";
+  EXPECT_EQ(TheFakeSnmp().publications, publications + 1);
+  EXPECT_EQ(FileText("host/example", offsetof(Block, role)), "") << "the file waits";
+  ASSERT_EQ(Set(0, std::string("\7\0\0\0", 4)), 0);
+  EXPECT_EQ(Value("exampleRole"), "<web>") << "a second set keeps the first";
+  log_data(object);
+  EXPECT_EQ(Value("exampleName"), "not yet");
+  EXPECT_EQ(FileText("host/example", offsetof(Block, role)), "<web>");
+
+  handler_result = -1;
+  EXPECT_EQ(Set(2, "no"), -1);
+  EXPECT_EQ(Value("exampleRole"), "<web>");
+}
+
+TEST_F(Objects, ACheckChangesNothing) {
+  registry_object *object = Create("host/example", false);
+  log_data(object);
+  SetItem item = Item(2, "web");
+  EXPECT_EQ(RunSet(SET_CHECK, item), 0);
+  EXPECT_STREQ(Data(object)->role, "");
+  EXPECT_EQ(Value("exampleRole"), "");
+}
+
+TEST_F(Objects, AVariableWithoutHandlerIsStored) {
+  registry_object *object = Create("host/example", false);
+  Block *b = Data(object);
+  strcpy(b->role, "12345678");
+  log_data(object);
+  ASSERT_EQ(Set(2, "web"), 0);
+  EXPECT_EQ(memcmp(b->role, "web\0\0\0\0\0", 9), 0) << "the rest of the field is zeroed";
+  EXPECT_EQ(Value("exampleRole"), "web");
+  ASSERT_EQ(Set(2, "12345678"), 0);
+  EXPECT_EQ(Set(2, "123456789"), -1) << "no room for the NUL";
+  EXPECT_EQ(Value("exampleRole"), "12345678");
+  ASSERT_EQ(Set(2, ""), 0);
+  EXPECT_EQ(Value("exampleRole"), "");
+
+  ASSERT_EQ(Set(3, "abc"), 0);
+  EXPECT_EQ(object->desc[3].length, 3);
+  EXPECT_EQ(Value("exampleDate"), "abc");
+  ASSERT_EQ(Set(3, "abcdefg"), 0);
+  EXPECT_EQ(Value("exampleDate"), "abcdefg");
+  EXPECT_EQ(Set(3, "abcdefgh"), -1);
+
+  ASSERT_EQ(Set(0, std::string("\1\2\3\4", 4)), 0);
+  EXPECT_EQ(b->count, 0x04030201);
+  EXPECT_EQ(Set(0, "ab"), -1);
+  log_data(object);
+  EXPECT_EQ(Value("exampleDate"), "abcdefg");
+}
+
+TEST_F(Objects, SetsAreRefusedWhereThereIsNothingToSet) {
+  registry_object *object = Create("host/example", false);
+  log_data(object);
+  EXPECT_EQ(Set(1, "read-only"), -1);
+  EXPECT_EQ(Set(6, "x"), -1);
+  EXPECT_EQ(Set(-1, "x"), -1);
+  SetItem item = Item(2, "x");
+  item.length = 100;
+  EXPECT_EQ(RunSet(SET_CHECK, item), -1);
+  delete_obj(&obj_Q, object, 0);
+  object = Create("host/other", false);
+  item = SetItem();
+  item.slot = 2;
+  item.value = {'x', 0};
+  item.length = 1;
+  for (uint64_t id = 0; id < 200; id++) {
+    item.object_id = id;
+    EXPECT_EQ(RunSet(SET_APPLY, item), -1) << "nothing is published";
+  }
+  EXPECT_STREQ(Data(object)->role, "");
+}
+
+// ---- Files that cannot be written
+
+// No file can grow while this lives.
+class FullDisk {
+ public:
+  FullDisk() {
+    getrlimit(RLIMIT_FSIZE, &old_);
+    handler_ = signal(SIGXFSZ, SIG_IGN);
+    rlimit none = old_;
+    none.rlim_cur = 0;
+    setrlimit(RLIMIT_FSIZE, &none);
+  }
+  ~FullDisk() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    signal(SIGXFSZ, handler_);
+  }
+  FullDisk(const FullDisk &) = delete;
+  FullDisk &operator=(const FullDisk &) = delete;
+
+ private:
+  rlimit old_;
+  void (*handler_)(int);
+};
+
+// Standard error goes into a pipe, which no size limit concerns.
+class Captured {
+ public:
+  Captured() : old_(dup(STDERR_FILENO)) {
+    if (pipe(ends_) == 0) {
+      dup2(ends_[1], STDERR_FILENO);
+    }
+  }
+  ~Captured() {
+    dup2(old_, STDERR_FILENO);
+    close(old_);
+    close(ends_[0]);
+    close(ends_[1]);
+  }
+  Captured(const Captured &) = delete;
+  Captured &operator=(const Captured &) = delete;
+  std::string Text() {
+    if (write(ends_[1], "\n", 1) != 1) {
+      return "?";
+    }
+    char bytes[65536];
+    const ssize_t n = read(ends_[0], bytes, sizeof(bytes));
+    return {bytes, static_cast<size_t>(n > 0 ? n - 1 : 0)};
+  }
+
+ private:
+  int old_;
+  int ends_[2] = {-1, -1};
+};
+
+TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
+  agent = "exampled";
+  Captured log;
+  registry_object *first = Create("host/first");
+  log_data(first);
+  registry_object *second = Create("host/second");
+  {
+    FullDisk full;
+    strcpy(Data(first)->name, "one");
+    strcpy(Data(second)->name, "two");
+    for (int poll = 0; poll < 3; poll++) {
+      EXPECT_EQ(log_data(first), 0);
+      EXPECT_EQ(log_data(second), 0);
+      RetryFiles();
+    }
+    EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.Path("host/first") +
+                              ": File too large (values are served; trying again)\n");
+    EXPECT_EQ(TheFakeSnmp().served.size(), 2u);
+    EXPECT_EQ(FileText("host/first", offsetof(Block, name)), "");
+    EXPECT_EQ(FileText("host/second", offsetof(Block, name)), "?");
+    // What was published is written, not what the block holds meanwhile.
+    strcpy(Data(first)->name, "unpublished");
+    // An object that goes away needs no file.
+    registry_object *gone = Create("host/gone");
+    EXPECT_EQ(log_data(gone), 0);
+    delete_obj(&obj_Q, gone, 0);
+  }
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "exampled: Registry files are written again\n");
+  EXPECT_EQ(FileText("host/first", offsetof(Block, name)), "one");
+  EXPECT_EQ(FileText("host/second", offsetof(Block, name)), "two");
+  EXPECT_FALSE(fs::exists(registry_.Path("host/gone")));
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(Objects, AFileThatCannotBeUnlinkedGoesLater) {
+  agent = "exampled";
+  registry_object *object = Create("host/first");
+  log_data(object);
+  // A directory in its place is what even root cannot unlink.
+  fs::remove(registry_.Path("host/first"));
+  fs::create_directories(registry_.Path("host/first"));
+  Captured log;
+  EXPECT_EQ(delete_obj(&obj_Q, object, 0), 0);
+  EXPECT_NE(log.Text().find("Can't write registry file"), std::string::npos);
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "");
+  fs::remove(registry_.Path("host/first"));
+  WriteBytes(registry_.Path("host/first"), {'x'});
+  RetryFiles();
+  EXPECT_FALSE(fs::exists(registry_.Path("host/first")));
+  EXPECT_EQ(log.Text(), "exampled: Registry files are written again\n");
+}
+
+TEST_F(Objects, ALateUnlinkSparesTheNextObjectOfThatName) {
+  agent = "exampled";
+  Captured log;
+  registry_object *object = Create("host/row.0");
+  log_data(object);
+  fs::remove(registry_.Path("host/row.0"));
+  fs::create_directories(registry_.Path("host/row.0"));
+  delete_obj(&obj_Q, object, 0);
+  fs::remove(registry_.Path("host/row.0"));
+  object = Create("host/row.0");
+  log_data(object);
+  RetryFiles();
+  EXPECT_TRUE(fs::exists(registry_.Path("host/row.0")));
+}
+
+// ---- Directories
+
+TEST_F(Objects, DirectoriesAreMadeBelowTheRoot) {
+  EXPECT_EQ(create_dir(registry_.Path("a/b/c").c_str(), 1), 0);
+  EXPECT_TRUE(fs::is_directory(registry_.Path("a/b/c")));
+  EXPECT_EQ(create_dir(registry_.Path("a/b/c").c_str(), 1), 0) << "it exists";
+  EXPECT_EQ(create_dir(registry_.Path("x/y").c_str(), 0), -1);
+  EXPECT_EQ(create_dir(registry_.Path("x").c_str(), 0), 0);
+  EXPECT_EQ(create_dir((registry_.base() + "/outside").c_str(), 1), -1);
+  EXPECT_FALSE(fs::exists(registry_.base() + "/outside"));
+  WriteBytes(registry_.Path("file"), {'x'});
+  EXPECT_EQ(create_dir(registry_.Path("file").c_str(), 1), -1);
+  EXPECT_EQ(create_dir(registry_.Path("file/below").c_str(), 1), -1);
+  EXPECT_EQ(create_dir(nullptr, 1), -1);
+  fs::remove_all(registry_.base() + "/spool");
+  EXPECT_EQ(create_dir(registry_.Path("host").c_str(), 1), 0);
+  EXPECT_TRUE(fs::is_directory(registry_.Path("host")));
+  EXPECT_EQ(create_dir(registry_.root().c_str(), 1), 0);
+}
+
+TEST_F(Objects, RemovalStaysBelowTheRootAndFollowsNoLink) {
+  fs::create_directories(registry_.base() + "/outside/deep");
+  WriteBytes(registry_.base() + "/outside/file", {'x'});
+  fs::create_directories(registry_.Path("host/sub/deep"));
+  WriteBytes(registry_.Path("host/.hidden.12"), {'x'});
+  WriteBytes(registry_.Path("host/sub/deep/file"), {'x'});
+  fs::create_directory_symlink(registry_.base() + "/outside", registry_.Path("host/link"));
+  fs::create_directory_symlink(registry_.base() + "/outside", registry_.Path("alias"));
+  WriteBytes(registry_.Path("keep"), {'x'});
+  EXPECT_EQ(remove_all_dir(registry_.Path("host/*").c_str()), 0);
+  EXPECT_TRUE(fs::is_empty(registry_.Path("host")));
+  EXPECT_EQ(remove_all_dir(registry_.Path("host").c_str()), 0);
+  EXPECT_FALSE(fs::exists(registry_.Path("host")));
+  EXPECT_EQ(remove_all_dir(registry_.Path("host").c_str()), 0) << "nothing there";
+  EXPECT_EQ(remove_all_dir(registry_.Path("host/*").c_str()), 0);
+  EXPECT_NE(remove_all_dir(registry_.Path("alias/*").c_str()), 0);
+  EXPECT_NE(remove_all_dir(registry_.Path("alias/deep").c_str()), 0);
+  EXPECT_NE(remove_all_dir((registry_.base() + "/outside").c_str()), 0);
+  EXPECT_NE(remove_all_dir((registry_.base() + "/outside/*").c_str()), 0);
+  EXPECT_NE(remove_all_dir((registry_.Path("../../outside")).c_str()), 0);
+  EXPECT_NE(remove_all_dir("/*"), 0);
+  EXPECT_NE(remove_all_dir(nullptr), 0);
+  EXPECT_EQ(remove_all_dir(registry_.Path("alias").c_str()), 0) << "the link itself";
+  EXPECT_TRUE(fs::exists(registry_.base() + "/outside/file"));
+  EXPECT_TRUE(fs::exists(registry_.base() + "/outside/deep"));
+  EXPECT_TRUE(fs::exists(registry_.Path("keep")));
+  EXPECT_EQ(remove_all_dir(registry_.Path("keep").c_str()), 0) << "a file";
+  EXPECT_FALSE(fs::exists(registry_.Path("keep")));
+  WriteBytes(registry_.Path("keep"), {'x'});
+  EXPECT_EQ(remove_all_dir(registry_.Path("*").c_str()), 0);
+  EXPECT_TRUE(fs::is_empty(registry_.root()));
+}
+
+TEST_F(Objects, EmptyDirectoriesAreTold) {
+  EXPECT_NE(is_empty_dir(registry_.Path("host").c_str()), 0);
+  WriteBytes(registry_.Path("host/.x"), {'x'});
+  EXPECT_EQ(is_empty_dir(registry_.Path("host").c_str()), 0);
+  EXPECT_EQ(is_empty_dir(registry_.Path("host/.x").c_str()), 0);
+  EXPECT_EQ(is_empty_dir(registry_.Path("missing").c_str()), 0);
+  EXPECT_EQ(is_empty_dir(""), 0);
+  EXPECT_EQ(is_empty_dir(nullptr), 0);
+}
+
+// ---- Traps
+
+TEST_F(Objects, TrapsCarryTheValuesOfTheMoment) {
+  TheFakeSnmp().notifications.clear();
+  registry_object *object = Create("host/example.5");
+  Block *b = Data(object);
+  strcpy(b->name, "before");
+  b->count = 3;
+  object->desc[3].length = 2;
+  const int slots[] = {3, 1, 0};
+  ASSERT_EQ(send_trap(object, slots, 3, "text", 11003), 0);
+  strcpy(b->name, "after");
+  ASSERT_EQ(TheFakeSnmp().notifications.size(), 1u);
+  const Notification &n = TheFakeSnmp().notifications[0];
+  EXPECT_EQ(n.number, 11003u);
+  EXPECT_EQ(n.description, "text");
+  ASSERT_EQ(n.variables.size(), 3u);
+  EXPECT_STREQ(n.variables[0].mib->name, "exampleDate");
+  EXPECT_EQ(n.variables[0].value.size(), 2u);
+  EXPECT_EQ(std::string(n.variables[1].value.begin(), n.variables[1].value.end()), "before");
+  EXPECT_EQ(n.variables[1].instance, 0u) << "a scalar";
+  EXPECT_EQ(n.variables[2].value.size(), 4u);
+
+  registry_object *row = create_obj(&obj_Q, 0, registry_.Path("host/row.9").c_str(), 0, 8, 2);
+  init_info(0, &row->desc[0], "rowLabel", 8, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, 1, row->data,
+            nullptr);
+  memcpy(row->data, "12345678", 8);  // no NUL
+  const int label[] = {0};
+  ASSERT_EQ(send_trap(row, label, 1, nullptr, 1), 0);
+  EXPECT_EQ(TheFakeSnmp().notifications[1].variables[0].instance, 9u);
+  EXPECT_EQ(TheFakeSnmp().notifications[1].variables[0].value.size(), 8u);
+  EXPECT_EQ(TheFakeSnmp().notifications[1].description, "");
+  EXPECT_EQ(send_trap(nullptr, nullptr, 0, "no variables", 2), 0);
+  EXPECT_EQ(TheFakeSnmp().notifications.size(), 3u);
+}
+
+TEST_F(Objects, TrapsWithWrongArgumentsAreRefused) {
+  TheFakeSnmp().notifications.clear();
+  registry_object *object = Create();
+  const int unknown[] = {4};
+  const int outside[] = {6};
+  const int negative[] = {-1};
+  const int good[] = {0};
+  EXPECT_EQ(send_trap(object, unknown, 1, "", 1), -1);
+  EXPECT_EQ(send_trap(object, outside, 1, "", 1), -1);
+  EXPECT_EQ(send_trap(object, negative, 1, "", 1), -1);
+  EXPECT_EQ(send_trap(object, nullptr, 1, "", 1), -1);
+  EXPECT_EQ(send_trap(object, good, -1, "", 1), -1);
+  EXPECT_EQ(send_trap(object, good, 1, "", -1), -1);
+  registry_object stray = *object;
+  EXPECT_EQ(send_trap(&stray, good, 1, "", 1), -1);
+  EXPECT_EQ(cfg_trap_state(-1), 0);
+  EXPECT_EQ(send_trap(object, good, 1, "", 1), -1);
+  EXPECT_NE(cfg_trap_state(9999), 0);
+  EXPECT_EQ(send_trap(object, good, 1, "", 1), -1) << "a refused value changes nothing";
+  EXPECT_EQ(cfg_trap_state(0), 0);
+  EXPECT_TRUE(TheFakeSnmp().notifications.empty());
+  EXPECT_EQ(send_trap(object, good, 1, "", 1), 0);
+}
+
+}  // namespace
+}  // namespace vex
