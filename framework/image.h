@@ -27,9 +27,9 @@ struct Layout {
 
 struct Image {
   std::shared_ptr<const Layout> layout;
-  uint64_t object_id = 0;  // never reused within the process
-  uint32_t instance = 0;   // the row's number; scalars are served as .0 whatever it is
-  std::vector<uint8_t> data;          // the whole data block
+  uint64_t object_id = 0;               // never reused within the process
+  uint32_t instance = 0;                // the row's number; scalars are served as .0 whatever it is
+  std::vector<uint8_t> data;            // the whole data block
   std::vector<uint16_t> octet_lengths;  // by position in layout->variables; for octet strings
 };
 

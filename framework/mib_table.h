@@ -32,7 +32,7 @@ struct MibVariable {
 // A subtree that the agent registers: enterprises.4891.11 and .21.
 struct MibGroup {
   uint8_t number;
-  const char *name;    // the module's short name for people, e.g. "host"
+  const char *name;  // the module's short name for people, e.g. "host"
   const uint32_t *oid;
   uint8_t oid_length;
   int major_revision;
