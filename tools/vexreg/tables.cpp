@@ -184,6 +184,7 @@ struct Heading {
 };
 std::vector<Heading> Headings(const FileObject &object, const std::vector<size_t> &slots) {
   std::vector<std::string_view> names;
+  names.reserve(slots.size());
   for (const size_t slot : slots) {
     names.push_back(object.variables[slot].name);
   }

@@ -84,7 +84,10 @@ class DirectoryWatch {
   void Follow(const std::string &root, const std::set<std::string> &directories) {
     Add(root);
     for (const std::string &directory : directories) {
-      Add(root + "/" + directory);
+      std::string path = root;
+      path += '/';
+      path += directory;
+      Add(path);
     }
   }
   void Drain() {
@@ -251,6 +254,7 @@ int Watch(const Selection &selection, std::optional<int> width) {
     return status;
   }
   std::vector<std::string> names;
+  names.reserve(objects.size());
   for (const NamedObject &object : objects) {
     names.push_back(object.name);
   }

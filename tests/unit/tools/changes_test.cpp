@@ -1,0 +1,54 @@
+// The lines of `vexreg watch` where there is no terminal.
+#include "tools/vexreg/changes.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/tools/made_object.h"
+
+using namespace vex;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+TEST(Changes, OfANewObject) {
+  const auto object = MadeObject({Int("a", 1), Text("b", 5, "x y"), Octets("c", 2, "\x01\xFF")});
+  EXPECT_EQ(ChangeLines("h/x", nullptr, &object),
+            (Lines{"h/x a 1", "h/x b \"x y\"", "h/x c \"01ff\""}));
+}
+
+TEST(Changes, OfARemovedObject) {
+  const auto object = MadeObject({Int("a", 1)});
+  EXPECT_EQ(ChangeLines("h/x", &object, nullptr), Lines{"h/x removed"});
+  EXPECT_EQ(ChangeLines("h/x", nullptr, nullptr), Lines{});
+}
+
+TEST(Changes, OfValues) {
+  const auto before = MadeObject({Int("a", 1), Int("b", 2), Text("c", 5, "x")});
+  const auto after = MadeObject({Int("a", 1), Int("b", -3), Text("c", 5, "y")});
+  EXPECT_EQ(ChangeLines("h/x", &before, &after), (Lines{"h/x b 2 -> -3", "h/x c \"x\" -> \"y\""}));
+  EXPECT_EQ(ChangeLines("h/x", &before, &before), Lines{});
+}
+
+TEST(Changes, OfTheShape) {
+  const auto before = MadeObject({Int("a", 1)});
+  const auto after = MadeObject({Int("a", 1), Int("b", 2)});
+  EXPECT_EQ(ChangeLines("h/x", &before, &after), (Lines{"h/x a 1", "h/x b 2"}));
+}
+
+TEST(Changes, OfAnObjectWithoutVariables) {
+  auto before = MadeObject({});
+  before.data = {1, 2};
+  auto after = before;
+  EXPECT_EQ(ChangeLines("h/x", nullptr, &before), Lines{"h/x (2 bytes of data)"});
+  EXPECT_EQ(ChangeLines("h/x", &before, &after), Lines{});
+  after.data = {1, 3};
+  EXPECT_EQ(ChangeLines("h/x", &before, &after), Lines{"h/x (2 bytes of data)"});
+}
+
+TEST(Changes, AreOneLineOfAsciiEach) {
+  const auto object = MadeObject({Text("n\n", 9, "\x1b\n\u00e4\xFF\x7f")});
+  EXPECT_EQ(ChangeLines("h/\x1b", nullptr, &object),
+            Lines{"h/\\u001b n\\n \"\\u001b\\n\\u00e4\\u00ff\\u007f\""});
+}
+
+}  // namespace

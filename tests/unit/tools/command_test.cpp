@@ -1,0 +1,525 @@
+// The vexreg command, run.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/support/process.h"
+#include "tests/unit/framework/temp_registry.h"
+#include "tests/unit/tools/made_object.h"
+
+using namespace vex;
+using made_up::Eventually;
+using made_up::Outcome;
+using Words = std::vector<std::string>;
+
+namespace {
+
+class Command : public testing::Test {
+ protected:
+  Outcome Run(Words words, const std::string &input = "") {
+    words.insert(words.begin(), {VEXREG_PATH, "--root", registry_.root()});
+    return made_up::RunCommand(words, {}, 30, input);
+  }
+  // Runs it, which must succeed without a word on standard error; its output.
+  std::string Output(const Words &words) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    return outcome.out;
+  }
+  nlohmann::ordered_json Dump(Words names = {}) {
+    names.insert(names.begin(), "dump");
+    return nlohmann::ordered_json::parse(Output(names));
+  }
+  void ExpectStatus(int status, const Words &words) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, status) << outcome.err;
+    EXPECT_NE(outcome.err, "");
+  }
+  void Publish(const std::string &name, const FileObject &object) {
+    std::vector<uint16_t> lengths;
+    for (const FileVariable &variable : object.variables) {
+      lengths.push_back(variable.length);
+    }
+    ObjectFileWriter writer(name, registry_.root());
+    writer.SetLayout(object.variables, static_cast<uint32_t>(object.data.size()));
+    ASSERT_EQ(writer.Publish(object.data.data(), lengths.data()), 0);
+  }
+
+  TempRegistry registry_;
+};
+
+TEST_F(Command, DumpsAllInNaturalOrder) {
+  for (const char *name :
+       {"host/cpu.10", "host/cpu.2", "host/memory", "host/cpu.1", "a", "b/c/d"}) {
+    Output({"put", name, "int:1"});
+  }
+  Words names;
+  const auto dumped = Dump();
+  for (const auto &[name, object] : dumped.items()) {
+    names.push_back(name);
+    EXPECT_EQ(object.dump(), R"({"var0":1})");
+  }
+  EXPECT_EQ(names, (Words{"a", "b/c/d", "host/cpu.1", "host/cpu.2", "host/cpu.10", "host/memory"}));
+}
+
+TEST_F(Command, DumpsValues) {
+  Output({"put", "x", "int:-7", "str:9:a\"b\xFF", "hex:00Ff", "str:4:"});
+  EXPECT_EQ(Dump({"x"}).dump(),
+            "{\"x\":{\"var0\":-7,\"var1\":\"a\\\"b\u00FF\",\"var2\":\"00ff\",\"var3\":\"\"}}");
+}
+
+TEST_F(Command, DumpsTheNamedOnes) {
+  Output({"put", "h/a", "int:1"});
+  Output({"put", "h/b", "int:2"});
+  const std::string both = R"({"h/b":{"var0":2},"h/a":{"var0":1}})";
+  EXPECT_EQ(Dump({"h/b", "h/a"}).dump(), both);
+  EXPECT_EQ(Dump({"h/b", registry_.Path("h/a"), "./h//b", "../registry/h/a"}).dump(), both);
+
+  const Outcome outcome = Run({"dump", "h/a", "h/none"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, Output({"dump", "h/a"}));
+  EXPECT_EQ(outcome.err, "vexreg: h/none: no such object\n");
+}
+
+TEST_F(Command, DumpsNothingWhereNothingIs) {
+  EXPECT_EQ(Output({"dump"}), "{}\n");
+  EXPECT_EQ(Output({"show"}), "");
+  std::filesystem::remove_all(registry_.base());
+  EXPECT_EQ(Output({"dump"}), "{}\n");
+}
+
+TEST_F(Command, LeavesOutUndefinedSlotsAndOtherFiles) {
+  FileObject object = MadeObject({Int("a", 1), Int("b", 2)});
+  object.variables[0] = FileVariable();
+  Publish("h/x", object);
+  WriteBytes(registry_.Path("other.dat"), {1, 2, 3});
+  EXPECT_EQ(Dump().dump(), R"({"h/x":{"b":2}})");
+}
+
+TEST_F(Command, HasExitStatus1WhereThereIsNoSuchObject) {
+  Output({"put", "h/a", "int:1"});
+  WriteBytes(registry_.Path("h/other"), {1, 2, 3});
+  std::filesystem::create_symlink("a", registry_.Path("h/link"));
+  mkfifo(registry_.Path("h/fifo").c_str(), 0600);
+  for (const char *name : {"h/none", "none/a", "h", "h/other", "h/link", "h/fifo", "..", "/",
+                           "../../../../etc/passwd", "/etc/passwd", ""}) {
+    for (const char *command : {"dump", "show", "watch", "rm"}) {
+      SCOPED_TRACE(std::string(command) + " " + name);
+      ExpectStatus(1, {command, name});
+    }
+  }
+  EXPECT_TRUE(made_up::Exists(registry_.Path("h/other")));
+  EXPECT_EQ(Dump().dump(), R"({"h/a":{"var0":1}})");
+}
+
+TEST_F(Command, HasExitStatus2ForWrongUsage) {
+  for (const Words &words : std::initializer_list<Words>{
+           {},
+           {"frob"},
+           {"dump", "--frob"},
+           {"show", "--width", "wide"},
+           {"show", "--width", "-1"},
+           {"rm"},
+           {"rm", "a", "b"},
+           {"put"},
+           {"put", "x", "int:2147483648"},
+           {"put", "x", "int:1", "str:4:abcd"},
+           {"put", "x", "frob:1"},
+           {"put", "x", "--data"},
+           {"put", "x", "--data", "/nonexistent"},
+           {"put", "x", "--data", "/"},
+           {"put", "../x", "int:1"},
+           {"put", "/etc/x", "int:1"},
+           {"put", ".x", "int:1"},
+           {"put", "", "int:1"},
+       }) {
+    SCOPED_TRACE(testing::PrintToString(words));
+    ExpectStatus(2, words);
+  }
+  EXPECT_EQ(Output({"dump"}), "{}\n");
+}
+
+TEST_F(Command, ExplainsItself) {
+  for (const Words &words : std::initializer_list<Words>{
+           {"--help"}, {"dump", "--help"}, {"put", "--help"}, {"watch", "-h"}, {"--version"}}) {
+    EXPECT_NE(Output(words), "");
+  }
+  EXPECT_NE(Output({"put", "--help"}).find("str:SIZE:TEXT"), std::string::npos);
+}
+
+TEST_F(Command, TakesNamesThatAreCommands) {
+  Output({"put", "rm", "int:1"});
+  Output({"put", "dump", "int:2"});
+  EXPECT_EQ(Dump({"rm", "dump"}).dump(), R"({"rm":{"var0":1},"dump":{"var0":2}})");
+  Output({"rm", "dump"});
+  EXPECT_EQ(Dump().dump(), R"({"rm":{"var0":1}})");
+}
+
+TEST_F(Command, PutsInDirectoriesThatAreMissing) {
+  std::filesystem::remove_all(registry_.root());
+  Output({"put", "some/where/x.1", "int:5"});
+  EXPECT_EQ(Dump().dump(), R"({"some/where/x.1":{"var0":5}})");
+}
+
+TEST_F(Command, PutsARawDataBlock) {
+  WriteBytes(registry_.base() + "/block", {5, 0, 0, 0, 'x', 0, 0xFF});
+  Output({"put", "raw", "--data", registry_.base() + "/block"});
+  const auto raw = ReadObjectFile("raw", registry_.root());
+  ASSERT_TRUE(raw);
+  EXPECT_EQ(raw->data, (std::vector<uint8_t>{5, 0, 0, 0, 'x', 0, 0xFF}));
+  EXPECT_EQ(Dump({"raw"}).dump(), R"({"raw":{}})");
+
+  Output({"put", "laid", "int:1", "--data", registry_.base() + "/block", "str:3:"});
+  EXPECT_EQ(Dump({"laid"}).dump(), "{\"laid\":{\"var0\":5,\"var1\":\"x\"}}");
+  EXPECT_EQ(Run({"put", "piped", "str:9:", "--data", "-"}, "from a pipe").status, 0);
+  EXPECT_EQ(Dump({"piped"}).dump(), R"({"piped":{"var0":"from a pi"}})");
+  ExpectStatus(2, {"put", "short", "hex:0011223344556677", "--data", registry_.base() + "/block"});
+}
+
+TEST_F(Command, PutsAnObjectWithoutData) {
+  Output({"put", "none"});
+  const auto none = ReadObjectFile("none", registry_.root());
+  ASSERT_TRUE(none);
+  EXPECT_TRUE(none->data.empty());
+}
+
+// A reader at any moment sees one of the two objects whole.
+TEST_F(Command, ReplacesAtomically) {
+  Output({"put", "x", "int:1", "int:1"});
+  std::atomic<bool> stop = false;
+  int looks = 0;
+  int wrong = 0;
+  std::thread reader([&] {
+    while (!stop) {
+      const auto object = ReadObjectFile("x", registry_.root());
+      looks++;
+      wrong += !object || object->variables.size() != 2 ||
+               memcmp(object->data.data(), object->data.data() + 4, 4) != 0;
+      usleep(100);
+    }
+  });
+  for (int i = 2; i < 40; i++) {
+    const std::string value = "int:" + std::to_string(i);
+    Output({"put", "x", value, value});
+  }
+  stop = true;
+  reader.join();
+  EXPECT_GT(looks, 40);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(Dump().dump(), R"({"x":{"var0":39,"var1":39}})");
+  EXPECT_EQ(made_up::ListDirectory(registry_.root()), Words{"x"});
+}
+
+TEST_F(Command, CannotPutWhereADirectoryOrALinkIs) {
+  Output({"put", "h/a", "int:1"});
+  ExpectStatus(1, {"put", "h", "int:1"});
+  ExpectStatus(1, {"put", "h/a/b", "int:1"});
+  std::filesystem::create_directory(registry_.base() + "/outside");
+  std::filesystem::create_directory_symlink(registry_.base() + "/outside", registry_.Path("link"));
+  ExpectStatus(1, {"put", "link/x", "int:1"});
+  EXPECT_TRUE(std::filesystem::is_empty(registry_.base() + "/outside"));
+}
+
+TEST_F(Command, RemovesObjectsAlsoDamagedOnes) {
+  Output({"put", "h/a", "int:1"});
+  Output({"put", "h/b", "int:1"});
+  std::filesystem::resize_file(registry_.Path("h/b"), 50);
+  const Outcome all = Run({"dump"});
+  EXPECT_EQ(all.status, 0);
+  EXPECT_EQ(all.err, "vexreg: h/b: damaged, left out\n");
+  const Outcome named = Run({"dump", "h/b"});
+  EXPECT_EQ(named.status, 1);
+  EXPECT_EQ(named.err, "vexreg: h/b: cannot be read as an object\n");
+  EXPECT_EQ(Output({"rm", "h/a"}), "");
+  EXPECT_EQ(Output({"rm", "h/b"}), "");
+  EXPECT_EQ(Output({"dump"}), "{}\n");
+  ExpectStatus(1, {"rm", "h/a"});
+}
+
+TEST_F(Command, ShowsTables) {
+  Output({"put", "h/x.10", "int:1", "str:9:ten"});
+  Output({"put", "h/x.9", "int:2", "str:9:nine"});
+  Output({"put", "h/y", "hex:07E803050E0709"});
+  EXPECT_EQ(Output({"show"}),
+            "h/x (2 rows)\n"
+            "   #  var0  var1\n"
+            "   9     2  nine\n"
+            "  10     1  ten\n"
+            "\n"
+            "h/y\n"
+            "  var0  2024-03-05 14:07:09\n");
+}
+
+// Files that a hostile neighbour could write: the command says so and goes on.
+TEST_F(Command, IsNotCrashedByDamagedFiles) {
+  Output({"put", "good", "int:1"});
+  Output({"put", "x.1", "int:1", "str:20:text", "hex:0001020304050607"});
+  const std::vector<uint8_t> bytes = ReadBytes(registry_.Path("x.1"));
+  unsigned random = 1;
+  for (int round = 0; round < 60; round++) {
+    std::vector<uint8_t> damaged = bytes;
+    if (round % 2 == 0) {
+      damaged.resize(bytes.size() * static_cast<size_t>(round) / 60);
+    } else {
+      for (int i = 0; i < 8; i++) {
+        random = random * 1103515245 + 12345;
+        damaged[8 + random / 65536 % (damaged.size() - 8)] = static_cast<uint8_t>(random >> 8);
+      }
+    }
+    WriteBytes(registry_.Path("x.1"), damaged);
+    for (const char *command : {"dump", "show"}) {
+      const Outcome outcome = Run({command});
+      EXPECT_EQ(outcome.status, 0) << outcome.err;
+      EXPECT_NE(outcome.out.find("good"), std::string::npos);
+    }
+  }
+}
+
+// The same with files that are whole and hold what no agent of ours writes.
+TEST_F(Command, IsNotCrashedByStrangeObjects) {
+  std::vector<MadeVariable> many;
+  for (int i = 0; i < 4096; i++) {
+    many.push_back(Octets(std::string(50, 'N'), 3, "abc"));
+  }
+  Publish("s/many.1", MadeObject(many));
+  Publish("s/many.2", MadeObject({Int("v", 1)}));
+  Publish("s/long.1", MadeObject({Text("v", 1 << 20, std::string(1 << 20, '\xF0'))}));
+  Publish("s/long", MadeObject({Text("v", 1 << 20, std::string(1 << 20, ' '))}));
+  Publish("s/names",
+          MadeObject({Int("\x1b[2J\n", 1), Int(std::string(255, '\xFF'), 2), Int("", 3)}));
+  Publish("s/empty", MadeObject({Text("a", 0, ""), Octets("b", 0, ""), Octets("c", 7, "")}));
+  Publish("s/\x1b[2J\xFF.99999999999999999999", MadeObject({Int("v", 1)}));
+  FileObject over = MadeObject({Int("a", 1), Text("b", 4, "abcd")});
+  over.variables[1].offset = 1;  // fields that lie over one another
+  Publish("s/over", over);
+
+  const Outcome dump = Run({"dump"});
+  EXPECT_EQ(dump.status, 0) << dump.err;
+  const auto json = nlohmann::json::parse(dump.out);
+  EXPECT_EQ(json["s/many.1"].size(), 4096U);
+  EXPECT_EQ(json["s/empty"].dump(), R"({"a":"","b":"","c":""})");
+  for (const char *width : {"0", "1", "80"}) {
+    const Outcome show = Run({"show", "--width", width});
+    EXPECT_EQ(show.status, 0) << show.err;
+    EXPECT_EQ(show.out.find('\x1b'), std::string::npos);
+  }
+}
+
+TEST_F(Command, SaysWhenItsOutputIsNotTaken) {
+  Output({"put", "x", "int:1"});
+  for (const char *command : {"dump", "show"}) {
+    const Outcome outcome =
+        made_up::RunCommand({"sh", "-c", "exec \"$0\" --root \"$1\" \"$2\" >/dev/full", VEXREG_PATH,
+                             registry_.root(), command});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "vexreg: cannot write to standard output\n");
+  }
+}
+
+// ---- watch ------------------------------------------------------------------------------------
+
+TEST_F(Command, WatchPrintsEachChangeWhereThereIsNoTerminal) {
+  Output({"put", "h/a", "int:1", "str:9:x"});
+  made_up::Process watch;
+  made_up::ProcessOptions options;
+  options.log = registry_.base() + "/log";
+  watch.Start({VEXREG_PATH, "--root", registry_.root(), "watch"}, options);
+  const auto lines = [&] {
+    Words texts;
+    for (const std::string &line : made_up::Lines(made_up::ReadFile(options.log))) {
+      texts.push_back(line.substr(line.find(' ', line.find(' ') + 1) + 1));  // without the time
+    }
+    return texts;
+  };
+  Words expected = {"h/a var0 1", "h/a var1 \"x\""};
+  ASSERT_TRUE(Eventually([&] { return lines() == expected; })) << testing::PrintToString(lines());
+
+  Output({"put", "h/a", "int:2", "str:9:x"});
+  expected.push_back("h/a var0 1 -> 2");
+  EXPECT_TRUE(Eventually([&] { return lines() == expected; })) << testing::PrintToString(lines());
+
+  Output({"put", "new/b", "int:3"});
+  expected.push_back("new/b var0 3");
+  EXPECT_TRUE(Eventually([&] { return lines() == expected; })) << testing::PrintToString(lines());
+
+  Output({"rm", "h/a"});
+  expected.push_back("h/a removed");
+  EXPECT_TRUE(Eventually([&] { return lines() == expected; })) << testing::PrintToString(lines());
+
+  watch.Signal(SIGINT);
+  EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(Command, WatchFollowsOnlyTheNamedOnes) {
+  Output({"put", "h/a", "int:1"});
+  Output({"put", "h/b", "int:1"});
+  made_up::Process watch;
+  made_up::ProcessOptions options;
+  options.log = registry_.base() + "/log";
+  watch.Start({VEXREG_PATH, "--root", registry_.root(), "watch", "h/b"}, options);
+  const auto shows = [&](const char *text) {
+    return made_up::ReadFile(options.log).find(text) != std::string::npos;
+  };
+  ASSERT_TRUE(Eventually([&] { return shows("h/b var0 1\n"); }));
+  Output({"put", "h/a", "int:2"});
+  Output({"put", "h/b", "int:2"});
+  EXPECT_TRUE(Eventually([&] { return shows("h/b var0 1 -> 2\n"); }));
+  EXPECT_FALSE(shows("h/a"));
+  watch.Signal(SIGTERM);
+  EXPECT_EQ(watch.Wait(), 0);
+}
+
+// vexreg on a terminal of 80 columns and 10 lines.
+class Terminal {
+ public:
+  explicit Terminal(const Words &words) {
+    std::vector<char *> argv;
+    for (const std::string &word : words) {
+      argv.push_back(const_cast<char *>(word.c_str()));
+    }
+    argv.push_back(nullptr);
+    winsize size = {10, 80, 0, 0};
+    pid_ = forkpty(&fd_, nullptr, nullptr, &size);
+    if (pid_ == 0) {
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    fcntl(fd_, F_SETFL, O_NONBLOCK);
+    tcgetattr(fd_, &before_);
+  }
+  ~Terminal() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    close(fd_);
+  }
+  bool Shows(const std::string &text) {
+    return Eventually([&] { return Output().find(text) != std::string::npos; });
+  }
+  const std::string &Output() {
+    char buffer[4096];
+    for (ssize_t got; (got = read(fd_, buffer, sizeof(buffer))) > 0;) {
+      output_.append(buffer, static_cast<size_t>(got));
+    }
+    return output_;
+  }
+  void Forget() {
+    Output();
+    output_.clear();
+  }
+  void Type(char c) {
+    ASSERT_EQ(write(fd_, &c, 1), 1);
+  }
+  void Resize(unsigned short rows, unsigned short columns) {
+    const winsize size = {rows, columns, 0, 0};
+    ASSERT_EQ(ioctl(fd_, TIOCSWINSZ, &size), 0);
+  }
+  int WaitEnd() {
+    int status = -1;
+    if (!Eventually([&] {
+          Output();
+          return waitpid(pid_, &status, WNOHANG) == pid_;
+        })) {
+      return -1;
+    }
+    pid_ = -1;
+    Output();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  bool HasSameMode() {
+    termios now;
+    tcgetattr(fd_, &now);
+    return now.c_lflag == before_.c_lflag && now.c_iflag == before_.c_iflag &&
+           now.c_oflag == before_.c_oflag;
+  }
+  pid_t pid() const {
+    return pid_;
+  }
+
+ private:
+  int fd_ = -1;
+  pid_t pid_ = -1;
+  termios before_ = {};
+  std::string output_;
+};
+
+constexpr char kEnter[] = "\x1b[?1049h\x1b[?25l";
+constexpr char kLeave[] = "\x1b[?25h\x1b[?1049l";
+
+TEST_F(Command, WatchGivesTheTerminalBackOnCtrlC) {
+  Output({"put", "h/a", "int:12345"});
+  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch"});
+  EXPECT_TRUE(terminal.Shows("12345"));
+  EXPECT_TRUE(terminal.Output().starts_with(kEnter));
+  terminal.Forget();
+  Output({"put", "h/a", "int:54321"});
+  EXPECT_TRUE(terminal.Shows("54321"));
+  terminal.Forget();
+  Output({"put", "h/b.1", "int:77777"});
+  EXPECT_TRUE(terminal.Shows("77777"));
+  terminal.Type('\x03');
+  EXPECT_EQ(terminal.WaitEnd(), 0);
+  EXPECT_TRUE(terminal.Output().ends_with(kLeave));
+  EXPECT_TRUE(terminal.HasSameMode());
+}
+
+TEST_F(Command, WatchGivesTheTerminalBackOnTheOtherSignals) {
+  Output({"put", "h/a", "int:12345"});
+  for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
+    Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch", "h/a"});
+    EXPECT_TRUE(terminal.Shows("12345"));
+    kill(terminal.pid(), number);
+    EXPECT_EQ(terminal.WaitEnd(), 0);
+    EXPECT_TRUE(terminal.Output().ends_with(kLeave));
+  }
+}
+
+TEST_F(Command, WatchKeepsToTheScreen) {
+  for (int row = 0; row < 30; row++) {
+    Output({"put", "h/a." + std::to_string(row), "int:" + std::to_string(1000 + row)});
+  }
+  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch"});
+  EXPECT_TRUE(terminal.Shows("more lines"));
+  const std::string screen = terminal.Output();
+  EXPECT_NE(screen.find("1004"), std::string::npos);
+  EXPECT_EQ(screen.find("1005"), std::string::npos);
+  EXPECT_NE(screen.find("... 25 more lines"), std::string::npos) << screen;
+  terminal.Forget();
+  terminal.Resize(50, 80);
+  EXPECT_TRUE(terminal.Shows("1029"));
+}
+
+TEST_F(Command, WatchSaysWhenANamedObjectIsGone) {
+  Output({"put", "h/a", "int:12345"});
+  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch", "h/a"});
+  EXPECT_TRUE(terminal.Shows("12345"));
+  Output({"rm", "h/a"});
+  EXPECT_TRUE(terminal.Shows("h/a (removed)"));
+  terminal.Forget();
+  Output({"put", "h/a", "int:54321"});
+  EXPECT_TRUE(terminal.Shows("54321"));
+}
+
+TEST_F(Command, ShowFitsATerminal) {
+  Output({"put", "h/a", "str:300:" + std::string(40, 'w') + " " + std::string(60, 'v')});
+  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "show"});
+  EXPECT_EQ(terminal.WaitEnd(), 0);
+  EXPECT_EQ(terminal.Output(), "h/a\r\n  var0  " + std::string(40, 'w') + "\r\n        " +
+                                   std::string(60, 'v') + "\r\n");
+}
+
+}  // namespace
