@@ -1,15 +1,19 @@
 #include "framework/mount_stats.h"
 
-#include <pthread.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <climits>
-#include <condition_variable>
-#include <cstring>
+#include <ctime>
 #include <list>
-#include <mutex>
 #include <new>
 #include <string>
 #include <unordered_map>
@@ -18,38 +22,19 @@
 namespace vex {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+constexpr int64_t kBetweenCalls = -1;
+constexpr int64_t kAbandoned = -2;
 
-// Virtual; a worker touches little of it. Sanitizers and the C library's own data need some.
-constexpr size_t kStackSize = 64 * 1024;
-
-struct Batch {
-  const char *const *paths;
-  mount_stats *results;
-  std::vector<size_t> ask;  // which of them, in this order
-  size_t next = 0;          // the first of `ask` that nobody has taken
+// What a child and its parent tell each other.
+struct Slot {
+  std::atomic<int64_t> current;  // what is being asked, or one of the two above
+  std::atomic<int64_t> since;    // when that began, in nanoseconds
 };
 
-struct Worker {
-  const MountAsker::Settings *settings;
-  std::mutex *lock;
-  std::condition_variable *progress;
-  // Under the lock from here on.
-  Batch *batch;  // null once abandoned
-  size_t index = 0;
-  bool calling = false;
-  Clock::time_point since = {};  // when the call began
-  bool ended = false;            // the thread's last sign of life
-};
-
-void Store(const struct statvfs &from, mount_stats *to) {
-  *to = {.state = MOUNT_ANSWERED,
-         .error = 0,
-         .frsize = from.f_frsize,
-         .blocks = from.f_blocks,
-         .bfree = from.f_bfree,
-         .files = from.f_files,
-         .ffree = from.f_ffree};
+int64_t Nanoseconds() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
 mount_stats NoFigures(int state, int error) {
@@ -59,56 +44,124 @@ mount_stats NoFigures(int state, int error) {
   return result;
 }
 
-// Takes one mount after the other until the batch has no more or the worker is abandoned.
-// Allocates nothing: a thread's first allocation would give it a heap of its own.
-void *Work(void *argument) {
-  Worker &me = *static_cast<Worker *>(argument);
-  std::unique_lock hold(*me.lock);
-  while (me.batch != nullptr && me.batch->next < me.batch->ask.size()) {
-    me.index = me.batch->ask[me.batch->next++];
-    // The batch may be gone by the time that the call is made.
-    char path[PATH_MAX];
-    const size_t length = strnlen(me.batch->paths[me.index], sizeof(path));
-    memcpy(path, me.batch->paths[me.index], length < sizeof(path) ? length + 1 : length);
-    me.calling = true;
-    me.since = Clock::now();
-    hold.unlock();
-    struct statvfs figures = {};
-    int error = ENAMETOOLONG;
-    if (length < sizeof(path)) {
-      error = me.settings->stat(path, &figures) == 0 ? 0 : errno;
+mount_stats Figures(const struct statvfs &from) {
+  return {.state = MOUNT_ANSWERED,
+          .error = 0,
+          .frsize = from.f_frsize,
+          .blocks = from.f_blocks,
+          .bfree = from.f_bfree,
+          .files = from.f_files,
+          .ffree = from.f_ffree};
+}
+
+// Memory that a batch shares with its children. Those that are abandoned keep their view of it.
+class Shared {
+ public:
+  Shared(size_t slots, size_t results)
+      : slots_(slots), size_(ResultsAt() + results * sizeof(mount_stats)) {
+    memory_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory_ == MAP_FAILED) {
+      throw std::bad_alloc();
     }
-    hold.lock();
-    me.calling = false;
-    if (me.batch != nullptr) {
-      mount_stats &result = me.batch->results[me.index];
-      if (error == 0) {
-        Store(figures, &result);
-      } else {
-        result = NoFigures(MOUNT_FAILED, error);
+  }
+  ~Shared() {
+    munmap(memory_, size_);
+  }
+  Shared(const Shared &) = delete;
+  Shared &operator=(const Shared &) = delete;
+
+  // The first mount that nobody has taken.
+  std::atomic<size_t> &Next() {
+    return *At<std::atomic<size_t>>(0);
+  }
+  Slot &SlotOf(size_t number) {
+    return At<Slot>(kSlotsAt)[number];
+  }
+  size_t Slots() const {
+    return slots_;
+  }
+  mount_stats *Results() {
+    return At<mount_stats>(ResultsAt());
+  }
+
+ private:
+  static constexpr size_t kSlotsAt = 64;
+  size_t ResultsAt() const {
+    return kSlotsAt + slots_ * sizeof(Slot);
+  }
+  template <typename T>
+  T *At(size_t offset) {
+    return reinterpret_cast<T *>(static_cast<char *>(memory_) + offset);
+  }
+
+  size_t slots_;
+  size_t size_;
+  void *memory_;
+};
+static_assert(std::atomic<size_t>::is_always_lock_free);
+static_assert(std::atomic<int64_t>::is_always_lock_free);
+
+struct Batch {
+  const char *const *paths;
+  std::vector<size_t> ask;  // which of them, in this order
+  Shared shared;            // results by position in `ask`
+  size_t children = 0;      // started so far
+};
+
+// Closes every descriptor but one, so that an abandoned child holds nothing of the agent's open.
+void CloseAllBut(int kept) {
+  const auto keep = static_cast<unsigned>(kept);
+  if ((keep > 0 && syscall(SYS_close_range, 0U, keep - 1, 0) != 0) ||
+      syscall(SYS_close_range, keep + 1, ~0U, 0) != 0) {
+    for (int fd = 0; fd < 4096; fd++) {
+      if (fd != kept) {
+        close(fd);
       }
     }
   }
-  me.ended = true;
-  me.progress->notify_all();
-  return nullptr;
 }
 
-// Starts a detached thread that takes no signals. 0 or an errno.
-int Start(Worker *worker) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_attr_setstacksize(&attributes, kStackSize);
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  pthread_t thread;
-  const int error = pthread_create(&thread, &attributes, Work, worker);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  pthread_attr_destroy(&attributes);
-  return error;
+// The child: takes one mount after the other until there are no more or it is abandoned. The parent
+// has other threads, so nothing is called here that takes a lock or memory.
+[[noreturn]] void Work(const MountAsker::Settings &settings, Batch &batch, Slot &slot, int alive,
+                       pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) {
+    _exit(0);
+  }
+  prctl(PR_SET_NAME, "mount-asker");
+  CloseAllBut(alive);
+  for (;;) {
+    const size_t at = batch.shared.Next().fetch_add(1);
+    if (at >= batch.ask.size()) {
+      _exit(0);
+    }
+    slot.since.store(Nanoseconds());
+    slot.current.store(static_cast<int64_t>(at));
+    struct statvfs figures = {};
+    const int error = settings.stat(batch.paths[batch.ask[at]], &figures) == 0 ? 0 : errno;
+    auto mine = static_cast<int64_t>(at);
+    if (!slot.current.compare_exchange_strong(mine, kBetweenCalls)) {
+      _exit(0);
+    }
+    batch.shared.Results()[at] = error == 0 ? Figures(figures) : NoFigures(MOUNT_FAILED, error);
+  }
+}
+
+struct Child {
+  pid_t pid;
+  int alive;   // end of a pipe that hangs up when the child ends
+  Slot *slot;  // null once abandoned
+};
+
+bool HasEnded(const Child &child) {
+  pollfd end = {child.alive, POLLIN, 0};
+  return poll(&end, 1, 0) == 1;
+}
+
+void Bury(const Child &child) {
+  close(child.alive);
+  waitpid(child.pid, nullptr, 0);
 }
 
 }  // namespace
@@ -116,39 +169,39 @@ int Start(Worker *worker) {
 struct MountAsker::State {
   // A path that gave no answer when it was last listed.
   struct Silence {
-    const Worker *worker;  // who waits for its outstanding call; null when it has come back, or
-                           // when nobody could ask
-    bool listed;           // by the present call
+    pid_t child;  // waits for its outstanding call; 0 when that has come back, or nobody could ask
+    bool listed;  // by the present call
   };
 
   Settings settings;
-  mutable std::mutex lock;
-  std::condition_variable progress;
-  std::list<Worker> workers;  // of the present batch, and those abandoned earlier
+  std::list<Child> working;  // on the present batch
+  std::list<Child> abandoned;
   std::unordered_map<std::string, Silence> silent;
 
   void Reap();
   bool MayAsk(const char *path);
-  void Silent(Batch *batch, size_t index, const Worker *worker);
-  void Settle(const Batch &batch);
-  void Run(Batch *batch, std::unique_lock<std::mutex> *hold);
-  int StartWorkers(Batch *batch, size_t number);
+  void Silent(const char *path, pid_t child, mount_stats *result);
+  void Settle(const char *const *paths, size_t count, const mount_stats *results);
+  int StartChild(Batch *batch);
+  void Ended(Batch *batch, std::list<Child>::iterator child);
+  void Wait();
+  void Run(Batch *batch);
 };
 
-// Drops the records of threads that have ended.
+// Forgets abandoned children that have ended.
 void MountAsker::State::Reap() {
-  for (auto worker = workers.begin(); worker != workers.end();) {
-    if (!worker->ended) {
-      ++worker;
-      continue;
+  std::erase_if(abandoned, [&](const Child &child) {
+    if (!HasEnded(child)) {
+      return false;
     }
+    Bury(child);
     for (auto &[path, silence] : silent) {
-      if (silence.worker == &*worker) {
-        silence.worker = nullptr;
+      if (silence.child == child.pid) {
+        silence.child = 0;
       }
     }
-    worker = workers.erase(worker);
-  }
+    return true;
+  });
 }
 
 // False while the path's outstanding call has not come back.
@@ -161,26 +214,25 @@ bool MountAsker::State::MayAsk(const char *path) {
     return true;
   }
   found->second.listed = true;
-  return found->second.worker == nullptr;
+  return found->second.child == 0;
 }
 
-void MountAsker::State::Silent(Batch *batch, size_t index, const Worker *worker) {
-  const auto [entry, first] = silent.try_emplace(batch->paths[index], Silence{worker, true});
-  if (entry->second.worker == nullptr) {
-    entry->second.worker = worker;
+void MountAsker::State::Silent(const char *path, pid_t child, mount_stats *result) {
+  const auto [entry, first] = silent.try_emplace(path, Silence{child, true});
+  if (entry->second.child == 0) {
+    entry->second.child = child;
   }
-  batch->results[index] = NoFigures(first ? MOUNT_SILENT : MOUNT_STILL_SILENT, ETIMEDOUT);
+  *result = NoFigures(first ? MOUNT_SILENT : MOUNT_STILL_SILENT, ETIMEDOUT);
 }
 
 // Forgets the silence of mounts that answered, and of those that are not listed any more.
-void MountAsker::State::Settle(const Batch &batch) {
+void MountAsker::State::Settle(const char *const *paths, size_t count, const mount_stats *results) {
   if (silent.empty()) {
     return;
   }
-  for (const size_t index : batch.ask) {
-    if (batch.results[index].state == MOUNT_ANSWERED ||
-        batch.results[index].state == MOUNT_FAILED) {
-      silent.erase(batch.paths[index]);
+  for (size_t i = 0; i < count; i++) {
+    if (results[i].state == MOUNT_ANSWERED || results[i].state == MOUNT_FAILED) {
+      silent.erase(paths[i]);
     }
   }
   for (auto entry = silent.begin(); entry != silent.end();) {
@@ -193,61 +245,112 @@ void MountAsker::State::Settle(const Batch &batch) {
   }
 }
 
-// 0, or the errno of the first that could not be started.
-int MountAsker::State::StartWorkers(Batch *batch, size_t number) {
-  for (; number > 0; number--) {
-    workers.push_back({&settings, &lock, &progress, batch});
-    const int error = Start(&workers.back());
-    if (error != 0) {
-      workers.pop_back();
-      return error;
-    }
+// 0 or an errno.
+int MountAsker::State::StartChild(Batch *batch) {
+  working.push_back({});
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    working.pop_back();
+    return errno;
   }
+  Slot &slot = batch->shared.SlotOf(batch->children);
+  slot.current = kBetweenCalls;
+  // No handler of the agent may run in the child.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    Work(settings, *batch, slot, ends[1], parent);
+  }
+  const int error = pid < 0 ? errno : 0;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  close(ends[1]);
+  if (error != 0) {
+    close(ends[0]);
+    working.pop_back();
+    return error;
+  }
+  batch->children++;
+  working.back() = {pid, ends[0], &slot};
   return 0;
 }
 
-void MountAsker::State::Run(Batch *batch, std::unique_lock<std::mutex> *hold) {
-  // With the limit reached, the batch still gets one worker: its mounts may all be healthy.
-  int error = StartWorkers(batch, batch->ask.empty() ? 0 : 1);
+// A child has ended: by itself, or, killed by somebody, in the middle of a call.
+void MountAsker::State::Ended(Batch *batch, std::list<Child>::iterator child) {
+  Bury(*child);
+  const int64_t at = child->slot->current;
+  if (at >= 0) {
+    batch->shared.Results()[at] = NoFigures(MOUNT_FAILED, EINTR);
+  }
+  working.erase(child);
+}
+
+// Until a child ends, at most for as long as a child is given before another one starts.
+void MountAsker::State::Wait() {
+  std::vector<pollfd> ends;
+  ends.reserve(working.size());
+  for (const Child &child : working) {
+    ends.push_back({child.alive, POLLIN, 0});
+  }
+  poll(ends.data(), ends.size(), static_cast<int>(settings.patience.count()));
+}
+
+void MountAsker::State::Run(Batch *batch) {
+  const std::chrono::nanoseconds limit = settings.limit;
+  const std::chrono::nanoseconds patience = settings.patience;
+  mount_stats *results = batch->shared.Results();
+  // With the limit reached, the batch still gets one child: its mounts may all be healthy.
+  int error = batch->ask.empty() ? 0 : StartChild(batch);
   for (;;) {
-    const auto now = Clock::now();
     size_t moving = 0;
     size_t held_up = 0;
-    for (Worker &worker : workers) {
-      if (worker.batch != batch || worker.ended) {
-        continue;
-      }
-      if (!worker.calling || now - worker.since < settings.patience) {
+    const int64_t now = Nanoseconds();
+    for (auto child = working.begin(); child != working.end();) {
+      const auto next = std::next(child);
+      int64_t at = child->slot->current;
+      const int64_t waited = now - child->slot->since;
+      if (HasEnded(*child)) {
+        Ended(batch, child);
+      } else if (at < 0 || waited < patience.count()) {
         moving++;
-      } else if (now - worker.since < settings.limit) {
+      } else if (waited < limit.count() ||
+                 !child->slot->current.compare_exchange_strong(at, kAbandoned)) {
         held_up++;
       } else {
-        worker.batch = nullptr;
-        Silent(batch, worker.index, &worker);
+        const auto where = static_cast<size_t>(at);
+        Silent(batch->paths[batch->ask[where]], child->pid, &results[where]);
+        child->slot = nullptr;
+        abandoned.splice(abandoned.end(), working, child);
       }
+      child = next;
     }
-    const size_t rest = batch->ask.size() - batch->next;
+    const size_t taken = std::min(batch->shared.Next().load(), batch->ask.size());
+    const size_t rest = batch->ask.size() - taken;
     if (rest > 0 && moving == 0 && error == 0) {
       // As many again as are held up: a dead server with hundreds of mounts is soon behind us.
       Reap();
-      const size_t room =
-          settings.most_outstanding - std::min(settings.most_outstanding, workers.size());
-      const size_t number = std::min({rest, room, held_up + 1});
-      error = StartWorkers(batch, number);
-      moving = number;
+      const size_t busy = working.size() + abandoned.size();
+      const size_t room = settings.most_outstanding - std::min(settings.most_outstanding, busy);
+      const size_t slots = batch->shared.Slots() - batch->children;
+      for (size_t n = std::min({rest, room, slots, held_up + 1}); n > 0 && error == 0; n--) {
+        error = StartChild(batch);
+        moving += error == 0;
+      }
     }
-    if (moving == 0 && held_up == 0) {
+    if (working.empty()) {
       break;
     }
-    progress.wait_for(*hold, settings.patience);
+    Wait();
   }
   // Nobody is there to ask the rest.
-  for (; batch->next < batch->ask.size(); batch->next++) {
-    const size_t index = batch->ask[batch->next];
+  for (size_t at = batch->shared.Next(); at < batch->ask.size(); at++) {
     if (error != 0) {
-      batch->results[index] = NoFigures(MOUNT_FAILED, error);
+      results[at] = NoFigures(MOUNT_FAILED, error);
     } else {
-      Silent(batch, index, nullptr);
+      Silent(batch->paths[batch->ask[at]], 0, &results[at]);
     }
   }
 }
@@ -262,48 +365,47 @@ MountAsker::~MountAsker() = default;
 
 void MountAsker::Ask(const char *const *paths, size_t count, mount_stats *results) {
   State &state = *state_;
-  std::unique_lock hold(state.lock);
   state.Reap();
-  Batch batch{.paths = paths, .results = results, .ask = {}};
-  batch.ask.reserve(count);
+  std::vector<size_t> ask;
+  ask.reserve(count);
   for (size_t index = 0; index < count; index++) {
     if (state.MayAsk(paths[index])) {
-      batch.ask.push_back(index);
+      ask.push_back(index);
     } else {
       results[index] = NoFigures(MOUNT_STILL_SILENT, ETIMEDOUT);
     }
   }
+  // Room for every child that may be abandoned, and for those that come to a healthy end.
+  const size_t slots = std::min(2 * state.settings.most_outstanding, count) + 1;
+  Batch batch{paths, std::move(ask), Shared(slots, count)};
   try {
-    state.Run(&batch, &hold);
-    state.Settle(batch);
+    state.Run(&batch);
   } catch (...) {
-    for (Worker &worker : state.workers) {
-      worker.batch = nullptr;  // the batch goes
+    // The children see no more of the batch.
+    for (Child &child : state.working) {
+      kill(child.pid, SIGKILL);
+      child.slot = nullptr;
     }
+    state.abandoned.splice(state.abandoned.end(), state.working);
     throw;
   }
+  for (size_t at = 0; at < batch.ask.size(); at++) {
+    results[batch.ask[at]] = batch.shared.Results()[at];
+  }
+  state.Settle(paths, count, results);
 }
 
-size_t MountAsker::Outstanding() const {
-  const std::lock_guard hold(state_->lock);
-  size_t count = 0;
-  for (const Worker &worker : state_->workers) {
-    count += !worker.ended;
-  }
-  return count;
+size_t MountAsker::Outstanding() {
+  state_->Reap();
+  return state_->abandoned.size();
 }
 
 }  // namespace vex
 
 extern "C" int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results) {
-  // Never destroyed: abandoned threads may come back during the process's end.
-  static auto *asker = new (std::nothrow) vex::MountAsker;
-  if (asker == nullptr) {
-    errno = ENOMEM;
-    return -1;
-  }
+  static vex::MountAsker asker;
   try {
-    asker->Ask(paths, count, results);
+    asker.Ask(paths, count, results);
   } catch (const std::bad_alloc &) {
     errno = ENOMEM;
     return -1;

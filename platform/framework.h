@@ -280,9 +280,9 @@ struct mount_stats {
  * A mount that does not answer within two seconds counts as silent; it is not asked again before
  * its outstanding call has come back, unless a call in between did not list its path (it was
  * unmounted). However many fall silent at once delay the caller by little more than two seconds,
- * and not at all afterwards. With 1024 calls outstanding, mounts that could not be asked for that
+ * and not at all afterwards. With 256 calls outstanding, mounts that could not be asked for that
  * reason count as silent.
- * The calls are made by threads of the framework that can be abandoned, so that a process whose
+ * The calls are made by children of the framework that can be abandoned, so that a process whose
  * mounts hang still ends at once. Returns 0, or -1 with errno when there is no memory. */
 int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results);
 

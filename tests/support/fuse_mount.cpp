@@ -1,0 +1,191 @@
+#include "tests/support/fuse_mount.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fuse.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace made_up {
+
+struct FuseMount::State {
+  std::string directory;
+  int device = -1;
+  int stop = -1;
+  bool mounted = false;
+  std::thread server;
+  mutable std::mutex lock;
+  fuse_kstatfs figures = {};
+  bool hanging = false;
+  std::vector<uint64_t> waiting;
+  size_t asked = 0;
+
+  void Reply(uint64_t unique, int error, const void *body, size_t size) const {
+    fuse_out_header header = {};
+    header.len = static_cast<uint32_t>(sizeof(header) + size);
+    header.error = -error;
+    header.unique = unique;
+    iovec parts[] = {{&header, sizeof(header)}, {const_cast<void *>(body), size}};
+    // ENOENT: who asked has gone.
+    (void)!writev(device, parts, 2);
+  }
+
+  void ReplyFigures(uint64_t unique) const {
+    fuse_statfs_out answer = {};
+    answer.st = figures;
+    Reply(unique, 0, &answer, sizeof(answer));
+  }
+
+  void Handle(const char *request);
+  void Serve();
+};
+
+void FuseMount::State::Handle(const char *request) {
+  fuse_in_header header;
+  memcpy(&header, request, sizeof(header));
+  const std::lock_guard hold(lock);
+  switch (header.opcode) {
+    case FUSE_INIT: {
+      fuse_init_out answer = {};
+      answer.major = FUSE_KERNEL_VERSION;
+      answer.minor = 31;
+      answer.max_write = 4096;
+      Reply(header.unique, 0, &answer, sizeof(answer));
+      break;
+    }
+    case FUSE_STATFS:
+      asked++;
+      if (hanging) {
+        waiting.push_back(header.unique);
+      } else {
+        ReplyFigures(header.unique);
+      }
+      break;
+    case FUSE_GETATTR: {
+      fuse_attr_out answer = {};
+      answer.attr.ino = 1;
+      answer.attr.mode = S_IFDIR | 0755;
+      answer.attr.nlink = 2;
+      Reply(header.unique, 0, &answer, sizeof(answer));
+      break;
+    }
+    case FUSE_FORGET:
+    case FUSE_BATCH_FORGET:
+    case FUSE_INTERRUPT:
+      break;  // no answer is expected
+    default:
+      Reply(header.unique, header.opcode == FUSE_DESTROY ? 0 : ENOSYS, nullptr, 0);
+  }
+}
+
+void FuseMount::State::Serve() {
+  std::vector<char> request(64 * 1024);
+  for (;;) {
+    pollfd ready[] = {{device, POLLIN, 0}, {stop, POLLIN, 0}};
+    if (poll(ready, 2, -1) < 0 && errno != EINTR) {
+      return;
+    }
+    if (ready[1].revents != 0) {
+      return;
+    }
+    const ssize_t got = read(device, request.data(), request.size());
+    if (got >= static_cast<ssize_t>(sizeof(fuse_in_header))) {
+      Handle(request.data());
+    } else if (got < 0 && errno == ENODEV) {
+      return;  // unmounted
+    }
+  }
+}
+
+FuseMount::FuseMount(const std::string &directory, uint64_t blocks, uint64_t free_blocks,
+                     uint64_t files, uint64_t free_files)
+    : state_(std::make_unique<State>()) {
+  State &s = *state_;
+  s.directory = directory;
+  s.figures = {.blocks = blocks,
+               .bfree = free_blocks,
+               .bavail = free_blocks,
+               .files = files,
+               .ffree = free_files,
+               .bsize = 4096,
+               .namelen = 255,
+               .frsize = 4096,
+               .padding = 0,
+               .spare = {}};
+  std::filesystem::create_directories(directory);
+  if (access("/dev/fuse", F_OK) != 0) {
+    mknod("/dev/fuse", S_IFCHR | 0600, makedev(10, 229));
+  }
+  s.device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+  s.stop = eventfd(0, EFD_CLOEXEC);
+  const std::string options =
+      "fd=" + std::to_string(s.device) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
+  s.mounted = s.device >= 0 && mount("made-up-fuse", directory.c_str(), "fuse", 0,
+                                     options.c_str()) == 0;
+  if (!s.mounted) {
+    ADD_FAILURE() << "FUSE mount on " << directory << ": " << strerror(errno);
+    return;
+  }
+  s.server = std::thread([&s] { s.Serve(); });
+}
+
+FuseMount::~FuseMount() {
+  Unmount();
+  const uint64_t one = 1;
+  (void)!write(state_->stop, &one, sizeof(one));
+  if (state_->server.joinable()) {
+    state_->server.join();
+  }
+  close(state_->device);
+  close(state_->stop);
+}
+
+void FuseMount::Hang() {
+  const std::lock_guard hold(state_->lock);
+  state_->hanging = true;
+}
+
+void FuseMount::Recover() {
+  const std::lock_guard hold(state_->lock);
+  state_->hanging = false;
+  for (const uint64_t unique : state_->waiting) {
+    state_->ReplyFigures(unique);
+  }
+  state_->waiting.clear();
+}
+
+size_t FuseMount::Waiting() const {
+  const std::lock_guard hold(state_->lock);
+  return state_->waiting.size();
+}
+
+size_t FuseMount::Asked() const {
+  const std::lock_guard hold(state_->lock);
+  return state_->asked;
+}
+
+void FuseMount::SetFree(uint64_t free_blocks) {
+  const std::lock_guard hold(state_->lock);
+  state_->figures.bfree = free_blocks;
+}
+
+void FuseMount::Unmount() {
+  if (state_->mounted) {
+    umount2(state_->directory.c_str(), MNT_DETACH);
+    state_->mounted = false;
+  }
+}
+
+}  // namespace made_up

@@ -1,0 +1,40 @@
+// A FUSE file system that answers statvfs() with given figures, or not at all: the server is a
+// thread of the test that speaks fuse(4) itself.
+#ifndef VEX_TESTS_SUPPORT_FUSE_MOUNT_H
+#define VEX_TESTS_SUPPORT_FUSE_MOUNT_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace made_up {
+
+class FuseMount {
+ public:
+  // Mounts on the directory, which is made; its figures: 4 KiB blocks.
+  FuseMount(const std::string &directory, uint64_t blocks, uint64_t free_blocks,
+            uint64_t files = 100, uint64_t free_files = 40);
+  ~FuseMount();  // unmounts lazily and lets go who still waits
+  FuseMount(const FuseMount &) = delete;
+  FuseMount &operator=(const FuseMount &) = delete;
+
+  // From now on statvfs() is not answered: the server takes the request and says nothing.
+  void Hang();
+  // Answers, also those who wait.
+  void Recover();
+  // Calls that wait now.
+  size_t Waiting() const;
+  // How often it was asked.
+  size_t Asked() const;
+  void SetFree(uint64_t free_blocks);
+  // Lazily: who waits goes on waiting.
+  void Unmount();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace made_up
+
+#endif
