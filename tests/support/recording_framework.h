@@ -9,6 +9,8 @@
 #ifndef VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
 #define VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
 
+#include <sys/utsname.h>
+
 #include <cstdint>
 #include <ctime>
 #include <map>
@@ -130,6 +132,10 @@ void PutSmbios(const std::string &description);
 // interface). Processes and interfaces that were not given are the machine's.
 void PutProcessGroup(pid_t process, pid_t group);
 void PutHardwareAddress(const std::string &interface, const std::string &address);
+// What getservbyname() says of a service; port 0: unknown. Others are the machine's.
+void PutService(const std::string &name, int port);
+// What uname() says from now on.
+void PutSystem(const utsname &system);
 
 // ---- Files, commands and clocks -------------------------------------------------------------
 

@@ -5,6 +5,8 @@
 #include <glob.h>
 #include <mntent.h>
 #include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -78,6 +80,8 @@ std::string Place(const std::string &path) {
 std::optional<time_t> now;
 std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
+std::map<std::string, int> services;
+std::optional<utsname> made_up_system;
 std::map<FILE *, std::pair<FILE *, int>> pipes;  // made-up pipes: their exit status
 
 }  // namespace
@@ -121,6 +125,14 @@ void PutProcessGroup(pid_t process, pid_t group) {
 
 void PutHardwareAddress(const std::string &interface, const std::string &address) {
   hardware_addresses[interface] = address;
+}
+
+void PutService(const std::string &name, int port) {
+  services[name] = port;
+}
+
+void PutSystem(const utsname &made_up) {
+  made_up_system = made_up;
 }
 
 void SetTime(time_t when) {
@@ -312,6 +324,28 @@ int __wrap_ioctl(int descriptor, unsigned long request, void *argument) {
     }
   }
   return __real_ioctl(descriptor, request, argument);
+}
+
+servent *__real_getservbyname(const char *name, const char *protocol);
+servent *__wrap_getservbyname(const char *name, const char *protocol) {
+  const auto known = services.find(name);
+  if (known == services.end()) {
+    return __real_getservbyname(name, protocol);
+  }
+  static servent made_up;
+  made_up = {};
+  made_up.s_name = const_cast<char *>(known->first.c_str());
+  made_up.s_port = htons(static_cast<uint16_t>(known->second));
+  return known->second != 0 ? &made_up : nullptr;
+}
+
+int __real_uname(utsname *result);
+int __wrap_uname(utsname *result) {
+  if (!made_up_system) {
+    return __real_uname(result);
+  }
+  *result = *made_up_system;
+  return 0;
 }
 
 }  // extern "C"
