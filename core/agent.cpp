@@ -6,6 +6,8 @@
 
 #include "core/hwinfo.h"
 #include "core/snmpd_watchdog.h"
+#include "identity/appliance.h"
+#include "identity/info.h"
 #include "monitors/cpu.h"
 #include "monitors/filesys.h"
 #include "monitors/memory.h"
@@ -39,22 +41,18 @@ static int without_flag(int) {
 static const collector start_order[] = {
     without_flag<do_filesys>,
     without_flag<do_memory>,
-    nullptr,  // OS identity
+    do_info,
     without_flag<do_misc>,
     without_flag<do_swver>,
     do_cpu,
-    nullptr,  // appliance
+    without_flag<do_appliance>,
     nullptr,  // firmware
 };
 
 // The first failure ends the poll's refresh.
 static const collector poll_order[] = {
-    do_cpu,
-    without_flag<do_filesys>,
-    without_flag<do_memory>,
-    nullptr,  // OS identity
-    without_flag<do_misc>,
-    without_flag<do_swver>,
+    do_cpu,  without_flag<do_filesys>, without_flag<do_memory>,
+    do_info, without_flag<do_misc>,    without_flag<do_swver>,
     nullptr,  // firmware
 };
 

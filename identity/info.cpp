@@ -1,0 +1,258 @@
+#include "identity/info.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include "core/util.h"
+#include "core/variables.h"
+#include "platform/framework.h"
+
+// ---- Data block -----------------------------------------------------------------------------
+
+struct [[gnu::packed]] info_block {
+  char name[256];
+  char version[256];
+  char description[256];
+  int32_t os_type;
+  int32_t telnet;
+  char role[65];
+  char role_detail[513];
+  char system_name[256];
+  char system_description[512];
+  char padding[2];
+};
+static_assert(sizeof(info_block) == 2124);
+static_assert(offsetof(info_block, os_type) == 768);
+static_assert(offsetof(info_block, role) == 776);
+static_assert(offsetof(info_block, role_detail) == 841);
+static_assert(offsetof(info_block, system_name) == 1354);
+static_assert(offsetof(info_block, system_description) == 1610);
+
+// ---- Variables ------------------------------------------------------------------------------
+
+enum info_slot { SYSTEM_ROLE = 5, SYSTEM_ROLE_DETAIL = 6 };
+
+static int set_role(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
+                    int length);
+
+static constexpr variable variables[] = {
+    {"tlxHoName", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, name), nullptr},
+    {"tlxHoVersion", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, version),
+     nullptr},
+    {"tlxHoDesc", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, description),
+     nullptr},
+    {"tlxHoOsType", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(info_block, os_type), nullptr},
+    {"tlxHoTelnet", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(info_block, telnet), nullptr},
+    {"tlxHoSystemRole", 65, VAR_DISPLAY_STRING, ACCESS_WRITABLE, offsetof(info_block, role),
+     set_role},
+    {"tlxHoSystemRoleDetail", 513, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
+     offsetof(info_block, role_detail), set_role},
+    {"tlxHoSystemName", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
+     offsetof(info_block, system_name), nullptr},
+    {"tlxHosysDescr", 512, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
+     offsetof(info_block, system_description), nullptr},
+};
+static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
+static_assert(variable_count == 9);
+
+// ---- State ----------------------------------------------------------------------------------
+
+enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
+enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
+
+// The texts that a manager has set, as they stand and without an end.
+static constexpr char role_file[] = "tlxhosystemrole.dat";
+static constexpr char role_detail_file[] = "tlxhosystemroledetail.dat";
+static constexpr mode_t role_file_mode = 0600;
+
+static info_block *block_of(registry_object *object) {
+  return reinterpret_cast<info_block *>(object->data);
+}
+
+// A path in the registry root, which all agents share.
+struct role_path {
+  char text[sizeof(REGISTRY_ROOT) + sizeof(role_detail_file)];
+
+  explicit role_path(const char *file) {
+    snprintf(text, sizeof(text), "%s/%s", REGISTRY_ROOT, file);
+  }
+};
+
+// ---- Reading --------------------------------------------------------------------------------
+
+static void read_appliance(info_block *block) {
+  if (const auto *name = static_cast<const char *>(get_appliance_data("OsName"))) {
+    copy_field(block->name, name);
+  }
+  block->os_type = OS_APPLIANCE;
+  if (const auto *version = static_cast<const char *>(get_appliance_data("OsVersion"))) {
+    copy_field(block->version, version);
+  }
+}
+
+static void read_distribution(info_block *block) {
+  block->os_type = OS_LINUX;
+  if (distroid_init() != 0) {
+    return;
+  }
+  const char *flavor = distroid_flavor();
+  const char *name = distroid_name();
+  snprintf(block->name, sizeof(block->name), "%s %s", name, flavor);
+  snprintf(block->version, sizeof(block->version), "%s", distroid_version());
+}
+
+static void read_description(info_block *block) {
+  if (distroid_init() == 0) {
+    snprintf(block->description, sizeof(block->description), "%s", distroid_description());
+  }
+}
+
+// Fills the field, of which the last byte stays 0, with the beginning of the file. False when the
+// file cannot be opened.
+static bool read_role(const char *path, char *field, size_t field_size) {
+  memset(field, 0, field_size);
+  const stream_handle file(fopen(path, "r"));
+  if (!file) {
+    return false;
+  }
+  // Less than the whole field, or nothing after an error, is what there is.
+  const size_t length = fread(field, 1, field_size - 1, file.get());
+  memset(field + length, 0, field_size - length);
+  return true;
+}
+
+static void read_roles(info_block *block) {
+  read_role(role_path(role_file).text, block->role, sizeof(block->role));
+  const role_path detail(role_detail_file);
+  if (read_role(detail.text, block->role_detail, sizeof(block->role_detail))) {
+    chmod(detail.text, role_file_mode);
+  }
+}
+
+static void read_system(info_block *block) {
+  utsname system = {};
+  uname(&system);
+  copy_field(block->system_name, system.nodename);
+  // Nothing between the five: managers know the text in this form.
+  snprintf(block->system_description, sizeof(block->system_description), "%s%s%s%s%s",
+           system.sysname, system.nodename, system.release, system.version, system.machine);
+}
+
+// Whether the telnet port cannot be bound: somebody holds it (or binding low ports is not allowed,
+// which looks the same). Nothing is ever listened on.
+static telnet_state probe_telnet() {
+  const servent *service = getservbyname("telnet", "tcp");
+  if (service == nullptr) {
+    return TELNET_FREE;
+  }
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = static_cast<in_port_t>(service->s_port);  // in network order as it is
+  const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) {
+    return TELNET_FREE;
+  }
+  const bool held = bind(probe, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0;
+  close(probe);
+  return held ? TELNET_HELD : TELNET_FREE;
+}
+
+// ---- Setting --------------------------------------------------------------------------------
+
+enum write_result { WRITTEN, NOT_OPENED, WRITE_FAILED };
+
+// Replaces the file's text. A stream keeps small texts to itself, so that a full disk is met at its
+// flush or close.
+static write_result write_role(const char *path, const char *text) {
+  FILE *file = fopen(path, "w");
+  if (file == nullptr) {
+    return NOT_OPENED;
+  }
+  fwrite(text, 1, strlen(text), file);
+  fflush(file);
+  const bool failed = ferror(file) != 0;
+  if (fclose(file) != 0 || failed) {
+    return WRITE_FAILED;
+  }
+  chmod(path, role_file_mode);
+  return WRITTEN;
+}
+
+static int apply_role(uint8_t phase, const char *file, char *field, size_t field_size,
+                      const char *text) {
+  if (strlen(text) > field_size - 1) {
+    return -1;
+  }
+  if (phase == SET_CHECK) {
+    return 0;
+  }
+  switch (write_role(role_path(file).text, text)) {
+    case WRITTEN:
+      copy_field(field, field_size, text);
+      return 0;
+    case NOT_OPENED:
+      // On purpose a success that changes nothing: where the registry cannot be written, managers
+      // rely on the set being accepted.
+      return 0;
+    default:
+      return -1;
+  }
+}
+
+static int set_role(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
+                    int) {
+  info_block *block = block_of(object);
+  const auto *text = static_cast<const char *>(value);
+  switch (desc->slot) {
+    case SYSTEM_ROLE:
+      return apply_role(phase, role_file, block->role, sizeof(block->role), text);
+    case SYSTEM_ROLE_DETAIL:
+      return apply_role(phase, role_detail_file, block->role_detail, sizeof(block->role_detail),
+                        text);
+    default:
+      return -1;
+  }
+}
+
+// ---- Publishing -----------------------------------------------------------------------------
+
+static registry_object *create_info() {
+  char name[sizeof(log_dir) + sizeof("/info")];
+  snprintf(name, sizeof(name), "%s/%s", log_dir, "info");
+  registry_object *object =
+      create_obj(&obj_Q, get_id(), name, 1, sizeof(info_block), variable_count);
+  if (object == nullptr) {
+    return nullptr;
+  }
+  define_variables(object, variables);
+  info_block *block = block_of(object);
+  if (is_appliance() != 0) {
+    read_appliance(block);
+  } else {
+    read_distribution(block);
+    read_description(block);
+  }
+  distroid_exit();
+  read_roles(block);
+  read_system(block);
+  return object;
+}
+
+// ---- Entry point ----------------------------------------------------------------------------
+
+int do_info(int start_up) {
+  registry_object *object = start_up != 0 ? create_info() : find_obj(&obj_Q, 0, "host/info");
+  if (object == nullptr) {
+    return -1;
+  }
+  block_of(object)->telnet = probe_telnet();
+  return log_data(object);
+}

@@ -1,0 +1,453 @@
+#include "identity/info.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/support/recording_framework.h"
+
+namespace {
+
+constexpr char kObject[] = "host/info";
+constexpr char kRoleFile[] = REGISTRY_ROOT "/tlxhosystemrole.dat";
+constexpr char kDetailFile[] = REGISTRY_ROOT "/tlxhosystemroledetail.dat";
+constexpr char kRole[] = "tlxHoSystemRole";
+constexpr char kDetail[] = "tlxHoSystemRoleDetail";
+
+// A port of loopback and everything else, held or not for as long as this lives.
+class Port {
+ public:
+  explicit Port(bool held) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr *>(&address), length), 0);
+    EXPECT_EQ(getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    number_ = ntohs(address.sin_port);
+    if (!held) {
+      Release();
+    }
+  }
+  ~Port() {
+    Release();
+  }
+  void Release() {
+    if (socket_ >= 0) {
+      close(socket_);
+    }
+    socket_ = -1;
+  }
+  int number() const {
+    return number_;
+  }
+
+ private:
+  int socket_;
+  int number_ = 0;
+};
+
+mode_t ModeOf(const char *path) {
+  struct stat st = {};
+  EXPECT_EQ(stat(rec::RealPath(path).c_str(), &st), 0);
+  return st.st_mode & 07777;
+}
+
+class Info : public testing::Test {
+ protected:
+  Info() {
+    rec::PutDirectory(REGISTRY_ROOT);
+    rec::PutService("telnet", 0);
+    rec::SetDistribution("Debian GNU/Linux", "bookworm", "12", "Debian GNU/Linux 12 (bookworm)");
+    utsname system = {};
+    strcpy(system.sysname, "Linux");
+    strcpy(system.nodename, "web1");
+    strcpy(system.release, "5.10.0");
+    strcpy(system.version, "#1 SMP");
+    strcpy(system.machine, "x86_64");
+    rec::PutSystem(system);
+  }
+  std::string Text(const char *variable) {
+    return rec::Text(kObject, variable);
+  }
+};
+
+// ---- Creation ---------------------------------------------------------------------------------
+
+TEST_F(Info, TheObjectAsCreated) {
+  ASSERT_EQ(do_info(1), 0);
+  const registry_object *object = rec::Live(kObject);
+  ASSERT_NE(object, nullptr);
+  EXPECT_EQ(object->flag, 1);
+  EXPECT_EQ(object->data_size, 2124);
+  EXPECT_EQ(object->var_count, 9);
+  EXPECT_EQ(Text("tlxHoName"), "Debian GNU/Linux bookworm");
+  EXPECT_EQ(Text("tlxHoVersion"), "12");
+  EXPECT_EQ(Text("tlxHoDesc"), "Debian GNU/Linux 12 (bookworm)");
+  EXPECT_EQ(rec::Int(kObject, "tlxHoOsType"), 14);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_EQ(Text(kDetail), "");
+  EXPECT_EQ(Text("tlxHoSystemName"), "web1");
+  EXPECT_EQ(Text("tlxHosysDescr"), "Linuxweb15.10.0#1 SMPx86_64");
+  EXPECT_EQ(rec::Publications(kObject), 1);
+  EXPECT_TRUE(rec::Messages().empty());
+  // Looked for twice, let go once.
+  EXPECT_EQ(rec::Count("distroid_init"), 2);
+  EXPECT_EQ(rec::Count("distroid_exit"), 1);
+}
+
+TEST_F(Info, TheVariablesBySlot) {
+  do_info(1);
+  struct Expected {
+    const char *name;
+    int size;
+    int type;
+    int access;
+  };
+  const Expected variables[] = {{"tlxHoName", 256, 2, 2},
+                                {"tlxHoVersion", 256, 2, 2},
+                                {"tlxHoDesc", 256, 2, 2},
+                                {"tlxHoOsType", 4, 1, 2},
+                                {"tlxHoTelnet", 4, 1, 2},
+                                {"tlxHoSystemRole", 65, 2, 0},
+                                {"tlxHoSystemRoleDetail", 513, 2, 0},
+                                {"tlxHoSystemName", 256, 2, 2},
+                                {"tlxHosysDescr", 512, 2, 2}};
+  const registry_object *object = rec::Live(kObject);
+  int offset = 0;
+  for (int slot = 0; slot < 9; slot++) {
+    const descriptor &desc = object->desc[slot];
+    EXPECT_STREQ(desc.name, variables[slot].name);
+    EXPECT_EQ(desc.size, variables[slot].size);
+    EXPECT_EQ(desc.type, variables[slot].type);
+    EXPECT_EQ(desc.access, variables[slot].access);
+    EXPECT_EQ(desc.count, 1);
+    EXPECT_EQ(static_cast<unsigned char *>(desc.value), object->data + offset);
+    EXPECT_EQ(desc.set_handler != nullptr, desc.access == ACCESS_WRITABLE);
+    offset += desc.size;
+  }
+  EXPECT_EQ(offset, 2122);
+}
+
+TEST_F(Info, FailsWithoutItsObject) {
+  rec::Fail("create_obj", kObject);
+  EXPECT_EQ(do_info(1), -1);
+  EXPECT_EQ(do_info(0), -1);  // nothing to find either
+  EXPECT_EQ(rec::Count("distroid_init"), 0);
+}
+
+TEST_F(Info, FailsWhenItsObjectIsGone) {
+  ASSERT_EQ(do_info(1), 0);
+  rec::Fail("find_obj", kObject);
+  EXPECT_EQ(do_info(0), -1);
+  EXPECT_EQ(rec::Publications(kObject), 1);
+}
+
+TEST_F(Info, PassesOnTheResultOfPublishing) {
+  rec::Fail("log_data", kObject, 2);
+  EXPECT_EQ(do_info(1), 0);
+  EXPECT_EQ(do_info(0), -1);
+  EXPECT_EQ(do_info(0), 0);
+}
+
+// ---- Distribution and appliance ---------------------------------------------------------------
+
+TEST_F(Info, WithoutADistribution) {
+  rec::Fail("distroid_init");
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoName"), "");
+  EXPECT_EQ(Text("tlxHoVersion"), "");
+  EXPECT_EQ(Text("tlxHoDesc"), "");
+  EXPECT_EQ(rec::Int(kObject, "tlxHoOsType"), 14);
+  EXPECT_EQ(rec::Count("distroid_exit"), 1);
+}
+
+TEST_F(Info, TheDescriptionIsLookedForByItself) {
+  rec::Fail("distroid_init", "*", 1);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoName"), "");
+  EXPECT_EQ(Text("tlxHoDesc"), "Debian GNU/Linux 12 (bookworm)");
+}
+
+TEST_F(Info, ADistributionWithLongTexts) {
+  const std::string long_text(300, 'x');
+  rec::SetDistribution(long_text, "flavor", long_text, long_text);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoName"), std::string(255, 'x'));
+  EXPECT_EQ(Text("tlxHoVersion"), std::string(255, 'x'));
+  EXPECT_EQ(Text("tlxHoDesc"), std::string(255, 'x'));
+  EXPECT_EQ(rec::Int(kObject, "tlxHoOsType"), 14);
+}
+
+TEST_F(Info, ADistributionWithoutAFlavor) {
+  rec::SetDistribution("Own Linux", "", "", "");
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoName"), "Own Linux ");
+  EXPECT_EQ(Text("tlxHoVersion"), "");
+}
+
+TEST_F(Info, OnAnAppliance) {
+  rec::SetAppliance(true, 7, {{"OsName", "Quorix OS"}, {"OsVersion", "3.1"}});
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoName"), "Quorix OS");
+  EXPECT_EQ(Text("tlxHoVersion"), "3.1");
+  EXPECT_EQ(Text("tlxHoDesc"), "");
+  EXPECT_EQ(rec::Int(kObject, "tlxHoOsType"), 1);
+  EXPECT_EQ(rec::Count("distroid_init"), 0);
+  EXPECT_EQ(rec::Count("distroid_exit"), 1);
+}
+
+TEST_F(Info, OnAnApplianceWithLongOrMissingTexts) {
+  rec::SetAppliance(true, 7, {{"OsVersion", std::string(300, 'v')}});
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoName"), "");
+  EXPECT_EQ(Text("tlxHoVersion"), std::string(255, 'v'));
+}
+
+TEST_F(Info, TheLongestSystem) {
+  utsname system;
+  memset(&system, 'n', sizeof(system));
+  for (char *text :
+       {system.sysname, system.nodename, system.release, system.version, system.machine}) {
+    text[64] = '\0';
+  }
+  rec::PutSystem(system);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text("tlxHoSystemName"), std::string(64, 'n'));
+  EXPECT_EQ(Text("tlxHosysDescr"), std::string(5 * 64, 'n'));
+}
+
+// ---- The telnet probe -------------------------------------------------------------------------
+
+TEST_F(Info, TelnetPortFree) {
+  const Port port(false);
+  rec::PutService("telnet", port.number());
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
+}
+
+TEST_F(Info, TelnetPortHeldAndLetGo) {
+  Port port(true);
+  rec::PutService("telnet", port.number());
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 2);
+  port.Release();
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
+}
+
+TEST_F(Info, TelnetWithoutAServiceOrASocket) {
+  const Port port(true);
+  rec::PutService("telnet", 0);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
+  rec::PutService("telnet", port.number());
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 2);
+  rec::Fail("socket");
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
+  EXPECT_EQ(rec::Publications(kObject), 3);
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+TEST_F(Info, TheProbeLeavesNoDescriptor) {
+  const Port port(false);
+  rec::PutService("telnet", port.number());
+  ASSERT_EQ(do_info(1), 0);
+  const int before = dup(0);
+  close(before);
+  for (int i = 0; i < 10; i++) {
+    ASSERT_EQ(do_info(0), 0);
+  }
+  const int after = dup(0);
+  close(after);
+  EXPECT_EQ(before, after);
+}
+
+TEST_F(Info, ARefreshIsTheProbeAlone) {
+  ASSERT_EQ(do_info(1), 0);
+  rec::SetDistribution("Other", "other", "13", "other");
+  rec::PutFile(kRoleFile, "other");
+  utsname system = {};
+  strcpy(system.nodename, "other");
+  rec::PutSystem(system);
+  rec::ForgetEvents();
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(Text("tlxHoName"), "Debian GNU/Linux bookworm");
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_EQ(Text("tlxHoSystemName"), "web1");
+  EXPECT_EQ(rec::Publications(kObject), 2);
+  EXPECT_EQ(rec::Count("distroid_init"), 0);
+}
+
+// ---- Role files -------------------------------------------------------------------------------
+
+TEST_F(Info, ReadsTheRoleFiles) {
+  rec::PutFile(kRoleFile, "web server");
+  rec::PutFile(kDetailFile, "two\nlines\n");
+  chmod(kRoleFile, 0644);
+  chmod(kDetailFile, 0644);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kRole), "web server");
+  EXPECT_EQ(Text(kDetail), "two\nlines\n");
+  // One of them gets its mode when it is read, the other only when it is written.
+  EXPECT_EQ(ModeOf(kRoleFile), 0644U);
+  EXPECT_EQ(ModeOf(kDetailFile), 0600U);
+}
+
+TEST_F(Info, ReadsTheBeginningOfLongRoleFiles) {
+  rec::PutFile(kRoleFile, std::string(64, 'r') + "X");
+  rec::PutFile(kDetailFile, std::string(512, 'd') + std::string(10000, 'X'));
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kRole), std::string(64, 'r'));
+  EXPECT_EQ(Text(kDetail), std::string(512, 'd'));
+  EXPECT_EQ(ModeOf(kDetailFile), 0600U);
+}
+
+TEST_F(Info, ReadsEmptyRoleFiles) {
+  rec::PutFile(kRoleFile, "");
+  rec::PutFile(kDetailFile, "");
+  chmod(kDetailFile, 0640);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_EQ(Text(kDetail), "");
+  EXPECT_EQ(ModeOf(kDetailFile), 0600U);
+}
+
+TEST_F(Info, RoleFilesThatCannotBeRead) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutDirectory(kDetailFile);  // opens, and gives nothing
+  rec::Fail("fopen", kRoleFile);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_EQ(Text(kDetail), "");
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+TEST_F(Info, SetsARole) {
+  ASSERT_EQ(do_info(1), 0);
+  rec::PutFile(kRoleFile, "an earlier and longer text");
+  chmod(kRoleFile, 0644);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("db")), 0);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "db");
+  EXPECT_EQ(ModeOf(kRoleFile), 0600U);
+  // It is the next poll that publishes.
+  EXPECT_EQ(rec::Publications(kObject), 1);
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(Text(kRole), "db");
+  EXPECT_FALSE(std::filesystem::exists(rec::RealPath(kDetailFile)));
+}
+
+TEST_F(Info, SetsARoleDetail) {
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(rec::Set(kObject, kDetail, std::string("first\nsecond")), 0);
+  EXPECT_EQ(rec::ReadFile(kDetailFile), "first\nsecond");
+  EXPECT_EQ(ModeOf(kDetailFile), 0600U);
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(Text(kDetail), "first\nsecond");
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_FALSE(std::filesystem::exists(rec::RealPath(kRoleFile)));
+}
+
+struct Limit {
+  const char *variable;
+  const char *file;
+  size_t longest;
+};
+constexpr Limit kLimits[] = {{kRole, kRoleFile, 64}, {kDetail, kDetailFile, 512}};
+
+TEST_F(Info, SetsUpToTheLimit) {
+  ASSERT_EQ(do_info(1), 0);
+  for (const auto &[variable, file, longest] : kLimits) {
+    const std::string whole(longest, 'w');
+    EXPECT_EQ(rec::Set(kObject, variable, whole), 0);
+    EXPECT_EQ(rec::Set(kObject, variable, whole + "w"), -1);
+    EXPECT_EQ(rec::CheckOnly(kObject, variable, whole + "w"), -1);
+    EXPECT_EQ(rec::ReadFile(file), whole);
+    ASSERT_EQ(do_info(0), 0);
+    EXPECT_EQ(Text(variable), whole);
+  }
+}
+
+TEST_F(Info, SetsTheEmptyText) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutFile(kDetailFile, "detail");
+  ASSERT_EQ(do_info(1), 0);
+  for (const auto &[variable, file, longest] : kLimits) {
+    EXPECT_EQ(rec::Set(kObject, variable, std::string()), 0);
+    EXPECT_TRUE(std::filesystem::exists(rec::RealPath(file)));
+    EXPECT_EQ(rec::ReadFile(file), "");
+    ASSERT_EQ(do_info(0), 0);
+    EXPECT_EQ(Text(variable), "");
+  }
+}
+
+TEST_F(Info, AShorterTextLeavesNothingOfTheLongerOne) {
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string(64, 'l')), 0);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("s")), 0);
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(rec::Published(kObject).substr(776, 65), "s" + std::string(64, '\0'));
+}
+
+TEST_F(Info, ACheckChangesNothing) {
+  ASSERT_EQ(do_info(1), 0);
+  for (const auto &[variable, file, longest] : kLimits) {
+    EXPECT_EQ(rec::CheckOnly(kObject, variable, "valid"), 0);
+    EXPECT_FALSE(std::filesystem::exists(rec::RealPath(file)));
+    ASSERT_EQ(do_info(0), 0);
+    EXPECT_EQ(Text(variable), "");
+  }
+}
+
+TEST_F(Info, ASetThatCannotOpenItsFileSucceedsQuietly) {
+  rec::PutFile(kRoleFile, "old");
+  rec::PutFile(kDetailFile, "old");
+  ASSERT_EQ(do_info(1), 0);
+  rec::Fail("fopen");
+  for (const auto &[variable, file, longest] : kLimits) {
+    EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), 0);
+    EXPECT_EQ(rec::ReadFile(file), "old");
+    ASSERT_EQ(do_info(0), 0);
+    EXPECT_EQ(Text(variable), "old");
+  }
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+TEST_F(Info, ASetThatCannotWriteItsFileFails) {
+  rec::PutFile(kRoleFile, "old");
+  rec::PutFile(kDetailFile, "old");
+  ASSERT_EQ(do_info(1), 0);
+  for (const auto &[variable, file, longest] : kLimits) {
+    std::filesystem::remove(rec::RealPath(file));
+    std::filesystem::create_symlink("/dev/full", rec::RealPath(file));
+    EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), -1);
+    EXPECT_EQ(rec::CheckOnly(kObject, variable, "new"), 0);
+    ASSERT_EQ(do_info(0), 0);
+    EXPECT_EQ(Text(variable), "old");
+    // An empty text needs no room.
+    EXPECT_EQ(rec::Set(kObject, variable, std::string()), 0);
+  }
+}
+
+TEST_F(Info, TheHandlerRefusesOtherSlots) {
+  ASSERT_EQ(do_info(1), 0);
+  registry_object *object = rec::Live(kObject);
+  const set_handler_fn handler = object->desc[5].set_handler;
+  for (const int slot : {0, 4, 7, 8}) {
+    for (const uint8_t phase : {SET_CHECK, SET_APPLY}) {
+      EXPECT_EQ(handler(phase, object, &object->desc[slot], "x", 1), -1);
+    }
+  }
+}
+
+}  // namespace
