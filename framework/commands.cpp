@@ -16,8 +16,6 @@
 #include "framework/registry_dir.h"
 #include "platform/framework.h"
 
-extern char **environ;
-
 namespace vex {
 
 namespace {

@@ -226,7 +226,7 @@ TEST_F(RegistryFile, RandomBytesBehindTheMagicReadAsAbsent) {
   const std::vector<uint8_t> whole = ReadBytes(registry_.Path("stdeq/misc"));
   std::mt19937 random(7);
   for (int i = 0; i < 2000; i++) {
-    std::vector<uint8_t> bytes(8 + random() % 400);
+    std::vector<uint8_t> bytes(12 + random() % 400);
     for (uint8_t &b : bytes) {
       b = static_cast<uint8_t>(random());
     }
