@@ -72,6 +72,14 @@ std::string Prefix() {
   return prefix != nullptr ? prefix : "";
 }
 
+// What the daemon under test was built with: of this build, or as the environment says for a daemon
+// of another one.
+bool ThreadSanitized() {
+  const char *other = getenv("VEXHOSTD_SANITIZER");
+  const std::string sanitizer = other != nullptr ? other : VEX_TESTS_SANITIZER;
+  return sanitizer.find("thread") != std::string::npos;
+}
+
 std::string Trimmed(std::string text) {
   text.erase(text.find_last_not_of(" \n") + 1);
   return text;
@@ -236,8 +244,7 @@ void Daemon::Start(const DaemonOptions &options) {
   ProcessOptions process;
   process.log = kDaemonLog;
   process.environment = options.environment;
-  std::string sanitizer = VEX_TESTS_SANITIZER;
-  process.fixed_addresses = sanitizer.find("thread") != std::string::npos;
+  process.fixed_addresses = ThreadSanitized();
   process.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:exitcode=99");
   process.environment.emplace_back("UBSAN_OPTIONS", "print_stacktrace=1:exitcode=99");
   process.environment.emplace_back("TSAN_OPTIONS", "exitcode=99");
@@ -668,7 +675,7 @@ Outcome MadeUpHost::Vexreg(const std::vector<std::string> &arguments) {
   std::vector<std::string> command = {VexregPath()};
   command.insert(command.end(), arguments.begin(), arguments.end());
   ProcessOptions options;
-  options.fixed_addresses = std::string(VEX_TESTS_SANITIZER).find("thread") != std::string::npos;
+  options.fixed_addresses = ThreadSanitized();
   return RunCommand(command, options);
 }
 
