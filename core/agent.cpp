@@ -6,6 +6,7 @@
 
 #include "core/hwinfo.h"
 #include "core/snmpd_watchdog.h"
+#include "firmware/fwver.h"
 #include "identity/appliance.h"
 #include "identity/info.h"
 #include "monitors/cpu.h"
@@ -37,23 +38,22 @@ static int without_flag(int) {
   return Collect();
 }
 
-// The first failure ends start-up. An empty row is a group that is not built yet.
+// The first failure ends start-up.
 static const collector start_order[] = {
+    without_flag<do_filesys>,   without_flag<do_memory>, do_info,
+    without_flag<do_misc>,      without_flag<do_swver>,  do_cpu,
+    without_flag<do_appliance>, without_flag<do_fwver>,
+};
+
+// The first failure ends the poll's refresh.
+static const collector poll_order[] = {
+    do_cpu,
     without_flag<do_filesys>,
     without_flag<do_memory>,
     do_info,
     without_flag<do_misc>,
     without_flag<do_swver>,
-    do_cpu,
-    without_flag<do_appliance>,
-    nullptr,  // firmware
-};
-
-// The first failure ends the poll's refresh.
-static const collector poll_order[] = {
-    do_cpu,  without_flag<do_filesys>, without_flag<do_memory>,
-    do_info, without_flag<do_misc>,    without_flag<do_swver>,
-    nullptr,  // firmware
+    without_flag<do_fwver>,
 };
 
 template <size_t N>

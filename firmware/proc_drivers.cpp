@@ -152,6 +152,13 @@ static int look_up_raid_key(char (&text)[raid_text_size + 1]) {
   return 0;
 }
 
+static void skip_heading(FILE *stream) {
+  int c = 0;
+  do {
+    c = fgetc(stream);
+  } while (c != '\n' && c != EOF);
+}
+
 // What the list says of a device besides its version.
 struct scsi_texts {
   char host[33];
@@ -166,7 +173,7 @@ struct scsi_texts {
 int collect_scsi_device(FILE *stream, const char *, firmware_record *record, int *more) {
   fill(record, 2, other_scsi_type);
   if (ftell(stream) == 0) {
-    (void)!fscanf(stream, skip_line);
+    skip_heading(stream);
   }
   scsi_texts texts = {};
   const scan_step steps[] = {

@@ -128,6 +128,20 @@ void PutMount(const std::string &path, const mount_stats &stats);
 void PutEv(const std::string &name, const std::string &bytes);
 // SMBIOS tables from their description (see smbios_tables.h); none at first, none when malformed.
 void PutSmbios(const std::string &description);
+// What initializeRemoteVantix() finds (a tlxci_kind); nothing at first. Events: the calls of
+// platform/channel.h, and ioctl for the card; name: the time-out, data: what was sent.
+struct ControllerReply {
+  int status;
+  std::string bytes;
+};
+void SetController(int kind);
+// Statuses of the sends to come (then 0), and the replies to come (then a time-out).
+void PutSends(const std::vector<int> &statuses);
+void PutReplies(const std::vector<ControllerReply> &replies);
+// What a remote card answers (status 0) or that its ioctl fails.
+void PutCardReply(const ControllerReply &reply);
+// The System V segment that any key names; there is none at first.
+void PutSegment(const std::string &bytes);
 // What getpgid() says of a process, and SIOCGIFHWADDR of an interface (six bytes; "" for no such
 // interface). Processes and interfaces that were not given are the machine's.
 void PutProcessGroup(pid_t process, pid_t group);

@@ -12,6 +12,8 @@ void Record(const std::string &operation, const std::string &name, const std::st
 bool Fails(const std::string &operation, const std::string &name);
 // Output and exit status of a command; null when it was not given.
 const std::pair<std::string, int> *FindCommand(const std::string &command);
+// A remote management card's ioctl().
+int TransactWithCard(int descriptor, void *argument);
 
 }  // namespace rec
 

@@ -24,6 +24,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/channel.h"
 #include "tests/support/recording_framework.h"
 #include "tests/support/recording_internal.h"
 
@@ -311,6 +312,9 @@ int __wrap_socket(int domain, int type, int protocol) {
 
 int __real_ioctl(int descriptor, unsigned long request, void *argument);
 int __wrap_ioctl(int descriptor, unsigned long request, void *argument) {
+  if (request == TLXRMC_TRANSACT) {
+    return rec::TransactWithCard(descriptor, argument);
+  }
   if (request == SIOCGIFHWADDR) {
     auto *interface = static_cast<ifreq *>(argument);
     const auto known = hardware_addresses.find(interface->ifr_name);
