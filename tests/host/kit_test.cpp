@@ -29,7 +29,7 @@ TEST(Kit, ReceivesTraps) {
   MadeUpHost host;
   host.traps.Start();
   host.snmpd.Start();
-  auto outcome = RunCommand({"snmptrap", "-v2c", "-cpublic", "127.0.0.1", "",
+  auto outcome = RunCommand({"snmptrap", "-v2c", "-cpublic", "tcp:127.0.0.1:162", "",
                              "1.3.6.1.4.1.4891.0.11003", "1.3.6.1.4.1.4891.11.1.1.0", "s",
                              "two\nlines", "1.3.6.1.4.1.4891.11.1.2.0", "i", "-5"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,16 +30,17 @@ const std::string kRealProc = kOwn + "/real-proc";
 
 constexpr char kEnterprise[] = ".1.3.6.1.4.1.4891";
 constexpr char kSysUpTime[] = "1.3.6.1.2.1.1.3.0";
-// Never an object, but below the host group: noSuchInstance from the daemon, noSuchObject when it
-// is not registered.
-constexpr char kServedProbe[] = "1.3.6.1.4.1.4891.11.0";
+// A scalar of the modules with an instance that it never has: noSuchInstance from the daemon,
+// noSuchObject when it is not registered.
+constexpr char kServedProbe[] = "tlxHoMibRevMajor.77";
 
 constexpr char kSnmpdConf[] =
     "rocommunity public 127.0.0.1\n"
     "rwcommunity private 127.0.0.1\n"
     "master agentx\n"
-    "trap2sink 127.0.0.1 public\n"
     "dontLogTCPWrappersConnects yes\n";
+// Over TCP, so that a burst is not lost on a busy machine.
+constexpr char kTrapAddress[] = "tcp:127.0.0.1:162";
 constexpr char kTrapdConf[] =
     "disableAuthorization yes\n"
     "doNotLogTraps no\n"
@@ -154,10 +156,18 @@ std::string VexregPath() {
   return Prefix().empty() ? VEX_TESTS_BINARY_DIR "/bin/vexreg" : Prefix() + "/bin/vexreg";
 }
 
+std::string TestAgentPath() {
+  return VEX_TESTS_AGENT;
+}
+
 // ---- snmpd ---------------------------------------------------------------------------------
 
 void Snmpd::Start(const SnmpdOptions &options) {
-  host_->File("/etc/snmp/snmpd.conf", kSnmpdConf + options.extra);
+  host_->File(
+      "/etc/snmp/snmpd.conf",
+      kSnmpdConf +
+          (host_->traps.Running() ? "trap2sink " + std::string(kTrapAddress) + " public\n" : "") +
+          options.extra);
   std::vector<std::string> command = {
       "snmpd", "-f", "-Lf", kSnmpdLog, "-C", "-c", "/etc/snmp/snmpd.conf"};
   if (!options.all_modules)
@@ -196,11 +206,12 @@ void TrapReceiver::Start() {
   options.log = kOwn + "/snmptrapd.out";
   options.real_proc = true;
   process_.Start({"snmptrapd", "-f", "-n", "-On", "-Lf", kTrapLog, "-C", "-c",
-                  kOwn + "/snmptrapd.conf", "--hexOutputLength=0", "udp:127.0.0.1:162"},
+                  kOwn + "/snmptrapd.conf", "--hexOutputLength=0", kTrapAddress},
                  options);
-  // Port 162, bound.
+  // Port 162, listening.
   ASSERT_TRUE(Eventually([] {
-    return ReadFile("/proc/self/net/udp").find("0100007F:00A2") != std::string::npos;
+    return ReadFile("/proc/self/net/tcp").find("0100007F:00A2 00000000:0000 0A") !=
+           std::string::npos;
   })) << ReadFile(kOwn + "/snmptrapd.out")
       << ReadFile(kTrapLog);
 }
@@ -290,9 +301,10 @@ bool Daemon::WaitStarted(double seconds) {
 
 bool Daemon::WaitServed(double seconds) {
   bool served = false;
+  const std::string oid = MadeUpHost::Oid(kServedProbe);
   Eventually(
       [&] {
-        auto answer = QuickGet(kServedProbe, 0.5);
+        auto answer = QuickGet(oid, 0.5);
         served = answer && answer->error == 0 && answer->tag == 0x81;
         return served || !Running();
       },
@@ -342,11 +354,15 @@ std::vector<std::string> Daemon::LogLines() const {
   return Lines(Log());
 }
 
+std::vector<std::string> Daemon::LinesWith(std::string_view text) const {
+  std::vector<std::string> lines = LogLines();
+  std::erase_if(lines,
+                [&](const std::string &line) { return line.find(text) == std::string::npos; });
+  return lines;
+}
+
 size_t Daemon::Count(std::string_view text) const {
-  auto lines = LogLines();
-  return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const auto &line) {
-    return line.find(text) != std::string::npos;
-  }));
+  return LinesWith(text).size();
 }
 
 bool Daemon::WaitLog(std::string_view text, double seconds) const {
@@ -418,6 +434,28 @@ MadeUpHost::~MadeUpHost() {
 void MadeUpHost::Start(const std::vector<std::string> &arguments) {
   snmpd.Start();
   daemon.Start(arguments);
+}
+
+void MadeUpHost::BeUrgent() {
+  EXPECT_EQ(setpriority(PRIO_PROCESS, 0, -20), 0) << strerror(errno);
+}
+
+void MadeUpHost::StartTestAgent(const std::vector<std::string> &arguments, bool with_snmpd) {
+  if (with_snmpd && !snmpd.Running())
+    snmpd.Start();
+  DaemonOptions options;
+  options.program = TestAgentPath();
+  options.arguments = arguments;
+  daemon.Start(options);
+}
+
+void MadeUpHost::SetOrders(const std::string &orders) {
+  File(kOwn + "/orders", orders);
+}
+
+bool MadeUpHost::Order(const std::string &orders, double seconds) {
+  SetOrders(orders);
+  return daemon.Poll(seconds);
 }
 
 void MadeUpHost::File(const std::string &path, std::string_view text, int mode) {

@@ -61,12 +61,14 @@ struct Trap {
   std::vector<std::string> variables;  // ".1.3... = INTEGER: 5", in order, without the first two
 };
 
-// snmptrapd at udp:127.0.0.1:162.
+// snmptrapd at tcp:127.0.0.1:162. Started before snmpd, which then sends it every notification.
 class TrapReceiver {
  public:
+  bool Running() {
+    return process_.Running();
+  }
   void Start();
-  // What has arrived so far, in order of arrival. Those of snmpd itself (coldStart, ...) are left
-  // out.
+  // What has arrived of the suite's notifications so far, in order of arrival.
   std::vector<Trap> Received() const;
   // Waits until that many have arrived.
   std::vector<Trap> WaitFor(size_t count, double seconds = 15) const;
@@ -120,6 +122,7 @@ class Daemon {
   // Standard error (and output) so far; Count() its lines that contain the text.
   std::string Log() const;
   std::vector<std::string> LogLines() const;
+  std::vector<std::string> LinesWith(std::string_view text) const;
   size_t Count(std::string_view text) const;
   bool WaitLog(std::string_view text, double seconds = 15) const;
   // Polls done since its start, and the period that its last alarm asked for.
@@ -166,6 +169,17 @@ class MadeUpHost {
 
   // snmpd and vexhostd, up and served.
   void Start(const std::vector<std::string> &arguments = {"-p", "15"});
+
+  // What is started from now on goes before everything else that the machine runs: for scenarios
+  // that measure.
+  static void BeUrgent();
+  // The tests' own agent (test_agent.cpp) instead of vexhostd, with snmpd before it unless the
+  // scenario has started one or wants none.
+  void StartTestAgent(const std::vector<std::string> &arguments = {"plain"},
+                      bool with_snmpd = true);
+  // Gives the test agent its orders and lets it poll.
+  bool Order(const std::string &orders, double seconds = 15);
+  void SetOrders(const std::string &orders);
 
   // ---- The host's facts. Parents are made; a file appears at once or not at all. ----
   void File(const std::string &path, std::string_view text, int mode = 0644);
@@ -246,6 +260,7 @@ double Percentile(std::vector<double> values, double percent);
 // Programs and files of the build (or of VEXHOSTD_PREFIX, an installed tree).
 std::string DaemonPath();
 std::string VexregPath();
+std::string TestAgentPath();
 
 }  // namespace made_up
 

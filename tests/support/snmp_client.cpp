@@ -6,8 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <sstream>
+#include <vector>
 
 #include "tests/support/process.h"
 
@@ -138,15 +138,6 @@ std::optional<Answer> QuickGet(const std::string &oid, double seconds, bool next
     answer->seconds = Now() - begin;
   close(fd);
   return answer;
-}
-
-std::vector<double> TimeReads(const std::string &oid, double for_seconds, double pause) {
-  std::vector<double> times;
-  for (double end = Now() + for_seconds; Now() < end; Pause(pause)) {
-    auto answer = QuickGet(oid, 1);
-    times.push_back(answer && answer->error == 0 ? answer->seconds : 1);
-  }
-  return times;
 }
 
 }  // namespace made_up

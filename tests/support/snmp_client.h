@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace made_up {
 
@@ -21,10 +20,6 @@ struct Answer {
 // One GET (or GETNEXT) of one OID in numeric form at 127.0.0.1:161; nothing when there was no
 // answer in time. Nothing is sent twice.
 std::optional<Answer> QuickGet(const std::string &oid, double seconds = 1, bool next = false);
-
-// GETs one after the other for that long; the seconds that each took. An unanswered one counts as
-// the whole of its second.
-std::vector<double> TimeReads(const std::string &oid, double for_seconds, double pause = 0.005);
 
 }  // namespace made_up
 

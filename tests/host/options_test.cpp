@@ -1,0 +1,203 @@
+// The command line, the start-up delay, the community and the configuration file.
+#include "tests/support/made_up_host.h"
+
+using namespace made_up;
+
+namespace {
+
+constexpr char kUsage[] =
+    "USAGE vexhostd: \n"
+    "  -l arg : Enable logging. Logfile is specified as argument\n"
+    "  -p arg : Poll frequency (in seconds)\n"
+    "  -i     : Ignore Peer stop message\n"
+    "  -s arg : Configure MIB item 'sets':\n"
+    "             OK     - enable sets\n"
+    "             NOT_OK - disable sets\n"
+    "  -t arg : Configure traps:\n"
+    "             OK     - enable traps\n"
+    "             NOT_OK - disable traps\n";
+constexpr char kNoCommunity[] = "Failed to find a community_string, trying to continue...";
+
+// Runs the daemon with a command line that start-up refuses: its whole log.
+std::string Refused(MadeUpHost *host, const std::vector<std::string> &arguments) {
+  DaemonOptions options;
+  options.arguments = arguments;
+  options.wait = false;
+  host->daemon.Start(options);
+  EXPECT_EQ(host->daemon.WaitEnd(), 1);
+  EXPECT_EQ(MadeUpHost::Objects(), std::vector<std::string>{});
+  return host->daemon.Log();
+}
+
+// The period for which the first alarm is set, and none is set before start-up is complete.
+unsigned Period(MadeUpHost *host, const std::vector<std::string> &arguments) {
+  host->daemon.Start(arguments);
+  unsigned seconds = host->daemon.AlarmSeconds();
+  EXPECT_EQ(host->daemon.Stop(), 0);
+  return seconds;
+}
+
+}  // namespace
+
+TEST(Options, AreNeeded) {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.arguments = {};
+  options.quick_start = false;
+  options.wait = false;
+  double begin = Now();
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.WaitEnd(), 1);
+  EXPECT_LT(Now() - begin, 3);
+  EXPECT_EQ(host.daemon.Sleeps(), 0U);
+  EXPECT_EQ(host.daemon.Log(), "vexhostd: Insufficient parameters  (PEER3001)\n");
+  EXPECT_FALSE(Exists("/var/spool/quorix"));
+}
+
+TEST(Options, PollRate) {
+  MadeUpHost host;
+  EXPECT_EQ(Period(&host, {"-p", "75"}), 60U);
+  EXPECT_EQ(Period(&host, {"-p", "61"}), 60U);
+  EXPECT_EQ(Period(&host, {"-p", "59"}), 59U);
+  EXPECT_EQ(Period(&host, {"-p", "7seconds"}), 7U);
+  // 0 and no number are taken as 0, and a period is at least a second.
+  EXPECT_EQ(Period(&host, {"-p", "0"}), 1U);
+  EXPECT_EQ(Period(&host, {"-p", "abc"}), 1U);
+  EXPECT_EQ(Period(&host, {"-i"}), 15U);
+  EXPECT_EQ(Period(&host, {"-p30", "-i", "-z"}), 30U);
+}
+
+TEST(Options, NegativePollRate) {
+  MadeUpHost host;
+  EXPECT_EQ(Refused(&host, {"-p", "-1"}), "vexhostd: Invalid polling rate  (PEER3002)\n");
+  EXPECT_FALSE(Exists(MadeUpHost::kRegistry));
+}
+
+TEST(Options, StatesAreInCapitals) {
+  MadeUpHost host;
+  EXPECT_EQ(Refused(&host, {"-s", "ok"}), "vexhostd: Bad set argument: ok  (PEER3005)\n");
+  EXPECT_EQ(Refused(&host, {"-t", "ok"}), "vexhostd: Bad trap argument: ok  (PEER3005)\n");
+  EXPECT_EQ(Refused(&host, {"-t", "OK", "-s", ""}), "vexhostd: Bad set argument:   (PEER3005)\n");
+  host.daemon.Start({"-s", "OK", "-t", "OK"});
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  host.daemon.Start({"-s", "NOT_OK", "-t", "NOT_OK"});
+}
+
+TEST(Options, TheFirstFailureEndsStartUp) {
+  MadeUpHost host;
+  EXPECT_EQ(Refused(&host, {"-i", "-p", "-5", "-s", "no"}),
+            "vexhostd: Invalid polling rate  (PEER3002)\n");
+}
+
+TEST(Options, Unknown) {
+  MadeUpHost host;
+  const std::string refused = "vexhostd: Unknown command line option: ?  (PEER3022)\n";
+  EXPECT_EQ(Refused(&host, {"-x"}), refused + kUsage);
+  EXPECT_EQ(Refused(&host, {"-p"}), refused + kUsage);
+}
+
+TEST(Options, Help) {
+  MadeUpHost host;
+  EXPECT_EQ(Refused(&host, {"-h"}), kUsage);
+}
+
+// No probe: the delay that an installed agent has, and nothing published before its end.
+TEST(Options, StartUpDelay) {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.probe = false;
+  options.wait = false;
+  double begin = Now();
+  host.daemon.Start(options);
+  ASSERT_TRUE(Eventually([&] { return !MadeUpHost::Objects().empty(); }, 30));
+  double took = Now() - begin;
+  EXPECT_GE(took, 4.99);
+  EXPECT_LT(took, 10);
+}
+
+TEST(Options, StartUpDelayComesBeforeTheOptions) {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.arguments = {"-x"};
+  options.quick_start = false;
+  options.wait = false;
+  double begin = Now();
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.WaitEnd(30), 1);
+  EXPECT_GE(Now() - begin, 4.99);
+  EXPECT_EQ(host.daemon.Sleeps(), 1U);
+}
+
+TEST(Options, LeftoversOfAnEarlierRunAreRemoved) {
+  MadeUpHost host;
+  const std::string registry = MadeUpHost::kRegistry;
+  host.File(registry + "/host/memory", "old");
+  host.File(registry + "/host/cpu.77", "old");
+  host.File(registry + "/host/directory/file", "old");
+  host.File(registry + "/stdeq/misc", "a sibling's");
+  host.Link(registry + "/host/link", registry + "/stdeq");
+  host.daemon.Start();
+  EXPECT_FALSE(Exists(registry + "/host/cpu.77"));
+  EXPECT_FALSE(Exists(registry + "/host/directory"));
+  EXPECT_FALSE(Exists(registry + "/host/link"));
+  EXPECT_EQ(ReadFile(registry + "/stdeq/misc"), "a sibling's");
+  EXPECT_TRUE(MadeUpHost::Object("host/memory"));
+}
+
+TEST(Community, IsMissed) {
+  MadeUpHost host;
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count(kNoCommunity), 1U);
+  EXPECT_TRUE(MadeUpHost::Object("host/memory"));
+}
+
+TEST(Community, OfTheAgentsConfiguration) {
+  MadeUpHost host;
+  host.File("/etc/snmp/vexhostd.conf", "community made-up\n");
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count(kNoCommunity), 0U);
+}
+
+TEST(Community, OfTheCommonConfiguration) {
+  MadeUpHost host;
+  host.File("/etc/snmp/snmp.conf", "defCommunity made-up\n");
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count(kNoCommunity), 0U);
+}
+
+TEST(Community, OfTheMaster) {
+  MadeUpHost host;
+  host.File("/etc/snmp/snmpd.conf", "# rocommunity no\nrocommunity made-up 127.0.0.1\n");
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count(kNoCommunity), 0U);
+}
+
+TEST(Configuration, PollInterval) {
+  MadeUpHost host;
+  host.File("/etc/snmp/vexhostd.conf", "pollInterval 20\n");
+  EXPECT_EQ(Period(&host, {"-i"}), 20U);
+  EXPECT_EQ(Period(&host, {"-p", "5"}), 5U);
+}
+
+TEST(Configuration, IsFoundWhereTheEnvironmentSays) {
+  MadeUpHost host;
+  host.File("/opt/snmp/vexhostd.conf", "pollInterval 22\ncommunity made-up\n");
+  DaemonOptions options;
+  options.arguments = {"-i"};
+  options.environment = {{"SNMPCONFPATH", "/opt/snmp"}};
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.AlarmSeconds(), 22U);
+  EXPECT_EQ(host.daemon.Count(kNoCommunity), 0U);
+}
+
+TEST(Configuration, AgentXSocket) {
+  MadeUpHost host;
+  SnmpdOptions master;
+  master.extra = "agentXSocket unix:/run/other/master\n";
+  host.Directory("/run/other");
+  host.File("/etc/snmp/vexhostd.conf", "agentXSocket unix:/run/other/master\n");
+  host.snmpd.Start(master);
+  host.daemon.Start();
+  EXPECT_TRUE(host.daemon.WaitServed());
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+}
