@@ -92,8 +92,12 @@ class Loop {
       LookOn();
       Work();
     }
+    sender_.Send(&session_);
     session_.Close();
     Lost();
+    while (Side().notifications.Pop()) {
+      // Nobody will send them.
+    }
   }
 
  private:
@@ -128,8 +132,8 @@ class Loop {
     }
   }
 
-  // Answers the requests that follow one another closely, without the rest of a pass in between: the
-  // sooner the answer, the likelier it finds the master still awake.
+  // Answers the requests that follow one another closely, without the rest of a pass in between:
+  // the sooner the answer, the likelier it finds the master still awake.
   void LookOn() {
     Clock::time_point now = Clock::now();
     Clock::time_point longest = now + kLongestLookOn;

@@ -1,0 +1,348 @@
+#include "framework/set_channel.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "platform/framework.h"
+
+namespace vex {
+namespace {
+
+using std::chrono::milliseconds;
+using Check = SetChannel::Check;
+using Apply = SetChannel::Apply;
+using Clock = SetChannel::Clock;
+
+// What the handlers of a test do; called on the agent thread.
+std::function<int(uint8_t, SetItem &)> handler;
+std::atomic<int> checks;
+std::atomic<int> applies;
+
+int RunOne(uint8_t phase, SetItem &item) {
+  (phase == SET_CHECK ? checks : applies)++;
+  return handler ? handler(phase, item) : 0;
+}
+
+SetItem Item(int slot) {
+  SetItem item;
+  item.slot = slot;
+  return item;
+}
+
+class SetChannelTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    handler = nullptr;
+    checks = 0;
+    applies = 0;
+  }
+  void TearDown() override {
+    StopAgent();
+    handler = nullptr;
+  }
+
+  // An agent thread that serves sets whenever there are some.
+  void StartAgent() {
+    agent_ = std::thread([this] {
+      while (!stop_) {
+        pollfd entry = {channel_.Fd(), POLLIN, 0};
+        if (poll(&entry, 1, 5) > 0) {
+          channel_.Serve(RunOne);
+        }
+      }
+    });
+  }
+  void StopAgent() {
+    stop_ = true;
+    if (agent_.joinable()) {
+      agent_.join();
+    }
+  }
+
+  Check WaitForCheck(SetTransaction &transaction, int part) {
+    SetChannel::CheckResult result;
+    while ((result = channel_.CheckOf(transaction, part)).state == Check::kPending) {
+      std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    failed_item_ = result.failed_item;
+    return result.state;
+  }
+  Apply WaitForApply(SetTransaction &transaction, int part) {
+    SetChannel::ApplyResult result;
+    while ((result = channel_.ApplyOf(transaction, part)).state == Apply::kPending) {
+      std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    failed_item_ = result.failed_item;
+    return result.state;
+  }
+  std::shared_ptr<SetTransaction> Begin(int ms = 5000) {
+    return channel_.Begin(Clock::now() + milliseconds(ms));
+  }
+
+  SetChannel channel_;
+  std::thread agent_;
+  std::atomic<bool> stop_{false};
+  int failed_item_ = -1;
+};
+
+TEST_F(SetChannelTest, CheckedThenApplied) {
+  StartAgent();
+  auto set = Begin();
+  int part = channel_.AddPart(*set, {Item(1), Item(2)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  EXPECT_EQ(applies, 0);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kApplied);
+  EXPECT_EQ(checks, 2);
+  EXPECT_EQ(applies, 2);
+}
+
+TEST_F(SetChannelTest, RefusedByOneHandlerAppliesNothing) {
+  handler = [](uint8_t, SetItem &item) { return item.slot == 2 ? -1 : 0; };
+  StartAgent();
+  auto set = Begin();
+  int part = channel_.AddPart(*set, {Item(1), Item(2), Item(3)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kRefused);
+  EXPECT_EQ(failed_item_, 1);
+  EXPECT_EQ(checks, 2);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  EXPECT_EQ(applies, 0);
+}
+
+TEST_F(SetChannelTest, FailedApplyStopsAtTheVariable) {
+  handler = [](uint8_t phase, SetItem &item) {
+    return phase != SET_CHECK && item.slot == 2 ? -1 : 0;
+  };
+  StartAgent();
+  auto set = Begin();
+  int part = channel_.AddPart(*set, {Item(1), Item(2), Item(3)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  EXPECT_EQ(failed_item_, 1);
+  EXPECT_EQ(applies, 2);
+}
+
+TEST_F(SetChannelTest, BusyAgentIsNotWaitedForAndNeverAppliesLate) {
+  auto set = Begin(50);
+  Clock::time_point start = Clock::now();
+  int part = channel_.AddPart(*set, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kUndecided);
+  EXPECT_GE(Clock::now() - start, milliseconds(50));
+  // Whatever the master does now, and however late the agent comes.
+  channel_.RequestApply(*set);
+  channel_.Serve(RunOne);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  EXPECT_EQ(checks, 0);
+  EXPECT_EQ(applies, 0);
+}
+
+TEST_F(SetChannelTest, CheckThatTakesTooLongIsForgotten) {
+  handler = [](uint8_t, SetItem &) {
+    std::this_thread::sleep_for(milliseconds(200));
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin(60);
+  int part = channel_.AddPart(*set, {Item(1), Item(2), Item(3)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kUndecided);
+  channel_.RequestApply(*set);
+  StopAgent();
+  EXPECT_EQ(checks, 1);  // the others were not begun any more
+  EXPECT_EQ(applies, 0);
+  EXPECT_EQ(channel_.CheckOf(*set, part).state, Check::kUndecided);
+}
+
+TEST_F(SetChannelTest, AgentIsHeldBetweenCheckAndApply) {
+  std::atomic<bool> back{false};
+  auto set = Begin(2000);
+  int part = channel_.AddPart(*set, {Item(1)});
+  agent_ = std::thread([&] {
+    channel_.Serve(RunOne);
+    back = true;
+  });
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_FALSE(back);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kApplied);
+  agent_.join();
+  EXPECT_TRUE(back);
+}
+
+TEST_F(SetChannelTest, HoldEndsWithTheDeadline) {
+  auto set = Begin(60);
+  int part = channel_.AddPart(*set, {Item(1)});
+  Clock::time_point start = Clock::now();
+  channel_.Serve(RunOne);  // comes back by itself
+  EXPECT_GE(Clock::now() - start, milliseconds(40));
+  EXPECT_EQ(channel_.CheckOf(*set, part).state, Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(channel_.ApplyOf(*set, part).state, Apply::kFailed);
+  channel_.Serve(RunOne);
+  EXPECT_EQ(applies, 0);
+}
+
+TEST_F(SetChannelTest, HoldEndsWithTheRelease) {
+  auto set = Begin(10000);
+  int part = channel_.AddPart(*set, {Item(1)});
+  agent_ = std::thread([&] { channel_.Serve(RunOne); });
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  Clock::time_point start = Clock::now();
+  channel_.Release(*set);
+  agent_.join();
+  EXPECT_LT(Clock::now() - start, milliseconds(2000));
+  channel_.RequestApply(*set);
+  EXPECT_EQ(channel_.ApplyOf(*set, part).state, Apply::kFailed);
+  EXPECT_EQ(applies, 0);
+}
+
+TEST_F(SetChannelTest, ApplyThatDoesNotEndInTimeHasFailed) {
+  handler = [](uint8_t phase, SetItem &) {
+    if (phase != SET_CHECK) {
+      std::this_thread::sleep_for(milliseconds(300));
+    }
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin(100);
+  Clock::time_point start = Clock::now();
+  int part = channel_.AddPart(*set, {Item(1), Item(2)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  EXPECT_LT(Clock::now() - start, milliseconds(290));
+  StopAgent();
+  EXPECT_EQ(applies, 1);  // the second was not begun past the deadline
+}
+
+// A request that reaches into both subtrees: the second part comes while the agent holds the first.
+TEST_F(SetChannelTest, EveryCheckOfEveryPartComesBeforeTheFirstApply) {
+  std::vector<int> order;
+  handler = [&order](uint8_t phase, SetItem &item) {
+    order.push_back(phase == SET_CHECK ? item.slot : 100 + item.slot);
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin();
+  int first = channel_.AddPart(*set, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*set, first), Check::kAccepted);
+  int second = channel_.AddPart(*set, {Item(2)});
+  EXPECT_EQ(WaitForCheck(*set, second), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, first), Apply::kApplied);
+  EXPECT_EQ(WaitForApply(*set, second), Apply::kApplied);
+  StopAgent();
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 101, 102}));
+}
+
+TEST_F(SetChannelTest, ApplyIsNotRunWhileAPartIsUnchecked) {
+  auto set = Begin(50);
+  channel_.AddPart(*set, {Item(1)});
+  channel_.RequestApply(*set);
+  channel_.Serve(RunOne);
+  EXPECT_EQ(applies, 0);
+  EXPECT_EQ(channel_.ApplyOf(*set, 0).state, Apply::kFailed);
+}
+
+TEST_F(SetChannelTest, RefusedFirstPartStillLetsTheSecondBeChecked) {
+  handler = [](uint8_t, SetItem &item) { return item.slot == 1 ? -1 : 0; };
+  auto set = Begin();
+  int first = channel_.AddPart(*set, {Item(1)});
+  channel_.Serve(RunOne);  // not held: no apply can follow
+  EXPECT_EQ(channel_.CheckOf(*set, first).state, Check::kRefused);
+  int second = channel_.AddPart(*set, {Item(2)});
+  channel_.Serve(RunOne);
+  EXPECT_EQ(channel_.CheckOf(*set, second).state, Check::kAccepted);
+  channel_.RequestApply(*set);
+  channel_.Serve(RunOne);
+  EXPECT_EQ(applies, 0);
+}
+
+TEST_F(SetChannelTest, SecondRequestAppliesOnce) {
+  StartAgent();
+  auto set = Begin();
+  int part = channel_.AddPart(*set, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kApplied);
+  channel_.RequestApply(*set);
+  StopAgent();
+  EXPECT_EQ(applies, 1);
+}
+
+TEST_F(SetChannelTest, SetsWaitForOneAnother) {
+  StartAgent();
+  auto one = Begin();
+  auto two = Begin();
+  int first = channel_.AddPart(*one, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*one, first), Check::kAccepted);
+  int second = channel_.AddPart(*two, {Item(2)});
+  std::this_thread::sleep_for(milliseconds(20));
+  EXPECT_EQ(channel_.CheckOf(*two, second).state, Check::kPending);
+  channel_.Release(*one);
+  EXPECT_EQ(WaitForCheck(*two, second), Check::kAccepted);
+  channel_.Release(*two);
+}
+
+TEST_F(SetChannelTest, ClosedChannelDecidesNothing) {
+  auto before = Begin();
+  int part = channel_.AddPart(*before, {Item(1)});
+  channel_.Close();
+  EXPECT_EQ(channel_.CheckOf(*before, part).state, Check::kUndecided);
+  auto after = Begin();
+  part = channel_.AddPart(*after, {Item(1)});
+  EXPECT_EQ(channel_.CheckOf(*after, part).state, Check::kUndecided);
+  channel_.Serve(RunOne);
+  EXPECT_EQ(checks, 0);
+}
+
+// Both threads at their fastest, with deadlines that fall anywhere: whatever was not reported as
+// applied in time may have been applied, but what was undecided never is.
+TEST_F(SetChannelTest, ManySetsWithTightDeadlines) {
+  std::atomic<int> applied_undecided{0};
+  static std::atomic<int> current;
+  static std::atomic<bool> given_up;
+  handler = [&applied_undecided](uint8_t phase, SetItem &item) {
+    if (item.slot % 7 == 0) {
+      std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    if (phase != SET_CHECK && item.slot == current && given_up) {
+      applied_undecided++;
+    }
+    return item.slot % 5 == 0 ? -1 : 0;
+  };
+  StartAgent();
+  int accepted = 0;
+  int undecided = 0;
+  for (int i = 1; i <= 600; i++) {
+    current = i;
+    given_up = false;
+    int patience = i % 14 == 0 ? 300 : 100 + (i * 37) % 3000;
+    auto set = channel_.Begin(Clock::now() + std::chrono::microseconds(patience));
+    int part = channel_.AddPart(*set, {Item(i), Item(i)});
+    Check check = WaitForCheck(*set, part);
+    if (check == Check::kAccepted) {
+      accepted++;
+      channel_.RequestApply(*set);
+      WaitForApply(*set, part);
+    } else {
+      given_up = true;
+      undecided += check == Check::kUndecided ? 1 : 0;
+    }
+    channel_.Release(*set);
+  }
+  StopAgent();
+  EXPECT_EQ(applied_undecided, 0);
+  EXPECT_GT(accepted, 0);
+  EXPECT_GT(undecided, 0);
+}
+
+}  // namespace
+}  // namespace vex

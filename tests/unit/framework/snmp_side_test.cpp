@@ -1,0 +1,892 @@
+// The whole SNMP side, from its face to the agent thread down to the packets on a master's socket.
+#include "framework/snmp_side.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "framework/set_channel.h"
+#include "platform/framework.h"
+#include "tests/unit/framework/fake_master.h"
+
+namespace vex {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using Binding = AgentxBinding;
+
+enum { kClose = 2, kCommitSet = 9, kUndoSet = 10, kCleanupSet = 11, kNotify = 12, kPing = 13 };
+enum {
+  kWrongType = 7,
+  kWrongLength = 8,
+  kWrongValue = 10,
+  kNoCreation = 11,
+  kResourceUnavailable = 13,
+  kCommitFailed = 14,
+  kUndoFailed = 15,
+  kNotWritable = 17,
+};
+constexpr int kNotOpen = 257;
+constexpr int kDuplicateRegistration = 263;
+
+// Three variables of one object of the first group, and one of the second.
+constexpr char kNumber[] = "tlxHoOsCommonPollFreq";
+constexpr char kText[] = "tlxHoGenericData";
+constexpr char kReadOnly[] = "tlxHoSwVerNextIndex";
+constexpr char kColumn[] = "tlxHoSwVerName";
+constexpr char kOther[] = "tlxApApplianceDescription";
+
+const MibVariable &Mib(const char *name) {
+  const MibVariable *found = FindMibVariable(name);
+  if (found == nullptr) {
+    ADD_FAILURE() << name << " is not in the table";
+    abort();
+  }
+  return *found;
+}
+
+OidNumbers NameOf(const char *variable, uint32_t instance = 0) {
+  std::span<const uint32_t> oid = Mib(variable).Oid();
+  OidNumbers name(oid.begin(), oid.end());
+  name.push_back(instance);
+  return name;
+}
+
+Binding TextBinding(const char *variable, const std::string &text, uint32_t instance = 0) {
+  Binding binding;
+  binding.type = Binding::kOctets;
+  binding.name = NameOf(variable, instance);
+  binding.octets = text;
+  return binding;
+}
+
+Binding NumberBinding(const char *variable, int32_t number) {
+  Binding binding;
+  binding.type = Binding::kInteger;
+  binding.name = NameOf(variable);
+  binding.integer = number;
+  return binding;
+}
+
+// An object with the given variables in slot order.
+std::shared_ptr<Image> MakeImage(uint64_t id, uint32_t instance,
+                                 const std::vector<const char *> &variables) {
+  auto layout = std::make_shared<Layout>();
+  auto image = std::make_shared<Image>();
+  int slot = 0;
+  for (const char *name : variables) {
+    const MibVariable &mib = Mib(name);
+    int size = mib.type == VAR_INTEGER ? 4 : mib.max_length + (mib.type == VAR_DISPLAY_STRING);
+    layout->variables.push_back({&mib, slot++, size, static_cast<uint32_t>(image->data.size()),
+                                 mib.type, mib.access == MibAccess::kReadWrite});
+    image->data.resize(image->data.size() + static_cast<size_t>(size));
+    image->octet_lengths.push_back(0);
+  }
+  image->layout = layout;
+  image->object_id = id;
+  image->instance = instance;
+  return image;
+}
+
+void Store(Image *image, int slot, const void *value, size_t length) {
+  memcpy(image->data.data() + image->layout->variables[static_cast<size_t>(slot)].offset, value,
+         length);
+}
+
+std::function<int(uint8_t, SetItem &)> set_handler;
+std::atomic<int> set_checks;
+std::atomic<int> set_applies;
+
+int RunOneSet(uint8_t phase, SetItem &item) {
+  (phase == SET_CHECK ? set_checks : set_applies)++;
+  return set_handler ? set_handler(phase, item) : 0;
+}
+
+class SnmpSideTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/snmp_side.XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    directory_ = pattern;
+    socket_ = directory_ + "/master";
+    persistent_ = directory_ + "/persistent";
+    ASSERT_EQ(mkdir(persistent_.c_str(), 0700), 0);
+    Configure("vexhostd.conf", "agentXSocket " + socket_ + "\n");
+    setenv("SNMPCONFPATH", directory_.c_str(), 1);
+    setenv("SNMP_PERSISTENT_DIR", persistent_.c_str(), 1);
+    set_handler = nullptr;
+    set_checks = 0;
+    set_applies = 0;
+  }
+  void TearDown() override {
+    StopAgent();
+    SnmpStop();
+    SnmpEnableSets(true);
+    for (uint64_t id = 1; id < 20; id++) {
+      SnmpWithdraw(id);
+    }
+    set_handler = nullptr;
+    std::string command = "rm -rf " + directory_;
+    EXPECT_EQ(system(command.c_str()), 0);
+  }
+
+  void Configure(const std::string &file, const std::string &text) {
+    std::ofstream(directory_ + "/" + file, std::ios::app) << text;
+  }
+  void Start() {
+    ASSERT_EQ(SnmpStart("vexhostd", &settings_), 0);
+  }
+  void StartWithMaster() {
+    master_ = std::make_unique<FakeMaster>(socket_);
+    Start();
+    ASSERT_TRUE(master_->AcceptAndRegister());
+    // Answered after the registrations were seen.
+    ASSERT_TRUE(master_->Ask(master_->Get({NameOf(kText)})));
+  }
+  void PublishMisc() {
+    int32_t number = 15;
+    misc_ = MakeImage(1, 0, {kNumber, kReadOnly, kText});
+    Store(misc_.get(), 0, &number, sizeof(number));
+    Store(misc_.get(), 2, "hello", 6);
+    SnmpPublish(misc_);
+    SnmpPublish(MakeImage(2, 0, {kOther}));
+  }
+
+  // The agent thread: serves sets until it is stopped.
+  void StartAgent() {
+    agent_stop_ = false;
+    agent_ = std::thread([this] {
+      while (!agent_stop_) {
+        pollfd entry = {SetChannelFd(), POLLIN, 0};
+        if (poll(&entry, 1, 5) > 0) {
+          ServeSets(RunOneSet);
+        }
+      }
+    });
+  }
+  void StopAgent() {
+    agent_stop_ = true;
+    if (agent_.joinable()) {
+      agent_.join();
+    }
+  }
+
+  int AskFor(const AgentxPacket &request) {
+    std::optional<AgentxPacket> answer = master_->Ask(request);
+    return answer ? answer->Error() : -1;
+  }
+  Binding First(const AgentxPacket &request) {
+    std::optional<AgentxPacket> answer = master_->Ask(request);
+    if (!answer || answer->Bindings().size() != 1) {
+      ADD_FAILURE() << "no answer with one variable";
+      return {};
+    }
+    return answer->Bindings()[0];
+  }
+  // What is readable of the variable now; -1 when it is no text.
+  std::string ReadText(const char *variable) {
+    Binding binding = First(master_->Get({NameOf(variable)}));
+    return binding.type == Binding::kOctets ? binding.octets : "(no text)";
+  }
+
+  std::string directory_;
+  std::string socket_;
+  std::string persistent_;
+  SnmpSettings settings_;
+  std::unique_ptr<FakeMaster> master_;
+  std::shared_ptr<Image> misc_;
+  std::thread agent_;
+  std::atomic<bool> agent_stop_{false};
+};
+
+int FilesIn(const std::string &directory) {
+  int count = 0;
+  DIR *d = opendir(directory.c_str());
+  if (d == nullptr) {
+    return -1;
+  }
+  while (const dirent *entry = readdir(d)) {
+    count += entry->d_name[0] != '.' ? 1 : 0;
+  }
+  closedir(d);
+  return count;
+}
+
+// ---- Session ----
+
+TEST_F(SnmpSideTest, RegistersBothSubtrees) {
+  StartWithMaster();
+  std::set<OidNumbers> wanted;
+  for (const MibGroup &group : MibGroups()) {
+    wanted.emplace(group.oid, group.oid + group.oid_length);
+  }
+  EXPECT_EQ(std::set<OidNumbers>(master_->Registered().begin(), master_->Registered().end()),
+            wanted);
+}
+
+TEST_F(SnmpSideTest, ClosesItsSessionWhenItStops) {
+  StartWithMaster();
+  std::thread stopping(SnmpStop);
+  std::optional<AgentxPacket> packet = master_->Receive();
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->type, kClose);
+  master_->Answer(*packet);
+  stopping.join();
+  EXPECT_TRUE(master_->HungUp(1000));
+  EXPECT_FALSE(SnmpRunning());
+}
+
+TEST_F(SnmpSideTest, StopsBesideAMasterThatDoesNotAnswer) {
+  master_ = std::make_unique<FakeMaster>(socket_);
+  Start();
+  ASSERT_TRUE(master_->Accept(3000));  // its Open stays without an answer
+  auto start = steady_clock::now();
+  SnmpStop();
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
+}
+
+TEST_F(SnmpSideTest, StopsWithoutAMasterAndStartsAgain) {
+  Start();
+  SnmpStop();
+  SnmpStop();
+  StartWithMaster();
+  PublishMisc();
+  EXPECT_EQ(ReadText(kText), "hello");
+}
+
+TEST_F(SnmpSideTest, FindsAMasterThatComesLater) {
+  Start();
+  std::this_thread::sleep_for(milliseconds(300));
+  master_ = std::make_unique<FakeMaster>(socket_);
+  EXPECT_TRUE(master_->AcceptAndRegister(1000));
+}
+
+TEST_F(SnmpSideTest, FindsASocketWhoseDirectoryComesLater) {
+  socket_ = directory_ + "/later/master";
+  Configure("vexhostd.conf", "agentXSocket unix:" + socket_ + "\n");
+  Start();
+  std::this_thread::sleep_for(milliseconds(100));
+  ASSERT_EQ(mkdir((directory_ + "/later").c_str(), 0700), 0);
+  master_ = std::make_unique<FakeMaster>(socket_);
+  EXPECT_TRUE(master_->AcceptAndRegister(1000));
+}
+
+TEST_F(SnmpSideTest, ComesBackWithinASecondTwentyTimes) {
+  StartWithMaster();
+  PublishMisc();
+  for (int i = 0; i < 20; i++) {
+    if (i % 2 == 0) {
+      master_->Disconnect();  // the session alone
+    } else {
+      master_.reset();
+      std::this_thread::sleep_for(milliseconds(i * 5));
+      master_ = std::make_unique<FakeMaster>(socket_);
+    }
+    ASSERT_TRUE(master_->AcceptAndRegister(1000)) << i;
+    EXPECT_EQ(ReadText(kText), "hello");
+  }
+}
+
+TEST_F(SnmpSideTest, PingsAndOpensAgainWhenTheMasterForgotTheSession) {
+  Configure("vexhostd.conf", "agentXPingInterval 1\n");
+  StartWithMaster();
+  std::optional<AgentxPacket> ping = master_->Receive(3000);
+  ASSERT_TRUE(ping);
+  EXPECT_EQ(ping->type, kPing);
+  master_->Answer(*ping);
+  ping = master_->Receive(3000);
+  ASSERT_TRUE(ping);
+  EXPECT_EQ(ping->type, kPing);
+  master_->Answer(*ping, kNotOpen);
+  EXPECT_TRUE(master_->HungUp(1000));
+  EXPECT_TRUE(master_->AcceptAndRegister(1000));
+}
+
+// After a crash the master may still know the process before.
+TEST_F(SnmpSideTest, RegistersAgainWhatTheMasterRefuses) {
+  master_ = std::make_unique<FakeMaster>(socket_);
+  Start();
+  ASSERT_TRUE(master_->Accept(3000));
+  std::optional<AgentxPacket> open = master_->Receive();
+  ASSERT_TRUE(open);
+  master_->Answer(*open);
+  std::optional<AgentxPacket> first = master_->Receive();
+  std::optional<AgentxPacket> second = master_->Receive();
+  ASSERT_TRUE(first && second);
+  master_->Answer(*first, kDuplicateRegistration);
+  master_->Answer(*second);
+  std::optional<AgentxPacket> again = master_->Receive(1000);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->Subtree(), first->Subtree());
+}
+
+TEST_F(SnmpSideTest, SignalsAreBlockedInTheThreadAndNotInTheCaller) {
+  sigset_t before;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  Start();
+  sigset_t after;
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  for (int signal : {SIGALRM, SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1}) {
+    EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal));
+  }
+  bool seen = false;
+  DIR *tasks = opendir("/proc/self/task");
+  ASSERT_NE(tasks, nullptr);
+  while (const dirent *entry = readdir(tasks)) {
+    std::string task = std::string("/proc/self/task/") + entry->d_name;
+    std::string name;
+    std::getline(std::ifstream(task + "/comm"), name);
+    if (name != "snmp") {
+      continue;
+    }
+    seen = true;
+    std::ifstream status(task + "/status");
+    std::string line;
+    unsigned long long blocked = 0;
+    while (std::getline(status, line)) {
+      sscanf(line.c_str(), "SigBlk: %llx", &blocked);
+    }
+    for (int signal : {SIGALRM, SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1}) {
+      EXPECT_TRUE(blocked & (1ULL << (signal - 1))) << signal;
+    }
+  }
+  closedir(tasks);
+  EXPECT_TRUE(seen);
+}
+
+// The names of a shell command's descriptors beyond the standard ones.
+std::set<std::string> DescriptorsOfAChild() {
+  std::set<std::string> names;
+  FILE *child = popen("ls -l /proc/self/fd", "r");
+  char line[512];
+  while (child != nullptr && fgets(line, sizeof(line), child) != nullptr) {
+    if (const char *arrow = strstr(line, " -> ")) {
+      names.insert(arrow + 4);
+    }
+  }
+  if (child != nullptr) {
+    pclose(child);
+  }
+  return names;
+}
+
+TEST_F(SnmpSideTest, ChildrenInheritNothing) {
+  auto sockets_and_pipes = [] {
+    int count = 0;
+    for (const std::string &name : DescriptorsOfAChild()) {
+      count += name.starts_with("socket:") || name.starts_with("anon_inode:") ? 1 : 0;
+    }
+    return count;
+  };
+  int before = sockets_and_pipes();
+  std::set<std::string> descriptors_before = DescriptorsOfAChild();
+  Start();  // watches for a master
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(sockets_and_pipes(), before);
+  {
+    FakeMaster master(socket_);
+    ASSERT_TRUE(master.AcceptAndRegister());
+    EXPECT_EQ(sockets_and_pipes(), before);
+    // Every descriptor that the libraries opened, the pipes included.
+    EXPECT_LE(DescriptorsOfAChild().size(), descriptors_before.size());
+  }
+}
+
+TEST_F(SnmpSideTest, NothingIsKeptOnDisk) {
+  int before = FilesIn("/var/lib/snmp");
+  StartWithMaster();
+  SnmpStop();
+  EXPECT_EQ(FilesIn(persistent_), 0);
+  EXPECT_EQ(FilesIn("/var/lib/snmp"), before);
+}
+
+TEST_F(SnmpSideTest, EnvironmentAndLocaleAreAsBefore) {
+  setenv("MIBS", "SOME-MIB", 1);
+  unsetenv("MIBDIRS");
+  std::string locale = setlocale(LC_CTYPE, nullptr);
+  Start();
+  EXPECT_STREQ(getenv("MIBS"), "SOME-MIB");
+  EXPECT_EQ(getenv("MIBDIRS"), nullptr);
+  EXPECT_EQ(locale, setlocale(LC_CTYPE, nullptr));
+  unsetenv("MIBS");
+}
+
+// ---- Configuration ----
+
+TEST_F(SnmpSideTest, OwnTokens) {
+  Configure("vexhostd.conf", "pollInterval 42\ncommunity secret\n");
+  Configure("snmp.conf", "defCommunity other\n");
+  Start();
+  EXPECT_EQ(settings_.poll_interval, 42);
+  EXPECT_EQ(settings_.community, "secret");
+}
+
+TEST_F(SnmpSideTest, CommunityOfSnmpConf) {
+  Configure("snmp.conf", "defCommunity other\n");
+  Configure("snmpd.conf", "rocommunity third\n");
+  Start();
+  EXPECT_EQ(settings_.poll_interval, 0);
+  EXPECT_EQ(settings_.community, "other");
+}
+
+TEST_F(SnmpSideTest, FirstReadCommunityOfSnmpdConf) {
+  Configure("snmpd.conf",
+            "sysLocation here\nno such token\n# rocommunity none\n"
+            "com2sec -Cn ctx user default first\nrocommunity second 127.0.0.1\n");
+  Start();
+  EXPECT_EQ(settings_.community, "first");
+}
+
+TEST_F(SnmpSideTest, NoCommunityAtAllAndABadInterval) {
+  Configure("vexhostd.conf", "pollInterval soon\npollInterval 0\npollInterval 5x\n");
+  Start();
+  EXPECT_EQ(settings_.community, "");
+  EXPECT_EQ(settings_.poll_interval, 0);
+}
+
+// ---- Reads ----
+
+TEST_F(SnmpSideTest, GetAnswersValuesAndExceptions) {
+  StartWithMaster();
+  PublishMisc();
+  std::optional<AgentxPacket> answer = master_->Ask(master_->Get(
+      {NameOf(kNumber), NameOf(kText), NameOf(kNumber, 1), {1, 3, 6, 1, 4, 1, 4891, 11, 250, 0}}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Error(), 0);
+  std::vector<Binding> bindings = answer->Bindings();
+  ASSERT_EQ(bindings.size(), 4U);
+  EXPECT_EQ(bindings[0].type, Binding::kInteger);
+  EXPECT_EQ(bindings[0].integer, 15);
+  EXPECT_EQ(bindings[1].octets, "hello");
+  EXPECT_EQ(bindings[2].type, Binding::kNoSuchInstance);
+  EXPECT_EQ(bindings[3].type, Binding::kNoSuchObject);
+}
+
+TEST_F(SnmpSideTest, GetNextStaysInItsRange) {
+  StartWithMaster();
+  PublishMisc();
+  OidNumbers group(MibGroups()[0].oid, MibGroups()[0].oid + MibGroups()[0].oid_length);
+  OidNumbers end = group;
+  end.back()++;
+  Binding first = First(master_->GetNext({group}, end));
+  EXPECT_EQ(first.type, Binding::kInteger);
+  EXPECT_EQ(first.name, NameOf(kNumber));
+  EXPECT_EQ(First(master_->GetNext({NameOf(kNumber)}, end, true)).name, NameOf(kNumber));
+  EXPECT_NE(First(master_->GetNext({NameOf(kNumber)}, end, false)).name, NameOf(kNumber));
+  // The answer would be the end itself, or past it.
+  Binding past = First(master_->GetNext({group}, NameOf(kNumber)));
+  EXPECT_EQ(past.type, Binding::kEndOfMibView);
+  EXPECT_EQ(past.name, group);
+  EXPECT_EQ(First(master_->GetNext({NameOf(kText)}, end)).type, Binding::kEndOfMibView);
+  // Without an end the next group follows.
+  EXPECT_EQ(First(master_->GetNext({NameOf(kText)})).name, NameOf(kOther));
+}
+
+TEST_F(SnmpSideTest, ReadAfterPublishSeesTheNewValue) {
+  StartWithMaster();
+  PublishMisc();
+  for (int32_t i = 0; i < 300; i++) {
+    auto image = std::make_shared<Image>(*misc_);
+    Store(image.get(), 0, &i, sizeof(i));
+    SnmpPublish(image);
+    ASSERT_EQ(First(master_->Get({NameOf(kNumber)})).integer, i);
+  }
+  SnmpWithdraw(1);
+  EXPECT_EQ(First(master_->Get({NameOf(kNumber)})).type, Binding::kNoSuchInstance);
+}
+
+TEST_F(SnmpSideTest, AnswerTooBigForAPacketIsSaid) {
+  StartWithMaster();
+  auto image = MakeImage(1, 0, {kText});
+  memset(image->data.data(), 'x', image->data.size() - 1);
+  SnmpPublish(image);
+  std::vector<OidNumbers> names(400, NameOf(kText));
+  EXPECT_EQ(AskFor(master_->Get(names)), 1);  // tooBig
+  EXPECT_EQ(ReadText(kText).size(), Mib(kText).max_length);
+}
+
+// ---- Notifications ----
+
+Notification Numbered(uint32_t number) {
+  Notification notification;
+  notification.number = number;
+  notification.description = "number " + std::to_string(number);
+  return notification;
+}
+
+TEST_F(SnmpSideTest, NotificationCarriesVariablesThenDescription) {
+  StartWithMaster();
+  Notification notification = Numbered(11003);
+  notification.variables.push_back({&Mib(kText), 0, {'h', 'i'}});
+  notification.variables.push_back({&Mib(kColumn), 7, {'r', 'o', 'w'}});
+  notification.variables.push_back({&Mib(kNumber), 0, {5, 0, 0, 0}});
+  SnmpNotify(notification);
+  std::optional<AgentxPacket> packet = master_->Receive();
+  ASSERT_TRUE(packet);
+  ASSERT_EQ(packet->type, kNotify);
+  std::vector<Binding> bindings = packet->Bindings();
+  ASSERT_EQ(bindings.size(), 5U);
+  EXPECT_EQ(bindings[0].name, (OidNumbers{1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0}));
+  OidNumbers trap(MibNotificationRoot().begin(), MibNotificationRoot().end());
+  trap.push_back(11003);
+  EXPECT_EQ(bindings[0].object_id, trap);
+  EXPECT_EQ(bindings[1].name, NameOf(kText));
+  EXPECT_EQ(bindings[1].octets, "hi");
+  EXPECT_EQ(bindings[2].name, NameOf(kColumn, 7));
+  EXPECT_EQ(bindings[3].integer, 5);
+  EXPECT_EQ(bindings[4].name, NameOf(MibTrapDescription().name));
+  EXPECT_EQ(bindings[4].octets, "number 11003");
+}
+
+TEST_F(SnmpSideTest, NotificationsWaitForTheMaster) {
+  Start();
+  for (uint32_t i = 1; i <= 300; i++) {
+    SnmpNotify(Numbered(i));
+  }
+  master_ = std::make_unique<FakeMaster>(socket_);
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  for (uint32_t i = 45; i <= 300; i++) {
+    std::optional<AgentxPacket> packet = master_->Receive();
+    ASSERT_TRUE(packet) << i;
+    ASSERT_EQ(packet->Bindings().at(0).object_id.back(), i);
+    master_->Answer(*packet);
+  }
+  EXPECT_FALSE(master_->Receive(50));
+}
+
+TEST_F(SnmpSideTest, FloodOfNotificationsNeverHasMoreThanSixteenUnderWay) {
+  StartWithMaster();
+  PublishMisc();
+  constexpr uint32_t kFlood = 1000;
+  for (uint32_t i = 1; i <= kFlood; i++) {
+    SnmpNotify(Numbered(i));
+  }
+  std::vector<AgentxPacket> unanswered;
+  while (std::optional<AgentxPacket> packet = master_->Receive(100)) {
+    unanswered.push_back(*packet);
+  }
+  EXPECT_EQ(unanswered.size(), 16U);
+  EXPECT_EQ(ReadText(kText), "hello");  // reads go on
+  uint32_t got = 16;
+  for (const AgentxPacket &packet : unanswered) {
+    master_->Answer(packet);
+  }
+  while (got < kFlood) {
+    std::optional<AgentxPacket> packet = master_->Receive();
+    ASSERT_TRUE(packet) << got;
+    got++;
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), got);
+    master_->Answer(*packet);
+  }
+}
+
+TEST_F(SnmpSideTest, UnansweredNotificationsAreSentAgain) {
+  StartWithMaster();
+  for (uint32_t i = 1; i <= 3; i++) {
+    SnmpNotify(Numbered(i));
+  }
+  std::optional<AgentxPacket> first = master_->Receive();
+  ASSERT_TRUE(first);
+  master_->Answer(*first);
+  ASSERT_TRUE(master_->Receive());
+  ASSERT_TRUE(master_->Receive());
+  // So that the answer is seen before the end.
+  ASSERT_TRUE(master_->Ask(master_->Get({NameOf(kText)})));
+  master_->Disconnect();
+  SnmpNotify(Numbered(4));
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  for (uint32_t i = 2; i <= 4; i++) {
+    std::optional<AgentxPacket> packet = master_->Receive();
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), i);
+  }
+}
+
+// ---- Sets ----
+
+TEST_F(SnmpSideTest, SetIsCheckedAppliedAndReadable) {
+  StartWithMaster();
+  PublishMisc();
+  set_handler = [this](uint8_t phase, SetItem &item) {
+    EXPECT_EQ(item.object_id, 1U);
+    EXPECT_EQ(item.slot, 2);
+    EXPECT_EQ(item.length, 3);
+    EXPECT_STREQ(reinterpret_cast<const char *>(item.value.data()), "new");
+    if (phase != SET_CHECK) {
+      auto image = std::make_shared<Image>(*misc_);
+      Store(image.get(), 2, "new", 4);
+      SnmpPublish(image);
+    }
+    return 0;
+  };
+  StartAgent();
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "new")})), 0);
+  EXPECT_EQ(set_applies, 0);
+  EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 5)), 0);
+  EXPECT_EQ(ReadText(kText), "new");
+  master_->Send(master_->Phase(kCleanupSet, 5));
+  EXPECT_EQ(set_checks, 1);
+  EXPECT_EQ(set_applies, 1);
+}
+
+TEST_F(SnmpSideTest, SetsRefusedByTheTableAlone) {
+  StartWithMaster();
+  PublishMisc();
+  // No agent thread serves: none of these waits for it.
+  struct {
+    Binding binding;
+    int error;
+  } cases[] = {
+      {NumberBinding(kReadOnly, 5), kNotWritable},
+      {TextBinding(kReadOnly, "x"), kNotWritable},
+      {TextBinding(kNumber, "5"), kWrongType},
+      {NumberBinding(kText, 5), kWrongType},
+      {TextBinding(kText, std::string(Mib(kText).max_length + 1U, 'x')), kWrongLength},
+      {TextBinding(kText, std::string("a\0b", 3)), kWrongValue},
+      {TextBinding(kText, "x", 1), kNoCreation},
+      {TextBinding(kColumn, "x", 3), kNoCreation},
+      {TextBinding(kColumn, std::string(300, 'x'), 3), kWrongLength},
+      {NumberBinding(kColumn, 3), kWrongType},
+  };
+  Binding unknown = NumberBinding(kNumber, 1);
+  unknown.name = {1, 3, 6, 1, 4, 1, 4891, 11, 250, 0};
+  uint32_t transaction = 100;
+  for (const auto &c : cases) {
+    EXPECT_EQ(AskFor(master_->TestSet(transaction, {c.binding})), c.error) << transaction;
+    master_->Send(master_->Phase(kCleanupSet, transaction++));
+  }
+  EXPECT_EQ(AskFor(master_->TestSet(transaction, {unknown})), kNotWritable);
+  // The index of the variable that is wrong.
+  std::optional<AgentxPacket> answer =
+      master_->Ask(master_->TestSet(99, {TextBinding(kText, "ok"), NumberBinding(kReadOnly, 1)}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Error(), kNotWritable);
+  EXPECT_EQ(answer->ErrorIndex(), 2);
+  EXPECT_EQ(set_checks, 0);
+}
+
+TEST_F(SnmpSideTest, DisabledSetsAreNotWritable) {
+  StartWithMaster();
+  PublishMisc();
+  SnmpEnableSets(false);
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "new")})), kNotWritable);
+  EXPECT_EQ(AskFor(master_->TestSet(6, {NumberBinding(kText, 1)})), kNotWritable);
+}
+
+// An object may define a variable read-only that the MIB lets be written.
+TEST_F(SnmpSideTest, ReadOnlyInTheObjectIsNotWritable) {
+  StartWithMaster();
+  PublishMisc();
+  auto layout = std::make_shared<Layout>(*misc_->layout);
+  layout->variables[2].writable = false;
+  auto image = std::make_shared<Image>(*misc_);
+  image->layout = layout;
+  SnmpPublish(image);
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "new")})), kNotWritable);
+}
+
+TEST_F(SnmpSideTest, RefusedByTheHandler) {
+  StartWithMaster();
+  PublishMisc();
+  set_handler = [](uint8_t, SetItem &item) { return item.slot == 0 ? -1 : 0; };
+  StartAgent();
+  std::optional<AgentxPacket> answer =
+      master_->Ask(master_->TestSet(5, {TextBinding(kText, "x"), NumberBinding(kNumber, 1)}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Error(), kWrongValue);
+  EXPECT_EQ(answer->ErrorIndex(), 2);
+  master_->Send(master_->Phase(kCleanupSet, 5));
+  EXPECT_EQ(set_applies, 0);
+}
+
+TEST_F(SnmpSideTest, FailedApplyIsCommitFailed) {
+  StartWithMaster();
+  PublishMisc();
+  set_handler = [](uint8_t phase, SetItem &) { return phase == SET_CHECK ? 0 : -1; };
+  StartAgent();
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "x")})), 0);
+  EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 5)), kCommitFailed);
+  // An undo that could not be done would hide the reason.
+  EXPECT_EQ(AskFor(master_->Phase(kUndoSet, 5)), 0);
+}
+
+TEST_F(SnmpSideTest, UndoOfAnAppliedSetFails) {
+  StartWithMaster();
+  PublishMisc();
+  StartAgent();
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "x")})), 0);
+  EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 5)), 0);
+  EXPECT_EQ(AskFor(master_->Phase(kUndoSet, 5)), kUndoFailed);
+}
+
+TEST_F(SnmpSideTest, BusyAgentIsResourceUnavailableInTimeAndNeverApplied) {
+  StartWithMaster();
+  PublishMisc();
+  auto start = steady_clock::now();
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "x")})), kResourceUnavailable);
+  auto took = steady_clock::now() - start;
+  EXPECT_GE(took, milliseconds(690));
+  EXPECT_LT(took, milliseconds(950));
+  // Even if the master went on.
+  StartAgent();
+  EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 5)), kCommitFailed);
+  StopAgent();
+  EXPECT_EQ(set_checks, 0);
+  EXPECT_EQ(set_applies, 0);
+}
+
+TEST_F(SnmpSideTest, ReadsAreAnsweredWhileASetWaits) {
+  StartWithMaster();
+  PublishMisc();
+  master_->Send(master_->TestSet(5, {TextBinding(kText, "x")}));
+  auto start = steady_clock::now();
+  EXPECT_EQ(ReadText(kText), "hello");
+  EXPECT_LT(steady_clock::now() - start, milliseconds(300));
+}
+
+// The master asks again after a second; by then it has its answer, but a packet may cross it.
+TEST_F(SnmpSideTest, RepeatedPhasesAreRecognised) {
+  StartWithMaster();
+  PublishMisc();
+  set_handler = [](uint8_t phase, SetItem &) {
+    if (phase == SET_CHECK) {
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+    return 0;
+  };
+  StartAgent();
+  AgentxPacket test = master_->TestSet(5, {TextBinding(kText, "x")});
+  master_->Send(test);
+  EXPECT_EQ(AskFor(test), 0);  // while the first one is on its way
+  EXPECT_EQ(AskFor(test), 0);  // after its answer
+  AgentxPacket commit = master_->Phase(kCommitSet, 5);
+  EXPECT_EQ(AskFor(commit), 0);
+  EXPECT_EQ(AskFor(commit), 0);
+  EXPECT_EQ(set_checks, 1);
+  EXPECT_EQ(set_applies, 1);
+}
+
+TEST_F(SnmpSideTest, BothSubtreesInOneRequest) {
+  StartWithMaster();
+  PublishMisc();
+  std::vector<std::string> order;
+  set_handler = [&order](uint8_t phase, SetItem &item) {
+    order.push_back((phase == SET_CHECK ? "check " : "apply ") + std::to_string(item.object_id));
+    return 0;
+  };
+  StartAgent();
+  AgentxPacket first = master_->TestSet(5, {TextBinding(kOther, "a")});
+  AgentxPacket second = master_->TestSet(5, {TextBinding(kText, "b")});
+  master_->Send(first);
+  EXPECT_EQ(AskFor(second), 0);
+  AgentxPacket commit_first = master_->Phase(kCommitSet, 5);
+  AgentxPacket commit_second = master_->Phase(kCommitSet, 5);
+  master_->Send(commit_first);
+  EXPECT_EQ(AskFor(commit_second), 0);
+  StopAgent();
+  EXPECT_EQ(order, (std::vector<std::string>{"check 2", "check 1", "apply 2", "apply 1"}));
+}
+
+TEST_F(SnmpSideTest, RefusalOfOnePartIsTheRequestsError) {
+  StartWithMaster();
+  PublishMisc();
+  // The first part waits for a busy agent when the second is refused by the table.
+  AgentxPacket first = master_->TestSet(5, {TextBinding(kOther, "a")});
+  AgentxPacket second = master_->TestSet(5, {NumberBinding(kReadOnly, 1)});
+  master_->Send(first);
+  EXPECT_EQ(AskFor(second), kNotWritable);
+  std::optional<AgentxPacket> answer = master_->Receive();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->packet, first.packet);
+  EXPECT_EQ(answer->Error(), 0);
+  EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 5)), kCommitFailed);
+  StartAgent();
+  std::this_thread::sleep_for(milliseconds(30));
+  EXPECT_EQ(set_applies, 0);
+}
+
+TEST_F(SnmpSideTest, LostSessionReleasesTheAgent) {
+  StartWithMaster();
+  PublishMisc();
+  std::atomic<bool> back{false};
+  EXPECT_EQ(set_checks, 0);
+  agent_ = std::thread([&back] {
+    pollfd entry = {SetChannelFd(), POLLIN, 0};
+    poll(&entry, 1, 3000);
+    ServeSets(RunOneSet);
+    back = true;
+  });
+  EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "x")})), 0);
+  EXPECT_FALSE(back);
+  auto start = steady_clock::now();
+  master_->Disconnect();
+  agent_.join();
+  EXPECT_LT(steady_clock::now() - start, milliseconds(500));
+  EXPECT_EQ(set_applies, 0);
+}
+
+TEST_F(SnmpSideTest, CommitOfAnUnknownTransactionFails) {
+  StartWithMaster();
+  EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 77)), kCommitFailed);
+  EXPECT_EQ(AskFor(master_->Phase(kUndoSet, 77)), 0);
+}
+
+// ---- The rest ----
+
+std::atomic<int> ticks;
+
+TEST_F(SnmpSideTest, TicksWithOrWithoutAMaster) {
+  ticks = 0;
+  SnmpSetTick([] { ticks++; }, 20);
+  Start();
+  std::this_thread::sleep_for(milliseconds(300));
+  SnmpSetTick(nullptr, 0);
+  EXPECT_GE(ticks, 5);
+  EXPECT_LE(ticks, 17);
+}
+
+TEST_F(SnmpSideTest, PublishingDoesNotWaitForTheThread) {
+  master_ = std::make_unique<FakeMaster>(socket_);
+  Start();
+  misc_ = MakeImage(1, 0, {kText});
+  auto start = steady_clock::now();
+  constexpr int kTimes = 20000;
+  for (int i = 0; i < kTimes; i++) {
+    SnmpPublish(misc_);
+  }
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
+}
+
+TEST_F(SnmpSideTest, QueryOfAPortNobodyListensOnFailsAtOnce) {
+  Start();
+  int32_t value = 7;
+  int status = 9;
+  auto start = steady_clock::now();
+  // An address of the loopback network that no test listens on.
+  EXPECT_EQ(SnmpQueryInteger("127.200.3.4", "public", "1.3.6.1.2.1.1.7.0", &value, &status), -1);
+  EXPECT_LT(steady_clock::now() - start, milliseconds(2500));
+  EXPECT_EQ(value, 7);
+  EXPECT_EQ(SnmpQueryInteger("127.0.0.1", "public", "nonsense", &value, &status), -1);
+  EXPECT_EQ(SnmpQueryInteger("not an address", "public", "1.3.6", &value, &status), -1);
+  SnmpStop();
+  EXPECT_EQ(SnmpQueryInteger("127.0.0.1", "public", "1.3.6", &value, &status), -1);
+  EXPECT_EQ(value, 7);
+}
+
+}  // namespace
+}  // namespace vex
