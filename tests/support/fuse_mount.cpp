@@ -132,8 +132,8 @@ FuseMount::FuseMount(const std::string &directory, uint64_t blocks, uint64_t fre
   s.stop = eventfd(0, EFD_CLOEXEC);
   const std::string options =
       "fd=" + std::to_string(s.device) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
-  s.mounted = s.device >= 0 && mount("made-up-fuse", directory.c_str(), "fuse", 0,
-                                     options.c_str()) == 0;
+  s.mounted =
+      s.device >= 0 && mount("made-up-fuse", directory.c_str(), "fuse", 0, options.c_str()) == 0;
   if (!s.mounted) {
     ADD_FAILURE() << "FUSE mount on " << directory << ": " << strerror(errno);
     return;
