@@ -152,6 +152,14 @@ TEST(MibTable, IsWhatSnmpdServesOnAnAppliance) {
   ASSERT_TRUE(host.daemon.Poll());
   CheckServedTree(host);
   EXPECT_EQ(Instances("tlxHoPagingMemoryFree"), 1U);
+
+  // Between them the groups have used every variable of the modules.
+  std::vector<std::string> unused;
+  for (const vex::MibVariable &variable : vex::MibVariables()) {
+    if (variable.access != vex::MibAccess::kNotify && Instances(variable.name) == 0)
+      unused.push_back(variable.name);
+  }
+  EXPECT_EQ(unused, std::vector<std::string>{});
 }
 
 TEST(MibTable, RowNumbersAndUnusedNumbersAreNotServed) {
