@@ -12,58 +12,16 @@
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <map>
 #include <memory>
 
 #include "framework/registry_dir.h"
+#include "framework/registry_format.h"
 
 namespace vex {
 
 namespace {
 
-// ---- The format (docs/registry-format.md). Fixed-width fields in the machine's own order: the
-// files never leave the machine, and the magic tells a file of the other order.
-static_assert(std::endian::native == std::endian::little);
-
-constexpr char kMagic[8] = {'V', 'E', 'X', 'R', 'E', 'G', '1', '\n'};
-constexpr uint32_t kVersion = 1;
-
-struct FileHeader {
-  char magic[8];
-  uint32_t version;
-  uint32_t var_count;
-  uint32_t data_size;
-  uint32_t names_size;    // bytes of names behind the descriptor table
-  uint32_t slots_offset;  // of slot 0 in the file
-  uint32_t slot_size;     // slot 1 follows slot 0 at once
-  uint64_t checksum;      // of the header (this field as 0), the table and the names
-};
-static_assert(sizeof(FileHeader) == 40);
-
-struct FileDescriptor {
-  uint32_t size;
-  uint32_t offset;
-  uint32_t name_offset;  // in the names
-  uint16_t name_length;
-  uint8_t type;
-  uint8_t access;
-};
-static_assert(sizeof(FileDescriptor) == 16);
-
-// Behind it: one uint16_t current length a variable, padding to a multiple of 8, the data block,
-// padding to a multiple of 8. All zero: a slot that was never written.
-struct SlotHeader {
-  uint64_t sequence;
-  int64_t published_ns;
-  uint64_t checksum;  // of the slot (this field as 0), begun with the header's checksum
-};
-static_assert(sizeof(SlotHeader) == 24);
-
-constexpr size_t kMaxFile = size_t{4} << 20;
-constexpr size_t kMaxVariables = 4096;
-constexpr size_t kMaxData = size_t{1} << 20;
-constexpr size_t kMaxName = 255;  // of a variable
 // Of a component of an object's name: room for what a temporary name adds within NAME_MAX.
 constexpr size_t kMaxComponent = 200;
 constexpr size_t kMaxRelative = 1024;
@@ -71,27 +29,6 @@ constexpr int kMaxDepth = 16;  // of directories in ListObjects()
 // Looks of a reader at a file that is being written; two equal looks end it sooner.
 constexpr int kLooks = 20;
 constexpr long kLookPauseNs = 50'000;
-
-constexpr size_t Padded(size_t n) {
-  return (n + 7) & ~size_t{7};
-}
-
-constexpr size_t SlotSize(size_t var_count, size_t data_size) {
-  return sizeof(SlotHeader) + Padded(2 * var_count) + Padded(data_size);
-}
-
-// FNV-1a's scheme on 64-bit words, with a shift that brings the high bits back down. size is a
-// multiple of 8.
-uint64_t Checksum(const uint8_t *bytes, size_t size, uint64_t seed) {
-  uint64_t h = seed ^ 0xcbf29ce484222325;
-  for (size_t i = 0; i < size; i += 8) {
-    uint64_t word;
-    memcpy(&word, bytes + i, 8);
-    h = (h ^ word) * 0x9e3779b97f4a7c15;
-    h ^= h >> 32;
-  }
-  return h;
-}
 
 template <typename T>
 T Load(const uint8_t *bytes) {
@@ -133,14 +70,15 @@ std::optional<Head> ParseHead(const std::vector<uint8_t> &file) {
   }
   std::vector<uint8_t> covered(file.begin(), file.begin() + h.slots_offset);
   Store<uint64_t>(&covered[offsetof(FileHeader, checksum)], 0);
-  if (Checksum(covered.data(), covered.size(), 0) != h.checksum) {
+  if (RegistryChecksum(covered.data(), covered.size(), 0) != h.checksum) {
     return std::nullopt;
   }
   head.variables.reserve(h.var_count);
   for (size_t i = 0; i < h.var_count; i++) {
     const auto d = Load<FileDescriptor>(&file[table + i * sizeof(FileDescriptor)]);
-    if (d.offset > h.data_size || d.size > h.data_size - d.offset || d.name_length > kMaxName ||
-        d.name_offset > h.names_size || d.name_length > h.names_size - d.name_offset) {
+    if (d.offset > h.data_size || d.size > h.data_size - d.offset ||
+        d.name_length > kMaxVariableName || d.name_offset > h.names_size ||
+        d.name_length > h.names_size - d.name_offset) {
       return std::nullopt;
     }
     FileVariable v;
@@ -173,9 +111,9 @@ SlotState CheckSlot(const std::vector<uint8_t> &file, const Head &head, size_t o
   const uint8_t *lengths = slot + sizeof(SlotHeader);
   SlotHeader covered = h;
   covered.checksum = 0;
-  uint64_t sum =
-      Checksum(reinterpret_cast<const uint8_t *>(&covered), sizeof(covered), head.header.checksum);
-  sum = Checksum(lengths, head.header.slot_size - sizeof(SlotHeader), sum);
+  uint64_t sum = RegistryChecksum(reinterpret_cast<const uint8_t *>(&covered), sizeof(covered),
+                                  head.header.checksum);
+  sum = RegistryChecksum(lengths, head.header.slot_size - sizeof(SlotHeader), sum);
   if (h.sequence == 0 || sum != h.checksum) {
     return SlotState::kBad;
   }
@@ -476,6 +414,39 @@ std::optional<std::string> ResolveObjectName(std::string_view name, std::string_
   return relative && !relative->empty() ? std::move(relative) : std::nullopt;
 }
 
+// FNV-1a's scheme on 64-bit words, with a shift that brings the high bits back down.
+uint64_t RegistryChecksum(const uint8_t *bytes, size_t size, uint64_t seed) {
+  uint64_t h = seed ^ 0xcbf29ce484222325;
+  for (size_t i = 0; i < size; i += 8) {
+    h = (h ^ Load<uint64_t>(bytes + i)) * 0x9e3779b97f4a7c15;
+    h ^= h >> 32;
+  }
+  return h;
+}
+
+std::optional<FileObject> ParseObjectFile(const std::vector<uint8_t> &file, bool *torn) {
+  *torn = false;
+  std::optional<Head> head = ParseHead(file);
+  if (!head) {
+    return std::nullopt;
+  }
+  size_t newest = 0;  // no slot begins there
+  uint64_t sequence = 0;
+  for (const size_t offset : {size_t{head->header.slots_offset},
+                              size_t{head->header.slots_offset} + head->header.slot_size}) {
+    const SlotState state = CheckSlot(file, *head, offset);
+    *torn = *torn || state == SlotState::kBad;
+    if (state == SlotState::kGood && Load<SlotHeader>(&file[offset]).sequence > sequence) {
+      sequence = Load<SlotHeader>(&file[offset]).sequence;
+      newest = offset;
+    }
+  }
+  if (newest == 0) {
+    return std::nullopt;
+  }
+  return TakeSlot(file, std::move(*head), newest);
+}
+
 std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view root) {
   const std::optional<std::string> relative = ResolveObjectName(name, root);
   if (!relative) {
@@ -491,40 +462,18 @@ std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view
     if (!file) {
       return std::nullopt;
     }
-    std::optional<Head> head = ParseHead(*file);
-    if (!head) {
-      return std::nullopt;  // never changes in place: nothing to wait for
-    }
-    const size_t offsets[2] = {head->header.slots_offset,
-                               size_t{head->header.slots_offset} + head->header.slot_size};
-    int newest = -1;
     bool torn = false;
-    uint64_t sequence = 0;
-    for (int i = 0; i < 2; i++) {
-      const SlotState state = CheckSlot(*file, *head, offsets[i]);
-      torn = torn || state == SlotState::kBad;
-      if (state == SlotState::kGood) {
-        const auto s = Load<SlotHeader>(&(*file)[offsets[i]]).sequence;
-        if (s > sequence) {
-          sequence = s;
-          newest = i;
-        }
-      }
-    }
+    std::optional<FileObject> object = ParseObjectFile(*file, &torn);
     // One slot torn, and the other may be older than what was complete when we began: while the
     // first was read, the writer may have gone round. The same bytes twice show that it did not.
-    if (torn && look < kLooks && !(look > 1 && *file == before)) {
-      before = std::move(*file);
-      if (look > 1) {
-        const timespec pause = {0, kLookPauseNs};
-        nanosleep(&pause, nullptr);
-      }
-      continue;
+    if (!torn || look == kLooks || (look > 1 && *file == before)) {
+      return object;
     }
-    if (newest < 0) {
-      return std::nullopt;
+    before = std::move(*file);
+    if (look > 1) {
+      const timespec pause = {0, kLookPauseNs};
+      nanosleep(&pause, nullptr);
     }
-    return TakeSlot(*file, std::move(*head), offsets[newest]);
   }
 }
 
@@ -555,7 +504,7 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
                                                uint32_t data_size) {
   size_t names_size = 0;
   for (const FileVariable &v : variables) {
-    names_size += std::min(v.name.size(), kMaxName);
+    names_size += std::min(v.name.size(), kMaxVariableName);
   }
   const size_t names = sizeof(FileHeader) + variables.size() * sizeof(FileDescriptor);
   auto layout = std::make_shared<FileLayout>();
@@ -575,7 +524,7 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
     d.size = v.size;
     d.offset = v.offset;
     d.name_offset = static_cast<uint32_t>(name_offset);
-    d.name_length = static_cast<uint16_t>(std::min(v.name.size(), kMaxName));
+    d.name_length = static_cast<uint16_t>(std::min(v.name.size(), kMaxVariableName));
     d.type = v.type;
     d.access = v.access;
     Store(&layout->bytes[sizeof(FileHeader) + i * sizeof(FileDescriptor)], d);
@@ -585,7 +534,7 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
     name_offset += d.name_length;
   }
   Store(layout->bytes.data(), header);
-  header.checksum = Checksum(layout->bytes.data(), layout->bytes.size(), 0);
+  header.checksum = RegistryChecksum(layout->bytes.data(), layout->bytes.size(), 0);
   Store(layout->bytes.data(), header);
   layout->data_size = data_size;
   layout->var_count = header.var_count;
@@ -622,8 +571,8 @@ void EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, cons
   header.sequence = sequence;
   header.published_ns = static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
   const uint64_t sum =
-      Checksum(reinterpret_cast<const uint8_t *>(&header), sizeof(header), layout.checksum);
-  header.checksum = Checksum(p, size - sizeof(SlotHeader), sum);
+      RegistryChecksum(reinterpret_cast<const uint8_t *>(&header), sizeof(header), layout.checksum);
+  header.checksum = RegistryChecksum(p, size - sizeof(SlotHeader), sum);
   Store(slot, header);
 }
 

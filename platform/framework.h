@@ -288,7 +288,8 @@ int stat_mounts(const char *const *paths, size_t count, struct mount_stats *resu
 
 /* ---- The machine ------------------------------------------------------------------------- */
 
-/* Non-zero on an appliance (/etc/quorix/appliance.conf exists). */
+/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and no line of it is broken. Read once
+ * a process. */
 int is_appliance(void);
 
 /* An appliance datum by key; owned by the framework. "ProductID" points to an int32_t, the others
