@@ -157,7 +157,8 @@ std::string VexregPath() {
 }
 
 std::string TestAgentPath() {
-  return VEX_TESTS_AGENT;
+  const char *other = getenv("VEXHOSTD_TEST_AGENT");
+  return other != nullptr ? other : VEX_TESTS_AGENT;
 }
 
 // ---- snmpd ---------------------------------------------------------------------------------
