@@ -12,7 +12,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <vector>
 
+#include "framework/guard.h"
 #include "framework/registry_dir.h"
 #include "platform/framework.h"
 
@@ -23,6 +25,9 @@ namespace {
 constexpr int kLimitMs = 120 * 1000;
 // How often to look for the shell's end where the kernel has no pidfd.
 constexpr int kLookMs = 20;
+// How long a killed shell may take to end. One that waits in the kernel for what never comes (ps(1)
+// does, for a process that hangs there itself) may not end at all.
+constexpr int kEndMs = 1000;
 
 int64_t NowMs() {
   timespec now;
@@ -63,6 +68,27 @@ pid_t Start(const char *command, int output) {
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return started ? pid : -1;
+}
+
+// Shells that were killed and have not ended; agent thread only.
+std::vector<pid_t> &Unended() {
+  static auto *pids = new std::vector<pid_t>;
+  return *pids;
+}
+
+bool HasEnded(pid_t pid) {
+  const pid_t gone = waitpid(pid, nullptr, WNOHANG);
+  return gone == pid || (gone < 0 && errno == ECHILD);
+}
+
+void Kill(pid_t pid) {
+  kill(-pid, SIGKILL);
+  for (const int64_t deadline = NowMs() + kEndMs; !HasEnded(pid); poll(nullptr, 0, kLookMs)) {
+    if (NowMs() >= deadline) {
+      Unended().push_back(pid);
+      return;
+    }
+  }
 }
 
 // Where output goes; what does not fit is dropped.
@@ -108,6 +134,7 @@ int RunCommand(const char *command, char *output, int *length, int limit_ms) {
   if (length != nullptr) {
     *length = 0;
   }
+  std::erase_if(Unended(), HasEnded);
   int ends[2];
   if (command == nullptr || pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
     return -1;
@@ -137,10 +164,8 @@ int RunCommand(const char *command, char *output, int *length, int limit_ms) {
     }
     const int64_t left = deadline - NowMs();
     if (left <= 0) {
-      kill(-pid, SIGKILL);
+      Kill(pid);
       killed = true;
-      while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-      }
       break;
     }
     int wait_ms = static_cast<int>(std::min<int64_t>(left, limit_ms));
@@ -169,5 +194,5 @@ int RunCommand(const char *command, char *output, int *length, int limit_ms) {
 }  // namespace vex
 
 int process_linux_cmd(const char *command, char *output, int *length) {
-  return vex::RunCommand(command, output, length, vex::kLimitMs);
+  return vex::Guarded(-1, [&] { return vex::RunCommand(command, output, length, vex::kLimitMs); });
 }

@@ -54,6 +54,8 @@ std::optional<std::string> ResolveDirectoryName(std::string_view name, std::stri
 // Opens `path` below the directory `root` without following any symbolic link and without leaving
 // root; "" is root itself. Close-on-exec. A descriptor, or -1 with errno.
 int OpenBeneath(int root, const std::string &path, int flags, mode_t mode = 0);
+// The same one component at a time, for kernels and sandboxes without openat2(2).
+int OpenBeneathByWalk(int root, const std::string &path, int flags, mode_t mode = 0);
 
 // Opens a registry's root directory (O_PATH); links on the way to it are the administrator's and
 // are followed. With create, it and what is missing above it are made. -1 with errno.

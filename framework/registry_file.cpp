@@ -270,25 +270,8 @@ std::pair<std::string, std::string> SplitPath(const std::string &path) {
   return {path.substr(0, slash), path.substr(slash + 1)};
 }
 
-int OpenBeneath(int root, const std::string &path, int flags, mode_t mode) {
-  static std::atomic<bool> kernel_has_openat2{true};
+int OpenBeneathByWalk(int root, const std::string &path, int flags, mode_t mode) {
   const std::string &target = path.empty() ? "." : path;
-  if (kernel_has_openat2.load(std::memory_order_relaxed)) {
-    open_how how = {};
-    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
-    how.mode = (flags & O_CREAT) != 0 ? mode : 0;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-    const long fd = syscall(SYS_openat2, root, target.c_str(), &how, sizeof(how));
-    if (fd >= 0) {
-      return static_cast<int>(fd);
-    }
-    if (errno == ENOSYS) {
-      kernel_has_openat2.store(false, std::memory_order_relaxed);
-    } else if (errno != EPERM) {  // EPERM may be a sandbox that does not know the call
-      return -1;
-    }
-  }
-  // One component at a time, none of them a link.
   Descriptor at;
   size_t begin = 0;
   for (;;) {
@@ -308,6 +291,27 @@ int OpenBeneath(int root, const std::string &path, int flags, mode_t mode) {
     }
     begin = slash + 1;
   }
+}
+
+int OpenBeneath(int root, const std::string &path, int flags, mode_t mode) {
+  static std::atomic<bool> kernel_has_openat2{true};
+  const std::string &target = path.empty() ? "." : path;
+  if (kernel_has_openat2.load(std::memory_order_relaxed)) {
+    open_how how = {};
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
+    how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    const long fd = syscall(SYS_openat2, root, target.c_str(), &how, sizeof(how));
+    if (fd >= 0) {
+      return static_cast<int>(fd);
+    }
+    if (errno == ENOSYS) {
+      kernel_has_openat2.store(false, std::memory_order_relaxed);
+    } else if (errno != EPERM) {  // EPERM may be a sandbox that does not know the call
+      return -1;
+    }
+  }
+  return OpenBeneathByWalk(root, path, flags, mode);
 }
 
 int MakeDirectories(int root, const std::string &path, bool parents) {

@@ -14,6 +14,7 @@
 
 #include <random>
 
+#include "framework/registry_dir.h"
 #include "tests/unit/framework/temp_registry.h"
 
 namespace vex {
@@ -113,6 +114,38 @@ TEST(ResolveObjectName, GoesByTheTextAlone) {
   EXPECT_EQ(ResolveObjectName("/tmp/r/a/b", "/tmp/r"), "a/b");
   EXPECT_EQ(ResolveObjectName("a", "/tmp/r/"), "a");
   EXPECT_FALSE(ResolveObjectName("../../kelmo/registry/a", "/tmp/r"));
+}
+
+TEST_F(RegistryFile, NoWayOfOpeningLeavesTheRootOrFollowsALink) {
+  fs::create_directories(registry_.Path("host/sub"));
+  WriteBytes(registry_.Path("host/sub/file"), {'x'});
+  WriteBytes(registry_.base() + "/outside", {'x'});
+  fs::create_symlink("file", registry_.Path("host/sub/link"));
+  fs::create_directory_symlink("host", registry_.Path("alias"));
+  struct {
+    const char *path;
+    int flags;
+    bool opens;
+  } const table[] = {
+      {"", O_RDONLY | O_DIRECTORY, true},         {"", O_PATH | O_DIRECTORY, true},
+      {"host", O_PATH | O_DIRECTORY, true},       {"host/sub/file", O_RDONLY, true},
+      {"host/sub/new", O_WRONLY | O_CREAT, true}, {"host/sub/file", O_RDONLY | O_DIRECTORY, false},
+      {"host/sub/link", O_RDONLY, false},         {"alias/sub/file", O_RDONLY, false},
+      {"alias", O_RDONLY | O_DIRECTORY, false},   {"host/missing", O_RDONLY, false},
+      {"missing/file", O_RDONLY, false},          {"host/sub/file/x", O_RDONLY, false},
+      {"../../outside", O_RDONLY, false},         {"host/../../../outside", O_RDONLY, false},
+  };
+  const Descriptor root(OpenRegistryRoot(registry_.root(), false));
+  ASSERT_TRUE(root);
+  for (const auto &row : table) {
+    for (const auto open : {OpenBeneath, OpenBeneathByWalk}) {
+      const Descriptor fd(open(root.get(), row.path, row.flags, 0600));
+      EXPECT_EQ(static_cast<bool>(fd), row.opens) << row.path;
+      if (fd) {
+        EXPECT_NE(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0) << row.path;
+      }
+    }
+  }
 }
 
 TEST_F(RegistryFile, ReadsBackWhatWasPublished) {
