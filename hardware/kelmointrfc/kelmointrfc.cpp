@@ -22,6 +22,7 @@
 
 namespace {
 
+constexpr char kTableDirectory[] = "/sys/firmware/dmi/tables";
 constexpr char kEntryPointFile[] = "/sys/firmware/dmi/tables/smbios_entry_point";
 constexpr char kTableFile[] = "/sys/firmware/dmi/tables/DMI";
 
@@ -76,7 +77,7 @@ std::string Load() {
   }
   const char *problem = "";
   tables = vex::SmbiosTables::Parse(*entry, *table, &problem);
-  return tables ? "" : std::string(kTableFile) + ": " + problem;
+  return tables ? "" : std::string(kTableDirectory) + ": " + problem;
 }
 
 }  // namespace
