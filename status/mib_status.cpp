@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "core/util.h"
@@ -196,6 +197,29 @@ static constexpr int health_trap = 11020;
 static constexpr char proc_directory[] = "/proc";
 static constexpr size_t command_size = 256;
 
+// A process whose program path names a peer: the rows that it matches, a bit each.
+struct named_process {
+  pid_t pid;
+  uint32_t status_rows;
+  uint32_t health_rows;
+};
+
+// The last reading of /proc. It costs 4 microseconds a process, so the health array, built right
+// after the status array, takes the reading made for that one, unless peers that were asked in
+// between took their time.
+static constexpr int64_t reading_lasts = 200'000'000;  // nanoseconds
+static named_process *named;
+static size_t named_count;
+static size_t named_capacity;
+static int64_t read_at;
+static bool left_for_health;
+
+static int64_t monotonic_time() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+}
+
 // Reads the first line, at most, of a process's command line (proc(5): arguments end in NUL, so as
 // text it is the program path). False when it cannot be opened. Plain calls below the directory
 // already open: with ten thousand processes a scan must stay in the tens of milliseconds.
@@ -213,47 +237,88 @@ static bool read_command(int proc, const char *pid, char command[command_size]) 
   return true;
 }
 
-// Notes for every peer of a process whether it runs in another process group than before.
-static void note_process(peer *peers, size_t count, pid_t pid, const char *command) {
-  for (size_t i = 0; i < count; i++) {
-    peer &p = peers[i];
-    if (strstr(command, p.process) == nullptr) {
+template <size_t N>
+static uint32_t matching_rows(const peer (&peers)[N], const char *command) {
+  static_assert(N <= 32);
+  uint32_t rows = 0;
+  for (size_t i = 0; i < N; i++) {
+    if (strstr(command, peers[i].process) != nullptr) {
+      rows |= uint32_t{1} << i;
+    }
+  }
+  return rows;
+}
+
+// Keeps a process that names a peer; without memory it is passed over.
+static void keep_process(pid_t pid, const char *command) {
+  const named_process process = {pid, matching_rows(status_peers, command),
+                                 matching_rows(health_peers, command)};
+  if ((process.status_rows | process.health_rows) == 0) {
+    return;
+  }
+  if (named_count == named_capacity) {
+    const size_t capacity = named_capacity > 0 ? 2 * named_capacity : 64;
+    void *grown = realloc(named, capacity * sizeof(*named));
+    if (grown == nullptr) {
+      return;
+    }
+    named = static_cast<named_process *>(grown);
+    named_capacity = capacity;
+  }
+  named[named_count++] = process;
+}
+
+// Returns 0, or -1 when the processes cannot be listed.
+static int read_processes() {
+  named_count = 0;
+  const directory_handle proc(opendir(proc_directory));
+  if (!proc) {
+    agentlog_fprintf(stderr, "cannot opendir(%s)", proc_directory);  // without a newline
+    return -1;
+  }
+  const int descriptor = dirfd(proc.get());
+  while (const dirent *entry = readdir(proc.get())) {
+    const long pid = strtol(entry->d_name, nullptr, 10);
+    char command[command_size];
+    if (pid != 0 && read_command(descriptor, entry->d_name, command)) {
+      keep_process(static_cast<pid_t>(pid), command);
+    }
+  }
+  read_at = monotonic_time();
+  return 0;
+}
+
+// Notes for the peers that a process matches whether it runs in another group than before.
+static void note_process(peer *peers, uint32_t rows, pid_t pid) {
+  const pid_t group = rows != 0 ? getpgid(pid) : -1;
+  if (group < 0) {
+    return;  // it has ended meanwhile
+  }
+  for (peer *p = peers; rows != 0; p++, rows >>= 1) {
+    if ((rows & 1) == 0) {
       continue;
     }
-    const pid_t group = getpgid(pid);
-    if (group < 0) {
-      return;  // it has ended meanwhile
+    if (p->changed != 1) {
+      p->changed = group != p->process_group;
     }
-    if (p.changed != 1) {
-      p.changed = group != p.process_group;
-    }
-    p.process_group = group;
+    p->process_group = group;
   }
 }
 
-// Brings process_group and changed of a table up to date. Returns 0, or -1 when the processes
-// cannot be listed; every peer then counts as changed.
-static int scan_processes(peer *peers, size_t count) {
-  for (size_t i = 0; i < count; i++) {
-    peers[i].changed = being_scanned;
+// Brings process_group and changed of a table up to date after a reading that succeeded or not
+// (then every peer counts as changed).
+template <size_t N>
+static void scan(peer (&peers)[N], uint32_t named_process::*rows, bool reading_succeeded) {
+  for (peer &p : peers) {
+    p.changed = being_scanned;
   }
-  {
-    const directory_handle proc(opendir(proc_directory));
-    if (!proc) {
-      agentlog_fprintf(stderr, "cannot opendir(%s)", proc_directory);  // without a newline
-      return -1;
-    }
-    const int descriptor = dirfd(proc.get());
-    while (const dirent *entry = readdir(proc.get())) {
-      const long pid = strtol(entry->d_name, nullptr, 10);
-      char command[command_size];
-      if (pid != 0 && read_command(descriptor, entry->d_name, command)) {
-        note_process(peers, count, static_cast<pid_t>(pid), command);
-      }
-    }
+  if (!reading_succeeded) {
+    return;
   }
-  for (size_t i = 0; i < count; i++) {
-    peer &p = peers[i];
+  for (size_t i = 0; i < named_count; i++) {
+    note_process(peers, named[i].*rows, named[i].pid);
+  }
+  for (peer &p : peers) {
     if (p.changed == being_scanned) {
       p.changed = p.process_group != 0;
       p.process_group = 0;
@@ -262,7 +327,17 @@ static int scan_processes(peer *peers, size_t count) {
       p.condition = 0;
     }
   }
-  return 0;
+}
+
+static void scan_status_peers() {
+  left_for_health = read_processes() == 0;
+  scan(status_peers, &named_process::status_rows, left_for_health);
+}
+
+static void scan_health_peers() {
+  const bool fresh = left_for_health && monotonic_time() - read_at <= reading_lasts;
+  left_for_health = false;
+  scan(health_peers, &named_process::health_rows, fresh || read_processes() == 0);
 }
 
 // ---- Asking the peers ---------------------------------------------------------------------------
@@ -294,7 +369,7 @@ static unsigned char low_octet(int32_t value) {
 // ---- Entry points -------------------------------------------------------------------------------
 
 void build_status_array(unsigned char array[STATUS_ARRAY_SIZE]) {
-  scan_processes(status_peers, sizeof(status_peers) / sizeof(*status_peers));
+  scan_status_peers();
   int32_t worst = 0;
   for (peer &p : status_peers) {
     if (p.changed != 0) {
@@ -337,7 +412,7 @@ void format_health_trap(const unsigned char array[STATUS_ARRAY_SIZE],
 }
 
 void build_health_array(unsigned char array[STATUS_ARRAY_SIZE]) {
-  scan_processes(health_peers, sizeof(health_peers) / sizeof(*health_peers));
+  scan_health_peers();
   const auto previous = static_cast<signed char>(array[1]);
   int32_t worst_first = 0;
   int32_t worst = 0;

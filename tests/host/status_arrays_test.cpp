@@ -357,7 +357,8 @@ TEST(HealthTrap, NotWhenTrapsAreDisabled) {
   EXPECT_EQ(host.Get("tlxHoGenericData"), "STRING: \"hello\"");
   // A trap of somebody else arrives; none of ours before it.
   ASSERT_EQ(
-      RunCommand({"snmptrap", "-v2c", "-cpublic", "127.0.0.1", "", "1.3.6.1.4.1.4891.0.1"}).status,
+      RunCommand({"snmptrap", "-v2c", "-cpublic", "tcp:127.0.0.1:162", "", "1.3.6.1.4.1.4891.0.1"})
+          .status,
       0);
   const auto traps = host.traps.WaitFor(1);
   ASSERT_EQ(traps.size(), 1U);

@@ -96,7 +96,7 @@ TEST(MiscGroup, ADateToTheSecond) {
   MadeUpHost host;
   host.snmpd.Start();
   DaemonOptions options;
-  options.environment = {{"TZ", "XXX-2"}};
+  options.environment = {{"TZ", "ZONE-2"}};
   options.clock_offset = 1709640420 - static_cast<double>(time(nullptr));
   host.daemon.Start(options);
   const std::string shown = host.Get("tlxHoConfigChangedDate");

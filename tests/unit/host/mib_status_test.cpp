@@ -461,6 +461,36 @@ TEST_F(MibStatus, WithoutProcEveryPeerCountsAsChanged) {
   EXPECT_EQ(rec::Count("init_snmp_connection", "127.0.0.1"), 4);
 }
 
+TEST_F(MibStatus, TheHealthArrayTakesTheReadingOfProcOnce) {
+  Object("ida/misc", {1, 2, 2});
+  Status();
+  Process(10, "vexida", 10);
+  rec::ForgetEvents();
+  Health();
+  EXPECT_EQ(rec::Count("get_obj", "ida/misc"), 1);  // its condition alone: not seen yet
+  rec::ForgetEvents();
+  Health();
+  EXPECT_EQ(rec::Count("get_obj", "ida/misc"), 2);
+}
+
+TEST_F(MibStatus, WithoutProcEachArraySaysSo) {
+  rec::Fail("opendir", "/proc");
+  Status();
+  Health();
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{"cannot opendir(/proc)", "cannot opendir(/proc)"}));
+}
+
+TEST_F(MibStatus, ManyProcessesOfOneName) {
+  Object("ida/misc", {1, 2, 2});
+  for (int pid = 1000; pid < 1300; pid++) {
+    Process(pid, "vexida", 77);
+  }
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  Object("ida/misc", {1, 2, 3});
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+}
+
 // ---- Getters ----------------------------------------------------------------------------------
 
 TEST_F(MibStatus, AnObjectWithTooFewVariables) {
