@@ -18,6 +18,7 @@ namespace {
 constexpr int kGap = 2;              // blanks between columns
 constexpr int kNarrowest = 8;        // a column of text is not wrapped to less
 constexpr uint32_t kLongText = 65;   // text fields of more bytes make the last columns
+constexpr size_t kFewZeros = 16;     // at the end of an octet string; more are not written out
 constexpr int kUnlimited = 1 << 30;  // a width that nothing reaches
 
 struct Character {
@@ -106,11 +107,19 @@ std::string GuidText(std::string_view octets) {
   return text;
 }
 
-// Hexadecimal digits, with a blank after every four octets so that long values can be wrapped.
+// Hexadecimal digits, with a blank after every four octets so that long values can be wrapped. Many
+// zeros at the end, as in an array that is mostly unused, are counted instead.
 std::string OctetText(std::string_view octets) {
+  const size_t used = octets.find_last_not_of('\0') + 1;
+  const size_t shown = octets.size() - used > kFewZeros ? (used + 3) / 4 * 4 : octets.size();
   std::string text;
-  for (size_t i = 0; i < octets.size(); i += 4) {
-    text += (i > 0 ? " " : "") + Hex(octets.substr(i, 4));
+  for (size_t i = 0; i < shown; i += 4) {
+    text += i > 0 ? " " : "";
+    text += Hex(octets.substr(i, 4));
+  }
+  if (shown < octets.size()) {
+    text += text.empty() ? "" : " and ";
+    text += std::to_string(octets.size() - shown) + " zero octets";
   }
   return text;
 }
@@ -383,8 +392,9 @@ void RenderRows(std::string &out, std::string_view group,
                 const std::vector<const NamedObject *> &rows, int width) {
   std::vector<Column> columns = MakeColumns(rows, width == 0);
   if (columns.size() == 1 || (width > 0 && !FitColumns(columns, width))) {
-    for (const NamedObject *row : rows) {
-      RenderList(out, row->name, row->object, width);
+    for (size_t i = 0; i < rows.size(); i++) {
+      out += i > 0 ? "\n" : "";
+      RenderList(out, rows[i]->name, rows[i]->object, width);
     }
     return;
   }

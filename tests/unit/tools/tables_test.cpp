@@ -129,11 +129,17 @@ TEST_F(Tables, NoLineIsLongerThanTheWidth) {
 }
 
 TEST_F(Tables, RowsThatCannotBeFittedBecomeLists) {
-  EXPECT_EQ(RenderTables({Cpu(7, 3, -1)}, 24),
+  EXPECT_EQ(RenderTables({Cpu(7, 3, -1), Cpu(8, 4, 5)}, 24),
             "host/cpu.7\n"
             "  UnitIndex    7\n"
             "  Min (%)      3\n"
             "  FiveMin (%)  -1\n"
+            "  HwLocation\n"
+            "\n"
+            "host/cpu.8\n"
+            "  UnitIndex    8\n"
+            "  Min (%)      4\n"
+            "  FiveMin (%)  5\n"
             "  HwLocation\n");
 }
 
@@ -222,6 +228,12 @@ TEST_F(Tables, Guids) {
 TEST_F(Tables, OtherOctets) {
   EXPECT_EQ(Shown(Octets("o", 9, "\x01\x02\x03\x04\x05")), "01020304 05");
   EXPECT_EQ(Shown(Octets("o", 9, "")), "");
+  EXPECT_EQ(Shown(Octets("o", 9, std::string(9, '\0'))), "00000000 00000000 00");
+  EXPECT_EQ(Shown(Octets("o", 256, std::string(256, '\0'))), "256 zero octets");
+  EXPECT_EQ(Shown(Octets("o", 99, "\x01\x02\x03\x04\x05" + std::string(94, '\0'))),
+            "01020304 05000000 and 91 zero octets");
+  EXPECT_EQ(Shown(Octets("o", 21, "\x01\x02\x03\x04\x05" + std::string(16, '\0'))),
+            "01020304 05000000 00000000 00000000 00000000 00");
 }
 
 // Nothing that an object holds is for the terminal to act on.
