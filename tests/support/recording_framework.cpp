@@ -408,6 +408,10 @@ void *Unlink(queue *q, queue_element *e) {
   (e->previous != nullptr ? e->previous->next : q->head) = e->next;
   (e->next != nullptr ? e->next->previous : PlacesOf(q).tail) = e->previous;
   delete e;
+  if (q->head == nullptr && PlacesOf(q).key_of == nullptr) {
+    delete &PlacesOf(q);
+    q->framework = nullptr;
+  }
   return record;
 }
 

@@ -85,6 +85,10 @@ TEST(RecordingFramework, KeepsQueuesInOrder) {
   EXPECT_EQ(peek_Q(&q, &cursor, Q_NEXT), &values[3]);
   EXPECT_EQ(peek_Q(&q, &cursor, Q_NEXT), &values[0]);
   EXPECT_EQ(peek_Q(&q, &cursor, Q_NEXT), nullptr);
+  EXPECT_EQ(remove_Q(&q, Q_FIRST), &values[3]);
+  EXPECT_EQ(remove_Q(&q, Q_FIRST), &values[0]);
+  EXPECT_EQ(remove_Q(&q, Q_FIRST), nullptr);
+  EXPECT_EQ(q.framework, nullptr);
 }
 
 TEST(RecordingFramework, ServesMadeUpFilesCommandsAndTime) {
