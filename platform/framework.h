@@ -67,14 +67,14 @@ struct descriptor {
 /* An object of the registry. Live objects belong to the framework; the agent writes the data block
  * and descriptor.length, and reads the rest. */
 struct registry_object {
-  const char *name;         /* full path of the object's file */
-  int instance;             /* the number after the last dot of the name; 0 when there is none */
-  int flag;                 /* as given to create_obj(); recorded, without effect here */
-  int data_size;            /* bytes in data */
-  int var_count;            /* entries in desc */
-  struct descriptor *desc;  /* slots 0 .. var_count-1 */
-  unsigned char *data;      /* zeroed by create_obj(); null in a snapshot without data */
-  void *framework;          /* the framework's own; null in a snapshot */
+  const char *name;        /* full path of the object's file */
+  int instance;            /* the number after the last dot of the name; 0 when there is none */
+  int flag;                /* as given to create_obj(); recorded, without effect here */
+  int data_size;           /* bytes in data */
+  int var_count;           /* entries in desc */
+  struct descriptor *desc; /* slots 0 .. var_count-1 */
+  unsigned char *data;     /* zeroed by create_obj(); null in a snapshot without data */
+  void *framework;         /* the framework's own; null in a snapshot */
 };
 
 /* ---- Queues ------------------------------------------------------------------------------ */
@@ -132,10 +132,10 @@ void rekey_Q(struct queue *queue, void *record);
 
 /* ---- Globals and hooks that the agent exports for the framework --------------------------- */
 
-extern const char *agent;           /* the agent's name, set by agent_main() from argv[0] */
-extern int32_t poll_time;           /* poll period in seconds, set through set_poll_time() */
-extern char log_dir[80];            /* the agent's registry directory, set by its init_agent() */
-extern struct queue obj_Q;          /* the agent's objects, kept by the framework */
+extern const char *agent;  /* the agent's name, set by agent_main() from argv[0] */
+extern int32_t poll_time;  /* poll period in seconds, set through set_poll_time() */
+extern char log_dir[80];   /* the agent's registry directory, set by its init_agent() */
+extern struct queue obj_Q; /* the agent's objects, kept by the framework */
 extern unsigned char ignore_peer_stop;
 extern int32_t NicCondition;
 extern int32_t PrevNicCondition;
@@ -259,9 +259,9 @@ int cleanup_snmp_connection(void);
 
 /* What became of the question put to one mount. */
 enum mount_state {
-  MOUNT_ANSWERED = 0, /* the figures are valid */
-  MOUNT_FAILED = 1,   /* statvfs(3) failed with `error` */
-  MOUNT_SILENT = 2,   /* no answer within two seconds, at this call for the first time */
+  MOUNT_ANSWERED = 0,    /* the figures are valid */
+  MOUNT_FAILED = 1,      /* statvfs(3) failed with `error` */
+  MOUNT_SILENT = 2,      /* no answer within two seconds, at this call for the first time */
   MOUNT_STILL_SILENT = 3 /* silent since an earlier call */
 };
 
@@ -288,12 +288,13 @@ int stat_mounts(const char *const *paths, size_t count, struct mount_stats *resu
 
 /* ---- The machine ------------------------------------------------------------------------- */
 
-/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and no line of it is broken. Read once
- * a process. */
+/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and no line of it is broken. Read
+ * once a process. */
 int is_appliance(void);
 
 /* An appliance datum by key; owned by the framework. "ProductID" points to an int32_t, the others
- * to text; null when missing ("ProductID" is always supplied on an appliance: 0 when it has none).*/
+ * to text; null when missing ("ProductID" is always supplied on an appliance: 0 when it has
+ * none).*/
 const void *get_appliance_data(const char *key);
 
 /* Identifies the Linux distribution from os-release(5). distroid_init() returns 0, or -1 when
