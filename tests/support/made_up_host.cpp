@@ -394,6 +394,18 @@ void Daemon::SetSleepPercent(unsigned percent) {
   page_->sleep_percent = percent;
 }
 
+void Daemon::SetCardReply(const std::string &reply) {
+  ASSERT_NE(page_, nullptr);
+  ASSERT_LE(reply.size(), sizeof(page_->card_reply));
+  memcpy(page_->card_reply, reply.data(), reply.size());
+  page_->card_answers = 1;
+}
+
+void Daemon::RefuseSegments(bool refuse) {
+  ASSERT_NE(page_, nullptr);
+  page_->refuse_shmat = refuse ? 1 : 0;
+}
+
 // ---- the host ------------------------------------------------------------------------------
 
 MadeUpHost::MadeUpHost() {

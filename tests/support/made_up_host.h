@@ -133,6 +133,10 @@ class Daemon {
   void AdvanceClock(double seconds);
   // Percentage of each later sleep() that is really slept; 0 for none.
   void SetSleepPercent(unsigned percent);
+  // What the remote management card's ioctl() answers from now on; it fails before.
+  void SetCardReply(const std::string &reply);
+  // Lets no shared-memory segment be attached from now on, or again.
+  void RefuseSegments(bool refuse);
 
  private:
   friend class MadeUpHost;

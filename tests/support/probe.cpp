@@ -5,13 +5,18 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/shm.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
+#include <cstring>
+
+#include "platform/channel.h"
 
 namespace {
 
@@ -104,4 +109,32 @@ INTERPOSE unsigned sleep(unsigned seconds) {
   if (syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &length, &left) != 0 && errno == EINTR)
     return static_cast<unsigned>(left.tv_sec) + (left.tv_nsec > 0 ? 1 : 0);
   return 0;
+}
+
+INTERPOSE int ioctl(int descriptor, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void *argument = va_arg(arguments, void *);
+  va_end(arguments);
+  if (request == TLXRMC_TRANSACT && page != nullptr && page->card_answers != 0) {
+    const auto *transaction = static_cast<tlxrmc_transaction *>(argument);
+    static const unsigned char kVersionRequest[] = {8, 0, 0, 0, 2, 0, 0, 0};
+    if (transaction->request_length != sizeof(kVersionRequest) ||
+        memcmp(transaction->request, kVersionRequest, sizeof(kVersionRequest)) != 0 ||
+        transaction->reply_length != 256) {
+      errno = EINVAL;
+      return -1;
+    }
+    memcpy(transaction->reply, page->card_reply, sizeof(page->card_reply));
+    return 0;
+  }
+  return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+}
+
+INTERPOSE void *shmat(int segment, const void *address, int flags) noexcept {
+  if (page != nullptr && page->refuse_shmat != 0) {
+    errno = EACCES;
+    return reinterpret_cast<void *>(-1);
+  }
+  return reinterpret_cast<void *>(syscall(SYS_shmat, segment, address, flags));
 }

@@ -17,6 +17,9 @@ struct ProbePage {
   std::atomic<uint32_t> quick_start;     // 1: the process's first sleep() ends at once
   std::atomic<uint32_t> sleep_percent;   // of every later sleep()
   std::atomic<uint32_t> hold_alarms;     // 1: alarm(n) is noted, and does not arm anything
+  std::atomic<uint32_t> card_answers;    // 1: the remote management card's ioctl() succeeds ...
+  unsigned char card_reply[80];          // ... with this reply
+  std::atomic<uint32_t> refuse_shmat;    // 1: no segment can be attached
   // Written by the daemon.
   std::atomic<uint32_t> alarms;         // calls of alarm(n), n > 0
   std::atomic<uint32_t> alarm_seconds;  // n of the last of them
