@@ -85,7 +85,8 @@ TEST_F(SoftwareDpkg, FollowsInstallationUpgradeAndRemoval) {
   EXPECT_EQ(Packages(),
             (Strings{"bonding 3:1.0~rc1+b2 2", "glutton" + suffix_ + " 1.0 5",
                      "kelmo" + suffix_ + " 8.1.0-181 3", "qv-health" + suffix_ + " 2.6.9-5 5"}));
-  EXPECT_EQ(host_.Get("tlxHoSwVerDescription.4"), "STRING: \"Bonding \"");
+  // What dpkg lists behind the version: the architecture comes first.
+  EXPECT_EQ(host_.Get("tlxHoSwVerDescription.4"), "STRING: \"all Bonding \"");
   EXPECT_EQ(host_.Get("tlxHoSwVerVersion.6"), "STRING: \"8.1.0-181\"");
   EXPECT_EQ(host_.Get("tlxHoSwVerNextIndex"), "INTEGER: 8");
   EXPECT_EQ(host_.Get("tlxHoSwVerAgentsVer"), "\"\"");

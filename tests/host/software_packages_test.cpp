@@ -98,7 +98,7 @@ TEST(SoftwarePackages, ListsWhatIsInstalled) {
   EXPECT_EQ(host.Column("tlxHoSwVerIndex"),
             (Strings{"0: INTEGER: 0", "1: INTEGER: 1", "2: INTEGER: 2", "3: INTEGER: 3",
                      "4: INTEGER: 4", "5: INTEGER: 5", "6: INTEGER: 6"}));
-  EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"A driver \"");
+  EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"all A driver \"");
   EXPECT_EQ(host.Get("tlxHoSwVerDescription.1"), "STRING: \"QV System ROMKIT Utility\"");
   EXPECT_EQ(host.Get("tlxHoSwVerLocation.4"), "\"\"");
   EXPECT_EQ(host.Published("host/swver.4", "tlxHoSwVerDate"), std::string(7, '\0'));
@@ -230,15 +230,15 @@ TEST(SoftwarePackages, RemovesAPackageWhoseQueryFails) {
 TEST(SoftwarePackages, SkipsAPackageWhoseAnswerIsTooLong) {
   MadeUpHost host;
   MakeUpPackageTools(host);
-  PutPackages(
-      host, Line("glut", "1", std::string(300, 'd')) + Line("qvdiags", "1", std::string(200, 'd')) +
-                Line("qvrelm", std::string(60, '1'), "Long version") + Line("vlan", "1", ""));
+  PutPackages(host, Line("glut", "1", std::string(300, 'd')) +
+                        Line("qvdiags", "1", std::string(200, 'd')) +
+                        Line("qvrelm", std::string(60, '1'), "Long version"));
   host.Start();
   EXPECT_EQ(host.Column("tlxHoSwVerName"),
             (Strings{"0: STRING: \"CONFIG\"", "1: STRING: \"SYSTEMROMKIT\"", "2: STRING: \"DIAGS\"",
                      "3: STRING: \"DISKDR\"", "4: STRING: \"qvdiags_amd64\"",
                      "5: STRING: \"qvrelm_amd64\""}));
-  EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"" + std::string(200, 'd') + " \"");
+  EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"all " + std::string(200, 'd') + " \"");
   EXPECT_EQ(host.Get("tlxHoSwVerVersion.5"), "STRING: \"" + std::string(50, '1') + "\"");
 }
 
@@ -313,7 +313,7 @@ TEST(SoftwarePackages, AManagerSetsAndAPassTakesBack) {
   ASSERT_TRUE(host.daemon.Poll());
   EXPECT_EQ(host.Get("tlxHoSwVerName.4"), "STRING: \"glut_amd64\"");
   EXPECT_EQ(host.Get("tlxHoSwVerType.4"), "INTEGER: 5");
-  EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"Some package \"");
+  EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"all Some package \"");
   EXPECT_EQ(host.Get("tlxHoSwVerLocation.4"), "STRING: \"rack 7\"");
   EXPECT_EQ(host.Published("host/swver.4", "tlxHoSwVerLocation"), "rack 7");
 
@@ -357,10 +357,9 @@ TEST(SoftwarePackages, ReadsAreAnsweredDuringASlowScan) {
   PutPackages(host, Line("glut", "2.0") + Line("qvdiags"));
   host.daemon.BeginPoll();
   ASSERT_TRUE(Eventually([] { return Calls("dpkg -la") == 2U; }));
-  const std::vector<double> times = TimeReads("1.3.6.1.4.1.4891.11.2.3.1.1.0", 5, 0.05);
-  EXPECT_GE(times.size(), 20U);
-  for (double seconds : times) {
-    EXPECT_LT(seconds, 1);
+  for (int i = 0; i < 50; i++) {
+    EXPECT_TRUE(QuickGet(host.Oid("tlxHoSwVerType.4").substr(1))) << i;
+    Pause(0.05);
   }
   EXPECT_EQ(host.Get("tlxHoSwVerVersion.4"), "STRING: \"1.0\"");
   EXPECT_EQ(host.Set("tlxHoSwVerType.4", 'i', "1"), "resourceUnavailable");
