@@ -259,12 +259,13 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
                      : CheckSet(*index_, {asked->name, asked->name_length}, asked->type,
                                 asked->val.string, asked->val_len, &items.back());
   }
-  if (error == SNMP_ERR_NOERROR && place == sets_.end() && sets_.size() >= kMostSets) {
-    error = SNMP_ERR_RESOURCEUNAVAILABLE;
-  }
-  if (error != SNMP_ERR_NOERROR && place == sets_.end() && sets_.size() >= kMostSets) {
-    Answer(session, request->transid, phase, error, number);
-    return;
+  if (place == sets_.end() && sets_.size() >= kMostSets) {
+    MakeRoom();
+    if (sets_.size() >= kMostSets) {
+      Answer(session, request->transid, phase,
+             error == SNMP_ERR_NOERROR ? SNMP_ERR_RESOURCEUNAVAILABLE : error, number);
+      return;
+    }
   }
 
   Set &set = sets_[request->transid];
@@ -289,6 +290,15 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
       Answer(session, request->transid, test, SNMP_ERR_NOERROR, 0);
     }
   }
+}
+
+// Sets that were undone or are past their deadline are over; they are remembered only for phases
+// that come twice.
+void SnmpRequests::MakeRoom() {
+  Clock::time_point now = Clock::now();
+  std::erase_if(sets_, [now](const auto &entry) {
+    return entry.second.undone || now >= entry.second.deadline;
+  });
 }
 
 void SnmpRequests::CommitSet(AgentxSession *session, const netsnmp_pdu *request) {
@@ -335,10 +345,11 @@ void SnmpRequests::UndoSet(AgentxSession *session, const netsnmp_pdu *request) {
     if (applied && !failed) {
       error = SNMP_ERR_UNDOFAILED;
     }
+    set.undone = true;
     channel_->Release(*set.transaction);
   }
-  Phase phase{request->reqid, static_cast<int>(request->flags)};
-  Answer(session, request->transid, phase, error, error == SNMP_ERR_NOERROR ? 0 : 1);
+  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags), error,
+        error == SNMP_ERR_NOERROR ? 0 : 1);
 }
 
 // Without an answer: RFC 2741 7.2.4.4.

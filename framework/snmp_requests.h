@@ -53,6 +53,7 @@ class SnmpRequests {
     std::vector<Phase> tests;
     std::vector<Phase> commits;
     bool failed = false;
+    bool undone = false;
   };
 
   void Get(AgentxSession *session, const netsnmp_pdu *request);
@@ -66,6 +67,7 @@ class SnmpRequests {
   static void Reply(AgentxSession *session, long transaction_id, long packet_id, int flags,
                     int error, int error_index, netsnmp_pdu *with = nullptr);
   void Progress(AgentxSession *session, long transaction_id, Set &set);
+  void MakeRoom();
 
   const MibIndex *index_;
   SetChannel *channel_;

@@ -732,6 +732,19 @@ TEST_F(SnmpSideTest, FailedApplyIsCommitFailed) {
   EXPECT_EQ(AskFor(master_->Phase(kUndoSet, 5)), 0);
 }
 
+// The master takes back each set that failed; a manager may try many in a row.
+TEST_F(SnmpSideTest, ManyFailedSetsInARow) {
+  StartWithMaster();
+  PublishMisc();
+  set_handler = [](uint8_t phase, SetItem &) { return phase == SET_CHECK ? 0 : -1; };
+  StartAgent();
+  for (uint32_t transaction = 1; transaction <= 50; transaction++) {
+    ASSERT_EQ(AskFor(master_->TestSet(transaction, {TextBinding(kText, "x")})), 0) << transaction;
+    ASSERT_EQ(AskFor(master_->Phase(kCommitSet, transaction)), kCommitFailed);
+    ASSERT_EQ(AskFor(master_->Phase(kUndoSet, transaction)), 0);
+  }
+}
+
 TEST_F(SnmpSideTest, UndoOfAnAppliedSetFails) {
   StartWithMaster();
   PublishMisc();
