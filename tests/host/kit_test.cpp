@@ -1,4 +1,6 @@
 // The kit itself: what a scenario relies on before there is any agent.
+#include <gtest/gtest-spi.h>
+
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;
@@ -109,4 +111,31 @@ TEST(Kit, MovesAProcessesClock) {
   ASSERT_EQ(host.daemon.WaitEnd(), 0);
   int64_t moved = std::stoll(host.daemon.Log());
   EXPECT_LE(std::abs(moved - time(nullptr) - 86400 * 400), 2);
+}
+
+TEST(Kit, ASanitizersReportFailsTheTest) {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.program = "/bin/sh";
+  options.wait = false;
+  for (const char *report : {"SUMMARY: AddressSanitizer: made up", "WARNING: ThreadSanitizer: race",
+                             "x.cpp:1:2: runtime error: signed integer overflow"}) {
+    options.arguments = {"-c", std::string("echo '") + report + "' >&2"};
+    host.daemon.Start(options);
+    EXPECT_NONFATAL_FAILURE(host.daemon.WaitEnd(), "a sanitizer's report");
+  }
+}
+
+static void RunAFailingDaemon() {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.program = "/bin/sh";
+  options.arguments = {"-c", "trap 'exit 3' TERM; echo ready; while :; do sleep 0.01; done"};
+  options.wait = false;
+  host.daemon.Start(options);
+  ASSERT_TRUE(host.daemon.WaitLog("ready"));
+}
+
+TEST(Kit, ADaemonThatFailsAtItsEndFailsTheTest) {
+  EXPECT_NONFATAL_FAILURE(RunAFailingDaemon(), "how the daemon ended");
 }

@@ -284,3 +284,32 @@ TEST(Children, CommandOutput) {
   EXPECT_EQ(host.daemon.Count("command: 0, 12 bytes: left behind"), 1U);
   EXPECT_EQ(host.daemon.Count("command: 0, 4095 bytes: y"), 1U);
 }
+
+TEST(Lifecycle, ThePeriodFollows) {
+  MadeUpHost host;
+  host.StartTestAgent({"plain"}, false);
+  EXPECT_EQ(host.daemon.AlarmSeconds(), 15U);
+  ASSERT_TRUE(host.Order("period 7\n"));
+  EXPECT_EQ(host.daemon.AlarmSeconds(), 7U);
+  ASSERT_TRUE(host.Order("period 0\n"));
+  EXPECT_EQ(host.daemon.AlarmSeconds(), 1U);
+  ASSERT_TRUE(host.Order("period -3\n"));
+  EXPECT_EQ(host.daemon.AlarmSeconds(), 1U);
+}
+
+TEST(Lifecycle, ASighupWithoutALogFile) {
+  MadeUpHost host;
+  host.StartTestAgent({"plain"}, false);
+  host.daemon.Signal(SIGHUP);
+  ASSERT_TRUE(host.Order("name after\n"));
+  EXPECT_EQ(MadeUpHost::Published("host/test", "tlxHoName"), "after");
+  EXPECT_EQ(host.daemon.Count("done: name"), 1U);
+}
+
+TEST(Lifecycle, ASigpipeIsNoEnd) {
+  MadeUpHost host;
+  host.Start();
+  host.daemon.Signal(SIGPIPE);
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+}

@@ -130,3 +130,37 @@ TEST(Master, BothSubtreesAreServedOnEveryMachine) {
                         "tlxHoPhysicalMemorySize.1", "tlxHoCpuUtilMin.77", "tlxHoHWInfoPlatform"}),
       std::vector<std::string>(5, "No Such Instance currently exists at this OID"));
 }
+
+TEST(Master, IsFrozenAtStart) {
+  MadeUpHost host;
+  host.snmpd.Start();
+  host.snmpd.Freeze();
+  DaemonOptions options;
+  options.program = TestAgentPath();
+  options.arguments = {"plain"};
+  options.wait = false;
+  double begin = Now();
+  host.daemon.Start(options);
+  ASSERT_TRUE(host.daemon.WaitStarted());
+  EXPECT_LT(Now() - begin, 3);
+  ASSERT_TRUE(host.Order("name published\n"));
+  EXPECT_EQ(MadeUpHost::Published("host/test", "tlxHoName"), "published");
+  host.snmpd.Thaw();
+  ASSERT_TRUE(host.daemon.WaitServed());
+  EXPECT_EQ(host.Get("tlxHoName"), "STRING: \"published\"");
+}
+
+// Nothing is said twice of a master that stays away, and each change once.
+TEST(Master, IsLoggedWhenItChanges) {
+  MadeUpHost host;
+  host.StartTestAgent({"plain"}, false);
+  Pause(2);
+  EXPECT_EQ(host.daemon.Count("master agent"), 1U) << host.daemon.Log();
+  host.snmpd.Start();
+  ASSERT_TRUE(host.daemon.WaitServed());
+  EXPECT_EQ(host.daemon.Count("master agent"), 2U) << host.daemon.Log();
+  host.snmpd.Kill();
+  ASSERT_TRUE(Eventually([&] { return host.daemon.Count("master agent") == 3; }));
+  Pause(2);
+  EXPECT_EQ(host.daemon.Count("master agent"), 3U) << host.daemon.Log();
+}

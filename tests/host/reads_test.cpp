@@ -120,3 +120,33 @@ TEST(Reads, ByTheAgentItselfThroughTheMaster) {
   EXPECT_LT(Now() - begin, 3);
   EXPECT_EQ(host.daemon.Count("query: 0 -1 -77 "), 4U) << host.daemon.Log();
 }
+
+// Walks while a poll creates and deletes rows: each is in order, without a row twice, and has the
+// rows that stay.
+TEST(Reads, WhileRowsComeAndGo) {
+  MadeUpHost host;
+  host.StartTestAgent();
+  ASSERT_TRUE(host.Order("rows 0 3\nrows 1000 3\n"));
+  std::string orders;
+  for (int round = 0; round < 40; round++) {
+    orders += "rows 100 50\nwait 0.02\n";
+    for (int row = 100; row < 150; row++)
+      orders += "delete " + std::to_string(row) + "\n";
+    orders += "wait 0.02\n";
+  }
+  host.SetOrders(orders);
+  host.daemon.BeginPoll();
+  int walks = 0;
+  while (host.daemon.Polls() < 2) {
+    std::vector<int> rows;
+    for (const std::string &value : host.Column("tlxHoSwVerIndex"))
+      rows.push_back(std::stoi(value));
+    ASSERT_TRUE(std::is_sorted(rows.begin(), rows.end()));
+    ASSERT_EQ(std::adjacent_find(rows.begin(), rows.end()), rows.end());
+    for (int row : {0, 1, 2, 1000, 1001, 1002})
+      ASSERT_TRUE(std::binary_search(rows.begin(), rows.end(), row)) << row;
+    walks++;
+  }
+  EXPECT_GE(walks, 3);
+  EXPECT_EQ(host.Column("tlxHoSwVerIndex").size(), 6U);
+}

@@ -175,3 +175,53 @@ TEST(Sets, FromManyManagersAtOnce) {
   std::string last = host.daemon.LogLines().back();
   EXPECT_EQ(host.Get(kNumber), "INTEGER: " + last.substr(13, 3)) << last;
 }
+
+// The daemon itself, with a poll that hangs in a file it reads.
+TEST(Sets, DuringAPollOfTheDaemonThatHangs) {
+  MadeUpHost host;
+  host.Start();
+  EXPECT_EQ(host.Set(kRole, 's', "before"), "noError");
+  EXPECT_EQ(host.Get(kRole), "STRING: \"before\"");
+  host.BlockProc("meminfo");
+  host.daemon.BeginPoll();
+  ASSERT_TRUE(host.WaitBlocked());
+  double begin = Now();
+  EXPECT_EQ(host.Set(kRole, 's', "during"), "resourceUnavailable");
+  EXPECT_LT(Now() - begin, 0.95);
+  // What needs no handler's word is decided at once.
+  begin = Now();
+  EXPECT_EQ(host.Set(kRole, 'i', "5"), "wrongType");
+  EXPECT_EQ(host.Set("tlxHoName", 's', "x"), "notWritable");
+  EXPECT_LT(Now() - begin, 0.6);
+  host.UnblockProc("MemTotal: 4096 kB\n");
+  ASSERT_TRUE(Eventually([&] { return host.daemon.Polls() == 1; }));
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.Get(kRole), "STRING: \"before\"");
+  EXPECT_EQ(host.Set(kRole, 's', "after"), "noError");
+  EXPECT_EQ(host.Get(kRole), "STRING: \"after\"");
+}
+
+TEST(Sets, AreDisabledByTheDaemonsOption) {
+  MadeUpHost host;
+  host.Start({"-s", "NOT_OK"});
+  EXPECT_EQ(host.Set(kRole, 's', "x"), "notWritable");
+  EXPECT_EQ(host.Get(kRole), "\"\"");
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  host.daemon.Start({"-s", "OK"});
+  EXPECT_EQ(host.Set(kRole, 's', "x"), "noError");
+}
+
+TEST(Sets, TheAgentDiesInTheMiddleOfOne) {
+  MadeUpHost host;
+  host.StartTestAgent();
+  Process manager;
+  manager.Start({"snmpset", "-v2c", "-cprivate", "-t5", "-r0", "127.0.0.1",
+                 MadeUpHost::Oid(kNumber), "i", "22"});
+  ASSERT_TRUE(host.daemon.WaitLog("number apply 22"));
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  EXPECT_NE(manager.Wait(), 0);
+  // The master goes on, and serves the next one.
+  host.StartTestAgent();
+  EXPECT_EQ(host.Get(kNumber), "INTEGER: 5");
+  EXPECT_EQ(host.Set(kNumber, 'i', "6"), "noError");
+}
