@@ -32,7 +32,7 @@ void ExpectQuickReads(const std::string &name, double seconds) {
 
 TEST(ReadTiming, WhileAPollIsBlocked) {
   MadeUpHost host;
-  MadeUpHost::BeUrgent();
+  BeUrgent();
   host.Start();
   host.BlockProc("meminfo");
   host.daemon.BeginPoll();
@@ -46,7 +46,7 @@ TEST(ReadTiming, WhileAPollIsBlocked) {
 
 TEST(ReadTiming, WhileTheAgentPublishes) {
   MadeUpHost host;
-  MadeUpHost::BeUrgent();
+  BeUrgent();
   host.StartTestAgent();
   host.SetOrders("pair 1000000000\n");
   host.daemon.BeginPoll();

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -447,10 +446,6 @@ MadeUpHost::~MadeUpHost() {
 void MadeUpHost::Start(const std::vector<std::string> &arguments) {
   snmpd.Start();
   daemon.Start(arguments);
-}
-
-void MadeUpHost::BeUrgent() {
-  EXPECT_EQ(setpriority(PRIO_PROCESS, 0, -20), 0) << strerror(errno);
 }
 
 void MadeUpHost::StartTestAgent(const std::vector<std::string> &arguments, bool with_snmpd) {

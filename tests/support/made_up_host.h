@@ -174,9 +174,6 @@ class MadeUpHost {
   // snmpd and vexhostd, up and served.
   void Start(const std::vector<std::string> &arguments = {"-p", "15"});
 
-  // What is started from now on goes before everything else that the machine runs: for scenarios
-  // that measure.
-  static void BeUrgent();
   // The tests' own agent (test_agent.cpp) instead of vexhostd, with snmpd before it unless the
   // scenario has started one or wants none.
   void StartTestAgent(const std::vector<std::string> &arguments = {"plain"},

@@ -13,6 +13,9 @@ namespace made_up {
 
 // Calls condition until it is true or the time is over; what it returned last.
 bool Eventually(const std::function<bool()> &condition, double seconds = 15);
+// This process and what it starts from now on go before everything else that the machine runs: for
+// scenarios that measure.
+void BeUrgent();
 // Seconds on the monotonic clock.
 double Now();
 void Pause(double seconds);
