@@ -47,8 +47,10 @@ constexpr milliseconds kLastRetry{200};
 // Another connection would only lengthen its queue.
 constexpr seconds kOpenPatience{60};
 constexpr seconds kPingPatience{15};
-// After a crash the master may still hold the registration of the process before.
-constexpr milliseconds kRegistrationRetry{250};
+// After a crash the master may still hold the registration of the process before, for a moment. A
+// second daemon beside a running one is refused for as long as both run.
+constexpr milliseconds kFirstRegistrationRetry{100};
+constexpr seconds kLastRegistrationRetry{10};
 constexpr milliseconds kClosePatience{300};
 
 std::vector<oid> NetSnmpOid(std::span<const uint32_t> from) {
@@ -112,7 +114,9 @@ void AgentxSession::Work() {
     return;
   }
   if (unregistered_ > 0 && now >= next_registration_) {
-    next_registration_ = now + kRegistrationRetry;
+    next_registration_ = now + registration_retry_;
+    registration_retry_ =
+        std::min<Clock::duration>(registration_retry_ * 2, kLastRegistrationRetry);
     for (size_t group = 0; group < settings_.groups.size(); group++) {
       if (!registered_[group]) {
         Register(group);
@@ -199,6 +203,7 @@ void AgentxSession::Opened(const netsnmp_pdu *response) {
   unregistered_ = settings_.groups.size();
   registered_.assign(settings_.groups.size(), false);
   next_registration_ = Clock::now();
+  registration_retry_ = kFirstRegistrationRetry;
 }
 
 void AgentxSession::Register(size_t group) {

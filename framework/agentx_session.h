@@ -126,6 +126,7 @@ class AgentxSession {
   std::vector<bool> registered_;
   int watch_fd_ = -1;
   Clock::duration retry_;
+  Clock::duration registration_retry_{};
   Clock::time_point next_attempt_;  // while down
   Clock::time_point give_up_;       // of an answer to Open or Ping
   Clock::time_point next_ping_;

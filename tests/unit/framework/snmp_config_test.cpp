@@ -1,0 +1,44 @@
+#include "framework/snmp_config.h"
+
+#include <gtest/gtest.h>
+
+namespace vex {
+namespace {
+
+TEST(SnmpConfig, PathsOfUnixTargets) {
+  EXPECT_EQ(UnixPathOf("/var/agentx/master"), "/var/agentx/master");
+  EXPECT_EQ(UnixPathOf("unix:/run/x"), "/run/x");
+  EXPECT_EQ(UnixPathOf("UNIX:/run/x"), "/run/x");
+  EXPECT_EQ(UnixPathOf("tcp:localhost:705"), "");
+  EXPECT_EQ(UnixPathOf("localhost:705"), "");
+  EXPECT_EQ(UnixPathOf(""), "");
+}
+
+TEST(SnmpConfig, CommunitiesOfSnmpdLines) {
+  struct {
+    const char *token;
+    const char *line;
+    const char *community;
+  } cases[] = {
+      {"rocommunity", "public", "public"},
+      {"rocommunity", "public  default -V systemonly", "public"},
+      {"rocommunity", "  \t public\n", "public"},
+      {"rocommunity6", "six", "six"},
+      {"rwcommunity", "\"two words\" 127.0.0.1", "two words"},
+      {"rwcommunity", "\"\" 127.0.0.1", ""},
+      {"rocommunity", "\"open", "open"},
+      {"rocommunity", "", ""},
+      {"com2sec", "notConfigUser default secret", "secret"},
+      {"com2sec", "-Cn context user 10.0.0.0/8 secret", "secret"},
+      {"com2sec6", "user default secret", "secret"},
+      {"com2secunix", "-Cn context user /run/sock secret", "secret"},
+      {"com2sec", "user default", ""},
+      {"com2sec", "-Cn", ""},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(CommunityOfLine(c.token, c.line), c.community) << c.token << ' ' << c.line;
+  }
+}
+
+}  // namespace
+}  // namespace vex
