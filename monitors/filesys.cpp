@@ -207,17 +207,20 @@ static int32_t held(__int128 value) {
   return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
 }
 
+// Blocks as megabytes, cut off.
+static __int128 megabytes(uint64_t blocks, uint64_t block_size) {
+  return static_cast<__int128>((static_cast<unsigned __int128>(blocks) * block_size) >> 20);
+}
+
 filesys_figures figures_of_mount(const mount_stats &stats) {
-  constexpr int megabyte = 20;  // bits
   filesys_figures figures = {};
   const __int128 blocks = stats.blocks;
   const __int128 taken = blocks - stats.bfree;
   if (stats.frsize != 0 && stats.blocks != 0) {
     // Total and free are cut off each for itself.
-    const __int128 total = (blocks * stats.frsize) >> megabyte;
-    const __int128 free_space = (static_cast<__int128>(stats.bfree) * stats.frsize) >> megabyte;
+    const __int128 total = megabytes(stats.blocks, stats.frsize);
     figures.space_total = held(total);
-    figures.space_used = held(total - free_space);
+    figures.space_used = held(total - megabytes(stats.bfree, stats.frsize));
   }
   if (figures.space_total != 0 && figures.space_used != 0 && taken > 0) {
     figures.percent_used = held((100 * taken + blocks - 1) / blocks);

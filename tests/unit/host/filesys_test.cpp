@@ -555,6 +555,11 @@ TEST(FileSystemFigures, WhatDoesNotFitIsHeld) {
   EXPECT_EQ(huge.percent_used, 51);
   EXPECT_EQ(huge.units_total, INT32_MAX);
   EXPECT_EQ(huge.units_used, INT32_MAX);
+  const filesys_figures largest =
+      figures_of_mount(Stats(UINT64_MAX, UINT64_MAX, UINT64_MAX, UINT64_MAX, UINT64_MAX));
+  EXPECT_EQ(largest.space_total, INT32_MAX);
+  EXPECT_EQ(largest.space_used, 0);
+  EXPECT_EQ(largest.units_used, 0);
   // Used space is right although neither total nor free space fits.
   const uint64_t pebi_blocks = uint64_t{1} << 40;  // of 4 KiB: 4 EiB
   EXPECT_EQ(figures_of_mount(Stats(4096, pebi_blocks, pebi_blocks - 2560, 0, 0)).space_used, 10);
