@@ -313,3 +313,15 @@ TEST(Lifecycle, ASigpipeIsNoEnd) {
   ASSERT_TRUE(host.daemon.Poll());
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
 }
+
+TEST(Lifecycle, ALogFileThatCannotBeOpened) {
+  MadeUpHost host;
+  DaemonOptions options;
+  options.arguments = {"-p", "15", "-l", "/nowhere/vexhostd.log"};
+  options.wait = false;
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.WaitEnd(), 1);
+  EXPECT_EQ(host.daemon.LogLines().size(), 1U) << host.daemon.Log();
+  EXPECT_EQ(host.daemon.Count("/nowhere/vexhostd.log"), 1U);
+  EXPECT_FALSE(Exists(MadeUpHost::kRegistry));
+}

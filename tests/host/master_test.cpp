@@ -164,3 +164,18 @@ TEST(Master, IsLoggedWhenItChanges) {
   Pause(2);
   EXPECT_EQ(host.daemon.Count("master agent"), 3U) << host.daemon.Log();
 }
+
+TEST(Master, RestartsDuringAPollThatHangs) {
+  MadeUpHost host;
+  host.Start();
+  host.BlockProc("meminfo");
+  host.daemon.BeginPoll();
+  ASSERT_TRUE(host.WaitBlocked());
+  host.snmpd.Kill();
+  host.snmpd.Start();
+  double begin = Now();
+  ASSERT_TRUE(host.daemon.WaitServed());
+  EXPECT_LT(Now() - begin, 1);
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  EXPECT_EQ(host.daemon.Polls(), 0U);
+}

@@ -107,3 +107,13 @@ TEST(Traps, TheMasterFreezesInBetween) {
   ASSERT_EQ(traps.size(), 100U);
   EXPECT_EQ(traps.back().variables, Variables(100, "first"));
 }
+
+TEST(Traps, DoNotWaitForTheEndOfAPoll) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  host.SetOrders("trap 1\nwait 3\n");
+  host.daemon.BeginPoll();
+  EXPECT_EQ(host.traps.WaitFor(1).size(), 1U);
+  EXPECT_EQ(host.daemon.Polls(), 0U);
+}
