@@ -129,8 +129,8 @@ TEST_F(SetChannelTest, FailedApplyStopsAtTheVariable) {
 }
 
 TEST_F(SetChannelTest, BusyAgentIsNotWaitedForAndNeverAppliesLate) {
-  auto set = Begin(50);
   Clock::time_point start = Clock::now();
+  auto set = Begin(50);
   int part = channel_.AddPart(*set, {Item(1)});
   EXPECT_EQ(WaitForCheck(*set, part), Check::kUndecided);
   EXPECT_GE(Clock::now() - start, milliseconds(50));
