@@ -357,13 +357,13 @@ TEST(SoftwarePackages, ReadsAreAnsweredDuringASlowScan) {
   PutPackages(host, Line("glut", "2.0") + Line("qvdiags"));
   host.daemon.BeginPoll();
   ASSERT_TRUE(Eventually([] { return Calls("dpkg -la") == 2U; }));
-  for (int i = 0; i < 50; i++) {
-    EXPECT_TRUE(QuickGet(host.Oid("tlxHoSwVerType.4").substr(1))) << i;
+  for (const double from = Now(); Now() - from < 3;) {
+    EXPECT_TRUE(QuickGet(host.Oid("tlxHoSwVerType.4").substr(1), 2));
     Pause(0.05);
   }
   EXPECT_EQ(host.Get("tlxHoSwVerVersion.4"), "STRING: \"1.0\"");
   EXPECT_EQ(host.Set("tlxHoSwVerType.4", 'i', "1"), "resourceUnavailable");
-  ASSERT_TRUE(host.daemon.WaitLog("Info: scanning 2 packages took 1", 30));
+  ASSERT_TRUE(host.daemon.WaitLog("Info: scanning 2 packages took ", 60));
   ASSERT_TRUE(Eventually([&] { return host.Get("tlxHoSwVerVersion.4") == "STRING: \"2.0\""; }));
   EXPECT_EQ(host.Get("tlxHoSwVerType.4"), "INTEGER: 5");
   host.Remove(std::string(kState) + "/pause");
