@@ -183,7 +183,7 @@ struct MountAsker::State {
   void Silent(const char *path, pid_t child, mount_stats *result);
   void Settle(const char *const *paths, size_t count, const mount_stats *results);
   int StartChild(Batch *batch);
-  void Ended(Batch *batch, std::list<Child>::iterator child);
+  void Ended(std::list<Child>::iterator child);
   void Wait();
   void Run(Batch *batch);
 };
@@ -278,13 +278,9 @@ int MountAsker::State::StartChild(Batch *batch) {
   return 0;
 }
 
-// A child has ended: by itself, or, killed by somebody, in the middle of a call.
-void MountAsker::State::Ended(Batch *batch, std::list<Child>::iterator child) {
+// A child has ended: by itself, or killed by somebody, and then what it had taken has failed.
+void MountAsker::State::Ended(std::list<Child>::iterator child) {
   Bury(*child);
-  const int64_t at = child->slot->current;
-  if (at >= 0) {
-    batch->shared.Results()[at] = NoFigures(MOUNT_FAILED, EINTR);
-  }
   working.erase(child);
 }
 
@@ -313,7 +309,7 @@ void MountAsker::State::Run(Batch *batch) {
       int64_t at = child->slot->current;
       const int64_t waited = now - child->slot->since;
       if (HasEnded(*child)) {
-        Ended(batch, child);
+        Ended(child);
       } else if (at < 0 || waited < patience.count()) {
         moving++;
       } else if (waited < limit.count() ||
@@ -378,6 +374,9 @@ void MountAsker::Ask(const char *const *paths, size_t count, mount_stats *result
   // Room for every child that may be abandoned, and for those that come to a healthy end.
   const size_t slots = std::min(2 * state.settings.most_outstanding, count) + 1;
   Batch batch{paths, std::move(ask), Shared(slots, count)};
+  // Until a child stores what it was told: it may be killed at any point, and zeros look like an
+  // answer.
+  std::fill_n(batch.shared.Results(), batch.ask.size(), NoFigures(MOUNT_FAILED, EINTR));
   try {
     state.Run(&batch);
   } catch (...) {

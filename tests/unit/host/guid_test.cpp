@@ -1,6 +1,8 @@
 #include "status/guid.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -210,6 +212,20 @@ TEST_F(GuidTest, AGeneratedGuidThatCannotBeSavedIsUsedAllTheSame) {
   EXPECT_EQ(Obtain().octets, kGeneratedWithoutEth0);
   EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kGenerated}));
   EXPECT_EQ(rec::ReadFile(kFile), "");
+}
+
+TEST_F(GuidTest, AGeneratedGuidOnAFullDiskLeavesAFileForNobodyElse) {
+  // No file may grow: like a full disk, the file is made and stays empty.
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  const Guid guid = Obtain();
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(guid.octets, kGeneratedWithoutEth0);
+  EXPECT_EQ(rec::ReadFile(kFile), "");
+  EXPECT_EQ(Mode(kFile), 0600);
 }
 
 TEST_F(GuidTest, ASetWritesTheFile) {

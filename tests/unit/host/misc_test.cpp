@@ -440,6 +440,7 @@ TEST_F(Misc, PollFrequencyLimits) {
   EXPECT_EQ(rec::Set(kObject, "tlxHoOsCommonPollFreq", INT32_MAX), 0);
   // Unsigned: there is no upper bound.
   EXPECT_EQ(rec::Set(kObject, "tlxHoOsCommonPollFreq", -1), 0);
+  EXPECT_EQ(poll_time, INT32_MAX);
   EXPECT_EQ(rec::Names("alarm"), (std::vector<std::string>{"2", "2147483647", "4294967295"}));
 }
 
