@@ -6,6 +6,7 @@
 
 #include "core/hwinfo.h"
 #include "core/snmpd_watchdog.h"
+#include "core/util.h"
 #include "firmware/fwver.h"
 #include "identity/appliance.h"
 #include "identity/info.h"
@@ -176,7 +177,7 @@ int init_agent(int argc, char **argv) {
     return -1;
   }
   if (start_delay != 0) {
-    sleep(start_delay);
+    sleep_whole(start_delay);
     start_delay = 0;
   }
   ignore_peer_stop = 1;

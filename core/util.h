@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 // Copies at most size - 1 bytes of text into a field of a data block and zeroes the rest of the
 // field, so that two blocks with the same text compare equal. size is at least 1.
@@ -25,6 +26,13 @@ void copy_field(char (&field)[Size], const char *text) {
 // What fits a signed 32-bit variable; anything larger is held at the largest value.
 inline int32_t held_int32(uint64_t value) {
   return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+}
+
+// Sleeps that many seconds, also when signals come in between.
+inline void sleep_whole(unsigned seconds) {
+  while (seconds != 0) {
+    seconds = sleep(seconds);
+  }
 }
 
 // A stream or directory that is closed at the end of its scope. Null when opening failed.

@@ -12,7 +12,7 @@ static constexpr unsigned reopen_pause = 5;      // seconds
 static constexpr uint32_t reply_timeout = 5000;  // milliseconds
 
 static void reopen(controller_link *link) {
-  sleep(reopen_pause);
+  sleep_whole(reopen_pause);
   reinitializeRemoteVantix(&link->channel, &link->device);
 }
 

@@ -193,9 +193,15 @@ void AgentxSession::Opened(const netsnmp_pdu *response) {
     return;
   }
   if (response->errstat != SNMP_ERR_NOERROR) {
+    if (!said_refused_) {
+      said_refused_ = true;
+      agentlog_fprintf(stderr, "The master agent at %s refuses the session (error %ld)\n",
+                       settings_.target.c_str(), response->errstat);
+    }
     broken_ = true;
     return;
   }
+  said_refused_ = false;
   session_id_ = response->sessid;
   stage_ = Stage::kRegistering;
   next_ping_ = Clock::now() + seconds(settings_.ping_seconds);

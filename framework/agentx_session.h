@@ -133,6 +133,7 @@ class AgentxSession {
   Clock::time_point next_registration_;
   enum class Said { kNothing, kUp, kDown } said_ = Said::kNothing;
   bool said_duplicate_ = false;
+  bool said_refused_ = false;  // an Open
 };
 
 }  // namespace vex

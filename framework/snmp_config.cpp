@@ -10,6 +10,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <clocale>
@@ -256,7 +257,8 @@ int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings
   int ping = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL);
   session->ping_seconds = ping > 0 ? ping : session->ping_seconds;
   int timeout = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT);
-  session->timeout_seconds = timeout > 0 ? timeout / ONE_SEC : 0;
+  // One octet in the Open PDU (RFC 2741 6.2.1).
+  session->timeout_seconds = timeout > 0 ? static_cast<int>(std::min(timeout / ONE_SEC, 255L)) : 0;
   session->groups = MibGroups();
   return 0;
 }

@@ -117,10 +117,11 @@ static int count_processors() {
 
 // With one processor its own line is not looked for: the first line, which sums up all of them,
 // says the same.
-static void take_samples() {
+// Returns false when /proc/stat cannot be opened.
+static bool take_samples() {
   const stream_handle stat(fopen(stat_path, "r"));
   if (!stat) {
-    return;
+    return false;
   }
   int n = 0;
   char line[line_size];
@@ -129,14 +130,15 @@ static void take_samples() {
       parse_cpu_line(line, &current[n++]);
     }
   }
+  return true;
 }
 
+// 1 with a new sample, 0 without (/proc/stat cannot be opened), -1 without memory.
 static int sample_processors() {
   if (uncounted && count_processors() != 0) {
     return -1;
   }
-  take_samples();
-  return 0;
+  return take_samples() ? 1 : 0;
 }
 
 // ---- Computing ------------------------------------------------------------------------------
@@ -237,7 +239,8 @@ static int create_rows() {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_cpu(int start_up) {
-  if (sample_processors() != 0) {
+  const int sampled = sample_processors();
+  if (sampled < 0) {
     return -1;
   }
   if (start_up != 0) {
@@ -245,6 +248,9 @@ int do_cpu(int start_up) {
     if (create_rows() != 0) {
       return -1;
     }
+  }
+  if (sampled == 0) {
+    return 0;
   }
   for (int n = 0; n < processors; n++) {
     if (update_row(n) != 0) {

@@ -249,7 +249,7 @@ TEST(Children, InheritNothing) {
   MadeUpHost host;
   host.StartTestAgent();
   host.Command("inherited",
-               "ls -l /proc/self/fd | sed -n 's/.* \\([0-9]*\\) -> /\\1 /p'\n"
+               "ls -l /proc/self/fd | sed -n 's/.* \\([0-9]*\\) -> /descriptor \\1 is /p'\n"
                "grep -E '^Sig(Blk|Ign)' /proc/self/status");
   // ls itself opens the directory it lists.
   ASSERT_TRUE(host.Order("popen inherited\ncommand inherited\n"));
@@ -257,11 +257,13 @@ TEST(Children, InheritNothing) {
   for (int number = 3; number < 64; number++) {
     std::string target;
     for (const std::string &line : host.daemon.LogLines())
-      if (line.find(" " + std::to_string(number) + " ") != std::string::npos &&
+      if (line.find("descriptor " + std::to_string(number) + " is ") != std::string::npos &&
           line.find("/proc/") == std::string::npos)
         target = line;
     EXPECT_EQ(target, "");
   }
+  for (int number = 0; number < 3; number++)
+    EXPECT_EQ(host.daemon.Count("descriptor " + std::to_string(number) + " is "), 2U) << log;
   auto ignored = host.daemon.LinesWith("SigIgn:\t");
   EXPECT_EQ(host.daemon.Count("SigBlk:\t0000000000000000"), 2U) << log;
   EXPECT_EQ(ignored.size(), 2U) << log;

@@ -304,6 +304,7 @@ TEST(Cpu, UnreadableFileIsNoFailure) {
   rec::PutNothing("/proc/stat");
   EXPECT_EQ(do_cpu(0), 0);
   EXPECT_EQ(rec::LiveNames().size(), 2u);
+  EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
 }
 
 TEST(Cpu, UnreadableFileAtStartUpMakesNoRows) {
