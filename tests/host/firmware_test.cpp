@@ -181,7 +181,6 @@ TEST_F(FirmwareHost, ReadsTheSystemRomAndThePowerMicrocontroller) {
 }
 
 TEST_F(FirmwareHost, TriesThePowerMicrocontrollerTenTimes) {
-  PutSmbios("entry 2.8\n1: 01 02 to=27 \"Maker\" \"Servala KX310 R5\"\n193: 01 to=9 01 \"5.6\"\n");
   // A record of nine bytes has no version.
   PutSmbios("entry 2.8\n1: 01 02 to=27 \"Maker\" \"Servala KX310 R5\"\n193: 01 to=9\n");
   SimulatedController controller;
@@ -192,6 +191,13 @@ TEST_F(FirmwareHost, TriesThePowerMicrocontrollerTenTimes) {
   EXPECT_EQ(Rows(), Strings{"0: 4/25/3 Integrated Farwatch Firmware|2.05|System Board|ZQ10"});
   Poll();
   EXPECT_EQ(Rows().back(), "1: 1/25/3 PowerPIC Firmware||System Board|PowerPIC-Tamsa-KX310R5");
+}
+
+TEST_F(FirmwareHost, ReadsThePowerMicrocontrollerFromTheOlderRecord) {
+  PutSmbios("entry 2.8\n1: 01 02 to=27 \"Maker\" \"Servala KX310 R5\"\n193: 01 to=9 01 \"5.6\"\n");
+  SimulatedController controller;
+  host_.Start();
+  EXPECT_EQ(Rows().back(), "1: 1/25/3 PowerPIC Firmware|5.6|System Board|PowerPIC-Tamsa-KX310R5");
 }
 
 TEST_F(FirmwareHost, FollowsTheIntegratedController) {

@@ -840,6 +840,32 @@ TEST(Packages, Classify) {
   }
 }
 
+TEST(Packages, ClassifyByEachPrefix) {
+  const std::pair<int, Strings> classes[] = {
+      {256 + 2, {"qv-rmc", "qv-OpenIPMI", "tlx_cciss", "kmod-cciss", "kmod-qvarr", "vlan_init"}},
+      {256 + 3, {"qvdiags", "kelmo", "qvrelm", "qv-snmp-agents"}},
+      {256 + 5,
+       {"ucd-snmp", "ucdsnmp", "net-snmp", "glut", "qvvenk", "qvwebpan", "qvmouse", "qvrmccfg",
+        "qv-health", "qv-webpan-templates"}},
+      {512 + 2, {"tlx_tlxarray", "tlx_tlxfc"}},
+      {2,
+       {"aic", "bcm5700", "bonding", "kmod-qv-netxtreme2", "qv-netxtreme2-kmp", "kmod-qv-nx_nic",
+        "qv-nx_nic-kmp", "qv-igb", "qv-tg3", "qv-be2iscsi", "qv-be2net", "qv-mlnx", "e100", "lsi",
+        "mpt", "vlan", "emu", "ql"}},
+      {3, {"vex", "tlxarrcfg"}},
+      {5, {"tlx", "qv", "fibreutils"}},
+  };
+  for (const auto &[expected, prefixes] : classes) {
+    for (const std::string &prefix : prefixes) {
+      EXPECT_EQ(classify_package(prefix.c_str()), expected) << prefix;
+      EXPECT_EQ(classify_package((prefix + "0").c_str()), expected) << prefix;
+      // Nothing shorter does.
+      const std::string shorter = prefix.substr(0, prefix.size() - 1);
+      EXPECT_NE(classify_package(shorter.c_str()), expected) << shorter;
+    }
+  }
+}
+
 TEST(Packages, DecorateByOrigin) {
   EXPECT_EQ(Decorated("bonding", "amd64", 0), "bonding");
   EXPECT_EQ(Decorated("kelmo", "amd64", 1), "kelmo_amd64");
