@@ -274,10 +274,29 @@ void Daemon::Start(const DaemonOptions &options) {
     page_->sleep_percent = 100;
     page_->clock_offset_ns = static_cast<int64_t>(options.clock_offset * 1e9);
     page_->hold_alarms = held_ ? 1 : 0;
-    process.environment.emplace_back("LD_PRELOAD", VEX_TESTS_PROBE);
-    process.environment.emplace_back(kProbeVariable, kProbeFile);
+    page_->clock_stands_ns = options.clock_stands * 1'000'000'000;
+    const std::pair<const std::string &, char *> texts[] = {
+        {options.kernel.release, page_->kernel_release},
+        {options.kernel.version, page_->kernel_version},
+        {options.kernel.machine, page_->machine}};
+    for (const auto &[text, field] : texts) {
+      ASSERT_LT(text.size(), sizeof(page_->machine));
+      strcpy(field, text.c_str());
+    }
   }
-  std::vector<std::string> command = {options.program.empty() ? DaemonPath() : options.program};
+  std::vector<std::string> command = options.launcher;
+  if (options.probe) {
+    const std::pair<std::string, std::string> variables[] = {{"LD_PRELOAD", VEX_TESTS_PROBE},
+                                                             {kProbeVariable, kProbeFile}};
+    for (const auto &[name, value] : variables) {
+      // The launcher does not get the library.
+      if (options.launcher.empty())
+        process.environment.emplace_back(name, value);
+      else
+        command.push_back(name + "=" + value);
+    }
+  }
+  command.push_back(options.program.empty() ? DaemonPath() : options.program);
   command.insert(command.end(), options.arguments.begin(), options.arguments.end());
   ended_ = false;
   process_.Start(command, process);

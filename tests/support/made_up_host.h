@@ -77,6 +77,11 @@ class TrapReceiver {
   Process process_;
 };
 
+// What uname() tells the daemon beside the host's name.
+struct Kernel {
+  std::string release, version, machine;
+};
+
 struct DaemonOptions {
   std::vector<std::string> arguments = {"-p", "15"};
   // Without the preloaded probe the daemon runs as it is: a real start-up delay, real alarms, the
@@ -85,9 +90,13 @@ struct DaemonOptions {
   bool quick_start = true;       // the start-up delay of five seconds is left out
   bool polls_by_itself = false;  // else it polls when Poll() says so, and only then
   double clock_offset = 0;       // seconds that its wall clock begins ahead
+  int64_t clock_stands = 0;      // seconds since the epoch at which it stands; 0: it runs
+  Kernel kernel;                 // an empty release: the machine's own
   bool wait = true;              // until start-up is complete and snmpd (when it runs) serves it
   Environment environment;
   std::string program;  // another agent instead of vexhostd
+  // A command in front of it that takes, like env(1), NAME=VALUE words and the command to run.
+  std::vector<std::string> launcher;
 };
 
 class Daemon {

@@ -8,6 +8,7 @@
 #include <sys/shm.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -45,6 +46,9 @@ bool IsWallClock(clockid_t clock) {
 int Read(clockid_t clock, timespec *time) {
   int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
   if (result == 0 && page != nullptr && IsWallClock(clock)) {
+    int64_t stands = page->clock_stands_ns;
+    if (stands != 0)
+      *time = {stands / 1000000000, stands % 1000000000};
     int64_t offset = page->clock_offset_ns;
     time->tv_sec += offset / 1000000000;
     time->tv_nsec += offset % 1000000000;
@@ -81,6 +85,17 @@ INTERPOSE int gettimeofday(timeval *result, void *) noexcept {
   result->tv_sec = now.tv_sec;
   result->tv_usec = now.tv_nsec / 1000;
   return 0;
+}
+
+INTERPOSE int uname(utsname *result) noexcept {
+  int outcome = static_cast<int>(syscall(SYS_uname, result));
+  if (outcome == 0 && page != nullptr && page->kernel_release[0] != '\0') {
+    static_assert(sizeof(result->release) == sizeof(page->kernel_release));
+    memcpy(result->release, page->kernel_release, sizeof(result->release));
+    memcpy(result->version, page->kernel_version, sizeof(result->version));
+    memcpy(result->machine, page->machine, sizeof(result->machine));
+  }
+  return outcome;
 }
 
 INTERPOSE unsigned alarm(unsigned seconds) noexcept {

@@ -14,12 +14,17 @@ inline constexpr char kProbeVariable[] = "MADE_UP_PROBE";  // path of the page's
 struct ProbePage {
   // Written by the scenario.
   std::atomic<int64_t> clock_offset_ns;  // added to CLOCK_REALTIME and what is derived from it
+  std::atomic<int64_t> clock_stands_ns;  // not 0: that clock stands there, but for the offset
   std::atomic<uint32_t> quick_start;     // 1: the process's first sleep() ends at once
   std::atomic<uint32_t> sleep_percent;   // of every later sleep()
   std::atomic<uint32_t> hold_alarms;     // 1: alarm(n) is noted, and does not arm anything
   std::atomic<uint32_t> card_answers;    // 1: the remote management card's ioctl() succeeds ...
   unsigned char card_reply[80];          // ... with this reply
   std::atomic<uint32_t> refuse_shmat;    // 1: no segment can be attached
+  // What uname() says of the kernel; an empty release: the machine's own.
+  char kernel_release[65];
+  char kernel_version[65];
+  char machine[65];
   // Written by the daemon.
   std::atomic<uint32_t> alarms;         // calls of alarm(n), n > 0
   std::atomic<uint32_t> alarm_seconds;  // n of the last of them
