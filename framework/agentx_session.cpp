@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "platform/framework.h"
@@ -48,9 +49,10 @@ constexpr milliseconds kLastRetry{200};
 constexpr seconds kOpenPatience{60};
 constexpr seconds kPingPatience{15};
 // After a crash the master may still hold the registration of the process before, for a moment. A
-// second daemon beside a running one is refused for as long as both run.
-constexpr milliseconds kFirstRegistrationRetry{100};
-constexpr seconds kLastRegistrationRetry{10};
+// second daemon beside a running one is refused for as long as both run, and a session that the
+// master does not allow for as long as it is configured so.
+constexpr milliseconds kFirstRefusalRetry{100};
+constexpr seconds kLastRefusalRetry{10};
 constexpr milliseconds kClosePatience{300};
 
 std::vector<oid> NetSnmpOid(std::span<const uint32_t> from) {
@@ -115,8 +117,7 @@ void AgentxSession::Work() {
   }
   if (unregistered_ > 0 && now >= next_registration_) {
     next_registration_ = now + registration_retry_;
-    registration_retry_ =
-        std::min<Clock::duration>(registration_retry_ * 2, kLastRegistrationRetry);
+    registration_retry_ = std::min<Clock::duration>(registration_retry_ * 2, kLastRefusalRetry);
     for (size_t group = 0; group < settings_.groups.size(); group++) {
       if (!registered_[group]) {
         Register(group);
@@ -136,7 +137,10 @@ void AgentxSession::Connect() {
   netsnmp_transport *transport;
   if (!settings_.unix_path.empty()) {
     transport = ConnectUnix(settings_.unix_path);
+  } else if (settings_.tcp) {
+    transport = ConnectTcp(settings_.tcp->ipv4, settings_.tcp->port);
   } else {
+    // Names and other transports are the library's; its connecting waits.
     transport = netsnmp_transport_open_client("agentx", settings_.target.c_str());
     if (transport != nullptr && transport->sock >= 0) {
       fcntl(transport->sock, F_SETFD, FD_CLOEXEC);
@@ -147,7 +151,7 @@ void AgentxSession::Connect() {
       said_ = Said::kDown;
       agentlog_fprintf(stderr, "Info: no master agent at %s yet\n", settings_.target.c_str());
     }
-    RetryLater();
+    RetryLater(kLastRetry);
     return;
   }
 
@@ -164,7 +168,7 @@ void AgentxSession::Connect() {
   handle_ = snmp_sess_add_ex(&template_session, transport, nullptr, agentx_parse, nullptr, nullptr,
                              agentx_realloc_build, agentx_check_packet, nullptr);
   if (handle_ == nullptr) {
-    RetryLater();
+    RetryLater(kLastRetry);
     return;
   }
   session_ = snmp_sess_session(handle_);
@@ -198,6 +202,8 @@ void AgentxSession::Opened(const netsnmp_pdu *response) {
       agentlog_fprintf(stderr, "The master agent at %s refuses the session (error %ld)\n",
                        settings_.target.c_str(), response->errstat);
     }
+    retry_ = std::max<Clock::duration>(retry_, kFirstRefusalRetry);
+    refused_ = true;
     broken_ = true;
     return;
   }
@@ -209,7 +215,8 @@ void AgentxSession::Opened(const netsnmp_pdu *response) {
   unregistered_ = settings_.groups.size();
   registered_.assign(settings_.groups.size(), false);
   next_registration_ = Clock::now();
-  registration_retry_ = kFirstRegistrationRetry;
+  registration_retry_ = kFirstRefusalRetry;
+  events_.open();
 }
 
 void AgentxSession::Register(size_t group) {
@@ -239,13 +246,13 @@ void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
     }
     return;
   }
+  retry_ = kFirstRetry;
   registered_[group] = true;
   unregistered_--;
   if (unregistered_ > 0 || stage_ != Stage::kRegistering) {
     return;
   }
   stage_ = Stage::kUp;
-  retry_ = kFirstRetry;
   said_duplicate_ = false;
   Unwatch();
   if (said_ != Said::kUp) {
@@ -253,7 +260,6 @@ void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
     agentlog_fprintf(stderr, "Info: connected to the master agent at %s\n",
                      settings_.target.c_str());
   }
-  events_.up();
 }
 
 void AgentxSession::Ping() {
@@ -383,6 +389,8 @@ void AgentxSession::SocketReady(bool readable, bool writable) {
 
 void AgentxSession::Drop() {
   bool was_up = stage_ == Stage::kUp;
+  bool was_open = Open();
+  bool refused = std::exchange(refused_, false);
   stage_ = Stage::kDown;
   void *handle = handle_;
   handle_ = nullptr;
@@ -392,21 +400,21 @@ void AgentxSession::Drop() {
   }
   broken_ = false;
   ping_unanswered_ = false;
-  if (was_up) {
-    if (said_ != Said::kDown) {
-      said_ = Said::kDown;
-      agentlog_fprintf(stderr, "Info: lost the master agent at %s\n", settings_.target.c_str());
-    }
-    events_.down();
-    retry_ = kFirstRetry;
+  if (was_up && said_ != Said::kDown) {
+    said_ = Said::kDown;
+    agentlog_fprintf(stderr, "Info: lost the master agent at %s\n", settings_.target.c_str());
   }
-  RetryLater();
+  if (was_open) {
+    events_.down();
+  }
+  RetryLater(refused ? Clock::duration(kLastRefusalRetry) : kLastRetry);
   Watch();
 }
 
-void AgentxSession::RetryLater() {
+void AgentxSession::RetryLater(Clock::duration longest) {
+  retry_ = std::min(retry_, longest);
   next_attempt_ = Clock::now() + retry_;
-  retry_ = std::min<Clock::duration>(retry_ * 2, kLastRetry);
+  retry_ = std::min(retry_ * 2, longest);
 }
 
 // The directory of the master's socket; there may be none yet, then time alone tells.

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -42,18 +43,23 @@ class AgentxSession {
  public:
   using Clock = std::chrono::steady_clock;
 
+  struct TcpAddress {
+    std::string ipv4;
+    uint16_t port;
+  };
   struct Settings {
-    std::string name;       // in the Open PDU
-    std::string target;     // agentXSocket, as configured
-    std::string unix_path;  // of the socket; empty when the target is not a Unix socket
-    int ping_seconds = 15;
-    int timeout_seconds = 0;  // asked of the master; 0: its own default
+    std::string name;               // in the Open PDU
+    std::string target;             // agentXSocket, as configured
+    std::string unix_path;          // of the socket; empty when the target is not a Unix socket
+    std::optional<TcpAddress> tcp;  // when it is a numeric one
+    int ping_seconds = 15;          // of silence
+    int timeout_seconds = 0;        // asked of the master; 0: its own default
     std::span<const MibGroup> groups;
   };
   // What the owner does with the session's events.
   struct Events {
     std::function<void(netsnmp_pdu *)> request;  // Get, GetNext, GetBulk and the four of a set
-    std::function<void()> up;
+    std::function<void()> open;                  // the registrations follow
     std::function<void()> down;  // also before the master's answers to what was sent came
   };
 
@@ -62,8 +68,9 @@ class AgentxSession {
   AgentxSession(const AgentxSession &) = delete;
   AgentxSession &operator=(const AgentxSession &) = delete;
 
-  bool Up() const {
-    return stage_ == Stage::kUp;
+  // The master takes notifications, whatever it thinks of the registrations.
+  bool Open() const {
+    return stage_ == Stage::kRegistering || stage_ == Stage::kUp;
   }
   // Its end has been seen; SocketReady() or Work() will clear it away.
   bool Broken() const {
@@ -112,7 +119,7 @@ class AgentxSession {
   void Drop();
   void Watch();
   void Unwatch();
-  void RetryLater();
+  void RetryLater(Clock::duration longest);
 
   Settings settings_;
   Events events_;
@@ -134,6 +141,7 @@ class AgentxSession {
   enum class Said { kNothing, kUp, kDown } said_ = Said::kNothing;
   bool said_duplicate_ = false;
   bool said_refused_ = false;  // an Open
+  bool refused_ = false;       // the last one
 };
 
 }  // namespace vex

@@ -90,7 +90,7 @@ size_t NotificationQueue::Size() const {
 }
 
 void NotificationSender::Send(AgentxSession *session) {
-  while (session->Up() && unanswered_.size() < kMostUnanswered) {
+  while (session->Open() && unanswered_.size() < kMostUnanswered) {
     std::optional<Notification> notification = queue_->Pop();
     if (!notification) {
       return;

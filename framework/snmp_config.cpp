@@ -1,6 +1,7 @@
 #include "framework/snmp_config.h"
 
 // In this order:
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -158,6 +159,24 @@ std::string UnixPathOf(const std::string &target) {
   return !target.empty() && target[0] == '/' ? target : "";
 }
 
+std::optional<AgentxSession::TcpAddress> TcpAddressOf(const std::string &target) {
+  constexpr char kPrefix[] = "tcp:";
+  size_t colon = target.rfind(':');
+  if (strncasecmp(target.c_str(), kPrefix, strlen(kPrefix)) != 0 || colon < strlen(kPrefix)) {
+    return std::nullopt;
+  }
+  std::string host = target.substr(strlen(kPrefix), colon - strlen(kPrefix));
+  AgentxSession::TcpAddress address{host == "localhost" ? "127.0.0.1" : host, 0};
+  const char *end = target.data() + target.size();
+  auto [at, error] = std::from_chars(target.data() + colon + 1, end, address.port);
+  in_addr ignored;
+  if (error != std::errc() || at != end ||
+      inet_pton(AF_INET, address.ipv4.c_str(), &ignored) != 1) {
+    return std::nullopt;
+  }
+  return address;
+}
+
 std::string CommunityOfLine(const std::string &token, const std::string &line) {
   // snmpd.conf(5): rocommunity COMMUNITY [...], com2sec [-Cn CONTEXT] NAME SOURCE COMMUNITY,
   // com2secunix [-Cn CONTEXT] NAME SOCKPATH COMMUNITY.
@@ -254,6 +273,7 @@ int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings
   }
   session->target = target != nullptr ? target : "";
   session->unix_path = UnixPathOf(session->target);
+  session->tcp = TcpAddressOf(session->target);
   int ping = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL);
   session->ping_seconds = ping > 0 ? ping : session->ping_seconds;
   int timeout = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT);

@@ -36,6 +36,7 @@ constexpr std::chrono::microseconds kLookOn{75};
 constexpr std::chrono::milliseconds kLongestLookOn{2};  // then the rest has its turn
 constexpr std::chrono::seconds kQueryPatience{2};
 constexpr std::chrono::seconds kStopPatience{3};
+constexpr std::chrono::milliseconds kLastNotifications{500};  // before the end
 // Images that nobody asked for are still taken over now and then, so that each is held once only.
 constexpr std::chrono::seconds kLongestSleep{30};
 
@@ -92,7 +93,7 @@ class Loop {
       LookOn();
       Work();
     }
-    sender_.Send(&session_);
+    SendLast();
     session_.Close();
     Lost();
     while (Side().notifications.Pop()) {
@@ -101,6 +102,20 @@ class Loop {
   }
 
  private:
+  // What is to be notified before the end, more than may be under way at once.
+  void SendLast() {
+    Clock::time_point until = Clock::now() + kLastNotifications;
+    sender_.Send(&session_);
+    while (session_.Open() && Side().notifications.Size() > 0 && Clock::now() < until) {
+      short wanted = session_.WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
+      pollfd entry = {session_.Socket(), wanted, 0};
+      if (poll(&entry, 1, 20) > 0) {
+        session_.SocketReady((entry.revents & ~POLLOUT) != 0, (entry.revents & POLLOUT) != 0);
+      }
+      sender_.Send(&session_);
+    }
+  }
+
   void Request(const netsnmp_pdu *pdu) {
     TakeImages();
     requests_.Handle(&session_, pdu, Side().sets_enabled.load());

@@ -134,13 +134,24 @@ netsnmp_transport *Connect(int family, int type, const void *address, socklen_t 
   if (fd < 0) {
     return nullptr;
   }
-  if (connect(fd, static_cast<const sockaddr *>(address), length) != 0) {
+  if (connect(fd, static_cast<const sockaddr *>(address), length) != 0 && errno != EINPROGRESS) {
     int error = errno;
     close(fd);
     errno = error;
     return nullptr;
   }
   return NewTransport(fd, type == SOCK_STREAM);
+}
+
+netsnmp_transport *ConnectIpv4(const std::string &ipv4_address, uint16_t port, int type) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (inet_pton(AF_INET, ipv4_address.c_str(), &address.sin_addr) != 1) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return Connect(AF_INET, type, &address, sizeof(address));
 }
 
 }  // namespace
@@ -156,15 +167,12 @@ netsnmp_transport *ConnectUnix(const std::string &path) {
   return Connect(AF_UNIX, SOCK_STREAM, &address, sizeof(address));
 }
 
+netsnmp_transport *ConnectTcp(const std::string &ipv4_address, uint16_t port) {
+  return ConnectIpv4(ipv4_address, port, SOCK_STREAM);
+}
+
 netsnmp_transport *ConnectUdp(const std::string &ipv4_address, uint16_t port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  if (inet_pton(AF_INET, ipv4_address.c_str(), &address.sin_addr) != 1) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  return Connect(AF_INET, SOCK_DGRAM, &address, sizeof(address));
+  return ConnectIpv4(ipv4_address, port, SOCK_DGRAM);
 }
 
 bool HasUnsent(const netsnmp_transport *transport) {

@@ -14,6 +14,9 @@ namespace vex {
 // Connects to a listening Unix stream socket. Null with errno: nobody listens, or its queue is
 // full. The result belongs to the caller until a session takes it.
 netsnmp_transport *ConnectUnix(const std::string &path);
+// The same over TCP, except that the connection may still be under way; that it failed is then told
+// as its end.
+netsnmp_transport *ConnectTcp(const std::string &ipv4_address, uint16_t port);
 // A connected UDP socket, so that a port nobody listens on is told at once.
 netsnmp_transport *ConnectUdp(const std::string &ipv4_address, uint16_t port);
 

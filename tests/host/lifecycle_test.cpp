@@ -104,6 +104,7 @@ TEST(Lifecycle, AFailedStartLeavesNothing) {
   host.daemon.Start(options);
   EXPECT_EQ(host.daemon.WaitEnd(), 1);
   EXPECT_EQ(MadeUpHost::Objects(), std::vector<std::string>{});
+  EXPECT_NE(access("/var/spool/quorix/kelmo/registry/host", F_OK), 0);
   EXPECT_EQ(host.daemon.Count("cleaning up"), 0U) << "the clean-up is for a start that succeeded";
 }
 

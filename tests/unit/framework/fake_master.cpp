@@ -1,5 +1,7 @@
 #include "tests/unit/framework/fake_master.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -136,10 +138,31 @@ FakeMaster::FakeMaster(std::string path) : path_(std::move(path)) {
   }
 }
 
+FakeMaster::FakeMaster(Tcp tcp) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
+      listen(listener_, tcp.backlog) != 0) {
+    close(listener_);
+    listener_ = -1;
+  }
+}
+
 FakeMaster::~FakeMaster() {
   Disconnect();
   close(listener_);
-  unlink(path_.c_str());
+  if (!path_.empty()) {
+    unlink(path_.c_str());
+  }
+}
+
+uint16_t FakeMaster::Port() const {
+  sockaddr_in address = {};
+  socklen_t length = sizeof(address);
+  getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
+  return ntohs(address.sin_port);
 }
 
 bool FakeMaster::Accept(int timeout_ms) {
@@ -216,18 +239,32 @@ std::optional<AgentxPacket> FakeMaster::Receive(int timeout_ms) {
   }
 }
 
+std::string FakeMaster::ReceiveBytes(int timeout_ms) {
+  char buffer[8192];
+  ssize_t length =
+      Readable(connection_, timeout_ms) ? recv(connection_, buffer, sizeof(buffer), 0) : 0;
+  return {buffer, length > 0 ? static_cast<size_t>(length) : 0};
+}
+
 bool FakeMaster::HungUp(int timeout_ms) {
   char byte;
   return Readable(connection_, timeout_ms) && recv(connection_, &byte, 1, MSG_PEEK) <= 0;
 }
 
-void FakeMaster::Send(const AgentxPacket &packet) {
+std::string FakeMaster::BytesOf(const AgentxPacket &packet) {
   std::string bytes = {1, static_cast<char>(packet.type), static_cast<char>(packet.flags), 0};
   Put32(&bytes, packet.session);
   Put32(&bytes, packet.transaction);
   Put32(&bytes, packet.packet);
   Put32(&bytes, static_cast<uint32_t>(packet.payload.size()));
-  bytes += packet.payload;
+  return bytes + packet.payload;
+}
+
+void FakeMaster::Send(const AgentxPacket &packet) {
+  SendBytes(BytesOf(packet));
+}
+
+void FakeMaster::SendBytes(const std::string &bytes) {
   (void)!send(connection_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 

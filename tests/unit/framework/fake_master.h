@@ -50,6 +50,11 @@ struct AgentxPacket {
 class FakeMaster {
  public:
   explicit FakeMaster(std::string path);
+  // On a TCP port of 127.0.0.1 instead; backlog as in listen(2).
+  struct Tcp {
+    int backlog = 5;
+  };
+  explicit FakeMaster(Tcp tcp);
   ~FakeMaster();
   FakeMaster(const FakeMaster &) = delete;
   FakeMaster &operator=(const FakeMaster &) = delete;
@@ -62,6 +67,11 @@ class FakeMaster {
   std::optional<AgentxPacket> Receive(int timeout_ms = 3000);
   bool HungUp(int timeout_ms);
   void Send(const AgentxPacket &packet);
+  // What Send() puts on the wire; and putting bytes there as they are.
+  static std::string BytesOf(const AgentxPacket &packet);
+  void SendBytes(const std::string &bytes);
+  // What one recv(2) brings; empty when nothing comes within the time.
+  std::string ReceiveBytes(int timeout_ms);
   void Answer(const AgentxPacket &request, int error = 0);
   // Sends one request and receives its answer.
   std::optional<AgentxPacket> Ask(const AgentxPacket &request, int timeout_ms = 3000);
@@ -74,6 +84,9 @@ class FakeMaster {
   AgentxPacket TestSet(uint32_t transaction, const std::vector<AgentxBinding> &bindings);
   // CommitSet, UndoSet, CleanupSet.
   AgentxPacket Phase(uint8_t type, uint32_t transaction);
+
+  // Of a master on TCP.
+  uint16_t Port() const;
 
   const std::vector<OidNumbers> &Registered() const {
     return registered_;

@@ -14,6 +14,23 @@ TEST(SnmpConfig, PathsOfUnixTargets) {
   EXPECT_EQ(UnixPathOf(""), "");
 }
 
+TEST(SnmpConfig, AddressesOfTcpTargets) {
+  std::optional<AgentxSession::TcpAddress> address = TcpAddressOf("tcp:127.0.0.1:705");
+  ASSERT_TRUE(address);
+  EXPECT_EQ(address->ipv4, "127.0.0.1");
+  EXPECT_EQ(address->port, 705);
+  address = TcpAddressOf("TCP:localhost:65535");
+  ASSERT_TRUE(address);
+  EXPECT_EQ(address->ipv4, "127.0.0.1");
+  EXPECT_EQ(address->port, 65535);
+  for (const char *other :
+       {"", "tcp:", "tcp:705", "tcp:127.0.0.1", "tcp:127.0.0.1:", "tcp:a.example:705",
+        "tcp:127.0.0.1:65536", "tcp:127.0.0.1:-1", "tcp:127.0.0.1:705x", "udp:127.0.0.1:705",
+        "/var/agentx/master", "127.0.0.1:705"}) {
+    EXPECT_FALSE(TcpAddressOf(other)) << other;
+  }
+}
+
 TEST(SnmpConfig, CommunitiesOfSnmpdLines) {
   struct {
     const char *token;

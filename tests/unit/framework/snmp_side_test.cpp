@@ -1,13 +1,17 @@
 // The whole SNMP side, from its face to the agent thread down to the packets on a master's socket.
 #include "framework/snmp_side.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -19,7 +23,9 @@
 #include <sstream>
 #include <thread>
 
+#include "framework/agentx_session.h"
 #include "framework/set_channel.h"
+#include "framework/snmp_config.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
 
@@ -342,6 +348,139 @@ TEST_F(SnmpSideTest, RegistersAgainWhatTheMasterRefuses) {
   EXPECT_EQ(again->Subtree(), first->Subtree());
 }
 
+// A master may refuse a session for as long as it runs: it is not asked without end.
+TEST_F(SnmpSideTest, AsksARefusingMasterLessAndLess) {
+  master_ = std::make_unique<FakeMaster>(socket_);
+  Start();
+  int asked = 0;
+  steady_clock::time_point until = steady_clock::now() + milliseconds(2500);
+  while (steady_clock::now() < until) {
+    if (!master_->Accept(100)) {
+      continue;
+    }
+    std::optional<AgentxPacket> open = master_->Receive(1000);
+    ASSERT_TRUE(open);
+    asked++;
+    master_->Answer(*open, 266);  // openFailed
+    EXPECT_TRUE(master_->HungUp(1000));
+    master_->Disconnect();
+  }
+  EXPECT_GE(asked, 3);
+  EXPECT_LE(asked, 7);  // 0, 0.1, 0.3, 0.7, 1.5 seconds, and so on
+  // A new master is asked at once.
+  master_.reset();
+  master_ = std::make_unique<FakeMaster>(socket_);
+  EXPECT_TRUE(master_->AcceptAndRegister(1000));
+}
+
+// RFC 2741 6.1: the master chooses the byte order, packet by packet.
+TEST_F(SnmpSideTest, AnswersInTheByteOrderOfTheRequest) {
+  StartWithMaster();
+  PublishMisc();
+  AgentxPacket request = master_->Get({NameOf(kNumber)});
+  std::string bytes = FakeMaster::BytesOf(request);
+  auto swap = [&bytes](size_t at) {
+    std::reverse(bytes.begin() + static_cast<long>(at), bytes.begin() + static_cast<long>(at) + 4);
+  };
+  bytes[2] = 0x10;  // NETWORK_BYTE_ORDER
+  // Header: four words after the first. Payload: a name of 4 octets and its numbers, an empty one.
+  for (size_t at = 4; at < 20; at += 4) {
+    swap(at);
+  }
+  for (size_t at = 24; at < bytes.size() - 4; at += 4) {
+    swap(at);
+  }
+  master_->SendBytes(bytes);
+  std::string answer = master_->ReceiveBytes(1000);
+  ASSERT_GE(answer.size(), 28U);
+  EXPECT_EQ(answer[2] & 0x10, 0x10);
+  auto word = [&answer](size_t at) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < 4; i++) {
+      value = value << 8 | static_cast<uint8_t>(answer.at(at + i));
+    }
+    return value;
+  };
+  EXPECT_EQ(word(12), request.packet);
+  EXPECT_EQ(word(16) + 20, answer.size());
+  EXPECT_EQ(word(24), 0U);  // error and index
+  EXPECT_EQ(word(28) >> 16, static_cast<uint32_t>(Binding::kInteger));
+  EXPECT_EQ(word(answer.size() - 4), 15U);
+  EXPECT_EQ(ReadText(kText), "hello");  // and in the other order again
+}
+
+TEST_F(SnmpSideTest, RequestsMayComeInPiecesAndTogether) {
+  StartWithMaster();
+  PublishMisc();
+  AgentxPacket request = master_->Get({NameOf(kText)});
+  std::string bytes = FakeMaster::BytesOf(request);
+  for (size_t at = 0; at < bytes.size(); at++) {
+    master_->SendBytes(bytes.substr(at, 1));
+    std::this_thread::sleep_for(std::chrono::microseconds(300));
+  }
+  std::optional<AgentxPacket> answer = master_->Receive(1000);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->packet, request.packet);
+  EXPECT_EQ(answer->Bindings().at(0).octets, "hello");
+
+  std::vector<AgentxPacket> requests;
+  bytes.clear();
+  for (int i = 0; i < 20; i++) {
+    requests.push_back(master_->Get({NameOf(kNumber)}));
+    bytes += FakeMaster::BytesOf(requests.back());
+  }
+  // The last one's end comes later.
+  master_->SendBytes(bytes.substr(0, bytes.size() - 5));
+  std::this_thread::sleep_for(milliseconds(20));
+  master_->SendBytes(bytes.substr(bytes.size() - 5));
+  for (const AgentxPacket &one : requests) {
+    answer = master_->Receive(1000);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->packet, one.packet);
+    EXPECT_EQ(answer->Bindings().at(0).integer, 15);
+  }
+}
+
+TEST_F(SnmpSideTest, AMasterOnTcpIsAsGood) {
+  master_ = std::make_unique<FakeMaster>(FakeMaster::Tcp{});
+  Configure("vexhostd.conf",
+            "agentXSocket tcp:127.0.0.1:" + std::to_string(master_->Port()) + "\n");
+  Start();
+  PublishMisc();
+  ASSERT_TRUE(master_->AcceptAndRegister(3000));
+  EXPECT_EQ(ReadText(kText), "hello");
+  master_->Disconnect();
+  ASSERT_TRUE(master_->AcceptAndRegister(1000));
+  EXPECT_EQ(ReadText(kText), "hello");
+}
+
+// Connecting may take minutes; the thread has other work meanwhile, and may have to end.
+TEST_F(SnmpSideTest, AMasterThatDoesNotAcceptStallsNothing) {
+  master_ = std::make_unique<FakeMaster>(FakeMaster::Tcp{0});
+  int filler[2];
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(master_->Port());
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  for (int &fd : filler) {  // until the next one is not taken any more
+    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    (void)!connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address));
+  }
+  Configure("vexhostd.conf",
+            "agentXSocket tcp:localhost:" + std::to_string(master_->Port()) + "\n");
+  Start();
+  std::this_thread::sleep_for(milliseconds(100));
+  int32_t value = 0;
+  steady_clock::time_point start = steady_clock::now();
+  // Nobody listens on port 1: the thread says so at once, if it is not stuck.
+  EXPECT_NE(SnmpQueryInteger("127.0.0.1:1", "public", "1.3.6.1.2.1.1.3.0", &value, nullptr), 0);
+  SnmpStop();
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
+  for (int fd : filler) {
+    close(fd);
+  }
+}
+
 TEST_F(SnmpSideTest, SignalsAreBlockedInTheThreadAndNotInTheCaller) {
   sigset_t before;
   pthread_sigmask(SIG_SETMASK, nullptr, &before);
@@ -441,6 +580,20 @@ TEST_F(SnmpSideTest, OwnTokens) {
   Start();
   EXPECT_EQ(settings_.poll_interval, 42);
   EXPECT_EQ(settings_.community, "secret");
+}
+
+TEST_F(SnmpSideTest, PingIntervalAndTimeout) {
+  SnmpSettings settings;
+  AgentxSession::Settings session;
+  ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
+  UnloadSnmp("vexhostd");
+  EXPECT_EQ(session.ping_seconds, 15);
+  EXPECT_EQ(session.timeout_seconds, 1);
+  Configure("vexhostd.conf", "agentXPingInterval 3\nagentXTimeout 300\n");
+  ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
+  UnloadSnmp("vexhostd");
+  EXPECT_EQ(session.ping_seconds, 3);
+  EXPECT_EQ(session.timeout_seconds, 255);  // one octet in the Open PDU
 }
 
 TEST_F(SnmpSideTest, CommunityOfSnmpConf) {
@@ -622,6 +775,51 @@ TEST_F(SnmpSideTest, UnansweredNotificationsAreSentAgain) {
     ASSERT_TRUE(packet);
     EXPECT_EQ(packet->Bindings().at(0).object_id.back(), i);
   }
+}
+
+// One group's refusal holds back neither the other's values nor what is to be notified.
+TEST_F(SnmpSideTest, NotifiesWhileAGroupIsRefused) {
+  master_ = std::make_unique<FakeMaster>(socket_);
+  Start();
+  PublishMisc();
+  ASSERT_TRUE(master_->Accept(3000));
+  std::optional<AgentxPacket> open = master_->Receive();
+  ASSERT_TRUE(open);
+  master_->Answer(*open);
+  std::optional<AgentxPacket> first = master_->Receive();
+  std::optional<AgentxPacket> second = master_->Receive();
+  ASSERT_TRUE(first && second);
+  master_->Answer(*first);
+  master_->Answer(*second, kDuplicateRegistration);
+  SnmpNotify(Numbered(7));
+  std::optional<AgentxPacket> packet;
+  while ((packet = master_->Receive(1000)) && packet->type != kNotify) {
+    master_->Answer(*packet, kDuplicateRegistration);
+  }
+  ASSERT_TRUE(packet) << "no notification came";
+  EXPECT_EQ(packet->Bindings().at(0).object_id.back(), 7U);
+  EXPECT_EQ(ReadText(kText), "hello");
+}
+
+// More than may be under way at once.
+TEST_F(SnmpSideTest, NotificationsBeforeTheEndStillGoOut) {
+  StartWithMaster();
+  constexpr uint32_t kMany = 100;
+  for (uint32_t i = 1; i <= kMany; i++) {
+    SnmpNotify(Numbered(i));
+  }
+  std::thread stopping(SnmpStop);
+  uint32_t got = 0;
+  std::optional<AgentxPacket> packet;
+  while ((packet = master_->Receive(1000)) && packet->type == kNotify) {
+    got++;
+    master_->Answer(*packet);
+  }
+  EXPECT_EQ(got, kMany);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->type, kClose);
+  master_->Answer(*packet);
+  stopping.join();
 }
 
 // ---- Sets ----
