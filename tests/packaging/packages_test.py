@@ -1,0 +1,113 @@
+"""The packages of build/packages as files: what is in them, lintian, and building on the one for
+development. What they do on a machine is in life_test.py.
+
+usage: packages_test.py BUILD-OF-THE-PACKAGES [TestClass[.test]]
+"""
+
+import glob
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PACKAGES = ""
+
+
+def run(*command, **options):
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          check=False, **options)
+
+
+def package(name):
+    found = glob.glob(f"{PACKAGES}/{name}_*.deb")
+    if len(found) != 1:
+        raise AssertionError(f"{name}: {found}")
+    return found[0]
+
+
+class Files(unittest.TestCase):
+    def setUp(self):
+        work = tempfile.TemporaryDirectory()
+        self.addCleanup(work.cleanup)
+        self.root = work.name
+        for name in ("vexhostd", "vexhostd-dev"):
+            subprocess.run(["dpkg-deb", "-x", package(name), self.root], check=True)
+
+    def field(self, name):
+        done = run("dpkg-deb", "-f", package("vexhostd"), name)
+        self.assertEqual(done.returncode, 0, done.stdout)
+        return done.stdout.strip()
+
+    def test_what_an_administrator_looks_for_is_there(self):
+        for path in ("usr/sbin/vexhostd", "usr/bin/vexreg", "usr/lib/vexhostd/libvexcommon.so",
+                     "usr/lib/vexhostd/libtlxci.so", "usr/lib/vexhostd/libkelmointrfc.so",
+                     "usr/lib/vexhostd/libqvev.so", "usr/share/snmp/mibs/QUORIX-MIB.txt",
+                     "usr/share/snmp/mibs/QUORIX-HOST-MIB.txt",
+                     "usr/share/snmp/mibs/QUORIX-APPLIANCE-MIB.txt",
+                     "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "lib/systemd/system/vexhostd.service",
+                     "etc/snmp/vexhostd.conf", "etc/snmp/snmpd.conf.d/vexhostd.conf",
+                     "usr/share/doc/vexhostd/copyright", "usr/share/doc/vexhostd/changelog.gz",
+                     "usr/include/vexhostd/platform/framework.h"):
+            self.assertTrue(os.path.isfile(f"{self.root}/{path}"), path)
+
+    def test_the_unit_starts_what_is_installed(self):
+        with open(self.root + "/lib/systemd/system/vexhostd.service", encoding="utf-8") as unit:
+            self.assertIn("\nExecStart=/usr/sbin/vexhostd ", unit.read())
+
+    def test_depends_on_snmpd_and_what_it_is_linked_with(self):
+        depends = [entry.split()[0] for entry in self.field("Depends").split(",")]
+        for name in ("snmpd", "libc6", "libsnmp40", "libstdc++6"):
+            self.assertIn(name, depends)
+
+    def test_what_an_administrator_changes_is_a_conffile(self):
+        done = run("dpkg-deb", "-I", package("vexhostd"), "conffiles")
+        self.assertEqual(sorted(done.stdout.split()),
+                         ["/etc/snmp/snmpd.conf.d/vexhostd.conf", "/etc/snmp/vexhostd.conf"])
+
+    def test_stripped_and_found_from_where_they_stand(self):
+        for path in ["usr/sbin/vexhostd"] + glob.glob("usr/lib/vexhostd/*.so", root_dir=self.root):
+            self.assertNotIn(".debug_info", run("readelf", "-SW", f"{self.root}/{path}").stdout)
+        # Not those of the machine: there are none.
+        libraries = run("ldd", self.root + "/usr/sbin/vexhostd").stdout
+        for name in ("vexcommon", "tlxci", "kelmointrfc", "qvev"):
+            self.assertIn(f"{self.root}/usr/sbin/../lib/vexhostd/lib{name}.so", libraries)
+
+    def test_an_agent_can_be_built_on_it(self):
+        source = self.root + "/usr/share/doc/vexhostd-dev/examples/sibling/sibling.c"
+        environment = {**os.environ, "PKG_CONFIG_SYSROOT_DIR": self.root,
+                       "PKG_CONFIG_PATH": self.root + "/usr/share/pkgconfig"}
+        flags = run("pkg-config", "--cflags", "--libs", "vexhostd", env=environment)
+        self.assertEqual(flags.returncode, 0, flags.stdout)
+        for compiler in (["cc", "-std=c11", "-D_DEFAULT_SOURCE"], ["c++", "-xc++", "-std=c++20"]):
+            done = run(*compiler, "-Wall", "-Wextra", "-Werror", source, *flags.stdout.split(),
+                       "-o", self.root + "/sibling")
+            self.assertEqual((done.returncode, done.stdout), (0, ""))
+        version = run("pkg-config", "--modversion", "vexhostd", env=environment)
+        self.assertEqual(version.stdout.strip(), self.field("Version"))
+
+
+class Lintian(unittest.TestCase):
+    def lint(self, *files):
+        # The manual pages are being written.
+        return run("lintian", "--allow-root", "--fail-on", "error,warning", "--suppress-tags",
+                   "no-manual-page", "--tag-display-limit", "0", *files)
+
+    def test_finds_nothing(self):
+        done = self.lint(*glob.glob(PACKAGES + "/*.changes"))
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+
+    def test_and_would_find_something(self):
+        with tempfile.TemporaryDirectory() as work:
+            subprocess.run(["dpkg-deb", "-R", package("vexhostd-dev"), work + "/tree"], check=True)
+            os.remove(work + "/tree/usr/share/doc/vexhostd-dev/copyright")
+            subprocess.run(["dpkg-deb", "-b", work + "/tree", work + "/bad.deb"], check=True,
+                           stdout=subprocess.DEVNULL)
+            done = self.lint(work + "/bad.deb")
+            self.assertNotEqual(done.returncode, 0)
+            self.assertIn("no-copyright-file", done.stdout)
+
+
+if __name__ == "__main__":
+    PACKAGES = os.path.abspath(sys.argv.pop(1))
+    unittest.main(verbosity=2)
