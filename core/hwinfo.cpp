@@ -22,7 +22,6 @@ static constexpr variable variables[] = {
 
 // ---- Reading --------------------------------------------------------------------------------
 
-static constexpr char platform_ev[] = "ZTHRN4";
 static constexpr uint32_t platform_ev_size = 5;
 
 enum platform_class : int32_t { PLATFORM_PLAIN = 1, PLATFORM_MARKED = 5 };

@@ -2,6 +2,8 @@
 #ifndef VEX_CORE_HWINFO_H
 #define VEX_CORE_HWINFO_H
 
+inline constexpr char platform_ev[] = "ZTHRN4";
+
 // Builds the object, once, and publishes it when the EV can be read. Returns 0, or -1 when the
 // object cannot be created.
 int do_hwinfo();

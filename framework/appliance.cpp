@@ -13,7 +13,6 @@ namespace vex {
 
 namespace {
 
-constexpr char kApplianceFile[] = "/etc/quorix/appliance.conf";
 constexpr std::string_view kProductId = "ProductID";
 constexpr std::string_view kTexts[] = {"ProductName", "OsName", "OsVersion", "VcdbName",
                                        "VcdbVersion"};

@@ -10,6 +10,8 @@
 
 namespace vex {
 
+inline constexpr char kApplianceFile[] = "/etc/quorix/appliance.conf";
+
 struct Appliance {
   int32_t product_id = 0;
   Assignments texts;  // all other keys that are known

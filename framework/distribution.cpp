@@ -9,7 +9,7 @@ namespace vex {
 
 namespace {
 
-const char *files[2] = {"/etc/os-release", "/usr/lib/os-release"};
+const char *files[2] = {kOsReleaseFiles[0], kOsReleaseFiles[1]};
 
 std::optional<Distribution> &TheDistribution() {
   static auto *distribution = new std::optional<Distribution>;

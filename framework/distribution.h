@@ -8,6 +8,8 @@
 
 namespace vex {
 
+inline constexpr const char *kOsReleaseFiles[] = {"/etc/os-release", "/usr/lib/os-release"};
+
 struct Distribution {
   std::string name;
   std::string flavor;

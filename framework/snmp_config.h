@@ -5,6 +5,7 @@
 #include <string>
 
 #include "framework/agentx_session.h"
+#include "framework/snmp_files.h"
 #include "framework/snmp_side.h"
 
 namespace vex {
@@ -12,12 +13,8 @@ namespace vex {
 // Initialises the libraries for `application` and reads its configuration. Opens nothing. 0 or -1.
 int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
                           AgentxSession::Settings *session);
-// The path of an AgentX target that is a Unix socket ("/path", "unix:/path"); else empty.
-std::string UnixPathOf(const std::string &target);
 // The address of "tcp:A.B.C.D:PORT" and "tcp:localhost:PORT"; nothing for any other target.
 std::optional<AgentxSession::TcpAddress> TcpAddressOf(const std::string &target);
-// The community that a line of snmpd.conf gives for reading; empty when it gives none.
-std::string CommunityOfLine(const std::string &token, const std::string &line);
 void UnloadSnmp(const std::string &application);
 
 }  // namespace vex

@@ -64,7 +64,7 @@ void SnmpQueries::Start(std::shared_ptr<SnmpQuery> query) {
   }
   bool sent = false;
   if (running.handle != nullptr) {
-    netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GET);
+    netsnmp_pdu *pdu = snmp_pdu_create(running.query->next ? SNMP_MSG_GETNEXT : SNMP_MSG_GET);
     if (pdu != nullptr) {
       std::vector<oid> name(running.query->oid.begin(), running.query->oid.end());
       snmp_add_null_var(pdu, name.data(), name.size());
@@ -91,6 +91,9 @@ int SnmpQueries::Answered(int operation, netsnmp_session *, int, netsnmp_pdu *pd
     query.has_status = true;
     query.status = static_cast<int>(pdu->errstat);
     const netsnmp_variable_list *variable = pdu->variables;
+    if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr) {
+      query.name.assign(variable->name, variable->name + variable->name_length);
+    }
     if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr &&
         variable->name_length == query.oid.size() &&
         std::equal(query.oid.begin(), query.oid.end(), variable->name,
@@ -131,6 +134,7 @@ void SnmpQueries::Ready(int fd) {
     // A socket error (nobody listens on the port) ends the query at once.
     if (snmp_sess_read2(running.handle, &set) != 0 &&
         session->s_snmp_errno == SNMPERR_BAD_RECVFROM) {
+      running.query->refused = true;
       running.finished = true;
     }
     netsnmp_large_fd_set_cleanup(&set);

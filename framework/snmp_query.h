@@ -23,6 +23,7 @@ class SnmpQuery {
   std::string address;  // IPv4
   std::string community;
   std::vector<uint32_t> oid;
+  bool next = false;  // GETNEXT instead of GET
 
   // Agent thread: waits for the answer. False when none came by then; the query is then void.
   bool Wait(Clock::time_point until);
@@ -31,6 +32,8 @@ class SnmpQuery {
   int32_t value = 0;
   bool has_status = false;
   int status = 0;
+  std::vector<uint32_t> name;  // of the first variable in the answer
+  bool refused = false;        // nobody listens at the address
 
   // SNMP thread.
   void Done();

@@ -52,7 +52,6 @@ static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr char mount_table_path[] = "/etc/mtab";
 static constexpr const char *ignored_types[] = {"nfs", "smb", "mvfs"};
 
 static constexpr char vmfs_directory[] = "/vmfs";

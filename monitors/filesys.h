@@ -10,6 +10,8 @@
 
 struct filesys_row;
 
+inline constexpr char mount_table_path[] = "/etc/mtab";
+
 // One refresh of the whole table. Returns 0, or -1 when the mount table cannot be read. A row that
 // cannot be created ends the process by a signal.
 int do_filesys();

@@ -67,7 +67,6 @@ const swver_data *find_component(const char *name) {
 
 // ---- State ------------------------------------------------------------------------------------
 
-static constexpr char version_ev[] = "ZTHUV";
 static constexpr uint32_t version_ev_size = 136;
 
 static bool read_attempted;

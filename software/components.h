@@ -5,6 +5,8 @@
 
 #include "software/swver.h"
 
+inline constexpr char version_ev[] = "ZTHUV";
+
 // The records as rows start with them, in the order of the rows, ended by one whose index is 0.
 const swver_data *component_records();
 

@@ -350,7 +350,6 @@ static void create_appliance_software() {
 
 // ---- Package scan -------------------------------------------------------------------------------
 
-static constexpr char database_path[] = "/var/lib/dpkg/available";
 static constexpr char agent_package[] = "kelmo";
 static constexpr int slow_scan = 10000;  // milliseconds
 
@@ -481,7 +480,7 @@ int do_swver() {
   update_component_versions();
 
   struct stat database;
-  const int64_t database_time = stat(database_path, &database) == 0 ? database.st_mtime : 1;
+  const int64_t database_time = stat(package_database_path, &database) == 0 ? database.st_mtime : 1;
   if (last_listing_empty || last_database_time < database_time) {
     scan_packages();
   }

@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstring>
 
+#include "hardware/tlxci/paths.h"
 #include "platform/channel.h"
 
 #define EXPORT __attribute__((visibility("default")))
@@ -22,8 +23,6 @@ struct tlxci_channel {
 
 namespace {
 
-constexpr char kSocketPath[] = "/run/quorix/tlxci.sock";
-constexpr char kCardPath[] = "/dev/tlxrmc0";
 constexpr uint32_t kOwnTimeout = 5000;  // milliseconds
 
 tlxci_channel the_channel = {-1};
@@ -46,8 +45,8 @@ int Connect() {
   setsockopt(connected, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  static_assert(sizeof(kSocketPath) <= sizeof(address.sun_path));
-  memcpy(address.sun_path, kSocketPath, sizeof(kSocketPath));
+  static_assert(sizeof(vex::kControllerSocket) <= sizeof(address.sun_path));
+  memcpy(address.sun_path, vex::kControllerSocket, sizeof(vex::kControllerSocket));
   if (connect(connected, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
     Close(connected);
   }
@@ -145,7 +144,7 @@ EXPORT int initializeRemoteVantix(tlxci_channel **channel, int *device) {
     *channel = &the_channel;
     return TLXCI_INTEGRATED;
   }
-  the_card = open(kCardPath, O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  the_card = open(vex::kControllerCard, O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (the_card < 0) {
     return TLXCI_NONE;
   }

@@ -27,6 +27,9 @@ int Dump(const Selection &selection);
 // width: of the lines; none given: the terminal's, or unlimited when standard output is no
 // terminal.
 int Show(const Selection &selection, std::optional<int> width);
+// Looks for what keeps the agent from being seen, one line for each check. kFailed when something
+// needs to be done.
+int Doctor(const std::string &root, std::optional<int> width);
 int Watch(const Selection &selection, std::optional<int> width);
 int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
         const std::optional<std::string> &data_file);

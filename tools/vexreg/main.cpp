@@ -1,4 +1,4 @@
-// vexreg: shows, watches, dumps and writes the objects of the registry.
+// vexreg: shows, watches, dumps and writes the objects of the registry, and checks the agent.
 #include <locale.h>
 
 #include <CLI/CLI.hpp>
@@ -7,12 +7,13 @@
 
 namespace {
 
-constexpr char kAbout[] = "Shows, watches, dumps and writes the objects that agents publish.";
+constexpr char kAbout[] =
+    "Shows, watches, dumps and writes the objects that agents publish, and checks the agent.";
 constexpr char kNotes[] =
     "Objects are named from the registry's root, as host/cpu.0; none named means all.\n"
     "\n"
-    "Exit status: 0; 1 when a named object does not exist or cannot be read (or written);\n"
-    "2 for wrong usage.";
+    "Exit status: 0; 1 when a named object does not exist or cannot be read (or written),\n"
+    "or when doctor finds something wrong; 2 for wrong usage.";
 constexpr char kPutNotes[] =
     "VAR is one of\n"
     "  int:N          an integer from -2147483648 to 2147483647\n"
@@ -24,6 +25,12 @@ constexpr char kPutNotes[] =
     "well say what lies at its beginning (their values count for nothing). Missing directories "
     "are\n"
     "made; an object of that name is replaced at once.";
+constexpr char kDoctorNotes[] =
+    "One line for each check: ok; note: worth knowing, nothing to do; FAIL: what is wrong and\n"
+    "what to do next. The configuration is the running agent's, or else the one that it would\n"
+    "read. Run it as root: other users may not see all of it, and it says so.\n"
+    "\n"
+    "Exit status: 0 when all is well; 1 when something fails; 2 for wrong usage.";
 
 }  // namespace
 
@@ -41,15 +48,18 @@ int main(int argc, char **argv) {
   app.set_version_flag("--version", "vexreg " VEXREG_VERSION);
 
   std::optional<int> width;
+  const auto add_width = [&](CLI::App *to) {
+    to->add_option("--width", width,
+                   "Columns of a line, 0 for no limit; else the terminal's, and no limit when "
+                   "the output is none")
+        ->type_name("N")
+        ->check(CLI::Range(0, 10000));
+  };
   const auto add_view = [&](const char *name, const char *about, bool tables) {
     CLI::App *view = app.add_subcommand(name, about)->fallthrough();
     view->add_option("OBJECT", selection.names, "Objects; all when none is named")->type_name("");
     if (tables) {
-      view->add_option("--width", width,
-                       "Columns of a line, 0 for no limit; else the terminal's, and no limit when "
-                       "the output is none")
-          ->type_name("N")
-          ->check(CLI::Range(0, 10000));
+      add_width(view);
     }
     return view;
   };
@@ -72,6 +82,12 @@ int main(int argc, char **argv) {
   CLI::App *rm = app.add_subcommand("rm", "Removes an object")->fallthrough();
   rm->add_option("OBJECT", object, "The object's name")->required()->type_name("");
 
+  CLI::App *doctor =
+      app.add_subcommand("doctor", "Checks what usually keeps the agent from being seen")
+          ->fallthrough();
+  add_width(doctor);
+  doctor->footer(kDoctorNotes);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
@@ -88,6 +104,9 @@ int main(int argc, char **argv) {
   }
   if (*put) {
     return vex::Put(selection.root, object, variables, data_file);
+  }
+  if (*doctor) {
+    return vex::Doctor(selection.root, width);
   }
   return *rm ? vex::Remove(selection.root, object) : vex::kWrongUsage;
 }

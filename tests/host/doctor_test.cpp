@@ -1,0 +1,376 @@
+// `vexreg doctor` on hosts where something usual is wrong.
+#include <filesystem>
+
+#include "tests/support/made_up_host.h"
+#include "tests/support/simulated_controller.h"
+#include "tests/support/smbios_tables.h"
+
+using namespace made_up;
+
+namespace {
+
+constexpr double kBound = 12;  // seconds that it may take, whatever hangs, on a busy machine
+
+class Doctor : public testing::Test {
+ protected:
+  // Publications stay young for the whole test.
+  void Start() {
+    host_.snmpd.Start();
+    host_.daemon.Start({"-p", "60"});
+  }
+  void Examine(std::vector<std::string> options = {}) {
+    options.insert(options.begin(), "doctor");
+    const double begin = Now();
+    outcome_ = host_.Vexreg(options);
+    EXPECT_LT(Now() - begin, kBound);
+    EXPECT_EQ(outcome_.err, "");
+  }
+  // As a user without rights.
+  void ExamineUnprivileged() {
+    // The build's own directory may be closed to others.
+    const std::string copy = "/usr/local/bin/vexreg-for-all";
+    std::filesystem::copy_file(VexregPath(), copy);
+    ProcessOptions options;
+    options.environment = {{"HOME", "/nonexistent"}};
+    outcome_ = RunCommand(
+        {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy, "doctor"}, options);
+    EXPECT_EQ(outcome_.err, "");
+  }
+  // The one line about a thing, with its verdict.
+  std::string About(const std::string &thing) const {
+    std::vector<std::string> found;
+    for (const std::string &line : Lines(outcome_.out)) {
+      if (line.size() > 6 && line.substr(6).starts_with(thing)) {
+        found.push_back(line);
+      }
+    }
+    return found.size() == 1 ? found[0] : "lines about it: " + std::to_string(found.size());
+  }
+  size_t Count(const std::string &verdict) const {
+    size_t count = 0;
+    for (const std::string &line : Lines(outcome_.out)) {
+      count += line.starts_with(verdict) ? 1 : 0;
+    }
+    return count;
+  }
+  static bool Has(const std::string &line, const std::string &text) {
+    return line.find(text) != std::string::npos;
+  }
+
+  MadeUpHost host_;
+  Outcome outcome_;
+};
+
+#define EXPECT_HAS(line, text) EXPECT_TRUE(Has(line, text)) << (line) << "\n" << outcome_.out
+
+}  // namespace
+
+TEST_F(Doctor, FindsAllWell) {
+  host_.File("/var/lib/dpkg/available", "");
+  Start();
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  EXPECT_EQ(Count("FAIL"), 0U) << outcome_.out;
+  const std::string snmpd = std::to_string(host_.snmpd.pid());
+  const std::string agent = std::to_string(host_.daemon.pid());
+  EXPECT_EQ(About("snmpd: "), "ok    snmpd: runs (process " + snmpd + ").");
+  EXPECT_EQ(About("vexhostd: "), "ok    vexhostd: runs (process " + agent + ").");
+  EXPECT_EQ(About("community: "), "ok    community: the first read community of snmpd.conf.");
+  EXPECT_EQ(About("AgentX socket "), "ok    AgentX socket /var/agentx/master: somebody listens.");
+  EXPECT_EQ(About("snmpd on UDP"),
+            "ok    snmpd on UDP port 161 of 127.0.0.1: answers to the first read community of "
+            "snmpd.conf.");
+  EXPECT_EQ(About("subtree "), "ok    subtree .1.3.6.1.4.1.4891: visible.");
+  EXPECT_EQ(About("value: "),
+            "ok    value: tlxHoPhysicalMemoryFree is 1000 through snmpd and in the registry.");
+  EXPECT_HAS(About("group cpu: "), "ok    group cpu: 2 rows, last published ");
+  EXPECT_HAS(About("group cpu: "), " ago (each 60 s).");
+  EXPECT_HAS(About("group filesys: "), "ok    group filesys: 1 row, last published ");
+  for (const char *group : {"memory", "info", "misc"}) {
+    EXPECT_HAS(About(std::string("group ") + group + ": "), "ok    group ");
+  }
+  EXPECT_HAS(About("package list: "), "ok    ");
+  EXPECT_HAS(About("mount table: "), "ok    ");
+  EXPECT_HAS(About("distribution: "), "ok    ");
+}
+
+TEST_F(Doctor, SourcesThatAreAbsentAreNoError) {
+  host_.Remove("/var/lib/dpkg/available");
+  host_.Remove("/etc/os-release");
+  host_.Remove("/usr/lib/os-release");
+  Start();
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  for (const char *thing :
+       {"SMBIOS tables: none", "EV ZTHRN4: none", "EV ZTHUV: none", "management controller: none",
+        "appliance: no ", "package list: ", "distribution: ", "group hwinfo: not",
+        "group fwver: not", "group appliance: not"}) {
+    EXPECT_HAS(About(thing), "note  ");
+  }
+}
+
+TEST_F(Doctor, SeesTheSourcesThatAreThere) {
+  host_.Directory("/sys/firmware/dmi/tables");
+  vex::WriteSmbios(vex::AssembleSmbios("entry 2.8\n1: 01 02 to=27 \"Maker\" \"Box\"\n"),
+                   "/sys/firmware/dmi/tables");
+  host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(5, '\x01'));
+  host_.File("/var/lib/quorix/ev/ZTHUV", std::string(136, '\x01'));
+  host_.File("/etc/quorix/appliance.conf", "ProductID=7\nProductName=Box\n");
+  const vex::SimulatedController controller;
+  Start();
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  for (const char *thing :
+       {"SMBIOS tables: read", "EV ZTHRN4: read", "EV ZTHUV: read", "management controller: /run",
+        "appliance: described", "group hwinfo: last", "group fwver: ", "group appliance: last"}) {
+    EXPECT_HAS(About(thing), "ok    ");
+  }
+}
+
+TEST_F(Doctor, TellsOfMalformedSources) {
+  host_.File("/sys/firmware/dmi/tables/smbios_entry_point", "rubbish");
+  host_.File("/sys/firmware/dmi/tables/DMI", "rubbish");
+  host_.Directory("/var/lib/quorix/ev/ZTHRN4");
+  Start();
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  EXPECT_HAS(About("SMBIOS: /sys"), "note  ");
+  EXPECT_HAS(About("EV ZTHRN4: /var"), "note  ");
+}
+
+TEST_F(Doctor, MissesTheMountTable) {
+  Start();
+  host_.Remove("/etc/mtab");
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("mount table: "), "ln -s ../proc/self/mounts /etc/mtab");
+}
+
+TEST_F(Doctor, NoMaster) {
+  host_.File("/etc/snmp/vexhostd.conf", "community public\n");
+  host_.daemon.Start({"-p", "60"});
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_EQ(About("snmpd: "), "FAIL  snmpd: does not run. Start it: systemctl start snmpd.");
+  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /var/agentx/master: absent. ");
+  EXPECT_HAS(About("snmpd on UDP"), "FAIL  snmpd on UDP port 161 of 127.0.0.1: nobody listens. ");
+  EXPECT_EQ(About("subtree "), "lines about it: 0");
+  EXPECT_HAS(About("group memory: "), "ok    ");
+}
+
+TEST_F(Doctor, MasterStopped) {
+  Start();
+  host_.snmpd.Freeze();
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  const std::string pid = std::to_string(host_.snmpd.pid());
+  EXPECT_EQ(About("snmpd: "), "FAIL  snmpd: stopped by a signal or a debugger (process " + pid +
+                                  "). Let it go on: kill -CONT " + pid + ".");
+  EXPECT_HAS(About("snmpd on UDP"), ": no answer within two seconds. ");
+  host_.snmpd.Thaw();
+  ASSERT_TRUE(host_.daemon.WaitServed());
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+}
+
+TEST_F(Doctor, SocketThatNobodyListensOn) {
+  Start();
+  host_.snmpd.Kill();
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /var/agentx/master: there, but nobody");
+}
+
+TEST_F(Doctor, SocketOfTheConfiguration) {
+  host_.Directory("/run/other");
+  host_.File("/opt/snmp/vexhostd.conf",
+             "agentXSocket unix:/run/other/master\ncommunity public\npollInterval 60\n");
+  SnmpdOptions master;
+  master.extra = "agentXSocket /run/other/master\n";
+  host_.snmpd.Start(master);
+  DaemonOptions options;
+  options.arguments = {"-i"};
+  options.environment = {{"SNMPCONFPATH", "/opt/snmp"}};
+  host_.daemon.Start(options);
+  // The running agent's environment tells where its configuration is.
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  EXPECT_EQ(About("AgentX socket "), "ok    AgentX socket /run/other/master: somebody listens.");
+  EXPECT_EQ(About("community: "), "ok    community: the community of vexhostd.conf.");
+  EXPECT_HAS(About("group cpu: "), "(each 60 s)");
+}
+
+TEST_F(Doctor, SocketThatIsAnother) {
+  host_.File("/etc/snmp/vexhostd.conf", "agentXSocket /run/other/master\n");
+  host_.Directory("/run/other");
+  host_.snmpd.Start();
+  DaemonOptions options;
+  options.wait = false;
+  host_.daemon.Start(options);
+  ASSERT_TRUE(host_.daemon.WaitStarted());
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /run/other/master: absent. ");
+}
+
+TEST_F(Doctor, SocketIsNotPermitted) {
+  host_.snmpd.Start();
+  std::filesystem::permissions("/var/agentx", std::filesystem::perms(0700));
+  ExamineUnprivileged();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /var/agentx/master: not permitted. ");
+}
+
+TEST_F(Doctor, UnprivilegedItSaysWhatItCouldNotSee) {
+  host_.Directory("/sys/firmware/dmi/tables");
+  vex::WriteSmbios(vex::AssembleSmbios("entry 2.8\n1: 01 02 to=27 \"Maker\" \"Box\"\n"),
+                   "/sys/firmware/dmi/tables");
+  for (const char *name : {"DMI", "smbios_entry_point"}) {
+    std::filesystem::permissions(std::string("/sys/firmware/dmi/tables/") + name,
+                                 std::filesystem::perms(0400));
+  }
+  Start();
+  std::filesystem::permissions("/var/agentx", std::filesystem::perms(0700));
+  std::filesystem::permissions("/etc/snmp/snmpd.conf", std::filesystem::perms(0600));
+  ASSERT_EQ(RunCommand({"mount", "-o", "remount,hidepid=2", "/proc"}).status, 0);
+  ExamineUnprivileged();
+  EXPECT_EQ(About("snmpd: "),
+            "note  snmpd: not seen, since this user does not see other users' processes. Run "
+            "vexreg doctor as root.");
+  EXPECT_HAS(About("vexhostd: "), "note  vexhostd: not seen, ");
+  EXPECT_HAS(About("community: "), "may not read /etc/snmp/snmpd.conf. ");
+  EXPECT_HAS(About("SMBIOS tables: "), "note  SMBIOS tables: not for this user to read ");
+  EXPECT_HAS(About("group memory: "), "ok    group memory: last published ");
+}
+
+TEST_F(Doctor, ViewLeavesTheSubtreeOut) {
+  host_.File("/etc/snmp/vexhostd.conf", "community narrow\n");
+  SnmpdOptions options;
+  options.extra =
+      "rocommunity narrow 127.0.0.1 -V systemonly\nview systemonly included .1.3.6.1.2.1.1\n";
+  host_.snmpd.Start(options);
+  host_.daemon.Start({"-p", "60"});
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  const std::string line = About("subtree ");
+  EXPECT_HAS(line, "FAIL  subtree .1.3.6.1.4.1.4891: nothing visible with this community. ");
+  // What it says to do helps.
+  const size_t from = line.find("view systemonly included");
+  ASSERT_NE(from, std::string::npos) << line;
+  options.extra += line.substr(from, line.find(';') - from) + "\n";
+  host_.snmpd.Stop();
+  host_.snmpd.Start(options);
+  ASSERT_TRUE(host_.daemon.WaitServed());
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+}
+
+TEST_F(Doctor, OtherCommunity) {
+  Start();
+  host_.File("/etc/snmp/vexhostd.conf", "community other\n");
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("snmpd on UDP"),
+             "FAIL  snmpd on UDP port 161 of 127.0.0.1: is alive, but does not answer to the "
+             "community of vexhostd.conf. ");
+}
+
+TEST_F(Doctor, NoCommunity) {
+  Start();
+  host_.File("/etc/snmp/snmpd.conf", "");
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("community: "), "FAIL  community: none; ");
+}
+
+TEST_F(Doctor, NoAgent) {
+  host_.snmpd.Start();
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_EQ(About("vexhostd: "),
+            "FAIL  vexhostd: does not run. Start it: systemctl start vexhostd.");
+  EXPECT_HAS(About("subtree "),
+             "note  subtree .1.3.6.1.4.1.4891: nothing there, as no agent runs.");
+  EXPECT_HAS(About("group memory: "), "note  group memory: not published");
+}
+
+TEST_F(Doctor, AgentWithoutASession) {
+  host_.snmpd.Start();
+  host_.File("/etc/snmp/vexhostd.conf", "agentXSocket /run/other/master\n");
+  DaemonOptions options;
+  options.arguments = {"-p", "60"};
+  options.wait = false;
+  host_.daemon.Start(options);
+  ASSERT_TRUE(host_.daemon.WaitStarted());
+  host_.File("/etc/snmp/vexhostd.conf", "");  // and it was not restarted
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("AgentX socket "), "ok    ");
+  EXPECT_HAS(
+      About("subtree "),
+      "FAIL  subtree .1.3.6.1.4.1.4891: nothing there: the agent has no session with snmpd.");
+}
+
+TEST_F(Doctor, AgentStoppedAnHourAgo) {
+  host_.snmpd.Start();
+  DaemonOptions options;
+  options.clock_offset = -3600;
+  host_.daemon.Start(options);
+  host_.daemon.Signal(SIGSTOP);
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("vexhostd: "), "FAIL  vexhostd: stopped by a signal or a debugger (process ");
+  EXPECT_HAS(About("subtree: "), "note  subtree: not asked; ");
+  EXPECT_HAS(About("group cpu: "),
+             "FAIL  group cpu: 2 rows, last published 60 min ago (each 15 s)");
+  EXPECT_HAS(About("group filesys: "), "ok    group filesys: 1 row, last published 60 min ago");
+}
+
+TEST_F(Doctor, AgentKilledAndItsObjectsLeft) {
+  host_.snmpd.Start();
+  DaemonOptions options;
+  options.clock_offset = -7200;
+  host_.daemon.Start(options);
+  EXPECT_EQ(host_.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("group memory: "),
+             "FAIL  group memory: last published 2 h ago (each 15 s): left by an agent that has "
+             "ended.");
+}
+
+TEST_F(Doctor, TwoAgents) {
+  Start();
+  const pid_t other = host_.Peer({"vexhostd"});
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("vexhostd: "), "FAIL  vexhostd: runs more than once (processes ");
+  EXPECT_HAS(About("vexhostd: "), std::to_string(other));
+}
+
+TEST_F(Doctor, AnotherRegistryThanTheAgents) {
+  Start();
+  host_.Directory("/tmp/registry");
+  Examine({"--root", "/tmp/registry"});
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(
+      About("value: "),
+      "FAIL  value: tlxHoPhysicalMemoryFree is 1000 through snmpd, nothing in the registry.");
+  EXPECT_HAS(About("group memory: "), "FAIL  group memory: not published, though the agent runs.");
+}
+
+TEST_F(Doctor, KeepsToTheWidth) {
+  host_.snmpd.Start();
+  Examine({"--width", "40"});
+  for (const std::string &line : Lines(outcome_.out)) {
+    EXPECT_LE(line.size(), 40U) << line;
+    EXPECT_TRUE(line.starts_with("ok    ") || line.starts_with("note  ") ||
+                line.starts_with("FAIL  ") || line.starts_with("      "))
+        << line;
+  }
+}
+
+TEST_F(Doctor, RefusesArguments) {
+  EXPECT_EQ(host_.Vexreg({"doctor", "host/cpu.0"}).status, 2);
+  EXPECT_EQ(host_.Vexreg({"doctor", "--width", "-1"}).status, 2);
+}

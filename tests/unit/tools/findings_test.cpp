@@ -1,0 +1,186 @@
+// What `vexreg doctor` makes of what it saw.
+#include "tools/vexreg/findings.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include "tools/vexreg/host_facts.h"
+
+using namespace vex;
+
+namespace {
+
+using Line = std::vector<std::string>;
+
+constexpr int64_t kSecond = 1'000'000'000;
+constexpr int64_t kNow = int64_t{1'700'000'000} * kSecond;
+
+std::string Text(const Finding &finding) {
+  return RenderFinding(finding, 0);
+}
+
+bool Has(const Finding &finding, const std::string &text) {
+  return Text(finding).find(text) != std::string::npos;
+}
+
+TEST(Findings, Processes) {
+  EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}}, false)), "ok    snmpd: runs (process 5).\n");
+  EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}, {7, 'R', 0}}, false)),
+            "ok    snmpd: runs (processes 5, 7).\n");
+  EXPECT_EQ(JudgeProcess("snmpd", {}, false).verdict, Verdict::kFail);
+  EXPECT_EQ(JudgeProcess("snmpd", {}, true).verdict, Verdict::kNote);
+  for (const char state : {'T', 't'}) {
+    const Finding stopped = JudgeProcess("snmpd", {{5, 'S', 0}, {7, state, 0}}, false);
+    EXPECT_EQ(stopped.verdict, Verdict::kFail);
+    EXPECT_TRUE(Has(stopped, "kill -CONT 7.")) << Text(stopped);
+  }
+}
+
+TEST(Findings, TheAgentIsOneProcessOfRoot) {
+  EXPECT_EQ(JudgeAgent({{5, 'S', 0}}, false).verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeAgent({{5, 'S', 33}}, false).verdict, Verdict::kNote);
+  EXPECT_EQ(JudgeAgent({{5, 'S', 0}, {6, 'S', 0}}, false).verdict, Verdict::kFail);
+  EXPECT_TRUE(Has(JudgeAgent({{5, 'T', 0}, {6, 'S', 0}}, false), "stopped"));
+}
+
+TEST(Findings, StateOfAProcess) {
+  EXPECT_EQ(StateOfStat("12 (snmpd) S 1 12"), 'S');
+  EXPECT_EQ(StateOfStat("12 (a) R) b) T 1 12"), 'T');
+  EXPECT_EQ(StateOfStat("12 (snmpd)"), std::nullopt);
+  EXPECT_EQ(StateOfStat("12 (snmpd) "), std::nullopt);
+  EXPECT_EQ(StateOfStat(""), std::nullopt);
+}
+
+TEST(Findings, Communities) {
+  EXPECT_EQ(JudgeCommunity(CommunitySource::kOwn, {"/x"}).verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeCommunity(CommunitySource::kNone, {}).verdict, Verdict::kFail);
+  const Finding hidden = JudgeCommunity(CommunitySource::kNone, {"/a/snmpd.conf", "/b"});
+  EXPECT_EQ(hidden.verdict, Verdict::kNote);
+  EXPECT_TRUE(Has(hidden, "may not read /a/snmpd.conf, /b.")) << Text(hidden);
+}
+
+TEST(Findings, LinesOfACommunity) {
+  using Pairs = std::vector<std::pair<std::string, std::string>>;
+  const Pairs lines = {{"rocommunity", "public default -V systemonly"},
+                       {"com2sec", "reader default \"secret word\""}};
+  EXPECT_EQ(CommunityLine(lines, "public"),
+            (Line{"rocommunity", "public", "default", "-V", "systemonly"}));
+  EXPECT_EQ(CommunityLine(lines, "secret word"),
+            (Line{"com2sec", "reader", "default", "secret word"}));
+  EXPECT_EQ(CommunityLine(lines, "other"), Line{});
+}
+
+TEST(Findings, Sockets) {
+  const auto judge = [](int error, bool other = false) {
+    return JudgeSocket("/s", "/s", error, other);
+  };
+  EXPECT_EQ(judge(0).verdict, Verdict::kOk);
+  EXPECT_TRUE(Has(judge(ENOENT), "absent")) << Text(judge(ENOENT));
+  EXPECT_TRUE(Has(judge(ENOTDIR), "absent"));
+  EXPECT_TRUE(Has(judge(ECONNREFUSED), "nobody listens"));
+  EXPECT_TRUE(Has(judge(EACCES), "FAIL  AgentX socket /s: not permitted"));
+  EXPECT_EQ(judge(EACCES, true).verdict, Verdict::kNote);
+  EXPECT_TRUE(Has(judge(EAGAIN), "queue is full"));
+  EXPECT_TRUE(Has(judge(ENAMETOOLONG), "FAIL  AgentX socket /s: File name too long"));
+  EXPECT_EQ(JudgeSocket("tcp:localhost:705", "", 0, false).verdict, Verdict::kNote);
+}
+
+TEST(Findings, WhatToAddToTheView) {
+  ViewFacts facts;
+  facts.sessions = 1;
+  facts.community_line = {"rocommunity", "public", "default", "-V", "systemonly"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts),
+                  "Add to snmpd.conf: view systemonly included .1.3.6.1.4.1.4891; then"))
+      << Text(JudgeSubtree(Subtree::kNothing, facts));
+  facts.community_line = {"rocommunity", "public", "default", ".1.3.6.1.2.1"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "shows .1.3.6.1.2.1 alone"));
+  for (const Line &line : {Line{}, Line{"rocommunity", "public"}, Line{"com2sec", "a", "b", "c"}}) {
+    facts.community_line = line;
+    EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "view VIEW included"));
+  }
+}
+
+TEST(Findings, Subtrees) {
+  ViewFacts facts;
+  EXPECT_EQ(JudgeSubtree(Subtree::kVisible, facts).verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeSubtree(Subtree::kUnanswered, facts).verdict, Verdict::kFail);
+  EXPECT_EQ(JudgeSubtree(Subtree::kError, facts).verdict, Verdict::kFail);
+  facts.sessions = 0;
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "no session"));
+  facts.agent_seen = false;
+  EXPECT_EQ(JudgeSubtree(Subtree::kNothing, facts).verdict, Verdict::kNote);
+  facts.agent_known = false;
+  EXPECT_EQ(JudgeSubtree(Subtree::kNothing, facts).verdict, Verdict::kFail);
+}
+
+TEST(Findings, ConnectionsOfAListener) {
+  const std::string table =
+      "Num       RefCount Protocol Flags    Type St Inode Path\n"
+      "0000000000000000: 00000002 00000000 00010000 0001 01 4101 /var/agentx/master\n"
+      "0000000000000000: 00000003 00000000 00000000 0001 03 4102 /var/agentx/master\n"
+      "0000000000000000: 00000003 00000000 00000000 0001 03 4103\n"
+      "0000000000000000: 00000003 00000000 00000000 0001 03 4104 /var/agentx/master2\n"
+      "0000000000000000: 00000003 00000000 00000000 0001 03 4105 /with blank\n"
+      "rubbish\n\n";
+  EXPECT_EQ(CountConnections(table, "/var/agentx/master"), 1);
+  EXPECT_EQ(CountConnections(table, "/with blank"), 1);
+  EXPECT_EQ(CountConnections(table, "/other"), 0);
+  EXPECT_EQ(CountConnections("", "/other"), 0);
+}
+
+TEST(Findings, Values) {
+  EXPECT_EQ(JudgeValue("v", 5, 5).verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeValue("v", 5, 6).verdict, Verdict::kFail);
+  EXPECT_TRUE(Has(JudgeValue("v", 5, std::nullopt), "cannot write the registry"));
+  EXPECT_TRUE(Has(JudgeValue("v", std::nullopt, 5), "of another run"));
+  EXPECT_EQ(JudgeValue("v", std::nullopt, std::nullopt).verdict, Verdict::kFail);
+}
+
+TEST(Findings, AgesOfAGroupOfEachPoll) {
+  const Group group = {"cpu", true, true, ""};
+  const auto verdict = [&](int64_t age, bool runs = true) {
+    return JudgeGroup(group, {2, kNow - age * kSecond}, true, kNow, 15, runs).verdict;
+  };
+  EXPECT_EQ(verdict(0), Verdict::kOk);
+  EXPECT_EQ(verdict(20), Verdict::kOk);
+  EXPECT_EQ(verdict(21), Verdict::kNote);
+  EXPECT_EQ(verdict(155), Verdict::kNote);
+  EXPECT_EQ(verdict(156), Verdict::kFail);
+  EXPECT_EQ(verdict(20, false), Verdict::kOk);
+  EXPECT_EQ(verdict(21, false), Verdict::kFail);
+  EXPECT_EQ(verdict(-5), Verdict::kOk);
+  EXPECT_EQ(verdict(-6), Verdict::kNote);
+}
+
+TEST(Findings, AgesOfAGroupThatChangesSeldom) {
+  const Group group = {"filesys", false, false, "no mounts"};
+  EXPECT_EQ(Text(JudgeGroup(group, {1, kNow - 90'000 * kSecond}, true, kNow, 15, true)),
+            "ok    group filesys: 1 row, last published 25 h ago (only when something changes).\n");
+  EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, true)),
+            "note  group filesys: not published; no mounts.\n");
+}
+
+TEST(Findings, GroupsThatAreMissing) {
+  const Group group = {"misc", true, true, ""};
+  EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, true).verdict, Verdict::kFail);
+  EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, false).verdict, Verdict::kNote);
+}
+
+TEST(Findings, Ages) {
+  EXPECT_EQ(AgeText(0), "0 s");
+  EXPECT_EQ(AgeText(119), "119 s");
+  EXPECT_EQ(AgeText(120), "2 min");
+  EXPECT_EQ(AgeText(7199), "119 min");
+  EXPECT_EQ(AgeText(7200), "2 h");
+  EXPECT_EQ(AgeText(48 * 3600), "2 days");
+}
+
+TEST(Findings, AreWrappedAndPlain) {
+  const Finding finding = {Verdict::kNote, "one two\x1b three four five six"};
+  EXPECT_EQ(RenderFinding(finding, 0), "note  one two? three four five six\n");
+  EXPECT_EQ(RenderFinding(finding, 26), "note  one two? three four\n      five six\n");
+  // Words are not torn however narrow the terminal is.
+  EXPECT_EQ(RenderFinding(finding, 1), "note  one two? three four\n      five six\n");
+}
+
+}  // namespace

@@ -1,0 +1,270 @@
+// vexreg doctor: looks for what keeps the agent from being seen.
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <thread>
+
+#include "framework/mib_table.h"
+#include "framework/snmp_ask.h"
+#include "framework/snmp_files.h"
+#include "tools/vexreg/commands.h"
+#include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/values.h"
+
+namespace vex {
+namespace {
+
+constexpr char kApplication[] = "vexhostd";
+constexpr char kLoopback[] = "127.0.0.1";
+constexpr char kDirectory[] = "host/";
+constexpr int kUsualPollSeconds = 15;
+constexpr unsigned kMostSeconds = 30;  // for all of it; each question has its own limit
+
+// What is compared: it changes from poll to poll, so an old registry shows.
+constexpr char kComparedObject[] = "host/memory";
+constexpr char kComparedVariable[] = "tlxHoPhysicalMemoryFree";
+constexpr char kPollObject[] = "host/misc";
+constexpr char kPollVariable[] = "tlxHoOsCommonPollFreq";
+constexpr int kComparisons = 5;  // a poll may come in between
+
+const Group kGroups[] = {
+    {"cpu", true, true, ""},
+    {"filesys", false, false, "nothing is mounted that the table lists"},
+    {"memory", true, true, ""},
+    {"info", true, true, ""},
+    {"misc", true, true, ""},
+    {"swver", false, true, ""},
+    {"swverag", false, false, "the version of the agents' package could not be asked"},
+    {"fwver", false, false, "this machine has no source for it"},
+    {"hwinfo", false, false, "this machine has no EV for it"},
+    {"appliance", false, false, "this machine is no appliance"},
+};
+
+// sysUpTime.0 (RFC 3418), which Debian's stock view shows, too.
+constexpr uint32_t kSysUpTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+
+void GiveUp(int) {
+  constexpr char kText[] = "FAIL  gave up: a file or program that was looked at does not answer.\n";
+  (void)!write(STDOUT_FILENO, kText, sizeof(kText) - 1);
+  _exit(kFailed);
+}
+
+std::optional<int32_t> PublishedInteger(const FileObject &object, std::string_view name) {
+  for (const FileVariable &variable : object.variables) {
+    if (variable.name == name) {
+      return IntegerOf(object, variable);
+    }
+  }
+  return std::nullopt;
+}
+
+class Examination {
+ public:
+  Examination(std::string root, int width) : root_(std::move(root)), width_(width) {}
+
+  int Run() {
+    LookAtProcesses();
+    ReadConfiguration();
+    LookAtSocket();
+    const bool asked = AskMaster();
+    if (asked) {
+      LookAtSubtree();
+    }
+    LookAtGroups();
+    for (const Finding &finding : LookAtSources(SearchPath())) {
+      Say(finding);
+    }
+    return FinishOutput(failed_ ? kFailed : kDone);
+  }
+
+ private:
+  void Say(const Finding &finding) {
+    failed_ = failed_ || finding.verdict == Verdict::kFail;
+    // At once, so that what was found stands there whatever the next check does.
+    std::cout << RenderFinding(finding, width_) << std::flush;
+  }
+
+  void LookAtProcesses() {
+    hidden_ = ProcessesHidden();
+    master_ = FindProcesses("snmpd");
+    agent_ = FindProcesses(kApplication);
+    Say(JudgeProcess("snmpd", master_, hidden_));
+    Say(JudgeAgent(agent_, hidden_));
+  }
+
+  bool AgentStopped() const {
+    return std::any_of(agent_.begin(), agent_.end(), IsStopped);
+  }
+  bool AgentRuns() const {
+    return !agent_.empty() || visible_;
+  }
+
+  // Where the agent looks for its files, not where this user's shell does.
+  void TakeAgentsEnvironment() const {
+    if (agent_.empty()) {
+      return;
+    }
+    for (const char *name : {"SNMPCONFPATH", "HOME"}) {
+      const auto known = VariableOf(agent_.front().pid, name);
+      if (known && *known) {
+        setenv(name, (*known)->c_str(), 1);
+      } else if (known) {
+        unsetenv(name);
+      }
+    }
+  }
+
+  std::string SearchPath() const {
+    const auto known = agent_.empty() ? std::nullopt : VariableOf(agent_.front().pid, "PATH");
+    if (known && *known) {
+      return **known;
+    }
+    const char *own = getenv("PATH");
+    return own != nullptr ? own : "";
+  }
+
+  void ReadConfiguration() {
+    TakeAgentsEnvironment();
+    PrepareSnmpLibrary();
+    RegisterAgentxSocket(kApplication);
+    files_ = ReadSnmpFiles(kApplication);
+    Say(JudgeCommunity(files_.source, UnreadableSnmpFiles(kApplication)));
+  }
+
+  void LookAtSocket() {
+    const std::string target = AgentxTarget();
+    socket_ = UnixPathOf(target);
+    // Before the attempt, which may be counted, too.
+    sessions_ = socket_.empty() ? std::nullopt : ConnectionsTo(socket_);
+    const int error = socket_.empty() ? 0 : TryUnixSocket(socket_);
+    const bool other = !agent_.empty() && agent_.front().owner != geteuid() && geteuid() != 0;
+    Say(JudgeSocket(target, socket_, error, other));
+  }
+
+  // Whether snmpd can be asked more.
+  bool AskMaster() {
+    if (files_.source == CommunitySource::kNone) {
+      return false;
+    }
+    const SnmpReply reply = AskSnmp(kLoopback, files_.community, kSysUpTime, false);
+    MasterAnswer answer = MasterAnswer::kAnswers;
+    if (!reply.answered) {
+      answer = reply.refused                  ? MasterAnswer::kNobodyListens
+               : SnmpEngineAnswers(kLoopback) ? MasterAnswer::kOtherCommunity
+                                              : MasterAnswer::kSilent;
+    }
+    Say(JudgeMaster(answer, files_.source));
+    return answer == MasterAnswer::kAnswers;
+  }
+
+  void LookAtSubtree() {
+    if (AgentStopped()) {
+      Say({Verdict::kNote,
+           "subtree: not asked; snmpd would wait for the stopped agent, and everybody for snmpd."});
+      return;
+    }
+    const MibGroup &group = MibGroups().front();
+    const std::span<const uint32_t> root = {group.oid, group.oid_length};
+    const SnmpReply reply = AskSnmp(kLoopback, files_.community, root, true);
+    Subtree subtree = Subtree::kNothing;
+    if (!reply.answered) {
+      subtree = Subtree::kUnanswered;
+    } else if (reply.error != 0) {
+      subtree = Subtree::kError;
+    } else if (reply.name.size() > root.size() &&
+               std::equal(root.begin(), root.end(), reply.name.begin())) {
+      subtree = Subtree::kVisible;
+      visible_ = true;
+    }
+    ViewFacts facts;
+    facts.agent_seen = !agent_.empty();
+    facts.agent_known = !hidden_ || !agent_.empty();
+    facts.sessions = sessions_;
+    facts.community_line = CommunityLine(files_.master_lines, files_.community);
+    Say(JudgeSubtree(subtree, facts));
+    if (visible_) {
+      CompareValue();
+    }
+  }
+
+  void CompareValue() {
+    const MibVariable *variable = FindMibVariable(kComparedVariable);
+    std::vector<uint32_t> name(variable->Oid().begin(), variable->Oid().end());
+    name.push_back(0);
+    std::optional<int32_t> served;
+    std::optional<int32_t> published;
+    for (int i = 0; i < kComparisons; i++) {
+      const auto before = ReadObjectFile(kComparedObject, root_);
+      const SnmpReply reply = AskSnmp(kLoopback, files_.community, name, false);
+      if (!reply.answered) {
+        Say(JudgeSubtree(Subtree::kUnanswered, {}));
+        return;
+      }
+      served = reply.value;
+      published = before ? PublishedInteger(*before, kComparedVariable) : std::nullopt;
+      if (served == published) {
+        break;
+      }
+      // Served a moment before the file is written.
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    Say(JudgeValue(kComparedVariable, served, published));
+  }
+
+  void LookAtGroups() {
+    std::map<std::string, GroupFacts> groups;
+    std::map<std::string, bool> rows;
+    for (const std::string &name : ListObjects(root_)) {
+      if (!name.starts_with(kDirectory)) {
+        continue;
+      }
+      const size_t dot = name.rfind('.');
+      const size_t end = dot != std::string::npos ? dot : name.size();
+      const std::string group = name.substr(sizeof(kDirectory) - 1, end - sizeof(kDirectory) + 1);
+      if (const auto object = ReadObjectFile(name, root_)) {
+        GroupFacts &facts = groups[group];
+        facts.objects++;
+        facts.newest_ns = std::max(facts.newest_ns, object->published_ns);
+        rows[group] = end != name.size();
+      }
+    }
+    int poll_seconds = files_.poll_interval > 0 ? files_.poll_interval : kUsualPollSeconds;
+    if (const auto object = ReadObjectFile(kPollObject, root_)) {
+      poll_seconds = std::max(PublishedInteger(*object, kPollVariable).value_or(poll_seconds), 1);
+    }
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t now_ns = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+    for (const Group &group : kGroups) {
+      Say(JudgeGroup(group, groups[group.name], rows[group.name], now_ns, poll_seconds,
+                     AgentRuns()));
+    }
+  }
+
+  std::string root_;
+  int width_;
+  bool failed_ = false;
+  bool hidden_ = false;
+  bool visible_ = false;
+  std::vector<ProcessFact> master_;
+  std::vector<ProcessFact> agent_;
+  SnmpFiles files_;
+  std::string socket_;
+  std::optional<int> sessions_;
+};
+
+}  // namespace
+
+int Doctor(const std::string &root, std::optional<int> width) {
+  signal(SIGALRM, GiveUp);
+  alarm(kMostSeconds);
+  return Examination(root, width.value_or(TerminalWidth())).Run();
+}
+
+}  // namespace vex

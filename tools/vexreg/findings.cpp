@@ -1,0 +1,326 @@
+#include "tools/vexreg/findings.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "tools/vexreg/tables.h"
+
+namespace vex {
+namespace {
+
+constexpr char kSubtree[] = ".1.3.6.1.4.1.4891";
+constexpr int64_t kNanoseconds = 1'000'000'000;
+// A poll may wait for a command that long; the next one then comes an interval after its end.
+constexpr int64_t kLongestPollSeconds = 120;
+constexpr int64_t kLateSeconds = 5;
+constexpr int kIndent = 6;
+constexpr int kNarrowest = 20;
+
+Finding Ok(std::string text) {
+  return {Verdict::kOk, std::move(text)};
+}
+Finding Note(std::string text) {
+  return {Verdict::kNote, std::move(text)};
+}
+Finding Fail(std::string text) {
+  return {Verdict::kFail, std::move(text)};
+}
+
+std::string Pids(const std::vector<ProcessFact> &processes) {
+  std::string text;
+  for (const ProcessFact &process : processes) {
+    text += (text.empty() ? "" : ", ") + std::to_string(process.pid);
+  }
+  return (processes.size() == 1 ? "process " : "processes ") + text;
+}
+
+std::string SourceText(CommunitySource source) {
+  switch (source) {
+    case CommunitySource::kOwn:
+      return "the community of vexhostd.conf";
+    case CommunitySource::kCommon:
+      return "defCommunity of snmp.conf";
+    case CommunitySource::kMaster:
+      return "the first read community of snmpd.conf";
+    case CommunitySource::kNone:
+      break;
+  }
+  return "no community";
+}
+
+std::string Joined(const std::vector<std::string> &words, const char *between) {
+  std::string text;
+  for (const std::string &word : words) {
+    text += (text.empty() ? "" : between) + word;
+  }
+  return text;
+}
+
+// The view or subtree of an access line: what follows SOURCE (snmpd.conf(5): rocommunity COMMUNITY
+// [SOURCE [OID | -V VIEW [CONTEXT]]]).
+struct Shown {
+  std::string view;
+  std::string oid;
+};
+Shown ShownBy(const std::vector<std::string> &line) {
+  Shown shown;
+  if (line.size() > 4 && line[3] == "-V") {
+    shown.view = line[4];
+  } else if (line.size() > 3 && line[0].starts_with("r")) {
+    shown.oid = line[3];
+  }
+  return shown;
+}
+
+std::string ViewAdvice(const std::vector<std::string> &line) {
+  const std::string restart = "; then restart snmpd.";
+  const Shown shown = ShownBy(line);
+  if (!shown.view.empty()) {
+    return "Add to snmpd.conf: view " + shown.view + " included " + kSubtree + restart;
+  }
+  if (!shown.oid.empty()) {
+    return "The community's line in snmpd.conf shows " + shown.oid + " alone. Give it a view (" +
+           line[0] + " COMMUNITY SOURCE -V VIEW) with: view VIEW included " + kSubtree + restart;
+  }
+  return std::string("Add to snmpd.conf: view VIEW included ") + kSubtree +
+         ", VIEW being the one of the community's access (Debian's: systemonly)" + restart;
+}
+
+}  // namespace
+
+bool IsStopped(const ProcessFact &process) {
+  return process.state == 'T' || process.state == 't';
+}
+
+Finding JudgeProcess(const std::string &name, const std::vector<ProcessFact> &found, bool hidden) {
+  if (found.empty() && hidden) {
+    return Note(name + ": not seen, since this user does not see other users' processes. Run " +
+                "vexreg doctor as root.");
+  }
+  if (found.empty()) {
+    return Fail(name + ": does not run. Start it: systemctl start " + name + ".");
+  }
+  std::vector<ProcessFact> stopped;
+  std::copy_if(found.begin(), found.end(), std::back_inserter(stopped), IsStopped);
+  if (!stopped.empty()) {
+    std::string pids;
+    for (const ProcessFact &process : stopped) {
+      pids += " " + std::to_string(process.pid);
+    }
+    return Fail(name + ": stopped by a signal or a debugger (" + Pids(stopped) +
+                "). Let it go on: kill -CONT" + pids + ".");
+  }
+  return Ok(name + ": runs (" + Pids(found) + ").");
+}
+
+Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden) {
+  Finding finding = JudgeProcess("vexhostd", found, hidden);
+  if (finding.verdict != Verdict::kOk) {
+    return finding;
+  }
+  if (found.size() > 1) {
+    return Fail("vexhostd: runs more than once (" + Pids(found) +
+                "); snmpd takes one only, and they share the registry. End all but one.");
+  }
+  if (found.front().owner != 0) {
+    return Note("vexhostd: runs (" + Pids(found) + "), but not as root: it lacks what only root " +
+                "may read; vexhostd(8) lists it.");
+  }
+  return finding;
+}
+
+Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable) {
+  if (source != CommunitySource::kNone) {
+    return Ok("community: " + SourceText(source) + ".");
+  }
+  if (!unreadable.empty()) {
+    return Note("community: not known, since this user may not read " + Joined(unreadable, ", ") +
+                ". Run vexreg doctor as root; snmpd is not asked now.");
+  }
+  return Fail(
+      "community: none; not in vexhostd.conf, snmp.conf or snmpd.conf. The agent serves its "
+      "variables but cannot ask snmpd how its siblings are. Write to /etc/snmp/vexhostd.conf: "
+      "community NAME.");
+}
+
+Finding JudgeMaster(MasterAnswer answer, CommunitySource source) {
+  const std::string where = "snmpd on UDP port 161 of 127.0.0.1: ";
+  switch (answer) {
+    case MasterAnswer::kAnswers:
+      return Ok(where + "answers to " + SourceText(source) + ".");
+    case MasterAnswer::kNobodyListens:
+      return Fail(where +
+                  "nobody listens. Start snmpd; its agentAddress must include "
+                  "udp:127.0.0.1:161.");
+    case MasterAnswer::kOtherCommunity:
+      return Fail(where + "is alive, but does not answer to " + SourceText(source) +
+                  ". Let the agent use one that snmpd.conf allows from 127.0.0.1 (a rocommunity "
+                  "line there, the community line in vexhostd.conf), then restart both.");
+    case MasterAnswer::kSilent:
+      break;
+  }
+  return Fail(where +
+              "no answer within two seconds. snmpd hangs, or a packet filter drops the "
+              "question. Look at its log, then: systemctl restart snmpd.");
+}
+
+Finding JudgeSocket(const std::string &target, const std::string &path, int error,
+                    bool other_agent) {
+  if (path.empty()) {
+    return Note("AgentX socket: " + target +
+                " is no Unix socket and is not tried here; whether it works shows below.");
+  }
+  const std::string where = "AgentX socket " + path + ": ";
+  switch (error) {
+    case 0:
+      return Ok(where + "somebody listens.");
+    case ENOENT:
+    case ENOTDIR:
+      return Fail(where +
+                  "absent. snmpd.conf needs the line: master agentx (and the agentXSocket that "
+                  "vexhostd.conf has, if any); then restart snmpd.");
+    case ECONNREFUSED:
+      return Fail(where +
+                  "there, but nobody listens: left by an snmpd that has ended, or snmpd.conf "
+                  "lacks the line: master agentx. Restart snmpd.");
+    case EACCES:
+    case EPERM:
+      if (other_agent) {
+        return Note(where + "this user may not open it, and need not: the agent runs as another.");
+      }
+      return Fail(where +
+                  "not permitted. Run the agent as root, or let its user in: agentXPerms in "
+                  "snmpd.conf and the mode of the directory.");
+    case EAGAIN:
+      return Fail(where + "its queue is full: snmpd accepts nobody. Restart snmpd.");
+    default:
+      return Fail(where + strerror(error) + ". See agentXSocket in vexhostd.conf and snmpd.conf.");
+  }
+}
+
+Finding JudgeSubtree(Subtree subtree, const ViewFacts &facts) {
+  const std::string where = std::string("subtree ") + kSubtree + ": ";
+  switch (subtree) {
+    case Subtree::kVisible:
+      return Ok(where + "visible.");
+    case Subtree::kUnanswered:
+      return Fail(where + "no answer within two seconds, though snmpd answers otherwise. The " +
+                  "agent does not answer it: look at the agent's log, then restart the agent.");
+    case Subtree::kError:
+      return Fail(where + "snmpd answers with an error: the agent does not answer it in time. " +
+                  "Look at the agent's log, then restart the agent.");
+    case Subtree::kNothing:
+      break;
+  }
+  if (facts.agent_known && !facts.agent_seen) {
+    return Note(where + "nothing there, as no agent runs.");
+  }
+  if (facts.sessions == 0) {
+    return Fail(where + "nothing there: the agent has no session with snmpd. Its log says why; " +
+                "agentXSocket must be the same in vexhostd.conf and snmpd.conf.");
+  }
+  return Fail(where + "nothing visible with this community. " + ViewAdvice(facts.community_line));
+}
+
+std::vector<std::string> CommunityLine(
+    const std::vector<std::pair<std::string, std::string>> &master_lines,
+    const std::string &community) {
+  for (const auto &[token, line] : master_lines) {
+    if (CommunityOfLine(token, line) == community) {
+      std::vector<std::string> words = WordsOf(line);
+      words.insert(words.begin(), token);
+      return words;
+    }
+  }
+  return {};
+}
+
+Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
+                   std::optional<int32_t> published) {
+  const auto text = [](std::optional<int32_t> value) {
+    return value ? std::to_string(*value) : std::string("nothing");
+  };
+  if (served && published && *served == *published) {
+    return Ok("value: " + name + " is " + text(served) + " through snmpd and in the registry.");
+  }
+  const std::string both = "value: " + name + " is " + text(served) + " through snmpd, " +
+                           text(published) + " in the registry. ";
+  if (!served) {
+    return Fail(both + "The registry is of another run, or the agent lost its session: look at " +
+                "its log, then restart it.");
+  }
+  return Fail(both + "The agent cannot write the registry (a full or read-only disk; its log " +
+              "tells), or writes another one than this.");
+}
+
+std::string AgeText(int64_t seconds) {
+  if (seconds < 120) {
+    return std::to_string(seconds) + " s";
+  }
+  if (seconds < 120 * 60) {
+    return std::to_string(seconds / 60) + " min";
+  }
+  if (seconds < int64_t{48} * 3600) {
+    return std::to_string(seconds / 3600) + " h";
+  }
+  return std::to_string(seconds / (int64_t{24} * 3600)) + " days";
+}
+
+Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
+                   int poll_seconds, bool agent_runs) {
+  const std::string name = "group " + group.name + ": ";
+  if (facts.objects == 0) {
+    const std::string why = group.absent.empty() ? "." : "; " + std::string(group.absent) + ".";
+    return group.needed && agent_runs
+               ? Fail(name + "not published, though the agent runs. Look at its log.")
+               : Note(name + "not published" + why);
+  }
+  std::string what = name;
+  if (rows) {
+    what += std::to_string(facts.objects) + (facts.objects == 1 ? " row" : " rows") + ", ";
+  }
+  const int64_t age = (now_ns - facts.newest_ns) / kNanoseconds;
+  if (age < -kLateSeconds) {
+    return Note(what + "last published " + AgeText(-age) +
+                " in the future: the clock has been set back.");
+  }
+  what += "last published " + AgeText(std::max<int64_t>(age, 0)) + " ago";
+  if (!group.each_poll) {
+    return Ok(what + " (only when something changes).");
+  }
+  what += " (each " + std::to_string(poll_seconds) + " s)";
+  const int64_t late = age - poll_seconds - kLateSeconds;
+  if (late <= 0) {
+    return Ok(what + ".");
+  }
+  if (agent_runs && late <= poll_seconds + kLongestPollSeconds) {
+    return Note(what +
+                ": late. A poll that waits for a command or a mount may be under way; look "
+                "again in two minutes.");
+  }
+  return Fail(what + (agent_runs ? ": no poll comes to its end. Look at the agent's log for what "
+                                   "hangs, then restart it."
+                                 : ": left by an agent that has ended."));
+}
+
+std::string RenderFinding(const Finding &finding, int width) {
+  constexpr const char *kMarks[] = {"ok    ", "note  ", "FAIL  "};
+  std::string plain = finding.text;
+  // Paths and names come from files; nothing of them may steer a terminal.
+  std::replace_if(
+      plain.begin(), plain.end(),
+      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }, '?');
+  std::string text;
+  const std::vector<std::string> lines =
+      width > 0 ? WrapText(plain, std::max(width - kIndent, kNarrowest))
+                : std::vector<std::string>{plain};
+  for (const std::string &line : lines) {
+    text += (text.empty() ? kMarks[static_cast<int>(finding.verdict)] : std::string(kIndent, ' ')) +
+            line + "\n";
+  }
+  return text;
+}
+
+}  // namespace vex

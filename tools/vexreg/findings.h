@@ -1,0 +1,92 @@
+// What `vexreg doctor` makes of what it saw. Pure: facts in, one line for people out.
+#ifndef VEX_TOOLS_VEXREG_FINDINGS_H
+#define VEX_TOOLS_VEXREG_FINDINGS_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "framework/registry_file.h"
+#include "framework/snmp_files.h"
+
+namespace vex {
+
+enum class Verdict { kOk, kNote, kFail };
+
+// A check's outcome: what was seen and, when it is not well, what to do next.
+struct Finding {
+  Verdict verdict = Verdict::kOk;
+  std::string text;
+};
+
+struct ProcessFact {
+  pid_t pid = 0;
+  char state = 'S';  // as in proc(5)
+  uid_t owner = 0;
+};
+bool IsStopped(const ProcessFact &process);
+
+// A program that should run. `hidden`: this user does not see other users' processes.
+Finding JudgeProcess(const std::string &name, const std::vector<ProcessFact> &found, bool hidden);
+// The agent is one process, and root's.
+Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden);
+
+// What snmpd said to a first question.
+enum class MasterAnswer { kAnswers, kNobodyListens, kSilent, kOtherCommunity };
+// unreadable: the configuration files that this user may not read.
+Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable);
+Finding JudgeMaster(MasterAnswer answer, CommunitySource source);
+
+// error: of connect(2), 0 when somebody accepted. other_agent: an agent runs as somebody else.
+Finding JudgeSocket(const std::string &target, const std::string &path, int error,
+                    bool other_agent);
+
+// What is visible of the subtree.
+enum class Subtree { kVisible, kNothing, kUnanswered, kError };
+struct ViewFacts {
+  bool agent_seen = true;   // a process of it
+  bool agent_known = true;  // whether that could be seen
+  // Connections that the master has on its AgentX socket; nothing when that is not known.
+  std::optional<int> sessions;
+  // The line of snmpd.conf for the community, token first; empty when it is not known.
+  std::vector<std::string> community_line;
+};
+Finding JudgeSubtree(Subtree subtree, const ViewFacts &facts);
+
+// The words of the line that gives the community, token first; empty when there is none.
+std::vector<std::string> CommunityLine(
+    const std::vector<std::pair<std::string, std::string>> &master_lines,
+    const std::string &community);
+
+// An integer as snmpd serves it and as the registry has it.
+Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
+                   std::optional<int32_t> published);
+
+// A group of the registry: an object, or rows with numbers.
+struct Group {
+  std::string name;         // "cpu"
+  bool each_poll = false;   // published at each poll; else when something changed
+  bool needed = false;      // always there while the agent runs
+  std::string_view absent;  // what its absence means
+};
+struct GroupFacts {
+  size_t objects = 0;
+  int64_t newest_ns = 0;  // the last publication
+};
+Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
+                   int poll_seconds, bool agent_runs);
+
+// "3 s", "5 min", "2 h", "4 days".
+std::string AgeText(int64_t seconds);
+
+// The lines of a finding: its verdict, and the text wrapped to the width (0: not at all).
+std::string RenderFinding(const Finding &finding, int width);
+
+}  // namespace vex
+
+#endif

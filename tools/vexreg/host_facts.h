@@ -1,0 +1,36 @@
+// What `vexreg doctor` sees of this host, without asking anybody over SNMP.
+#ifndef VEX_TOOLS_VEXREG_HOST_FACTS_H
+#define VEX_TOOLS_VEXREG_HOST_FACTS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/vexreg/findings.h"
+
+namespace vex {
+
+// The processes of that name (proc(5), comm); zombies and, where that shows, those of containers
+// are left out.
+std::vector<ProcessFact> FindProcesses(const std::string &name);
+// What /proc/PID/stat says; nothing when it is not of that form.
+std::optional<char> StateOfStat(std::string_view stat);
+// Whether this user does not see other users' processes.
+bool ProcessesHidden();
+// A variable of another process's environment; nothing when that may not be read. The inner value
+// is absent when the process does not have the variable.
+std::optional<std::optional<std::string>> VariableOf(pid_t pid, const std::string &name);
+
+// Connects to a Unix stream socket without waiting, and closes it again: 0, or connect(2)'s error.
+int TryUnixSocket(const std::string &path);
+// How many connections a listener on that path has; nothing when that cannot be read.
+std::optional<int> ConnectionsTo(const std::string &path);
+// The same in the text of /proc/net/unix.
+int CountConnections(std::string_view table, std::string_view path);
+
+// The sources of the agent's values: which are there. search: the directories of commands, as PATH.
+std::vector<Finding> LookAtSources(const std::string &search);
+
+}  // namespace vex
+
+#endif
