@@ -1,0 +1,361 @@
+"""What the packages do on a plain Debian 12, from installation to purging: their scripts run by apt
+and dpkg, the agent behind the stock snmpd. In namespaces of its own, on an overlay of that Debian;
+without systemd running (tests/vm has that), so that what the scripts ask of it is written down by a
+systemctl in its place.
+
+usage: life_test.py PACKAGES DEBIAN [Life[.test]]   (build/packages, build/root/root)
+"""
+
+import glob
+import os
+import re
+import shlex
+import shutil
+import signal
+import stat
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+PACKAGES = ""
+DEBIAN = ""
+INSIDE = "VEX_LIFE_TEST_INSIDE"
+
+SUITE = ".1.3.6.1.4.1.4891"
+REGISTRY = "/var/spool/quorix/kelmo/registry"
+DROP_IN = "/etc/snmp/snmpd.conf.d/vexhostd.conf"
+WANTED = "/etc/systemd/system/multi-user.target.wants/vexhostd.service"
+# What dpkg, apt and the dynamic linker keep of any package's coming and going.
+ACCOUNTS = re.compile(r"/(proc|sys|dev|run|tmp|packages|var/(log|cache)|var/lib/(dpkg|apt))(/|$)"
+                      r"|/etc/ld\.so\.cache$")
+# Every unit is enabled and runs. What needs no running systemd is done by the real one.
+SYSTEMCTL = """#!/bin/sh
+case "$*" in
+  *is-enabled*) echo enabled ;;
+  *is-active*) ;;
+  *--root=*) exec /run/real-systemctl "$@" ;;
+  *) echo "$*" >>/run/systemctl.log ;;
+esac
+"""
+
+
+class Machine:
+    """The plain Debian, to be written to."""
+
+    def __init__(self, work):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "vexhostd-life", work], check=True)
+        self.root = work + "/root"
+        for directory in ("upper", "work", "root"):
+            os.mkdir(f"{work}/{directory}")
+        subprocess.run(["mount", "-t", "overlay", "-o",
+                        f"lowerdir={DEBIAN},upperdir={work}/upper,workdir={work}/work",
+                        "vexhostd-life", self.root], check=True)
+        for kind, place in (("proc", "proc"), ("sysfs", "sys"), ("tmpfs", "run"),
+                            ("devpts", "dev/pts")):
+            subprocess.run(["mount", "-t", kind, "vexhostd-life", f"{self.root}/{place}"],
+                           check=True)
+        shutil.copytree(PACKAGES, self.path("/packages"))
+
+    def path(self, path):
+        return self.root + path
+
+    def exists(self, path):
+        return os.path.lexists(self.path(path))
+
+    def read(self, path):
+        with open(self.path(path), encoding="utf-8") as file:
+            return file.read()
+
+    def write(self, path, text, mode=0o644):
+        os.makedirs(os.path.dirname(self.path(path)), exist_ok=True)
+        with open(self.path(path), "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(self.path(path), mode)
+
+    def start(self, *command, **options):
+        return subprocess.Popen(["chroot", self.root, *command], env={
+            "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+            "LC_ALL": "C", "HOME": "/root", "DEBIAN_FRONTEND": "noninteractive"}, **options)
+
+    def run(self, *command):
+        process = self.start(*command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                             stderr=subprocess.STDOUT, text=True)
+        output, _ = process.communicate(timeout=60)
+        return process.returncode, output
+
+    def files(self):
+        """Every file with its kind, mode, owner, and its text or where it points."""
+        found = {}
+        for directory, names, files in os.walk(self.root):
+            for name in names + files:
+                path = os.path.join(directory, name)
+                inside = path[len(self.root):]
+                if ACCOUNTS.match(inside):
+                    continue
+                info = os.lstat(path)
+                contents = None
+                if stat.S_ISREG(info.st_mode):
+                    contents = (info.st_size, info.st_mtime)
+                elif stat.S_ISLNK(info.st_mode):
+                    contents = os.readlink(path)
+                found[inside] = (stat.filemode(info.st_mode), info.st_uid, info.st_gid, contents)
+            names[:] = [n for n in names
+                        if not ACCOUNTS.match(os.path.join(directory, n)[len(self.root):])]
+        return found
+
+
+def eventually(condition, seconds=30):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.1)
+    return True
+
+
+class Life(unittest.TestCase):
+    def setUp(self):
+        work = tempfile.mkdtemp()
+        self.addCleanup(os.rmdir, work)
+        self.addCleanup(subprocess.run, ["umount", "--recursive", "--lazy", work], check=True)
+        self.machine = Machine(work)
+        self.started = []
+        self.addCleanup(self.end_all)
+
+    def end_all(self):
+        for process in self.started:
+            process.kill()
+            process.wait()
+
+    def ok(self, *command):
+        status, output = self.machine.run(*command)
+        self.assertEqual(status, 0, f"{command}: {output}")
+        return output
+
+    def install(self):
+        # By apt, so that what the package depends on must be there.
+        return self.ok("sh", "-c", "apt-get install --yes /packages/vexhostd_*.deb "
+                                   "/packages/vexhostd-dev_*.deb")
+
+    def daemon(self, unit, log):
+        """Starts what the unit starts."""
+        line = re.search(r"^ExecStart=(.*)$", self.machine.read(unit), re.M).group(1)
+        with open(self.machine.path(log), "w", encoding="utf-8") as output:
+            process = self.machine.start(*shlex.split(line), stdin=subprocess.DEVNULL,
+                                         stdout=output, stderr=output)
+        self.started.append(process)
+        return process
+
+    def walk(self, start=SUITE):
+        _, output = self.machine.run("snmpwalk", "-v2c", "-cpublic", "-On", "127.0.0.1", start)
+        return output.splitlines()
+
+    def visible(self):
+        lines = self.walk()
+        return bool(lines) and lines[0].startswith(SUITE + ".") and "No more" not in lines[0]
+
+    def pretend_systemd(self):
+        shutil.copy(self.machine.path("/usr/bin/systemctl"), self.machine.path("/run/real-systemctl"))
+        self.machine.write("/run/systemctl", SYSTEMCTL, 0o755)
+        subprocess.run(["mount", "--bind", self.machine.path("/run/systemctl"),
+                        self.machine.path("/usr/bin/systemctl")], check=True)
+        os.makedirs(self.machine.path("/run/systemd/system"))
+
+    def asked_of_systemd(self):
+        """What was asked since the last time."""
+        log = "/run/systemctl.log"
+        asked = self.machine.read(log).splitlines() if self.machine.exists(log) else []
+        self.machine.write(log, "")
+        return [re.sub(r"--(quiet|system)\s*", "", line).strip() for line in asked]
+
+    def newer_package(self):
+        """The same package with a higher version."""
+        tree = self.machine.path("/tmp/newer")
+        [package] = glob.glob(PACKAGES + "/vexhostd_*.deb")
+        subprocess.run(["dpkg-deb", "-R", package, tree], check=True)
+        with open(tree + "/DEBIAN/control", encoding="utf-8") as file:
+            control = file.read()
+        with open(tree + "/DEBIAN/control", "w", encoding="utf-8") as file:
+            file.write(re.sub(r"^Version: (.*)$", r"Version: \1+newer", control, flags=re.M))
+        subprocess.run(["dpkg-deb", "-b", tree, tree + ".deb"], check=True,
+                       stdout=subprocess.DEVNULL)
+        shutil.rmtree(tree)
+        return "/tmp/newer.deb"
+
+    # ---- Without systemd
+
+    def test_installed_and_purged_where_no_systemd_runs(self):
+        before = self.machine.files()
+        self.install()
+        self.assertEqual(os.readlink(self.machine.path(WANTED)),
+                         "/lib/systemd/system/vexhostd.service")
+        modes = {path: (kind, owner, group) for path, (kind, owner, group, _) in
+                 self.machine.files().items()}
+        for path, kind in (("/usr/sbin/vexhostd", "-rwxr-xr-x"), ("/usr/bin/vexreg", "-rwxr-xr-x"),
+                           ("/usr/lib/vexhostd/libvexcommon.so", "-rw-r--r--"),
+                           ("/lib/systemd/system/vexhostd.service", None),
+                           ("/etc/snmp/vexhostd.conf", "-rw-r-----"), (DROP_IN, "-rw-r--r--")):
+            if kind is not None:
+                self.assertEqual(modes[path], (kind, 0, 0), path)
+            self.assertTrue(os.path.isfile(self.machine.path(path)), path)
+        # Nothing of it may be written by anybody but root.
+        listed = self.ok("dpkg", "-L", "vexhostd", "vexhostd-dev").split("\n")
+        for path in filter(None, listed):
+            if path.startswith("/") and path in modes and not modes[path][0].startswith("l"):
+                self.assertNotIn("w", modes[path][0][5] + modes[path][0][8], path)
+        self.assertEqual(self.ok("dpkg", "--audit"), "")
+        self.assertEqual(self.ok("dpkg", "--verify", "vexhostd"), "")
+
+        self.ok("dpkg", "--remove", "vexhostd-dev", "vexhostd")
+        self.assertFalse(self.machine.exists("/usr/sbin/vexhostd"))
+        self.assertTrue(self.machine.exists("/etc/snmp/vexhostd.conf"))
+        self.ok("dpkg", "--purge", "vexhostd")
+        self.assertEqual(self.machine.files(), before)
+
+    # ---- Behind the stock snmpd
+
+    def test_visible_behind_the_stock_snmpd(self):
+        before = self.machine.files()
+        snmpd = self.daemon("/lib/systemd/system/snmpd.service", "/run/snmpd.log")
+        self.assertTrue(eventually(lambda: self.walk(".1.3.6.1.2.1.1.1")[0].startswith(
+            ".1.3.6.1.2.1.1.1.0 = STRING: ")))
+        self.install()
+        drop_in = self.machine.read(DROP_IN)
+        agent = self.daemon("/lib/systemd/system/vexhostd.service", "/run/vexhostd.log")
+        registry = self.machine.path(REGISTRY)
+        self.assertTrue(eventually(lambda: glob.glob(registry + "/host/hwinfo*") or
+                                   len(glob.glob(registry + "/host/*")) > 5))
+        # The agent is there, and the stock view hides it.
+        self.assertIn("No more variables left in this MIB View", self.walk()[0])
+        # What the package's script has systemd do.
+        self.assertIn("ExecReload=/bin/kill -HUP $MAINPID",
+                      self.machine.read("/lib/systemd/system/snmpd.service"))
+        snmpd.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(self.visible))
+        served = self.walk()
+        self.assertGreater(len(served), 50)
+        # By name, as the README says.
+        by_name = self.ok("snmpwalk", "-v2c", "-cpublic", "-M",
+                          "/usr/share/snmp/mibs:/usr/share/vexhostd/smi", "-m", "QUORIX-HOST-MIB",
+                          "127.0.0.1", "quorixHost")
+        self.assertIn("QUORIX-HOST-MIB::tlxHoPhysicalMemorySize.0 = INTEGER: ", by_name)
+        # It is the drop-in that shows it.
+        os.remove(self.machine.path(DROP_IN))
+        snmpd.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(lambda: not self.visible()))
+        self.machine.write(DROP_IN, drop_in)
+        snmpd.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(self.visible))
+        # Through all that the session stood.
+        self.assertNotIn("lost the master agent", self.machine.read("/run/vexhostd.log"))
+        self.check_sibling()
+
+        # All that the agent ever saves, and what remains of it in the end.
+        self.machine.write("/etc/snmp/snmpd.conf.d/sets.conf", "rwcommunity private 127.0.0.1\n")
+        snmpd.send_signal(signal.SIGHUP)
+        for name, value in (("tlxHoSystemRole", "s a role"), ("tlxHoSystemRoleDetail", "s a detail"),
+                            ("tlxHoGUID", "x 000102030405060708090A0B0C0D0E0F")):
+            self.assertTrue(eventually(lambda: self.set(name, value)), name)
+        agent.terminate()
+        self.assertEqual(agent.wait(20), 0)
+        self.assertEqual(sorted(os.listdir(registry)), ["tlxhoguid.dat", "tlxhosystemrole.dat",
+                                                        "tlxhosystemroledetail.dat"])
+        os.remove(self.machine.path("/etc/snmp/snmpd.conf.d/sets.conf"))
+        os.remove(self.machine.path("/usr/local/bin/sibling"))
+        self.ok("dpkg", "--purge", "vexhostd-dev", "vexhostd")
+        after = self.machine.files()
+        changed = {path for path in before.keys() | after.keys()
+                   if before.get(path) != after.get(path)}
+        self.assertEqual({path for path in changed
+                          if not path.startswith(("/var/lib/snmp", "/var/agentx"))}, set())
+
+    def set(self, name, value):
+        status, _ = self.machine.run(
+            "snmpset", "-v2c", "-cprivate", "-M", "/usr/share/snmp/mibs:/usr/share/vexhostd/smi",
+            "-m", "QUORIX-HOST-MIB", "127.0.0.1", f"{name}.0", *value.split(" ", 1))
+        return status == 0
+
+    def check_sibling(self):
+        """An agent built on the development package runs beside this one."""
+        source = glob.glob(self.machine.path("/usr/share/doc/vexhostd-dev/examples/*/sibling.c"))[0]
+        flags = subprocess.run(
+            ["pkg-config", "--cflags", "--libs", "vexhostd"], check=True, text=True,
+            stdout=subprocess.PIPE, env={
+                **os.environ, "PKG_CONFIG_PATH": self.machine.path("/usr/share/pkgconfig")}).stdout
+        flags = [re.sub("^-([IL])", r"-\1" + self.machine.root, flag) for flag in flags.split()]
+        subprocess.run(["cc", source, *flags, "-o", self.machine.path("/usr/local/bin/sibling")],
+                       check=True)
+        sibling = self.machine.start("sibling", "-p")
+        self.started.append(sibling)
+        self.assertTrue(eventually(lambda: self.machine.exists(REGISTRY + "/example/clock")))
+        self.assertIn('"exampleSeconds": 0', self.ok("vexreg", "dump", "example/clock"))
+        sibling.terminate()
+        self.assertEqual(sibling.wait(20), 0)
+        self.assertFalse(self.machine.exists(REGISTRY + "/example"))
+
+    # ---- With systemd
+
+    def test_what_the_scripts_ask_of_systemd(self):
+        self.pretend_systemd()
+        before = self.machine.files()
+        self.install()
+        self.assertEqual(self.asked_of_systemd(),
+                         ["reload snmpd.service", "daemon-reload", "start vexhostd.service"])
+
+        # An upgrade restarts once, and leaves alone what the administrator changed.
+        changed = self.machine.read("/etc/snmp/vexhostd.conf") + "pollInterval 5\n"
+        self.machine.write("/etc/snmp/vexhostd.conf", changed, 0o640)
+        newer = self.newer_package()
+        self.ok("dpkg", "--install", newer)
+        self.assertTrue(self.ok("dpkg-query", "-Wf", "${Version}", "vexhostd").endswith("+newer"))
+        asked = self.asked_of_systemd()
+        self.assertEqual([line for line in asked if "vexhostd" in line],
+                         ["restart vexhostd.service"])
+        self.assertEqual(self.machine.read("/etc/snmp/vexhostd.conf"), changed)
+        self.assertTrue(self.machine.exists(WANTED))
+
+        # The registry, as a killed agent leaves it, with a sibling's objects.
+        for name in ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat",
+                     "tlxhosystemroledetail.dat", "storage/disk.1"):
+            self.machine.write(f"{REGISTRY}/{name}", "something\n")
+
+        self.ok("dpkg", "--purge", "vexhostd-dev")
+        self.asked_of_systemd()
+        self.ok("dpkg", "--remove", "vexhostd")
+        self.assertEqual(self.asked_of_systemd()[:1], ["stop vexhostd.service"])
+        self.assertTrue(self.machine.exists(REGISTRY + "/tlxhoguid.dat"))
+
+        self.ok("dpkg", "--purge", "vexhostd")
+        self.assertIn("reload snmpd.service", self.asked_of_systemd())
+        left = self.machine.files().keys() - before.keys()
+        spool = "/var/spool/quorix"
+        self.assertEqual(left, {spool, spool + "/kelmo", REGISTRY, REGISTRY + "/storage",
+                                REGISTRY + "/storage/disk.1"})
+
+        # With nobody else in it, the registry goes as well.
+        shutil.rmtree(self.machine.path(REGISTRY + "/storage"))
+        self.install()
+        self.machine.write(REGISTRY + "/tlxhoguid.dat", "something\n")
+        self.ok("dpkg", "--purge", "vexhostd-dev", "vexhostd")
+        self.assertEqual(self.machine.files(), before)
+
+    def test_a_policy_against_starting_is_kept(self):
+        self.pretend_systemd()
+        self.machine.write("/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 101\n", 0o755)
+        self.install()
+        self.ok("dpkg", "--install", self.newer_package())
+        self.ok("dpkg", "--purge", "vexhostd-dev", "vexhostd")
+        self.assertEqual(set(self.asked_of_systemd()), {"daemon-reload"})
+
+
+if __name__ == "__main__":
+    if not os.environ.get(INSIDE):
+        os.execvpe("unshare", ["unshare", "--mount", "--net", "--pid", "--uts", "--ipc", "--fork",
+                               "--kill-child", "--mount-proc", "--propagation", "private",
+                               sys.executable, *sys.argv], {**os.environ, INSIDE: "1"})
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    PACKAGES = os.path.abspath(sys.argv.pop(1))
+    DEBIAN = os.path.abspath(sys.argv.pop(1))
+    unittest.main(verbosity=2)
