@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 #include "framework/mib_table.h"
 #include "platform/framework.h"
@@ -151,6 +152,15 @@ std::string DaemonPath() {
   return Prefix().empty() ? VEX_TESTS_BINARY_DIR "/bin/vexhostd" : Prefix() + "/sbin/vexhostd";
 }
 
+std::vector<std::string> DaemonLauncher() {
+  const char *words = getenv("VEXHOSTD_LAUNCHER");
+  std::vector<std::string> launcher;
+  std::istringstream stream(words != nullptr ? words : "");
+  for (std::string word; stream >> word;)
+    launcher.push_back(word);
+  return launcher;
+}
+
 std::string VexregPath() {
   return Prefix().empty() ? VEX_TESTS_BINARY_DIR "/bin/vexreg" : Prefix() + "/bin/vexreg";
 }
@@ -284,16 +294,17 @@ void Daemon::Start(const DaemonOptions &options) {
       strcpy(field, text.c_str());
     }
   }
-  std::vector<std::string> command = options.launcher;
+  std::vector<std::string> command = DaemonLauncher();
+  const bool launched = !command.empty();
   if (options.probe) {
     const std::pair<std::string, std::string> variables[] = {{"LD_PRELOAD", VEX_TESTS_PROBE},
                                                              {kProbeVariable, kProbeFile}};
     for (const auto &[name, value] : variables) {
       // The launcher does not get the library.
-      if (options.launcher.empty())
-        process.environment.emplace_back(name, value);
-      else
+      if (launched)
         command.push_back(name + "=" + value);
+      else
+        process.environment.emplace_back(name, value);
     }
   }
   command.push_back(options.program.empty() ? DaemonPath() : options.program);

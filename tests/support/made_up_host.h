@@ -95,8 +95,6 @@ struct DaemonOptions {
   bool wait = true;              // until start-up is complete and snmpd (when it runs) serves it
   Environment environment;
   std::string program;  // another agent instead of vexhostd
-  // A command in front of it that takes, like env(1), NAME=VALUE words and the command to run.
-  std::vector<std::string> launcher;
 };
 
 class Daemon {
@@ -269,6 +267,9 @@ double Percentile(std::vector<double> values, double percent);
 
 // Programs and files of the build (or of VEXHOSTD_PREFIX, an installed tree).
 std::string DaemonPath();
+// VEXHOSTD_LAUNCHER: words that stand before the daemon, a command that confines it and takes, like
+// env(1), NAME=VALUE words and the command to run. Usually none.
+std::vector<std::string> DaemonLauncher();
 std::string VexregPath();
 std::string TestAgentPath();
 
