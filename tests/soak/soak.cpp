@@ -234,16 +234,18 @@ class BusyHost {
     auto memory = Memory(pid);
     // Published once a poll.
     const auto object = MadeUpHost::Object("host/memory");
-    fprintf(to, "%.1f,%d,%ld,%ld,%ld,%ld,%zu,%zu,%zu,%zu,%.2f,%zu,%zu,%llu\n", Now() - begin,
+    fprintf(to, "%.1f,%d,%ld,%ld,%ld,%ld,%ld,%zu,%zu,%zu,%zu,%.2f,%zu,%zu,%llu\n", Now() - begin,
             host.daemon.Running() ? pid : -1, memory["Rss"], memory["Pss"],
-            memory["Private_Clean"] + memory["Private_Dirty"], memory["Anonymous"],
-            OpenFiles(pid).size(), ListDirectory("/proc/" + std::to_string(pid) + "/task").size(),
-            children.size(), Zombies(children), CpuSeconds(pid), MadeUpHost::Objects().size(),
-            LogSize(), static_cast<unsigned long long>(object ? object->sequence : 0));
+            memory["Private_Clean"] + memory["Private_Dirty"], memory["Private_Dirty"],
+            memory["Anonymous"], OpenFiles(pid).size(),
+            ListDirectory("/proc/" + std::to_string(pid) + "/task").size(), children.size(),
+            Zombies(children), CpuSeconds(pid), MadeUpHost::Objects().size(), LogSize(),
+            static_cast<unsigned long long>(object ? object->sequence : 0));
     fflush(to);
   }
   static constexpr char kColumns[] =
-      "seconds,pid,rss,pss,uss,anonymous,descriptors,threads,children,zombies,cpu,objects,log_"
+      "seconds,pid,rss,pss,uss,dirty,anonymous,descriptors,threads,children,zombies,cpu,objects,"
+      "log_"
       "bytes,"
       "polls";
 
