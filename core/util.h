@@ -23,6 +23,25 @@ void copy_field(char (&field)[Size], const char *text) {
   copy_field(field, Size, text);
 }
 
+// A text from outside as a log line may have it: what ends a line or moves a terminal is shown as
+// '?', also the C1 controls in UTF-8. Cut to the longest name of a mount.
+struct printable {
+  char text[8192];
+
+  explicit printable(const char *from) {
+    copy_field(text, from);
+    for (char *c = text; *c != '\0'; c++) {
+      const auto byte = static_cast<unsigned char>(*c);
+      if (byte < ' ' || byte == 0x7F) {
+        *c = '?';
+      } else if (byte == 0xC2 && c[1] != '\0' && static_cast<unsigned char>(c[1]) < 0xA0) {
+        c[0] = '?';
+        c[1] = '?';
+      }
+    }
+  }
+};
+
 // What fits a signed 32-bit variable; anything larger is held at the largest value.
 inline int32_t held_int32(uint64_t value) {
   return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);

@@ -121,7 +121,8 @@ static fwver_row *create_row(const char *name, const firmware_record *record) {
   const int index = table.free_index();
   fwver_row *row = insert_row(name, index);
   if (row == nullptr) {
-    agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", "vexhostd", "create", name);
+    agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", "vexhostd", "create",
+                     printable(name).text);
     return nullptr;
   }
   auto *data = reinterpret_cast<firmware_record *>(row->object->data);

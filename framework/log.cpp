@@ -22,8 +22,9 @@ constexpr size_t kUsualMessage = 1024;
 std::atomic<int> log_fd{STDERR_FILENO};
 char *log_path;
 
+// O_NONBLOCK: a pipe that nobody reads must not hold us up; what it does not take is lost.
 int OpenForAppending(const char *path) {
-  return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+  return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
 }
 
 int WriteMessage(int fd, const char *text, size_t length) {

@@ -57,8 +57,8 @@ int OpenBeneath(int root, const std::string &path, int flags, mode_t mode = 0);
 // The same one component at a time, for kernels and sandboxes without openat2(2).
 int OpenBeneathByWalk(int root, const std::string &path, int flags, mode_t mode = 0);
 
-// Opens a registry's root directory (O_PATH); links on the way to it are the administrator's and
-// are followed. With create, it and what is missing above it are made. -1 with errno.
+// Opens a registry's root directory (O_PATH); links on the way to it are followed when root or this
+// user has made them. With create, it and what is missing above it are made. -1 with errno.
 int OpenRegistryRoot(const std::string &root, bool create);
 
 // Makes the directories of `path` below root that are missing, mode 0755 whatever the umask is;

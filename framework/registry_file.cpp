@@ -346,25 +346,54 @@ int MakeDirectories(int root, const std::string &path, bool parents) {
   }
 }
 
-int OpenRegistryRoot(const std::string &root, bool create) {
-  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  int fd = open(root.c_str(), kFlags);
-  if (fd >= 0 || errno != ENOENT || !create) {
-    return fd;
-  }
-  for (size_t slash = root.find('/', 1);; slash = root.find('/', slash + 1)) {
-    const std::string part = root.substr(0, slash);
-    if (mkdir(part.c_str(), 0755) == 0) {
-      if (chmod(part.c_str(), 0755) != 0) {
+namespace {
+
+// One step on the way to the root: a directory, or a link to one that the administrator or this
+// user has made. Who may write to a directory above the registry must not lead us elsewhere.
+int OpenStep(int parent, const std::string &name, bool create) {
+  constexpr int kFlags = O_PATH | O_CLOEXEC;
+  int fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
+  if (fd < 0 && errno == ENOENT && create) {
+    if (mkdirat(parent, name.c_str(), 0755) == 0) {
+      if (fchmodat(parent, name.c_str(), 0755, 0) != 0) {
         return -1;
       }
     } else if (errno != EEXIST) {
       return -1;
     }
-    if (slash == std::string::npos) {
-      return open(root.c_str(), kFlags);
-    }
+    fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
   }
+  Descriptor step(fd);
+  struct stat st;
+  if (!step || fstat(step.get(), &st) != 0) {
+    return -1;
+  }
+  if (S_ISLNK(st.st_mode)) {
+    if (st.st_uid != 0 && st.st_uid != geteuid()) {
+      errno = ELOOP;
+      return -1;
+    }
+    return openat(parent, name.c_str(), kFlags | O_DIRECTORY);
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    errno = ENOTDIR;
+    return -1;
+  }
+  return step.Release();
+}
+
+}  // namespace
+
+int OpenRegistryRoot(const std::string &root, bool create) {
+  Descriptor at(open(root.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  for (size_t begin = 0; at && begin < root.size();) {
+    const size_t end = std::min(root.find('/', begin), root.size());
+    if (end > begin) {
+      at.Reset(OpenStep(at.get(), root.substr(begin, end - begin), create));
+    }
+    begin = end + 1;
+  }
+  return at.Release();
 }
 
 // ---- Public functions ------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 #include "identity/info.h"
 
+#include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stddef.h>
@@ -7,10 +8,11 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
+#include <sys/types.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "core/kept_file.h"
 #include "core/util.h"
 #include "core/variables.h"
 #include "platform/framework.h"
@@ -115,26 +117,26 @@ static void read_description(info_block *block) {
   }
 }
 
-// Fills the field, of which the last byte stays 0, with the beginning of the file. False when the
-// file cannot be opened.
-static bool read_role(const char *path, char *field, size_t field_size) {
+// Fills the field, of which the last byte stays 0, with the beginning of the file, and gives the
+// file a mode unless that is 0.
+static void read_role(const char *path, char *field, size_t field_size, mode_t mode) {
   memset(field, 0, field_size);
-  const stream_handle file(fopen(path, "r"));
+  const stream_handle file(open_kept_file(path, "r"));
   if (!file) {
-    return false;
+    return;
   }
   // Less than the whole field, or nothing after an error, is what there is.
   const size_t length = fread(field, 1, field_size - 1, file.get());
   memset(field + length, 0, field_size - length);
-  return true;
+  if (mode != 0) {
+    set_kept_file_mode(file.get(), mode);
+  }
 }
 
 static void read_roles(info_block *block) {
-  read_role(role_path(role_file).text, block->role, sizeof(block->role));
-  const role_path detail(role_detail_file);
-  if (read_role(detail.text, block->role_detail, sizeof(block->role_detail))) {
-    chmod(detail.text, role_file_mode);
-  }
+  read_role(role_path(role_file).text, block->role, sizeof(block->role), 0);
+  read_role(role_path(role_detail_file).text, block->role_detail, sizeof(block->role_detail),
+            role_file_mode);
 }
 
 static void read_system(info_block *block) {
@@ -170,20 +172,18 @@ static telnet_state probe_telnet() {
 enum write_result { WRITTEN, NOT_OPENED, WRITE_FAILED };
 
 // Replaces the file's text. A stream keeps small texts to itself, so that a full disk is met at its
-// flush or close.
+// flush or close. Something else in the file's place is no file that could be written.
 static write_result write_role(const char *path, const char *text) {
-  FILE *file = fopen(path, "w");
+  FILE *file = open_kept_file(path, "w");
   if (file == nullptr) {
-    return NOT_OPENED;
+    return errno == EBADF ? WRITE_FAILED : NOT_OPENED;
   }
   fwrite(text, 1, strlen(text), file);
-  fflush(file);
-  const bool failed = ferror(file) != 0;
-  if (fclose(file) != 0 || failed) {
-    return WRITE_FAILED;
+  const bool written = fflush(file) == 0 && ferror(file) == 0;
+  if (written) {
+    set_kept_file_mode(file, role_file_mode);
   }
-  chmod(path, role_file_mode);
-  return WRITTEN;
+  return fclose(file) == 0 && written ? WRITTEN : WRITE_FAILED;
 }
 
 static int apply_role(uint8_t phase, const char *file, char *field, size_t field_size,

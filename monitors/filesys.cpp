@@ -295,7 +295,8 @@ static filesys_row *row_of(const char *key) {
     row = create_row(key);
   }
   if (row == nullptr) {
-    agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "create", key);
+    agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "create",
+                     printable(key).text);
     // On purpose: a row that cannot be created ends the process here and now, by the signal of a
     // null pointer. A supervisor starts the agent anew; nobody is served half a table.
     signal(SIGSEGV, SIG_DFL);
@@ -307,7 +308,7 @@ static filesys_row *row_of(const char *key) {
 
 static void report_update_failure(const char *key) {
   agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "update OS filesys",
-                   key);
+                   printable(key).text);
 }
 
 int remove_filesys_rows(filesys_row *row) {

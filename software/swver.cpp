@@ -186,7 +186,7 @@ int swver_put(const swver_item *item, int32_t type, int32_t status, int32_t stat
     row = swver_create(item->name);
     if (row == nullptr) {
       agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "create",
-                       item->name);
+                       printable(item->name).text);
       return -1;
     }
   }

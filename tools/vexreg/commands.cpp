@@ -72,18 +72,7 @@ std::string Indented(const nlohmann::ordered_json &json) {
 }  // namespace
 
 void Complain(const std::string &message) {
-  std::string line = "vexreg: ";
-  for (const char c : message) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7F) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
-      line += escaped;
-    } else {
-      line += c;
-    }
-  }
-  std::cerr << line << '\n';
+  std::cerr << "vexreg: " << SafeText(message) << '\n';
 }
 
 int TerminalWidth() {
@@ -139,8 +128,9 @@ int Dump(const Selection &selection) {
   // Object by object: one JSON value of ten thousand members would look each name up in a list.
   std::cout << '{';
   for (size_t i = 0; i < objects.size(); i++) {
-    std::cout << (i == 0 ? "\n  " : ",\n  ") << nlohmann::ordered_json(Utf8(objects[i].name)).dump()
-              << ": " << Indented(ObjectJson(objects[i].object));
+    std::cout << (i == 0 ? "\n  " : ",\n  ")
+              << SafeJson(nlohmann::ordered_json(Utf8(objects[i].name)).dump() + ": " +
+                          Indented(ObjectJson(objects[i].object)));
   }
   std::cout << (objects.empty() ? "}\n" : "\n}\n");
   return FinishOutput(status);

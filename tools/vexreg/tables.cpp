@@ -49,25 +49,6 @@ bool IsControl(char32_t code) {
          (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
 }
 
-// Text from an object file, safe to show on a terminal.
-std::string SafeText(std::string_view bytes) {
-  const std::string utf8 = Utf8(bytes);
-  std::string safe;
-  for (std::string_view rest = utf8; !rest.empty();) {
-    const Character character = FirstCharacter(rest);
-    if (IsControl(character.code)) {
-      char escaped[16];
-      std::snprintf(escaped, sizeof(escaped), character.code < 0x100 ? "\\x%02x" : "\\u%04x",
-                    static_cast<unsigned>(character.code));
-      safe += escaped;
-    } else {
-      safe += rest.substr(0, character.length);
-    }
-    rest.remove_prefix(character.length);
-  }
-  return safe;
-}
-
 // A date of 7 octets: year (big-endian), month, day, hour, minute, second. Nothing when it is none.
 std::optional<std::string> DateText(std::string_view octets) {
   const auto octet = [&](size_t i) { return static_cast<unsigned char>(octets[i]); };
@@ -407,6 +388,40 @@ void RenderRows(std::string &out, std::string_view group,
 }
 
 }  // namespace
+
+std::string SafeText(std::string_view bytes) {
+  const std::string utf8 = Utf8(bytes);
+  std::string safe;
+  for (std::string_view rest = utf8; !rest.empty();) {
+    const Character character = FirstCharacter(rest);
+    if (IsControl(character.code)) {
+      char escaped[16];
+      std::snprintf(escaped, sizeof(escaped), character.code < 0x100 ? "\\x%02x" : "\\u%04x",
+                    static_cast<unsigned>(character.code));
+      safe += escaped;
+    } else {
+      safe += rest.substr(0, character.length);
+    }
+    rest.remove_prefix(character.length);
+  }
+  return safe;
+}
+
+std::string SafeJson(std::string_view json) {
+  std::string safe;
+  while (!json.empty()) {
+    const Character character = FirstCharacter(json);
+    if (IsControl(character.code) && character.code != '\n') {
+      char escaped[16];
+      std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(character.code));
+      safe += escaped;
+    } else {
+      safe += json.substr(0, character.length);
+    }
+    json.remove_prefix(character.length);
+  }
+  return safe;
+}
 
 std::string_view CommonPrefix(const std::vector<std::string_view> &names) {
   if (names.size() < 2) {

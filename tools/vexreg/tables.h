@@ -21,6 +21,12 @@ struct NamedObject {
 // width 0 every row is one line.
 std::string RenderTables(const std::vector<NamedObject> &objects, int width);
 
+// Bytes from an object file as UTF-8 that a terminal shows and does not act on: control characters,
+// C1 ones too, and those that reorder text are written out as \x1b or \u202e.
+std::string SafeText(std::string_view bytes);
+// The same of a JSON text, in which they become escape sequences of the same value.
+std::string SafeJson(std::string_view json);
+
 // The beginning that the names have in common, up to where a capitalised word begins in most of
 // them and nothing ends: what a heading can do without.
 std::string_view CommonPrefix(const std::vector<std::string_view> &names);

@@ -296,6 +296,21 @@ TEST_F(RegistryFile, TheRootItselfMayBeReachedThroughALink) {
   EXPECT_EQ(Value("host/a"), 3);
 }
 
+TEST_F(RegistryFile, AnotherUsersLinkOnTheWayToTheRootIsNotFollowed) {
+  Writer("host/a");
+  const std::string alias = registry_.base() + "/alias";
+  fs::create_directory_symlink(registry_.root(), alias);
+  ASSERT_EQ(lchown(alias.c_str(), 1000, 1000), 0);
+  for (const bool create : {false, true}) {
+    for (const std::string &root : {alias, alias + "/host", alias + "/new/root"}) {
+      EXPECT_FALSE(Descriptor(OpenRegistryRoot(root, create))) << root;
+      EXPECT_EQ(errno, ELOOP);
+    }
+  }
+  EXPECT_FALSE(fs::exists(registry_.root() + "/new"));
+  EXPECT_FALSE(ReadObjectFile("host/a", alias));
+}
+
 TEST_F(RegistryFile, WritersDoNotFollowLinksEither) {
   ObjectFileWriter victim = Writer("host/victim");
   ASSERT_EQ(Publish(victim, 1), 0);

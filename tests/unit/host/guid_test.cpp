@@ -287,12 +287,25 @@ TEST_F(GuidTest, ASetIsAcceptedWhenSmbiosGaveNothingUsable) {
 
 TEST_F(GuidTest, ASetThatCannotBeOpenedIsRefused) {
   std::string guid = Obtain().octets;
-  rec::Fail("fopen", kFile);
+  rec::Fail("open", kFile);
   EXPECT_EQ(Set(kSixteen, &guid), -1);
   EXPECT_EQ(guid, kGeneratedWithoutEth0);
 }
 
 TEST_F(GuidTest, ASetThatCannotBeWrittenIsRefused) {
+  std::string guid = Obtain().octets;
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  const int result = Set(kSixteen, &guid);
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(guid, kGeneratedWithoutEth0);
+}
+
+TEST_F(GuidTest, ASetThroughALinkIsRefused) {
   std::string guid = Obtain().octets;
   rec::PutNothing(kFile);
   std::filesystem::create_symlink("/dev/full", rec::RealPath(kFile));

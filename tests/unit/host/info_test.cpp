@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -325,8 +327,8 @@ TEST_F(Info, ReadsEmptyRoleFiles) {
 
 TEST_F(Info, RoleFilesThatCannotBeRead) {
   rec::PutFile(kRoleFile, "role");
-  rec::PutDirectory(kDetailFile);  // opens, and gives nothing
-  rec::Fail("fopen", kRoleFile);
+  rec::PutDirectory(kDetailFile);
+  rec::Fail("open", kRoleFile);
   ASSERT_EQ(do_info(1), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
@@ -413,7 +415,7 @@ TEST_F(Info, ASetThatCannotOpenItsFileSucceedsQuietly) {
   rec::PutFile(kRoleFile, "old");
   rec::PutFile(kDetailFile, "old");
   ASSERT_EQ(do_info(1), 0);
-  rec::Fail("fopen");
+  rec::Fail("open");
   for (const auto &[variable, file, longest] : kLimits) {
     EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), 0);
     EXPECT_EQ(rec::ReadFile(file), "old");
@@ -427,15 +429,52 @@ TEST_F(Info, ASetThatCannotWriteItsFileFails) {
   rec::PutFile(kRoleFile, "old");
   rec::PutFile(kDetailFile, "old");
   ASSERT_EQ(do_info(1), 0);
+  // No file may grow: like a full disk.
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
   for (const auto &[variable, file, longest] : kLimits) {
-    std::filesystem::remove(rec::RealPath(file));
-    std::filesystem::create_symlink("/dev/full", rec::RealPath(file));
-    EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), -1);
-    EXPECT_EQ(rec::CheckOnly(kObject, variable, "new"), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    const int result = rec::Set(kObject, variable, std::string("new"));
+    const int check = rec::CheckOnly(kObject, variable, "new");
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(check, 0);
     ASSERT_EQ(do_info(0), 0);
     EXPECT_EQ(Text(variable), "old");
     // An empty text needs no room.
-    EXPECT_EQ(rec::Set(kObject, variable, std::string()), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    const int empty = rec::Set(kObject, variable, std::string());
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(empty, 0);
+  }
+}
+
+TEST_F(Info, ASetFailsWhenSomethingElseIsInItsFilesPlace) {
+  ASSERT_EQ(do_info(1), 0);
+  for (const auto &[variable, file, longest] : kLimits) {
+    const std::string path = rec::RealPath(file);
+    for (const char *kind : {"link", "dangling link", "pipe", "second name"}) {
+      SCOPED_TRACE(kind);
+      std::filesystem::remove(path);
+      rec::PutFile("/etc/victim", "precious");
+      const std::string victim = rec::RealPath("/etc/victim");
+      if (kind == std::string("link")) {
+        std::filesystem::create_symlink(victim, path);
+      } else if (kind == std::string("dangling link")) {
+        std::filesystem::create_symlink(victim + "-new", path);
+      } else if (kind == std::string("pipe")) {
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+      } else {
+        std::filesystem::create_hard_link(victim, path);
+      }
+      EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), -1);
+      EXPECT_EQ(rec::ReadFile("/etc/victim"), "precious");
+      EXPECT_FALSE(std::filesystem::exists(victim + "-new"));
+      ASSERT_EQ(do_info(0), 0);
+      EXPECT_EQ(Text(variable), "");
+    }
   }
 }
 

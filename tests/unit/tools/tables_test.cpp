@@ -248,6 +248,12 @@ TEST_F(Tables, ShowControlCharacters) {
   EXPECT_NE(text.find("\\x1b[31m"), std::string::npos);
 }
 
+TEST_F(Tables, SafeJsonHasTheSameValueWithoutControlCharacters) {
+  EXPECT_EQ(SafeJson("{\n  \"\u00e4\x7F\": \"\u009b\u202e\\u001b\"\n}"),
+            "{\n  \"\u00e4\\u007f\": \"\\u009b\\u202e\\u001b\"\n}");
+  EXPECT_EQ(SafeJson(""), "");
+}
+
 TEST_F(Tables, SayWhereThereIsNoValue) {
   FileObject object = MadeObject({Int("a", 1), Text("b", 4, "")});
   object.data.resize(2);
