@@ -1,0 +1,168 @@
+"""The manual pages: that they are sound, and that they say what the programs do.
+
+usage: manuals_test.py BUILD-DIRECTORY [TestClass[.test]]
+"""
+
+import os
+import re
+import subprocess
+import sys
+import unittest
+
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+PAGES = {name: os.path.join(SOURCE, "docs", "man", name)
+         for name in ("vexhostd.8", "vexhostd.conf.5", "vexreg.1")}
+PRODUCT = ("core", "identity", "monitors", "status", "software", "firmware", "framework",
+           "hardware", "platform")
+BUILD = ""
+
+
+def run(*command, **options):
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                          check=False, **options)
+
+
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def rendered(page):
+    """The page as plain text, every paragraph on one line."""
+    environment = dict(os.environ, MANWIDTH="2000", LC_ALL="C.UTF-8")
+    return run("man", "-P", "cat", "-l", PAGES[page], env=environment).stdout
+
+
+def product_sources():
+    for folder in PRODUCT:
+        for directory, _, names in os.walk(os.path.join(SOURCE, folder)):
+            for name in names:
+                if name.endswith((".cpp", ".h")):
+                    yield os.path.join(directory, name)
+
+
+class Pages(unittest.TestCase):
+    def test_man_has_nothing_to_say(self):
+        for page, path in PAGES.items():
+            with self.subTest(page):
+                shown = run("man", "--warnings", "-E", "UTF-8", "-P", "cat", "-l", path)
+                self.assertEqual((shown.returncode, shown.stderr), (0, ""))
+                self.assertIn("NAME", shown.stdout)
+
+    def test_man_would_notice(self):
+        broken = run("man", "--warnings", "-E", "UTF-8", "-P", "cat", "-l", "-",
+                     input=".Dd today\n.Dt A 1\n.Os\n.Sh NAME\n.nosuchmacro x\n")
+        self.assertNotEqual(broken.stderr, "")
+
+    def test_mandoc_has_nothing_to_say(self):
+        for page, path in PAGES.items():
+            with self.subTest(page):
+                lint = run("mandoc", "-T", "lint", "-W", "warning", path)
+                self.assertEqual((lint.returncode, lint.stdout), (0, ""))
+
+    def test_references_lead_to_pages(self):
+        """To one of these, or to a page of Debian that the programs' packages bring along."""
+        known = set(PAGES) | {f"{name}.{section}" for name, section in (
+            ("snmpd", 8), ("snmpd.conf", 5), ("snmp.conf", 5), ("snmp_config", 5),
+            ("statvfs", 3), ("errno", 3), ("ftok", 3), ("sd_notify", 3), ("sh", 1), ("rpm", 8), ("dpkg", 1), ("grep", 1),
+            ("cut", 1), ("awk", 1), ("pidof", 8), ("ps", 1), ("sort", 1))}
+        for page, path in PAGES.items():
+            for name, section in re.findall(r"\bXr (\S+) (\d)", read(path)):
+                self.assertIn(f"{name}.{section}", known, page)
+
+
+class Options(unittest.TestCase):
+    def test_of_vexhostd(self):
+        page = set(re.findall(r"^\.It Fl (\w)", read(PAGES["vexhostd.8"]), re.M))
+        usage = run(os.path.join(BUILD, "bin", "vexhostd"), "-h").stderr
+        printed = set(re.findall(r"^  -(\w)", usage, re.M))
+        self.assertTrue(printed, usage)
+        # Those it takes and does not print: help itself, and the watchdog, which is not for all.
+        self.assertEqual(page, printed | {"h", "z"})
+        taken = re.search(r'options\[\] = "([a-z:]+)"',
+                          read(os.path.join(SOURCE, "core", "agent.cpp"))).group(1)
+        self.assertEqual(page, set(taken.replace(":", "")) | {"l"})
+        synopsis = rendered("vexhostd.8").split("DESCRIPTION")[0]
+        self.assertEqual(set("".join(re.findall(r"\[-(\w+)", synopsis))), page)
+
+    def vexreg(self, *words):
+        help_text = run(os.path.join(BUILD, "bin", "vexreg"), *words, "--help")
+        self.assertEqual(help_text.returncode, 0)
+        return help_text.stdout
+
+    def commands(self):
+        listed = self.vexreg().split("Subcommands:\n")[1].split("\n\n")[0]
+        return re.findall(r"^  (\w+) ", listed, re.M)
+
+    def test_commands_of_vexreg(self):
+        page = read(PAGES["vexreg.1"])
+        section = page.split(".Ss Commands")[1].split(".Ss Options")[0]
+        self.assertEqual(re.findall(r"^\.It Cm (\w+)", section, re.M), self.commands())
+        synopsis = page.split(".Sh DESCRIPTION")[0]
+        self.assertEqual(re.findall(r"^\.Cm (\w+)", synopsis, re.M), self.commands())
+
+    def test_options_of_vexreg(self):
+        printed = set()
+        for words in [()] + [(command,) for command in self.commands()]:
+            text = self.vexreg(*words)
+            printed |= set(re.findall(r"^  (?:-h,)?(--[a-z]+)", text, re.M))
+        page = read(PAGES["vexreg.1"]).split(".Ss Options")[1].split(".Sh DOCTOR")[0]
+        listed = {"-" + option for option in re.findall(r"\bFl (-[a-z]+)", page)}
+        self.assertEqual(listed, printed)
+
+    def test_checks_of_doctor(self):
+        """Each check that doctor prints here begins with what the page lists, and the reverse."""
+        page = read(PAGES["vexreg.1"]).split(".Sh DOCTOR")[1].split(".Sh FILES")[0]
+        items = [item.strip() for line in re.findall(r"^\.It (.*)", page, re.M)
+                 for item in line.split(",")]
+        # On an empty registry, so that no group is there.
+        findings = run(os.path.join(BUILD, "bin", "vexreg"), "--root", "/nonexistent",
+                       "doctor").stdout.splitlines()
+        self.assertGreater(len(findings), 15)
+        for finding in findings:
+            self.assertTrue(any(finding[6:].startswith(item) for item in items), finding)
+
+
+class Sources(unittest.TestCase):
+    # What is no source or trace of the agent.
+    PLUMBING = {"/bin/sh", "/dev/null", "/dev/null/vexhostd", "/proc/self/fd", "/proc",
+                "/proc/net/unix"}
+
+    def test_every_path_of_the_code_is_described(self):
+        text = rendered("vexhostd.8") + rendered("vexhostd.conf.5")
+        found = set()
+        for path in product_sources():
+            for literal in re.findall(r'"((?:[^"\\\n]|\\.)*)"', re.sub(r"//.*", "", read(path))):
+                found |= set(re.findall(
+                    r"(?<![\w.*/])/(?:etc|proc|sys|var|run|dev|boot|opt|usr|vmfs|sbin)\b[^ ;,`\\\"']*",
+                    literal))
+        self.assertGreater(len(found), 20)
+        for path in sorted(found - self.PLUMBING):
+            # Programs are listed by their names, patterns as they stand.
+            name = os.path.basename(path) if path.startswith(("/sbin", "/usr/sbin")) else path
+            name = re.sub(r"/(smbios_entry_point|DMI)$", "", name)
+            name = re.sub(r"-%\.63s$", "-RELEASE", name)
+            name = re.sub(r"/%s$", "", name)
+            self.assertTrue(name in text, f"{path} is in no manual")
+
+    def test_every_variable_of_the_environment_is_described(self):
+        text = rendered("vexhostd.8")
+        names = set()
+        for path in product_sources():
+            names |= set(re.findall(r'getenv\("(\w+)"\)', read(path)))
+        self.assertIn("NOTIFY_SOCKET", names)
+        for name in names:
+            self.assertIn(name, text)
+
+    def test_every_own_token_is_described(self):
+        text = read(PAGES["vexhostd.conf.5"])
+        code = read(os.path.join(SOURCE, "framework", "snmp_files.cpp"))
+        own = re.findall(r'register_config_handler\(application\.c_str\(\), "(\w+)"', code)
+        self.assertEqual(sorted(own), ["agentXSocket", "community", "pollInterval"])
+        for token in own:
+            self.assertIn(f".It Ic {token} ", text)
+
+
+if __name__ == "__main__":
+    BUILD = os.path.abspath(sys.argv.pop(1))
+    unittest.main(verbosity=2)
