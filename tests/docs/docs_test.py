@@ -1,6 +1,6 @@
-"""The manual pages: that they are sound, and that they say what the programs do.
+"""The manual pages and documents: that they are sound, and that they say what is the case.
 
-usage: manuals_test.py BUILD-DIRECTORY [TestClass[.test]]
+usage: docs_test.py BUILD-DIRECTORY [TestClass[.test]]
 """
 
 import os
@@ -161,6 +161,53 @@ class Sources(unittest.TestCase):
         self.assertEqual(sorted(own), ["agentXSocket", "community", "pollInterval"])
         for token in own:
             self.assertIn(f".It Ic {token} ", text)
+
+
+class Documents(unittest.TestCase):
+    EXAMPLE = os.path.join(SOURCE, "docs", "adding-a-group.md")
+
+    def test_the_list_of_variables_is_current(self):
+        check = run(os.path.join(SOURCE, "scripts", "variables-doc"), "--check")
+        self.assertEqual((check.returncode, check.stderr), (0, ""))
+
+    def test_the_list_of_variables_has_all(self):
+        listed = re.findall(r"^#+ (tlx\w+)$", read(os.path.join(SOURCE, "docs", "variables.md")),
+                            re.M)
+        table = read(os.path.join(BUILD, "mibs", "mib_table.cpp"))
+        served = re.findall(r'^    \{"(tlx\w+)", kOids', table, re.M)
+        self.assertGreater(len(served), 50)
+        self.assertEqual(set(served) - set(listed), set())
+
+    def test_the_worked_example_is_the_code(self):
+        """The blocks of a file, one after the other, are the file; blank lines aside."""
+        shown = {}
+        for path, text in re.findall(r"^<!-- (\S+) -->\n```\w+\n(.*?)^```$", read(self.EXAMPLE),
+                                     re.M | re.S):
+            shown.setdefault(path, []).append(text)
+        directory = os.path.join(SOURCE, "tests", "example")
+        files = {f"tests/example/{name}" for name in os.listdir(directory)}
+        self.assertEqual(set(shown), files - {"tests/example/CMakeLists.txt"})
+        for path, texts in shown.items():
+            blocks, file = ([line for line in text.splitlines() if line.strip()]
+                            for text in ("".join(texts), read(os.path.join(SOURCE, path))))
+            self.assertEqual(blocks, file, path)
+
+    def test_files_that_are_named_exist(self):
+        documents = [os.path.join(SOURCE, "README.md"), os.path.join(SOURCE, "CONTRIBUTING.md")]
+        folder = os.path.join(SOURCE, "docs")
+        documents += [os.path.join(folder, name) for name in os.listdir(folder)
+                      if name.endswith(".md")]
+        named = 0
+        for document in documents:
+            for path in re.findall(r"`((?:docs|scripts|tests|core|identity|monitors|status|software|"
+                                   r"firmware|framework|hardware|platform|mibs|tools|fuzz|packaging|"
+                                   r"decisions)/[\w./-]*|[a-z-]+\.md)`", read(document)):
+                # A document of the folder is named by its name alone there.
+                places = [os.path.join(SOURCE, path), os.path.join(os.path.dirname(document), path)]
+                if not path.endswith("/load.cpp") and "build/" not in path:
+                    self.assertTrue(any(map(os.path.exists, places)), f"{document}: {path}")
+                    named += 1
+        self.assertGreater(named, 20)
 
 
 if __name__ == "__main__":
