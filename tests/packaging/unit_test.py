@@ -37,9 +37,10 @@ def own_mounts(unit):
     return [name for name, _ in assignments(unit) if name.strip() in OWN_MOUNTS]
 
 
-def analyze(*arguments):
+def analyze(*arguments, **environment):
     return subprocess.run(["systemd-analyze", *arguments], stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True, check=False)
+                          stderr=subprocess.STDOUT, text=True, check=False,
+                          env={**os.environ, **environment})
 
 
 class Installed(unittest.TestCase):
@@ -63,8 +64,8 @@ class Installed(unittest.TestCase):
 
 class Unit(Installed):
     def verify(self):
-        # The manual pages are not where man looks.
-        run = analyze("verify", "--man=no", self.path)
+        # Looks for the manual pages as well.
+        run = analyze("verify", self.path, MANPATH=self.prefix + "/share/man")
         return run.returncode, run.stdout
 
     def test_systemd_has_nothing_to_say(self):
@@ -73,7 +74,8 @@ class Unit(Installed):
     def test_and_would_say_it(self):
         for bad in (self.unit.replace("UMask=", "Umask="),
                     self.unit.replace("/sbin/vexhostd", "/sbin/vexhost"),
-                    self.unit.replace("@resources", "@resource")):
+                    self.unit.replace("@resources", "@resource"),
+                    self.unit.replace("man:vexhostd(8)", "man:vexhost(8)")):
             self.assertNotEqual(bad, self.unit)
             self.write(bad)
             self.assertNotEqual(self.verify(), (0, ""))
