@@ -229,6 +229,7 @@ class Life(unittest.TestCase):
                                    len(glob.glob(registry + "/host/*")) > 5))
         # The agent is there, and the stock view hides it.
         self.assertIn("No more variables left in this MIB View", self.walk()[0])
+        self.assertIn("FAIL  subtree", self.machine.run("vexreg", "doctor")[1])
         # What the package's script has systemd do.
         self.assertIn("ExecReload=/bin/kill -HUP $MAINPID",
                       self.machine.read("/lib/systemd/system/snmpd.service"))
@@ -236,6 +237,8 @@ class Life(unittest.TestCase):
         self.assertTrue(eventually(self.visible))
         served = self.walk()
         self.assertGreater(len(served), 50)
+        # Nothing more is to be done.
+        self.assertTrue(eventually(lambda: self.machine.run("vexreg", "doctor")[0] == 0))
         # By name, as the README says.
         by_name = self.ok("snmpwalk", "-v2c", "-cpublic", "-M",
                           "/usr/share/snmp/mibs:/usr/share/vexhostd/smi", "-m", "QUORIX-HOST-MIB",
