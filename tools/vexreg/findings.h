@@ -28,6 +28,7 @@ struct ProcessFact {
   pid_t pid = 0;
   char state = 'S';  // as in proc(5)
   uid_t owner = 0;
+  pid_t parent = 0;
 };
 bool IsStopped(const ProcessFact &process);
 

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <fstream>
@@ -136,13 +137,24 @@ Finding LookAtPackages(const std::string &search) {
 
 }  // namespace
 
-std::optional<char> StateOfStat(std::string_view stat) {
+bool ParseStat(std::string_view stat, ProcessFact *process) {
   // The name, in parentheses, may hold anything.
   const size_t name_end = stat.rfind(')');
-  if (name_end == std::string_view::npos || name_end + 2 >= stat.size()) {
-    return std::nullopt;
+  if (name_end == std::string_view::npos) {
+    return false;
   }
-  return stat[name_end + 2];
+  std::istringstream rest{std::string(stat.substr(name_end + 1))};
+  return static_cast<bool>(rest >> process->state >> process->parent);
+}
+
+std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &processes) {
+  std::vector<ProcessFact> left;
+  std::copy_if(
+      processes.begin(), processes.end(), std::back_inserter(left), [&](const ProcessFact &one) {
+        return std::none_of(processes.begin(), processes.end(),
+                            [&](const ProcessFact &other) { return one.parent == other.pid; });
+      });
+  return left;
 }
 
 std::vector<ProcessFact> FindProcesses(const std::string &name) {
@@ -160,16 +172,15 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
     if (ReadText(directory + "/comm") != name + "\n" || (!space.empty() && space != own_space)) {
       continue;
     }
-    const auto state = StateOfStat(ReadText(directory + "/stat"));
     struct stat status = {};
-    if (!state || *state == 'Z' || *state == 'X' || stat(directory.c_str(), &status) != 0) {
+    if (!ParseStat(ReadText(directory + "/stat"), &process) || process.state == 'Z' ||
+        process.state == 'X' || stat(directory.c_str(), &status) != 0) {
       continue;
     }
-    process.state = *state;
     process.owner = status.st_uid;
     found.push_back(process);
   }
-  return found;
+  return WithoutChildren(found);
 }
 
 bool ProcessesHidden() {

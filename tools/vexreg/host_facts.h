@@ -10,11 +10,14 @@
 
 namespace vex {
 
-// The processes of that name (proc(5), comm); zombies and, where that shows, those of containers
-// are left out.
+// The processes of that name (proc(5), comm); their children, zombies and, where that shows, those
+// of containers are left out.
 std::vector<ProcessFact> FindProcesses(const std::string &name);
-// What /proc/PID/stat says; nothing when it is not of that form.
-std::optional<char> StateOfStat(std::string_view stat);
+// Takes state and parent from what /proc/PID/stat says. False when it is not of that form.
+bool ParseStat(std::string_view stat, ProcessFact *process);
+// Those that are no child of another of them: one that has just been forked still has its parent's
+// name.
+std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &processes);
 // Whether this user does not see other users' processes.
 bool ProcessesHidden();
 // A variable of another process's environment; nothing when that may not be read. The inner value

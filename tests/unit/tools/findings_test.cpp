@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/process.h"
 #include "tools/vexreg/host_facts.h"
 
 using namespace vex;
@@ -44,11 +45,28 @@ TEST(Findings, TheAgentIsOneProcessOfRoot) {
 }
 
 TEST(Findings, StateOfAProcess) {
-  EXPECT_EQ(StateOfStat("12 (snmpd) S 1 12"), 'S');
-  EXPECT_EQ(StateOfStat("12 (a) R) b) T 1 12"), 'T');
-  EXPECT_EQ(StateOfStat("12 (snmpd)"), std::nullopt);
-  EXPECT_EQ(StateOfStat("12 (snmpd) "), std::nullopt);
-  EXPECT_EQ(StateOfStat(""), std::nullopt);
+  ProcessFact process;
+  EXPECT_TRUE(ParseStat("12 (snmpd) S 1 12", &process));
+  EXPECT_EQ(process.state, 'S');
+  EXPECT_EQ(process.parent, 1);
+  EXPECT_TRUE(ParseStat("12 (a) R 5) b) T 7 12", &process));
+  EXPECT_EQ(process.state, 'T');
+  EXPECT_EQ(process.parent, 7);
+  for (const char *text : {"12 (snmpd)", "12 (snmpd) ", "12 (snmpd) S", "12 (snmpd) S x", ""}) {
+    EXPECT_FALSE(ParseStat(text, &process)) << text;
+  }
+}
+
+TEST(Findings, WhatAProcessHasForkedIsNotAnother) {
+  const auto pids = [](const std::vector<ProcessFact> &processes) {
+    std::vector<pid_t> numbers;
+    for (const ProcessFact &process : WithoutChildren(processes)) {
+      numbers.push_back(process.pid);
+    }
+    return numbers;
+  };
+  EXPECT_EQ(pids({{5, 'S', 0, 1}, {6, 'D', 0, 5}, {9, 'S', 0, 1}}), (std::vector<pid_t>{5, 9}));
+  EXPECT_EQ(pids({}), std::vector<pid_t>{});
 }
 
 TEST(Findings, Communities) {
@@ -181,6 +199,42 @@ TEST(Findings, AreWrappedAndPlain) {
   EXPECT_EQ(RenderFinding(finding, 26), "note  one two? three four\n      five six\n");
   // Words are not torn however narrow the terminal is.
   EXPECT_EQ(RenderFinding(finding, 1), "note  one two? three four\n      five six\n");
+}
+
+// The lines that docs/troubleshooting.md shows, each with its remedy beside it.
+TEST(Findings, AreQuotedAsTheyAre) {
+  constexpr int kWidth = 96;
+  const std::string path = VEX_SOURCE_DIR "/docs/troubleshooting.md";
+  const std::string document = made_up::ReadFile(path);
+  ViewFacts view;
+  view.sessions = 1;
+  view.community_line = {"rocommunity", "public", "default", "-V", "systemonly"};
+  ViewFacts no_session = view;
+  no_session.sessions = 0;
+  const auto socket = [](int error) {
+    return JudgeSocket("/var/agentx/master", "/var/agentx/master", error, false);
+  };
+  const Group memory = {"memory", true, true, ""};
+  const auto group = [&](int64_t age) {
+    return JudgeGroup(memory, {1, kNow - age * kSecond}, false, kNow, 15, true);
+  };
+  for (const Finding &finding :
+       {JudgeProcess("snmpd", {}, false), JudgeAgent({}, false), JudgeAgent({{812, 'T', 0}}, false),
+        JudgeAgent({{812, 'S', 0}, {913, 'S', 0}}, false),
+        JudgeMaster(MasterAnswer::kNobodyListens, CommunitySource::kMaster),
+        JudgeMaster(MasterAnswer::kOtherCommunity, CommunitySource::kOwn),
+        JudgeMaster(MasterAnswer::kSilent, CommunitySource::kMaster),
+        JudgeCommunity(CommunitySource::kNone, {}),
+        JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}), socket(ENOENT),
+        socket(ECONNREFUSED), socket(EACCES), JudgeSubtree(Subtree::kNothing, view),
+        JudgeSubtree(Subtree::kNothing, no_session), JudgeSubtree(Subtree::kUnanswered, view),
+        JudgeValue("tlxHoPhysicalMemoryFree", 812, std::nullopt), group(40), group(600)}) {
+    std::string quoted;
+    for (const std::string &line : made_up::Lines(RenderFinding(finding, kWidth))) {
+      quoted += "    " + line + "\n";
+    }
+    EXPECT_NE(document.find("\n" + quoted), std::string::npos) << path << " lacks\n" << quoted;
+  }
 }
 
 }  // namespace
