@@ -117,6 +117,18 @@ TEST(UnitJail, LeavesNothingOfAUnitOutInSilence) {
   EXPECT_EQ(missing.err, "unit_jail: /nowhere cannot be read\n");
 }
 
+// As many filters as the service manager loads: none for architectures that are refused anyway, nor
+// where a filter could not look at the arguments.
+TEST(UnitJail, LoadsTheManagersFilters) {
+  EXPECT_EQ(Jail("RestrictAddressFamilies=AF_UNIX").Status("Seccomp_filters"), "2");
+  EXPECT_EQ(Jail("LockPersonality=yes").Status("Seccomp_filters"), "3");
+  EXPECT_EQ(Jail("SystemCallArchitectures=native\nLockPersonality=yes").Status("Seccomp_filters"),
+            "2");
+  EXPECT_EQ(Jail("SystemCallArchitectures=native x86 x32\nSystemCallFilter=~mount")
+                .Status("Seccomp_filters"),
+            "3");
+}
+
 TEST(UnitJail, RefusesSystemCalls) {
   // Refused outside, too, but for another reason: nothing stands at the null pointer.
   EXPECT_EQ(Jail::Outside({"mount"}), "EFAULT");
@@ -216,6 +228,7 @@ TEST(UnitJail, RefusesNamespaces) {
     EXPECT_EQ(jail.Inside(names), "EPERM");
     EXPECT_EQ(jail.Inside(join), "EPERM");
     EXPECT_EQ(jail.Inside(clone), "EPERM");
+    EXPECT_EQ(jail.Inside({"clone", "0x80"}), "EPERM");
     EXPECT_EQ(jail.Inside(clone3), "ENOSYS");
     EXPECT_EQ(jail.Run({"sh", "-c", "(echo forked)"}).out, "forked\n");
   }
@@ -258,6 +271,7 @@ TEST(UnitJail, RefusesSingleDoings) {
     EXPECT_EQ(jail.Inside(suid), "EPERM");
     EXPECT_EQ(jail.Inside(sgid), "EPERM");
     EXPECT_EQ(jail.Inside(suid_file), "EPERM");
+    EXPECT_EQ(jail.Inside({"452", "-100", "/run/file", "04755"}), "EPERM");  // fchmodat2()
     EXPECT_EQ(jail.Inside(plain), "0");
     EXPECT_EQ(jail.Inside(openat2), "ENOSYS");
   }

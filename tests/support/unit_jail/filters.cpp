@@ -18,6 +18,9 @@ namespace unit_jail {
 
 namespace {
 
+// Later than libseccomp's and the C library's names of Debian 12.
+constexpr int kFchmodat2 = 452;
+
 using Comparisons = std::vector<scmp_arg_cmp>;
 
 struct Release {
@@ -83,19 +86,26 @@ class Refusals {
     if (number == __NR_SCMP_ERROR) {
       throw UnitError(std::string("unknown system call ") + call);
     }
+    Add(number, error, arguments);
+  }
+  void Add(int number, int error, const Comparisons &arguments = {}) {
     const int result = seccomp_rule_add_exact_array(
         filter_.get(), SCMP_ACT_ERRNO(static_cast<uint32_t>(error)), number,
         static_cast<unsigned>(arguments.size()), arguments.data());
     // EDOM: this architecture has no such call.
     if (result != -EDOM) {
-      Check(result, call);
+      Check(result, "system call " + std::to_string(number));
+      any_ = true;
     }
   }
   void Load() {
-    unit_jail::Load(filter_);
+    if (any_) {
+      unit_jail::Load(filter_);
+    }
   }
 
  private:
+  bool any_ = false;
   FilterContext filter_;
 };
 
@@ -164,6 +174,7 @@ void RefuseSuidSgid(Refusals *refusals) {
     for (const auto &[call, mode] : calls) {
       refusals->Add(call, EPERM, {Has(mode, bit)});
     }
+    refusals->Add(kFchmodat2, EPERM, {Has(2, bit)});
     refusals->Add("open", EPERM, {Has(1, O_CREAT), Has(2, bit)});
     refusals->Add("openat", EPERM, {Has(2, O_CREAT), Has(3, bit)});
   }
@@ -172,8 +183,7 @@ void RefuseSuidSgid(Refusals *refusals) {
 }
 
 void RefuseNamespaces(unsigned long refused, Refusals *refusals) {
-  const unsigned long all = CLONE_NEWCGROUP | CLONE_NEWIPC | CLONE_NEWNET | CLONE_NEWNS |
-                            CLONE_NEWPID | CLONE_NEWUSER | CLONE_NEWUTS;
+  const unsigned long all = AllNamespaces();
   if (refused == all) {
     refusals->Add("setns", EPERM);
   } else {
@@ -193,19 +203,26 @@ void RefuseNamespaces(unsigned long refused, Refusals *refusals) {
   }
 }
 
-void RestrictArchitectures(const std::set<uint32_t> &architectures) {
-  FilterContext filter(seccomp_init(SCMP_ACT_ALLOW));
+// Leaves those that are still allowed; later filters are loaded for no other.
+void RestrictArchitectures(const std::set<uint32_t> &allowed,
+                           std::vector<uint32_t> *architectures) {
+  const FilterContext filter(seccomp_init(SCMP_ACT_ALLOW));
   if (!filter) {
     throw UnitError("no memory for a filter");
   }
-  for (const uint32_t architecture : architectures) {
-    const int result = seccomp_arch_add(filter.get(), architecture);
-    if (result != -EEXIST) {
-      Check(result, "architecture");
+  // The native one is in a filter from its beginning.
+  const size_t refused = std::erase_if(*architectures, [&allowed](uint32_t one) {
+    return one != seccomp_arch_native() && !allowed.contains(one);
+  });
+  for (const uint32_t architecture : *architectures) {
+    if (architecture != seccomp_arch_native()) {
+      Check(seccomp_arch_add(filter.get(), architecture), "architecture");
     }
   }
   Check(seccomp_attr_set(filter.get(), SCMP_FLTATR_CTL_NNP, 0), "new privileges");
-  Load(filter);
+  if (refused > 0) {
+    Load(filter);
+  }
 }
 
 void FilterSystemCalls(uint32_t architecture, const Unit &unit) {
@@ -233,7 +250,7 @@ void FilterSystemCalls(uint32_t architecture, const Unit &unit) {
 }  // namespace
 
 void LoadFilters(const Unit &unit) {
-  const std::vector<uint32_t> architectures = LocalArchitectures();
+  std::vector<uint32_t> architectures = LocalArchitectures();
   const auto refuse = [&architectures](const auto &add) {
     for (const uint32_t architecture : architectures) {
       Refusals refusals(architecture);
@@ -276,7 +293,7 @@ void LoadFilters(const Unit &unit) {
     });
   }
   if (unit.architectures) {
-    RestrictArchitectures(*unit.architectures);
+    RestrictArchitectures(*unit.architectures, &architectures);
   }
   if (unit.lock_personality) {
     refuse([](uint32_t, Refusals *refusals) {

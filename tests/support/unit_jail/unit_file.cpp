@@ -255,21 +255,18 @@ void MergeAddressFamilies(std::string value, Unit *unit) {
   }
 }
 
-constexpr std::array<std::pair<const char *, unsigned long>, 7> kNamespaces = {
+constexpr std::array<std::pair<const char *, unsigned long>, 8> kNamespaces = {
     {{"cgroup", CLONE_NEWCGROUP},
      {"ipc", CLONE_NEWIPC},
      {"net", CLONE_NEWNET},
      {"mnt", CLONE_NEWNS},
      {"pid", CLONE_NEWPID},
      {"user", CLONE_NEWUSER},
-     {"uts", CLONE_NEWUTS}}};
+     {"uts", CLONE_NEWUTS},
+     {"time", CLONE_NEWTIME}}};
 
 // One line only: to merge several is a rule of its own that no unit here needs.
 unsigned long RefusedNamespaces(std::string value) {
-  unsigned long all = 0;
-  for (const auto &[name, flag] : kNamespaces) {
-    all |= flag;
-  }
   const bool inverted = Inverted(&value);
   unsigned long named = 0;
   for (const std::string &word : Split(value)) {
@@ -278,11 +275,11 @@ unsigned long RefusedNamespaces(std::string value) {
       found |= word == name ? flag : 0;
     }
     if (found == 0) {
-      return Boolean(value) ? all : 0;
+      return Boolean(value) ? AllNamespaces() : 0;
     }
     named |= found;
   }
-  return inverted ? named : all & ~named;
+  return inverted ? named : AllNamespaces() & ~named;
 }
 
 const std::map<std::string, int> kLimits = {
@@ -376,6 +373,14 @@ void Assign(const std::string &key, const std::string &value, Unit *unit) {
 }
 
 }  // namespace
+
+unsigned long AllNamespaces() {
+  unsigned long all = 0;
+  for (const auto &[name, flag] : kNamespaces) {
+    all |= flag;
+  }
+  return all;
+}
 
 const Words &SystemCallGroup(const std::string &name) {
   if (!groups.contains(name)) {

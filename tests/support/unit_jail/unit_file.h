@@ -49,6 +49,9 @@ struct Unit {
   std::map<int, rlimit> limits;  // by RLIMIT_...
 };
 
+// The flags of all kinds of namespaces.
+unsigned long AllNamespaces();
+
 // The members of a group of system calls ("@clock"), as this machine's systemd has them.
 const std::vector<std::string> &SystemCallGroup(const std::string &name);
 
