@@ -131,7 +131,9 @@ vex::ControllerMood Controller() {
   return mood;
 }
 
-// The server. Only the figures of a counter differ from one poll to the next.
+// The server. Only the figures of a counter differ from one poll to the next. What would hide
+// something else is not there: a remote card (hidden by the integrated controller), record 226 (it
+// hides the system's UUID) and somebody at the telnet port (looks like a missing right to bind).
 class GoldenHost {
  public:
   GoldenHost() {
