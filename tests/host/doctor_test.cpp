@@ -31,6 +31,7 @@ class Doctor : public testing::Test {
     const std::string copy = "/usr/local/bin/vexreg-for-all";
     std::filesystem::copy_file(VexregPath(), copy);
     ProcessOptions options;
+    options.fixed_addresses = true;  // it may be sanitized
     options.environment = {{"HOME", "/nonexistent"}};
     outcome_ = RunCommand(
         {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy, "doctor"}, options);
