@@ -154,6 +154,11 @@ class Sources(unittest.TestCase):
         for name in names:
             self.assertIn(name, text)
 
+    def test_capabilities_are_those_of_the_service(self):
+        unit = read(os.path.join(SOURCE, "packaging", "vexhostd.service.in"))
+        kept = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.M).group(1).split()
+        self.assertEqual(set(re.findall(r"\.Dv (CAP_\w+)", read(PAGES["vexhostd.8"]))), set(kept))
+
     def test_every_own_token_is_described(self):
         text = read(PAGES["vexhostd.conf.5"])
         code = read(os.path.join(SOURCE, "framework", "snmp_files.cpp"))

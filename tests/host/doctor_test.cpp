@@ -327,6 +327,16 @@ TEST_F(Doctor, AgentStoppedAnHourAgo) {
   EXPECT_HAS(About("group filesys: "), "ok    group filesys: 1 row, last published 60 min ago");
 }
 
+TEST_F(Doctor, AgentThatHangs) {
+  // Of another name, so that it cannot be seen to be stopped and its subtree is asked for.
+  host_.StartTestAgent();
+  host_.daemon.Signal(SIGSTOP);
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("subtree "),
+             "FAIL  subtree .1.3.6.1.4.1.4891: no answer within two seconds, though snmpd answers");
+}
+
 TEST_F(Doctor, AgentKilledAndItsObjectsLeft) {
   host_.snmpd.Start();
   DaemonOptions options;
