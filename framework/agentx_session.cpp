@@ -355,7 +355,7 @@ int AgentxSession::Packet(int operation, netsnmp_session *, int, netsnmp_pdu *pd
     case kAgentxCommitSet:
     case kAgentxUndoSet:
     case kAgentxCleanupSet:
-      self->events_.request(pdu);
+      self->Request(pdu);
       break;
     case kAgentxClose:
       self->broken_ = true;
@@ -364,6 +364,21 @@ int AgentxSession::Packet(int operation, netsnmp_session *, int, netsnmp_pdu *pd
       break;
   }
   return 1;
+}
+
+// RFC 2741 7.2.2: a request of another session, mostly one of before, is not served.
+void AgentxSession::Request(netsnmp_pdu *pdu) {
+  if (Open() && pdu->sessid == session_id_) {
+    events_.request(pdu);
+    return;
+  }
+  if (netsnmp_pdu *answer = NewPdu(kAgentxResponse)) {
+    answer->sessid = pdu->sessid;
+    answer->transid = pdu->transid;
+    answer->reqid = pdu->reqid;
+    answer->errstat = kAgentxNotOpen;
+    Send(answer);
+  }
 }
 
 void AgentxSession::SocketReady(bool readable, bool writable) {

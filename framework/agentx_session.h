@@ -35,6 +35,7 @@ enum AgentxType : int {
 };
 enum AgentxError : int {
   kAgentxNotOpen = 257,
+  kAgentxUnsupportedContext = 262,
   kAgentxDuplicateRegistration = 263,
   kAgentxProcessingError = 268,
 };
@@ -111,6 +112,7 @@ class AgentxSession {
                     void *magic);
   static int Response(int operation, netsnmp_session *session, int reqid, netsnmp_pdu *pdu,
                       void *magic);
+  void Request(netsnmp_pdu *pdu);
   void Connect();
   void Opened(const netsnmp_pdu *response);
   void Register(size_t group);

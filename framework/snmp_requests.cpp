@@ -14,6 +14,9 @@ constexpr size_t kMostSets = 16;
 constexpr std::chrono::seconds kForgetAfter{30};
 // RFC 2741 6.1: the byte order of the answer is that of the request.
 constexpr int kNetworkByteOrder = 0x10;
+constexpr int kNonDefaultContext = 0x08;
+// Of the answer to a GetBulk, whose repetitions may be far more than fit into a packet.
+constexpr size_t kMostBulkVariables = 1000;
 
 class NamedVariable {
  public:
@@ -63,6 +66,38 @@ class VariableList {
  private:
   netsnmp_variable_list **end_;
 };
+
+// A search range of a request, and how far the search has come in it.
+struct Cursor {
+  explicit Cursor(const netsnmp_variable_list *range)
+      : asked(range),
+        name(range->name, range->name + range->name_length),
+        inclusive(range->type == ASN_PRIV_INCL_RANGE) {}
+  const netsnmp_variable_list *asked;
+  std::vector<oid> name;
+  bool inclusive;
+  bool ended = false;
+};
+
+// Adds the range's next variable, or says that there is none. false: not added.
+bool AddNext(const MibIndex &index, Cursor *cursor, VariableList *list) {
+  Cell cell;
+  if (!cursor->ended && index.Next(cursor->name, cursor->inclusive, &cell)) {
+    // RFC 2741 7.2.3.2: an answer at or past the end of the search range is none. A range without
+    // end, or with the null identifier as its end, is unbounded.
+    NamedVariable named(cell);
+    size_t end_length = cursor->asked->val_len / sizeof(oid);
+    const oid *end = cursor->asked->val.objid;
+    bool bounded = end_length > 0 && !(end_length == 2 && end[0] == 0 && end[1] == 0);
+    if (!bounded || snmp_oid_compare(named.Name(), named.Length(), end, end_length) < 0) {
+      cursor->name.assign(named.Name(), named.Name() + named.Length());
+      cursor->inclusive = false;
+      return list->AddCell(named.Name(), named.Length(), cell);
+    }
+  }
+  cursor->ended = true;
+  return list->Add(cursor->name.data(), cursor->name.size(), SNMP_ENDOFMIBVIEW, nullptr, 0);
+}
 
 }  // namespace
 
@@ -123,12 +158,21 @@ int CheckSet(const MibIndex &index, OidView name, int asn_type, const void *valu
 }
 
 void SnmpRequests::Handle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled) {
+  // RFC 2741 7.2.2: the registrations are in the default context.
+  if ((request->flags & kNonDefaultContext) != 0 && request->command != kAgentxCleanupSet) {
+    Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
+          kAgentxUnsupportedContext, 0);
+    return;
+  }
   switch (request->command) {
     case kAgentxGet:
       Get(session, request);
       break;
     case kAgentxGetNext:
       GetNext(session, request);
+      break;
+    case kAgentxGetBulk:
+      GetBulk(session, request);
       break;
     case kAgentxTestSet:
       TestSet(session, request, sets_enabled);
@@ -143,7 +187,6 @@ void SnmpRequests::Handle(AgentxSession *session, const netsnmp_pdu *request, bo
       CleanupSet(request);
       break;
     default:
-      // GetBulk: net-snmp's master never sends it.
       Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
             kAgentxProcessingError, 0);
   }
@@ -203,22 +246,42 @@ void SnmpRequests::GetNext(AgentxSession *session, const netsnmp_pdu *request) {
   bool complete = true;
   for (const netsnmp_variable_list *asked = request->variables; asked != nullptr;
        asked = asked->next_variable) {
-    Cell cell;
-    bool found =
-        index_->Next({asked->name, asked->name_length}, asked->type == ASN_PRIV_INCL_RANGE, &cell);
-    if (found) {
-      // RFC 2741 7.2.3.2: an answer at or past the end of the search range is none. A range without
-      // end, or with the null identifier as its end, is unbounded.
-      NamedVariable named(cell);
-      size_t end_length = asked->val_len / sizeof(oid);
-      const oid *end = asked->val.objid;
-      bool bounded = end_length > 0 && !(end_length == 2 && end[0] == 0 && end[1] == 0);
-      if (!bounded || snmp_oid_compare(named.Name(), named.Length(), end, end_length) < 0) {
-        complete = list.AddCell(named.Name(), named.Length(), cell) && complete;
-        continue;
-      }
+    Cursor cursor(asked);
+    complete = AddNext(*index_, &cursor, &list) && complete;
+  }
+  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
+        complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);
+}
+
+// RFC 2741 7.2.3.3. net-snmp's master asks row by row instead; another one may not.
+void SnmpRequests::GetBulk(AgentxSession *session, const netsnmp_pdu *request) {
+  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
+  if (pdu == nullptr) {
+    return;
+  }
+  VariableList list(pdu);
+  bool complete = true;
+  std::vector<Cursor> repeated;
+  long once = request->non_repeaters;
+  for (const netsnmp_variable_list *asked = request->variables; asked != nullptr;
+       asked = asked->next_variable) {
+    Cursor cursor(asked);
+    if (once-- > 0) {
+      complete = AddNext(*index_, &cursor, &list) && complete;
+    } else {
+      repeated.push_back(std::move(cursor));
     }
-    complete = list.AddException(asked, SNMP_ENDOFMIBVIEW) && complete;
+  }
+  size_t added = 0;
+  bool more = !repeated.empty();
+  for (long repetition = 0; more && repetition < request->max_repetitions; repetition++) {
+    more = false;
+    for (Cursor &cursor : repeated) {
+      complete = AddNext(*index_, &cursor, &list) && complete;
+      more = more || !cursor.ended;
+    }
+    added += repeated.size();
+    more = more && added + repeated.size() <= kMostBulkVariables;
   }
   Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
         complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);

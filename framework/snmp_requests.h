@@ -58,6 +58,7 @@ class SnmpRequests {
 
   void Get(AgentxSession *session, const netsnmp_pdu *request);
   void GetNext(AgentxSession *session, const netsnmp_pdu *request);
+  void GetBulk(AgentxSession *session, const netsnmp_pdu *request);
   void TestSet(AgentxSession *session, const netsnmp_pdu *request, bool enabled);
   void CommitSet(AgentxSession *session, const netsnmp_pdu *request);
   void UndoSet(AgentxSession *session, const netsnmp_pdu *request);

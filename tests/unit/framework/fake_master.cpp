@@ -19,6 +19,7 @@ enum {
   kRegister = 3,
   kGet = 5,
   kGetNext = 6,
+  kGetBulk = 7,
   kTestSet = 8,
   kNotify = 12,
   kResponse = 18
@@ -321,6 +322,17 @@ AgentxPacket FakeMaster::GetNext(const std::vector<OidNumbers> &names, const Oid
   AgentxPacket packet = New(kGetNext);
   for (const OidNumbers &name : names) {
     PutOid(&packet.payload, name, inclusive);
+    PutOid(&packet.payload, end, false);
+  }
+  return packet;
+}
+
+AgentxPacket FakeMaster::GetBulk(uint16_t non_repeaters, uint16_t max_repetitions,
+                                 const std::vector<OidNumbers> &names, const OidNumbers &end) {
+  AgentxPacket packet = New(kGetBulk);
+  Put32(&packet.payload, non_repeaters | static_cast<uint32_t>(max_repetitions) << 16);
+  for (const OidNumbers &name : names) {
+    PutOid(&packet.payload, name, false);
     PutOid(&packet.payload, end, false);
   }
   return packet;

@@ -81,10 +81,16 @@ class FakeMaster {
   // end: of all search ranges.
   AgentxPacket GetNext(const std::vector<OidNumbers> &names, const OidNumbers &end = {},
                        bool inclusive = false);
+  AgentxPacket GetBulk(uint16_t non_repeaters, uint16_t max_repetitions,
+                       const std::vector<OidNumbers> &names, const OidNumbers &end = {});
   AgentxPacket TestSet(uint32_t transaction, const std::vector<AgentxBinding> &bindings);
   // CommitSet, UndoSet, CleanupSet.
   AgentxPacket Phase(uint8_t type, uint32_t transaction);
 
+  // The number of the session; the master gives it in its answer to Open.
+  uint32_t Session() const {
+    return session_;
+  }
   // Of a master on TCP.
   uint16_t Port() const;
 

@@ -55,6 +55,7 @@ enum {
   kNotWritable = 17,
 };
 constexpr int kNotOpen = 257;
+constexpr int kUnsupportedContext = 262;
 constexpr int kDuplicateRegistration = 263;
 
 // Three variables of one object of the first group, and one of the second.
@@ -657,6 +658,71 @@ TEST_F(SnmpSideTest, GetNextStaysInItsRange) {
   EXPECT_EQ(First(master_->GetNext({NameOf(kText)})).name, NameOf(kOther));
 }
 
+TEST_F(SnmpSideTest, GetBulkAnswersSeveralRowsAtOnce) {
+  StartWithMaster();
+  PublishMisc();
+  for (uint32_t row = 1; row <= 3; row++) {
+    std::shared_ptr<Image> image = MakeImage(10 + row, row, {kColumn});
+    Store(image.get(), 0, std::string(row, 'r').c_str(), row + 1);
+    SnmpPublish(image);
+  }
+  OidNumbers column(Mib(kColumn).Oid().begin(), Mib(kColumn).Oid().end());
+  OidNumbers end = column;
+  end.back()++;
+  OidNumbers before = NameOf(kText);
+  before.pop_back();
+  std::optional<AgentxPacket> answer = master_->Ask(master_->GetBulk(1, 5, {before, column}, {}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Error(), 0);
+  std::vector<Binding> bindings = answer->Bindings();
+  ASSERT_GE(bindings.size(), 4U);
+  EXPECT_EQ(bindings[0].name, NameOf(kText));
+  for (uint32_t row = 1; row <= 3; row++) {
+    EXPECT_EQ(bindings[row].name, NameOf(kColumn, row));
+    EXPECT_EQ(bindings[row].octets, std::string(row, 'r'));
+  }
+  // Within the range alone: the end is said once, after the last row.
+  answer = master_->Ask(master_->GetBulk(0, 50, {column}, end));
+  ASSERT_TRUE(answer);
+  bindings = answer->Bindings();
+  ASSERT_EQ(bindings.size(), 4U);
+  EXPECT_EQ(bindings[2].name, NameOf(kColumn, 3));
+  EXPECT_EQ(bindings[3].type, Binding::kEndOfMibView);
+  EXPECT_EQ(bindings[3].name, NameOf(kColumn, 3));
+  answer = master_->Ask(master_->GetBulk(0, 0, {column}, end));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Error(), 0);
+  EXPECT_TRUE(answer->Bindings().empty());
+}
+
+TEST_F(SnmpSideTest, GetBulkOfTooManyIsCutShort) {
+  StartWithMaster();
+  for (uint32_t row = 1; row <= 1500; row++) {
+    SnmpPublish(MakeImage(1000 + row, row, {kColumn}));
+  }
+  OidNumbers column(Mib(kColumn).Oid().begin(), Mib(kColumn).Oid().end());
+  std::optional<AgentxPacket> answer = master_->Ask(master_->GetBulk(0, 65535, {column}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Error(), 0);
+  EXPECT_EQ(answer->Bindings().size(), 1000U);
+  for (uint32_t row = 1; row <= 1500; row++) {
+    SnmpWithdraw(1000 + row);
+  }
+}
+
+TEST_F(SnmpSideTest, AnotherSessionOrContextIsNotServed) {
+  StartWithMaster();
+  PublishMisc();
+  AgentxPacket request = master_->Get({NameOf(kText)});
+  request.session += 1;
+  EXPECT_EQ(AskFor(request), kNotOpen);
+  AgentxPacket elsewhere = master_->Get({NameOf(kText)});
+  elsewhere.flags |= 0x08;
+  elsewhere.payload.insert(0, std::string("\3\0\0\0ctx\0", 8));
+  EXPECT_EQ(AskFor(elsewhere), kUnsupportedContext);
+  EXPECT_EQ(ReadText(kText), "hello");
+}
+
 TEST_F(SnmpSideTest, ReadAfterPublishSeesTheNewValue) {
   StartWithMaster();
   PublishMisc();
@@ -785,6 +851,7 @@ TEST_F(SnmpSideTest, NotifiesWhileAGroupIsRefused) {
   ASSERT_TRUE(master_->Accept(3000));
   std::optional<AgentxPacket> open = master_->Receive();
   ASSERT_TRUE(open);
+  open->session = master_->Session();
   master_->Answer(*open);
   std::optional<AgentxPacket> first = master_->Receive();
   std::optional<AgentxPacket> second = master_->Receive();
