@@ -55,6 +55,17 @@ constexpr milliseconds kFirstRefusalRetry{100};
 constexpr seconds kLastRefusalRetry{10};
 constexpr milliseconds kClosePatience{300};
 
+// Requests of a manager come over UDP; in AgentX their names grow to four octets a number.
+constexpr int kLongestPacket = 1 << 20;
+
+// The length of the packet that begins here, 0 when that cannot be told yet, or, for net-snmp to
+// end the session, -1: it would make room for whatever length a packet claims.
+int CheckPacket(u_char *bytes, size_t length) {
+  constexpr int kHeader = 20;
+  const int whole = agentx_check_packet(bytes, length);
+  return whole == 0 || (whole >= kHeader && whole <= kLongestPacket) ? whole : -1;
+}
+
 std::vector<oid> NetSnmpOid(std::span<const uint32_t> from) {
   return {from.begin(), from.end()};
 }
@@ -166,7 +177,7 @@ void AgentxSession::Connect() {
   template_session.callback_magic = this;
   // The transport is gone when this fails.
   handle_ = snmp_sess_add_ex(&template_session, transport, nullptr, agentx_parse, nullptr, nullptr,
-                             agentx_realloc_build, agentx_check_packet, nullptr);
+                             agentx_realloc_build, CheckPacket, nullptr);
   if (handle_ == nullptr) {
     RetryLater(kLastRetry);
     return;

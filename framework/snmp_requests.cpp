@@ -10,6 +10,8 @@ namespace {
 
 // A master has one set on its way; anything beyond a few is not one.
 constexpr size_t kMostSets = 16;
+// Of one set, which has one for each registered subtree that it touches.
+constexpr size_t kMostParts = 16;
 // A set that the master never finished.
 constexpr std::chrono::seconds kForgetAfter{30};
 // RFC 2741 6.1: the byte order of the answer is that of the request.
@@ -309,6 +311,10 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
         return;
       }
     }
+    if (place->second.tests.size() >= kMostParts) {
+      Answer(session, request->transid, phase, SNMP_ERR_RESOURCEUNAVAILABLE, 1);
+      return;
+    }
   }
 
   std::vector<SetItem> items;
@@ -382,6 +388,10 @@ void SnmpRequests::CommitSet(AgentxSession *session, const netsnmp_pdu *request)
   }
   // The master commits the parts in the order in which it had them tested.
   size_t number = set.commits.size();
+  if (number >= kMostParts) {
+    Answer(session, request->transid, phase, SNMP_ERR_COMMITFAILED, 1);
+    return;
+  }
   set.commits.push_back(phase);
   if (number >= set.tests.size() || set.tests[number].part < 0 || set.failed) {
     Answer(session, request->transid, set.commits.back(), SNMP_ERR_COMMITFAILED, 1);

@@ -252,6 +252,11 @@ bool FakeMaster::HungUp(int timeout_ms) {
   return Readable(connection_, timeout_ms) && recv(connection_, &byte, 1, MSG_PEEK) <= 0;
 }
 
+bool FakeMaster::HasBeenReset(int timeout_ms) {
+  pollfd entry = {connection_, POLLRDHUP, 0};
+  return poll(&entry, 1, timeout_ms) > 0;
+}
+
 std::string FakeMaster::BytesOf(const AgentxPacket &packet) {
   std::string bytes = {1, static_cast<char>(packet.type), static_cast<char>(packet.flags), 0};
   Put32(&bytes, packet.session);

@@ -66,6 +66,8 @@ class FakeMaster {
   // The next packet; nothing when none comes within the time or the agent has hung up.
   std::optional<AgentxPacket> Receive(int timeout_ms = 3000);
   bool HungUp(int timeout_ms);
+  // The same with answers that nobody has read.
+  bool HasBeenReset(int timeout_ms);
   void Send(const AgentxPacket &packet);
   // What Send() puts on the wire; and putting bytes there as they are.
   static std::string BytesOf(const AgentxPacket &packet);

@@ -442,6 +442,54 @@ TEST_F(SnmpSideTest, RequestsMayComeInPiecesAndTogether) {
   }
 }
 
+// Nobody waits for, or makes room for, what a broken master says that it will send.
+TEST_F(SnmpSideTest, APacketOfAnEndlessLengthEndsTheSession) {
+  StartWithMaster();
+  PublishMisc();
+  for (const uint32_t length : {uint32_t{2} << 20, 0x7fffffffU, 0x80000000U, 0xfffffff0U}) {
+    AgentxPacket request = master_->Get({NameOf(kText)});
+    std::string bytes = FakeMaster::BytesOf(request);
+    memcpy(&bytes[16], &length, sizeof(length));
+    master_->SendBytes(bytes);
+    EXPECT_TRUE(master_->HungUp(1000)) << length;
+    master_->Disconnect();
+    ASSERT_TRUE(master_->AcceptAndRegister());
+    EXPECT_EQ(ReadText(kText), "hello");
+  }
+}
+
+// Answers are not kept without end for a master that asks and does not read.
+TEST_F(SnmpSideTest, AMasterThatReadsNothingLosesItsSession) {
+  StartWithMaster();
+  PublishMisc();
+  const std::string request =
+      FakeMaster::BytesOf(master_->Get(std::vector<OidNumbers>(200, NameOf(kText))));
+  for (int i = 0; i < 2000; i++) {
+    master_->SendBytes(request);
+  }
+  EXPECT_TRUE(master_->HasBeenReset(5000));
+  master_->Disconnect();
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  EXPECT_EQ(ReadText(kText), "hello");
+}
+
+// A set comes in a part for each subtree; a master that never ends its own set takes no more room.
+TEST_F(SnmpSideTest, PartsOfOneSetAreLimited) {
+  StartWithMaster();
+  PublishMisc();
+  auto start = steady_clock::now();
+  for (int i = 0; i < 16; i++) {
+    master_->Send(master_->TestSet(5, {TextBinding(kText, "x")}));
+  }
+  for (int i = 0; i < 100; i++) {
+    EXPECT_EQ(AskFor(master_->TestSet(5, {TextBinding(kText, "x")})), kResourceUnavailable);
+  }
+  for (int i = 0; i < 100; i++) {
+    EXPECT_EQ(AskFor(master_->Phase(kCommitSet, 5)), kCommitFailed);
+  }
+  EXPECT_LT(steady_clock::now() - start, milliseconds(600)) << "refused at once";
+}
+
 TEST_F(SnmpSideTest, AMasterOnTcpIsAsGood) {
   master_ = std::make_unique<FakeMaster>(FakeMaster::Tcp{});
   Configure("vexhostd.conf",
