@@ -383,6 +383,9 @@ void AgentxSession::Request(netsnmp_pdu *pdu) {
     events_.request(pdu);
     return;
   }
+  if (pdu->command == kAgentxCleanupSet) {
+    return;  // has no response
+  }
   if (netsnmp_pdu *answer = NewPdu(kAgentxResponse)) {
     answer->sessid = pdu->sessid;
     answer->transid = pdu->transid;

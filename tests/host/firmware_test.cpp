@@ -98,11 +98,11 @@ TEST_F(FirmwareHost, HasNothingToShow) {
 
 TEST_F(FirmwareHost, ReadsTheDriversFiles) {
   host_.File("/proc/driver/tlxarray/ida0",
-             "ida0: QV Array 4\nBoard ID: 0x40300E11\nFirmware Revision: 4.50\nmore\n");
+             "ida0: QV Array one\nBoard ID: 0x99301A2B\nFirmware Revision: 4.50\nmore\n");
   host_.File("/proc/driver/cciss/cciss0",
-             "cciss0: QV Array 6i\nBoard ID: 0x40910e11\nFirmware Version: 2.84\nIRQ: 51\n");
+             "cciss0: QV Array two\nBoard ID: 0x99111a2b\nFirmware Version: 2.84\nIRQ: 51\n");
   host_.File("/proc/scsi/qla2300/10",
-             "QLogic Adapter for FCA2214:\n        Firmware version: 3.03.01, Driver version 7\n"
+             "QLogic Adapter for TCARD14:\n        Firmware version: 3.03.01, Driver version 7\n"
              "Entry address = e0834060\nHBA: QLA2312\n");
   host_.File("/proc/scsi/scsi", "Attached devices:\n" + ScsiDevice(0) + ScsiDevice(1, "CD-ROM") +
                                     ScsiDevice(2, "Processor", "9"));
@@ -113,18 +113,18 @@ TEST_F(FirmwareHost, ReadsTheDriversFiles) {
   }
   host_.File("/proc/ide/ide0/hda/identify", identify + "\n");
   host_.File("/proc/net/nicinfo/eth0.info",
-             "Description\tQV NC7781\nDriver_Name\tbcm5700\nDriver_Version\t7\n"
+             "Description\tQV NX0001\nDriver_Name\tbcm5700\nDriver_Version\t7\n"
              "Bootcode_Version\t2.21\n");
   host_.Start();
-  EXPECT_EQ(Rows(), (Strings{"0: 2/2/3 QV Array 4|4.50|ida0|0x40300E11",
-                             "1: 2/2/3 QV Array 6i|2.84|cciss0|0x40910e11",
-                             "2: 2/3/3 QLogic Adapter for FCA2214|3.03.01|qla2300/10|e0834060",
+  EXPECT_EQ(Rows(), (Strings{"0: 2/2/3 QV Array one|4.50|ida0|0x99301A2B",
+                             "1: 2/2/3 QV Array two|2.84|cciss0|0x99111a2b",
+                             "2: 2/3/3 QLogic Adapter for TCARD14|3.03.01|qla2300/10|e0834060",
                              "3: 2/10/3 MAKER    DISK            |1.05|scsi0(00:00:00)|",
                              "4: 2/23/3 MAKER    DISK            |1.05|scsi0(00:01:00)|",
                              "5: 2/1/3 MAKER    DISK            |9   |scsi0(00:02:00)|",
-                             "6: 2/7/3 CD|1.0|ide0/hda|", "7: 3/24/0 QV NC7781|2.21|eth0|eth0"}));
+                             "6: 2/7/3 CD|1.0|ide0/hda|", "7: 3/24/0 QV NX0001|2.21|eth0|eth0"}));
   EXPECT_EQ(host_.Get("tlxHoSwVerNextIndex"), "INTEGER: 8");
-  EXPECT_EQ(Get("DisplayName", 1), "STRING: \"QV Array 6i\"");
+  EXPECT_EQ(Get("DisplayName", 1), "STRING: \"QV Array two\"");
   EXPECT_EQ(Get("XmlString", 1), "\"\"");
   EXPECT_EQ(Get("Index", 7), "INTEGER: 7");
   Poll();
@@ -141,9 +141,9 @@ TEST_F(FirmwareHost, ReadsTheDriversFiles) {
   EXPECT_EQ(Get("Version", 5), kGone);
   EXPECT_EQ(host_.Get("tlxHoSwVerNextIndex"), "INTEGER: 9");
   host_.File("/proc/net/nicinfo/eth1.info",
-             "Description\tQV NC7782\na\nb\nBootcode_Version\t2.22\n");
+             "Description\tQV NX0002\na\nb\nBootcode_Version\t2.22\n");
   Poll();
-  EXPECT_EQ(Row(1), "3/24/0 QV NC7782|2.22|eth1|eth1");
+  EXPECT_EQ(Row(1), "3/24/0 QV NX0002|2.22|eth1|eth1");
   EXPECT_EQ(host_.Get("tlxHoSwVerNextIndex"), "INTEGER: 4");
 }
 
@@ -382,10 +382,10 @@ TEST_F(FirmwareHost, LooksUpTheKeyOfARaidDevice) {
   memset(bytes, 0xEE, 222);
   Poll();
   EXPECT_EQ(Row(0), row + "0x");  // not valid
-  strcpy(bytes + 190, "40910e11");
+  strcpy(bytes + 190, "99111a2b");
   bytes[189] = 1;
   Poll();
-  EXPECT_EQ(Row(0), row + "0x40910e11");
+  EXPECT_EQ(Row(0), row + "0x99111a2b");
   memset(bytes + 190, 'k', 32);
   Poll();
   EXPECT_EQ(Row(0), row + "0x" + std::string(32, 'k'));

@@ -277,13 +277,13 @@ void GoldenHost::PutSoftware() {
 
 void GoldenHost::PutDevices() {
   host.File("/proc/driver/tlxarray/ida0",
-            "ida0: QV Array 4\nBoard ID: 0x40300E11\nFirmware Revision: 4.50\nmore\n");
+            "ida0: QV Array one\nBoard ID: 0x99301A2B\nFirmware Revision: 4.50\nmore\n");
   host.File("/proc/driver/cciss/cciss0",
-            "cciss0: QV Array 6i\nBoard ID: 0x40910e11\nFirmware Version: 2.84\nIRQ: 51\n");
+            "cciss0: QV Array two\nBoard ID: 0x99111a2b\nFirmware Version: 2.84\nIRQ: 51\n");
   host.File("/proc/driver/cciss/cciss1",
-            "cciss1: QV Array 5\nBoard ID: 0x40800e11\nFirmware Version: 2.62\nIRQ: 52\n");
+            "cciss1: QV Array three\nBoard ID: 0x99801a2b\nFirmware Version: 2.62\nIRQ: 52\n");
   host.File("/proc/scsi/qla2300/10",
-            "QLogic Adapter for FCA2214:\n        Firmware version: 3.03.01, Driver version 7\n"
+            "QLogic Adapter for TCARD14:\n        Firmware version: 3.03.01, Driver version 7\n"
             "Entry address = e0834060\nHBA: QLA2312\n");
   host.File("/proc/scsi/scsi", "Attached devices:\n" +
                                    ScsiDevice(0, 0, "DISK", "1.05", "Direct-Access") +
@@ -297,7 +297,7 @@ void GoldenHost::PutDevices() {
   host.File("/proc/ide/ide1/hdc/identify", Identify("8580", "1.0", "QV CD DRIVE"));
   for (const char *number : {"0", "1"}) {
     host.File(std::string("/proc/net/nicinfo/eth") + number + ".info",
-              "Description\tQV NC778" + std::string(number) +
+              "Description\tQV NX000" + std::string(number) +
                   "\nDriver_Name\tbcm5700\nDriver_Version\t7\nBootcode_Version\t2.2" + number +
                   "\n");
   }
@@ -307,7 +307,7 @@ void GoldenHost::PutDevices() {
   auto *bytes = static_cast<char *>(shmat(segment_, nullptr, 0));
   ASSERT_NE(bytes, reinterpret_cast<char *>(-1)) << strerror(errno);
   bytes[189] = 1;
-  strcpy(bytes + 190, "40910e11");
+  strcpy(bytes + 190, "99111a2b");
   shmdt(bytes);
 }
 

@@ -764,6 +764,10 @@ TEST_F(SnmpSideTest, AnotherSessionOrContextIsNotServed) {
   AgentxPacket request = master_->Get({NameOf(kText)});
   request.session += 1;
   EXPECT_EQ(AskFor(request), kNotOpen);
+  AgentxPacket cleanup = master_->Phase(kCleanupSet, 7);  // the one that has no response
+  cleanup.session += 1;
+  master_->Send(cleanup);
+  EXPECT_FALSE(master_->Receive(100));
   AgentxPacket elsewhere = master_->Get({NameOf(kText)});
   elsewhere.flags |= 0x08;
   elsewhere.payload.insert(0, std::string("\3\0\0\0ctx\0", 8));

@@ -838,18 +838,18 @@ TEST_F(Firmware, LogicIsAskedForAgainOverABrokenChannel) {
 
 TEST_F(Firmware, ReadsArrayControllers) {
   auto row = Collect(collect_cciss,
-                     "cciss0: QV Smart Array 6i Controller\nBoard ID: 0x40910e11\n"
+                     "cciss0: QV Plain Array 6x Controller\nBoard ID: 0x99111a2b\n"
                      "Firmware Version: 2.84\nIRQ: 51\n");
   EXPECT_EQ(row->result, 0);
   EXPECT_EQ(row->more, 0);
   EXPECT_STREQ(row->record.location, "cciss0");
-  EXPECT_STREQ(row->record.display_name, "QV Smart Array 6i Controller");
-  EXPECT_STREQ(row->record.key, "0x40910e11");
+  EXPECT_STREQ(row->record.display_name, "QV Plain Array 6x Controller");
+  EXPECT_STREQ(row->record.key, "0x99111a2b");
   EXPECT_STREQ(row->record.version, "2.84");
   EXPECT_EQ(row->record.category, 2);
   EXPECT_EQ(row->record.device_type, 2);
   EXPECT_EQ(row->record.update_method, 3);
-  row = Collect(collect_ida, "ida0: QV Array\nBoard ID: 0x40300E11\nFirmware Revision: 4.50\n");
+  row = Collect(collect_ida, "ida0: QV Array\nBoard ID: 0x99301A2B\nFirmware Revision: 4.50\n");
   EXPECT_EQ(row->result, 0);
   EXPECT_STREQ(row->record.version, "4.50");
 }
@@ -890,13 +890,13 @@ TEST_F(Firmware, LongTextsStayInTheirFields) {
 
 TEST_F(Firmware, ReadsAFibreChannelAdapter) {
   const auto row = Collect(collect_fibre_channel,
-                           "QLogic PCI to Fibre Channel Host Adapter for FCA2214:\n"
+                           "QLogic PCI to Fibre Channel Host Adapter for TCARD14:\n"
                            "        Firmware version: 3.03.01, Driver version 7.05.00\n"
                            "Entry address = e0834060\nHBA: QLA2312\n",
                            "qla2300/10");
   EXPECT_EQ(row->result, 0);
   EXPECT_EQ(row->more, 0);
-  EXPECT_STREQ(row->record.display_name, "QLogic PCI to Fibre Channel Host Adapter for FCA2214");
+  EXPECT_STREQ(row->record.display_name, "QLogic PCI to Fibre Channel Host Adapter for TCARD14");
   EXPECT_STREQ(row->record.version, "3.03.01");
   EXPECT_STREQ(row->record.key, "e0834060");
   EXPECT_STREQ(row->record.location, "qla2300/10");
@@ -910,12 +910,12 @@ TEST_F(Firmware, ReadsAFibreChannelAdapter) {
 
 TEST_F(Firmware, ReadsANetworkAdapter) {
   const auto row = Collect(collect_network_adapter,
-                           "Description\t\tQV NC7781 Gigabit Adapter\nDriver_Name\tbcm5700\n"
+                           "Description\t\tQV NX0001 Network Adapter\nDriver_Name\tbcm5700\n"
                            "Driver_Version\t7.3.5\nBootcode_Version\t\t5703-v2.21\nPCI_Bus\t2\n",
                            "eth0");
   EXPECT_EQ(row->result, 0);
   EXPECT_EQ(row->more, 0);
-  EXPECT_STREQ(row->record.display_name, "QV NC7781 Gigabit Adapter");
+  EXPECT_STREQ(row->record.display_name, "QV NX0001 Network Adapter");
   EXPECT_STREQ(row->record.version, "5703-v2.21");
   EXPECT_STREQ(row->record.location, "eth0");
   EXPECT_STREQ(row->record.key, "eth0");
@@ -1020,10 +1020,10 @@ TEST_F(Firmware, ARaidDeviceWithoutASegment) {
 TEST_F(Firmware, ARaidDeviceWithASegment) {
   std::string segment(222, '\0');
   segment[189] = 1;
-  segment.replace(190, 8, "40910e11");
+  segment.replace(190, 8, "99111a2b");
   rec::PutSegment(segment);
   const std::string list = "Attached devices:\n" + ScsiDevice(0, "RAID");
-  EXPECT_STREQ(Collect(collect_scsi_device, list)->record.key, "0x40910e11");
+  EXPECT_STREQ(Collect(collect_scsi_device, list)->record.key, "0x99111a2b");
   EXPECT_EQ(rec::Count("shmdt"), 1);
   for (const rec::Event &event : rec::Events()) {
     if (event.operation == "ftok") {
