@@ -5,6 +5,7 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,9 +23,18 @@ constexpr size_t kUsualMessage = 1024;
 std::atomic<int> log_fd{STDERR_FILENO};
 char *log_path;
 
+// Nobody else's link leads us to another file: the directory may be one where others write.
+bool IsOurLink(const char *path) {
+  struct stat st;
+  return lstat(path, &st) == 0 && S_ISLNK(st.st_mode) && (st.st_uid == 0 || st.st_uid == geteuid());
+}
+
 // O_NONBLOCK: a pipe that nobody reads must not hold us up; what it does not take is lost.
 int OpenForAppending(const char *path) {
-  return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const int fd = open(path, kFlags | O_NOFOLLOW, 0600);
+  // /dev/stderr is a link, too.
+  return fd < 0 && errno == ELOOP && IsOurLink(path) ? open(path, kFlags, 0600) : fd;
 }
 
 int WriteMessage(int fd, const char *text, size_t length) {

@@ -328,3 +328,32 @@ TEST(Security, APipeInPlaceOfTheLogHoldsNobodyUp) {
   ASSERT_TRUE(host.daemon.Poll()) << "a full pipe is not waited for";
   close(reader);
 }
+
+TEST(Security, AnotherUsersLinkInPlaceOfTheLogIsNotFollowed) {
+  MadeUpHost host;
+  host.File(kVictim, "precious\n");
+  host.Link("/run/log", kVictim);
+  ASSERT_EQ(lchown("/run/log", 1000, 1000), 0);
+  DaemonOptions options;
+  options.arguments = {"-p", "15", "-l", "/run/log"};
+  options.wait = false;
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.WaitEnd(), 1);
+  EXPECT_EQ(host.daemon.Count("Can't open log file /run/log"), 1U) << host.daemon.Log();
+  EXPECT_EQ(ReadFile(kVictim), "precious\n");
+
+  // The administrator's is; and not the one that takes its place later.
+  host.File("/var/log/agent", "");
+  host.Link("/run/log", "/var/log/agent");
+  options.wait = true;
+  host.daemon.Start(options);
+  EXPECT_NE(ReadFile("/var/log/agent"), "");
+  host.Link("/run/log", kVictim);
+  ASSERT_EQ(lchown("/run/log", 1000, 1000), 0);
+  host.daemon.Signal(SIGHUP);
+  EXPECT_TRUE(Eventually([] {
+    return ReadFile("/var/log/agent").find("Can't open log file /run/log again") !=
+           std::string::npos;
+  }));
+  EXPECT_EQ(ReadFile(kVictim), "precious\n");
+}
