@@ -76,7 +76,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             relative->find("//") == std::string::npos && relative->find('\0') == std::string::npos);
     Require(vex::ResolveObjectName(*relative) == relative);
   }
-  (void)vex::StateOfStat(name);
   (void)vex::CountConnections(std::string(reinterpret_cast<const char *>(data), size), "/socket");
 
   std::optional<std::vector<uint8_t>> block;
