@@ -1,5 +1,6 @@
 // The kit itself: what a scenario relies on before there is any agent.
 #include <gtest/gtest-spi.h>
+#include <sys/stat.h>
 
 #include "tests/support/made_up_host.h"
 
@@ -25,6 +26,20 @@ TEST(Kit, HasARealMaster) {
   EXPECT_EQ(answer->octets, "named");
   host.snmpd.Stop();
   EXPECT_FALSE(QuickGet("1.3.6.1.2.1.1.5.0"));
+}
+
+// A command's standard input is one of them, and a system call with all arguments zero may change it.
+TEST(Kit, HasDeviceNodesOfItsOwn) {
+  struct stat directory = {};
+  ASSERT_EQ(stat("/dev", &directory), 0);
+  for (const char *path : {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom"}) {
+    struct stat node = {};
+    ASSERT_EQ(stat(path, &node), 0) << path;
+    EXPECT_EQ(node.st_dev, directory.st_dev) << path;
+    EXPECT_EQ(node.st_mode, S_IFCHR | 0666U) << path;
+  }
+  EXPECT_EQ(RunCommand({"sh", "-c", "echo gone >/dev/null && head -c 4 /dev/zero | wc -c"}).out,
+            "4\n");
 }
 
 TEST(Kit, ReceivesTraps) {

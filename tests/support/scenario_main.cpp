@@ -93,10 +93,13 @@ void EnterRoot() {
   Mount("dev", root + "/dev", "tmpfs", 0, "mode=755");
   for (const char *name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
     std::string path = std::string("/dev/") + name;
-    if (!std::filesystem::exists(path))
+    struct stat device = {};
+    if (stat(path.c_str(), &device) != 0)
       continue;
-    close(open((root + path).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0666));
-    Mount(path, root + path, nullptr, MS_BIND);
+    // A node of its own: what is done to the mode of the machine's would stay.
+    if (mknod((root + path).c_str(), S_IFCHR | 0666, device.st_rdev) != 0 ||
+        chmod((root + path).c_str(), 0666) != 0)
+      Fail(path);
   }
   for (const char *name : {"/dev/pts", "/dev/shm"})
     mkdir((root + name).c_str(), 0755);
