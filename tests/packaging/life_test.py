@@ -6,6 +6,7 @@ systemctl in its place.
 usage: life_test.py PACKAGES DEBIAN [Life[.test]]   (build/packages, build/root/root)
 """
 
+import contextlib
 import glob
 import os
 import re
@@ -30,15 +31,21 @@ WANTED = "/etc/systemd/system/multi-user.target.wants/vexhostd.service"
 # What dpkg, apt and the dynamic linker keep of any package's coming and going.
 ACCOUNTS = re.compile(r"/(proc|sys|dev|run|tmp|packages|var/(log|cache)|var/lib/(dpkg|apt))(/|$)"
                       r"|/etc/ld\.so\.cache$")
-# Every unit is enabled and runs. What needs no running systemd is done by the real one.
+# Every unit is enabled and runs; snmpd's is not reloaded where procps is missing. What needs no
+# running systemd is done by the real one.
 SYSTEMCTL = """#!/bin/sh
 case "$*" in
   *is-enabled*) echo enabled ;;
   *is-active*) ;;
   *--root=*) exec /run/real-systemctl "$@" ;;
-  *) echo "$*" >>/run/systemctl.log ;;
+  *)
+    echo "$*" >>/run/systemctl.log
+    case "$*" in *"reload snmpd.service") [ ! -e /run/no-procps ] ;; esac
+    ;;
 esac
 """
+# What the machine that runs this lends: a script that follows a link out of its tree ends up here.
+LENT = [f"/dev/{name}" for name in ("null", "zero", "full", "random", "urandom", "tty")]
 
 
 class Machine:
@@ -61,6 +68,12 @@ class Machine:
     def path(self, path):
         return self.root + path
 
+    def check_inside(self, path):
+        """An absolute link leads out of the machine to whoever is not in it."""
+        real = os.path.realpath(self.path(path))
+        if not real.startswith(self.root + "/"):
+            raise AssertionError(f"{path} is {real}")
+
     def exists(self, path):
         return os.path.lexists(self.path(path))
 
@@ -69,6 +82,7 @@ class Machine:
             return file.read()
 
     def write(self, path, text, mode=0o644):
+        self.check_inside(path)
         os.makedirs(os.path.dirname(self.path(path)), exist_ok=True)
         with open(self.path(path), "w", encoding="utf-8") as file:
             file.write(text)
@@ -106,6 +120,12 @@ class Machine:
         return found
 
 
+def lent():
+    """The machine's own devices, but for their times: others use them, too."""
+    return {path: (info.st_ino, info.st_mode, info.st_uid, info.st_gid, info.st_rdev)
+            for path in LENT for info in [os.lstat(path)]}
+
+
 def eventually(condition, seconds=30):
     deadline = time.monotonic() + seconds
     while not condition():
@@ -120,7 +140,10 @@ class Life(unittest.TestCase):
         work = tempfile.mkdtemp()
         self.addCleanup(os.rmdir, work)
         self.addCleanup(subprocess.run, ["umount", "--recursive", "--lazy", work], check=True)
+        before = lent()
+        self.addCleanup(lambda: self.assertEqual(lent(), before))
         self.machine = Machine(work)
+        self.assertFalse(os.path.samefile("/dev/null", self.machine.path("/dev/null")))
         self.started = []
         self.addCleanup(self.end_all)
 
@@ -214,7 +237,130 @@ class Life(unittest.TestCase):
         self.ok("dpkg", "--purge", "vexhostd")
         self.assertEqual(self.machine.files(), before)
 
+    # ---- What stands in the way of a purge
+
+    def test_a_purge_goes_through_and_stays_in_its_place(self):
+        machine = self.machine
+        self.install()
+        self.ok("dpkg", "--purge", "vexhostd-dev")
+        self.ok("dpkg", "--remove", "vexhostd")
+        spool, kelmo = "/var/spool/quorix", "/var/spool/quorix/kelmo"
+        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat")
+        mounted = []
+
+        def fill(registry):
+            for name in ours:
+                machine.write(f"{registry}/{name}", "something\n")
+
+        def below(directory):
+            return sorted(os.path.relpath(os.path.join(at, name), machine.path(directory))
+                          for at, names, files in os.walk(machine.path(directory))
+                          for name in names + files)
+
+        def link(target, path, owner):
+            os.makedirs(os.path.dirname(machine.path(path)), exist_ok=True)
+            machine.check_inside(path)
+            os.symlink(os.path.relpath(target, os.path.dirname(path)), machine.path(path))
+            os.lchown(machine.path(path), owner, owner)
+
+        def purge():
+            # What dpkg has the script do.
+            self.ok("/var/lib/dpkg/info/vexhostd.postrm", "purge")
+
+        @contextlib.contextmanager
+        def case(what, **parameters):
+            with self.subTest(what, **parameters):
+                try:
+                    yield
+                finally:
+                    for path in mounted:
+                        subprocess.run(["umount", machine.path(path)], check=True)
+                    mounted.clear()
+                    for path in (spool, "/srv/elsewhere"):
+                        if os.path.islink(machine.path(path)):
+                            os.remove(machine.path(path))
+                        elif machine.exists(path):
+                            shutil.rmtree(machine.path(path))
+
+        # The administrator's links are followed, and left.
+        for path, rest in ((spool, "/kelmo/registry"), (kelmo, "/registry"), (REGISTRY, "")):
+            with case("root's link", path=path):
+                link("/srv/elsewhere", path, 0)
+                os.makedirs(machine.path("/srv/elsewhere"))
+                fill("/srv/elsewhere" + rest)
+                purge()
+                self.assertEqual(below("/srv/elsewhere"), [])
+                self.assertTrue(os.path.islink(machine.path(path)))
+
+        # Another user's are not: what is there is not the agent's.
+        for path, rest in ((spool, "/kelmo/registry"), (kelmo, "/registry"), (REGISTRY, "")):
+            with case("another user's link", path=path):
+                link("/srv/elsewhere", path, 1000)
+                os.makedirs(machine.path("/srv/elsewhere"))
+                fill("/srv/elsewhere" + rest)
+                purge()
+                for name in ours:
+                    self.assertTrue(machine.exists(f"/srv/elsewhere{rest}/{name}"), name)
+        with case("a link in the place of the objects"):
+            machine.write("/srv/elsewhere/precious", "something\n")
+            link("/srv/elsewhere", REGISTRY + "/host", 1000)
+            purge()
+            self.assertEqual(below("/srv/elsewhere"), ["precious"])
+            self.assertFalse(machine.exists(spool))
+
+        # Somebody's mount.
+        for path, left in ((spool, []), (REGISTRY, []), (REGISTRY + "/host", []),
+                           (REGISTRY + "/host/other", ["precious"])):
+            with case("a mount", path=path):
+                os.makedirs(machine.path(path))
+                subprocess.run(["mount", "-t", "tmpfs", "vexhostd-life", machine.path(path)],
+                               check=True)
+                mounted.append(path)
+                fill(REGISTRY)
+                if left:
+                    machine.write(path + "/precious", "something\n")
+                purge()
+                self.assertEqual(below(path), left)
+                for name in ours:
+                    self.assertFalse(machine.exists(f"{REGISTRY}/{name}"), name)
+
+        # What is no file cannot be removed as one; the rest is.
+        with case("a directory in the place of a file"):
+            machine.write(REGISTRY + "/host/cpu.0", "something\n")
+            os.mkdir(machine.path(REGISTRY + "/tlxhoguid.dat"))
+            machine.write(REGISTRY + "/tlxhosystemrole.dat", "something\n")
+            self.ok("dpkg", "--purge", "vexhostd")
+            self.assertEqual(below(REGISTRY), ["tlxhoguid.dat"])
+            self.assertEqual(machine.run("dpkg-query", "-W", "vexhostd")[0], 1)
+
     # ---- Behind the stock snmpd
+
+    def test_snmpd_reads_again_where_no_systemd_runs(self):
+        self.ok("/etc/init.d/snmpd", "start")
+        self.assertTrue(eventually(lambda: self.walk(".1.3.6.1.2.1.1.1")[:1] != [] and
+                                   " = STRING: " in self.walk(".1.3.6.1.2.1.1.1")[0]))
+        snmpd = self.machine.read("/run/snmpd.pid")
+        # Not against the administrator's policy.
+        self.machine.write("/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 101\n", 0o755)
+        self.install()
+        agent = self.daemon("/lib/systemd/system/vexhostd.service", "/run/vexhostd.log")
+        self.assertTrue(eventually(
+            lambda: "connected to the master" in self.machine.read("/run/vexhostd.log")))
+        self.assertFalse(self.visible())
+        os.remove(self.machine.path("/usr/sbin/policy-rc.d"))
+        self.ok("dpkg", "--install", self.newer_package())
+        self.assertTrue(eventually(self.visible))
+        self.ok("dpkg", "--purge", "vexhostd-dev", "vexhostd")
+        self.assertTrue(eventually(lambda: not self.visible()))
+        # It is the same snmpd, and the agent behind it has not gone.
+        self.assertEqual(self.machine.read("/run/snmpd.pid"), snmpd)
+        self.assertIsNone(agent.poll())
+        # One that does not run is not started.
+        self.ok("/etc/init.d/snmpd", "stop")
+        self.install()
+        self.ok("dpkg", "--purge", "vexhostd-dev", "vexhostd")
+        self.assertFalse(self.machine.exists("/run/snmpd.pid"))
+
 
     def test_visible_behind_the_stock_snmpd(self):
         before = self.machine.files()
@@ -337,11 +483,23 @@ class Life(unittest.TestCase):
         self.assertEqual(left, {spool, spool + "/kelmo", REGISTRY, REGISTRY + "/storage",
                                 REGISTRY + "/storage/disk.1"})
 
-        # With nobody else in it, the registry goes as well.
+        # With nobody else in it, the registry goes as well. A reload that fails is made up for, and a
+        # file whose time cannot be set is left.
         shutil.rmtree(self.machine.path(REGISTRY + "/storage"))
+        self.machine.write("/run/no-procps", "")
+        available = self.machine.path("/var/lib/dpkg/available")
+        subprocess.run(["mount", "--bind", available, available], check=True)
+        subprocess.run(["mount", "-o", "remount,bind,ro", available], check=True)
         self.install()
+        subprocess.run(["umount", available], check=True)
+        instead = "kill --kill-whom=main --signal=HUP snmpd.service"
+        self.assertEqual(self.asked_of_systemd(),
+                         ["reload snmpd.service", instead, "daemon-reload", "start vexhostd.service"])
         self.machine.write(REGISTRY + "/tlxhoguid.dat", "something\n")
         self.ok("dpkg", "--purge", "vexhostd-dev", "vexhostd")
+        asked = self.asked_of_systemd()
+        self.assertIn("reload snmpd.service", asked)
+        self.assertEqual(asked[asked.index("reload snmpd.service") + 1], instead)
         self.assertEqual(self.machine.files(), before)
 
     def test_a_policy_against_starting_is_kept(self):
