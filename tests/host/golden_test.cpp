@@ -475,10 +475,15 @@ TEST(Golden, AWholeServer) {
   GoldenHost golden;
   golden.Run();
   if (!DaemonLauncher().empty()) {
-    // Confined, or the comparison says nothing.
+    // Confined, or the comparison says nothing. The capabilities: DAC_OVERRIDE, NET_BIND_SERVICE.
     const std::string status =
         ReadFile("/proc/" + std::to_string(golden.host.daemon.pid()) + "/status");
-    EXPECT_NE(status.find("\nSeccomp:\t2\n"), std::string::npos) << status;
+    for (const char *line : {"Seccomp:\t2", "NoNewPrivs:\t1", "CapEff:\t0000000000000402",
+                             "CapBnd:\t0000000000000402"}) {
+      EXPECT_NE(status.find("\n" + std::string(line) + "\n"), std::string::npos)
+          << line << " is not in:\n"
+          << status;
+    }
   }
   Compare(golden.host, "walk.txt", golden.Walked());
   Compare(golden.host, "dump.json", golden.host.Dump());

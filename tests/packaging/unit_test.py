@@ -13,14 +13,15 @@ import unittest
 BUILD = ""
 # systemd.exec(5) of systemd 252: whatever gives a service mounts of its own, by itself or because it
 # implies another one. ProtectHostname and ProtectClock do not; PrivateNetwork does in later ones.
-# Credentials are a mount in the host's own table.
+# Credentials are a mount in the host's own table. Three ...Directories are older names of ...Paths.
 OWN_MOUNTS = """
     BindLogSockets BindPaths BindReadOnlyPaths DynamicUser ExecPaths ExtensionDirectories
-    ExtensionImages ImportCredential InaccessiblePaths IPCNamespacePath LoadCredential
-    LoadCredentialEncrypted LogNamespace MountAPIVFS MountFlags MountImages NetworkNamespacePath
-    NoExecPaths PrivateDevices PrivateIPC PrivateMounts PrivateNetwork PrivatePIDs PrivateTmp
-    PrivateUsers ProcSubset ProtectControlGroups ProtectHome ProtectKernelLogs ProtectKernelModules
-    ProtectKernelTunables ProtectProc ProtectSystem ReadOnlyPaths ReadWritePaths RootDirectory
+    ExtensionImages ImportCredential InaccessibleDirectories InaccessiblePaths IPCNamespacePath
+    LoadCredential LoadCredentialEncrypted LogNamespace MountAPIVFS MountFlags MountImages
+    NetworkNamespacePath NoExecPaths PrivateDevices PrivateIPC PrivateMounts PrivateNetwork
+    PrivatePIDs PrivateTmp PrivateUsers ProcSubset ProtectControlGroups ProtectHome
+    ProtectKernelLogs ProtectKernelModules ProtectKernelTunables ProtectProc ProtectSystem
+    ReadOnlyDirectories ReadOnlyPaths ReadWriteDirectories ReadWritePaths RootDirectory
     RootEphemeral RootHash RootHashSignature RootImage RootImageOptions RootVerity SetCredential
     SetCredentialEncrypted TemporaryFileSystem""".split()
 # Out of ten; the comparable daemons of Debian 12 are between 6.0 and 9.6.
