@@ -6,12 +6,28 @@ usage: packages_test.py BUILD-OF-THE-PACKAGES [TestClass[.test]]
 
 import glob
 import os
+import re
 import subprocess
 import sys
 import tempfile
 import unittest
 
 PACKAGES = ""
+# One function of each library that has a header beside the framework's.
+USER = """
+#include <stddef.h>
+#include <stdint.h>
+#include <platform/channel.h>
+#include <platform/ev.h>
+#include <platform/smbios.h>
+int use(void);
+int use(void) {
+  int status = 0;
+  uint32_t length = 0, timeout = 0;
+  return InitSMBIOS() + get_ev("NAME", NULL, &length) +
+         TlxCiSend(NULL, NULL, 0, &status, &timeout);
+}
+"""
 
 
 def run(*command, **options):
@@ -75,6 +91,12 @@ class Files(unittest.TestCase):
         for name in ("vexcommon", "tlxci", "kelmointrfc", "qvev"):
             self.assertIn(f"{self.root}/usr/sbin/../lib/vexhostd/lib{name}.so", libraries)
 
+    def needed(self, program):
+        """The libraries of the package that a program is linked with."""
+        listed = re.findall(r"Shared library: \[(.*)\]", run("readelf", "-dW", program).stdout)
+        return {name for name in listed
+                if os.path.exists(f"{self.root}/usr/lib/vexhostd/{name}")}
+
     def test_an_agent_can_be_built_on_it(self):
         source = self.root + "/usr/share/doc/vexhostd-dev/examples/sibling/sibling.c"
         environment = {**os.environ, "PKG_CONFIG_SYSROOT_DIR": self.root,
@@ -85,6 +107,17 @@ class Files(unittest.TestCase):
             done = run(*compiler, "-Wall", "-Wextra", "-Werror", source, *flags.stdout.split(),
                        "-o", self.root + "/sibling")
             self.assertEqual((done.returncode, done.stdout), (0, ""))
+        # The other libraries are linked where something of theirs is used, and only there.
+        common = {"libvexcommon.so"}
+        self.assertEqual(self.needed(self.root + "/sibling"), common)
+        user = self.root + "/user.c"
+        with open(user, "w", encoding="utf-8") as file:
+            file.write(USER)
+        done = run("cc", "-Wall", "-Wextra", "-Werror", source, user, *flags.stdout.split(),
+                   "-o", self.root + "/sibling")
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+        self.assertEqual(self.needed(self.root + "/sibling"),
+                         common | {"libkelmointrfc.so", "libqvev.so", "libtlxci.so"})
         version = run("pkg-config", "--modversion", "vexhostd", env=environment)
         self.assertEqual(version.stdout.strip(), self.field("Version"))
 
