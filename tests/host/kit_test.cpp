@@ -28,7 +28,7 @@ TEST(Kit, HasARealMaster) {
   EXPECT_FALSE(QuickGet("1.3.6.1.2.1.1.5.0"));
 }
 
-// A command's standard input is one of them, and a system call with all arguments zero may change it.
+// A command's standard input is one of them; a system call with all arguments zero may change it.
 TEST(Kit, HasDeviceNodesOfItsOwn) {
   struct stat directory = {};
   ASSERT_EQ(stat("/dev", &directory), 0);
