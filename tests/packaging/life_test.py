@@ -202,7 +202,7 @@ class Life(unittest.TestCase):
             control = file.read()
         with open(tree + "/DEBIAN/control", "w", encoding="utf-8") as file:
             file.write(re.sub(r"^Version: (.*)$", r"Version: \1+newer", control, flags=re.M))
-        subprocess.run(["dpkg-deb", "-b", tree, tree + ".deb"], check=True,
+        subprocess.run(["dpkg-deb", "-Znone", "-b", tree, tree + ".deb"], check=True,
                        stdout=subprocess.DEVNULL)
         shutil.rmtree(tree)
         return "/tmp/newer.deb"

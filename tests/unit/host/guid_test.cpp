@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -308,9 +309,17 @@ TEST_F(GuidTest, ASetThatCannotBeWrittenIsRefused) {
 TEST_F(GuidTest, ASetThroughALinkIsRefused) {
   std::string guid = Obtain().octets;
   rec::PutNothing(kFile);
-  std::filesystem::create_symlink("/dev/full", rec::RealPath(kFile));
+  // A file of the test's own: what goes through the link has to harm nothing of the machine's.
+  const std::string other = rec::RealPath(kFile) + ".other";
+  std::ofstream(other) << "somebody's";
+  std::filesystem::permissions(other, std::filesystem::perms(0644));
+  std::filesystem::create_symlink(other, rec::RealPath(kFile));
   EXPECT_EQ(Set(kSixteen, &guid), -1);
   EXPECT_EQ(guid, kGeneratedWithoutEth0);
+  std::string text;
+  std::getline(std::ifstream(other), text);
+  EXPECT_EQ(text, "somebody's");
+  EXPECT_EQ(std::filesystem::status(other).permissions(), std::filesystem::perms(0644));
 }
 
 TEST_F(GuidTest, CanonicalText) {
