@@ -1,6 +1,7 @@
 // `vexreg doctor` on hosts where something usual is wrong.
 #include <filesystem>
 
+#include "tests/support/fuse_mount.h"
 #include "tests/support/made_up_host.h"
 #include "tests/support/simulated_controller.h"
 #include "tests/support/smbios_tables.h"
@@ -370,6 +371,43 @@ TEST_F(Doctor, AnotherRegistryThanTheAgents) {
   EXPECT_HAS(About("group memory: "), "FAIL  group memory: not published, though the agent runs.");
 }
 
+// Processes that still look at something.
+size_t Left() {
+  return static_cast<size_t>(std::stoul(RunCommand({"pgrep", "-c", "-x", "vexreg"}).out));
+}
+
+constexpr char kGaveUp[] = "FAIL  gave up after 2 s: ";
+
+TEST_F(Doctor, GivesUpOnARegistryThatHangs) {
+  Start();
+  FuseMount mount("/srv/hung", 100, 50);
+  mount.HangAll();
+  Examine({"--root", "/srv/hung", "--limit", "2"});
+  EXPECT_EQ(outcome_.status, 1);
+  // What was found before is there, and the reason is the last line.
+  EXPECT_HAS(About("subtree "), "ok    ");
+  EXPECT_TRUE(Lines(outcome_.out).back().starts_with(kGaveUp)) << outcome_.out;
+  EXPECT_EQ(mount.Waiting(), 1U);
+  EXPECT_EQ(Left(), 1U);
+  // It ends by itself when its call returns.
+  mount.Recover();
+  EXPECT_TRUE(Eventually([] { return Left() == 0; }));
+}
+
+TEST_F(Doctor, GivesUpOnACommandPathThatHangs) {
+  FuseMount mount("/srv/hung", 100, 50);
+  host_.snmpd.Start();
+  DaemonOptions options;
+  options.arguments = {"-p", "60"};
+  options.environment = {{"PATH", "/srv/hung:/usr/sbin:/usr/bin:/sbin:/bin"}};
+  host_.daemon.Start(options);
+  mount.HangAll();
+  Examine({"--limit", "2"});
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("distribution: "), "ok    ");
+  EXPECT_TRUE(Lines(outcome_.out).back().starts_with(kGaveUp)) << outcome_.out;
+}
+
 TEST_F(Doctor, KeepsToTheWidth) {
   host_.snmpd.Start();
   Examine({"--width", "40"});
@@ -384,4 +422,5 @@ TEST_F(Doctor, KeepsToTheWidth) {
 TEST_F(Doctor, RefusesArguments) {
   EXPECT_EQ(host_.Vexreg({"doctor", "host/cpu.0"}).status, 2);
   EXPECT_EQ(host_.Vexreg({"doctor", "--width", "-1"}).status, 2);
+  EXPECT_EQ(host_.Vexreg({"doctor", "--limit", "0"}).status, 2);
 }

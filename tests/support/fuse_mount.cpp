@@ -29,7 +29,9 @@ struct FuseMount::State {
   mutable std::mutex lock;
   fuse_kstatfs figures = {};
   bool hanging = false;
+  bool all_hangs = false;
   std::vector<uint64_t> waiting;
+  std::vector<uint64_t> held;  // that are no statvfs()
   size_t asked = 0;
 
   void Reply(uint64_t unique, int error, const void *body, size_t size) const {
@@ -56,6 +58,13 @@ void FuseMount::State::Handle(const char *request) {
   fuse_in_header header;
   memcpy(&header, request, sizeof(header));
   const std::lock_guard hold(lock);
+  // Not the greeting, since who waits for it can be killed, nor what expects no answer.
+  if (all_hangs && header.opcode != FUSE_INIT && header.opcode != FUSE_FORGET &&
+      header.opcode != FUSE_BATCH_FORGET && header.opcode != FUSE_INTERRUPT &&
+      header.opcode != FUSE_STATFS) {
+    held.push_back(header.unique);
+    return;
+  }
   switch (header.opcode) {
     case FUSE_INIT: {
       fuse_init_out answer = {};
@@ -81,6 +90,9 @@ void FuseMount::State::Handle(const char *request) {
       Reply(header.unique, 0, &answer, sizeof(answer));
       break;
     }
+    case FUSE_LOOKUP:
+      Reply(header.unique, ENOENT, nullptr, 0);
+      break;
     case FUSE_FORGET:
     case FUSE_BATCH_FORGET:
     case FUSE_INTERRUPT:
@@ -157,9 +169,20 @@ void FuseMount::Hang() {
   state_->hanging = true;
 }
 
+void FuseMount::HangAll() {
+  const std::lock_guard hold(state_->lock);
+  state_->hanging = true;
+  state_->all_hangs = true;
+}
+
 void FuseMount::Recover() {
   const std::lock_guard hold(state_->lock);
   state_->hanging = false;
+  state_->all_hangs = false;
+  for (const uint64_t unique : state_->held) {
+    state_->Reply(unique, EIO, nullptr, 0);
+  }
+  state_->held.clear();
   for (const uint64_t unique : state_->waiting) {
     state_->ReplyFigures(unique);
   }
@@ -168,7 +191,7 @@ void FuseMount::Recover() {
 
 size_t FuseMount::Waiting() const {
   const std::lock_guard hold(state_->lock);
-  return state_->waiting.size();
+  return state_->waiting.size() + state_->held.size();
 }
 
 size_t FuseMount::Asked() const {

@@ -20,7 +20,9 @@ class FuseMount {
 
   // From now on statvfs() is not answered: the server takes the request and says nothing.
   void Hang();
-  // Answers, also those who wait.
+  // From now on nothing is answered: whoever touches the mount waits, and cannot be killed.
+  void HangAll();
+  // Answers, also those who wait; what was no statvfs(), with EIO.
   void Recover();
   // Calls that wait now.
   size_t Waiting() const;

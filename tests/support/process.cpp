@@ -53,11 +53,12 @@ void Prepare(const std::vector<std::string> &command, const ProcessOptions &opti
   if (!options.name.empty())
     prepared->texts[0] = options.name;
   size_t arguments = prepared->texts.size();
+  // The first of a name counts.
+  for (const auto &[key, value] : options.environment)
+    prepared->texts.push_back(key + "=" + value);
   prepared->texts.push_back(std::string("PATH=") + kPath);
   prepared->texts.emplace_back("LC_ALL=C");
   prepared->texts.emplace_back("MIBS=");
-  for (const auto &[key, value] : options.environment)
-    prepared->texts.push_back(key + "=" + value);
   for (size_t i = 0; i < prepared->texts.size(); i++)
     (i < arguments ? prepared->argv : prepared->envp).push_back(prepared->texts[i].data());
   prepared->argv.push_back(nullptr);

@@ -29,7 +29,7 @@ struct Outcome {
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
 struct ProcessOptions {
-  Environment environment;       // beside PATH and LC_ALL=C, which every process gets
+  Environment environment;       // beside PATH and LC_ALL=C, which every process has otherwise
   std::string log;               // file that takes standard output and error, from its beginning
   std::string name;              // argv[0] when it is not the program's path
   bool real_proc = false;        // sees the machine's own /proc whatever the scenario made of it

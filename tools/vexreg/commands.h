@@ -28,8 +28,8 @@ int Dump(const Selection &selection);
 // terminal.
 int Show(const Selection &selection, std::optional<int> width);
 // Looks for what keeps the agent from being seen, one line for each check. kFailed when something
-// needs to be done.
-int Doctor(const std::string &root, std::optional<int> width);
+// needs to be done, or when it is not done within so many seconds.
+int Doctor(const std::string &root, std::optional<int> width, int most_seconds);
 int Watch(const Selection &selection, std::optional<int> width);
 int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
         const std::optional<std::string> &data_file);

@@ -1,6 +1,5 @@
 // vexreg doctor: looks for what keeps the agent from being seen.
 #include <errno.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "framework/mib_table.h"
 #include "framework/snmp_ask.h"
 #include "framework/snmp_files.h"
+#include "tools/vexreg/bounded.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/host_facts.h"
 #include "tools/vexreg/values.h"
@@ -24,7 +24,6 @@ constexpr char kApplication[] = "vexhostd";
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kDirectory[] = "host/";
 constexpr int kUsualPollSeconds = 15;
-constexpr unsigned kMostSeconds = 30;  // for all of it; each question has its own limit
 
 // What is compared: it changes from poll to poll, so an old registry shows.
 constexpr char kComparedObject[] = "host/memory";
@@ -49,12 +48,6 @@ const Group kGroups[] = {
 // sysUpTime.0 (RFC 3418), which Debian's stock view shows, too.
 constexpr uint32_t kSysUpTime[] = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 
-void GiveUp(int) {
-  constexpr char kText[] = "FAIL  gave up: a file or program that was looked at does not answer.\n";
-  (void)!write(STDOUT_FILENO, kText, sizeof(kText) - 1);
-  _exit(kFailed);
-}
-
 std::optional<int32_t> PublishedInteger(const FileObject &object, std::string_view name) {
   for (const FileVariable &variable : object.variables) {
     if (variable.name == name) {
@@ -77,16 +70,14 @@ class Examination {
       LookAtSubtree();
     }
     LookAtGroups();
-    for (const Finding &finding : LookAtSources(SearchPath())) {
-      Say(finding);
-    }
+    LookAtSources(SearchPath(), [this](const Finding &finding) { Say(finding); });
     return FinishOutput(failed_ ? kFailed : kDone);
   }
 
  private:
   void Say(const Finding &finding) {
     failed_ = failed_ || finding.verdict == Verdict::kFail;
-    // At once, so that what was found stands there whatever the next check does.
+    // At once: whoever waits for this process may give up at the next check.
     std::cout << RenderFinding(finding, width_) << std::flush;
   }
 
@@ -261,10 +252,13 @@ class Examination {
 
 }  // namespace
 
-int Doctor(const std::string &root, std::optional<int> width) {
-  signal(SIGALRM, GiveUp);
-  alarm(kMostSeconds);
-  return Examination(root, width.value_or(TerminalWidth())).Run();
+int Doctor(const std::string &root, std::optional<int> width, int most_seconds) {
+  const int columns = width.value_or(TerminalWidth());  // of this process's output
+  const auto status = DoWithin(most_seconds, [&] { return Examination(root, columns).Run(); });
+  if (!status) {
+    std::cout << RenderFinding(JudgeSilence(most_seconds), columns);
+  }
+  return FinishOutput(status.value_or(kFailed));
 }
 
 }  // namespace vex

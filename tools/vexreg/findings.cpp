@@ -305,6 +305,13 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
                                  : ": left by an agent that has ended."));
 }
 
+Finding JudgeSilence(int seconds) {
+  return Fail("gave up after " + std::to_string(seconds) +
+              " s: the next check waits for a file that does not answer, mostly one on a mount "
+              "whose server is dead. Look for it among the mounts, in PATH and in the registry's "
+              "path; vexreg(1) lists the checks in their order.");
+}
+
 std::string RenderFinding(const Finding &finding, int width) {
   constexpr const char *kMarks[] = {"ok    ", "note  ", "FAIL  "};
   std::string plain = finding.text;

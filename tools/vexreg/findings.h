@@ -82,6 +82,9 @@ struct GroupFacts {
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
                    int poll_seconds, bool agent_runs);
 
+// The checks were not over after so many seconds.
+Finding JudgeSilence(int seconds);
+
 // "3 s", "5 min", "2 h", "4 days".
 std::string AgeText(int64_t seconds);
 

@@ -81,6 +81,33 @@ bool IsReadable(const char *path) {
   return access(path, R_OK) == 0;
 }
 
+Finding LookAtMountTable() {
+  if (IsReadable(mount_table_path)) {
+    return {Verdict::kOk, std::string("mount table: ") + mount_table_path + "."};
+  }
+  return {Verdict::kFail,
+          std::string("mount table: ") + mount_table_path +
+              " is absent or not readable, and without it the agent does not start. "
+              "Make it: ln -s ../proc/self/mounts " +
+              mount_table_path + "."};
+}
+
+Finding LookAtDistribution() {
+  if (IsReadable(kOsReleaseFiles[0]) || IsReadable(kOsReleaseFiles[1])) {
+    return {Verdict::kOk, "distribution: described by os-release."};
+  }
+  return {Verdict::kNote, std::string("distribution: neither ") + kOsReleaseFiles[0] + " nor " +
+                              kOsReleaseFiles[1] + ". Its name and version are empty."};
+}
+
+Finding LookAtAppliance() {
+  if (IsReadable(kApplianceFile)) {
+    return {Verdict::kOk, std::string("appliance: described by ") + kApplianceFile + "."};
+  }
+  return {Verdict::kNote, std::string("appliance: no ") + kApplianceFile +
+                              ". The machine is none; tlxAp... is absent."};
+}
+
 Finding LookAtSmbios() {
   if (InitSMBIOS() != 0) {
     DeinitSMBIOS();
@@ -245,38 +272,15 @@ std::optional<int> ConnectionsTo(const std::string &path) {
   return CountConnections(table, path);
 }
 
-std::vector<Finding> LookAtSources(const std::string &search) {
-  std::vector<Finding> findings;
-  if (IsReadable(mount_table_path)) {
-    findings.push_back({Verdict::kOk, std::string("mount table: ") + mount_table_path + "."});
-  } else {
-    findings.push_back(
-        {Verdict::kFail, std::string("mount table: ") + mount_table_path +
-                             " is absent or not readable, and without it the agent does not start. "
-                             "Make it: ln -s ../proc/self/mounts " +
-                             mount_table_path + "."});
-  }
-  if (IsReadable(kOsReleaseFiles[0]) || IsReadable(kOsReleaseFiles[1])) {
-    findings.push_back({Verdict::kOk, "distribution: described by os-release."});
-  } else {
-    findings.push_back({Verdict::kNote, std::string("distribution: neither ") + kOsReleaseFiles[0] +
-                                            " nor " + kOsReleaseFiles[1] +
-                                            ". Its name and version are empty."});
-  }
-  findings.push_back(LookAtPackages(search));
-  findings.push_back(LookAtSmbios());
-  findings.push_back(LookAtEv(platform_ev, "The class of the hardware is not published."));
-  findings.push_back(
-      LookAtEv(version_ev, "The maker's utilities keep the versions that they have in the table."));
-  findings.push_back(LookAtController());
-  if (IsReadable(kApplianceFile)) {
-    findings.push_back(
-        {Verdict::kOk, std::string("appliance: described by ") + kApplianceFile + "."});
-  } else {
-    findings.push_back({Verdict::kNote, std::string("appliance: no ") + kApplianceFile +
-                                            ". The machine is none; tlxAp... is absent."});
-  }
-  return findings;
+void LookAtSources(const std::string &search, const std::function<void(const Finding &)> &say) {
+  say(LookAtMountTable());
+  say(LookAtDistribution());
+  say(LookAtPackages(search));
+  say(LookAtSmbios());
+  say(LookAtEv(platform_ev, "The class of the hardware is not published."));
+  say(LookAtEv(version_ev, "The maker's utilities keep the versions that they have in the table."));
+  say(LookAtController());
+  say(LookAtAppliance());
 }
 
 }  // namespace vex

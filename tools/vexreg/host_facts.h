@@ -2,6 +2,7 @@
 #ifndef VEX_TOOLS_VEXREG_HOST_FACTS_H
 #define VEX_TOOLS_VEXREG_HOST_FACTS_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,7 +33,8 @@ std::optional<int> ConnectionsTo(const std::string &path);
 int CountConnections(std::string_view table, std::string_view path);
 
 // The sources of the agent's values: which are there. search: the directories of commands, as PATH.
-std::vector<Finding> LookAtSources(const std::string &search);
+// Each finding is said at once, since looking at the next source may wait for ever.
+void LookAtSources(const std::string &search, const std::function<void(const Finding &)> &say);
 
 }  // namespace vex
 

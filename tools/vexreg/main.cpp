@@ -86,6 +86,13 @@ int main(int argc, char **argv) {
       app.add_subcommand("doctor", "Checks what usually keeps the agent from being seen")
           ->fallthrough();
   add_width(doctor);
+  int most_seconds = 30;
+  doctor
+      ->add_option("--limit", most_seconds,
+                   "Seconds after which it gives up a file or mount that does not answer")
+      ->type_name("N")
+      ->check(CLI::Range(1, 3600))
+      ->capture_default_str();
   doctor->footer(kDoctorNotes);
 
   try {
@@ -106,7 +113,7 @@ int main(int argc, char **argv) {
     return vex::Put(selection.root, object, variables, data_file);
   }
   if (*doctor) {
-    return vex::Doctor(selection.root, width);
+    return vex::Doctor(selection.root, width, most_seconds);
   }
   return *rm ? vex::Remove(selection.root, object) : vex::kWrongUsage;
 }

@@ -228,7 +228,8 @@ TEST(Findings, AreQuotedAsTheyAre) {
         JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}), socket(ENOENT),
         socket(ECONNREFUSED), socket(EACCES), JudgeSubtree(Subtree::kNothing, view),
         JudgeSubtree(Subtree::kNothing, no_session), JudgeSubtree(Subtree::kUnanswered, view),
-        JudgeValue("tlxHoPhysicalMemoryFree", 812, std::nullopt), group(40), group(600)}) {
+        JudgeValue("tlxHoPhysicalMemoryFree", 812, std::nullopt), group(40), group(600),
+        JudgeSilence(30)}) {
     std::string quoted;
     for (const std::string &line : made_up::Lines(RenderFinding(finding, kWidth))) {
       quoted += "    " + line + "\n";
