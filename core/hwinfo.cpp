@@ -22,8 +22,6 @@ static constexpr variable variables[] = {
 
 // ---- Reading --------------------------------------------------------------------------------
 
-static constexpr uint32_t platform_ev_size = 5;
-
 enum platform_class : int32_t { PLATFORM_PLAIN = 1, PLATFORM_MARKED = 5 };
 
 // The class by the EV's last byte; 0 when the EV cannot be read or is too short to tell.

@@ -41,8 +41,8 @@ const Group kGroups[] = {
     {"swver", false, true, ""},
     {"swverag", false, false, "the version of the agents' package could not be asked"},
     {"fwver", false, false, "this machine has no source for it"},
-    {"hwinfo", false, false, "this machine has no EV for it"},
-    {"appliance", false, false, "this machine is no appliance"},
+    {"hwinfo", false, false, "no EV told it at the agent's start"},
+    {"appliance", false, false, "the machine was no appliance at the agent's start"},
 };
 
 // sysUpTime.0 (RFC 3418), which Debian's stock view shows, too.
@@ -70,7 +70,8 @@ class Examination {
       LookAtSubtree();
     }
     LookAtGroups();
-    LookAtSources(SearchPath(), [this](const Finding &finding) { Say(finding); });
+    const int64_t started_ns = agent_.empty() ? 0 : agent_.front().started_ns;
+    LookAtSources(SearchPath(), started_ns, [this](const Finding &finding) { Say(finding); });
     return FinishOutput(failed_ ? kFailed : kDone);
   }
 

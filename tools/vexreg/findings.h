@@ -29,6 +29,8 @@ struct ProcessFact {
   char state = 'S';  // as in proc(5)
   uid_t owner = 0;
   pid_t parent = 0;
+  uint64_t start_ticks = 0;  // since boot, as in proc(5)
+  int64_t started_ns = 0;    // by the wall clock; 0 when it is not known
 };
 bool IsStopped(const ProcessFact &process);
 

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,10 +22,12 @@
 #include "core/hwinfo.h"
 #include "framework/appliance.h"
 #include "framework/distribution.h"
+#include "framework/log.h"
 #include "framework/registry_dir.h"
 #include "hardware/tlxci/paths.h"
 #include "monitors/filesys.h"
 #include "platform/ev.h"
+#include "platform/framework.h"
 #include "platform/smbios.h"
 #include "software/components.h"
 #include "software/packages.h"
@@ -32,6 +35,9 @@
 
 namespace vex {
 namespace {
+
+constexpr char kAgentName[] = "vexhostd";
+constexpr int64_t kNanoseconds = 1'000'000'000;
 
 // Messages of the libraries that look at a source, for the finding about it.
 std::string &LibraryMessages() {
@@ -44,6 +50,9 @@ std::string TakeMessages() {
   text.swap(LibraryMessages());
   while (!text.empty() && text.back() == '\n') {
     text.pop_back();
+  }
+  for (size_t end; (end = text.find('\n')) != std::string::npos;) {
+    text.replace(end, 1, "; ");
   }
   return text;
 }
@@ -77,6 +86,18 @@ bool IsOnPath(const std::string &search, const std::string &command) {
   return false;
 }
 
+int64_t TimeOf(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return int64_t{now.tv_sec} * kNanoseconds + now.tv_nsec;
+}
+
+// The wall clock's time at which so many ticks had passed since the machine booted.
+int64_t TimeOfTicks(uint64_t ticks) {
+  const int64_t since_boot = static_cast<int64_t>(ticks) * (kNanoseconds / sysconf(_SC_CLK_TCK));
+  return TimeOf(CLOCK_REALTIME) - TimeOf(CLOCK_BOOTTIME) + since_boot;
+}
+
 bool IsReadable(const char *path) {
   return access(path, R_OK) == 0;
 }
@@ -92,20 +113,48 @@ Finding LookAtMountTable() {
               mount_table_path + "."};
 }
 
-Finding LookAtDistribution() {
-  if (IsReadable(kOsReleaseFiles[0]) || IsReadable(kOsReleaseFiles[1])) {
-    return {Verdict::kOk, "distribution: described by os-release."};
+// What is said of a file that the agent reads once; nothing when it has read it as it stands.
+Finding OfFileReadOnce(std::string text, const char *path, int64_t started_ns) {
+  struct stat status = {};
+  // Not mtime: a file that was moved there keeps its own.
+  if (started_ns == 0 || stat(path, &status) != 0 ||
+      int64_t{status.st_ctim.tv_sec} * kNanoseconds + status.st_ctim.tv_nsec <= started_ns) {
+    return {Verdict::kOk, std::move(text)};
   }
-  return {Verdict::kNote, std::string("distribution: neither ") + kOsReleaseFiles[0] + " nor " +
-                              kOsReleaseFiles[1] + ". Its name and version are empty."};
+  return {Verdict::kNote, text +
+                              " It is newer than the running agent, which reads it when it starts: "
+                              "systemctl restart vexhostd."};
 }
 
-Finding LookAtAppliance() {
-  if (IsReadable(kApplianceFile)) {
-    return {Verdict::kOk, std::string("appliance: described by ") + kApplianceFile + "."};
+Finding LookAtDistribution(int64_t started_ns) {
+  const bool described = distroid_init() == 0;
+  distroid_exit();
+  const std::string problem = TakeMessages();
+  const char *used = kOsReleaseFiles[problem.empty() && IsReadable(kOsReleaseFiles[0]) ? 0 : 1];
+  if (described && problem.empty()) {
+    return OfFileReadOnce(std::string("distribution: described by ") + used + ".", used,
+                          started_ns);
   }
-  return {Verdict::kNote, std::string("appliance: no ") + kApplianceFile +
-                              ". The machine is none; tlxAp... is absent."};
+  if (described) {
+    return {Verdict::kNote, "distribution: " + problem + ". It is described by " + used + "."};
+  }
+  const std::string neither =
+      std::string("neither ") + kOsReleaseFiles[0] + " nor " + kOsReleaseFiles[1];
+  return {Verdict::kNote, "distribution: " + (problem.empty() ? neither : problem) +
+                              ". Its name and version are empty."};
+}
+
+Finding LookAtAppliance(int64_t started_ns) {
+  if (is_appliance() != 0) {
+    return OfFileReadOnce(std::string("appliance: described by ") + kApplianceFile + ".",
+                          kApplianceFile, started_ns);
+  }
+  const std::string problem = TakeMessages();
+  const std::string text = (problem.empty() ? std::string("no ") + kApplianceFile : problem) +
+                           ". The machine is none for an agent that starts so; tlxAp... is absent.";
+  Finding finding = OfFileReadOnce("appliance: " + text, kApplianceFile, started_ns);
+  finding.verdict = Verdict::kNote;
+  return finding;
 }
 
 Finding LookAtSmbios() {
@@ -124,30 +173,43 @@ Finding LookAtSmbios() {
   return {Verdict::kNote, problem + ". " + without};
 }
 
-Finding LookAtEv(const char *name, const std::string &without) {
-  unsigned char byte = 0;
-  uint32_t length = 1;
+// needed: bytes without which the agent takes it as absent.
+Finding LookAtEv(const char *name, uint32_t needed, const std::string &without) {
+  std::vector<unsigned char> value(needed);
+  uint32_t length = needed;
   const std::string where = std::string("EV ") + name + ": ";
-  if (get_ev(name, &byte, &length) == 0) {
+  const bool there = get_ev(name, value.data(), &length) == 0;
+  const std::string problem = TakeMessages();
+  if (there && length == needed) {
     return {Verdict::kOk, where + "read."};
   }
-  const std::string problem = TakeMessages();
+  if (there) {
+    return {Verdict::kNote, where + "has " + std::to_string(length) + " bytes of the " +
+                                std::to_string(needed) + " that are needed. " + without};
+  }
   return {Verdict::kNote,
           (problem.empty() ? where + "none on this machine" : problem) + ". " + without};
 }
 
+// The socket is not connected to: a controller may serve one at a time, or give what it still owes
+// the agent to whoever comes next.
 Finding LookAtController() {
+  const std::string name = "management controller: ";
   struct stat status = {};
-  if (stat(kControllerSocket, &status) == 0 && S_ISSOCK(status.st_mode)) {
-    return {Verdict::kOk, std::string("management controller: ") + kControllerSocket + "."};
+  const bool is_socket = stat(kControllerSocket, &status) == 0 && S_ISSOCK(status.st_mode);
+  if (is_socket && HasPacketListener(ReadText("/proc/net/unix"), kControllerSocket)) {
+    return {Verdict::kOk, name + kControllerSocket + "."};
   }
   if (stat(kControllerCard, &status) == 0 && S_ISCHR(status.st_mode)) {
-    return {Verdict::kOk,
-            std::string("management controller: remote card ") + kControllerCard + "."};
+    return {Verdict::kOk, name + "remote card " + kControllerCard + "."};
   }
-  return {Verdict::kNote, std::string("management controller: none (neither ") + kControllerSocket +
-                              " nor " + kControllerCard +
-                              "). The firmware table has no rows of it."};
+  const std::string without = "The firmware table has no rows of it.";
+  if (is_socket) {
+    return {Verdict::kNote, name + "nobody is seen to listen on " + kControllerSocket +
+                                ", which a program that has ended may have left. " + without};
+  }
+  return {Verdict::kNote, name + "none (neither " + kControllerSocket + " nor " + kControllerCard +
+                              "). " + without};
 }
 
 Finding LookAtPackages(const std::string &search) {
@@ -171,7 +233,12 @@ bool ParseStat(std::string_view stat, ProcessFact *process) {
     return false;
   }
   std::istringstream rest{std::string(stat.substr(name_end + 1))};
-  return static_cast<bool>(rest >> process->state >> process->parent);
+  rest >> process->state >> process->parent;
+  std::string ignored;
+  for (int field = 5; field < 22; field++) {
+    rest >> ignored;
+  }
+  return static_cast<bool>(rest >> process->start_ticks);
 }
 
 std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &processes) {
@@ -205,6 +272,7 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
       continue;
     }
     process.owner = status.st_uid;
+    process.started_ns = TimeOfTicks(process.start_ticks);
     found.push_back(process);
   }
   return WithoutChildren(found);
@@ -243,25 +311,47 @@ int TryUnixSocket(const std::string &path) {
   return 0;
 }
 
-int CountConnections(std::string_view table, std::string_view path) {
-  // Num RefCount Protocol Flags Type St Inode Path; a connection to a listener has the listener's
-  // path and the state 03.
-  int count = 0;
+namespace {
+
+// A line of /proc/net/unix: Num RefCount Protocol Flags Type St Inode Path.
+struct UnixSocket {
+  std::string flags;
+  std::string type;
+  std::string state;
+  std::string path;
+};
+
+std::vector<UnixSocket> UnixSockets(std::string_view table) {
+  std::vector<UnixSocket> sockets;
   std::istringstream lines{std::string(table)};
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::string field;
-    std::string state;
-    std::string name;
-    for (int i = 0; i < 6; i++) {
-      state.clear();
-      fields >> state;
+    std::string ignored;
+    UnixSocket one;
+    fields >> ignored >> ignored >> ignored >> one.flags >> one.type >> one.state >> ignored;
+    if (std::getline(fields >> std::ws, one.path)) {
+      sockets.push_back(std::move(one));
     }
-    fields >> field;
-    std::getline(fields >> std::ws, name);
-    count += state == "03" && name == path;
   }
-  return count;
+  return sockets;
+}
+
+}  // namespace
+
+int CountConnections(std::string_view table, std::string_view path) {
+  // A connection to a listener has the listener's path and the state 03.
+  const auto sockets = UnixSockets(table);
+  return static_cast<int>(std::count_if(sockets.begin(), sockets.end(), [&](const UnixSocket &one) {
+    return one.state == "03" && one.path == path;
+  }));
+}
+
+bool HasPacketListener(std::string_view table, std::string_view path) {
+  // SOCK_SEQPACKET, and the kernel's mark of a socket that accepts.
+  const auto sockets = UnixSockets(table);
+  return std::any_of(sockets.begin(), sockets.end(), [&](const UnixSocket &one) {
+    return one.flags == "00010000" && one.type == "0005" && one.path == path;
+  });
 }
 
 std::optional<int> ConnectionsTo(const std::string &path) {
@@ -272,15 +362,22 @@ std::optional<int> ConnectionsTo(const std::string &path) {
   return CountConnections(table, path);
 }
 
-void LookAtSources(const std::string &search, const std::function<void(const Finding &)> &say) {
+void LookAtSources(const std::string &search, int64_t started_ns,
+                   const std::function<void(const Finding &)> &say) {
   say(LookAtMountTable());
-  say(LookAtDistribution());
+  say(LookAtDistribution(started_ns));
   say(LookAtPackages(search));
   say(LookAtSmbios());
-  say(LookAtEv(platform_ev, "The class of the hardware is not published."));
-  say(LookAtEv(version_ev, "The maker's utilities keep the versions that they have in the table."));
+  say(LookAtEv(platform_ev, platform_ev_size, "The class of the hardware is not published."));
+  say(LookAtEv(version_ev, 1,
+               "The maker's utilities keep the versions that they have in the table."));
   say(LookAtController());
-  say(LookAtAppliance());
+  say(LookAtAppliance(started_ns));
+}
+
+// Of the agent whose readers are linked here.
+const char *AgentName() {
+  return kAgentName;
 }
 
 }  // namespace vex
@@ -292,6 +389,8 @@ int agentlog_fprintf(FILE *, const char *format, ...) {
   va_start(arguments, format);
   const int length = vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
-  vex::LibraryMessages() += text;
+  const std::string prefix = std::string(vex::AgentName()) + ": ";
+  vex::LibraryMessages() +=
+      text + (strncmp(text, prefix.c_str(), prefix.size()) == 0 ? prefix.size() : 0);
   return length;
 }

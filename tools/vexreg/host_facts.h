@@ -2,6 +2,7 @@
 #ifndef VEX_TOOLS_VEXREG_HOST_FACTS_H
 #define VEX_TOOLS_VEXREG_HOST_FACTS_H
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,7 +15,7 @@ namespace vex {
 // The processes of that name (proc(5), comm); their children, zombies and, where that shows, those
 // of containers are left out.
 std::vector<ProcessFact> FindProcesses(const std::string &name);
-// Takes state and parent from what /proc/PID/stat says. False when it is not of that form.
+// Takes state, parent and start from what /proc/PID/stat says. False when it is not of that form.
 bool ParseStat(std::string_view stat, ProcessFact *process);
 // Those that are no child of another of them: one that has just been forked still has its parent's
 // name.
@@ -32,9 +33,14 @@ std::optional<int> ConnectionsTo(const std::string &path);
 // The same in the text of /proc/net/unix.
 int CountConnections(std::string_view table, std::string_view path);
 
-// The sources of the agent's values: which are there. search: the directories of commands, as PATH.
+// Whether somebody listens there for connections of packets, by the text of /proc/net/unix.
+bool HasPacketListener(std::string_view table, std::string_view path);
+
+// The sources of the agent's values: which are there and can be used. search: the directories of
+// commands, as PATH. started_ns: when the agent did, 0 when it does not run.
 // Each finding is said at once, since looking at the next source may wait for ever.
-void LookAtSources(const std::string &search, const std::function<void(const Finding &)> &say);
+void LookAtSources(const std::string &search, int64_t started_ns,
+                   const std::function<void(const Finding &)> &say);
 
 }  // namespace vex
 

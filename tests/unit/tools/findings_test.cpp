@@ -45,14 +45,19 @@ TEST(Findings, TheAgentIsOneProcessOfRoot) {
 }
 
 TEST(Findings, StateOfAProcess) {
+  const std::string rest = " 12 12 0 -1 4194560 100 0 0 0 3 1 0 0 20 0 2 0 ";  // up to the start
   ProcessFact process;
-  EXPECT_TRUE(ParseStat("12 (snmpd) S 1 12", &process));
+  EXPECT_TRUE(ParseStat("12 (snmpd) S 1" + rest + "5678 1000 50", &process));
   EXPECT_EQ(process.state, 'S');
   EXPECT_EQ(process.parent, 1);
-  EXPECT_TRUE(ParseStat("12 (a) R 5) b) T 7 12", &process));
+  EXPECT_EQ(process.start_ticks, 5678U);
+  EXPECT_TRUE(ParseStat("12 (a) R 5) b) T 7" + rest + "9", &process));
   EXPECT_EQ(process.state, 'T');
   EXPECT_EQ(process.parent, 7);
-  for (const char *text : {"12 (snmpd)", "12 (snmpd) ", "12 (snmpd) S", "12 (snmpd) S x", ""}) {
+  EXPECT_EQ(process.start_ticks, 9U);
+  for (const std::string &text :
+       {std::string("12 (snmpd)"), std::string("12 (snmpd) S"), std::string("12 (snmpd) S x"),
+        std::string(), "12 (snmpd) S 1" + rest, "12 (snmpd) S 1" + rest + "x"}) {
     EXPECT_FALSE(ParseStat(text, &process)) << text;
   }
 }
@@ -144,6 +149,20 @@ TEST(Findings, ConnectionsOfAListener) {
   EXPECT_EQ(CountConnections(table, "/with blank"), 1);
   EXPECT_EQ(CountConnections(table, "/other"), 0);
   EXPECT_EQ(CountConnections("", "/other"), 0);
+}
+
+TEST(Findings, ListenersOfASocket) {
+  const std::string table =
+      "Num       RefCount Protocol Flags    Type St Inode Path\n"
+      "0000000000000000: 00000002 00000000 00010000 0005 01 4101 /run/heard\n"
+      "0000000000000000: 00000002 00000000 00000000 0005 01 4102 /run/bound\n"
+      "0000000000000000: 00000003 00000000 00000000 0005 03 4103 /run/connected\n"
+      "0000000000000000: 00000002 00000000 00010000 0001 01 4104 /run/stream\n"
+      "rubbish\n\n";
+  EXPECT_TRUE(HasPacketListener(table, "/run/heard"));
+  for (const char *path : {"/run/bound", "/run/connected", "/run/stream", "/run", ""}) {
+    EXPECT_FALSE(HasPacketListener(table, path)) << path;
+  }
 }
 
 TEST(Findings, Values) {
