@@ -93,8 +93,13 @@ class Examination {
   bool AgentStopped() const {
     return std::any_of(agent_.begin(), agent_.end(), IsStopped);
   }
-  bool AgentRuns() const {
-    return !agent_.empty() || visible_;
+  // Gone, too, when it could not be seen at all.
+  AgentPhase Phase() const {
+    if (agent_.empty()) {
+      return visible_ ? AgentPhase::kRuns : AgentPhase::kGone;
+    }
+    const ProcessFact &agent = agent_.front();
+    return PhaseOf(agent, WallClock(), RunsCommand(agent.pid));
   }
 
   // Where the agent looks for its files, not where this user's shell does.
@@ -177,6 +182,7 @@ class Examination {
     ViewFacts facts;
     facts.agent_seen = !agent_.empty();
     facts.agent_known = !hidden_ || !agent_.empty();
+    facts.agent_pauses = Phase() == AgentPhase::kStarts && !HasSnmpThread(agent_.front().pid);
     facts.sessions = sessions_;
     facts.community_line = CommunityLine(files_.master_lines, files_.community);
     Say(JudgeSubtree(subtree, facts));
@@ -230,12 +236,10 @@ class Examination {
     if (const auto object = ReadObjectFile(kPollObject, root_)) {
       poll_seconds = std::max(PublishedInteger(*object, kPollVariable).value_or(poll_seconds), 1);
     }
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const int64_t now_ns = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+    const int64_t now_ns = WallClock();
+    const AgentPhase phase = Phase();
     for (const Group &group : kGroups) {
-      Say(JudgeGroup(group, groups[group.name], rows[group.name], now_ns, poll_seconds,
-                     AgentRuns()));
+      Say(JudgeGroup(group, groups[group.name], rows[group.name], now_ns, poll_seconds, phase));
     }
   }
 

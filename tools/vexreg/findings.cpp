@@ -15,6 +15,9 @@ constexpr int64_t kNanoseconds = 1'000'000'000;
 // A poll may wait for a command that long; the next one then comes an interval after its end.
 constexpr int64_t kLongestPollSeconds = 120;
 constexpr int64_t kLateSeconds = 5;
+// The pause of five seconds at the start, and a reading that waits for nothing.
+constexpr int64_t kStartSeconds = 15;
+constexpr char kJustStarted[] = "the agent has just started. Look again in half a minute.";
 constexpr int kIndent = 6;
 constexpr int kNarrowest = 20;
 
@@ -92,6 +95,13 @@ std::string ViewAdvice(const std::vector<std::string> &line) {
 
 bool IsStopped(const ProcessFact &process) {
   return process.state == 'T' || process.state == 't';
+}
+
+AgentPhase PhaseOf(const ProcessFact &agent, int64_t now_ns, bool runs_command) {
+  const int64_t age_ns = now_ns - agent.started_ns;
+  const int64_t most = kStartSeconds + (runs_command ? kLongestPollSeconds : 0);
+  const bool starts = agent.started_ns != 0 && age_ns >= 0 && age_ns < most * kNanoseconds;
+  return starts && !IsStopped(agent) ? AgentPhase::kStarts : AgentPhase::kRuns;
 }
 
 Finding JudgeProcess(const std::string &name, const std::vector<ProcessFact> &found, bool hidden) {
@@ -217,6 +227,9 @@ Finding JudgeSubtree(Subtree subtree, const ViewFacts &facts) {
   if (facts.agent_known && !facts.agent_seen) {
     return Note(where + "nothing there, as no agent runs.");
   }
+  if (facts.agent_pauses) {
+    return Note(where + "nothing there yet: " + kJustStarted);
+  }
   if (facts.sessions == 0) {
     return Fail(where + "nothing there: the agent has no session with snmpd. Its log says why; " +
                 "agentXSocket must be the same in vexhostd.conf and snmpd.conf.");
@@ -269,8 +282,12 @@ std::string AgeText(int64_t seconds) {
 }
 
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
-                   int poll_seconds, bool agent_runs) {
+                   int poll_seconds, AgentPhase phase) {
   const std::string name = "group " + group.name + ": ";
+  const bool agent_runs = phase != AgentPhase::kGone;
+  if (facts.objects == 0 && group.needed && phase == AgentPhase::kStarts) {
+    return Note(name + "not published yet: " + kJustStarted);
+  }
   if (facts.objects == 0) {
     const std::string why = group.absent.empty() ? "." : "; " + std::string(group.absent) + ".";
     return group.needed && agent_runs
@@ -294,6 +311,9 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
   const int64_t late = age - poll_seconds - kLateSeconds;
   if (late <= 0) {
     return Ok(what + ".");
+  }
+  if (phase == AgentPhase::kStarts) {
+    return Note(what + ": " + kJustStarted);
   }
   if (agent_runs && late <= poll_seconds + kLongestPollSeconds) {
     return Note(what +

@@ -34,6 +34,11 @@ struct ProcessFact {
 };
 bool IsStopped(const ProcessFact &process);
 
+// Whether the agent has just started: it then pauses, and reads the host for the first time, so
+// that what is missing need not be wrong. runs_command: it waits for one.
+enum class AgentPhase { kGone, kStarts, kRuns };
+AgentPhase PhaseOf(const ProcessFact &agent, int64_t now_ns, bool runs_command);
+
 // A program that should run. `hidden`: this user does not see other users' processes.
 Finding JudgeProcess(const std::string &name, const std::vector<ProcessFact> &found, bool hidden);
 // The agent is one process, and root's.
@@ -52,8 +57,9 @@ Finding JudgeSocket(const std::string &target, const std::string &path, int erro
 // What is visible of the subtree.
 enum class Subtree { kVisible, kNothing, kUnanswered, kError };
 struct ViewFacts {
-  bool agent_seen = true;   // a process of it
-  bool agent_known = true;  // whether that could be seen
+  bool agent_seen = true;     // a process of it
+  bool agent_known = true;    // whether that could be seen
+  bool agent_pauses = false;  // it has just started and asks for no session yet
   // Connections that the master has on its AgentX socket; nothing when that is not known.
   std::optional<int> sessions;
   // The line of snmpd.conf for the community, token first; empty when it is not known.
@@ -82,7 +88,7 @@ struct GroupFacts {
   int64_t newest_ns = 0;  // the last publication
 };
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
-                   int poll_seconds, bool agent_runs);
+                   int poll_seconds, AgentPhase phase);
 
 // The checks were not over after so many seconds.
 Finding JudgeSilence(int seconds);

@@ -251,16 +251,30 @@ std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &process
   return left;
 }
 
+namespace {
+
+// The numbers that a directory of proc(5) lists.
+std::vector<pid_t> NumbersIn(const std::string &directory) {
+  std::vector<pid_t> numbers;
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
+  while (const dirent *entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
+    pid_t number = 0;
+    if (ParseNumber(std::string_view(entry->d_name), &number)) {
+      numbers.push_back(number);
+    }
+  }
+  return numbers;
+}
+
+}  // namespace
+
 std::vector<ProcessFact> FindProcesses(const std::string &name) {
   std::vector<ProcessFact> found;
   const std::string own_space = LinkOf("/proc/self/ns/pid");
-  const std::unique_ptr<DIR, int (*)(DIR *)> proc(opendir("/proc"), closedir);
-  while (const dirent *entry = proc != nullptr ? readdir(proc.get()) : nullptr) {
+  for (const pid_t pid : NumbersIn("/proc")) {
     ProcessFact process;
-    if (!ParseNumber(std::string_view(entry->d_name), &process.pid)) {
-      continue;
-    }
-    const std::string directory = std::string("/proc/") + entry->d_name;
+    process.pid = pid;
+    const std::string directory = "/proc/" + std::to_string(pid);
     // A container's are not this host's.
     const std::string space = LinkOf(directory + "/ns/pid");
     if (ReadText(directory + "/comm") != name + "\n" || (!space.empty() && space != own_space)) {
@@ -276,6 +290,28 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
     found.push_back(process);
   }
   return WithoutChildren(found);
+}
+
+bool RunsCommand(pid_t agent) {
+  const std::vector<pid_t> pids = NumbersIn("/proc");
+  return std::any_of(pids.begin(), pids.end(), [&](pid_t pid) {
+    const std::string directory = "/proc/" + std::to_string(pid);
+    ProcessFact process;
+    return ParseStat(ReadText(directory + "/stat"), &process) && process.parent == agent &&
+           process.state != 'Z' && ReadText(directory + "/comm") != "mount-asker\n";
+  });
+}
+
+bool HasSnmpThread(pid_t agent) {
+  const std::string tasks = "/proc/" + std::to_string(agent) + "/task";
+  const std::vector<pid_t> threads = NumbersIn(tasks);
+  return std::any_of(threads.begin(), threads.end(), [&](pid_t thread) {
+    return ReadText(tasks + "/" + std::to_string(thread) + "/comm") == "snmp\n";
+  });
+}
+
+int64_t WallClock() {
+  return TimeOf(CLOCK_REALTIME);
 }
 
 bool ProcessesHidden() {

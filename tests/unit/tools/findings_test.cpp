@@ -130,6 +130,10 @@ TEST(Findings, Subtrees) {
   EXPECT_EQ(JudgeSubtree(Subtree::kError, facts).verdict, Verdict::kFail);
   facts.sessions = 0;
   EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "no session"));
+  facts.agent_pauses = true;
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "nothing there yet: the agent has just"));
+  EXPECT_EQ(JudgeSubtree(Subtree::kNothing, facts).verdict, Verdict::kNote);
+  facts.agent_pauses = false;
   facts.agent_seen = false;
   EXPECT_EQ(JudgeSubtree(Subtree::kNothing, facts).verdict, Verdict::kNote);
   facts.agent_known = false;
@@ -175,32 +179,60 @@ TEST(Findings, Values) {
 
 TEST(Findings, AgesOfAGroupOfEachPoll) {
   const Group group = {"cpu", true, true, ""};
-  const auto verdict = [&](int64_t age, bool runs = true) {
-    return JudgeGroup(group, {2, kNow - age * kSecond}, true, kNow, 15, runs).verdict;
+  const auto verdict = [&](int64_t age, AgentPhase phase = AgentPhase::kRuns) {
+    return JudgeGroup(group, {2, kNow - age * kSecond}, true, kNow, 15, phase).verdict;
   };
   EXPECT_EQ(verdict(0), Verdict::kOk);
   EXPECT_EQ(verdict(20), Verdict::kOk);
   EXPECT_EQ(verdict(21), Verdict::kNote);
   EXPECT_EQ(verdict(155), Verdict::kNote);
   EXPECT_EQ(verdict(156), Verdict::kFail);
-  EXPECT_EQ(verdict(20, false), Verdict::kOk);
-  EXPECT_EQ(verdict(21, false), Verdict::kFail);
+  EXPECT_EQ(verdict(20, AgentPhase::kGone), Verdict::kOk);
+  EXPECT_EQ(verdict(21, AgentPhase::kGone), Verdict::kFail);
+  // What an earlier run has left.
+  EXPECT_EQ(verdict(20, AgentPhase::kStarts), Verdict::kOk);
+  EXPECT_EQ(verdict(90'000, AgentPhase::kStarts), Verdict::kNote);
   EXPECT_EQ(verdict(-5), Verdict::kOk);
   EXPECT_EQ(verdict(-6), Verdict::kNote);
 }
 
 TEST(Findings, AgesOfAGroupThatChangesSeldom) {
   const Group group = {"filesys", false, false, "no mounts"};
-  EXPECT_EQ(Text(JudgeGroup(group, {1, kNow - 90'000 * kSecond}, true, kNow, 15, true)),
-            "ok    group filesys: 1 row, last published 25 h ago (only when something changes).\n");
-  EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, true)),
+  EXPECT_EQ(
+      Text(JudgeGroup(group, {1, kNow - 90'000 * kSecond}, true, kNow, 15, AgentPhase::kRuns)),
+      "ok    group filesys: 1 row, last published 25 h ago (only when something changes).\n");
+  EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kRuns)),
             "note  group filesys: not published; no mounts.\n");
 }
 
 TEST(Findings, GroupsThatAreMissing) {
   const Group group = {"misc", true, true, ""};
-  EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, true).verdict, Verdict::kFail);
-  EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, false).verdict, Verdict::kNote);
+  EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kRuns).verdict, Verdict::kFail);
+  EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kGone).verdict, Verdict::kNote);
+}
+
+TEST(Findings, GroupsOfAnAgentThatStarts) {
+  const Group group = {"misc", true, true, ""};
+  EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kStarts)),
+            "note  group misc: not published yet: the agent has just started. Look again in half a "
+            "minute.\n");
+  ProcessFact agent;
+  agent.started_ns = kNow;
+  const auto phase = [&](int64_t age, bool runs_command) {
+    return PhaseOf(agent, kNow + age * kSecond, runs_command);
+  };
+  EXPECT_EQ(phase(0, false), AgentPhase::kStarts);
+  EXPECT_EQ(phase(14, false), AgentPhase::kStarts);
+  EXPECT_EQ(phase(15, false), AgentPhase::kRuns);
+  // The first reading may wait for a command.
+  EXPECT_EQ(phase(134, true), AgentPhase::kStarts);
+  EXPECT_EQ(phase(135, true), AgentPhase::kRuns);
+  EXPECT_EQ(phase(-2, false), AgentPhase::kRuns);
+  agent.started_ns = 0;
+  EXPECT_EQ(PhaseOf(agent, 5 * kSecond, true), AgentPhase::kRuns);
+  agent.started_ns = kNow;
+  agent.state = 'T';
+  EXPECT_EQ(phase(3, true), AgentPhase::kRuns);
 }
 
 TEST(Findings, Ages) {
@@ -235,7 +267,7 @@ TEST(Findings, AreQuotedAsTheyAre) {
   };
   const Group memory = {"memory", true, true, ""};
   const auto group = [&](int64_t age) {
-    return JudgeGroup(memory, {1, kNow - age * kSecond}, false, kNow, 15, true);
+    return JudgeGroup(memory, {1, kNow - age * kSecond}, false, kNow, 15, AgentPhase::kRuns);
   };
   for (const Finding &finding :
        {JudgeProcess("snmpd", {}, false), JudgeAgent({}, false), JudgeAgent({{812, 'T', 0}}, false),
