@@ -64,7 +64,7 @@ class Pages(unittest.TestCase):
         """To one of these, or to a page of Debian that the programs' packages bring along."""
         known = set(PAGES) | {f"{name}.{section}" for name, section in (
             ("snmpd", 8), ("snmpd.conf", 5), ("snmp.conf", 5), ("snmp_config", 5),
-            ("statvfs", 3), ("errno", 3), ("ftok", 3), ("sd_notify", 3), ("sh", 1), ("rpm", 8), ("dpkg", 1), ("grep", 1),
+            ("statvfs", 3), ("uname", 2), ("errno", 3), ("ftok", 3), ("sd_notify", 3), ("sh", 1), ("rpm", 8), ("dpkg", 1), ("grep", 1),
             ("cut", 1), ("awk", 1), ("pidof", 8), ("ps", 1), ("sort", 1))}
         for page, path in PAGES.items():
             for name, section in re.findall(r"\bXr (\S+) (\d)", read(path)):
@@ -110,17 +110,66 @@ class Options(unittest.TestCase):
         listed = {"-" + option for option in re.findall(r"\bFl (-[a-z]+)", page)}
         self.assertEqual(listed, printed)
 
-    def test_checks_of_doctor(self):
-        """Each check that doctor prints here begins with what the page lists, and the reverse."""
-        page = read(PAGES["vexreg.1"]).split(".Sh DOCTOR")[1].split(".Sh FILES")[0]
-        items = [item.strip() for line in re.findall(r"^\.It (.*)", page, re.M)
-                 for item in line.split(",")]
+    @staticmethod
+    def doctor_section():
+        return read(PAGES["vexreg.1"]).split(".Sh DOCTOR")[1].split(".Sh FILES")[0]
+
+    @staticmethod
+    def items_of(section):
+        return [item.strip() for line in re.findall(r"^\.It (.*)", section, re.M)
+                for item in line.split(",")]
+
+    def test_doctor_prints_what_the_page_lists(self):
+        """Each check that doctor prints here begins with an item of the page."""
+        items = self.items_of(self.doctor_section())
         # On an empty registry, so that no group is there.
         findings = run(os.path.join(BUILD, "bin", "vexreg"), "--root", "/nonexistent",
                        "doctor").stdout.splitlines()
         self.assertGreater(len(findings), 15)
         for finding in findings:
             self.assertTrue(any(finding[6:].startswith(item) for item in items), finding)
+
+    @staticmethod
+    def without_check(items):
+        """The items that no text of doctor begins with."""
+        folder = os.path.join(SOURCE, "tools", "vexreg")
+        code = "".join(re.sub(r"//.*", "", read(os.path.join(folder, name)))
+                       for name in ("doctor.cpp", "findings.cpp", "host_facts.cpp"))
+        texts = re.findall(r'"([A-Za-z][^"\\]*)"', code)
+        programs = re.findall(r'JudgeProcess\("(\w+)"', code)
+        return [item for item in items if item not in programs and
+                not any(text == item + " " or
+                        text.startswith((item + ": ", item + " of 127.0.0.1: "))
+                        for text in texts)]
+
+    def test_the_page_lists_what_doctor_prints(self):
+        items = self.items_of(self.doctor_section())
+        self.assertGreater(len(items), 12)
+        self.assertEqual(self.without_check(items), [])
+
+    def test_a_check_that_is_made_up_is_noticed(self):
+        made_up = ["power supply", "cpu", "groups", "value of", "EVs", "snmpd on TCP port 161",
+                   "mount"]
+        self.assertEqual(self.without_check(made_up), made_up)
+
+    def groups(self):
+        """Of the agent, by name: whether they are published at each poll, and needed."""
+        code = read(os.path.join(SOURCE, "tools", "vexreg", "doctor.cpp"))
+        table = code.split("const Group kGroups[] = {")[1].split("\n};")[0]
+        return {name: (poll == "true", needed == "true") for name, poll, needed in
+                re.findall(r'\{"(\w+)", (true|false), (true|false),', table)}
+
+    def test_groups_of_doctor(self):
+        """Those of each poll are in the page; each is a group that an agent's source publishes."""
+        groups = self.groups()
+        self.assertGreater(len(groups), 8)
+        listed = re.search(r"^(\w+(?:, \w+)* and \w+) are published at each poll",
+                           self.doctor_section(), re.M).group(1)
+        self.assertEqual(set(re.split(r", | and ", listed)),
+                         {name for name, (poll, _) in groups.items() if poll})
+        code = "".join(read(path) for path in product_sources())
+        for name in groups:
+            self.assertRegex(code, rf'"(host/)?{name}(\.%d)?"')
 
 
 class Sources(unittest.TestCase):
@@ -144,6 +193,23 @@ class Sources(unittest.TestCase):
             name = re.sub(r"-%\.63s$", "-RELEASE", name)
             name = re.sub(r"/%s$", "", name)
             self.assertTrue(name in text, f"{path} is in no manual")
+
+    # What the agent learns by a call that names no path: where the manual says so.
+    CALLS = {r"\bgetservbyname\(": "/etc/services", r"\bSIOCGIFHWADDR\b": "hardware address of eth0",
+             r"\blocaltime_r\(": "/etc/localtime", r"\buname\(": "uname(2)",
+             r"\bftok\(": "/opt/qv", r"\bstatvfs\(": "statvfs(3)"}
+    # Calls of this kind that the agent would be new in making.
+    NO_CALLS = (r"\b(getaddrinfo|gethostby\w+|gethostname|getifaddrs|if_nametoindex|getpw\w+|"
+                r"getgr\w+|sysinfo|sysconf|get_nprocs\w*|getloadavg|semget|msgget|getutx?ent|"
+                r"getservbyport|getprotoby\w+|getmntent_r)\(")
+
+    def test_every_call_without_a_path_is_described(self):
+        text = rendered("vexhostd.8")
+        code = "".join(re.sub(r"//.*", "", read(path)) for path in product_sources())
+        for call, described in self.CALLS.items():
+            self.assertRegex(code, call)
+            self.assertIn(described, text)
+        self.assertNotRegex(code, self.NO_CALLS)
 
     def test_every_variable_of_the_environment_is_described(self):
         text = rendered("vexhostd.8")
