@@ -636,6 +636,11 @@ TEST_F(SnmpSideTest, PingIntervalAndTimeout) {
   UnloadSnmp("vexhostd");
   EXPECT_EQ(session.ping_seconds, 15);
   EXPECT_EQ(session.timeout_seconds, 1);
+  // The library refuses it, and what was there before stays.
+  Configure("vexhostd.conf", "agentXPingInterval 0\n");
+  ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
+  UnloadSnmp("vexhostd");
+  EXPECT_EQ(session.ping_seconds, 15);
   Configure("vexhostd.conf", "agentXPingInterval 3\nagentXTimeout 300\n");
   ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
   UnloadSnmp("vexhostd");
