@@ -239,7 +239,12 @@ TEST_F(MainLoop, ATerminationDuringStartUpEndsItAfterwards) {
 }
 
 TEST_F(MainLoop, CommandsOfAHookInheritNoBlockedOrIgnoredSignal) {
-  hooks_.init = [this](int, char **) {
+  int go[2];  // its end: we take the child's status again
+  ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
+  hooks_.init = [this, go](int, char **) {
+    close(go[1]);
+    char byte;
+    EXPECT_EQ(read(go[0], &byte, 1), 0);
     FILE *shell = popen("grep -E '^Sig(Blk|Ign):' /proc/self/status", "r");
     char line[100];
     while (shell != nullptr && fgets(line, sizeof(line), shell) != nullptr) {
@@ -259,6 +264,8 @@ TEST_F(MainLoop, CommandsOfAHookInheritNoBlockedOrIgnoredSignal) {
   Start();
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
   signal(SIGCHLD, SIG_DFL);
+  close(go[0]);
+  close(go[1]);
   EXPECT_EQ(Next(), "SigBlk: 0");
   EXPECT_EQ(Next(), "SigIgn: 0");
   EXPECT_EQ(Next(), "status 0");
