@@ -219,6 +219,9 @@ class BusyHost {
     } else if (outcome == "resourceUnavailable") {
       // A poll that waits for a hung mount or a controller has no time for sets, nor later.
       events_->Add("set-not-now");
+    } else if (outcome == "commitFailed") {
+      // Begun, and not done in time: on a machine that gives the agent no time.
+      events_->Add("set-late");
     } else if (down || down_ || before != epoch_) {
       // Whether it was applied is not known.
       events_->Add("set-cut-off" + trap);
