@@ -427,6 +427,8 @@ TEST_F(Doctor, AgentThatPausesAtItsStart) {
   options.quick_start = false;
   options.wait = false;
   host_.daemon.Start(options);
+  const std::string comm = "/proc/" + std::to_string(host_.daemon.pid()) + "/comm";
+  ASSERT_TRUE(Eventually([&] { return ReadFile(comm) == "vexhostd\n"; }));
   Examine();
   EXPECT_EQ(outcome_.status, 0) << outcome_.out;
   EXPECT_HAS(About("subtree "),
