@@ -119,6 +119,8 @@ class BusyHost {
     options.probe = false;
     options.arguments = {"-p", "1", "-l", kLog};
     host.daemon.Start(options);
+    // The first reading takes its time on a busy machine.
+    EXPECT_TRUE(Eventually([this] { return host.Walk().size() >= 100; }, 60));
   }
 
   // Changes the host until told to stop, then leaves it as it was at first.
