@@ -10,6 +10,7 @@
 
 #include <atomic>
 
+#include "framework/trusted_link.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -23,10 +24,10 @@ constexpr size_t kUsualMessage = 1024;
 std::atomic<int> log_fd{STDERR_FILENO};
 char *log_path;
 
-// Nobody else's link leads us to another file: the directory may be one where others write.
+// The log's directory may be one where others write.
 bool IsOurLink(const char *path) {
   struct stat st;
-  return lstat(path, &st) == 0 && S_ISLNK(st.st_mode) && (st.st_uid == 0 || st.st_uid == geteuid());
+  return lstat(path, &st) == 0 && IsTrustedLink(st);
 }
 
 // O_NONBLOCK: a pipe that nobody reads must not hold us up; what it does not take is lost.

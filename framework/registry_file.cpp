@@ -17,6 +17,7 @@
 
 #include "framework/registry_dir.h"
 #include "framework/registry_format.h"
+#include "framework/trusted_link.h"
 
 namespace vex {
 
@@ -369,7 +370,7 @@ int OpenStep(int parent, const std::string &name, bool create) {
     return -1;
   }
   if (S_ISLNK(st.st_mode)) {
-    if (st.st_uid != 0 && st.st_uid != geteuid()) {
+    if (!IsTrustedLink(st)) {
       errno = ELOOP;
       return -1;
     }
