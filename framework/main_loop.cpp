@@ -249,6 +249,10 @@ void set_poll_time(int seconds) {
   poll_time = seconds < 1 ? 1 : seconds;
 }
 
+int agent_ending(void) {
+  return vex::end_came;
+}
+
 int agent_main(int argc, char **argv) {
   return vex::Guarded(1, [&] { return vex::Run(argc, argv); });
 }

@@ -207,6 +207,11 @@ int is_empty_dir(const char *path);
  * created in the registry is then deleted. */
 int agent_main(int argc, char **argv);
 
+/* Non-zero once the process has been told to end (SIGTERM, SIGINT). Whatever waits or loops in a
+ * hook asks now and then and gives up: the agent ends within a second. A signal also interrupts the
+ * agent thread's calls (EINTR). Agent thread. */
+int agent_ending(void);
+
 /* Writes one formatted message, as it stands, to the log (standard error, or the -l file, when
  * stream is stderr). One write a message; any thread. Returns the number of bytes or -1. */
 int agentlog_fprintf(FILE *stream, const char *format, ...) __attribute__((format(printf, 2, 3)));

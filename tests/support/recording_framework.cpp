@@ -708,6 +708,10 @@ int cfg_trap_state(int value) {
   return rec::Fails("cfg_trap_state", std::to_string(value)) || (value != 0 && value != -1);
 }
 
+int agent_ending(void) {
+  return rec::Fails("agent_ending", "") ? 1 : 0;
+}
+
 int process_linux_cmd(const char *command, char *output, int *length) {
   rec::Record("process_linux_cmd", command, "");
   const int capacity = *length;
