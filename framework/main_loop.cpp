@@ -119,6 +119,9 @@ const char *BaseName(const char *path) {
 
 // What a failed start leaves behind: nothing of ours stays.
 void RemoveDirectory() {
+  if (ClaimRefused()) {
+    return;  // it is another process's
+  }
   const size_t length = strnlen(log_dir, sizeof(log_dir));
   if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/' || is_empty_dir(log_dir) == 0) {
     return;

@@ -46,8 +46,9 @@ enum set_phase { SET_CHECK = 1, SET_APPLY = 2 };
  * value   an int32_t in host order (VAR_INTEGER), NUL-terminated text (VAR_DISPLAY_STRING) or
  *         octets (VAR_OCTET_STRING); owned by the framework, valid during the call only.
  * length  4, the text's length without the NUL, or the number of octets.
- * Returns 0 to accept, -1 to refuse. The framework does not publish on the handler's behalf, but
- * what the data block holds after an accepted apply is what a manager reads next. */
+ * Returns 0 to accept, -1 to refuse. What the data block holds of this variable after an accepted
+ * apply is published, so that managers and siblings read it next; all other variables stay as they
+ * were published. */
 typedef int (*set_handler_fn)(uint8_t phase, struct registry_object *object,
                               struct descriptor *desc, const void *value, int length);
 
@@ -162,13 +163,14 @@ struct registry_object *create_obj(struct queue *registry, int owner, const char
 
 /* Defines the variable of one slot. desc is &object->desc[slot] of an object from create_obj();
  * value points into that object's data block. set_handler may be null. Returns 0, or -1 when slot,
- * size or value do not lie within the object (the slot then stays undefined). */
+ * size or value do not lie within the object (the slot then stays undefined). Defining a variable
+ * of the MIB modules takes no memory; another one's name may lack it (-1, errno ENOMEM). */
 int init_info(int slot, struct descriptor *desc, const char *name, int size, int type, int access,
               int count, void *value, set_handler_fn set_handler);
 
 /* Publishes the object's current values, all at once, to its file and to the SNMP side. Never waits
- * for a disk or for the SNMP thread. Returns 0 once the values are served; a file that cannot be
- * written (a full or read-only disk) is reported once, when that begins, and written again by the
+ * for a disk or for the SNMP thread. Returns 0 once the values are served. What fails (a file on a
+ * full or read-only disk, no memory) is reported once, when that begins, and done again by the
  * framework after each poll until it succeeds. -1 when the object is not a live one. */
 int log_data(struct registry_object *object);
 
@@ -187,6 +189,13 @@ struct registry_object *get_obj(const char *path);
  * object of the agent. The last argument is always 0. Returns 0, or -1 when it is not a live
  * object. */
 int delete_obj(struct queue *registry, struct registry_object *object, int zero);
+
+/* Takes a directory below REGISTRY_ROOT for this process alone, for as long as it lives; makes it
+ * when it is missing. Once, before create_dir() and remove_all_dir(). Waits a second for a holder
+ * that is just ending. Returns 0, also when the directory cannot be made or reached now (the
+ * framework tries again after each poll); -1 with errno when the process must not go on: EBUSY when
+ * another process has it (the log then says which one), EXDEV for a path elsewhere, ENOMEM. */
+int claim_dir(const char *path);
 
 /* Creates a directory below REGISTRY_ROOT and, when parents is 1, what is missing above it (mode
  * 0755). Returns 0 (also when it exists) or -1 with errno. */

@@ -650,6 +650,11 @@ int delete_obj(queue *registry, registry_object *face, int zero) {
   return 0;
 }
 
+int claim_dir(const char *path) {
+  rec::Record("claim_dir", path, "");
+  return rec::Fails("claim_dir", path) ? -1 : 0;
+}
+
 int create_dir(const char *path, int parents) {
   rec::Record("create_dir", path, std::to_string(parents));
   return rec::Fails("create_dir", path) ? -1 : 0;
