@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -596,6 +597,34 @@ TEST_F(Info, ASetIsOnTheDiskBeforeItIsAccepted) {
   EXPECT_EQ(calls, (std::vector<std::string>{
                        "fsync " REGISTRY_ROOT "/.tlxhosystemrole.dat.new",
                        std::string("renameat2 ") + kRoleFile, "fsync " REGISTRY_ROOT}));
+}
+
+// Two hundred kills, each at another moment of one set after the other.
+TEST_F(Info, AKillLeavesTheOldTextOrTheNewOne) {
+  const std::string texts[] = {std::string(512, 'a'), std::string(300, 'b')};
+  rec::PutFile(kDetailFile, texts[0]);
+  ASSERT_EQ(do_info(1), 0);
+  int amid = 0;  // kills that found a set under way
+  for (int kills = 0; kills < 200; kills++) {
+    const pid_t setter = fork();
+    ASSERT_GE(setter, 0);
+    if (setter == 0) {
+      for (int i = 0;; i++) {
+        rec::Set(kObject, kDetail, texts[i % 2]);
+      }
+    }
+    usleep(static_cast<useconds_t>(1000 + 37 * kills));
+    kill(setter, SIGKILL);
+    ASSERT_EQ(waitpid(setter, nullptr, 0), setter);
+    const std::string kept = rec::ReadFile(kDetailFile);
+    ASSERT_TRUE(kept == texts[0] || kept == texts[1]) << kept;
+    amid += Entries().size() > 1;
+  }
+  EXPECT_GT(amid, 0);
+  delete_obj(&obj_Q, nullptr, 0);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kDetail), rec::ReadFile(kDetailFile));
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemroledetail.dat"});
 }
 
 TEST_F(Info, WhatAKilledAgentLeftIsNeverFollowed) {
