@@ -221,10 +221,10 @@ int cleanup_agent(void) {
   delete_obj(&obj_Q, nullptr, 0);
   // Other agents may still have their directories under the root.
   if (is_empty_dir(log_dir)) {
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   }
   if (is_empty_dir(REGISTRY_ROOT)) {
-    rmdir(REGISTRY_ROOT);
+    remove_empty_dir(REGISTRY_ROOT);
   }
   return 0;
 }

@@ -84,6 +84,29 @@ class closing {
   Handle *handle_;
 };
 
+// A descriptor that is closed at the end of its scope. Negative when opening failed.
+class descriptor_handle {
+ public:
+  explicit descriptor_handle(int descriptor) : descriptor_(descriptor) {}
+  ~descriptor_handle() {
+    if (descriptor_ >= 0) {
+      close(descriptor_);
+    }
+  }
+  descriptor_handle(const descriptor_handle &) = delete;
+  descriptor_handle &operator=(const descriptor_handle &) = delete;
+
+  explicit operator bool() const {
+    return descriptor_ >= 0;
+  }
+  int get() const {
+    return descriptor_;
+  }
+
+ private:
+  int descriptor_;
+};
+
 using stream_handle = closing<FILE, fclose>;      // from fopen
 using pipe_handle = closing<FILE, pclose>;        // from popen
 using directory_handle = closing<DIR, closedir>;  // from opendir

@@ -123,12 +123,12 @@ void RemoveDirectory() {
     return;  // it is another process's
   }
   const size_t length = strnlen(log_dir, sizeof(log_dir));
-  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/' || is_empty_dir(log_dir) == 0) {
+  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/') {
     return;
   }
   const auto relative = ResolveDirectoryName(log_dir, RegistryRootPath());
   if (relative && !relative->empty()) {
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   }
 }
 

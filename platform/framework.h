@@ -206,8 +206,19 @@ int create_dir(const char *path, int parents);
  * (also when there is nothing) or -1 with errno. */
 int remove_all_dir(const char *path);
 
-/* Returns non-zero when path is a directory without entries. */
+/* Returns non-zero when path is a directory at or below REGISTRY_ROOT without entries. As with the
+ * next two, no link below the root is followed, and above it only those that root or this user has
+ * made. */
 int is_empty_dir(const char *path);
+
+/* Removes the directory at or below REGISTRY_ROOT when it has no entries. Returns 0, or -1 with
+ * errno. */
+int remove_empty_dir(const char *path);
+
+/* Opens the directory at or below REGISTRY_ROOT for reading. Returns a descriptor that is
+ * close-on-exec and that the caller closes, or -1 with errno: ELOOP for a link that is not followed,
+ * EXDEV for a path outside the registry. */
+int open_dir(const char *path);
 
 /* ---- Process ----------------------------------------------------------------------------- */
 

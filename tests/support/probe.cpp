@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
@@ -14,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -63,6 +65,36 @@ int Read(clockid_t clock, timespec *time) {
   return result;
 }
 
+// Whether this call is one that is to fail.
+bool Faulty(const char *call, const char *path) {
+  if (page == nullptr || page->fault_count <= 0 || strcmp(page->fault_call, call) != 0) {
+    return false;
+  }
+  const size_t length = strlen(path);
+  const size_t end = strnlen(page->fault_path, sizeof(page->fault_path));
+  if (length < end || memcmp(path + length - end, page->fault_path, end) != 0 ||
+      page->fault_count.fetch_sub(1) <= 0) {
+    return false;
+  }
+  errno = page->fault_error;
+  return true;
+}
+
+bool Faulty(const char *call, int descriptor) {
+  if (page == nullptr || page->fault_count <= 0) {
+    return false;
+  }
+  char link[64];
+  snprintf(link, sizeof(link), "/proc/self/fd/%d", descriptor);
+  char path[4096];
+  const long length = syscall(SYS_readlink, link, path, sizeof(path) - 1);
+  if (length < 0) {
+    return false;
+  }
+  path[length] = '\0';
+  return Faulty(call, path);
+}
+
 }  // namespace
 
 #define INTERPOSE extern "C" __attribute__((visibility("default")))
@@ -96,6 +128,36 @@ INTERPOSE int uname(utsname *result) noexcept {
     memcpy(result->machine, page->machine, sizeof(result->machine));
   }
   return outcome;
+}
+
+INTERPOSE int open(const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return Faulty("open", path) ? -1
+                              : static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+INTERPOSE int openat(int directory, const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return Faulty("open", path) ? -1
+                              : static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
+}
+
+INTERPOSE ssize_t read(int descriptor, void *buffer, size_t size) {
+  return Faulty("read", descriptor) ? -1 : syscall(SYS_read, descriptor, buffer, size);
+}
+
+INTERPOSE int fstat(int descriptor, struct stat *result) noexcept {
+  return Faulty("fstat", descriptor) ? -1 : static_cast<int>(syscall(SYS_fstat, descriptor, result));
+}
+
+INTERPOSE int fsync(int descriptor) {
+  return Faulty("fsync", descriptor) ? -1 : static_cast<int>(syscall(SYS_fsync, descriptor));
 }
 
 INTERPOSE unsigned alarm(unsigned seconds) noexcept {

@@ -21,6 +21,12 @@ struct ProbePage {
   std::atomic<uint32_t> card_answers;    // 1: the remote management card's ioctl() succeeds ...
   unsigned char card_reply[80];          // ... with this reply
   std::atomic<uint32_t> refuse_shmat;    // 1: no segment can be attached
+  // Makes the next calls of one kind fail for a path (its end): "open" (openat too), "fstat",
+  // "read" or "fsync". Written before the daemon starts, or while it waits.
+  char fault_call[16];
+  char fault_path[128];
+  std::atomic<int32_t> fault_error;
+  std::atomic<int32_t> fault_count;  // how many more
   // What uname() says of the kernel; an empty release: the machine's own.
   char kernel_release[65];
   char kernel_version[65];

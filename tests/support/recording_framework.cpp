@@ -671,6 +671,19 @@ int is_empty_dir(const char *path) {
   return rec::Fails("is_empty_dir", path) ? 0 : state().objects.empty();
 }
 
+int remove_empty_dir(const char *path) {
+  rec::Record("remove_empty_dir", path, "");
+  return rec::Fails("remove_empty_dir", path) ? -1 : 0;
+}
+
+int open_dir(const char *path) {
+  if (rec::Fails("open_dir", path)) {
+    return -1;
+  }
+  const std::string place = rec::RealPath(std::filesystem::path(path).lexically_normal());
+  return open(place.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
 // ---- Process ------------------------------------------------------------------------------------
 
 int agent_main(int argc, char **argv) {

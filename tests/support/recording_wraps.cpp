@@ -281,6 +281,87 @@ int __wrap_clock_gettime(clockid_t clock, timespec *result) {
   return __real_clock_gettime(clock, result);
 }
 
+// The path of what an open descriptor and a name below it lead to, as the code under test knows it.
+std::string PathBelow(int directory, const char *name) {
+  std::error_code ignored;
+  const std::string at =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), ignored).string();
+  const std::string known = at.starts_with(TheRoot().string() + "/") ? at.substr(TheRoot().string().size()) : at;
+  return name != nullptr ? known + "/" + name : known;
+}
+
+int __real_openat(int directory, const char *name, int flags, ...);
+int __wrap_openat(int directory, const char *name, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return rec::Fails("openat", PathBelow(directory, name))
+             ? -1
+             : __real_openat(directory, name, flags, mode);
+}
+
+ssize_t __real_read(int descriptor, void *buffer, size_t size);
+ssize_t __wrap_read(int descriptor, void *buffer, size_t size) {
+  return rec::Fails("read", PathBelow(descriptor, nullptr)) ? -1
+                                                            : __real_read(descriptor, buffer, size);
+}
+
+ssize_t __real_write(int descriptor, const void *buffer, size_t size);
+ssize_t __wrap_write(int descriptor, const void *buffer, size_t size) {
+  return rec::Fails("write", PathBelow(descriptor, nullptr))
+             ? -1
+             : __real_write(descriptor, buffer, size);
+}
+
+int __real_fstat(int descriptor, struct stat *result);
+int __wrap_fstat(int descriptor, struct stat *result) {
+  return rec::Fails("fstat", PathBelow(descriptor, nullptr)) ? -1
+                                                             : __real_fstat(descriptor, result);
+}
+
+int __real_fchmod(int descriptor, mode_t mode);
+int __wrap_fchmod(int descriptor, mode_t mode) {
+  return rec::Fails("fchmod", PathBelow(descriptor, nullptr)) ? -1
+                                                              : __real_fchmod(descriptor, mode);
+}
+
+int __real_fsync(int descriptor);
+int __wrap_fsync(int descriptor) {
+  const std::string path = PathBelow(descriptor, nullptr);
+  rec::Record("fsync", path);
+  return rec::Fails("fsync", path) ? -1 : __real_fsync(descriptor);
+}
+
+int __real_renameat(int from_directory, const char *from, int to_directory, const char *to);
+int __wrap_renameat(int from_directory, const char *from, int to_directory, const char *to) {
+  const std::string path = PathBelow(to_directory, to);
+  rec::Record("renameat", path);
+  return rec::Fails("renameat", path) ? -1 : __real_renameat(from_directory, from, to_directory, to);
+}
+
+int __real_renameat2(int from_directory, const char *from, int to_directory, const char *to,
+                     unsigned flags);
+int __wrap_renameat2(int from_directory, const char *from, int to_directory, const char *to,
+                     unsigned flags) {
+  const std::string path = PathBelow(to_directory, to);
+  rec::Record("renameat2", path);
+  return rec::Fails("renameat2", path)
+             ? -1
+             : __real_renameat2(from_directory, from, to_directory, to, flags);
+}
+
+int __real_unlinkat(int directory, const char *name, int flags);
+int __wrap_unlinkat(int directory, const char *name, int flags) {
+  return rec::Fails("unlinkat", PathBelow(directory, name)) ? -1
+                                                            : __real_unlinkat(directory, name, flags);
+}
+
+int __wrap_nanosleep(const timespec *pause, timespec *) {
+  rec::Record("nanosleep", std::to_string(pause->tv_sec * 1000 + pause->tv_nsec / 1000000));
+  return 0;
+}
+
 unsigned __wrap_sleep(unsigned seconds) {
   rec::Record("sleep", std::to_string(seconds));
   return 0;
