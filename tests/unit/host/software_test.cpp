@@ -743,7 +743,7 @@ TEST_F(Software, AToolThatHangsIsAskedLessAndLessOften) {
   rec::PassTime(600);
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(Name(4), "glut_amd64");
-  EXPECT_EQ(rec::Messages(), Strings{"do_swver: the package scan came to its end\n"});
+  EXPECT_EQ(rec::Messages().back(), "do_swver: the package scan came to its end\n");
   // From the beginning the next time.
   rec::PutCommandTime(kListing, 1000);
   Rescan();
