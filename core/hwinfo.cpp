@@ -47,7 +47,7 @@ int do_hwinfo() {
   const int32_t platform = read_platform();
   if (platform != 0) {
     reinterpret_cast<hwinfo_block *>(object->data)->platform = platform;
-    log_data(object);
+    publish_once(object);
   }
   return 0;
 }

@@ -36,6 +36,20 @@ constexpr int kOurSignals[] = {SIGALRM, SIGTERM, SIGINT, SIGHUP};
 sigset_t hook_mask;  // none of ours blocked
 sigset_t loop_mask;  // all of ours blocked
 
+// A wait that a hook enters just after it has looked whether the agent is ending would not hear the
+// one signal that said so: from then on a timer interrupts again and again.
+constexpr long kInsistNs = 100'000'000;
+timer_t insisting;
+bool can_insist;
+
+void Insist(bool on) {
+  if (can_insist) {
+    const timespec every = {0, on ? kInsistNs : 0};
+    const itimerspec times = {every, every};
+    timer_settime(insisting, 0, &times, nullptr);
+  }
+}
+
 void Note(int signal) {
   switch (signal) {
     case SIGALRM:
@@ -46,7 +60,10 @@ void Note(int signal) {
       break;
     case SIGTERM:
     case SIGINT:
-      end_came = 1;
+      if (end_came == 0) {
+        end_came = 1;
+        Insist(true);
+      }
       break;
     default:  // SIGPIPE: a write says so too; ignored signals would be inherited by commands
       break;
@@ -65,6 +82,10 @@ void PrepareSignals() {
   action.sa_handler = Note;
   action.sa_flags = SA_RESTART;
   sigfillset(&action.sa_mask);
+  sigevent event = {};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGALRM;
+  can_insist = timer_create(CLOCK_MONOTONIC, &event, &insisting) == 0;
   for (const int signal : kOurSignals) {
     sigaction(signal, &action, nullptr);
   }
@@ -182,19 +203,23 @@ int Run(int argc, char **argv) {
     result = init_agent(static_cast<int>(line.rest.size()) - 1, line.rest.data());
   }
   if (result != 0) {
+    Insist(false);
     alarm(0);
     CloseSets();
     delete_obj(&obj_Q, nullptr, 0);
     RemoveDirectory();
     SnmpStop();
-    return 1;
+    return end_came != 0 ? 0 : 1;  // a start that was told to end has not failed
   }
-  alarm(static_cast<unsigned>(poll_time));
-  RetryFiles();
-  SystemdReady();
-  Loop();
+  if (end_came == 0) {
+    alarm(static_cast<unsigned>(poll_time));
+    RetryFiles();
+    SystemdReady();
+    Loop();
+  }
 
   SystemdStopping();
+  Insist(false);
   alarm(0);
   CloseSets();
   {

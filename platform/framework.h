@@ -228,8 +228,9 @@ int open_dir(const char *path);
 int agent_main(int argc, char **argv);
 
 /* Non-zero once the process has been told to end (SIGTERM, SIGINT). Whatever waits or loops in a
- * hook asks now and then and gives up: the agent ends within a second. A signal also interrupts the
- * agent thread's calls (EINTR). Agent thread. */
+ * hook asks now and then and gives up: the agent ends within a second. From then on the agent
+ * thread's calls that can be interrupted are interrupted (EINTR) ten times a second, so that a wait
+ * that began just after the question is left as well. Agent thread. */
 int agent_ending(void);
 
 /* Writes one formatted message, as it stands, to the log (standard error, or the -l file, when
@@ -244,11 +245,26 @@ void set_poll_time(int seconds);
 int cfg_set_state(int value);
 int cfg_trap_state(int value);
 
-/* Runs a shell command line and waits for it. On entry *length is the capacity of output; on return
- * the bytes stored, always followed by a NUL within the capacity. Output beyond it is read and
- * dropped. Ends when the shell has ended, also when a process it left behind still holds its
- * output. A command that takes over two minutes is killed. Returns the command's exit status, or -1
- * when it could not be run or was killed. */
+/* Why a command has no exit status. */
+enum command_end {
+  COMMAND_NOT_RUN = -1,     /* it could not be started */
+  COMMAND_TIMED_OUT = -2,   /* it ran out of time and was killed */
+  COMMAND_AGENT_ENDING = -3 /* the agent is to end: it was killed, or not started */
+};
+
+/* Runs a shell command line (by /bin/sh -c, in a process group of its own, without input) for at
+ * most limit_ms milliseconds, and not beyond the agent's end: what is running then is killed with
+ * its group. Stores at most size - 1 bytes of its standard output and a NUL in output, and their
+ * number in *length; output beyond that is read and dropped. Ends when the shell has ended, also
+ * when a process it left behind still holds its output. What it says on its standard error, that it
+ * ran out of time, or that it could not be started is logged once, with the command, until it
+ * changes. Returns the exit status (128 and the number of the signal that ended the shell), or an
+ * enum command_end. */
+int run_command(const char *command, int limit_ms, char *output, size_t size, size_t *length);
+
+/* The same with a limit of two minutes. On entry *length is the capacity of output; on return the
+ * bytes stored, always followed by a NUL within the capacity. Returns the command's exit status, or
+ * -1 when it could not be run or was killed. */
 int process_linux_cmd(const char *command, char *output, int *length);
 
 /* ---- SNMP -------------------------------------------------------------------------------- */

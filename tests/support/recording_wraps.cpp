@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,7 +82,7 @@ std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
 std::map<std::string, int> services;
 std::optional<utsname> made_up_system;
-std::map<FILE *, std::pair<FILE *, int>> pipes;  // made-up pipes: their exit status
+int64_t passed_ns;  // by PassTime()
 
 }  // namespace
 
@@ -138,6 +137,10 @@ void PutSystem(const utsname &made_up) {
 
 void SetTime(time_t when) {
   now = when;
+}
+
+void PassTime(double seconds) {
+  passed_ns += static_cast<int64_t>(seconds * 1e9);
 }
 
 }  // namespace rec
@@ -232,37 +235,6 @@ int __wrap_glob(const char *pattern, int flags, int (*error)(const char *, int),
   return status;
 }
 
-FILE *__real_popen(const char *command, const char *mode);
-FILE *__wrap_popen(const char *command, const char *) {
-  rec::Record("popen", command);
-  if (rec::Fails("popen", command)) {
-    return nullptr;
-  }
-  const auto *known = rec::FindCommand(command);
-  FILE *file = tmpfile();
-  if (file != nullptr) {
-    if (known != nullptr) {
-      fwrite(known->first.data(), 1, known->first.size(), file);
-    }
-    rewind(file);
-    pipes[file] = {file, known != nullptr ? known->second : 127};
-  }
-  return file;
-}
-
-int __real_pclose(FILE *pipe);
-int __wrap_pclose(FILE *pipe) {
-  rec::Record("pclose", "");
-  const auto found = pipes.find(pipe);
-  if (found == pipes.end()) {
-    return __real_pclose(pipe);
-  }
-  const int status = found->second.second;
-  pipes.erase(found);
-  fclose(pipe);
-  return W_EXITCODE(status, 0);
-}
-
 time_t __real_time(time_t *result);
 time_t __wrap_time(time_t *result) {
   const time_t value = now ? *now : __real_time(nullptr);
@@ -278,7 +250,13 @@ int __wrap_clock_gettime(clockid_t clock, timespec *result) {
     *result = {*now, 0};
     return 0;
   }
-  return __real_clock_gettime(clock, result);
+  const int status = __real_clock_gettime(clock, result);
+  if (status == 0 && clock == CLOCK_MONOTONIC) {
+    const int64_t ns = result->tv_nsec + passed_ns;
+    result->tv_sec += ns / 1'000'000'000;
+    result->tv_nsec = ns % 1'000'000'000;
+  }
+  return status;
 }
 
 // The path of what an open descriptor and a name below it lead to, as the code under test knows it.
