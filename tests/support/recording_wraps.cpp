@@ -17,6 +17,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -79,6 +80,41 @@ std::string Place(const std::string &path) {
 }
 
 std::optional<time_t> now;
+std::optional<time_t> since_boot;
+struct BrokenReads {
+  int times;
+  size_t after;
+};
+std::map<std::string, BrokenReads> broken_reads;
+
+// What is left of a file before a read of it fails.
+ssize_t ReadAndFail(void *cookie, char *buffer, size_t size) {
+  std::string &rest = *static_cast<std::string *>(cookie);
+  if (rest.empty()) {
+    errno = EIO;
+    return -1;
+  }
+  const size_t n = std::min(size, rest.size());
+  memcpy(buffer, rest.data(), n);
+  rest.erase(0, n);
+  return static_cast<ssize_t>(n);
+}
+
+// Null for a path of which no read fails now.
+FILE *BrokenStream(const std::string &path) {
+  const auto found = broken_reads.find(path);
+  if (found == broken_reads.end() || found->second.times == 0) {
+    return nullptr;
+  }
+  found->second.times--;
+  const cookie_io_functions_t functions = {ReadAndFail, nullptr, nullptr, [](void *cookie) {
+                                             delete static_cast<std::string *>(cookie);
+                                             return 0;
+                                           }};
+  return fopencookie(new std::string(rec::ReadFile(path).substr(0, found->second.after)), "r",
+                     functions);
+}
+
 std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
 std::map<std::string, int> services;
@@ -136,8 +172,16 @@ void PutSystem(const utsname &made_up) {
   made_up_system = made_up;
 }
 
+void BreakReads(const std::string &path, int times, size_t after) {
+  broken_reads[path] = {times, after};
+}
+
 void SetTime(time_t when) {
   now = when;
+}
+
+void SetBootTime(time_t when) {
+  since_boot = when;
 }
 
 }  // namespace rec
@@ -146,13 +190,20 @@ extern "C" {
 
 FILE *__real_fopen(const char *path, const char *mode);
 FILE *__wrap_fopen(const char *path, const char *mode) {
-  return rec::Fails("fopen", path) ? nullptr : __real_fopen(rec::RealPath(path).c_str(), mode);
+  if (rec::Fails("fopen", path)) {
+    return nullptr;
+  }
+  FILE *broken = BrokenStream(path);
+  return broken != nullptr ? broken : __real_fopen(rec::RealPath(path).c_str(), mode);
 }
 
 FILE *__real_setmntent(const char *path, const char *mode);
 FILE *__wrap_setmntent(const char *path, const char *mode) {
-  return rec::Fails("setmntent", path) ? nullptr
-                                       : __real_setmntent(rec::RealPath(path).c_str(), mode);
+  if (rec::Fails("setmntent", path)) {
+    return nullptr;
+  }
+  FILE *broken = BrokenStream(path);
+  return broken != nullptr ? broken : __real_setmntent(rec::RealPath(path).c_str(), mode);
 }
 
 int __real_open(const char *path, int flags, ...);
@@ -276,6 +327,10 @@ int __real_clock_gettime(clockid_t clock, timespec *result);
 int __wrap_clock_gettime(clockid_t clock, timespec *result) {
   if (now && clock == CLOCK_REALTIME) {
     *result = {*now, 0};
+    return 0;
+  }
+  if (since_boot && clock == CLOCK_BOOTTIME) {
+    *result = {*since_boot, 0};
     return 0;
   }
   return __real_clock_gettime(clock, result);
