@@ -32,8 +32,8 @@ static int32_t read_platform() {
     return 0;
   }
   if (length < sizeof(value)) {
-    agentlog_fprintf(stderr, "%s: EV %s has %u bytes of the %u that are needed, taken as absent\n",
-                     agent, platform_ev, static_cast<unsigned>(length), platform_ev_size);
+    agentlog_fprintf(stderr, "EV %s: %u bytes of the %u that are needed, taken as absent\n",
+                     platform_ev, static_cast<unsigned>(length), platform_ev_size);
     return 0;
   }
   return value[platform_ev_size - 1] != 0 ? PLATFORM_MARKED : PLATFORM_PLAIN;

@@ -19,8 +19,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "framework/log.h"
-
 namespace vex {
 namespace {
 
@@ -232,7 +230,6 @@ struct MountAsker::State {
   void AskBetweenPasses();
   size_t Outstanding() const;
   int StartChild(Batch *batch, const char *path);
-  void LeaveAlone(std::list<Child>::iterator child, const char *path);
   void GiveUp(Batch *batch);
   void Wait();
   void Run(Batch *batch);
@@ -289,7 +286,7 @@ mount_stats MountAsker::State::Outcome(Mounts::iterator mount) {
       return NoFigures(MOUNT_STILL_SILENT, ETIMEDOUT);
     }
     if (!it.late_told) {
-      agentlog_fprintf(stderr, "%s: Info: mount %s answered after %.1f seconds; %s\n", AgentName(),
+      agentlog_fprintf(stderr, "Info: mount %s answered after %.1f seconds; %s\n",
                        Printable(mount->first).c_str(), static_cast<double>(it.answer.took) / 1e9,
                        "asked between polls until it is quick again");
       it.late_told = true;
@@ -333,7 +330,7 @@ bool MountAsker::State::MayAsk(const char *path, mount_stats *result) {
   }
   if (it.child == 0 && it.has_answer && it.answer.took < Nanoseconds(settings.quick)) {
     if (it.late_told) {
-      agentlog_fprintf(stderr, "%s: Info: mount %s answers quickly again\n", AgentName(),
+      agentlog_fprintf(stderr, "Info: mount %s answers quickly again\n",
                        Printable(mount->first).c_str());
     }
     known.erase(mount);
@@ -458,21 +455,13 @@ int MountAsker::State::StartChild(Batch *batch, const char *path) {
   return 0;
 }
 
-// The child goes on asking this path by itself; null when nobody wants the answer.
-void MountAsker::State::LeaveAlone(std::list<Child>::iterator child, const char *path) {
-  if (path != nullptr) {
-    child->path = path;
-  }
-  alone.splice(alone.end(), working, child);
-}
-
 // Ends the batch before its time.
 void MountAsker::State::GiveUp(Batch *batch) {
   batch->Next() = batch->ask.size();  // for children that are between two mounts
-  while (!working.empty()) {
-    kill(working.front().pid, SIGKILL);
-    LeaveAlone(working.begin(), nullptr);
+  for (const Child &child : working) {
+    kill(child.pid, SIGKILL);
   }
+  alone.splice(alone.end(), working);
 }
 
 // Until a child ends, at most for as long as a child is given before another one starts.
@@ -513,8 +502,10 @@ void MountAsker::State::Run(Batch *batch) {
       } else {
         const auto where = static_cast<size_t>(at);
         const char *path = batch->paths[batch->ask[where]];
+        // First what may run out of memory: the path is how its answer is found.
+        child->path = path;
         Silent(path, child->pid, &answers[where].stats);
-        LeaveAlone(child, path);
+        alone.splice(alone.end(), working, child);
       }
       child = next;
     }

@@ -119,8 +119,8 @@ int update_component_versions() {
     uint32_t length = version_ev_size;
     read_result = get_ev(version_ev, versions, &length);
     if (read_result == 0 && length < version_ev_size) {
-      agentlog_fprintf(stderr, "%s: EV %s has %u of %u bytes, what is missing counts as zero\n",
-                       agent, version_ev, static_cast<unsigned>(length), version_ev_size);
+      agentlog_fprintf(stderr, "EV %s: %u of %u bytes, what is missing counts as zero\n",
+                       version_ev, static_cast<unsigned>(length), version_ev_size);
     }
   }
   if (read_result != 0) {

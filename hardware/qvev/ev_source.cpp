@@ -134,7 +134,8 @@ int64_t TryToRead(const std::string &path, size_t skip, void *buffer, size_t len
   }
   // efivarfs gives a whole variable to one read, and nothing to a second: no seeking.
   char value[kAttributes + kLongestValue + 1];
-  const size_t most = length < kLongestValue ? length : kLongestValue;
+  const size_t room = sizeof(value) - 1 - skip;
+  const size_t most = length < room ? length : room;
   const int64_t got = ReadSome(file.Descriptor(), value, skip + most + 1);
   if (got < 0) {
     *problem = path + ": " + strerror(errno);

@@ -404,7 +404,7 @@ TEST(HangingMounts, OneAmongOthers) {
   // And hangs again, which is news again.
   ASSERT_TRUE(Eventually([&] {
     EXPECT_TRUE(host.daemon.Poll());
-    return host.daemon.Count("vexhostd: Info: mount /mnt/hang answers quickly again") == 1;
+    return host.daemon.Count("Info: mount /mnt/hang answers quickly again") == 1;
   }));
   hang.Hang();
   ASSERT_TRUE(host.daemon.Poll());
@@ -533,7 +533,7 @@ TEST(SlowMounts, ALateAnswerIsTakenOverByTheNextPoll) {
   EXPECT_LT(TimedPoll(host), 1.9);
   EXPECT_EQ(host.Get("tlxHoFileSysDesc.0"), "STRING: \"s on /mnt/slow\"");
   EXPECT_EQ(host.Get("tlxHoFileSysSpaceUsed.0"), "INTEGER: 40");
-  EXPECT_EQ(host.daemon.Count("vexhostd: Info: mount /mnt/slow answered after "), 1U);
+  EXPECT_EQ(host.daemon.Count("Info: mount /mnt/slow answered after "), 1U);
 }
 
 TEST(SlowMounts, OnceKnownTheyDelayNothing) {
@@ -585,7 +585,7 @@ TEST(SlowMounts, QuickAgain) {
   host.File("/etc/mtab", Entry("s", "/mnt/slow"));
   host.Start();
   slow.Delay(0s);
-  const std::string quick = "vexhostd: Info: mount /mnt/slow answers quickly again";
+  const std::string quick = "Info: mount /mnt/slow answers quickly again";
   ASSERT_TRUE(Eventually([&] {
     EXPECT_TRUE(host.daemon.Poll());
     return host.daemon.Count(quick) == 1;

@@ -48,10 +48,10 @@ TEST(HardwareInfo, AnEvOfTheWrongSizeIsOneLine) {
   host.Start();
   EXPECT_EQ(host.Get(kVariable), kNone);
   ASSERT_TRUE(host.daemon.Poll());
-  EXPECT_EQ(host.daemon.LinesWith("EV "),
-            (std::vector<std::string>{
-                "vexhostd: EV ZTHUV has 100 of 136 bytes, what is missing counts as zero",
-                "vexhostd: EV ZTHRN4 has 4 bytes of the 5 that are needed, taken as absent"}));
+  EXPECT_EQ(
+      host.daemon.LinesWith("EV "),
+      (std::vector<std::string>{"EV ZTHUV: 100 of 136 bytes, what is missing counts as zero",
+                                "EV ZTHRN4: 4 bytes of the 5 that are needed, taken as absent"}));
 }
 
 TEST(HardwareInfo, ALongEvIsReadInPartWithOneLine) {

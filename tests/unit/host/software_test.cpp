@@ -430,8 +430,7 @@ TEST_F(Software, AShortEvIsZeroBeyondItsEnd) {
   EXPECT_EQ(Version(1), "0.0");
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(rec::Messages(),
-            std::vector<std::string>{
-                "vexhostd: EV ZTHUV has 5 of 136 bytes, what is missing counts as zero\n"});
+            std::vector<std::string>{"EV ZTHUV: 5 of 136 bytes, what is missing counts as zero\n"});
 }
 
 TEST_F(Software, ARowRenamedToOptionRomkitGetsItsVersion) {
