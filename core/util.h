@@ -156,6 +156,12 @@ class freeing {
   T *operator->() const {
     return memory_;
   }
+  // Gives the memory to the caller, who frees it.
+  T *release() {
+    T *memory = memory_;
+    memory_ = nullptr;
+    return memory;
+  }
 
  private:
   T *memory_;

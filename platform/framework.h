@@ -302,8 +302,8 @@ int cleanup_snmp_connection(void);
 enum mount_state {
   MOUNT_ANSWERED = 0,    /* the figures are valid */
   MOUNT_FAILED = 1,      /* statvfs(3) failed with `error` */
-  MOUNT_SILENT = 2,      /* no answer within two seconds, at this call for the first time */
-  MOUNT_STILL_SILENT = 3 /* silent since an earlier call */
+  MOUNT_SILENT = 2,      /* no answer in time, at this call for the first time */
+  MOUNT_STILL_SILENT = 3 /* no answer yet; said earlier, or the mount is known to be slow */
 };
 
 /* The figures of statvfs(3), 64 bits wide, as far as they are used. */
@@ -318,24 +318,29 @@ struct mount_stats {
 };
 
 /* Asks every one of the mounts at these paths, all in one go, and stores one result for each.
- * A mount that does not answer within two seconds counts as silent; it is not asked again before
- * its outstanding call has come back, unless a call in between did not list its path (it was
- * unmounted). However many fall silent at once delay the caller by little more than two seconds,
- * and not at all afterwards. With 256 calls outstanding, mounts that could not be asked for that
- * reason count as silent.
- * The calls are made by children of the framework that can be abandoned, so that a process whose
- * mounts hang still ends at once. Returns 0, or -1 with errno when there is no memory. */
+ * A mount that does not answer within two seconds counts as silent. What it answers later is the
+ * next call's result, and a mount whose last answer took more than a second is asked between two
+ * calls: its result is then the last answer, or MOUNT_STILL_SILENT while there is none; MOUNT_SILENT
+ * once that has lasted half a minute. It is not asked again before its outstanding call has come
+ * back, unless a call in between did not list its path (it was unmounted). An answer within half a
+ * second ends this. The log says when it begins to answer late and when it is quick again.
+ * However many fall silent at once delay the caller by little more than two seconds, and not at all
+ * afterwards; once the process is to end (agent_ending()), nobody is waited for. With 256 calls
+ * outstanding, mounts that could not be asked for that reason count as silent.
+ * The calls are made by children of the framework that can be left behind, so that a process whose
+ * mounts hang still ends at once. Agent thread. Returns 0, or -1 with errno when there is no
+ * memory. */
 int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results);
 
 /* ---- The machine ------------------------------------------------------------------------- */
 
-/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and no line of it is broken. Read
- * once a process. */
+/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and each line of it is an assignment,
+ * a comment or blank. Read once a process. */
 int is_appliance(void);
 
 /* An appliance datum by key; owned by the framework. "ProductID" points to an int32_t, the others
- * to text; null when missing ("ProductID" is always supplied on an appliance: 0 when it has
- * none).*/
+ * to text; null when missing ("ProductID" is always supplied on an appliance: 0 when it has none,
+ * or one that is no number). */
 const void *get_appliance_data(const char *key);
 
 /* Identifies the Linux distribution from os-release(5). distroid_init() returns 0, or -1 when
