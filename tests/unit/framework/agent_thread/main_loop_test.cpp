@@ -642,11 +642,11 @@ TEST_F(MainLoop, CommunityRevisionsAndQueries) {
     for (const char *address : {"localhost", "127.0.0.1", "127.0.0.1"}) {
       Say(address + (" " + std::to_string(init_snmp_connection(address))));
     }
-    snmp.query_value = 77;
+    snmp.answer.value = 77;
     const int good = get_one_snmp_integer_from_api("enterprises.1", &value, &status);
     Say(std::to_string(good) + " " + std::to_string(value) + " " + std::to_string(status) + " " +
         snmp.queried);
-    snmp.query_result = -1;
+    snmp.answer.value.reset();
     const int bad = get_one_snmp_integer_from_api("enterprises.2", &value, nullptr);
     Say(std::to_string(bad) + " " + std::to_string(value));
     for (int i = 0; i < 2; i++) {
