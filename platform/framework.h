@@ -224,7 +224,8 @@ int open_dir(const char *path);
 
 /* The process's main loop. Sets `agent`, takes -l FILE out of the arguments, calls the hooks, and
  * returns the exit status: 0 after SIGTERM or SIGINT, 1 when init_agent() failed; what it had
- * created in the registry is then deleted. */
+ * created in the registry is then deleted. 1 also when the SNMP side could not be started or has
+ * ended, which is logged: the hooks are then called as for an ordinary end. */
 int agent_main(int argc, char **argv);
 
 /* Non-zero once the process has been told to end (SIGTERM, SIGINT). Whatever waits or loops in a
@@ -270,7 +271,8 @@ int process_linux_cmd(const char *command, char *output, int *length);
 /* ---- SNMP -------------------------------------------------------------------------------- */
 
 /* Names the application for the SNMP library, reads its configuration and connects to the master
- * agent (in the background; its absence is no error). Returns 0 or -1. */
+ * agent (in the background; its absence is no error). Returns 0, or -1: unless an argument is wrong
+ * or the process is ending, agent_main() then ends it with status 1. */
 int init_snmp_appname(const char *name);
 
 /* Stores the SNMP community, allocated (the caller frees), in *community and returns it; null when
@@ -288,10 +290,14 @@ int get_mib_major_revision(int group);
 int get_mib_minor_revision(int group);
 
 /* A query to the SNMP agent at an IPv4 address (port 161, SNMPv2c, the configured community): open,
- * read integers, close. One connection at a time. init returns 0 or -1.
+ * read integers, close. One connection at a time. init returns 0, or -1, also without a community.
  * get: oid is numeric or begins with "enterprises."; stores the value and, when status is not null,
- * the SNMP error status (0 with an exception such as noSuchObject). Waits at most two seconds.
- * Returns 0 with a value of an integer type, otherwise -1 with *value untouched. */
+ * the SNMP error status (0 with an exception such as noSuchObject). Returns 0 with a value of an
+ * integer type, otherwise -1 with *value untouched.
+ * Waits at most two seconds, which is also what all queries of one hook have together. After one
+ * that was not answered the others of that hook fail at once; while the agent there stays silent,
+ * the first one of a hook waits a quarter of a second, and once a minute two seconds. The end of the
+ * process ends every wait. */
 int init_snmp_connection(const char *address);
 int get_one_snmp_integer_from_api(const char *oid, int32_t *value, int *status);
 int cleanup_snmp_connection(void);
