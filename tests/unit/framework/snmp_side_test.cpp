@@ -274,6 +274,18 @@ TEST_F(SnmpSideTest, StopsBesideAMasterThatDoesNotAnswer) {
   EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
 }
 
+TEST_F(SnmpSideTest, StopsBesideAMasterThatFreezesWithASessionAndNotifications) {
+  StartWithMaster();  // which answers nothing from now on
+  for (uint32_t i = 0; i < 40; i++) {
+    Notification notification;
+    notification.number = i;
+    SnmpNotify(std::move(notification));
+  }
+  auto start = steady_clock::now();
+  SnmpStop();
+  EXPECT_LT(steady_clock::now() - start, milliseconds(900));
+}
+
 TEST_F(SnmpSideTest, StopsWithoutAMasterAndStartsAgain) {
   Start();
   SnmpStop();
