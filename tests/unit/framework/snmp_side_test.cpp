@@ -644,17 +644,17 @@ TEST_F(SnmpSideTest, OwnTokens) {
 TEST_F(SnmpSideTest, PingIntervalAndTimeout) {
   SnmpSettings settings;
   AgentxSession::Settings session;
-  ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
+  ASSERT_NO_THROW(LoadSnmpConfiguration("vexhostd", &settings, &session));
   UnloadSnmp("vexhostd");
   EXPECT_EQ(session.ping_seconds, 15);
   EXPECT_EQ(session.timeout_seconds, 1);
   // The library refuses it, and what was there before stays.
   Configure("vexhostd.conf", "agentXPingInterval 0\n");
-  ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
+  ASSERT_NO_THROW(LoadSnmpConfiguration("vexhostd", &settings, &session));
   UnloadSnmp("vexhostd");
   EXPECT_EQ(session.ping_seconds, 15);
   Configure("vexhostd.conf", "agentXPingInterval 3\nagentXTimeout 300\n");
-  ASSERT_EQ(LoadSnmpConfiguration("vexhostd", &settings, &session), 0);
+  ASSERT_NO_THROW(LoadSnmpConfiguration("vexhostd", &settings, &session));
   UnloadSnmp("vexhostd");
   EXPECT_EQ(session.ping_seconds, 3);
   EXPECT_EQ(session.timeout_seconds, 255);  // one octet in the Open PDU
