@@ -196,8 +196,7 @@ int AgentxSession::CheckPacket(u_char *bytes, size_t length) {
   return whole;
 }
 
-int AgentxSession::Parse(netsnmp_session *session, netsnmp_pdu *pdu, u_char *bytes,
-                         size_t length) {
+int AgentxSession::Parse(netsnmp_session *session, netsnmp_pdu *pdu, u_char *bytes, size_t length) {
   const int result = agentx_parse(session, pdu, bytes, length);
   if (result != SNMP_ERR_NOERROR) {
     return result;
@@ -445,6 +444,7 @@ void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
 void AgentxSession::Ping() {
   netsnmp_pdu *pdu = NewPdu(kAgentxPing);
   if (pdu == nullptr) {
+    next_ping_ = Clock::now() + kFirstRefusalRetry;
     return;
   }
   ping_unanswered_ = true;

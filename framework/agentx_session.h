@@ -70,7 +70,7 @@ class AgentxSession {
     std::function<void(netsnmp_pdu *)> request;  // Get, GetNext, GetBulk and the four of a set
     // One of them came and could not be read, for want of memory or because it is malformed.
     std::function<void(const PacketHeader &)> unread;
-    std::function<void()> open;                  // the registrations follow
+    std::function<void()> open;  // the registrations follow
     std::function<void()> down;  // also before the master's answers to what was sent came
   };
 

@@ -2,8 +2,8 @@
 #ifndef VEX_FRAMEWORK_NOTIFICATIONS_H
 #define VEX_FRAMEWORK_NOTIFICATIONS_H
 
-#include <cstddef>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <mutex>

@@ -72,8 +72,7 @@ std::optional<int32_t> Ask(const char *oid, int *status) {
   if (allowed <= QueryPatience::Clock::duration::zero() || agent_ending() != 0) {
     return std::nullopt;
   }
-  const SnmpAnswer answer =
-      SnmpQueryInteger(QueryAddress(), Settings().community, oid, allowed);
+  const SnmpAnswer answer = SnmpQueryInteger(QueryAddress(), Settings().community, oid, allowed);
   patience.Ended(oid, answer.end, asked, allowed, QueryPatience::Clock::now());
   if (answer.end == QueryEnd::kAnswered && status != nullptr) {
     *status = answer.status;

@@ -34,6 +34,7 @@ constexpr int kLongestPollInterval = 60;  // seconds
 struct Read {
   int poll_interval = 0;
   std::string community;  // of the application's own file
+  std::string failed;     // a file that could not be opened, and why
   std::vector<std::pair<std::string, std::string>> master_lines;
 };
 Read files;
@@ -118,11 +119,24 @@ bool AboutAnothersToken(const char *message) {
   return true;
 }
 
+// Notes the file when the message is the library's about one that it could not open for a reason
+// that may pass ("PATH: REASON"): without it the configuration would be another one.
+void NoteFailure(const char *message) {
+  std::string_view text = message;
+  text = text.substr(0, text.find('\n'));
+  for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO}) {
+    if (text.ends_with(std::string(".conf: ") + strerror(error))) {
+      files.failed = text;
+    }
+  }
+}
+
 int Log(int, int, void *message, void *) {
   const auto *entry = static_cast<const snmp_log_message *>(message);
   try {
     if (entry != nullptr && entry->msg != nullptr && entry->priority <= LOG_INFO &&
         !AboutAnothersToken(entry->msg)) {
+      NoteFailure(entry->msg);
       size_t length = strlen(entry->msg);
       agentlog_fprintf(stderr, "%s%s", entry->msg,
                        length > 0 && entry->msg[length - 1] == '\n' ? "" : "\n");
@@ -185,6 +199,7 @@ SnmpFiles ReadSnmpFiles(const std::string &application) {
   SnmpFiles read;
   read.poll_interval = files.poll_interval;
   read.master_lines = files.master_lines;
+  read.failed = files.failed;
   const char *common = netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_COMMUNITY);
   if (!files.community.empty()) {
     read.community = files.community;

@@ -17,6 +17,8 @@ struct SnmpFiles {
   CommunitySource source = CommunitySource::kNone;  // and which of them it was
   // Token and rest of the lines of snmpd.conf that give a community.
   std::vector<std::pair<std::string, std::string>> master_lines;
+  // A file that is there and could not be read, this time, and why; "" when there was none.
+  std::string failed;
 };
 
 // Before the library is initialised: it logs through agentlog_fprintf() and keeps nothing on disk.

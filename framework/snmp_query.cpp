@@ -111,7 +111,7 @@ int SnmpQueries::Answered(int operation, netsnmp_session *, int, netsnmp_pdu *pd
     query.has_status = true;
     query.status = static_cast<int>(pdu->errstat);
     const netsnmp_variable_list *variable = pdu->variables;
-    if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr && query.next) {
+    if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr) {
       try {
         query.name.assign(variable->name, variable->name + variable->name_length);
       } catch (const std::exception &) {

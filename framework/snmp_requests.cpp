@@ -267,8 +267,8 @@ void SnmpRequests::TryHandle(AgentxSession *session, const netsnmp_pdu *request,
   }
 }
 
-// Sends the variables of an answer, or, when some are missing or it does not fit into a packet, that
-// there is none.
+// Sends the variables of an answer, or, when some are missing or it does not fit into a packet,
+// that there is none.
 void SnmpRequests::Reply(AgentxSession *session, const netsnmp_pdu *request, netsnmp_pdu *with,
                          bool complete) {
   ShortAnswer instead = {request->transid, request->reqid, static_cast<int>(request->flags),
@@ -599,7 +599,8 @@ void SnmpRequests::Work(AgentxSession *session) {
 }
 
 SnmpRequests::Clock::time_point SnmpRequests::NextDue() const {
-  Clock::time_point due = owed_count_ > 0 ? Clock::now() + kPayAgainAfter : Clock::time_point::max();
+  Clock::time_point due =
+      owed_count_ > 0 ? Clock::now() + kPayAgainAfter : Clock::time_point::max();
   for (const auto &[id, set] : sets_) {
     bool waiting = false;
     for (const Phase &phase : set.tests) {

@@ -40,10 +40,10 @@ using Clock = std::chrono::steady_clock;
 // looking on for a moment makes a walk take half as long.
 constexpr std::chrono::microseconds kLookOn{75};
 constexpr std::chrono::milliseconds kLongestLookOn{2};  // then the rest has its turn
-constexpr std::chrono::milliseconds kEndingSlice{50};  // of a wait that the agent's end cuts short
+constexpr std::chrono::milliseconds kEndingSlice{50};   // of a wait that the agent's end cuts short
 constexpr std::chrono::minutes kStartPatience{1};
-// An agent that was told to end has a second in all. The thread's last notifications and its goodbye
-// to the master have their part of it, and what the libraries do then has the rest.
+// An agent that was told to end has a second in all. The thread's last notifications and its
+// goodbye to the master have their part of it, and what the libraries do then has the rest.
 constexpr std::chrono::milliseconds kLastNotifications{300};
 constexpr std::chrono::milliseconds kGoodbye{450};
 constexpr std::chrono::milliseconds kStopPatience{800};
@@ -165,7 +165,7 @@ class Loop {
   void Try(Function function) noexcept {
     try {
       function();
-    } catch (const std::exception &) {
+    } catch (...) {
       short_of_memory_ = true;
     }
   }
@@ -277,8 +277,8 @@ class Loop {
     std::chrono::nanoseconds patience{0};
     if (now >= look_on_until_) {
       Clock::time_point due = now + kLongestSleep;
-      due = std::min({due, session_.NextDue(), requests_.NextDue(), queries_.NextDue(),
-                      sender_.NextDue()});
+      due = std::min(
+          {due, session_.NextDue(), requests_.NextDue(), queries_.NextDue(), sender_.NextDue()});
       if (Side().tick.load() != nullptr) {
         due = std::min(due, next_tick_);
       }
@@ -335,7 +335,7 @@ class Loop {
       queries_.Start(query);
     }
     Try([this] { queries_.Work(); });
-    Tick();
+    Try([this] { Tick(); });
   }
 
   void Tick() {
@@ -382,10 +382,7 @@ constexpr char kHasEnded[] = "The SNMP side has ended";
 void RunThread(Starting &starting, bool *begun) {
   Shared &side = Side();
   AgentxSession::Settings session;
-  if (LoadSnmpConfiguration(starting.application, &starting.settings, &session) != 0) {
-    Fail(kCannotStart, "the SNMP library");
-    return;
-  }
+  LoadSnmpConfiguration(starting.application, &starting.settings, &session);
   {
     Loop loop(std::move(session));
     {
@@ -544,8 +541,8 @@ void SnmpPublish(std::shared_ptr<const Image> image) {
   Shared &side = Side();
   const uint64_t id = image->object_id;
   std::lock_guard lock(side.images_mutex);
-  Shared::Published &entry = side.images.try_emplace(id, Shared::Published{id, nullptr})
-                                 .first->second;
+  Shared::Published &entry =
+      side.images.try_emplace(id, Shared::Published{id, nullptr}).first->second;
   entry.image.swap(image);  // the one before is released after the lock
   Enqueue(&entry);
 }

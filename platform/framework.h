@@ -296,8 +296,8 @@ int get_mib_minor_revision(int group);
  * integer type, otherwise -1 with *value untouched.
  * Waits at most two seconds, which is also what all queries of one hook have together. After one
  * that was not answered the others of that hook fail at once; while the agent there stays silent,
- * the first one of a hook waits a quarter of a second, and once a minute two seconds. The end of the
- * process ends every wait. */
+ * the first one of a hook waits a quarter of a second, and once a minute two seconds. The end of
+ * the process ends every wait. */
 int init_snmp_connection(const char *address);
 int get_one_snmp_integer_from_api(const char *oid, int32_t *value, int *status);
 int cleanup_snmp_connection(void);

@@ -75,8 +75,8 @@ TEST(Queries, AFrozenSnmpdIsAskedOnceAPollAndFoundAgain) {
   MadeUpHost host;
   SnmpdOptions options;
   options.all_modules = true;
-  for (const char *oid : {"18.1.1.0", "18.1.2.0", "18.1.3.0", "172.1.1.0", "172.1.2.0",
-                          "172.1.3.0", "6.2.5.17.0"}) {
+  for (const char *oid :
+       {"18.1.1.0", "18.1.2.0", "18.1.3.0", "172.1.1.0", "172.1.2.0", "172.1.3.0", "6.2.5.17.0"}) {
     options.extra += std::string("override .1.3.6.1.4.1.4891.") + oid + " integer 2\n";
   }
   StartPeers(&host);
@@ -94,11 +94,37 @@ TEST(Queries, AFrozenSnmpdIsAskedOnceAPollAndFoundAgain) {
   EXPECT_EQ(host.daemon.Count(kSilent), 1U);
   host.snmpd.Thaw();
   ASSERT_TRUE(host.daemon.WaitServed());
-  EXPECT_TRUE(Eventually([&] {
-    return host.daemon.Poll() && host.Get("tlxHoMibHealthStatusArray") == healthy;
-  }));
+  EXPECT_TRUE(Eventually(
+      [&] { return host.daemon.Poll() && host.Get("tlxHoMibHealthStatusArray") == healthy; }));
   EXPECT_EQ(host.daemon.Count(kSilent), 1U);
   EXPECT_EQ(host.daemon.Count(kAgain), 1U) << host.daemon.Log();
+}
+
+// An answer after the quarter of a second is too late for its poll, and tells that the next one may
+// wait longer.
+TEST(Queries, ALateAnswerIsNoSilence) {
+  MadeUpHost host;
+  SnmpdOptions options;
+  options.all_modules = true;
+  options.extra = "pass .1.3.6.1.4.1.4891.18 /opt/slow\n";
+  host.Script("/opt/slow", "sleep 0.5\necho $2\necho integer\necho 2\n");
+  host.Peer({"vexnic", "-p", "15"});
+  host.snmpd.Start(options);
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count(kSilent), 0U) << host.daemon.Log();
+  host.snmpd.Freeze();
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Count(kSilent), 1U) << host.daemon.Log();
+  host.snmpd.Thaw();
+  ASSERT_TRUE(host.daemon.WaitServed());
+  const double begin = Now();
+  EXPECT_TRUE(Eventually(
+      [&] {
+        Pause(0.7);  // a poll every now and then
+        return host.daemon.Poll() && host.daemon.Count(kAgain) == 1;
+      },
+      40));
+  EXPECT_LT(Now() - begin, 40);  // the full patience would come back after a minute
 }
 
 TEST(Queries, TheDaemonEndsBesideAFrozenSnmpd) {

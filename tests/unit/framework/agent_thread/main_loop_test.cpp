@@ -507,7 +507,8 @@ TEST_F(MainLoop, QueriesShareThePatienceOfTheirPoll) {
     cleanup_snmp_connection();
     const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(snmp.patience);
     Say(std::to_string(result) + " " +
-        (snmp.queries > before ? std::to_string((patience.count() + 50) / 100 * 100) : "not asked"));
+        (snmp.queries > before ? std::to_string((patience.count() + 50) / 100 * 100)
+                               : "not asked"));
   };
   hooks_.init = [ask](int, char **) {
     TheFakeSnmp().settings.community = "public";

@@ -237,7 +237,9 @@ TEST_F(Memory, ReadsAreAnswered) {
       [&] {
         return master_->GetNext(std::vector<OidNumbers>(2, OidNumbers{1, 3, 6, 1, 4, 1, 4891}));
       },
-      [&] { return master_->GetBulk(1, 2, {OidNumbers{1, 3, 6, 1, 4, 1, 4891}, NameOf(kText)}); },
+      [&] {
+        return master_->GetBulk(1, 2, {OidNumbers{1, 3, 6, 1, 4, 1, 4891}, NameOf(kText)});
+      },
   };
   for (const auto &request : requests) {
     std::vector<Binding> right;
