@@ -1,4 +1,5 @@
 // The agent's globals, hooks, options and the fixed orders of start-up and poll.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -186,13 +187,21 @@ static int read_options(int argc, char **argv) {
 // Seconds to wait at start-up for the machine to settle; once a process.
 static unsigned start_delay = 5;
 
-// Creates the agent's registry directory without what an earlier run left in it.
-static void prepare_registry_directory() {
+// Creates the agent's registry directory without what an earlier run left in it. Fails when another
+// process has it: then nothing of it is touched.
+static int prepare_registry_directory() {
   snprintf(log_dir, sizeof(log_dir), "%s/%s", REGISTRY_ROOT, "host");
-  create_dir(log_dir, 1);
+  if (claim_dir(log_dir) != 0) {
+    return -1;
+  }
+  create_dir(log_dir, 1);  // a failure shows, and is logged, when the objects are written
   char contents[sizeof(log_dir) + 2];
   snprintf(contents, sizeof(contents), "%s/*", log_dir);
-  remove_all_dir(contents);
+  if (remove_all_dir(contents) != 0) {
+    agentlog_fprintf(stderr, "%s: Can't clear registry directory %s: %s\n", agent, log_dir,
+                     strerror(errno));
+  }
+  return 0;
 }
 
 static void warn_without_community() {
@@ -220,7 +229,10 @@ int init_agent(int argc, char **argv) {
   if (read_options(argc, argv) != 0) {
     return -1;
   }
-  prepare_registry_directory();
+  // Not before the options: -h answers also while an agent runs.
+  if (prepare_registry_directory() != 0) {
+    return -1;
+  }
   init_snmp_appname("vexhostd");
   warn_without_community();
   const char *failed = run_all(start_order, 1);
@@ -255,10 +267,10 @@ int cleanup_agent(void) {
   delete_obj(&obj_Q, nullptr, 0);
   // Other agents may still have their directories under the root.
   if (is_empty_dir(log_dir)) {
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   }
   if (is_empty_dir(REGISTRY_ROOT)) {
-    rmdir(REGISTRY_ROOT);
+    remove_empty_dir(REGISTRY_ROOT);
   }
   return 0;
 }

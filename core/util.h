@@ -95,6 +95,29 @@ class closing {
   Handle *handle_;
 };
 
+// A descriptor that is closed at the end of its scope. Negative when opening failed.
+class descriptor_handle {
+ public:
+  explicit descriptor_handle(int descriptor) : descriptor_(descriptor) {}
+  ~descriptor_handle() {
+    if (descriptor_ >= 0) {
+      close(descriptor_);
+    }
+  }
+  descriptor_handle(const descriptor_handle &) = delete;
+  descriptor_handle &operator=(const descriptor_handle &) = delete;
+
+  explicit operator bool() const {
+    return descriptor_ >= 0;
+  }
+  int get() const {
+    return descriptor_;
+  }
+
+ private:
+  int descriptor_;
+};
+
 using stream_handle = closing<FILE, fclose>;      // from fopen, fmemopen
 using directory_handle = closing<DIR, closedir>;  // from opendir
 
@@ -132,6 +155,12 @@ class freeing {
   }
   T *operator->() const {
     return memory_;
+  }
+  // Gives the memory to the caller, who frees it.
+  T *release() {
+    T *memory = memory_;
+    memory_ = nullptr;
+    return memory;
   }
 
  private:

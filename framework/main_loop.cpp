@@ -16,6 +16,7 @@
 #include "framework/objects.h"
 #include "framework/registry_dir.h"
 #include "framework/set_channel.h"
+#include "framework/snmp_api.h"
 #include "framework/snmp_side.h"
 #include "framework/systemd.h"
 #include "platform/framework.h"
@@ -105,6 +106,7 @@ class Hook {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     in_hook_since = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+    BeginQueries();
     pthread_sigmask(SIG_SETMASK, &hook_mask, nullptr);
   }
   ~Hook() {
@@ -140,18 +142,30 @@ const char *BaseName(const char *path) {
 
 // What a failed start leaves behind: nothing of ours stays.
 void RemoveDirectory() {
+  if (ClaimRefused()) {
+    return;  // it is another process's
+  }
   const size_t length = strnlen(log_dir, sizeof(log_dir));
-  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/' || is_empty_dir(log_dir) == 0) {
+  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/') {
     return;
   }
   const auto relative = ResolveDirectoryName(log_dir, RegistryRootPath());
   if (relative && !relative->empty()) {
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   }
 }
 
+// Ends the SNMP side. Where its thread is left behind, the process ends here, by _exit(2): that
+// thread still uses what an ordinary end destroys.
+void Leave(int status) {
+  if (!SnmpStop()) {
+    _exit(status);
+  }
+}
+
+// Until the process is told to end, or there is nobody left who would answer a manager.
 void Loop() {
-  while (end_came == 0) {
+  while (end_came == 0 && !SnmpFailed()) {
     pollfd sets = {SetChannelFd(), POLLIN, 0};
     if (hangup_came == 0 && alarm_came == 0) {
       ppoll(&sets, 1, nullptr, &hook_mask);
@@ -205,12 +219,16 @@ int Run(int argc, char **argv) {
     CloseSets();
     delete_obj(&obj_Q, nullptr, 0);
     RemoveDirectory();
-    SnmpStop();
-    return end_came != 0 ? 0 : 1;  // a start that was told to end has not failed
+    // A start that was told to end has not failed.
+    const int status = end_came != 0 ? 0 : 1;
+    Leave(status);
+    return status;
   }
   if (end_came == 0) {
     alarm(static_cast<unsigned>(poll_time));
     RetryFiles();
+  }
+  if (end_came == 0 && !SnmpFailed()) {
     SystemdReady();
     Loop();
   }
@@ -225,8 +243,10 @@ int Run(int argc, char **argv) {
   }
   delete_obj(&obj_Q, nullptr, 0);
   RetryFiles();
-  SnmpStop();
-  return 0;
+  // Without its SNMP side the agent is of no use; it has said so.
+  const int status = SnmpFailed() ? 1 : 0;
+  Leave(status);
+  return status;
 }
 
 bool poll_time_set;

@@ -62,7 +62,9 @@ static constexpr size_t command_size = 128;
 // What all commands of one scan may take together, in milliseconds.
 static constexpr int commands_limit = 10000;
 static constexpr int vmware_period = 20;  // passes
+static constexpr int mount_table_attempts = 3;
 
+static constexpr int mount_line_size = 4096;
 static constexpr size_t name_size = 8192;  // of a device or mount directory, with its NUL
 
 // Names of this length and longer are cut, to be published whole in one description.
@@ -156,14 +158,20 @@ static bool is_ignored(const char *type) {
   return false;
 }
 
-// 0, or -1 when there is no memory.
+// 0, or -1 when there is no memory or the table cannot be read to its end (errno).
 static int read_mount_table(FILE *file, mount_list *list) {
   list->count = 0;
   list->texts_used = 0;
-  while (const mntent *entry = getmntent(file)) {
-    if (!is_ignored(entry->mnt_type) && !add_entry(list, *entry)) {
+  // getmntent() would find no mount ever again once it had no memory for its buffer.
+  static char line[mount_line_size];
+  mntent entry;
+  while (getmntent_r(file, &entry, line, sizeof(line)) != nullptr) {
+    if (!is_ignored(entry.mnt_type) && !add_entry(list, entry)) {
       return -1;
     }
+  }
+  if (ferror(file) != 0) {
+    return -1;
   }
   for (size_t i = 0; i < list->count; i++) {
     list->paths[i] = list->texts + list->entries[i].directory;
@@ -377,18 +385,36 @@ static void refresh_mount(char *device, const char *directory, const mount_stats
   }
 }
 
+static void report_mount_table(const char *verb) {
+  // The file's name in the message is an older one, which log filters know.
+  agentlog_fprintf(stderr, "%s: Can't %s the file /etc/mnttab, error %d  (PEER3034)\n", agent, verb,
+                   errno);
+}
+
+// Lists the mounts. 0, or -1. A table that was read in part would cost the other mounts their rows,
+// so it is read again.
+static int list_mounts(mount_list *list) {
+  for (int attempt = 0; attempt < mount_table_attempts; attempt++) {
+    FILE *file = setmntent(mount_table_path, "r");
+    if (file == nullptr) {
+      report_mount_table("open");
+      return -1;
+    }
+    const int result = read_mount_table(file, list);
+    const int error = errno;
+    endmntent(file);
+    errno = error;
+    if (result == 0) {
+      return 0;
+    }
+  }
+  report_mount_table("read");
+  return -1;
+}
+
 static int refresh_mounts() {
   static mount_list list;
-  FILE *file = setmntent(mount_table_path, "r");
-  if (file == nullptr) {
-    // The file's name in the message is an older one, which log filters know.
-    agentlog_fprintf(stderr, "%s: Can't %s the file /etc/mnttab, error %d  (PEER3034)\n", agent,
-                     "open", errno);
-    return -1;
-  }
-  const int result = read_mount_table(file, &list);
-  endmntent(file);
-  if (result != 0 || stat_mounts(list.paths, list.count, list.stats) != 0) {
+  if (list_mounts(&list) != 0 || stat_mounts(list.paths, list.count, list.stats) != 0) {
     return -1;
   }
   for (size_t i = 0; i < list.count; i++) {

@@ -655,6 +655,11 @@ int delete_obj(queue *registry, registry_object *face, int zero) {
   return 0;
 }
 
+int claim_dir(const char *path) {
+  rec::Record("claim_dir", path, "");
+  return rec::Fails("claim_dir", path) ? -1 : 0;
+}
+
 int create_dir(const char *path, int parents) {
   rec::Record("create_dir", path, std::to_string(parents));
   return rec::Fails("create_dir", path) ? -1 : 0;
@@ -669,6 +674,19 @@ int remove_all_dir(const char *path) {
 int is_empty_dir(const char *path) {
   rec::Record("is_empty_dir", path, "");
   return rec::Fails("is_empty_dir", path) ? 0 : state().objects.empty();
+}
+
+int remove_empty_dir(const char *path) {
+  rec::Record("remove_empty_dir", path, "");
+  return rec::Fails("remove_empty_dir", path) ? -1 : 0;
+}
+
+int open_dir(const char *path) {
+  if (rec::Fails("open_dir", path)) {
+    return -1;
+  }
+  const std::string place = rec::RealPath(std::filesystem::path(path).lexically_normal());
+  return open(place.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
 // ---- Process ------------------------------------------------------------------------------------

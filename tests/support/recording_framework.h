@@ -169,10 +169,16 @@ std::string RealPath(const std::string &path);
 // The contents of a file, taken over or not; "" when there is none.
 std::string ReadFile(const std::string &path);
 
+// As often as that, fopen and setmntent of the path give a stream of which a read fails with EIO
+// once that many bytes have been read.
+void BreakReads(const std::string &path, int times, size_t after);
+
 // time() and clock_gettime(CLOCK_REALTIME) say this from now on.
 void SetTime(time_t now);
 // Moves what clock_gettime(CLOCK_MONOTONIC) says on.
 void PassTime(double seconds);
+// clock_gettime(CLOCK_BOOTTIME) does.
+void SetBootTime(time_t now);
 // sleep(), usleep(), alarm() and rmdir() are recorded and return at once with 0; nothing is armed
 // or removed.
 

@@ -231,6 +231,25 @@ TEST_F(FileSystems, ASilentMountThatIsUnmountedLosesItsRow) {
   EXPECT_EQ(rec::LiveNames(), std::vector<std::string>{Row(1)});
 }
 
+TEST_F(FileSystems, ATableThatIsReadInPartCostsNoRow) {
+  Simple({"/a", "/b"});
+  do_filesys();
+  const auto rows = rec::LiveNames();
+  // Once: it is read again at once.
+  rec::BreakReads(mount_table_path, 1, 10);
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_TRUE(rec::Messages().empty());
+  EXPECT_EQ(rec::LiveNames(), rows);
+  rec::BreakReads(mount_table_path, 3, 10);
+  EXPECT_EQ(do_filesys(), -1);
+  EXPECT_EQ(
+      rec::Messages(),
+      std::vector<std::string>{"vexhostd: Can't read the file /etc/mnttab, error 5  (PEER3034)\n"});
+  EXPECT_EQ(rec::LiveNames(), rows);
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::LiveNames(), rows);
+}
+
 TEST_F(FileSystems, AllMountsAreAskedInOneGo) {
   Simple({"/a", "/b", "/c"});
   do_filesys();

@@ -428,6 +428,9 @@ TEST_F(Software, AShortEvIsZeroBeyondItsEnd) {
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(Version(0), "3.1");
   EXPECT_EQ(Version(1), "0.0");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{"EV ZTHUV: 5 of 136 bytes, what is missing counts as zero\n"});
 }
 
 TEST_F(Software, ARowRenamedToOptionRomkitGetsItsVersion) {

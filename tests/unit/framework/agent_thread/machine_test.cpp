@@ -22,9 +22,9 @@
 namespace vex {
 namespace {
 
-std::string Parsed(std::string_view text) {
+std::string Parsed(std::string_view text, Values values = Values::kShell) {
   int bad_line = 0;
-  const std::optional<Assignments> assignments = ParseAssignments(text, &bad_line);
+  const std::optional<Assignments> assignments = ParseAssignments(text, values, &bad_line);
   if (!assignments) {
     return "line " + std::to_string(bad_line);
   }
@@ -83,6 +83,31 @@ std::string Logged(Function function) {
   return testing::internal::GetCapturedStderr();
 }
 
+TEST(Assignments, ArePlainForAnAppliance) {
+  struct {
+    const char *text;
+    const char *result;
+  } const table[] = {
+      {"", ""},
+      {"A=Bob's Box\n", "A=Bob's Box;"},
+      {"A=19\" rack\n", "A=19\" rack;"},
+      {"A=\"19\" rack\"\n", "A=19\" rack;"},
+      {"A='Bob's Box'\n", "A=Bob's Box;"},
+      {"A=\"Box\"\r\nB='Box'  \n", "A=Box;B=Box;"},
+      {"A=\"Box\nB=Box'\n", "A=\"Box;B=Box';"},
+      {"A=\"Box'\n", "A=\"Box';"},
+      {"A=\"\nB='\nC=\nD=\"\"\n", "A=\";B=';C=;D=;"},
+      {"A=\"x\\\"y\\\\z\"\n", "A=x\\\"y\\\\z;"},
+      {"A=$x `y` \\z # w\n", "A=$x `y` \\z # w;"},
+      {"A=1\ngarbage\n", "line 2"},
+      {"A =1\n", "line 1"},
+      {"=1\n", "line 1"},
+  };
+  for (const auto &row : table) {
+    EXPECT_EQ(Parsed(row.text, Values::kPlain), row.result) << row.text;
+  }
+}
+
 class MachineFiles : public testing::Test {
  protected:
   MachineFiles() {
@@ -134,7 +159,7 @@ TEST_F(MachineFiles, DistributionComesFromTheFirstUsableFile) {
 TEST_F(MachineFiles, TheVariantIsTheFlavor) {
   auto flavor = [](std::string_view text) {
     int line;
-    return DistributionFrom(*ParseAssignments(text, &line)).flavor;
+    return DistributionFrom(*ParseAssignments(text, Values::kShell, &line)).flavor;
   };
   EXPECT_EQ(flavor("VARIANT=Server\nVERSION_CODENAME=x\n"), "Server");
   EXPECT_EQ(flavor("VARIANT=\nVERSION_CODENAME=x\n"), "x");
@@ -155,12 +180,15 @@ TEST_F(MachineFiles, ABrokenDistributionFileIsAbsentAndSaidSoOnce) {
 
 TEST_F(MachineFiles, SpecialAndLargeFilesAreBroken) {
   ASSERT_EQ(mkfifo(Path("fifo"), 0600), 0);
-  EXPECT_NE(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("fifo"))); }).find("regular"),
-            std::string::npos);
+  EXPECT_NE(
+      Logged([&] { EXPECT_FALSE(ReadAssignments(Path("fifo"), Values::kShell)); }).find("regular"),
+      std::string::npos);
   File("large", "A=" + std::string(70000, 'x') + "\n");
-  EXPECT_NE(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("large"))); }).find("too large"),
+  EXPECT_NE(Logged([&] {
+              EXPECT_FALSE(ReadAssignments(Path("large"), Values::kShell));
+            }).find("too large"),
             std::string::npos);
-  EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("missing"))); }), "");
+  EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("missing"), Values::kShell)); }), "");
 }
 
 TEST_F(MachineFiles, ApplianceData) {
@@ -205,12 +233,20 @@ TEST_F(MachineFiles, ABrokenApplianceFileIsAbsent) {
               EXPECT_EQ(get_appliance_data("ProductID"), nullptr);
             }),
             "exampled: " + broken + ": line 2 is broken, file not used\n");
-  for (const char *id : {"x", "1x", "", "2147483648", "0x10", " "}) {
-    File("number", std::string("ProductID=\"") + id + "\"\n");
+}
+
+TEST_F(MachineFiles, AProductIdThatIsNoNumberLosesThatKeyAlone) {
+  for (const char *id :
+       {"x", "1x", "", "2147483648", "4294967295", "0x10", "+7", " ", "7\"", "1.5"}) {
+    const std::string path =
+        File("number", std::string("ProductID=") + id + "\nProductName=Bob's Box\n");
     UseApplianceFile(Path("number"));
-    EXPECT_NE(Logged([] { EXPECT_EQ(is_appliance(), 0); }).find("ProductID is not a number"),
-              std::string::npos)
+    EXPECT_EQ(Logged([] { EXPECT_NE(is_appliance(), 0); }),
+              "exampled: " + path + ": ProductID is not a number, taken as 0\n")
         << id;
+    ASSERT_NE(get_appliance_data("ProductID"), nullptr);
+    EXPECT_EQ(*static_cast<const int32_t *>(get_appliance_data("ProductID")), 0) << id;
+    EXPECT_STREQ(static_cast<const char *>(get_appliance_data("ProductName")), "Bob's Box");
   }
   File("number", "ProductID=-5\n");
   UseApplianceFile(Path("number"));
