@@ -18,6 +18,14 @@ constexpr char kDatabase[] = "/var/lib/dpkg/available";
 // How a process of a hanging tool is told apart.
 constexpr char kMark[] = "864123";
 
+void PutPackages(MadeUpHost &host, const std::string &list) {
+  static time_t time = 1000000;
+  host.File(std::string(kState) + "/list", list);
+  host.File(kDatabase, "");
+  const timespec times[2] = {{++time, 0}, {time, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, kDatabase, times, 0), 0);
+}
+
 // dpkg that prints what the file list has and notes each call; while the file hang is there, it
 // does what that says instead.
 void MakeUpDpkg(MadeUpHost &host, const std::string &list) {
@@ -31,19 +39,11 @@ void MakeUpDpkg(MadeUpHost &host, const std::string &list) {
                            "esac\n"
                            "exit 0\n");
   host.Command("rpm", "exit 0");
-  host.File(std::string(kState) + "/list", list);
+  PutPackages(host, list);
 }
 
 std::string Line(const std::string &name, const std::string &version = "1.0") {
   return "ii  " + name + "  " + version + "  all  Some package\n";
-}
-
-void PutPackages(MadeUpHost &host, const std::string &list) {
-  static time_t time = 1000000;
-  host.File(std::string(kState) + "/list", list);
-  host.File(kDatabase, "");
-  const timespec times[2] = {{++time, 0}, {time, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, kDatabase, times, 0), 0);
 }
 
 void Hang(MadeUpHost &host, const std::string &how = std::string("sleep ") + kMark) {
@@ -80,7 +80,7 @@ void ExpectOnlyADelay(const std::string &how) {
   host.daemon.Start(options);
   ASSERT_TRUE(host.daemon.WaitStarted(60));
   ASSERT_TRUE(host.daemon.WaitServed());
-  EXPECT_EQ(host.Column("tlxHoCpuUtilIndex").size(), 2U);
+  EXPECT_EQ(host.Column("tlxHoCpuUtilMin").size(), 2U);
   EXPECT_EQ(host.Column("tlxHoSwVerIndex").size(), 4U);
   EXPECT_EQ(host.daemon.Count("Command ran out of time and was killed"), 1U) << host.daemon.Log();
   EXPECT_EQ(host.daemon.Count("seconds): dpkg -la | grep ii | cut -d ' ' -f3"), 1U);

@@ -531,7 +531,7 @@ int init_info(int slot, descriptor *desc, const char *name, int size, int type, 
     EXPECT_TRUE(fits) << name << " does not lie within " << relative;
     EXPECT_EQ(count, 1) << name;
     EXPECT_TRUE(type != VAR_INTEGER || size == 4) << name;
-    if (!fits) {
+    if (!fits || rec::Fails("init_info", name)) {
       return -1;
     }
     std::string &kept = object->names[static_cast<size_t>(slot)];
