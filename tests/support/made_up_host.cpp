@@ -415,6 +415,11 @@ unsigned Daemon::Sleeps() const {
 }
 
 void Daemon::AdvanceClock(double seconds) {
+  StepClock(seconds);
+  page_->age_offset_ns += static_cast<int64_t>(seconds * 1e9);
+}
+
+void Daemon::StepClock(double seconds) {
   ASSERT_NE(page_, nullptr);
   page_->clock_offset_ns += static_cast<int64_t>(seconds * 1e9);
 }

@@ -145,8 +145,10 @@ class Daemon {
   unsigned Polls() const;
   unsigned AlarmSeconds() const;
   unsigned Sleeps() const;
-  // Moves the daemon's wall clock on.
+  // Lets time pass for the daemon: on its wall clock, and on the clock of ages (CLOCK_BOOTTIME).
   void AdvanceClock(double seconds);
+  // Sets its wall clock alone, as an administrator does.
+  void StepClock(double seconds);
   // Percentage of each later sleep() that is really slept; 0 for none.
   void SetSleepPercent(unsigned percent);
   // What the remote management card's ioctl() answers from now on; it fails before.

@@ -1,6 +1,6 @@
-// Preloaded into the daemon by a scenario. Only the wall clock is moved: deadlines on the monotonic
-// clock stay true. System calls are made directly, so that the order in which a sanitizer's
-// interceptors are found does not matter.
+// Preloaded into the daemon by a scenario. Only the wall clock and the clock of ages are moved:
+// deadlines on the monotonic clock stay true. System calls are made directly, so that the order in
+// which a sanitizer's interceptors are found does not matter.
 #include "tests/support/probe.h"
 
 #include <fcntl.h>
@@ -45,22 +45,29 @@ bool IsWallClock(clockid_t clock) {
   return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
 }
 
+void Move(timespec *time, int64_t offset) {
+  time->tv_sec += offset / 1000000000;
+  time->tv_nsec += offset % 1000000000;
+  if (time->tv_nsec >= 1000000000) {
+    time->tv_nsec -= 1000000000;
+    time->tv_sec++;
+  } else if (time->tv_nsec < 0) {
+    time->tv_nsec += 1000000000;
+    time->tv_sec--;
+  }
+}
+
 int Read(clockid_t clock, timespec *time) {
   int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-  if (result == 0 && page != nullptr && IsWallClock(clock)) {
+  if (result != 0 || page == nullptr)
+    return result;
+  if (IsWallClock(clock)) {
     int64_t stands = page->clock_stands_ns;
     if (stands != 0)
       *time = {stands / 1000000000, stands % 1000000000};
-    int64_t offset = page->clock_offset_ns;
-    time->tv_sec += offset / 1000000000;
-    time->tv_nsec += offset % 1000000000;
-    if (time->tv_nsec >= 1000000000) {
-      time->tv_nsec -= 1000000000;
-      time->tv_sec++;
-    } else if (time->tv_nsec < 0) {
-      time->tv_nsec += 1000000000;
-      time->tv_sec--;
-    }
+    Move(time, page->clock_offset_ns);
+  } else if (clock == CLOCK_BOOTTIME) {
+    Move(time, page->age_offset_ns);
   }
   return result;
 }

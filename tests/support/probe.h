@@ -14,6 +14,7 @@ inline constexpr char kProbeVariable[] = "MADE_UP_PROBE";  // path of the page's
 struct ProbePage {
   // Written by the scenario.
   std::atomic<int64_t> clock_offset_ns;  // added to CLOCK_REALTIME and what is derived from it
+  std::atomic<int64_t> age_offset_ns;    // added to CLOCK_BOOTTIME, which ages are taken from
   std::atomic<int64_t> clock_stands_ns;  // not 0: that clock stands there, but for the offset
   std::atomic<uint32_t> quick_start;     // 1: the process's first sleep() ends at once
   std::atomic<uint32_t> sleep_percent;   // of every later sleep()
