@@ -278,7 +278,8 @@ TEST_F(Agent, LeavesDirectoriesThatAreInUse) {
   ASSERT_EQ(Start({"-i"}), 0);
   rec::Fail("is_empty_dir", "/var/spool/quorix/kelmo/registry");
   EXPECT_EQ(cleanup_agent(), 0);
-  EXPECT_EQ(rec::Names("remove_empty_dir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
+  EXPECT_EQ(rec::Names("remove_empty_dir"),
+            std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
   rec::ForgetEvents();
   rec::Fail("is_empty_dir", "*/host");
   cleanup_agent();
