@@ -385,7 +385,8 @@ TEST(Identity, ASetThatDoesNotReachTheDiskFails) {
   host.Start();
   for (const auto &[variable, file, longest] : kRoles) {
     EXPECT_EQ(host.Set(variable, 's', "old"), "noError");
-    for (const std::string &path : {file.substr(file.rfind('/') + 1) + ".new", std::string("/registry")}) {
+    for (const std::string &path :
+         {file.substr(file.rfind('/') + 1) + ".new", std::string("/registry")}) {
       SCOPED_TRACE(path);
       host.daemon.SetFault({"fsync", path, EIO, 1});
       EXPECT_EQ(host.Set(variable, 's', "new"), "commitFailed");

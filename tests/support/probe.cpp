@@ -160,7 +160,8 @@ INTERPOSE ssize_t read(int descriptor, void *buffer, size_t size) {
 }
 
 INTERPOSE int fstat(int descriptor, struct stat *result) noexcept {
-  return Faulty("fstat", descriptor) ? -1 : static_cast<int>(syscall(SYS_fstat, descriptor, result));
+  return Faulty("fstat", descriptor) ? -1
+                                     : static_cast<int>(syscall(SYS_fstat, descriptor, result));
 }
 
 INTERPOSE int fsync(int descriptor) {

@@ -159,7 +159,9 @@ void PutSystem(const utsname &system);
 
 // fopen, open, opendir, access, stat, lstat, chmod, unlink, rename, glob and setmntent of a path at
 // or below one that was put here go to a private directory instead; everything else is untouched.
-// Parents are created. The path counts as taken over until the process ends.
+// Parents are created. The path counts as taken over until the process ends. openat, read, write,
+// fstat, fchmod, fsync, renameat, renameat2 (by their target) and unlinkat go where their
+// descriptors lead; Fail() knows those files by the paths that the code under test has for them.
 void PutFile(const std::string &path, std::string_view contents);
 void PutDirectory(const std::string &path);
 // Nothing is there, whatever the machine has.
@@ -179,8 +181,8 @@ void SetTime(time_t now);
 void PassTime(double seconds);
 // clock_gettime(CLOCK_BOOTTIME) does.
 void SetBootTime(time_t now);
-// sleep(), usleep(), alarm() and rmdir() are recorded and return at once with 0; nothing is armed
-// or removed.
+// sleep(), usleep(), nanosleep() (in milliseconds), alarm() and rmdir() are recorded and return at
+// once with 0; nothing is armed or removed.
 
 }  // namespace rec
 

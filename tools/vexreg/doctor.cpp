@@ -67,7 +67,8 @@ std::optional<int32_t> PublishedInteger(const FileObject &object, std::string_vi
 std::string PublishedOctets(const FileObject &object, std::string_view name) {
   for (const FileVariable &variable : object.variables) {
     if (variable.name == name) {
-      return {reinterpret_cast<const char *>(object.data.data()) + variable.offset, variable.length};
+      return {reinterpret_cast<const char *>(object.data.data()) + variable.offset,
+              variable.length};
     }
   }
   return "";
@@ -304,8 +305,7 @@ class Examination {
 
   void LookAtGuid() {
     const auto object = ReadObjectFile(kGuidObject, root_);
-    const auto finding =
-        object ? JudgeGuid(PublishedOctets(*object, kGuidVariable)) : std::nullopt;
+    const auto finding = object ? JudgeGuid(PublishedOctets(*object, kGuidVariable)) : std::nullopt;
     if (finding) {
       Say(*finding);
     }

@@ -274,7 +274,8 @@ std::optional<Finding> JudgeGuid(std::string_view octets) {
     return std::nullopt;
   }
   return Note(
-      "GUID: the one that every host without an eth0 generates, and so no name for this host alone. "
+      "GUID: the one that every host without an eth0 generates, and so no name for this host "
+      "alone. "
       "Set another one: snmpset ... tlxHoGUID.0 x, with 32 hexadecimal digits of its own.");
 }
 

@@ -263,12 +263,9 @@ TEST_F(GuidTest, AFileThatCannotBeReadAtAllStaysBesideItsSuccessor) {
 
 TEST_F(GuidTest, AFileThatCannotBeReadOrReplacedIsLeftAlone) {
   const std::string root = REGISTRY_ROOT;
-  const std::pair<const char *, std::string> steps[] = {{"openat", "*.new"},
-                                                        {"write", "*.new"},
-                                                        {"fsync", "*.new"},
-                                                        {"renameat", "*.replaced.*"},
-                                                        {"renameat", kFile},
-                                                        {"fsync", root}};
+  const std::pair<const char *, std::string> steps[] = {
+      {"openat", "*.new"},          {"write", "*.new"},  {"fsync", "*.new"},
+      {"renameat", "*.replaced.*"}, {"renameat", kFile}, {"fsync", root}};
   for (const auto &[call, name] : steps) {
     SCOPED_TRACE(std::string(call) + " " + name);
     rec::PutFile(kFile, kSixteen);
@@ -296,11 +293,10 @@ TEST_F(GuidTest, AFileThatIsRefusedIsSpokenOfOnce) {
   EXPECT_EQ(guid, kGeneratedWithoutEth0);
   EXPECT_EQ(Set(kSixteen, &guid), -1);
   EXPECT_EQ(Set(kSixteen, &guid), -1);
-  EXPECT_EQ(rec::Messages(),
-            (std::vector<std::string>{
-                kNoTables,
-                "vexhostd: File " + std::string(kFile) + " not used: it is no plain file\n",
-                kGenerated, kSameEverywhere}));
+  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables,
+                                                       "vexhostd: File " + std::string(kFile) +
+                                                           " not used: it is no plain file\n",
+                                                       kGenerated, kSameEverywhere}));
 }
 
 TEST_F(GuidTest, GeneratedAndSaved) {

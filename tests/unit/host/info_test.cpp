@@ -346,11 +346,11 @@ TEST_F(Info, RoleFilesThatCannotBeRead) {
   ASSERT_EQ(do_info(1), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
-  EXPECT_EQ(rec::Messages(),
-            (std::vector<std::string>{
-                "vexhostd: Can't read " + std::string(kRoleFile) + ": Input/output error\n",
-                "vexhostd: File " + std::string(kDetailFile) +
-                    " not used: it is no plain file\n"}));
+  EXPECT_EQ(
+      rec::Messages(),
+      (std::vector<std::string>{
+          "vexhostd: Can't read " + std::string(kRoleFile) + ": Input/output error\n",
+          "vexhostd: File " + std::string(kDetailFile) + " not used: it is no plain file\n"}));
 }
 
 TEST_F(Info, AbsentRoleFilesAreNotSpokenOf) {
@@ -385,7 +385,6 @@ TEST_F(Info, DoesNotGoOnReadingWhenTheAgentEnds) {
   ASSERT_EQ(do_info(1), 0);
   EXPECT_EQ(rec::Count("nanosleep"), 0);
 }
-
 
 TEST_F(Info, SetsARole) {
   ASSERT_EQ(do_info(1), 0);
@@ -513,14 +512,11 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
     bool quiet;  // accepted all the same
   };
   const std::string root = REGISTRY_ROOT;
-  const Step steps[] = {{"open_dir", root, true},
-                        {"openat", kRoleFile, true},
-                        {"fstat", kRoleFile, false},
-                        {"openat", root + "/.tlxhosystemrole.dat.new", false},
-                        {"fchmod", "*.new", false},
-                        {"write", "*.new", false},
-                        {"fsync", "*.new", false},
-                        {"fsync", root, false}};
+  const Step steps[] = {
+      {"open_dir", root, true},    {"openat", kRoleFile, true},
+      {"fstat", kRoleFile, false}, {"openat", root + "/.tlxhosystemrole.dat.new", false},
+      {"fchmod", "*.new", false},  {"write", "*.new", false},
+      {"fsync", "*.new", false},   {"fsync", root, false}};
   rec::PutFile(kRoleFile, "old");
   ASSERT_EQ(do_info(1), 0);
   for (const auto &[call, name, quiet] : steps) {
@@ -594,9 +590,9 @@ TEST_F(Info, ASetIsOnTheDiskBeforeItIsAccepted) {
       calls.push_back(event.operation + " " + event.name);
     }
   }
-  EXPECT_EQ(calls, (std::vector<std::string>{
-                       "fsync " REGISTRY_ROOT "/.tlxhosystemrole.dat.new",
-                       std::string("renameat2 ") + kRoleFile, "fsync " REGISTRY_ROOT}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"fsync " REGISTRY_ROOT "/.tlxhosystemrole.dat.new",
+                                             std::string("renameat2 ") + kRoleFile,
+                                             "fsync " REGISTRY_ROOT}));
 }
 
 // Two hundred kills, each at another moment of one set after the other.
