@@ -265,10 +265,10 @@ static void describe(const filesys_row *row, const char *device) {
   copy_field(block_of(row)->description, text);
 }
 
-// Publishes the row if anything in it changed. 0, or what log_data() says.
 // What no row has for its index.
 static constexpr int32_t no_index = -1;
 
+// Publishes the row if anything in it changed. 0, or what log_data() says.
 static int publish(filesys_row *row) {
   if (memcmp(row->object->data, &row->published, sizeof(row->published)) == 0) {
     return 0;
