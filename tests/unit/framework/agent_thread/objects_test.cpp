@@ -7,6 +7,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "framework/registry_file.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"
 #include "tests/unit/framework/temp_registry.h"
