@@ -1,6 +1,7 @@
 // The MIB status and health status arrays over made-up sibling agents, and the health trap.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
