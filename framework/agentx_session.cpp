@@ -36,8 +36,6 @@ using std::chrono::seconds;
 
 // net-snmp's number for AgentX version 1 (agentx/protocol.h).
 constexpr long kAgentxVersion = 0xc1;
-// RFC 2741 6.2.3: the default priority of a registration.
-constexpr int kPriority = 127;
 // RFC 2741 6.2.2.
 constexpr int kReasonShutdown = 5;
 
@@ -237,7 +235,7 @@ void AgentxSession::Register(size_t group) {
   }
   std::vector<oid> root = NetSnmpOid(
       {settings_.groups[group].oid, static_cast<size_t>(settings_.groups[group].oid_length)});
-  pdu->priority = kPriority;
+  pdu->priority = settings_.priority;
   pdu->time = 0;
   snmp_add_null_var(pdu, root.data(), root.size());
   if (!Send(pdu, [this, group](const netsnmp_pdu *response) { Registered(group, response); })) {

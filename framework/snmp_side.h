@@ -24,6 +24,11 @@ int SnmpStart(const char *application, SnmpSettings *settings);
 // Closes the AgentX session and joins the thread; harmless when it was never started.
 void SnmpStop();
 bool SnmpRunning();
+// Before SnmpStart(): registers behind an agent that serves the same groups, and so answers only
+// while that one is not there.
+void SnmpStandBehind();
+// Whether the master has taken all registrations. Any thread.
+bool SnmpUp();
 
 // Calls tick on the SNMP thread about every interval_ms milliseconds (null: never); it must not
 // block. Before or after SnmpStart().

@@ -37,6 +37,7 @@ constexpr std::chrono::milliseconds kLongestLookOn{2};  // then the rest has its
 constexpr std::chrono::seconds kQueryPatience{2};
 constexpr std::chrono::seconds kStopPatience{3};
 constexpr std::chrono::milliseconds kLastNotifications{500};  // before the end
+constexpr uint8_t kPriorityBehind = 200;                      // of registrations; usual are 127
 // Images that nobody asked for are still taken over now and then, so that each is held once only.
 constexpr std::chrono::seconds kLongestSleep{30};
 
@@ -53,6 +54,8 @@ struct Shared {
   std::vector<std::shared_ptr<SnmpQuery>> queries;
 
   std::atomic<bool> sets_enabled{true};
+  std::atomic<bool> stand_behind{false};
+  std::atomic<bool> up{false};
   std::atomic<void (*)()> tick{nullptr};
   std::atomic<int> tick_ms{0};
   std::atomic<bool> stop{false};
@@ -215,6 +218,7 @@ class Loop {
       TakeImages();
     }
     session_.Work();
+    Side().up = session_.Up();
     requests_.Work(&session_);
     sender_.Send(&session_);
     std::vector<std::shared_ptr<SnmpQuery>> fresh;
@@ -254,6 +258,9 @@ void ThreadMain(const std::string &application, SnmpSettings *settings, int *res
   Shared &side = Side();
   AgentxSession::Settings session;
   int loaded = LoadSnmpConfiguration(application, settings, &session);
+  if (side.stand_behind) {
+    session.priority = kPriorityBehind;
+  }
   {
     std::lock_guard lock(side.state_mutex);
     *result = loaded;
@@ -348,6 +355,14 @@ bool SnmpRunning() {
   Shared &side = Side();
   std::lock_guard lock(side.state_mutex);
   return side.running;
+}
+
+void SnmpStandBehind() {
+  Side().stand_behind = true;
+}
+
+bool SnmpUp() {
+  return Side().up;
 }
 
 void SnmpSetTick(void (*tick)(), int interval_ms) {
