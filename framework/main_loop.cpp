@@ -183,7 +183,7 @@ int Run(int argc, char **argv) {
     CloseSets();
     delete_obj(&obj_Q, nullptr, 0);
     RemoveDirectory();
-    SnmpStop();
+    EndSnmp();
     return 1;
   }
   alarm(static_cast<unsigned>(poll_time));
@@ -200,7 +200,7 @@ int Run(int argc, char **argv) {
   }
   delete_obj(&obj_Q, nullptr, 0);
   RetryFiles();
-  SnmpStop();
+  EndSnmp();
   return 0;
 }
 

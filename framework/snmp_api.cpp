@@ -1,14 +1,17 @@
 // What an agent asks of SNMP: configuration, traps, queries, MIB revisions. The SNMP thread does
 // the work (framework/snmp_side.h).
 #include <arpa/inet.h>
+#include <errno.h>
 #include <string.h>
 
 #include <string>
 
 #include "framework/guard.h"
+#include "framework/log.h"
 #include "framework/main_loop.h"
 #include "framework/objects.h"
 #include "framework/snmp_side.h"
+#include "framework/unsent.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -24,6 +27,12 @@ SnmpSettings &Settings() {
 }
 
 bool traps_enabled = true;
+
+// By which its configuration is found, and what it left unsent.
+std::string &Application() {
+  static auto *application = new std::string;
+  return *application;
+}
 
 // The address of the query that is open; "" for none.
 std::string &QueryAddress() {
@@ -77,6 +86,15 @@ int SendTrap(const registry_object *object, const int *slots, int slot_count,
 
 using namespace vex;  // NOLINT(google-build-using-namespace): what follows is the C interface
 
+void vex::EndSnmp() {
+  SnmpStop();
+  const std::vector<Notification> unsent = SnmpUnsent();
+  if (KeepUnsent(RegistryRootPath(), Application(), unsent) != 0) {
+    agentlog_fprintf(stderr, "%s: Can't keep %zu traps for the next start: %s\n", AgentName(),
+                     unsent.size(), strerror(errno));
+  }
+}
+
 int init_snmp_appname(const char *name) {
   return Guarded(-1, [&] {
     if (name == nullptr || name[0] == '\0' || SnmpRunning()) {
@@ -88,6 +106,12 @@ int init_snmp_appname(const char *name) {
     }
     ConfigurePollTime(settings.poll_interval);
     Settings() = std::move(settings);
+    Application() = name;
+    if (traps_enabled) {
+      for (Notification &notification : TakeUnsent(RegistryRootPath(), Application())) {
+        SnmpNotify(std::move(notification));
+      }
+    }
     return 0;
   });
 }

@@ -18,11 +18,24 @@ struct SnmpSettings {
   std::string community;  // "" when none: `community`, else defCommunity, else snmpd.conf
 };
 
+struct NotificationVariable {
+  const MibVariable *mib;
+  uint32_t instance;
+  std::vector<uint8_t> value;  // an int32_t in host order, or the octets
+};
+struct Notification {
+  uint32_t number = 0;
+  std::vector<NotificationVariable> variables;
+  std::string description;
+};
+
 // Starts the thread (all signals blocked in it), which reads the configuration for `application`
 // and connects to the master in the background. Waits until the configuration is read. 0 or -1.
 int SnmpStart(const char *application, SnmpSettings *settings);
 // Closes the AgentX session and joins the thread; harmless when it was never started.
 void SnmpStop();
+// After SnmpStop(): what was notified and nobody took, oldest first, the newest 256; once.
+std::vector<Notification> SnmpUnsent();
 bool SnmpRunning();
 // Before SnmpStart(): registers behind an agent that serves the same groups, and so answers only
 // while that one is not there.
@@ -42,16 +55,6 @@ void SnmpEnableSets(bool enabled);
 void SnmpPublish(std::shared_ptr<const Image> image);
 void SnmpWithdraw(uint64_t object_id);
 
-struct NotificationVariable {
-  const MibVariable *mib;
-  uint32_t instance;
-  std::vector<uint8_t> value;  // an int32_t in host order, or the octets
-};
-struct Notification {
-  uint32_t number = 0;
-  std::vector<NotificationVariable> variables;
-  std::string description;
-};
 // Kept (the newest 256) until the session is up; any order of arrival is the order of sending.
 void SnmpNotify(Notification notification);
 

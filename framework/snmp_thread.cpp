@@ -49,6 +49,7 @@ struct Shared {
   std::atomic<bool> images_waiting{false};
 
   NotificationQueue notifications;
+  std::vector<Notification> unsent;  // of the thread until it has finished
 
   std::mutex queries_mutex;
   std::vector<std::shared_ptr<SnmpQuery>> queries;
@@ -99,8 +100,9 @@ class Loop {
     SendLast();
     session_.Close();
     Lost();
-    while (Side().notifications.Pop()) {
-      // Nobody will send them.
+    // Nobody will send them.
+    while (std::optional<Notification> notification = Side().notifications.Pop()) {
+      Side().unsent.push_back(std::move(*notification));
     }
   }
 
@@ -294,6 +296,8 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   }
   side.stop = false;
   side.finished = false;
+  side.up = false;
+  side.unsent.clear();
   Sets().SetWake(WakeThread);
 
   // Signals are for the agent thread alone.
@@ -349,6 +353,12 @@ void SnmpStop() {
     query->Done();
   }
   side.queries.clear();
+}
+
+std::vector<Notification> SnmpUnsent() {
+  Shared &side = Side();
+  std::lock_guard lock(side.state_mutex);
+  return side.finished ? std::exchange(side.unsent, {}) : std::vector<Notification>{};
 }
 
 bool SnmpRunning() {

@@ -26,6 +26,10 @@ void SnmpStop() {
   TheFakeSnmp().running = false;
 }
 
+std::vector<Notification> SnmpUnsent() {
+  return {};
+}
+
 bool SnmpRunning() {
   return TheFakeSnmp().running;
 }
