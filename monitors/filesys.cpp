@@ -251,7 +251,9 @@ static filesys_block *block_of(const filesys_row *row) {
 
 static void describe(const filesys_row *row, const char *device) {
   char text[sizeof(filesys_block::description)];
-  snprintf(text, sizeof(text), "%s on %s", device, row->key);
+  if (snprintf(text, sizeof(text), "%s on %s", device, row->key) >= (int)sizeof(text)) {
+    // Cut off, as every field that is too long.
+  }
   copy_field(block_of(row)->description, text);
 }
 

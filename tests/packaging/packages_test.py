@@ -63,10 +63,10 @@ class Files(unittest.TestCase):
                      "usr/share/snmp/mibs/QUORIX-APPLIANCE-MIB.txt",
                      "usr/share/man/man8/vexhostd.8.gz", "usr/share/man/man1/vexreg.1.gz",
                      "usr/share/man/man5/vexhostd.conf.5.gz",
-                     "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "usr/lib/vexhostd/vexhostd-standin",
+                     "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "usr/libexec/vexhostd-standin",
                      "usr/share/doc/vexhostd/README.md.gz",
-                     "usr/share/doc/vexhostd/troubleshooting.md.gz",
-                     "usr/share/doc/vexhostd/variables.md.gz",
+                     "usr/share/doc/vexhostd/docs/troubleshooting.md.gz",
+                     "usr/share/doc/vexhostd/docs/variables.md.gz",
                      "usr/share/doc/vexhostd/third-party-notices",
                      "etc/snmp/vexhostd.conf", "etc/snmp/snmpd.conf.d/vexhostd.conf",
                      "usr/share/doc/vexhostd/copyright", "usr/share/doc/vexhostd/changelog.gz",
@@ -98,7 +98,7 @@ class Files(unittest.TestCase):
             self.assertEqual(os.listdir(empty), [])
 
     def test_hardened_as_debian_wants_it(self):
-        programs = ["usr/sbin/vexhostd", "usr/bin/vexreg"] + glob.glob("usr/lib/vexhostd/*",
+        programs = ["usr/sbin/vexhostd", "usr/bin/vexreg", "usr/libexec/vexhostd-standin"] + glob.glob("usr/lib/vexhostd/*",
                                                                        root_dir=self.root)
         self.assertEqual(len(programs), 7)
         for path in programs:

@@ -126,8 +126,8 @@ class Rpm(unittest.TestCase):
             self.assertIn("\nExecStart=/usr/sbin/vexhostd ", unit.read())
         with open(self.root + "/etc/snmp/snmpd.conf.d/vexhostd.conf", encoding="utf-8") as drop_in:
             self.assertIn("\nview systemview included .1.3.6.1.4.1.4891\n", drop_in.read())
-        with open(self.root + "/usr/lib64/pkgconfig/vexhostd.pc", encoding="utf-8") as file:
-            self.assertIn("-L/usr/lib64/vexhostd ", file.read())
+        with open(self.root + "/usr/share/pkgconfig/vexhostd.pc", encoding="utf-8") as file:
+            self.assertIn("libdir=/usr/lib64/vexhostd\n", file.read())
 
         # The stock snmpd.conf of these distributions does not.
         with open(snmpd, "w", encoding="utf-8") as file:
