@@ -345,7 +345,8 @@ class Life(unittest.TestCase):
         self.ok("dpkg", "--purge", "vexhostd-dev")
         self.ok("dpkg", "--remove", "vexhostd")
         spool, kelmo = "/var/spool/quorix", "/var/spool/quorix/kelmo"
-        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat")
+        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat",
+                "tlxhoguid.dat.replaced.1", ".tlxhosystemroledetail.dat.new", "vexhostd.traps")
         mounted = []
 
         def fill(registry):
