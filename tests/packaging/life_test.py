@@ -627,9 +627,9 @@ class Life(unittest.TestCase):
         snmpd.send_signal(signal.SIGHUP)
         self.assertTrue(eventually(self.visible))
         kept = {"tlxHoSystemRole": "a role", "tlxHoSystemRoleDetail": "a detail",
-                "tlxHoGUID": "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F"}
+                "tlxHoGUID": "0:1:2:3:4:5:6:7:8:9:a:b:c:d:e:f"}
         for name, value in kept.items():
-            kind = "x " + value.replace(" ", "") if name == "tlxHoGUID" else "s " + value
+            kind = "x 000102030405060708090A0B0C0D0E0F" if name == "tlxHoGUID" else "s " + value
             self.assertTrue(eventually(lambda name=name, kind=kind: self.set(name, kind)), name)
         changed = machine.read("/etc/snmp/vexhostd.conf") + "pollInterval 5\n"
         machine.write("/etc/snmp/vexhostd.conf", changed, 0o640)
