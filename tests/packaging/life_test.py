@@ -661,7 +661,7 @@ class Life(unittest.TestCase):
                 self.assertEqual(station.values, {f'{role} = STRING: "a role"'})
                 self.assertLess(station.gap, LONGEST_GAP)
                 self.assertEqual({name: value(name) for name in kept}, kept)
-                self.assertEqual(value("tlxHoOsCommonPollFreq"), "5")
+                self.assertEqual(value("tlxHoOsCommonPollFreq"), "5 seconds")
                 self.assertEqual(machine.read("/etc/snmp/vexhostd.conf"), changed)
                 # The agent itself answers: a set is taken.
                 self.assertTrue(eventually(lambda: self.set("tlxHoSystemRole", "s a role")))

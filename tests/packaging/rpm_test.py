@@ -34,7 +34,7 @@ def build(dist):
     top = f"{WORK}/rpm"
     made = run("rpmbuild", "-bb", "--nodeps", "--define", f"_topdir {top}", "--define",
                f"_sourcedir {WORK}", "--define", f"optflags {FLAGS}", "--define", f"dist {dist}",
-               f"{SOURCE}/{SPEC}")
+               f"{SOURCE}/{SPEC}", env={**os.environ, "PATH": f"/usr/lib/ccache:{os.environ['PATH']}"})
     with open(f"{WORK}/log{dist}", "w", encoding="utf-8") as log:
         log.write(made.stdout)
     if made.returncode != 0:
