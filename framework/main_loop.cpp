@@ -158,7 +158,7 @@ void RemoveDirectory() {
 // Ends the SNMP side. Where its thread is left behind, the process ends here, by _exit(2): that
 // thread still uses what an ordinary end destroys.
 void Leave(int status) {
-  if (!SnmpStop()) {
+  if (!EndSnmp()) {
     _exit(status);
   }
 }
