@@ -135,6 +135,41 @@ int RemoveTree(int parent, const char *name) {
   return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : -1;
 }
 
+// Opens the directory `path`, at or below the root; -1 with errno.
+int OpenDirectory(std::string_view path) {
+  const std::string &root = RegistryRootPath();
+  const std::optional<std::string> relative = ResolveDirectoryName(path, root);
+  if (!relative) {
+    errno = EXDEV;
+    return -1;
+  }
+  const Descriptor root_fd(OpenRegistryRoot(root, false));
+  return root_fd ? OpenBeneath(root_fd.get(), *relative, kDirectory) : -1;
+}
+
+// Removes the root itself, which must be empty.
+int RemoveRoot(const std::string &root) {
+  const auto [parent, leaf] = SplitPath(root);
+  const Descriptor at(OpenRegistryRoot(parent.empty() ? "/" : parent, false));
+  return at ? unlinkat(at.get(), leaf.c_str(), AT_REMOVEDIR) : -1;
+}
+
+int RemoveEmpty(std::string_view path) {
+  const std::string &root = RegistryRootPath();
+  const std::optional<std::string> relative = ResolveDirectoryName(path, root);
+  if (!relative) {
+    errno = EXDEV;
+    return -1;
+  }
+  if (relative->empty()) {
+    return RemoveRoot(root);
+  }
+  const Descriptor root_fd(OpenRegistryRoot(root, false));
+  const auto [parent, leaf] = SplitPath(*relative);
+  const Descriptor at(root_fd ? OpenBeneath(root_fd.get(), parent, O_PATH | O_DIRECTORY) : -1);
+  return at ? unlinkat(at.get(), leaf.c_str(), AT_REMOVEDIR) : -1;
+}
+
 int RemoveAll(std::string_view path) {
   constexpr std::string_view kContents = "/*";
   const bool contents = path.ends_with(kContents);
@@ -159,7 +194,7 @@ int RemoveAll(std::string_view path) {
     if (Clearing(directory.get()).Run() != 0) {
       return -1;
     }
-    return contents || rmdir(root.c_str()) == 0 ? 0 : -1;
+    return contents || RemoveRoot(root) == 0 ? 0 : -1;
   }
   const auto [parent, leaf] = SplitPath(*relative);
   Descriptor at(OpenBeneath(root_fd.get(), parent, O_PATH | O_DIRECTORY));
@@ -360,21 +395,15 @@ int remove_all_dir(const char *path) {
 }
 
 int is_empty_dir(const char *path) {
-  DIR *dir = path != nullptr ? opendir(path) : nullptr;
-  if (dir == nullptr) {
-    return 0;
-  }
-  int empty = 1;
-  errno = 0;
-  while (const dirent *entry = readdir(dir)) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-      empty = 0;
-      break;
-    }
-  }
-  if (errno != 0) {
-    empty = 0;
-  }
-  closedir(dir);
-  return empty;
+  return vex::Guarded(0, [&] {
+    return static_cast<int>(vex::IsEmptyDirectory(vex::OpenDirectory(path != nullptr ? path : "")));
+  });
+}
+
+int remove_empty_dir(const char *path) {
+  return vex::Guarded(-1, [&] { return vex::RemoveEmpty(path != nullptr ? path : ""); });
+}
+
+int open_dir(const char *path) {
+  return vex::Guarded(-1, [&] { return vex::OpenDirectory(path != nullptr ? path : ""); });
 }

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/openat2.h>
 #include <stdio.h>
 #include <string.h>
@@ -349,10 +350,8 @@ int MakeDirectories(int root, const std::string &path, bool parents) {
   }
 }
 
-namespace {
-
-bool IsEmptyDirectory(int parent, const char *name) {
-  Descriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+bool IsEmptyDirectory(int directory) {
+  Descriptor fd(directory);
   DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
   if (dir == nullptr) {
     return false;
@@ -368,9 +367,14 @@ bool IsEmptyDirectory(int parent, const char *name) {
   return empty;
 }
 
+namespace {
+
+int OpenWay(const std::string &path, int from, bool create, int links);
+
 // One step on the way to the root: a directory, or a link to one that the administrator or this
-// user has made. Who may write to a directory above the registry must not lead us elsewhere.
-int OpenStep(int parent, const std::string &name, bool create, bool last) {
+// user has made. Who may write to a directory above the registry must not lead us elsewhere: a link
+// is followed as it was looked at, not by its name, which may be another link's by now.
+int OpenStep(int parent, const std::string &name, bool create, bool last, int links) {
   constexpr int kFlags = O_PATH | O_CLOEXEC;
   int fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
   bool made = false;
@@ -387,11 +391,16 @@ int OpenStep(int parent, const std::string &name, bool create, bool last) {
     return -1;
   }
   if (S_ISLNK(st.st_mode)) {
-    if (!IsTrustedLink(st)) {
+    if (!IsTrustedLink(st) || links == 0) {
       errno = ELOOP;
       return -1;
     }
-    return openat(parent, name.c_str(), kFlags | O_DIRECTORY);
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(step.get(), "", target, sizeof(target));
+    if (length < 0) {
+      return -1;
+    }
+    return OpenWay({target, static_cast<size_t>(length)}, parent, false, links - 1);
   }
   if (!S_ISDIR(st.st_mode)) {
     errno = ENOTDIR;
@@ -400,26 +409,34 @@ int OpenStep(int parent, const std::string &name, bool create, bool last) {
   // Who made it may have died before it had its mode: it is then empty. What has something in it is
   // as the administrator wants it, unless it is the registry itself.
   if (create && (st.st_mode & 0755) != 0755 &&
-      (made || last || IsEmptyDirectory(parent, name.c_str())) &&
+      (made || last ||
+       IsEmptyDirectory(
+           openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))) &&
       GiveDirectoryMode(step.get()) != 0) {
     return -1;
   }
   return step.Release();
 }
 
-}  // namespace
-
-int OpenRegistryRoot(const std::string &root, bool create) {
-  Descriptor at(open(root.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  for (size_t begin = 0; at && begin < root.size();) {
-    const size_t end = std::min(root.find('/', begin), root.size());
+// Opens the directory (O_PATH); a relative path begins at the directory `from`. -1 with errno.
+int OpenWay(const std::string &path, int from, bool create, int links) {
+  Descriptor at(openat(from, path.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  for (size_t begin = 0; at && begin < path.size();) {
+    const size_t end = std::min(path.find('/', begin), path.size());
     if (end > begin) {
-      const bool last = root.find_first_not_of('/', end) == std::string::npos;
-      at.Reset(OpenStep(at.get(), root.substr(begin, end - begin), create, last));
+      const bool last = path.find_first_not_of('/', end) == std::string::npos;
+      at.Reset(OpenStep(at.get(), path.substr(begin, end - begin), create, last, links));
     }
     begin = end + 1;
   }
   return at.Release();
+}
+
+}  // namespace
+
+int OpenRegistryRoot(const std::string &root, bool create) {
+  constexpr int kMostLinks = 40;  // as the kernel's
+  return OpenWay(root, AT_FDCWD, create, kMostLinks);
 }
 
 std::optional<DirectoryId> IdOf(int directory) {

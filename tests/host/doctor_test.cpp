@@ -150,7 +150,7 @@ TEST_F(Doctor, TellsOfMalformedSources) {
 // What the agent does not use is not "ok".
 TEST_F(Doctor, TellsOfSourcesThatTheAgentTakesAsAbsent) {
   host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(4, '\x01'));
-  host_.File("/etc/quorix/appliance.conf", "ProductID=7\nProductName=\"Box\n");
+  host_.File("/etc/quorix/appliance.conf", "ProductID=7\nProductName\n");
   host_.File("/etc/os-release", "NAME=Box\nrubbish\n");
   host_.File("/usr/lib/os-release", "NAME=Other\n");
   Start();
@@ -173,7 +173,7 @@ TEST_F(Doctor, TellsOfSourcesThatTheAgentTakesAsAbsent) {
       About("distribution: "),
       "note  distribution: /etc/os-release: line 2 is broken, file not used; "
       "/usr/lib/os-release: line 1 is broken, file not used. Its name and version are empty.");
-  EXPECT_HAS(About("appliance: "), "ProductID is not a number, file not used. ");
+  EXPECT_HAS(About("appliance: "), "ProductID is not a number, taken as 0.");
 }
 
 TEST_F(Doctor, TellsOfFilesThatTheAgentHasNotReadYet) {

@@ -33,6 +33,8 @@ constexpr char kComparedObject[] = "host/memory";
 constexpr char kComparedVariable[] = "tlxHoPhysicalMemoryFree";
 constexpr char kPollObject[] = "host/misc";
 constexpr char kPollVariable[] = "tlxHoOsCommonPollFreq";
+constexpr char kGuidObject[] = "host/misc";
+constexpr char kGuidVariable[] = "tlxHoGUID";
 constexpr int kComparisons = 5;  // a poll may come in between
 
 const Group kGroups[] = {
@@ -62,6 +64,15 @@ std::optional<int32_t> PublishedInteger(const FileObject &object, std::string_vi
   return std::nullopt;
 }
 
+std::string PublishedOctets(const FileObject &object, std::string_view name) {
+  for (const FileVariable &variable : object.variables) {
+    if (variable.name == name) {
+      return {reinterpret_cast<const char *>(object.data.data()) + variable.offset, variable.length};
+    }
+  }
+  return "";
+}
+
 class Examination {
  public:
   Examination(std::string root, int width) : root_(std::move(root)), width_(width) {}
@@ -76,6 +87,7 @@ class Examination {
     }
     LookAtDirectory();
     LookAtGroups();
+    LookAtGuid();
     const int64_t started_ns = agent_.empty() ? 0 : agent_.front().started_ns;
     LookAtSources(SearchPath(), started_ns, [this](const Finding &finding) { Say(finding); });
     return FinishOutput(failed_ ? kFailed : kDone);
@@ -287,6 +299,15 @@ class Examination {
         LookForFile(group, &facts);
       }
       Say(JudgeGroup(group, facts, rows[group.name], now_ns, poll_seconds, phase));
+    }
+  }
+
+  void LookAtGuid() {
+    const auto object = ReadObjectFile(kGuidObject, root_);
+    const auto finding =
+        object ? JudgeGuid(PublishedOctets(*object, kGuidVariable)) : std::nullopt;
+    if (finding) {
+      Say(*finding);
     }
   }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "status/guid.h"
 #include "tools/vexreg/tables.h"
 
 namespace vex {
@@ -266,6 +267,15 @@ Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
   }
   return Fail(both + "The agent cannot write the registry (a full or read-only disk; its log " +
               "tells), or writes another one than this.");
+}
+
+std::optional<Finding> JudgeGuid(std::string_view octets) {
+  if (octets.size() != GUID_SIZE || memcmp(octets.data(), guid_without_eth0, GUID_SIZE) != 0) {
+    return std::nullopt;
+  }
+  return Note(
+      "GUID: the one that every host without an eth0 generates, and so no name for this host alone. "
+      "Set another one: snmpset ... tlxHoGUID.0 x, with 32 hexadecimal digits of its own.");
 }
 
 std::string AgeText(int64_t seconds) {

@@ -72,6 +72,9 @@ std::vector<std::string> CommunityLine(
     const std::vector<std::pair<std::string, std::string>> &master_lines,
     const std::string &community);
 
+// octets: of the host GUID as published. Nothing to say of a GUID that may be this host's alone.
+std::optional<Finding> JudgeGuid(std::string_view octets);
+
 // An integer as snmpd serves it and as the registry has it.
 Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
                    std::optional<int32_t> published);

@@ -270,19 +270,19 @@ TEST_F(Agent, DeletesAllItHasAtTheEnd) {
   EXPECT_EQ(rec::Events().front().operation, "alarm");
   EXPECT_TRUE(rec::LiveNames().empty());
   const std::string root = "/var/spool/quorix/kelmo/registry";
-  EXPECT_EQ(rec::Names("rmdir"), (std::vector<std::string>{root + "/host", root}));
-  EXPECT_LT(Place("delete_obj", "all"), Place("rmdir", root + "/host"));
+  EXPECT_EQ(rec::Names("remove_empty_dir"), (std::vector<std::string>{root + "/host", root}));
+  EXPECT_LT(Place("delete_obj", "all"), Place("remove_empty_dir", root + "/host"));
 }
 
 TEST_F(Agent, LeavesDirectoriesThatAreInUse) {
   ASSERT_EQ(Start({"-i"}), 0);
   rec::Fail("is_empty_dir", "/var/spool/quorix/kelmo/registry");
   EXPECT_EQ(cleanup_agent(), 0);
-  EXPECT_EQ(rec::Names("rmdir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
+  EXPECT_EQ(rec::Names("remove_empty_dir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
   rec::ForgetEvents();
   rec::Fail("is_empty_dir", "*/host");
   cleanup_agent();
-  EXPECT_EQ(rec::Count("rmdir"), 0);
+  EXPECT_EQ(rec::Count("remove_empty_dir"), 0);
 }
 
 }  // namespace

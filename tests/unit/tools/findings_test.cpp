@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "status/guid.h"
 #include "tests/support/process.h"
 #include "tools/vexreg/host_facts.h"
 
@@ -51,6 +52,18 @@ TEST(Findings, TheAgentIsOneProcessOfRoot) {
   EXPECT_EQ(JudgeAgent({{5, 'S', 33}}, false).verdict, Verdict::kNote);
   EXPECT_EQ(JudgeAgent({{5, 'S', 0}, {6, 'S', 0}}, false).verdict, Verdict::kFail);
   EXPECT_TRUE(Has(JudgeAgent({{5, 'T', 0}, {6, 'S', 0}}, false), "stopped"));
+}
+
+TEST(Findings, AGuidThatOtherHostsHaveToo) {
+  const std::string shared(reinterpret_cast<const char *>(guid_without_eth0), GUID_SIZE);
+  const auto finding = JudgeGuid(shared);
+  ASSERT_TRUE(finding);
+  EXPECT_EQ(finding->verdict, Verdict::kNote);
+  EXPECT_TRUE(Has(*finding, "every host without an eth0")) << Text(*finding);
+  EXPECT_TRUE(Has(*finding, "tlxHoGUID.0 x")) << Text(*finding);
+  EXPECT_FALSE(JudgeGuid("0123456789abcdef"));
+  EXPECT_FALSE(JudgeGuid(shared.substr(0, 15)));
+  EXPECT_FALSE(JudgeGuid(""));
 }
 
 TEST(Findings, StateOfAProcess) {

@@ -1055,6 +1055,46 @@ TEST_F(Objects, EmptyDirectoriesAreTold) {
   EXPECT_EQ(is_empty_dir(nullptr), 0);
 }
 
+TEST_F(Objects, EmptyDirectoriesAreRemovedByDescriptor) {
+  const std::string outside = registry_.base() + "/outside";
+  fs::create_directories(outside + "/deep");
+  fs::create_directories(registry_.Path("a/b"));
+  fs::create_directory_symlink(outside, registry_.Path("alias"));
+  EXPECT_NE(remove_empty_dir(registry_.Path("a").c_str()), 0);
+  EXPECT_EQ(errno, ENOTEMPTY);
+  EXPECT_EQ(remove_empty_dir(registry_.Path("a/b").c_str()), 0);
+  EXPECT_EQ(remove_empty_dir(registry_.Path("a").c_str()), 0);
+  EXPECT_FALSE(fs::exists(registry_.Path("a")));
+  for (const std::string &path :
+       {registry_.Path("alias"), registry_.Path("alias/deep"), outside + "/deep",
+        registry_.Path("../outside/deep"), registry_.Path("missing"), std::string()}) {
+    EXPECT_NE(remove_empty_dir(path.c_str()), 0) << path;
+    EXPECT_EQ(is_empty_dir(path.c_str()), 0) << path;
+    EXPECT_LT(open_dir(path.c_str()), 0) << path;
+  }
+  EXPECT_NE(remove_empty_dir(nullptr), 0);
+  EXPECT_TRUE(fs::exists(outside + "/deep"));
+  EXPECT_NE(remove_empty_dir(registry_.root().c_str()), 0);
+  EXPECT_EQ(remove_all_dir(registry_.Path("*").c_str()), 0);
+  EXPECT_EQ(remove_empty_dir(registry_.root().c_str()), 0);
+  EXPECT_FALSE(fs::exists(registry_.root()));
+}
+
+TEST_F(Objects, DirectoriesAreOpenedForReading) {
+  fs::create_directories(registry_.Path("host"));
+  fs::create_directories(registry_.Path("threshold"));
+  const int descriptor = open_dir(registry_.Path("host/../threshold").c_str());
+  ASSERT_GE(descriptor, 0);
+  struct stat opened = {};
+  struct stat named = {};
+  ASSERT_EQ(fstat(descriptor, &opened), 0);
+  ASSERT_EQ(stat(registry_.Path("threshold").c_str(), &named), 0);
+  EXPECT_EQ(opened.st_ino, named.st_ino);
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(fsync(descriptor), 0);
+  close(descriptor);
+}
+
 // ---- Traps
 
 TEST_F(Objects, TrapsCarryTheValuesOfTheMoment) {
