@@ -1,3 +1,38 @@
+# What a machine lacks, with the packages that have it: never a compiler's or a linker's error.
+function(vex_missing what debian fedora)
+  message(FATAL_ERROR "Missing: ${what}. Debian, Ubuntu: apt install ${debian}; "
+    "Fedora: dnf install ${fedora}.")
+endfunction()
+
+# A library whose package has a CMake configuration. A macro, for what it sets is the caller's.
+macro(vex_need_package name debian fedora)
+  find_package(${name} QUIET)
+  if(NOT ${name}_FOUND)
+    vex_missing("the library ${name}" ${debian} ${fedora})
+  endif()
+endmacro()
+
+# A library by one of its headers and its files.
+function(vex_need_library name header libraries debian fedora)
+  string(MAKE_C_IDENTIFIER "VEX_FOUND_${name}" found)
+  find_path(${found}_HEADER ${header})
+  mark_as_advanced(${found}_HEADER)
+  foreach(library ${libraries})
+    find_library(${found}_${library} ${library})
+    mark_as_advanced(${found}_${library})
+    if(NOT ${found}_HEADER OR NOT ${found}_${library})
+      vex_missing("the library ${name} (${header}, lib${library})" ${debian} ${fedora})
+    endif()
+  endforeach()
+endfunction()
+
+function(vex_need_program variable program debian fedora)
+  find_program(${variable} ${program})
+  if(NOT ${variable})
+    vex_missing("the program ${program}" ${debian} ${fedora})
+  endif()
+endfunction()
+
 # A library of the suite: C interface, only the symbols listed in its .map file. All of its code is
 # in the static library `inside`, which tests of hidden functions link as well.
 function(vex_shared_library name map inside)
@@ -9,5 +44,5 @@ function(vex_shared_library name map inside)
   target_link_options(${name} PRIVATE -Wl,--version-script=${map})
   set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${map})
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
-  install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  vex_install(program ${CMAKE_INSTALL_LIBDIR} TARGETS ${name} LIBRARY)
 endfunction()

@@ -38,8 +38,6 @@ using std::chrono::seconds;
 
 // net-snmp's number for AgentX version 1 (agentx/protocol.h).
 constexpr long kAgentxVersion = 0xc1;
-// RFC 2741 6.2.3: the default priority of a registration.
-constexpr int kPriority = 127;
 // RFC 2741 6.2.2.
 constexpr int kReasonShutdown = 5;
 
@@ -402,7 +400,7 @@ void AgentxSession::Register(size_t group) {
     return;
   }
   const GroupName root(settings_.groups[group]);
-  pdu->priority = kPriority;
+  pdu->priority = settings_.priority;
   pdu->time = 0;
   if (snmp_add_null_var(pdu, root.Name(), root.Length()) == nullptr) {
     snmp_free_pdu(pdu);

@@ -55,6 +55,7 @@ class AgentxSession {
     std::optional<TcpAddress> tcp;  // when it is a numeric one
     int ping_seconds = 15;          // of silence
     int timeout_seconds = 0;        // asked of the master; 0: its own default
+    uint8_t priority = 127;         // of the registrations (RFC 2741 6.2.3): the lowest answers
     std::span<const MibGroup> groups;
   };
   // Of a packet on the wire, RFC 2741 6.1.
@@ -82,6 +83,10 @@ class AgentxSession {
   // The master takes notifications, whatever it thinks of the registrations.
   bool Open() const {
     return stage_ == Stage::kRegistering || stage_ == Stage::kUp;
+  }
+  // Every group is registered.
+  bool Up() const {
+    return stage_ == Stage::kUp;
   }
   // Its end has been seen; SocketReady() or Work() will clear it away.
   bool Broken() const {

@@ -37,6 +37,20 @@ constexpr int kOurSignals[] = {SIGALRM, SIGTERM, SIGINT, SIGHUP};
 sigset_t hook_mask;  // none of ours blocked
 sigset_t loop_mask;  // all of ours blocked
 
+// A wait that a hook enters just after it has looked whether the agent is ending would not hear the
+// one signal that said so: from then on a timer interrupts again and again.
+constexpr long kInsistNs = 100'000'000;
+timer_t insisting;
+bool can_insist;
+
+void Insist(bool on) {
+  if (can_insist) {
+    const timespec every = {0, on ? kInsistNs : 0};
+    const itimerspec times = {every, every};
+    timer_settime(insisting, 0, &times, nullptr);
+  }
+}
+
 void Note(int signal) {
   switch (signal) {
     case SIGALRM:
@@ -47,7 +61,10 @@ void Note(int signal) {
       break;
     case SIGTERM:
     case SIGINT:
-      end_came = 1;
+      if (end_came == 0) {
+        end_came = 1;
+        Insist(true);
+      }
       break;
     default:  // SIGPIPE: a write says so too; ignored signals would be inherited by commands
       break;
@@ -66,6 +83,10 @@ void PrepareSignals() {
   action.sa_handler = Note;
   action.sa_flags = SA_RESTART;
   sigfillset(&action.sa_mask);
+  sigevent event = {};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGALRM;
+  can_insist = timer_create(CLOCK_MONOTONIC, &event, &insisting) == 0;
   for (const int signal : kOurSignals) {
     sigaction(signal, &action, nullptr);
   }
@@ -121,20 +142,23 @@ const char *BaseName(const char *path) {
 
 // What a failed start leaves behind: nothing of ours stays.
 void RemoveDirectory() {
+  if (ClaimRefused()) {
+    return;  // it is another process's
+  }
   const size_t length = strnlen(log_dir, sizeof(log_dir));
-  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/' || is_empty_dir(log_dir) == 0) {
+  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/') {
     return;
   }
   const auto relative = ResolveDirectoryName(log_dir, RegistryRootPath());
   if (relative && !relative->empty()) {
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   }
 }
 
 // Ends the SNMP side. Where its thread is left behind, the process ends here, by _exit(2): that
 // thread still uses what an ordinary end destroys.
 void Leave(int status) {
-  if (!SnmpStop()) {
+  if (!EndSnmp()) {
     _exit(status);
   }
 }
@@ -190,21 +214,27 @@ int Run(int argc, char **argv) {
     result = init_agent(static_cast<int>(line.rest.size()) - 1, line.rest.data());
   }
   if (result != 0) {
+    Insist(false);
     alarm(0);
     CloseSets();
     delete_obj(&obj_Q, nullptr, 0);
     RemoveDirectory();
-    Leave(1);
-    return 1;
+    // A start that was told to end has not failed.
+    const int status = end_came != 0 ? 0 : 1;
+    Leave(status);
+    return status;
   }
-  alarm(static_cast<unsigned>(poll_time));
-  RetryFiles();
-  if (!SnmpFailed()) {
+  if (end_came == 0) {
+    alarm(static_cast<unsigned>(poll_time));
+    RetryFiles();
+  }
+  if (end_came == 0 && !SnmpFailed()) {
     SystemdReady();
     Loop();
   }
 
   SystemdStopping();
+  Insist(false);
   alarm(0);
   CloseSets();
   {

@@ -3,6 +3,7 @@
 #include "framework/snmp_api.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <string.h>
 
 #include <exception>
@@ -14,6 +15,7 @@
 #include "framework/main_loop.h"
 #include "framework/objects.h"
 #include "framework/snmp_side.h"
+#include "framework/unsent.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -29,6 +31,12 @@ SnmpSettings &Settings() {
 }
 
 bool traps_enabled = true;
+
+// By which its configuration is found, and what it left unsent.
+std::string &Application() {
+  static auto *application = new std::string;
+  return *application;
+}
 
 // The address of the query that is open; "" for none.
 std::string &QueryAddress() {
@@ -149,6 +157,19 @@ void BeginQueries() {
 
 using namespace vex;  // NOLINT(google-build-using-namespace): what follows is the C interface
 
+bool vex::EndSnmp() {
+  const bool ended = SnmpStop();
+  const int kept = Guarded(-1, [] {
+    const std::vector<Notification> unsent = SnmpUnsent();
+    return KeepUnsent(RegistryRootPath(), Application(), unsent);
+  });
+  if (kept != 0) {
+    agentlog_fprintf(stderr, "%s: Can't keep the traps that are not sent for the next start: %s\n",
+                     AgentName(), strerror(errno));
+  }
+  return ended;
+}
+
 int init_snmp_appname(const char *name) {
   return Guarded(-1, [&] {
     if (name == nullptr || name[0] == '\0' || SnmpRunning()) {
@@ -160,6 +181,12 @@ int init_snmp_appname(const char *name) {
     }
     ConfigurePollTime(settings.poll_interval);
     Settings() = std::move(settings);
+    Application() = name;
+    if (traps_enabled) {
+      for (Notification &notification : TakeUnsent(RegistryRootPath(), Application())) {
+        SnmpNotify(std::move(notification));
+      }
+    }
     return 0;
   });
 }

@@ -21,6 +21,17 @@ struct SnmpSettings {
   std::string community;  // "" when none: `community`, else defCommunity, else snmpd.conf
 };
 
+struct NotificationVariable {
+  const MibVariable *mib;
+  uint32_t instance;
+  std::vector<uint8_t> value;  // an int32_t in host order, or the octets
+};
+struct Notification {
+  uint32_t number = 0;
+  std::vector<NotificationVariable> variables;
+  std::string description;
+};
+
 // Starts the thread (all signals blocked in it), which reads the configuration for `application`
 // and connects to the master in the background. Waits until the configuration is read, a minute at
 // most, or until the agent is ending. 0, or -1, which is logged and lets SnmpFailed() say so unless
@@ -30,7 +41,15 @@ int SnmpStart(const char *application, SnmpSettings *settings);
 // harmless when it was never started. False when the thread hangs in a library: it is left behind,
 // and the process must end without running what is registered for its exit.
 bool SnmpStop();
+// After SnmpStop(): what was notified and nobody took, oldest first, the newest 256; once. Throws
+// std::bad_alloc.
+std::vector<Notification> SnmpUnsent();
 bool SnmpRunning();
+// Before SnmpStart(): registers behind an agent that serves the same groups, and so answers only
+// while that one is not there.
+void SnmpStandBehind();
+// Whether the master has taken all registrations. Any thread.
+bool SnmpUp();
 // Whether there is no SNMP side though there should be: it could not be started, or has ended (the
 // agent thread's SetChannelFd() then becomes readable). Any thread.
 bool SnmpFailed();
@@ -48,16 +67,6 @@ void SnmpEnableSets(bool enabled);
 void SnmpPublish(std::shared_ptr<const Image> image);
 void SnmpWithdraw(uint64_t object_id) noexcept;
 
-struct NotificationVariable {
-  const MibVariable *mib;
-  uint32_t instance;
-  std::vector<uint8_t> value;  // an int32_t in host order, or the octets
-};
-struct Notification {
-  uint32_t number = 0;
-  std::vector<NotificationVariable> variables;
-  std::string description;
-};
 // Kept (the newest 256) until the session is up; any order of arrival is the order of sending.
 // Throws std::bad_alloc.
 void SnmpNotify(Notification notification);

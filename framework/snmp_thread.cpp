@@ -49,6 +49,7 @@ constexpr std::chrono::milliseconds kGoodbye{450};
 constexpr std::chrono::milliseconds kStopPatience{800};
 // After want of memory: the next try must not take the processor for itself.
 constexpr std::chrono::milliseconds kRest{10};
+constexpr uint8_t kPriorityBehind = 200;  // of registrations; usual are 127
 // Images that nobody asked for are still taken over now and then, so that each is held once only.
 constexpr std::chrono::seconds kLongestSleep{30};
 
@@ -68,12 +69,15 @@ struct Shared {
   std::atomic<bool> images_waiting{false};
 
   NotificationQueue notifications;
+  std::list<Notification> unsent;  // of the thread until it has finished
 
   std::mutex queries_mutex;
   std::list<std::shared_ptr<SnmpQuery>> queries;
   std::shared_ptr<SnmpQuery> silent_query;  // agent thread
 
   std::atomic<bool> sets_enabled{true};
+  std::atomic<bool> stand_behind{false};
+  std::atomic<bool> up{false};
   std::atomic<void (*)()> tick{nullptr};
   std::atomic<int> tick_ms{0};
   std::atomic<bool> stop{false};
@@ -152,8 +156,9 @@ class Loop {
       session_.Close(now + kGoodbye);
     });
     Lost();
-    while (!Side().notifications.Pop().empty()) {
-      // Nobody will send them.
+    // Nobody will send them.
+    for (auto one = Side().notifications.Pop(); !one.empty(); one = Side().notifications.Pop()) {
+      Side().unsent.splice(Side().unsent.end(), one);
     }
   }
 
@@ -324,6 +329,7 @@ class Loop {
       Try([this] { TakeImages(); });
     }
     Try([this] { session_.Work(); });
+    Side().up = session_.Up();
     Try([this] { requests_.Work(&session_); });
     Try([this] { sender_.Send(&session_); });
     std::list<std::shared_ptr<SnmpQuery>> fresh;
@@ -383,6 +389,9 @@ void RunThread(Starting &starting, bool *begun) {
   Shared &side = Side();
   AgentxSession::Settings session;
   LoadSnmpConfiguration(starting.application, &starting.settings, &session);
+  if (side.stand_behind) {
+    session.priority = kPriorityBehind;
+  }
   {
     Loop loop(std::move(session));
     {
@@ -451,6 +460,8 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   }
   side.stop = false;
   side.finished = false;
+  side.up = false;
+  side.unsent.clear();
   Sets().SetWake(WakeThread);
 
   std::shared_ptr<Starting> starting;
@@ -515,10 +526,29 @@ bool SnmpFailed() {
   return Side().failed;
 }
 
+std::vector<Notification> SnmpUnsent() {
+  Shared &side = Side();
+  std::lock_guard lock(side.state_mutex);
+  if (!side.finished) {
+    return {};
+  }
+  std::vector<Notification> unsent(side.unsent.begin(), side.unsent.end());
+  side.unsent.clear();
+  return unsent;
+}
+
 bool SnmpRunning() {
   Shared &side = Side();
   std::lock_guard lock(side.state_mutex);
   return side.running;
+}
+
+void SnmpStandBehind() {
+  Side().stand_behind = true;
+}
+
+bool SnmpUp() {
+  return Side().up;
 }
 
 void SnmpSetTick(void (*tick)(), int interval_ms) {

@@ -34,6 +34,10 @@ bool SnmpFailed() {
   return TheFakeSnmp().failed;
 }
 
+std::vector<Notification> SnmpUnsent() {
+  return {};
+}
+
 bool SnmpRunning() {
   return TheFakeSnmp().running;
 }

@@ -238,6 +238,63 @@ TEST_F(MainLoop, ATerminationDuringStartUpEndsItAfterwards) {
   EXPECT_EQ(Status(), 0);
 }
 
+TEST_F(MainLoop, ATerminationEndsACommand) {
+  hooks_.init = [this](int, char **) {
+    Say("init");
+    char output[8];
+    size_t length = 0;
+    const int result = run_command("trap '' TERM; sleep 60; :", 50000, output, 8, &length);
+    Say(result == COMMAND_AGENT_ENDING ? "broken off" : std::to_string(result));
+    // No other is started then.
+    Say(std::to_string(run_command("exit 0", 50000, output, 8, &length)));
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "broken off");
+  EXPECT_EQ(Next(), std::to_string(COMMAND_AGENT_ENDING));
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(MainLoop, ATerminationInterruptsAgainAndAgain) {
+  hooks_.init = [this](int, char **) {
+    Say("init");
+    while (agent_ending() == 0) {
+    }
+    // Entered too late to hear the signal itself.
+    for (int i = 0; i < 3; i++) {
+      Say(poll(nullptr, 0, 60000) < 0 ? "interrupted" : "waited");
+    }
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGTERM);
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(Next(), "interrupted");
+  }
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(MainLoop, AStartThatIsToldToEndHasNotFailed) {
+  hooks_.init = [this](int, char **) {
+    Say("init");
+    while (agent_ending() == 0) {
+    }
+    return -1;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
 TEST_F(MainLoop, CommandsOfAHookInheritNoBlockedOrIgnoredSignal) {
   int go[2];  // its end: we take the child's status again
   ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);

@@ -1,0 +1,57 @@
+# Where things are installed: any prefix, any CMAKE_INSTALL_*DIR below it (or absolute), any DESTDIR,
+# in components (cmake --install BUILD --component NAME): program, configuration, headers,
+# integrations, documentation.
+
+# lib/, not lib/<triplet>/. A package, which shares its prefix with others, keeps the libraries to
+# itself: -DCMAKE_INSTALL_LIBDIR=lib/vexhostd.
+set(CMAKE_INSTALL_LIBDIR lib CACHE PATH "Object code libraries")
+# What the prefix makes of it: /etc for /usr, /etc/opt/... for /opt/..., etc/ below any other.
+set(CMAKE_INSTALL_SYSCONFDIR etc CACHE PATH "Configuration")
+include(GNUInstallDirs)
+set(VEX_INSTALL_UNITDIR lib/systemd/system CACHE PATH "The service's unit")
+
+# Notes which directories this installation is going to make, before any other rule, so that
+# `uninstall` takes away those and no others.
+install(CODE "set(VEX_BUILD \"${CMAKE_BINARY_DIR}\")
+  set(VEX_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
+  include(\"${CMAKE_CURRENT_LIST_DIR}/before-install.cmake\")" ALL_COMPONENTS)
+file(WRITE ${CMAKE_BINARY_DIR}/destinations.txt "")
+
+# vex_install(COMPONENT DIRECTORY what install() takes, up to its DESTINATION...)
+function(vex_install component directory)
+  install(${ARGN} DESTINATION ${directory} COMPONENT ${component})
+  file(APPEND ${CMAKE_BINARY_DIR}/destinations.txt "${directory}\n")
+endfunction()
+
+# vex_install_configuration(PATH FILE PERMISSION...): FILE as PATH below the configuration's
+# directory, which depends on the prefix and so is known when it is installed. What an administrator
+# has changed stays.
+function(vex_install_configuration path file)
+  install(CODE "vex_configuration(\"${path}\" \"${file}\" ${ARGN})" COMPONENT configuration)
+  cmake_path(GET path PARENT_PATH directory)
+  file(APPEND ${CMAKE_BINARY_DIR}/destinations.txt "@VEX_SYSCONFDIR@/${directory}\n")
+endfunction()
+
+# vex_relative(VARIABLE FROM TO): TO as it is found from FROM, both below the prefix; the whole path
+# where only one of them is.
+function(vex_relative variable from to)
+  cmake_path(IS_ABSOLUTE from from_absolute)
+  cmake_path(IS_ABSOLUTE to to_absolute)
+  if(from_absolute AND to_absolute)
+    file(RELATIVE_PATH path "${from}" "${to}")
+    set(path "$ORIGIN/${path}")
+  elseif(from_absolute)
+    set(path "${CMAKE_INSTALL_PREFIX}/${to}")
+  elseif(to_absolute)
+    set(path "${to}")
+  else()
+    file(RELATIVE_PATH path "/p/${from}" "/p/${to}")
+    set(path "$ORIGIN/${path}")
+  endif()
+  set(${variable} "${path}" PARENT_SCOPE)
+endfunction()
+
+add_custom_target(uninstall
+  COMMAND ${CMAKE_COMMAND} -P ${CMAKE_CURRENT_LIST_DIR}/uninstall.cmake
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  COMMENT "Removing what was installed last from here" VERBATIM)
