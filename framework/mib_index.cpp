@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "platform/framework.h"
 
@@ -78,8 +79,9 @@ void MibIndex::Link(uint64_t object_id, Object &object) {
     object.columns.push_back({variable, static_cast<uint32_t>(position)});
     object.tables.push_back(table_of_[variable]);
   }
-  std::stable_sort(object.columns.begin(), object.columns.end(),
-                   [](const Column &a, const Column &b) { return a.variable < b.variable; });
+  std::sort(object.columns.begin(), object.columns.end(), [](const Column &a, const Column &b) {
+    return std::tie(a.variable, a.position) < std::tie(b.variable, b.position);
+  });
   std::sort(object.tables.begin(), object.tables.end());
   object.tables.erase(std::unique(object.tables.begin(), object.tables.end()), object.tables.end());
   object.tables.shrink_to_fit();
