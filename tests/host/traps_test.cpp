@@ -59,6 +59,26 @@ TEST(Traps, RaisedWhileTheMasterIsDownArriveOnce) {
   EXPECT_EQ(host.traps.WaitFor(5, 1).size(), 4U);
 }
 
+TEST(Traps, RaisedWhileTheMasterIsDownOutliveTheAgent) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  host.snmpd.Kill();
+  ASSERT_TRUE(host.Order("trap 3\n"));
+  host.daemon.Stop();
+  host.StartTestAgent({"plain"}, false);
+  host.snmpd.Start();
+  auto traps = host.traps.WaitFor(3);
+  ASSERT_EQ(traps.size(), 3U);
+  for (int i = 0; i < 3; i++)
+    EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  // Once.
+  host.daemon.Stop();
+  host.StartTestAgent();
+  ASSERT_TRUE(host.Order("trap 1\n"));
+  EXPECT_EQ(host.traps.WaitFor(5, 1).size(), 4U);
+}
+
 TEST(Traps, RaisedBeforeTheFirstMaster) {
   MadeUpHost host;
   host.traps.Start();

@@ -1,13 +1,15 @@
-"""What the packages do on a plain Debian 12, from installation to purging: their scripts run by apt
+"""What the packages do on a plain Debian of the suite that they are made for, from installation to purging: their scripts run by apt
 and dpkg, the agent behind the stock snmpd. In namespaces of its own, on an overlay of that Debian;
 without systemd running (tests/vm has that), so that what the scripts ask of it is written down by a
 systemctl in its place.
 
 usage: life_test.py PACKAGES DEBIAN [Life[.test]]   (build/packages, build/root/root)
+VEX_OLD_PACKAGES has the packages of 0.1.0 for the tests of upgrades (scripts/build-old-packages).
 """
 
 import contextlib
 import glob
+import json
 import os
 import re
 import shlex
@@ -15,8 +17,10 @@ import shutil
 import signal
 import stat
 import subprocess
+import socket
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -44,6 +48,21 @@ case "$*" in
     ;;
 esac
 """
+# The same, but a service manager that is listening does what is asked for the agent.
+MANAGED = """#!/bin/sh
+case "$*" in
+  *is-enabled*) echo enabled ;;
+  *is-active*) ;;
+  *--root=*) exec /run/real-systemctl "$@" ;;
+  *vexhostd.service)
+    echo "$*" >/run/manager/asked
+    cat /run/manager/answer >/dev/null
+    ;;
+  "reload snmpd.service"|*" reload snmpd.service") kill -HUP "$(cat /run/snmpd.number)" ;;
+esac
+"""
+# Between a manager's question that was answered and the next one that is.
+LONGEST_GAP = 2.0
 # What the machine that runs this lends: a script that follows a link out of its tree ends up here.
 LENT = [f"/dev/{name}" for name in ("null", "zero", "full", "random", "urandom", "tty")]
 
@@ -96,7 +115,7 @@ class Machine:
     def run(self, *command):
         process = self.start(*command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                              stderr=subprocess.STDOUT, text=True)
-        output, _ = process.communicate(timeout=60)
+        output, _ = process.communicate(timeout=180)
         return process.returncode, output
 
     def files(self):
@@ -133,6 +152,86 @@ def eventually(condition, seconds=30):
             return False
         time.sleep(0.1)
     return True
+
+
+class ServiceManager(threading.Thread):
+    """Starts, stops and restarts the agent as the unit has systemd do it, when a script asks."""
+
+    def __init__(self, machine, started):
+        super().__init__(daemon=True)
+        self.machine = machine
+        self.started = started
+        self.agent = None
+        self.done = []
+        os.mkdir(machine.path("/run/manager"))
+        for name in ("asked", "answer"):
+            os.mkfifo(machine.path(f"/run/manager/{name}"))
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(machine.path("/run/manager/notify"))
+        self.socket.settimeout(60)
+
+    def start_agent(self):
+        [unit] = {os.path.realpath(path) for path in glob.glob(
+            self.machine.path("/usr/lib/systemd/system/vexhostd.service"))}
+        with open(unit, encoding="utf-8") as file:
+            line = re.search(r"^ExecStart=(.*)$", file.read(), re.M).group(1)
+        with open(self.machine.path("/run/vexhostd.log"), "a", encoding="utf-8") as output:
+            self.agent = self.machine.start(
+                "env", "NOTIFY_SOCKET=/run/manager/notify", *shlex.split(line),
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        self.started.append(self.agent)
+        while "READY=1" not in self.socket.recv(4096).decode().split("\n"):
+            pass
+
+    def stop_agent(self):
+        self.agent.terminate()
+        if self.agent.wait(30) != 0:
+            self.done.append(f"ended with {self.agent.returncode}")
+
+    def run(self):
+        while True:
+            with open(self.machine.path("/run/manager/asked"), encoding="utf-8") as fifo:
+                asked = fifo.read().split()
+            verb = next(word for word in asked if not word.startswith("-"))
+            if verb in ("stop", "restart") and self.agent is not None:
+                self.stop_agent()
+                self.agent = None
+            if verb in ("start", "restart"):
+                self.start_agent()
+            self.done.append(verb)
+            with open(self.machine.path("/run/manager/answer"), "w", encoding="utf-8"):
+                pass
+
+
+class Station(threading.Thread):
+    """Asks for one variable all the while, and keeps how long it went without an answer."""
+
+    def __init__(self, machine, name):
+        super().__init__(daemon=True)
+        self.machine = machine
+        self.name_asked = name
+        self.values = set()
+        self.gap = 0.0
+        self.answers = 0
+        self.over = threading.Event()
+
+    def run(self):
+        last = time.monotonic()
+        while not self.over.is_set():
+            began = time.monotonic()
+            status, output = self.machine.run("snmpget", "-v2c", "-cpublic", "-On", "-t1", "-r0",
+                                              "127.0.0.1", self.name_asked)
+            if status == 0 and "No Such" not in output:
+                self.answers += 1
+                self.values.add(output.strip())
+                self.gap = max(self.gap, began - last)
+                last = began
+            time.sleep(0.02)
+        self.gap = max(self.gap, time.monotonic() - last)
+
+    def end(self):
+        self.over.set()
+        self.join()
 
 
 class Life(unittest.TestCase):
@@ -212,8 +311,9 @@ class Life(unittest.TestCase):
     def test_installed_and_purged_where_no_systemd_runs(self):
         before = self.machine.files()
         self.install()
-        self.assertEqual(os.readlink(self.machine.path(WANTED)),
-                         "/lib/systemd/system/vexhostd.service")
+        self.assertIn(os.readlink(self.machine.path(WANTED)),
+                      ("/lib/systemd/system/vexhostd.service",
+                       "/usr/lib/systemd/system/vexhostd.service"))
         modes = {path: (kind, owner, group) for path, (kind, owner, group, _) in
                  self.machine.files().items()}
         for path, kind in (("/usr/sbin/vexhostd", "-rwxr-xr-x"), ("/usr/bin/vexreg", "-rwxr-xr-x"),
@@ -245,7 +345,9 @@ class Life(unittest.TestCase):
         self.ok("dpkg", "--purge", "vexhostd-dev")
         self.ok("dpkg", "--remove", "vexhostd")
         spool, kelmo = "/var/spool/quorix", "/var/spool/quorix/kelmo"
-        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat")
+        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat",
+                "tlxhoguid.dat.replaced.1", ".tlxhosystemrole.dat.new",
+                ".tlxhosystemroledetail.dat.new", "vexhostd.traps")
         mounted = []
 
         def fill(registry):
@@ -444,6 +546,131 @@ class Life(unittest.TestCase):
         self.assertEqual(sibling.wait(20), 0)
         self.assertFalse(self.machine.exists(REGISTRY + "/example"))
 
+    # ---- What dpkg tells the agent
+
+    def made_package(self, name, version):
+        tree = self.machine.path(f"/tmp/{name}")
+        os.makedirs(tree + "/DEBIAN")
+        with open(tree + "/DEBIAN/control", "w", encoding="utf-8") as file:
+            file.write(f"Package: {name}\nVersion: {version}\nArchitecture: all\n"
+                       "Maintainer: nobody <nobody@quorix.invalid>\nDescription: a test\n")
+        subprocess.run(["dpkg-deb", "-Znone", "-b", tree, tree + ".deb"], check=True,
+                       stdout=subprocess.DEVNULL)
+        return f"/tmp/{name}.deb"
+
+    def listed(self, name):
+        """The versions of the package in the software table."""
+        _, output = self.machine.run("vexreg", "dump")
+        try:
+            objects = json.loads(output)
+        except ValueError:
+            return None
+        return [data["tlxHoSwVerVersion"] for path, data in objects.items()
+                if path.startswith("host/swver.") and data["tlxHoSwVerName"] == name]
+
+    def test_what_dpkg_installs_is_listed_at_the_next_poll(self):
+        machine = self.machine
+        self.install()
+        machine.write("/etc/snmp/vexhostd.conf", "pollInterval 2\n", 0o640)
+        self.daemon("/lib/systemd/system/vexhostd.service", "/run/vexhostd.log")
+        self.assertTrue(eventually(lambda: self.listed("vexhostd")))
+        self.assertEqual(self.listed("qv-health"), [])
+        self.ok("dpkg", "--install", self.made_package("qv-health", "1.2-3"))
+        self.assertTrue(eventually(lambda: self.listed("qv-health") == ["1.2-3"]))
+        self.ok("dpkg", "--purge", "qv-health")
+        self.assertTrue(eventually(lambda: self.listed("qv-health") == []))
+
+    def test_the_hook_holds_up_no_dpkg_and_goes_with_the_package(self):
+        machine = self.machine
+        hook, available = "/etc/dpkg/dpkg.cfg.d/vexhostd", "/var/lib/dpkg/available"
+        self.install()
+        self.assertTrue(machine.exists(hook))
+        # Nothing is made that was not there.
+        os.remove(machine.path(available))
+        package = self.made_package("qv-health", "1.2-3")
+        self.assertNotIn("vexhostd", self.ok("dpkg", "--install", package))
+        self.assertFalse(machine.exists(available))
+        # Nor does a file that refuses stop dpkg.
+        machine.write(available, "")
+        subprocess.run(["mount", "--bind", machine.path(available), machine.path(available)],
+                       check=True)
+        subprocess.run(["mount", "-o", "remount,bind,ro", machine.path(available)], check=True)
+        self.ok("dpkg", "--purge", "qv-health")
+        subprocess.run(["umount", machine.path(available)], check=True)
+        # Not the purge but the removal takes it away; dpkg has nothing to say either way.
+        self.ok("dpkg", "--remove", "vexhostd-dev", "vexhostd")
+        self.assertFalse(machine.exists(hook))
+        self.assertTrue(machine.exists("/etc/snmp/vexhostd.conf"))
+        self.ok("dpkg", "--install", package)
+        self.ok("dpkg", "--purge", "qv-health", "vexhostd")
+
+    # ---- Upgrades
+
+    def test_an_upgrade_and_the_way_back_lose_nothing(self):
+        machine = self.machine
+        [old] = glob.glob(os.environ["VEX_OLD_PACKAGES"] + "/vexhostd_0.1.0*.deb")
+        [new] = glob.glob(PACKAGES + "/vexhostd_*.deb")
+        shutil.copy(old, machine.path("/packages/old.deb"))
+        shutil.copy(new, machine.path("/packages/new.deb"))
+        machine.write("/etc/snmp/snmpd.conf.d/sets.conf", "rwcommunity private 127.0.0.1\n")
+        snmpd = self.daemon("/lib/systemd/system/snmpd.service", "/run/snmpd.log")
+        shutil.copy(machine.path("/usr/bin/systemctl"), machine.path("/run/real-systemctl"))
+        machine.write("/run/systemctl", MANAGED, 0o755)
+        machine.write("/run/snmpd.number", str(snmpd.pid))
+        subprocess.run(["mount", "--bind", machine.path("/run/systemctl"),
+                        machine.path("/usr/bin/systemctl")], check=True)
+        os.makedirs(machine.path("/run/systemd/system"))
+        manager = ServiceManager(machine, self.started)
+        manager.start()
+
+        self.ok("dpkg", "--install", "/packages/old.deb")
+        self.assertEqual(manager.done, ["start"])
+        snmpd.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(self.visible))
+        kept = {"tlxHoSystemRole": "a role", "tlxHoSystemRoleDetail": "a detail",
+                "tlxHoGUID": "0:1:2:3:4:5:6:7:8:9:a:b:c:d:e:f"}
+        for name, value in kept.items():
+            kind = "x 000102030405060708090A0B0C0D0E0F" if name == "tlxHoGUID" else "s " + value
+            self.assertTrue(eventually(lambda name=name, kind=kind: self.set(name, kind)), name)
+        changed = machine.read("/etc/snmp/vexhostd.conf") + "pollInterval 5\n"
+        machine.write("/etc/snmp/vexhostd.conf", changed, 0o640)
+
+        def value(name):
+            return self.ok("snmpget", "-v2c", "-cpublic", "-Oqv", "-M",
+                           "/usr/share/snmp/mibs:/usr/share/vexhostd/smi", "-m", "QUORIX-HOST-MIB",
+                           "127.0.0.1", name + ".0").strip().strip('" ')
+        role = self.ok("snmptranslate", "-M", "/usr/share/snmp/mibs:/usr/share/vexhostd/smi", "-m",
+                       "QUORIX-HOST-MIB", "-On", "QUORIX-HOST-MIB::tlxHoSystemRole.0").strip()
+        for package, version in (("new", self.version(new)), ("old", "0.1.0"),
+                                 ("new", self.version(new))):
+            with self.subTest(f"to {version}"):
+                agent = manager.agent.pid
+                manager.done.clear()
+                station = Station(machine, role)
+                station.start()
+                self.assertTrue(eventually(lambda s=station: s.answers > 3))
+                self.ok("dpkg", "--install", f"/packages/{package}.deb")
+                # The values of the new one, once the first poll is over, are these as well.
+                time_over = time.monotonic() + 5
+                self.assertTrue(eventually(lambda t=time_over: time.monotonic() > t))
+                station.end()
+                print(f"to {version}: longest gap {station.gap:.2f} s, {station.answers} answers")
+                self.assertEqual(manager.done, ["restart"])
+                self.assertNotEqual(manager.agent.pid, agent)
+                self.assertIsNone(manager.agent.poll())
+                self.assertEqual(self.ok("dpkg-query", "-Wf", "${Version}", "vexhostd"), version)
+                self.assertEqual(station.values, {f'{role} = STRING: "a role"'})
+                self.assertLess(station.gap, LONGEST_GAP)
+                self.assertEqual({name: value(name) for name in kept}, kept)
+                self.assertEqual(value("tlxHoOsCommonPollFreq"), "5 seconds")
+                self.assertEqual(machine.read("/etc/snmp/vexhostd.conf"), changed)
+                # The agent itself answers: a set is taken.
+                self.assertTrue(eventually(lambda: self.set("tlxHoSystemRole", "s a role")))
+
+    def version(self, package):
+        return subprocess.run(["dpkg-deb", "-f", package, "Version"], check=True, text=True,
+                              stdout=subprocess.PIPE).stdout.strip()
+
     # ---- With systemd
 
     def test_what_the_scripts_ask_of_systemd(self):
@@ -467,7 +694,8 @@ class Life(unittest.TestCase):
 
         # The registry, as a killed agent leaves it, with a sibling's objects.
         for name in ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat",
-                     "tlxhosystemroledetail.dat", "storage/disk.1"):
+                     "tlxhosystemroledetail.dat", "tlxhoguid.dat.replaced.5",
+                     ".tlxhoguid.dat.new", "storage/disk.1"):
             self.machine.write(f"{REGISTRY}/{name}", "something\n")
 
         self.ok("dpkg", "--purge", "vexhostd-dev")

@@ -63,15 +63,78 @@ class Files(unittest.TestCase):
                      "usr/share/snmp/mibs/QUORIX-APPLIANCE-MIB.txt",
                      "usr/share/man/man8/vexhostd.8.gz", "usr/share/man/man1/vexreg.1.gz",
                      "usr/share/man/man5/vexhostd.conf.5.gz",
-                     "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "lib/systemd/system/vexhostd.service",
+                     "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "usr/libexec/vexhostd-standin",
+                     "usr/share/doc/vexhostd/README.md.gz",
+                     "usr/share/doc/vexhostd/docs/troubleshooting.md.gz",
+                     "usr/share/doc/vexhostd/docs/variables.md.gz",
+                     "usr/share/doc/vexhostd/third-party-notices",
                      "etc/snmp/vexhostd.conf", "etc/snmp/snmpd.conf.d/vexhostd.conf",
                      "usr/share/doc/vexhostd/copyright", "usr/share/doc/vexhostd/changelog.gz",
                      "usr/include/vexhostd/platform/framework.h"):
             self.assertTrue(os.path.isfile(f"{self.root}/{path}"), path)
 
     def test_the_unit_starts_what_is_installed(self):
-        with open(self.root + "/lib/systemd/system/vexhostd.service", encoding="utf-8") as unit:
+        # One place alone: where the suite has its units.
+        [path] = [path for path in (self.root + "/lib/systemd/system/vexhostd.service",
+                                    self.root + "/usr/lib/systemd/system/vexhostd.service")
+                  if os.path.exists(path)]
+        with open(path, encoding="utf-8") as unit:
             self.assertIn("\nExecStart=/usr/sbin/vexhostd ", unit.read())
+
+    def test_dpkg_gets_a_hook_that_goes_with_the_package(self):
+        # A link, and so no conffile, which would stay after a removal.
+        link = self.root + "/etc/dpkg/dpkg.cfg.d/vexhostd"
+        self.assertTrue(os.path.islink(link))
+        target = os.path.join("/etc/dpkg/dpkg.cfg.d", os.readlink(link))
+        with open(self.root + os.path.normpath(target), encoding="utf-8") as file:
+            options = [line for line in file.read().splitlines() if not line.startswith("#")]
+        [hook] = options
+        name, command = hook.split("=", 1)
+        self.assertEqual(name, "post-invoke")
+        # It may fail; dpkg must not.
+        with tempfile.TemporaryDirectory() as empty:
+            done = run("sh", "-c", command.replace("/var/lib/dpkg", empty + "/absent"))
+            self.assertEqual((done.returncode, done.stdout), (0, ""))
+            self.assertEqual(os.listdir(empty), [])
+
+    def test_hardened_as_debian_wants_it(self):
+        programs = ["usr/sbin/vexhostd", "usr/bin/vexreg", "usr/libexec/vexhostd-standin"] + glob.glob("usr/lib/vexhostd/*",
+                                                                       root_dir=self.root)
+        self.assertEqual(len(programs), 7)
+        for path in programs:
+            with self.subTest(path):
+                file = f"{self.root}/{path}"
+                self.assertIn("BIND_NOW", run("readelf", "-dW", file).stdout)
+                self.assertIn("GNU_RELRO", run("readelf", "-lW", file).stdout)
+                self.assertRegex(run("readelf", "-hW", file).stdout, r"Type: +DYN")
+                # A function begins where an indirect branch may come to.
+                if self.field("Architecture") == "amd64":
+                    self.assertRegex(run("readelf", "-nW", file).stdout, "IBT, SHSTK")
+
+    def test_the_flags_are_the_packagers(self):
+        with open(PACKAGES + "/log", encoding="utf-8") as log:
+            lines = [line for line in log if " -c " in line and "core/agent.cpp" in line]
+        self.assertTrue(lines)
+        for flag in ("-O2", "-fstack-clash-protection", "-fstack-protector-strong",
+                     "-D_FORTIFY_SOURCE=2", "-ffile-prefix-map="):
+            self.assertIn(flag, lines[0])
+        self.assertNotIn("-O0", lines[0])
+
+    def test_symbols_for_a_debugger_are_in_packages_of_their_own(self):
+        self.assertTrue(glob.glob(PACKAGES + "/vexhostd-dbgsym_*.deb"))
+
+    def test_recommended_is_what_the_readme_uses(self):
+        self.assertEqual(self.field("Recommends"), "snmp")
+
+    def test_each_suite_has_a_version_below_the_next_ones(self):
+        version = self.field("Version")
+        upstream = version.partition("~")[0]
+        order = ["0.1.0", f"{upstream}~deb12u1", f"{upstream}~deb13u1", f"{upstream}~ubuntu24.04.1",
+                 upstream]
+        self.assertIn(version, order[1:])
+        for lower, higher in zip(order, order[1:]):
+            done = run("dpkg", "--compare-versions", lower, "lt", higher)
+            self.assertEqual(done.returncode, 0, f"{lower} {higher}")
 
     def test_depends_on_snmpd_and_what_it_is_linked_with(self):
         depends = [entry.split()[0] for entry in self.field("Depends").split(",")]
@@ -119,14 +182,14 @@ class Files(unittest.TestCase):
         self.assertEqual(self.needed(self.root + "/sibling"),
                          common | {"libkelmointrfc.so", "libqvev.so", "libtlxci.so"})
         version = run("pkg-config", "--modversion", "vexhostd", env=environment)
-        self.assertEqual(version.stdout.strip(), self.field("Version"))
+        self.assertEqual(version.stdout.strip(), self.field("Version").partition("~")[0])
 
 
 class Lintian(unittest.TestCase):
     def lint(self, *files):
         with tempfile.TemporaryDirectory() as leavings:
-            return run("lintian", "--allow-root", "--fail-on", "error,warning",
-                       "--tag-display-limit", "0", *files,
+            return run("lintian", "--allow-root", "-EIL", "+pedantic", "--fail-on",
+                       "error,warning,info,pedantic,experimental", "--tag-display-limit", "0", *files,
                        env={**os.environ, "TMPDIR": leavings})
 
     def test_finds_nothing(self):

@@ -1,0 +1,130 @@
+#include "framework/unsent.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "tests/unit/framework/temp_registry.h"
+
+namespace vex {
+namespace {
+
+class Unsent : public testing::Test {
+ protected:
+  static std::vector<Notification> Some() {
+    const MibVariable *text = FindMibVariable("tlxHoSystemRole");
+    const MibVariable *cell = FindMibVariable("tlxHoCpuUtilMin");
+    std::vector<Notification> some;
+    for (uint32_t number = 1; number <= 3; number++) {
+      Notification one;
+      one.number = number;
+      one.description = "the description";
+      one.variables.push_back({text, 0, {'r', 'o', 0, 'e'}});
+      one.variables.push_back({cell, number, {1, 2, 3, 4}});
+      some.push_back(std::move(one));
+    }
+    return some;
+  }
+  static void ExpectSame(const std::vector<Notification> &a, const std::vector<Notification> &b) {
+    ASSERT_EQ(a.size(), b.size());
+    for (size_t i = 0; i < a.size(); i++) {
+      EXPECT_EQ(a[i].number, b[i].number);
+      EXPECT_EQ(a[i].description, b[i].description);
+      ASSERT_EQ(a[i].variables.size(), b[i].variables.size());
+      for (size_t j = 0; j < a[i].variables.size(); j++) {
+        EXPECT_EQ(a[i].variables[j].mib, b[i].variables[j].mib);
+        EXPECT_EQ(a[i].variables[j].instance, b[i].variables[j].instance);
+        EXPECT_EQ(a[i].variables[j].value, b[i].variables[j].value);
+      }
+    }
+  }
+  std::string Path() const {
+    return registry.root() + "/agent.traps";
+  }
+  std::string Bytes() const {
+    std::ifstream file(Path(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  void Write(const std::string &bytes) const {
+    std::ofstream(Path(), std::ios::binary | std::ios::trunc) << bytes;
+    chmod(Path().c_str(), 0600);
+  }
+  std::vector<Notification> Take() const {
+    return TakeUnsent(registry.root(), "agent");
+  }
+
+  TempRegistry registry;
+};
+
+TEST_F(Unsent, AreTakenOnceInTheirOrder) {
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  struct stat status = {};
+  ASSERT_EQ(stat(Path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+  ExpectSame(Take(), Some());
+  EXPECT_TRUE(Take().empty());
+  EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+}
+
+TEST_F(Unsent, NoneMakeNoFile) {
+  EXPECT_EQ(KeepUnsent(registry.root(), "agent", {}), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+}
+
+TEST_F(Unsent, OfWhatWasCutOffTheWholeOnesAreLeft) {
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  const std::string whole = Bytes();
+  const size_t mark = whole.find('\n') + 1;
+  const size_t each = (whole.size() - mark) / 3;
+  for (size_t length = 0; length < whole.size(); length++) {
+    Write(whole.substr(0, length));
+    EXPECT_EQ(Take().size(), length < mark ? 0 : (length - mark) / each) << length;
+  }
+}
+
+TEST_F(Unsent, AnythingElseIsNotRead) {
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  const std::string whole = Bytes();
+  const std::string elsewhere = registry.base() + "/elsewhere";
+  std::filesystem::rename(Path(), elsewhere);
+  std::filesystem::create_symlink(elsewhere, Path());
+  EXPECT_TRUE(Take().empty());
+  std::filesystem::remove(Path());
+  std::filesystem::create_hard_link(elsewhere, Path());
+  EXPECT_TRUE(Take().empty());
+  std::filesystem::remove(Path());
+  ASSERT_EQ(mkfifo(Path().c_str(), 0600), 0);
+  EXPECT_TRUE(Take().empty());
+  std::filesystem::remove(Path());
+  Write(whole);
+  chmod(Path().c_str(), 0666);
+  EXPECT_TRUE(Take().empty());
+  chmod(Path().c_str(), 0600);
+  EXPECT_EQ(Take().size(), 3U);
+}
+
+TEST_F(Unsent, ANameThatLeadsElsewhereIsRefused) {
+  for (const char *name : {"", ".", "..", "../agent", "host/agent"}) {
+    EXPECT_NE(KeepUnsent(registry.root(), name, Some()), 0) << name;
+    EXPECT_TRUE(TakeUnsent(registry.root(), name).empty()) << name;
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+}
+
+TEST_F(Unsent, WhatWasKeptStaysWhereNothingCanBeWritten) {
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  const std::string before = Bytes();
+  // In the place of the file that is written first.
+  std::filesystem::create_directory(registry.root() + "/.agent.traps.new");
+  EXPECT_NE(KeepUnsent(registry.root(), "agent", std::vector<Notification>(1)), 0);
+  EXPECT_EQ(Bytes(), before);
+}
+
+}  // namespace
+}  // namespace vex

@@ -1,0 +1,174 @@
+// vexhostd-standin [SECONDS]: answers managers in the place of vexhostd while that one is replaced
+// by another version. It registers the same groups with the master behind the agent, serves what
+// the agent published last, refuses sets, and so is asked from the moment in which the agent goes
+// to that in which the next one has come. Returns when the master has taken it, or after two
+// seconds; a process of its own stays for SECONDS (60), or until SIGTERM, whose number is printed.
+// Status 1 when there is nothing to serve or no master. For the scripts of packages.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "framework/image.h"
+#include "framework/mib_table.h"
+#include "framework/registry_file.h"
+#include "framework/snmp_side.h"
+#include "platform/framework.h"
+
+// What the framework asks of an agent: its name for the log alone.
+const char *agent = "vexhostd-standin";
+
+namespace {
+
+using namespace vex;
+
+constexpr std::string_view kObjects = "host/";
+constexpr int kLongest = 60;  // seconds
+constexpr int kMostSeconds = 600;
+constexpr timespec kLook = {0, 20'000'000};
+constexpr int kLooks = 100;  // two seconds
+
+uint32_t InstanceOf(std::string_view name) {
+  uint32_t instance = 0;
+  const size_t dot = name.rfind('.');
+  if (dot != name.npos) {
+    std::from_chars(name.data() + dot + 1, name.data() + name.size(), instance);
+  }
+  return instance;
+}
+
+// The object as managers are to see it, or null: nothing of it is in the MIB, or it cannot be read.
+std::shared_ptr<const Image> ReadImage(const std::string &name, uint64_t id) {
+  std::optional<FileObject> object = ReadObjectFile(name);
+  if (!object) {
+    return nullptr;
+  }
+  auto layout = std::make_shared<Layout>();
+  auto image = std::make_shared<Image>();
+  for (size_t slot = 0; slot < object->variables.size(); slot++) {
+    const FileVariable &variable = object->variables[slot];
+    const MibVariable *mib = variable.type != 0 ? FindMibVariable(variable.name) : nullptr;
+    if (mib == nullptr || mib->type != variable.type || variable.offset > object->data.size() ||
+        variable.size > object->data.size() - variable.offset) {
+      continue;
+    }
+    layout->variables.push_back({mib, static_cast<int>(slot), static_cast<int>(variable.size),
+                                 variable.offset, variable.type, false});
+    image->octet_lengths.push_back(variable.length);
+  }
+  if (layout->variables.empty()) {
+    return nullptr;
+  }
+  image->layout = std::move(layout);
+  image->object_id = id;
+  image->instance = InstanceOf(name);
+  image->data = std::move(object->data);
+  return image;
+}
+
+// Publishes all objects of the agent. How many.
+uint64_t Publish() {
+  uint64_t count = 0;
+  for (const std::string &name : ListObjects()) {
+    if (name.starts_with(kObjects)) {
+      if (std::shared_ptr<const Image> image = ReadImage(name, count + 1)) {
+        SnmpPublish(std::move(image));
+        count++;
+      }
+    }
+  }
+  return count;
+}
+
+// Serves for so long; tells through ready that it does.
+int Serve(int seconds, int ready) {
+  sigset_t ends;
+  sigemptyset(&ends);
+  sigaddset(&ends, SIGTERM);
+  sigaddset(&ends, SIGINT);
+  sigprocmask(SIG_BLOCK, &ends, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);
+  if (Publish() == 0) {
+    return 1;
+  }
+  SnmpStandBehind();
+  SnmpEnableSets(false);
+  if (SnmpStart("vexhostd", nullptr) != 0) {
+    return 1;
+  }
+  for (int look = 0; look < kLooks && !SnmpUp(); look++) {
+    nanosleep(&kLook, nullptr);
+  }
+  const bool up = SnmpUp();
+  if (up) {
+    (void)!write(ready, "", 1);
+    close(ready);
+    const timespec longest = {seconds, 0};
+    while (sigtimedwait(&ends, nullptr, &longest) < 0 && errno == EINTR) {
+    }
+  }
+  SnmpStop();
+  return up ? 0 : 1;
+}
+
+// Nobody waits for the end of what a script had open.
+void LetGo() {
+  setsid();
+  (void)!chdir("/");
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (null >= 0) {
+      dup2(null, fd);
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  int seconds = kLongest;
+  if (argc > 2 || (argc == 2 && ((seconds = atoi(argv[1])) < 1 || seconds > kMostSeconds))) {
+    fprintf(stderr, "usage: vexhostd-standin [SECONDS]\n");
+    return 2;
+  }
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) {
+    perror("vexhostd-standin");
+    return 1;
+  }
+  // Before any thread.
+  const pid_t child = fork();
+  if (child < 0) {
+    perror("vexhostd-standin");
+    return 1;
+  }
+  if (child == 0) {
+    close(ready[0]);
+    LetGo();
+    return Serve(seconds, ready[1]);
+  }
+  close(ready[1]);
+  char byte;
+  ssize_t got;
+  while ((got = read(ready[0], &byte, 1)) < 0 && errno == EINTR) {
+  }
+  if (got != 1) {
+    waitpid(child, nullptr, 0);
+    return 1;
+  }
+  printf("%d\n", static_cast<int>(child));
+  return 0;
+}
