@@ -26,7 +26,8 @@ int64_t InHookSince();
 // The poll interval of the configuration file, which counts unless the agent has set one itself.
 void ConfigurePollTime(int seconds);
 // Ends the SNMP side, at the end of the process, and keeps what it could not send for the next one.
-void EndSnmp();
+// False when its thread hangs, as SnmpStop() says.
+bool EndSnmp();
 
 }  // namespace vex
 

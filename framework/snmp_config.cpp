@@ -18,6 +18,7 @@
 #include <cstring>
 #include <optional>
 #include <set>
+#include <stdexcept>
 
 #include "platform/framework.h"
 
@@ -69,7 +70,8 @@ std::set<int> OpenDescriptors() {
 // started in between.
 void CloseOnExec(const std::set<int> &before) {
   for (int fd : OpenDescriptors()) {
-    if (before.count(fd) == 0) {
+    // Where they could not be listed before, standard output and error are still to be inherited.
+    if (fd > STDERR_FILENO && before.count(fd) == 0) {
       fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
   }
@@ -95,26 +97,29 @@ std::optional<AgentxSession::TcpAddress> TcpAddressOf(const std::string &target)
   return address;
 }
 
-int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
-                          AgentxSession::Settings *session) {
+void LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
+                           AgentxSession::Settings *session) {
   InitAgent init = LibraryInitAgent();
   if (init == nullptr) {
-    agentlog_fprintf(stderr, "init_agent() of the SNMP agent library not found\n");
-    return -1;
+    throw std::runtime_error("init_agent() of the SNMP agent library not found");
   }
   std::set<int> open_before = OpenDescriptors();
   PrepareSnmpLibrary();
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, kSubagent);
 
   if (init(application.c_str()) != 0) {
-    return -1;
+    throw std::runtime_error("the SNMP agent library does not start");
   }
   // The session is opened by AgentxSession; the library's way would wait for the master here.
   snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, subagent_startup,
                            nullptr, 0);
 
+  ReportUnknownTokens(application);
   const SnmpFiles files = ReadSnmpFiles(application);
   CloseOnExec(open_before);
+  if (!files.failed.empty()) {
+    throw std::runtime_error(files.failed);
+  }
 
   settings->poll_interval = files.poll_interval;
   settings->community = files.community;
@@ -129,7 +134,6 @@ int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings
   // One octet in the Open PDU (RFC 2741 6.2.1).
   session->timeout_seconds = timeout > 0 ? static_cast<int>(std::min(timeout / ONE_SEC, 255L)) : 0;
   session->groups = MibGroups();
-  return 0;
 }
 
 void UnloadSnmp(const std::string &application) {

@@ -10,9 +10,10 @@
 
 namespace vex {
 
-// Initialises the libraries for `application` and reads its configuration. Opens nothing. 0 or -1.
-int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
-                          AgentxSession::Settings *session);
+// Initialises the libraries for `application` and reads its configuration. Opens nothing. Throws
+// std::runtime_error that says why it cannot.
+void LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
+                           AgentxSession::Settings *session);
 // The address of "tcp:A.B.C.D:PORT" and "tcp:localhost:PORT"; nothing for any other target.
 std::optional<AgentxSession::TcpAddress> TcpAddressOf(const std::string &target);
 void UnloadSnmp(const std::string &application);

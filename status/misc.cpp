@@ -1,8 +1,12 @@
 #include "status/misc.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -158,13 +162,104 @@ static int32_t entry_severity(const registry_object *entry) {
   return 0;
 }
 
+// What an entry's file said. A machine may have thousands of them, which seldom change.
+struct known_entry {
+  dev_t device;
+  ino_t inode;  // 0: a free place
+  off_t size;
+  timespec changed;
+  int32_t severity;
+};
+
+// By inode number; a place is the first free one from the number on.
+struct entry_table {
+  known_entry *places;
+  size_t size;  // 0, or a power of two that is at least twice `used`
+  size_t used;
+};
+
+static entry_table known_entries;  // of the poll before
+
+static known_entry *place_of(const entry_table *table, ino_t inode) {
+  size_t at = static_cast<size_t>(inode) & (table->size - 1);
+  while (table->places[at].inode != 0 && table->places[at].inode != inode) {
+    at = (at + 1) & (table->size - 1);
+  }
+  return &table->places[at];
+}
+
+// Without memory the entry is read again at the next poll, nothing worse.
+static void remember(entry_table *table, const known_entry &entry) {
+  constexpr size_t first_size = 64;
+  if (entry.inode == 0) {
+    return;
+  }
+  if (2 * (table->used + 1) > table->size) {
+    entry_table larger = {nullptr, table->size != 0 ? 2 * table->size : first_size, table->used};
+    larger.places = static_cast<known_entry *>(calloc(larger.size, sizeof(known_entry)));
+    if (larger.places == nullptr) {
+      return;
+    }
+    for (size_t i = 0; i < table->size; i++) {
+      if (table->places[i].inode != 0) {
+        *place_of(&larger, table->places[i].inode) = table->places[i];
+      }
+    }
+    free(table->places);
+    *table = larger;
+  }
+  known_entry *place = place_of(table, entry.inode);
+  table->used += place->inode == 0 ? 1 : 0;
+  *place = entry;
+}
+
+// The severity that the entry's file was last seen to have, when it has not changed since.
+static bool recall(const struct stat &status, known_entry *entry) {
+  if (known_entries.size == 0) {
+    return false;
+  }
+  *entry = *place_of(&known_entries, status.st_ino);
+  return entry->inode == status.st_ino && entry->device == status.st_dev &&
+         entry->size == status.st_size && entry->changed.tv_sec == status.st_ctim.tv_sec &&
+         entry->changed.tv_nsec == status.st_ctim.tv_nsec;
+}
+
+// The severity of one entry of the directory, which is kept in `seen` for the next poll.
+static int32_t read_entry(int directory, const char *path, const char *name, entry_table *seen) {
+  struct stat status = {};
+  known_entry entry = {};
+  const bool there = fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+  if (there && recall(status, &entry)) {
+    remember(seen, entry);
+    return entry.severity;
+  }
+  char full_name[sizeof(log_dir) + sizeof(threshold_directory) + sizeof(dirent::d_name)];
+  snprintf(full_name, sizeof(full_name), "%s/%s", path, name);
+  const freeing<registry_object> object_read(get_obj(full_name));
+  if (!object_read) {
+    return 0;
+  }
+  const int32_t severity = entry_severity(object_read.get());
+  // A file's times go by ticks of the clock: of one that has just changed, the next change may not
+  // show in them.
+  constexpr time_t settled = 2;
+  if (there && status.st_ctim.tv_sec + settled < time(nullptr)) {
+    remember(seen, {status.st_dev, status.st_ino, status.st_size, status.st_ctim, severity});
+  }
+  return severity;
+}
+
 // The largest severity among the threshold agent's entries, at least 1; 0 when its directory cannot
 // be read.
 static int32_t read_thresholds() {
   char path[sizeof(log_dir) + sizeof(threshold_directory)];
   snprintf(path, sizeof(path), "%s/%s", log_dir, threshold_directory);
-  const directory_handle directory(opendir(path));
+  const int opened = open_dir(path);
+  const directory_handle directory(opened < 0 ? nullptr : fdopendir(opened));
   if (!directory) {
+    if (opened >= 0) {
+      close(opened);
+    }
     if (!threshold_failure_logged) {
       threshold_failure_logged = true;
       agentlog_fprintf(stderr, "cannot opendir(%s)\n", path);
@@ -172,18 +267,15 @@ static int32_t read_thresholds() {
     return 0;
   }
   int32_t largest = 1;
+  entry_table seen = {};
   while (const dirent *listed = readdir(directory.get())) {
-    if (strncmp(listed->d_name, entry_prefix, strlen(entry_prefix)) != 0) {
-      continue;
-    }
-    char name[sizeof(path) + sizeof(listed->d_name)];
-    snprintf(name, sizeof(name), "%s/%s", path, listed->d_name);
-    const freeing<registry_object> entry(get_obj(name));
-    if (entry) {
-      const int32_t severity = entry_severity(entry.get());
+    if (strncmp(listed->d_name, entry_prefix, strlen(entry_prefix)) == 0) {
+      const int32_t severity = read_entry(opened, path, listed->d_name, &seen);
       largest = severity > largest ? severity : largest;
     }
   }
+  free(known_entries.places);
+  known_entries = seen;
   return largest;
 }
 

@@ -3,6 +3,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;

@@ -1,4 +1,6 @@
 // The memory group.
+#include <algorithm>
+
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;

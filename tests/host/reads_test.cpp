@@ -1,4 +1,6 @@
 // Reads of whatever an agent publishes, through the tests' own agent.
+#include <algorithm>
+
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;

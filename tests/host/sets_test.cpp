@@ -1,5 +1,7 @@
 // Sets of whatever an agent makes writable, through the tests' own agent (test_agent.cpp tells what
 // its handlers do with a value).
+#include <algorithm>
+
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;

@@ -7,6 +7,7 @@
 // The environment says how long (VEX_SOAK_SECONDS), how often a sample is taken (VEX_SOAK_EVERY)
 // and where the files go (VEX_SOAK_OUT).
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>

@@ -1,5 +1,6 @@
 #include "tests/support/smbios_tables.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <map>

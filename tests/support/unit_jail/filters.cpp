@@ -287,7 +287,8 @@ void LoadFilters(const Unit &unit) {
   }
   if (unit.protect_clock) {
     refuse([](uint32_t, Refusals *refusals) {
-      for (const std::string &call : SystemCallGroup("@clock")) {
+      const std::string clock = "@clock";
+      for (const std::string &call : SystemCallGroup(clock)) {
         refusals->Add(call.c_str(), EPERM);
       }
     });

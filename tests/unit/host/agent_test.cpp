@@ -1,4 +1,5 @@
 // Options, start-up, poll and end, as the framework's hooks.
+#include <errno.h>
 #include <getopt.h>
 #include <gtest/gtest.h>
 
@@ -150,9 +151,31 @@ TEST_F(Agent, EmptiesItsDirectoryBeforeAnyObject) {
   EXPECT_EQ(log_dir, dir);
   EXPECT_EQ(rec::Names("create_dir"), std::vector<std::string>{dir});
   EXPECT_EQ(rec::Events()[static_cast<size_t>(Place("create_dir", dir))].data, "1");
+  EXPECT_LT(Place("claim_dir", dir), Place("create_dir", dir));
   EXPECT_LT(Place("create_dir", dir), Place("remove_all_dir", dir + "/*"));
   EXPECT_LT(Place("remove_all_dir", dir + "/*"), Place("init_snmp_appname", "vexhostd"));
   EXPECT_LT(Place("init_snmp_appname", "vexhostd"), Place("create_obj", "host/memory"));
+}
+
+TEST_F(Agent, TouchesNothingOfADirectoryThatAnotherProcessHas) {
+  const std::string dir = "/var/spool/quorix/kelmo/registry/host";
+  rec::Fail("claim_dir", dir);
+  EXPECT_EQ(Start({"-i"}), -1);
+  EXPECT_EQ(rec::Names("claim_dir"), std::vector<std::string>{dir});
+  for (const char *operation :
+       {"create_dir", "remove_all_dir", "init_snmp_appname", "create_obj"}) {
+    EXPECT_EQ(rec::Count(operation), 0) << operation;
+  }
+}
+
+TEST_F(Agent, SaysThatItsDirectoryCannotBeCleared) {
+  rec::Fail("remove_all_dir", "*/host/*");
+  errno = 0;
+  EXPECT_EQ(Start({"-i"}), 0);
+  ASSERT_FALSE(rec::Messages().empty());
+  EXPECT_TRUE(rec::Messages()[0].starts_with(
+      "vexhostd: Can't clear registry directory /var/spool/quorix/kelmo/registry/host: "))
+      << rec::Messages()[0];
 }
 
 TEST_F(Agent, GoesOnWithoutACommunity) {
@@ -231,6 +254,82 @@ TEST_F(Agent, AFailingCollectorEndsTheRefreshAndNotTheAgent) {
   EXPECT_EQ(rec::Count("log_data", "host/memory"), 1);
 }
 
+TEST_F(Agent, SaysOnceThatPollsEndEarlyAndOnceThatTheyAreWhole) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  const auto poll = [] {
+    rec::ForgetEvents();
+    get_data();
+    return rec::Messages();
+  };
+  rec::Fail("find_obj", "host/cpu.0");
+  EXPECT_EQ(poll(), std::vector<std::string>{"vexhostd: The poll ended early: the processors group "
+                                             "failed, and what follows it is not refreshed\n"});
+  EXPECT_EQ(poll(), std::vector<std::string>{});
+  rec::StopFailing();
+  EXPECT_EQ(poll(), std::vector<std::string>{"vexhostd: Polls are whole again\n"});
+  EXPECT_EQ(poll(), std::vector<std::string>{});
+}
+
+TEST_F(Agent, LeavesTheRestOutOnceItIsToEnd) {
+  ASSERT_EQ(Start({"-z"}), 0);
+  rec::ForgetEvents();
+  rec::Fail("agent_ending");
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Count("log_data"), 0);
+  EXPECT_EQ(rec::Count("process_linux_cmd"), 0);
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+}
+
+TEST_F(Agent, AStartThatIsToldToEndDuringItsPauseMakesNothing) {
+  rec::Fail("agent_ending");
+  EXPECT_EQ(Start({"-i"}), 0);
+  EXPECT_TRUE(rec::LiveNames().empty());
+  EXPECT_EQ(cleanup_agent(), 0);
+}
+
+TEST_F(Agent, AVariableThatCouldNotBeDefinedIsByALaterPoll) {
+  rec::AllowUndefinedSlots("host/hwinfo");
+  rec::PutEv("ZTHRN4", std::string(8, '\0'));
+  rec::Fail("init_info", "tlxHoHWInfoPlatform");
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Live("host/hwinfo")->desc[0].type, 0);
+  const int published = rec::Publications("host/hwinfo");
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Live("host/hwinfo")->desc[0].type, 0);
+  rec::StopFailing();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Live("host/hwinfo")->desc[0].type, VAR_INTEGER);
+  EXPECT_EQ(rec::Publications("host/hwinfo"), published + 1);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Publications("host/hwinfo"), published + 1);
+}
+
+TEST_F(Agent, WhatIsPublishedOnceIsByTheNextPollWhenThatFailed) {
+  rec::SetAppliance(true, 7, {{"ProductName", "Box"}});
+  rec::Fail("log_data", "host/appliance");
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Publications("host/appliance"), 0);
+  rec::StopFailing();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Publications("host/appliance"), 1);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Publications("host/appliance"), 1);
+}
+
+TEST_F(Agent, ADeletedObjectIsNotMadeUpFor) {
+  rec::PutFile("/etc/mtab", "/dev/x /x ext4 rw 0 0\n");
+  rec::AllowUndefinedSlots("host/filesys.0");
+  rec::Fail("init_info", "tlxHoFileSysDesc");
+  ASSERT_EQ(Start({"-i"}), 0);
+  rec::PutFile("/etc/mtab", "");
+  for (int poll = 0; poll < 3; poll++) {
+    EXPECT_EQ(get_data(), 0);
+  }
+  rec::StopFailing();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Live("host/filesys.0"), nullptr);
+}
+
 TEST_F(Agent, DeletesTheFileSystemRowsFirstAtTheEnd) {
   rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n/dev/y /y ext4 rw 0 0\n");
   ASSERT_EQ(Start({"-i"}), 0);
@@ -247,19 +346,20 @@ TEST_F(Agent, DeletesAllItHasAtTheEnd) {
   EXPECT_EQ(rec::Events().front().operation, "alarm");
   EXPECT_TRUE(rec::LiveNames().empty());
   const std::string root = "/var/spool/quorix/kelmo/registry";
-  EXPECT_EQ(rec::Names("rmdir"), (std::vector<std::string>{root + "/host", root}));
-  EXPECT_LT(Place("delete_obj", "all"), Place("rmdir", root + "/host"));
+  EXPECT_EQ(rec::Names("remove_empty_dir"), (std::vector<std::string>{root + "/host", root}));
+  EXPECT_LT(Place("delete_obj", "all"), Place("remove_empty_dir", root + "/host"));
 }
 
 TEST_F(Agent, LeavesDirectoriesThatAreInUse) {
   ASSERT_EQ(Start({"-i"}), 0);
   rec::Fail("is_empty_dir", "/var/spool/quorix/kelmo/registry");
   EXPECT_EQ(cleanup_agent(), 0);
-  EXPECT_EQ(rec::Names("rmdir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
+  EXPECT_EQ(rec::Names("remove_empty_dir"),
+            std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
   rec::ForgetEvents();
   rec::Fail("is_empty_dir", "*/host");
   cleanup_agent();
-  EXPECT_EQ(rec::Count("rmdir"), 0);
+  EXPECT_EQ(rec::Count("remove_empty_dir"), 0);
 }
 
 }  // namespace

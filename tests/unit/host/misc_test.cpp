@@ -314,6 +314,53 @@ TEST_F(Misc, EntriesThatCannotBeReadAreSkipped) {
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
 }
 
+TEST_F(Misc, EntriesThatDidNotChangeAreNotReadAgain) {
+  constexpr int kEntries = 200;
+  const auto name = [](int i) { return "entry." + std::to_string(i); };
+  for (int i = 0; i < kEntries; i++) {
+    PutEntry(name(i), {.severity = 3});
+  }
+  // Just written: the next change might not show in the file's times.
+  do_misc();
+  rec::ForgetEvents();
+  do_misc();
+  EXPECT_EQ(rec::Count("get_obj", "threshold/*"), kEntries);
+  rec::SetTime(time(nullptr) + 10);
+  do_misc();
+  rec::ForgetEvents();
+  for (int poll = 0; poll < 3; poll++) {
+    do_misc();
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+  }
+  EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 0);
+  // One that is written in place, one that is replaced, one that comes, one that goes.
+  PutEntry(name(7), {.severity = 6});
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+  rec::PutNothing(std::string(kThresholds) + "/" + name(7));
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+  PutEntry(name(7), {.severity = 5});
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+  rec::PutNothing(std::string(kThresholds) + "/" + name(7));
+  PutEntry(name(kEntries), {.severity = 3});
+  rec::ForgetEvents();
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+  EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 1);
+}
+
+TEST_F(Misc, AnEntryThatCouldNotBeReadIsTriedAgain) {
+  PutEntry("entry.1", {.severity = 6});
+  rec::SetTime(time(nullptr) + 10);
+  rec::Fail("get_obj", "threshold/*", 1);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+}
+
 TEST_F(Misc, AMissingDirectoryIsReportedOnce) {
   const std::string message =
       "cannot opendir(/var/spool/quorix/kelmo/registry/host/../threshold)\n";

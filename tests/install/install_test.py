@@ -1,0 +1,223 @@
+"""cmake --install and the target uninstall, as a packager and an administrator use them.
+
+usage: install_test.py BUILD [TestClass[.test]]   (BUILD: a build tree, whose compiler is used)
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+BUILD = ""
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+# Directories as distributions have them, and some that nobody has.
+ODD = {"SBINDIR": "libexec/agents", "BINDIR": "tools/bin", "LIBDIR": "lib64/private/vexhostd",
+       "SYSCONFDIR": "conf", "MANDIR": "man", "DATADIR": "data", "INCLUDEDIR": "inc"}
+
+
+def run(*command, status=0, **environment):
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          check=False, env={**os.environ, **environment})
+    if status is not None and done.returncode != status:
+        raise AssertionError(f"{command}: {done.returncode}\n{done.stdout[-4000:]}")
+    return done.stdout
+
+
+def tree(top):
+    """All paths below a directory."""
+    return sorted(os.path.relpath(os.path.join(path, name), top)
+                  for path, directories, files in os.walk(top) for name in directories + files)
+
+
+def mode(path):
+    return os.stat(path).st_mode & 0o777
+
+
+class Work(unittest.TestCase):
+    def setUp(self):
+        work = tempfile.TemporaryDirectory()
+        self.addCleanup(work.cleanup)
+        self.work = work.name
+        # Beside the others, where ccache knows what they have compiled.
+        self.build = tempfile.mkdtemp(prefix="install-", dir=os.path.dirname(BUILD))
+        self.addCleanup(shutil.rmtree, self.build, ignore_errors=True)
+
+    def configure(self, *options):
+        """A tree of its own: what a build tree notes of installations is not shared. Compiled is what
+        ccache does not have."""
+        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja", "-DVEX_WERROR=ON",
+            "-DVEX_CCACHE=ON", "-DCMAKE_BUILD_TYPE=RelWithDebInfo", *options)
+        run("cmake", "--build", self.build)
+
+    def read(self, path):
+        with open(path, encoding="utf-8") as file:
+            return file.read()
+
+
+class Places(Work):
+    def test_odd_places_below_a_staged_prefix(self):
+        self.configure(*(f"-DCMAKE_INSTALL_{name}={place}" for name, place in ODD.items()))
+        stage, prefix = self.work + "/stage", "/srv/odd-place"
+        os.mkdir(stage)
+        run("cmake", "--install", self.build, "--prefix", prefix, DESTDIR=stage)
+        top = stage + prefix
+        paths = tree(top)
+        for path in ("libexec/agents/vexhostd", "tools/bin/vexreg",
+                     "lib64/private/vexhostd/libvexcommon.so", "conf/snmp/vexhostd.conf",
+                     "conf/snmp/snmpd.conf.d/vexhostd.conf", "man/man8/vexhostd.8",
+                     "data/snmp/mibs/QUORIX-HOST-MIB.txt", "inc/vexhostd/platform/framework.h",
+                     "data/pkgconfig/vexhostd.pc", "lib/systemd/system/vexhostd.service"):
+            self.assertIn(path, paths)
+        # Nothing in the places that were not asked for.
+        self.assertEqual({path.split("/")[0] for path in paths},
+                         {"libexec", "tools", "lib64", "conf", "man", "data", "inc", "lib"})
+        self.assertEqual([path for path in tree(top + "/lib")],
+                         ["systemd", "systemd/system", "systemd/system/vexhostd.service"])
+        self.assertEqual(os.listdir(stage), ["srv"])
+        self.assertEqual(mode(top + "/conf/snmp/vexhostd.conf"), 0o640)
+
+        unit = self.read(top + "/lib/systemd/system/vexhostd.service")
+        self.assertIn(f"\nExecStart={prefix}/libexec/agents/vexhostd -i\n", unit)
+        self.assertIn(f"\nEnvironment=SNMPCONFPATH={prefix}/conf/snmp:", unit)
+        self.assertNotIn("@", re.sub(r"@[a-z-]+", "", unit))
+        pc = self.read(top + "/data/pkgconfig/vexhostd.pc")
+        self.assertIn(f"\nlibdir={prefix}/lib64/private/vexhostd\n", pc)
+        self.assertIn(f"\nincludedir={prefix}/inc\n", pc)
+
+        # It runs from there: the libraries are found from where the program stands.
+        self.assertIn("-p", run(top + "/libexec/agents/vexhostd", "-h", status=None))
+        linked = run("ldd", top + "/libexec/agents/vexhostd")
+        self.assertIn(f"=> {os.path.realpath(top)}/libexec/agents/../../lib64/private/vexhostd/", linked)
+        self.assertNotIn("not found", linked)
+        self.assertRegex(run(top + "/tools/bin/vexreg", "--version"), r"\d+\.\d+\.\d+")
+
+        run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR=stage)
+        self.assertEqual(tree(stage), [])
+
+    def test_what_stood_there_before_stays(self):
+        self.configure()
+        prefix = self.work + "/prefix"
+        os.makedirs(prefix + "/share/man/man8")
+        os.makedirs(prefix + "/bin")
+        with open(prefix + "/bin/other", "w", encoding="utf-8") as file:
+            file.write("another's")
+        before = tree(prefix)
+        run("cmake", "--install", self.build, "--prefix", prefix)
+        # Twice, as after a change.
+        run("cmake", "--install", self.build, "--prefix", prefix)
+        self.assertIn("lib/libvexcommon.so", tree(prefix))
+        run("cmake", "--build", self.build, "--target", "uninstall")
+        self.assertEqual(tree(prefix), before)
+
+        # A configuration that was changed is the administrator's, in both directions.
+        run("cmake", "--install", self.build, "--prefix", prefix)
+        conf = prefix + "/etc/snmp/vexhostd.conf"
+        with open(conf, "a", encoding="utf-8") as file:
+            file.write("pollInterval 30\n")
+        run("cmake", "--install", self.build, "--prefix", prefix)
+        self.assertIn("pollInterval 30\n", self.read(conf))
+        run("cmake", "--build", self.build, "--target", "uninstall")
+        self.assertEqual(tree(prefix), sorted(before + ["etc", "etc/snmp", "etc/snmp/vexhostd.conf"]))
+        self.assertIn("pollInterval 30\n", self.read(conf))
+        # Nothing is installed now.
+        self.assertIn("Nothing was installed", run("cmake", "--build", self.build, "--target",
+                                                   "uninstall", status=1))
+
+    def test_the_default_layout(self):
+        self.configure()
+        for prefix, configuration in (("/usr", "etc"), ("/usr/local", "usr/local/etc"),
+                                      ("/opt/vex", "etc/opt/vex")):
+            with tempfile.TemporaryDirectory() as stage:
+                run("cmake", "--install", self.build, "--prefix", prefix, DESTDIR=stage)
+                paths = tree(stage)
+                self.assertIn(configuration + "/snmp/vexhostd.conf", paths)
+                for path in ("sbin/vexhostd", "bin/vexreg", "lib/libvexcommon.so", "lib/libqvev.so",
+                             "share/snmp/mibs/QUORIX-MIB.txt", "share/man/man1/vexreg.1",
+                             "lib/systemd/system/vexhostd.service"):
+                    self.assertIn(prefix[1:] + "/" + path, paths)
+                unit = self.read(stage + prefix + "/lib/systemd/system/vexhostd.service")
+                self.assertEqual("SNMPCONFPATH" in unit, prefix != "/usr")
+
+
+class Components(Work):
+    def test_each_by_itself_and_all_of_it(self):
+        self.configure()
+        everything = self.work + "/all"
+        run("cmake", "--install", self.build, "--prefix", everything)
+        files = {}
+        for component in ("program", "configuration", "headers", "documentation"):
+            place = f"{self.work}/{component}"
+            run("cmake", "--install", self.build, "--prefix", place, "--component", component)
+            files[component] = {path for path in tree(place) if os.path.isfile(f"{place}/{path}")}
+            self.assertTrue(files[component], component)
+        union = set().union(*files.values())
+        self.assertEqual(len(union), sum(len(some) for some in files.values()))
+        self.assertEqual(union, {path for path in tree(everything)
+                                 if os.path.isfile(f"{everything}/{path}")})
+        self.assertIn("include/vexhostd/platform/framework.h", files["headers"])
+        self.assertIn("share/pkgconfig/vexhostd.pc", files["headers"])
+        self.assertIn("etc/snmp/vexhostd.conf", files["configuration"])
+
+        # What the pkg-config file says is what an agent is built with.
+        with open(self.work + "/sibling.c", "w", encoding="utf-8") as file:
+            file.write('#include "platform/framework.h"\nint main(void) { return 0; }\n')
+        flags = run("pkg-config", "--cflags", "vexhostd",
+                    PKG_CONFIG_PATH=everything + "/share/pkgconfig").split()
+        run("cc", "-fsyntax-only", *flags, self.work + "/sibling.c")
+
+
+class Refusals(Work):
+    """What cannot be built is refused by cmake, with a sentence."""
+
+    def refusal(self, *options):
+        shutil.rmtree(self.build, ignore_errors=True)
+        return " ".join(run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja", *options,
+                            status=1).split())
+
+    def test_other_processors(self):
+        sentence = "vexhostd is for 64-bit little-endian processors (amd64, arm64)"
+        # Nothing is linked, so that the libraries of these processors need not be there.
+        alone = "-DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY"
+        self.assertIn(sentence, self.refusal(alone, "-DCMAKE_C_FLAGS=-m32", "-DCMAKE_CXX_FLAGS=-m32"))
+        self.assertIn(sentence, self.refusal(
+            alone, *(f"-DCMAKE_{language}_COMPILER{what}" for language, compiler in
+                     (("C", "clang"), ("CXX", "clang++"))
+                     for what in ("=" + compiler, "_TARGET=s390x-linux-gnu"))))
+
+    def test_missing_libraries_are_named_with_their_packages(self):
+        for option, package in (("VEX_FOUND_net_snmp_HEADER=", "libsnmp-dev"),
+                                ("VEX_FOUND_net_snmp_netsnmpagent=", "libsnmp-dev"),
+                                ("CMAKE_DISABLE_FIND_PACKAGE_CLI11=ON", "libcli11-dev"),
+                                ("CMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON", "nlohmann-json3-dev"),
+                                ("SMIDUMP=", "smitools"),
+                                ("CMAKE_DISABLE_FIND_PACKAGE_Python3=ON", "python3"),
+                                ("CMAKE_DISABLE_FIND_PACKAGE_GTest=ON", "libgtest-dev"),
+                                ("CMAKE_DISABLE_FIND_PACKAGE_benchmark=ON", "libbenchmark-dev"),
+                                ("VEX_FOUND_libseccomp_HEADER=", "libseccomp-dev")):
+            name, value = option.split("=")
+            said = self.refusal("-DVEX_TESTS=ON", "-DVEX_BENCH=ON",
+                                f"-D{name}={value}")
+            self.assertRegex(said, f"Missing: .*apt install {package};")
+
+    def test_the_program_alone_wants_nothing_of_the_tests(self):
+        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja",
+            *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("GTest", "benchmark")))
+
+    def test_flags_from_outside_stand(self):
+        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja",
+            CXXFLAGS="-O1 -D_FORTIFY_SOURCE=1 -fno-stack-protector -fcf-protection=none")
+        ninja = self.read(self.build + "/build.ninja")
+        flags = re.search(r"agent\.cpp\.o:.*?FLAGS = ([^\n]*)", ninja, re.S).group(1).split()
+        self.assertEqual([flag for flag in flags if "FORTIFY" in flag], ["-D_FORTIFY_SOURCE=1"])
+        self.assertEqual([flag for flag in flags if "stack-protector" in flag],
+                         ["-fno-stack-protector"])
+        self.assertEqual([flag for flag in flags if "cf-protection" in flag], ["-fcf-protection=none"])
+        self.assertNotIn("-Werror", flags)
+
+
+if __name__ == "__main__":
+    BUILD = os.path.abspath(sys.argv.pop(1))
+    unittest.main(verbosity=2)
