@@ -1,0 +1,187 @@
+// The short form: each call of the system once in each phase, and allocations here and there. And
+// what scripts/faults makes the long form of.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tests/faults/bench.h"
+
+using namespace faults;
+
+namespace {
+
+std::string Told(const Call &call, unsigned n, const Verdict &verdict) {
+  std::string text = std::string(call.name) + " " + call.error_name + " " + std::to_string(n) +
+                     ": " + NameOf(verdict.outcome);
+  if (verdict.outcome == Outcome::kWrong || verdict.outcome == Outcome::kEnded) {
+    for (size_t i = 0; i < verdict.differences.size() && i < 12; i++) {
+      text += "\n    " + verdict.differences[i];
+    }
+    for (const std::string &line : verdict.place) {
+      text += "\n      at " + line;
+    }
+  }
+  return text;
+}
+
+// One round, told; wrong ones fail the test.
+void Try(Bench &bench, const Call &call, unsigned n) {
+  const Verdict verdict = bench.Round(call, n);
+  const std::string told = Told(call, n, verdict);
+  printf("%s\n", told.c_str());
+  fflush(stdout);
+  EXPECT_NE(verdict.outcome, Outcome::kWrong) << told;
+}
+
+struct Share {
+  Phase phase;
+  unsigned part, parts;
+};
+
+std::string NameOfShare(const testing::TestParamInfo<Share> &info) {
+  std::string name = NameOf(info.param.phase);
+  std::erase(name, '-');
+  return name + std::to_string(info.param.part);
+}
+
+class FaultyCalls : public testing::TestWithParam<Share> {};
+class FaultyAllocations : public testing::TestWithParam<Share> {};
+
+}  // namespace
+
+// Each call once, one somewhere among those that are made.
+TEST_P(FaultyCalls, LeaveNothingWrong) {
+  Bench bench(GetParam().phase);
+  ASSERT_TRUE(bench.Learn());
+  unsigned tried = 0;
+  for (unsigned i = 0; i < Calls().size(); i++) {
+    const Call &call = Calls()[i];
+    const auto count = bench.Counts().find(call.number);
+    if (count == bench.Counts().end() || i % GetParam().parts != GetParam().part) {
+      continue;
+    }
+    Try(bench, call, 1 + i * 7919 % count->second);
+    tried++;
+  }
+  EXPECT_GE(tried, 8U) << "the agent makes more calls than that";
+  EXPECT_EQ(bench.Restart(), std::vector<std::string>());
+}
+INSTANTIATE_TEST_SUITE_P(Each, FaultyCalls,
+                         testing::Values(Share{Phase::kStart, 0, 3}, Share{Phase::kStart, 1, 3},
+                                         Share{Phase::kStart, 2, 3}, Share{Phase::kPoll, 0, 1},
+                                         Share{Phase::kRequests, 0, 1}),
+                         NameOfShare);
+
+TEST_P(FaultyAllocations, LeaveNothingWrong) {
+  constexpr unsigned kTried = 12;
+  Bench bench(GetParam().phase);
+  ASSERT_TRUE(bench.Learn());
+  const unsigned count = bench.Counts().at(-1);
+  ASSERT_GT(count, kTried);
+  for (unsigned i = 0; i < kTried; i++) {
+    Try(bench, Allocation(), 1 + i * count / kTried);
+  }
+  EXPECT_EQ(bench.Restart(), std::vector<std::string>());
+}
+INSTANTIATE_TEST_SUITE_P(Each, FaultyAllocations,
+                         testing::Values(Share{Phase::kStart, 0, 1}, Share{Phase::kPoll, 0, 1},
+                                         Share{Phase::kRequests, 0, 1}),
+                         NameOfShare);
+
+// A machine's own UUID is not lost by one failed read.
+TEST(FaultyUuid, StaysTheMachines) {
+  Bench bench(Phase::kStartUuid);
+  ASSERT_TRUE(bench.Learn());
+  for (const Call &call : Calls()) {
+    const std::string name = call.name;
+    const auto count = bench.Counts().find(call.number);
+    if (count != bench.Counts().end() &&
+        (name == "openat" || name == "openat2" || name == "read" || name == "fstat")) {
+      Try(bench, call, 1 + count->second / 2);
+    }
+  }
+}
+
+namespace {
+
+// What scripts/faults asks for.
+std::string Asked(const char *name) {
+  const char *value = getenv(name);
+  EXPECT_NE(value, nullptr) << name << " is not set: scripts/faults runs this test";
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+TEST(Sweep, Counts) {
+  const std::string out = Asked("VEX_FAULTS_OUT"), phase_name = Asked("VEX_FAULTS_PHASE");
+  ASSERT_NE(out, "");
+  for (const Phase phase : kPhases) {
+    if (phase_name != NameOf(phase)) {
+      continue;
+    }
+    Bench bench(phase);
+    ASSERT_TRUE(bench.Learn());
+    FILE *file = fopen(out.c_str(), "we");
+    ASSERT_NE(file, nullptr) << out;
+    for (const Call &call : Calls()) {
+      const auto count = bench.Counts().find(call.number);
+      if (count != bench.Counts().end()) {
+        fprintf(file, "%s\t%s\t%u\n", call.name, call.error_name, count->second);
+      }
+    }
+    fprintf(file, "malloc\tENOMEM\t%u\n", bench.Counts().at(-1));
+    fclose(file);
+    return;
+  }
+  ADD_FAILURE() << "no phase " << phase_name;
+}
+
+TEST(Sweep, Part) {
+  const std::string out = Asked("VEX_FAULTS_OUT"), phase_name = Asked("VEX_FAULTS_PHASE"),
+                    call_name = Asked("VEX_FAULTS_CALL"), error = Asked("VEX_FAULTS_ERROR");
+  const unsigned first = static_cast<unsigned>(atoi(Asked("VEX_FAULTS_FIRST").c_str()));
+  const unsigned last = static_cast<unsigned>(atoi(Asked("VEX_FAULTS_LAST").c_str()));
+  const unsigned step = static_cast<unsigned>(atoi(Asked("VEX_FAULTS_STEP").c_str()));
+  ASSERT_NE(out, "");
+  ASSERT_TRUE(first > 0 && last >= first && step > 0);
+  std::vector<Call> calls = Calls();
+  calls.push_back(Allocation());
+  const auto call = std::find_if(calls.begin(), calls.end(), [&](const Call &one) {
+    return call_name == one.name && error == one.error_name;
+  });
+  const auto *phase = std::find_if(std::begin(kPhases), std::end(kPhases),
+                                   [&](Phase one) { return phase_name == NameOf(one); });
+  ASSERT_NE(call, calls.end()) << call_name << " " << error;
+  ASSERT_NE(phase, std::end(kPhases)) << phase_name;
+  Bench bench(*phase);
+  ASSERT_TRUE(bench.Learn());
+  FILE *file = fopen(out.c_str(), "we");
+  ASSERT_NE(file, nullptr) << out;
+  for (unsigned n = first; n <= last; n += step) {
+    const Verdict verdict = bench.Round(*call, n);
+    std::string differences, place;
+    for (size_t i = 0; i < verdict.differences.size() && i < 6; i++) {
+      differences += (i > 0 ? " | " : "") + verdict.differences[i].substr(0, 200);
+    }
+    if (verdict.differences.size() > 6) {
+      differences += " | and " + std::to_string(verdict.differences.size() - 6) + " more";
+    }
+    for (const std::string &line : verdict.place) {
+      place += (place.empty() ? "" : " < ") + line;
+    }
+    std::replace(differences.begin(), differences.end(), '\t', ' ');
+    std::replace(differences.begin(), differences.end(), '\n', ' ');
+    fprintf(file, "%s\t%s\t%s\t%u\t%s\t%s\t%s\n", phase_name.c_str(), call->name, call->error_name,
+            n, NameOf(verdict.outcome), differences.c_str(), place.c_str());
+    fflush(file);
+  }
+  const auto wrong = bench.Restart();
+  if (!wrong.empty()) {
+    fprintf(file, "%s\t%s\t%s\t%u\t%s\t%s\t\n", phase_name.c_str(), call->name, call->error_name, 0,
+            NameOf(Outcome::kWrong), wrong.front().c_str());
+  }
+  fclose(file);
+}
