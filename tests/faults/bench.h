@@ -50,7 +50,8 @@ class Bench {
   Bench(const Bench &) = delete;
   Bench &operator=(const Bench &) = delete;
 
-  // Undisturbed rounds, for comparison. False (and a failure of the test) when two of them differ.
+  // Undisturbed rounds, for comparison. False (and a failure of the test) when one does not
+  // succeed.
   bool Learn();
   // How often each call is made in an undisturbed round, by its number; allocations as -1.
   const std::map<int, unsigned> &Counts() const {
@@ -121,6 +122,7 @@ class Bench {
   Seen after_;                                // after a clean end
   std::map<std::string, std::string> files_;  // what is kept, whole
   unsigned asked_ = 0;
+  time_t changed_ = 1'000'000;
 };
 
 }  // namespace faults

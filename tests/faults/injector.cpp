@@ -197,6 +197,7 @@ bool Injector::Attach(pid_t agent) {
   if (listener_ < 0) {
     return false;
   }
+  executable_ = std::filesystem::canonical(DaemonPath());
   stop_ = false;
   server_ = std::thread([this] { Serve(); });
   page_->go = 1;
@@ -265,7 +266,7 @@ std::map<int, unsigned> Injector::Counts() const {
 
 // One of its threads, or a child that is still the same program.
 bool Injector::IsAgents(pid_t task) const {
-  return task == agent_ || ExecutableOf(task) == ExecutableOf(agent_);
+  return task == agent_ || ExecutableOf(task) == executable_;
 }
 
 void Injector::Serve() {

@@ -66,6 +66,7 @@ class Injector {
 
   Page *page_;
   pid_t agent_ = -1;
+  std::string executable_;
   int listener_ = -1;
   std::thread server_;
   std::atomic<bool> stop_{false};

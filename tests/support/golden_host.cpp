@@ -205,7 +205,7 @@ void GoldenHost::PutSoftware() {
                "--print-architecture) echo x86_64 ;;\n"
                "esac");
   host.Command("rpm", "echo bash-5.1-1; echo qv-snmp-agents-8.1.0-181");
-  PutPackages("1:1.0");
+  PutPackages("1:1.0", 1'000'000);
   host.File("/boot/config-6.1.0-golden", "CONFIG_GENERIC_CPU=y\n");
   std::string versions(136, '\0');
   versions.replace(3, 3,
@@ -218,7 +218,7 @@ void GoldenHost::PutSoftware() {
   host.File("/var/lib/quorix/ev/ZTHUV", versions);
 }
 
-void GoldenHost::PutPackages(const std::string &vexfoo_version) {
+void GoldenHost::PutPackages(const std::string &vexfoo_version, time_t changed) {
   host.File("/run/packages/list",
             "Desired=Unknown/Install/Remove/Purge/Hold\n" + Package("bash", "5.2", "A shell") +
                 Package("qv-rmc", "2.6.9-5.linux.el4", "A driver") +
@@ -227,9 +227,7 @@ void GoldenHost::PutPackages(const std::string &vexfoo_version) {
                 Package("vexfoo", vexfoo_version, "A management agent") +
                 Package("glutton", "3", "What only begins like it"));
   host.File("/var/lib/dpkg/available", "");
-  // Another time for other packages: it is what the agent looks at.
-  const time_t seconds = vexfoo_version == "1:1.0" ? 1'000'000 : 2'000'000;
-  const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+  const timespec times[2] = {{changed, 0}, {changed, 0}};
   EXPECT_EQ(utimensat(AT_FDCWD, "/var/lib/dpkg/available", times, 0), 0);
 }
 

@@ -3,6 +3,7 @@
 #ifndef VEX_TESTS_SUPPORT_GOLDEN_HOST_H
 #define VEX_TESTS_SUPPORT_GOLDEN_HOST_H
 
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,8 +40,9 @@ class GoldenHost {
   DaemonOptions Options() const;
   // Publishes a sibling's object.
   void Put(const std::string &object, const std::vector<int> &values);
-  // What `dpkg -l` lists: the packages and those that are always there.
-  void PutPackages(const std::string &vexfoo_version);
+  // What dpkg lists: always the same packages, but for the version of one. The time is that of the
+  // last change, which makes the agent look.
+  void PutPackages(const std::string &vexfoo_version, time_t changed);
   // The file systems with figures, in the order of /etc/mtab.
   FuseMount &Mount(size_t number) {
     return *mounts_.at(number);
