@@ -90,6 +90,7 @@ class Bench {
   Verdict RequestRound();
   // The host's facts, one of two variants, and a poll that finds processors that have worked.
   void PutFacts(bool other);
+  void RenewProc();
   bool Poll();
   // An agent that is up and has polled three times. "" or what was wrong.
   std::string StartAgent(bool armed);
