@@ -10,6 +10,9 @@
 #include "tests/faults/bench.h"
 
 using namespace faults;
+using faults::Outcome;
+using made_up::Lines;
+using made_up::ReadFile;
 
 namespace {
 
@@ -144,32 +147,33 @@ TEST(Sweep, Counts) {
   ADD_FAILURE() << "no phase " << phase_name;
 }
 
+// The rounds that a file lists: "openat<tab>EMFILE<tab>12".
 TEST(Sweep, Part) {
   const std::string out = Asked("VEX_FAULTS_OUT"), phase_name = Asked("VEX_FAULTS_PHASE"),
-                    call_name = Asked("VEX_FAULTS_CALL"), error = Asked("VEX_FAULTS_ERROR");
-  const unsigned first = static_cast<unsigned>(atoi(Asked("VEX_FAULTS_FIRST").c_str()));
-  const unsigned last = static_cast<unsigned>(atoi(Asked("VEX_FAULTS_LAST").c_str()));
-  const unsigned step = static_cast<unsigned>(atoi(Asked("VEX_FAULTS_STEP").c_str()));
-  ASSERT_NE(out, "");
-  ASSERT_TRUE(first > 0 && last >= first && step > 0);
-  std::vector<Call> calls = Calls();
-  calls.push_back(Allocation());
-  const auto call = std::find_if(calls.begin(), calls.end(), [&](const Call &one) {
-    return call_name == one.name && error == one.error_name;
-  });
+                    rounds = ReadFile(Asked("VEX_FAULTS_ROUNDS"));
   const auto *phase = std::find_if(std::begin(kPhases), std::end(kPhases),
                                    [&](Phase one) { return phase_name == NameOf(one); });
-  ASSERT_NE(call, calls.end()) << call_name << " " << error;
   ASSERT_NE(phase, std::end(kPhases)) << phase_name;
+  ASSERT_NE(rounds, "");
+  std::vector<Call> calls = Calls();
+  calls.push_back(Allocation());
   Bench bench(*phase);
   ASSERT_TRUE(bench.Learn());
   FILE *file = fopen(out.c_str(), "we");
   ASSERT_NE(file, nullptr) << out;
-  for (unsigned n = first; n <= last; n += step) {
+  for (const std::string &line : Lines(rounds)) {
+    char name[64], error[64];
+    unsigned n = 0;
+    ASSERT_EQ(sscanf(line.c_str(), "%63s %63s %u", name, error, &n), 3) << line;
+    const auto call = std::find_if(calls.begin(), calls.end(), [&](const Call &one) {
+      return std::string(name) == one.name && std::string(error) == one.error_name;
+    });
+    ASSERT_NE(call, calls.end()) << line;
     const Verdict verdict = bench.Round(*call, n);
-    for (const std::string &line : verdict.differences) {
-      printf("%s %u: %s\n", call->name, n, line.c_str());
+    for (const std::string &difference : verdict.differences) {
+      printf("%s %u: %s\n", name, n, difference.c_str());
     }
+    fflush(stdout);
     std::string differences, place;
     for (size_t i = 0; i < verdict.differences.size() && i < 6; i++) {
       differences += (i > 0 ? " | " : "") + verdict.differences[i].substr(0, 200);
@@ -177,19 +181,19 @@ TEST(Sweep, Part) {
     if (verdict.differences.size() > 6) {
       differences += " | and " + std::to_string(verdict.differences.size() - 6) + " more";
     }
-    for (const std::string &line : verdict.place) {
-      place += (place.empty() ? "" : " < ") + line;
+    for (const std::string &frame : verdict.place) {
+      place += (place.empty() ? "" : " < ") + frame;
     }
     std::replace(differences.begin(), differences.end(), '\t', ' ');
     std::replace(differences.begin(), differences.end(), '\n', ' ');
-    fprintf(file, "%s\t%s\t%s\t%u\t%s\t%s\t%s\n", phase_name.c_str(), call->name, call->error_name,
-            n, NameOf(verdict.outcome), differences.c_str(), place.c_str());
+    fprintf(file, "%s\t%s\t%s\t%u\t%s\t%s\t%s\n", phase_name.c_str(), name, error, n,
+            NameOf(verdict.outcome), differences.c_str(), place.c_str());
     fflush(file);
   }
   const auto wrong = bench.Restart();
   if (!wrong.empty()) {
-    fprintf(file, "%s\t%s\t%s\t%u\t%s\t%s\t\n", phase_name.c_str(), call->name, call->error_name, 0,
-            NameOf(Outcome::kWrong), wrong.front().c_str());
+    fprintf(file, "%s\trestart\t-\t0\t%s\t%s\t\n", phase_name.c_str(), NameOf(Outcome::kWrong),
+            wrong.front().c_str());
   }
   fclose(file);
 }

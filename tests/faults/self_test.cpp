@@ -42,6 +42,14 @@ TEST(FaultSuite, NoticesDefectsOfAPoll) {
   ExpectWrong(bench.Round(kNothing, 1), kRoleFile);
   bench.Meanwhile([&] { bench.host().daemon.Signal(SIGKILL); });
   ExpectWrong(bench.Round(kNothing, 1), "ended with status 137");
+  bench.SetPatience(2);
+  bench.Meanwhile([&] { bench.host().daemon.Signal(SIGSTOP); });
+  ExpectWrong(bench.Round(kNothing, 1), "the poll does not end");
+}
+
+TEST(FaultSuite, NoticesWhatAPollLeaves) {
+  Bench bench(Phase::kPoll);
+  ASSERT_TRUE(bench.Learn());
   bench.Spoil(Sabotage::kLeakDescriptor);
   ExpectWrong(bench.Round(kNothing, 1), "+ fd /dev/null");
   bench.Spoil(Sabotage::kLeaveChild);
@@ -50,10 +58,6 @@ TEST(FaultSuite, NoticesDefectsOfAPoll) {
   bench.Meanwhile(
       [&] { bench.host().File("/etc/mtab", "/dev/sda1 /srv/root ext4 rw,relatime 0 0\n"); });
   ExpectWrong(bench.Round(kNothing, 1), "- object host/filesys.");
-
-  bench.SetPatience(2);
-  bench.Meanwhile([&] { bench.host().daemon.Signal(SIGSTOP); });
-  ExpectWrong(bench.Round(kNothing, 1), "the poll does not end");
 }
 
 // Calls are really made to fail: with all of them failing, values stay as they were.
