@@ -169,13 +169,16 @@ void Injector::Prepare(DaemonOptions *options, bool armed) {
   page_->arm_in_main = armed ? 1 : 0;
   page_->listener = 0;
   size_t used = 0;
+  if (Calls().size() >= std::size(page_->calls)) {
+    abort();
+  }
   for (const Call &call : Calls()) {
     const auto announced = static_cast<uint32_t>(call.number) + 1;
     bool known = false;
     for (size_t i = 0; i < used; i++) {
       known = known || page_->calls[i] == announced;
     }
-    if (!known && used + 1 < std::size(page_->calls)) {
+    if (!known) {
       page_->calls[used++] = announced;
     }
   }

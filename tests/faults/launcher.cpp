@@ -26,13 +26,13 @@ namespace {
 #endif
 
 int Announce(const uint32_t *calls) {
-  sock_filter filter[128];
+  sock_filter filter[2 * faults::kMostCalls + 2];
   unsigned short length = 0;
   const auto put = [&](uint16_t code, uint32_t k, uint8_t yes = 0, uint8_t no = 0) {
     filter[length++] = {code, yes, no, k};
   };
   put(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr));
-  for (; *calls != 0 && length < 100; calls++) {
+  for (; *calls != 0; calls++) {
     put(BPF_JMP | BPF_JEQ | BPF_K, *calls - 1, 0, 1);
     put(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF);
   }

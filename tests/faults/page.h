@@ -10,6 +10,8 @@ namespace faults {
 
 inline constexpr char kPageVariable[] = "VEX_FAULTS_PAGE";  // path of the page's file
 
+inline constexpr unsigned kMostCalls = 120;
+
 // What the agent is made to do at its next allocation: defects for the suite to notice.
 enum class Sabotage : uint32_t {
   kNone,
