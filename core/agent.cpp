@@ -1,4 +1,5 @@
 // The agent's globals, hooks, options and the fixed orders of start-up and poll.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,6 +8,7 @@
 #include "core/hwinfo.h"
 #include "core/snmpd_watchdog.h"
 #include "core/util.h"
+#include "core/variables.h"
 #include "firmware/fwver.h"
 #include "identity/appliance.h"
 #include "identity/info.h"
@@ -33,6 +35,11 @@ int32_t PrevNicCondition;
 // from init_agent() and 0 from get_data(). Returns 0, or another value on failure.
 using collector = int (*)(int start_up);
 
+struct step {
+  const char *group;  // for people
+  collector collect;
+};
+
 // Gives a collector that needs no flag the common form.
 template <int (*Collect)()>
 static int without_flag(int) {
@@ -40,31 +47,58 @@ static int without_flag(int) {
 }
 
 // The first failure ends start-up.
-static const collector start_order[] = {
-    without_flag<do_filesys>,   without_flag<do_memory>, do_info,
-    without_flag<do_misc>,      without_flag<do_swver>,  do_cpu,
-    without_flag<do_appliance>, without_flag<do_fwver>,
+static const step start_order[] = {
+    {"file systems", without_flag<do_filesys>},
+    {"memory", without_flag<do_memory>},
+    {"system", do_info},
+    {"misc", without_flag<do_misc>},
+    {"software", without_flag<do_swver>},
+    {"processors", do_cpu},
+    {"appliance", without_flag<do_appliance>},
+    {"firmware", without_flag<do_fwver>},
 };
 
 // The first failure ends the poll's refresh.
-static const collector poll_order[] = {
-    do_cpu,
-    without_flag<do_filesys>,
-    without_flag<do_memory>,
-    do_info,
-    without_flag<do_misc>,
-    without_flag<do_swver>,
-    without_flag<do_fwver>,
+static const step poll_order[] = {
+    {"processors", do_cpu},
+    {"file systems", without_flag<do_filesys>},
+    {"memory", without_flag<do_memory>},
+    {"system", do_info},
+    {"misc", without_flag<do_misc>},
+    {"software", without_flag<do_swver>},
+    {"firmware", without_flag<do_fwver>},
 };
 
+// The group that failed and ended it; null when all ran, or when the agent's end came in between:
+// the groups after that are left out.
 template <size_t N>
-static int run_all(const collector (&order)[N], int start_up) {
-  for (const collector collect : order) {
-    if (collect != nullptr && collect(start_up) != 0) {
-      return -1;
+static const char *run_all(const step (&order)[N], int start_up) {
+  for (const step &s : order) {
+    if (agent_ending() != 0) {
+      return nullptr;
+    }
+    if (s.collect(start_up) != 0 && agent_ending() == 0) {
+      return s.group;
     }
   }
-  return 0;
+  return nullptr;
+}
+
+// One line when polls begin to end early, or end at another group, and one when they are whole.
+static void report_poll(const char *failed) {
+  static const char *reported;
+  if (failed == reported) {
+    return;
+  }
+  if (failed != nullptr) {
+    agentlog_fprintf(stderr,
+                     "%s: The poll ended early: the %s group failed, and what follows it is not "
+                     "refreshed\n",
+                     agent, failed);
+  } else {
+    agentlog_fprintf(stderr, "%s: Polls are whole again\n", agent);
+  }
+  reported = failed;
 }
 
 // ---- Options ----------------------------------------------------------------------------------
@@ -153,13 +187,21 @@ static int read_options(int argc, char **argv) {
 // Seconds to wait at start-up for the machine to settle; once a process.
 static unsigned start_delay = 5;
 
-// Creates the agent's registry directory without what an earlier run left in it.
-static void prepare_registry_directory() {
+// Creates the agent's registry directory without what an earlier run left in it. Fails when another
+// process has it: then nothing of it is touched.
+static int prepare_registry_directory() {
   snprintf(log_dir, sizeof(log_dir), "%s/%s", REGISTRY_ROOT, "host");
-  create_dir(log_dir, 1);
+  if (claim_dir(log_dir) != 0) {
+    return -1;
+  }
+  create_dir(log_dir, 1);  // a failure shows, and is logged, when the objects are written
   char contents[sizeof(log_dir) + 2];
   snprintf(contents, sizeof(contents), "%s/*", log_dir);
-  remove_all_dir(contents);
+  if (remove_all_dir(contents) != 0) {
+    agentlog_fprintf(stderr, "%s: Can't clear registry directory %s: %s\n", agent, log_dir,
+                     strerror(errno));
+  }
+  return 0;
 }
 
 static void warn_without_community() {
@@ -179,16 +221,28 @@ int init_agent(int argc, char **argv) {
   if (start_delay != 0) {
     sleep_whole(start_delay);
     start_delay = 0;
+    if (agent_ending() != 0) {
+      return 0;  // nothing has been made yet
+    }
   }
   ignore_peer_stop = 1;
   if (read_options(argc, argv) != 0) {
     return -1;
   }
-  prepare_registry_directory();
+  // Not before the options: -h answers also while an agent runs.
+  if (prepare_registry_directory() != 0) {
+    return -1;
+  }
   init_snmp_appname("vexhostd");
   warn_without_community();
-  if (run_all(start_order, 1) != 0) {
+  const char *failed = run_all(start_order, 1);
+  if (failed != nullptr) {
+    agentlog_fprintf(stderr, "%s: Start-up failed: the %s group could not be built\n", agent,
+                     failed);
     return -1;
+  }
+  if (agent_ending() != 0) {
+    return 0;
   }
   check_snmpd_memory();
   return do_hwinfo() == 0 ? 0 : -1;
@@ -197,10 +251,14 @@ int init_agent(int argc, char **argv) {
 int get_data(void) {
   // No alarm may come due during the refresh: polls never overlap.
   alarm(0);
-  const int result = run_all(poll_order, 0);
-  check_snmpd_memory();
+  const char *failed = run_all(poll_order, 0);
+  if (agent_ending() == 0) {
+    report_poll(failed);
+    repair_objects();
+    check_snmpd_memory();
+  }
   alarm(static_cast<unsigned>(poll_time));
-  return result;
+  return failed == nullptr ? 0 : -1;
 }
 
 int cleanup_agent(void) {
@@ -209,10 +267,10 @@ int cleanup_agent(void) {
   delete_obj(&obj_Q, nullptr, 0);
   // Other agents may still have their directories under the root.
   if (is_empty_dir(log_dir)) {
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   }
   if (is_empty_dir(REGISTRY_ROOT)) {
-    rmdir(REGISTRY_ROOT);
+    remove_empty_dir(REGISTRY_ROOT);
   }
   return 0;
 }

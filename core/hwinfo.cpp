@@ -28,7 +28,12 @@ enum platform_class : int32_t { PLATFORM_PLAIN = 1, PLATFORM_MARKED = 5 };
 static int32_t read_platform() {
   uint8_t value[platform_ev_size] = {};
   uint32_t length = sizeof(value);
-  if (get_ev(platform_ev, value, &length) != 0 || length < sizeof(value)) {
+  if (get_ev(platform_ev, value, &length) != 0) {
+    return 0;
+  }
+  if (length < sizeof(value)) {
+    agentlog_fprintf(stderr, "EV %s: %u bytes of the %u that are needed, taken as absent\n",
+                     platform_ev, static_cast<unsigned>(length), platform_ev_size);
     return 0;
   }
   return value[platform_ev_size - 1] != 0 ? PLATFORM_MARKED : PLATFORM_PLAIN;
@@ -47,7 +52,7 @@ int do_hwinfo() {
   const int32_t platform = read_platform();
   if (platform != 0) {
     reinterpret_cast<hwinfo_block *>(object->data)->platform = platform;
-    log_data(object);
+    publish_once(object);
   }
   return 0;
 }

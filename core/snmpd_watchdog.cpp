@@ -50,6 +50,14 @@ static long snmpd_size() {
 
 // ---- Acting ---------------------------------------------------------------------------------
 
+// What the baseline holds of a size.
+static int32_t held(long size) {
+  if (size > INT32_MAX) {
+    return INT32_MAX;
+  }
+  return size < INT32_MIN ? INT32_MIN : static_cast<int32_t>(size);
+}
+
 static void restart_snmpd(long size) {
   // The word "ealier" is what log filters look for.
   agentlog_fprintf(stderr, "Restarting snmpd. Current size = %ldK. size captured ealier = %ldK\n",
@@ -66,7 +74,13 @@ void enable_snmpd_watchdog() {
 
 int check_snmpd_memory() {
   const time_t now = time(nullptr);
-  if (disabled || now - last_check < interval) {
+  if (disabled) {
+    return 0;
+  }
+  if (now < last_check) {
+    last_check = now;  // the clock was set back: the interval begins anew
+  }
+  if (now - last_check < interval) {
     return 0;
   }
   last_check = now;
@@ -74,9 +88,10 @@ int check_snmpd_memory() {
   if (size == 0) {
     return 0;
   }
+  // Compared as it is kept: a size beyond the baseline's range has not grown by being so.
   if (baseline < 0) {
-    baseline = static_cast<int32_t>(size > INT32_MAX ? INT32_MAX : size);
-  } else if (size > 2L * baseline) {
+    baseline = held(size);
+  } else if (held(size) > int64_t{2} * baseline) {
     restart_snmpd(size);
   }
   return 0;

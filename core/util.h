@@ -1,4 +1,5 @@
-// Small things that several groups need: bounded copies, and handles that close themselves.
+// Small things that several groups need: bounded copies, pauses and clocks, and handles that close
+// themselves.
 #ifndef VEX_CORE_UTIL_H
 #define VEX_CORE_UTIL_H
 
@@ -8,7 +9,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
+
+#include "platform/framework.h"
 
 // Copies at most size - 1 bytes of text into a field of a data block and zeroes the rest of the
 // field, so that two blocks with the same text compare equal. size is at least 1.
@@ -47,11 +51,18 @@ inline int32_t held_int32(uint64_t value) {
   return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
 }
 
-// Sleeps that many seconds, also when signals come in between.
+// Sleeps that many seconds, also when signals come in between, but not beyond the agent's end.
 inline void sleep_whole(unsigned seconds) {
-  while (seconds != 0) {
+  while (seconds != 0 && agent_ending() == 0) {
     seconds = sleep(seconds);
   }
+}
+
+// A clock that does not step, for limits and ages.
+inline int64_t monotonic_milliseconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 // A stream or directory that is closed at the end of its scope. Null when opening failed.
@@ -84,9 +95,46 @@ class closing {
   Handle *handle_;
 };
 
-using stream_handle = closing<FILE, fclose>;      // from fopen
-using pipe_handle = closing<FILE, pclose>;        // from popen
+// A descriptor that is closed at the end of its scope. Negative when opening failed.
+class descriptor_handle {
+ public:
+  explicit descriptor_handle(int descriptor) : descriptor_(descriptor) {}
+  ~descriptor_handle() {
+    if (descriptor_ >= 0) {
+      close(descriptor_);
+    }
+  }
+  descriptor_handle(const descriptor_handle &) = delete;
+  descriptor_handle &operator=(const descriptor_handle &) = delete;
+
+  explicit operator bool() const {
+    return descriptor_ >= 0;
+  }
+  int get() const {
+    return descriptor_;
+  }
+
+ private:
+  int descriptor_;
+};
+
+using stream_handle = closing<FILE, fclose>;      // from fopen, fmemopen
 using directory_handle = closing<DIR, closedir>;  // from opendir
+
+// The time that several commands share: a tool that hangs costs it once, however often it would be
+// asked.
+class shared_limit {
+ public:
+  explicit shared_limit(int milliseconds) : deadline_(monotonic_milliseconds() + milliseconds) {}
+  // What is left in milliseconds, 0 at the least.
+  int left() const {
+    const int64_t left = deadline_ - monotonic_milliseconds();
+    return left > 0 ? static_cast<int>(left) : 0;
+  }
+
+ private:
+  int64_t deadline_;
+};
 
 // Memory from malloc() and its kin, freed at the end of its scope.
 template <typename T>
@@ -107,6 +155,12 @@ class freeing {
   }
   T *operator->() const {
     return memory_;
+  }
+  // Gives the memory to the caller, who frees it.
+  T *release() {
+    T *memory = memory_;
+    memory_ = nullptr;
+    return memory;
   }
 
  private:

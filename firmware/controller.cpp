@@ -1,5 +1,6 @@
 #include "firmware/controller.h"
 
+#include <errno.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -13,15 +14,39 @@ static constexpr uint32_t reply_timeout = 5000;  // milliseconds
 
 static void reopen(controller_link *link) {
   sleep_whole(reopen_pause);
-  reinitializeRemoteVantix(&link->channel, &link->device);
+  if (agent_ending() == 0) {
+    reinitializeRemoteVantix(&link->channel, &link->device);
+  }
+}
+
+// A signal breaks an operation off. It counts only when it ends the agent: what is left of the time
+// is waited for otherwise.
+
+static int send_packet(tlxci_channel *channel, const void *packet, uint32_t length) {
+  int status = TLXCI_OK;
+  do {
+    TlxCiSend(channel, packet, length, &status, nullptr);
+  } while (status == EINTR && agent_ending() == 0);
+  return status;
+}
+
+static uint32_t receive_packet(tlxci_channel *channel, void *reply, uint32_t size, int *status) {
+  const shared_limit limit(reply_timeout);
+  uint32_t timeout = reply_timeout;
+  for (;;) {
+    const uint32_t received = TlxCiRecv(channel, reply, size, status, &timeout);
+    if (*status != EINTR || agent_ending() != 0) {
+      return received;
+    }
+    timeout = static_cast<uint32_t>(limit.left());
+  }
 }
 
 int controller_send(controller_link *link, const void *packet, uint32_t length) {
-  int status = TLXCI_OK;
-  TlxCiSend(link->channel, packet, length, &status, nullptr);
+  int status = send_packet(link->channel, packet, length);
   if (status == TLXCI_REOPEN) {
     reopen(link);
-    TlxCiSend(link->channel, packet, length, &status, nullptr);
+    status = send_packet(link->channel, packet, length);
   }
   return status;
 }
@@ -29,10 +54,10 @@ int controller_send(controller_link *link, const void *packet, uint32_t length) 
 int controller_receive(controller_link *link, void *reply, uint32_t size) {
   int status = TLXCI_OK;
   memset(reply, 0, size);
-  TlxCiRecv(link->channel, reply, size, &status, &reply_timeout);
+  receive_packet(link->channel, reply, size, &status);
   if (status == TLXCI_REOPEN) {
     reopen(link);
-    TlxCiRecv(link->channel, reply, size, &status, &reply_timeout);
+    receive_packet(link->channel, reply, size, &status);
   }
   return status;
 }
@@ -54,12 +79,11 @@ int controller_transact(tlxci_channel *channel, uint8_t *request, void *reply,
   sequence++;
   request[6] = 0;
   request[7] = 0;
-  int status = TLXCI_OK;
-  TlxCiSend(channel, request, length, &status, nullptr);
+  int status = send_packet(channel, request, length);
   if (status != TLXCI_OK) {
     return status;
   }
-  const uint32_t received = TlxCiRecv(channel, reply, reply_size, &status, &reply_timeout);
+  const uint32_t received = receive_packet(channel, reply, reply_size, &status);
   return status == TLXCI_OK && received < length ? static_cast<int>(TLXCI_SHORT_REPLY) : status;
 }
 

@@ -145,7 +145,9 @@ static void update_row(const char *name, uint32_t collector_key, const firmware_
       return;
     }
   } else {
-    row->changed = memcmp(row->object->data, record, sizeof(*record)) != 0;
+    if (memcmp(row->object->data, record, sizeof(*record)) != 0) {
+      row->changed = 1;
+    }
     memcpy(row->object->data, record, sizeof(*record));
   }
   row->seen = 1;
@@ -235,8 +237,7 @@ static void publish_changed() {
   queue_element *cursor = table.rows.head;
   while (fwver_row *row = table.next(&cursor)) {
     if (row->changed == 1 && row->seen == 1) {
-      row->changed = 0;
-      log_data(row->object);
+      row->changed = log_data(row->object) != 0;  // else the next pass publishes it
     }
   }
 }
@@ -256,6 +257,9 @@ static void remove_unseen() {
 
 int do_fwver() {
   for (collector_entry &entry : collectors) {
+    if (agent_ending() != 0) {
+      return 0;
+    }
     if (!is_due(entry)) {
       continue;
     }

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -53,31 +55,194 @@ constexpr seconds kPingPatience{15};
 // master does not allow for as long as it is configured so.
 constexpr milliseconds kFirstRefusalRetry{100};
 constexpr seconds kLastRefusalRetry{10};
-constexpr milliseconds kClosePatience{300};
 
 // Requests of a manager come over UDP; in AgentX their names grow to four octets a number.
 constexpr int kLongestPacket = 1 << 20;
+constexpr size_t kHeader = 20;
+
+// RFC 2741 6.1.
+constexpr int kNonDefaultContext = 0x08;
+constexpr int kNetworkByteOrder = 0x10;
+
+// The numbers of a packet, one after the other; zeros past its end.
+class Numbers {
+ public:
+  Numbers(const u_char *bytes, size_t length)
+      : at_(bytes), left_(length), network_((bytes[2] & kNetworkByteOrder) != 0) {}
+  bool More() const {
+    return left_ > 0;
+  }
+  uint32_t Take(size_t octets) {
+    uint32_t number = 0;
+    for (size_t i = 0; i < octets && i < left_; i++) {
+      number |= static_cast<uint32_t>(at_[network_ ? octets - 1 - i : i]) << (8 * i);
+    }
+    Skip(octets);
+    return number;
+  }
+  void Skip(size_t octets) {
+    octets = std::min(octets, left_);
+    at_ += octets;
+    left_ -= octets;
+  }
+  void SkipOid() {  // RFC 2741 5.1
+    size_t numbers = Take(1);
+    Skip(3 + 4 * numbers);
+  }
+  void SkipOctets() {  // RFC 2741 5.3
+    size_t length = Take(4);
+    Skip((length + 3) / 4 * 4);
+  }
+
+ private:
+  const u_char *at_;
+  size_t left_;
+  bool network_;
+};
+
+// How many variables a request has that net-snmp could read: it leaves out, without a word, those
+// that it finds no memory for.
+size_t CountVariables(int type, const u_char *bytes, size_t length) {
+  Numbers numbers(bytes, length);
+  numbers.Skip(kHeader);
+  if ((bytes[2] & kNonDefaultContext) != 0) {
+    numbers.SkipOctets();
+  }
+  if (type == kAgentxGetBulk) {
+    numbers.Skip(4);
+  }
+  size_t count = 0;
+  while (numbers.More()) {
+    count++;
+    if (type == kAgentxTestSet) {
+      const uint32_t variable = numbers.Take(2);
+      numbers.Skip(2);
+      numbers.SkipOid();
+      switch (variable) {
+        case ASN_INTEGER:
+        case ASN_COUNTER:
+        case ASN_GAUGE:
+        case ASN_TIMETICKS:
+          numbers.Skip(4);
+          break;
+        case ASN_COUNTER64:
+          numbers.Skip(8);
+          break;
+        case ASN_OBJECT_ID:
+          numbers.SkipOid();
+          break;
+        case ASN_OCTET_STR:
+        case ASN_IPADDRESS:
+        case ASN_OPAQUE:
+          numbers.SkipOctets();
+          break;
+        default:  // without a value
+          break;
+      }
+    } else {
+      numbers.SkipOid();
+      numbers.SkipOid();
+    }
+  }
+  return count;
+}
+
+bool IsRequest(int type) {
+  return type >= kAgentxGet && type <= kAgentxCleanupSet;
+}
+
+bool HasVariables(int type) {
+  return type >= kAgentxGet && type <= kAgentxTestSet;
+}
+
+// The session whose socket is being read: net-snmp asks for a packet's length without saying whose.
+AgentxSession *reader;
+
+// A MIB group's name, as net-snmp has it.
+class GroupName {
+ public:
+  explicit GroupName(const MibGroup &group) : length_(group.oid_length) {
+    std::copy_n(group.oid, length_, name_);
+  }
+  const oid *Name() const {
+    return name_;
+  }
+  size_t Length() const {
+    return length_;
+  }
+
+ private:
+  oid name_[UINT8_MAX];
+  size_t length_;
+};
+
+}  // namespace
 
 // The length of the packet that begins here, 0 when that cannot be told yet, or, for net-snmp to
 // end the session, -1: it would make room for whatever length a packet claims.
-int CheckPacket(u_char *bytes, size_t length) {
-  constexpr int kHeader = 20;
+int AgentxSession::CheckPacket(u_char *bytes, size_t length) {
   const int whole = agentx_check_packet(bytes, length);
-  return whole == 0 || (whole >= kHeader && whole <= kLongestPacket) ? whole : -1;
+  if (whole != 0 && (whole < static_cast<int>(kHeader) || whole > kLongestPacket)) {
+    return -1;
+  }
+  if (reader != nullptr && whole != 0 && static_cast<size_t>(whole) <= length) {
+    reader->TellUnread();
+    Numbers numbers(bytes, kHeader);
+    numbers.Skip(4);
+    const uint32_t session = numbers.Take(4);
+    const uint32_t transaction = numbers.Take(4);
+    reader->arrived_ = PacketHeader{bytes[1], bytes[2], session, transaction, numbers.Take(4)};
+  }
+  return whole;
 }
 
-std::vector<oid> NetSnmpOid(std::span<const uint32_t> from) {
-  return {from.begin(), from.end()};
+int AgentxSession::Parse(netsnmp_session *session, netsnmp_pdu *pdu, u_char *bytes,
+                         size_t length) {
+  const int result = agentx_parse(session, pdu, bytes, length);
+  if (result != SNMP_ERR_NOERROR) {
+    return result;
+  }
+  if (HasVariables(pdu->command)) {
+    size_t read = 0;
+    for (const netsnmp_variable_list *v = pdu->variables; v != nullptr; v = v->next_variable) {
+      read++;
+    }
+    if (read != CountVariables(pdu->command, bytes, length)) {
+      return SNMPERR_MALLOC;
+    }
+  }
+  static_cast<AgentxSession *>(session->callback_magic)->arrived_.reset();
+  return SNMP_ERR_NOERROR;
 }
 
-}  // namespace
+// A packet that came whole and never reached Packet() or Response(). A request is answered all the
+// same. After a response that was lost so, what it was to is not known: another session is begun.
+void AgentxSession::TellUnread() {
+  if (!arrived_) {
+    return;
+  }
+  const PacketHeader header = *arrived_;
+  arrived_.reset();
+  if (!IsRequest(header.type)) {
+    broken_ = true;
+  } else if (Open() && header.session == static_cast<uint32_t>(session_id_)) {
+    events_.unread(header);
+  }
+}
 
 AgentxSession::AgentxSession(Settings settings, Events events)
     : settings_(std::move(settings)),
       events_(std::move(events)),
       registered_(settings_.groups.size(), false),
       retry_(kFirstRetry),
-      next_attempt_(Clock::now()) {}
+      next_attempt_(Clock::now()) {
+  const std::string &path = settings_.unix_path;
+  if (!path.empty()) {
+    const size_t slash = path.rfind('/');
+    watched_directory_ = slash == path.npos || slash == 0 ? "/" : path.substr(0, slash);
+    watched_name_ = path.substr(slash + 1);
+  }
+}
 
 AgentxSession::~AgentxSession() {
   if (handle_ != nullptr) {
@@ -176,7 +341,7 @@ void AgentxSession::Connect() {
   template_session.callback = Packet;
   template_session.callback_magic = this;
   // The transport is gone when this fails.
-  handle_ = snmp_sess_add_ex(&template_session, transport, nullptr, agentx_parse, nullptr, nullptr,
+  handle_ = snmp_sess_add_ex(&template_session, transport, nullptr, Parse, nullptr, nullptr,
                              agentx_realloc_build, CheckPacket, nullptr);
   if (handle_ == nullptr) {
     RetryLater(kLastRetry);
@@ -190,10 +355,12 @@ void AgentxSession::Connect() {
   netsnmp_pdu *pdu = NewPdu(kAgentxOpen);
   if (pdu != nullptr) {
     pdu->time = settings_.timeout_seconds;
-    std::vector<oid> id = NetSnmpOid(
-        {settings_.groups.front().oid, static_cast<size_t>(settings_.groups.front().oid_length)});
-    snmp_pdu_add_variable(pdu, id.data(), id.size(), ASN_OCTET_STR, settings_.name.data(),
-                          settings_.name.size());
+    const GroupName id(settings_.groups.front());
+    if (snmp_pdu_add_variable(pdu, id.Name(), id.Length(), ASN_OCTET_STR, settings_.name.data(),
+                              settings_.name.size()) == nullptr) {
+      snmp_free_pdu(pdu);
+      pdu = nullptr;
+    }
   }
   if (!Send(pdu, [this](const netsnmp_pdu *response) { Opened(response); })) {
     broken_ = true;
@@ -235,11 +402,13 @@ void AgentxSession::Register(size_t group) {
   if (pdu == nullptr) {
     return;
   }
-  std::vector<oid> root = NetSnmpOid(
-      {settings_.groups[group].oid, static_cast<size_t>(settings_.groups[group].oid_length)});
+  const GroupName root(settings_.groups[group]);
   pdu->priority = kPriority;
   pdu->time = 0;
-  snmp_add_null_var(pdu, root.data(), root.size());
+  if (snmp_add_null_var(pdu, root.Name(), root.Length()) == nullptr) {
+    snmp_free_pdu(pdu);
+    return;
+  }
   if (!Send(pdu, [this, group](const netsnmp_pdu *response) { Registered(group, response); })) {
     broken_ = true;
   }
@@ -301,7 +470,8 @@ netsnmp_pdu *AgentxSession::NewPdu(int type) const {
   return pdu;
 }
 
-bool AgentxSession::Send(netsnmp_pdu *pdu, Answer answer) {
+bool AgentxSession::Send(netsnmp_pdu *pdu, Answer answer) noexcept {
+  too_long_ = false;
   if (pdu == nullptr) {
     return false;
   }
@@ -309,17 +479,17 @@ bool AgentxSession::Send(netsnmp_pdu *pdu, Answer answer) {
     snmp_free_pdu(pdu);
     return false;
   }
-  if (!answer) {
-    if (snmp_sess_async_send(handle_, pdu, nullptr, nullptr) == 0) {
-      broken_ = broken_ || session_->s_snmp_errno == SNMPERR_BAD_SENDTO;
+  Waiting *waiting = nullptr;
+  if (answer) {
+    waiting = new (std::nothrow) Waiting{this, std::move(answer)};
+    if (waiting == nullptr) {
       snmp_free_pdu(pdu);
       return false;
     }
-    return true;
   }
-  auto *waiting = new Waiting{this, std::move(answer)};
-  if (snmp_sess_async_send(handle_, pdu, Response, waiting) == 0) {
+  if (snmp_sess_async_send(handle_, pdu, waiting != nullptr ? Response : nullptr, waiting) == 0) {
     broken_ = broken_ || session_->s_snmp_errno == SNMPERR_BAD_SENDTO;
+    too_long_ = session_->s_snmp_errno == SNMPERR_TOO_LONG;
     snmp_free_pdu(pdu);
     delete waiting;
     return false;
@@ -408,8 +578,12 @@ void AgentxSession::SocketReady(bool readable, bool writable) {
     netsnmp_large_fd_set_init(&set, transport->sock + 1);
     NETSNMP_LARGE_FD_ZERO(&set);
     NETSNMP_LARGE_FD_SET(transport->sock, &set);
+    arrived_.reset();
+    reader = this;
     snmp_sess_read2(handle_, &set);
+    reader = nullptr;
     netsnmp_large_fd_set_cleanup(&set);
+    TellUnread();
   }
   if (broken_) {
     Drop();
@@ -454,10 +628,8 @@ void AgentxSession::Watch() {
   if (watch_fd_ < 0) {
     watch_fd_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   }
-  std::string directory = settings_.unix_path.substr(0, settings_.unix_path.rfind('/'));
   if (watch_fd_ >= 0) {
-    inotify_add_watch(watch_fd_, directory.empty() ? "/" : directory.c_str(),
-                      IN_CREATE | IN_MOVED_TO | IN_ATTRIB);
+    inotify_add_watch(watch_fd_, watched_directory_.c_str(), IN_CREATE | IN_MOVED_TO | IN_ATTRIB);
   }
 }
 
@@ -470,13 +642,12 @@ void AgentxSession::Unwatch() {
 
 void AgentxSession::WatchReady() {
   alignas(inotify_event) char events[4096];
-  std::string name = settings_.unix_path.substr(settings_.unix_path.rfind('/') + 1);
   bool ours = false;
   ssize_t length;
   while ((length = read(watch_fd_, events, sizeof(events))) > 0) {
     for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
       const auto *event = reinterpret_cast<const inotify_event *>(events + at);
-      ours = ours || event->len == 0 || name == event->name;
+      ours = ours || event->len == 0 || watched_name_ == event->name;
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
   }
@@ -486,7 +657,7 @@ void AgentxSession::WatchReady() {
   }
 }
 
-void AgentxSession::Close() {
+void AgentxSession::Close(Clock::time_point until) {
   if (handle_ == nullptr || session_id_ == 0) {
     return;
   }
@@ -494,19 +665,15 @@ void AgentxSession::Close() {
   if (pdu == nullptr) {
     return;
   }
-  bool answered = false;
   pdu->errstat = kReasonShutdown;
-  // The answer is shared: it is also called when the session ends, which may be after this.
-  auto seen = std::make_shared<bool>(false);
-  Clock::time_point until = Clock::now() + kClosePatience;
-  bool waiting = Send(pdu, [seen](const netsnmp_pdu *) { *seen = true; });
-  while (waiting && !answered && handle_ != nullptr && Clock::now() < until) {
+  close_answered_ = false;
+  bool waiting = Send(pdu, [this](const netsnmp_pdu *) { close_answered_ = true; });
+  while (waiting && !close_answered_ && handle_ != nullptr && Clock::now() < until) {
     short wanted = WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
     pollfd entry = {Socket(), wanted, 0};
     if (poll(&entry, 1, 20) > 0) {
       SocketReady((entry.revents & ~POLLOUT) != 0, (entry.revents & POLLOUT) != 0);
     }
-    answered = *seen;
   }
 }
 

@@ -57,9 +57,19 @@ class AgentxSession {
     int timeout_seconds = 0;        // asked of the master; 0: its own default
     std::span<const MibGroup> groups;
   };
-  // What the owner does with the session's events.
+  // Of a packet on the wire, RFC 2741 6.1.
+  struct PacketHeader {
+    int type;
+    int flags;
+    uint32_t session;
+    uint32_t transaction;
+    uint32_t packet;
+  };
+  // What the owner does with the session's events, none of which throws.
   struct Events {
     std::function<void(netsnmp_pdu *)> request;  // Get, GetNext, GetBulk and the four of a set
+    // One of them came and could not be read, for want of memory or because it is malformed.
+    std::function<void(const PacketHeader &)> unread;
     std::function<void()> open;                  // the registrations follow
     std::function<void()> down;  // also before the master's answers to what was sent came
   };
@@ -95,24 +105,36 @@ class AgentxSession {
 
   // A PDU of the given type for this session, or null.
   netsnmp_pdu *NewPdu(int type) const;
-  // Sends a PDU and takes it over. answer: called once, with the response, or with null when the
-  // session is lost before; not called for a Response PDU. false when it could not be sent (then
-  // answer is not called).
+  // Sends a PDU and takes it over; null is one that there was no memory for. answer: called once,
+  // with the response, or with null when the session is lost before; not called for a Response PDU.
+  // false when it could not be sent (then answer is not called): when the session is not Broken()
+  // and the PDU was not TooLong(), another try may succeed. Throws nothing.
   using Answer = std::function<void(const netsnmp_pdu *)>;
-  bool Send(netsnmp_pdu *pdu, Answer answer = nullptr);
+  bool Send(netsnmp_pdu *pdu, Answer answer = nullptr) noexcept;
+  // Why the last Send() failed: it would never fit into a packet.
+  bool TooLong() const {
+    return too_long_;
+  }
+  // Ends the session, for another one to begin: its state is not known any more.
+  void Break() {
+    broken_ = true;
+  }
 
-  // Says goodbye to the master and waits for its answer, a moment at most.
-  void Close();
+  // Says goodbye to the master and waits for its answer, until then at the latest.
+  void Close(Clock::time_point until);
 
  private:
   enum class Stage { kDown, kOpening, kRegistering, kUp };
   struct Waiting;
 
+  static int CheckPacket(u_char *bytes, size_t length);
+  static int Parse(netsnmp_session *session, netsnmp_pdu *pdu, u_char *bytes, size_t length);
   static int Packet(int operation, netsnmp_session *session, int reqid, netsnmp_pdu *pdu,
                     void *magic);
   static int Response(int operation, netsnmp_session *session, int reqid, netsnmp_pdu *pdu,
                       void *magic);
   void Request(netsnmp_pdu *pdu);
+  void TellUnread();
   void Connect();
   void Opened(const netsnmp_pdu *response);
   void Register(size_t group);
@@ -123,13 +145,18 @@ class AgentxSession {
   void Unwatch();
   void RetryLater(Clock::duration longest);
 
-  Settings settings_;
-  Events events_;
+  const Settings settings_;
+  const Events events_;
+  std::string watched_directory_;  // of the socket, and the socket's name in it
+  std::string watched_name_;
   Stage stage_ = Stage::kDown;
   void *handle_ = nullptr;  // net-snmp's single-session handle
   netsnmp_session *session_ = nullptr;
   long session_id_ = 0;
   bool broken_ = false;
+  bool too_long_ = false;
+  bool close_answered_ = false;
+  std::optional<PacketHeader> arrived_;  // a whole packet that was not read yet
   bool ping_unanswered_ = false;
   size_t unregistered_ = 0;
   std::vector<bool> registered_;

@@ -20,13 +20,14 @@ constexpr std::string_view kTexts[] = {"ProductName", "OsName", "OsVersion", "Vc
 const char *file = kApplianceFile;
 
 std::optional<Appliance> Load() {
-  const std::optional<Assignments> assignments = ReadAssignments(file);
+  const std::optional<Assignments> assignments = ReadAssignments(file, Values::kPlain);
   if (!assignments) {
     return std::nullopt;
   }
-  std::optional<Appliance> appliance = ApplianceFrom(*assignments);
-  if (!appliance) {
-    agentlog_fprintf(stderr, "%s: %s: %s is not a number, file not used\n", AgentName(), file,
+  bool bad_id;
+  Appliance appliance = ApplianceFrom(*assignments, &bad_id);
+  if (bad_id) {
+    agentlog_fprintf(stderr, "%s: %s: %s is not a number, taken as 0\n", AgentName(), file,
                      kProductId.data());
   }
   return appliance;
@@ -48,15 +49,15 @@ const std::optional<Appliance> &TheAppliance() {
 
 }  // namespace
 
-std::optional<Appliance> ApplianceFrom(const Assignments &assignments) {
+Appliance ApplianceFrom(const Assignments &assignments, bool *bad_id) {
   Appliance appliance;
+  *bad_id = false;
   if (const auto id = assignments.find(kProductId); id != assignments.end()) {
     const std::string &text = id->second;
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), appliance.product_id);
-    if (error != std::errc() || end != text.data() + text.size()) {
-      return std::nullopt;
-    }
+    int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    *bad_id = error != std::errc() || end != text.data() + text.size();
+    appliance.product_id = *bad_id ? 0 : number;
   }
   for (const std::string_view key : kTexts) {
     if (const auto text = assignments.find(key); text != assignments.end()) {

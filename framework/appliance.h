@@ -3,7 +3,6 @@
 #define VEX_FRAMEWORK_APPLIANCE_H
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "framework/assignments.h"
@@ -17,8 +16,9 @@ struct Appliance {
   Assignments texts;  // all other keys that are known
 };
 
-// What the file's assignments say; nothing when ProductID is no 32-bit number.
-std::optional<Appliance> ApplianceFrom(const Assignments &assignments);
+// What the file's assignments say. A ProductID that is no 32-bit decimal number costs that key
+// alone: it is 0 then, and *bad_id true. Any thread.
+Appliance ApplianceFrom(const Assignments &assignments, bool *bad_id);
 
 // Takes the data from this file from now on (tests).
 void UseApplianceFile(const char *path);

@@ -18,6 +18,9 @@ namespace {
 
 constexpr size_t kMaxFile = 64 * 1024;
 
+// What a file says is asked once in the life of a process: one failed call must not decide it.
+constexpr int kAttempts = 3;
+
 bool IsKey(std::string_view key) {
   if (key.empty() || (key[0] >= '0' && key[0] <= '9')) {
     return false;
@@ -39,6 +42,14 @@ std::string_view Trimmed(std::string_view text) {
     text.remove_suffix(1);
   }
   return text;
+}
+
+std::string Plain(std::string_view value) {
+  if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
+      value.front() == value.back()) {
+    value = value.substr(1, value.size() - 2);
+  }
+  return std::string(value);
 }
 
 std::optional<std::string> Unquoted(std::string_view value) {
@@ -64,7 +75,7 @@ std::optional<std::string> Unquoted(std::string_view value) {
 
 }  // namespace
 
-std::optional<Assignments> ParseAssignments(std::string_view text, int *bad_line) {
+std::optional<Assignments> ParseAssignments(std::string_view text, Values values, int *bad_line) {
   Assignments assignments;
   int number = 0;
   while (!text.empty()) {
@@ -77,10 +88,11 @@ std::optional<Assignments> ParseAssignments(std::string_view text, int *bad_line
     }
     const size_t equals = line.find('=');
     const std::string_view key = line.substr(0, equals);
-    std::optional<std::string> value =
-        equals != line.npos && IsKey(key) && line.find('\0') == line.npos
-            ? Unquoted(line.substr(equals + 1))
-            : std::nullopt;
+    std::optional<std::string> value;
+    if (equals != line.npos && IsKey(key) && line.find('\0') == line.npos) {
+      const std::string_view text_of_value = line.substr(equals + 1);
+      value = values == Values::kShell ? Unquoted(text_of_value) : Plain(text_of_value);
+    }
     if (!value) {
       *bad_line = number;
       return std::nullopt;
@@ -90,31 +102,30 @@ std::optional<Assignments> ParseAssignments(std::string_view text, int *bad_line
   return assignments;
 }
 
-std::optional<Assignments> ReadAssignments(const char *path) {
-  static std::set<std::string> reported;
-  auto broken = [&](const char *why, int line) {
-    if (reported.insert(path).second) {
-      if (line != 0) {
-        agentlog_fprintf(stderr, "%s: %s: line %d is broken, file not used\n", AgentName(), path,
-                         line);
-      } else {
-        agentlog_fprintf(stderr, "%s: %s: %s, file not used\n", AgentName(), path, why);
-      }
-    }
-    return std::nullopt;
-  };
-  Descriptor fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+namespace {
+
+enum class Reading { kDone, kAbsent, kBroken, kFailed };
+
+// Reads a whole file. Otherwise says why not; a failed call (kFailed) may succeed the next time.
+Reading ReadText(const char *path, std::string *text, std::string *why) {
+  text->clear();
+  const Descriptor fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd) {
     if (errno == ENOENT || errno == ENOTDIR) {
-      return std::nullopt;
+      return Reading::kAbsent;
     }
-    return broken(strerror(errno), 0);
+    *why = strerror(errno);
+    return Reading::kFailed;
   }
   struct stat st;
-  if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-    return broken("not a regular file", 0);
+  if (fstat(fd.get(), &st) != 0) {
+    *why = strerror(errno);
+    return Reading::kFailed;
   }
-  std::string text;
+  if (!S_ISREG(st.st_mode)) {
+    *why = "not a regular file";
+    return Reading::kBroken;
+  }
   char bytes[4096];
   for (;;) {
     const ssize_t n = read(fd.get(), bytes, sizeof(bytes));
@@ -122,22 +133,45 @@ std::optional<Assignments> ReadAssignments(const char *path) {
       continue;
     }
     if (n < 0) {
-      return broken(strerror(errno), 0);
+      *why = strerror(errno);
+      return Reading::kFailed;
     }
     if (n == 0) {
-      break;
+      return Reading::kDone;
     }
-    text.append(bytes, static_cast<size_t>(n));
-    if (text.size() > kMaxFile) {
-      return broken("too large", 0);
+    text->append(bytes, static_cast<size_t>(n));
+    if (text->size() > kMaxFile) {
+      *why = "too large";
+      return Reading::kBroken;
     }
   }
-  int bad_line = 0;
-  std::optional<Assignments> assignments = ParseAssignments(text, &bad_line);
-  if (!assignments) {
-    return broken("", bad_line);
+}
+
+}  // namespace
+
+std::optional<Assignments> ReadAssignments(const char *path, Values values) {
+  std::string text;
+  std::string why;
+  Reading reading = Reading::kFailed;
+  for (int attempt = 0; attempt < kAttempts && reading == Reading::kFailed; attempt++) {
+    reading = ReadText(path, &text, &why);
   }
-  return assignments;
+  if (reading == Reading::kAbsent) {
+    return std::nullopt;
+  }
+  if (reading == Reading::kDone) {
+    int bad_line = 0;
+    std::optional<Assignments> assignments = ParseAssignments(text, values, &bad_line);
+    if (assignments) {
+      return assignments;
+    }
+    why = "line " + std::to_string(bad_line) + " is broken";
+  }
+  static std::set<std::string> reported;
+  if (reported.insert(path).second) {
+    agentlog_fprintf(stderr, "%s: %s: %s, file not used\n", AgentName(), path, why.c_str());
+  }
+  return std::nullopt;
 }
 
 }  // namespace vex

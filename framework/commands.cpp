@@ -12,9 +12,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 #include "framework/guard.h"
+#include "framework/log.h"
 #include "framework/registry_dir.h"
 #include "platform/framework.h"
 
@@ -22,12 +24,18 @@ namespace vex {
 
 namespace {
 
-constexpr int kLimitMs = 120 * 1000;
+// Of process_linux_cmd().
+constexpr int kUsualLimitMs = 120 * 1000;
+// What run_command() adds to the number of a signal, as shells do.
+constexpr int kSignalStatus = 128;
 // How often to look for the shell's end where the kernel has no pidfd.
 constexpr int kLookMs = 20;
+// What a command that is told to end gets to put its house in order: a package tool that is killed
+// outright leaves the lock for which the next one waits.
+constexpr int kGraceMs = 100;
 // How long a killed shell may take to end. One that waits in the kernel for what never comes (ps(1)
 // does, for a process that hangs there itself) may not end at all.
-constexpr int kEndMs = 1000;
+constexpr int kEndMs = 500;
 
 int64_t NowMs() {
   timespec now;
@@ -35,15 +43,17 @@ int64_t NowMs() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// Starts the shell in a process group of its own, with our output pipe, nothing to read, and
-// signals as a fresh process has them. -1 when it could not be started.
-pid_t Start(const char *command, int output) {
+// Starts the shell in a process group of its own, with our pipes, nothing to read, and signals as a
+// fresh process has them. -1 with errno when it could not be started.
+pid_t Start(const char *command, int output, int errors) {
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
-  if (posix_spawn_file_actions_init(&actions) != 0) {
+  errno = posix_spawn_file_actions_init(&actions);
+  if (errno != 0) {
     return -1;
   }
-  if (posix_spawnattr_init(&attributes) != 0) {
+  errno = posix_spawnattr_init(&attributes);
+  if (errno != 0) {
     posix_spawn_file_actions_destroy(&actions);
     return -1;
   }
@@ -61,13 +71,20 @@ pid_t Start(const char *command, int output) {
   char name[] = "sh";
   char option[] = "-c";
   char *const arguments[] = {name, option, const_cast<char *>(command), nullptr};
-  const bool started =
-      posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
-      posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO) == 0 &&
-      posix_spawn(&pid, shell, &actions, &attributes, arguments, environ) == 0;
+  int failure = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (failure == 0) {
+    failure = posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  }
+  if (failure == 0) {
+    failure = posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
+  }
+  if (failure == 0) {
+    failure = posix_spawn(&pid, shell, &actions, &attributes, arguments, environ);
+  }
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
-  return started ? pid : -1;
+  errno = failure;
+  return failure == 0 ? pid : -1;
 }
 
 // Shells that were killed and have not ended; agent thread only.
@@ -81,7 +98,13 @@ bool HasEnded(pid_t pid) {
   return gone == pid || (gone < 0 && errno == ECHILD);
 }
 
-void Kill(pid_t pid) {
+// Ends the whole group; what ignores the request is killed. The shell is not waited for before the
+// last signal, since its number could be another group's afterwards.
+void End(pid_t pid) {
+  kill(-pid, SIGTERM);
+  for (const int64_t deadline = NowMs() + kGraceMs; NowMs() < deadline;) {
+    poll(nullptr, 0, kLookMs);
+  }
   kill(-pid, SIGKILL);
   for (const int64_t deadline = NowMs() + kEndMs; !HasEnded(pid); poll(nullptr, 0, kLookMs)) {
     if (NowMs() >= deadline) {
@@ -123,76 +146,214 @@ bool Drain(int fd, Sink &sink) {
   return true;
 }
 
-}  // namespace
+// A pipe whose reading end does not block and is not inherited.
+struct Pipe {
+  Descriptor from;
+  Descriptor to;
 
-int RunCommand(const char *command, char *output, int *length, int limit_ms) {
-  Sink sink = {output, 0};
-  if (output != nullptr && length != nullptr && *length > 0) {
-    sink.capacity = static_cast<size_t>(*length) - 1;
-    output[0] = '\0';
+  bool Open() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+      return false;
+    }
+    from.Reset(ends[0]);
+    to.Reset(ends[1]);
+    fcntl(to.get(), F_SETFL, 0);  // only our end does not block
+    return true;
   }
-  if (length != nullptr) {
-    *length = 0;
+};
+
+// One line that a terminal shows and does not act on: a line's end is a blank and a semicolon.
+std::string OneLine(std::string_view text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
+    text.remove_suffix(1);
   }
-  std::erase_if(Unended(), HasEnded);
-  int ends[2];
-  if (command == nullptr || pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-    return -1;
+  std::string line;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      line += "; ";
+    } else {
+      line += byte < ' ' || byte > '~' ? '?' : c;
+    }
   }
-  Descriptor from(ends[0]);
-  Descriptor to(ends[1]);
-  // Only our end does not block.
-  fcntl(to.get(), F_SETFL, 0);
-  const pid_t pid = Start(command, to.get());
-  to.Reset();
-  if (pid < 0) {
-    return -1;
+  return line;
+}
+
+// How far a command is known by its text; the longest that a group runs are 255 characters.
+constexpr size_t kShownCommand = 512;
+// What is kept of a standard error.
+constexpr size_t kShownErrors = 1024;
+
+void Report(const char *command, const CommandResult &result, int failure, int limit_ms,
+            std::string_view said) {
+  static auto *ends = new CommandNews(false);
+  static auto *errors = new CommandNews(true);
+  const std::string shown = OneLine(std::string_view(command, strnlen(command, kShownCommand)));
+  std::string what;
+  if (result.end == CommandResult::kNotRun) {
+    what = std::string("could not be started: ") + strerror(failure);
+  } else if (result.end == CommandResult::kTimedOut) {
+    what = "ran out of time and was killed";
   }
+  if (result.end != CommandResult::kAgentEnding && ends->Tell(shown, what)) {
+    if (result.end == CommandResult::kTimedOut) {
+      agentlog_fprintf(stderr, "%s: Command %s (%.1f seconds): %s\n", AgentName(), what.c_str(),
+                       limit_ms / 1000.0, shown.c_str());
+    } else {
+      agentlog_fprintf(stderr, "%s: Command %s: %s\n", AgentName(), what.c_str(), shown.c_str());
+    }
+  }
+  // Only a command that came to its end has said all that it has to say.
+  const std::string text = OneLine(said);
+  if ((result.end == CommandResult::kExited || !text.empty()) && errors->Tell(shown, text)) {
+    agentlog_fprintf(stderr, "%s: Command says: %s (%s)\n", AgentName(), text.c_str(),
+                     shown.c_str());
+  }
+}
+
+// What a command does until it ends or has to; says is its standard error.
+CommandResult Watch(pid_t pid, int limit_ms, Pipe &output, Sink &stored, Pipe &errors, Sink &says) {
   Descriptor ended(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-
   const int64_t deadline = NowMs() + limit_ms;
-  bool open = true;
-  bool killed = false;
-  int status = 0;
+  CommandResult result;
+  bool output_open = true;
+  bool errors_open = true;
   for (;;) {
+    int status = 0;
     const pid_t gone = waitpid(pid, &status, WNOHANG);
-    if (gone == pid || (gone < 0 && errno != EINTR)) {
-      if (gone < 0) {
-        killed = true;  // somebody else took the status
-      }
+    if (gone == pid) {
+      result.end = WIFEXITED(status) ? CommandResult::kExited : CommandResult::kSignalled;
+      result.status = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+      break;
+    }
+    if (gone < 0 && errno != EINTR) {
+      result.end = CommandResult::kSignalled;  // somebody else took the status
+      result.status = 0;
       break;
     }
     const int64_t left = deadline - NowMs();
-    if (left <= 0) {
-      Kill(pid);
-      killed = true;
+    if (left <= 0 || agent_ending() != 0) {
+      result.end = left <= 0 ? CommandResult::kTimedOut : CommandResult::kAgentEnding;
+      End(pid);
       break;
     }
-    int wait_ms = static_cast<int>(std::min<int64_t>(left, limit_ms));
-    pollfd fds[2] = {{ended.get(), POLLIN, 0}, {open ? from.get() : -1, POLLIN, 0}};
-    if (!ended) {
-      wait_ms = std::min(wait_ms, kLookMs);
+    const int wait_ms = static_cast<int>(ended ? left : std::min<int64_t>(left, kLookMs));
+    pollfd fds[3] = {{ended.get(), POLLIN, 0},
+                     {output_open ? output.from.get() : -1, POLLIN, 0},
+                     {errors_open ? errors.from.get() : -1, POLLIN, 0}};
+    poll(fds, 3, wait_ms);  // an interruption is one more look
+    if (fds[1].revents != 0) {
+      output_open = Drain(output.from.get(), stored);
     }
-    poll(fds, 2, wait_ms);  // an interruption is one more look
-    if (open && fds[1].revents != 0) {
-      open = Drain(from.get(), sink);
+    if (fds[2].revents != 0) {
+      errors_open = Drain(errors.from.get(), says);
     }
   }
-  if (open) {
-    // What the shell wrote last; not what a process that it left behind may still write.
-    Drain(from.get(), sink);
+  // What was written last; not what a process that the shell left behind may still write.
+  Drain(output.from.get(), stored);
+  Drain(errors.from.get(), says);
+  return result;
+}
+
+CommandResult Run(const char *command, int limit_ms, Sink &stored) {
+  CommandResult result;
+  std::erase_if(Unended(), HasEnded);
+  Unended().reserve(Unended().size() + 1);  // while nothing is running yet
+  if (command == nullptr) {
+    return result;
   }
-  if (sink.buffer != nullptr && length != nullptr) {
-    if (sink.capacity != 0) {
-      output[sink.stored] = '\0';
+  if (agent_ending() != 0) {
+    result.end = CommandResult::kAgentEnding;
+    return result;
+  }
+  char said[kShownErrors];
+  Sink says = {said, sizeof(said)};
+  Pipe output;
+  Pipe errors;
+  pid_t pid = -1;
+  if (output.Open() && errors.Open()) {
+    pid = Start(command, output.to.get(), errors.to.get());
+  }
+  const int failure = errno;
+  output.to.Reset();
+  errors.to.Reset();
+  if (pid >= 0) {
+    result = Watch(pid, limit_ms, output, stored, errors, says);
+  }
+  // A report for which there is no memory must not cost the result.
+  Guarded(0, [&] {
+    Report(command, result, failure, limit_ms, std::string_view(said, says.stored));
+    return 0;
+  });
+  return result;
+}
+
+}  // namespace
+
+bool CommandNews::Tell(const std::string &command, const std::string &text) {
+  constexpr size_t kMost = 256;
+  const auto program = [](const std::string &whole) {
+    return std::string_view(whole).substr(0, whole.find(' '));
+  };
+  bool known = false;
+  bool heard = false;
+  for (auto entry = entries_.begin(); entry != entries_.end();) {
+    const bool same = entry->command == command;
+    if (same && entry->text != text) {
+      entry = entries_.erase(entry);
+      continue;
     }
-    *length = static_cast<int>(sink.stored);
+    known = known || same;
+    heard = heard || same ||
+            (by_program_ && entry->text == text && program(entry->command) == program(command));
+    ++entry;
   }
-  return !killed && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (text.empty() || known) {
+    return false;
+  }
+  if (entries_.size() == kMost) {
+    entries_.pop_front();
+  }
+  entries_.push_back({command, text});
+  return !heard;
+}
+
+CommandResult RunCommand(const char *command, int limit_ms, char *output, size_t size) {
+  Sink stored = {output, size > 0 ? size - 1 : 0};
+  CommandResult result = Guarded(CommandResult{}, [&] { return Run(command, limit_ms, stored); });
+  if (size > 0) {
+    output[stored.stored] = '\0';
+  }
+  result.length = stored.stored;
+  return result;
 }
 
 }  // namespace vex
 
 int process_linux_cmd(const char *command, char *output, int *length) {
-  return vex::Guarded(-1, [&] { return vex::RunCommand(command, output, length, vex::kLimitMs); });
+  const bool wanted = output != nullptr && length != nullptr && *length > 0;
+  const vex::CommandResult result = vex::RunCommand(command, vex::kUsualLimitMs, output,
+                                                    wanted ? static_cast<size_t>(*length) : 0);
+  if (length != nullptr) {
+    *length = static_cast<int>(result.length);
+  }
+  return result.end == vex::CommandResult::kExited ? result.status : -1;
+}
+
+int run_command(const char *command, int limit_ms, char *output, size_t size, size_t *length) {
+  const vex::CommandResult result = vex::RunCommand(command, limit_ms, output, size);
+  *length = result.length;
+  switch (result.end) {
+    case vex::CommandResult::kExited:
+      return result.status;
+    case vex::CommandResult::kSignalled:
+      return vex::kSignalStatus + result.status;
+    case vex::CommandResult::kTimedOut:
+      return COMMAND_TIMED_OUT;
+    case vex::CommandResult::kAgentEnding:
+      return COMMAND_AGENT_ENDING;
+    default:
+      return COMMAND_NOT_RUN;
+  }
 }

@@ -49,7 +49,7 @@ int distroid_init(void) {
       if (distribution) {
         break;
       }
-      if (const auto assignments = vex::ReadAssignments(file)) {
+      if (const auto assignments = vex::ReadAssignments(file, vex::Values::kShell)) {
         distribution = vex::DistributionFrom(*assignments);
       }
     }

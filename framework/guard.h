@@ -4,15 +4,13 @@
 
 #include <errno.h>
 
-#include <exception>
-
 namespace vex {
 
 template <typename Result, typename Function>
 Result Guarded(Result failure, Function function) noexcept {
   try {
     return function();
-  } catch (const std::exception &) {
+  } catch (...) {
     errno = ENOMEM;
     return failure;
   }

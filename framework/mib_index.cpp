@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "platform/framework.h"
 
@@ -58,12 +59,11 @@ MibIndex::MibIndex(std::span<const MibVariable> table) : table_(table) {
   }
 }
 
-void MibIndex::Link(uint64_t object_id, Object &object) {
-  const Image &image = *object.image;
+// Fills in what the object's image serves.
+void MibIndex::Describe(Object *object) const {
+  const Image &image = *object->image;
   const std::vector<ServedVariable> &variables = image.layout->variables;
-  object.columns.clear();
-  object.tables.clear();
-  object.columns.reserve(variables.size());
+  object->columns.reserve(variables.size());
   for (size_t position = 0; position < variables.size(); position++) {
     const ServedVariable &served = variables[position];
     size_t least = served.type == VAR_INTEGER ? sizeof(int32_t) : 0;
@@ -75,48 +75,65 @@ void MibIndex::Link(uint64_t object_id, Object &object) {
       continue;
     }
     auto variable = static_cast<uint32_t>(served.mib - table_.data());
-    object.columns.push_back({variable, static_cast<uint32_t>(position)});
-    object.tables.push_back(table_of_[variable]);
+    object->columns.push_back({variable, static_cast<uint32_t>(position)});
+    object->tables.push_back(table_of_[variable]);
   }
-  std::stable_sort(object.columns.begin(), object.columns.end(),
-                   [](const Column &a, const Column &b) { return a.variable < b.variable; });
-  std::sort(object.tables.begin(), object.tables.end());
-  object.tables.erase(std::unique(object.tables.begin(), object.tables.end()), object.tables.end());
-  object.tables.shrink_to_fit();
-  for (const Column &column : object.columns) {
-    uint32_t instance = table_[column.variable].column ? image.instance : 0;
-    rows_[table_of_[column.variable]].insert({instance, object_id, &object});
-  }
+  // Of two slots with one variable the first counts.
+  std::sort(object->columns.begin(), object->columns.end(), [](const Column &a, const Column &b) {
+    return a.variable != b.variable ? a.variable < b.variable : a.position < b.position;
+  });
+  std::sort(object->tables.begin(), object->tables.end());
+  object->tables.erase(std::unique(object->tables.begin(), object->tables.end()),
+                       object->tables.end());
+  object->tables.shrink_to_fit();
 }
 
-void MibIndex::Unlink(uint64_t object_id, const Object &object) {
+void MibIndex::Unlink(uint64_t object_id, const Object &object) noexcept {
   for (uint32_t table : object.tables) {
     rows_[table].erase({object.image->instance, object_id, nullptr});
     rows_[table].erase({0, object_id, nullptr});
   }
 }
 
-void MibIndex::Put(std::shared_ptr<const Image> image) {
+void MibIndex::Put(const std::shared_ptr<const Image> &image) {
   if (!image || !image->layout) {
     return;
   }
-  uint64_t id = image->object_id;
-  auto [place, added] = objects_.try_emplace(id);
-  Object &object = place->second;
-  if (!added && object.image->layout == image->layout &&
-      object.image->instance == image->instance &&
-      object.image->data.size() == image->data.size()) {
-    object.image = std::move(image);
-    return;
+  const uint64_t id = image->object_id;
+  auto place = objects_.find(id);
+  if (place != objects_.end()) {
+    Object &object = place->second;
+    if (object.image->layout == image->layout && object.image->instance == image->instance &&
+        object.image->data.size() == image->data.size()) {
+      object.image = image;
+      return;
+    }
   }
-  if (!added) {
-    Unlink(id, object);
+  // All that needs memory comes first: half an object would stay so for as long as its layout does.
+  Object fresh;
+  fresh.image = image;
+  Describe(&fresh);
+  std::vector<std::pair<uint32_t, Rows::node_type>> rows;
+  rows.reserve(fresh.columns.size());
+  Rows row;
+  for (const Column &column : fresh.columns) {
+    uint32_t instance = table_[column.variable].column ? image->instance : 0;
+    row.insert({instance, id, nullptr});
+    rows.emplace_back(table_of_[column.variable], row.extract(row.begin()));
   }
-  object.image = std::move(image);
-  Link(id, object);
+  if (place == objects_.end()) {
+    place = objects_.try_emplace(id).first;
+  } else {
+    Unlink(id, place->second);
+  }
+  place->second = std::move(fresh);
+  for (auto &[table, node] : rows) {
+    node.value().object = &place->second;
+    rows_[table].insert(std::move(node));
+  }
 }
 
-void MibIndex::Remove(uint64_t object_id) {
+void MibIndex::Remove(uint64_t object_id) noexcept {
   auto place = objects_.find(object_id);
   if (place != objects_.end()) {
     Unlink(object_id, place->second);

@@ -47,9 +47,10 @@ class MibIndex {
   MibIndex(const MibIndex &) = delete;
   MibIndex &operator=(const MibIndex &) = delete;
 
-  // Adds an object's image, or replaces the one it had. O(log rows).
-  void Put(std::shared_ptr<const Image> image);
-  void Remove(uint64_t object_id);
+  // Adds an object's image, or replaces the one it had. O(log rows). Throws std::bad_alloc, and has
+  // then changed nothing.
+  void Put(const std::shared_ptr<const Image> &image);
+  void Remove(uint64_t object_id) noexcept;
 
   // O(log rows) each. Where two objects serve one instance, the older object answers.
   Lookup Get(OidView name, Cell *cell) const;
@@ -86,8 +87,8 @@ class MibIndex {
   size_t FirstAfter(OidView name) const;
   bool CellIn(size_t variable, const RowKey &row, Cell *cell) const;
   bool FirstFrom(size_t variable, uint64_t instance, Cell *cell) const;
-  void Link(uint64_t object_id, Object &object);
-  void Unlink(uint64_t object_id, const Object &object);
+  void Describe(Object *object) const;
+  void Unlink(uint64_t object_id, const Object &object) noexcept;
 
   std::span<const MibVariable> table_;
   std::vector<uint32_t> table_of_;  // variable -> index in rows_

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <span>
 
 #include "framework/agentx_session.h"
 #include "platform/framework.h"
@@ -13,68 +14,95 @@ namespace {
 // snmpTrapOID.0, RFC 3418.
 constexpr oid kTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
-std::vector<oid> Name(std::span<const uint32_t> of, uint32_t last) {
-  std::vector<oid> name(of.begin(), of.end());
-  name.push_back(last);
-  return name;
+constexpr std::chrono::milliseconds kTryAgainAfter{50};
+
+class Name {
+ public:
+  Name(std::span<const uint32_t> of, uint32_t last) : length_(of.size() + 1) {
+    *std::copy(of.begin(), of.end(), name_) = last;
+  }
+  const oid *Numbers() const {
+    return name_;
+  }
+  size_t Length() const {
+    return length_;
+  }
+
+ private:
+  oid name_[MAX_OID_LEN + 1];
+  size_t length_;
+};
+
+bool Add(netsnmp_pdu *pdu, const Name &name, int type, const void *value, size_t size) {
+  return snmp_pdu_add_variable(pdu, name.Numbers(), name.Length(), static_cast<u_char>(type), value,
+                               size) != nullptr;
 }
 
-// The session's answers tell what was received; sysUpTime is left to the master, whose it is.
-netsnmp_pdu *Build(const AgentxSession &session, const Notification &notification) {
-  netsnmp_pdu *pdu = session.NewPdu(kAgentxNotify);
-  if (pdu == nullptr) {
-    return nullptr;
+bool AddAll(netsnmp_pdu *pdu, const Notification &notification) {
+  const Name trap(MibNotificationRoot(), notification.number);
+  if (snmp_pdu_add_variable(pdu, kTrapOid, std::size(kTrapOid), ASN_OBJECT_ID, trap.Numbers(),
+                            trap.Length() * sizeof(oid)) == nullptr) {
+    return false;
   }
-  std::vector<oid> trap = Name(MibNotificationRoot(), notification.number);
-  snmp_pdu_add_variable(pdu, kTrapOid, std::size(kTrapOid), ASN_OBJECT_ID, trap.data(),
-                        trap.size() * sizeof(oid));
   for (const NotificationVariable &variable : notification.variables) {
-    std::vector<oid> name = Name(variable.mib->Oid(), variable.mib->column ? variable.instance : 0);
+    const Name name(variable.mib->Oid(), variable.mib->column ? variable.instance : 0);
+    bool added;
     if (variable.mib->type == VAR_INTEGER && variable.value.size() == sizeof(int32_t)) {
       int32_t number;
       memcpy(&number, variable.value.data(), sizeof(number));
-      long wide = number;
-      snmp_pdu_add_variable(pdu, name.data(), name.size(), ASN_INTEGER, &wide, sizeof(wide));
+      const long wide = number;
+      added = Add(pdu, name, ASN_INTEGER, &wide, sizeof(wide));
     } else {
-      snmp_pdu_add_variable(pdu, name.data(), name.size(), ASN_OCTET_STR, variable.value.data(),
-                            variable.value.size());
+      added = Add(pdu, name, ASN_OCTET_STR, variable.value.data(), variable.value.size());
+    }
+    if (!added) {
+      return false;
     }
   }
-  std::vector<oid> description = Name(MibTrapDescription().Oid(), 0);
-  snmp_pdu_add_variable(pdu, description.data(), description.size(), ASN_OCTET_STR,
-                        notification.description.data(), notification.description.size());
+  return Add(pdu, Name(MibTrapDescription().Oid(), 0), ASN_OCTET_STR,
+             notification.description.data(), notification.description.size());
+}
+
+// The session's answers tell what was received; sysUpTime is left to the master, whose it is. Null
+// without memory.
+netsnmp_pdu *Build(const AgentxSession &session, const Notification &notification) {
+  netsnmp_pdu *pdu = session.NewPdu(kAgentxNotify);
+  if (pdu != nullptr && !AddAll(pdu, notification)) {
+    snmp_free_pdu(pdu);
+    pdu = nullptr;
+  }
   return pdu;
 }
 
 }  // namespace
 
 void NotificationQueue::Trim() {
-  size_t most = up_ ? kKeptWhileUp : kKeptWhileDown;
-  if (waiting_.size() > most) {
-    waiting_.erase(waiting_.begin(), waiting_.end() - static_cast<std::ptrdiff_t>(most));
+  const size_t most = up_ ? kKeptWhileUp : kKeptWhileDown;
+  while (waiting_.size() > most) {
+    waiting_.pop_front();
   }
 }
 
 void NotificationQueue::Push(Notification notification) {
+  Notifications added;
+  added.push_back({std::move(notification)});
   std::lock_guard lock(mutex_);
-  waiting_.push_back(std::move(notification));
+  waiting_.splice(waiting_.end(), added);
   Trim();
 }
 
-void NotificationQueue::PutBack(std::vector<Notification> notifications) {
+void NotificationQueue::PutBack(Notifications notifications) {
   std::lock_guard lock(mutex_);
-  waiting_.insert(waiting_.begin(), std::make_move_iterator(notifications.begin()),
-                  std::make_move_iterator(notifications.end()));
+  waiting_.splice(waiting_.begin(), notifications);
   Trim();
 }
 
-std::optional<Notification> NotificationQueue::Pop() {
+Notifications NotificationQueue::Pop() {
   std::lock_guard lock(mutex_);
-  if (waiting_.empty()) {
-    return std::nullopt;
+  Notifications first;
+  if (!waiting_.empty()) {
+    first.splice(first.end(), waiting_, waiting_.begin());
   }
-  std::optional<Notification> first = std::move(waiting_.front());
-  waiting_.pop_front();
   return first;
 }
 
@@ -90,20 +118,22 @@ size_t NotificationQueue::Size() const {
 }
 
 void NotificationSender::Send(AgentxSession *session) {
+  next_try_ = Clock::time_point::max();
   while (session->Open() && unanswered_.size() < kMostUnanswered) {
-    std::optional<Notification> notification = queue_->Pop();
-    if (!notification) {
+    Notifications taken = queue_->Pop();
+    if (taken.empty()) {
       return;
     }
-    netsnmp_pdu *pdu = Build(*session, *notification);
-    uint64_t number = next_++;
-    unanswered_.emplace_back(number, std::move(*notification));
-    bool sent = session->Send(pdu, [this, number](const netsnmp_pdu *response) {
+    netsnmp_pdu *pdu = Build(*session, taken.front().notification);
+    const uint64_t number = next_++;
+    taken.front().sent = number;
+    unanswered_.splice(unanswered_.end(), taken);
+    const bool sent = session->Send(pdu, [this, number](const netsnmp_pdu *response) {
       if (response == nullptr) {
         return;  // the session is gone: SessionLost() follows
       }
       auto place = std::find_if(unanswered_.begin(), unanswered_.end(),
-                                [number](const auto &entry) { return entry.first == number; });
+                                [number](const auto &entry) { return entry.sent == number; });
       if (place != unanswered_.end() && response->errstat != kAgentxNotOpen) {
         unanswered_.erase(place);
       }
@@ -114,24 +144,27 @@ void NotificationSender::Send(AgentxSession *session) {
       }
       refused_ = refused;
     });
-    if (!sent) {
-      // What a breaking session does not take goes back when its end is seen; what cannot be sent
-      // at all (it does not fit into a packet) is dropped.
-      if (session->Broken()) {
-        return;
-      }
-      unanswered_.pop_back();
+    if (sent) {
+      continue;
+    }
+    // What a breaking session does not take goes back when its end is seen; what does not fit into
+    // a packet is dropped; what there was no memory for waits.
+    if (session->Broken()) {
+      return;
+    }
+    Notifications unsent;
+    unsent.splice(unsent.end(), unanswered_, std::prev(unanswered_.end()));
+    if (!session->TooLong()) {
+      queue_->PutBack(std::move(unsent));
+      next_try_ = Clock::now() + kTryAgainAfter;
+      return;
     }
   }
 }
 
 void NotificationSender::SessionLost() {
-  std::vector<Notification> back;
-  for (auto &[number, notification] : unanswered_) {
-    back.push_back(std::move(notification));
-  }
+  queue_->PutBack(std::move(unanswered_));
   unanswered_.clear();
-  queue_->PutBack(std::move(back));
 }
 
 }  // namespace vex

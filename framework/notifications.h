@@ -3,17 +3,24 @@
 #define VEX_FRAMEWORK_NOTIFICATIONS_H
 
 #include <cstddef>
-#include <deque>
+#include <chrono>
+#include <cstdint>
+#include <list>
 #include <mutex>
-#include <optional>
-#include <utility>
-#include <vector>
 
 #include "framework/snmp_side.h"
 
 namespace vex {
 
 class AgentxSession;
+
+// Each is allocated once, when it is raised, and from then on moved from list to list, so that want
+// of memory delays a notification and never loses one.
+struct WaitingNotification {
+  Notification notification;
+  uint64_t sent = 0;  // number of the sending
+};
+using Notifications = std::list<WaitingNotification>;
 
 // What waits to be sent, oldest first. Any thread.
 class NotificationQueue {
@@ -22,11 +29,12 @@ class NotificationQueue {
   static constexpr size_t kKeptWhileDown = 256;
   static constexpr size_t kKeptWhileUp = 16384;
 
-  // Beyond the bound the oldest goes.
+  // Beyond the bound the oldest goes. Throws std::bad_alloc.
   void Push(Notification notification);
   // Puts back, before all others and in their order, what was sent without an answer.
-  void PutBack(std::vector<Notification> notifications);
-  std::optional<Notification> Pop();
+  void PutBack(Notifications notifications);
+  // The oldest one; empty when there is none.
+  Notifications Pop();
   void SetUp(bool up);
   size_t Size() const;
 
@@ -34,28 +42,31 @@ class NotificationQueue {
   void Trim();
 
   mutable std::mutex mutex_;
-  std::deque<Notification> waiting_;
+  Notifications waiting_;
   bool up_ = false;
 };
 
 // The SNMP thread's half: what is with the master and not yet acknowledged.
 class NotificationSender {
  public:
+  using Clock = std::chrono::steady_clock;
   // A thousand in one go fill both directions of the socket and stop both processes for good.
   static constexpr size_t kMostUnanswered = 16;
 
   explicit NotificationSender(NotificationQueue *queue) : queue_(queue) {}
-  // Sends what is waiting, as far as the bound allows.
+  // Sends what is waiting, as far as the bound allows. Throws nothing.
   void Send(AgentxSession *session);
+  // When Send() is to be called at the latest: what there was no memory for is tried again.
+  Clock::time_point NextDue() const {
+    return next_try_;
+  }
   // The session is gone: what it had not answered goes back to the queue.
   void SessionLost();
-  size_t Unanswered() const {
-    return unanswered_.size();
-  }
 
  private:
   NotificationQueue *queue_;
-  std::deque<std::pair<uint64_t, Notification>> unanswered_;  // in the order of sending
+  Notifications unanswered_;  // in the order of sending
+  Clock::time_point next_try_ = Clock::time_point::max();
   uint64_t next_ = 1;
   bool refused_ = false;  // the last answer was an error; said once
 };

@@ -2,6 +2,7 @@
 #include "framework/objects.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +19,7 @@
 #include "framework/guard.h"
 #include "framework/image.h"
 #include "framework/log.h"
+#include "framework/registry_dir.h"
 #include "framework/registry_file.h"
 #include "framework/snmp_side.h"
 
@@ -44,8 +46,17 @@ struct Object {
   ObjectFileWriter writer;
   bool layout_changed = true;
   std::shared_ptr<const Layout> layout;
-  std::shared_ptr<const Image> served;  // what managers read; null before the first log_data()
-  std::vector<uint16_t> lengths;        // by slot, as of the last log_data()
+  std::shared_ptr<const Image> served;  // what is published; null before the first log_data()
+  std::vector<uint16_t> lengths;        // by slot, of what is published
+
+  // What is still to be done, so that a failure anywhere leaves it to be done later.
+  bool unpublished = false;  // log_data() could not make the image
+  bool unserved = false;     // the image has not gone to the SNMP side
+  bool stale = false;        // the file is not what is published
+  // Of a deleted object.
+  bool withdrawn = true;
+  bool removed = true;
+  Object *next_deleted = nullptr;
 };
 
 struct Registry {
@@ -53,15 +64,24 @@ struct Registry {
   uint64_t last_id = 0;
   std::unordered_map<const registry_object *, std::unique_ptr<Object>> objects;
   std::unordered_map<std::string_view, Object *> by_name;  // views of Object::relative
-  std::unordered_map<uint64_t, Object *> by_id;
+  std::map<uint64_t, Object *> by_id;
   std::map<const descriptor *, Object *> by_variables;  // by the first descriptor
   std::set<std::string> names;                          // of variables; shared by all rows
 
-  // Published states whose file could not be written, and files that could not be unlinked.
-  std::unordered_map<Object *, std::shared_ptr<const Image>> unwritten;
-  std::map<std::string, ObjectFileWriter> undeleted;
-  bool reported = false;
+  // Objects that are gone but for their file or what managers see; owned, newest first.
+  Object *deleted = nullptr;
+  size_t stale = 0;          // objects
+  size_t unpublished = 0;    // or not served
+  bool root_failed = false;  // at the last look
+  bool files_reported = false;
+  bool memory_reported = false;
+  bool loss_reported = false;
+  uint64_t read_back = 0;  // the object whose file's content was compared last
 };
+
+// Files whose content is compared at each look, one after the other: what a look at the change time
+// does not show. All of a usual host's.
+constexpr int kReadBack = 32;
 
 Registry &TheRegistry() {
   // Never destroyed: the SNMP thread and exit handlers may outlive static objects.
@@ -164,66 +184,298 @@ std::shared_ptr<const Image> MakeImage(const Object &object) {
   return image;
 }
 
-void Serve(Object &object, std::shared_ptr<const Image> image) {
-  object.served = image;
-  if (!object.layout->variables.empty()) {
-    SnmpPublish(std::move(image));
-  }
+void MarkStale(Object &object, bool stale) {
+  TheRegistry().stale += static_cast<size_t>(stale) - static_cast<size_t>(object.stale);
+  object.stale = stale;
+}
+
+// Each is cleared when all of it is done.
+void MarkUnpublished(Object &object, bool unpublished, bool unserved) {
+  const auto waits = [&] { return static_cast<size_t>(object.unpublished || object.unserved); };
+  TheRegistry().unpublished -= waits();
+  object.unpublished = unpublished;
+  object.unserved = unserved;
+  TheRegistry().unpublished += waits();
 }
 
 // One line when files begin to fail, one when none is left over.
-void Report(const std::string &relative, int error) {
+void ReportFiles(const std::string &relative, const char *problem) {
   Registry &r = TheRegistry();
-  const bool failing = !r.unwritten.empty() || !r.undeleted.empty();
-  if (failing == r.reported) {
+  bool failing = r.stale != 0 || r.root_failed;
+  for (const Object *object = r.deleted; object != nullptr; object = object->next_deleted) {
+    failing = failing || !object->removed;
+  }
+  if (failing == r.files_reported) {
     return;
   }
-  r.reported = failing;
+  r.files_reported = failing;
   if (failing) {
     agentlog_fprintf(stderr,
                      "%s: Can't write registry file %s/%s: %s (values are served; trying again)\n",
-                     AgentName(), r.root.c_str(), relative.c_str(), strerror(error));
+                     AgentName(), r.root.c_str(), relative.c_str(), problem);
   } else {
     agentlog_fprintf(stderr, "%s: Registry files are written again\n", AgentName());
   }
 }
 
-void WriteFile(Object &object, std::shared_ptr<const Image> image) {
+// The same for values that do not even reach managers.
+void ReportMemory(const char *name) {
   Registry &r = TheRegistry();
-  if (object.writer.Publish(image->data.data(), object.lengths.data()) != 0) {
-    const int error = errno;
-    r.unwritten[&object] = std::move(image);
-    Report(object.relative, error);
+  const bool failing = r.unpublished != 0;
+  if (failing == r.memory_reported) {
     return;
   }
-  if (!r.unwritten.empty() || !r.undeleted.empty()) {
-    r.unwritten.erase(&object);
-    r.undeleted.erase(object.relative);  // the old file of that name has been replaced
-    Report(object.relative, 0);
+  r.memory_reported = failing;
+  if (failing) {
+    agentlog_fprintf(stderr, "%s: Can't publish %s: %s (trying again after the poll)\n",
+                     AgentName(), name, strerror(ENOMEM));
+  } else {
+    agentlog_fprintf(stderr, "%s: All objects are published again\n", AgentName());
   }
 }
 
+// Hands what is published to the SNMP side.
+void Serve(Object &object) {
+  if (!object.layout->variables.empty()) {
+    SnmpPublish(object.served);
+  }
+  MarkUnpublished(object, object.unpublished, false);
+}
+
+// Writes what is published to the file. False when it cannot be written now, with errno.
+bool WriteFile(Object &object) {
+  if (object.writer.Publish(object.served->data.data(), object.lengths.data()) != 0) {
+    MarkStale(object, true);
+    return false;
+  }
+  MarkStale(object, false);
+  return true;
+}
+
+// From now on this is what is published; whatever fails after it is done later.
+void Publish(Object &object, std::shared_ptr<const Image> image) {
+  object.served = std::move(image);
+  MarkUnpublished(object, object.unpublished, true);
+  MarkStale(object, true);
+  Serve(object);
+  if (!WriteFile(object)) {
+    ReportFiles(object.relative, strerror(errno));
+  } else if (TheRegistry().files_reported) {
+    ReportFiles(object.relative, "");
+  }
+}
+
+// Publishes the data block as it is.
+void PublishBlock(Object &object) {
+  MarkUnpublished(object, true, object.unserved);
+  if (object.layout_changed) {
+    BuildLayout(object);
+  }
+  for (size_t slot = 0; slot < object.lengths.size(); slot++) {
+    object.lengths[slot] = LengthOf(object.variables[slot]);
+  }
+  std::shared_ptr<const Image> image = MakeImage(object);
+  MarkUnpublished(object, false, object.unserved);
+  Publish(object, std::move(image));
+}
+
+// Nothing of the object is found any more. Does not release it.
+void Forget(Object &object) {
+  Registry &r = TheRegistry();
+  const auto named = r.by_name.find(object.relative);
+  if (named != r.by_name.end() && named->second == &object) {
+    r.by_name.erase(named);
+  }
+  r.by_id.erase(object.id);
+  if (!object.variables.empty()) {
+    r.by_variables.erase(object.variables.data());
+  }
+  r.objects.erase(&object.face);
+}
+
+// What is left to do of a deletion. True when nothing is; otherwise *error is why.
+bool FinishDeletion(Object &object, int *error) noexcept {
+  if (!object.withdrawn) {
+    object.withdrawn = Guarded(false, [&] {
+      SnmpWithdraw(object.id);
+      return true;
+    });
+    *error = ENOMEM;
+  }
+  if (!object.removed) {
+    object.removed = Guarded(-1, [&] { return object.writer.Remove(); }) == 0;
+    *error = object.removed ? *error : errno;
+  }
+  return object.withdrawn && object.removed;
+}
+
+// Takes no memory of its own: a deletion always succeeds, and what it cannot do now is done later.
 void Delete(Object *object) {
   Registry &r = TheRegistry();
   if (object->member_of != nullptr) {
     keyremove_Q(object->member_of, &object->face, ById);
   }
-  if (object->served != nullptr) {
-    SnmpWithdraw(object->id);
-    if (object->writer.Remove() != 0) {
-      const int error = errno;
-      r.undeleted.insert_or_assign(object->relative, std::move(object->writer));
-      Report(object->relative, error);
+  MarkStale(*object, false);
+  MarkUnpublished(*object, false, false);
+  std::unique_ptr<Object> owned;
+  owned.swap(r.objects.find(&object->face)->second);
+  Forget(*object);
+  object->withdrawn = object->removed = object->served == nullptr;
+  int error = 0;
+  if (FinishDeletion(*object, &error)) {
+    return;
+  }
+  object->next_deleted = r.deleted;
+  r.deleted = owned.release();
+  ReportFiles(object->relative, strerror(error));
+}
+
+void FinishDeletions() {
+  for (Object **place = &TheRegistry().deleted; *place != nullptr;) {
+    int error = 0;
+    Object *object = *place;
+    if (FinishDeletion(*object, &error)) {
+      *place = object->next_deleted;
+      delete object;
+    } else {
+      place = &object->next_deleted;
     }
   }
-  r.unwritten.erase(object);
-  r.by_name.erase(object->relative);
-  r.by_id.erase(object->id);
-  if (!object->variables.empty()) {
-    r.by_variables.erase(object->variables.data());
+}
+
+// ---- Making good
+
+// Objects whose publication failed for want of memory.
+void PublishAgain() {
+  Registry &r = TheRegistry();
+  if (r.unpublished == 0) {
+    return;
   }
-  const registry_object *face = &object->face;
-  r.objects.erase(face);
+  for (const auto &[id, object] : r.by_id) {
+    Guarded(0, [&object = *object] {
+      if (object.unpublished) {
+        PublishBlock(object);
+      } else if (object.unserved) {
+        Serve(object);
+      }
+      return 0;
+    });
+  }
+  ReportMemory("");
+}
+
+// The directory that one object after the other lies in, mostly the same one.
+class DirectoryOf {
+ public:
+  // A descriptor, or -1 with errno.
+  int Open(std::string_view path) {
+    if (!fd_ || path != path_) {
+      path_ = path;
+      fd_.Reset(OpenBeneath(RootOf(TheRegistry().root).Get(), path_, O_PATH | O_DIRECTORY));
+    }
+    return fd_.get();
+  }
+
+ private:
+  std::string path_;
+  Descriptor fd_;
+};
+
+FileState CheckFile(Object &object, DirectoryOf &directories, bool read_back) {
+  const int directory = directories.Open(object.writer.Directory());
+  if (directory < 0) {
+    return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? FileState::kLost
+                                                                 : FileState::kUnknown;
+  }
+  return object.writer.Check(directory, read_back);
+}
+
+// The objects whose content is compared this time.
+class ReadBackTurn {
+ public:
+  ReadBackTurn() {
+    Registry &r = TheRegistry();
+    first_ = r.by_id.upper_bound(r.read_back) == r.by_id.end() ? 0 : r.read_back;
+  }
+  bool Takes(uint64_t id) {
+    if (id <= first_ || taken_ == kReadBack) {
+      return false;
+    }
+    taken_++;
+    TheRegistry().read_back = id;
+    return true;
+  }
+
+ private:
+  uint64_t first_;
+  int taken_ = 0;
+};
+
+// Writes the files again that are not what is published.
+void WriteAgain(bool renewed) {
+  Registry &r = TheRegistry();
+  DirectoryOf directories;
+  ReadBackTurn turn;
+  size_t lost = 0;
+  const Object *first_lost = nullptr;
+  const Object *failed = nullptr;
+  int error = 0;
+  for (const auto &[id, object] : r.by_id) {
+    if (object->served == nullptr || object->unpublished) {
+      continue;
+    }
+    if (!object->stale) {
+      if (CheckFile(*object, directories, turn.Takes(id)) != FileState::kLost) {
+        continue;
+      }
+      lost++;
+      first_lost = first_lost == nullptr ? object : first_lost;
+    }
+    if (!WriteFile(*object) && failed == nullptr) {
+      failed = object;
+      error = errno;
+    }
+  }
+  if (lost != 0 && !renewed && !r.loss_reported) {
+    agentlog_fprintf(stderr,
+                     "%s: Registry files that were missing or damaged are written again: %zu, %s "
+                     "first\n",
+                     AgentName(), lost, first_lost->path.c_str());
+  }
+  r.loss_reported = lost != 0 && !renewed;
+  if (failed != nullptr || r.stale == 0) {
+    ReportFiles(failed != nullptr ? failed->relative : "", strerror(error));
+  }
+}
+
+void MakeGood() {
+  Registry &r = TheRegistry();
+  PublishAgain();
+  FinishDeletions();
+  const bool published = std::any_of(r.by_id.begin(), r.by_id.end(), [](const auto &entry) {
+    return entry.second->served != nullptr;
+  });
+  if (!published) {
+    // The directories may go, too: nothing makes them again.
+    r.root_failed = false;
+    ReportFiles("", "");
+    return;
+  }
+  const bool known = RootOf(r.root).IsOpen();
+  std::string problem;
+  const RootState state = KeepRoot(&problem);
+  r.root_failed = state == RootState::kFailed;
+  if (r.root_failed) {
+    ReportFiles("", problem.c_str());
+    return;
+  }
+  if (state == RootState::kRenewed && known) {
+    agentlog_fprintf(stderr,
+                     "%s: The registry was moved, removed or covered: its files are written anew "
+                     "to %s\n",
+                     AgentName(), r.root.c_str());
+  }
+  WriteAgain(state == RootState::kRenewed);
 }
 
 }  // namespace
@@ -234,6 +486,7 @@ const std::string &RegistryRootPath() {
 
 void UseRegistryRoot(std::string root) {
   TheRegistry().root = std::move(root);
+  ForgetClaim();
 }
 
 bool IsLive(const registry_object *object) {
@@ -248,23 +501,10 @@ size_t CurrentLength(const descriptor &d) {
 }
 
 void RetryFiles() {
-  Registry &r = TheRegistry();
-  if (r.unwritten.empty() && r.undeleted.empty()) {
-    return;
-  }
-  for (auto it = r.undeleted.begin(); it != r.undeleted.end();) {
-    // Not the file of an object that was published under this name since.
-    const auto live = r.by_name.find(it->first);
-    const bool taken = live != r.by_name.end() && live->second->served != nullptr;
-    it = taken || it->second.Remove() == 0 ? r.undeleted.erase(it) : std::next(it);
-  }
-  for (auto it = r.unwritten.begin(); it != r.unwritten.end();) {
-    Object &object = *it->first;
-    it = object.writer.Publish(it->second->data.data(), object.lengths.data()) == 0
-             ? r.unwritten.erase(it)
-             : std::next(it);
-  }
-  Report("", 0);
+  Guarded(0, [] {
+    MakeGood();
+    return 0;
+  });
 }
 
 int RunSet(uint8_t phase, SetItem &item) {
@@ -278,10 +518,16 @@ int RunSet(uint8_t phase, SetItem &item) {
     if (item.slot < 0 || static_cast<size_t>(item.slot) >= object->variables.size()) {
       return -1;
     }
-    descriptor &d = object->variables[static_cast<size_t>(item.slot)];
+    const auto slot = static_cast<size_t>(item.slot);
+    descriptor &d = object->variables[slot];
     if (d.type == 0 || d.access != ACCESS_WRITABLE || item.length < 0 ||
         item.value.size() < static_cast<size_t>(item.length)) {
       return -1;
+    }
+    // Had before anything is applied: what is applied is told.
+    std::shared_ptr<Image> image;
+    if (phase != SET_CHECK) {
+      image = std::make_shared<Image>(*object->served);
     }
     if (d.set_handler != nullptr) {
       if (d.set_handler(phase, &object->face, &d, item.value.data(), item.length) != 0) {
@@ -302,20 +548,33 @@ int RunSet(uint8_t phase, SetItem &item) {
         }
       }
     }
-    const auto still = r.by_id.find(item.object_id);
-    if (phase == SET_CHECK || still == r.by_id.end()) {
+    if (phase == SET_CHECK || !r.by_id.contains(item.object_id)) {
       return 0;
     }
-    // Managers read what the handler accepted; all other variables stay as they were published.
+    // Managers and siblings read what was accepted; all other variables stay as they were
+    // published.
     const std::vector<ServedVariable> &variables = object->served->layout->variables;
     for (size_t i = 0; i < variables.size(); i++) {
       const ServedVariable &v = variables[i];
-      if (v.slot == item.slot) {
-        auto image = std::make_shared<Image>(*object->served);
-        std::copy_n(object->data.begin() + v.offset, v.size, image->data.begin() + v.offset);
-        image->octet_lengths[i] = LengthOf(d);
-        Serve(*object, std::move(image));
+      if (v.slot != item.slot) {
+        continue;
       }
+      const unsigned char *value = object->data.data() + v.offset;
+      if (object->served->octet_lengths[i] == LengthOf(d) &&
+          memcmp(&object->served->data[v.offset], value, static_cast<size_t>(v.size)) == 0) {
+        break;  // as it was, or the handler has published it
+      }
+      *image = *object->served;  // the handler may have published others
+      std::copy_n(value, v.size, image->data.begin() + v.offset);
+      image->octet_lengths[i] = LengthOf(d);
+      object->lengths[slot] = LengthOf(d);
+      // It is applied: what fails from here on is done after the poll.
+      Guarded(0, [&] {
+        Publish(*object, std::move(image));
+        return 0;
+      });
+      ReportMemory(object->path.c_str());
+      break;
     }
     return 0;
   });
@@ -359,11 +618,17 @@ registry_object *create_obj(queue *registry, int /*owner*/, const char *name, in
     face.data = data_size == 0 ? nullptr : object->data.data();
     face.framework = object.get();
     Object *made = object.get();
-    r.objects.emplace(&made->face, std::move(object));
-    r.by_name.emplace(made->relative, made);
-    r.by_id.emplace(made->id, made);
-    if (var_count != 0) {
-      r.by_variables.emplace(made->variables.data(), made);
+    try {
+      std::unique_ptr<Object> &owner = r.objects[&made->face];
+      r.by_name.emplace(made->relative, made);
+      r.by_id.emplace(made->id, made);
+      if (var_count != 0) {
+        r.by_variables.emplace(made->variables.data(), made);
+      }
+      owner = std::move(object);
+    } catch (...) {
+      Forget(*made);
+      throw;
     }
     if (registry != nullptr) {
       if (ordinsert_Q(registry, &made->face, ById) == 0) {
@@ -402,7 +667,9 @@ int init_info(int slot, descriptor *desc, const char *name, int size, int type, 
         object.data.size() - (at - block) < static_cast<size_t>(size)) {
       return -1;
     }
-    desc->name = r.names.insert(name).first->c_str();
+    // The MIB's own copy takes no memory: a variable that was not defined would be lost for good.
+    const MibVariable *mib = FindMibVariable(name);
+    desc->name = mib != nullptr ? mib->name : r.names.insert(name).first->c_str();
     desc->size = size;
     desc->type = type;
     desc->access = access == ACCESS_WRITABLE ? ACCESS_WRITABLE : ACCESS_READ_ONLY;
@@ -415,22 +682,19 @@ int init_info(int slot, descriptor *desc, const char *name, int size, int type, 
 }
 
 int log_data(registry_object *face) {
-  return Guarded(-1, [&] {
-    Object *object = FindLive(face);
-    if (object == nullptr) {
-      return -1;
-    }
-    if (object->layout_changed) {
-      BuildLayout(*object);
-    }
-    for (size_t slot = 0; slot < object->lengths.size(); slot++) {
-      object->lengths[slot] = LengthOf(object->variables[slot]);
-    }
-    std::shared_ptr<const Image> image = MakeImage(*object);
-    Serve(*object, image);
-    WriteFile(*object, std::move(image));
-    return 0;
-  });
+  Object *object = FindLive(face);
+  if (object == nullptr) {
+    return -1;
+  }
+  if (Guarded(-1,
+              [&] {
+                PublishBlock(*object);
+                return 0;
+              }) != 0 ||
+      TheRegistry().memory_reported) {
+    ReportMemory(object->path.c_str());
+  }
+  return 0;
 }
 
 registry_object *find_obj(queue * /*registry*/, int /*zero*/, const char *name) {

@@ -62,8 +62,52 @@ int OpenBeneathByWalk(int root, const std::string &path, int flags, mode_t mode 
 int OpenRegistryRoot(const std::string &root, bool create);
 
 // Makes the directories of `path` below root that are missing, mode 0755 whatever the umask is;
-// with parents false only the last one. 0 (also when all exist) or -1 with errno.
+// with parents false only the last one. Those that exist and are this user's get what they lack of
+// that mode: whoever made them may have died before. 0 (also when all exist) or -1 with errno.
 int MakeDirectories(int root, const std::string &path, bool parents = true);
+
+// Gives a directory (O_PATH will do) that is this user's what it lacks of mode 0755: siblings read
+// here. 0 (also when it is another's) or -1 with errno.
+int GiveDirectoryMode(int directory);
+
+// Whether the directory has no entries; false also when that cannot be told. Takes over the
+// descriptor (-1 is none).
+bool IsEmptyDirectory(int directory);
+
+// Which directory it is, whatever its path.
+struct DirectoryId {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const DirectoryId &) const = default;
+};
+std::optional<DirectoryId> IdOf(int directory);
+
+// A registry's root as all writers of this process have it: opened once, so that ten thousand of
+// them need one descriptor, and kept until somebody finds that its path leads elsewhere now. One
+// thread a process.
+class HeldRoot {
+ public:
+  explicit HeldRoot(std::string path) : path_(std::move(path)) {}
+  const std::string &path() const {
+    return path_;
+  }
+  // Opened, and made with what is missing above it, when it is not held yet. -1 with errno.
+  int Get();
+  void Hold(Descriptor root) {
+    fd_ = std::move(root);
+  }
+  bool IsOpen() const {
+    return static_cast<bool>(fd_);
+  }
+  // Whether this is the directory that is held.
+  bool IsHeld(int root) const;
+
+ private:
+  std::string path_;
+  Descriptor fd_;
+};
+// The root of that path; lives as long as the process.
+HeldRoot &RootOf(const std::string &path);
 
 // "host/cpu.0" is "host" and "cpu.0"; the parent of "x" is "".
 std::pair<std::string, std::string> SplitPath(const std::string &path);

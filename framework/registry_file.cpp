@@ -3,7 +3,9 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/openat2.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -142,12 +144,16 @@ FileObject TakeSlot(const std::vector<uint8_t> &file, Head &&head, size_t offset
   return object;
 }
 
-// The whole of a regular file of a sensible size; nothing otherwise.
+// The whole of a regular file of a sensible size; nothing otherwise, with errno when it could not
+// be looked at and 0 when it is none.
 std::optional<std::vector<uint8_t>> ReadWhole(int root, const std::string &relative) {
   Descriptor fd(OpenBeneath(root, relative, O_RDONLY | O_NONBLOCK | O_NOCTTY));
   struct stat st;
-  if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
-      static_cast<size_t>(st.st_size) > kMaxFile) {
+  if (!fd || fstat(fd.get(), &st) != 0) {
+    return std::nullopt;
+  }
+  if (!S_ISREG(st.st_mode) || st.st_size < 0 || static_cast<size_t>(st.st_size) > kMaxFile) {
+    errno = 0;
     return std::nullopt;
   }
   std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
@@ -157,7 +163,10 @@ std::optional<std::vector<uint8_t>> ReadWhole(int root, const std::string &relat
     if (n < 0 && errno == EINTR) {
       continue;
     }
-    if (n <= 0) {
+    if (n < 0) {
+      return std::nullopt;
+    }
+    if (n == 0) {
       break;
     }
     got += static_cast<size_t>(n);
@@ -249,16 +258,6 @@ void ListDirectory(int parent, const char *name, const std::string &prefix, int 
   closedir(dir);
 }
 
-// The roots that this thread writes to, each opened once: ten thousand writers need one descriptor.
-int CachedRoot(const std::string &root, bool renew) {
-  thread_local std::map<std::string, Descriptor> roots;
-  Descriptor &fd = roots[root];
-  if (!fd || renew) {
-    fd.Reset(OpenRegistryRoot(root, true));
-  }
-  return fd.get();
-}
-
 }  // namespace
 
 // ---- Directories ---------------------------------------------------------------------------
@@ -315,30 +314,34 @@ int OpenBeneath(int root, const std::string &path, int flags, mode_t mode) {
   return OpenBeneathByWalk(root, path, flags, mode);
 }
 
+int GiveDirectoryMode(int directory) {
+  constexpr mode_t kMode = 0755;
+  struct stat st;
+  if (fstat(directory, &st) != 0) {
+    return -1;
+  }
+  if (st.st_uid != geteuid() || (st.st_mode & kMode) == kMode) {
+    return 0;
+  }
+  // fchmod(2) takes no O_PATH descriptor, and the directory may be one that its owner cannot open.
+  char link[32];
+  snprintf(link, sizeof(link), "/proc/self/fd/%d", directory);
+  return chmod(link, (st.st_mode & 07777) | kMode);
+}
+
 int MakeDirectories(int root, const std::string &path, bool parents) {
   size_t slash = parents ? path.find('/') : std::string::npos;
   for (;;) {
     const auto [parent, leaf] = SplitPath(path.substr(0, slash));
     Descriptor at(OpenBeneath(root, parent, O_PATH | O_DIRECTORY));
-    if (!at) {
+    if (!at || (mkdirat(at.get(), leaf.c_str(), 0755) != 0 && errno != EEXIST)) {
       return -1;
     }
-    if (mkdirat(at.get(), leaf.c_str(), 0755) == 0) {
-      // Whatever the umask: siblings read here.
-      if (fchmodat(at.get(), leaf.c_str(), 0755, 0) != 0) {
-        return -1;
-      }
-    } else if (errno != EEXIST) {
+    // Whatever the umask, and whoever died between the two steps: siblings read here.
+    const Descriptor made(
+        openat(at.get(), leaf.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!made || GiveDirectoryMode(made.get()) != 0) {
       return -1;
-    } else {
-      struct stat st;
-      if (fstatat(at.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        return -1;
-      }
-      if (!S_ISDIR(st.st_mode)) {
-        errno = ENOTDIR;
-        return -1;
-      }
     }
     if (slash == std::string::npos) {
       return 0;
@@ -347,19 +350,37 @@ int MakeDirectories(int root, const std::string &path, bool parents) {
   }
 }
 
+bool IsEmptyDirectory(int directory) {
+  Descriptor fd(directory);
+  DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
+  if (dir == nullptr) {
+    return false;
+  }
+  fd.Release();
+  bool empty = true;
+  errno = 0;
+  while (const dirent *entry = readdir(dir)) {
+    empty = empty && (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0);
+  }
+  empty = empty && errno == 0;
+  closedir(dir);
+  return empty;
+}
+
 namespace {
 
+int OpenWay(const std::string &path, int from, bool create, int links);
+
 // One step on the way to the root: a directory, or a link to one that the administrator or this
-// user has made. Who may write to a directory above the registry must not lead us elsewhere.
-int OpenStep(int parent, const std::string &name, bool create) {
+// user has made. Who may write to a directory above the registry must not lead us elsewhere: a link
+// is followed as it was looked at, not by its name, which may be another link's by now.
+int OpenStep(int parent, const std::string &name, bool create, bool last, int links) {
   constexpr int kFlags = O_PATH | O_CLOEXEC;
   int fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
+  bool made = false;
   if (fd < 0 && errno == ENOENT && create) {
-    if (mkdirat(parent, name.c_str(), 0755) == 0) {
-      if (fchmodat(parent, name.c_str(), 0755, 0) != 0) {
-        return -1;
-      }
-    } else if (errno != EEXIST) {
+    made = mkdirat(parent, name.c_str(), 0755) == 0;
+    if (!made && errno != EEXIST) {
       return -1;
     }
     fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
@@ -370,31 +391,79 @@ int OpenStep(int parent, const std::string &name, bool create) {
     return -1;
   }
   if (S_ISLNK(st.st_mode)) {
-    if (!IsTrustedLink(st)) {
+    if (!IsTrustedLink(st) || links == 0) {
       errno = ELOOP;
       return -1;
     }
-    return openat(parent, name.c_str(), kFlags | O_DIRECTORY);
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(step.get(), "", target, sizeof(target));
+    if (length < 0) {
+      return -1;
+    }
+    return OpenWay({target, static_cast<size_t>(length)}, parent, false, links - 1);
   }
   if (!S_ISDIR(st.st_mode)) {
     errno = ENOTDIR;
     return -1;
   }
+  // Who made it may have died before it had its mode: it is then empty. What has something in it is
+  // as the administrator wants it, unless it is the registry itself.
+  if (create && (st.st_mode & 0755) != 0755 &&
+      (made || last ||
+       IsEmptyDirectory(
+           openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))) &&
+      GiveDirectoryMode(step.get()) != 0) {
+    return -1;
+  }
   return step.Release();
+}
+
+// Opens the directory (O_PATH); a relative path begins at the directory `from`. -1 with errno.
+int OpenWay(const std::string &path, int from, bool create, int links) {
+  Descriptor at(openat(from, path.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  for (size_t begin = 0; at && begin < path.size();) {
+    const size_t end = std::min(path.find('/', begin), path.size());
+    if (end > begin) {
+      const bool last = path.find_first_not_of('/', end) == std::string::npos;
+      at.Reset(OpenStep(at.get(), path.substr(begin, end - begin), create, last, links));
+    }
+    begin = end + 1;
+  }
+  return at.Release();
 }
 
 }  // namespace
 
 int OpenRegistryRoot(const std::string &root, bool create) {
-  Descriptor at(open(root.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  for (size_t begin = 0; at && begin < root.size();) {
-    const size_t end = std::min(root.find('/', begin), root.size());
-    if (end > begin) {
-      at.Reset(OpenStep(at.get(), root.substr(begin, end - begin), create));
-    }
-    begin = end + 1;
+  constexpr int kMostLinks = 40;  // as the kernel's
+  return OpenWay(root, AT_FDCWD, create, kMostLinks);
+}
+
+std::optional<DirectoryId> IdOf(int directory) {
+  struct stat st;
+  if (fstat(directory, &st) != 0) {
+    return std::nullopt;
   }
-  return at.Release();
+  return DirectoryId{st.st_dev, st.st_ino};
+}
+
+int HeldRoot::Get() {
+  if (!fd_) {
+    fd_.Reset(OpenRegistryRoot(path_, true));
+  }
+  return fd_.get();
+}
+
+bool HeldRoot::IsHeld(int root) const {
+  const auto held = fd_ ? IdOf(fd_.get()) : std::nullopt;
+  return held && held == IdOf(root);
+}
+
+HeldRoot &RootOf(const std::string &path) {
+  // Never destroyed: exit handlers may still write. Not of the thread's own storage, whose
+  // destructors are registered with an allocation that ends the process when it fails.
+  static auto *roots = new std::map<std::string, HeldRoot>;
+  return roots->try_emplace(path, path).first->second;
 }
 
 // ---- Public functions ------------------------------------------------------------------------
@@ -574,8 +643,8 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
   layout->var_count = header.var_count;
   layout->checksum = header.checksum;
 
-  thread_local std::map<uint64_t, std::weak_ptr<const FileLayout>> known;
-  std::weak_ptr<const FileLayout> &entry = known[layout->checksum];
+  static auto *known = new std::map<uint64_t, std::weak_ptr<const FileLayout>>;
+  std::weak_ptr<const FileLayout> &entry = (*known)[layout->checksum];
   if (std::shared_ptr<const FileLayout> same = entry.lock(); same && same->bytes == layout->bytes) {
     return same;
   }
@@ -610,33 +679,51 @@ void EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, cons
   Store(slot, header);
 }
 
-// Which file it is, and that nobody cut it. The time of birth tells a new file that got the inode
-// number of one that was removed.
+// Which file it is, and that nobody cut it or took it from its readers. The time of birth tells a
+// new file that got the inode number of one that was removed.
 struct Identity {
   uint64_t device = 0;
   uint64_t inode = 0;
   uint64_t size = 0;
   int64_t birth_seconds = 0;
   uint32_t birth_ns = 0;
+  uint32_t owner = 0;
+  uint32_t group = 0;
+  uint16_t mode = 0;
   bool operator==(const Identity &) const = default;
 };
 
-int Identify(int fd, Identity *identity) {
+// When anything of it was last changed; zeros: not known.
+struct ChangeTime {
+  int64_t seconds = 0;
+  uint32_t ns = 0;
+  bool operator==(const ChangeTime &) const = default;
+};
+
+// name "": fd itself.
+int Identify(int fd, const char *name, Identity *identity, ChangeTime *changed) {
   struct statx st;
-  if (statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO | STATX_SIZE | STATX_BTIME, &st) != 0) {
+  constexpr unsigned kMask = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO |
+                             STATX_SIZE | STATX_CTIME | STATX_BTIME;
+  if (statx(fd, name, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, kMask, &st) != 0) {
     return -1;
   }
   if (!S_ISREG(st.stx_mode)) {
     errno = EINVAL;
     return -1;
   }
+  *identity = {};
   identity->device = (uint64_t{st.stx_dev_major} << 32) | st.stx_dev_minor;
   identity->inode = st.stx_ino;
   identity->size = st.stx_size;
+  identity->owner = st.stx_uid;
+  identity->group = st.stx_gid;
+  identity->mode = st.stx_mode;
   if ((st.stx_mask & STATX_BTIME) != 0) {
     identity->birth_seconds = st.stx_btime.tv_sec;
     identity->birth_ns = st.stx_btime.tv_nsec;
   }
+  *changed = {st.stx_ctime.tv_sec, st.stx_ctime.tv_nsec};
   return 0;
 }
 
@@ -662,18 +749,36 @@ int WriteAll(int fd, const uint8_t *bytes, size_t size, off_t offset) {
 
 struct ObjectFileWriter::State {
   std::string relative;
-  std::string root;
+  HeldRoot *root;
   std::shared_ptr<const FileLayout> layout;
-  uint64_t sequence = 0;
+  size_t leaf;            // where the last component of relative begins
+  uint64_t sequence = 0;  // of the last attempt to publish
+  uint64_t written = 0;   // of the state that stands in the file
   Identity file;          // of the file that we made; inode 0: none yet
+  ChangeTime changed;     // when we last wrote to it
   uint8_t next_slot = 0;  // the older one
+  bool replace = false;   // the file is not to be written to any more: the next one replaces it
+
+  std::string_view Parent() const {
+    return std::string_view(relative).substr(0, leaf == 0 ? 0 : leaf - 1);
+  }
+  const char *Leaf() const {
+    return relative.c_str() + leaf;
+  }
+  State(std::string object, const std::string &root_path)
+      : relative(std::move(object)),
+        root(&RootOf(root_path)),
+        layout(EncodeLayout({}, 0)),
+        leaf(relative.rfind('/') + 1) {}  // 0 without a slash
 
   int Create(const uint8_t *data, const uint16_t *lengths);
-  int CreateIn(int directory, const std::string &leaf, const std::vector<uint8_t> &bytes);
+  int CreateIn(int directory, const std::vector<uint8_t> &bytes);
+  int WriteSlot(int fd, ChangeTime before, const uint8_t *data, const uint16_t *lengths);
+  FileState ReadBack(int directory);
 };
 
 ObjectFileWriter::ObjectFileWriter(std::string relative, std::string root)
-    : state_(new State{std::move(relative), std::move(root), EncodeLayout({}, 0), 0, {}, 0}) {}
+    : state_(new State(std::move(relative), root)) {}
 
 ObjectFileWriter::~ObjectFileWriter() {
   delete state_;
@@ -687,17 +792,20 @@ ObjectFileWriter &ObjectFileWriter::operator=(ObjectFileWriter &&other) noexcept
   return *this;
 }
 
+std::string_view ObjectFileWriter::Directory() const {
+  return state_->Parent();
+}
+
 void ObjectFileWriter::SetLayout(const std::vector<FileVariable> &variables, uint32_t data_size) {
   std::shared_ptr<const FileLayout> layout = EncodeLayout(variables, data_size);
   if (layout->bytes != state_->layout->bytes) {
-    state_->file = {};
+    state_->replace = true;
   }
   state_->layout = std::move(layout);
 }
 
-int ObjectFileWriter::State::CreateIn(int directory, const std::string &leaf,
-                                      const std::vector<uint8_t> &bytes) {
-  const std::string temporary = "." + leaf + "." + std::to_string(getpid());
+int ObjectFileWriter::State::CreateIn(int directory, const std::vector<uint8_t> &bytes) {
+  const std::string temporary = std::string(".") + Leaf() + "." + std::to_string(getpid());
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   Descriptor fd(openat(directory, temporary.c_str(), kFlags, 0600));
   if (!fd && errno == EEXIST) {
@@ -711,16 +819,23 @@ int ObjectFileWriter::State::CreateIn(int directory, const std::string &leaf,
     return -1;
   }
   Identity made;
+  ChangeTime at;
   if (fchmod(fd.get(), 0644) != 0 || WriteAll(fd.get(), bytes.data(), bytes.size(), 0) != 0 ||
-      Identify(fd.get(), &made) != 0 ||
-      renameat(directory, temporary.c_str(), directory, leaf.c_str()) != 0) {
+      Identify(fd.get(), "", &made, &at) != 0 ||
+      renameat(directory, temporary.c_str(), directory, Leaf()) != 0) {
     const int error = errno;
     unlinkat(directory, temporary.c_str(), 0);
     errno = error;
     return -1;
   }
   file = made;
+  replace = false;
+  written = sequence;
   next_slot = 1;
+  // The renaming is a change, too. When it cannot be told, the next check reads the file.
+  if (Identify(fd.get(), "", &made, &changed) != 0) {
+    changed = {};
+  }
   return 0;
 }
 
@@ -735,59 +850,121 @@ int ObjectFileWriter::State::Create(const uint8_t *data, const uint16_t *lengths
   std::vector<uint8_t> bytes(head + 2 * slot);
   memcpy(bytes.data(), layout->bytes.data(), head);
   EncodeSlot(&bytes[head], *layout, sequence, data, lengths);
-  const auto [parent, leaf] = SplitPath(relative);
-  // The directory, or the whole root, may have been removed since: then both are made again.
-  for (int attempt = 0;; attempt++) {
-    const int root_fd = CachedRoot(root, attempt > 0);
-    if (root_fd < 0) {
-      return -1;
-    }
-    if (parent.empty() || MakeDirectories(root_fd, parent) == 0) {
-      Descriptor directory(OpenBeneath(root_fd, parent, O_PATH | O_DIRECTORY));
-      if (directory && CreateIn(directory.get(), leaf, bytes) == 0) {
-        return 0;
-      }
-    }
-    if (errno != ENOENT || attempt > 0) {
-      return -1;
-    }
+  const int root_fd = root->Get();
+  if (root_fd < 0) {
+    return -1;
   }
+  const std::string parent(Parent());
+  Descriptor directory(OpenBeneath(root_fd, parent, O_PATH | O_DIRECTORY));
+  if (!directory && errno == ENOENT && MakeDirectories(root_fd, parent) == 0) {
+    directory.Reset(OpenBeneath(root_fd, parent, O_PATH | O_DIRECTORY));
+  }
+  return directory ? CreateIn(directory.get(), bytes) : -1;
+}
+
+// before: when the file was last changed, as seen just now.
+int ObjectFileWriter::State::WriteSlot(int fd, ChangeTime before, const uint8_t *data,
+                                       const uint16_t *lengths) {
+  const size_t head = layout->bytes.size();
+  const size_t size = SlotSize(layout->var_count, layout->data_size);
+  static auto *slot = new std::vector<uint8_t>;  // kept from one publication to the next
+  slot->resize(size);
+  EncodeSlot(slot->data(), *layout, sequence, data, lengths);
+  if (WriteAll(fd, slot->data(), size, static_cast<off_t>(head + next_slot * size)) != 0) {
+    changed = {};
+    return -1;  // the other slot stands; this one is the next to be filled again
+  }
+  next_slot ^= 1;
+  written = sequence;
+  Identity same;
+  // Somebody else's change must not pass for ours: then the next check reads the file.
+  if (before != changed || Identify(fd, "", &same, &changed) != 0) {
+    changed = {};
+  }
+  return 0;
 }
 
 int ObjectFileWriter::Publish(const uint8_t *data, const uint16_t *lengths) {
   State &s = *state_;
   s.sequence++;
-  if (s.file.inode != 0) {
-    const int root_fd = CachedRoot(s.root, false);
-    Descriptor fd(OpenBeneath(root_fd, s.relative, O_WRONLY | O_NONBLOCK | O_NOCTTY));
+  if (s.file.inode != 0 && !s.replace) {
+    Descriptor fd(OpenBeneath(s.root->Get(), s.relative, O_WRONLY | O_NONBLOCK | O_NOCTTY));
     if (!fd && (errno == EMFILE || errno == ENFILE || errno == EROFS || errno == EACCES ||
                 errno == EPERM || errno == EIO)) {
       return -1;
     }
     Identity found;
-    if (fd && Identify(fd.get(), &found) == 0 && found == s.file) {
-      const size_t head = s.layout->bytes.size();
-      const size_t size = SlotSize(s.layout->var_count, s.layout->data_size);
-      thread_local std::vector<uint8_t> slot;
-      slot.resize(size);
-      EncodeSlot(slot.data(), *s.layout, s.sequence, data, lengths);
-      if (WriteAll(fd.get(), slot.data(), size, static_cast<off_t>(head + s.next_slot * size)) !=
-          0) {
-        return -1;  // the other slot stands; this one is the next to be filled again
-      }
-      s.next_slot ^= 1;
-      return 0;
+    ChangeTime before;
+    if (fd && Identify(fd.get(), "", &found, &before) == 0 && found == s.file) {
+      return s.WriteSlot(fd.get(), before, data, lengths);
     }
     // Somebody removed, replaced or cut it.
   }
   return s.Create(data, lengths);
 }
 
+// Whether the file has our header and, whole, the state that we published last.
+FileState ObjectFileWriter::State::ReadBack(int directory) {
+  const auto bytes = ReadWhole(directory, Leaf());
+  if (!bytes) {
+    return errno == 0 || errno == ENOENT || errno == ELOOP ? FileState::kLost : FileState::kUnknown;
+  }
+  const std::vector<uint8_t> &head = layout->bytes;
+  bool torn = false;
+  const auto object = ParseObjectFile(*bytes, &torn);
+  return object && !torn && object->sequence == written && bytes->size() == file.size &&
+                 memcmp(bytes->data(), head.data(), head.size()) == 0
+             ? FileState::kIntact
+             : FileState::kLost;
+}
+
+FileState ObjectFileWriter::Check(int directory, bool read_back) {
+  State &s = *state_;
+  Identity found;
+  ChangeTime changed;
+  FileState state = FileState::kIntact;
+  if (s.file.inode == 0 || s.replace) {
+    state = FileState::kLost;
+  } else if (Identify(directory, s.Leaf(), &found, &changed) != 0) {
+    state = errno == ENOENT || errno == EINVAL ? FileState::kLost : FileState::kUnknown;
+  } else if (found != s.file) {
+    state = FileState::kLost;
+  } else if (changed != s.changed || read_back) {
+    state = s.ReadBack(directory);
+    if (state == FileState::kIntact) {
+      s.changed = changed;
+    }
+  }
+  s.replace = s.replace || state == FileState::kLost;
+  return state;
+}
+
 int ObjectFileWriter::Remove() {
   State &s = *state_;
+  if (s.file.inode == 0) {
+    return 0;
+  }
+  const int root_fd = s.root->Get();
+  Descriptor directory(
+      root_fd >= 0 ? OpenBeneath(root_fd, std::string(s.Parent()), O_PATH | O_DIRECTORY) : -1);
+  Identity found;
+  ChangeTime ignored;
+  int result = directory ? Identify(directory.get(), s.Leaf(), &found, &ignored) : -1;
+  if (result == 0 && found.device == s.file.device && found.inode == s.file.inode &&
+      found.birth_seconds == s.file.birth_seconds && found.birth_ns == s.file.birth_ns) {
+    result = unlinkat(directory.get(), s.Leaf(), 0);
+  }
+  // What is no file of ours is not ours to remove.
+  if (result != 0 && errno != ENOENT && errno != EINVAL && errno != ENOTDIR && errno != ELOOP) {
+    return -1;
+  }
   s.file = {};
-  const auto [parent, leaf] = SplitPath(s.relative);
-  Descriptor root_fd(OpenRegistryRoot(s.root, false));
+  return 0;
+}
+
+int RemoveObjectFile(const std::string &relative, const std::string &root) {
+  const auto [parent, leaf] = SplitPath(relative);
+  Descriptor root_fd(OpenRegistryRoot(root, false));
   Descriptor directory(root_fd ? OpenBeneath(root_fd.get(), parent, O_PATH | O_DIRECTORY) : -1);
   if (!directory || unlinkat(directory.get(), leaf.c_str(), 0) != 0) {
     return errno == ENOENT ? 0 : -1;

@@ -45,8 +45,17 @@ struct FileObject {
 std::optional<FileObject> ReadObjectFile(std::string_view name,
                                          std::string_view root = kRegistryRoot);
 
+// What has become of an object's file since it was written.
+enum class FileState {
+  kIntact,
+  kLost,    // gone, replaced, damaged, or its mode or owner changed: the next publication makes it
+            // anew
+  kUnknown  // it could not be looked at (errno): ask again later
+};
+
 // Writes the states of one object. Keep one per live object: it remembers the file's layout and
-// which slot is the older one. Not copyable, movable.
+// which slot is the older one. All of a process's writers belong to one thread. Not copyable,
+// movable.
 class ObjectFileWriter {
  public:
   // relative: a result of ResolveObjectName().
@@ -62,13 +71,24 @@ class ObjectFileWriter {
   // Publishes one state: a rename the first time, one pwrite into the older slot afterwards.
   // lengths: the current length of each variable (one per slot). 0, or -1 with errno. Never syncs.
   int Publish(const uint8_t *data, const uint16_t *lengths);
-  // Unlinks the file. 0 (also when it is not there) or -1 with errno.
+  // Looks whether the file is still there as this writer left it: one statx(2), by which a change
+  // of the content shows as well unless it came within the same tick of the clock (4 ms) as the
+  // last publication. With read_back the content itself is compared. directory: Directory(), open.
+  FileState Check(int directory, bool read_back);
+  // The directory of the object below the root.
+  std::string_view Directory() const;
+  // Unlinks the file that this writer made; never one that somebody else has put in its place. 0
+  // (also when there is none) or -1 with errno.
   int Remove();
 
  private:
   struct State;
   State *state_;
 };
+
+// Unlinks an object's file, whoever made it. relative: a result of ResolveObjectName(). 0 (also
+// when there is none) or -1 with errno.
+int RemoveObjectFile(const std::string &relative, const std::string &root = kRegistryRoot);
 
 // Names of all object files below the root (relative, sorted by name with numbers by value);
 // temporary files of writers are left out.

@@ -3,6 +3,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/framework.h"
 
 namespace vex {
@@ -41,13 +43,29 @@ class SetTransaction : public std::enable_shared_from_this<SetTransaction> {
   }
 };
 
+constexpr std::chrono::milliseconds kSlice{50};
+
 using Phase = SetTransaction::Phase;
 using Stage = SetTransaction::Stage;
 
 SetChannel::SetChannel() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 SetChannel::~SetChannel() {
-  close(fd_);
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+bool SetChannel::Ready() {
+  if (fd_ < 0) {
+    fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  }
+  return fd_ >= 0;
+}
+
+void SetChannel::WakeAgent() const {
+  uint64_t one = 1;
+  (void)!write(fd_, &one, sizeof(one));
 }
 
 void SetChannel::SetWake(void (*wake)()) {
@@ -69,10 +87,9 @@ std::shared_ptr<SetTransaction> SetChannel::Begin(Clock::time_point deadline) {
 
 void SetChannel::Enqueue(SetTransaction &transaction) {
   if (!transaction.in_queue) {
-    transaction.in_queue = true;
     queue_.push_back(transaction.shared_from_this());
-    uint64_t one = 1;
-    (void)!write(fd_, &one, sizeof(one));
+    transaction.in_queue = true;
+    WakeAgent();
   }
   changed_.notify_all();
 }
@@ -86,7 +103,12 @@ int SetChannel::AddPart(SetTransaction &transaction, std::vector<SetItem> items)
     transaction.cancelled = true;
   }
   if (transaction.stage == Stage::kChecking) {
-    Enqueue(transaction);
+    try {
+      Enqueue(transaction);
+    } catch (...) {
+      transaction.parts.pop_back();
+      throw;
+    }
   }
   return static_cast<int>(transaction.parts.size()) - 1;
 }
@@ -206,7 +228,7 @@ void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, SetTransaction &tr
     while (part < transaction.parts.size() && transaction.parts[part].check != Phase::kQueued) {
       part++;
     }
-    if (Clock::now() >= transaction.deadline) {
+    if (Clock::now() >= transaction.deadline || agent_ending() != 0) {
       transaction.stage = Stage::kEnded;
       transaction.cancelled = true;
       Wake();
@@ -217,8 +239,9 @@ void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, SetTransaction &tr
     } else if (transaction.stage == Stage::kApplyQueued) {
       RunApply(lock, transaction, run);
     } else {
-      // Held: the master turns to the apply at once, and it must not find the agent in a poll.
-      changed_.wait_until(lock, transaction.deadline);
+      // Held: the master turns to the apply at once, and it must not find the agent in a poll. A
+      // signal wakes nobody here, hence the slices.
+      changed_.wait_until(lock, std::min(transaction.deadline, Clock::now() + kSlice));
     }
   }
   transaction.in_queue = false;

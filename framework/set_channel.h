@@ -65,12 +65,17 @@ class SetChannel {
 
   SetChannel();
   ~SetChannel();
+  // Whether there is a descriptor to wake the agent thread with; tries to get it. False with errno.
+  bool Ready();
+  // Wakes the agent thread without a set, for it to look around. Any thread.
+  void WakeAgent() const;
   SetChannel(const SetChannel &) = delete;
   SetChannel &operator=(const SetChannel &) = delete;
 
   // SNMP thread.
   // wake: called, on the agent thread, whenever a result is there.
   void SetWake(void (*wake)());
+  // Throws std::bad_alloc, as the next one does, which then has added nothing.
   std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline);
   // Queues the checks of one part; returns the part's number.
   int AddPart(SetTransaction &transaction, std::vector<SetItem> items);

@@ -1,11 +1,16 @@
 // What an agent asks of SNMP: configuration, traps, queries, MIB revisions. The SNMP thread does
 // the work (framework/snmp_side.h).
+#include "framework/snmp_api.h"
+
 #include <arpa/inet.h>
 #include <string.h>
 
+#include <exception>
+#include <optional>
 #include <string>
 
 #include "framework/guard.h"
+#include "framework/log.h"
 #include "framework/main_loop.h"
 #include "framework/objects.h"
 #include "framework/snmp_side.h"
@@ -29,6 +34,70 @@ bool traps_enabled = true;
 std::string &QueryAddress() {
   static auto *address = new std::string;
   return *address;
+}
+
+QueryPatience &Patience() {
+  static auto *patience = new QueryPatience;
+  return *patience;
+}
+
+// One line when the queries begin to be met with silence, one when they are answered again.
+void SayWhetherSilent() {
+  static bool said = false;
+  if (Patience().Silent() == said) {
+    return;
+  }
+  said = !said;
+  if (said) {
+    agentlog_fprintf(stderr,
+                     "%s: The SNMP agent at %s does not answer queries: it hangs, or does not know "
+                     "the community (trying again)\n",
+                     AgentName(), QueryAddress().c_str());
+  } else {
+    agentlog_fprintf(stderr, "%s: The SNMP agent at %s answers queries again\n", AgentName(),
+                     QueryAddress().c_str());
+  }
+}
+
+// The value that the agent at QueryAddress() has for it; nothing when it has none, or no answer
+// came in time.
+std::optional<int32_t> Ask(const char *oid, int *status) {
+  QueryPatience &patience = Patience();
+  if (SnmpAnsweredLate()) {
+    patience.AnsweredLate();
+    SayWhetherSilent();
+  }
+  const QueryPatience::Clock::time_point asked = QueryPatience::Clock::now();
+  const QueryPatience::Clock::duration allowed = patience.Allowed(oid, asked);
+  if (allowed <= QueryPatience::Clock::duration::zero() || agent_ending() != 0) {
+    return std::nullopt;
+  }
+  const SnmpAnswer answer =
+      SnmpQueryInteger(QueryAddress(), Settings().community, oid, allowed);
+  patience.Ended(oid, answer.end, asked, allowed, QueryPatience::Clock::now());
+  if (answer.end == QueryEnd::kAnswered && status != nullptr) {
+    *status = answer.status;
+  }
+  // Who is not there is neither silent nor back.
+  if (answer.end == QueryEnd::kAnswered || answer.end == QueryEnd::kSilent) {
+    SayWhetherSilent();
+  }
+  return answer.value;
+}
+
+// Tried more than once: a notification that has a place to wait is never lost.
+void Notify(const Notification &notification) {
+  constexpr int kTries = 3;
+  for (int tries = 1;; tries++) {
+    try {
+      SnmpNotify(notification);
+      return;
+    } catch (const std::exception &) {
+      if (tries == kTries) {
+        throw;
+      }
+    }
+  }
 }
 
 const MibGroup *FindGroup(int number) {
@@ -67,11 +136,15 @@ int SendTrap(const registry_object *object, const int *slots, int slot_count,
                                         {bytes, bytes + CurrentLength(d)}});
     }
   }
-  SnmpNotify(std::move(notification));
+  Notify(notification);
   return 0;
 }
 
 }  // namespace
+
+void BeginQueries() {
+  Patience().Begin();
+}
 
 }  // namespace vex
 
@@ -136,7 +209,7 @@ int init_snmp_connection(const char *address) {
   return Guarded(-1, [&] {
     in_addr parsed;
     if (address == nullptr || inet_pton(AF_INET, address, &parsed) != 1 ||
-        !QueryAddress().empty() || !SnmpRunning()) {
+        !QueryAddress().empty() || !SnmpRunning() || Settings().community.empty()) {
       return -1;
     }
     QueryAddress() = address;
@@ -149,7 +222,12 @@ int get_one_snmp_integer_from_api(const char *oid, int32_t *value, int *status) 
     if (oid == nullptr || value == nullptr || QueryAddress().empty() || !SnmpRunning()) {
       return -1;
     }
-    return SnmpQueryInteger(QueryAddress(), Settings().community, oid, value, status);
+    const std::optional<int32_t> answer = Ask(oid, status);
+    if (!answer) {
+      return -1;
+    }
+    *value = *answer;
+    return 0;
   });
 }
 

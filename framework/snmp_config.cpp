@@ -69,7 +69,8 @@ std::set<int> OpenDescriptors() {
 // started in between.
 void CloseOnExec(const std::set<int> &before) {
   for (int fd : OpenDescriptors()) {
-    if (before.count(fd) == 0) {
+    // Where they could not be listed before, standard output and error are still to be inherited.
+    if (fd > STDERR_FILENO && before.count(fd) == 0) {
       fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
   }
@@ -113,6 +114,7 @@ int LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings
   snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_POST_READ_CONFIG, subagent_startup,
                            nullptr, 0);
 
+  ReportUnknownTokens(application);
   const SnmpFiles files = ReadSnmpFiles(application);
   CloseOnExec(open_before);
 

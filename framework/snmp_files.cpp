@@ -8,13 +8,16 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
 #include "platform/framework.h"
 
@@ -25,6 +28,8 @@ namespace {
 constexpr char kNowhere[] = "/dev/null/vexhostd";
 constexpr char kDefaultAgentxSocket[] = "/var/agentx/master";
 
+constexpr int kLongestPollInterval = 60;  // seconds
+
 // What the files say, until the library has read them all.
 struct Read {
   int poll_interval = 0;
@@ -32,6 +37,7 @@ struct Read {
   std::vector<std::pair<std::string, std::string>> master_lines;
 };
 Read files;
+std::string reported_application;
 
 class Environment {
  public:
@@ -67,16 +73,23 @@ void ReadPollInterval(const char *, char *line) {
   std::string text = Trimmed(line);
   int seconds = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-  if (error != std::errc() || end != text.data() + text.size() || seconds < 1) {
+  const bool too_many = error == std::errc::result_out_of_range && text[0] != '-';
+  if (too_many) {
+    seconds = kLongestPollInterval;
+  }
+  if ((error != std::errc() && !too_many) || end != text.data() + text.size() || seconds < 1) {
     agentlog_fprintf(stderr, "pollInterval: \"%s\" is not a number of seconds; ignored\n",
                      text.c_str());
     return;
   }
-  files.poll_interval = seconds;
+  files.poll_interval = std::min(seconds, kLongestPollInterval);
 }
 
 void ReadCommunity(const char *, char *line) {
-  files.community = Trimmed(line);
+  const std::string text = Trimmed(line);
+  // As the library reads defCommunity: what stands in quotation marks, else all of it.
+  const bool quoted = text[0] == '"' || text[0] == '\'';
+  files.community = quoted ? WordsOf(text).front() : text;
 }
 
 void ReadMasterLine(const char *token, char *line) {
@@ -87,15 +100,41 @@ void ReadAgentxSocket(const char *, char *line) {
   netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, line);
 }
 
+// Whether the message is the library's about an unknown token in a file that is not one of
+// reported_application's: "PATH: line NUMBER: Warning: Unknown token: TOKEN.".
+bool AboutAnothersToken(const char *message) {
+  if (strstr(message, ": Warning: Unknown token: ") == nullptr) {
+    return false;
+  }
+  const std::string_view text = message;
+  const std::string_view path = text.substr(0, text.find(": line "));
+  const size_t slash = path.rfind('/');
+  const std::string_view name = slash == path.npos ? path : path.substr(slash + 1);
+  for (const char *end : {".conf", ".local.conf"}) {
+    if (name == reported_application + end) {
+      return false;
+    }
+  }
+  return true;
+}
+
 int Log(int, int, void *message, void *) {
   const auto *entry = static_cast<const snmp_log_message *>(message);
-  if (entry != nullptr && entry->msg != nullptr && entry->priority <= LOG_INFO) {
-    size_t length = strlen(entry->msg);
-    agentlog_fprintf(stderr, "%s%s", entry->msg,
-                     length > 0 && entry->msg[length - 1] == '\n' ? "" : "\n");
+  try {
+    if (entry != nullptr && entry->msg != nullptr && entry->priority <= LOG_INFO &&
+        !AboutAnothersToken(entry->msg)) {
+      size_t length = strlen(entry->msg);
+      agentlog_fprintf(stderr, "%s%s", entry->msg,
+                       length > 0 && entry->msg[length - 1] == '\n' ? "" : "\n");
+    }
+  } catch (const std::exception &) {
+    // Nothing may be thrown through the library.
   }
   return SNMP_ERR_NOERROR;
 }
+
+// A token that is known and has no effect.
+void Ignore(const char *, char *) {}
 
 }  // namespace
 
@@ -114,6 +153,13 @@ void RegisterAgentxSocket(const std::string &application) {
   netsnmp_register_default_target("agentx", "unix", kDefaultAgentxSocket);
   register_config_handler(application.c_str(), "agentXSocket", ReadAgentxSocket, nullptr,
                           "ADDRESS");
+}
+
+void ReportUnknownTokens(const std::string &application) {
+  reported_application = application;
+  // The master's alone; it may well be written here, too.
+  register_config_handler(application.c_str(), "agentXPerms", Ignore, nullptr, "");
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_NO_TOKEN_WARNINGS, 0);
 }
 
 SnmpFiles ReadSnmpFiles(const std::string &application) {
@@ -191,29 +237,27 @@ std::string UnixPathOf(const std::string &target) {
 }
 
 std::vector<std::string> WordsOf(const std::string &line) {
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
   std::vector<std::string> words;
-  std::string word;
-  bool quoted = false;
-  bool some = false;
-  for (char c : line) {
-    if (c == '"') {
-      quoted = !quoted;
-      some = true;
-    } else if (!quoted && (c == ' ' || c == '\t' || c == '\r' || c == '\n')) {
-      if (some) {
-        words.push_back(word);
-      }
-      word.clear();
-      some = false;
-    } else {
-      word += c;
-      some = true;
+  size_t at = 0;
+  while (true) {
+    while (at < line.size() && is_blank(line[at])) {
+      at++;
     }
+    if (at == line.size()) {
+      return words;
+    }
+    const char quote = line[at] == '"' || line[at] == '\'' ? line[at++] : '\0';
+    std::string word;
+    while (at < line.size() && (quote != '\0' ? line[at] != quote : !is_blank(line[at]))) {
+      if (line[at] == '\\' && at + 1 < line.size()) {
+        at++;
+      }
+      word += line[at++];
+    }
+    at += quote != '\0' && at < line.size() ? 1 : 0;
+    words.push_back(std::move(word));
   }
-  if (some) {
-    words.push_back(word);
-  }
-  return words;
 }
 
 std::string CommunityOfLine(const std::string &token, const std::string &line) {

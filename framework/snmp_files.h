@@ -12,7 +12,7 @@ namespace vex {
 enum class CommunitySource { kNone, kOwn, kCommon, kMaster };
 
 struct SnmpFiles {
-  int poll_interval = 0;  // token pollInterval, 0 when absent
+  int poll_interval = 0;  // token pollInterval, 60 at most; 0 when absent
   std::string community;  // `community`, else defCommunity, else of snmpd.conf; "" when none
   CommunitySource source = CommunitySource::kNone;  // and which of them it was
   // Token and rest of the lines of snmpd.conf that give a community.
@@ -23,6 +23,10 @@ struct SnmpFiles {
 void PrepareSnmpLibrary();
 // Lets agentXSocket be read, as the agent library does where there is one. Before ReadSnmpFiles().
 void RegisterAgentxSocket(const std::string &application);
+// Lets each unknown token of the application's own files be logged, for which the handlers of its
+// libraries must be there. The common files are for many programs, whose tokens are not known here.
+// Before ReadSnmpFiles().
+void ReportUnknownTokens(const std::string &application);
 // Initialises the library for `application`, without any MIB module, which reads the files.
 SnmpFiles ReadSnmpFiles(const std::string &application);
 // Where the master agent's AgentX socket is, afterwards: agentXSocket, else the default.
@@ -33,7 +37,8 @@ std::vector<std::string> UnreadableSnmpFiles(const std::string &application);
 
 // The path of an AgentX target that is a Unix socket ("/path", "unix:/path"); else empty.
 std::string UnixPathOf(const std::string &target);
-// The words of a line of configuration; quotation marks hold blanks together.
+// The words of a line of configuration, as net-snmp takes them: a word may stand in quotation marks
+// of either kind, which hold blanks together; a backslash takes the next character as it stands.
 std::vector<std::string> WordsOf(const std::string &line);
 // The community that a line of snmpd.conf gives for reading; empty when it gives none.
 std::string CommunityOfLine(const std::string &token, const std::string &line);

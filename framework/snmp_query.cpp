@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <exception>
 
 namespace vex {
 namespace {
@@ -30,6 +31,11 @@ bool SnmpQuery::Wait(Clock::time_point until) {
   return changed_.wait_until(lock, until, [this] { return done_; });
 }
 
+bool SnmpQuery::AnsweredLate() {
+  std::lock_guard lock(mutex_);
+  return done_ && has_status;
+}
+
 void SnmpQuery::Done() {
   std::lock_guard lock(mutex_);
   done_ = true;
@@ -46,39 +52,53 @@ SnmpQueries::~SnmpQueries() {
   }
 }
 
-void SnmpQueries::Start(std::shared_ptr<SnmpQuery> query) {
-  running_.push_back({std::move(query)});
+void SnmpQueries::Start(const std::shared_ptr<SnmpQuery> &query) {
+  try {
+    running_.push_back({query});
+  } catch (const std::exception &) {
+    query->Done();
+    return;
+  }
   Running &running = running_.back();
+  try {
+    query->sent = Send(&running);
+  } catch (const std::exception &) {
+    query->sent = false;
+  }
+  running.finished = running.finished || !query->sent;
+  next_work_ = Clock::now() + kWorkInterval;
+  Sweep();
+}
+
+bool SnmpQueries::Send(Running *running) {
+  const SnmpQuery &query = *running->query;
+  const std::vector<oid> name(query.oid.begin(), query.oid.end());
+  std::string community = query.community;
   netsnmp_session session;
   snmp_sess_init(&session);
   session.version = SNMP_VERSION_2c;
   session.timeout = kTryMicroseconds;
   session.retries = kRetries;
-  std::string community = running.query->community;
   session.community = reinterpret_cast<u_char *>(community.data());
   session.community_len = community.size();
 
-  netsnmp_transport *transport = ConnectUdp(running.query->address, kSnmpPort);
+  netsnmp_transport *transport = ConnectUdp(query.address, kSnmpPort);
   if (transport != nullptr) {
-    running.handle = snmp_sess_add(&session, transport, nullptr, nullptr);
+    running->handle = snmp_sess_add(&session, transport, nullptr, nullptr);
   }
-  bool sent = false;
-  if (running.handle != nullptr) {
-    netsnmp_pdu *pdu = snmp_pdu_create(running.query->next ? SNMP_MSG_GETNEXT : SNMP_MSG_GET);
-    if (pdu != nullptr) {
-      std::vector<oid> name(running.query->oid.begin(), running.query->oid.end());
-      snmp_add_null_var(pdu, name.data(), name.size());
-      sent = snmp_sess_async_send(running.handle, pdu, Answered, &running) != 0;
-      if (!sent) {
-        snmp_free_pdu(pdu);
-      }
-    }
+  if (running->handle == nullptr) {
+    return false;
   }
-  if (!sent) {
-    running.finished = true;
+  netsnmp_pdu *pdu = snmp_pdu_create(query.next ? SNMP_MSG_GETNEXT : SNMP_MSG_GET);
+  if (pdu == nullptr) {
+    return false;
   }
-  next_work_ = Clock::now() + kWorkInterval;
-  Sweep();
+  if (snmp_add_null_var(pdu, name.data(), name.size()) == nullptr ||
+      snmp_sess_async_send(running->handle, pdu, Answered, running) == 0) {
+    snmp_free_pdu(pdu);
+    return false;
+  }
+  return true;
 }
 
 int SnmpQueries::Answered(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic) {
@@ -91,8 +111,12 @@ int SnmpQueries::Answered(int operation, netsnmp_session *, int, netsnmp_pdu *pd
     query.has_status = true;
     query.status = static_cast<int>(pdu->errstat);
     const netsnmp_variable_list *variable = pdu->variables;
-    if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr) {
-      query.name.assign(variable->name, variable->name + variable->name_length);
+    if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr && query.next) {
+      try {
+        query.name.assign(variable->name, variable->name + variable->name_length);
+      } catch (const std::exception &) {
+        query.name.clear();  // nothing may be thrown through the library
+      }
     }
     if (pdu->errstat == SNMP_ERR_NOERROR && variable != nullptr &&
         variable->name_length == query.oid.size() &&

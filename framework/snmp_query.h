@@ -25,8 +25,11 @@ class SnmpQuery {
   std::vector<uint32_t> oid;
   bool next = false;  // GETNEXT instead of GET
 
-  // Agent thread: waits for the answer. False when none came by then; the query is then void.
+  // Agent thread: waits until the query has ended. False when it has not by then; it goes on, and
+  // its answer can no longer be had.
   bool Wait(Clock::time_point until);
+  // Whether an answer has come, after Wait() returned false.
+  bool AnsweredLate();
   // The answer, after Wait() returned true.
   bool has_value = false;
   int32_t value = 0;
@@ -34,6 +37,8 @@ class SnmpQuery {
   int status = 0;
   std::vector<uint32_t> name;  // of the first variable in the answer
   bool refused = false;        // nobody listens at the address
+
+  bool sent = false;
 
   // SNMP thread.
   void Done();
@@ -50,7 +55,8 @@ class SnmpQueries {
   using Clock = std::chrono::steady_clock;
 
   ~SnmpQueries();
-  void Start(std::shared_ptr<SnmpQuery> query);
+  // What cannot be started has ended.
+  void Start(const std::shared_ptr<SnmpQuery> &query);
   bool Empty() const {
     return running_.empty();
   }
@@ -70,6 +76,7 @@ class SnmpQueries {
 
   static int Answered(int operation, netsnmp_session *session, int reqid, netsnmp_pdu *pdu,
                       void *magic);
+  bool Send(Running *running);
   void Sweep();
 
   std::list<Running> running_;  // a list: net-snmp holds pointers to the elements

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "platform/framework.h"
 
@@ -14,6 +15,8 @@ constexpr size_t kMostSets = 16;
 constexpr size_t kMostParts = 16;
 // A set that the master never finished.
 constexpr std::chrono::seconds kForgetAfter{30};
+// What could not be answered for want of memory.
+constexpr std::chrono::milliseconds kPayAgainAfter{10};
 // RFC 2741 6.1: the byte order of the answer is that of the request.
 constexpr int kNetworkByteOrder = 0x10;
 constexpr int kNonDefaultContext = 0x08;
@@ -101,6 +104,21 @@ bool AddNext(const MibIndex &index, Cursor *cursor, VariableList *list) {
   return list->Add(cursor->name.data(), cursor->name.size(), SNMP_ENDOFMIBVIEW, nullptr, 0);
 }
 
+struct FreePdu {
+  void operator()(netsnmp_pdu *pdu) const {
+    snmp_free_pdu(pdu);
+  }
+};
+
+// Throws std::bad_alloc.
+netsnmp_pdu *NewAnswer(const AgentxSession &session) {
+  netsnmp_pdu *pdu = session.NewPdu(kAgentxResponse);
+  if (pdu == nullptr) {
+    throw std::bad_alloc();
+  }
+  return pdu;
+}
+
 }  // namespace
 
 int CheckSet(const MibIndex &index, OidView name, int asn_type, const void *value, size_t length,
@@ -159,11 +177,67 @@ int CheckSet(const MibIndex &index, OidView name, int asn_type, const void *valu
   return SNMP_ERR_NOERROR;
 }
 
-void SnmpRequests::Handle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled) {
+void SnmpRequests::Handle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled,
+                          bool current) {
+  const bool looks_up = request->command == kAgentxGet || request->command == kAgentxGetNext ||
+                        request->command == kAgentxGetBulk || request->command == kAgentxTestSet;
+  if (current || !looks_up) {
+    try {
+      TryHandle(session, request, sets_enabled);
+      return;
+    } catch (const std::exception &) {
+      // Out of memory, and not answered yet: answers are the last thing that is done.
+    }
+  }
+  Refuse(session, request->command, request->transid, request->reqid,
+         static_cast<int>(request->flags));
+}
+
+void SnmpRequests::HandleUnread(AgentxSession *session,
+                                const AgentxSession::PacketHeader &request) {
+  Refuse(session, request.type, static_cast<int32_t>(request.transaction),
+         static_cast<int32_t>(request.packet), request.flags);
+}
+
+// Answers a request that cannot be served for want of memory, with the error that the protocol has
+// for its kind (RFC 2741 7.2.4).
+void SnmpRequests::Refuse(AgentxSession *session, int command, long transaction_id, long packet_id,
+                          int flags) {
+  const auto place = sets_.find(transaction_id);
+  Set *set = place != sets_.end() ? &place->second : nullptr;
+  int error = SNMP_ERR_GENERR;
+  switch (command) {
+    case kAgentxTestSet:
+      error = SNMP_ERR_RESOURCEUNAVAILABLE;
+      if (set != nullptr) {
+        std::erase_if(set->tests, [packet_id](const Phase &phase) {
+          return phase.packet_id == packet_id && !phase.answered;
+        });
+      }
+      break;
+    case kAgentxCommitSet:
+      error = SNMP_ERR_COMMITFAILED;
+      break;
+    case kAgentxUndoSet:
+      error = SNMP_ERR_UNDOFAILED;
+      break;
+    case kAgentxCleanupSet:
+      return;  // has no answer
+    default:
+      break;
+  }
+  Reply(session, {transaction_id, packet_id, flags, error, 1});
+  if (set != nullptr) {
+    Fail(session, transaction_id, *set);
+  }
+}
+
+void SnmpRequests::TryHandle(AgentxSession *session, const netsnmp_pdu *request,
+                             bool sets_enabled) {
+  const auto flags = static_cast<int>(request->flags);
   // RFC 2741 7.2.2: the registrations are in the default context.
   if ((request->flags & kNonDefaultContext) != 0 && request->command != kAgentxCleanupSet) {
-    Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
-          kAgentxUnsupportedContext, 0);
+    Reply(session, {request->transid, request->reqid, flags, kAgentxUnsupportedContext, 0});
     return;
   }
   switch (request->command) {
@@ -189,35 +263,63 @@ void SnmpRequests::Handle(AgentxSession *session, const netsnmp_pdu *request, bo
       CleanupSet(request);
       break;
     default:
-      Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
-            kAgentxProcessingError, 0);
+      Reply(session, {request->transid, request->reqid, flags, kAgentxProcessingError, 0});
   }
 }
 
-// with: the PDU of the answer, already holding its variables; a new one otherwise.
-void SnmpRequests::Reply(AgentxSession *session, long transaction_id, long packet_id, int flags,
-                         int error, int error_index, netsnmp_pdu *with) {
-  netsnmp_pdu *pdu = with != nullptr ? with : session->NewPdu(kAgentxResponse);
+// Sends the variables of an answer, or, when some are missing or it does not fit into a packet, that
+// there is none.
+void SnmpRequests::Reply(AgentxSession *session, const netsnmp_pdu *request, netsnmp_pdu *with,
+                         bool complete) {
+  ShortAnswer instead = {request->transid, request->reqid, static_cast<int>(request->flags),
+                         SNMP_ERR_GENERR, 0};
+  if (!complete) {
+    snmp_free_pdu(with);
+  } else {
+    with->transid = request->transid;
+    with->reqid = request->reqid;
+    with->flags |= static_cast<u_long>(request->flags & kNetworkByteOrder);
+    with->errstat = SNMP_ERR_NOERROR;
+    with->errindex = 0;
+    with->time = 0;
+    if (session->Send(with) || session->Broken()) {
+      return;
+    }
+    if (session->TooLong()) {
+      instead.error = SNMP_ERR_TOOBIG;
+    }
+  }
+  Reply(session, instead);
+}
+
+bool SnmpRequests::SendShort(AgentxSession *session, const ShortAnswer &answer) {
+  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
   if (pdu == nullptr) {
+    return false;
+  }
+  pdu->transid = answer.transaction_id;
+  pdu->reqid = answer.packet_id;
+  pdu->flags |= static_cast<u_long>(answer.flags & kNetworkByteOrder);
+  pdu->errstat = answer.error;
+  pdu->errindex = answer.error_index;
+  pdu->time = 0;
+  return session->Send(pdu) || session->Broken();
+}
+
+// An answer must come, late rather than never.
+void SnmpRequests::Reply(AgentxSession *session, const ShortAnswer &answer) {
+  if (SendShort(session, answer)) {
     return;
   }
-  pdu->transid = transaction_id;
-  pdu->reqid = packet_id;
-  pdu->flags |= static_cast<u_long>(flags & kNetworkByteOrder);
-  pdu->errstat = error;
-  pdu->errindex = error_index;
-  pdu->time = 0;
-  // An answer must come, if only to say that it does not fit into a packet.
-  if (!session->Send(pdu) && with != nullptr) {
-    Reply(session, transaction_id, packet_id, flags, SNMP_ERR_TOOBIG, 0);
+  if (owed_count_ == owed_.size()) {
+    session->Break();
+    return;
   }
+  owed_[owed_count_++] = answer;
 }
 
 void SnmpRequests::Get(AgentxSession *session, const netsnmp_pdu *request) {
-  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
-  if (pdu == nullptr) {
-    return;
-  }
+  netsnmp_pdu *pdu = NewAnswer(*session);
   VariableList list(pdu);
   bool complete = true;
   for (const netsnmp_variable_list *asked = request->variables; asked != nullptr;
@@ -235,33 +337,25 @@ void SnmpRequests::Get(AgentxSession *session, const netsnmp_pdu *request) {
         break;
     }
   }
-  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
-        complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);
+  Reply(session, request, pdu, complete);
 }
 
 void SnmpRequests::GetNext(AgentxSession *session, const netsnmp_pdu *request) {
-  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
-  if (pdu == nullptr) {
-    return;
-  }
-  VariableList list(pdu);
+  std::unique_ptr<netsnmp_pdu, FreePdu> pdu(NewAnswer(*session));
+  VariableList list(pdu.get());
   bool complete = true;
   for (const netsnmp_variable_list *asked = request->variables; asked != nullptr;
        asked = asked->next_variable) {
     Cursor cursor(asked);
     complete = AddNext(*index_, &cursor, &list) && complete;
   }
-  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
-        complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);
+  Reply(session, request, pdu.release(), complete);
 }
 
 // RFC 2741 7.2.3.3. net-snmp's master asks row by row instead; another one may not.
 void SnmpRequests::GetBulk(AgentxSession *session, const netsnmp_pdu *request) {
-  netsnmp_pdu *pdu = session->NewPdu(kAgentxResponse);
-  if (pdu == nullptr) {
-    return;
-  }
-  VariableList list(pdu);
+  std::unique_ptr<netsnmp_pdu, FreePdu> pdu(NewAnswer(*session));
+  VariableList list(pdu.get());
   bool complete = true;
   std::vector<Cursor> repeated;
   long once = request->non_repeaters;
@@ -285,8 +379,7 @@ void SnmpRequests::GetBulk(AgentxSession *session, const netsnmp_pdu *request) {
     added += repeated.size();
     more = more && added + repeated.size() <= kMostBulkVariables;
   }
-  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags),
-        complete ? SNMP_ERR_NOERROR : SNMP_ERR_GENERR, 0, pdu);
+  Reply(session, request, pdu.release(), complete);
 }
 
 // ---- Sets ----
@@ -296,7 +389,21 @@ void SnmpRequests::Answer(AgentxSession *session, long transaction_id, Phase &ph
   phase.answered = true;
   phase.error = error;
   phase.error_index = error_index;
-  Reply(session, transaction_id, phase.packet_id, phase.flags, error, error_index);
+  Reply(session, {transaction_id, phase.packet_id, phase.flags, error, error_index});
+}
+
+// The request has failed by one part, whose error is the one to be told; the others have nothing
+// against it, and none of it will be applied.
+void SnmpRequests::Fail(AgentxSession *session, long transaction_id, Set &set) {
+  set.failed = true;
+  if (set.transaction) {
+    channel_->Release(*set.transaction);
+  }
+  for (Phase &test : set.tests) {
+    if (!test.answered) {
+      Answer(session, transaction_id, test, SNMP_ERR_NOERROR, 0);
+    }
+  }
 }
 
 void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, bool enabled) {
@@ -342,23 +449,17 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
     set.deadline = Clock::now() + kSetPatience;
     set.transaction = channel_->Begin(set.deadline);
   }
+  // What its later phases need is there before anything is begun.
+  set.commits.reserve(set.tests.size() + 1);
   set.tests.push_back(phase);
   if (error == SNMP_ERR_NOERROR && !set.failed) {
     set.tests.back().part = channel_->AddPart(*set.transaction, std::move(items));
     Progress(session, request->transid, set);
     return;
   }
-  // The request has failed by one part, whose error is the one to be told; the others have nothing
-  // against it, and none of it will be applied.
-  set.failed = true;
-  channel_->Release(*set.transaction);
   Answer(session, request->transid, set.tests.back(), error,
          error == SNMP_ERR_NOERROR ? 0 : number);
-  for (Phase &test : set.tests) {
-    if (!test.answered) {
-      Answer(session, request->transid, test, SNMP_ERR_NOERROR, 0);
-    }
-  }
+  Fail(session, request->transid, set);
 }
 
 // Sets that were undone or are past their deadline are over; they are remembered only for phases
@@ -419,17 +520,21 @@ void SnmpRequests::UndoSet(AgentxSession *session, const netsnmp_pdu *request) {
       error = SNMP_ERR_UNDOFAILED;
     }
     set.undone = true;
-    channel_->Release(*set.transaction);
+    if (set.transaction) {
+      channel_->Release(*set.transaction);
+    }
   }
-  Reply(session, request->transid, request->reqid, static_cast<int>(request->flags), error,
-        error == SNMP_ERR_NOERROR ? 0 : 1);
+  Reply(session, {request->transid, request->reqid, static_cast<int>(request->flags), error,
+                  error == SNMP_ERR_NOERROR ? 0 : 1});
 }
 
 // Without an answer: RFC 2741 7.2.4.4.
 void SnmpRequests::CleanupSet(const netsnmp_pdu *request) {
   auto place = sets_.find(request->transid);
   if (place != sets_.end()) {
-    channel_->Release(*place->second.transaction);
+    if (place->second.transaction) {
+      channel_->Release(*place->second.transaction);
+    }
     sets_.erase(place);
   }
 }
@@ -475,6 +580,13 @@ void SnmpRequests::Progress(AgentxSession *session, long transaction_id, Set &se
 }
 
 void SnmpRequests::Work(AgentxSession *session) {
+  size_t paid = 0;
+  while (paid < owed_count_ && SendShort(session, owed_[paid])) {
+    paid++;
+  }
+  std::copy(owed_.begin() + static_cast<std::ptrdiff_t>(paid),
+            owed_.begin() + static_cast<std::ptrdiff_t>(owed_count_), owed_.begin());
+  owed_count_ -= paid;
   Clock::time_point now = Clock::now();
   for (auto place = sets_.begin(); place != sets_.end();) {
     Progress(session, place->first, place->second);
@@ -487,7 +599,7 @@ void SnmpRequests::Work(AgentxSession *session) {
 }
 
 SnmpRequests::Clock::time_point SnmpRequests::NextDue() const {
-  Clock::time_point due = Clock::time_point::max();
+  Clock::time_point due = owed_count_ > 0 ? Clock::now() + kPayAgainAfter : Clock::time_point::max();
   for (const auto &[id, set] : sets_) {
     bool waiting = false;
     for (const Phase &phase : set.tests) {
@@ -503,9 +615,12 @@ SnmpRequests::Clock::time_point SnmpRequests::NextDue() const {
 
 void SnmpRequests::SessionLost() {
   for (auto &[id, set] : sets_) {
-    channel_->Release(*set.transaction);
+    if (set.transaction) {
+      channel_->Release(*set.transaction);
+    }
   }
   sets_.clear();
+  owed_count_ = 0;
 }
 
 }  // namespace vex

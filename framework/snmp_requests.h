@@ -3,6 +3,7 @@
 #ifndef VEX_FRAMEWORK_SNMP_REQUESTS_H
 #define VEX_FRAMEWORK_SNMP_REQUESTS_H
 
+#include <array>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -29,7 +30,11 @@ class SnmpRequests {
 
   SnmpRequests(const MibIndex *index, SetChannel *channel) : index_(index), channel_(channel) {}
 
-  void Handle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled);
+  // Whatever fails, the request is answered. current: the index holds all that was published;
+  // otherwise nothing is told of it. Throws nothing, as everything here.
+  void Handle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled, bool current);
+  // Answers a request that could not be read.
+  void HandleUnread(AgentxSession *session, const AgentxSession::PacketHeader &request);
   // Answers the phases of sets that have been decided, or whose time is over.
   void Work(AgentxSession *session);
   // When Work() is to be called at the latest, if nothing is decided before.
@@ -63,16 +68,32 @@ class SnmpRequests {
   void CommitSet(AgentxSession *session, const netsnmp_pdu *request);
   void UndoSet(AgentxSession *session, const netsnmp_pdu *request);
   void CleanupSet(const netsnmp_pdu *request);
+  // An answer without variables.
+  struct ShortAnswer {
+    long transaction_id;
+    long packet_id;
+    int flags;
+    int error;
+    int error_index;
+  };
+
+  void TryHandle(AgentxSession *session, const netsnmp_pdu *request, bool sets_enabled);
+  void Refuse(AgentxSession *session, int command, long transaction_id, long packet_id, int flags);
+  void Fail(AgentxSession *session, long transaction_id, Set &set);
   void Answer(AgentxSession *session, long transaction_id, Phase &phase, int error,
               int error_index);
-  static void Reply(AgentxSession *session, long transaction_id, long packet_id, int flags,
-                    int error, int error_index, netsnmp_pdu *with = nullptr);
+  void Reply(AgentxSession *session, const netsnmp_pdu *request, netsnmp_pdu *with, bool complete);
+  void Reply(AgentxSession *session, const ShortAnswer &answer);
+  static bool SendShort(AgentxSession *session, const ShortAnswer &answer);
   void Progress(AgentxSession *session, long transaction_id, Set &set);
   void MakeRoom();
 
   const MibIndex *index_;
   SetChannel *channel_;
   std::map<long, Set> sets_;  // by the master's transaction id
+  // Answers that there was no memory for yet.
+  std::array<ShortAnswer, 32> owed_{};
+  size_t owed_count_ = 0;
 };
 
 }  // namespace vex

@@ -3,12 +3,15 @@
 #ifndef VEX_FRAMEWORK_SNMP_SIDE_H
 #define VEX_FRAMEWORK_SNMP_SIDE_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "framework/image.h"
+#include "framework/query_patience.h"
 
 namespace vex {
 
@@ -19,11 +22,18 @@ struct SnmpSettings {
 };
 
 // Starts the thread (all signals blocked in it), which reads the configuration for `application`
-// and connects to the master in the background. Waits until the configuration is read. 0 or -1.
+// and connects to the master in the background. Waits until the configuration is read, a minute at
+// most, or until the agent is ending. 0, or -1, which is logged and lets SnmpFailed() say so unless
+// the agent is ending.
 int SnmpStart(const char *application, SnmpSettings *settings);
-// Closes the AgentX session and joins the thread; harmless when it was never started.
-void SnmpStop();
+// Closes the AgentX session and joins the thread, in well under a second whatever the master does;
+// harmless when it was never started. False when the thread hangs in a library: it is left behind,
+// and the process must end without running what is registered for its exit.
+bool SnmpStop();
 bool SnmpRunning();
+// Whether there is no SNMP side though there should be: it could not be started, or has ended (the
+// agent thread's SetChannelFd() then becomes readable). Any thread.
+bool SnmpFailed();
 
 // Calls tick on the SNMP thread about every interval_ms milliseconds (null: never); it must not
 // block. Before or after SnmpStart().
@@ -33,9 +43,10 @@ void SnmpSetTick(void (*tick)(), int interval_ms);
 void SnmpEnableSets(bool enabled);
 
 // Hands over a new image of an object, replacing the one before; every read that arrives after the
-// return sees it. Never waits for the thread's work. Before SnmpStart() images are kept.
+// return sees it. Never waits for the thread's work. Before SnmpStart() images are kept. Throws
+// std::bad_alloc, and has then changed nothing.
 void SnmpPublish(std::shared_ptr<const Image> image);
-void SnmpWithdraw(uint64_t object_id);
+void SnmpWithdraw(uint64_t object_id) noexcept;
 
 struct NotificationVariable {
   const MibVariable *mib;
@@ -48,12 +59,22 @@ struct Notification {
   std::string description;
 };
 // Kept (the newest 256) until the session is up; any order of arrival is the order of sending.
+// Throws std::bad_alloc.
 void SnmpNotify(Notification notification);
 
-// One SNMPv2c GET of an integer at address:161, made by the SNMP thread while the caller waits, at
-// most two seconds. oid: as get_one_snmp_integer_from_api(). 0 or -1.
-int SnmpQueryInteger(const std::string &address, const std::string &community, const char *oid,
-                     int32_t *value, int *status);
+struct SnmpAnswer {
+  QueryEnd end = QueryEnd::kNotAsked;
+  std::optional<int32_t> value;
+  int status = 0;  // error-status of an answer
+};
+// One SNMPv2c GET of an integer at address:161, made by the SNMP thread while the caller waits that
+// long at most, and not on when the agent is ending. oid: as get_one_snmp_integer_from_api().
+// Throws std::bad_alloc.
+SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,
+                            const char *oid, std::chrono::nanoseconds patience);
+// Whether the last query that ended as silent has been answered since, within the full patience;
+// said once.
+bool SnmpAnsweredLate();
 
 }  // namespace vex
 

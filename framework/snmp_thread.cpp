@@ -7,14 +7,20 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
+#include <exception>
+#include <list>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "framework/agentx_session.h"
+#include "framework/log.h"
 #include "framework/mib_index.h"
 #include "framework/notifications.h"
 #include "framework/oid_text.h"
@@ -34,23 +40,38 @@ using Clock = std::chrono::steady_clock;
 // looking on for a moment makes a walk take half as long.
 constexpr std::chrono::microseconds kLookOn{75};
 constexpr std::chrono::milliseconds kLongestLookOn{2};  // then the rest has its turn
-constexpr std::chrono::seconds kQueryPatience{2};
-constexpr std::chrono::seconds kStopPatience{3};
-constexpr std::chrono::milliseconds kLastNotifications{500};  // before the end
+constexpr std::chrono::milliseconds kEndingSlice{50};  // of a wait that the agent's end cuts short
+constexpr std::chrono::minutes kStartPatience{1};
+// An agent that was told to end has a second in all. The thread's last notifications and its goodbye
+// to the master have their part of it, and what the libraries do then has the rest.
+constexpr std::chrono::milliseconds kLastNotifications{300};
+constexpr std::chrono::milliseconds kGoodbye{450};
+constexpr std::chrono::milliseconds kStopPatience{800};
+// After want of memory: the next try must not take the processor for itself.
+constexpr std::chrono::milliseconds kRest{10};
 // Images that nobody asked for are still taken over now and then, so that each is held once only.
 constexpr std::chrono::seconds kLongestSleep{30};
 
 // What the two threads share.
 struct Shared {
-  // Published, not yet in the index; null: withdrawn.
+  // Of every object that is published. An entry stays for as long as its object: withdrawing must
+  // not need memory.
+  struct Published {
+    uint64_t object_id;
+    std::shared_ptr<const Image> image;  // not yet in the index; null: none, or withdrawn
+    bool waiting = false;                // in the list below
+    Published *next = nullptr;
+  };
   std::mutex images_mutex;
-  std::unordered_map<uint64_t, std::shared_ptr<const Image>> images;
+  std::unordered_map<uint64_t, Published> images;
+  Published *first_waiting = nullptr;  // for the thread, in any order
   std::atomic<bool> images_waiting{false};
 
   NotificationQueue notifications;
 
   std::mutex queries_mutex;
-  std::vector<std::shared_ptr<SnmpQuery>> queries;
+  std::list<std::shared_ptr<SnmpQuery>> queries;
+  std::shared_ptr<SnmpQuery> silent_query;  // agent thread
 
   std::atomic<bool> sets_enabled{true};
   std::atomic<void (*)()> tick{nullptr};
@@ -59,8 +80,9 @@ struct Shared {
 
   std::mutex state_mutex;
   std::condition_variable state_changed;
-  bool running = false;   // SnmpStart() has succeeded
-  bool finished = false;  // the loop has ended
+  bool running = false;   // the thread's loop has begun
+  bool finished = false;  // the thread is at its end
+  std::atomic<bool> failed{false};
 
   int wake_fd = -1;
   std::thread thread;
@@ -76,6 +98,26 @@ void WakeThread() {
   (void)!write(Side().wake_fd, &one, sizeof(one));
 }
 
+// The agent thread waits for none of them any more.
+void EndQueries() {
+  Shared &side = Side();
+  std::lock_guard lock(side.queries_mutex);
+  for (std::shared_ptr<SnmpQuery> &query : side.queries) {
+    query->Done();
+  }
+  side.queries.clear();
+}
+
+void Enqueue(Shared::Published *entry) {
+  Shared &side = Side();
+  if (!entry->waiting) {
+    entry->waiting = true;
+    entry->next = side.first_waiting;
+    side.first_waiting = entry;
+    side.images_waiting.store(true, std::memory_order_release);
+  }
+}
+
 class Loop {
  public:
   explicit Loop(AgentxSession::Settings settings)
@@ -84,27 +126,64 @@ class Loop {
         sender_(&Side().notifications),
         session_(std::move(settings),
                  {[this](netsnmp_pdu *pdu) { Request(pdu); },
-                  [] { Side().notifications.SetUp(true); }, [this] { Lost(); }}) {}
+                  [this](const AgentxSession::PacketHeader &header) {
+                    requests_.HandleUnread(&session_, header);
+                  },
+                  [] { Side().notifications.SetUp(true); }, [this] { Lost(); }}) {
+    fds_.reserve(kUsualDescriptors);
+    query_fds_.reserve(kUsualDescriptors);
+  }
 
   void Run() {
     next_tick_ = Clock::now();
     while (!Side().stop.load()) {
-      Wait();
-      LookOn();
+      short_of_memory_ = false;
+      Try([this] { Wait(); });
+      Try([this] { LookOn(); });
       Work();
+      if (short_of_memory_) {
+        poll(nullptr, 0, static_cast<int>(kRest.count()));
+      }
+      Say();
     }
-    SendLast();
-    session_.Close();
+    const Clock::time_point now = Clock::now();
+    Try([&] {
+      SendLast(now + kLastNotifications);
+      session_.Close(now + kGoodbye);
+    });
     Lost();
-    while (Side().notifications.Pop()) {
+    while (!Side().notifications.Pop().empty()) {
       // Nobody will send them.
     }
   }
 
  private:
+  static constexpr size_t kUsualDescriptors = 16;
+
+  // Does one part of the work; what it leaves undone, for want of memory, is done by a later pass.
+  template <typename Function>
+  void Try(Function function) noexcept {
+    try {
+      function();
+    } catch (const std::exception &) {
+      short_of_memory_ = true;
+    }
+  }
+
+  void Say() {
+    if (short_of_memory_) {
+      last_short_ = Clock::now();
+    }
+    if (said_short_ != short_of_memory_ &&
+        (short_of_memory_ || Clock::now() - last_short_ > std::chrono::seconds(1))) {
+      said_short_ = short_of_memory_;
+      agentlog_fprintf(stderr, said_short_ ? "The SNMP side is short of memory; trying again\n"
+                                           : "The SNMP side has memory again\n");
+    }
+  }
+
   // What is to be notified before the end, more than may be under way at once.
-  void SendLast() {
-    Clock::time_point until = Clock::now() + kLastNotifications;
+  void SendLast(Clock::time_point until) {
     sender_.Send(&session_);
     while (session_.Open() && Side().notifications.Size() > 0 && Clock::now() < until) {
       short wanted = session_.WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
@@ -117,8 +196,14 @@ class Loop {
   }
 
   void Request(const netsnmp_pdu *pdu) {
-    TakeImages();
-    requests_.Handle(&session_, pdu, Side().sets_enabled.load());
+    bool current = true;
+    try {
+      TakeImages();
+    } catch (const std::exception &) {
+      short_of_memory_ = true;
+      current = false;
+    }
+    requests_.Handle(&session_, pdu, Side().sets_enabled.load(), current);
     look_on_until_ = Clock::now() + kLookOn;
   }
 
@@ -132,17 +217,40 @@ class Loop {
     if (!Side().images_waiting.load(std::memory_order_acquire)) {
       return;
     }
-    std::unordered_map<uint64_t, std::shared_ptr<const Image>> images;
-    {
-      std::lock_guard lock(Side().images_mutex);
-      images.swap(Side().images);
-      Side().images_waiting.store(false, std::memory_order_relaxed);
-    }
-    for (auto &[id, image] : images) {
-      if (image) {
-        index_.Put(std::move(image));
-      } else {
+    Shared &side = Side();
+    while (true) {
+      uint64_t id;
+      std::shared_ptr<const Image> image;
+      {
+        std::lock_guard lock(side.images_mutex);
+        Shared::Published *entry = side.first_waiting;
+        if (entry == nullptr) {
+          side.images_waiting.store(false, std::memory_order_relaxed);
+          return;
+        }
+        side.first_waiting = entry->next;
+        entry->waiting = false;
+        id = entry->object_id;
+        image = std::move(entry->image);
+        if (image == nullptr) {
+          side.images.erase(id);
+        }
+      }
+      if (image == nullptr) {
         index_.Remove(id);
+        continue;
+      }
+      try {
+        index_.Put(image);
+      } catch (...) {
+        // It waits again, unless a newer one does.
+        std::lock_guard lock(side.images_mutex);
+        const auto place = side.images.find(id);
+        if (place != side.images.end() && !place->second.waiting) {
+          place->second.image = std::move(image);
+          Enqueue(&place->second);
+        }
+        throw;
       }
     }
   }
@@ -169,7 +277,8 @@ class Loop {
     std::chrono::nanoseconds patience{0};
     if (now >= look_on_until_) {
       Clock::time_point due = now + kLongestSleep;
-      due = std::min({due, session_.NextDue(), requests_.NextDue(), queries_.NextDue()});
+      due = std::min({due, session_.NextDue(), requests_.NextDue(), queries_.NextDue(),
+                      sender_.NextDue()});
       if (Side().tick.load() != nullptr) {
         due = std::min(due, next_tick_);
       }
@@ -212,20 +321,20 @@ class Loop {
 
   void Work() {
     if (Clock::now() >= look_on_until_) {
-      TakeImages();
+      Try([this] { TakeImages(); });
     }
-    session_.Work();
-    requests_.Work(&session_);
-    sender_.Send(&session_);
-    std::vector<std::shared_ptr<SnmpQuery>> fresh;
+    Try([this] { session_.Work(); });
+    Try([this] { requests_.Work(&session_); });
+    Try([this] { sender_.Send(&session_); });
+    std::list<std::shared_ptr<SnmpQuery>> fresh;
     {
       std::lock_guard lock(Side().queries_mutex);
       fresh.swap(Side().queries);
     }
-    for (std::shared_ptr<SnmpQuery> &query : fresh) {
-      queries_.Start(std::move(query));
+    for (const std::shared_ptr<SnmpQuery> &query : fresh) {
+      queries_.Start(query);
     }
-    queries_.Work();
+    Try([this] { queries_.Work(); });
     Tick();
   }
 
@@ -247,29 +356,85 @@ class Loop {
   std::vector<int> query_fds_;
   Clock::time_point look_on_until_;
   Clock::time_point next_tick_;
+  bool short_of_memory_ = false;  // in this pass
+  bool said_short_ = false;
+  Clock::time_point last_short_;
 };
 
-void ThreadMain(const std::string &application, SnmpSettings *settings, int *result) {
-  pthread_setname_np(pthread_self(), "snmp");
+// What SnmpStart() and its thread share.
+struct Starting {
+  std::string application;
+  SnmpSettings settings;
+};
+
+// Says why there is no SNMP side, once, and lets the agent thread see it.
+void Fail(const char *what, const char *why) {
+  Shared &side = Side();
+  if (!side.failed.exchange(true)) {
+    agentlog_fprintf(stderr, "%s: %s: %s\n", AgentName(), what, why);
+  }
+  Sets().WakeAgent();
+}
+
+constexpr char kCannotStart[] = "Can't start the SNMP side";
+constexpr char kHasEnded[] = "The SNMP side has ended";
+
+void RunThread(Starting &starting, bool *begun) {
   Shared &side = Side();
   AgentxSession::Settings session;
-  int loaded = LoadSnmpConfiguration(application, settings, &session);
-  {
-    std::lock_guard lock(side.state_mutex);
-    *result = loaded;
-    side.running = true;
-    side.state_changed.notify_all();
+  if (LoadSnmpConfiguration(starting.application, &starting.settings, &session) != 0) {
+    Fail(kCannotStart, "the SNMP library");
+    return;
   }
-  if (loaded == 0) {
+  {
+    Loop loop(std::move(session));
     {
-      Loop loop(std::move(session));
-      loop.Run();
+      std::lock_guard lock(side.state_mutex);
+      side.running = true;
+      *begun = true;
+      side.state_changed.notify_all();
     }
-    UnloadSnmp(application);
+    loop.Run();
+  }
+  UnloadSnmp(starting.application);
+}
+
+void ThreadMain(const std::shared_ptr<Starting> &starting) noexcept {
+  pthread_setname_np(pthread_self(), "snmp");
+  Shared &side = Side();
+  bool begun = false;
+  try {
+    RunThread(*starting, &begun);
+  } catch (const std::exception &e) {
+    Fail(begun ? kHasEnded : kCannotStart, e.what());
+  } catch (...) {
+    Fail(begun ? kHasEnded : kCannotStart, "unknown exception");
   }
   std::lock_guard lock(side.state_mutex);
+  side.running = false;
   side.finished = true;
   side.state_changed.notify_all();
+  EndQueries();
+}
+
+int StartThread(const std::shared_ptr<Starting> &starting) {
+  Shared &side = Side();
+  // Signals are for the agent thread alone.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  int error = 0;
+  try {
+    side.thread = std::thread(ThreadMain, starting);
+  } catch (const std::system_error &e) {
+    error = e.code().value();
+  } catch (const std::exception &) {
+    error = ENOMEM;
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  errno = error;
+  return error == 0 ? 0 : -1;
 }
 
 }  // namespace
@@ -279,49 +444,57 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   if (side.thread.joinable()) {
     return -1;
   }
+  side.failed = false;
   if (side.wake_fd < 0) {
     side.wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (side.wake_fd < 0) {
-      return -1;
-    }
+  }
+  if (side.wake_fd < 0 || !Sets().Ready()) {
+    Fail(kCannotStart, strerror(errno));
+    return -1;
   }
   side.stop = false;
   side.finished = false;
   Sets().SetWake(WakeThread);
 
-  // Signals are for the agent thread alone.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  int result = -1;
-  SnmpSettings read;
+  std::shared_ptr<Starting> starting;
   try {
-    side.thread = std::thread(ThreadMain, std::string(application), &read, &result);
-  } catch (const std::system_error &) {
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    starting = std::make_shared<Starting>();
+    starting->application = application;
+  } catch (const std::exception &) {
+    Fail(kCannotStart, strerror(ENOMEM));
     return -1;
   }
-  {
-    std::unique_lock lock(side.state_mutex);
-    side.state_changed.wait(lock, [&side] { return side.running; });
+  if (StartThread(starting) != 0) {
+    Fail(kCannotStart, strerror(errno));
+    return -1;
   }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  if (result != 0) {
+  const Clock::time_point until = Clock::now() + kStartPatience;
+  std::unique_lock lock(side.state_mutex);
+  while (!side.running && !side.finished) {
+    if (agent_ending() != 0) {
+      return -1;
+    }
+    if (Clock::now() >= until) {
+      Fail(kCannotStart, "reading its configuration takes more than a minute");
+      return -1;
+    }
+    side.state_changed.wait_for(lock, kEndingSlice);
+  }
+  if (!side.running) {
+    lock.unlock();
     side.thread.join();
-    side.running = false;
     return -1;
   }
   if (settings != nullptr) {
-    *settings = std::move(read);
+    *settings = std::move(starting->settings);
   }
   return 0;
 }
 
-void SnmpStop() {
+bool SnmpStop() {
   Shared &side = Side();
   if (!side.thread.joinable()) {
-    return;
+    return true;
   }
   side.stop = true;
   WakeThread();
@@ -337,11 +510,12 @@ void SnmpStop() {
   } else {
     side.thread.detach();
   }
-  std::lock_guard lock(side.queries_mutex);
-  for (std::shared_ptr<SnmpQuery> &query : side.queries) {
-    query->Done();
-  }
-  side.queries.clear();
+  EndQueries();
+  return finished;
+}
+
+bool SnmpFailed() {
+  return Side().failed;
 }
 
 bool SnmpRunning() {
@@ -368,17 +542,23 @@ void SnmpPublish(std::shared_ptr<const Image> image) {
     return;
   }
   Shared &side = Side();
-  uint64_t id = image->object_id;
+  const uint64_t id = image->object_id;
   std::lock_guard lock(side.images_mutex);
-  side.images[id].swap(image);  // the one before is released after the lock
-  side.images_waiting.store(true, std::memory_order_release);
+  Shared::Published &entry = side.images.try_emplace(id, Shared::Published{id, nullptr})
+                                 .first->second;
+  entry.image.swap(image);  // the one before is released after the lock
+  Enqueue(&entry);
 }
 
-void SnmpWithdraw(uint64_t object_id) {
+void SnmpWithdraw(uint64_t object_id) noexcept {
   Shared &side = Side();
+  std::shared_ptr<const Image> image;
   std::lock_guard lock(side.images_mutex);
-  side.images[object_id] = nullptr;
-  side.images_waiting.store(true, std::memory_order_release);
+  const auto place = side.images.find(object_id);
+  if (place != side.images.end()) {
+    image.swap(place->second.image);
+    Enqueue(&place->second);
+  }
 }
 
 void SnmpNotify(Notification notification) {
@@ -388,32 +568,61 @@ void SnmpNotify(Notification notification) {
   }
 }
 
-int SnmpQueryInteger(const std::string &address, const std::string &community, const char *oid,
-                     int32_t *value, int *status) {
+SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,
+                            const char *oid, std::chrono::nanoseconds patience) {
+  Shared &side = Side();
+  SnmpAnswer answer;
   std::optional<std::vector<uint32_t>> name = ParseOid(oid != nullptr ? oid : "");
-  if (!name || !SnmpRunning()) {
-    return -1;
+  if (!name) {
+    return answer;
   }
   auto query = std::make_shared<SnmpQuery>();
   query->address = address;
   query->community = community;
   query->oid = std::move(*name);
+  side.silent_query.reset();
   {
-    std::lock_guard lock(Side().queries_mutex);
-    Side().queries.push_back(query);
+    std::list<std::shared_ptr<SnmpQuery>> asked = {query};
+    std::lock_guard lock(side.queries_mutex);
+    side.queries.splice(side.queries.end(), asked);
+  }
+  // Only now: a thread that ends meanwhile has ended this query, too.
+  if (!SnmpRunning()) {
+    return answer;
   }
   WakeThread();
-  if (!query->Wait(Clock::now() + kQueryPatience)) {
-    return -1;
+  const Clock::time_point until = Clock::now() + patience;
+  while (!query->Wait(std::min(until, Clock::now() + kEndingSlice))) {
+    if (agent_ending() != 0) {
+      return answer;
+    }
+    if (Clock::now() >= until) {
+      side.silent_query = query;
+      answer.end = QueryEnd::kSilent;
+      return answer;
+    }
   }
-  if (status != nullptr && query->has_status) {
-    *status = query->status;
+  if (query->has_status) {
+    answer.end = QueryEnd::kAnswered;
+    answer.status = query->status;
+    if (query->has_value) {
+      answer.value = query->value;
+    }
+  } else if (query->refused) {
+    answer.end = QueryEnd::kRefused;
+  } else if (query->sent) {
+    answer.end = QueryEnd::kSilent;  // its tries are over
   }
-  if (!query->has_value) {
-    return -1;
+  return answer;
+}
+
+bool SnmpAnsweredLate() {
+  std::shared_ptr<SnmpQuery> &query = Side().silent_query;
+  if (query == nullptr || !query->AnsweredLate()) {
+    return false;
   }
-  *value = query->value;
-  return 0;
+  query.reset();
+  return true;
 }
 
 }  // namespace vex

@@ -2,20 +2,24 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <optional>
+#include <string_view>
+
 #include "framework/appliance.h"
 #include "framework/distribution.h"
 
 const char *agent = "fuzz";
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+namespace {
+
+std::optional<vex::Assignments> Parse(std::string_view text, vex::Values values) {
   int bad_line = 0;
-  const auto assignments =
-      vex::ParseAssignments({reinterpret_cast<const char *>(data), size}, &bad_line);
+  auto assignments = vex::ParseAssignments(text, values, &bad_line);
   if (!assignments) {
     if (bad_line <= 0) {
       __builtin_trap();
     }
-    return 0;
+    return assignments;
   }
   for (const auto &[key, value] : *assignments) {
     if (key.empty() || value.find('\0') != std::string::npos ||
@@ -23,7 +27,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       __builtin_trap();
     }
   }
-  vex::ApplianceFrom(*assignments);
-  vex::DistributionFrom(*assignments);
+  return assignments;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  const std::string_view text(reinterpret_cast<const char *>(data), size);
+  const auto shell = Parse(text, vex::Values::kShell);
+  const auto plain = Parse(text, vex::Values::kPlain);
+  if (shell && !plain) {
+    __builtin_trap();  // what a shell's rules let pass, the plain ones do
+  }
+  if (shell) {
+    vex::DistributionFrom(*shell);
+  }
+  if (plain) {
+    bool bad_id;
+    vex::ApplianceFrom(*plain, &bad_id);
+  }
   return 0;
 }

@@ -49,18 +49,12 @@ DIR *__wrap_opendir(const char *path) {
   return strcmp(path, vmfs_volumes_directory) == 0 ? __real_opendir("/") : nullptr;
 }
 
-FILE *__real_popen(const char *command, const char *mode);
-FILE *__wrap_popen(const char *command, const char *mode) {
-  if (!inside) {
-    return __real_popen(command, mode);
-  }
+int run_command(const char *command, int, char *output, size_t size, size_t *length) {
   fake::Require(strcmp(command, vdf_command) == 0);
-  return vdf_text.empty() ? nullptr : fmemopen(vdf_text.data(), vdf_text.size(), "r");
-}
-
-int __real_pclose(FILE *file);
-int __wrap_pclose(FILE *file) {
-  return inside ? fclose(file) : __real_pclose(file);
+  *length = vdf_text.size() < size ? vdf_text.size() : size - 1;
+  memcpy(output, vdf_text.data(), *length);
+  output[*length] = '\0';
+  return vdf_text.empty() ? COMMAND_NOT_RUN : 0;
 }
 
 FILE *mount_text;

@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const int type = package_class % 256;
   Require(package_class == 0 || type == 2 || type == 3 || type == 5);
   Require(package_class / 256 <= 2);
-  if (is_package_name(name.c_str()) != 0) {
+  if (check_package_name(name.c_str()) == NAME_USABLE) {
     Require(!name.empty() && name.size() <= 89);
     Require(name.find_first_of(" \t\n;|&$`'\"\\<>()*?[]{}!#/") == std::string::npos);
   }

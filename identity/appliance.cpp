@@ -101,6 +101,6 @@ int do_appliance() {
   if (const auto *name = static_cast<const char *>(get_appliance_data("ProductName"))) {
     copy_field(block->description, name);
   }
-  log_data(object);
+  publish_once(object);
   return 0;
 }

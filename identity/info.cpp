@@ -71,22 +71,12 @@ enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
 
 // The texts that a manager has set, as they stand and without an end.
-static constexpr char role_file[] = "tlxhosystemrole.dat";
-static constexpr char role_detail_file[] = "tlxhosystemroledetail.dat";
-static constexpr mode_t role_file_mode = 0600;
+static kept_file role_file = {"tlxhosystemrole.dat", false};
+static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
 
 static info_block *block_of(registry_object *object) {
   return reinterpret_cast<info_block *>(object->data);
 }
-
-// A path in the registry root, which all agents share.
-struct role_path {
-  char text[sizeof(REGISTRY_ROOT) + sizeof(role_detail_file)];
-
-  explicit role_path(const char *file) {
-    snprintf(text, sizeof(text), "%s/%s", REGISTRY_ROOT, file);
-  }
-};
 
 // ---- Reading --------------------------------------------------------------------------------
 
@@ -117,26 +107,23 @@ static void read_description(info_block *block) {
   }
 }
 
-// Fills the field, of which the last byte stays 0, with the beginning of the file, and gives the
-// file a mode unless that is 0.
-static void read_role(const char *path, char *field, size_t field_size, mode_t mode) {
+// Fills the field, of which the last byte stays 0, with the beginning of the file.
+static void read_role(kept_file *file, char *field, size_t field_size, bool settle_mode) {
   memset(field, 0, field_size);
-  const stream_handle file(open_kept_file(path, "r"));
-  if (!file) {
+  if (read_kept_file(file, field, field_size - 1, settle_mode) >= 0) {
     return;
   }
-  // Less than the whole field, or nothing after an error, is what there is.
-  const size_t length = fread(field, 1, field_size - 1, file.get());
-  memset(field + length, 0, field_size - length);
-  if (mode != 0) {
-    set_kept_file_mode(file.get(), mode);
+  const int error = errno;
+  memset(field, 0, field_size);
+  if (error != ENOENT && error != EBADF) {
+    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, file->name,
+                     strerror(error));
   }
 }
 
 static void read_roles(info_block *block) {
-  read_role(role_path(role_file).text, block->role, sizeof(block->role), 0);
-  read_role(role_path(role_detail_file).text, block->role_detail, sizeof(block->role_detail),
-            role_file_mode);
+  read_role(&role_file, block->role, sizeof(block->role), false);
+  read_role(&role_detail_file, block->role_detail, sizeof(block->role_detail), true);
 }
 
 static void read_system(info_block *block) {
@@ -169,24 +156,7 @@ static telnet_state probe_telnet() {
 
 // ---- Setting --------------------------------------------------------------------------------
 
-enum write_result { WRITTEN, NOT_OPENED, WRITE_FAILED };
-
-// Replaces the file's text. A stream keeps small texts to itself, so that a full disk is met at its
-// flush or close. Something else in the file's place is no file that could be written.
-static write_result write_role(const char *path, const char *text) {
-  FILE *file = open_kept_file(path, "w");
-  if (file == nullptr) {
-    return errno == EBADF ? WRITE_FAILED : NOT_OPENED;
-  }
-  fwrite(text, 1, strlen(text), file);
-  const bool written = fflush(file) == 0 && ferror(file) == 0;
-  if (written) {
-    set_kept_file_mode(file, role_file_mode);
-  }
-  return fclose(file) == 0 && written ? WRITTEN : WRITE_FAILED;
-}
-
-static int apply_role(uint8_t phase, const char *file, char *field, size_t field_size,
+static int apply_role(uint8_t phase, kept_file *file, char *field, size_t field_size,
                       const char *text) {
   if (strlen(text) > field_size - 1) {
     return -1;
@@ -194,11 +164,11 @@ static int apply_role(uint8_t phase, const char *file, char *field, size_t field
   if (phase == SET_CHECK) {
     return 0;
   }
-  switch (write_role(role_path(file).text, text)) {
-    case WRITTEN:
+  switch (replace_kept_file(file, text, strlen(text))) {
+    case KEPT_REPLACED:
       copy_field(field, field_size, text);
       return 0;
-    case NOT_OPENED:
+    case KEPT_NOT_OPENED:
       // On purpose a success that changes nothing: where the registry cannot be written, managers
       // rely on the set being accepted.
       return 0;
@@ -213,9 +183,9 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
   const auto *text = static_cast<const char *>(value);
   switch (desc->slot) {
     case SYSTEM_ROLE:
-      return apply_role(phase, role_file, block->role, sizeof(block->role), text);
+      return apply_role(phase, &role_file, block->role, sizeof(block->role), text);
     case SYSTEM_ROLE_DETAIL:
-      return apply_role(phase, role_detail_file, block->role_detail, sizeof(block->role_detail),
+      return apply_role(phase, &role_detail_file, block->role_detail, sizeof(block->role_detail),
                         text);
     default:
       return -1;

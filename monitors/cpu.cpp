@@ -1,6 +1,7 @@
 #include "monitors/cpu.h"
 
 #include <ctype.h>
+#include <errno.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -59,15 +60,18 @@ static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
 
 static constexpr char stat_path[] = "/proc/stat";
 static constexpr int line_size = 256;
+// How often a count that a read error broke off is begun again at once.
+static constexpr int count_attempts = 3;
 // A long average is -1 until its time has passed, in seconds since the rows were created.
 static constexpr time_t known_after[RINGS] = {0, 300, 1800, 3600};
 
 static bool uncounted = true;
+static bool rows_wanted;     // since start-up, whose count was broken off
 static int processors;       // counted once: those that come or go later are not noticed
 static cpu_sample *current;  // one sample a processor
 static cpu_sample *previous;
 static size_t samples_size;  // bytes of each of the two
-static time_t created;
+static time_t created;       // by age_clock()
 
 // ---- Reading --------------------------------------------------------------------------------
 
@@ -92,32 +96,61 @@ void parse_cpu_line(const char *line, cpu_sample *sample) {
   *sample = {.idle = idle, .user = user, .system = system, .nice = 0};
 }
 
-// Counts the processors and makes room for their samples. 0, also when /proc/stat cannot be opened
-// (the next call tries again), or -1 without memory.
-static int count_processors() {
+// Seconds on a clock that nobody sets, for ages. It goes on while the machine sleeps.
+static time_t age_clock() {
+  timespec now;
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return now.tv_sec;
+}
+
+enum count_result { COUNTED, NO_FILE, BROKEN_OFF };
+
+// Counts the processors' lines of /proc/stat, which says nothing unless it was read to its end. A
+// file that is there and cannot be opened at this moment is one that cannot be read.
+static count_result count_lines(int *count) {
   const stream_handle stat(fopen(stat_path, "r"));
   if (!stat) {
-    return 0;
+    return errno == ENOENT || errno == ENOTDIR || errno == EACCES ? NO_FILE : BROKEN_OFF;
   }
-  int count = 0;
+  *count = 0;
   char line[line_size];
   while (fgets(line, sizeof(line), stat.get()) != nullptr) {
-    count += is_processor_line(line);
+    *count += is_processor_line(line);
   }
-  processors = count == 0 ? 1 : count;
+  return ferror(stat.get()) != 0 ? BROKEN_OFF : COUNTED;
+}
+
+// Counts the processors and makes room for their samples. 0, also when there was no whole count
+// (the next call tries again), or -1 without memory.
+static int count_processors(int start_up) {
+  int count = 0;
+  count_result result = BROKEN_OFF;
+  for (int attempt = 0; attempt < count_attempts && result == BROKEN_OFF; attempt++) {
+    result = count_lines(&count);
+  }
+  if (result != COUNTED) {
+    // Rows are born at start-up alone; a file that could not be opened then leaves none.
+    rows_wanted = rows_wanted || (start_up != 0 && result == BROKEN_OFF);
+    return 0;
+  }
+  const int number = count == 0 ? 1 : count;
+  const auto n = static_cast<size_t>(number);
+  freeing now(static_cast<cpu_sample *>(calloc(n, sizeof(cpu_sample))));
+  freeing before(static_cast<cpu_sample *>(calloc(n, sizeof(cpu_sample))));
+  if (!now || !before) {
+    return -1;
+  }
+  current = now.release();
+  previous = before.release();
+  processors = number;
+  samples_size = n * sizeof(cpu_sample);
   uncounted = false;
-  if (current == nullptr && previous == nullptr) {
-    const auto n = static_cast<size_t>(processors);
-    samples_size = n * sizeof(cpu_sample);
-    current = static_cast<cpu_sample *>(calloc(n, sizeof(cpu_sample)));
-    previous = static_cast<cpu_sample *>(calloc(n, sizeof(cpu_sample)));
-  }
-  return current == nullptr || previous == nullptr ? -1 : 0;
+  return 0;
 }
 
 // With one processor its own line is not looked for: the first line, which sums up all of them,
 // says the same.
-// Returns false when /proc/stat cannot be opened.
+// Returns false, with the samples as they were, when /proc/stat cannot be opened or read.
 static bool take_samples() {
   const stream_handle stat(fopen(stat_path, "r"));
   if (!stat) {
@@ -130,13 +163,20 @@ static bool take_samples() {
       parse_cpu_line(line, &current[n++]);
     }
   }
+  if (ferror(stat.get()) != 0) {
+    memcpy(current, previous, samples_size);
+    return false;
+  }
   return true;
 }
 
-// 1 with a new sample, 0 without (/proc/stat cannot be opened), -1 without memory.
-static int sample_processors() {
-  if (uncounted && count_processors() != 0) {
+// 1 with a new sample, 0 without (/proc/stat cannot be opened or read), -1 without memory.
+static int sample_processors(int start_up) {
+  if (uncounted && count_processors(start_up) != 0) {
     return -1;
+  }
+  if (uncounted) {
+    return 0;
   }
   return take_samples() ? 1 : 0;
 }
@@ -179,7 +219,7 @@ static void take_utilisation(cpu_block *block, int32_t utilisation) {
   if (block->ring[MINUTE].position != 1) {
     return;
   }
-  const time_t age = time(nullptr) - created;
+  const time_t age = age_clock() - created;
   for (int which = FIVE_MINUTES; which < RINGS; which++) {
     const int32_t average = add_sample(block, which, block->average[MINUTE]);
     block->average[which] = age < known_after[which] ? -1 : average;
@@ -195,6 +235,10 @@ static uint32_t minute_length() {
 
 static int create_row(int n) {
   char name[sizeof(log_dir) + sizeof("/cpu.") + 11];
+  snprintf(name, sizeof(name), "%s.%d", "host/cpu", n);
+  if (find_obj(&obj_Q, 0, name) != nullptr) {
+    return 0;  // by an earlier attempt that did not get to the end
+  }
   snprintf(name, sizeof(name), "%s/%s.%d", log_dir, "cpu", n);
   registry_object *object =
       create_obj(&obj_Q, get_id(), name, 1, sizeof(cpu_block), variable_count);
@@ -228,6 +272,7 @@ static int update_row(int n) {
 }
 
 static int create_rows() {
+  created = age_clock();
   for (int n = 0; n < processors; n++) {
     if (create_row(n) != 0) {
       return -1;
@@ -239,15 +284,15 @@ static int create_rows() {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_cpu(int start_up) {
-  const int sampled = sample_processors();
+  const int sampled = sample_processors(start_up);
   if (sampled < 0) {
     return -1;
   }
-  if (start_up != 0) {
-    created = time(nullptr);
+  if (start_up != 0 || (rows_wanted && !uncounted)) {
     if (create_rows() != 0) {
       return -1;
     }
+    rows_wanted = uncounted && rows_wanted;
   }
   if (sampled == 0) {
     return 0;

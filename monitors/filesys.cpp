@@ -59,8 +59,12 @@ static constexpr char vmfs_volumes_directory[] = "/vmfs/volumes";
 static constexpr char vmkfstools_command[] = "/usr/sbin/vmkfstools -l /vmfs/%s";
 static constexpr char vdf_command[] = "vdf | grep \"/vmfs/volumes\"";
 static constexpr size_t command_size = 128;
+// What all commands of one scan may take together, in milliseconds.
+static constexpr int commands_limit = 10000;
 static constexpr int vmware_period = 20;  // passes
+static constexpr int mount_table_attempts = 3;
 
+static constexpr int mount_line_size = 4096;
 static constexpr size_t name_size = 8192;  // of a device or mount directory, with its NUL
 
 // Names of this length and longer are cut, to be published whole in one description.
@@ -154,14 +158,20 @@ static bool is_ignored(const char *type) {
   return false;
 }
 
-// 0, or -1 when there is no memory.
+// 0, or -1 when there is no memory or the table cannot be read to its end (errno).
 static int read_mount_table(FILE *file, mount_list *list) {
   list->count = 0;
   list->texts_used = 0;
-  while (const mntent *entry = getmntent(file)) {
-    if (!is_ignored(entry->mnt_type) && !add_entry(list, *entry)) {
+  // getmntent() would find no mount ever again once it had no memory for its buffer.
+  static char line[mount_line_size];
+  mntent entry;
+  while (getmntent_r(file, &entry, line, sizeof(line)) != nullptr) {
+    if (!is_ignored(entry.mnt_type) && !add_entry(list, entry)) {
       return -1;
     }
+  }
+  if (ferror(file) != 0) {
+    return -1;
   }
   for (size_t i = 0; i < list->count; i++) {
     list->paths[i] = list->texts + list->entries[i].directory;
@@ -256,12 +266,19 @@ static void describe(const filesys_row *row, const char *device) {
 }
 
 // Publishes the row if anything in it changed. 0, or what log_data() says.
+// What no row has for its index.
+static constexpr int32_t no_index = -1;
+
 static int publish(filesys_row *row) {
   if (memcmp(row->object->data, &row->published, sizeof(row->published)) == 0) {
     return 0;
   }
   memcpy(&row->published, row->object->data, sizeof(row->published));
-  return log_data(row->object);
+  const int result = log_data(row->object);
+  if (result != 0) {
+    row->published.index = no_index;  // differs: the next pass publishes it
+  }
+  return result;
 }
 
 static filesys_row *create_row(const char *key) {
@@ -284,7 +301,7 @@ static filesys_row *create_row(const char *key) {
   }
   define_variables(row->object, variables);
   block_of(row)->index = row->object->instance;
-  log_data(row->object);
+  publish_once(row->object);
   return row;
 }
 
@@ -368,18 +385,36 @@ static void refresh_mount(char *device, const char *directory, const mount_stats
   }
 }
 
+static void report_mount_table(const char *verb) {
+  // The file's name in the message is an older one, which log filters know.
+  agentlog_fprintf(stderr, "%s: Can't %s the file /etc/mnttab, error %d  (PEER3034)\n", agent, verb,
+                   errno);
+}
+
+// Lists the mounts. 0, or -1. A table that was read in part would cost the other mounts their rows,
+// so it is read again.
+static int list_mounts(mount_list *list) {
+  for (int attempt = 0; attempt < mount_table_attempts; attempt++) {
+    FILE *file = setmntent(mount_table_path, "r");
+    if (file == nullptr) {
+      report_mount_table("open");
+      return -1;
+    }
+    const int result = read_mount_table(file, list);
+    const int error = errno;
+    endmntent(file);
+    errno = error;
+    if (result == 0) {
+      return 0;
+    }
+  }
+  report_mount_table("read");
+  return -1;
+}
+
 static int refresh_mounts() {
   static mount_list list;
-  FILE *file = setmntent(mount_table_path, "r");
-  if (file == nullptr) {
-    // The file's name in the message is an older one, which log filters know.
-    agentlog_fprintf(stderr, "%s: Can't %s the file /etc/mnttab, error %d  (PEER3034)\n", agent,
-                     "open", errno);
-    return -1;
-  }
-  const int result = read_mount_table(file, &list);
-  endmntent(file);
-  if (result != 0 || stat_mounts(list.paths, list.count, list.stats) != 0) {
+  if (list_mounts(&list) != 0 || stat_mounts(list.paths, list.count, list.stats) != 0) {
     return -1;
   }
   for (size_t i = 0; i < list.count; i++) {
@@ -397,40 +432,52 @@ static int refresh_from_vmkfstools(filesys_row *row, const char *device, FILE *o
   return publish(row);
 }
 
+// What a command of VMware's printed.
+static char command_output[256 * 1024];
+
+// Runs a command within what is left of the limit and stores its output. Its exit status means
+// nothing. False when it could not be run or ran out of time: then its output counts as none.
+static bool read_command(const char *command, const shared_limit &limit, size_t *length) {
+  const int left = limit.left();
+  return left > 0 &&
+         run_command(command, left, command_output, sizeof(command_output), length) >= 0;
+}
+
 // One VMFS-2 volume: an entry of /vmfs with a colon in its name.
-static void scan_vmfs_entry(const char *name) {
+static void scan_vmfs_entry(const char *name, const shared_limit &limit) {
   if (strchr(name, ':') == nullptr || !is_plain_name(name)) {
     return;
   }
   char command[command_size];
   snprintf(command, sizeof(command), vmkfstools_command, name);
-  FILE *output = popen(command, "r");
-  if (output == nullptr) {
+  size_t length = 0;
+  if (!read_command(command, limit, &length)) {
+    return;
+  }
+  const stream_handle output(fmemopen(command_output, length, "r"));
+  if (!output) {
     return;
   }
   char key[sizeof(vmfs_directory) + sizeof(dirent::d_name) + 1];
   snprintf(key, sizeof(key), "%s/%s", vmfs_directory, name);
   filesys_row *row = row_of(key);
   row->countdown = LISTED_BY_VMWARE_SCAN;
-  if (refresh_from_vmkfstools(row, "vmfs", output) == 0) {
-    pclose(output);
-  } else {
-    // The pipe stays open: closing it would wait for a command that may not end.
+  if (refresh_from_vmkfstools(row, "vmfs", output.get()) != 0) {
     report_update_failure(key);
   }
 }
 
-static void scan_vmfs() {
+static void scan_vmfs(const shared_limit &limit) {
   const directory_handle directory(opendir(vmfs_directory));
   if (!directory) {
     return;
   }
   while (const dirent *entry = readdir(directory.get())) {
-    scan_vmfs_entry(entry->d_name);
+    scan_vmfs_entry(entry->d_name, limit);
   }
 }
 
-static void scan_vmfs_volumes() {
+static void scan_vmfs_volumes(const shared_limit &limit) {
   // Tells only whether this is a VMware console.
   if (!directory_handle(opendir(vmfs_volumes_directory))) {
     return;
@@ -443,7 +490,11 @@ static void scan_vmfs_volumes() {
   unsigned long long available = 0;
   int percent = 0;
   key[0] = '\0';
-  const pipe_handle output(popen(vdf_command, "r"));
+  size_t length = 0;
+  if (!read_command(vdf_command, limit, &length)) {
+    return;
+  }
+  const stream_handle output(fmemopen(command_output, length, "r"));
   if (!output) {
     return;
   }
@@ -482,8 +533,9 @@ int do_filesys() {
     return -1;
   }
   if (vmware_phase == 0) {
-    scan_vmfs();
-    scan_vmfs_volumes();
+    const shared_limit limit(commands_limit);
+    scan_vmfs(limit);
+    scan_vmfs_volumes(limit);
   }
   vmware_phase = (vmware_phase + 1) % vmware_period;
   remove_unlisted();

@@ -101,6 +101,7 @@ int do_memory() {
     return 0;
   }
   auto *block = reinterpret_cast<memory_block *>(object->data);
+  const memory_block before = *block;
   char line[line_size];
   while (fgets(line, sizeof(line), meminfo.get()) != nullptr) {
     unsigned long kilobytes;
@@ -108,6 +109,11 @@ int do_memory() {
     if (key >= 0) {
       take_value(block, key, kilobytes);
     }
+  }
+  if (ferror(meminfo.get()) != 0) {
+    // Half a reading: figures of two moments would not go together.
+    *block = before;
+    return 0;
   }
   log_data(object);
   return 0;

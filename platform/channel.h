@@ -21,7 +21,8 @@ struct tlxci_channel; /* opaque; owned by the library */
 /* The kind of controller present. Any other value means a remote management card too. */
 enum tlxci_kind { TLXCI_NONE = 0, TLXCI_REMOTE_CARD = 1, TLXCI_INTEGRATED = 5 };
 
-/* Status of an operation on the channel; any other value is a failure too. */
+/* Status of an operation on the channel; any other value is a failure too, an errno among them:
+ * EINTR when a signal broke off the wait. */
 enum tlxci_status {
   TLXCI_OK = 0,
   TLXCI_NO_CHANNEL = 2,

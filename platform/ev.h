@@ -17,7 +17,7 @@ extern "C" {
  * name    the EV's name: letters, digits, '.', '_' and '-' only.
  * buffer  receives at most *length bytes; owned by the caller.
  * length  on entry the number of bytes wanted, on success the number stored (less when the EV is
- *         shorter); untouched on failure.
+ *         shorter; a longer one is one line in the log); untouched on failure.
  * Returns 0, or -1 when there is no such EV, its source is not a regular file or cannot be read. */
 int get_ev(const char *name, void *buffer, uint32_t *length);
 

@@ -46,8 +46,9 @@ enum set_phase { SET_CHECK = 1, SET_APPLY = 2 };
  * value   an int32_t in host order (VAR_INTEGER), NUL-terminated text (VAR_DISPLAY_STRING) or
  *         octets (VAR_OCTET_STRING); owned by the framework, valid during the call only.
  * length  4, the text's length without the NUL, or the number of octets.
- * Returns 0 to accept, -1 to refuse. The framework does not publish on the handler's behalf, but
- * what the data block holds after an accepted apply is what a manager reads next. */
+ * Returns 0 to accept, -1 to refuse. What the data block holds of this variable after an accepted
+ * apply is published, so that managers and siblings read it next; all other variables stay as they
+ * were published. */
 typedef int (*set_handler_fn)(uint8_t phase, struct registry_object *object,
                               struct descriptor *desc, const void *value, int length);
 
@@ -162,13 +163,14 @@ struct registry_object *create_obj(struct queue *registry, int owner, const char
 
 /* Defines the variable of one slot. desc is &object->desc[slot] of an object from create_obj();
  * value points into that object's data block. set_handler may be null. Returns 0, or -1 when slot,
- * size or value do not lie within the object (the slot then stays undefined). */
+ * size or value do not lie within the object (the slot then stays undefined). Defining a variable
+ * of the MIB modules takes no memory; another one's name may lack it (-1, errno ENOMEM). */
 int init_info(int slot, struct descriptor *desc, const char *name, int size, int type, int access,
               int count, void *value, set_handler_fn set_handler);
 
 /* Publishes the object's current values, all at once, to its file and to the SNMP side. Never waits
- * for a disk or for the SNMP thread. Returns 0 once the values are served; a file that cannot be
- * written (a full or read-only disk) is reported once, when that begins, and written again by the
+ * for a disk or for the SNMP thread. Returns 0 once the values are served. What fails (a file on a
+ * full or read-only disk, no memory) is reported once, when that begins, and done again by the
  * framework after each poll until it succeeds. -1 when the object is not a live one. */
 int log_data(struct registry_object *object);
 
@@ -188,6 +190,13 @@ struct registry_object *get_obj(const char *path);
  * object. */
 int delete_obj(struct queue *registry, struct registry_object *object, int zero);
 
+/* Takes a directory below REGISTRY_ROOT for this process alone, for as long as it lives; makes it
+ * when it is missing. Once, before create_dir() and remove_all_dir(). Waits a second for a holder
+ * that is just ending. Returns 0, also when the directory cannot be made or reached now (the
+ * framework tries again after each poll); -1 with errno when the process must not go on: EBUSY when
+ * another process has it (the log then says which one), EXDEV for a path elsewhere, ENOMEM. */
+int claim_dir(const char *path);
+
 /* Creates a directory below REGISTRY_ROOT and, when parents is 1, what is missing above it (mode
  * 0755). Returns 0 (also when it exists) or -1 with errno. */
 int create_dir(const char *path, int parents);
@@ -197,19 +206,32 @@ int create_dir(const char *path, int parents);
  * (also when there is nothing) or -1 with errno. */
 int remove_all_dir(const char *path);
 
-/* Returns non-zero when path is a directory without entries. */
+/* Returns non-zero when path is a directory at or below REGISTRY_ROOT without entries. As with the
+ * next two, no link below the root is followed, and above it only those that root or this user has
+ * made. */
 int is_empty_dir(const char *path);
+
+/* Removes the directory at or below REGISTRY_ROOT when it has no entries. Returns 0, or -1 with
+ * errno. */
+int remove_empty_dir(const char *path);
+
+/* Opens the directory at or below REGISTRY_ROOT for reading. Returns a descriptor that is
+ * close-on-exec and that the caller closes, or -1 with errno: ELOOP for a link that is not followed,
+ * EXDEV for a path outside the registry. */
+int open_dir(const char *path);
 
 /* ---- Process ----------------------------------------------------------------------------- */
 
 /* The process's main loop. Sets `agent`, takes -l FILE out of the arguments, calls the hooks, and
  * returns the exit status: 0 after SIGTERM or SIGINT, 1 when init_agent() failed; what it had
- * created in the registry is then deleted. */
+ * created in the registry is then deleted. 1 also when the SNMP side could not be started or has
+ * ended, which is logged: the hooks are then called as for an ordinary end. */
 int agent_main(int argc, char **argv);
 
 /* Non-zero once the process has been told to end (SIGTERM, SIGINT). Whatever waits or loops in a
- * hook asks now and then and gives up: the agent ends within a second. A signal also interrupts the
- * agent thread's calls (EINTR). Agent thread. */
+ * hook asks now and then and gives up: the agent ends within a second. From then on the agent
+ * thread's calls that can be interrupted are interrupted (EINTR) ten times a second, so that a wait
+ * that began just after the question is left as well. Agent thread. */
 int agent_ending(void);
 
 /* Writes one formatted message, as it stands, to the log (standard error, or the -l file, when
@@ -224,17 +246,33 @@ void set_poll_time(int seconds);
 int cfg_set_state(int value);
 int cfg_trap_state(int value);
 
-/* Runs a shell command line and waits for it. On entry *length is the capacity of output; on return
- * the bytes stored, always followed by a NUL within the capacity. Output beyond it is read and
- * dropped. Ends when the shell has ended, also when a process it left behind still holds its
- * output. A command that takes over two minutes is killed. Returns the command's exit status, or -1
- * when it could not be run or was killed. */
+/* Why a command has no exit status. */
+enum command_end {
+  COMMAND_NOT_RUN = -1,     /* it could not be started */
+  COMMAND_TIMED_OUT = -2,   /* it ran out of time and was killed */
+  COMMAND_AGENT_ENDING = -3 /* the agent is to end: it was killed, or not started */
+};
+
+/* Runs a shell command line (by /bin/sh -c, in a process group of its own, without input) for at
+ * most limit_ms milliseconds, and not beyond the agent's end: what is running then is killed with
+ * its group. Stores at most size - 1 bytes of its standard output and a NUL in output, and their
+ * number in *length; output beyond that is read and dropped. Ends when the shell has ended, also
+ * when a process it left behind still holds its output. What it says on its standard error, that it
+ * ran out of time, or that it could not be started is logged once, with the command, until it
+ * changes. Returns the exit status (128 and the number of the signal that ended the shell), or an
+ * enum command_end. */
+int run_command(const char *command, int limit_ms, char *output, size_t size, size_t *length);
+
+/* The same with a limit of two minutes. On entry *length is the capacity of output; on return the
+ * bytes stored, always followed by a NUL within the capacity. Returns the command's exit status, or
+ * -1 when it could not be run or was killed. */
 int process_linux_cmd(const char *command, char *output, int *length);
 
 /* ---- SNMP -------------------------------------------------------------------------------- */
 
 /* Names the application for the SNMP library, reads its configuration and connects to the master
- * agent (in the background; its absence is no error). Returns 0 or -1. */
+ * agent (in the background; its absence is no error). Returns 0, or -1: unless an argument is wrong
+ * or the process is ending, agent_main() then ends it with status 1. */
 int init_snmp_appname(const char *name);
 
 /* Stores the SNMP community, allocated (the caller frees), in *community and returns it; null when
@@ -252,10 +290,14 @@ int get_mib_major_revision(int group);
 int get_mib_minor_revision(int group);
 
 /* A query to the SNMP agent at an IPv4 address (port 161, SNMPv2c, the configured community): open,
- * read integers, close. One connection at a time. init returns 0 or -1.
+ * read integers, close. One connection at a time. init returns 0, or -1, also without a community.
  * get: oid is numeric or begins with "enterprises."; stores the value and, when status is not null,
- * the SNMP error status (0 with an exception such as noSuchObject). Waits at most two seconds.
- * Returns 0 with a value of an integer type, otherwise -1 with *value untouched. */
+ * the SNMP error status (0 with an exception such as noSuchObject). Returns 0 with a value of an
+ * integer type, otherwise -1 with *value untouched.
+ * Waits at most two seconds, which is also what all queries of one hook have together. After one
+ * that was not answered the others of that hook fail at once; while the agent there stays silent,
+ * the first one of a hook waits a quarter of a second, and once a minute two seconds. The end of the
+ * process ends every wait. */
 int init_snmp_connection(const char *address);
 int get_one_snmp_integer_from_api(const char *oid, int32_t *value, int *status);
 int cleanup_snmp_connection(void);
@@ -266,8 +308,8 @@ int cleanup_snmp_connection(void);
 enum mount_state {
   MOUNT_ANSWERED = 0,    /* the figures are valid */
   MOUNT_FAILED = 1,      /* statvfs(3) failed with `error` */
-  MOUNT_SILENT = 2,      /* no answer within two seconds, at this call for the first time */
-  MOUNT_STILL_SILENT = 3 /* silent since an earlier call */
+  MOUNT_SILENT = 2,      /* no answer in time, at this call for the first time */
+  MOUNT_STILL_SILENT = 3 /* no answer yet; said earlier, or the mount is known to be slow */
 };
 
 /* The figures of statvfs(3), 64 bits wide, as far as they are used. */
@@ -282,24 +324,29 @@ struct mount_stats {
 };
 
 /* Asks every one of the mounts at these paths, all in one go, and stores one result for each.
- * A mount that does not answer within two seconds counts as silent; it is not asked again before
- * its outstanding call has come back, unless a call in between did not list its path (it was
- * unmounted). However many fall silent at once delay the caller by little more than two seconds,
- * and not at all afterwards. With 256 calls outstanding, mounts that could not be asked for that
- * reason count as silent.
- * The calls are made by children of the framework that can be abandoned, so that a process whose
- * mounts hang still ends at once. Returns 0, or -1 with errno when there is no memory. */
+ * A mount that does not answer within two seconds counts as silent. What it answers later is the
+ * next call's result, and a mount whose last answer took more than a second is asked between two
+ * calls: its result is then the last answer, or MOUNT_STILL_SILENT while there is none; MOUNT_SILENT
+ * once that has lasted half a minute. It is not asked again before its outstanding call has come
+ * back, unless a call in between did not list its path (it was unmounted). An answer within half a
+ * second ends this. The log says when it begins to answer late and when it is quick again.
+ * However many fall silent at once delay the caller by little more than two seconds, and not at all
+ * afterwards; once the process is to end (agent_ending()), nobody is waited for. With 256 calls
+ * outstanding, mounts that could not be asked for that reason count as silent.
+ * The calls are made by children of the framework that can be left behind, so that a process whose
+ * mounts hang still ends at once. Agent thread. Returns 0, or -1 with errno when there is no
+ * memory. */
 int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results);
 
 /* ---- The machine ------------------------------------------------------------------------- */
 
-/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and no line of it is broken. Read
- * once a process. */
+/* Non-zero on an appliance: /etc/quorix/appliance.conf exists and each line of it is an assignment,
+ * a comment or blank. Read once a process. */
 int is_appliance(void);
 
 /* An appliance datum by key; owned by the framework. "ProductID" points to an int32_t, the others
- * to text; null when missing ("ProductID" is always supplied on an appliance: 0 when it has
- * none).*/
+ * to text; null when missing ("ProductID" is always supplied on an appliance: 0 when it has none,
+ * or one that is no number). */
 const void *get_appliance_data(const char *key);
 
 /* Identifies the Linux distribution from os-release(5). distroid_init() returns 0, or -1 when

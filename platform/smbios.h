@@ -14,7 +14,7 @@
 extern "C" {
 #endif
 
-/* Loads the tables. Returns non-zero when they are loaded (also when they were already), 0 when the
+/* Loads the tables; what cannot be read is tried again for up to 40 ms. Returns non-zero when they are loaded (also when they were already), 0 when the
  * machine has none or they are malformed; the latter is logged, once for as long as it stays so. */
 int InitSMBIOS(void);
 

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "platform/ev.h"
+#include "platform/framework.h"
 
 // ---- Records ----------------------------------------------------------------------------------
 
@@ -67,8 +68,6 @@ const swver_data *find_component(const char *name) {
 
 // ---- State ------------------------------------------------------------------------------------
 
-static constexpr uint32_t version_ev_size = 136;
-
 static bool read_attempted;
 static int read_result;
 static uint8_t versions[version_ev_size];  // zero beyond what the EV holds
@@ -119,6 +118,10 @@ int update_component_versions() {
     read_attempted = true;
     uint32_t length = version_ev_size;
     read_result = get_ev(version_ev, versions, &length);
+    if (read_result == 0 && length < version_ev_size) {
+      agentlog_fprintf(stderr, "EV %s: %u of %u bytes, what is missing counts as zero\n",
+                       version_ev, static_cast<unsigned>(length), version_ev_size);
+    }
   }
   if (read_result != 0) {
     return -1;

@@ -5,7 +5,6 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
-#include <time.h>
 
 #include "core/util.h"
 #include "core/variables.h"
@@ -29,17 +28,41 @@ static const variable agent_variables[] = {
 
 static registry_object *agent_version;  // null until created
 static bool publish_agent_version;
+static bool agent_version_defined;
+static bool agent_version_from_package;
+static tool_patience rpm_patience;
 
-// Whether to scan: the database's time at the last pass, and whether the last listing had no name.
+// Whether to scan: the database's time at the last pass, whether the last listing had no name, and
+// whether a scan is due for one of these reasons.
 static int64_t last_database_time;
 static bool last_listing_empty = true;
+static bool scan_due;
+
+// What all package tools of one pass may take together. A pass asks no further question when half
+// of it is gone, so that each gets the other half at the least: a scan that needs more is continued
+// by the next pass, and only a tool that hangs is cut off.
+static constexpr int tools_limit = 10000;  // milliseconds
+static constexpr int least_limit = tools_limit / 2;
 
 static constexpr size_t listing_size = 98304;
 static constexpr int most_names = 4096;
 
 static char listing[listing_size];
 static const char *listed[most_names];
-static const char *refused[most_names];
+static char answer_text[1024 * 1024];
+
+// The scan under way. A tool that hung leaves it where it is.
+static struct {
+  bool under_way;
+  bool hung;     // reported
+  int names;     // in `listed`
+  int next;      // the first of them that is not done
+  int queried;   // with an answer, usable or not
+  int unusable;  // answers that were not
+  int refused;   // names that were not asked for
+  int64_t took;  // milliseconds
+} scan;
+static tool_patience dpkg_patience;
 
 // ---- Classes ------------------------------------------------------------------------------------
 
@@ -222,11 +245,19 @@ static constexpr size_t query_size = 256;
 static constexpr size_t longest_name = 89;
 static_assert(sizeof(query_head) - 1 + longest_name + sizeof(query_tail) == query_size);
 
-int is_package_name(const char *name) {
-  const size_t length = strspn(name,
-                               "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
-                               "+.-_:~");
-  return length > 0 && length <= longest_name && name[length] == '\0';
+// The length of what a package's name can have.
+static size_t plain_length(const char *name) {
+  return strspn(name,
+                "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                "+.-_:~");
+}
+
+int check_package_name(const char *name) {
+  const size_t length = plain_length(name);
+  if (length == 0 || name[length] != '\0') {
+    return NAME_WITH_WRONG_CHARACTER;
+  }
+  return length > longest_name ? NAME_TOO_LONG : NAME_USABLE;
 }
 
 int read_package_answer(FILE *stream, package_answer *answer) {
@@ -278,42 +309,83 @@ int split_listing(char *text, size_t length, const char **names, int most) {
   return count;
 }
 
-// ---- Permanent part -----------------------------------------------------------------------------
+// ---- Patience -----------------------------------------------------------------------------------
 
-// The first line that the command prints; what does not fit is read and dropped.
-static int read_agent_version(char (&version)[20]) {
-  const pipe_handle pipe(popen(agent_version_command, "re"));
-  if (!pipe) {
-    return -1;
-  }
-  size_t used = 0;
-  for (int c = 0; (c = fgetc(pipe.get())) != EOF;) {
-    if (used < sizeof(version) - 1) {
-      version[used++] = c == '\n' ? '\0' : static_cast<char>(c);
-    }
-  }
-  return 0;
+static constexpr int64_t first_pause = 30000;     // milliseconds
+static constexpr int64_t longest_pause = 600000;  // milliseconds
+
+bool may_ask(const tool_patience &patience, int64_t now) {
+  return now >= patience.next;
 }
 
-static void create_agent_version() {
-  publish_agent_version = true;
-  if (agent_version != nullptr) {
-    return;
-  }
-  char path[sizeof(log_dir) + 16];
-  snprintf(path, sizeof(path), "%s/%s", log_dir, "swverag");
-  agent_version = create_obj(&obj_Q, get_id(), path, 1, sizeof(swverag_data), 1);
-  if (agent_version == nullptr) {
+void lose_patience(tool_patience *patience, int64_t now) {
+  const int64_t longer = patience->pause == 0 ? first_pause : 2 * patience->pause;
+  patience->pause = longer < longest_pause ? longer : longest_pause;
+  patience->next = now + patience->pause;
+}
+
+void regain_patience(tool_patience *patience) {
+  *patience = {};
+}
+
+// ---- Agent version ------------------------------------------------------------------------------
+
+// Asks rpm, once it is known for the last time. A failure is reported when it begins.
+static void find_agent_version(const shared_limit &limit) {
+  static bool reported;
+  if (agent_version == nullptr || agent_version_defined || limit.left() < least_limit ||
+      !may_ask(rpm_patience, monotonic_milliseconds())) {
     return;
   }
   char version[20] = "";
-  if (read_agent_version(version) != 0) {
-    agentlog_fprintf(stderr, "vexhostd FAILED to read for agent swversion\n");
+  size_t length = 0;
+  const int status =
+      run_command(agent_version_command, limit.left(), version, sizeof(version), &length);
+  if (status == COMMAND_AGENT_ENDING) {
+    return;
+  }
+  if (status < 0) {
+    if (status == COMMAND_TIMED_OUT) {
+      lose_patience(&rpm_patience, monotonic_milliseconds());
+    }
+    if (!reported) {
+      agentlog_fprintf(stderr, "vexhostd FAILED to read for agent swversion\n");
+    }
+    reported = true;
+    return;
+  }
+  // The first line; rpm's word counts until a scan has found the package.
+  version[strcspn(version, "\n")] = '\0';
+  auto *data = reinterpret_cast<swverag_data *>(agent_version->data);
+  if (!agent_version_from_package) {
+    copy_field(data->version, version);
+  }
+  define_variables(agent_version, agent_variables);
+  agent_version_defined = true;
+  publish_agent_version = true;
+}
+
+static void set_agent_version(const char *version) {
+  if (agent_version == nullptr) {
     return;
   }
   auto *data = reinterpret_cast<swverag_data *>(agent_version->data);
   copy_field(data->version, version);
-  define_variables(agent_version, agent_variables);
+  char *dash = strchr(data->version, '-');
+  if (dash != nullptr) {
+    memset(dash, 0, static_cast<size_t>(data->version + sizeof(data->version) - dash));
+  }
+  agent_version_from_package = true;
+  publish_agent_version = true;
+}
+
+// ---- Permanent part -----------------------------------------------------------------------------
+
+static void create_agent_version() {
+  publish_agent_version = true;
+  char path[sizeof(log_dir) + 16];
+  snprintf(path, sizeof(path), "%s/%s", log_dir, "swverag");
+  agent_version = create_obj(&obj_Q, get_id(), path, 1, sizeof(swverag_data), 1);
 }
 
 static void create_components() {
@@ -328,9 +400,8 @@ static void create_components() {
     const int32_t index = data->index;
     *data = *record;
     data->index = index;
-    row->changed = 0;
     row->state = SWVER_PERMANENT;
-    log_data(row->object);
+    row->changed = log_data(row->object) != 0;  // else the end of the pass publishes it
   }
 }
 
@@ -351,46 +422,65 @@ static void create_appliance_software() {
 // ---- Package scan -------------------------------------------------------------------------------
 
 static constexpr char agent_package[] = "kelmo";
-static constexpr int slow_scan = 10000;  // milliseconds
+static constexpr int64_t slow_scan = 10000;  // milliseconds
 
-// Reads the installed packages' names into `listed`; their number, 0 when there is no listing.
-static int list_packages() {
-  const pipe_handle pipe(popen(listing_command, "re"));
-  if (!pipe) {
-    return 0;
+// What became of a question to a package tool.
+enum tool_result { TOOL_ANSWERED, TOOL_NOT_RUN, TOOL_HUNG, TOOL_ENDING };
+
+static tool_result ask(const char *command, const shared_limit &limit, char *output, size_t size,
+                       size_t *length) {
+  const int64_t begun = monotonic_milliseconds();
+  const int status = run_command(command, limit.left(), output, size, length);
+  scan.took += monotonic_milliseconds() - begun;
+  switch (status) {
+    case COMMAND_NOT_RUN:
+      return TOOL_NOT_RUN;
+    case COMMAND_TIMED_OUT:
+      return TOOL_HUNG;
+    case COMMAND_AGENT_ENDING:
+      return TOOL_ENDING;
+    default:
+      return TOOL_ANSWERED;
   }
-  const size_t length = fread(listing, 1, sizeof(listing) - 1, pipe.get());
-  listing[length] = '\0';
-  return split_listing(listing, length, listed, most_names);
 }
 
-static int query_package(const char *name, package_answer *answer) {
+// Reads the installed packages' names into `listed`.
+static tool_result list_packages(const shared_limit &limit) {
+  size_t length = 0;
+  const tool_result result = ask(listing_command, limit, listing, sizeof(listing), &length);
+  scan.names = result == TOOL_ANSWERED ? split_listing(listing, length, listed, most_names) : 0;
+  return result;
+}
+
+// *status is read_package_answer()'s once the tool has answered.
+static tool_result query_package(const char *name, const shared_limit &limit,
+                                 package_answer *answer, int *status) {
   char command[query_size];
   snprintf(command, sizeof(command), "%s%s%s", query_head, name, query_tail);
-  const pipe_handle pipe(popen(command, "re"));
-  if (!pipe) {
-    return -1;
+  size_t length = 0;
+  const tool_result result = ask(command, limit, answer_text, sizeof(answer_text), &length);
+  if (result != TOOL_ANSWERED) {
+    return result;
   }
-  return read_package_answer(pipe.get(), answer);
+  const stream_handle stream(fmemopen(answer_text, length, "r"));
+  if (!stream) {
+    return TOOL_NOT_RUN;
+  }
+  *status = read_package_answer(stream.get(), answer);
+  return TOOL_ANSWERED;
 }
 
-static void set_agent_version(const char *version) {
-  if (agent_version == nullptr) {
-    return;
-  }
-  auto *data = reinterpret_cast<swverag_data *>(agent_version->data);
-  copy_field(data->version, version);
-  char *dash = strchr(data->version, '-');
-  if (dash != nullptr) {
-    memset(dash, 0, static_cast<size_t>(data->version + sizeof(data->version) - dash));
-  }
-  publish_agent_version = true;
-}
-
-static void scan_package(const char *name, int package_class) {
+static tool_result scan_package(const char *name, int package_class, const shared_limit &limit) {
   package_answer answer;
-  if (query_package(name, &answer) != 0 || answer.name == nullptr) {
-    return;
+  int status = -1;
+  const tool_result result = query_package(name, limit, &answer, &status);
+  if (result != TOOL_ANSWERED) {
+    return result;
+  }
+  scan.queried++;
+  if (status != 0 || answer.name == nullptr) {
+    scan.unusable++;
+    return TOOL_ANSWERED;
   }
   char decorated[decorated_size];
   decorate_name(decorated, answer.name, answer.architecture, package_class / class_origin);
@@ -406,14 +496,32 @@ static void scan_package(const char *name, int package_class) {
   if (strcmp(decorated, agent_package) == 0) {
     set_agent_version(version);
   }
+  return TOOL_ANSWERED;
 }
 
 static int compare_names(const void *a, const void *b) {
   return strcmp(*static_cast<const char *const *>(a), *static_cast<const char *const *>(b));
 }
 
+static bool is_permanent(const char *name) {
+  const swver_row *row = swver_find(name);
+  return row != nullptr && row->state > SWVER_SEEN;
+}
+
+// Whether a listed name is one to ask for, were it usable.
+static bool is_wanted(const char *name) {
+  return classify_package(name) != 0 && !is_permanent(name);
+}
+
 // One message for each different name; they come from outside, so what cannot be printed is not.
-static void report_refused(int count) {
+static void report_refused() {
+  static const char *refused[most_names];
+  int count = 0;
+  for (int i = 0; i < scan.names; i++) {
+    if (is_wanted(listed[i]) && check_package_name(listed[i]) != NAME_USABLE) {
+      refused[count++] = listed[i];
+    }
+  }
   qsort(refused, static_cast<size_t>(count), sizeof(*refused), compare_names);
   for (int i = 0; i < count; i++) {
     if (i > 0 && strcmp(refused[i - 1], refused[i]) == 0) {
@@ -426,52 +534,106 @@ static void report_refused(int count) {
         *c = '?';
       }
     }
-    agentlog_fprintf(stderr, "do_swver: not a package name, skipped: %s\n", shown);
+    if (check_package_name(refused[i]) == NAME_TOO_LONG) {
+      agentlog_fprintf(stderr, "do_swver: package name too long, skipped: %s\n", shown);
+    } else {
+      agentlog_fprintf(stderr, "do_swver: not a package name, skipped: %s (character 0x%02x)\n",
+                       shown, static_cast<unsigned char>(refused[i][plain_length(refused[i])]));
+    }
   }
+  scan.refused = count;
 }
 
-static int64_t monotonic_milliseconds() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+// The whole listing has been gone through: only now do rows that it does not name become ones that
+// were not seen.
+static void end_scan() {
+  swver_change_state(SWVER_LISTED, SWVER_NOT_SEEN);
+  if (scan.unusable + scan.refused > 0) {
+    agentlog_fprintf(stderr,
+                     "do_swver: packages that could not be reported: %d (%d without a usable "
+                     "answer, %d without a usable name)\n",
+                     scan.unusable + scan.refused, scan.unusable, scan.refused);
+  }
+  if (scan.took > slow_scan) {
+    agentlog_fprintf(stderr, "Info: scanning %d packages took %lld seconds\n", scan.queried,
+                     static_cast<long long>(scan.took / 1000));
+  }
+  if (scan.hung) {
+    agentlog_fprintf(stderr, "do_swver: the package scan came to its end\n");
+  }
+  scan = {};
 }
 
-static void scan_packages() {
-  const int64_t started = monotonic_milliseconds();
-  swver_change_state(SWVER_SEEN, SWVER_NOT_SEEN);
-  const int count = list_packages();
-  int queried = 0;
-  int refusals = 0;
-  for (int i = 0; i < count; i++) {
-    const int package_class = classify_package(listed[i]);
-    if (package_class == 0) {
-      continue;
-    }
-    const swver_row *row = swver_find(listed[i]);
-    if (row != nullptr && row->state > SWVER_SEEN) {
-      continue;
-    }
-    if (!is_package_name(listed[i])) {
-      refused[refusals++] = listed[i];
-      continue;
-    }
-    scan_package(listed[i], package_class);
-    queried++;
+// The scan stays where it is, and the rows of the one before stay.
+static void suspend_scan() {
+  lose_patience(&dpkg_patience, monotonic_milliseconds());
+  if (!scan.hung) {
+    agentlog_fprintf(stderr,
+                     "do_swver: a package tool hangs; the rows of the last scan stay, and this one "
+                     "is tried again less and less often\n");
   }
-  report_refused(refusals);
-  last_listing_empty = count == 0;
-  const int64_t took = monotonic_milliseconds() - started;
-  if (took > slow_scan) {
-    agentlog_fprintf(stderr, "Info: scanning %d packages took %lld seconds\n", queried,
-                     static_cast<long long>(took / 1000));
+  scan.hung = true;
+}
+
+// True when the scan may go on. A listing that could not be started has no names.
+static bool begin_scan(const shared_limit &limit) {
+  switch (list_packages(limit)) {
+    case TOOL_ENDING:
+      return false;
+    case TOOL_HUNG:
+      suspend_scan();
+      return false;
+    default:
+      break;
   }
+  regain_patience(&dpkg_patience);
+  scan.under_way = true;
+  scan_due = false;
+  last_listing_empty = scan.names == 0;
+  swver_change_state(SWVER_SEEN, SWVER_LISTED);
+  report_refused();
+  return true;
+}
+
+static void scan_packages(const shared_limit &limit) {
+  if (limit.left() < least_limit || !may_ask(dpkg_patience, monotonic_milliseconds()) ||
+      (!scan.under_way && !begin_scan(limit))) {
+    return;
+  }
+  for (; scan.next < scan.names; scan.next++) {
+    const char *name = listed[scan.next];
+    if (!is_wanted(name) || check_package_name(name) != NAME_USABLE) {
+      continue;
+    }
+    if (limit.left() < least_limit) {
+      return;  // continued by the next pass
+    }
+    switch (scan_package(name, classify_package(name), limit)) {
+      case TOOL_ENDING:
+        return;
+      case TOOL_HUNG:
+        suspend_scan();
+        return;
+      case TOOL_NOT_RUN:
+        scan.unusable++;
+        scan_due = true;  // and not only when the database changes
+        break;
+      default:
+        regain_patience(&dpkg_patience);
+    }
+  }
+  end_scan();
 }
 
 // ---- Entry point --------------------------------------------------------------------------------
 
 int do_swver() {
-  if (swver_is_empty()) {
+  const shared_limit limit(tools_limit);
+  if (agent_version == nullptr) {
     create_agent_version();
+  }
+  find_agent_version(limit);
+  if (swver_is_empty()) {
     create_components();
     if (is_appliance()) {
       create_appliance_software();
@@ -482,14 +644,16 @@ int do_swver() {
   struct stat database;
   const int64_t database_time = stat(package_database_path, &database) == 0 ? database.st_mtime : 1;
   if (last_listing_empty || last_database_time < database_time) {
-    scan_packages();
+    scan_due = true;
   }
   last_database_time = database_time;
+  if (scan_due || scan.under_way) {
+    scan_packages(limit);
+  }
 
   swver_finish_pass();
   if (agent_version != nullptr && publish_agent_version) {
-    publish_agent_version = false;
-    log_data(agent_version);
+    publish_agent_version = log_data(agent_version) != 0;
   }
   return 0;
 }

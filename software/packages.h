@@ -3,6 +3,7 @@
 #define VEX_SOFTWARE_PACKAGES_H
 
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 
 // Builds the table at the first call; refreshes component versions, rescans the package database
@@ -47,8 +48,24 @@ int read_package_answer(FILE *stream, package_answer *answer);
 // to `most` names and returns their number.
 int split_listing(char *text, size_t length, const char **names, int most);
 
-// Non-zero when a name has only characters that a package's name can have and is short enough for
-// the query: such a name may reach a shell.
-int is_package_name(const char *name);
+// Whether a name may reach a shell, and if not, why.
+enum package_name { NAME_USABLE = 0, NAME_TOO_LONG = 1, NAME_WITH_WRONG_CHARACTER = 2 };
+
+// A usable name has only characters that a package's name can have and is short enough for the
+// query. A wrong character counts before the length.
+int check_package_name(const char *name);
+
+// When a package tool that hung is asked again: after half a minute, then after twice the time of
+// the time before, to ten minutes. Zeroed: at once.
+struct tool_patience {
+  int64_t next;   // milliseconds of the clock that does not step
+  int64_t pause;  // before that; 0 when the tool did not hang
+};
+
+// Whether the tool may be asked at that time.
+bool may_ask(const tool_patience &patience, int64_t now);
+// The tool hung, or answered.
+void lose_patience(tool_patience *patience, int64_t now);
+void regain_patience(tool_patience *patience);
 
 #endif

@@ -223,8 +223,7 @@ static void publish_changed() {
   queue_element *cursor = table.rows.head;
   while (swver_row *row = table.next(&cursor)) {
     if (row->changed != 0) {
-      row->changed = 0;
-      log_data(row->object);
+      row->changed = log_data(row->object) != 0;  // else the next pass publishes it
     }
   }
 }

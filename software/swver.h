@@ -44,6 +44,7 @@ enum swver_type {
 enum swver_state {
   SWVER_NOT_SEEN = 0,  // removed at the end of the pass
   SWVER_CREATED = 1,
+  SWVER_LISTED = 2,    // by the scan before, and not yet by the one under way
   SWVER_SEEN = 3,      // by the last scan
   SWVER_PERMANENT = 4  // no scan removes it
 };

@@ -163,8 +163,12 @@ static int32_t entry_severity(const registry_object *entry) {
 static int32_t read_thresholds() {
   char path[sizeof(log_dir) + sizeof(threshold_directory)];
   snprintf(path, sizeof(path), "%s/%s", log_dir, threshold_directory);
-  const directory_handle directory(opendir(path));
+  const int opened = open_dir(path);
+  const directory_handle directory(opened < 0 ? nullptr : fdopendir(opened));
   if (!directory) {
+    if (opened >= 0) {
+      close(opened);
+    }
     if (!threshold_failure_logged) {
       threshold_failure_logged = true;
       agentlog_fprintf(stderr, "cannot opendir(%s)\n", path);

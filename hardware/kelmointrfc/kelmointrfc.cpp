@@ -4,9 +4,11 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,6 +27,9 @@ namespace {
 constexpr char kTableDirectory[] = "/sys/firmware/dmi/tables";
 constexpr char kEntryPointFile[] = "/sys/firmware/dmi/tables/smbios_entry_point";
 constexpr char kTableFile[] = "/sys/firmware/dmi/tables/DMI";
+
+constexpr int kTries = 5;
+constexpr timespec kBetweenTries = {0, 10'000'000};
 
 std::optional<vex::SmbiosTables> tables;
 // What was last logged: a machine without usable tables is asked at every poll.
@@ -80,6 +85,16 @@ std::string Load() {
   return tables ? "" : std::string(kTableDirectory) + ": " + problem;
 }
 
+// Load(), or what went wrong instead, an allocation for one.
+std::string TryToLoad() {
+  try {
+    return Load();
+  } catch (const std::exception &failure) {
+    tables.reset();
+    return std::string(kTableDirectory) + ": " + failure.what();
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -89,7 +104,14 @@ EXPORT int InitSMBIOS(void) {
     return 1;
   }
   try {
-    Report(Load());
+    std::string problem = TryToLoad();
+    // What is asked once a process, such as the machine's GUID, must not be missed because a call
+    // failed for a moment. A problem that was reported before is there to stay.
+    for (int tries = 1; tries < kTries && !problem.empty() && problem != reported; tries++) {
+      nanosleep(&kBetweenTries, nullptr);
+      problem = TryToLoad();
+    }
+    Report(problem);
   } catch (...) {
     tables.reset();
   }

@@ -16,6 +16,7 @@ namespace {
 constexpr size_t kLongestName = 200;
 // Before the value of a variable in efivarfs.
 constexpr size_t kAttributes = 4;
+constexpr size_t kLongestValue = 4096;
 
 bool IsEvName(std::string_view name) {
   constexpr std::string_view kAllowed =
@@ -40,15 +41,37 @@ bool IsVariableOf(std::string_view file, std::string_view name) {
   return true;
 }
 
-// The first by name, so that it is the same one each time; "" when there is none.
+// A source that cannot be read may be there a moment later; what an EV says is asked once in the
+// life of a process.
+constexpr int kAttempts = 3;
+
+bool IsAbsence(int error) {
+  return error == ENOENT || error == ENOTDIR;
+}
+
+// The first by name, so that it is the same one each time; "" when there is none, or with errno
+// other than 0 when the directory cannot be read.
 std::string FindVariable(const char *directory, std::string_view name) {
   const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory), closedir);
   std::string found;
-  while (const dirent *entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
+  if (entries == nullptr) {
+    return found;
+  }
+  for (;;) {
+    errno = 0;
+    const dirent *entry = readdir(entries.get());
+    if (entry == nullptr) {
+      break;
+    }
     if (IsVariableOf(entry->d_name, name) && (found.empty() || found > entry->d_name)) {
       found = entry->d_name;
     }
   }
+  const int error = errno;
+  if (error != 0) {
+    found.clear();
+  }
+  errno = error;
   return found;
 }
 
@@ -91,14 +114,17 @@ int64_t ReadSome(int descriptor, void *buffer, size_t length) {
   return static_cast<int64_t>(got);
 }
 
-// What follows the first `skip` bytes of a file.
-int64_t ReadValue(const std::string &path, size_t skip, void *buffer, size_t length,
-                  std::string *problem) {
+// What follows the first `skip` bytes of a file, and one byte more when there is one. -1 with the
+// problem, or without one when there is no such file; *again says whether another attempt may help.
+int64_t TryToRead(const std::string &path, size_t skip, void *buffer, size_t length,
+                  std::string *problem, bool *again) {
   const File file(path);
   struct stat status;
+  *again = false;
   if (file.Descriptor() < 0 || fstat(file.Descriptor(), &status) != 0) {
-    if (errno != ENOENT && errno != ENOTDIR) {
+    if (!IsAbsence(errno)) {
       *problem = path + ": " + strerror(errno);
+      *again = true;
     }
     return -1;
   }
@@ -107,19 +133,60 @@ int64_t ReadValue(const std::string &path, size_t skip, void *buffer, size_t len
     return -1;
   }
   // efivarfs gives a whole variable to one read, and nothing to a second: no seeking.
-  char value[kAttributes + 4096];
-  const size_t wanted = skip + (length < sizeof(value) - skip ? length : sizeof(value) - skip);
-  const int64_t got = ReadSome(file.Descriptor(), value, wanted);
+  char value[kAttributes + kLongestValue + 1];
+  const size_t room = sizeof(value) - 1 - skip;
+  const size_t most = length < room ? length : room;
+  const int64_t got = ReadSome(file.Descriptor(), value, skip + most + 1);
   if (got < 0) {
     *problem = path + ": " + strerror(errno);
+    *again = true;
     return -1;
   }
   if (static_cast<size_t>(got) <= skip) {
     *problem = path + " has no value";
     return -1;
   }
-  memcpy(buffer, value + skip, static_cast<size_t>(got) - skip);
-  return got - static_cast<int64_t>(skip);
+  const size_t size = static_cast<size_t>(got) - skip;
+  if (size > most) {
+    *problem = path + " is longer than " + std::to_string(most) + " bytes, the rest is not used";
+  }
+  const size_t stored = size < most ? size : most;
+  memcpy(buffer, value + skip, stored);
+  return static_cast<int64_t>(stored);
+}
+
+int64_t ReadValue(const std::string &path, size_t skip, void *buffer, size_t length,
+                  std::string *problem) {
+  for (int attempt = 1;; attempt++) {
+    std::string found;
+    bool again;
+    const int64_t got = TryToRead(path, skip, buffer, length, &found, &again);
+    if (!again || attempt == kAttempts) {
+      *problem = found;
+      return got;
+    }
+  }
+}
+
+int64_t ReadVariable(const char *directory, std::string_view name, void *buffer, size_t length,
+                     std::string *problem) {
+  std::string variable;
+  int error = 0;
+  for (int attempt = 0; attempt < kAttempts; attempt++) {
+    errno = 0;
+    variable = FindVariable(directory, name);
+    error = errno;
+    if (!variable.empty() || error == 0 || IsAbsence(error)) {
+      break;
+    }
+  }
+  if (variable.empty()) {
+    if (error != 0 && !IsAbsence(error)) {
+      *problem = std::string(directory) + ": " + strerror(error);
+    }
+    return -1;
+  }
+  return ReadValue(std::string(directory) + "/" + variable, kAttributes, buffer, length, problem);
 }
 
 }  // namespace
@@ -135,12 +202,16 @@ int64_t ReadEv(const EvDirectories &directories, const char *name, void *buffer,
   if (raw >= 0) {
     return raw;
   }
-  const std::string variable = FindVariable(directories.uefi, name);
-  if (variable.empty()) {
-    return -1;
+  std::string of_variable;
+  const int64_t got = ReadVariable(directories.uefi, name, buffer, length, &of_variable);
+  if (!problem->empty() && got >= 0) {
+    *problem += ", the UEFI variable is used";
   }
-  return ReadValue(std::string(directories.uefi) + "/" + variable, kAttributes, buffer, length,
-                   problem);
+  if (!problem->empty() && !of_variable.empty()) {
+    *problem += "; ";
+  }
+  *problem += of_variable;
+  return got;
 }
 
 }  // namespace vex

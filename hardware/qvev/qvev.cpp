@@ -16,7 +16,8 @@ extern "C" __attribute__((visibility("default"))) int get_ev(const char *name, v
     std::string problem;
     const int64_t got = vex::ReadEv({}, name, buffer, *length, &problem);
     if (!problem.empty() && agentlog_fprintf != nullptr) {
-      agentlog_fprintf(stderr, "EV %s: %s, taken as absent\n", name, problem.c_str());
+      agentlog_fprintf(stderr, "EV %s: %s%s\n", name, problem.c_str(),
+                       got < 0 ? ", taken as absent" : "");
     }
     if (got < 0) {
       return -1;

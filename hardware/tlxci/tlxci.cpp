@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,29 +52,16 @@ int Connect() {
   return connected;
 }
 
-int64_t Milliseconds() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-// Waits until the socket can send or receive. A signal does not shorten the time.
+// Waits until the socket can send or receive. A signal ends the wait with EINTR: whether it is one
+// to give up for is the caller's to know.
 int WaitFor(int socket, short events, const uint32_t *timeout) {
-  const int64_t deadline = Milliseconds() + (timeout != nullptr ? *timeout : kOwnTimeout);
-  for (;;) {
-    const int64_t left = deadline - Milliseconds();
-    pollfd waited = {socket, events, 0};
-    const int ready = poll(&waited, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
-    if (ready > 0) {
-      return TLXCI_OK;
-    }
-    if (ready == 0) {
-      return TLXCI_TIMED_OUT;
-    }
-    if (errno != EINTR) {
-      return errno;
-    }
+  pollfd waited = {socket, events, 0};
+  const uint32_t limit = timeout != nullptr ? *timeout : kOwnTimeout;
+  const int ready = poll(&waited, 1, static_cast<int>(std::min<uint32_t>(limit, INT_MAX)));
+  if (ready < 0) {
+    return errno;
   }
+  return ready > 0 ? static_cast<int>(TLXCI_OK) : static_cast<int>(TLXCI_TIMED_OUT);
 }
 
 bool PeerIsGone(int socket) {

@@ -73,11 +73,35 @@ TEST(Appliance, WithAnEmptyFile) {
 
 TEST(Appliance, IsNoneWithABrokenFile) {
   MadeUpHost host;
-  host.File(kConf, "ProductID=many\n");
+  host.File(kConf, "ProductID=1\nmany\n");
   host.Start();
   EXPECT_EQ(host.Get("tlxApApplianceId"), kNoInstance);
   EXPECT_EQ(host.Get("tlxHoOsType"), "INTEGER: 14");
   EXPECT_EQ(host.daemon.Count(kConf), 1U);
+}
+
+TEST(Appliance, QuotesInAValueArePartOfIt) {
+  MadeUpHost host;
+  host.File(kConf,
+            "ProductID=7\nProductName=Bob's 19\" rack\nOsName=\"Bob's OS\"\nOsVersion=3\" \n");
+  host.Start();
+  EXPECT_EQ(host.Get("tlxApApplianceId"), "INTEGER: 7");
+  EXPECT_EQ(MadeUpHost::Published("host/appliance", "tlxApApplianceDescription"),
+            "Bob's 19\" rack");
+  EXPECT_EQ(host.Get("tlxHoName"), "STRING: \"Bob's OS\"");
+  EXPECT_EQ(MadeUpHost::Published("host/info", "tlxHoVersion"), "3\"");
+  EXPECT_EQ(host.daemon.Count(kConf), 0U);
+}
+
+TEST(Appliance, AnIdThatIsNoNumberCostsNothingElse) {
+  MadeUpHost host;
+  host.File(kConf, "ProductID=many\nProductName=Box\n");
+  host.Start();
+  EXPECT_EQ(host.Get("tlxApApplianceId"), "INTEGER: 0");
+  EXPECT_EQ(host.Get("tlxApApplianceDescription"), "STRING: \"Box\"");
+  EXPECT_EQ(host.Get("tlxHoOsType"), "INTEGER: 1");
+  EXPECT_EQ(host.daemon.Count(kConf), 1U);
+  EXPECT_EQ(host.daemon.Count("ProductID is not a number, taken as 0"), 1U);
 }
 
 TEST(Appliance, IsSettledAtStartUp) {

@@ -146,6 +146,22 @@ TEST(Cpu, LongAveragesComeWithTheirTime) {
   EXPECT_EQ(Averages(&host), (Numbers{"40", "48", "51", "51"}));
 }
 
+TEST(Cpu, AClockThatIsSetMakesNoAverageOlder) {
+  MadeUpHost host;
+  Processors processors(2);
+  host.Proc("stat", processors.After({50}));
+  host.Start({"-p", "30"});
+  host.daemon.StepClock(400.0 * 86400);
+  for (int i = 0; i < 4; i++)
+    Poll(&host, &processors, {50});
+  EXPECT_EQ(Averages(&host), (Numbers{"50", "-1", "-1", "-1"}));
+  host.daemon.StepClock(-800.0 * 86400);
+  host.daemon.AdvanceClock(1800);
+  for (int i = 0; i < 2; i++)
+    Poll(&host, &processors, {50});
+  EXPECT_EQ(Averages(&host), (Numbers{"50", "50", "50", "-1"}));
+}
+
 TEST(Cpu, LongRingsKeepTheirLength) {
   MadeUpHost host;
   Processors processors(2);

@@ -150,7 +150,7 @@ TEST_F(Doctor, TellsOfMalformedSources) {
 // What the agent does not use is not "ok".
 TEST_F(Doctor, TellsOfSourcesThatTheAgentTakesAsAbsent) {
   host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(4, '\x01'));
-  host_.File("/etc/quorix/appliance.conf", "ProductID=7\nProductName=\"Box\n");
+  host_.File("/etc/quorix/appliance.conf", "ProductID=7\nProductName\n");
   host_.File("/etc/os-release", "NAME=Box\nrubbish\n");
   host_.File("/usr/lib/os-release", "NAME=Other\n");
   Start();
@@ -173,7 +173,7 @@ TEST_F(Doctor, TellsOfSourcesThatTheAgentTakesAsAbsent) {
       About("distribution: "),
       "note  distribution: /etc/os-release: line 2 is broken, file not used; "
       "/usr/lib/os-release: line 1 is broken, file not used. Its name and version are empty.");
-  EXPECT_HAS(About("appliance: "), "ProductID is not a number, file not used. ");
+  EXPECT_HAS(About("appliance: "), "ProductID is not a number, taken as 0.");
 }
 
 TEST_F(Doctor, TellsOfFilesThatTheAgentHasNotReadYet) {
@@ -474,6 +474,50 @@ TEST_F(Doctor, AnotherRegistryThanTheAgents) {
       "FAIL  value: tlxHoPhysicalMemoryFree is 1000 through snmpd, nothing in the registry.");
   // Not yet a failure by itself, as the agent is young.
   EXPECT_HAS(About("group memory: "), "note  group memory: not published yet: the agent has just");
+}
+
+TEST_F(Doctor, WhatBecameOfTheRegistry) {
+  Start();
+  const std::string root = MadeUpHost::kRegistry;
+  const std::string agent = std::to_string(host_.daemon.pid());
+  Examine();
+  EXPECT_EQ(About("registry "),
+            "ok    registry " + root + "/host: the agent's (process " + agent + ").");
+  // Files that are missing and damaged, of an agent that has published them.
+  host_.Remove(root + "/host/memory");
+  host_.Remove(root + "/host/cpu.0");
+  host_.Remove(root + "/host/cpu.1");
+  host_.Remove(root + "/host/filesys.0");
+  host_.File(root + "/host/info", "rubbish");
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  for (const char *group : {"memory", "cpu", "filesys"}) {
+    EXPECT_HAS(About(std::string("group ") + group + ": "),
+               "published to managers, but its file is missing. The agent writes it again");
+  }
+  EXPECT_HAS(About("group info: "), "FAIL  group info: its file is damaged.");
+  EXPECT_HAS(About("group hwinfo: "), "note  group hwinfo: not published; no EV told it");
+  ASSERT_TRUE(host_.daemon.Poll());
+  ASSERT_TRUE(Eventually([] { return MadeUpHost::Object("host/info").has_value(); }));
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  // Another directory than the agent's, and none.
+  ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "cover", root}).status, 0);
+  host_.Directory(root + "/host");
+  Examine();
+  EXPECT_HAS(About("registry "), "note  registry " + root + "/host: not the agent's yet");
+  host_.Remove(root + "/host");
+  Examine();
+  EXPECT_HAS(About("registry "), "note  registry " + root + "/host: not the agent's yet");
+  ASSERT_TRUE(host_.daemon.Poll());
+  ASSERT_TRUE(Eventually([] { return MadeUpHost::Object("host/info").has_value(); }));
+  Examine();
+  EXPECT_HAS(About("registry "), "ok    registry ");
+  // What another user may see.
+  ASSERT_EQ(chmod((root + "/host").c_str(), 0700), 0);
+  ExamineUnprivileged();
+  EXPECT_HAS(About("registry "), "not for this user to look into. Run vexreg doctor as root.");
+  EXPECT_HAS(About("group memory: "), "its file is not for this user to read.");
 }
 
 // Processes that still look at something.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -14,6 +15,7 @@
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -346,6 +348,17 @@ namespace {
 
 constexpr char kHangs[] = "vexhostd: Can't update OS filesys object: /mnt/hang  (PEER3023)";
 
+// Until all have answered, and only those children are left that wait for others.
+bool WaitForAnswers(MadeUpHost &host, const std::vector<FuseMount *> &mounts, size_t others = 0) {
+  return Eventually([&] {
+    size_t waiting = Children(host.daemon.pid()).size() - others;
+    for (const FuseMount *mount : mounts) {
+      waiting += mount->Waiting();
+    }
+    return waiting == 0;
+  });
+}
+
 // Seconds that a poll took.
 double TimedPoll(MadeUpHost &host) {
   const double begin = Now();
@@ -389,6 +402,10 @@ TEST(HangingMounts, OneAmongOthers) {
   }));
   EXPECT_EQ(host.daemon.Count("PEER"), 1U) << host.daemon.Log();
   // And hangs again, which is news again.
+  ASSERT_TRUE(Eventually([&] {
+    EXPECT_TRUE(host.daemon.Poll());
+    return host.daemon.Count("Info: mount /mnt/hang answers quickly again") == 1;
+  }));
   hang.Hang();
   ASSERT_TRUE(host.daemon.Poll());
   EXPECT_EQ(host.daemon.Count(kHangs), 2U);
@@ -499,4 +516,112 @@ TEST(HangingMounts, WhoAsksHoldsNothingOfTheAgent) {
     EXPECT_TRUE(host.daemon.Poll());
     return Children(host.daemon.pid()).empty();
   }));
+}
+
+// ---- Mounts that answer late
+// -------------------------------------------------------------------------
+
+TEST(SlowMounts, ALateAnswerIsTakenOverByTheNextPoll) {
+  MadeUpHost host;
+  FuseMount slow("/mnt/slow", 25600, 15360);
+  slow.Delay(3s);
+  host.File("/etc/mtab", Entry("s", "/mnt/slow"));
+  host.Start();
+  EXPECT_EQ(host.daemon.Count("Can't update OS filesys object: /mnt/slow  (PEER3023)"), 1U);
+  EXPECT_EQ(host.Get("tlxHoFileSysDesc.0"), "\"\"");
+  ASSERT_TRUE(WaitForAnswers(host, {&slow}));
+  EXPECT_LT(TimedPoll(host), 1.9);
+  EXPECT_EQ(host.Get("tlxHoFileSysDesc.0"), "STRING: \"s on /mnt/slow\"");
+  EXPECT_EQ(host.Get("tlxHoFileSysSpaceUsed.0"), "INTEGER: 40");
+  EXPECT_EQ(host.daemon.Count("Info: mount /mnt/slow answered after "), 1U);
+}
+
+TEST(SlowMounts, OnceKnownTheyDelayNothing) {
+  MadeUpHost host;
+  std::vector<std::unique_ptr<FuseMount>> slow;
+  std::vector<FuseMount *> all;
+  std::string table;
+  for (int n = 0; n < 3; n++) {
+    slow.push_back(std::make_unique<FuseMount>("/mnt/slow" + std::to_string(n), 25600, 15360));
+    slow.back()->Delay(3s);
+    all.push_back(slow.back().get());
+    table += Entry("s", "/mnt/slow" + std::to_string(n));
+  }
+  FuseMount hang("/mnt/hang", 25600, 15360);
+  hang.Hang();
+  FuseMount well("/mnt/well", 25600, 15360);
+  host.File("/etc/mtab", table + Entry("h", "/mnt/hang") + Entry("w", "/mnt/well"));
+  host.Start();
+  uint64_t free = 15360;
+  ASSERT_TRUE(WaitForAnswers(host, all, 1));
+  for (int pass = 0; pass < 3; pass++) {
+    well.SetFree(free - 2560);
+    EXPECT_LT(TimedPoll(host), 1.9);
+    for (int n = 0; n < 3; n++) {
+      EXPECT_EQ(MadeUpHost::Published(Row(n), "tlxHoFileSysSpaceUsed"),
+                std::to_string((25600 - free) / 256));
+    }
+    free -= 2560;
+    EXPECT_EQ(MadeUpHost::Published(Row(4), "tlxHoFileSysSpaceUsed"),
+              std::to_string((25600 - free) / 256));
+    // The questions are out: their answers have these figures. A poll before they come finds none.
+    for (FuseMount *mount : all) {
+      mount->SetFree(free);
+    }
+    EXPECT_LT(TimedPoll(host), 1.9);
+    ASSERT_TRUE(WaitForAnswers(host, all, 1));
+  }
+  // What began was said once each.
+  EXPECT_EQ(host.daemon.Count("(PEER3023)"), 4U) << host.daemon.Log();
+  EXPECT_EQ(host.daemon.Count("Info: mount"), 3U) << host.daemon.Log();
+  EXPECT_EQ(MadeUpHost::Published(Row(3), "tlxHoFileSysDesc"), "");
+  hang.Recover();
+}
+
+TEST(SlowMounts, QuickAgain) {
+  MadeUpHost host;
+  FuseMount slow("/mnt/slow", 25600, 15360);
+  slow.Delay(3s);
+  host.File("/etc/mtab", Entry("s", "/mnt/slow"));
+  host.Start();
+  slow.Delay(0s);
+  const std::string quick = "Info: mount /mnt/slow answers quickly again";
+  ASSERT_TRUE(Eventually([&] {
+    EXPECT_TRUE(host.daemon.Poll());
+    return host.daemon.Count(quick) == 1;
+  }));
+  // From now on a poll has the figures of that moment.
+  slow.SetFree(0);
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.Get("tlxHoFileSysSpaceUsed.0"), "INTEGER: 100");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Count(quick), 1U);
+  EXPECT_TRUE(Children(host.daemon.pid()).empty());
+}
+
+TEST(SlowMounts, TheEndDoesNotWaitForOne) {
+  MadeUpHost host;
+  FuseMount slow("/mnt/slow", 25600, 15360);
+  host.File("/etc/mtab", Entry("s", "/mnt/slow"));
+  host.Start();
+  slow.Delay(60s);
+  ASSERT_TRUE(host.daemon.Poll());
+  const double begin = Now();
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  EXPECT_LT(Now() - begin, 10);
+}
+
+TEST(MountsTiming, TheEndComesWithinASecondOfAPollThatWaits) {
+  BeUrgent();
+  MadeUpHost host;
+  FuseMount hang("/mnt/hang", 25600, 15360);
+  host.File("/etc/mtab", Entry("h", "/mnt/hang"));
+  host.Start();
+  hang.Hang();
+  host.daemon.BeginPoll();
+  ASSERT_TRUE(Eventually([&] { return hang.Waiting() == 1; }));
+  const double begin = Now();
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  EXPECT_LT(Now() - begin, 1);
+  EXPECT_EQ(host.daemon.Count(kHangs), 0U);
 }

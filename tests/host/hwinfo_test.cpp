@@ -41,6 +41,40 @@ TEST(HardwareInfo, NoEv) {
   EXPECT_EQ(host.daemon.Count("EV "), 0U);
 }
 
+TEST(HardwareInfo, AnEvOfTheWrongSizeIsOneLine) {
+  MadeUpHost host;
+  host.File(kRaw, "\1\2\3\4");
+  host.File("/var/lib/quorix/ev/ZTHUV", std::string(100, '\1'));
+  host.Start();
+  EXPECT_EQ(host.Get(kVariable), kNone);
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(
+      host.daemon.LinesWith("EV "),
+      (std::vector<std::string>{"EV ZTHUV: 100 of 136 bytes, what is missing counts as zero",
+                                "EV ZTHRN4: 4 bytes of the 5 that are needed, taken as absent"}));
+}
+
+TEST(HardwareInfo, ALongEvIsReadInPartWithOneLine) {
+  MadeUpHost host;
+  host.File(kRaw, "\1\2\3\4\5\6");
+  host.Start();
+  EXPECT_EQ(host.Get(kVariable), "INTEGER: 5");
+  EXPECT_EQ(host.daemon.LinesWith("EV "),
+            std::vector<std::string>{"EV ZTHRN4: /var/lib/quorix/ev/ZTHRN4 is longer than 5 bytes, "
+                                     "the rest is not used"});
+}
+
+TEST(HardwareInfo, AGoodVariableBehindAnUnusableFile) {
+  MadeUpHost host;
+  host.Directory(kRaw);
+  host.File(kUefi, std::string("\7\0\0\0\1\2\3\4\5", 9));
+  host.Start();
+  EXPECT_EQ(host.Get(kVariable), "INTEGER: 5");
+  EXPECT_EQ(host.daemon.LinesWith("EV "),
+            std::vector<std::string>{"EV ZTHRN4: /var/lib/quorix/ev/ZTHRN4 is not a regular file, "
+                                     "the UEFI variable is used"});
+}
+
 TEST(HardwareInfo, AnEvThatIsNoFile) {
   MadeUpHost host;
   host.Directory(kRaw);

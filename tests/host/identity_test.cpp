@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 #include "tests/support/made_up_host.h"
 
@@ -356,10 +357,6 @@ TEST(Identity, ASetFailsOnAFullDiskAndTheOldValueStands) {
   host.Start();
   EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "old"), "noError");
   EXPECT_EQ(host.Set("tlxHoSystemRoleDetail", 's', "old"), "noError");
-  // Files without text take no room, so that to truncate one gives none back.
-  for (const auto &[variable, file, longest] : kRoles) {
-    std::ofstream(file, std::ios::trunc).close();
-  }
   const std::string filler = std::string(MadeUpHost::kRegistry) + "/filler";
   std::ofstream out(filler);
   const std::string kilobytes(4096, 'f');
@@ -369,12 +366,90 @@ TEST(Identity, ASetFailsOnAFullDiskAndTheOldValueStands) {
     SCOPED_TRACE(variable);
     EXPECT_EQ(host.Set(variable, 's', "new"), "commitFailed");
     EXPECT_EQ(host.Get(variable), "STRING: \"old\"");
-    EXPECT_EQ(ReadFile(file), "");
+    EXPECT_EQ(ReadFile(file), "old");
     ASSERT_TRUE(host.daemon.Poll());
     EXPECT_EQ(host.Get(variable), "STRING: \"old\"");
   }
+  EXPECT_EQ(ListDirectory(MadeUpHost::kRegistry),
+            (std::vector<std::string>{"filler", "host", "tlxhoguid.dat", "tlxhosystemrole.dat",
+                                      "tlxhosystemroledetail.dat"}));
   out.close();
   host.Remove(filler);
   EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "new"), "noError");
   EXPECT_EQ(host.Get("tlxHoSystemRole"), "STRING: \"new\"");
+}
+
+// Told failed: neither the file nor what is served has it.
+TEST(Identity, ASetThatDoesNotReachTheDiskFails) {
+  MadeUpHost host;
+  host.Start();
+  for (const auto &[variable, file, longest] : kRoles) {
+    EXPECT_EQ(host.Set(variable, 's', "old"), "noError");
+    for (const std::string &path : {file.substr(file.rfind('/') + 1) + ".new", std::string("/registry")}) {
+      SCOPED_TRACE(path);
+      host.daemon.SetFault({"fsync", path, EIO, 1});
+      EXPECT_EQ(host.Set(variable, 's', "new"), "commitFailed");
+      EXPECT_EQ(host.Get(variable), "STRING: \"old\"");
+      EXPECT_EQ(ReadFile(file), "old");
+    }
+  }
+  ASSERT_EQ(host.daemon.Stop(), 0);
+  host.daemon.Start();
+  for (const auto &[variable, file, longest] : kRoles) {
+    EXPECT_EQ(host.Get(variable), "STRING: \"old\"");
+    EXPECT_EQ(host.Set(variable, 's', "new"), "noError");
+  }
+}
+
+// As cp -al or ln leave it, in a directory where root alone writes.
+TEST(Identity, ASecondNameOfAKeptFileIsAsGoodAsTheFirst) {
+  MadeUpHost host;
+  const std::string guid = std::string(MadeUpHost::kRegistry) + "/tlxhoguid.dat";
+  host.Directory("/srv/copy");
+  host.File(kRoleFile, "role");
+  host.File(kDetailFile, "detail");
+  host.File(guid, "0123456789abcdef");
+  for (const std::string &file : {kRoleFile, kDetailFile, guid}) {
+    ASSERT_EQ(link(file.c_str(), ("/srv/copy" + file.substr(file.rfind('/'))).c_str()), 0);
+  }
+  host.Start();
+  EXPECT_EQ(host.Get("tlxHoSystemRole"), "STRING: \"role\"");
+  EXPECT_EQ(host.Get("tlxHoSystemRoleDetail"), "STRING: \"detail\"");
+  EXPECT_EQ(host.Get("tlxHoGUID"), "STRING: \"0123456789abcdef\"");
+  EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "other"), "noError");
+  EXPECT_EQ(ReadFile(kRoleFile), "other");
+  EXPECT_EQ(ReadFile("/srv/copy/tlxhosystemrole.dat"), "role") << "the copy is nobody's to change";
+  EXPECT_EQ(host.daemon.Count("not used"), 0U) << host.daemon.Log();
+}
+
+// Killed while a manager sets: what is there is whole, and what was accepted is there.
+TEST(Identity, AKilledAgentLeavesTheOldValueOrTheNewOne) {
+  MadeUpHost host;
+  host.snmpd.Start();
+  const std::string text(500, 'x');
+  std::string accepted;
+  for (int kills = 0; kills < 6; kills++) {
+    host.daemon.Start();
+    ASSERT_EQ(host.Get("tlxHoSystemRoleDetail"), Quoted(accepted));
+    std::thread killer([&] {
+      usleep(static_cast<useconds_t>(30000 + 7000 * kills));
+      host.daemon.Signal(SIGKILL);
+    });
+    std::string tried;
+    bool alive = true;
+    for (int number = 0; alive; number++) {
+      tried = std::to_string(kills) + " " + std::to_string(number) + text;
+      alive = host.Set("tlxHoSystemRoleDetail", 's', tried) == "noError";
+      accepted = alive ? tried : accepted;
+    }
+    killer.join();
+    EXPECT_EQ(host.daemon.WaitEnd(), 128 + SIGKILL);
+    const std::string kept = ReadFile(kDetailFile);
+    EXPECT_TRUE(kept == accepted || kept == tried) << kept;
+    accepted = kept;
+  }
+  host.daemon.Start();
+  EXPECT_EQ(host.Get("tlxHoSystemRoleDetail"), Quoted(accepted));
+  EXPECT_EQ(ListDirectory(MadeUpHost::kRegistry),
+            (std::vector<std::string>{"host", "tlxhoguid.dat", "tlxhosystemroledetail.dat"}));
 }

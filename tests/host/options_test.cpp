@@ -179,6 +179,52 @@ TEST(Configuration, PollInterval) {
   EXPECT_EQ(Period(&host, {"-p", "5"}), 5U);
 }
 
+TEST(Configuration, PollIntervalIsHeldAtAMinute) {
+  MadeUpHost host;
+  for (const char *seconds : {"61", "600", "99999999999999999999"}) {
+    host.File("/etc/snmp/vexhostd.conf", std::string("pollInterval ") + seconds + "\n");
+    EXPECT_EQ(Period(&host, {"-i"}), 60U) << seconds;
+  }
+}
+
+TEST(Configuration, UnknownTokensAreALineEach) {
+  MadeUpHost host;
+  host.File("/etc/snmp/vexhostd.conf",
+            "pollinterval 20\npolInterval 30\ncommunity x\nagentXSocket /var/agentx/master\n"
+            "agentXPingInterval 10\nagentXTimeout 2\nagentXRetries 3\nagentXPerms 0660 0550\n"
+            "rocommunity y\n");
+  host.File("/etc/snmp/snmp.conf", "defVersion 2c\nnobodysToken 1\n");
+  host.File("/etc/snmp/snmpd.conf", "rocommunity z\nview all included .1\nnobodysToken 1\n");
+  EXPECT_EQ(Period(&host, {"-i"}), 20U);
+  const std::string log = host.daemon.Log();
+  EXPECT_EQ(host.daemon.LinesWith("Unknown token"),
+            (std::vector<std::string>{
+                "/etc/snmp/vexhostd.conf: line 2: Warning: Unknown token: polInterval.",
+                "/etc/snmp/vexhostd.conf: line 9: Warning: Unknown token: rocommunity."}))
+      << log;
+  EXPECT_EQ(host.daemon.Count("config file(s)"), 0U) << log;
+}
+
+// The daemon asks snmpd with it.
+TEST(Configuration, AQuotedCommunityIsTheSame) {
+  for (const char *line : {"community pub\n", "community \"pub\"\n", "community 'pub'\n"}) {
+    MadeUpHost host;
+    host.File("/etc/snmp/vexhostd.conf", line);
+    SnmpdOptions options;
+    options.all_modules = true;
+    options.extra =
+        "rocommunity pub 127.0.0.1\n"
+        "override .1.3.6.1.4.1.4891.18.1.1.0 integer 1\n"
+        "override .1.3.6.1.4.1.4891.18.1.2.0 integer 2\n"
+        "override .1.3.6.1.4.1.4891.18.1.3.0 integer 3\n";
+    host.Peer({"vexnic", "-p", "15"});
+    host.snmpd.Start(options);
+    host.daemon.Start();
+    EXPECT_EQ(host.daemon.Count("does not answer queries"), 0U) << line;
+    EXPECT_EQ(host.Get("tlxHoMibHealthStatusArray").substr(0, 17), "Hex-STRING: 00 03") << line;
+  }
+}
+
 TEST(Configuration, IsFoundWhereTheEnvironmentSays) {
   MadeUpHost host;
   host.File("/opt/snmp/vexhostd.conf", "pollInterval 22\ncommunity made-up\n");

@@ -3,8 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 
+#include "tests/support/fuse_mount.h"
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;
@@ -153,4 +156,282 @@ TEST(Registry, IsInTheWayOfNothing) {
   host.Directory(PathOf("host"));
   ASSERT_TRUE(host.daemon.Poll());
   EXPECT_TRUE(Eventually([] { return MadeUpHost::Object("host/memory").has_value(); }));
+}
+
+// ---- What becomes of the files while their values stay as they are
+// --------------------------------
+
+namespace {
+
+// The agent on a host where nothing changes, something that happens to its files, and one poll.
+class Lost : public testing::Test {
+ protected:
+  Lost() {
+    host_.File("/etc/quorix/appliance.conf", "ProductID=7\nProductName=Box\n");
+    host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(5, '\x01'));
+    host_.File("/etc/mtab", "/dev/x / ext4 rw 0 0\n/dev/y /home ext4 rw 0 0\n");
+    host_.Start();
+    EXPECT_TRUE(host_.daemon.Poll());
+    names_ = MadeUpHost::Objects();
+    EXPECT_GE(names_.size(), 9U);
+    states_ = States();
+  }
+  // Every object's values but for the clock's.
+  std::map<std::string, std::string> States() const {
+    std::map<std::string, std::string> states;
+    for (const auto &[name, values] : nlohmann::ordered_json::parse(host_.Dump()).items()) {
+      if (name != "host/misc" && !name.starts_with("host/cpu")) {
+        states[name] = values.dump();
+      }
+    }
+    return states;
+  }
+  void ExpectAllAfterAPoll() {
+    ASSERT_TRUE(host_.daemon.Poll());
+    EXPECT_TRUE(Eventually([&] { return MadeUpHost::Objects() == names_ && States() == states_; }))
+        << host_.Dump() << host_.daemon.Log();
+    for (const std::string &name : names_) {
+      EXPECT_EQ(Mode(PathOf(name)), 0644U) << name;
+    }
+    EXPECT_EQ(Mode(PathOf("host")), 0755U);
+    EXPECT_EQ(Mode(MadeUpHost::kRegistry), 0755U);
+    // The role's file and the objects are in one registry.
+    EXPECT_EQ(host_.Set("tlxHoSystemRole", 's', "web"), "noError");
+    EXPECT_EQ(ReadFile(PathOf("tlxhosystemrole.dat")), "web");
+    EXPECT_TRUE(
+        Eventually([] { return MadeUpHost::Published("host/info", "tlxHoSystemRole") == "web"; }));
+  }
+  static unsigned Mode(const std::string &path) {
+    struct stat st = {};
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777U : 0;
+  }
+  static void Run(const std::vector<std::string> &command) {
+    const Outcome outcome = RunCommand(command);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+  }
+
+  mutable MadeUpHost host_;
+  std::vector<std::string> names_;
+  std::map<std::string, std::string> states_;
+};
+
+}  // namespace
+
+TEST_F(Lost, FilesThatAreUnlinked) {
+  for (const std::string &name : names_) {
+    host_.Remove(PathOf(name));
+  }
+  ExpectAllAfterAPoll();
+  EXPECT_EQ(host_.daemon.Count("Registry files that were missing or damaged are written again"),
+            1U);
+}
+
+TEST_F(Lost, FilesThatAreCut) {
+  for (const std::string &name : names_) {
+    ASSERT_EQ(truncate(PathOf(name).c_str(), 20), 0);
+  }
+  ExpectAllAfterAPoll();
+}
+
+TEST_F(Lost, FilesThatAreOverwritten) {
+  for (const std::string &name : names_) {
+    const std::string whole = ReadFile(PathOf(name));
+    const int fd = open(PathOf(name).c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(write(fd, std::string(whole.size(), 'x').data(), whole.size()),
+              static_cast<ssize_t>(whole.size()));
+    close(fd);
+  }
+  ExpectAllAfterAPoll();
+}
+
+TEST_F(Lost, FilesThatAreReplaced) {
+  for (const std::string &name : names_) {
+    host_.File(PathOf(name), "another's");
+  }
+  host_.Remove(PathOf("host/memory"));
+  host_.Link(PathOf("host/memory"), "/etc/passwd");
+  ExpectAllAfterAPoll();
+}
+
+TEST_F(Lost, TheRightsOfFilesAndDirectories) {
+  for (const std::string &name : names_) {
+    ASSERT_EQ(chmod(PathOf(name).c_str(), 0600), 0);
+  }
+  ASSERT_EQ(chmod(PathOf("host").c_str(), 0700), 0);
+  ASSERT_EQ(chmod(MadeUpHost::kRegistry, 0700), 0);
+  ExpectAllAfterAPoll();
+}
+
+TEST_F(Lost, TheDirectory) {
+  host_.Remove(PathOf("host"));
+  ExpectAllAfterAPoll();
+}
+
+TEST_F(Lost, TheRoot) {
+  host_.Remove("/var/spool/quorix");
+  ExpectAllAfterAPoll();
+}
+
+TEST_F(Lost, ARootThatIsMovedAway) {
+  ASSERT_EQ(rename("/var/spool/quorix/kelmo", "/var/spool/quorix/old"), 0);
+  ExpectAllAfterAPoll();
+  EXPECT_EQ(host_.daemon.Count("The registry was moved, removed or covered"), 1U);
+  EXPECT_EQ(host_.daemon.Stop(), 0);
+  EXPECT_FALSE(Exists(PathOf("host")));
+}
+
+TEST_F(Lost, ARootThatIsMountedOverAndUncoveredAgain) {
+  Run({"mount", "-t", "tmpfs", "cover", MadeUpHost::kRegistry});
+  ExpectAllAfterAPoll();
+  // What an object that is gone meanwhile has left below does not come back.
+  host_.File("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
+  ASSERT_TRUE(host_.daemon.Poll());
+  ASSERT_TRUE(Eventually([] { return !MadeUpHost::Object("host/filesys.1"); }));
+  Run({"umount", "-l", MadeUpHost::kRegistry});
+  ASSERT_TRUE(MadeUpHost::Object("host/filesys.1"));
+  std::erase(names_, "host/filesys.1");
+  states_.erase("host/filesys.1");
+  states_.erase("host/info");  // its role is another one now
+  ASSERT_TRUE(host_.daemon.Poll());
+  EXPECT_TRUE(Eventually([&] { return MadeUpHost::Objects() == names_; })) << host_.Dump();
+  EXPECT_EQ(host_.daemon.Count("The registry was moved, removed or covered"), 2U);
+}
+
+TEST(Registry, AFileThatCannotBeUnlinkedGoesLater) {
+  MadeUpHost host;
+  host.StartTestAgent();
+  ASSERT_TRUE(host.Order("rows 0 2\n"));
+  const std::string root = MadeUpHost::kRegistry;
+  ASSERT_EQ(RunCommand({"mount", "--bind", root, root}).status, 0);
+  // The agent finds the mount, which shows the same files.
+  ASSERT_TRUE(host.Order("wait 0\n"));
+  ASSERT_EQ(RunCommand({"mount", "-o", "remount,ro,bind", root}).status, 0);
+  ASSERT_TRUE(host.Order("delete 0\n"));
+  EXPECT_TRUE(Exists(PathOf("host/row.0")));
+  EXPECT_EQ(host.daemon.Count("Can't write registry file"), 1U) << host.daemon.Log();
+  ASSERT_EQ(RunCommand({"mount", "-o", "remount,rw,bind", root}).status, 0);
+  ASSERT_TRUE(host.Order("wait 0\n"));
+  EXPECT_TRUE(Eventually([] { return !Exists(PathOf("host/row.0")); })) << host.daemon.Log();
+  EXPECT_TRUE(host.daemon.WaitLog("Registry files are written again"));
+}
+
+// ---- Two agents for one directory
+// ------------------------------------------------------------------
+
+namespace {
+
+Outcome StartAnother() {
+  ProcessOptions options;
+  options.fixed_addresses = true;  // it may be sanitized
+  return RunCommand({DaemonPath(), "-i"}, options, 60);
+}
+
+}  // namespace
+
+TEST(SecondStart, TouchesNothingAndSaysWhoRuns) {
+  MadeUpHost host;
+  host.Start();
+  const std::string before = host.Dump();
+  const std::string log = host.daemon.Log();
+  const Outcome second = StartAnother();
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(second.out + second.err, "vexhostd: Process " + std::to_string(host.daemon.pid()) +
+                                         " already runs with the registry directory " +
+                                         PathOf("host") + "\n");
+  EXPECT_EQ(host.Dump(), before);
+  EXPECT_EQ(host.daemon.Log(), log);
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Log(), log);
+}
+
+TEST(SecondStart, WorksAtOnceAfterAKill) {
+  MadeUpHost host;
+  for (int life = 0; life < 3; life++) {
+    host.daemon.Start();
+    EXPECT_TRUE(MadeUpHost::Object("host/memory"));
+    EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  }
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count("already runs"), 0U);
+}
+
+// A mount asker that hangs outlives the agent, and holds nothing of it.
+TEST(SecondStart, WorksWhileAChildOfTheDeadOneHangs) {
+  MadeUpHost host;
+  FuseMount mount("/srv/hung", 100, 50);
+  host.File("/etc/mtab", "/dev/x / ext4 rw 0 0\nserver:/x /srv/hung ext4 rw 0 0\n");
+  host.daemon.Start();
+  mount.HangAll();
+  ASSERT_TRUE(host.daemon.Poll());
+  const std::vector<pid_t> children = Children(host.daemon.pid());
+  ASSERT_EQ(children.size(), 1U);
+  for (const std::string &open : OpenFiles(children[0])) {
+    EXPECT_EQ(open.find("registry"), std::string::npos) << open;
+  }
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count("already runs"), 0U);
+  mount.Recover();
+}
+
+TEST(SecondStart, SiblingsAreNotConcerned) {
+  MadeUpHost host;
+  host.daemon.Start();
+  EXPECT_EQ(host.Vexreg({"put", "stdeq/misc", "int:7"}).status, 0);
+  EXPECT_EQ(host.Vexreg({"rm", "stdeq/misc"}).status, 0);
+  ProcessOptions options;
+  options.fixed_addresses = true;
+  EXPECT_EQ(RunCommand({DaemonPath(), "-h"}, options).status, 1);
+  EXPECT_TRUE(MadeUpHost::Object("host/memory"));
+}
+
+// ---- The start
+// -------------------------------------------------------------------------------------
+
+TEST(Registry, ADirectoryLeftWithoutItsModeGetsItAtTheNextStart) {
+  MadeUpHost host;
+  host.Directory(PathOf("host"));
+  for (const std::string &path : {PathOf("host"), std::string(MadeUpHost::kRegistry)}) {
+    ASSERT_EQ(chmod(path.c_str(), 0700), 0);
+  }
+  host.daemon.Start();
+  for (const std::string &path : {PathOf("host"), std::string(MadeUpHost::kRegistry)}) {
+    struct stat st = {};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777U, 0755U) << path;
+  }
+}
+
+TEST(Registry, AnyDepthOfDirectoriesIsClearedAtTheStart) {
+  MadeUpHost host;
+  std::string path = PathOf("host");
+  for (int level = 0; level < 90; level++) {
+    path += "/level";
+  }
+  host.Directory(path);
+  host.daemon.Start();
+  EXPECT_FALSE(Exists(PathOf("host/level")));
+  EXPECT_EQ(host.daemon.Count("Can't clear"), 0U);
+}
+
+TEST(Registry, ADirectoryThatCannotBeClearedIsTold) {
+  MadeUpHost host;
+  host.Directory(PathOf("host/mounted"));
+  ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "kept", PathOf("host/mounted")}).status, 0);
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count("Can't clear registry directory " + PathOf("host") +
+                              ": Device or resource busy"),
+            1U)
+      << host.daemon.Log();
+  EXPECT_TRUE(MadeUpHost::Object("host/memory"));
+}
+
+// A writable variable without a handler: what a manager sets, a sibling reads.
+TEST(Registry, ASetWithoutAHandlerReachesTheFile) {
+  MadeUpHost host;
+  host.StartTestAgent();
+  ASSERT_EQ(host.Set("tlxHoGenericData", 's', "hello"), "noError");
+  EXPECT_EQ(host.Get("tlxHoGenericData"), "STRING: \"hello\"");
+  EXPECT_EQ(MadeUpHost::Published("host/test", "tlxHoGenericData"), "hello");
 }

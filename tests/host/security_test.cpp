@@ -1,12 +1,16 @@
 // What a hostile neighbour can leave in the agent's way: files that are not what they should be,
 // names that are commands, log lines or terminal sequences. SECURITY.md says who could.
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "tests/support/made_up_host.h"
 
@@ -88,10 +92,15 @@ TEST(Security, KeptFilesAreNoOtherFilesSecondName) {
   for (const std::string &file : kKept) {
     ASSERT_EQ(link(kVictim, file.c_str()), 0) << strerror(errno);
   }
+  // A directory in which others can plant one.
+  ASSERT_EQ(chmod(kRoot.c_str(), 0777), 0);
   host.Start();
+  ExpectSetsToFail(host);
   ExpectSetsToFail(host);
   EXPECT_EQ(ReadFile(kVictim), "precious");
   EXPECT_EQ(Mode(kVictim), 0644U);
+  EXPECT_EQ(host.daemon.Count("not used: it is a second name of another file"), 3U)
+      << "once a file: " << host.daemon.Log();
 }
 
 TEST(Security, APipeInPlaceOfAKeptFileHoldsNobodyUp) {
@@ -126,6 +135,110 @@ TEST(Security, AnotherUsersLinkOnTheWayToTheRegistryIsNotFollowed) {
     EXPECT_EQ(ListDirectory("/home/guest/host"), std::vector<std::string>{"precious"});
     host.snmpd.Stop();
   }
+}
+
+namespace {
+
+constexpr char kSpool[] = "/var/spool/quorix";
+
+// Another user's process that makes a directory and a link of his trade names as fast as it can,
+// for as long as this lives.
+class Swapper {
+ public:
+  Swapper(const std::string &one, const std::string &other) : process_(fork()) {
+    if (process_ == 0) {
+      if (setgid(1000) != 0 || setuid(1000) != 0 || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+        _exit(1);
+      }
+      while (renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
+      }
+      _exit(1);
+    }
+    EXPECT_GT(process_, 0);
+  }
+  ~Swapper() {
+    EXPECT_EQ(waitpid(process_, nullptr, WNOHANG), 0) << "it swapped all the while";
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+  Swapper(const Swapper &) = delete;
+  Swapper &operator=(const Swapper &) = delete;
+
+ private:
+  pid_t process_;
+};
+
+}  // namespace
+
+// A user to whom a directory above the registry was given has it change places with a link of his.
+TEST(Security, ASwapOnTheWayToTheRegistryLeadsNoSetOutOfIt) {
+  MadeUpHost host;
+  host.Directory("/root/target/registry");
+  host.Directory("/root/target/registry/threshold");
+  host.Directory(kRoot);
+  host.Link(std::string(kSpool) + "/link", "/root/target");
+  ASSERT_EQ(chown(kSpool, 1000, 1000), 0);
+  ASSERT_EQ(chown((std::string(kSpool) + "/kelmo").c_str(), 1000, 1000), 0);
+  ASSERT_EQ(lchown((std::string(kSpool) + "/link").c_str(), 1000, 1000), 0);
+  host.Start();
+  {
+    const Swapper swapper(std::string(kSpool) + "/kelmo", std::string(kSpool) + "/link");
+    std::map<std::string, int> outcomes;
+    for (int set = 0; set < 400; set++) {
+      outcomes[host.Set({{"tlxHoSystemRole", 's', std::to_string(set)},
+                         {"tlxHoSystemRoleDetail", 's', std::to_string(set)},
+                         {"tlxHoGUID", 'x', kGuid}})]++;
+      if (set % 40 == 0) {
+        ASSERT_TRUE(host.daemon.Poll());
+      }
+    }
+    // Else nothing was shown.
+    EXPECT_GT(outcomes["noError"], 0);
+    EXPECT_GT(outcomes["commitFailed"], 0);
+    EXPECT_EQ(host.daemon.Stop(), 0);
+  }
+  EXPECT_EQ(ListDirectory("/root/target"), std::vector<std::string>{"registry"});
+  EXPECT_EQ(ListDirectory("/root/target/registry"), std::vector<std::string>{"threshold"});
+}
+
+// No race is needed where the agent goes by names at its end.
+TEST(Security, AtItsEndTheAgentRemovesNothingBehindAnotherUsersLink) {
+  for (const std::string way : {"/var/spool/quorix/kelmo", "/var/spool/quorix/kelmo/registry"}) {
+    SCOPED_TRACE(way);
+    MadeUpHost host;
+    host.Remove("/root/target");
+    host.Directory("/root/target/host");
+    host.Directory("/root/target/registry/host");
+    host.Directory("/root/target/threshold");
+    host.Start();
+    host.Remove(way + ".moved");
+    ASSERT_EQ(rename(way.c_str(), (way + ".moved").c_str()), 0);
+    host.Link(way, "/root/target");
+    ASSERT_EQ(lchown(way.c_str(), 1000, 1000), 0);
+    // An entry there counts for nothing.
+    ASSERT_TRUE(host.daemon.Poll());
+    EXPECT_EQ(host.daemon.Count("cannot opendir("), 1U) << "an absent one, at the start";
+    EXPECT_EQ(host.daemon.Stop(), 0);
+    EXPECT_EQ(ListDirectory("/root/target"),
+              (std::vector<std::string>{"host", "registry", "threshold"}));
+    EXPECT_EQ(ListDirectory("/root/target/registry"), std::vector<std::string>{"host"});
+    host.Remove(way);
+    host.snmpd.Stop();
+  }
+}
+
+// A start that fails removes what it made, and goes by the same way.
+TEST(Security, AFailedStartRemovesNothingBehindAnotherUsersLink) {
+  MadeUpHost host;
+  host.Directory("/root/target/host");
+  host.Link(kRoot, "/root/target");
+  ASSERT_EQ(lchown(kRoot.c_str(), 1000, 1000), 0);
+  host.Remove("/etc/mtab");
+  DaemonOptions options;
+  options.wait = false;
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.WaitEnd(), 1) << host.daemon.Log();
+  EXPECT_EQ(ListDirectory("/root/target"), std::vector<std::string>{"host"});
 }
 
 TEST(Security, TheAdministratorsLinkToTheRegistryIsFollowed) {

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -314,6 +316,61 @@ TEST(GuidSources, TheFile) {
   EXPECT_EQ(Mode(kFile), 0600);
 }
 
+TEST(GuidSources, AFileThatCannotBeReadForAMomentIsReadAgain) {
+  MadeUpHost host;
+  host.File(kFile, "0123456789abcdef", 0600);
+  host.snmpd.Start();
+  for (const char *call : {"open", "fstat", "read"}) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO, EACCES}) {
+      SCOPED_TRACE(std::string(call) + " " + strerror(error));
+      DaemonOptions options;
+      options.fault = {call, "tlxhoguid.dat", error, 2};
+      host.daemon.Start(options);
+      EXPECT_EQ(host.Get(kText), "STRING: \"33323130-3534-3736-3839-616263646566\"");
+      EXPECT_EQ(Information(host), (std::vector<std::string>{kNotPresent, kKept}));
+      ASSERT_EQ(host.daemon.Stop(), 0);
+    }
+  }
+  EXPECT_EQ(ReadFile(kFile), "0123456789abcdef");
+}
+
+TEST(GuidSources, AFileThatCannotBeReadIsKeptBesideItsSuccessor) {
+  MadeUpHost host;
+  host.File(kFile, "0123456789abcdef", 0600);
+  host.snmpd.Start();
+  DaemonOptions options;
+  options.fault = {"read", "tlxhoguid.dat", EIO, 1000};
+  host.daemon.Start(options);
+  EXPECT_EQ(host.Get(kGuid), kWithoutEth0);
+  EXPECT_EQ(Information(host), (std::vector<std::string>{kNotPresent, kGenerated}));
+  EXPECT_EQ(host.daemon.Count("cannot be read: Input/output error; it was replaced by a generated "
+                              "one; the old one is kept as tlxhoguid.dat.replaced.1"),
+            1U)
+      << host.daemon.Log();
+  EXPECT_EQ(ReadFile(std::string(kFile) + ".replaced.1"), "0123456789abcdef");
+  EXPECT_EQ(ReadFile(kFile).size(), 16U);
+}
+
+TEST(GuidSources, TablesThatCannotBeReadForAMomentAreReadAgain) {
+  MadeUpHost host;
+  PutSmbios(host, "entry 3.2\n226: {00112233445566778899aabbccddeeff}\n127:\n");
+  host.snmpd.Start();
+  for (const char *file : {"smbios_entry_point", "tables/DMI"}) {
+    for (const char *call : {"open", "fstat", "read"}) {
+      for (const int error : {EMFILE, ENOMEM, EINTR, EIO, EACCES}) {
+        SCOPED_TRACE(std::string(file) + " " + call + " " + strerror(error));
+        DaemonOptions options;
+        options.fault = {call, file, error, 2};
+        host.daemon.Start(options);
+        EXPECT_EQ(host.Get(kGuid), kNewShown);
+        EXPECT_EQ(host.Set(kGuid, 'x', "000102030405060708090a0b0c0d0e0f"), "wrongValue");
+        EXPECT_EQ(host.daemon.Count("SMBIOS: "), 0U) << host.daemon.Log();
+        ASSERT_EQ(host.daemon.Stop(), 0);
+      }
+    }
+  }
+}
+
 TEST(GuidSources, TheGeneratorWithEth0) {
   MadeUpHost host;
   host.Interface("eth0", "52:54:00:12:34:56");
@@ -322,6 +379,7 @@ TEST(GuidSources, TheGeneratorWithEth0) {
   EXPECT_EQ(host.Get(kGuid), kFor3456);
   EXPECT_EQ(host.Get(kText), kTextFor3456);
   EXPECT_EQ(Information(host), (std::vector<std::string>{kNotPresent, kGenerated}));
+  EXPECT_EQ(host.daemon.Count("without an eth0"), 0U);
   EXPECT_EQ(ReadFile(kFile).size(), 16U);
   EXPECT_EQ(Mode(kFile), 0600);
   // Kept from then on, whatever card the machine gets.
@@ -339,6 +397,15 @@ TEST(GuidSources, TheGeneratorWithoutEth0) {
   EXPECT_EQ(host.Get(kText), kTextWithoutEth0);
   EXPECT_EQ(Information(host), (std::vector<std::string>{kNotPresent, kGenerated}));
   EXPECT_EQ(ReadFile(kFile).size(), 16U);
+  EXPECT_EQ(host.daemon.Count("every host without an eth0 generates"), 1U);
+  // Said until it has one of its own.
+  ASSERT_EQ(host.daemon.Stop(), 0);
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count("every host without an eth0 generates"), 1U);
+  EXPECT_EQ(host.Set(kGuid, 'x', kNew), "noError");
+  ASSERT_EQ(host.daemon.Stop(), 0);
+  host.daemon.Start();
+  EXPECT_EQ(host.daemon.Count("without an eth0"), 0U);
 }
 
 }  // namespace

@@ -245,7 +245,8 @@ class Life(unittest.TestCase):
         self.ok("dpkg", "--purge", "vexhostd-dev")
         self.ok("dpkg", "--remove", "vexhostd")
         spool, kelmo = "/var/spool/quorix", "/var/spool/quorix/kelmo"
-        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat")
+        ours = ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat", "tlxhosystemroledetail.dat",
+                "tlxhoguid.dat.replaced.1", ".tlxhosystemrole.dat.new")
         mounted = []
 
         def fill(registry):
@@ -467,7 +468,8 @@ class Life(unittest.TestCase):
 
         # The registry, as a killed agent leaves it, with a sibling's objects.
         for name in ("host/cpu.0", "tlxhoguid.dat", "tlxhosystemrole.dat",
-                     "tlxhosystemroledetail.dat", "storage/disk.1"):
+                     "tlxhosystemroledetail.dat", "tlxhoguid.dat.replaced.5",
+                     ".tlxhoguid.dat.new", "storage/disk.1"):
             self.machine.write(f"{REGISTRY}/{name}", "something\n")
 
         self.ok("dpkg", "--purge", "vexhostd-dev")

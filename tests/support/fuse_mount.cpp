@@ -12,7 +12,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <mutex>
 #include <thread>
@@ -28,10 +30,12 @@ struct FuseMount::State {
   std::thread server;
   mutable std::mutex lock;
   fuse_kstatfs figures = {};
+  std::chrono::milliseconds delay{0};
   bool hanging = false;
   bool all_hangs = false;
   std::vector<uint64_t> waiting;
   std::vector<uint64_t> held;  // that are no statvfs()
+  std::deque<std::pair<std::chrono::steady_clock::time_point, uint64_t>> delayed;
   size_t asked = 0;
 
   void Reply(uint64_t unique, int error, const void *body, size_t size) const {
@@ -51,6 +55,7 @@ struct FuseMount::State {
   }
 
   void Handle(const char *request);
+  int ReplyToDelayed();
   void Serve();
 };
 
@@ -78,6 +83,8 @@ void FuseMount::State::Handle(const char *request) {
       asked++;
       if (hanging) {
         waiting.push_back(header.unique);
+      } else if (delay.count() > 0) {
+        delayed.emplace_back(std::chrono::steady_clock::now() + delay, header.unique);
       } else {
         ReplyFigures(header.unique);
       }
@@ -102,15 +109,33 @@ void FuseMount::State::Handle(const char *request) {
   }
 }
 
+// Milliseconds until the next of them is due; -1 for never.
+int FuseMount::State::ReplyToDelayed() {
+  const std::lock_guard hold(lock);
+  const auto now = std::chrono::steady_clock::now();
+  while (!delayed.empty() && delayed.front().first <= now) {
+    ReplyFigures(delayed.front().second);
+    delayed.pop_front();
+  }
+  if (delayed.empty()) {
+    return -1;
+  }
+  return static_cast<int>(
+      std::chrono::ceil<std::chrono::milliseconds>(delayed.front().first - now).count());
+}
+
 void FuseMount::State::Serve() {
   std::vector<char> request(64 * 1024);
   for (;;) {
     pollfd ready[] = {{device, POLLIN, 0}, {stop, POLLIN, 0}};
-    if (poll(ready, 2, -1) < 0 && errno != EINTR) {
+    if (poll(ready, 2, ReplyToDelayed()) < 0 && errno != EINTR) {
       return;
     }
     if (ready[1].revents != 0) {
       return;
+    }
+    if (ready[0].revents == 0) {
+      continue;
     }
     const ssize_t got = read(device, request.data(), request.size());
     if (got >= static_cast<ssize_t>(sizeof(fuse_in_header))) {
@@ -169,6 +194,11 @@ void FuseMount::Hang() {
   state_->hanging = true;
 }
 
+void FuseMount::Delay(std::chrono::milliseconds delay) {
+  const std::lock_guard hold(state_->lock);
+  state_->delay = delay;
+}
+
 void FuseMount::HangAll() {
   const std::lock_guard hold(state_->lock);
   state_->hanging = true;
@@ -191,7 +221,7 @@ void FuseMount::Recover() {
 
 size_t FuseMount::Waiting() const {
   const std::lock_guard hold(state_->lock);
-  return state_->waiting.size() + state_->held.size();
+  return state_->waiting.size() + state_->held.size() + state_->delayed.size();
 }
 
 size_t FuseMount::Asked() const {

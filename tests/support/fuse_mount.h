@@ -3,6 +3,7 @@
 #ifndef VEX_TESTS_SUPPORT_FUSE_MOUNT_H
 #define VEX_TESTS_SUPPORT_FUSE_MOUNT_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -20,6 +21,8 @@ class FuseMount {
 
   // From now on statvfs() is not answered: the server takes the request and says nothing.
   void Hang();
+  // From now on statvfs() is answered that much later, with the figures of then; not a growing one.
+  void Delay(std::chrono::milliseconds delay);
   // From now on nothing is answered: whoever touches the mount waits, and cannot be killed.
   void HangAll();
   // Answers, also those who wait; what was no statvfs(), with EIO.

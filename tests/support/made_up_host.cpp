@@ -285,6 +285,7 @@ void Daemon::Start(const DaemonOptions &options) {
     page_->clock_offset_ns = static_cast<int64_t>(options.clock_offset * 1e9);
     page_->hold_alarms = held_ ? 1 : 0;
     page_->clock_stands_ns = options.clock_stands * 1'000'000'000;
+    SetFault(options.fault);
     const std::pair<const std::string &, char *> texts[] = {
         {options.kernel.release, page_->kernel_release},
         {options.kernel.version, page_->kernel_version},
@@ -417,6 +418,11 @@ unsigned Daemon::Sleeps() const {
 }
 
 void Daemon::AdvanceClock(double seconds) {
+  StepClock(seconds);
+  page_->age_offset_ns += static_cast<int64_t>(seconds * 1e9);
+}
+
+void Daemon::StepClock(double seconds) {
   ASSERT_NE(page_, nullptr);
   page_->clock_offset_ns += static_cast<int64_t>(seconds * 1e9);
 }
@@ -431,6 +437,17 @@ void Daemon::SetCardReply(const std::string &reply) {
   ASSERT_LE(reply.size(), sizeof(page_->card_reply));
   memcpy(page_->card_reply, reply.data(), reply.size());
   page_->card_answers = 1;
+}
+
+void Daemon::SetFault(const Fault &fault) {
+  ASSERT_NE(page_, nullptr);
+  page_->fault_count = 0;
+  ASSERT_LT(fault.call.size(), sizeof(page_->fault_call));
+  ASSERT_LT(fault.path.size(), sizeof(page_->fault_path));
+  strcpy(page_->fault_call, fault.call.c_str());
+  strcpy(page_->fault_path, fault.path.c_str());
+  page_->fault_error = fault.error;
+  page_->fault_count = fault.count;
 }
 
 void Daemon::RefuseSegments(bool refuse) {

@@ -82,6 +82,14 @@ struct Kernel {
   std::string release, version, machine;
 };
 
+// Calls of the daemon that fail: those of one kind ("open", also openat; "fstat", "read", "fsync")
+// for a path that ends so, that many times from now on.
+struct Fault {
+  std::string call, path;
+  int error = 0;
+  int count = 0;
+};
+
 struct DaemonOptions {
   std::vector<std::string> arguments = {"-p", "15"};
   // Without the preloaded probe the daemon runs as it is: a real start-up delay, real alarms, the
@@ -92,6 +100,7 @@ struct DaemonOptions {
   double clock_offset = 0;       // seconds that its wall clock begins ahead
   int64_t clock_stands = 0;      // seconds since the epoch at which it stands; 0: it runs
   Kernel kernel;                 // an empty release: the machine's own
+  Fault fault;                   // none
   bool wait = true;              // until start-up is complete and snmpd (when it runs) serves it
   Environment environment;
   std::string program;  // another agent instead of vexhostd
@@ -140,12 +149,16 @@ class Daemon {
   unsigned Polls() const;
   unsigned AlarmSeconds() const;
   unsigned Sleeps() const;
-  // Moves the daemon's wall clock on.
+  // Lets time pass for the daemon: on its wall clock, and on the clock of ages (CLOCK_BOOTTIME).
   void AdvanceClock(double seconds);
+  // Sets its wall clock alone, as an administrator does.
+  void StepClock(double seconds);
   // Percentage of each later sleep() that is really slept; 0 for none.
   void SetSleepPercent(unsigned percent);
   // What the remote management card's ioctl() answers from now on; it fails before.
   void SetCardReply(const std::string &reply);
+  // Lets calls fail from now on.
+  void SetFault(const Fault &fault);
   // Lets no shared-memory segment be attached from now on, or again.
   void RefuseSegments(bool refuse);
 

@@ -1,11 +1,12 @@
-// Preloaded into the daemon by a scenario. Only the wall clock is moved: deadlines on the monotonic
-// clock stay true. System calls are made directly, so that the order in which a sanitizer's
-// interceptors are found does not matter.
+// Preloaded into the daemon by a scenario. Only the wall clock and the clock of ages are moved:
+// deadlines on the monotonic clock stay true. System calls are made directly, so that the order in
+// which a sanitizer's interceptors are found does not matter.
 #include "tests/support/probe.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
@@ -14,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,24 +45,61 @@ bool IsWallClock(clockid_t clock) {
   return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
 }
 
+void Move(timespec *time, int64_t offset) {
+  time->tv_sec += offset / 1000000000;
+  time->tv_nsec += offset % 1000000000;
+  if (time->tv_nsec >= 1000000000) {
+    time->tv_nsec -= 1000000000;
+    time->tv_sec++;
+  } else if (time->tv_nsec < 0) {
+    time->tv_nsec += 1000000000;
+    time->tv_sec--;
+  }
+}
+
 int Read(clockid_t clock, timespec *time) {
   int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-  if (result == 0 && page != nullptr && IsWallClock(clock)) {
+  if (result != 0 || page == nullptr)
+    return result;
+  if (IsWallClock(clock)) {
     int64_t stands = page->clock_stands_ns;
     if (stands != 0)
       *time = {stands / 1000000000, stands % 1000000000};
-    int64_t offset = page->clock_offset_ns;
-    time->tv_sec += offset / 1000000000;
-    time->tv_nsec += offset % 1000000000;
-    if (time->tv_nsec >= 1000000000) {
-      time->tv_nsec -= 1000000000;
-      time->tv_sec++;
-    } else if (time->tv_nsec < 0) {
-      time->tv_nsec += 1000000000;
-      time->tv_sec--;
-    }
+    Move(time, page->clock_offset_ns);
+  } else if (clock == CLOCK_BOOTTIME) {
+    Move(time, page->age_offset_ns);
   }
   return result;
+}
+
+// Whether this call is one that is to fail.
+bool Faulty(const char *call, const char *path) {
+  if (page == nullptr || page->fault_count <= 0 || strcmp(page->fault_call, call) != 0) {
+    return false;
+  }
+  const size_t length = strlen(path);
+  const size_t end = strnlen(page->fault_path, sizeof(page->fault_path));
+  if (length < end || memcmp(path + length - end, page->fault_path, end) != 0 ||
+      page->fault_count.fetch_sub(1) <= 0) {
+    return false;
+  }
+  errno = page->fault_error;
+  return true;
+}
+
+bool Faulty(const char *call, int descriptor) {
+  if (page == nullptr || page->fault_count <= 0) {
+    return false;
+  }
+  char link[64];
+  snprintf(link, sizeof(link), "/proc/self/fd/%d", descriptor);
+  char path[4096];
+  const long length = syscall(SYS_readlink, link, path, sizeof(path) - 1);
+  if (length < 0) {
+    return false;
+  }
+  path[length] = '\0';
+  return Faulty(call, path);
 }
 
 }  // namespace
@@ -96,6 +135,36 @@ INTERPOSE int uname(utsname *result) noexcept {
     memcpy(result->machine, page->machine, sizeof(result->machine));
   }
   return outcome;
+}
+
+INTERPOSE int open(const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return Faulty("open", path) ? -1
+                              : static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+INTERPOSE int openat(int directory, const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return Faulty("open", path) ? -1
+                              : static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
+}
+
+INTERPOSE ssize_t read(int descriptor, void *buffer, size_t size) {
+  return Faulty("read", descriptor) ? -1 : syscall(SYS_read, descriptor, buffer, size);
+}
+
+INTERPOSE int fstat(int descriptor, struct stat *result) noexcept {
+  return Faulty("fstat", descriptor) ? -1 : static_cast<int>(syscall(SYS_fstat, descriptor, result));
+}
+
+INTERPOSE int fsync(int descriptor) {
+  return Faulty("fsync", descriptor) ? -1 : static_cast<int>(syscall(SYS_fsync, descriptor));
 }
 
 INTERPOSE unsigned alarm(unsigned seconds) noexcept {

@@ -14,6 +14,7 @@ inline constexpr char kProbeVariable[] = "MADE_UP_PROBE";  // path of the page's
 struct ProbePage {
   // Written by the scenario.
   std::atomic<int64_t> clock_offset_ns;  // added to CLOCK_REALTIME and what is derived from it
+  std::atomic<int64_t> age_offset_ns;    // added to CLOCK_BOOTTIME, which ages are taken from
   std::atomic<int64_t> clock_stands_ns;  // not 0: that clock stands there, but for the offset
   std::atomic<uint32_t> quick_start;     // 1: the process's first sleep() ends at once
   std::atomic<uint32_t> sleep_percent;   // of every later sleep()
@@ -21,6 +22,12 @@ struct ProbePage {
   std::atomic<uint32_t> card_answers;    // 1: the remote management card's ioctl() succeeds ...
   unsigned char card_reply[80];          // ... with this reply
   std::atomic<uint32_t> refuse_shmat;    // 1: no segment can be attached
+  // Makes the next calls of one kind fail for a path (its end): "open" (openat too), "fstat",
+  // "read" or "fsync". Written before the daemon starts, or while it waits.
+  char fault_call[16];
+  char fault_path[128];
+  std::atomic<int32_t> fault_error;
+  std::atomic<int32_t> fault_count;  // how many more
   // What uname() says of the kernel; an empty release: the machine's own.
   char kernel_release[65];
   char kernel_version[65];

@@ -54,6 +54,7 @@ struct State {
   std::map<std::string, std::pair<int32_t, int>> snmp;
   bool snmp_open = false;
   std::map<std::string, std::pair<std::string, int>> commands;
+  std::map<std::string, double> command_seconds;
   std::string community = "public";
   bool appliance = false;
   int32_t product_id = 0;
@@ -348,6 +349,10 @@ bool SnmpConnectionOpen() {
 
 void PutCommand(const std::string &command, const std::string &output, int status) {
   state().commands[command] = {output, status};
+}
+
+void PutCommandTime(const std::string &command, double seconds) {
+  state().command_seconds[command] = seconds;
 }
 
 void SetCommunity(const std::string &community) {
@@ -650,6 +655,11 @@ int delete_obj(queue *registry, registry_object *face, int zero) {
   return 0;
 }
 
+int claim_dir(const char *path) {
+  rec::Record("claim_dir", path, "");
+  return rec::Fails("claim_dir", path) ? -1 : 0;
+}
+
 int create_dir(const char *path, int parents) {
   rec::Record("create_dir", path, std::to_string(parents));
   return rec::Fails("create_dir", path) ? -1 : 0;
@@ -664,6 +674,19 @@ int remove_all_dir(const char *path) {
 int is_empty_dir(const char *path) {
   rec::Record("is_empty_dir", path, "");
   return rec::Fails("is_empty_dir", path) ? 0 : state().objects.empty();
+}
+
+int remove_empty_dir(const char *path) {
+  rec::Record("remove_empty_dir", path, "");
+  return rec::Fails("remove_empty_dir", path) ? -1 : 0;
+}
+
+int open_dir(const char *path) {
+  if (rec::Fails("open_dir", path)) {
+    return -1;
+  }
+  const std::string place = rec::RealPath(std::filesystem::path(path).lexically_normal());
+  return open(place.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
 // ---- Process ------------------------------------------------------------------------------------
@@ -710,6 +733,35 @@ int cfg_trap_state(int value) {
 
 int agent_ending(void) {
   return rec::Fails("agent_ending", "") ? 1 : 0;
+}
+
+int run_command(const char *command, int limit_ms, char *output, size_t size, size_t *length) {
+  rec::Record("run_command", command, "");
+  EXPECT_GT(size, 0U);
+  EXPECT_GT(limit_ms, 0);
+  *length = 0;
+  output[0] = '\0';
+  if (agent_ending() != 0) {
+    return COMMAND_AGENT_ENDING;
+  }
+  if (rec::Fails("run_command", command)) {
+    return COMMAND_NOT_RUN;
+  }
+  const auto known = state().command_seconds.find(command);
+  const double seconds = known != state().command_seconds.end() ? known->second : 0;
+  if (seconds * 1000 > limit_ms) {
+    rec::PassTime(limit_ms / 1000.0);
+    return COMMAND_TIMED_OUT;
+  }
+  rec::PassTime(seconds);
+  const auto *made_up = rec::FindCommand(command);
+  if (made_up == nullptr) {
+    return 127;
+  }
+  *length = std::min(made_up->first.size(), size - 1);
+  memcpy(output, made_up->first.data(), *length);
+  output[*length] = '\0';
+  return made_up->second;
 }
 
 int process_linux_cmd(const char *command, char *output, int *length) {

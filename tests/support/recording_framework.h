@@ -28,7 +28,8 @@ namespace rec {
 struct Event {
   std::string operation;
   // The object (create_obj, log_data, delete_obj, find_obj, get_obj), path (create_dir ...),
-  // command (process_linux_cmd, popen), OID, or number as text (sleep, alarm, set_poll_time ...).
+  // command (process_linux_cmd, run_command), OID, or number as text (sleep, alarm, set_poll_time
+  // ...).
   std::string name;
   std::string data;  // log_data: the data block as published
 };
@@ -113,9 +114,12 @@ void PutSnmpInteger(const std::string &oid, int32_t value, int status = 0);
 // Whether a connection to an SNMP agent is open now.
 bool SnmpConnectionOpen();
 
-// Output and exit status of process_linux_cmd(), and of popen()/pclose(), for exactly that command.
-// A command that was not given exits with 127 and without output.
+// Output and exit status of process_linux_cmd() and run_command() for exactly that command. A
+// command that was not given exits with 127 and without output.
 void PutCommand(const std::string &command, const std::string &output, int status = 0);
+// run_command() of that command takes so long of the time that PassTime() moves; when its limit is
+// shorter, that long, and it fails as one that ran out of time. 0 for no time again.
+void PutCommandTime(const std::string &command, double seconds);
 
 void SetCommunity(const std::string &community);  // "" for none; "public" at first
 void SetAppliance(bool appliance, int32_t product_id = 0,
@@ -165,8 +169,16 @@ std::string RealPath(const std::string &path);
 // The contents of a file, taken over or not; "" when there is none.
 std::string ReadFile(const std::string &path);
 
+// As often as that, fopen and setmntent of the path give a stream of which a read fails with EIO
+// once that many bytes have been read.
+void BreakReads(const std::string &path, int times, size_t after);
+
 // time() and clock_gettime(CLOCK_REALTIME) say this from now on.
 void SetTime(time_t now);
+// Moves what clock_gettime(CLOCK_MONOTONIC) says on.
+void PassTime(double seconds);
+// clock_gettime(CLOCK_BOOTTIME) does.
+void SetBootTime(time_t now);
 // sleep(), usleep(), alarm() and rmdir() are recorded and return at once with 0; nothing is armed
 // or removed.
 

@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -79,11 +79,46 @@ std::string Place(const std::string &path) {
 }
 
 std::optional<time_t> now;
+std::optional<time_t> since_boot;
+struct BrokenReads {
+  int times;
+  size_t after;
+};
+std::map<std::string, BrokenReads> broken_reads;
+
+// What is left of a file before a read of it fails.
+ssize_t ReadAndFail(void *cookie, char *buffer, size_t size) {
+  std::string &rest = *static_cast<std::string *>(cookie);
+  if (rest.empty()) {
+    errno = EIO;
+    return -1;
+  }
+  const size_t n = std::min(size, rest.size());
+  memcpy(buffer, rest.data(), n);
+  rest.erase(0, n);
+  return static_cast<ssize_t>(n);
+}
+
+// Null for a path of which no read fails now.
+FILE *BrokenStream(const std::string &path) {
+  const auto found = broken_reads.find(path);
+  if (found == broken_reads.end() || found->second.times == 0) {
+    return nullptr;
+  }
+  found->second.times--;
+  const cookie_io_functions_t functions = {ReadAndFail, nullptr, nullptr, [](void *cookie) {
+                                             delete static_cast<std::string *>(cookie);
+                                             return 0;
+                                           }};
+  return fopencookie(new std::string(rec::ReadFile(path).substr(0, found->second.after)), "r",
+                     functions);
+}
+
 std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
 std::map<std::string, int> services;
 std::optional<utsname> made_up_system;
-std::map<FILE *, std::pair<FILE *, int>> pipes;  // made-up pipes: their exit status
+int64_t passed_ns;  // by PassTime()
 
 }  // namespace
 
@@ -136,8 +171,20 @@ void PutSystem(const utsname &made_up) {
   made_up_system = made_up;
 }
 
+void BreakReads(const std::string &path, int times, size_t after) {
+  broken_reads[path] = {times, after};
+}
+
 void SetTime(time_t when) {
   now = when;
+}
+
+void PassTime(double seconds) {
+  passed_ns += static_cast<int64_t>(seconds * 1e9);
+}
+
+void SetBootTime(time_t when) {
+  since_boot = when;
 }
 
 }  // namespace rec
@@ -146,13 +193,20 @@ extern "C" {
 
 FILE *__real_fopen(const char *path, const char *mode);
 FILE *__wrap_fopen(const char *path, const char *mode) {
-  return rec::Fails("fopen", path) ? nullptr : __real_fopen(rec::RealPath(path).c_str(), mode);
+  if (rec::Fails("fopen", path)) {
+    return nullptr;
+  }
+  FILE *broken = BrokenStream(path);
+  return broken != nullptr ? broken : __real_fopen(rec::RealPath(path).c_str(), mode);
 }
 
 FILE *__real_setmntent(const char *path, const char *mode);
 FILE *__wrap_setmntent(const char *path, const char *mode) {
-  return rec::Fails("setmntent", path) ? nullptr
-                                       : __real_setmntent(rec::RealPath(path).c_str(), mode);
+  if (rec::Fails("setmntent", path)) {
+    return nullptr;
+  }
+  FILE *broken = BrokenStream(path);
+  return broken != nullptr ? broken : __real_setmntent(rec::RealPath(path).c_str(), mode);
 }
 
 int __real_open(const char *path, int flags, ...);
@@ -232,37 +286,6 @@ int __wrap_glob(const char *pattern, int flags, int (*error)(const char *, int),
   return status;
 }
 
-FILE *__real_popen(const char *command, const char *mode);
-FILE *__wrap_popen(const char *command, const char *) {
-  rec::Record("popen", command);
-  if (rec::Fails("popen", command)) {
-    return nullptr;
-  }
-  const auto *known = rec::FindCommand(command);
-  FILE *file = tmpfile();
-  if (file != nullptr) {
-    if (known != nullptr) {
-      fwrite(known->first.data(), 1, known->first.size(), file);
-    }
-    rewind(file);
-    pipes[file] = {file, known != nullptr ? known->second : 127};
-  }
-  return file;
-}
-
-int __real_pclose(FILE *pipe);
-int __wrap_pclose(FILE *pipe) {
-  rec::Record("pclose", "");
-  const auto found = pipes.find(pipe);
-  if (found == pipes.end()) {
-    return __real_pclose(pipe);
-  }
-  const int status = found->second.second;
-  pipes.erase(found);
-  fclose(pipe);
-  return W_EXITCODE(status, 0);
-}
-
 time_t __real_time(time_t *result);
 time_t __wrap_time(time_t *result) {
   const time_t value = now ? *now : __real_time(nullptr);
@@ -278,7 +301,101 @@ int __wrap_clock_gettime(clockid_t clock, timespec *result) {
     *result = {*now, 0};
     return 0;
   }
-  return __real_clock_gettime(clock, result);
+  if (since_boot && clock == CLOCK_BOOTTIME) {
+    *result = {*since_boot, 0};
+    return 0;
+  }
+  const int status = __real_clock_gettime(clock, result);
+  if (status == 0 && clock == CLOCK_MONOTONIC) {
+    const int64_t ns = result->tv_nsec + passed_ns;
+    result->tv_sec += ns / 1'000'000'000;
+    result->tv_nsec = ns % 1'000'000'000;
+  }
+  return status;
+}
+
+// The path of what an open descriptor and a name below it lead to, as the code under test knows it.
+std::string PathBelow(int directory, const char *name) {
+  std::error_code ignored;
+  const std::string at =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), ignored).string();
+  const std::string known =
+      at.starts_with(TheRoot().string() + "/") ? at.substr(TheRoot().string().size()) : at;
+  return name != nullptr ? known + "/" + name : known;
+}
+
+int __real_openat(int directory, const char *name, int flags, ...);
+int __wrap_openat(int directory, const char *name, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return rec::Fails("openat", PathBelow(directory, name))
+             ? -1
+             : __real_openat(directory, name, flags, mode);
+}
+
+ssize_t __real_read(int descriptor, void *buffer, size_t size);
+ssize_t __wrap_read(int descriptor, void *buffer, size_t size) {
+  return rec::Fails("read", PathBelow(descriptor, nullptr)) ? -1
+                                                            : __real_read(descriptor, buffer, size);
+}
+
+ssize_t __real_write(int descriptor, const void *buffer, size_t size);
+ssize_t __wrap_write(int descriptor, const void *buffer, size_t size) {
+  return rec::Fails("write", PathBelow(descriptor, nullptr))
+             ? -1
+             : __real_write(descriptor, buffer, size);
+}
+
+int __real_fstat(int descriptor, struct stat *result);
+int __wrap_fstat(int descriptor, struct stat *result) {
+  return rec::Fails("fstat", PathBelow(descriptor, nullptr)) ? -1
+                                                             : __real_fstat(descriptor, result);
+}
+
+int __real_fchmod(int descriptor, mode_t mode);
+int __wrap_fchmod(int descriptor, mode_t mode) {
+  return rec::Fails("fchmod", PathBelow(descriptor, nullptr)) ? -1
+                                                              : __real_fchmod(descriptor, mode);
+}
+
+int __real_fsync(int descriptor);
+int __wrap_fsync(int descriptor) {
+  const std::string path = PathBelow(descriptor, nullptr);
+  rec::Record("fsync", path);
+  return rec::Fails("fsync", path) ? -1 : __real_fsync(descriptor);
+}
+
+int __real_renameat(int from_directory, const char *from, int to_directory, const char *to);
+int __wrap_renameat(int from_directory, const char *from, int to_directory, const char *to) {
+  const std::string path = PathBelow(to_directory, to);
+  rec::Record("renameat", path);
+  return rec::Fails("renameat", path) ? -1
+                                      : __real_renameat(from_directory, from, to_directory, to);
+}
+
+int __real_renameat2(int from_directory, const char *from, int to_directory, const char *to,
+                     unsigned flags);
+int __wrap_renameat2(int from_directory, const char *from, int to_directory, const char *to,
+                     unsigned flags) {
+  const std::string path = PathBelow(to_directory, to);
+  rec::Record("renameat2", path);
+  return rec::Fails("renameat2", path)
+             ? -1
+             : __real_renameat2(from_directory, from, to_directory, to, flags);
+}
+
+int __real_unlinkat(int directory, const char *name, int flags);
+int __wrap_unlinkat(int directory, const char *name, int flags) {
+  return rec::Fails("unlinkat", PathBelow(directory, name))
+             ? -1
+             : __real_unlinkat(directory, name, flags);
+}
+
+int __wrap_nanosleep(const timespec *pause, timespec *) {
+  rec::Record("nanosleep", std::to_string(pause->tv_sec * 1000 + pause->tv_nsec / 1000000));
+  return 0;
 }
 
 unsigned __wrap_sleep(unsigned seconds) {

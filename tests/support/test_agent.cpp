@@ -249,7 +249,7 @@ int cleanup_agent(void) {
   agentlog_fprintf(stderr, "cleaning up\n");
   delete_obj(&obj_Q, nullptr, 0);
   if (is_empty_dir(log_dir))
-    rmdir(log_dir);
+    remove_empty_dir(log_dir);
   return 0;
 }
 

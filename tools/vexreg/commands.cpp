@@ -190,7 +190,7 @@ int Remove(const std::string &root, const std::string &name) {
     Complain(name + ": not an object");
     return kFailed;
   }
-  if (ObjectFileWriter(*relative, root).Remove() != 0) {
+  if (RemoveObjectFile(*relative, root) != 0) {
     Complain(name + ": cannot be removed: " + strerror(errno));
     return kFailed;
   }

@@ -1,5 +1,6 @@
 // vexreg doctor: looks for what keeps the agent from being seen.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,7 +10,9 @@
 #include <map>
 #include <thread>
 
+#include "framework/directory_lock.h"
 #include "framework/mib_table.h"
+#include "framework/registry_dir.h"
 #include "framework/snmp_ask.h"
 #include "framework/snmp_files.h"
 #include "tools/vexreg/bounded.h"
@@ -30,19 +33,23 @@ constexpr char kComparedObject[] = "host/memory";
 constexpr char kComparedVariable[] = "tlxHoPhysicalMemoryFree";
 constexpr char kPollObject[] = "host/misc";
 constexpr char kPollVariable[] = "tlxHoOsCommonPollFreq";
+constexpr char kGuidObject[] = "host/misc";
+constexpr char kGuidVariable[] = "tlxHoGUID";
 constexpr int kComparisons = 5;  // a poll may come in between
 
 const Group kGroups[] = {
-    {"cpu", true, true, ""},
-    {"filesys", false, false, "nothing is mounted that the table lists"},
-    {"memory", true, true, ""},
-    {"info", true, true, ""},
-    {"misc", true, true, ""},
-    {"swver", false, true, ""},
-    {"swverag", false, false, "the version of the agents' package could not be asked"},
-    {"fwver", false, false, "this machine has no source for it"},
-    {"hwinfo", false, false, "no EV told it at the agent's start"},
-    {"appliance", false, false, "the machine was no appliance at the agent's start"},
+    {"cpu", true, true, "", "tlxHoCpuUtilUnitIndex"},
+    {"filesys", false, false, "nothing is mounted that the table lists", "tlxHoFileSysIndex"},
+    {"memory", true, true, "", "tlxHoPhysicalMemorySize"},
+    {"info", true, true, "", "tlxHoName"},
+    {"misc", true, true, "", "tlxHoOsCommonPollFreq"},
+    {"swver", false, true, "", "tlxHoSwVerIndex"},
+    {"swverag", false, false, "the version of the agents' package could not be asked",
+     "tlxHoSwVerAgentsVer"},
+    {"fwver", false, false, "this machine has no source for it", "tlxHoFwVerIndex"},
+    {"hwinfo", false, false, "no EV told it at the agent's start", "tlxHoHWInfoPlatform"},
+    {"appliance", false, false, "the machine was no appliance at the agent's start",
+     "tlxApApplianceId"},
 };
 
 // sysUpTime.0 (RFC 3418), which Debian's stock view shows, too.
@@ -57,6 +64,15 @@ std::optional<int32_t> PublishedInteger(const FileObject &object, std::string_vi
   return std::nullopt;
 }
 
+std::string PublishedOctets(const FileObject &object, std::string_view name) {
+  for (const FileVariable &variable : object.variables) {
+    if (variable.name == name) {
+      return {reinterpret_cast<const char *>(object.data.data()) + variable.offset, variable.length};
+    }
+  }
+  return "";
+}
+
 class Examination {
  public:
   Examination(std::string root, int width) : root_(std::move(root)), width_(width) {}
@@ -69,7 +85,9 @@ class Examination {
     if (asked) {
       LookAtSubtree();
     }
+    LookAtDirectory();
     LookAtGroups();
+    LookAtGuid();
     const int64_t started_ns = agent_.empty() ? 0 : agent_.front().started_ns;
     LookAtSources(SearchPath(), started_ns, [this](const Finding &finding) { Say(finding); });
     return FinishOutput(failed_ ? kFailed : kDone);
@@ -215,6 +233,43 @@ class Examination {
     Say(JudgeValue(kComparedVariable, served, published));
   }
 
+  void LookAtDirectory() {
+    DirectoryFacts facts;
+    const std::string name(kDirectory, sizeof(kDirectory) - 2);
+    facts.path = root_ + "/" + name;
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    const Descriptor directory(
+        root ? OpenBeneath(root.get(), name, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
+    facts.error = directory ? 0 : errno;
+    facts.holder = directory ? LockHolder(directory.get()) : std::nullopt;
+    for (const ProcessFact &agent : agent_) {
+      facts.agents.push_back(agent.pid);
+    }
+    facts.agent_known = !hidden_ || !agent_.empty();
+    Say(JudgeDirectory(facts, Phase()));
+  }
+
+  // Why a group has no object.
+  void LookForFile(const Group &group, GroupFacts *facts) {
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    for (const char *row : {"", ".0"}) {
+      const Descriptor file(
+          OpenBeneath(root.get(), kDirectory + group.name + row, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+      facts->damaged = facts->damaged || file;
+      facts->unreadable = facts->unreadable || (!file && errno == EACCES);
+    }
+    const MibVariable *variable = FindMibVariable(group.variable);
+    if (!visible_ || AgentStopped() || variable == nullptr) {
+      return;
+    }
+    const SnmpReply reply = AskSnmp(kLoopback, files_.community, variable->Oid(), true);
+    if (reply.answered && reply.error == 0) {
+      facts->served =
+          reply.name.size() > variable->Oid().size() &&
+          std::equal(variable->Oid().begin(), variable->Oid().end(), reply.name.begin());
+    }
+  }
+
   void LookAtGroups() {
     std::map<std::string, GroupFacts> groups;
     std::map<std::string, bool> rows;
@@ -239,7 +294,20 @@ class Examination {
     const int64_t now_ns = WallClock();
     const AgentPhase phase = Phase();
     for (const Group &group : kGroups) {
-      Say(JudgeGroup(group, groups[group.name], rows[group.name], now_ns, poll_seconds, phase));
+      GroupFacts &facts = groups[group.name];
+      if (facts.objects == 0) {
+        LookForFile(group, &facts);
+      }
+      Say(JudgeGroup(group, facts, rows[group.name], now_ns, poll_seconds, phase));
+    }
+  }
+
+  void LookAtGuid() {
+    const auto object = ReadObjectFile(kGuidObject, root_);
+    const auto finding =
+        object ? JudgeGuid(PublishedOctets(*object, kGuidVariable)) : std::nullopt;
+    if (finding) {
+      Say(*finding);
     }
   }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "status/guid.h"
 #include "tools/vexreg/tables.h"
 
 namespace vex {
@@ -132,7 +133,7 @@ Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden) {
   }
   if (found.size() > 1) {
     return Fail("vexhostd: runs more than once (" + Pids(found) +
-                "); snmpd takes one only, and they share the registry. End all but one.");
+                "); snmpd takes one only, and only one has the registry. End all but one.");
   }
   if (found.front().owner != 0) {
     return Note("vexhostd: runs (" + Pids(found) + "), but not as root: it lacks what only root " +
@@ -268,6 +269,15 @@ Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
               "tells), or writes another one than this.");
 }
 
+std::optional<Finding> JudgeGuid(std::string_view octets) {
+  if (octets.size() != GUID_SIZE || memcmp(octets.data(), guid_without_eth0, GUID_SIZE) != 0) {
+    return std::nullopt;
+  }
+  return Note(
+      "GUID: the one that every host without an eth0 generates, and so no name for this host alone. "
+      "Set another one: snmpset ... tlxHoGUID.0 x, with 32 hexadecimal digits of its own.");
+}
+
 std::string AgeText(int64_t seconds) {
   if (seconds < 120) {
     return std::to_string(seconds) + " s";
@@ -281,17 +291,67 @@ std::string AgeText(int64_t seconds) {
   return std::to_string(seconds / (int64_t{24} * 3600)) + " days";
 }
 
+Finding JudgeDirectory(const DirectoryFacts &facts, AgentPhase phase) {
+  const std::string where = "registry " + facts.path + ": ";
+  const std::string next_poll =
+      " The agent makes it good at its next poll; if it does not, its log says why.";
+  if (facts.error == EACCES) {
+    return Note(where + "not for this user to look into. Run vexreg doctor as root.");
+  }
+  if (facts.error != 0 && facts.error != ENOENT) {
+    return Fail(where + strerror(facts.error) + "." + next_poll);
+  }
+  if (facts.agents.empty()) {
+    return !facts.agent_known ? Note(where + "whose it is does not show to this user.")
+           : facts.error != 0 ? Note(where + "not there, as no agent runs.")
+                              : Note(where + "nobody's, as no agent runs.");
+  }
+  if (facts.holder) {
+    const std::string holder = "process " + std::to_string(*facts.holder);
+    return std::find(facts.agents.begin(), facts.agents.end(), *facts.holder) != facts.agents.end()
+               ? Ok(where + "the agent's (" + holder + ").")
+               : Fail(where + holder +
+                      " has it, and the agent writes elsewhere. End that process.");
+  }
+  if (phase == AgentPhase::kStarts) {
+    return Note(where + "not the agent's yet: " + kJustStarted);
+  }
+  if (facts.error != 0) {
+    return Fail(where + "missing, though the agent runs: it was removed or moved away." +
+                next_poll);
+  }
+  return Fail(where +
+              "not the one that the agent writes to: it was replaced, or something is mounted "
+              "over it." +
+              next_poll);
+}
+
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
                    int poll_seconds, AgentPhase phase) {
   const std::string name = "group " + group.name + ": ";
   const bool agent_runs = phase != AgentPhase::kGone;
+  const std::string next_poll =
+      agent_runs ? " The agent writes it again at its next poll; if it does not, its log says why."
+                 : "";
+  if (facts.objects == 0 && facts.unreadable) {
+    return Note(name + "its file is not for this user to read. Run vexreg doctor as root.");
+  }
+  if (facts.objects == 0 && facts.damaged) {
+    return {agent_runs ? Verdict::kFail : Verdict::kNote,
+            name + "its file is damaged." + next_poll};
+  }
+  if (facts.objects == 0 && facts.served.value_or(false)) {
+    return Fail(name + "published to managers, but its file is missing." + next_poll);
+  }
   if (facts.objects == 0 && group.needed && phase == AgentPhase::kStarts) {
     return Note(name + "not published yet: " + kJustStarted);
   }
   if (facts.objects == 0) {
     const std::string why = group.absent.empty() ? "." : "; " + std::string(group.absent) + ".";
+    const std::string also =
+        facts.served ? "never published, to managers neither" : "not published";
     return group.needed && agent_runs
-               ? Fail(name + "not published, though the agent runs. Look at its log.")
+               ? Fail(name + also + ", though the agent runs. Look at its log.")
                : Note(name + "not published" + why);
   }
   std::string what = name;

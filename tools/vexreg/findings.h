@@ -72,20 +72,38 @@ std::vector<std::string> CommunityLine(
     const std::vector<std::pair<std::string, std::string>> &master_lines,
     const std::string &community);
 
+// octets: of the host GUID as published. Nothing to say of a GUID that may be this host's alone.
+std::optional<Finding> JudgeGuid(std::string_view octets);
+
 // An integer as snmpd serves it and as the registry has it.
 Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
                    std::optional<int32_t> published);
 
+// The directory of the agent's objects.
+struct DirectoryFacts {
+  std::string path;
+  int error = 0;                // of opening it; 0: it is there
+  std::optional<pid_t> holder;  // the process that has it for itself alone
+  std::vector<pid_t> agents;    // that were seen
+  bool agent_known = true;      // whether they could be seen
+};
+Finding JudgeDirectory(const DirectoryFacts &facts, AgentPhase phase);
+
 // A group of the registry: an object, or rows with numbers.
 struct Group {
-  std::string name;         // "cpu"
-  bool each_poll = false;   // published at each poll; else when something changed
-  bool needed = false;      // always there while the agent runs
-  std::string_view absent;  // what its absence means
+  std::string name;                // "cpu"
+  bool each_poll = false;          // published at each poll; else when something changed
+  bool needed = false;             // always there while the agent runs
+  std::string_view absent;         // what its absence means
+  std::string_view variable = {};  // one that snmpd has when the group is published
 };
 struct GroupFacts {
-  size_t objects = 0;
+  size_t objects = 0;     // whole ones
   int64_t newest_ns = 0;  // the last publication
+  // Without an object:
+  bool unreadable = false;     // there is a file, but not for this user
+  bool damaged = false;        // there is a file, but no object in it
+  std::optional<bool> served;  // whether snmpd has values of it; nothing when it was not asked
 };
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
                    int poll_seconds, AgentPhase phase);

@@ -145,11 +145,17 @@ Finding LookAtDistribution(int64_t started_ns) {
 }
 
 Finding LookAtAppliance(int64_t started_ns) {
-  if (is_appliance() != 0) {
-    return OfFileReadOnce(std::string("appliance: described by ") + kApplianceFile + ".",
-                          kApplianceFile, started_ns);
-  }
+  const bool is_one = is_appliance() != 0;
   const std::string problem = TakeMessages();
+  if (is_one) {
+    Finding finding = OfFileReadOnce(std::string("appliance: described by ") + kApplianceFile +
+                                         "." + (problem.empty() ? "" : " But: " + problem + "."),
+                                     kApplianceFile, started_ns);
+    if (!problem.empty()) {
+      finding.verdict = Verdict::kNote;
+    }
+    return finding;
+  }
   const std::string text = (problem.empty() ? std::string("no ") + kApplianceFile : problem) +
                            ". The machine is none for an agent that starts so; tlxAp... is absent.";
   Finding finding = OfFileReadOnce("appliance: " + text, kApplianceFile, started_ns);
@@ -173,14 +179,22 @@ Finding LookAtSmbios() {
   return {Verdict::kNote, problem + ". " + without};
 }
 
-// needed: bytes without which the agent takes it as absent.
-Finding LookAtEv(const char *name, uint32_t needed, const std::string &without) {
-  std::vector<unsigned char> value(needed);
-  uint32_t length = needed;
+// wanted: bytes that the agent reads; needed: those without which it takes the EV as absent.
+Finding LookAtEv(const char *name, uint32_t wanted, uint32_t needed, const std::string &without) {
+  std::vector<unsigned char> value(wanted);
+  uint32_t length = wanted;
   const std::string where = std::string("EV ") + name + ": ";
   const bool there = get_ev(name, value.data(), &length) == 0;
   const std::string problem = TakeMessages();
-  if (there && length == needed) {
+  if (there && length >= needed) {
+    if (!problem.empty()) {
+      return {Verdict::kNote, problem + "."};
+    }
+    if (length < wanted) {
+      return {Verdict::kNote, where + "has " + std::to_string(length) + " of " +
+                                  std::to_string(wanted) +
+                                  " bytes; what is missing counts as zero."};
+    }
     return {Verdict::kOk, where + "read."};
   }
   if (there) {
@@ -404,8 +418,9 @@ void LookAtSources(const std::string &search, int64_t started_ns,
   say(LookAtDistribution(started_ns));
   say(LookAtPackages(search));
   say(LookAtSmbios());
-  say(LookAtEv(platform_ev, platform_ev_size, "The class of the hardware is not published."));
-  say(LookAtEv(version_ev, 1,
+  say(LookAtEv(platform_ev, platform_ev_size, platform_ev_size,
+               "The class of the hardware is not published."));
+  say(LookAtEv(version_ev, version_ev_size, 1,
                "The maker's utilities keep the versions that they have in the table."));
   say(LookAtController());
   say(LookAtAppliance(started_ns));

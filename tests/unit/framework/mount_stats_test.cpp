@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -20,20 +23,25 @@ namespace {
 using namespace std::chrono_literals;
 
 // The mounts, as seen by the children that ask them: "/hang..." do not answer until they are let
-// go, those with "fail" are stale, "/slow..." take a tenth of a second, "/die" kills who asks;
-// others answer with the length of their path.
+// go, those with "fail" are stale, "/slow..." take a tenth of a second and "/late..." half a second
+// until they are let go, "/die" kills who asks; others answer with the length of their path.
 class Mounts {
  public:
   static int Stat(const char *path, struct statvfs *result) {
     Entry &entry = Get().Find(path);
     entry.asked++;
-    while (strncmp(path, "/hang", 5) == 0 && !entry.free && !Get().all_free_) {
+    while ((strncmp(path, "/hang", 5) == 0 || entry.hang) && !entry.free && !Get().all_free_) {
+      usleep(1000);
+    }
+    const auto late = std::chrono::steady_clock::now() + 500ms;
+    while (strncmp(path, "/late", 5) == 0 && !entry.free && !Get().all_free_ &&
+           std::chrono::steady_clock::now() < late) {
       usleep(1000);
     }
     if (strncmp(path, "/slow", 5) == 0) {
       usleep(100'000);
     }
-    if (strcmp(path, "/die") == 0) {
+    if (strcmp(path, "/die") == 0 || entry.die) {
       raise(SIGKILL);
     }
     if (strstr(path, "fail") != nullptr) {
@@ -57,11 +65,19 @@ class Mounts {
   void Free(const std::string &path) {
     Find(path.c_str()).free = true;
   }
+  void Hang(const std::string &path) {
+    Find(path.c_str()).hang = true;
+  }
+  void Die(const std::string &path) {
+    Find(path.c_str()).die = true;
+  }
   void Reset() {
     all_free_ = false;
     for (Entry &entry : entries_) {
       entry.asked = 0;
       entry.free = false;
+      entry.hang = false;
+      entry.die = false;
     }
   }
   void FreeAll() {
@@ -78,6 +94,8 @@ class Mounts {
     char path[64];
     std::atomic<int> asked;
     std::atomic<bool> free;
+    std::atomic<bool> hang;
+    std::atomic<bool> die;
   };
   Entry &Find(const char *path) {
     char name[sizeof(Entry::path)] = "";
@@ -100,6 +118,14 @@ class Mounts {
   Entry entries_[2500];
   std::atomic<bool> all_free_;
 };
+
+// What a function writes to the log.
+template <typename Function>
+std::string Logged(Function function) {
+  testing::internal::CaptureStderr();
+  function();
+  return testing::internal::GetCapturedStderr();
+}
 
 class MountAsker : public testing::Test {
  protected:
@@ -137,7 +163,13 @@ class MountAsker : public testing::Test {
   }
 
   static vex::MountAsker::Settings Settings() {
-    return {.stat = Mounts::Stat, .limit = 300ms, .patience = 10ms, .most_outstanding = 6};
+    return {.stat = Mounts::Stat,
+            .limit = 300ms,
+            .patience = 10ms,
+            .slow = 290ms,
+            .quick = 290ms,
+            .silence = 2000ms,
+            .most_outstanding = 6};
   }
   vex::MountAsker asker_{Settings()};
   std::chrono::nanoseconds took_{};
@@ -204,19 +236,262 @@ TEST_F(MountAsker, ASilentMountIsNotAskedAgainUntilItsCallHasComeBack) {
   Mounts::Get().Free("/hang");
   WaitForReturn(0);
   EXPECT_EQ(States({"/hang", "/b"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
+  WaitForReturn(0);
   EXPECT_EQ(Mounts::Get().Asked("/hang"), 2);
+}
+
+TEST_F(MountAsker, ALateAnswerIsTakenOverByTheNextPass) {
+  EXPECT_EQ(States({"/a", "/late"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_SILENT}));
+  WaitForReturn(0);
+  const auto results = Ask({"/a", "/late"});
+  EXPECT_EQ(results[1].state, MOUNT_ANSWERED);
+  EXPECT_EQ(results[1].blocks, strlen("/late"));
+  EXPECT_EQ(results[1].bfree, 3u);
+  EXPECT_EQ(Mounts::Get().Asked("/a"), 2);
+}
+
+TEST_F(MountAsker, ASlowMountIsAskedBetweenPassesAndNobodyWaits) {
+  Ask({"/late"});
+  for (int pass = 1; pass <= 3; pass++) {
+    WaitForReturn(0);
+    EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
+    EXPECT_LT(took_, 250ms);
+    // Its answer is not there yet: nothing is news.
+    EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
+    EXPECT_LT(took_, 250ms);
+    EXPECT_EQ(asker_.Outstanding(), 1u);
+  }
+  EXPECT_EQ(Mounts::Get().Asked("/late"), 4);
+}
+
+TEST_F(MountAsker, AMountThatIsQuickAgainIsAskedInItsTurn) {
+  Ask({"/late"});
+  WaitForReturn(0);
+  Mounts::Get().Free("/late");
+  const std::string begun = Logged([&] { Ask({"/late"}); });
+  EXPECT_NE(begun.find("Info: mount /late answered after "), std::string::npos) << begun;
+  EXPECT_NE(begun.find(" seconds; asked between polls until it is quick again\n"),
+            std::string::npos);
+  WaitForReturn(0);
+  const int asked = Mounts::Get().Asked("/late");
+  const std::string ended = Logged([&] { EXPECT_EQ(States({"/late"})[0], MOUNT_ANSWERED); });
+  EXPECT_NE(ended.find("Info: mount /late answers quickly again\n"), std::string::npos) << ended;
+  EXPECT_EQ(Mounts::Get().Asked("/late"), asked + 1);
+  EXPECT_EQ(asker_.Outstanding(), 0u);
+  EXPECT_EQ(Logged([&] { Ask({"/late"}); }), "");
+}
+
+TEST_F(MountAsker, LatenessIsSaidOnce) {
+  Ask({"/late"});
+  WaitForReturn(0);
+  EXPECT_NE(Logged([&] { Ask({"/late"}); }), "");
+  for (int pass = 0; pass < 2; pass++) {
+    WaitForReturn(0);
+    EXPECT_EQ(Logged([&] { EXPECT_EQ(States({"/late"})[0], MOUNT_ANSWERED); }), "");
+  }
+}
+
+TEST_F(MountAsker, NamesForgeNoLogLines) {
+  const std::string path = "/late\nvexhostd: \xc2\x9b\x1b[m";
+  Ask({path});
+  WaitForReturn(0);
+  EXPECT_NE(Logged([&] { Ask({path}); }).find("mount /late?vexhostd: ???[m answered after"),
+            std::string::npos);
+}
+
+// Slower than is good for a poll, though in time.
+TEST_F(MountAsker, AnAnswerJustInTimeMakesAMountSlowToo) {
+  vex::MountAsker asker({.stat = Mounts::Stat, .limit = 10s, .slow = 50ms, .quick = 40ms});
+  const char *paths[] = {"/slow"};
+  mount_stats result;
+  asker.Ask(paths, 1, &result);
+  EXPECT_EQ(result.state, MOUNT_ANSWERED);
+  for (int i = 0; i < 1000 && asker.Outstanding() > 0; i++) {
+    usleep(5000);
+  }
+  EXPECT_EQ(Mounts::Get().Asked("/slow"), 2);
+  asker.Ask(paths, 1, &result);
+  EXPECT_EQ(result.state, MOUNT_ANSWERED);
+  while (asker.Outstanding() > 0) {
+    usleep(5000);
+  }
+}
+
+TEST_F(MountAsker, ASlowMountThatFallsSilentIsNewsOnce) {
+  Ask({"/late"});
+  WaitForReturn(0);
+  Mounts::Get().Hang("/late");
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_ANSWERED});
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
+  usleep(2'100'000);  // longer than a slow mount may take
+  EXPECT_EQ(States({"/late", "/late"}), (std::vector<int>{MOUNT_SILENT, MOUNT_STILL_SILENT}));
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
+}
+
+TEST_F(MountAsker, ASlowMountListedTwiceIsAskedOnce) {
+  Ask({"/late"});
+  WaitForReturn(0);
+  EXPECT_EQ(States({"/late", "/late"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
+  WaitForReturn(0);
+  EXPECT_EQ(Mounts::Get().Asked("/late"), 2);
+}
+
+TEST_F(MountAsker, SlowMountsHaveTheirTurns) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < 12; i++) {
+    paths.push_back("/late" + std::to_string(i));
+  }
+  // At most six are asked at a time.
+  for (int pass = 0; pass < 12; pass++) {
+    Ask(paths);
+    WaitForReturn(0);
+  }
+  for (const std::string &path : paths) {
+    EXPECT_GE(Mounts::Get().Asked(path), 3) << path;
+  }
+}
+
+TEST_F(MountAsker, WhoAsksASlowMountIsReplacedWhenItIsKilled) {
+  Ask({"/late"});
+  WaitForReturn(0);
+  Mounts::Get().Die("/late");
+  Ask({"/late"});
+  WaitForReturn(0);
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
+  Mounts::Get().Reset();
+  WaitForReturn(0);
+  Ask({"/late"});
+  WaitForReturn(0);
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_ANSWERED});
+}
+
+TEST_F(MountAsker, TheEndWaitsForNobody) {
+  static std::atomic<bool> ending;
+  ending = false;
+  auto settings = Settings();
+  settings.limit = 60s;
+  settings.ending = [] { return ending.load(); };
+  vex::MountAsker asker(settings);
+  std::vector<const char *> paths = {"/a", "/hang1", "/hang2", "/b"};
+  std::vector<mount_stats> results(paths.size());
+  std::thread sooner([] {
+    while (Mounts::Get().Asked("/hang2") == 0) {
+      usleep(1000);
+    }
+    ending = true;
+  });
+  const auto begin = std::chrono::steady_clock::now();
+  asker.Ask(paths.data(), paths.size(), results.data());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 30s);
+  sooner.join();
+  EXPECT_EQ(results[0].state, MOUNT_ANSWERED);
+  EXPECT_EQ(results[1].state, MOUNT_STILL_SILENT);
+  EXPECT_EQ(results[2].state, MOUNT_STILL_SILENT);
+  // Nothing of it is left, though these can be killed.
+  for (int i = 0; i < 1000 && asker.Outstanding() > 0; i++) {
+    usleep(5000);
+  }
+  EXPECT_EQ(asker.Outstanding(), 0u);
+}
+
+// A mount that hangs, goes and comes back is asked each time, but not for ever.
+TEST_F(MountAsker, NoNumberOfReturnsLeavesMoreChildrenThanTheLimit) {
+  auto settings = Settings();
+  settings.limit = 30ms;
+  settings.most_outstanding = 3;
+  settings.most_children = 5;
+  vex::MountAsker asker(settings);
+  const char *hang[] = {"/hang"};
+  const char *other[] = {"/b"};
+  mount_stats result;
+  for (int turn = 0; turn < 8; turn++) {
+    asker.Ask(hang, 1, &result);
+    EXPECT_EQ(result.state, MOUNT_SILENT);
+    asker.Ask(other, 1, &result);
+  }
+  EXPECT_EQ(asker.Outstanding(), 5u);
+  EXPECT_EQ(Mounts::Get().Asked("/hang"), 5);
+  Mounts::Get().FreeAll();
+  for (int i = 0; i < 1000 && asker.Outstanding() > 0; i++) {
+    usleep(5000);
+  }
+  asker.Ask(hang, 1, &result);
+  EXPECT_EQ(result.state, MOUNT_ANSWERED);
+}
+
+// As long as it lives, a limit of this process is another one.
+class LowLimit {
+ public:
+  LowLimit(__rlimit_resource which, rlim_t value) : which_(which) {
+    getrlimit(which, &before_);
+    const rlimit low = {value, before_.rlim_max};
+    setrlimit(which, &low);
+  }
+  ~LowLimit() {
+    setrlimit(which_, &before_);
+  }
+
+ private:
+  __rlimit_resource which_;
+  rlimit before_;
+};
+
+TEST_F(MountAsker, WithoutDescriptorsOnePassFails) {
+  Ask({"/late", "/a"});
+  WaitForReturn(0);
+  {
+    const LowLimit none(RLIMIT_NOFILE, 0);
+    const auto results = Ask({"/late", "/a"});
+    EXPECT_EQ(results[0].state, MOUNT_ANSWERED);  // is here already
+    EXPECT_EQ(results[1].state, MOUNT_FAILED);
+    EXPECT_EQ(results[1].error, EMFILE);
+  }
+  EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
+  WaitForReturn(0);
+  EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(MountAsker, WithoutMemoryOnePassFails) {
+  Ask({"/a"});
+  {
+    const LowLimit none(RLIMIT_AS, 0);
+    mount_stats result;
+    const char *paths[] = {"/a"};
+    asker_.Ask(paths, 1, &result);
+    EXPECT_EQ(result.state, MOUNT_FAILED);
+    EXPECT_EQ(result.error, ENOMEM);
+  }
+  EXPECT_EQ(States({"/a"}), std::vector<int>{MOUNT_ANSWERED});
+}
+#endif
+
+// Calls that signals interrupt leave no zombies.
+TEST_F(MountAsker, SignalsLeaveNoChildren) {
+  struct sigaction noted = {};
+  noted.sa_handler = [](int) {};
+  struct sigaction before;
+  sigaction(SIGALRM, &noted, &before);
+  const itimerval often = {{0, 200}, {0, 200}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  for (int pass = 0; pass < 200; pass++) {
+    EXPECT_EQ(States({"/a"}), std::vector<int>{MOUNT_ANSWERED});
+  }
+  const itimerval never = {};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(MountAsker, SilenceThatGoesOnIsNotNews) {
   Ask({"/hang"});
-  Mounts::Get().Free("/hang");
-  WaitForReturn(0);
-  Mounts::Get().Reset();
   EXPECT_EQ(States({"/hang"}), std::vector<int>{MOUNT_STILL_SILENT});
-  EXPECT_EQ(Mounts::Get().Asked("/hang"), 1);
   Mounts::Get().Free("/hang");
   WaitForReturn(0);
-  EXPECT_EQ(States({"/hang"}), std::vector<int>{MOUNT_ANSWERED});
+  EXPECT_EQ(States({"/hang"}), std::vector<int>{MOUNT_ANSWERED});  // late
+  WaitForReturn(0);
+  EXPECT_EQ(States({"/hang"}), std::vector<int>{MOUNT_ANSWERED});  // quickly
   Mounts::Get().Reset();
   EXPECT_EQ(States({"/hang"}), std::vector<int>{MOUNT_SILENT});
 }
@@ -247,6 +522,10 @@ TEST_F(MountAsker, OneOfTwoRecovers) {
 TEST_F(MountAsker, AFailureEndsTheSilence) {
   EXPECT_EQ(States({"/hang-fail"}), std::vector<int>{MOUNT_SILENT});
   Mounts::Get().Free("/hang-fail");
+  WaitForReturn(0);
+  const auto results = Ask({"/hang-fail"});
+  EXPECT_EQ(results[0].state, MOUNT_FAILED);
+  EXPECT_EQ(results[0].error, ESTALE);
   WaitForReturn(0);
   EXPECT_EQ(States({"/hang-fail"}), std::vector<int>{MOUNT_FAILED});
   Mounts::Get().Reset();

@@ -11,14 +11,19 @@ Notification Numbered(uint32_t number) {
   return notification;
 }
 
+uint32_t PopNumber(NotificationQueue *queue) {
+  Notifications first = queue->Pop();
+  return first.empty() ? 0 : first.front().notification.number;
+}
+
 TEST(NotificationQueue, OldestFirst) {
   NotificationQueue queue;
-  EXPECT_FALSE(queue.Pop());
+  EXPECT_TRUE(queue.Pop().empty());
   queue.Push(Numbered(1));
   queue.Push(Numbered(2));
-  EXPECT_EQ(queue.Pop()->number, 1U);
-  EXPECT_EQ(queue.Pop()->number, 2U);
-  EXPECT_FALSE(queue.Pop());
+  EXPECT_EQ(PopNumber(&queue), 1U);
+  EXPECT_EQ(PopNumber(&queue), 2U);
+  EXPECT_TRUE(queue.Pop().empty());
 }
 
 TEST(NotificationQueue, KeepsTheNewest256WhileTheMasterIsAway) {
@@ -27,7 +32,7 @@ TEST(NotificationQueue, KeepsTheNewest256WhileTheMasterIsAway) {
     queue.Push(Numbered(i));
   }
   EXPECT_EQ(queue.Size(), 256U);
-  EXPECT_EQ(queue.Pop()->number, 45U);
+  EXPECT_EQ(PopNumber(&queue), 45U);
 }
 
 TEST(NotificationQueue, KeepsAFloodWhileTheMasterIsThere) {
@@ -37,22 +42,22 @@ TEST(NotificationQueue, KeepsAFloodWhileTheMasterIsThere) {
     queue.Push(Numbered(i));
   }
   EXPECT_EQ(queue.Size(), 1000U);
-  EXPECT_EQ(queue.Pop()->number, 1U);
+  EXPECT_EQ(PopNumber(&queue), 1U);
   queue.SetUp(false);
   EXPECT_EQ(queue.Size(), 256U);
-  EXPECT_EQ(queue.Pop()->number, 745U);
+  EXPECT_EQ(PopNumber(&queue), 745U);
 }
 
 TEST(NotificationQueue, WhatWasNotAnsweredGoesFirstAgain) {
   NotificationQueue queue;
   queue.Push(Numbered(3));
-  std::vector<Notification> back;
-  back.push_back(Numbered(1));
-  back.push_back(Numbered(2));
+  Notifications back;
+  back.push_back({Numbered(1)});
+  back.push_back({Numbered(2)});
   queue.PutBack(std::move(back));
-  EXPECT_EQ(queue.Pop()->number, 1U);
-  EXPECT_EQ(queue.Pop()->number, 2U);
-  EXPECT_EQ(queue.Pop()->number, 3U);
+  EXPECT_EQ(PopNumber(&queue), 1U);
+  EXPECT_EQ(PopNumber(&queue), 2U);
+  EXPECT_EQ(PopNumber(&queue), 3U);
 }
 
 TEST(NotificationQueue, PutBackCountsTowardsTheBound) {
@@ -60,11 +65,11 @@ TEST(NotificationQueue, PutBackCountsTowardsTheBound) {
   for (uint32_t i = 10; i < 10 + 256; i++) {
     queue.Push(Numbered(i));
   }
-  std::vector<Notification> back;
-  back.push_back(Numbered(1));
+  Notifications back;
+  back.push_back({Numbered(1)});
   queue.PutBack(std::move(back));
   EXPECT_EQ(queue.Size(), 256U);
-  EXPECT_EQ(queue.Pop()->number, 10U);
+  EXPECT_EQ(PopNumber(&queue), 10U);
 }
 
 }  // namespace

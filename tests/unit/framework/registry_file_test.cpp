@@ -6,14 +6,18 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <random>
 
+#include "framework/directory_lock.h"
 #include "framework/registry_dir.h"
 #include "tests/unit/framework/temp_registry.h"
 
@@ -339,7 +343,10 @@ TEST_F(RegistryFile, AppearsAgainWhateverHappenedToTheFile) {
   fs::remove_all(registry_.Path("host"));
   ASSERT_EQ(Publish(writer, 3), 0);
   EXPECT_EQ(Value("host/a"), 3);
+  // The root is the directory that was opened, until somebody finds that its path leads elsewhere.
   fs::remove_all(registry_.root());
+  EXPECT_EQ(Publish(writer, 4), -1);
+  RootOf(registry_.root()).Hold(Descriptor(OpenRegistryRoot(registry_.root(), true)));
   ASSERT_EQ(Publish(writer, 4), 0);
   EXPECT_EQ(Value("host/a"), 4);
   ASSERT_EQ(truncate(registry_.Path("host/a").c_str(), 10), 0);
@@ -358,7 +365,7 @@ TEST_F(RegistryFile, AppearsAgainWhateverHappenedToTheFile) {
     EXPECT_EQ(Value("host/a"), 6);
   }
   // Its sequence goes on over all this.
-  EXPECT_EQ(Read("host/a")->sequence, 7u);
+  EXPECT_EQ(Read("host/a")->sequence, 8u);
   fs::remove(registry_.Path("host/a"));
   fs::create_directory(registry_.Path("host/a"));
   EXPECT_EQ(Publish(writer, 8), -1);
@@ -366,6 +373,172 @@ TEST_F(RegistryFile, AppearsAgainWhateverHappenedToTheFile) {
   EXPECT_EQ(Publish(writer, 9), 0);
   EXPECT_EQ(Value("host/a"), 9);
   EXPECT_EQ(std::distance(fs::directory_iterator(registry_.Path("host")), {}), 1);
+}
+
+// What Check() says of a file of the directory host.
+class CheckedFile : public RegistryFile {
+ protected:
+  CheckedFile() : writer_(Writer("host/a")) {
+    EXPECT_EQ(Publish(writer_, 1), 0);
+  }
+  FileState Check(bool read_back) {
+    const Descriptor root(OpenRegistryRoot(registry_.root(), false));
+    EXPECT_EQ(writer_.Directory(), "host");
+    const Descriptor directory(OpenBeneath(root.get(), "host", O_PATH | O_DIRECTORY));
+    return writer_.Check(directory.get(), read_back);
+  }
+  std::string Path() {
+    return registry_.Path("host/a");
+  }
+  // The clock by which files are stamped has ticked: a later change shows.
+  void WaitForATick() {
+    const std::string probe = registry_.base() + "/tick";
+    struct stat file;
+    struct stat now;
+    ASSERT_EQ(stat(Path().c_str(), &file), 0);
+    do {
+      WriteBytes(probe, {'x'});
+      ASSERT_EQ(stat(probe.c_str(), &now), 0);
+    } while (now.st_ctim.tv_sec == file.st_ctim.tv_sec &&
+             now.st_ctim.tv_nsec == file.st_ctim.tv_nsec);
+  }
+
+  ObjectFileWriter writer_;
+};
+
+TEST_F(CheckedFile, IsIntactAsLongAsNobodyTouchesIt) {
+  for (const bool read_back : {false, true}) {
+    EXPECT_EQ(Check(read_back), FileState::kIntact);
+    ASSERT_EQ(Publish(writer_, 2), 0);
+    ASSERT_EQ(Publish(writer_, 3), 0);
+    EXPECT_EQ(Check(read_back), FileState::kIntact);
+  }
+  // Touched, and with the same content.
+  WaitForATick();
+  WriteBytes(Path(), ReadBytes(Path()));
+  EXPECT_EQ(Check(false), FileState::kIntact);
+  EXPECT_EQ(Check(true), FileState::kIntact);
+}
+
+TEST_F(CheckedFile, IsLostWhateverBecameOfIt) {
+  const std::vector<uint8_t> whole = ReadBytes(Path());
+  ObjectFileWriter other = Writer("host/b");
+  const std::function<void()> harm[] = {
+      [&] { fs::remove(Path()); },
+      [&] { ASSERT_EQ(truncate(Path().c_str(), 0), 0); },
+      [&] { ASSERT_EQ(truncate(Path().c_str(), static_cast<off_t>(whole.size() - 1)), 0); },
+      [&] { WriteBytes(Path(), std::vector<uint8_t>(whole.size(), 'x')); },
+      [&] {
+        std::vector<uint8_t> one_bit = ReadBytes(Path());
+        one_bit[whole.size() / 2] ^= 1;
+        WriteBytes(Path(), one_bit);
+      },
+      [&] {
+        std::vector<uint8_t> header = ReadBytes(Path());
+        header[9] ^= 1;
+        WriteBytes(Path(), header);
+      },
+      [&] {
+        fs::copy_file(Path(), registry_.Path("host/copy"));
+        fs::rename(registry_.Path("host/copy"), Path());
+      },
+      [&] { fs::permissions(Path(), fs::perms::owner_read); },
+      [&] {
+        fs::remove(Path());
+        fs::create_directory(Path());
+      },
+      [&] {
+        fs::create_symlink("b", registry_.Path("host/link"));
+        fs::rename(registry_.Path("host/link"), Path());
+      },
+      [&] { WriteBytes(Path(), whole); },  // an older state of it
+  };
+  uint8_t n = 1;
+  for (size_t i = 0; i < std::size(harm); i++) {
+    ASSERT_EQ(Publish(writer_, ++n), 0) << i;
+    ASSERT_EQ(Check(false), FileState::kIntact) << i;
+    WaitForATick();
+    harm[i]();
+    EXPECT_EQ(Check(false), FileState::kLost) << i;
+    if (fs::is_directory(fs::symlink_status(Path()))) {
+      EXPECT_EQ(Publish(writer_, n), -1);
+      fs::remove(Path());
+    }
+    // The next publication makes it good, and then it is as any other.
+    ASSERT_EQ(Publish(writer_, ++n), 0) << i;
+    EXPECT_EQ(Value("host/a"), n) << i;
+    EXPECT_EQ(Check(true), FileState::kIntact) << i;
+    EXPECT_EQ(fs::status(Path()).permissions(), fs::perms(0644)) << i;
+  }
+}
+
+TEST_F(CheckedFile, AChangeWithinTheSameTickShowsWhenItIsRead) {
+  std::vector<uint8_t> bytes = ReadBytes(Path());
+  bytes[bytes.size() / 2 - 20] ^= 1;
+  ASSERT_EQ(Publish(writer_, 2), 0);
+  WriteBytes(Path(), bytes);
+  EXPECT_EQ(Check(true), FileState::kLost);
+}
+
+TEST_F(CheckedFile, AnotherOneInItsPlaceIsNotRemoved) {
+  const std::vector<uint8_t> bytes = ReadBytes(Path());
+  fs::remove(Path());
+  WriteBytes(Path(), bytes);
+  EXPECT_EQ(writer_.Remove(), 0);
+  EXPECT_EQ(ReadBytes(Path()), bytes);
+  EXPECT_EQ(RemoveObjectFile("host/a", registry_.root()), 0) << "whoever made it";
+  EXPECT_FALSE(fs::exists(Path()));
+  EXPECT_EQ(RemoveObjectFile("host/a", registry_.root()), 0);
+}
+
+// A process may have died between making a directory and giving it its mode.
+TEST_F(RegistryFile, ADirectoryWithoutItsModeGetsIt) {
+  fs::remove_all(registry_.base() + "/spool");
+  const mode_t old = umask(077);
+  fs::create_directories(registry_.Path("host"));
+  ObjectFileWriter writer = Writer("host/a");
+  EXPECT_EQ(Publish(writer, 1), 0);
+  umask(old);
+  const auto mode = [](const std::string &path) { return fs::status(path).permissions(); };
+  EXPECT_EQ(mode(registry_.root()), fs::perms(0755));
+  EXPECT_EQ(mode(registry_.base() + "/spool"), fs::perms(0700)) << "it has something in it";
+  fs::permissions(registry_.Path("host"), fs::perms(0700));
+  ObjectFileWriter other = Writer("host/sub/b");
+  EXPECT_EQ(Publish(other, 1), 0);
+  EXPECT_EQ(mode(registry_.Path("host")), fs::perms(0755));
+  fs::permissions(registry_.Path("host"), fs::perms(01777));
+  ObjectFileWriter third = Writer("host/third/c");
+  EXPECT_EQ(Publish(third, 1), 0);
+  EXPECT_EQ(mode(registry_.Path("host")), fs::perms(01777)) << "more is the administrator's choice";
+  // Above the root, one that is still empty.
+  fs::remove_all(registry_.base() + "/spool");
+  fs::create_directory(registry_.base() + "/spool");
+  fs::permissions(registry_.base() + "/spool", fs::perms(0700));
+  const Descriptor root(OpenRegistryRoot(registry_.root(), true));
+  EXPECT_TRUE(root);
+  EXPECT_EQ(mode(registry_.base() + "/spool"), fs::perms(0755));
+}
+
+TEST(DirectoryLock, ReadsTheTableOfLocks) {
+  constexpr char kLocks[] =
+      "1: POSIX  ADVISORY  WRITE 11 08:01:4711 0 EOF\n"
+      "2: FLOCK  ADVISORY  READ 12 08:01:4711 0 EOF\n"
+      "3: FLOCK  ADVISORY  WRITE 13 08:02:4711 0 EOF\n"
+      "4: FLOCK  ADVISORY  WRITE 14 fd:1a:4711 0 EOF\n"
+      "4: -> FLOCK  ADVISORY  WRITE 15 08:01:4711 0 EOF\n"
+      "5: FLOCK  ADVISORY  WRITE 812 08:01:4711 0 EOF\n"
+      "6: FLOCK  ADVISORY  WRITE";
+  EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4711), 812);
+  EXPECT_EQ(LockHolderIn(kLocks, makedev(0xfd, 0x1a), 4711), 14);
+  EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4712), std::nullopt);
+  EXPECT_EQ(LockHolderIn("", makedev(8, 1), 4711), std::nullopt);
+}
+
+TEST_F(RegistryFile, TheHolderOfALockIsTold) {
+  const Descriptor fd(open(registry_.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_EQ(LockHolder(fd.get()), std::nullopt);
+  ASSERT_EQ(flock(fd.get(), LOCK_EX | LOCK_NB), 0);
+  EXPECT_EQ(LockHolder(fd.get()), getpid());
 }
 
 TEST_F(RegistryFile, AChangedLayoutReplacesTheFile) {

@@ -517,10 +517,10 @@ TEST_F(SnmpSideTest, AMasterThatDoesNotAcceptStallsNothing) {
             "agentXSocket tcp:localhost:" + std::to_string(master_->Port()) + "\n");
   Start();
   std::this_thread::sleep_for(milliseconds(100));
-  int32_t value = 0;
   steady_clock::time_point start = steady_clock::now();
   // Nobody listens on port 1: the thread says so at once, if it is not stuck.
-  EXPECT_NE(SnmpQueryInteger("127.0.0.1:1", "public", "1.3.6.1.2.1.1.3.0", &value, nullptr), 0);
+  EXPECT_EQ(SnmpQueryInteger("127.0.0.1:1", "public", "1.3.6.1.2.1.1.3.0", milliseconds(2000)).end,
+            QueryEnd::kNotAsked);
   SnmpStop();
   EXPECT_LT(steady_clock::now() - start, milliseconds(1000));
   for (int fd : filler) {
@@ -1214,18 +1214,17 @@ TEST_F(SnmpSideTest, PublishingDoesNotWaitForTheThread) {
 
 TEST_F(SnmpSideTest, QueryOfAPortNobodyListensOnFailsAtOnce) {
   Start();
-  int32_t value = 7;
-  int status = 9;
   auto start = steady_clock::now();
+  auto ask = [](const char *address, const char *oid) {
+    return SnmpQueryInteger(address, "public", oid, milliseconds(10000)).end;
+  };
   // An address of the loopback network that no test listens on.
-  EXPECT_EQ(SnmpQueryInteger("127.200.3.4", "public", "1.3.6.1.2.1.1.7.0", &value, &status), -1);
-  EXPECT_LT(steady_clock::now() - start, milliseconds(2500));
-  EXPECT_EQ(value, 7);
-  EXPECT_EQ(SnmpQueryInteger("127.0.0.1", "public", "nonsense", &value, &status), -1);
-  EXPECT_EQ(SnmpQueryInteger("not an address", "public", "1.3.6", &value, &status), -1);
+  EXPECT_EQ(ask("127.200.3.4", "1.3.6.1.2.1.1.7.0"), QueryEnd::kRefused);
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1500));
+  EXPECT_EQ(ask("127.0.0.1", "nonsense"), QueryEnd::kNotAsked);
+  EXPECT_EQ(ask("not an address", "1.3.6"), QueryEnd::kNotAsked);
   SnmpStop();
-  EXPECT_EQ(SnmpQueryInteger("127.0.0.1", "public", "1.3.6", &value, &status), -1);
-  EXPECT_EQ(value, 7);
+  EXPECT_EQ(ask("127.0.0.1", "1.3.6"), QueryEnd::kNotAsked);
 }
 
 }  // namespace

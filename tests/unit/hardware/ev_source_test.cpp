@@ -38,7 +38,7 @@ class EvSource : public testing::Test {
     if (got < 0) {
       return problem.empty() ? "absent" : "absent: " + problem;
     }
-    EXPECT_TRUE(problem.empty());
+    notice_ = problem;
     EXPECT_LE(static_cast<size_t>(got), length);
     EXPECT_EQ(buffer.substr(static_cast<size_t>(got)),
               std::string(buffer.size() - static_cast<size_t>(got), '\x55'));
@@ -47,19 +47,42 @@ class EvSource : public testing::Test {
   std::string root_;
   std::string raw_;
   std::string uefi_;
+  std::string notice_;  // beside a value
 };
 
 TEST_F(EvSource, RawBytes) {
   const std::string value("\0\1\2\xff\n", 5);
   Put(raw_ + "/ZTHRN4", value);
   EXPECT_EQ(Read("ZTHRN4"), value);
+  EXPECT_EQ(notice_, "");
+  EXPECT_EQ(Read("ZTHRN4", 5), value);
+  EXPECT_EQ(notice_, "");
   EXPECT_EQ(Read("ZTHRN4", 3), value.substr(0, 3));
+  EXPECT_EQ(notice_, raw_ + "/ZTHRN4 is longer than 3 bytes, the rest is not used");
 }
 
 TEST_F(EvSource, UefiVariableWithoutItsAttributes) {
   Put(uefi_ + "/ZTHRN4" + kGuid, std::string("\7\0\0\0value", 9));
   EXPECT_EQ(Read("ZTHRN4"), "value");
+  EXPECT_EQ(notice_, "");
   EXPECT_EQ(Read("ZTHRN4", 2), "va");
+  EXPECT_EQ(notice_, uefi_ + "/ZTHRN4" + kGuid + " is longer than 2 bytes, the rest is not used");
+}
+
+TEST_F(EvSource, AGoodVariableBehindAnUnusableFile) {
+  std::filesystem::create_directory(raw_ + "/A");
+  Put(uefi_ + "/A" + kGuid, std::string("\7\0\0\0value", 9));
+  EXPECT_EQ(Read("A"), "value");
+  EXPECT_EQ(notice_, raw_ + "/A is not a regular file, the UEFI variable is used");
+  Put(uefi_ + "/A" + kGuid, "");
+  EXPECT_EQ(Read("A"), "absent: " + raw_ + "/A is not a regular file; " + uefi_ + "/A" + kGuid +
+                           " has no value");
+}
+
+TEST_F(EvSource, ADirectoryOfVariablesThatCannotBeRead) {
+  std::filesystem::remove_all(uefi_);
+  std::filesystem::create_symlink("uefi", uefi_);
+  EXPECT_EQ(Read("A"), "absent: " + uefi_ + ": Too many levels of symbolic links");
 }
 
 TEST_F(EvSource, RawBytesWin) {

@@ -1,4 +1,5 @@
 // Options, start-up, poll and end, as the framework's hooks.
+#include <errno.h>
 #include <getopt.h>
 #include <gtest/gtest.h>
 
@@ -150,9 +151,31 @@ TEST_F(Agent, EmptiesItsDirectoryBeforeAnyObject) {
   EXPECT_EQ(log_dir, dir);
   EXPECT_EQ(rec::Names("create_dir"), std::vector<std::string>{dir});
   EXPECT_EQ(rec::Events()[static_cast<size_t>(Place("create_dir", dir))].data, "1");
+  EXPECT_LT(Place("claim_dir", dir), Place("create_dir", dir));
   EXPECT_LT(Place("create_dir", dir), Place("remove_all_dir", dir + "/*"));
   EXPECT_LT(Place("remove_all_dir", dir + "/*"), Place("init_snmp_appname", "vexhostd"));
   EXPECT_LT(Place("init_snmp_appname", "vexhostd"), Place("create_obj", "host/memory"));
+}
+
+TEST_F(Agent, TouchesNothingOfADirectoryThatAnotherProcessHas) {
+  const std::string dir = "/var/spool/quorix/kelmo/registry/host";
+  rec::Fail("claim_dir", dir);
+  EXPECT_EQ(Start({"-i"}), -1);
+  EXPECT_EQ(rec::Names("claim_dir"), std::vector<std::string>{dir});
+  for (const char *operation :
+       {"create_dir", "remove_all_dir", "init_snmp_appname", "create_obj"}) {
+    EXPECT_EQ(rec::Count(operation), 0) << operation;
+  }
+}
+
+TEST_F(Agent, SaysThatItsDirectoryCannotBeCleared) {
+  rec::Fail("remove_all_dir", "*/host/*");
+  errno = 0;
+  EXPECT_EQ(Start({"-i"}), 0);
+  ASSERT_FALSE(rec::Messages().empty());
+  EXPECT_TRUE(rec::Messages()[0].starts_with(
+      "vexhostd: Can't clear registry directory /var/spool/quorix/kelmo/registry/host: "))
+      << rec::Messages()[0];
 }
 
 TEST_F(Agent, GoesOnWithoutACommunity) {
@@ -247,19 +270,19 @@ TEST_F(Agent, DeletesAllItHasAtTheEnd) {
   EXPECT_EQ(rec::Events().front().operation, "alarm");
   EXPECT_TRUE(rec::LiveNames().empty());
   const std::string root = "/var/spool/quorix/kelmo/registry";
-  EXPECT_EQ(rec::Names("rmdir"), (std::vector<std::string>{root + "/host", root}));
-  EXPECT_LT(Place("delete_obj", "all"), Place("rmdir", root + "/host"));
+  EXPECT_EQ(rec::Names("remove_empty_dir"), (std::vector<std::string>{root + "/host", root}));
+  EXPECT_LT(Place("delete_obj", "all"), Place("remove_empty_dir", root + "/host"));
 }
 
 TEST_F(Agent, LeavesDirectoriesThatAreInUse) {
   ASSERT_EQ(Start({"-i"}), 0);
   rec::Fail("is_empty_dir", "/var/spool/quorix/kelmo/registry");
   EXPECT_EQ(cleanup_agent(), 0);
-  EXPECT_EQ(rec::Names("rmdir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
+  EXPECT_EQ(rec::Names("remove_empty_dir"), std::vector<std::string>{"/var/spool/quorix/kelmo/registry/host"});
   rec::ForgetEvents();
   rec::Fail("is_empty_dir", "*/host");
   cleanup_agent();
-  EXPECT_EQ(rec::Count("rmdir"), 0);
+  EXPECT_EQ(rec::Count("remove_empty_dir"), 0);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <climits>
 
 #include "tests/support/recording_framework.h"
@@ -179,13 +180,13 @@ TEST(Cpu, AnAverageDividesByTheSamplesSoFar) {
 TEST(Cpu, LongAveragesComeOnceAMinuteAfterTheirTime) {
   poll_time = 15;
   constexpr time_t kStart = 1'000'000;
-  rec::SetTime(kStart);
+  rec::SetBootTime(kStart);
   BusyMachine machine;
   machine.Pass(40);
   do_cpu(1);
   for (int poll = 1; poll <= 4 * 62; poll++) {
     const time_t age = 15 * poll;
-    rec::SetTime(kStart + age);
+    rec::SetBootTime(kStart + age);
     machine.Pass(40);
     ASSERT_EQ(do_cpu(0), 0);
     ASSERT_EQ(rec::Int(Row(1), kFive), age < 300 ? -1 : 40) << age;
@@ -196,13 +197,13 @@ TEST(Cpu, LongAveragesComeOnceAMinuteAfterTheirTime) {
 
 TEST(Cpu, TheFirstFiveMinuteValueWaitsForARingTurn) {
   poll_time = 15;
-  rec::SetTime(1000);
+  rec::SetBootTime(1000);
   BusyMachine machine;
   machine.Pass(40);
   do_cpu(1);
   // 300 seconds pass between two turns of the ring.
   for (int poll = 1; poll <= 8; poll++) {
-    rec::SetTime(poll < 5 ? 1100 : 1300);
+    rec::SetBootTime(poll < 5 ? 1100 : 1300);
     machine.Pass(40);
     do_cpu(0);
     EXPECT_EQ(rec::Int(Row(0), kFive), poll < 8 ? -1 : 40) << poll;
@@ -211,11 +212,11 @@ TEST(Cpu, TheFirstFiveMinuteValueWaitsForARingTurn) {
 
 TEST(Cpu, LongAveragesAreFedFromTheMinuteAverage) {
   poll_time = 30;  // two samples a minute; the long rings get every second poll's average
-  rec::SetTime(0);
+  rec::SetBootTime(0);
   BusyMachine machine;
   machine.Pass(10);
   do_cpu(1);  // minute 10, goes into the long rings
-  rec::SetTime(4000);
+  rec::SetBootTime(4000);
   machine.Pass(20);
   do_cpu(0);  // minute 15, does not
   EXPECT_EQ(rec::Int(Row(0), kMinute), 15);
@@ -230,11 +231,11 @@ TEST(Cpu, LongAveragesAreFedFromTheMinuteAverage) {
 
 TEST(Cpu, TheFiveMinuteRingHoldsFive) {
   poll_time = 30;
-  rec::SetTime(0);
+  rec::SetBootTime(0);
   BusyMachine machine;
   machine.Pass(100);
   do_cpu(1);
-  rec::SetTime(4000);
+  rec::SetBootTime(4000);
   for (int poll = 1; poll <= 10; poll++) {
     machine.Pass(0);
     do_cpu(0);
@@ -246,11 +247,11 @@ TEST(Cpu, TheFiveMinuteRingHoldsFive) {
 
 TEST(Cpu, ALongPollPeriodNeverFeedsTheLongAverages) {
   poll_time = 31;
-  rec::SetTime(0);
+  rec::SetBootTime(0);
   BusyMachine machine;
   machine.Pass(10);
   do_cpu(1);
-  rec::SetTime(100000);
+  rec::SetBootTime(100000);
   for (int poll = 0; poll < 10; poll++) {
     machine.Pass(20 + poll);
     do_cpu(0);
@@ -315,6 +316,90 @@ TEST(Cpu, UnreadableFileAtStartUpMakesNoRows) {
   // Counted later, the processors have no rows to be found.
   Stat({{10, 0, 0, 90}});
   EXPECT_EQ(do_cpu(0), -1);
+}
+
+// A clock that is set makes no average older.
+TEST(Cpu, TheWallClockSaysNothingOfAnAge) {
+  poll_time = 30;
+  rec::SetTime(1'000'000);
+  rec::SetBootTime(5000);
+  BusyMachine machine;
+  machine.Pass(40);
+  do_cpu(1);
+  rec::SetTime(1'000'000 + 400 * 86400);
+  rec::SetBootTime(5000 + 120);
+  for (int poll = 0; poll < 4; poll++) {
+    machine.Pass(40);
+    do_cpu(0);
+  }
+  EXPECT_EQ(rec::Int(Row(0), kFive), -1);
+  EXPECT_EQ(rec::Int(Row(0), kHour), -1);
+  rec::SetTime(1000);
+  rec::SetBootTime(5000 + 300);
+  for (int poll = 0; poll < 2; poll++) {
+    machine.Pass(40);
+    do_cpu(0);
+  }
+  EXPECT_EQ(rec::Int(Row(0), kFive), 40);
+  EXPECT_EQ(rec::Int(Row(0), kThirty), -1);
+}
+
+TEST(Cpu, ACountThatWasBrokenOffIsMadeAgainAtOnce) {
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}, {30, 0, 0, 70}});
+  rec::BreakReads("/proc/stat", 2, 60);
+  ASSERT_EQ(do_cpu(1), 0);
+  EXPECT_EQ(rec::LiveNames().size(), 3u);
+  EXPECT_EQ(rec::Int(Row(2), kMinute), 30);
+}
+
+TEST(Cpu, RowsOfACountThatWasBrokenOffComeWithTheFirstWholeOne) {
+  poll_time = 60;
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}, {30, 0, 0, 70}});
+  rec::BreakReads("/proc/stat", 5, 60);
+  ASSERT_EQ(do_cpu(1), 0);
+  EXPECT_TRUE(rec::LiveNames().empty());
+  ASSERT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1), Row(2)}));
+  EXPECT_EQ(rec::Int(Row(1), kMinute), 20);
+  Stat({{10, 0, 0, 190}, {20, 0, 0, 80}, {30, 0, 0, 70}, {9, 0, 0, 9}});
+  ASSERT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(rec::LiveNames().size(), 3u);
+  EXPECT_EQ(rec::Int(Row(0), kMinute), 0);
+}
+
+TEST(Cpu, AFileThatCannotBeOpenedAtThisMomentIsOneThatCannotBeRead) {
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
+  rec::Fail("fopen", "/proc/stat", 0, EMFILE);
+  ASSERT_EQ(do_cpu(1), 0);
+  EXPECT_TRUE(rec::LiveNames().empty());
+  rec::StopFailing();
+  ASSERT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(rec::LiveNames().size(), 2u);
+}
+
+TEST(Cpu, RowsThatCouldNotBeMadeLaterAreMadeByTheNextPoll) {
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
+  rec::BreakReads("/proc/stat", 3, 60);
+  ASSERT_EQ(do_cpu(1), 0);
+  rec::Fail("create_obj", Row(1), 1);
+  EXPECT_EQ(do_cpu(0), -1);
+  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1)}));
+}
+
+TEST(Cpu, ASampleThatWasBrokenOffLeavesTheValues) {
+  poll_time = 60;
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
+  do_cpu(1);
+  Stat({{110, 0, 0, 90}, {120, 0, 0, 80}});
+  rec::BreakReads("/proc/stat", 1, 55);
+  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
+  EXPECT_EQ(rec::Int(Row(1), kMinute), 20);
+  Stat({{110, 0, 0, 190}, {120, 0, 0, 280}});
+  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(rec::Int(Row(0), kMinute), 50);  // of both polls
+  EXPECT_EQ(rec::Int(Row(1), kMinute), 33);
 }
 
 TEST(Cpu, FailsWhenARowCannotBeCreated) {

@@ -231,6 +231,25 @@ TEST_F(FileSystems, ASilentMountThatIsUnmountedLosesItsRow) {
   EXPECT_EQ(rec::LiveNames(), std::vector<std::string>{Row(1)});
 }
 
+TEST_F(FileSystems, ATableThatIsReadInPartCostsNoRow) {
+  Simple({"/a", "/b"});
+  do_filesys();
+  const auto rows = rec::LiveNames();
+  // Once: it is read again at once.
+  rec::BreakReads(mount_table_path, 1, 10);
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_TRUE(rec::Messages().empty());
+  EXPECT_EQ(rec::LiveNames(), rows);
+  rec::BreakReads(mount_table_path, 3, 10);
+  EXPECT_EQ(do_filesys(), -1);
+  EXPECT_EQ(
+      rec::Messages(),
+      std::vector<std::string>{"vexhostd: Can't read the file /etc/mnttab, error 5  (PEER3034)\n"});
+  EXPECT_EQ(rec::LiveNames(), rows);
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::LiveNames(), rows);
+}
+
 TEST_F(FileSystems, AllMountsAreAskedInOneGo) {
   Simple({"/a", "/b", "/c"});
   do_filesys();
@@ -387,8 +406,7 @@ TEST_F(VMware, AVolumeForEachEntryWithAColon) {
   EXPECT_EQ(rec::Int(Row(0), kPercent), 50);
   EXPECT_EQ(rec::Int(Row(0), kUnits), 0);
   EXPECT_EQ(rec::Int(Row(0), kUnitsUsed), 0);
-  EXPECT_EQ(rec::Names("popen"), std::vector<std::string>{Scan("vmhba0:0:0:5")});
-  EXPECT_EQ(rec::Count("pclose"), 1);
+  EXPECT_EQ(rec::Names("run_command"), std::vector<std::string>{Scan("vmhba0:0:0:5")});
 }
 
 TEST_F(VMware, OutputWithoutCapacityIsNothing) {
@@ -408,25 +426,53 @@ TEST_F(VMware, NamesThatAShellWouldInterpretArePassedOver) {
   }
   rec::PutFile("/vmfs/fine_1.2-3:4", "");
   ASSERT_EQ(do_filesys(), 0);
-  EXPECT_EQ(rec::Names("popen"), std::vector<std::string>{Scan("fine_1.2-3:4")});
+  EXPECT_EQ(rec::Names("run_command"), std::vector<std::string>{Scan("fine_1.2-3:4")});
   EXPECT_EQ(rec::LiveNames().size(), 1u);
 }
 
 TEST_F(VMware, ACommandThatCannotBeStartedIsPassedOver) {
   rec::PutFile("/vmfs/a:1", "");
-  rec::Fail("popen");
+  rec::Fail("run_command");
   ASSERT_EQ(do_filesys(), 0);
   EXPECT_TRUE(rec::LiveNames().empty());
 }
 
-TEST_F(VMware, ThePipeStaysOpenWhenTheRowIsNotPublished) {
+TEST_F(VMware, ARowThatIsNotPublishedIsByTheNextScan) {
   rec::PutFile("/vmfs/a:1", "");
   rec::Fail("log_data", Row(0), 2);
   ASSERT_EQ(do_filesys(), 0);
-  EXPECT_EQ(rec::Count("pclose"), 0);
   EXPECT_EQ(rec::Messages(),
             std::vector<std::string>{
                 "vexhostd: Can't update OS filesys object: /vmfs/a:1  (PEER3023)\n"});
+  EXPECT_EQ(rec::Publications(Row(0)), 1);
+  for (int pass = 2; pass <= 21; pass++) {
+    ASSERT_EQ(do_filesys(), 0);
+  }
+  EXPECT_EQ(rec::Publications(Row(0)), 2);
+  EXPECT_EQ(rec::Text(Row(0), kDesc), "vmfs on /vmfs/a:1");
+}
+
+TEST_F(VMware, AllCommandsOfAScanShareTenSeconds) {
+  for (const char *name : {"a:1", "a:2", "a:3"}) {
+    rec::PutFile(std::string("/vmfs/") + name, "");
+    rec::PutCommandTime(Scan(name), 1000);
+  }
+  rec::PutDirectory("/vmfs/volumes");
+  rec::PutCommand(kVdf, "b 2097152 1023 2096129   0% /vmfs/volumes/two\n");
+  ASSERT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::Names("run_command").size(), 1U);  // the first has used the time up
+  EXPECT_TRUE(rec::LiveNames().empty());
+}
+
+TEST_F(VMware, ARowOutlivesACommandThatHangsOnce) {
+  rec::PutFile("/vmfs/a:1", "");
+  rec::PutCommand(Scan("a:1"), "Capacity 107374182400 (100.0 GB), 53687091200 avail\n");
+  ASSERT_EQ(do_filesys(), 0);
+  rec::PutCommandTime(Scan("a:1"), 1000);
+  for (int pass = 2; pass <= 40; pass++) {
+    do_filesys();
+  }
+  EXPECT_EQ(rec::Int(Row(0), kTotal), 102400);
 }
 
 TEST_F(VMware, ALongNameIsNotCutButBounded) {
@@ -435,7 +481,7 @@ TEST_F(VMware, ALongNameIsNotCutButBounded) {
   ASSERT_EQ(do_filesys(), 0);
   ASSERT_EQ(do_filesys(), 0);
   EXPECT_EQ(rec::Text(Row(0), kDesc), ("vmfs on /vmfs/" + name).substr(0, 255));
-  EXPECT_EQ(rec::Names("popen"), std::vector<std::string>{Scan(name).substr(0, 127)});
+  EXPECT_EQ(rec::Names("run_command"), std::vector<std::string>{Scan(name).substr(0, 127)});
 }
 
 TEST_F(VMware, ScansAtTheFirstAndEveryTwentiethPass) {
@@ -448,7 +494,7 @@ TEST_F(VMware, ScansAtTheFirstAndEveryTwentiethPass) {
       Mtab({});
     }
     do_filesys();
-    EXPECT_EQ(rec::Count("popen"), pass % 20 == 1) << pass;
+    EXPECT_EQ(rec::Count("run_command"), pass % 20 == 1) << pass;
   }
 }
 
@@ -479,13 +525,13 @@ TEST_F(VMware, VolumesComeFromVdf) {
   EXPECT_EQ(rec::Int(Row(0), kUnits), 0);
   EXPECT_EQ(rec::Int(Row(1), kTotal), 2048);
   EXPECT_EQ(rec::Int(Row(1), kUsed), 0);
-  EXPECT_EQ(rec::Names("popen"), std::vector<std::string>{kVdf});
+  EXPECT_EQ(rec::Names("run_command"), std::vector<std::string>{kVdf});
 }
 
 TEST_F(VMware, WithoutTheVolumesDirectoryVdfIsNotRun) {
   rec::PutFile("/vmfs/a:1", "");
   do_filesys();
-  EXPECT_EQ(rec::Count("popen", "vdf*"), 0);
+  EXPECT_EQ(rec::Count("run_command", "vdf*"), 0);
 }
 
 TEST_F(VMware, ABrokenVdfLineNeverHangs) {

@@ -36,6 +36,8 @@ TEST(HardwareInfo, AShortEvIsNone) {
   rec::PutEv("ZTHRN4", "\1\2\3\4");
   ASSERT_EQ(do_hwinfo(), 0);
   EXPECT_EQ(rec::Publications(kObject), 0);
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{
+                                 "EV ZTHRN4: 4 bytes of the 5 that are needed, taken as absent\n"});
 }
 
 TEST(HardwareInfo, FailsWithoutItsObject) {

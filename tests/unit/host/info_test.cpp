@@ -8,8 +8,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -62,9 +65,20 @@ mode_t ModeOf(const char *path) {
   return st.st_mode & 07777;
 }
 
+// What is in the registry's root, in order.
+std::vector<std::string> Entries() {
+  std::vector<std::string> names;
+  for (const auto &entry : std::filesystem::directory_iterator(rec::RealPath(REGISTRY_ROOT))) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 class Info : public testing::Test {
  protected:
   Info() {
+    agent = "vexhostd";
     rec::PutDirectory(REGISTRY_ROOT);
     rec::PutService("telnet", 0);
     rec::SetDistribution("Debian GNU/Linux", "bookworm", "12", "Debian GNU/Linux 12 (bookworm)");
@@ -328,12 +342,50 @@ TEST_F(Info, ReadsEmptyRoleFiles) {
 TEST_F(Info, RoleFilesThatCannotBeRead) {
   rec::PutFile(kRoleFile, "role");
   rec::PutDirectory(kDetailFile);
-  rec::Fail("open", kRoleFile);
+  rec::Fail("openat", kRoleFile);
   ASSERT_EQ(do_info(1), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{
+                "vexhostd: Can't read " + std::string(kRoleFile) + ": Input/output error\n",
+                "vexhostd: File " + std::string(kDetailFile) +
+                    " not used: it is no plain file\n"}));
+}
+
+TEST_F(Info, AbsentRoleFilesAreNotSpokenOf) {
+  rec::PutNothing(REGISTRY_ROOT);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kRole), "");
   EXPECT_TRUE(rec::Messages().empty());
 }
+
+// A call that fails for a moment: out of descriptors or memory, interrupted, a bad cable.
+TEST_F(Info, ReadsARoleAgainWhenThatFailed) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutFile(kDetailFile, "detail");
+  for (const char *call : {"open_dir", "openat", "fstat", "read"}) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO, EACCES}) {
+      SCOPED_TRACE(std::string(call) + " " + strerror(error));
+      rec::StopFailing();
+      delete_obj(&obj_Q, nullptr, 0);
+      rec::Fail(call, "*", 1, error);
+      ASSERT_EQ(do_info(1), 0);
+      EXPECT_EQ(Text(kRole), "role");
+      EXPECT_EQ(Text(kDetail), "detail");
+    }
+  }
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+TEST_F(Info, DoesNotGoOnReadingWhenTheAgentEnds) {
+  rec::PutFile(kRoleFile, "role");
+  rec::Fail("openat", "*", 0, EIO);
+  rec::Fail("agent_ending");
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(rec::Count("nanosleep"), 0);
+}
+
 
 TEST_F(Info, SetsARole) {
   ASSERT_EQ(do_info(1), 0);
@@ -415,7 +467,7 @@ TEST_F(Info, ASetThatCannotOpenItsFileSucceedsQuietly) {
   rec::PutFile(kRoleFile, "old");
   rec::PutFile(kDetailFile, "old");
   ASSERT_EQ(do_info(1), 0);
-  rec::Fail("open");
+  rec::Fail("openat", REGISTRY_ROOT "/tlx*");
   for (const auto &[variable, file, longest] : kLimits) {
     EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), 0);
     EXPECT_EQ(rec::ReadFile(file), "old");
@@ -443,6 +495,7 @@ TEST_F(Info, ASetThatCannotWriteItsFileFails) {
     EXPECT_EQ(check, 0);
     ASSERT_EQ(do_info(0), 0);
     EXPECT_EQ(Text(variable), "old");
+    EXPECT_EQ(rec::ReadFile(file), "old");
     // An empty text needs no room.
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
     const int empty = rec::Set(kObject, variable, std::string());
@@ -451,8 +504,182 @@ TEST_F(Info, ASetThatCannotWriteItsFileFails) {
   }
 }
 
+// One call after the other fails: what the manager is told, what is served, what is in the file and
+// what lies beside it agree.
+TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
+  struct Step {
+    const char *call;
+    std::string name;
+    bool quiet;  // accepted all the same
+  };
+  const std::string root = REGISTRY_ROOT;
+  const Step steps[] = {{"open_dir", root, true},
+                        {"openat", kRoleFile, true},
+                        {"fstat", kRoleFile, false},
+                        {"openat", root + "/.tlxhosystemrole.dat.new", false},
+                        {"fchmod", "*.new", false},
+                        {"write", "*.new", false},
+                        {"fsync", "*.new", false},
+                        {"fsync", root, false}};
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(1), 0);
+  for (const auto &[call, name, quiet] : steps) {
+    for (const int error : {EIO, ENOSPC, EACCES, EMFILE}) {
+      SCOPED_TRACE(std::string(call) + " " + name + " " + strerror(error));
+      rec::StopFailing();
+      rec::Fail(call, name, 1, error);
+      EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), quiet ? 0 : -1);
+      EXPECT_EQ(rec::ReadFile(kRoleFile), "old");
+      EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
+      ASSERT_EQ(do_info(0), 0);
+      EXPECT_EQ(Text(kRole), "old");
+    }
+  }
+  EXPECT_TRUE(rec::Messages().empty());
+  rec::StopFailing();
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+}
+
+TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
+  ASSERT_EQ(do_info(1), 0);
+  const std::string root = REGISTRY_ROOT;
+  const std::pair<const char *, std::string> steps[] = {
+      {"write", "*.new"}, {"fsync", "*.new"}, {"renameat", kRoleFile}, {"fsync", root}};
+  for (const auto &[call, name] : steps) {
+    SCOPED_TRACE(std::string(call) + " " + name);
+    rec::StopFailing();
+    rec::Fail(call, name, 1);
+    EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
+    EXPECT_EQ(Entries(), std::vector<std::string>{});
+  }
+  // Where none can be made, none can be opened for writing.
+  rec::StopFailing();
+  rec::Fail("openat", "*.new", 0, EROFS);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  EXPECT_EQ(Entries(), std::vector<std::string>{});
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+// Not every file system can exchange two names, or synchronise a directory.
+TEST_F(Info, ASetDoesWithWhatTheFileSystemCan) {
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(1), 0);
+  rec::Fail("renameat2", "*", 0, EINVAL);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+  rec::Fail("fsync", "*", 0, EINVAL);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("newer")), 0);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "newer");
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
+  EXPECT_TRUE(rec::Messages().empty());
+  // Then there is no way back, and the log says what will be served.
+  rec::StopFailing();
+  rec::Fail("renameat2", "*", 0, EINVAL);
+  rec::Fail("fsync", REGISTRY_ROOT, 0, EIO);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("newest")), -1);
+  EXPECT_EQ(rec::Messages().size(), 1U);
+  ASSERT_EQ(do_info(0), 0);
+  EXPECT_EQ(Text(kRole), "newer");
+}
+
+TEST_F(Info, ASetIsOnTheDiskBeforeItIsAccepted) {
+  ASSERT_EQ(do_info(1), 0);
+  rec::PutFile(kRoleFile, "old");
+  rec::ForgetEvents();
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  std::vector<std::string> calls;
+  for (const rec::Event &event : rec::Events()) {
+    if (event.operation == "fsync" || event.operation.starts_with("rename")) {
+      calls.push_back(event.operation + " " + event.name);
+    }
+  }
+  EXPECT_EQ(calls, (std::vector<std::string>{
+                       "fsync " REGISTRY_ROOT "/.tlxhosystemrole.dat.new",
+                       std::string("renameat2 ") + kRoleFile, "fsync " REGISTRY_ROOT}));
+}
+
+// Two hundred kills, each at another moment of one set after the other.
+TEST_F(Info, AKillLeavesTheOldTextOrTheNewOne) {
+  const std::string texts[] = {std::string(512, 'a'), std::string(300, 'b')};
+  rec::PutFile(kDetailFile, texts[0]);
+  ASSERT_EQ(do_info(1), 0);
+  int amid = 0;  // kills that found a set under way
+  for (int kills = 0; kills < 200; kills++) {
+    const pid_t setter = fork();
+    ASSERT_GE(setter, 0);
+    if (setter == 0) {
+      for (int i = 0;; i++) {
+        rec::Set(kObject, kDetail, texts[i % 2]);
+      }
+    }
+    usleep(static_cast<useconds_t>(1000 + 37 * kills));
+    kill(setter, SIGKILL);
+    ASSERT_EQ(waitpid(setter, nullptr, 0), setter);
+    const std::string kept = rec::ReadFile(kDetailFile);
+    ASSERT_TRUE(kept == texts[0] || kept == texts[1]) << kept;
+    amid += Entries().size() > 1;
+  }
+  EXPECT_GT(amid, 0);
+  delete_obj(&obj_Q, nullptr, 0);
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kDetail), rec::ReadFile(kDetailFile));
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemroledetail.dat"});
+}
+
+TEST_F(Info, WhatAKilledAgentLeftIsNeverFollowed) {
+  const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
+  rec::PutFile(left, "half");
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(1), 0);
+  EXPECT_EQ(Text(kRole), "old");
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
+  rec::PutFile("/etc/victim", "precious");
+  std::filesystem::create_symlink(rec::RealPath("/etc/victim"), rec::RealPath(left));
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  EXPECT_EQ(rec::ReadFile("/etc/victim"), "precious");
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
+  // What cannot be moved out of the way is not written to.
+  rec::PutFile(left + "/entry", "");
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("newer")), -1);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+}
+
+// As cp -al or ln leave it.
+TEST_F(Info, ASecondNameIsUsedWhereOthersCannotHavePlantedIt) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutFile("/etc/copy", "");
+  const std::string copy = rec::RealPath("/etc/copy");
+  for (const mode_t mode : {0755, 0775, 0757}) {
+    SCOPED_TRACE(mode);
+    std::filesystem::remove(copy);
+    std::filesystem::create_hard_link(rec::RealPath(kRoleFile), copy);
+    ASSERT_EQ(chmod(REGISTRY_ROOT, mode), 0);
+    const bool used = mode == 0755;
+    rec::ForgetEvents();
+    delete_obj(&obj_Q, nullptr, 0);
+    ASSERT_EQ(do_info(1), 0);
+    EXPECT_EQ(Text(kRole), used ? "role" : "");
+    for (int set = 0; set < 3; set++) {
+      EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), used ? 0 : -1);
+    }
+    EXPECT_EQ(rec::ReadFile("/etc/copy"), "role");
+    EXPECT_EQ(rec::Messages(),
+              used ? std::vector<std::string>{}
+                   : std::vector<std::string>{
+                         "vexhostd: File " + std::string(kRoleFile) +
+                         " not used: it is a second name of another file, and others may write "
+                         "in its directory\n"});
+    // Once it is a file of its own again, the next refusal is a new one.
+    std::filesystem::remove(copy);
+    EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), 0);
+  }
+}
+
 TEST_F(Info, ASetFailsWhenSomethingElseIsInItsFilesPlace) {
   ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(chmod(REGISTRY_ROOT, 0777), 0);
   for (const auto &[variable, file, longest] : kLimits) {
     const std::string path = rec::RealPath(file);
     for (const char *kind : {"link", "dangling link", "pipe", "second name"}) {

@@ -109,6 +109,20 @@ TEST(Memory, UnreadableFileIsNoFailure) {
   EXPECT_EQ(rec::Publications(kObject), 1);
 }
 
+TEST(Memory, HalfAReadingIsNone) {
+  Meminfo("MemTotal: 2048 kB\nMemFree: 1024 kB\n");
+  do_memory();
+  Meminfo("MemTotal: 4096 kB\nMemFree: 3072 kB\n");
+  rec::BreakReads("/proc/meminfo", 1, 20);
+  EXPECT_EQ(do_memory(), 0);
+  EXPECT_EQ(rec::Int(kObject, kSize), 2);
+  EXPECT_EQ(rec::Int(kObject, kFree), 1);
+  EXPECT_EQ(rec::Publications(kObject), 1);
+  EXPECT_EQ(do_memory(), 0);
+  EXPECT_EQ(rec::Int(kObject, kSize), 4);
+  EXPECT_EQ(rec::Int(kObject, kFree), 3);
+}
+
 TEST(Memory, FailsWithoutItsObject) {
   rec::Fail("create_obj", kObject);
   EXPECT_EQ(do_memory(), -1);

@@ -110,15 +110,21 @@ TEST(RecordingFramework, ServesMadeUpFilesCommandsAndTime) {
   globfree(&found);
 
   rec::PutCommand("uptime", "3 days\n", 4);
-  FILE *pipe = popen("uptime", "r");
-  ASSERT_NE(pipe, nullptr);
-  EXPECT_NE(fgets(line, sizeof line, pipe), nullptr);
-  EXPECT_STREQ(line, "3 days\n");
-  EXPECT_EQ(WEXITSTATUS(pclose(pipe)), 4);
   char output[4];
   int length = sizeof output;
   EXPECT_EQ(process_linux_cmd("uptime", output, &length), 4);
   EXPECT_STREQ(output, "3 d");
+  size_t stored = 0;
+  EXPECT_EQ(run_command("uptime", 1000, output, sizeof output, &stored), 4);
+  EXPECT_EQ(stored, 3U);
+  timespec before;
+  timespec after;
+  clock_gettime(CLOCK_MONOTONIC, &before);
+  rec::PutCommandTime("uptime", 20);
+  EXPECT_EQ(run_command("uptime", 5000, output, sizeof output, &stored), COMMAND_TIMED_OUT);
+  clock_gettime(CLOCK_MONOTONIC, &after);
+  EXPECT_GE(after.tv_sec - before.tv_sec, 4);
+  EXPECT_LT(after.tv_sec - before.tv_sec, 15);
 
   rec::SetTime(1000);
   EXPECT_EQ(time(nullptr), 1000);

@@ -101,13 +101,29 @@ TEST_F(Watchdog, ASuffixedSizeIsScaled) {
                 "Restarting snmpd. Current size = 204801K. size captured ealier = 102400K\n"});
 }
 
-TEST_F(Watchdog, ABaselineThatDoesNotFitIsHeld) {
+TEST_F(Watchdog, ASizeThatDoesNotFitIsHeldLikeItsBaseline) {
   Check("99999M\n");
-  Check("4095M\n");
-  EXPECT_EQ(Restarts(), 0);
+  for (const char *size : {"4095M\n", "4096M\n", "99999M\n"}) {
+    Check(size);
+    EXPECT_EQ(Restarts(), 0) << size;
+  }
+}
+
+TEST_F(Watchdog, ASizeThatDoesNotFitHasGrownFromASmallOne) {
+  Check("1000\n");
   Check("4096M\n");
   EXPECT_EQ(rec::Messages().back(),
-            "Restarting snmpd. Current size = 4294967296K. size captured ealier = 2147483647K\n");
+            "Restarting snmpd. Current size = 4294967296K. size captured ealier = 1000K\n");
+}
+
+TEST_F(Watchdog, AClockThatIsSetBackDoesNotStopIt) {
+  Check("100\n");
+  rec::SetTime(1000);
+  check_snmpd_memory();
+  rec::SetTime(1000 + 1800);
+  rec::ForgetEvents();
+  check_snmpd_memory();
+  EXPECT_EQ(rec::Count("process_linux_cmd"), 1);
 }
 
 TEST_F(Watchdog, OutputLongerThanTheBuffer) {

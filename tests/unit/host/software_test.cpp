@@ -428,6 +428,9 @@ TEST_F(Software, AShortEvIsZeroBeyondItsEnd) {
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(Version(0), "3.1");
   EXPECT_EQ(Version(1), "0.0");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{"EV ZTHUV: 5 of 136 bytes, what is missing counts as zero\n"});
 }
 
 TEST_F(Software, ARowRenamedToOptionRomkitGetsItsVersion) {
@@ -463,7 +466,7 @@ TEST_F(Software, TakesTheAgentVersionFromRpm) {
   EXPECT_EQ(rec::Publications("host/swverag"), 1);
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(rec::Publications("host/swverag"), 1);
-  EXPECT_EQ(rec::Count("popen", kAgentVersion), 1);
+  EXPECT_EQ(rec::Count("run_command", kAgentVersion), 1);
 }
 
 TEST_F(Software, CutsALongAgentVersion) {
@@ -473,12 +476,31 @@ TEST_F(Software, CutsALongAgentVersion) {
 }
 
 TEST_F(Software, ReportsThatRpmCannotBeRun) {
-  rec::Fail("popen", "rpm*");
+  rec::Fail("run_command", "rpm*");
   rec::AllowUndefinedSlots("host/swverag");
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(rec::Messages(), Strings{"vexhostd FAILED to read for agent swversion\n"});
   EXPECT_EQ(rec::Live("host/swverag")->desc[0].type, 0);
   EXPECT_EQ(rec::Publications("host/swverag"), 1);
+  // Until it can: said once.
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages().size(), 1U);
+  rec::StopFailing();
+  rec::PutCommand(kAgentVersion, "8.1.0\n");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "8.1.0");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications("host/swverag"), 2);
+}
+
+TEST_F(Software, ALateWordOfRpmDoesNotHideThePackages) {
+  rec::Fail("run_command", "rpm*", 1);
+  rec::AllowUndefinedSlots("host/swverag");
+  PutPackages({{"kelmo", "9.0-1", "The agents", "i386"}});
+  Rescan();
+  rec::PutCommand(kAgentVersion, "8.1.0\n");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "9.0");
 }
 
 TEST_F(Software, TakesTheAgentVersionFromThePackage) {
@@ -547,7 +569,7 @@ TEST_F(Software, APackageDoesNotTouchAPermanentRow) {
   PutPackages({{"qvdb", "9"}});
   Rescan();
   EXPECT_EQ(Version(4), "3.1");
-  EXPECT_EQ(rec::Count("popen", Query("qvdb")), 0);
+  EXPECT_EQ(rec::Count("run_command", Query("qvdb")), 0);
   EXPECT_EQ(rec::Live(Row(5)), nullptr);
 }
 
@@ -558,36 +580,36 @@ TEST_F(Software, ScansWhenTheDatabaseIsNewer) {
   SetDatabaseTime(5000);
   ASSERT_EQ(do_swver(), 0);
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 1);
+  EXPECT_EQ(rec::Count("run_command", kListing), 1);
   SetDatabaseTime(4999);
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 1);
+  EXPECT_EQ(rec::Count("run_command", kListing), 1);
   SetDatabaseTime(5000);
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 2);
+  EXPECT_EQ(rec::Count("run_command", kListing), 2);
   rec::PutNothing(kDatabase);  // counts as 1
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 2);
+  EXPECT_EQ(rec::Count("run_command", kListing), 2);
   SetDatabaseTime(2);
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 3);
+  EXPECT_EQ(rec::Count("run_command", kListing), 3);
 }
 
 TEST_F(Software, ScansOnEveryPassWithoutDpkg) {
   for (int pass = 1; pass <= 3; pass++) {
     ASSERT_EQ(do_swver(), 0);
-    EXPECT_EQ(rec::Count("popen", kListing), pass);
+    EXPECT_EQ(rec::Count("run_command", kListing), pass);
     EXPECT_EQ(rec::Live(Row(4)), nullptr);
   }
-  rec::Fail("popen", "dpkg*");
+  rec::Fail("run_command", "dpkg*");
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 4);
+  EXPECT_EQ(rec::Count("run_command", kListing), 4);
   rec::StopFailing();
   PutPackages({{"glut"}});
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(Name(4), "glut_amd64");
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Count("popen", kListing), 5);
+  EXPECT_EQ(rec::Count("run_command", kListing), 5);
   EXPECT_EQ(rec::Messages(), Strings{});
 }
 
@@ -612,7 +634,7 @@ TEST_F(Software, ListsPackagesByTheirClasses) {
   EXPECT_EQ(rec::Int(Row(7), "tlxHoSwVerType"), 5);
   EXPECT_EQ(Name(8), "tlx_tlxarrayamd32");
   EXPECT_EQ(rec::Live(Row(9)), nullptr);
-  EXPECT_EQ(rec::Count("popen", Query("bash")), 0);
+  EXPECT_EQ(rec::Count("run_command", Query("bash")), 0);
   EXPECT_EQ(rec::Octets(Row(4), "tlxHoSwVerDate"), std::string(7, '\0'));
 }
 
@@ -629,7 +651,7 @@ TEST_F(Software, APackageGoesWithTheListingOrWhenItsQueryFails) {
   EXPECT_EQ(rec::Live(Row(4)), nullptr);
   EXPECT_EQ(rec::Live(Row(5)), nullptr);
   EXPECT_EQ(Name(6), "qvrelm_amd64");
-  rec::Fail("popen", Query("qvrelm").substr(0, 20) + "*");
+  rec::Fail("run_command", Query("qvrelm").substr(0, 20) + "*");
   Rescan();
   EXPECT_EQ(rec::Live(Row(6)), nullptr);
   EXPECT_EQ(Name(3), "DISKDR");
@@ -675,15 +697,195 @@ TEST_F(Software, ImplausibleNamesReachNoShell) {
                                 "\n" + longest + "y\nbash;reboot\nglut'x'\n");
   rec::PutCommand(Query(longest), Answer({longest}));
   Rescan();
-  EXPECT_EQ(rec::Names("popen"), (Strings{kAgentVersion, kListing, Query(longest)}));
+  EXPECT_EQ(rec::Names("run_command"), (Strings{kAgentVersion, kListing, Query(longest)}));
   EXPECT_EQ(Name(4), longest.substr(0, 63));
   const std::string message = "do_swver: not a package name, skipped: ";
-  EXPECT_EQ(rec::Messages(), (Strings{message + "glut?[2J\n", message + "glut x\n",
-                                      message + "glut'x'\n", message + "glut;reboot\n",
-                                      message + "glut`id`\n", message + longest + "y\n"}));
+  EXPECT_EQ(
+      rec::Messages(),
+      (Strings{message + "glut?[2J (character 0x1b)\n", message + "glut x (character 0x20)\n",
+               message + "glut'x' (character 0x27)\n", message + "glut;reboot (character 0x3b)\n",
+               message + "glut`id` (character 0x60)\n",
+               "do_swver: package name too long, skipped: " + longest + "y\n",
+               "do_swver: packages that could not be reported: 7 (0 without a usable answer, 7 "
+                     "without a usable name)\n"}));
   rec::ForgetEvents();
   Rescan();
-  EXPECT_EQ(rec::Messages().size(), 6U);
+  EXPECT_EQ(rec::Messages().size(), 7U);
+}
+
+TEST_F(Software, PackagesWithoutAUsableAnswerAreCountedOncePerScan) {
+  PutPackages({{"glut", "1", std::string(300, 'd')}, {"qvdiags"}, {"qvrelm"}});
+  rec::PutCommand(Query("qvrelm"), "Arch amd64\n");
+  Rescan();
+  EXPECT_EQ(rec::Messages(),
+            Strings{"do_swver: packages that could not be reported: 2 (2 without a usable answer, 0 "
+                    "without a usable name)\n"});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages().size(), 1U);
+}
+
+// ---- Tools that hang ----------------------------------------------------------------------------
+
+TEST_F(Software, AToolThatHangsIsAskedLessAndLessOften) {
+  PutPackages({{"glut"}});
+  rec::PutCommandTime(kListing, 1000);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command", kListing), 1);
+  // The pauses, in seconds. A pass just before their end asks nothing.
+  for (const int pause : {30, 60, 120, 240, 480, 600, 600}) {
+    rec::ForgetEvents();
+    rec::PassTime(pause - 2);
+    ASSERT_EQ(do_swver(), 0);
+    EXPECT_EQ(rec::Count("run_command", "dpkg*"), 0) << pause;
+    rec::PassTime(2);
+    ASSERT_EQ(do_swver(), 0);
+    EXPECT_EQ(rec::Names("run_command"), Strings{kListing}) << pause;
+    EXPECT_EQ(rec::Messages(), Strings{}) << "said when it began";
+  }
+  rec::PutCommandTime(kListing, 0);
+  rec::PassTime(600);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Messages().back(), "do_swver: the package scan came to its end\n");
+  // From the beginning the next time.
+  rec::PutCommandTime(kListing, 1000);
+  Rescan();
+  rec::ForgetEvents();
+  rec::PassTime(30);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command", kListing), 1);
+}
+
+TEST_F(Software, TheRowsStayWhileAToolHangs) {
+  PutPackages({{"glut"}, {"qvdiags"}, {"qvrelm"}});
+  Rescan();
+  PutPackages({{"glut", "2.0"}, {"qvrelm", "2.0"}});
+  rec::PutCommandTime(Query("qvrelm"), 1000);
+  rec::ForgetEvents();
+  Rescan();
+  EXPECT_EQ(rec::Count("run_command"), 3);
+  // What was seen is published; what was not stays as it was.
+  EXPECT_EQ(Version(4), "2.0");
+  EXPECT_EQ(Name(5), "qvdiags_amd64");
+  EXPECT_EQ(Version(6), "1.0");
+  EXPECT_EQ(rec::Messages(),
+            Strings{"do_swver: a package tool hangs; the rows of the last scan stay, and this one "
+                    "is tried again less and less often\n"});
+  // Goes on where it was, and only at its end is a row gone that was not listed.
+  rec::PutCommandTime(Query("qvrelm"), 0);
+  rec::ForgetEvents();
+  rec::PassTime(30);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Names("run_command"), Strings{Query("qvrelm")});
+  EXPECT_EQ(Version(6), "2.0");
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+}
+
+TEST_F(Software, ASlowToolFinishesItsScanOverSeveralPasses) {
+  std::vector<Package> packages;
+  for (int i = 0; i < 10; i++) {
+    packages.push_back({"glut" + std::to_string(i)});
+    rec::PutCommandTime(Query(packages.back().name), 4);
+  }
+  PutPackages(packages);
+  rec::PutCommandTime(kListing, 9);
+  SetDatabaseTime(1000);
+  int passes = 0;
+  for (; rec::Live(Row(13)) == nullptr && passes < 20; passes++) {
+    timespec before;
+    timespec after;
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    ASSERT_EQ(do_swver(), 0);
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    EXPECT_LE(after.tv_sec - before.tv_sec, 11);
+  }
+  EXPECT_EQ(passes, 6);  // the listing, and two queries each
+  EXPECT_EQ(Name(13), "glut9_amd64");
+  EXPECT_EQ(rec::Count("run_command", "dpkg*"), 11) << "nothing is asked twice";
+  EXPECT_EQ(rec::Messages(), Strings{"Info: scanning 10 packages took 49 seconds\n"});
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command", "dpkg*"), 11);
+}
+
+TEST_F(Software, AChangeDuringAScanMeansAnotherOne) {
+  PutPackages({{"glut"}, {"qvdiags"}});
+  rec::PutCommandTime(Query("glut"), 8);
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+  PutPackages({{"glut"}});
+  Rescan();
+  EXPECT_NE(rec::Live(Row(5)), nullptr) << "the scan under way knew of it";
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+}
+
+TEST_F(Software, RpmAndDpkgShareTheTime) {
+  PutPackages({{"glut"}});
+  rec::PutCommandTime(kAgentVersion, 1000);
+  rec::AllowUndefinedSlots("host/swverag");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Names("run_command"), Strings{kAgentVersion});
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd FAILED to read for agent swversion\n"});
+  ASSERT_EQ(do_swver(), 0);  // dpkg's turn
+  EXPECT_EQ(Name(4), "glut_amd64");
+  EXPECT_EQ(rec::Count("run_command", kAgentVersion), 1);
+  rec::PutCommandTime(kAgentVersion, 0);
+  rec::PutCommand(kAgentVersion, "8.1\n");
+  rec::PassTime(30);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "8.1");
+}
+
+TEST_F(Software, AToolThatCannotBeStartedIsTriedByTheNextPass) {
+  PutPackages({{"glut"}, {"qvdiags"}});
+  rec::Fail("run_command", Query("glut").substr(0, 18) + "*", 1);
+  Rescan();
+  EXPECT_EQ(Name(4), "qvdiags_amd64");
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(5), "glut_amd64");
+  rec::ForgetEvents();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command"), 0);
+}
+
+TEST_F(Software, NothingIsAskedOnceTheAgentIsEnding) {
+  PutPackages({{"glut"}});
+  Rescan();
+  rec::Fail("agent_ending");
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+}
+
+TEST_F(Software, ARowWhosePublicationFailedIsPublishedByTheNextPass) {
+  PutPackages({{"glut"}});
+  rec::Fail("log_data", Row(4), 1);
+  Rescan();
+  EXPECT_EQ(rec::Publications(Row(4)), 0);
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications(Row(4)), 1);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications(Row(4)), 1);
+}
+
+TEST_F(Software, AComponentsOrTheAgentsFirstPublicationIsMadeUpFor) {
+  rec::Fail("log_data", "host/sw*");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications(Row(0)), 0);
+  EXPECT_EQ(rec::Publications("host/swverag"), 0);
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Publications(Row(0)), 1);
+  EXPECT_EQ(rec::Publications("host/swverag"), 1);
+}
+
+TEST_F(Software, TheAgentsObjectIsMadeByALaterPass) {
+  rec::Fail("create_obj", "host/swverag", 1);
+  rec::PutCommand(kAgentVersion, "8.1\n");
+  ASSERT_EQ(do_swver(), 0);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "8.1");
 }
 
 TEST_F(Software, TakesAtMost4096Names) {
@@ -726,7 +928,7 @@ TEST_F(Software, APieceAfterTheLastNewlineDoesNotCount) {
   EXPECT_EQ(rec::Live(Row(4)), nullptr);
   rec::ForgetEvents();
   ASSERT_EQ(do_swver(), 0);  // it counted as empty
-  EXPECT_EQ(rec::Count("popen", kListing), 1);
+  EXPECT_EQ(rec::Count("run_command", kListing), 1);
 }
 
 // ---- Failures -----------------------------------------------------------------------------------
@@ -954,15 +1156,32 @@ TEST(Packages, FindLine) {
 }
 
 TEST(Packages, PackageNames) {
-  EXPECT_TRUE(is_package_name("libc6:amd64"));
-  EXPECT_TRUE(is_package_name("g++-12.0_x~y"));
-  EXPECT_TRUE(is_package_name(std::string(89, 'x').c_str()));
-  EXPECT_FALSE(is_package_name(std::string(90, 'x').c_str()));
-  EXPECT_FALSE(is_package_name(""));
+  EXPECT_EQ(check_package_name("libc6:amd64"), NAME_USABLE);
+  EXPECT_EQ(check_package_name("g++-12.0_x~y"), NAME_USABLE);
+  EXPECT_EQ(check_package_name(std::string(89, 'x').c_str()), NAME_USABLE);
+  EXPECT_EQ(check_package_name(std::string(90, 'x').c_str()), NAME_TOO_LONG);
+  EXPECT_EQ(check_package_name((std::string(90, 'x') + ";").c_str()), NAME_WITH_WRONG_CHARACTER);
+  EXPECT_EQ(check_package_name(""), NAME_WITH_WRONG_CHARACTER);
   for (const char *bad : {"a b", "a;b", "a$b", "a`b", "a'b", "a\"b", "a|b", "a&b", "a>b", "a/b",
                           "a\\b", "a\tb", "a(b", "a*b", "a\xc3\xa4"}) {
-    EXPECT_FALSE(is_package_name(bad)) << bad;
+    EXPECT_EQ(check_package_name(bad), NAME_WITH_WRONG_CHARACTER) << bad;
   }
+}
+
+TEST(Packages, PatienceGrowsToTenMinutes) {
+  tool_patience patience = {};
+  EXPECT_TRUE(may_ask(patience, 0));
+  int64_t now = 1000;
+  for (const int64_t pause : {30000, 60000, 120000, 240000, 480000, 600000, 600000}) {
+    lose_patience(&patience, now);
+    EXPECT_FALSE(may_ask(patience, now + pause - 1));
+    now += pause;
+    EXPECT_TRUE(may_ask(patience, now));
+  }
+  regain_patience(&patience);
+  EXPECT_TRUE(may_ask(patience, 0));
+  lose_patience(&patience, now);
+  EXPECT_TRUE(may_ask(patience, now + 30000));
 }
 
 namespace {

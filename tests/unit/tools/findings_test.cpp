@@ -4,6 +4,9 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
+#include "status/guid.h"
 #include "tests/support/process.h"
 #include "tools/vexreg/host_facts.h"
 
@@ -24,6 +27,13 @@ bool Has(const Finding &finding, const std::string &text) {
   return Text(finding).find(text) != std::string::npos;
 }
 
+GroupFacts Published(size_t objects, int64_t age) {
+  GroupFacts facts;
+  facts.objects = objects;
+  facts.newest_ns = kNow - age * kSecond;
+  return facts;
+}
+
 TEST(Findings, Processes) {
   EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}}, false)), "ok    snmpd: runs (process 5).\n");
   EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}, {7, 'R', 0}}, false)),
@@ -42,6 +52,18 @@ TEST(Findings, TheAgentIsOneProcessOfRoot) {
   EXPECT_EQ(JudgeAgent({{5, 'S', 33}}, false).verdict, Verdict::kNote);
   EXPECT_EQ(JudgeAgent({{5, 'S', 0}, {6, 'S', 0}}, false).verdict, Verdict::kFail);
   EXPECT_TRUE(Has(JudgeAgent({{5, 'T', 0}, {6, 'S', 0}}, false), "stopped"));
+}
+
+TEST(Findings, AGuidThatOtherHostsHaveToo) {
+  const std::string shared(reinterpret_cast<const char *>(guid_without_eth0), GUID_SIZE);
+  const auto finding = JudgeGuid(shared);
+  ASSERT_TRUE(finding);
+  EXPECT_EQ(finding->verdict, Verdict::kNote);
+  EXPECT_TRUE(Has(*finding, "every host without an eth0")) << Text(*finding);
+  EXPECT_TRUE(Has(*finding, "tlxHoGUID.0 x")) << Text(*finding);
+  EXPECT_FALSE(JudgeGuid("0123456789abcdef"));
+  EXPECT_FALSE(JudgeGuid(shared.substr(0, 15)));
+  EXPECT_FALSE(JudgeGuid(""));
 }
 
 TEST(Findings, StateOfAProcess) {
@@ -180,7 +202,7 @@ TEST(Findings, Values) {
 TEST(Findings, AgesOfAGroupOfEachPoll) {
   const Group group = {"cpu", true, true, ""};
   const auto verdict = [&](int64_t age, AgentPhase phase = AgentPhase::kRuns) {
-    return JudgeGroup(group, {2, kNow - age * kSecond}, true, kNow, 15, phase).verdict;
+    return JudgeGroup(group, Published(2, age), true, kNow, 15, phase).verdict;
   };
   EXPECT_EQ(verdict(0), Verdict::kOk);
   EXPECT_EQ(verdict(20), Verdict::kOk);
@@ -198,9 +220,8 @@ TEST(Findings, AgesOfAGroupOfEachPoll) {
 
 TEST(Findings, AgesOfAGroupThatChangesSeldom) {
   const Group group = {"filesys", false, false, "no mounts"};
-  EXPECT_EQ(
-      Text(JudgeGroup(group, {1, kNow - 90'000 * kSecond}, true, kNow, 15, AgentPhase::kRuns)),
-      "ok    group filesys: 1 row, last published 25 h ago (only when something changes).\n");
+  EXPECT_EQ(Text(JudgeGroup(group, Published(1, 90'000), true, kNow, 15, AgentPhase::kRuns)),
+            "ok    group filesys: 1 row, last published 25 h ago (only when something changes).\n");
   EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kRuns)),
             "note  group filesys: not published; no mounts.\n");
 }
@@ -209,6 +230,84 @@ TEST(Findings, GroupsThatAreMissing) {
   const Group group = {"misc", true, true, ""};
   EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kRuns).verdict, Verdict::kFail);
   EXPECT_EQ(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kGone).verdict, Verdict::kNote);
+}
+
+TEST(Findings, WhyAnObjectIsMissing) {
+  const Group group = {"misc", true, true, ""};
+  const Group other = {"fwver", false, false, "this machine has no source for it"};
+  const auto judge = [&](const Group &one, const GroupFacts &facts, AgentPhase phase) {
+    return Text(JudgeGroup(one, facts, false, kNow, 15, phase));
+  };
+  GroupFacts facts;
+  facts.served = false;
+  EXPECT_EQ(
+      judge(group, facts, AgentPhase::kRuns),
+      "FAIL  group misc: never published, to managers neither, though the agent runs. Look at "
+      "its log.\n");
+  EXPECT_EQ(judge(other, facts, AgentPhase::kRuns),
+            "note  group fwver: not published; this machine has no source for it.\n");
+  facts.served = true;
+  for (const Group &one : {group, other}) {
+    for (const AgentPhase phase : {AgentPhase::kRuns, AgentPhase::kStarts}) {
+      EXPECT_EQ(judge(one, facts, phase),
+                "FAIL  group " + one.name +
+                    ": published to managers, but its file is missing. The agent writes it again "
+                    "at its next poll; if it does not, its log says why.\n");
+    }
+  }
+  facts.damaged = true;
+  EXPECT_EQ(judge(group, facts, AgentPhase::kRuns),
+            "FAIL  group misc: its file is damaged. The agent writes it again at its next poll; if "
+            "it does not, its log says why.\n");
+  EXPECT_EQ(judge(group, facts, AgentPhase::kGone), "note  group misc: its file is damaged.\n");
+  facts.unreadable = true;
+  EXPECT_EQ(
+      judge(group, facts, AgentPhase::kRuns),
+      "note  group misc: its file is not for this user to read. Run vexreg doctor as root.\n");
+}
+
+TEST(Findings, WhoseTheDirectoryIs) {
+  DirectoryFacts facts;
+  facts.path = "/r/host";
+  const auto judge = [&](AgentPhase phase = AgentPhase::kRuns) {
+    return Text(JudgeDirectory(facts, phase));
+  };
+  facts.agents = {812, 913};
+  facts.holder = 913;
+  EXPECT_EQ(judge(), "ok    registry /r/host: the agent's (process 913).\n");
+  facts.holder = 77;
+  EXPECT_EQ(judge(),
+            "FAIL  registry /r/host: process 77 has it, and the agent writes elsewhere. End that "
+            "process.\n");
+  facts.holder.reset();
+  EXPECT_EQ(
+      judge(AgentPhase::kStarts),
+      "note  registry /r/host: not the agent's yet: the agent has just started. Look again in "
+      "half a minute.\n");
+  const std::string next_poll =
+      " The agent makes it good at its next poll; if it does not, its log says why.\n";
+  EXPECT_EQ(judge(),
+            "FAIL  registry /r/host: not the one that the agent writes to: it was replaced, "
+            "or something is mounted over it." +
+                next_poll);
+  facts.error = ENOENT;
+  EXPECT_EQ(judge(),
+            "FAIL  registry /r/host: missing, though the agent runs: it was removed or "
+            "moved away." +
+                next_poll);
+  facts.error = ENOTDIR;
+  EXPECT_EQ(judge(), "FAIL  registry /r/host: Not a directory." + next_poll);
+  facts.error = EACCES;
+  EXPECT_EQ(judge(),
+            "note  registry /r/host: not for this user to look into. Run vexreg doctor as "
+            "root.\n");
+  facts.agents.clear();
+  facts.error = ENOENT;
+  EXPECT_EQ(judge(AgentPhase::kGone), "note  registry /r/host: not there, as no agent runs.\n");
+  facts.error = 0;
+  EXPECT_EQ(judge(AgentPhase::kGone), "note  registry /r/host: nobody's, as no agent runs.\n");
+  facts.agent_known = false;
+  EXPECT_EQ(judge(), "note  registry /r/host: whose it is does not show to this user.\n");
 }
 
 TEST(Findings, GroupsOfAnAgentThatStarts) {
@@ -267,19 +366,46 @@ TEST(Findings, AreQuotedAsTheyAre) {
   };
   const Group memory = {"memory", true, true, ""};
   const auto group = [&](int64_t age) {
-    return JudgeGroup(memory, {1, kNow - age * kSecond}, false, kNow, 15, AgentPhase::kRuns);
+    return JudgeGroup(memory, Published(1, age), false, kNow, 15, AgentPhase::kRuns);
   };
+  const auto missing = [&](const std::function<void(GroupFacts &)> &how) {
+    GroupFacts facts;
+    how(facts);
+    return JudgeGroup(memory, facts, false, kNow, 15, AgentPhase::kRuns);
+  };
+  DirectoryFacts removed;
+  removed.path = "/var/spool/quorix/kelmo/registry/host";
+  removed.agents = {812};
+  removed.error = ENOENT;
+  DirectoryFacts covered = removed;
+  covered.error = 0;
+  DirectoryFacts taken = covered;
+  taken.holder = 913;
   for (const Finding &finding :
-       {JudgeProcess("snmpd", {}, false), JudgeAgent({}, false), JudgeAgent({{812, 'T', 0}}, false),
+       {JudgeProcess("snmpd", {}, false),
+        JudgeAgent({}, false),
+        JudgeAgent({{812, 'T', 0}}, false),
         JudgeAgent({{812, 'S', 0}, {913, 'S', 0}}, false),
         JudgeMaster(MasterAnswer::kNobodyListens, CommunitySource::kMaster),
         JudgeMaster(MasterAnswer::kOtherCommunity, CommunitySource::kOwn),
         JudgeMaster(MasterAnswer::kSilent, CommunitySource::kMaster),
         JudgeCommunity(CommunitySource::kNone, {}),
-        JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}), socket(ENOENT),
-        socket(ECONNREFUSED), socket(EACCES), JudgeSubtree(Subtree::kNothing, view),
-        JudgeSubtree(Subtree::kNothing, no_session), JudgeSubtree(Subtree::kUnanswered, view),
-        JudgeValue("tlxHoPhysicalMemoryFree", 812, std::nullopt), group(40), group(600),
+        JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}),
+        socket(ENOENT),
+        socket(ECONNREFUSED),
+        socket(EACCES),
+        JudgeSubtree(Subtree::kNothing, view),
+        JudgeSubtree(Subtree::kNothing, no_session),
+        JudgeSubtree(Subtree::kUnanswered, view),
+        JudgeValue("tlxHoPhysicalMemoryFree", 812, std::nullopt),
+        group(40),
+        group(600),
+        JudgeDirectory(removed, AgentPhase::kRuns),
+        JudgeDirectory(covered, AgentPhase::kRuns),
+        JudgeDirectory(taken, AgentPhase::kRuns),
+        missing([](GroupFacts &facts) { facts.served = true; }),
+        missing([](GroupFacts &facts) { facts.damaged = true; }),
+        missing([](GroupFacts &facts) { facts.served = false; }),
         JudgeSilence(30)}) {
     std::string quoted;
     for (const std::string &line : made_up::Lines(RenderFinding(finding, kWidth))) {

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 #include "platform/framework.h"
 
 namespace vex {
@@ -14,6 +16,7 @@ FakeSnmp &TheFakeSnmp() {
 int SnmpStart(const char *application, SnmpSettings *settings) {
   FakeSnmp &snmp = TheFakeSnmp();
   if (snmp.start_fails) {
+    snmp.failed = true;
     return -1;
   }
   snmp.application = application;
@@ -22,8 +25,13 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   return 0;
 }
 
-void SnmpStop() {
+bool SnmpStop() {
   TheFakeSnmp().running = false;
+  return true;
+}
+
+bool SnmpFailed() {
+  return TheFakeSnmp().failed;
 }
 
 bool SnmpRunning() {
@@ -44,7 +52,7 @@ void SnmpPublish(std::shared_ptr<const Image> image) {
   TheFakeSnmp().served[image->object_id] = std::move(image);
 }
 
-void SnmpWithdraw(uint64_t object_id) {
+void SnmpWithdraw(uint64_t object_id) noexcept {
   TheFakeSnmp().served.erase(object_id);
 }
 
@@ -52,17 +60,17 @@ void SnmpNotify(Notification notification) {
   TheFakeSnmp().notifications.push_back(std::move(notification));
 }
 
-int SnmpQueryInteger(const std::string &address, const std::string &community, const char *oid,
-                     int32_t *value, int *status) {
+SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,
+                            const char *oid, std::chrono::nanoseconds patience) {
   FakeSnmp &snmp = TheFakeSnmp();
   snmp.queried = address + " " + community + " " + oid;
-  if (snmp.query_result == 0) {
-    *value = snmp.query_value;
-  }
-  if (status != nullptr) {
-    *status = 0;
-  }
-  return snmp.query_result;
+  snmp.queries++;
+  snmp.patience = patience;
+  return snmp.answer;
+}
+
+bool SnmpAnsweredLate() {
+  return std::exchange(TheFakeSnmp().answered_late, false);
 }
 
 int SetChannelFd() {

@@ -17,6 +17,7 @@ struct FakeSnmp {
   bool start_fails = false;
   SnmpSettings settings;
   bool running = false;
+  bool failed = false;
   std::string application;
   bool sets_enabled = true;
   bool sets_closed = false;
@@ -26,9 +27,11 @@ struct FakeSnmp {
   void (*tick)() = nullptr;
   int tick_ms = 0;
   // The next query's answer and what was asked.
-  int query_result = 0;
-  int32_t query_value = 0;
+  SnmpAnswer answer{QueryEnd::kAnswered, 0, 0};
   std::string queried;
+  int queries = 0;
+  std::chrono::nanoseconds patience{0};
+  bool answered_late = false;
   // Items that ServeSets() runs (check, then apply) when set_fd is readable.
   int set_fd = -1;
   std::vector<SetItem> pending;

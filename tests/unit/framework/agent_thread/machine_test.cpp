@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <sstream>
 
 #include "framework/appliance.h"
@@ -20,9 +22,9 @@
 namespace vex {
 namespace {
 
-std::string Parsed(std::string_view text) {
+std::string Parsed(std::string_view text, Values values = Values::kShell) {
   int bad_line = 0;
-  const std::optional<Assignments> assignments = ParseAssignments(text, &bad_line);
+  const std::optional<Assignments> assignments = ParseAssignments(text, values, &bad_line);
   if (!assignments) {
     return "line " + std::to_string(bad_line);
   }
@@ -81,6 +83,31 @@ std::string Logged(Function function) {
   return testing::internal::GetCapturedStderr();
 }
 
+TEST(Assignments, ArePlainForAnAppliance) {
+  struct {
+    const char *text;
+    const char *result;
+  } const table[] = {
+      {"", ""},
+      {"A=Bob's Box\n", "A=Bob's Box;"},
+      {"A=19\" rack\n", "A=19\" rack;"},
+      {"A=\"19\" rack\"\n", "A=19\" rack;"},
+      {"A='Bob's Box'\n", "A=Bob's Box;"},
+      {"A=\"Box\"\r\nB='Box'  \n", "A=Box;B=Box;"},
+      {"A=\"Box\nB=Box'\n", "A=\"Box;B=Box';"},
+      {"A=\"Box'\n", "A=\"Box';"},
+      {"A=\"\nB='\nC=\nD=\"\"\n", "A=\";B=';C=;D=;"},
+      {"A=\"x\\\"y\\\\z\"\n", "A=x\\\"y\\\\z;"},
+      {"A=$x `y` \\z # w\n", "A=$x `y` \\z # w;"},
+      {"A=1\ngarbage\n", "line 2"},
+      {"A =1\n", "line 1"},
+      {"=1\n", "line 1"},
+  };
+  for (const auto &row : table) {
+    EXPECT_EQ(Parsed(row.text, Values::kPlain), row.result) << row.text;
+  }
+}
+
 class MachineFiles : public testing::Test {
  protected:
   MachineFiles() {
@@ -132,7 +159,7 @@ TEST_F(MachineFiles, DistributionComesFromTheFirstUsableFile) {
 TEST_F(MachineFiles, TheVariantIsTheFlavor) {
   auto flavor = [](std::string_view text) {
     int line;
-    return DistributionFrom(*ParseAssignments(text, &line)).flavor;
+    return DistributionFrom(*ParseAssignments(text, Values::kShell, &line)).flavor;
   };
   EXPECT_EQ(flavor("VARIANT=Server\nVERSION_CODENAME=x\n"), "Server");
   EXPECT_EQ(flavor("VARIANT=\nVERSION_CODENAME=x\n"), "x");
@@ -153,12 +180,15 @@ TEST_F(MachineFiles, ABrokenDistributionFileIsAbsentAndSaidSoOnce) {
 
 TEST_F(MachineFiles, SpecialAndLargeFilesAreBroken) {
   ASSERT_EQ(mkfifo(Path("fifo"), 0600), 0);
-  EXPECT_NE(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("fifo"))); }).find("regular"),
-            std::string::npos);
+  EXPECT_NE(
+      Logged([&] { EXPECT_FALSE(ReadAssignments(Path("fifo"), Values::kShell)); }).find("regular"),
+      std::string::npos);
   File("large", "A=" + std::string(70000, 'x') + "\n");
-  EXPECT_NE(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("large"))); }).find("too large"),
+  EXPECT_NE(Logged([&] {
+              EXPECT_FALSE(ReadAssignments(Path("large"), Values::kShell));
+            }).find("too large"),
             std::string::npos);
-  EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("missing"))); }), "");
+  EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("missing"), Values::kShell)); }), "");
 }
 
 TEST_F(MachineFiles, ApplianceData) {
@@ -203,12 +233,20 @@ TEST_F(MachineFiles, ABrokenApplianceFileIsAbsent) {
               EXPECT_EQ(get_appliance_data("ProductID"), nullptr);
             }),
             "exampled: " + broken + ": line 2 is broken, file not used\n");
-  for (const char *id : {"x", "1x", "", "2147483648", "0x10", " "}) {
-    File("number", std::string("ProductID=\"") + id + "\"\n");
+}
+
+TEST_F(MachineFiles, AProductIdThatIsNoNumberLosesThatKeyAlone) {
+  for (const char *id :
+       {"x", "1x", "", "2147483648", "4294967295", "0x10", "+7", " ", "7\"", "1.5"}) {
+    const std::string path =
+        File("number", std::string("ProductID=") + id + "\nProductName=Bob's Box\n");
     UseApplianceFile(Path("number"));
-    EXPECT_NE(Logged([] { EXPECT_EQ(is_appliance(), 0); }).find("ProductID is not a number"),
-              std::string::npos)
+    EXPECT_EQ(Logged([] { EXPECT_NE(is_appliance(), 0); }),
+              "exampled: " + path + ": ProductID is not a number, taken as 0\n")
         << id;
+    ASSERT_NE(get_appliance_data("ProductID"), nullptr);
+    EXPECT_EQ(*static_cast<const int32_t *>(get_appliance_data("ProductID")), 0) << id;
+    EXPECT_STREQ(static_cast<const char *>(get_appliance_data("ProductName")), "Bob's Box");
   }
   File("number", "ProductID=-5\n");
   UseApplianceFile(Path("number"));
@@ -230,8 +268,10 @@ Result RunShell(const char *command, int capacity = 64, int limit_ms = 20000) {
   timespec end;
   clock_gettime(CLOCK_MONOTONIC, &begin);
   std::vector<char> buffer(static_cast<size_t>(capacity) + 8, '#');
-  int length = capacity;
-  const int status = RunCommand(command, buffer.data(), &length, limit_ms);
+  const CommandResult result =
+      RunCommand(command, limit_ms, buffer.data(), static_cast<size_t>(capacity));
+  const int length = static_cast<int>(result.length);
+  const int status = result.end == CommandResult::kExited ? result.status : -1;
   clock_gettime(CLOCK_MONOTONIC, &end);
   // Nothing is written beyond the capacity.
   for (size_t i = static_cast<size_t>(capacity); i < buffer.size(); i++) {
@@ -334,6 +374,88 @@ TEST(Command, StartsFromACleanState) {
   EXPECT_EQ(Signals(mask[1]), 0u);
   // Nothing to read on standard input; none of our descriptors, and the directory is ls's own.
   EXPECT_EQ(descriptors.output, std::to_string(inherited + 1) + "\n");
+}
+
+TEST(Command, IsKilledWhateverItDoes) {
+  for (const char *command : {
+           "trap '' TERM; while :; do sleep 1; done",             // ignores the request
+           "sh -c 'trap \"\" TERM INT HUP; sleep 30' & wait; :",  // its child does
+           "exec >/dev/null 2>&1; sleep 30; :",                   // closes its output
+           "while :; do echo y; done",                            // never stops writing
+           "while :; do echo y >&2; done",
+           "kill -STOP $$",
+       }) {
+    size_t length = 0;
+    char output[64];
+    timespec begin;
+    timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &begin);
+    EXPECT_EQ(run_command(command, 300, output, sizeof(output), &length), COMMAND_TIMED_OUT)
+        << command;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    EXPECT_LT(end.tv_sec - begin.tv_sec, 5) << command;
+  }
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
+}
+
+TEST(Command, SaysHowItEnded) {
+  size_t length = 7;
+  char output[8];
+  EXPECT_EQ(run_command("printf 'abcdefghij'; exit 3", 20000, output, sizeof(output), &length), 3);
+  EXPECT_EQ(length, 7U);
+  EXPECT_STREQ(output, "abcdefg");
+  EXPECT_EQ(run_command("kill -9 $$", 20000, output, sizeof(output), &length), 128 + SIGKILL);
+  EXPECT_EQ(length, 0U);
+  EXPECT_EQ(run_command(nullptr, 20000, output, sizeof(output), &length), COMMAND_NOT_RUN);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none = {0, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  EXPECT_EQ(run_command("echo never", 20000, output, sizeof(output), &length), COMMAND_NOT_RUN);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST(Command, IsNamedInTheLogOnce) {
+  agent = "exampled";
+  const auto run = [](const char *command, int limit_ms = 20000) {
+    return Logged([&] { RunShell(command, 64, limit_ms); });
+  };
+  EXPECT_EQ(run("sleep 30; : first", 200),
+            "exampled: Command ran out of time and was killed (0.2 seconds): sleep 30; : first\n");
+  EXPECT_EQ(run("sleep 30; : first", 200), "");
+  EXPECT_NE(run("sleep 30; : second", 200), "");
+  // What it says on its standard error, on one line, until it changes.
+  TempRegistry directory;
+  const std::string file = directory.base() + "/says";
+  const std::string says = "cat " + file + " >&2";
+  const auto put = [&](const char *text) { std::ofstream(file) << text; };
+  put("one\n\x1b[2Jtwo\n");
+  EXPECT_EQ(run(says.c_str()), "exampled: Command says: one; ?[2Jtwo (" + says + ")\n");
+  EXPECT_EQ(run(says.c_str()), "");
+  EXPECT_EQ(run((says + " # another of the same program").c_str()), "");
+  put("three");
+  EXPECT_EQ(run(says.c_str()), "exampled: Command says: three (" + says + ")\n");
+  put("");
+  EXPECT_EQ(run(says.c_str()), "");
+  put("three");
+  EXPECT_EQ(run(says.c_str()), "exampled: Command says: three (" + says + ")\n");
+}
+
+TEST(Command, NewsAreBounded) {
+  CommandNews news(true);
+  EXPECT_TRUE(news.Tell("tool a", "text"));
+  EXPECT_FALSE(news.Tell("tool a", "text"));
+  EXPECT_FALSE(news.Tell("tool b", "text"));
+  EXPECT_TRUE(news.Tell("other", "text"));
+  EXPECT_FALSE(news.Tell("tool a", ""));
+  EXPECT_FALSE(news.Tell("tool a", "text")) << "b still says so";
+  EXPECT_FALSE(news.Tell("tool a", ""));
+  EXPECT_FALSE(news.Tell("tool b", ""));
+  EXPECT_TRUE(news.Tell("tool b", "text"));
+  for (int i = 0; i < 1000; i++) {
+    EXPECT_TRUE(news.Tell(std::to_string(i), "text"));
+  }
+  EXPECT_TRUE(news.Tell("tool b", "text")) << "forgotten";
 }
 
 TEST(Command, GoesOnThroughSignals) {

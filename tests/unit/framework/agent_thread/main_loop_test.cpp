@@ -238,6 +238,63 @@ TEST_F(MainLoop, ATerminationDuringStartUpEndsItAfterwards) {
   EXPECT_EQ(Status(), 0);
 }
 
+TEST_F(MainLoop, ATerminationEndsACommand) {
+  hooks_.init = [this](int, char **) {
+    Say("init");
+    char output[8];
+    size_t length = 0;
+    const int result = run_command("trap '' TERM; sleep 60; :", 50000, output, 8, &length);
+    Say(result == COMMAND_AGENT_ENDING ? "broken off" : std::to_string(result));
+    // No other is started then.
+    Say(std::to_string(run_command("exit 0", 50000, output, 8, &length)));
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "broken off");
+  EXPECT_EQ(Next(), std::to_string(COMMAND_AGENT_ENDING));
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(MainLoop, ATerminationInterruptsAgainAndAgain) {
+  hooks_.init = [this](int, char **) {
+    Say("init");
+    while (agent_ending() == 0) {
+    }
+    // Entered too late to hear the signal itself.
+    for (int i = 0; i < 3; i++) {
+      Say(poll(nullptr, 0, 60000) < 0 ? "interrupted" : "waited");
+    }
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGTERM);
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(Next(), "interrupted");
+  }
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(MainLoop, AStartThatIsToldToEndHasNotFailed) {
+  hooks_.init = [this](int, char **) {
+    Say("init");
+    while (agent_ending() == 0) {
+    }
+    return -1;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
 TEST_F(MainLoop, CommandsOfAHookInheritNoBlockedOrIgnoredSignal) {
   int go[2];  // its end: we take the child's status again
   ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
@@ -393,6 +450,89 @@ TEST_F(MainLoop, AnUnwrittenFileIsWrittenAfterAPoll) {
   EXPECT_EQ(Next(), "poll");
   EXPECT_EQ(Next(), "poll");
   EXPECT_TRUE(fs::is_regular_file(registry_.Path("host/memory")));
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
+// The agent does not act on the result of init_snmp_appname(); the loop does.
+TEST_F(MainLoop, EndsWhenTheSnmpSideCannotStart) {
+  hooks_.init = [&](int, char **) {
+    TheFakeSnmp().start_fails = true;
+    Say("init " + std::to_string(init_snmp_appname("exampled")));
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init -1");
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+}
+
+TEST_F(MainLoop, EndsWhenTheSnmpSideHasEnded) {
+  hooks_.poll = [&] {
+    TheFakeSnmp().failed = true;
+    Say("poll");
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "init");
+  Signal(SIGALRM);
+  EXPECT_EQ(Next(), "poll");
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+}
+
+// One budget for each poll, and none without a community.
+TEST_F(MainLoop, QueriesShareThePatienceOfTheirPoll) {
+  hooks_.init = [this](int, char **) {
+    init_snmp_appname("exampled");
+    Say("without " + std::to_string(init_snmp_connection("127.0.0.1")));
+    cleanup_snmp_connection();
+    return -1;
+  };
+  Start();
+  EXPECT_EQ(Next(), "without -1");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+
+  auto ask = [this](const char *oid) {
+    FakeSnmp &snmp = TheFakeSnmp();
+    int32_t value = 0;
+    const int before = snmp.queries;
+    init_snmp_connection("127.0.0.1");
+    const int result = get_one_snmp_integer_from_api(oid, &value, nullptr);
+    cleanup_snmp_connection();
+    const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(snmp.patience);
+    Say(std::to_string(result) + " " +
+        (snmp.queries > before ? std::to_string((patience.count() + 50) / 100 * 100) : "not asked"));
+  };
+  hooks_.init = [ask](int, char **) {
+    TheFakeSnmp().settings.community = "public";
+    TheFakeSnmp().answer.end = QueryEnd::kSilent;
+    TheFakeSnmp().answer.value.reset();
+    init_snmp_appname("exampled");
+    ask("1.3.1");
+    ask("1.3.2");
+    return 0;
+  };
+  hooks_.poll = [ask] {
+    ask("1.3.1");
+    ask("1.3.2");
+    TheFakeSnmp().answered_late = true;
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "-1 2000");
+  EXPECT_EQ(Next(), "-1 not asked");
+  Signal(SIGALRM);
+  EXPECT_EQ(Next(), "-1 300");  // 250, rounded
+  EXPECT_EQ(Next(), "-1 not asked");
+  Signal(SIGALRM);
+  EXPECT_EQ(Next(), "-1 2000");
+  EXPECT_EQ(Next(), "-1 not asked");
   Signal(SIGTERM);
   EXPECT_EQ(Next(), "clean-up");
   EXPECT_EQ(Next(), "end");
@@ -642,11 +782,11 @@ TEST_F(MainLoop, CommunityRevisionsAndQueries) {
     for (const char *address : {"localhost", "127.0.0.1", "127.0.0.1"}) {
       Say(address + (" " + std::to_string(init_snmp_connection(address))));
     }
-    snmp.query_value = 77;
+    snmp.answer.value = 77;
     const int good = get_one_snmp_integer_from_api("enterprises.1", &value, &status);
     Say(std::to_string(good) + " " + std::to_string(value) + " " + std::to_string(status) + " " +
         snmp.queried);
-    snmp.query_result = -1;
+    snmp.answer.value.reset();
     const int bad = get_one_snmp_integer_from_api("enterprises.2", &value, nullptr);
     Say(std::to_string(bad) + " " + std::to_string(value));
     for (int i = 0; i < 2; i++) {

@@ -1,20 +1,58 @@
 #include "framework/objects.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <new>
+
+#include "framework/registry_dir.h"
 #include "framework/registry_file.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"
 #include "tests/unit/framework/temp_registry.h"
+
+namespace {
+
+// The allocation by new that fails: counted down, none at 0.
+int allocations_left;
+
+}  // namespace
+
+void *operator new(size_t size) {
+  void *memory = allocations_left > 0 && --allocations_left == 0 ? nullptr : malloc(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+void operator delete(void *memory) noexcept {
+  free(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+  free(memory);
+}
 
 namespace vex {
 namespace {
 
 namespace fs = std::filesystem;
+
+// Lets the n-th allocation fail. False when there were not so many.
+template <typename Function>
+bool FailAllocation(int n, Function function) {
+  allocations_left = n;
+  function();
+  const bool failed = allocations_left == 0;
+  allocations_left = 0;
+  return failed;
+}
 
 #pragma pack(push, 1)
 struct Block {
@@ -421,7 +459,8 @@ TEST_F(Objects, ASetGoesThroughTheHandler) {
   EXPECT_EQ(Value("exampleRole"), "<web>") << "what the handler stored";
   EXPECT_EQ(Value("exampleName"), "published") << "and nothing else";
   EXPECT_EQ(TheFakeSnmp().publications, publications + 1);
-  EXPECT_EQ(FileText("host/example", offsetof(Block, role)), "") << "the file waits";
+  EXPECT_EQ(FileText("host/example", offsetof(Block, role)), "<web>") << "siblings read it, too";
+  EXPECT_EQ(FileText("host/example", offsetof(Block, name)), "published") << "and nothing else";
   ASSERT_EQ(Set(0, std::string("\7\0\0\0", 4)), 0);
   EXPECT_EQ(Value("exampleRole"), "<web>") << "a second set keeps the first";
   log_data(object);
@@ -447,9 +486,12 @@ TEST_F(Objects, AVariableWithoutHandlerIsStored) {
   Block *b = Data(object);
   strcpy(b->role, "12345678");
   log_data(object);
+  strcpy(b->name, "not yet");
   ASSERT_EQ(Set(2, "web"), 0);
   EXPECT_EQ(memcmp(b->role, "web\0\0\0\0\0", 9), 0) << "the rest of the field is zeroed";
   EXPECT_EQ(Value("exampleRole"), "web");
+  EXPECT_EQ(FileText("host/example", offsetof(Block, role)), "web") << "siblings read it, too";
+  EXPECT_EQ(FileText("host/example", offsetof(Block, name)), "") << "and nothing else";
   ASSERT_EQ(Set(2, "12345678"), 0);
   EXPECT_EQ(Set(2, "123456789"), -1) << "no room for the NUL";
   EXPECT_EQ(Value("exampleRole"), "12345678");
@@ -459,6 +501,8 @@ TEST_F(Objects, AVariableWithoutHandlerIsStored) {
   ASSERT_EQ(Set(3, "abc"), 0);
   EXPECT_EQ(object->desc[3].length, 3);
   EXPECT_EQ(Value("exampleDate"), "abc");
+  ASSERT_TRUE(ReadObjectFile("host/example", registry_.root()));
+  EXPECT_EQ(ReadObjectFile("host/example", registry_.root())->variables[3].length, 3);
   ASSERT_EQ(Set(3, "abcdefg"), 0);
   EXPECT_EQ(Value("exampleDate"), "abcdefg");
   EXPECT_EQ(Set(3, "abcdefgh"), -1);
@@ -582,38 +626,342 @@ TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST_F(Objects, AFileThatCannotBeUnlinkedGoesLater) {
+TEST_F(Objects, DeletionLeavesWhatSomebodyElsePutThere) {
   agent = "exampled";
   registry_object *object = Create("host/first");
   log_data(object);
-  // A directory in its place is what even root cannot unlink.
   fs::remove(registry_.Path("host/first"));
   fs::create_directories(registry_.Path("host/first"));
   Captured log;
   EXPECT_EQ(delete_obj(&obj_Q, object, 0), 0);
-  EXPECT_NE(log.Text().find("Can't write registry file"), std::string::npos);
   RetryFiles();
+  EXPECT_TRUE(fs::exists(registry_.Path("host/first")));
   EXPECT_EQ(log.Text(), "");
-  fs::remove(registry_.Path("host/first"));
-  WriteBytes(registry_.Path("host/first"), {'x'});
-  RetryFiles();
-  EXPECT_FALSE(fs::exists(registry_.Path("host/first")));
-  EXPECT_EQ(log.Text(), "exampled: Registry files are written again\n");
 }
 
-TEST_F(Objects, ALateUnlinkSparesTheNextObjectOfThatName) {
+// ---- Allocations that fail
+// Every one in turn fails once, while something is done; afterwards all is as if none had.
+
+TEST_F(Objects, NoFailedAllocationLosesAPublication) {
   agent = "exampled";
   Captured log;
-  registry_object *object = Create("host/row.0");
-  log_data(object);
-  fs::remove(registry_.Path("host/row.0"));
-  fs::create_directories(registry_.Path("host/row.0"));
-  delete_obj(&obj_Q, object, 0);
-  fs::remove(registry_.Path("host/row.0"));
-  object = Create("host/row.0");
+  size_t failures = 0;
+  for (int n = 1;; n++) {
+    const std::string name = "host/example." + std::to_string(n);
+    registry_object *object = Create(name);
+    ASSERT_NE(object, nullptr);
+    strcpy(Data(object)->name, "first");
+    const bool failed = FailAllocation(n, [&] { EXPECT_EQ(log_data(object), 0); });
+    RetryFiles();
+    EXPECT_EQ(Value("exampleName"), "first") << n;
+    EXPECT_EQ(FileText(name, offsetof(Block, name)), "first") << n;
+    // A set in between is kept.
+    strcpy(Data(object)->name, "second");
+    FailAllocation(n, [&] { log_data(object); });
+    Set(3, "abc");
+    FailAllocation(n, [] { RetryFiles(); });
+    RetryFiles();
+    EXPECT_EQ(Value("exampleName"), "second") << n;
+    EXPECT_EQ(Value("exampleDate"), "abc") << n;
+    EXPECT_EQ(FileText(name, offsetof(Block, name)), "second") << n;
+    FailAllocation(n, [&] { EXPECT_EQ(delete_obj(&obj_Q, object, 0), 0); });
+    RetryFiles();
+    EXPECT_TRUE(TheFakeSnmp().served.empty()) << n;
+    EXPECT_FALSE(fs::exists(registry_.Path(name))) << n;
+    failures += failed ? 1 : 0;
+    if (!failed) {
+      break;
+    }
+  }
+  EXPECT_GT(failures, 3U);
+  const std::string told = log.Text();
+  EXPECT_NE(told.find("exampled: Can't publish " + registry_.Path("host/example.1") +
+                      ": Cannot allocate memory (trying again after the poll)\n"),
+            std::string::npos)
+      << told;
+  EXPECT_NE(told.find("exampled: All objects are published again\n"), std::string::npos) << told;
+}
+
+TEST_F(Objects, NoFailedAllocationLeavesHalfAnObject) {
+  for (int n = 1;; n++) {
+    registry_object *object = nullptr;
+    const std::string path = registry_.Path("host/example");
+    const bool failed = FailAllocation(
+        n, [&] { object = create_obj(&obj_Q, get_id(), path.c_str(), 1, sizeof(Block), 6); });
+    EXPECT_EQ(object == nullptr, failed) << n;
+    if (object == nullptr) {
+      EXPECT_EQ(find_obj(&obj_Q, 0, "host/example"), nullptr);
+      object = Create();
+      ASSERT_NE(object, nullptr) << "the name is free";
+    }
+    EXPECT_EQ(log_data(object), 0);
+    EXPECT_EQ(delete_obj(&obj_Q, object, 0), 0);
+    if (!failed) {
+      break;
+    }
+  }
+}
+
+TEST_F(Objects, DefiningAVariableOfTheMibTakesNoMemory) {
+  registry_object *object =
+      create_obj(&obj_Q, get_id(), registry_.Path("host/example").c_str(), 1, 40, 2);
+  ASSERT_NE(object, nullptr);
+  EXPECT_FALSE(FailAllocation(1, [&] {
+    EXPECT_EQ(init_info(0, &object->desc[0], "exampleCount", 4, VAR_INTEGER, ACCESS_WRITABLE, 1,
+                        object->data, nullptr),
+              0);
+  }));
+  EXPECT_TRUE(FailAllocation(1, [&] {
+    EXPECT_EQ(init_info(1, &object->desc[1], "a name that no module has, and too long to be short",
+                        4, VAR_INTEGER, ACCESS_WRITABLE, 1, object->data + 4, nullptr),
+              -1);
+  }));
+  EXPECT_EQ(object->desc[1].type, 0);
+}
+
+TEST_F(Objects, ASetThatWasAppliedIsPublishedWhateverFails) {
+  agent = "exampled";
+  Captured log;
+  for (const bool handler : {false, true}) {
+    registry_object *object = Create("host/example", handler);
+    ASSERT_EQ(log_data(object), 0);
+    for (int n = 1;; n++) {
+      const std::string text = "v" + std::to_string(n);
+      const std::string stored = handler ? "<" + text + ">" : text;
+      SetItem item = Item(2, text);
+      int result = -1;
+      const bool failed = FailAllocation(n, [&] { result = RunSet(SET_APPLY, item); });
+      RetryFiles();
+      const bool applied = stored == Data(object)->role;
+      EXPECT_EQ(applied, result == 0) << n << " " << log.Text();
+      EXPECT_EQ(Value("exampleRole"), Data(object)->role) << n;
+      EXPECT_EQ(FileText("host/example", offsetof(Block, role)), Data(object)->role) << n;
+      if (!failed) {
+        EXPECT_TRUE(applied);
+        break;
+      }
+    }
+    delete_obj(&obj_Q, object, 0);
+  }
+}
+
+// ---- Files and directories that are lost
+
+TEST_F(Objects, LostFilesAreWrittenAgainWithWhatWasPublished) {
+  agent = "exampled";
+  Captured log;
+  registry_object *objects[] = {Create("host/a"), Create("host/b"), Create("host/sub/c")};
+  for (registry_object *object : objects) {
+    strcpy(Data(object)->name, "published");
+    log_data(object);
+    strcpy(Data(object)->name, "not published");
+  }
+  Create("host/unpublished");
+  const auto all_are_there = [&] {
+    for (const char *name : {"host/a", "host/b", "host/sub/c"}) {
+      EXPECT_EQ(FileText(name, offsetof(Block, name)), "published") << name;
+      EXPECT_EQ(fs::status(registry_.Path(name)).permissions(), fs::perms(0644)) << name;
+    }
+    EXPECT_FALSE(fs::exists(registry_.Path("host/unpublished")));
+    EXPECT_EQ(fs::status(registry_.root()).permissions(), fs::perms(0755));
+    EXPECT_EQ(fs::status(registry_.Path("host")).permissions(), fs::perms(0755));
+  };
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "");
+  fs::remove(registry_.Path("host/a"));
+  WriteBytes(registry_.Path("host/b"), {'x'});
+  RetryFiles();
+  all_are_there();
+  EXPECT_EQ(log.Text(),
+            "exampled: Registry files that were missing or damaged are written again: 2, " +
+                registry_.Path("host/a") + " first\n");
+  // Once, while it goes on.
+  fs::remove(registry_.Path("host/a"));
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "");
+  RetryFiles();
+  fs::remove_all(registry_.Path("host"));
+  RetryFiles();
+  all_are_there();
+  EXPECT_EQ(log.Text(),
+            "exampled: Registry files that were missing or damaged are written again: 3, " +
+                registry_.Path("host/a") + " first\n");
+}
+
+TEST_F(Objects, TheRootIsFoundAgain) {
+  agent = "exampled";
+  Captured log;
+  registry_object *object = Create("host/a");
+  strcpy(Data(object)->name, "published");
   log_data(object);
   RetryFiles();
-  EXPECT_TRUE(fs::exists(registry_.Path("host/row.0")));
+  const std::string told =
+      "exampled: The registry was moved, removed or covered: its files are "
+      "written anew to " +
+      registry_.root() + "\n";
+  // Moved away.
+  fs::rename(registry_.root(), registry_.base() + "/moved");
+  log_data(object);
+  EXPECT_FALSE(fs::exists(registry_.root()));
+  RetryFiles();
+  EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "published");
+  EXPECT_EQ(log.Text(), told);
+  // Another directory in its place.
+  fs::rename(registry_.root(), registry_.base() + "/moved again");
+  fs::create_directories(registry_.root());
+  RetryFiles();
+  EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "published");
+  EXPECT_EQ(log.Text(), told);
+  // Removed, with what is above it.
+  fs::remove_all(registry_.base() + "/spool");
+  RetryFiles();
+  EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "published");
+  EXPECT_EQ(log.Text(), told);
+  fs::permissions(registry_.root(), fs::perms(0700));
+  RetryFiles();
+  EXPECT_EQ(fs::status(registry_.root()).permissions(), fs::perms(0755));
+  // Nothing that can be used: told once, and made good when it is over.
+  fs::rename(registry_.root(), registry_.base() + "/third");
+  WriteBytes(registry_.root(), {'x'});
+  RetryFiles();
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.root() +
+                            "/: Not a directory (values are served; trying again)\n");
+  fs::remove(registry_.root());
+  RetryFiles();
+  EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "published");
+  EXPECT_EQ(log.Text(), told + "exampled: Registry files are written again\n");
+  // Without objects nothing is made.
+  delete_obj(&obj_Q, nullptr, 0);
+  fs::remove_all(registry_.root());
+  RetryFiles();
+  EXPECT_FALSE(fs::exists(registry_.root()));
+}
+
+// ---- A directory for one process alone
+
+// Another process, which takes host and says so; it ends when this is destroyed.
+class OtherHolder {
+ public:
+  explicit OtherHolder(const std::string &directory) {
+    int said[2];
+    EXPECT_EQ(pipe2(said, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(end_, O_CLOEXEC), 0);
+    process_ = fork();
+    if (process_ == 0) {
+      close(end_[1]);
+      ForgetClaim();  // the parent's, as the root that it holds
+      RootOf(RegistryRootPath()).Hold(Descriptor());
+      char byte = claim_dir(directory.c_str()) == 0 ? 'y' : 'n';
+      const bool told = write(said[1], &byte, 1) == 1;
+      _exit(told && read(end_[0], &byte, 1) == 0 ? 0 : 1);
+    }
+    char byte = 0;
+    EXPECT_EQ(read(said[0], &byte, 1), 1);
+    has_it_ = byte == 'y';
+    close(said[0]);
+    close(said[1]);
+  }
+  ~OtherHolder() {
+    End();
+  }
+  OtherHolder(const OtherHolder &) = delete;
+  OtherHolder &operator=(const OtherHolder &) = delete;
+  void End() {
+    if (process_ > 0) {
+      close(end_[0]);
+      close(end_[1]);
+      waitpid(process_, nullptr, 0);
+      process_ = 0;
+    }
+  }
+  bool has_it() const {
+    return has_it_;
+  }
+  pid_t process() const {
+    return process_;
+  }
+
+ private:
+  pid_t process_;
+  int end_[2];
+  bool has_it_;
+};
+
+TEST_F(Objects, ADirectoryIsTakenOnce) {
+  agent = "exampled";
+  Captured log;
+  const std::string host = registry_.Path("host");
+  {
+    const OtherHolder other(host);
+    ASSERT_TRUE(other.has_it());
+    EXPECT_EQ(claim_dir(host.c_str()), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(ClaimRefused());
+    EXPECT_EQ(log.Text(), "exampled: Process " + std::to_string(other.process()) +
+                              " already runs with the registry directory " + host + "\n");
+    ForgetClaim();
+  }
+  EXPECT_EQ(claim_dir(host.c_str()), 0);
+  EXPECT_FALSE(ClaimRefused());
+  EXPECT_FALSE(OtherHolder(host).has_it());
+  EXPECT_EQ(claim_dir("/etc"), -1);
+  EXPECT_EQ(claim_dir(registry_.root().c_str()), -1);
+  EXPECT_EQ(claim_dir(nullptr), -1);
+}
+
+TEST_F(Objects, ADirectoryThatIsReplacedIsTakenAnew) {
+  agent = "exampled";
+  Captured log;
+  const std::string host = registry_.Path("host");
+  ASSERT_EQ(claim_dir(host.c_str()), 0);
+  log_data(Create("host/a"));
+  fs::remove_all(host);
+  RetryFiles();
+  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
+  EXPECT_FALSE(OtherHolder(host).has_it());
+  // What lies in the one that is found goes, as at a start.
+  fs::rename(registry_.root(), registry_.base() + "/moved");
+  fs::create_directories(host);
+  WriteBytes(registry_.Path("host/row.7"), {'x'});
+  WriteBytes(registry_.Path("role.dat"), {'x'});
+  RetryFiles();
+  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
+  EXPECT_FALSE(fs::exists(registry_.Path("host/row.7")));
+  EXPECT_TRUE(fs::exists(registry_.Path("role.dat")));
+  EXPECT_FALSE(OtherHolder(host).has_it());
+  log.Text();
+  // Another process has the one that is found: nothing is touched there.
+  fs::rename(registry_.root(), registry_.base() + "/moved again");
+  OtherHolder other(host);
+  ASSERT_TRUE(other.has_it());
+  WriteBytes(registry_.Path("host/theirs"), {'x'});
+  log_data(find_obj(&obj_Q, 0, "host/a"));
+  RetryFiles();
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.root() + "/: process " +
+                            std::to_string(other.process()) +
+                            " has the directory (values are served; trying again)\n");
+  EXPECT_TRUE(fs::exists(registry_.Path("host/theirs")));
+  EXPECT_FALSE(fs::exists(registry_.Path("host/a")));
+  other.End();
+  RetryFiles();
+  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
+}
+
+TEST_F(Objects, ADirectoryThatCannotBeTakenYetIsTakenLater) {
+  agent = "exampled";
+  Captured log;
+  const std::string host = registry_.Path("host");
+  fs::remove_all(host);
+  WriteBytes(host, {'x'});
+  EXPECT_EQ(claim_dir(host.c_str()), 0) << "values are served without files";
+  log_data(Create("host/a"));
+  fs::remove(host);
+  EXPECT_TRUE(OtherHolder(host).has_it());
+  RetryFiles();
+  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
+  EXPECT_FALSE(OtherHolder(host).has_it());
 }
 
 // ---- Directories
@@ -669,6 +1017,34 @@ TEST_F(Objects, RemovalStaysBelowTheRootAndFollowsNoLink) {
   EXPECT_TRUE(fs::is_empty(registry_.root()));
 }
 
+TEST_F(Objects, NoDepthKeepsADirectoryFromBeingRemoved) {
+  const auto nest = [&](const std::string &from, int levels) {
+    Descriptor at(open(registry_.Path(from).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int level = 0; level < levels; level++) {
+      ASSERT_EQ(mkdirat(at.get(), "level", 0755), 0);
+      at.Reset(openat(at.get(), "level", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      ASSERT_TRUE(at);
+      Descriptor file(openat(at.get(), "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+      ASSERT_TRUE(file);
+    }
+  };
+  rlimit old;
+  getrlimit(RLIMIT_NOFILE, &old);
+  rlimit few = old;
+  few.rlim_cur = 100;
+  for (const int levels : {90, 500}) {
+    nest("host", levels);
+    setrlimit(RLIMIT_NOFILE, &few);
+    EXPECT_EQ(remove_all_dir(registry_.Path("host/*").c_str()), 0) << strerror(errno);
+    setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_TRUE(fs::is_empty(registry_.Path("host"))) << levels;
+    nest("host", levels);
+    EXPECT_EQ(remove_all_dir(registry_.Path("host").c_str()), 0);
+    EXPECT_FALSE(fs::exists(registry_.Path("host")));
+    fs::create_directory(registry_.Path("host"));
+  }
+}
+
 TEST_F(Objects, EmptyDirectoriesAreTold) {
   EXPECT_NE(is_empty_dir(registry_.Path("host").c_str()), 0);
   WriteBytes(registry_.Path("host/.x"), {'x'});
@@ -677,6 +1053,46 @@ TEST_F(Objects, EmptyDirectoriesAreTold) {
   EXPECT_EQ(is_empty_dir(registry_.Path("missing").c_str()), 0);
   EXPECT_EQ(is_empty_dir(""), 0);
   EXPECT_EQ(is_empty_dir(nullptr), 0);
+}
+
+TEST_F(Objects, EmptyDirectoriesAreRemovedByDescriptor) {
+  const std::string outside = registry_.base() + "/outside";
+  fs::create_directories(outside + "/deep");
+  fs::create_directories(registry_.Path("a/b"));
+  fs::create_directory_symlink(outside, registry_.Path("alias"));
+  EXPECT_NE(remove_empty_dir(registry_.Path("a").c_str()), 0);
+  EXPECT_EQ(errno, ENOTEMPTY);
+  EXPECT_EQ(remove_empty_dir(registry_.Path("a/b").c_str()), 0);
+  EXPECT_EQ(remove_empty_dir(registry_.Path("a").c_str()), 0);
+  EXPECT_FALSE(fs::exists(registry_.Path("a")));
+  for (const std::string &path :
+       {registry_.Path("alias"), registry_.Path("alias/deep"), outside + "/deep",
+        registry_.Path("../outside/deep"), registry_.Path("missing"), std::string()}) {
+    EXPECT_NE(remove_empty_dir(path.c_str()), 0) << path;
+    EXPECT_EQ(is_empty_dir(path.c_str()), 0) << path;
+    EXPECT_LT(open_dir(path.c_str()), 0) << path;
+  }
+  EXPECT_NE(remove_empty_dir(nullptr), 0);
+  EXPECT_TRUE(fs::exists(outside + "/deep"));
+  EXPECT_NE(remove_empty_dir(registry_.root().c_str()), 0);
+  EXPECT_EQ(remove_all_dir(registry_.Path("*").c_str()), 0);
+  EXPECT_EQ(remove_empty_dir(registry_.root().c_str()), 0);
+  EXPECT_FALSE(fs::exists(registry_.root()));
+}
+
+TEST_F(Objects, DirectoriesAreOpenedForReading) {
+  fs::create_directories(registry_.Path("host"));
+  fs::create_directories(registry_.Path("threshold"));
+  const int descriptor = open_dir(registry_.Path("host/../threshold").c_str());
+  ASSERT_GE(descriptor, 0);
+  struct stat opened = {};
+  struct stat named = {};
+  ASSERT_EQ(fstat(descriptor, &opened), 0);
+  ASSERT_EQ(stat(registry_.Path("threshold").c_str(), &named), 0);
+  EXPECT_EQ(opened.st_ino, named.st_ino);
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(fsync(descriptor), 0);
+  close(descriptor);
 }
 
 // ---- Traps
