@@ -4,11 +4,12 @@
 
 # lib/, not lib/<triplet>/. A package, which shares its prefix with others, keeps the libraries to
 # itself: -DCMAKE_INSTALL_LIBDIR=lib/vexhostd.
-set(CMAKE_INSTALL_LIBDIR lib CACHE PATH "Object code libraries")
+# (Not of the type PATH: what is given without a type would then be taken from where cmake runs.)
+set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Object code libraries")
 # What the prefix makes of it: /etc for /usr, /etc/opt/... for /opt/..., etc/ below any other.
-set(CMAKE_INSTALL_SYSCONFDIR etc CACHE PATH "Configuration")
+set(CMAKE_INSTALL_SYSCONFDIR etc CACHE STRING "Configuration")
 include(GNUInstallDirs)
-set(VEX_INSTALL_UNITDIR lib/systemd/system CACHE PATH "The service's unit")
+set(VEX_INSTALL_UNITDIR lib/systemd/system CACHE STRING "The service's unit")
 
 # Notes which directories this installation is going to make, before any other rule, so that
 # `uninstall` takes away those and no others.

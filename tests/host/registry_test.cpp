@@ -179,7 +179,8 @@ class Lost : public testing::Test {
   // Every object's values but for the clock's.
   std::map<std::string, std::string> States() const {
     std::map<std::string, std::string> states;
-    for (const auto &[name, values] : nlohmann::ordered_json::parse(host_.Dump()).items()) {
+    const auto dump = nlohmann::ordered_json::parse(host_.Dump());
+    for (const auto &[name, values] : dump.items()) {
       if (name != "host/misc" && !name.starts_with("host/cpu")) {
         states[name] = values.dump();
       }
