@@ -4,7 +4,7 @@
 
 # lib/, not lib/<triplet>/. A package, which shares its prefix with others, keeps the libraries to
 # itself: -DCMAKE_INSTALL_LIBDIR=lib/vexhostd.
-# (Not of the type PATH: what is given without a type would then be taken from where cmake runs.)
+# No paths to CMake, which would put the working directory before those of -D.
 set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Object code libraries")
 # What the prefix makes of it: /etc for /usr, /etc/opt/... for /opt/..., etc/ below any other.
 set(CMAKE_INSTALL_SYSCONFDIR etc CACHE STRING "Configuration")

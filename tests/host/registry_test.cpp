@@ -300,12 +300,11 @@ TEST_F(Lost, ARootThatIsMountedOverAndUncoveredAgain) {
 
 TEST(Registry, AFileThatCannotBeUnlinkedGoesLater) {
   MadeUpHost host;
+  const std::string root = MadeUpHost::kRegistry;
+  host.Directory(root);
+  ASSERT_EQ(RunCommand({"mount", "--bind", root, root}).status, 0);
   host.StartTestAgent();
   ASSERT_TRUE(host.Order("rows 0 2\n"));
-  const std::string root = MadeUpHost::kRegistry;
-  ASSERT_EQ(RunCommand({"mount", "--bind", root, root}).status, 0);
-  // The agent finds the mount, which shows the same files.
-  ASSERT_TRUE(host.Order("wait 0\n"));
   ASSERT_EQ(RunCommand({"mount", "-o", "remount,ro,bind", root}).status, 0);
   ASSERT_TRUE(host.Order("delete 0\n"));
   EXPECT_TRUE(Exists(PathOf("host/row.0")));
