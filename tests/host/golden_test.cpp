@@ -16,7 +16,7 @@ namespace {
 constexpr char kRecordings[] = VEX_TESTS_SOURCE_DIR "/tests/host/golden/";
 
 // Start-up, polls and sets, up to the moment that was recorded.
-void Run(GoldenHost &golden) {
+void RunGolden(GoldenHost &golden) {
   MadeUpHost &host = golden.host;
   host.traps.Start();
   golden.StartMaster();
@@ -121,7 +121,7 @@ void CheckNothingIsMissing() {
 
 TEST(Golden, AWholeServer) {
   GoldenHost golden;
-  Run(golden);
+  RunGolden(golden);
   if (!DaemonLauncher().empty()) {
     // Confined, or the comparison says nothing. The capabilities: DAC_OVERRIDE, NET_BIND_SERVICE.
     const std::string status =
