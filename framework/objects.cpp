@@ -46,8 +46,11 @@ struct Object {
   ObjectFileWriter writer;
   bool layout_changed = true;
   std::shared_ptr<const Layout> layout;
-  std::shared_ptr<const Image> served;  // what is published; null before the first log_data()
-  std::vector<uint16_t> lengths;        // by slot, of what is published
+  // What managers read: what is published, and what set handlers have accepted since. Null before
+  // the first log_data().
+  std::shared_ptr<const Image> served;
+  std::shared_ptr<const Image> published;  // what siblings read in the file
+  std::vector<uint16_t> lengths;           // by slot, of what is published
 
   // What is still to be done, so that a failure anywhere leaves it to be done later.
   bool unpublished = false;  // log_data() could not make the image
@@ -234,7 +237,7 @@ void ReportMemory(const char *name) {
   }
 }
 
-// Hands what is published to the SNMP side.
+// Hands what managers read to the SNMP side.
 void Serve(Object &object) {
   if (!object.layout->variables.empty()) {
     SnmpPublish(object.served);
@@ -244,7 +247,7 @@ void Serve(Object &object) {
 
 // Writes what is published to the file. False when it cannot be written now, with errno.
 bool WriteFile(Object &object) {
-  if (object.writer.Publish(object.served->data.data(), object.lengths.data()) != 0) {
+  if (object.writer.Publish(object.published->data.data(), object.lengths.data()) != 0) {
     MarkStale(object, true);
     return false;
   }
@@ -252,9 +255,19 @@ bool WriteFile(Object &object) {
   return true;
 }
 
-// From now on this is what is published; whatever fails after it is done later.
-void Publish(Object &object, std::shared_ptr<const Image> image) {
+// From now on managers read this; what fails of it is done later.
+void ServeFromNowOn(Object &object, std::shared_ptr<const Image> image) {
   object.served = std::move(image);
+  MarkUnpublished(object, object.unpublished, true);
+  Serve(object);
+}
+
+// From now on this is what is published, and that is what managers read; whatever fails after it is
+// done later.
+void Publish(Object &object, std::shared_ptr<const Image> published,
+             std::shared_ptr<const Image> served) {
+  object.published = std::move(published);
+  object.served = std::move(served);
   MarkUnpublished(object, object.unpublished, true);
   MarkStale(object, true);
   Serve(object);
@@ -276,7 +289,7 @@ void PublishBlock(Object &object) {
   }
   std::shared_ptr<const Image> image = MakeImage(object);
   MarkUnpublished(object, false, object.unserved);
-  Publish(object, std::move(image));
+  Publish(object, image, image);
 }
 
 // Nothing of the object is found any more. Does not release it.
@@ -525,9 +538,12 @@ int RunSet(uint8_t phase, SetItem &item) {
       return -1;
     }
     // Had before anything is applied: what is applied is told.
-    std::shared_ptr<Image> image;
+    std::shared_ptr<Image> served;
+    std::shared_ptr<Image> published;
     if (phase != SET_CHECK) {
-      image = std::make_shared<Image>(*object->served);
+      served = std::make_shared<Image>(*object->served);
+      published = object->published == object->served ? served
+                                                      : std::make_shared<Image>(*object->published);
     }
     if (d.set_handler != nullptr) {
       if (d.set_handler(phase, &object->face, &d, item.value.data(), item.length) != 0) {
@@ -551,26 +567,29 @@ int RunSet(uint8_t phase, SetItem &item) {
     if (phase == SET_CHECK || !r.by_id.contains(item.object_id)) {
       return 0;
     }
-    // Managers and siblings read what was accepted; all other variables stay as they were
-    // published.
+    // Managers read what was accepted; all other variables stay as they were. When a variable is
+    // published is its handler's rule; one without a handler is published at once.
     const std::vector<ServedVariable> &variables = object->served->layout->variables;
     for (size_t i = 0; i < variables.size(); i++) {
       const ServedVariable &v = variables[i];
       if (v.slot != item.slot) {
         continue;
       }
-      const unsigned char *value = object->data.data() + v.offset;
-      if (object->served->octet_lengths[i] == LengthOf(d) &&
-          memcmp(&object->served->data[v.offset], value, static_cast<size_t>(v.size)) == 0) {
-        break;  // as it was, or the handler has published it
-      }
-      *image = *object->served;  // the handler may have published others
-      std::copy_n(value, v.size, image->data.begin() + v.offset);
-      image->octet_lengths[i] = LengthOf(d);
-      object->lengths[slot] = LengthOf(d);
+      const auto take = [&](Image &image) {
+        std::copy_n(object->data.begin() + v.offset, v.size, image.data.begin() + v.offset);
+        image.octet_lengths[i] = LengthOf(d);
+      };
+      *served = *object->served;  // the handler may have published others
+      take(*served);
       // It is applied: what fails from here on is done after the poll.
       Guarded(0, [&] {
-        Publish(*object, std::move(image));
+        if (d.set_handler != nullptr) {
+          ServeFromNowOn(*object, std::move(served));
+        } else {
+          take(*published);
+          object->lengths[slot] = LengthOf(d);
+          Publish(*object, std::move(published), std::move(served));
+        }
         return 0;
       });
       ReportMemory(object->path.c_str());

@@ -46,9 +46,9 @@ enum set_phase { SET_CHECK = 1, SET_APPLY = 2 };
  * value   an int32_t in host order (VAR_INTEGER), NUL-terminated text (VAR_DISPLAY_STRING) or
  *         octets (VAR_OCTET_STRING); owned by the framework, valid during the call only.
  * length  4, the text's length without the NUL, or the number of octets.
- * Returns 0 to accept, -1 to refuse. What the data block holds of this variable after an accepted
- * apply is published, so that managers and siblings read it next; all other variables stay as they
- * were published. */
+ * Returns 0 to accept, -1 to refuse. The framework does not publish on the handler's behalf, but
+ * what the data block holds after an accepted apply is what a manager reads next. A variable
+ * without a handler is stored and published by the framework. */
 typedef int (*set_handler_fn)(uint8_t phase, struct registry_object *object,
                               struct descriptor *desc, const void *value, int length);
 
@@ -216,8 +216,8 @@ int is_empty_dir(const char *path);
 int remove_empty_dir(const char *path);
 
 /* Opens the directory at or below REGISTRY_ROOT for reading. Returns a descriptor that is
- * close-on-exec and that the caller closes, or -1 with errno: ELOOP for a link that is not followed,
- * EXDEV for a path outside the registry. */
+ * close-on-exec and that the caller closes, or -1 with errno: ELOOP for a link that is not
+ * followed, EXDEV for a path outside the registry. */
 int open_dir(const char *path);
 
 /* ---- Process ----------------------------------------------------------------------------- */
@@ -326,16 +326,15 @@ struct mount_stats {
 /* Asks every one of the mounts at these paths, all in one go, and stores one result for each.
  * A mount that does not answer within two seconds counts as silent. What it answers later is the
  * next call's result, and a mount whose last answer took more than a second is asked between two
- * calls: its result is then the last answer, or MOUNT_STILL_SILENT while there is none; MOUNT_SILENT
- * once that has lasted half a minute. It is not asked again before its outstanding call has come
- * back, unless a call in between did not list its path (it was unmounted). An answer within half a
- * second ends this. The log says when it begins to answer late and when it is quick again.
- * However many fall silent at once delay the caller by little more than two seconds, and not at all
- * afterwards; once the process is to end (agent_ending()), nobody is waited for. With 256 calls
- * outstanding, mounts that could not be asked for that reason count as silent.
- * The calls are made by children of the framework that can be left behind, so that a process whose
- * mounts hang still ends at once. Agent thread. Returns 0, or -1 with errno when there is no
- * memory. */
+ * calls: its result is then the last answer, or MOUNT_STILL_SILENT while there is none;
+ * MOUNT_SILENT once that has lasted half a minute. It is not asked again before its outstanding
+ * call has come back, unless a call in between did not list its path (it was unmounted). An answer
+ * within half a second ends this. The log says when it begins to answer late and when it is quick
+ * again. However many fall silent at once delay the caller by little more than two seconds, and not
+ * at all afterwards; once the process is to end (agent_ending()), nobody is waited for. With 256
+ * calls outstanding, mounts that could not be asked for that reason count as silent. The calls are
+ * made by children of the framework that can be left behind, so that a process whose mounts hang
+ * still ends at once. Agent thread. Returns 0, or -1 with errno when there is no memory. */
 int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results);
 
 /* ---- The machine ------------------------------------------------------------------------- */
