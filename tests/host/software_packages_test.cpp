@@ -239,8 +239,9 @@ TEST(SoftwarePackages, SkipsAPackageWhoseAnswerIsTooLong) {
             (Strings{"0: STRING: \"CONFIG\"", "1: STRING: \"SYSTEMROMKIT\"", "2: STRING: \"DIAGS\"",
                      "3: STRING: \"DISKDR\"", "4: STRING: \"qvdiags_amd64\"",
                      "5: STRING: \"qvrelm_amd64\""}));
-  EXPECT_EQ(host.daemon.Count("do_swver: packages that could not be reported: 1 (1 without a usable"),
-            1U);
+  EXPECT_EQ(
+      host.daemon.Count("do_swver: packages that could not be reported: 1 (1 without a usable"),
+      1U);
   EXPECT_EQ(host.Get("tlxHoSwVerDescription.4"), "STRING: \"all " + std::string(200, 'd') + " \"");
   EXPECT_EQ(host.Get("tlxHoSwVerVersion.5"), "STRING: \"" + std::string(50, '1') + "\"");
 }

@@ -661,7 +661,8 @@ TEST_F(SnmpSideTest, PingIntervalAndTimeout) {
   EXPECT_EQ(session.timeout_seconds, 255);  // one octet in the Open PDU
 }
 
-// However few descriptors there are: it starts with all of its configuration, or says that it cannot.
+// However few descriptors there are: it starts with all of its configuration, or says that it
+// cannot.
 TEST_F(SnmpSideTest, FewDescriptorsLoseNoConfiguration) {
   Configure("vexhostd.conf", "pollInterval 20\n");
   rlimit before;

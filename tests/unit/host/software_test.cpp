@@ -707,7 +707,7 @@ TEST_F(Software, ImplausibleNamesReachNoShell) {
                message + "glut`id` (character 0x60)\n",
                "do_swver: package name too long, skipped: " + longest + "y\n",
                "do_swver: packages that could not be reported: 7 (0 without a usable answer, 7 "
-                     "without a usable name)\n"}));
+               "without a usable name)\n"}));
   rec::ForgetEvents();
   Rescan();
   EXPECT_EQ(rec::Messages().size(), 7U);
@@ -717,9 +717,10 @@ TEST_F(Software, PackagesWithoutAUsableAnswerAreCountedOncePerScan) {
   PutPackages({{"glut", "1", std::string(300, 'd')}, {"qvdiags"}, {"qvrelm"}});
   rec::PutCommand(Query("qvrelm"), "Arch amd64\n");
   Rescan();
-  EXPECT_EQ(rec::Messages(),
-            Strings{"do_swver: packages that could not be reported: 2 (2 without a usable answer, 0 "
-                    "without a usable name)\n"});
+  EXPECT_EQ(
+      rec::Messages(),
+      Strings{"do_swver: packages that could not be reported: 2 (2 without a usable answer, 0 "
+              "without a usable name)\n"});
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(rec::Messages().size(), 1U);
 }
