@@ -559,14 +559,15 @@ class Life(unittest.TestCase):
         return f"/tmp/{name}.deb"
 
     def listed(self, name):
-        """The versions of the package in the software table."""
+        """The versions of the package in the software table; some names have the architecture."""
         _, output = self.machine.run("vexreg", "dump")
         try:
             objects = json.loads(output)
         except ValueError:
             return None
         return [data["tlxHoSwVerVersion"] for path, data in objects.items()
-                if path.startswith("host/swver.") and data["tlxHoSwVerName"] == name]
+                if path.startswith("host/swver.") and
+                re.fullmatch(re.escape(name) + "(_[a-z0-9]+)?", data["tlxHoSwVerName"])]
 
     def test_what_dpkg_installs_is_listed_at_the_next_poll(self):
         machine = self.machine
