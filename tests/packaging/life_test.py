@@ -211,18 +211,21 @@ class Station(threading.Thread):
         self.machine = machine
         self.name_asked = name
         self.values = set()
+        self.seen = []  # when a value came first
         self.gap = 0.0
         self.answers = 0
         self.over = threading.Event()
 
     def run(self):
-        last = time.monotonic()
+        start = last = time.monotonic()
         while not self.over.is_set():
             began = time.monotonic()
             status, output = self.machine.run("snmpget", "-v2c", "-cpublic", "-On", "-t1", "-r0",
                                               "127.0.0.1", self.name_asked)
             if status == 0 and "No Such" not in output:
                 self.answers += 1
+                if output.strip() not in self.values:
+                    self.seen.append(f"{began - start:.2f} s: {output.strip()}")
                 self.values.add(output.strip())
                 self.gap = max(self.gap, began - last)
                 last = began
@@ -655,7 +658,8 @@ class Life(unittest.TestCase):
                 time_over = time.monotonic() + 5
                 self.assertTrue(eventually(lambda t=time_over: time.monotonic() > t))
                 station.end()
-                print(f"to {version}: longest gap {station.gap:.2f} s, {station.answers} answers")
+                print(f"to {version}: longest gap {station.gap:.2f} s, {station.answers} answers; "
+                      f"{station.seen}")
                 self.assertEqual(manager.done, ["restart"])
                 self.assertNotEqual(manager.agent.pid, agent)
                 self.assertIsNone(manager.agent.poll())
