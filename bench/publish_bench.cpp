@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/objects.h"
 #include "framework/registry_file.h"
 #include "platform/framework.h"
 
@@ -76,6 +77,19 @@ void PublishFile(benchmark::State &state) {
   writer.Remove();
 }
 BENCHMARK(PublishFile)->Arg(16)->Arg(300)->Arg(2124);
+
+// What follows each poll: a look at every object's file, none of which has changed.
+void LookAtFiles(benchmark::State &state) {
+  const Rows rows(static_cast<int>(state.range(0)));
+  vex::RetryFiles();
+  for (auto _ : state) {
+    vex::RetryFiles();
+  }
+  state.counters["per_object"] = benchmark::Counter(
+      static_cast<double>(rows.size()),
+      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(LookAtFiles)->Arg(1)->Arg(20)->Arg(10000);
 
 void CreateAndDeleteRow(benchmark::State &state) {
   const Rows rows(static_cast<int>(state.range(0)));

@@ -64,8 +64,9 @@ std::string LinkText(const std::string &path) {
   return {text, length > 0 ? static_cast<size_t>(length) : 0};
 }
 
-// Whether the process has something open under that path. Asks no file system, which might hang.
-bool HasOpen(pid_t process, const std::string &path) {
+// Whether the process has that file open, under that path. No other file is looked at, which might
+// hang.
+bool HasOpen(pid_t process, const std::string &path, const struct stat &file) {
   const std::string directory = "/proc/" + std::to_string(process) + "/fd";
   DIR *dir = opendir(directory.c_str());
   bool found = false;
@@ -74,7 +75,10 @@ bool HasOpen(pid_t process, const std::string &path) {
     if (entry == nullptr) {
       break;
     }
-    found = LinkText(directory + "/" + entry->d_name) == path;
+    const std::string link = directory + "/" + entry->d_name;
+    struct stat st;
+    found = LinkText(link) == path && stat(link.c_str(), &st) == 0 && st.st_dev == file.st_dev &&
+            st.st_ino == file.st_ino;
   }
   if (dir != nullptr) {
     closedir(dir);
@@ -109,7 +113,7 @@ std::optional<pid_t> LockHolder(int fd) {
   // Layered file systems have other numbers there than stat(2) gives.
   const std::string path = LinkText("/proc/self/fd/" + std::to_string(fd));
   for (const HeldLock &lock : locks) {
-    if (!path.empty() && lock.holder != getpid() && HasOpen(lock.holder, path)) {
+    if (!path.empty() && lock.holder != getpid() && HasOpen(lock.holder, path, st)) {
       return lock.holder;
     }
   }

@@ -700,12 +700,14 @@ struct ChangeTime {
   bool operator==(const ChangeTime &) const = default;
 };
 
-// name "": fd itself.
+// name "": fd itself. changed may be null: kernels that stamp files finely make the next write
+// dearer for every time that somebody has asked when the file was changed.
 int Identify(int fd, const char *name, Identity *identity, ChangeTime *changed) {
   struct statx st;
-  constexpr unsigned kMask = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO |
-                             STATX_SIZE | STATX_CTIME | STATX_BTIME;
-  if (statx(fd, name, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, kMask, &st) != 0) {
+  constexpr unsigned kMask =
+      STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO | STATX_SIZE | STATX_BTIME;
+  if (statx(fd, name, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW,
+            kMask | (changed != nullptr ? STATX_CTIME : 0), &st) != 0) {
     return -1;
   }
   if (!S_ISREG(st.stx_mode)) {
@@ -723,7 +725,9 @@ int Identify(int fd, const char *name, Identity *identity, ChangeTime *changed) 
     identity->birth_seconds = st.stx_btime.tv_sec;
     identity->birth_ns = st.stx_btime.tv_nsec;
   }
-  *changed = {st.stx_ctime.tv_sec, st.stx_ctime.tv_nsec};
+  if (changed != nullptr) {
+    *changed = {st.stx_ctime.tv_sec, st.stx_ctime.tv_nsec};
+  }
   return 0;
 }
 
@@ -755,7 +759,7 @@ struct ObjectFileWriter::State {
   uint64_t sequence = 0;  // of the last attempt to publish
   uint64_t written = 0;   // of the state that stands in the file
   Identity file;          // of the file that we made; inode 0: none yet
-  ChangeTime changed;     // when we last wrote to it
+  ChangeTime changed;     // when it was last read and right; not known: read it at the next check
   uint8_t next_slot = 0;  // the older one
   bool replace = false;   // the file is not to be written to any more: the next one replaces it
 
@@ -773,7 +777,7 @@ struct ObjectFileWriter::State {
 
   int Create(const uint8_t *data, const uint16_t *lengths);
   int CreateIn(int directory, const std::vector<uint8_t> &bytes);
-  int WriteSlot(int fd, ChangeTime before, const uint8_t *data, const uint16_t *lengths);
+  int WriteSlot(int fd, const uint8_t *data, const uint16_t *lengths);
   FileState ReadBack(int directory);
 };
 
@@ -819,9 +823,8 @@ int ObjectFileWriter::State::CreateIn(int directory, const std::vector<uint8_t> 
     return -1;
   }
   Identity made;
-  ChangeTime at;
   if (fchmod(fd.get(), 0644) != 0 || WriteAll(fd.get(), bytes.data(), bytes.size(), 0) != 0 ||
-      Identify(fd.get(), "", &made, &at) != 0 ||
+      Identify(fd.get(), "", &made, nullptr) != 0 ||
       renameat(directory, temporary.c_str(), directory, Leaf()) != 0) {
     const int error = errno;
     unlinkat(directory, temporary.c_str(), 0);
@@ -832,10 +835,7 @@ int ObjectFileWriter::State::CreateIn(int directory, const std::vector<uint8_t> 
   replace = false;
   written = sequence;
   next_slot = 1;
-  // The renaming is a change, too. When it cannot be told, the next check reads the file.
-  if (Identify(fd.get(), "", &made, &changed) != 0) {
-    changed = {};
-  }
+  changed = {};
   return 0;
 }
 
@@ -862,25 +862,18 @@ int ObjectFileWriter::State::Create(const uint8_t *data, const uint16_t *lengths
   return directory ? CreateIn(directory.get(), bytes) : -1;
 }
 
-// before: when the file was last changed, as seen just now.
-int ObjectFileWriter::State::WriteSlot(int fd, ChangeTime before, const uint8_t *data,
-                                       const uint16_t *lengths) {
+int ObjectFileWriter::State::WriteSlot(int fd, const uint8_t *data, const uint16_t *lengths) {
   const size_t head = layout->bytes.size();
   const size_t size = SlotSize(layout->var_count, layout->data_size);
   static auto *slot = new std::vector<uint8_t>;  // kept from one publication to the next
   slot->resize(size);
   EncodeSlot(slot->data(), *layout, sequence, data, lengths);
+  changed = {};
   if (WriteAll(fd, slot->data(), size, static_cast<off_t>(head + next_slot * size)) != 0) {
-    changed = {};
     return -1;  // the other slot stands; this one is the next to be filled again
   }
   next_slot ^= 1;
   written = sequence;
-  Identity same;
-  // Somebody else's change must not pass for ours: then the next check reads the file.
-  if (before != changed || Identify(fd, "", &same, &changed) != 0) {
-    changed = {};
-  }
   return 0;
 }
 
@@ -894,9 +887,8 @@ int ObjectFileWriter::Publish(const uint8_t *data, const uint16_t *lengths) {
       return -1;
     }
     Identity found;
-    ChangeTime before;
-    if (fd && Identify(fd.get(), "", &found, &before) == 0 && found == s.file) {
-      return s.WriteSlot(fd.get(), before, data, lengths);
+    if (fd && Identify(fd.get(), "", &found, nullptr) == 0 && found == s.file) {
+      return s.WriteSlot(fd.get(), data, lengths);
     }
     // Somebody removed, replaced or cut it.
   }
@@ -948,8 +940,7 @@ int ObjectFileWriter::Remove() {
   Descriptor directory(
       root_fd >= 0 ? OpenBeneath(root_fd, std::string(s.Parent()), O_PATH | O_DIRECTORY) : -1);
   Identity found;
-  ChangeTime ignored;
-  int result = directory ? Identify(directory.get(), s.Leaf(), &found, &ignored) : -1;
+  int result = directory ? Identify(directory.get(), s.Leaf(), &found, nullptr) : -1;
   if (result == 0 && found.device == s.file.device && found.inode == s.file.inode &&
       found.birth_seconds == s.file.birth_seconds && found.birth_ns == s.file.birth_ns) {
     result = unlinkat(directory.get(), s.Leaf(), 0);

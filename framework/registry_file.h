@@ -72,8 +72,8 @@ class ObjectFileWriter {
   // lengths: the current length of each variable (one per slot). 0, or -1 with errno. Never syncs.
   int Publish(const uint8_t *data, const uint16_t *lengths);
   // Looks whether the file is still there as this writer left it: one statx(2), by which a change
-  // of the content shows as well unless it came within the same tick of the clock (4 ms) as the
-  // last publication. With read_back the content itself is compared. directory: Directory(), open.
+  // of the content shows as well. The content itself is compared after a publication, after any
+  // other change, and with read_back. directory: Directory(), open.
   FileState Check(int directory, bool read_back);
   // The directory of the object below the root.
   std::string_view Directory() const;

@@ -118,6 +118,7 @@ void LoadSnmpConfiguration(const std::string &application, SnmpSettings *setting
   const SnmpFiles files = ReadSnmpFiles(application);
   CloseOnExec(open_before);
   if (!files.failed.empty()) {
+    UnloadSnmp(application);
     throw std::runtime_error(files.failed);
   }
 

@@ -69,7 +69,7 @@ struct Shared {
   std::atomic<bool> images_waiting{false};
 
   NotificationQueue notifications;
-  std::list<Notification> unsent;  // of the thread until it has finished
+  Notifications unsent;  // of the thread until it has finished
 
   std::mutex queries_mutex;
   std::list<std::shared_ptr<SnmpQuery>> queries;
@@ -532,7 +532,10 @@ std::vector<Notification> SnmpUnsent() {
   if (!side.finished) {
     return {};
   }
-  std::vector<Notification> unsent(side.unsent.begin(), side.unsent.end());
+  std::vector<Notification> unsent;
+  for (const WaitingNotification &waiting : side.unsent) {
+    unsent.push_back(waiting.notification);
+  }
   side.unsent.clear();
   return unsent;
 }

@@ -229,7 +229,7 @@ class Sources(unittest.TestCase):
         text = read(PAGES["vexhostd.conf.5"])
         code = read(os.path.join(SOURCE, "framework", "snmp_files.cpp"))
         own = re.findall(r'register_config_handler\(application\.c_str\(\), "(\w+)"', code)
-        self.assertEqual(sorted(own), ["agentXSocket", "community", "pollInterval"])
+        self.assertEqual(sorted(own), ["agentXPerms", "agentXSocket", "community", "pollInterval"])
         for token in own:
             self.assertIn(f".It Ic {token} ", text)
 

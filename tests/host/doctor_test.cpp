@@ -473,7 +473,9 @@ TEST_F(Doctor, AnotherRegistryThanTheAgents) {
       About("value: "),
       "FAIL  value: tlxHoPhysicalMemoryFree is 1000 through snmpd, nothing in the registry.");
   // Not yet a failure by itself, as the agent is young.
-  EXPECT_HAS(About("group memory: "), "note  group memory: not published yet: the agent has just");
+  EXPECT_HAS(About("registry "), "note  registry /tmp/registry/host: not the agent's yet");
+  EXPECT_HAS(About("group memory: "),
+             "FAIL  group memory: published to managers, but its file is missing.");
 }
 
 TEST_F(Doctor, WhatBecameOfTheRegistry) {

@@ -94,32 +94,6 @@ TEST(Master, IsFrozenWhenTheDaemonEnds) {
   EXPECT_EQ(MadeUpHost::Objects(), std::vector<std::string>{});
 }
 
-// However few descriptors there are: it ends with a message, or runs with all of its configuration.
-TEST(Master, FewDescriptorsLoseNoConfiguration) {
-  int started = 0;
-  for (int limit = 4; started < 2; limit++) {
-    ASSERT_LT(limit, 60);
-    MadeUpHost host;
-    host.File("/etc/snmp/vexhostd.conf", "pollInterval 20\n");
-    host.Script("/opt/vexhostd",
-                "ulimit -n " + std::to_string(limit) + "\nexec " + DaemonPath() + " -i\n");
-    DaemonOptions options;
-    options.program = "/opt/vexhostd";
-    options.wait = false;
-    host.daemon.Start(options);
-    EXPECT_TRUE(
-        Eventually([&] { return !host.daemon.Running() || host.daemon.AlarmSeconds() > 0; }));
-    if (host.daemon.Running()) {
-      started++;
-      EXPECT_EQ(host.daemon.AlarmSeconds(), 20U) << limit << host.daemon.Log();
-      EXPECT_EQ(host.daemon.Stop(), 0);
-    } else {
-      EXPECT_EQ(host.daemon.WaitEnd(), 1) << limit;
-      EXPECT_NE(host.daemon.Log(), "");
-    }
-  }
-}
-
 // Without a thread or a descriptor for its SNMP side the daemon is of no use.
 TEST(Master, CannotBeReachedWithoutAnSnmpSide) {
   const std::pair<const char *, const char *> cases[] = {

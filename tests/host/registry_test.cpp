@@ -176,11 +176,13 @@ class Lost : public testing::Test {
     EXPECT_GE(names_.size(), 9U);
     states_ = States();
   }
-  // Every object's values but for the clock's.
+  // Every object's values but for those that the machine itself changes.
   std::map<std::string, std::string> States() const {
     std::map<std::string, std::string> states;
-    for (const auto &[name, values] : nlohmann::ordered_json::parse(host_.Dump()).items()) {
-      if (name != "host/misc" && !name.starts_with("host/cpu")) {
+    const auto dump = nlohmann::ordered_json::parse(host_.Dump());
+    for (const auto &[name, values] : dump.items()) {
+      if (name != "host/misc" && !name.starts_with("host/cpu") &&
+          !name.starts_with("host/filesys")) {
         states[name] = values.dump();
       }
     }
@@ -188,8 +190,9 @@ class Lost : public testing::Test {
   }
   void ExpectAllAfterAPoll() {
     ASSERT_TRUE(host_.daemon.Poll());
-    EXPECT_TRUE(Eventually([&] { return MadeUpHost::Objects() == names_ && States() == states_; }))
+    EXPECT_TRUE(Eventually([&] { return MadeUpHost::Objects() == names_; }))
         << host_.Dump() << host_.daemon.Log();
+    EXPECT_EQ(States(), states_);
     for (const std::string &name : names_) {
       EXPECT_EQ(Mode(PathOf(name)), 0644U) << name;
     }
@@ -281,7 +284,7 @@ TEST_F(Lost, ARootThatIsMovedAway) {
 }
 
 TEST_F(Lost, ARootThatIsMountedOverAndUncoveredAgain) {
-  Run({"mount", "-t", "tmpfs", "cover", MadeUpHost::kRegistry});
+  Run({"mount", "-t", "tmpfs", "-o", "mode=700", "cover", MadeUpHost::kRegistry});
   ExpectAllAfterAPoll();
   // What an object that is gone meanwhile has left below does not come back.
   host_.File("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
@@ -299,12 +302,11 @@ TEST_F(Lost, ARootThatIsMountedOverAndUncoveredAgain) {
 
 TEST(Registry, AFileThatCannotBeUnlinkedGoesLater) {
   MadeUpHost host;
+  const std::string root = MadeUpHost::kRegistry;
+  host.Directory(root);
+  ASSERT_EQ(RunCommand({"mount", "--bind", root, root}).status, 0);
   host.StartTestAgent();
   ASSERT_TRUE(host.Order("rows 0 2\n"));
-  const std::string root = MadeUpHost::kRegistry;
-  ASSERT_EQ(RunCommand({"mount", "--bind", root, root}).status, 0);
-  // The agent finds the mount, which shows the same files.
-  ASSERT_TRUE(host.Order("wait 0\n"));
   ASSERT_EQ(RunCommand({"mount", "-o", "remount,ro,bind", root}).status, 0);
   ASSERT_TRUE(host.Order("delete 0\n"));
   EXPECT_TRUE(Exists(PathOf("host/row.0")));

@@ -15,7 +15,7 @@ BUILD = ""
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 # Directories as distributions have them, and some that nobody has.
 ODD = {"SBINDIR": "libexec/agents", "BINDIR": "tools/bin", "LIBDIR": "lib64/private/vexhostd",
-       "SYSCONFDIR": "conf", "MANDIR": "man", "DATADIR": "data", "INCLUDEDIR": "inc"}
+       "SYSCONFDIR": "conf", "MANDIR": "man", "DATAROOTDIR": "data", "INCLUDEDIR": "inc"}
 
 
 def run(*command, status=0, **environment):

@@ -296,9 +296,12 @@ void Daemon::Start(const DaemonOptions &options) {
     }
   }
   std::vector<std::string> command = DaemonLauncher();
+  command.insert(command.end(), options.launcher.begin(), options.launcher.end());
   const bool launched = !command.empty();
   if (options.probe) {
-    const std::pair<std::string, std::string> variables[] = {{"LD_PRELOAD", VEX_TESTS_PROBE},
+    const std::string libraries =
+        VEX_TESTS_PROBE + (options.preload.empty() ? "" : ":" + options.preload);
+    const std::pair<std::string, std::string> variables[] = {{"LD_PRELOAD", libraries},
                                                              {kProbeVariable, kProbeFile}};
     for (const auto &[name, value] : variables) {
       // The launcher does not get the library.

@@ -104,6 +104,10 @@ struct DaemonOptions {
   bool wait = true;              // until start-up is complete and snmpd (when it runs) serves it
   Environment environment;
   std::string program;  // another agent instead of vexhostd
+  // Words that stand right before the daemon, like DaemonLauncher()'s; and a library that is preloaded
+  // beside the probe.
+  std::vector<std::string> launcher;
+  std::string preload;
 };
 
 class Daemon {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -658,6 +659,30 @@ TEST_F(SnmpSideTest, PingIntervalAndTimeout) {
   UnloadSnmp("vexhostd");
   EXPECT_EQ(session.ping_seconds, 3);
   EXPECT_EQ(session.timeout_seconds, 255);  // one octet in the Open PDU
+}
+
+// However few descriptors there are: it starts with all of its configuration, or says that it cannot.
+TEST_F(SnmpSideTest, FewDescriptorsLoseNoConfiguration) {
+  Configure("vexhostd.conf", "pollInterval 20\n");
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const int free_one = dup(0);
+  close(free_one);
+  int failures = 0;
+  for (int more = 0; more < 8; more++) {
+    rlimit few = before;
+    few.rlim_cur = static_cast<rlim_t>(free_one + more);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    settings_ = {};
+    const int result = SnmpStart("vexhostd", &settings_);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(SnmpFailed(), result != 0) << more;
+    EXPECT_TRUE(result != 0 || settings_.poll_interval == 20) << more;
+    failures += result != 0 ? 1 : 0;
+    SnmpStop();
+  }
+  EXPECT_GT(failures, 0);
+  EXPECT_LT(failures, 8);
 }
 
 TEST_F(SnmpSideTest, CommunityOfSnmpConf) {
