@@ -190,8 +190,11 @@ class ServiceManager(threading.Thread):
 
     def run(self):
         while True:
-            with open(self.machine.path("/run/manager/asked"), encoding="utf-8") as fifo:
-                asked = fifo.read().split()
+            try:
+                with open(self.machine.path("/run/manager/asked"), encoding="utf-8") as fifo:
+                    asked = fifo.read().split()
+            except FileNotFoundError:
+                return  # the machine is gone
             verb = next(word for word in asked if not word.startswith("-"))
             if verb in ("stop", "restart") and self.agent is not None:
                 self.stop_agent()
@@ -638,6 +641,10 @@ class Life(unittest.TestCase):
             self.assertTrue(eventually(lambda name=name, kind=kind: self.set(name, kind)), name)
         changed = machine.read("/etc/snmp/vexhostd.conf") + "pollInterval 5\n"
         machine.write("/etc/snmp/vexhostd.conf", changed, 0o640)
+
+        # 0.1.0 writes what was set to its files at the next poll.
+        self.assertTrue(eventually(
+            lambda: '"tlxHoSystemRole": "a role"' in self.machine.run("vexreg", "dump")[1]))
 
         def value(name):
             return self.ok("snmpget", "-v2c", "-cpublic", "-Oqv", "-M",

@@ -190,12 +190,15 @@ class Lintian(unittest.TestCase):
     def lint(self, *files):
         with tempfile.TemporaryDirectory() as leavings:
             return run("lintian", "--allow-root", "-EIL", "+pedantic", "--fail-on",
-                       "error,warning,info,pedantic,experimental", "--tag-display-limit", "0", "--suppress-tags", "unused-override", *files,
+                       "error,warning,info,pedantic,experimental", "--tag-display-limit", "0", *files,
                        env={**os.environ, "TMPDIR": leavings})
 
     def test_finds_nothing(self):
         done = self.lint(*glob.glob(PACKAGES + "/*.changes"))
-        self.assertEqual((done.returncode, done.stdout), (0, ""))
+        # An override may be for the lintian of another suite; then that is counted, too.
+        found = [line for line in done.stdout.splitlines()
+                 if not re.match(r"I: .*: unused-override |N: ", line)]
+        self.assertEqual(found, [])
 
     def test_and_would_find_something(self):
         with tempfile.TemporaryDirectory() as work:
