@@ -224,7 +224,7 @@ class Station(threading.Thread):
         while not self.over.is_set():
             began = time.monotonic()
             status, output = self.machine.run("snmpget", "-v2c", "-cpublic", "-On", "-t1", "-r0",
-                                              "127.0.0.1", self.name_asked)
+                                              "-m", "", "127.0.0.1", self.name_asked)
             if status == 0 and "No Such" not in output:
                 self.answers += 1
                 if output.strip() not in self.values:
