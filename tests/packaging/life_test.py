@@ -190,8 +190,11 @@ class ServiceManager(threading.Thread):
 
     def run(self):
         while True:
-            with open(self.machine.path("/run/manager/asked"), encoding="utf-8") as fifo:
-                asked = fifo.read().split()
+            try:
+                with open(self.machine.path("/run/manager/asked"), encoding="utf-8") as fifo:
+                    asked = fifo.read().split()
+            except FileNotFoundError:
+                return  # the machine is gone
             verb = next(word for word in asked if not word.startswith("-"))
             if verb in ("stop", "restart") and self.agent is not None:
                 self.stop_agent()
@@ -211,18 +214,21 @@ class Station(threading.Thread):
         self.machine = machine
         self.name_asked = name
         self.values = set()
+        self.seen = []  # when a value came first
         self.gap = 0.0
         self.answers = 0
         self.over = threading.Event()
 
     def run(self):
-        last = time.monotonic()
+        start = last = time.monotonic()
         while not self.over.is_set():
             began = time.monotonic()
             status, output = self.machine.run("snmpget", "-v2c", "-cpublic", "-On", "-t1", "-r0",
-                                              "127.0.0.1", self.name_asked)
+                                              "-m", "", "127.0.0.1", self.name_asked)
             if status == 0 and "No Such" not in output:
                 self.answers += 1
+                if output.strip() not in self.values:
+                    self.seen.append(f"{began - start:.2f} s: {output.strip()}")
                 self.values.add(output.strip())
                 self.gap = max(self.gap, began - last)
                 last = began
@@ -559,14 +565,15 @@ class Life(unittest.TestCase):
         return f"/tmp/{name}.deb"
 
     def listed(self, name):
-        """The versions of the package in the software table."""
+        """The versions of the package in the software table; some names have the architecture."""
         _, output = self.machine.run("vexreg", "dump")
         try:
             objects = json.loads(output)
         except ValueError:
             return None
         return [data["tlxHoSwVerVersion"] for path, data in objects.items()
-                if path.startswith("host/swver.") and data["tlxHoSwVerName"] == name]
+                if path.startswith("host/swver.") and
+                re.fullmatch(re.escape(name) + "(_[a-z0-9]+)?", data["tlxHoSwVerName"])]
 
     def test_what_dpkg_installs_is_listed_at_the_next_poll(self):
         machine = self.machine
@@ -635,6 +642,10 @@ class Life(unittest.TestCase):
         changed = machine.read("/etc/snmp/vexhostd.conf") + "pollInterval 5\n"
         machine.write("/etc/snmp/vexhostd.conf", changed, 0o640)
 
+        # 0.1.0 writes what was set to its files at the next poll.
+        self.assertTrue(eventually(
+            lambda: '"tlxHoSystemRole": "a role"' in self.machine.run("vexreg", "dump")[1]))
+
         def value(name):
             return self.ok("snmpget", "-v2c", "-cpublic", "-Oqv", "-M",
                            "/usr/share/snmp/mibs:/usr/share/vexhostd/smi", "-m", "QUORIX-HOST-MIB",
@@ -654,7 +665,8 @@ class Life(unittest.TestCase):
                 time_over = time.monotonic() + 5
                 self.assertTrue(eventually(lambda t=time_over: time.monotonic() > t))
                 station.end()
-                print(f"to {version}: longest gap {station.gap:.2f} s, {station.answers} answers")
+                print(f"to {version}: longest gap {station.gap:.2f} s, {station.answers} answers; "
+                      f"{station.seen}")
                 self.assertEqual(manager.done, ["restart"])
                 self.assertNotEqual(manager.agent.pid, agent)
                 self.assertIsNone(manager.agent.poll())
