@@ -9,14 +9,17 @@ void QueryPatience::Begin() {
   given_up_ = false;
 }
 
+bool QueryPatience::Doubtful(const std::string &name) const {
+  return silent_ || (!silent_name_.empty() && name == silent_name_);
+}
+
 QueryPatience::Clock::duration QueryPatience::Allowed(const std::string &name,
                                                       Clock::time_point now) const {
   if (given_up_ || waited_ >= kFull) {
     return Clock::duration::zero();
   }
-  const bool doubtful = silent_ || (!silent_name_.empty() && name == silent_name_);
   const Clock::duration most =
-      doubtful && now - full_at_ < kFullAgainAfter ? Clock::duration(kShort) : kFull;
+      Doubtful(name) && now - full_at_ < kFullAgainAfter ? Clock::duration(kShort) : kFull;
   return std::min<Clock::duration>(most, kFull - waited_);
 }
 
@@ -37,6 +40,9 @@ void QueryPatience::Ended(const std::string &name, QueryEnd end, Clock::time_poi
       break;
     case QueryEnd::kSilent:
       given_up_ = true;
+      if (allowed < kFull / 2 && !Doubtful(name)) {
+        break;  // slow answers have left too little of the poll's patience to tell
+      }
       silent_ = true;
       // One short of the full patience by what the poll had waited before counts as full: otherwise
       // a name that hangs behind others that answer would be waited for at each poll.

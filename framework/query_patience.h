@@ -39,6 +39,9 @@ class QueryPatience {
   }
 
  private:
+  // Whether an answer to it is less likely than usual.
+  bool Doubtful(const std::string &name) const;
+
   Clock::duration waited_{};   // in this poll
   bool given_up_ = false;      // this poll asks nothing more
   bool silent_ = false;        // nothing has been answered since the last silence

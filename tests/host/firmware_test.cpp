@@ -358,7 +358,7 @@ TEST_F(FirmwareHost, ReadsTheRemoteCard) {
   for (int i = 0; i < 5; i++) {
     Poll();
   }
-  EXPECT_EQ(OpenFiles(host_.daemon.pid()).size(), open);
+  EXPECT_TRUE(Eventually([&] { return OpenFiles(host_.daemon.pid()).size() == open; }));
   // An integrated controller hides the card.
   SimulatedController controller;
   Poll();

@@ -201,8 +201,8 @@ class Lost : public testing::Test {
     // The role's file and the objects are in one registry.
     EXPECT_EQ(host_.Set("tlxHoSystemRole", 's', "web"), "noError");
     EXPECT_EQ(ReadFile(PathOf("tlxhosystemrole.dat")), "web");
-    EXPECT_TRUE(
-        Eventually([] { return MadeUpHost::Published("host/info", "tlxHoSystemRole") == "web"; }));
+    ASSERT_TRUE(host_.daemon.Poll());
+    EXPECT_EQ(MadeUpHost::Published("host/info", "tlxHoSystemRole"), "web");
   }
   static unsigned Mode(const std::string &path) {
     struct stat st = {};

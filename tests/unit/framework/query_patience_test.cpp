@@ -86,6 +86,10 @@ TEST(QueryPatience, SlowAnswersShareThePollsTwoSeconds) {
   EXPECT_EQ(asker.Answer(milliseconds(400)), 500);
   EXPECT_EQ(asker.Answer(milliseconds(400)), 100);
   EXPECT_EQ(asker.Answer(milliseconds(1)), 0);
+  // What was cut short by the others says nothing of the agent.
+  EXPECT_FALSE(asker.patience.Silent());
+  asker.NextPoll();
+  EXPECT_EQ(asker.Answer(milliseconds(400)), 2000);
 }
 
 // The SNMP agent answers, but not for one name: the agent behind it hangs.
