@@ -24,8 +24,8 @@ def main():
     subprocess.run(["tar", "-C", tree, "-x", "--touch"], stdin=copy.stdout, check=True)
     if copy.wait() != 0:
         raise SystemExit("the tree cannot be copied")
-    environment = {**os.environ, "TZ": "Pacific/Kiritimati", "LANG": "tr_TR.UTF-8", "HOME": WORK,
-                   "LANGUAGE": "tr", "CCACHE_DISABLE": "1", "USER": "somebody",
+    environment = {**os.environ, "TZ": "Pacific/Kiritimati", "LANG": "C.UTF-8", "HOME": WORK,
+                   "CCACHE_DISABLE": "1", "USER": "somebody",
                    "DEB_BUILD_OPTIONS": "parallel=1"}
     subprocess.run([tree + "/scripts/build-packages"], check=True, env=environment)
     made = tree + "/build/packages"
