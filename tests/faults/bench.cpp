@@ -425,7 +425,7 @@ Verdict Bench::Round(const Call &call, unsigned n, bool for_good) {
     if (!up_) {
       const Call chosen = call;
       injector_.Choose({}, 0);
-      PutFacts(other_);
+      PutFacts(false);  // as the one that was learnt from
       const std::string problem = StartAgent(false);
       if (!problem.empty()) {
         verdict.outcome = Outcome::kWrong;

@@ -228,8 +228,8 @@ Seen WithoutNumbers(const Seen &seen) {
             changed = walked + column + other.substr((head + number).size()) + line.substr(end);
           }
         }
-        // The index's own column has the number as its value.
-        if (line.ends_with(" = INTEGER: " + number.substr(1))) {
+        const std::string index = MadeUpHost::Oid(table.left_out.front() + ".1");
+        if (line.starts_with("walk " + index.substr(0, index.rfind('.') + 1))) {
           changed = walked + "index";
         }
       }
