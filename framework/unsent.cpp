@@ -147,11 +147,41 @@ std::optional<std::string> ReadAll(int fd, size_t size) {
       continue;
     }
     if (got <= 0) {
+      errno = got == 0 ? EIO : errno;
       return std::nullopt;
     }
     have += static_cast<size_t>(got);
   }
   return bytes;
+}
+
+// What the file holds, tried again a few times; nothing with errno: ENOENT when there is none,
+// EINVAL when it is not this user's plain file.
+std::optional<std::string> ReadFile(int directory, const std::string &name) {
+  constexpr int kTries = 3;
+  for (int tries = 1;; tries++) {
+    const Descriptor file(openat(directory, name.c_str(), O_RDONLY | kPlain));
+    struct stat status = {};
+    if (file && fstat(file.get(), &status) == 0) {
+      // Siblings that are not root may be allowed to write here; what they put there is not sent.
+      if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() ||
+          (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_nlink != 1 ||
+          status.st_size > kMostBytes) {
+        errno = EINVAL;
+        return std::nullopt;
+      }
+      std::optional<std::string> bytes = ReadAll(file.get(), static_cast<size_t>(status.st_size));
+      if (bytes) {
+        return bytes;
+      }
+    }
+    if (errno == ELOOP || errno == ENXIO) {
+      errno = EINVAL;  // a link, or a pipe
+    }
+    if (errno == ENOENT || errno == EINVAL || tries == kTries) {
+      return std::nullopt;
+    }
+  }
 }
 
 }  // namespace
@@ -167,6 +197,17 @@ int KeepUnsent(const std::string &root, const std::string &application,
   if (!directory) {
     return -1;
   }
+  // What could not be taken at the start, or was not to be sent, is older and stays.
+  std::vector<Notification> all;
+  if (const std::optional<std::string> packed = ReadFile(directory.get(), *name)) {
+    all = Unpack(*packed);
+  } else if (errno != ENOENT && errno != EINVAL) {
+    return -1;
+  }
+  all.insert(all.end(), notifications.begin(), notifications.end());
+  if (all.size() > kMostNotifications) {
+    all.erase(all.begin(), all.end() - static_cast<ptrdiff_t>(kMostNotifications));
+  }
   // Reading is what fsync(2) wants of a directory.
   const Descriptor readable(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::string beside = "." + *name + ".new";
@@ -176,7 +217,7 @@ int KeepUnsent(const std::string &root, const std::string &application,
   if (!file) {
     return -1;
   }
-  if (WriteAll(file.get(), Pack(notifications)) != 0 || fsync(file.get()) != 0 ||
+  if (WriteAll(file.get(), Pack(all)) != 0 || fsync(file.get()) != 0 ||
       renameat(directory.get(), beside.c_str(), directory.get(), name->c_str()) != 0) {
     const int error = errno;
     unlinkat(directory.get(), beside.c_str(), 0);
@@ -192,21 +233,17 @@ std::vector<Notification> TakeUnsent(const std::string &root, const std::string 
   if (!directory) {
     return {};
   }
-  const Descriptor file(openat(directory.get(), name->c_str(), O_RDONLY | kPlain));
-  struct stat status = {};
-  // Siblings that are not root may be allowed to write here; what they put there is not sent.
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-      status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
-      status.st_nlink != 1 || status.st_size > kMostBytes) {
+  const std::optional<std::string> packed = ReadFile(directory.get(), *name);
+  if (!packed) {
     return {};
   }
-  const std::optional<std::string> packed =
-      ReadAll(file.get(), static_cast<size_t>(status.st_size));
+  // Before the file goes: what finds no memory is taken by the next start.
+  std::vector<Notification> notifications = Unpack(*packed);
   // A file that stays would be sent at every start.
-  if (!packed || unlinkat(directory.get(), name->c_str(), 0) != 0) {
+  if (unlinkat(directory.get(), name->c_str(), 0) != 0) {
     return {};
   }
-  return Unpack(*packed);
+  return notifications;
 }
 
 }  // namespace vex

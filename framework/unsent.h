@@ -14,8 +14,9 @@ namespace vex {
 // The file of an application: its name and ".traps", below the root. Both functions: any thread,
 // but one at a time for one application.
 
-// Writes them, oldest first, in the place of what was there, on the disk before it returns. 0 (also
-// when there are none, and then nothing is written) or -1 with errno; the file is then as it was.
+// Adds them, oldest first, to what was kept and not taken; the newest 256 stay. On the disk before
+// it returns. 0 (also when there are none, and then nothing is written) or -1 with errno; the file
+// is then as it was.
 int KeepUnsent(const std::string &root, const std::string &application,
                std::span<const Notification> notifications);
 // Reads what was kept and removes the file, so that nothing is sent twice. Empty when there is

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,9 +35,23 @@ void Close(int &descriptor) {
   }
 }
 
+// A socket, or -1. One failure more or less must not tell that there is no controller: callers
+// believe that for as long as they live.
+int MakeSocket() {
+  constexpr int kTries = 3;
+  constexpr timespec kPause = {0, 10'000'000};
+  for (int tries = 1;; tries++) {
+    const int made = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (made >= 0 || tries == kTries) {
+      return made;
+    }
+    nanosleep(&kPause, nullptr);
+  }
+}
+
 // A connected socket, or -1. A controller that does not accept is waited for as long as a send.
 int Connect() {
-  int connected = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  int connected = MakeSocket();
   if (connected < 0) {
     return -1;
   }

@@ -43,6 +43,11 @@ struct Verdict {
 // What is allowed to differ, and why; "" when it is not. A line of Difference().
 std::string Rule(Phase phase, const Call &call, const std::string &difference);
 
+// Whether three polls are too few for that to be put right, by its group's rule; kLongestPeriod are
+// not.
+bool ComesWithItsPeriod(const std::string &difference);
+constexpr int kLongestPeriod = 20;
+
 class Bench {
  public:
   explicit Bench(Phase phase);
@@ -101,6 +106,8 @@ class Bench {
   void RestoreKept();
   Seen SeeAll();
   std::vector<std::string> Compare(const Seen &expected);
+  // What three polls have not put right: its number, or more polls, may explain it.
+  std::vector<std::string> CompareAtLength(const Seen &expected);
   Verdict Judge(std::vector<std::string> differences, bool at_once, bool refused);
   std::vector<std::string> AfterDeath();
   Verdict DiedInRound();
@@ -111,6 +118,7 @@ class Bench {
   Call call_{};
   double patience_ = 30;
   bool keep_armed_ = false;
+  bool explained_ = false;  // something differed in this round, and a rule explains it
   Sabotage sabotage_ = Sabotage::kNone;
   std::function<void()> meanwhile_;
   std::vector<made_up::Ticks> ticks_;

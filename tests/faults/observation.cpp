@@ -164,6 +164,86 @@ Seen Together(std::vector<Seen> parts) {
   return all;
 }
 
+Seen WithoutNumbers(const Seen &seen) {
+  // By object or by OID of the entry and number: the row's name.
+  struct Table {
+    std::string object, name, entry, name_column;
+    std::vector<std::string> left_out;
+  };
+  const auto entry_of = [](const std::string &column) {
+    return column.substr(0, column.rfind('.') + 1);
+  };
+  const std::string software = MadeUpHost::Oid("tlxHoSwVerName.1"),
+                    mounts = MadeUpHost::Oid("tlxHoFileSysDesc.1"),
+                    firmware = MadeUpHost::Oid("tlxHoFwVerDisplayName.1");
+  const std::string software_column = entry_of(software), mounts_column = entry_of(mounts),
+                    firmware_column = entry_of(firmware);
+  const auto parent = [](std::string column) {
+    column.pop_back();
+    return column.substr(0, column.rfind('.') + 1);
+  };
+  const Table tables[] = {{"object host/swver.",
+                           "tlxHoSwVerName",
+                           parent(software_column),
+                           software_column,
+                           {"tlxHoSwVerIndex"}},
+                          {"object host/filesys.",
+                           "tlxHoFileSysDesc",
+                           parent(mounts_column),
+                           mounts_column,
+                           {"tlxHoFileSysIndex"}},
+                          {"object host/fwver.",
+                           "tlxHoFwVerDisplayName",
+                           parent(firmware_column),
+                           firmware_column,
+                           {"tlxHoFwVerIndex"}}};
+  Seen result;
+  for (const std::string &line : seen) {
+    std::string changed = line;
+    for (const Table &table : tables) {
+      const std::string file = table.object.substr(strlen("object "));  // "host/swver."
+      if (line.starts_with("kept ") && line.find("/" + file) != std::string::npos) {
+        changed = "kept " + file;
+      }
+      if (line.starts_with(table.object)) {
+        const std::string number = line.substr(0, line.find(' ', table.object.size()));
+        for (const std::string &other : seen) {
+          if (other.starts_with(number + " " + table.name + " = ")) {
+            changed = table.object + other.substr(number.size()) + line.substr(number.size());
+          }
+        }
+        if (line.find(table.left_out.front() + " ") != std::string::npos) {
+          changed = table.object + "index";
+        }
+      }
+      const std::string walked = "walk " + table.entry;
+      if (line.starts_with(walked)) {
+        const size_t dot = line.find('.', walked.size()), end = line.find(' ', walked.size());
+        const std::string column = line.substr(walked.size(), dot - walked.size());
+        const std::string number = line.substr(dot, end - dot);
+        for (const std::string &other : seen) {
+          const std::string head =
+              "walk " + table.name_column.substr(0, table.name_column.size() - 1);
+          if (other.starts_with(head + number + " ")) {
+            changed = walked + column + other.substr((head + number).size()) + line.substr(end);
+          }
+        }
+        const std::string index = MadeUpHost::Oid(table.left_out.front() + ".1");
+        if (line.starts_with("walk " + index.substr(0, index.rfind('.') + 1))) {
+          changed = walked + "index";
+        }
+      }
+    }
+    if (line.find(" tlxHoSwVerNextIndex = ") != std::string::npos ||
+        line.starts_with("walk " + MadeUpHost::Oid("tlxHoSwVerNextIndex") + " ")) {
+      changed = "the next software index";
+    }
+    result.push_back(changed);
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
 std::vector<std::string> Difference(const Seen &expected, const Seen &found) {
   std::vector<std::string> missing, more, lines;
   std::set_difference(expected.begin(), expected.end(), found.begin(), found.end(),

@@ -23,6 +23,9 @@ Seen SeeProcess(pid_t agent);
 Seen SeeLeft(pid_t agent);
 
 Seen Together(std::vector<Seen> parts);
+// The same without the numbers of software, firmware and file-system rows, which are those of their
+// first appearance: each row by its name.
+Seen WithoutNumbers(const Seen &seen);
 // "- line" for what is missing, "+ line" for what is more.
 std::vector<std::string> Difference(const Seen &expected, const Seen &found);
 

@@ -15,7 +15,27 @@ struct Exception {
 };
 
 const std::vector<Exception> &Exceptions() {
-  static const std::vector<Exception> exceptions = {};
+  static const std::vector<Exception> exceptions = {
+      {"requests", "",
+       "(at once|three polls later): tlxHoSystemRole was answered noError, and (is STRING: \"mail "
+       "relay\"|its file has 10 bytes: mail relay)",
+       "a role whose file cannot be opened is answered noError and stays as it was"},
+      {"requests", "",
+       "(at once|three polls later): tlxHoSystemRoleDetail was answered noError, and (is STRING: "
+       "\"rack 7, slot 3\"|its file has 14 bytes: rack 7, slot 3)",
+       "the same of its detail"},
+      {"", "",
+       "- (kept host/fwver\\.|object host/fwver\\. tlxHoFwVerDisplayName = Servala KX770 R7 .*|"
+       "walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.7\\.1\\.1\\.\\d+ = STRING: \"Servala KX770 "
+       "R7 .*)",
+       "a controller that has not answered for the programmable logic is not asked for it again"},
+      {"", "",
+       "- (kept host/swver\\.|object host/swver\\. tlxHoSwVerName = "
+       "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*|walk "
+       "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.\\d+ = "
+       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*)",
+       "the first row of a utility that cannot be made, which the log says, is the last one tried"},
+  };
   return exceptions;
 }
 
@@ -30,6 +50,12 @@ std::string Rule(Phase phase, const Call &call, const std::string &difference) {
     }
   }
   return "";
+}
+
+bool ComesWithItsPeriod(const std::string &difference) {
+  // The volumes of VMware are asked for at each twentieth poll.
+  return difference.find("host/filesys.") != std::string::npos ||
+         difference.find(".1.3.6.1.4.1.4891.11.2.4.1.1.") != std::string::npos;
 }
 
 }  // namespace faults

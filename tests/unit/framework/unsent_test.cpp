@@ -72,6 +72,21 @@ TEST_F(Unsent, AreTakenOnceInTheirOrder) {
   EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
 }
 
+TEST_F(Unsent, WhatWasNotTakenStaysBeforeWhatComes) {
+  std::vector<Notification> later = Some();
+  later.front().number = 99;
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", later), 0);
+  std::vector<Notification> both = Some();
+  both.insert(both.end(), later.begin(), later.end());
+  ExpectSame(Take(), both);
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", later), 0);
+  ASSERT_EQ(KeepUnsent(registry.root(), "agent", std::vector<Notification>(255)), 0);
+  const std::vector<Notification> newest = Take();
+  ASSERT_EQ(newest.size(), 256U);
+  EXPECT_EQ(newest.front().number, later.back().number);
+}
+
 TEST_F(Unsent, NoneMakeNoFile) {
   EXPECT_EQ(KeepUnsent(registry.root(), "agent", {}), 0);
   EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
