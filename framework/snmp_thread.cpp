@@ -69,7 +69,7 @@ struct Shared {
   std::atomic<bool> images_waiting{false};
 
   NotificationQueue notifications;
-  Notifications unsent;       // of the thread until it has finished
+  Notifications unsent;      // of the thread until it has finished
   bool unsent_whole = true;  // likewise: the list above has all that is unsent
 
   std::mutex queries_mutex;

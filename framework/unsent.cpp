@@ -179,8 +179,7 @@ const char *WhyRefused(int directory, const struct stat &status) {
 }  // namespace
 
 UnsentFile::UnsentFile(std::string root, const std::string &application) : root_(std::move(root)) {
-  if (!application.empty() && application[0] != '.' &&
-      application.find('/') == application.npos) {
+  if (!application.empty() && application[0] != '.' && application.find('/') == application.npos) {
     name_ = application + ".traps";
     path_ = root_ + "/" + name_;
   } else {

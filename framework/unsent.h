@@ -33,10 +33,10 @@ class UnsentFile {
   void Taken();
   // The master has all of it: removes the file. A failure is logged once; call again.
   void AllSent();
-  // At the end: leaves these, oldest first, for the next start, on the disk before it returns: after
-  // what was not read, and else in place of everything. The newest 256 stay. Nothing is touched for
-  // none that follow an unread file. 0, or -1 with errno, which is logged; the file is then as it
-  // was, or whole in its new state. Throws nothing.
+  // At the end: leaves these, oldest first, for the next start, on the disk before it returns:
+  // after what was not read, and else in place of everything. The newest 256 stay. Nothing is
+  // touched for none that follow an unread file. 0, or -1 with errno, which is logged; the file is
+  // then as it was, or whole in its new state. Throws nothing.
   int Keep(std::span<const Notification> notifications) noexcept;
 
  private:

@@ -99,6 +99,7 @@ TEST(Traps, OutliveAnAgentThatIsKilledBeforeItCouldSendThem) {
   ASSERT_EQ(traps.size(), 2U);
   for (int i = 0; i < 2; i++)
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  host.SetOrders("");
   // Once the master has them the file goes, and another killed agent sends none again.
   EXPECT_TRUE(Eventually([&] {
     host.daemon.Poll();
@@ -117,20 +118,22 @@ TEST(Traps, ThatCannotBeReadAtTheStartAreReadByALaterPoll) {
   host.snmpd.Kill();
   ASSERT_TRUE(host.Order("trap 2\n"));
   host.daemon.Stop();
+  host.SetOrders("");
   DaemonOptions options;
   options.program = TestAgentPath();
   options.arguments = {"plain"};
-  options.fault = {"open", "/vexhostd.traps", EMFILE, 1000};
+  options.fault = {"open", "vexhostd.traps", EMFILE, 1000};
   host.daemon.Start(options);
   ASSERT_TRUE(host.daemon.Poll());
   ASSERT_TRUE(host.daemon.Poll());
-  EXPECT_EQ(host.daemon.Count("vexhostd: Can't read the traps kept at " + kKept +
+  EXPECT_EQ(host.daemon.Count("test_agent: Can't read the traps kept at " + kKept +
                               ": Too many open files (trying again)"),
             1U);
   // Without a chance to be read they stay, and what could not join them is counted.
   ASSERT_TRUE(host.Order("trap 3\n"));
   host.daemon.Stop();
   EXPECT_EQ(host.daemon.Count("3 traps that are not sent are lost"), 1U) << host.daemon.Log();
+  host.SetOrders("");
   host.daemon.Start(options);
   host.snmpd.Start();
   host.daemon.SetFault({});
