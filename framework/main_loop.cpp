@@ -184,6 +184,7 @@ void Loop() {
         get_data();
       }
       RetryFiles();
+      RetryUnsent();
     }
   }
 }
