@@ -1,5 +1,5 @@
-# Sourced by the scripts that ask apt and dpkg. What those say is read, so it is in one language; and
-# root by a plain su has no sbin in its PATH, without which dpkg does nothing.
+# Sourced by ./run, ./test and the scripts that ask apt and dpkg. What programs say is read, so it is in
+# one language; and root by a plain su has no sbin in its PATH, without which dpkg does nothing.
 # shellcheck shell=bash
 export LC_ALL=C.UTF-8
 unset LANGUAGE
@@ -20,9 +20,9 @@ debian_mirror() {
   found=$(apt-get indextargets --format '$(RELEASE) $(ORIGIN) $(COMPONENT) $(REPO_URI)' \
     'Created-By: Packages' 2>/dev/null | awk -v suite="$1" '
     $3 != "main" || $4 !~ /^(https?|file):/ { next }
-    $1 == suite { own = $4; exit }
+    $1 == suite && own == "" { own = $4 }
     $2 == "Debian" && $1 !~ /security/ && $4 !~ /security/ && other == "" { other = $4 }
-    END { print own != "" ? own : other }')
+    END { print own != "" ? own : other }') || :
   printf '%s' "${found:-http://deb.debian.org/debian}"
 }
 
