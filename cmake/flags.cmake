@@ -1,5 +1,6 @@
 # How everything is compiled and linked. Whoever builds packages gives flags of their own (CFLAGS,
-# CXXFLAGS, LDFLAGS in the environment, or CMAKE_CXX_FLAGS): nothing here takes one of them back.
+# CXXFLAGS, LDFLAGS in the environment, or CMAKE_CXX_FLAGS, CMAKE_CXX_FLAGS_<TYPE> and the like): what
+# is added here comes after them, so nothing of it may take one of them back.
 include(CheckCXXCompilerFlag)
 
 if(VEX_CCACHE)
@@ -12,8 +13,43 @@ if(VEX_CCACHE)
   endif()
 endif()
 
-add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wcast-align -Wundef
-  -fno-strict-aliasing -ffunction-sections -fdata-sections)
+string(TOUPPER "${CMAKE_BUILD_TYPE}" vex_type)
+set(vex_linkers "")
+foreach(kind EXE SHARED MODULE)
+  string(APPEND vex_linkers " ${CMAKE_${kind}_LINKER_FLAGS} ${CMAKE_${kind}_LINKER_FLAGS_${vex_type}}")
+endforeach()
+
+# vex_compile(PATTERN FLAG...): the flags, for each language in whose flags nothing given from outside is
+# about the same.
+function(vex_compile pattern)
+  foreach(language C CXX)
+    if(NOT "${CMAKE_${language}_FLAGS} ${CMAKE_${language}_FLAGS_${vex_type}} ${vex_linkers}"
+        MATCHES "${pattern}")
+      add_compile_options("$<$<COMPILE_LANGUAGE:${language}>:${ARGN}>")
+    endif()
+  endforeach()
+endfunction()
+
+# vex_harden(PATTERN FLAG): the same, where the compiler knows the flag.
+function(vex_harden pattern flag)
+  string(MAKE_C_IDENTIFIER "VEX_TAKES${flag}" takes)
+  check_cxx_compiler_flag(${flag} ${takes})
+  if(${takes})
+    vex_compile("${pattern}" ${flag})
+  endif()
+endfunction()
+
+# vex_link(PATTERN FLAG): the flag, where nothing given from outside is about the same.
+function(vex_link pattern flag)
+  if(NOT vex_linkers MATCHES "${pattern}")
+    add_link_options(${flag})
+  endif()
+endfunction()
+
+add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wcast-align -Wundef)
+vex_compile("-f(no-)?strict-aliasing" -fno-strict-aliasing)
+vex_compile("-f(no-)?function-sections" -ffunction-sections)
+vex_compile("-f(no-)?data-sections" -fdata-sections)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # A false alarm of gcc 12 at additions of strings (its PR105651).
   add_compile_options(-Wno-restrict)
@@ -21,26 +57,14 @@ endif()
 if(VEX_WERROR)
   add_compile_options(-Werror)
 endif()
-add_link_options(-Wl,--as-needed -Wl,--gc-sections)
+vex_link("as-needed" -Wl,--as-needed)
+vex_link("gc-sections" -Wl,--gc-sections)
 
 # The same source gives the same binary, whatever folder it stands in.
-string(REGEX MATCH "-f(file|debug|macro)-prefix-map=" theirs "${CMAKE_CXX_FLAGS}")
-if(NOT theirs)
-  add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+if(VEX_PREFIX_MAP)
+  vex_compile("-f(file|debug|macro)-prefix-map=" -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
 endif()
-
-# vex_harden(PATTERN FLAG): the flag, where nothing given from outside is about the same.
-function(vex_harden pattern flag)
-  if("${CMAKE_CXX_FLAGS} ${CMAKE_EXE_LINKER_FLAGS} ${CMAKE_SHARED_LINKER_FLAGS}" MATCHES "${pattern}")
-    return()
-  endif()
-  string(MAKE_C_IDENTIFIER "VEX_TAKES${flag}" takes)
-  check_cxx_compiler_flag(${flag} ${takes})
-  if(${takes})
-    add_compile_options(${flag})
-  endif()
-endfunction()
 
 if(VEX_SANITIZE)
   add_compile_options(-fsanitize=${VEX_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
@@ -57,8 +81,7 @@ elseif(NOT VEX_FUZZ)
     vex_harden("-mbranch-protection" -mbranch-protection=standard)
   endif()
   # Only where it is compiled with optimisation, as it must be; some compilers define it by themselves.
-  if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$"
-      AND NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE|-O0|-Og")
+  if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")
     include(CheckCXXSourceCompiles)
     set(CMAKE_REQUIRED_FLAGS -O2)
     check_cxx_source_compiles("
@@ -68,16 +91,12 @@ elseif(NOT VEX_FUZZ)
       int main() {}" VEX_FORTIFIES_BY_ITSELF)
     unset(CMAKE_REQUIRED_FLAGS)
     if(NOT VEX_FORTIFIES_BY_ITSELF)
-      add_compile_options(-D_FORTIFY_SOURCE=3)
+      vex_compile("_FORTIFY_SOURCE|-O0|-Og" -D_FORTIFY_SOURCE=3)
     endif()
   endif()
 endif()
-if(NOT CMAKE_EXE_LINKER_FLAGS MATCHES "relro")
-  add_link_options(-Wl,-z,relro)
-endif()
-if(NOT CMAKE_EXE_LINKER_FLAGS MATCHES "-z,(now|lazy)")
-  add_link_options(-Wl,-z,now)
-endif()
+vex_link("relro" -Wl,-z,relro)
+vex_link("-z[, ](now|lazy)" -Wl,-z,now)
 if(VEX_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
     -O1 -g1)

@@ -1,6 +1,6 @@
 # Where things are installed: any prefix, any CMAKE_INSTALL_*DIR below it (or absolute), any DESTDIR,
 # in components (cmake --install BUILD --component NAME): program, configuration, headers,
-# integrations, documentation.
+# documentation.
 
 # lib/, not lib/<triplet>/. A package, which shares its prefix with others, keeps the libraries to
 # itself: -DCMAKE_INSTALL_LIBDIR=lib/vexhostd.

@@ -188,13 +188,17 @@ static int read_options(int argc, char **argv) {
 static unsigned start_delay = 5;
 
 // Creates the agent's registry directory without what an earlier run left in it. Fails when another
-// process has it: then nothing of it is touched.
+// process has it: then nothing of it is touched, nor is it while it is not ours.
 static int prepare_registry_directory() {
   snprintf(log_dir, sizeof(log_dir), "%s/%s", REGISTRY_ROOT, "host");
-  if (claim_dir(log_dir) != 0) {
+  const int claimed = claim_dir(log_dir);
+  if (claimed < 0) {
     return -1;
   }
   create_dir(log_dir, 1);  // a failure shows, and is logged, when the objects are written
+  if (claimed != 0) {
+    return 0;
+  }
   char contents[sizeof(log_dir) + 2];
   snprintf(contents, sizeof(contents), "%s/*", log_dir);
   if (remove_all_dir(contents) != 0) {

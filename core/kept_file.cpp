@@ -192,21 +192,24 @@ static int fill_temporary(int descriptor, const void *data, size_t size) {
   return close(descriptor) == 0 && filled ? 0 : -1;
 }
 
-// Renames the file to the first name beside it that is free, or else to the last of those names,
-// so that the oldest files stay.
+// Gives the file a second name, the first one beside it that is free, or else the last of those
+// names, so that the oldest files stay. Under its own name it stays until it is replaced.
 static int set_aside(int directory, const char *name, char (*aside)[ASIDE_NAME_SIZE]) {
   for (int i = 1; i <= most_aside; i++) {
     snprintf(*aside, sizeof(*aside), "%s.replaced.%d", name, i);
-    struct stat status = {};
-    if (fstatat(directory, *aside, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+    if (linkat(directory, name, directory, *aside, 0) == 0) {
+      return 0;
+    }
+    if (errno != EEXIST) {
       break;
     }
   }
-  if (renameat(directory, name, directory, *aside) != 0) {
-    **aside = '\0';
-    return -1;
+  if (errno == EEXIST && unlinkat(directory, *aside, 0) == 0 &&
+      linkat(directory, name, directory, *aside, 0) == 0) {
+    return 0;
   }
-  return 0;
+  **aside = '\0';
+  return -1;
 }
 
 // Gives the temporary file the file's name and makes that last. Otherwise the old file (or none, if
@@ -246,7 +249,7 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
     return errno == EBADF ? KEPT_FAILED : KEPT_NOT_OPENED;
   }
   const descriptor_handle old(open_in(directory.get(), file, O_WRONLY));
-  bool there = static_cast<bool>(old);
+  const bool there = static_cast<bool>(old);
   if (!there && errno != ENOENT) {
     return errno == EBADF ? KEPT_FAILED : KEPT_NOT_OPENED;
   }
@@ -262,13 +265,12 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
   bool replaced = fill_temporary(made, data, size) == 0;
   if (replaced && there && aside != nullptr) {
     replaced = set_aside(directory.get(), file->name, aside) == 0;
-    there = false;
   }
   replaced = replaced && put_in_place(directory.get(), temporary.text, file, there) == 0;
   if (!replaced) {
     unlinkat(directory.get(), temporary.text, 0);
     if (aside != nullptr && **aside != '\0') {
-      renameat(directory.get(), *aside, directory.get(), file->name);
+      unlinkat(directory.get(), *aside, 0);
       **aside = '\0';
     }
     return KEPT_FAILED;

@@ -225,23 +225,39 @@ Claim &TheClaim() {
 }
 
 // Whether the path below the root still leads to the directory that is held.
-bool ClaimStands(int root) {
+// Nothing, with errno, when it could not be looked at: that says nothing of where it leads.
+std::optional<bool> ClaimStands(int root) {
   const Claim &claim = TheClaim();
   const Descriptor now(OpenBeneath(root, claim.relative, O_PATH | O_DIRECTORY));
-  const auto id = now ? IdOf(now.get()) : std::nullopt;
-  return id && claim.directory && id == IdOf(claim.directory.get());
+  if (!now) {
+    return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? std::optional(false)
+                                                                 : std::nullopt;
+  }
+  if (!claim.directory) {
+    return false;
+  }
+  const auto id = IdOf(now.get());
+  const auto held = id ? IdOf(claim.directory.get()) : std::nullopt;
+  return held ? std::optional(id == held) : std::nullopt;
 }
 
-// Makes and locks the directory below this root. 0, or -1 with errno; EBUSY: another process has
-// it, *holder, 0 when it cannot be told which.
-int TakeClaim(int root, pid_t *holder) {
+enum TakenClaim { kStood = 0, kTakenNow = 1 };
+
+// Makes and locks the directory below this root. Whether it was held already or is from now on; -1
+// with errno; EBUSY: another process has it, *holder, 0 when it cannot be told which. With
+// without_lock, a file system that has no locks will do.
+int TakeClaim(int root, pid_t *holder, bool without_lock) {
   Claim &claim = TheClaim();
   for (int attempt = 0; attempt < kMostChanges; attempt++) {
     if (MakeDirectories(root, claim.relative) != 0) {
       return -1;
     }
-    if (ClaimStands(root)) {
-      return 0;  // by another way to it
+    const std::optional<bool> stands = ClaimStands(root);
+    if (!stands) {
+      return -1;
+    }
+    if (*stands) {
+      return kStood;  // by another way to it
     }
     Descriptor directory(OpenBeneath(root, claim.relative, kDirectory));
     if (!directory && errno == ENOENT) {
@@ -251,29 +267,79 @@ int TakeClaim(int root, pid_t *holder) {
       return -1;
     }
     if (flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
-      if (errno == EWOULDBLOCK) {
+      int error = errno;
+      if (error == EWOULDBLOCK) {
         *holder = LockHolder(directory.get()).value_or(0);
-        errno = EBUSY;
+        const std::optional<uid_t> user = *holder > 0 ? UserOf(*holder) : std::nullopt;
+        if (!user || *user == 0 || *user == geteuid()) {
+          errno = EBUSY;
+          return -1;
+        }
+        // Anybody may open the directory, and so lock it: that must not keep the agent away.
+        error = EPERM;
+      } else if (!without_lock) {
         return -1;
       }
       // A file system without locks: a second agent would not be noticed, but this one can work.
       if (!claim.unlockable) {
         claim.unlockable = true;
         agentlog_fprintf(stderr, "%s: Can't lock registry directory %s/%s: %s\n", AgentName(),
-                         RegistryRootPath().c_str(), claim.relative.c_str(), strerror(errno));
+                         RegistryRootPath().c_str(), claim.relative.c_str(),
+                         error == EPERM ? "another user's process has locked it" : strerror(error));
       }
     }
     // The holder before may have removed it at its end, just after we had opened it.
     const Descriptor now(OpenBeneath(root, claim.relative, O_PATH | O_DIRECTORY));
     if (now && IdOf(now.get()) == IdOf(directory.get())) {
       claim.directory = std::move(directory);
-      return 0;
+      return kTakenNow;
     }
   }
   errno = EAGAIN;
   return -1;
 }
 
+// What may be otherwise in a moment.
+bool IsPassing(int error) {
+  switch (error) {
+    case EBUSY:
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case EINTR:
+    case EIO:
+    case EAGAIN:
+    case ENOLCK:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Whether flock(2) says so of a file system that has none: asked a few times all the same.
+bool LacksLocks(int error) {
+  return error == EOPNOTSUPP || error == ENOSYS || error == EINVAL;
+}
+
+// Says who has the directory, once; the process ends.
+void Refuse(pid_t holder) {
+  Claim &claim = TheClaim();
+  const std::string path = RegistryRootPath() + "/" + claim.relative;
+  if (claim.refused) {
+    return;
+  }
+  claim.refused = true;
+  if (holder > 0) {
+    agentlog_fprintf(stderr, "%s: Process %d already runs with the registry directory %s\n",
+                     AgentName(), static_cast<int>(holder), path.c_str());
+  } else {
+    agentlog_fprintf(stderr, "%s: Another process already runs with the registry directory %s\n",
+                     AgentName(), path.c_str());
+  }
+}
+
+// 0 when the directory is this process's, 1 when that could not be had for another reason than
+// another process, -1 with EBUSY.
 int TakeFirstClaim(const char *path) {
   Claim &claim = TheClaim();
   const std::string &root = RegistryRootPath();
@@ -285,26 +351,20 @@ int TakeFirstClaim(const char *path) {
   claim.relative = std::move(*relative);
   pid_t holder = 0;
   for (int attempt = 1;; attempt++) {
+    const bool last = attempt == kClaimAttempts || agent_ending() != 0;
     const int root_fd = RootOf(root).Get();
-    if (root_fd >= 0 && TakeClaim(root_fd, &holder) == 0) {
+    if (root_fd >= 0 && TakeClaim(root_fd, &holder, last) >= 0) {
       return 0;
     }
-    if (root_fd < 0 || errno != EBUSY) {
-      return 0;  // KeepRoot() tries again; meanwhile the values are served
-    }
-    if (attempt == kClaimAttempts || agent_ending() != 0) {
+    if (last || !(IsPassing(errno) || LacksLocks(errno))) {
       break;
     }
     nanosleep(&kClaimPause, nullptr);
   }
-  claim.refused = true;
-  if (holder > 0) {
-    agentlog_fprintf(stderr, "%s: Process %d already runs with the registry directory %s\n",
-                     AgentName(), static_cast<int>(holder), path);
-  } else {
-    agentlog_fprintf(stderr, "%s: Another process already runs with the registry directory %s\n",
-                     AgentName(), path);
+  if (errno != EBUSY) {
+    return 1;  // KeepRoot() tries again; meanwhile the values are served
   }
+  Refuse(holder);
   errno = EBUSY;
   return -1;
 }
@@ -333,18 +393,30 @@ RootState KeepRoot(std::string *problem) {
   if (!now || GiveDirectoryMode(now.get()) != 0) {
     return failed(errno);
   }
-  bool same = held.IsHeld(now.get());
-  if (!claim.relative.empty() && !(same && ClaimStands(now.get()))) {
+  const std::optional<bool> is_held = held.IsHeld(now.get());
+  const std::optional<bool> stands =
+      claim.relative.empty() ? std::optional(true) : ClaimStands(now.get());
+  if (!is_held || !stands) {
+    return failed(errno);
+  }
+  bool same = *is_held;
+  if (!(same && *stands)) {
     pid_t holder = 0;
-    if (TakeClaim(now.get(), &holder) != 0) {
-      if (errno == EBUSY && holder > 0) {
-        *problem = "process " + std::to_string(holder) + " has the directory";
-        return RootState::kFailed;
+    const bool had = static_cast<bool>(claim.directory);
+    const int taken = claim.relative.empty() ? kStood : TakeClaim(now.get(), &holder, true);
+    if (taken < 0) {
+      if (errno != EBUSY) {
+        return failed(errno);
       }
-      return failed(errno);
+      if (!had) {
+        Refuse(holder);  // it could not be had at the start, and is another's
+      }
+      *problem = holder > 0 ? "process " + std::to_string(holder) + " has the directory"
+                            : "another process has the directory";
+      return RootState::kFailed;
     }
     // As at the start: what is there is no object of this process.
-    if (Clearing(claim.directory.get()).Run() != 0) {
+    if (taken == kTakenNow && Clearing(claim.directory.get()).Run() != 0) {
       agentlog_fprintf(stderr, "%s: Can't clear registry directory %s/%s: %s\n", AgentName(),
                        held.path().c_str(), claim.relative.c_str(), strerror(errno));
     }
@@ -401,7 +473,13 @@ int is_empty_dir(const char *path) {
 }
 
 int remove_empty_dir(const char *path) {
-  return vex::Guarded(-1, [&] { return vex::RemoveEmpty(path != nullptr ? path : ""); });
+  return vex::Guarded(-1, [&] {
+    if (vex::ClaimRefused()) {
+      errno = EBUSY;  // it is another process's
+      return -1;
+    }
+    return vex::RemoveEmpty(path != nullptr ? path : "");
+  });
 }
 
 int open_dir(const char *path) {

@@ -35,8 +35,8 @@ std::vector<HeldLock> HeldLocks(std::string_view text) {
     const std::string line(text.substr(0, end));
     text = end == text.npos ? std::string_view() : text.substr(end + 1);
     HeldLock lock;
-    if (sscanf(line.c_str(), "%*s FLOCK ADVISORY WRITE %d %x:%x:%" SCNu64, &lock.holder,
-               &lock.major, &lock.minor, &lock.inode) == 4 &&
+    if (sscanf(line.c_str(), "%*s FLOCK ADVISORY %*s %d %x:%x:%" SCNu64, &lock.holder, &lock.major,
+               &lock.minor, &lock.inode) == 4 &&
         lock.holder > 0) {
       locks.push_back(lock);
     }
@@ -118,6 +118,25 @@ std::optional<pid_t> LockHolder(int fd) {
     }
   }
   return std::nullopt;
+}
+
+std::optional<uid_t> UserOf(pid_t process) {
+  // Not the owner of its directory there, which is root's for a process that cannot be traced.
+  const Descriptor fd(
+      open(("/proc/" + std::to_string(process) + "/status").c_str(), O_RDONLY | O_CLOEXEC));
+  char text[4096];
+  const ssize_t got = fd ? read(fd.get(), text, sizeof(text) - 1) : -1;
+  if (got <= 0) {
+    return std::nullopt;
+  }
+  text[got] = '\0';
+  const char *line = strstr(text, "\nUid:");
+  unsigned real = 0;
+  unsigned effective = 0;
+  if (line == nullptr || sscanf(line, "\nUid: %u %u", &real, &effective) != 2) {
+    return std::nullopt;
+  }
+  return effective;
 }
 
 }  // namespace vex

@@ -19,6 +19,9 @@ std::optional<pid_t> LockHolder(int fd);
 // it). Nothing when no line has it.
 std::optional<pid_t> LockHolderIn(std::string_view locks, dev_t device, ino_t inode);
 
+// The effective user of a process (proc(5), status); nothing when it is gone or cannot be told.
+std::optional<uid_t> UserOf(pid_t process);
+
 }  // namespace vex
 
 #endif

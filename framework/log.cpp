@@ -2,13 +2,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <mutex>
 
 #include "framework/trusted_link.h"
 #include "platform/framework.h"
@@ -38,10 +42,26 @@ int OpenForAppending(const char *path) {
   return fd < 0 && errno == ELOOP && IsOurLink(path) ? open(path, kFlags, 0600) : fd;
 }
 
-int WriteMessage(int fd, const char *text, size_t length) {
+// Whether a pipe or socket takes something within the limit; other files always do.
+bool TakesMore(int fd, int limit_ms) {
+  pollfd asked = {fd, POLLOUT, 0};
+  return poll(&asked, 1, limit_ms) != 0;
+}
+
+// Who reads standard error may hang, and must not hold up the agent: the first message that is not
+// taken waits a moment, those after it not at all, and how many were lost is said once it is.
+constexpr int kPatienceMs = 100;
+constexpr size_t kChunk = 4096;  // what a pipe that takes anything takes at once
+std::mutex writing;
+unsigned lost;
+
+int WriteBytes(int fd, const char *text, size_t length) {
   size_t done = 0;
   while (done < length) {
-    const ssize_t n = write(fd, text + done, length - done);
+    if (!TakesMore(fd, done == 0 && lost != 0 ? 0 : kPatienceMs)) {
+      return -1;
+    }
+    const ssize_t n = write(fd, text + done, std::min(kChunk, length - done));
     if (n < 0 && errno == EINTR) {
       continue;
     }
@@ -51,6 +71,21 @@ int WriteMessage(int fd, const char *text, size_t length) {
     done += static_cast<size_t>(n);
   }
   return static_cast<int>(length);
+}
+
+int WriteMessage(int fd, const char *text, size_t length) {
+  const std::lock_guard lock(writing);
+  if (lost != 0) {
+    char line[128];
+    const int size = snprintf(line, sizeof(line), "%s: %u messages were lost: nobody took them\n",
+                              AgentName(), lost);
+    if (WriteBytes(fd, line, static_cast<size_t>(size)) >= 0) {
+      lost = 0;
+    }
+  }
+  const int result = WriteBytes(fd, text, length);
+  lost += result < 0;
+  return result;
 }
 
 }  // namespace

@@ -165,7 +165,7 @@ void Leave(int status) {
 
 // Until the process is told to end, or there is nobody left who would answer a manager.
 void Loop() {
-  while (end_came == 0 && !SnmpFailed()) {
+  while (end_came == 0 && !SnmpFailed() && !ClaimRefused()) {
     pollfd sets = {SetChannelFd(), POLLIN, 0};
     if (hangup_came == 0 && alarm_came == 0) {
       ppoll(&sets, 1, nullptr, &hook_mask);
@@ -184,6 +184,7 @@ void Loop() {
         get_data();
       }
       RetryFiles();
+      RetryUnsent();
     }
   }
 }
@@ -228,7 +229,7 @@ int Run(int argc, char **argv) {
     alarm(static_cast<unsigned>(poll_time));
     RetryFiles();
   }
-  if (end_came == 0 && !SnmpFailed()) {
+  if (end_came == 0 && !SnmpFailed() && !ClaimRefused()) {
     SystemdReady();
     Loop();
   }
@@ -243,8 +244,8 @@ int Run(int argc, char **argv) {
   }
   delete_obj(&obj_Q, nullptr, 0);
   RetryFiles();
-  // Without its SNMP side the agent is of no use; it has said so.
-  const int status = SnmpFailed() ? 1 : 0;
+  // Without its SNMP side, or beside another agent, this one is of no use; it has said so.
+  const int status = SnmpFailed() || ClaimRefused() ? 1 : 0;
   Leave(status);
   return status;
 }

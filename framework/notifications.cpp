@@ -91,8 +91,15 @@ void NotificationQueue::Push(Notification notification) {
   Trim();
 }
 
+void NotificationQueue::PushOlder(Notifications notifications) {
+  std::lock_guard lock(mutex_);
+  waiting_.splice(waiting_.begin(), notifications);
+  Trim();
+}
+
 void NotificationQueue::PutBack(Notifications notifications) {
   std::lock_guard lock(mutex_);
+  under_way_ -= std::min(under_way_, notifications.size());
   waiting_.splice(waiting_.begin(), notifications);
   Trim();
 }
@@ -102,8 +109,19 @@ Notifications NotificationQueue::Pop() {
   Notifications first;
   if (!waiting_.empty()) {
     first.splice(first.end(), waiting_, waiting_.begin());
+    under_way_++;
   }
   return first;
+}
+
+void NotificationQueue::Done(size_t count) {
+  std::lock_guard lock(mutex_);
+  under_way_ -= std::min(under_way_, count);
+}
+
+bool NotificationQueue::AllDone() const {
+  std::lock_guard lock(mutex_);
+  return waiting_.empty() && under_way_ == 0;
 }
 
 void NotificationQueue::SetUp(bool up) {
@@ -136,6 +154,7 @@ void NotificationSender::Send(AgentxSession *session) {
                                 [number](const auto &entry) { return entry.sent == number; });
       if (place != unanswered_.end() && response->errstat != kAgentxNotOpen) {
         unanswered_.erase(place);
+        queue_->Done();
       }
       bool refused = response->errstat != SNMP_ERR_NOERROR;
       if (refused && !refused_) {
@@ -159,6 +178,7 @@ void NotificationSender::Send(AgentxSession *session) {
       next_try_ = Clock::now() + kTryAgainAfter;
       return;
     }
+    queue_->Done();
   }
 }
 

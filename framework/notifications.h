@@ -31,10 +31,16 @@ class NotificationQueue {
 
   // Beyond the bound the oldest goes. Throws std::bad_alloc.
   void Push(Notification notification);
-  // Puts back, before all others and in their order, what was sent without an answer.
+  // Puts what is older than all others before them.
+  void PushOlder(Notifications notifications);
+  // Puts back, before all others and in their order, what was popped and sent without an answer.
   void PutBack(Notifications notifications);
-  // The oldest one; empty when there is none.
+  // The oldest one; empty when there is none. It is under way until PutBack() or Done().
   Notifications Pop();
+  // So many of what was popped are sent, or nobody's any more.
+  void Done(size_t count = 1);
+  // Whether none waits and none is under way.
+  bool AllDone() const;
   void SetUp(bool up);
   size_t Size() const;
 
@@ -43,6 +49,7 @@ class NotificationQueue {
 
   mutable std::mutex mutex_;
   Notifications waiting_;
+  size_t under_way_ = 0;
   bool up_ = false;
 };
 

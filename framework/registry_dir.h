@@ -99,8 +99,8 @@ class HeldRoot {
   bool IsOpen() const {
     return static_cast<bool>(fd_);
   }
-  // Whether this is the directory that is held.
-  bool IsHeld(int root) const;
+  // Whether this is the directory that is held; nothing, with errno, when that cannot be told.
+  std::optional<bool> IsHeld(int root) const;
 
  private:
   std::string path_;

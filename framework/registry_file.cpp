@@ -454,9 +454,13 @@ int HeldRoot::Get() {
   return fd_.get();
 }
 
-bool HeldRoot::IsHeld(int root) const {
-  const auto held = fd_ ? IdOf(fd_.get()) : std::nullopt;
-  return held && held == IdOf(root);
+std::optional<bool> HeldRoot::IsHeld(int root) const {
+  if (!fd_) {
+    return false;
+  }
+  const auto held = IdOf(fd_.get());
+  const auto asked = held ? IdOf(root) : std::nullopt;
+  return asked ? std::optional(held == asked) : std::nullopt;
 }
 
 HeldRoot &RootOf(const std::string &path) {
@@ -652,9 +656,9 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
   return layout;
 }
 
-// Fills one slot's bytes, header included.
-void EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, const uint8_t *data,
-                const uint16_t *lengths) {
+// Fills one slot's bytes, header included. The time of publication that stands in it.
+int64_t EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, const uint8_t *data,
+                   const uint16_t *lengths) {
   const size_t lengths_size = 2 * size_t{layout.var_count};
   const size_t size = SlotSize(layout.var_count, layout.data_size);
   memset(slot, 0, sizeof(SlotHeader));
@@ -677,6 +681,7 @@ void EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, cons
       RegistryChecksum(reinterpret_cast<const uint8_t *>(&header), sizeof(header), layout.checksum);
   header.checksum = RegistryChecksum(p, size - sizeof(SlotHeader), sum);
   Store(slot, header);
+  return header.published_ns;
 }
 
 // Which file it is, and that nobody cut it or took it from its readers. The time of birth tells a
@@ -755,10 +760,12 @@ struct ObjectFileWriter::State {
   std::string relative;
   HeldRoot *root;
   std::shared_ptr<const FileLayout> layout;
-  size_t leaf;            // where the last component of relative begins
-  uint64_t sequence = 0;  // of the last attempt to publish
-  uint64_t written = 0;   // of the state that stands in the file
-  Identity file;          // of the file that we made; inode 0: none yet
+  size_t leaf;               // where the last component of relative begins
+  uint64_t sequence = 0;     // of the last attempt to publish
+  uint64_t written = 0;      // of the state that stands in the file
+  int64_t attempted_ns = 0;  // when the last attempt was made, and that state: with its sequence it
+  int64_t written_ns = 0;    // tells a state from all others, also of other objects
+  Identity file;             // of the file that we made; inode 0: none yet
   ChangeTime changed;     // when it was last read and right; not known: read it at the next check
   uint8_t next_slot = 0;  // the older one
   bool replace = false;   // the file is not to be written to any more: the next one replaces it
@@ -834,6 +841,7 @@ int ObjectFileWriter::State::CreateIn(int directory, const std::vector<uint8_t> 
   file = made;
   replace = false;
   written = sequence;
+  written_ns = attempted_ns;
   next_slot = 1;
   changed = {};
   return 0;
@@ -849,7 +857,7 @@ int ObjectFileWriter::State::Create(const uint8_t *data, const uint16_t *lengths
   }
   std::vector<uint8_t> bytes(head + 2 * slot);
   memcpy(bytes.data(), layout->bytes.data(), head);
-  EncodeSlot(&bytes[head], *layout, sequence, data, lengths);
+  attempted_ns = EncodeSlot(&bytes[head], *layout, sequence, data, lengths);
   const int root_fd = root->Get();
   if (root_fd < 0) {
     return -1;
@@ -867,13 +875,14 @@ int ObjectFileWriter::State::WriteSlot(int fd, const uint8_t *data, const uint16
   const size_t size = SlotSize(layout->var_count, layout->data_size);
   static auto *slot = new std::vector<uint8_t>;  // kept from one publication to the next
   slot->resize(size);
-  EncodeSlot(slot->data(), *layout, sequence, data, lengths);
+  attempted_ns = EncodeSlot(slot->data(), *layout, sequence, data, lengths);
   changed = {};
   if (WriteAll(fd, slot->data(), size, static_cast<off_t>(head + next_slot * size)) != 0) {
     return -1;  // the other slot stands; this one is the next to be filled again
   }
   next_slot ^= 1;
   written = sequence;
+  written_ns = attempted_ns;
   return 0;
 }
 
@@ -904,8 +913,8 @@ FileState ObjectFileWriter::State::ReadBack(int directory) {
   const std::vector<uint8_t> &head = layout->bytes;
   bool torn = false;
   const auto object = ParseObjectFile(*bytes, &torn);
-  return object && !torn && object->sequence == written && bytes->size() == file.size &&
-                 memcmp(bytes->data(), head.data(), head.size()) == 0
+  return object && !torn && object->sequence == written && object->published_ns == written_ns &&
+                 bytes->size() == file.size && memcmp(bytes->data(), head.data(), head.size()) == 0
              ? FileState::kIntact
              : FileState::kLost;
 }

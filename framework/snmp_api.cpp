@@ -32,10 +32,41 @@ SnmpSettings &Settings() {
 
 bool traps_enabled = true;
 
-// By which its configuration is found, and what it left unsent.
-std::string &Application() {
-  static auto *application = new std::string;
-  return *application;
+// Of the application that was started; none before.
+std::optional<UnsentFile> &Unsent() {
+  static auto *unsent = new std::optional<UnsentFile>;
+  return *unsent;
+}
+
+// Without an error everything that was kept waits in this process; else a later poll tries again.
+void TakeUnsent() noexcept {
+  try {
+    std::optional<std::vector<Notification>> kept = Unsent()->Read();
+    if (!kept) {
+      Unsent()->SayUnread(errno);
+      return;
+    }
+    if (!kept->empty()) {
+      SnmpNotifyOlder(std::move(*kept));
+    }
+    Unsent()->Taken();
+  } catch (const std::exception &) {
+    Unsent()->SayUnread(ENOMEM);
+  }
+}
+
+// Nothing when it cannot be told what is unsent.
+std::optional<std::vector<Notification>> UnsentAtTheEnd() {
+  constexpr int kTries = 3;
+  for (int tries = 1;; tries++) {
+    try {
+      return SnmpUnsent();
+    } catch (const std::exception &) {
+      if (tries == kTries) {
+        return std::nullopt;
+      }
+    }
+  }
 }
 
 // The address of the query that is open; "" for none.
@@ -157,15 +188,28 @@ void BeginQueries() {
 
 using namespace vex;  // NOLINT(google-build-using-namespace): what follows is the C interface
 
+void vex::RetryUnsent() noexcept {
+  if (!Unsent() || !traps_enabled) {
+    return;
+  }
+  if (Unsent()->Unread()) {
+    TakeUnsent();
+  } else if (SnmpNothingWaiting()) {
+    Unsent()->AllSent();
+  }
+}
+
 bool vex::EndSnmp() {
   const bool ended = SnmpStop();
-  const int kept = Guarded(-1, [] {
-    const std::vector<Notification> unsent = SnmpUnsent();
-    return KeepUnsent(RegistryRootPath(), Application(), unsent);
-  });
-  if (kept != 0) {
-    agentlog_fprintf(stderr, "%s: Can't keep the traps that are not sent for the next start: %s\n",
-                     AgentName(), strerror(errno));
+  if (!Unsent()) {
+    return ended;
+  }
+  if (const auto unsent = UnsentAtTheEnd()) {
+    Unsent()->Keep(*unsent);
+  } else if (!SnmpNothingWaiting()) {
+    // What was kept before is still in the file.
+    agentlog_fprintf(stderr, "%s: Can't keep the traps of this run that are not sent: %s\n",
+                     AgentName(), ended ? "they cannot be had" : "the SNMP side hangs");
   }
   return ended;
 }
@@ -176,16 +220,15 @@ int init_snmp_appname(const char *name) {
       return -1;
     }
     SnmpSettings settings;
+    Unsent().emplace(RegistryRootPath(), name);
     if (SnmpStart(name, &settings) != 0) {
+      Unsent().reset();
       return -1;
     }
     ConfigurePollTime(settings.poll_interval);
     Settings() = std::move(settings);
-    Application() = name;
     if (traps_enabled) {
-      for (Notification &notification : TakeUnsent(RegistryRootPath(), Application())) {
-        SnmpNotify(std::move(notification));
-      }
+      TakeUnsent();
     }
     return 0;
   });

@@ -41,9 +41,9 @@ int SnmpStart(const char *application, SnmpSettings *settings);
 // harmless when it was never started. False when the thread hangs in a library: it is left behind,
 // and the process must end without running what is registered for its exit.
 bool SnmpStop();
-// After SnmpStop(): what was notified and nobody took, oldest first, the newest 256; once. Throws
-// std::bad_alloc.
-std::vector<Notification> SnmpUnsent();
+// After SnmpStop(): what was notified and nobody took, oldest first, the newest 256; once. Nothing
+// when that cannot be told: the thread hangs or has failed. Throws std::bad_alloc; call again.
+std::optional<std::vector<Notification>> SnmpUnsent();
 bool SnmpRunning();
 // Before SnmpStart(): registers behind an agent that serves the same groups, and so answers only
 // while that one is not there.
@@ -70,6 +70,11 @@ void SnmpWithdraw(uint64_t object_id) noexcept;
 // Kept (the newest 256) until the session is up; any order of arrival is the order of sending.
 // Throws std::bad_alloc.
 void SnmpNotify(Notification notification);
+// The same for what is older than everything that waits, in its order: all or, with std::bad_alloc,
+// none of them.
+void SnmpNotifyOlder(std::vector<Notification> notifications);
+// Whether the master has answered for everything that was notified. Any thread.
+bool SnmpNothingWaiting();
 
 struct SnmpAnswer {
   QueryEnd end = QueryEnd::kNotAsked;

@@ -69,7 +69,8 @@ struct Shared {
   std::atomic<bool> images_waiting{false};
 
   NotificationQueue notifications;
-  Notifications unsent;  // of the thread until it has finished
+  Notifications unsent;      // of the thread until it has finished
+  bool unsent_whole = true;  // likewise: the list above has all that is unsent
 
   std::mutex queries_mutex;
   std::list<std::shared_ptr<SnmpQuery>> queries;
@@ -160,6 +161,7 @@ class Loop {
     for (auto one = Side().notifications.Pop(); !one.empty(); one = Side().notifications.Pop()) {
       Side().unsent.splice(Side().unsent.end(), one);
     }
+    Side().unsent_whole = true;
   }
 
  private:
@@ -400,6 +402,7 @@ void RunThread(Starting &starting, bool *begun) {
       *begun = true;
       side.state_changed.notify_all();
     }
+    side.unsent_whole = false;
     loop.Run();
   }
   UnloadSnmp(starting.application);
@@ -461,6 +464,7 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   side.stop = false;
   side.finished = false;
   side.up = false;
+  side.notifications.Done(side.unsent.size());
   side.unsent.clear();
   Sets().SetWake(WakeThread);
 
@@ -526,16 +530,17 @@ bool SnmpFailed() {
   return Side().failed;
 }
 
-std::vector<Notification> SnmpUnsent() {
+std::optional<std::vector<Notification>> SnmpUnsent() {
   Shared &side = Side();
   std::lock_guard lock(side.state_mutex);
-  if (!side.finished) {
-    return {};
+  if (!side.finished || !side.unsent_whole) {
+    return std::nullopt;
   }
   std::vector<Notification> unsent;
   for (const WaitingNotification &waiting : side.unsent) {
     unsent.push_back(waiting.notification);
   }
+  side.notifications.Done(side.unsent.size());
   side.unsent.clear();
   return unsent;
 }
@@ -596,6 +601,21 @@ void SnmpNotify(Notification notification) {
   if (Side().wake_fd >= 0) {
     WakeThread();
   }
+}
+
+void SnmpNotifyOlder(std::vector<Notification> notifications) {
+  Notifications older;
+  for (Notification &notification : notifications) {
+    older.push_back({std::move(notification)});
+  }
+  Side().notifications.PushOlder(std::move(older));
+  if (Side().wake_fd >= 0) {
+    WakeThread();
+  }
+}
+
+bool SnmpNothingWaiting() {
+  return Side().notifications.AllDone();
 }
 
 SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,

@@ -11,7 +11,10 @@
 #include <optional>
 #include <string_view>
 
+#include "framework/guard.h"
+#include "framework/log.h"
 #include "framework/registry_dir.h"
+#include "platform/framework.h"
 
 namespace vex {
 namespace {
@@ -100,28 +103,20 @@ bool Unpack(Reader *reader, Notification *notification) {
   return true;
 }
 
-std::vector<Notification> Unpack(std::string_view packed) {
-  std::vector<Notification> notifications;
+// Adds what is whole; false when that is not all of it.
+bool Unpack(std::string_view packed, std::vector<Notification> *notifications) {
   if (!packed.starts_with(kMark)) {
-    return notifications;
+    return false;
   }
   Reader reader(packed.substr(kMark.size()));
-  while (!reader.AtEnd() && notifications.size() < kMostNotifications) {
+  while (!reader.AtEnd()) {
     Notification notification;
-    if (!Unpack(&reader, &notification)) {
-      break;
+    if (notifications->size() == kMostNotifications || !Unpack(&reader, &notification)) {
+      return false;
     }
-    notifications.push_back(std::move(notification));
+    notifications->push_back(std::move(notification));
   }
-  return notifications;
-}
-
-// Of the file, below the root; nothing for a name that is none.
-std::optional<std::string> NameOf(const std::string &application) {
-  if (application.empty() || application[0] == '.' || application.find('/') != application.npos) {
-    return std::nullopt;
-  }
-  return application + ".traps";
+  return true;
 }
 
 int WriteAll(int fd, std::string_view bytes) {
@@ -155,95 +150,198 @@ std::optional<std::string> ReadAll(int fd, size_t size) {
   return bytes;
 }
 
-// What the file holds, tried again a few times; nothing with errno: ENOENT when there is none,
-// EINVAL when it is not this user's plain file.
-std::optional<std::string> ReadFile(int directory, const std::string &name) {
+// Whether nobody but root and this user can make or rename files there. An access list's entries
+// show in the group's bits.
+bool IsPrivate(int directory) {
+  struct stat status = {};
+  return fstat(directory, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid()) &&
+         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Why such a file is not used; null when it is. Siblings that are not root may be allowed to write
+// in the directory, and what they put there is not sent.
+const char *WhyRefused(int directory, const struct stat &status) {
+  if (!S_ISREG(status.st_mode)) {
+    return "it is no plain file";
+  }
+  if (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return "others may write to it";
+  }
+  if (status.st_nlink > 1 && !IsPrivate(directory)) {
+    return "it is a second name of another file, and others may write in its directory";
+  }
+  if (status.st_size > kMostBytes) {
+    return "it is too large";
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+UnsentFile::UnsentFile(std::string root, const std::string &application) : root_(std::move(root)) {
+  if (!application.empty() && application[0] != '.' && application.find('/') == application.npos) {
+    name_ = application + ".traps";
+    path_ = root_ + "/" + name_;
+  } else {
+    state_ = State::kGone;
+  }
+}
+
+// What the file holds, tried again a few times. Nothing with errno: ENOENT when there is none,
+// EINVAL when it is not used.
+std::optional<std::string> UnsentFile::Contents(int directory) {
   constexpr int kTries = 3;
   for (int tries = 1;; tries++) {
-    const Descriptor file(openat(directory, name.c_str(), O_RDONLY | kPlain));
+    const char *refused = nullptr;
+    const Descriptor file(openat(directory, name_.c_str(), O_RDONLY | kPlain));
     struct stat status = {};
-    if (file && fstat(file.get(), &status) == 0) {
-      // Siblings that are not root may be allowed to write here; what they put there is not sent.
-      if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() ||
-          (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_nlink != 1 ||
-          status.st_size > kMostBytes) {
-        errno = EINVAL;
-        return std::nullopt;
-      }
-      std::optional<std::string> bytes = ReadAll(file.get(), static_cast<size_t>(status.st_size));
-      if (bytes) {
-        return bytes;
+    if (!file && (errno == ELOOP || errno == ENXIO)) {
+      refused = "it is no plain file";  // a link, or a socket
+    } else if (file && fstat(file.get(), &status) == 0) {
+      refused = WhyRefused(directory, status);
+      if (refused == nullptr) {
+        std::optional<std::string> bytes = ReadAll(file.get(), static_cast<size_t>(status.st_size));
+        if (bytes) {
+          return bytes;
+        }
       }
     }
-    if (errno == ELOOP || errno == ENXIO) {
-      errno = EINVAL;  // a link, or a pipe
+    if (refused != nullptr) {
+      agentlog_fprintf(stderr, "%s: File %s not used: %s\n", AgentName(), path_.c_str(), refused);
+      state_ = State::kRefused;
+      errno = EINVAL;
+      return std::nullopt;
     }
-    if (errno == ENOENT || errno == EINVAL || tries == kTries) {
+    if (errno == ENOENT || tries == kTries) {
       return std::nullopt;
     }
   }
 }
 
-}  // namespace
+std::optional<std::vector<Notification>> UnsentFile::Read() {
+  std::vector<Notification> notifications;
+  if (state_ != State::kUnread) {
+    return notifications;
+  }
+  std::optional<std::string> packed;
+  const Descriptor directory(OpenRegistryRoot(root_, false));
+  if (directory) {
+    unlinkat(directory.get(), ("." + name_ + ".new").c_str(), 0);
+    packed = Contents(directory.get());
+  }
+  if (!packed) {
+    if (errno == ENOENT) {
+      state_ = State::kGone;
+    }
+    return state_ == State::kUnread ? std::nullopt : std::optional(std::move(notifications));
+  }
+  if (!Unpack(*packed, &notifications)) {
+    agentlog_fprintf(stderr, "%s: File %s is damaged: %zu traps of it are sent\n", AgentName(),
+                     path_.c_str(), notifications.size());
+  }
+  return notifications;
+}
 
-int KeepUnsent(const std::string &root, const std::string &application,
-               std::span<const Notification> notifications) {
-  const std::optional<std::string> name = NameOf(application);
-  if (notifications.empty() || !name) {
-    errno = EINVAL;
-    return notifications.empty() ? 0 : -1;
+void UnsentFile::SayUnread(int error) {
+  if (!said_unread_) {
+    said_unread_ = true;
+    agentlog_fprintf(stderr, "%s: Can't read the traps kept at %s: %s (trying again)\n",
+                     AgentName(), path_.c_str(), strerror(error));
   }
-  const Descriptor directory(OpenRegistryRoot(root, true));
-  if (!directory) {
-    return -1;
+}
+
+void UnsentFile::Taken() {
+  if (state_ == State::kUnread) {
+    state_ = State::kTaken;
   }
-  // What could not be taken at the start, or was not to be sent, is older and stays.
-  std::vector<Notification> all;
-  if (const std::optional<std::string> packed = ReadFile(directory.get(), *name)) {
-    all = Unpack(*packed);
-  } else if (errno != ENOENT && errno != EINVAL) {
-    return -1;
+  if (said_unread_) {
+    said_unread_ = false;
+    agentlog_fprintf(stderr, "%s: The traps kept at %s are read\n", AgentName(), path_.c_str());
   }
-  all.insert(all.end(), notifications.begin(), notifications.end());
-  if (all.size() > kMostNotifications) {
-    all.erase(all.begin(), all.end() - static_cast<ptrdiff_t>(kMostNotifications));
+}
+
+void UnsentFile::AllSent() {
+  if (state_ != State::kTaken) {
+    return;
+  }
+  const Descriptor directory(Guarded(-1, [&] { return OpenRegistryRoot(root_, false); }));
+  if ((directory && unlinkat(directory.get(), name_.c_str(), 0) == 0) || errno == ENOENT) {
+    state_ = State::kGone;
+  } else if (!said_stays_) {
+    said_stays_ = true;
+    agentlog_fprintf(stderr, "%s: Can't remove %s, whose traps are sent: %s (trying again)\n",
+                     AgentName(), path_.c_str(), strerror(errno));
+  }
+}
+
+int UnsentFile::Write(int directory, std::span<const Notification> notifications) const {
+  if (notifications.size() > kMostNotifications) {
+    notifications = notifications.last(kMostNotifications);
+  }
+  std::string packed = Pack(notifications);
+  while (packed.size() > static_cast<size_t>(kMostBytes)) {
+    notifications = notifications.subspan(1);
+    packed = Pack(notifications);
   }
   // Reading is what fsync(2) wants of a directory.
-  const Descriptor readable(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::string beside = "." + *name + ".new";
-  unlinkat(directory.get(), beside.c_str(), 0);  // of an agent that was killed
-  Descriptor file(
-      openat(directory.get(), beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | kPlain, 0600));
+  const Descriptor readable(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::string beside = "." + name_ + ".new";
+  unlinkat(directory, beside.c_str(), 0);  // of an agent that was killed
+  const Descriptor file(
+      openat(directory, beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | kPlain, 0600));
   if (!file) {
     return -1;
   }
-  if (WriteAll(file.get(), Pack(all)) != 0 || fsync(file.get()) != 0 ||
-      renameat(directory.get(), beside.c_str(), directory.get(), name->c_str()) != 0) {
+  if (WriteAll(file.get(), packed) != 0 || fsync(file.get()) != 0 ||
+      renameat(directory, beside.c_str(), directory, name_.c_str()) != 0) {
     const int error = errno;
-    unlinkat(directory.get(), beside.c_str(), 0);
+    unlinkat(directory, beside.c_str(), 0);
     errno = error;
     return -1;
   }
   return readable && fsync(readable.get()) != 0 ? -1 : 0;
 }
 
-std::vector<Notification> TakeUnsent(const std::string &root, const std::string &application) {
-  const std::optional<std::string> name = NameOf(application);
-  const Descriptor directory(name ? OpenRegistryRoot(root, false) : -1);
+int UnsentFile::Replace(std::span<const Notification> notifications) {
+  const Descriptor directory(name_.empty() ? -1 : OpenRegistryRoot(root_, true));
   if (!directory) {
-    return {};
+    errno = name_.empty() ? EINVAL : errno;
+    return -1;
   }
-  const std::optional<std::string> packed = ReadFile(directory.get(), *name);
-  if (!packed) {
-    return {};
+  // What could not be taken, or was not to be sent, is older and stays.
+  std::vector<Notification> all;
+  if (state_ == State::kUnread) {
+    if (const std::optional<std::string> packed = Contents(directory.get())) {
+      Unpack(*packed, &all);
+    } else if (errno != ENOENT && errno != EINVAL) {
+      return -1;
+    }
   }
-  // Before the file goes: what finds no memory is taken by the next start.
-  std::vector<Notification> notifications = Unpack(*packed);
-  // A file that stays would be sent at every start.
-  if (unlinkat(directory.get(), name->c_str(), 0) != 0) {
-    return {};
+  all.insert(all.end(), notifications.begin(), notifications.end());
+  return Write(directory.get(), all);
+}
+
+int UnsentFile::Keep(std::span<const Notification> notifications) noexcept {
+  if (notifications.empty()) {
+    AllSent();
+    return state_ == State::kTaken ? -1 : 0;
   }
-  return notifications;
+  // Want of memory may pass.
+  constexpr int kTries = 3;
+  int kept = -1;
+  errno = ENOMEM;
+  for (int tries = 1; kept != 0 && errno == ENOMEM && tries <= kTries; tries++) {
+    kept = Guarded(-1, [&] { return Replace(notifications); });
+  }
+  if (kept != 0) {
+    const int error = errno;
+    agentlog_fprintf(stderr,
+                     "%s: Can't keep traps for the next start: %s; %zu traps that are not sent are "
+                     "lost\n",
+                     AgentName(), strerror(error), notifications.size());
+    errno = error;
+  }
+  return kept;
 }
 
 }  // namespace vex

@@ -192,9 +192,11 @@ int delete_obj(struct queue *registry, struct registry_object *object, int zero)
 
 /* Takes a directory below REGISTRY_ROOT for this process alone, for as long as it lives; makes it
  * when it is missing. Once, before create_dir() and remove_all_dir(). Waits a second for a holder
- * that is just ending. Returns 0, also when the directory cannot be made or reached now (the
- * framework tries again after each poll); -1 with errno when the process must not go on: EBUSY when
- * another process has it (the log then says which one), EXDEV for a path elsewhere, ENOMEM. */
+ * that is just ending, or for what is short. Returns 0; 1 when the directory cannot be made or
+ * reached now: it must not be cleared then, and the framework tries again after each poll, clears
+ * it once it is had, and ends the process when it is another's; -1 with errno when the process must
+ * not go on: EBUSY when another process has it (the log then says which one), EXDEV for a path
+ * elsewhere, ENOMEM. */
 int claim_dir(const char *path);
 
 /* Creates a directory below REGISTRY_ROOT and, when parents is 1, what is missing above it (mode

@@ -1,6 +1,9 @@
 // The registry's files as a sibling agent sees them, and siblings' files as the readers see them.
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -356,6 +359,34 @@ TEST(SecondStart, WorksAtOnceAfterAKill) {
   }
   host.daemon.Start();
   EXPECT_EQ(host.daemon.Count("already runs"), 0U);
+}
+
+// Anybody may open the directory for reading, and so lock it.
+TEST(SecondStart, AnotherUsersLockKeepsNoAgentAway) {
+  MadeUpHost host;
+  host.Start();
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  const std::string directory = std::string(MadeUpHost::kRegistry) + "/host";
+  const pid_t locker = fork();
+  ASSERT_GE(locker, 0);
+  if (locker == 0) {
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+    const bool locked =
+        fd >= 0 && setgid(65534) == 0 && setuid(65534) == 0 && flock(fd, LOCK_EX) == 0;
+    pause();
+    _exit(locked ? 0 : 1);
+  }
+  EXPECT_TRUE(Eventually([&] {
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+    const bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0;
+    close(fd);
+    return held;
+  }));
+  host.daemon.Start();
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize").substr(0, 9), "INTEGER: ");
+  EXPECT_EQ(host.daemon.Count("another user's process has locked it"), 1U) << host.daemon.Log();
+  kill(locker, SIGKILL);
+  waitpid(locker, nullptr, 0);
 }
 
 // A mount asker that hangs outlives the agent, and holds nothing of it.

@@ -1,5 +1,8 @@
 // Notifications, through the tests' own agent.
+#include <filesystem>
+
 #include "framework/mib_table.h"
+#include "platform/framework.h"
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;
@@ -12,6 +15,8 @@ std::string DescriptionOid() {
     oid += "." + std::to_string(id);
   return oid + ".0";
 }
+
+const std::string kKept = REGISTRY_ROOT "/vexhostd.traps";
 
 // What "trap I" of the test agent looks like when it arrives.
 std::vector<std::string> Variables(int number, const std::string &name) {
@@ -77,6 +82,66 @@ TEST(Traps, RaisedWhileTheMasterIsDownOutliveTheAgent) {
   host.StartTestAgent();
   ASSERT_TRUE(host.Order("trap 1\n"));
   EXPECT_EQ(host.traps.WaitFor(5, 1).size(), 4U);
+}
+
+TEST(Traps, OutliveAnAgentThatIsKilledBeforeItCouldSendThem) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  host.snmpd.Kill();
+  ASSERT_TRUE(host.Order("trap 2\n"));
+  host.daemon.Stop();
+  host.StartTestAgent({"plain"}, false);
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.StartTestAgent({"plain"}, false);
+  host.snmpd.Start();
+  const auto traps = host.traps.WaitFor(2);
+  ASSERT_EQ(traps.size(), 2U);
+  for (int i = 0; i < 2; i++)
+    EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  host.SetOrders("");
+  // Once the master has them the file goes, and another killed agent sends none again.
+  EXPECT_TRUE(Eventually([&] {
+    host.daemon.Poll();
+    return !std::filesystem::exists(kKept);
+  }));
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.StartTestAgent();
+  ASSERT_TRUE(host.Order("trap 1\n"));
+  EXPECT_EQ(host.traps.WaitFor(4, 1).size(), 3U);
+}
+
+TEST(Traps, ThatCannotBeReadAtTheStartAreReadByALaterPoll) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  host.snmpd.Kill();
+  ASSERT_TRUE(host.Order("trap 2\n"));
+  host.daemon.Stop();
+  host.SetOrders("");
+  DaemonOptions options;
+  options.program = TestAgentPath();
+  options.arguments = {"plain"};
+  options.fault = {"open", "vexhostd.traps", EMFILE, 1000};
+  host.daemon.Start(options);
+  ASSERT_TRUE(host.daemon.Poll());
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Count("test_agent: Can't read the traps kept at " + kKept +
+                              ": Too many open files (trying again)"),
+            1U);
+  // Without a chance to be read they stay, and what could not join them is counted.
+  ASSERT_TRUE(host.Order("trap 3\n"));
+  host.daemon.Stop();
+  EXPECT_EQ(host.daemon.Count("3 traps that are not sent are lost"), 1U) << host.daemon.Log();
+  host.SetOrders("");
+  host.daemon.Start(options);
+  host.snmpd.Start();
+  host.daemon.SetFault({});
+  ASSERT_TRUE(host.daemon.Poll());
+  const auto traps = host.traps.WaitFor(2);
+  ASSERT_EQ(traps.size(), 2U);
+  for (int i = 0; i < 2; i++)
+    EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
 }
 
 TEST(Traps, RaisedBeforeTheFirstMaster) {

@@ -206,16 +206,50 @@ class Refusals(Work):
         run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja",
             *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("GTest", "benchmark")))
 
-    def test_flags_from_outside_stand(self):
-        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja",
-            CXXFLAGS="-O1 -D_FORTIFY_SOURCE=1 -fno-stack-protector -fcf-protection=none")
+    def flags(self, *options, **environment):
+        """What one source is compiled with, and what one program is linked with."""
+        shutil.rmtree(self.build, ignore_errors=True)
+        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja", *options, **environment)
         ninja = self.read(self.build + "/build.ninja")
-        flags = re.search(r"agent\.cpp\.o:.*?FLAGS = ([^\n]*)", ninja, re.S).group(1).split()
-        self.assertEqual([flag for flag in flags if "FORTIFY" in flag], ["-D_FORTIFY_SOURCE=1"])
-        self.assertEqual([flag for flag in flags if "stack-protector" in flag],
-                         ["-fno-stack-protector"])
-        self.assertEqual([flag for flag in flags if "cf-protection" in flag], ["-fcf-protection=none"])
-        self.assertNotIn("-Werror", flags)
+        return (re.search(r"agent\.cpp\.o:.*?FLAGS = ([^\n]*)", ninja, re.S).group(1).split(),
+                re.search(r"build bin/vexhostd:.*?LINK_FLAGS = ([^\n]*)", ninja, re.S).group(1).split())
+
+    # What a packager may give, and the part by which all flags about the same are known.
+    THEIRS = {"-D_FORTIFY_SOURCE=1": "FORTIFY", "-fno-stack-protector": "stack-protector",
+              "-fno-stack-clash-protection": "stack-clash", "-fcf-protection=none": "cf-protection",
+              "-fstrict-aliasing": "strict-aliasing", "-fno-function-sections": "function-sections",
+              "-fno-data-sections": "data-sections",
+              "-ffile-prefix-map=/here=/there": "prefix-map"}
+    LINKERS = {"-Wl,--no-as-needed": "as-needed", "-Wl,--no-gc-sections": "gc-sections",
+               "-Wl,-z,norelro": "relro", "-Wl,-z,lazy": "-z,lazy"}
+
+    def assert_they_stand(self, flags, theirs):
+        for flag, about in theirs.items():
+            self.assertEqual([each for each in flags if about in each], [flag])
+
+    def test_flags_from_outside_stand(self):
+        theirs, linkers = " ".join(self.THEIRS), " ".join(self.LINKERS)
+        for options, environment in (
+                ([], {"CXXFLAGS": "-O1 " + theirs, "LDFLAGS": linkers}),
+                (["-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O1 " + theirs,
+                  "-DCMAKE_EXE_LINKER_FLAGS_RELEASE=" + linkers], {})):
+            with self.subTest(options):
+                flags, linked = self.flags(*options, **environment)
+                self.assert_they_stand(flags, self.THEIRS)
+                self.assert_they_stand(linked, self.LINKERS)
+                self.assertNotIn("-Wl,-z,now", linked)
+                self.assertNotIn("-Werror", flags)
+
+    def test_and_are_ours_where_nothing_is_given(self):
+        # Those of the other language are no word about this one.
+        flags, linked = self.flags(CFLAGS=" ".join(self.THEIRS), CXXFLAGS="", LDFLAGS="")
+        for flag in ("-fno-strict-aliasing", "-ffunction-sections", "-fstack-protector-strong",
+                     "-fstack-clash-protection", f"-ffile-prefix-map={SOURCE}=."):
+            self.assertIn(flag, flags)
+        for flag in ("-Wl,--as-needed", "-Wl,--gc-sections", "-Wl,-z,relro", "-Wl,-z,now"):
+            self.assertIn(flag, linked)
+        flags, _ = self.flags("-DVEX_PREFIX_MAP=OFF", CXXFLAGS="")
+        self.assertEqual([flag for flag in flags if "prefix-map" in flag], [])
 
 
 if __name__ == "__main__":

@@ -101,6 +101,7 @@ class Unit(Installed):
 
     def test_it_comes_after_snmpd_and_does_not_fall_with_it(self):
         self.assertEqual(self.all_of("After"), ["snmpd.service"])
+        self.assertEqual(self.all_of("Wants"), ["snmpd.service"])
         for bond in ("Requires", "Requisite", "BindsTo", "PartOf", "Upholds"):
             self.assertEqual(self.all_of(bond), [])
 

@@ -386,6 +386,15 @@ int __wrap_renameat2(int from_directory, const char *from, int to_directory, con
              : __real_renameat2(from_directory, from, to_directory, to, flags);
 }
 
+int __real_linkat(int from_directory, const char *from, int to_directory, const char *to,
+                  int flags);
+int __wrap_linkat(int from_directory, const char *from, int to_directory, const char *to,
+                  int flags) {
+  return rec::Fails("linkat", PathBelow(to_directory, to))
+             ? -1
+             : __real_linkat(from_directory, from, to_directory, to, flags);
+}
+
 int __real_unlinkat(int directory, const char *name, int flags);
 int __wrap_unlinkat(int directory, const char *name, int flags) {
   return rec::Fails("unlinkat", PathBelow(directory, name))

@@ -48,6 +48,27 @@ TEST(NotificationQueue, KeepsAFloodWhileTheMasterIsThere) {
   EXPECT_EQ(PopNumber(&queue), 745U);
 }
 
+TEST(NotificationQueue, IsAllDoneOnceNothingWaitsOrIsUnderWay) {
+  NotificationQueue queue;
+  EXPECT_TRUE(queue.AllDone());
+  queue.Push(Numbered(2));
+  Notifications older;
+  older.push_back({Numbered(1)});
+  queue.PushOlder(std::move(older));
+  EXPECT_FALSE(queue.AllDone());
+  Notifications popped = queue.Pop();
+  EXPECT_EQ(popped.front().notification.number, 1U);
+  EXPECT_EQ(PopNumber(&queue), 2U);
+  EXPECT_FALSE(queue.AllDone());
+  queue.Done();
+  EXPECT_FALSE(queue.AllDone());
+  queue.PutBack(std::move(popped));
+  EXPECT_FALSE(queue.AllDone());
+  EXPECT_EQ(PopNumber(&queue), 1U);
+  queue.Done();
+  EXPECT_TRUE(queue.AllDone());
+}
+
 TEST(NotificationQueue, WhatWasNotAnsweredGoesFirstAgain) {
   NotificationQueue queue;
   queue.Push(Numbered(3));

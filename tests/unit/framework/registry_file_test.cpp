@@ -473,6 +473,14 @@ TEST_F(CheckedFile, IsLostWhateverBecameOfIt) {
   }
 }
 
+TEST_F(CheckedFile, AnotherObjectsWholeStateInItIsLost) {
+  ObjectFileWriter other = Writer("host/b");
+  ASSERT_EQ(Publish(other, 1), 0);
+  WaitForATick();
+  WriteBytes(Path(), ReadBytes(registry_.Path("host/b")));
+  EXPECT_EQ(Check(false), FileState::kLost);
+}
+
 TEST_F(CheckedFile, AChangeWithinTheSameTickShowsWhenItIsRead) {
   std::vector<uint8_t> bytes = ReadBytes(Path());
   bytes[bytes.size() / 2 - 20] ^= 1;

@@ -1,12 +1,14 @@
 #include "framework/unsent.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,15 +57,27 @@ class Unsent : public testing::Test {
     std::ofstream(Path(), std::ios::binary | std::ios::trunc) << bytes;
     chmod(Path().c_str(), 0600);
   }
+  UnsentFile File(const std::string &application = "agent") const {
+    return {registry.root(), application};
+  }
+  int Keep(const std::vector<Notification> &notifications) const {
+    return File().Keep(notifications);
+  }
+  // What a process reads whose notifications are all sent at once.
   std::vector<Notification> Take() const {
-    return TakeUnsent(registry.root(), "agent");
+    UnsentFile file = File();
+    std::optional<std::vector<Notification>> read = file.Read();
+    EXPECT_TRUE(read.has_value());
+    file.Taken();
+    file.AllSent();
+    return read.value_or(std::vector<Notification>());
   }
 
   TempRegistry registry;
 };
 
 TEST_F(Unsent, AreTakenOnceInTheirOrder) {
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  ASSERT_EQ(Keep(Some()), 0);
   struct stat status = {};
   ASSERT_EQ(stat(Path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600U);
@@ -75,25 +89,25 @@ TEST_F(Unsent, AreTakenOnceInTheirOrder) {
 TEST_F(Unsent, WhatWasNotTakenStaysBeforeWhatComes) {
   std::vector<Notification> later = Some();
   later.front().number = 99;
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", later), 0);
+  ASSERT_EQ(Keep(Some()), 0);
+  ASSERT_EQ(Keep(later), 0);
   std::vector<Notification> both = Some();
   both.insert(both.end(), later.begin(), later.end());
   ExpectSame(Take(), both);
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", later), 0);
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", std::vector<Notification>(255)), 0);
+  ASSERT_EQ(Keep(later), 0);
+  ASSERT_EQ(Keep(std::vector<Notification>(255)), 0);
   const std::vector<Notification> newest = Take();
   ASSERT_EQ(newest.size(), 256U);
   EXPECT_EQ(newest.front().number, later.back().number);
 }
 
 TEST_F(Unsent, NoneMakeNoFile) {
-  EXPECT_EQ(KeepUnsent(registry.root(), "agent", {}), 0);
+  EXPECT_EQ(Keep({}), 0);
   EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
 }
 
 TEST_F(Unsent, OfWhatWasCutOffTheWholeOnesAreLeft) {
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  ASSERT_EQ(Keep(Some()), 0);
   const std::string whole = Bytes();
   const size_t mark = whole.find('\n') + 1;
   const size_t each = (whole.size() - mark) / 3;
@@ -104,15 +118,18 @@ TEST_F(Unsent, OfWhatWasCutOffTheWholeOnesAreLeft) {
 }
 
 TEST_F(Unsent, AnythingElseIsNotRead) {
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  ASSERT_EQ(Keep(Some()), 0);
   const std::string whole = Bytes();
   const std::string elsewhere = registry.base() + "/elsewhere";
   std::filesystem::rename(Path(), elsewhere);
   std::filesystem::create_symlink(elsewhere, Path());
   EXPECT_TRUE(Take().empty());
   std::filesystem::remove(Path());
+  // A second name, where others could have made it.
   std::filesystem::create_hard_link(elsewhere, Path());
+  chmod(registry.root().c_str(), 0777);
   EXPECT_TRUE(Take().empty());
+  chmod(registry.root().c_str(), 0755);
   std::filesystem::remove(Path());
   ASSERT_EQ(mkfifo(Path().c_str(), 0600), 0);
   EXPECT_TRUE(Take().empty());
@@ -124,20 +141,96 @@ TEST_F(Unsent, AnythingElseIsNotRead) {
   EXPECT_EQ(Take().size(), 3U);
 }
 
+TEST_F(Unsent, ASecondNameInAPrivateDirectoryIsReadLikeAnyOther) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string elsewhere = registry.base() + "/elsewhere";
+  std::filesystem::create_hard_link(Path(), elsewhere);
+  ExpectSame(Take(), Some());
+  EXPECT_FALSE(std::filesystem::exists(Path()));
+  EXPECT_TRUE(std::filesystem::exists(elsewhere));
+}
+
+TEST_F(Unsent, StayInTheFileUntilAllAreSent) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string before = Bytes();
+  {
+    UnsentFile killed = File();
+    ExpectSame(*killed.Read(), Some());
+    killed.Taken();
+  }
+  EXPECT_EQ(Bytes(), before);
+  UnsentFile file = File();
+  ExpectSame(*file.Read(), Some());
+  // Without memory for them they are read again.
+  file.AllSent();
+  EXPECT_EQ(Bytes(), before);
+  ExpectSame(*file.Read(), Some());
+  file.Taken();
+  file.AllSent();
+  EXPECT_FALSE(std::filesystem::exists(Path()));
+  file.AllSent();
+}
+
+TEST_F(Unsent, OnceTakenAreReplacedByWhatIsLeftOfThem) {
+  ASSERT_EQ(Keep(Some()), 0);
+  UnsentFile file = File();
+  std::vector<Notification> left = *file.Read();
+  file.Taken();
+  left.erase(left.begin());
+  ASSERT_EQ(file.Keep(left), 0);
+  UnsentFile next = File();
+  ExpectSame(*next.Read(), left);
+  next.Taken();
+  EXPECT_EQ(next.Keep({}), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+}
+
+TEST_F(Unsent, WhatCannotBeReadStaysAndIsReadLater) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string before = Bytes();
+  UnsentFile file = File();
+  {
+    // No descriptor is left.
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto read = file.Read();
+    const int error = errno;
+    const int kept = file.Keep(std::vector<Notification>(1));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(read.has_value());
+    EXPECT_EQ(error, EMFILE);
+    EXPECT_NE(kept, 0);
+  }
+  EXPECT_TRUE(file.Unread());
+  EXPECT_EQ(Bytes(), before);
+  EXPECT_EQ(file.Keep({}), 0);
+  EXPECT_EQ(Bytes(), before);
+  ExpectSame(*file.Read(), Some());
+}
+
+TEST_F(Unsent, WhatAKilledAgentLeftOfANewFileIsRemoved) {
+  std::ofstream(registry.root() + "/.agent.traps.new") << "half";
+  EXPECT_TRUE(File().Read()->empty());
+  EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+}
+
 TEST_F(Unsent, ANameThatLeadsElsewhereIsRefused) {
   for (const char *name : {"", ".", "..", "../agent", "host/agent"}) {
-    EXPECT_NE(KeepUnsent(registry.root(), name, Some()), 0) << name;
-    EXPECT_TRUE(TakeUnsent(registry.root(), name).empty()) << name;
+    UnsentFile file = File(name);
+    EXPECT_TRUE(file.Read()->empty()) << name;
+    EXPECT_NE(file.Keep(Some()), 0) << name;
   }
   EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
 }
 
 TEST_F(Unsent, WhatWasKeptStaysWhereNothingCanBeWritten) {
-  ASSERT_EQ(KeepUnsent(registry.root(), "agent", Some()), 0);
+  ASSERT_EQ(Keep(Some()), 0);
   const std::string before = Bytes();
   // In the place of the file that is written first.
   std::filesystem::create_directory(registry.root() + "/.agent.traps.new");
-  EXPECT_NE(KeepUnsent(registry.root(), "agent", std::vector<Notification>(1)), 0);
+  EXPECT_NE(Keep(std::vector<Notification>(1)), 0);
   EXPECT_EQ(Bytes(), before);
 }
 

@@ -34,8 +34,8 @@ bool SnmpFailed() {
   return TheFakeSnmp().failed;
 }
 
-std::vector<Notification> SnmpUnsent() {
-  return {};
+std::optional<std::vector<Notification>> SnmpUnsent() {
+  return std::vector<Notification>();
 }
 
 bool SnmpRunning() {
@@ -62,6 +62,16 @@ void SnmpWithdraw(uint64_t object_id) noexcept {
 
 void SnmpNotify(Notification notification) {
   TheFakeSnmp().notifications.push_back(std::move(notification));
+}
+
+void SnmpNotifyOlder(std::vector<Notification> notifications) {
+  for (Notification &notification : notifications) {
+    SnmpNotify(std::move(notification));
+  }
+}
+
+bool SnmpNothingWaiting() {
+  return true;
 }
 
 SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,
