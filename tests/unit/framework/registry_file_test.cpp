@@ -532,7 +532,7 @@ TEST_F(RegistryFile, ADirectoryWithoutItsModeGetsIt) {
 TEST(DirectoryLock, ReadsTheTableOfLocks) {
   constexpr char kLocks[] =
       "1: POSIX  ADVISORY  WRITE 11 08:01:4711 0 EOF\n"
-      "2: FLOCK  ADVISORY  READ 12 08:01:4711 0 EOF\n"
+      "2: FLOCK  ADVISORY  READ 12 08:01:4713 0 EOF\n"
       "3: FLOCK  ADVISORY  WRITE 13 08:02:4711 0 EOF\n"
       "4: FLOCK  ADVISORY  WRITE 14 fd:1a:4711 0 EOF\n"
       "4: -> FLOCK  ADVISORY  WRITE 15 08:01:4711 0 EOF\n"
@@ -540,6 +540,7 @@ TEST(DirectoryLock, ReadsTheTableOfLocks) {
       "6: FLOCK  ADVISORY  WRITE";
   EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4711), 812);
   EXPECT_EQ(LockHolderIn(kLocks, makedev(0xfd, 0x1a), 4711), 14);
+  EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4713), 12) << "a shared one keeps us away, too";
   EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4712), std::nullopt);
   EXPECT_EQ(LockHolderIn("", makedev(8, 1), 4711), std::nullopt);
 }
