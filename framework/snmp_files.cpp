@@ -101,6 +101,20 @@ void ReadAgentxSocket(const char *, char *line) {
   netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, line);
 }
 
+// Whether the library looks in that directory for an application's files. A file of the same name
+// elsewhere is one that another application's file includes.
+bool IsConfigurationDirectory(std::string_view directory) {
+  const char *all = get_configuration_directory();
+  for (std::string_view left = all != nullptr ? all : ""; !left.empty();) {
+    const size_t end = std::min(left.find(':'), left.size());
+    if (left.substr(0, end) == directory) {
+      return true;
+    }
+    left.remove_prefix(std::min(end + 1, left.size()));
+  }
+  return false;
+}
+
 // Whether the message is the library's about an unknown token in a file that is not one of
 // reported_application's: "PATH: line NUMBER: Warning: Unknown token: TOKEN.".
 bool AboutAnothersToken(const char *message) {
@@ -111,6 +125,9 @@ bool AboutAnothersToken(const char *message) {
   const std::string_view path = text.substr(0, text.find(": line "));
   const size_t slash = path.rfind('/');
   const std::string_view name = slash == path.npos ? path : path.substr(slash + 1);
+  if (slash != path.npos && !IsConfigurationDirectory(path.substr(0, slash))) {
+    return true;
+  }
   for (const char *end : {".conf", ".local.conf"}) {
     if (name == reported_application + end) {
       return false;

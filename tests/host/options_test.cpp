@@ -194,7 +194,11 @@ TEST(Configuration, UnknownTokensAreALineEach) {
             "agentXPingInterval 10\nagentXTimeout 2\nagentXRetries 3\nagentXPerms 0660 0550\n"
             "rocommunity y\n");
   host.File("/etc/snmp/snmp.conf", "defVersion 2c\nnobodysToken 1\n");
-  host.File("/etc/snmp/snmpd.conf", "rocommunity z\nview all included .1\nnobodysToken 1\n");
+  host.File("/etc/snmp/snmpd.conf",
+            "rocommunity z\nview all included .1\nnobodysToken 1\nincludeDir "
+            "/etc/snmp/snmpd.conf.d\n");
+  // snmpd's, whatever its name.
+  host.File("/etc/snmp/snmpd.conf.d/vexhostd.conf", "master agentx\n");
   EXPECT_EQ(Period(&host, {"-i"}), 20U);
   const std::string log = host.daemon.Log();
   EXPECT_EQ(host.daemon.LinesWith("Unknown token"),
