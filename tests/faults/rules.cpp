@@ -35,6 +35,10 @@ const std::vector<Exception> &Exceptions() {
        "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.\\d+ = "
        "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*)",
        "the first row of a utility that cannot be made, which the log says, is the last one tried"},
+      {"", "",
+       "[-+] (object host/misc tlxHoSwVerNextIndex = \\d+|walk "
+       "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.2\\.0 = INTEGER: \\d+)",
+       "the next index goes with the rows that there are"},
   };
   return exceptions;
 }
