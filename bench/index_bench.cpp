@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "framework/mib_index.h"
+#include "framework/snmp/mib_index.h"
 #include "platform/framework.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/objects.h"
-#include "framework/registry_file.h"
+#include "framework/registry/objects.h"
+#include "framework/registry/registry_file.h"
 #include "platform/framework.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "core/util.h"
+#include "common/util.h"
 
 // ---- Channel ------------------------------------------------------------------------------------
 

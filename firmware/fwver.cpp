@@ -4,9 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "core/row_table.h"
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/row_table.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "firmware/controller.h"
 #include "firmware/powerpic.h"
 #include "firmware/proc_drivers.h"

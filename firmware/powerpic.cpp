@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-#include "core/util.h"
+#include "common/util.h"
 #include "firmware/smbios_string.h"
 #include "platform/channel.h"
 

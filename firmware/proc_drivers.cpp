@@ -5,7 +5,7 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-#include "core/util.h"
+#include "common/util.h"
 
 // ---- Line scanner -------------------------------------------------------------------------------
 

@@ -1,6 +1,6 @@
 #include "firmware/programmable_logic.h"
 
-#include "core/util.h"
+#include "common/util.h"
 #include "firmware/controller.h"
 #include "platform/channel.h"
 

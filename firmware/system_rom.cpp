@@ -1,6 +1,6 @@
 #include "firmware/system_rom.h"
 
-#include "core/util.h"
+#include "common/util.h"
 #include "firmware/smbios_string.h"
 
 // SMBIOS type 0, BIOS information: numbers of the version and release date strings.

@@ -11,10 +11,10 @@
 #include <cstring>
 #include <thread>
 
-#include "framework/agentx_session.h"
-#include "framework/mib_index.h"
-#include "framework/set_channel.h"
-#include "framework/snmp_requests.h"
+#include "framework/snmp/agentx_session.h"
+#include "framework/snmp/mib_index.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_requests.h"
 #include "platform/framework.h"
 
 const char *agent = "fuzz";

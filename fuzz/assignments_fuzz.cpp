@@ -5,8 +5,8 @@
 #include <optional>
 #include <string_view>
 
-#include "framework/appliance.h"
-#include "framework/distribution.h"
+#include "framework/machine/appliance.h"
+#include "framework/machine/distribution.h"
 
 const char *agent = "fuzz";
 

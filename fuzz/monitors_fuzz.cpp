@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/snmpd_watchdog.h"
+#include "agent/snmpd_watchdog.h"
 #include "monitors/cpu.h"
 #include "monitors/filesys.h"
 #include "monitors/memory.h"

@@ -3,8 +3,8 @@
 // bytes of an object's file (as it is, and what its data block alone would be).
 #include <string>
 
-#include "framework/registry_file.h"
-#include "framework/registry_format.h"
+#include "framework/registry/registry_file.h"
+#include "framework/registry/registry_format.h"
 #include "fuzz/fake_objects.h"
 // With their state in reach.
 #include "status/mib_status.cpp"

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "framework/registry_format.h"
+#include "framework/registry/registry_format.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "framework/oid_text.h"
-#include "framework/snmp_files.h"
+#include "framework/snmp/oid_text.h"
+#include "framework/snmp/snmp_files.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "tools/vexreg/values.h"
 
 namespace vex {
-// Of framework/registry_format.h, whose other names are those of put.h too.
+// Of framework/registry/registry_format.h, whose other names are those of put.h too.
 std::optional<FileObject> ParseObjectFile(const std::vector<uint8_t> &file, bool *torn);
 }  // namespace vex
 

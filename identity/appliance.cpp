@@ -5,8 +5,8 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------

@@ -12,9 +12,9 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include "core/kept_file.h"
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/kept_file.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------

@@ -9,8 +9,8 @@
 #include <strings.h>
 #include <time.h>
 
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------

@@ -7,8 +7,8 @@
 #include <string.h>
 #include <strings.h>
 
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------

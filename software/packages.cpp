@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "platform/framework.h"
 #include "software/components.h"
 #include "software/swver.h"

@@ -5,7 +5,7 @@
 #include <string.h>
 #include <sys/types.h>
 
-#include "core/kept_file.h"
+#include "common/kept_file.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
 #include "status/ranmar.h"

@@ -8,7 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "core/util.h"
+#include "common/util.h"
 #include "platform/framework.h"
 
 // ---- Getters ------------------------------------------------------------------------------------

@@ -10,8 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "core/util.h"
-#include "core/variables.h"
+#include "common/util.h"
+#include "common/variables.h"
 #include "platform/framework.h"
 #include "status/guid.h"
 #include "status/mib_status.h"

@@ -12,7 +12,7 @@ import unittest
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 PAGES = {name: os.path.join(SOURCE, "docs", "man", name)
          for name in ("vexhostd.8", "vexhostd.conf.5", "vexreg.1")}
-PRODUCT = ("core", "identity", "monitors", "status", "software", "firmware", "framework",
+PRODUCT = ("agent", "common", "identity", "monitors", "status", "software", "firmware", "framework",
            "hardware", "platform")
 BUILD = ""
 
@@ -80,7 +80,7 @@ class Options(unittest.TestCase):
         # Those it takes and does not print: help itself, and the watchdog, which is not for all.
         self.assertEqual(page, printed | {"h", "z"})
         taken = re.search(r'options\[\] = "([a-z:]+)"',
-                          read(os.path.join(SOURCE, "core", "agent.cpp"))).group(1)
+                          read(os.path.join(SOURCE, "agent", "agent.cpp"))).group(1)
         self.assertEqual(page, set(taken.replace(":", "")) | {"l"})
         synopsis = rendered("vexhostd.8").split("DESCRIPTION")[0]
         self.assertEqual(set("".join(re.findall(r"\[-(\w+)", synopsis))), page)
@@ -227,7 +227,7 @@ class Sources(unittest.TestCase):
 
     def test_every_own_token_is_described(self):
         text = read(PAGES["vexhostd.conf.5"])
-        code = read(os.path.join(SOURCE, "framework", "snmp_files.cpp"))
+        code = read(os.path.join(SOURCE, "framework", "snmp", "snmp_files.cpp"))
         own = re.findall(r'register_config_handler\(application\.c_str\(\), "(\w+)"', code)
         self.assertEqual(sorted(own), ["agentXPerms", "agentXSocket", "community", "pollInterval"])
         for token in own:
@@ -270,7 +270,7 @@ class Documents(unittest.TestCase):
                       if name.endswith(".md")]
         named = 0
         for document in documents:
-            for path in re.findall(r"`((?:docs|scripts|tests|core|identity|monitors|status|software|"
+            for path in re.findall(r"`((?:docs|scripts|tests|agent|common|identity|monitors|status|software|"
                                    r"firmware|framework|hardware|platform|mibs|tools|fuzz|packaging|"
                                    r"decisions)/[\w./-]*|[a-z-]+\.md)`", read(document)):
                 # A document of the folder is named by its name alone there.

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/mib_table.h"
+#include "framework/snmp/mib_table.h"
 #include "tests/support/golden_host.h"
 
 using namespace made_up;

@@ -1,5 +1,5 @@
 // What the modules say against what a real snmpd serves for the real agent, variable by variable.
-#include "framework/mib_table.h"
+#include "framework/snmp/mib_table.h"
 
 #include <algorithm>
 #include <cstring>

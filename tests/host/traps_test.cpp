@@ -1,7 +1,7 @@
 // Notifications, through the tests' own agent.
 #include <filesystem>
 
-#include "framework/mib_table.h"
+#include "framework/snmp/mib_table.h"
 #include "platform/framework.h"
 #include "tests/support/made_up_host.h"
 

@@ -114,7 +114,7 @@ class Files(unittest.TestCase):
 
     def test_the_flags_are_the_packagers(self):
         with open(PACKAGES + "/log", encoding="utf-8") as log:
-            lines = [line for line in log if " -c " in line and "core/agent.cpp" in line]
+            lines = [line for line in log if " -c " in line and "agent/agent.cpp" in line]
         self.assertTrue(lines)
         for flag in ("-O2", "-fstack-clash-protection", "-fstack-protector-strong",
                      "-ffile-prefix-map="):

@@ -70,7 +70,7 @@ class Rpm(unittest.TestCase):
 
     def test_the_flags_are_the_packagers(self):
         with open(f"{WORK}/log.first", encoding="utf-8") as log:
-            [line] = [line for line in log if " -c " in line and "/core/agent.cpp" in line]
+            [line] = [line for line in log if " -c " in line and "/agent/agent.cpp" in line]
         for flag in FLAGS.split():
             self.assertIn(flag, line.split())
         # rpm maps the build's folders itself.

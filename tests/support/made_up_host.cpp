@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "framework/mib_table.h"
+#include "framework/snmp/mib_table.h"
 #include "platform/framework.h"
 
 namespace made_up {

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/registry_file.h"
+#include "framework/registry/registry_file.h"
 #include "tests/support/probe.h"
 #include "tests/support/process.h"
 #include "tests/support/snmp_client.h"

@@ -21,10 +21,10 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/image.h"
-#include "framework/mib_table.h"
-#include "framework/registry_file.h"
-#include "framework/snmp_side.h"
+#include "framework/registry/image.h"
+#include "framework/registry/registry_file.h"
+#include "framework/snmp/mib_table.h"
+#include "framework/snmp/snmp_side.h"
 #include "platform/framework.h"
 
 // What the framework asks of an agent: its name for the log alone.

@@ -15,7 +15,7 @@
 #include <iostream>
 #include <string>
 
-#include "framework/registry_dir.h"
+#include "framework/registry/registry_dir.h"
 #include "tools/vexreg/commands.h"
 
 namespace vex {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/registry_file.h"
+#include "framework/registry/registry_file.h"
 
 namespace vex {
 

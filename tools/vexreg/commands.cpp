@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "framework/registry_dir.h"
+#include "framework/registry/registry_dir.h"
 #include "tools/vexreg/put.h"
 #include "tools/vexreg/values.h"
 

@@ -10,11 +10,11 @@
 #include <map>
 #include <thread>
 
-#include "framework/directory_lock.h"
-#include "framework/mib_table.h"
-#include "framework/registry_dir.h"
-#include "framework/snmp_ask.h"
-#include "framework/snmp_files.h"
+#include "framework/registry/directory_lock.h"
+#include "framework/registry/registry_dir.h"
+#include "framework/snmp/mib_table.h"
+#include "framework/snmp/snmp_ask.h"
+#include "framework/snmp/snmp_files.h"
 #include "tools/vexreg/bounded.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/host_facts.h"

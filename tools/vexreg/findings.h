@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "framework/registry_file.h"
-#include "framework/snmp_files.h"
+#include "framework/registry/registry_file.h"
+#include "framework/snmp/snmp_files.h"
 
 namespace vex {
 

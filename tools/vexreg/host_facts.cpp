@@ -19,12 +19,12 @@
 #include <memory>
 #include <sstream>
 
-#include "core/hwinfo.h"
-#include "framework/appliance.h"
-#include "framework/distribution.h"
-#include "framework/log.h"
-#include "framework/registry_dir.h"
+#include "framework/machine/appliance.h"
+#include "framework/machine/distribution.h"
+#include "framework/process/log.h"
+#include "framework/registry/registry_dir.h"
 #include "hardware/tlxci/paths.h"
+#include "identity/hwinfo.h"
 #include "monitors/filesys.h"
 #include "platform/ev.h"
 #include "platform/framework.h"

@@ -8,7 +8,7 @@
 #include <numeric>
 #include <optional>
 
-#include "framework/mib_table.h"
+#include "framework/snmp/mib_table.h"
 #include "platform/framework.h"
 #include "tools/vexreg/values.h"
 

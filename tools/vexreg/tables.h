@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/registry_file.h"
+#include "framework/registry/registry_file.h"
 
 namespace vex {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "framework/registry_file.h"
+#include "framework/registry/registry_file.h"
 
 namespace vex {
 

@@ -12,7 +12,7 @@
 #include <map>
 #include <set>
 
-#include "framework/registry_dir.h"
+#include "framework/registry/registry_dir.h"
 #include "tools/vexreg/changes.h"
 #include "tools/vexreg/commands.h"
 

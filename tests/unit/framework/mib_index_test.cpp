@@ -1,4 +1,4 @@
-#include "framework/mib_index.h"
+#include "framework/snmp/mib_index.h"
 
 #include <gtest/gtest.h>
 

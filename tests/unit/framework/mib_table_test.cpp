@@ -1,5 +1,5 @@
 // The generated table of MIB variables: what managers, peers and the framework rely on.
-#include "framework/mib_table.h"
+#include "framework/snmp/mib_table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Asking mounts, with a made-up statvfs() that hangs on demand.
-#include "framework/mount_stats.h"
+#include "framework/machine/mount_stats.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "framework/notifications.h"
+#include "framework/snmp/notifications.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "framework/oid_text.h"
+#include "framework/snmp/oid_text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "framework/query_patience.h"
+#include "framework/snmp/query_patience.h"
 
 #include <gtest/gtest.h>
 

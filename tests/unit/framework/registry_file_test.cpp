@@ -1,4 +1,4 @@
-#include "framework/registry_file.h"
+#include "framework/registry/registry_file.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -18,8 +18,8 @@
 #include <functional>
 #include <random>
 
-#include "framework/directory_lock.h"
-#include "framework/registry_dir.h"
+#include "framework/registry/directory_lock.h"
+#include "framework/registry/registry_dir.h"
 #include "tests/unit/framework/temp_registry.h"
 
 namespace vex {

@@ -1,4 +1,4 @@
-#include "framework/set_channel.h"
+#include "framework/snmp/set_channel.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

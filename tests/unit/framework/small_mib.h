@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/image.h"
-#include "framework/mib_index.h"
+#include "framework/registry/image.h"
+#include "framework/snmp/mib_index.h"
 #include "platform/framework.h"
 
 namespace vex {

@@ -1,4 +1,4 @@
-#include "framework/snmp_config.h"
+#include "framework/snmp/snmp_config.h"
 
 #include <gtest/gtest.h>
 

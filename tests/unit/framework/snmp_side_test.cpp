@@ -1,5 +1,5 @@
 // The whole SNMP side, from its face to the agent thread down to the packets on a master's socket.
-#include "framework/snmp_side.h"
+#include "framework/snmp/snmp_side.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -24,9 +24,9 @@
 #include <sstream>
 #include <thread>
 
-#include "framework/agentx_session.h"
-#include "framework/set_channel.h"
-#include "framework/snmp_config.h"
+#include "framework/snmp/agentx_session.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_config.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
 

@@ -1,4 +1,4 @@
-#include "framework/unsent.h"
+#include "framework/snmp/unsent.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

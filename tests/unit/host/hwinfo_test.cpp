@@ -1,4 +1,4 @@
-#include "core/hwinfo.h"
+#include "identity/hwinfo.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "core/snmpd_watchdog.h"
+#include "agent/snmpd_watchdog.h"
 
 #include <gtest/gtest.h>
 

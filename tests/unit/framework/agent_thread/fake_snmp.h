@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "framework/image.h"
-#include "framework/set_channel.h"
-#include "framework/snmp_side.h"
+#include "framework/registry/image.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_side.h"
 
 namespace vex {
 

@@ -1,4 +1,4 @@
-#include "framework/log.h"
+#include "framework/process/log.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

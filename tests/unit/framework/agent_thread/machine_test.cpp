@@ -13,9 +13,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "framework/appliance.h"
-#include "framework/commands.h"
-#include "framework/distribution.h"
+#include "framework/machine/appliance.h"
+#include "framework/machine/distribution.h"
+#include "framework/process/commands.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/temp_registry.h"
 

@@ -1,5 +1,5 @@
 // The main loop with hooks of the test's own, each in a process of its own.
-#include "framework/main_loop.h"
+#include "framework/process/main_loop.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,9 +13,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "framework/log.h"
-#include "framework/objects.h"
-#include "framework/systemd.h"
+#include "framework/process/log.h"
+#include "framework/process/systemd.h"
+#include "framework/registry/objects.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/agent_hooks.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"

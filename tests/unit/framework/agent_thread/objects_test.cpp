@@ -1,4 +1,4 @@
-#include "framework/objects.h"
+#include "framework/registry/objects.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,8 +14,8 @@
 #include <algorithm>
 #include <new>
 
-#include "framework/registry_dir.h"
-#include "framework/registry_file.h"
+#include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_file.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"
 #include "tests/unit/framework/temp_registry.h"
 

@@ -17,9 +17,9 @@
 #include <string>
 #include <thread>
 
-#include "framework/agentx_session.h"
-#include "framework/set_channel.h"
-#include "framework/snmp_side.h"
+#include "framework/snmp/agentx_session.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_side.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
 

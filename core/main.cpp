@@ -1,6 +1,0 @@
-// vexhostd: the framework runs the process; everything else is in the hooks (core/agent.cpp).
-#include "platform/framework.h"
-
-int main(int argc, char **argv) {
-  return agent_main(argc, argv);
-}

@@ -1,0 +1,304 @@
+#include "framework/process/main_loop.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string_view>
+
+#include "framework/process/guard.h"
+#include "framework/process/log.h"
+#include "framework/process/systemd.h"
+#include "framework/registry/objects.h"
+#include "framework/registry/registry_dir.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_api.h"
+#include "framework/snmp/snmp_side.h"
+#include "platform/framework.h"
+
+namespace vex {
+
+namespace {
+
+// ---- Signals: their handlers set flags, and the loop acts on them between hooks. They are blocked
+// except while waiting and while a hook runs: a command that a hook starts inherits the mask.
+
+volatile sig_atomic_t alarm_came;
+volatile sig_atomic_t end_came;
+volatile sig_atomic_t hangup_came;
+
+constexpr int kOurSignals[] = {SIGALRM, SIGTERM, SIGINT, SIGHUP};
+
+sigset_t hook_mask;  // none of ours blocked
+sigset_t loop_mask;  // all of ours blocked
+
+// A wait that a hook enters just after it has looked whether the agent is ending would not hear the
+// one signal that said so: from then on a timer interrupts again and again.
+constexpr long kInsistNs = 100'000'000;
+timer_t insisting;
+bool can_insist;
+
+void Insist(bool on) {
+  if (can_insist) {
+    const timespec every = {0, on ? kInsistNs : 0};
+    const itimerspec times = {every, every};
+    timer_settime(insisting, 0, &times, nullptr);
+  }
+}
+
+void Note(int signal) {
+  switch (signal) {
+    case SIGALRM:
+      alarm_came = 1;
+      break;
+    case SIGHUP:
+      hangup_came = 1;
+      break;
+    case SIGTERM:
+    case SIGINT:
+      if (end_came == 0) {
+        end_came = 1;
+        Insist(true);
+      }
+      break;
+    default:  // SIGPIPE: a write says so too; ignored signals would be inherited by commands
+      break;
+  }
+}
+
+void PrepareSignals() {
+  pthread_sigmask(SIG_SETMASK, nullptr, &loop_mask);
+  hook_mask = loop_mask;
+  for (const int signal : kOurSignals) {
+    sigaddset(&loop_mask, signal);
+    sigdelset(&hook_mask, signal);
+  }
+  pthread_sigmask(SIG_SETMASK, &loop_mask, nullptr);
+  struct sigaction action = {};
+  action.sa_handler = Note;
+  action.sa_flags = SA_RESTART;
+  sigfillset(&action.sa_mask);
+  sigevent event = {};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGALRM;
+  can_insist = timer_create(CLOCK_MONOTONIC, &event, &insisting) == 0;
+  for (const int signal : kOurSignals) {
+    sigaction(signal, &action, nullptr);
+  }
+  sigaction(SIGPIPE, &action, nullptr);
+  // Whoever started us may ignore it, and then no command's status could be had.
+  action.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &action, nullptr);
+}
+
+// ---- Hooks
+
+std::atomic<int64_t> in_hook_since{0};
+
+class Hook {
+ public:
+  Hook() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    in_hook_since = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+    BeginQueries();
+    pthread_sigmask(SIG_SETMASK, &hook_mask, nullptr);
+  }
+  ~Hook() {
+    pthread_sigmask(SIG_SETMASK, &loop_mask, nullptr);
+    in_hook_since = 0;
+  }
+  Hook(const Hook &) = delete;
+  Hook &operator=(const Hook &) = delete;
+};
+
+int RunSetAsHook(uint8_t phase, SetItem &item) {
+  Hook hook;
+  return RunSet(phase, item);
+}
+
+// ---- Start and end
+
+// A registry file must never become standard output.
+void OpenStandardDescriptors() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd > STDERR_FILENO) {
+    close(fd);
+  }
+}
+
+const char *BaseName(const char *path) {
+  const char *slash = strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+// What a failed start leaves behind: nothing of ours stays.
+void RemoveDirectory() {
+  if (ClaimRefused()) {
+    return;  // it is another process's
+  }
+  const size_t length = strnlen(log_dir, sizeof(log_dir));
+  if (length == 0 || length == sizeof(log_dir) || log_dir[0] != '/') {
+    return;
+  }
+  const auto relative = ResolveDirectoryName(log_dir, RegistryRootPath());
+  if (relative && !relative->empty()) {
+    remove_empty_dir(log_dir);
+  }
+}
+
+// Ends the SNMP side. Where its thread is left behind, the process ends here, by _exit(2): that
+// thread still uses what an ordinary end destroys.
+void Leave(int status) {
+  if (!EndSnmp()) {
+    _exit(status);
+  }
+}
+
+// Until the process is told to end, or there is nobody left who would answer a manager.
+void Loop() {
+  while (end_came == 0 && !SnmpFailed() && !ClaimRefused()) {
+    pollfd sets = {SetChannelFd(), POLLIN, 0};
+    if (hangup_came == 0 && alarm_came == 0) {
+      ppoll(&sets, 1, nullptr, &hook_mask);
+    }
+    if (hangup_came != 0) {
+      hangup_came = 0;
+      ReopenLog();
+    }
+    if ((sets.revents & POLLIN) != 0) {
+      ServeSets(RunSetAsHook);
+    }
+    if (end_came == 0 && alarm_came != 0) {
+      alarm_came = 0;
+      {
+        Hook hook;
+        get_data();
+      }
+      RetryFiles();
+      RetryUnsent();
+    }
+  }
+}
+
+int Run(int argc, char **argv) {
+  OpenStandardDescriptors();
+  PrepareSignals();
+  static char *name = strdup(argc > 0 && argv[0] != nullptr ? BaseName(argv[0]) : "agent");
+  agent = name;
+  CommandLine line = TakeOwnOptions(argc, argv);
+  if (line.bad) {
+    agentlog_fprintf(stderr, "%s: Option -l needs a file name\n", AgentName());
+    return 1;
+  }
+  if (line.log_file != nullptr && OpenLog(line.log_file) != 0) {
+    agentlog_fprintf(stderr, "%s: Can't open log file %s: %s\n", AgentName(), line.log_file,
+                     strerror(errno));
+    return 1;
+  }
+  SystemdPrepare();
+  if (poll_time < 1) {
+    poll_time = kDefaultPollTime;
+  }
+
+  int result;
+  {
+    Hook hook;
+    result = init_agent(static_cast<int>(line.rest.size()) - 1, line.rest.data());
+  }
+  if (result != 0) {
+    Insist(false);
+    alarm(0);
+    CloseSets();
+    delete_obj(&obj_Q, nullptr, 0);
+    RemoveDirectory();
+    // A start that was told to end has not failed.
+    const int status = end_came != 0 ? 0 : 1;
+    Leave(status);
+    return status;
+  }
+  if (end_came == 0) {
+    alarm(static_cast<unsigned>(poll_time));
+    RetryFiles();
+  }
+  if (end_came == 0 && !SnmpFailed() && !ClaimRefused()) {
+    SystemdReady();
+    Loop();
+  }
+
+  SystemdStopping();
+  Insist(false);
+  alarm(0);
+  CloseSets();
+  {
+    Hook hook;
+    cleanup_agent();
+  }
+  delete_obj(&obj_Q, nullptr, 0);
+  RetryFiles();
+  // Without its SNMP side, or beside another agent, this one is of no use; it has said so.
+  const int status = SnmpFailed() || ClaimRefused() ? 1 : 0;
+  Leave(status);
+  return status;
+}
+
+bool poll_time_set;
+
+}  // namespace
+
+CommandLine TakeOwnOptions(int argc, char **argv) {
+  CommandLine line;
+  int i = 0;
+  for (; i < argc; i++) {
+    const std::string_view argument = argv[i];
+    if (i == 0 || !argument.starts_with("-l")) {
+      line.rest.push_back(argv[i]);
+      if (i > 0 && argument == "--") {
+        i++;
+        break;
+      }
+    } else if (argument.size() > 2) {
+      line.log_file = argv[i] + 2;
+    } else if (i + 1 < argc) {
+      line.log_file = argv[++i];
+    } else {
+      line.bad = true;
+    }
+  }
+  line.rest.insert(line.rest.end(), argv + i, argv + argc);
+  line.rest.push_back(nullptr);
+  return line;
+}
+
+int64_t InHookSince() {
+  return in_hook_since;
+}
+
+void ConfigurePollTime(int seconds) {
+  if (!poll_time_set && seconds >= 1) {
+    poll_time = seconds;
+  }
+}
+
+}  // namespace vex
+
+void set_poll_time(int seconds) {
+  vex::poll_time_set = true;
+  poll_time = seconds < 1 ? 1 : seconds;
+}
+
+int agent_ending(void) {
+  return vex::end_came;
+}
+
+int agent_main(int argc, char **argv) {
+  return vex::Guarded(1, [&] { return vex::Run(argc, argv); });
+}

@@ -1,0 +1,142 @@
+#include "framework/registry/directory_lock.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "framework/registry/registry_dir.h"
+
+namespace vex {
+namespace {
+
+// A lock that is held: who waits for one has an arrow in its line.
+struct HeldLock {
+  pid_t holder = 0;
+  unsigned major = 0;
+  unsigned minor = 0;
+  uint64_t inode = 0;
+};
+
+// "1: FLOCK  ADVISORY  WRITE 812 08:01:4711 0 EOF"
+std::vector<HeldLock> HeldLocks(std::string_view text) {
+  std::vector<HeldLock> locks;
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    const std::string line(text.substr(0, end));
+    text = end == text.npos ? std::string_view() : text.substr(end + 1);
+    HeldLock lock;
+    if (sscanf(line.c_str(), "%*s FLOCK ADVISORY %*s %d %x:%x:%" SCNu64, &lock.holder, &lock.major,
+               &lock.minor, &lock.inode) == 4 &&
+        lock.holder > 0) {
+      locks.push_back(lock);
+    }
+  }
+  return locks;
+}
+
+std::string ReadLocks() {
+  std::string text;
+  const Descriptor fd(open("/proc/locks", O_RDONLY | O_CLOEXEC));
+  char part[4096];
+  for (ssize_t got; fd;) {
+    got = read(fd.get(), part, sizeof(part));
+    if (got <= 0 && !(got < 0 && errno == EINTR)) {
+      break;
+    }
+    text.append(part, got > 0 ? static_cast<size_t>(got) : 0);
+  }
+  return text;
+}
+
+std::string LinkText(const std::string &path) {
+  char text[PATH_MAX];
+  const ssize_t length = readlink(path.c_str(), text, sizeof(text));
+  return {text, length > 0 ? static_cast<size_t>(length) : 0};
+}
+
+// Whether the process has that file open, under that path. No other file is looked at, which might
+// hang.
+bool HasOpen(pid_t process, const std::string &path, const struct stat &file) {
+  const std::string directory = "/proc/" + std::to_string(process) + "/fd";
+  DIR *dir = opendir(directory.c_str());
+  bool found = false;
+  while (dir != nullptr && !found) {
+    const dirent *entry = readdir(dir);
+    if (entry == nullptr) {
+      break;
+    }
+    const std::string link = directory + "/" + entry->d_name;
+    struct stat st;
+    found = LinkText(link) == path && stat(link.c_str(), &st) == 0 && st.st_dev == file.st_dev &&
+            st.st_ino == file.st_ino;
+  }
+  if (dir != nullptr) {
+    closedir(dir);
+  }
+  return found;
+}
+
+std::optional<pid_t> HolderAmong(const std::vector<HeldLock> &locks, dev_t device, ino_t inode) {
+  for (const HeldLock &lock : locks) {
+    if (lock.inode == inode && lock.major == major(device) && lock.minor == minor(device)) {
+      return lock.holder;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<pid_t> LockHolderIn(std::string_view locks, dev_t device, ino_t inode) {
+  return HolderAmong(HeldLocks(locks), device, inode);
+}
+
+std::optional<pid_t> LockHolder(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    return std::nullopt;
+  }
+  const std::vector<HeldLock> locks = HeldLocks(ReadLocks());
+  if (const auto holder = HolderAmong(locks, st.st_dev, st.st_ino)) {
+    return holder;
+  }
+  // Layered file systems have other numbers there than stat(2) gives.
+  const std::string path = LinkText("/proc/self/fd/" + std::to_string(fd));
+  for (const HeldLock &lock : locks) {
+    if (!path.empty() && lock.holder != getpid() && HasOpen(lock.holder, path, st)) {
+      return lock.holder;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<uid_t> UserOf(pid_t process) {
+  // Not the owner of its directory there, which is root's for a process that cannot be traced.
+  const Descriptor fd(
+      open(("/proc/" + std::to_string(process) + "/status").c_str(), O_RDONLY | O_CLOEXEC));
+  char text[4096];
+  const ssize_t got = fd ? read(fd.get(), text, sizeof(text) - 1) : -1;
+  if (got <= 0) {
+    return std::nullopt;
+  }
+  text[got] = '\0';
+  const char *line = strstr(text, "\nUid:");
+  unsigned real = 0;
+  unsigned effective = 0;
+  if (line == nullptr || sscanf(line, "\nUid: %u %u", &real, &effective) != 2) {
+    return std::nullopt;
+  }
+  return effective;
+}
+
+}  // namespace vex

@@ -1,0 +1,121 @@
+// Sets on their way from the SNMP thread to the agent thread and back, with a deadline of 0.7
+// seconds in all, so that a busy agent never holds up the master and no set is applied late.
+#ifndef VEX_FRAMEWORK_SNMP_SET_CHANNEL_H
+#define VEX_FRAMEWORK_SNMP_SET_CHANNEL_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace vex {
+
+// One variable of a set request; object and variable exist and passed the type, access and length
+// checks.
+struct SetItem {
+  uint64_t object_id = 0;
+  int slot = 0;
+  std::vector<uint8_t> value;  // an int32_t in host order, or the octets followed by a NUL
+  int length = 0;              // without that NUL
+};
+
+// Runs one phase (enum set_phase) of one variable's set, on the agent thread: calls the variable's
+// handler (or checks and stores when it has none), and, after an accepted apply, hands the
+// variable's current value to the SNMP side. 0 or -1 (also when the object is gone).
+using SetRunner = int (*)(uint8_t phase, SetItem &item);
+
+// ---- agent thread ----
+
+// Becomes readable when ServeSets() has work; owned by the channel.
+int SetChannelFd();
+// Runs what is queued: the checks of a request, then, held until its deadline at the latest, its
+// apply. Called from the main loop, never while a hook runs.
+void ServeSets(SetRunner run);
+// Sets are refused from now on (before the clean-up).
+void CloseSets();
+
+// ---- the channel itself ----
+
+// One set request of a manager. It comes in one part for each registered subtree that it touches;
+// all parts are checked before the first is applied.
+class SetTransaction;
+
+class SetChannel {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  enum class Check {
+    kPending,
+    kAccepted,
+    kRefused,
+    kUndecided  // not decided in time, or the channel is closed; nothing is or will be applied
+  };
+  enum class Apply { kPending, kApplied, kFailed };
+  struct CheckResult {
+    Check state = Check::kPending;
+    int failed_item = 0;  // of a refusal
+  };
+  struct ApplyResult {
+    Apply state = Apply::kPending;
+    int failed_item = 0;
+  };
+
+  SetChannel();
+  ~SetChannel();
+  // Whether there is a descriptor to wake the agent thread with; tries to get it. False with errno.
+  bool Ready();
+  // Wakes the agent thread without a set, for it to look around. Any thread.
+  void WakeAgent() const;
+  SetChannel(const SetChannel &) = delete;
+  SetChannel &operator=(const SetChannel &) = delete;
+
+  // SNMP thread.
+  // wake: called, on the agent thread, whenever a result is there.
+  void SetWake(void (*wake)());
+  // Throws std::bad_alloc, as the next one does, which then has added nothing.
+  std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline);
+  // Queues the checks of one part; returns the part's number.
+  int AddPart(SetTransaction &transaction, std::vector<SetItem> items);
+  // The state of a part's checks. From the deadline on it is never kPending: what is undecided is
+  // cancelled for good.
+  CheckResult CheckOf(SetTransaction &transaction, int part);
+  // Asks for the apply of all parts (once).
+  void RequestApply(SetTransaction &transaction);
+  // The state of a part's apply. From the deadline on it is never kPending: what has not begun
+  // never will.
+  ApplyResult ApplyOf(SetTransaction &transaction, int part);
+  // The manager's request is over: no further phase comes.
+  void Release(SetTransaction &transaction);
+
+  // Agent thread.
+  int Fd() const {
+    return fd_;
+  }
+  void Serve(SetRunner run);
+  void Close();
+
+ private:
+  void Enqueue(SetTransaction &transaction);
+  void RunChecks(std::unique_lock<std::mutex> &lock, SetTransaction &transaction, size_t part,
+                 SetRunner run);
+  void RunApply(std::unique_lock<std::mutex> &lock, SetTransaction &transaction, SetRunner run);
+  void ServeOne(std::unique_lock<std::mutex> &lock, SetTransaction &transaction, SetRunner run);
+  void Wake() const;
+
+  int fd_;
+  mutable std::mutex mutex_;  // guards everything below and every transaction
+  std::condition_variable changed_;
+  std::deque<std::shared_ptr<SetTransaction>> queue_;
+  void (*wake_)() = nullptr;
+  bool closed_ = false;
+};
+
+// The process's channel, for the SNMP thread.
+SetChannel &Sets();
+
+}  // namespace vex
+
+#endif

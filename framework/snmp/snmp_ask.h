@@ -1,0 +1,31 @@
+// Questions to an SNMP agent from a process without the SNMP thread: a tool's. Each takes at most
+// the time it says, whatever the agent does. After ReadSnmpFiles().
+#ifndef VEX_FRAMEWORK_SNMP_SNMP_ASK_H
+#define VEX_FRAMEWORK_SNMP_SNMP_ASK_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace vex {
+
+struct SnmpReply {
+  bool answered = false;
+  bool refused = false;          // nobody listens at the address
+  int error = 0;                 // error-status of the answer
+  std::vector<uint32_t> name;    // of its first variable
+  std::optional<int32_t> value;  // an integer of the name that a GET asked for
+};
+
+// An SNMPv2c GET, or GETNEXT, at address:161; two seconds at most.
+SnmpReply AskSnmp(const std::string &address, const std::string &community,
+                  std::span<const uint32_t> oid, bool next);
+// Whether an SNMPv3 engine answers there, which tells that the agent is alive whatever communities
+// it takes; a second at most.
+bool SnmpEngineAnswers(const std::string &address);
+
+}  // namespace vex
+
+#endif

@@ -1,0 +1,58 @@
+#include "identity/hwinfo.h"
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "common/variables.h"
+#include "platform/ev.h"
+#include "platform/framework.h"
+
+// ---- Data block -----------------------------------------------------------------------------
+
+struct [[gnu::packed]] hwinfo_block {
+  int32_t platform;
+};
+static_assert(sizeof(hwinfo_block) == 4);
+
+// ---- Variables ------------------------------------------------------------------------------
+
+static constexpr variable variables[] = {
+    {"tlxHoHWInfoPlatform", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
+};
+
+// ---- Reading --------------------------------------------------------------------------------
+
+enum platform_class : int32_t { PLATFORM_PLAIN = 1, PLATFORM_MARKED = 5 };
+
+// The class by the EV's last byte; 0 when the EV cannot be read or is too short to tell.
+static int32_t read_platform() {
+  uint8_t value[platform_ev_size] = {};
+  uint32_t length = sizeof(value);
+  if (get_ev(platform_ev, value, &length) != 0) {
+    return 0;
+  }
+  if (length < sizeof(value)) {
+    agentlog_fprintf(stderr, "EV %s: %u bytes of the %u that are needed, taken as absent\n",
+                     platform_ev, static_cast<unsigned>(length), platform_ev_size);
+    return 0;
+  }
+  return value[platform_ev_size - 1] != 0 ? PLATFORM_MARKED : PLATFORM_PLAIN;
+}
+
+// ---- Entry point ----------------------------------------------------------------------------
+
+int do_hwinfo() {
+  char name[sizeof(log_dir) + sizeof("/hwinfo")];
+  snprintf(name, sizeof(name), "%s/%s", log_dir, "hwinfo");
+  registry_object *object = create_obj(&obj_Q, get_id(), name, 1, sizeof(hwinfo_block), 1);
+  if (object == nullptr) {
+    return -1;
+  }
+  define_variables(object, variables);
+  const int32_t platform = read_platform();
+  if (platform != 0) {
+    reinterpret_cast<hwinfo_block *>(object->data)->platform = platform;
+    publish_once(object);
+  }
+  return 0;
+}
