@@ -25,15 +25,17 @@ const std::vector<Exception> &Exceptions() {
        "\"rack 7, slot 3\"|its file has 14 bytes: rack 7, slot 3)",
        "the same of its detail"},
       {"", "",
-       "- (kept host/fwver\\.|object host/fwver\\. tlxHoFwVerDisplayName = Servala KX770 R7 .*|"
-       "walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.7\\.1\\.1\\.\\d+ = STRING: \"Servala KX770 "
-       "R7 .*)",
+       "- (kept host/fwver\\.|object host/fwver\\.(index| tlxHoFwVerDisplayName = Servala KX770 R7 "
+       ".*)|"
+       "walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.7\\.1\\.1\\.(index|\\d+ = STRING: "
+       "\"Servala "
+       "KX770 R7 .*))",
        "a controller that has not answered for the programmable logic is not asked for it again"},
       {"", "",
-       "- (kept host/swver\\.|object host/swver\\. tlxHoSwVerName = "
-       "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*|walk "
-       "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.\\d+ = "
-       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*)",
+       "- (kept host/swver\\.|object host/swver\\.(index| tlxHoSwVerName = "
+       "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*)|walk "
+       "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.(index|\\d+ = "
+       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*))",
        "the first row of a utility that cannot be made, which the log says, is the last one tried"},
       {"", "",
        "[-+] (object host/misc tlxHoSwVerNextIndex = \\d+|walk "
