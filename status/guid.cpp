@@ -176,3 +176,7 @@ int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, in
   memcpy(guid, value, GUID_SIZE);
   return 0;
 }
+
+void keep_guid(const unsigned char guid[GUID_SIZE]) {
+  restore_kept_file(&guid_file, guid, GUID_SIZE);
+}

@@ -21,6 +21,10 @@ void obtain_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size);
 // accepted outside SET_CHECK; the text keeps what it had until the next start. Returns 0 or -1.
 int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, int length);
 
+// To be called by each poll: makes the file of a GUID that is kept in one again where the
+// registry's root was lost.
+void keep_guid(const unsigned char guid[GUID_SIZE]);
+
 // Writes the 36 characters and a NUL. The first three groups are little-endian fields, as SMBIOS
 // (DSP0134, 7.2.1) stores a UUID.
 void format_guid(const unsigned char guid[GUID_SIZE], char *text, size_t text_size);
