@@ -38,6 +38,12 @@ const std::vector<Exception> &Exceptions() {
        "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*))",
        "the first row of a utility that cannot be made, which the log says, is the last one tried"},
       {"", "",
+       "[-+] (object host/misc tlxHoMibStatusArray = " + std::string(kStatusArrayText) +
+           "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.5\\.0 = Hex-STRING: " +
+           kStatusArrayHex + " ?)",
+       "a peer's condition in the status array, this agent's own among them, is the one of its "
+       "start"},
+      {"", "",
        "[-+] (object host/misc tlxHoSwVerNextIndex = \\d+|walk "
        "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.2\\.0 = INTEGER: \\d+)",
        "the next index goes with the rows that there are"},

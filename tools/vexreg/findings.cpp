@@ -13,7 +13,8 @@ namespace {
 
 constexpr char kSubtree[] = ".1.3.6.1.4.1.4891";
 constexpr int64_t kNanoseconds = 1'000'000'000;
-// A poll may wait for a command that long; the next one then comes an interval after its end.
+// A poll may wait for commands and controllers that long; the next one then comes an interval after
+// its end.
 constexpr int64_t kLongestPollSeconds = 120;
 constexpr int64_t kLateSeconds = 5;
 // The pause of five seconds at the start, and a reading that waits for nothing.
