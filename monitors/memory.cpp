@@ -29,7 +29,6 @@ static constexpr variable variables[] = {
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr char meminfo_path[] = "/proc/meminfo";
 static constexpr int line_size = 256;
 
 static constexpr const char *key_names[MEMINFO_KEYS] = {"MemTotal", "MemFree", "SwapTotal",
@@ -96,7 +95,7 @@ int do_memory() {
   if (object == nullptr) {
     return -1;
   }
-  const stream_handle meminfo(fopen(meminfo_path, "r"));
+  const stream_handle meminfo(fopen(memory_sizes_path, "r"));
   if (!meminfo) {
     return 0;
   }
