@@ -117,7 +117,7 @@ Finding LookAtMountTable() {
 
 // A file of proc(5) that a group is read from.
 Finding LookAtFigures(const char *what, const char *path, const char *without) {
-  const std::string text = std::string(what) + ": " + path;
+  const std::string text = std::string(what) + path;
   if (IsReadable(path)) {
     return {Verdict::kOk, text + "."};
   }
@@ -426,9 +426,9 @@ std::optional<int> ConnectionsTo(const std::string &path) {
 
 void LookAtSources(const std::string &search, int64_t started_ns,
                    const std::function<void(const Finding &)> &say) {
-  say(LookAtFigures("processor times", processor_times_path,
+  say(LookAtFigures("processor times: ", processor_times_path,
                     "The processors have no rows, or keep their averages."));
-  say(LookAtFigures("memory sizes", memory_sizes_path,
+  say(LookAtFigures("memory sizes: ", memory_sizes_path,
                     "The memory group is not published, or keeps its figures."));
   say(LookAtMountTable());
   say(LookAtDistribution(started_ns));

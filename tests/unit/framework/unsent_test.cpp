@@ -210,8 +210,8 @@ TEST_F(Unsent, WhatCannotBeReadStaysAndIsReadLater) {
   ExpectSame(*file.Read(), Some());
 }
 
-// What is older and could not be taken is kept as far as it is whole, and the rest is not dropped in
-// silence.
+// What is older and could not be taken is kept as far as it is whole, and the rest is not dropped
+// in silence.
 TEST_F(Unsent, DamageThatIsFoundAtTheEndIsSaid) {
   ASSERT_EQ(Keep(Some()), 0);
   const std::string whole = Bytes();
