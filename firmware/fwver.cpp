@@ -109,7 +109,7 @@ static fwver_row *insert_row(const char *name, int index) {
   }
   char path[99];
   snprintf(path, sizeof(path), "%s/%s.%d", log_dir, "fwver", index);
-  row->object = create_obj(&obj_Q, get_id(), path, 1, sizeof(firmware_record), 9);
+  row->object = create_row_object(path, sizeof(firmware_record), 9);
   if (row->object == nullptr || !table.insert(row)) {
     release(row);
     return nullptr;

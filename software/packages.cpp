@@ -1,5 +1,6 @@
 #include "software/packages.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,6 +38,9 @@ static tool_patience rpm_patience;
 static int64_t last_database_time;
 static bool last_listing_empty = true;
 static bool scan_due;
+
+// From this status on a signal has ended the shell: what it said is no answer.
+static constexpr int ended_by_signal = 128;
 
 // What all package tools of one pass may take together. A pass asks no further question when half
 // of it is gone, so that each gets the other half at the least: a scan that needs more is continued
@@ -157,7 +161,9 @@ int classify_package(const char *name) {
 int find_line(const char *path, const char *const *needles, int count) {
   const stream_handle file(fopen(path, "re"));
   if (!file) {
-    return -1;
+    const bool may_pass =
+        errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EINTR || errno == EIO;
+    return may_pass ? LINES_UNREADABLE : NO_LINE;
   }
   char line[254];
   while (fgets(line, sizeof(line), file.get()) != nullptr) {
@@ -167,12 +173,15 @@ int find_line(const char *path, const char *const *needles, int count) {
       }
     }
   }
-  return -1;
+  return ferror(file.get()) != 0 ? LINES_UNREADABLE : NO_LINE;
 }
 
 static constexpr char cpuinfo_path[] = "/proc/cpuinfo";
 static const char *const cpu_makers[] = {"AuthenticAMD", "GenuineIntel"};
 static const char *const amd_kernels[] = {"CONFIG_MK6=y", "CONFIG_MK7=y", "CONFIG_MK8=y"};
+
+// A name was built without what could not be read.
+static bool suffix_unread;
 
 // The suffix of an array driver for 64-bit processors; null when neither the processor nor the
 // kernel's configuration tells. Kept for the life of the process once found.
@@ -181,25 +190,26 @@ static const char *processor_suffix() {
   if (suffix != nullptr) {
     return suffix;
   }
-  switch (find_line(cpuinfo_path, cpu_makers, 2)) {
-    case 0:
-      suffix = "_amd64";
-      break;
-    case 1:
-      suffix = "_em64t";
-      break;
-    default:
-      break;
+  const char *found = nullptr;
+  const int maker = find_line(cpuinfo_path, cpu_makers, 2);
+  if (maker >= 0) {
+    found = maker == 0 ? "_amd64" : "_em64t";
   }
+  int kernel = NO_LINE;
   utsname names;
   if (uname(&names) == 0) {
     char path[128];
     snprintf(path, sizeof(path), "/boot/config-%.63s", names.release);
-    if (find_line(path, amd_kernels, 3) >= 0) {
-      suffix = "_amd64";
+    kernel = find_line(path, amd_kernels, 3);
+    if (kernel >= 0) {
+      found = "_amd64";
     }
   }
-  return suffix;
+  suffix_unread = maker == LINES_UNREADABLE || kernel == LINES_UNREADABLE;
+  if (!suffix_unread) {
+    suffix = found;
+  }
+  return found;
 }
 
 // Appends as much of the text as fits.
@@ -346,7 +356,7 @@ static void find_agent_version(const shared_limit &limit, bool dpkg_is_next) {
   if (status == COMMAND_AGENT_ENDING) {
     return;
   }
-  if (status < 0) {
+  if (status < 0 || status >= ended_by_signal) {
     if (status == COMMAND_TIMED_OUT) {
       lose_patience(&rpm_patience, monotonic_milliseconds());
     }
@@ -427,7 +437,7 @@ static constexpr char agent_package[] = "kelmo";
 static constexpr int64_t slow_scan = 10000;  // milliseconds
 
 // What became of a question to a package tool.
-enum tool_result { TOOL_ANSWERED, TOOL_NOT_RUN, TOOL_HUNG, TOOL_ENDING };
+enum tool_result { TOOL_ANSWERED, TOOL_NOT_RUN, TOOL_KILLED, TOOL_HUNG, TOOL_ENDING };
 
 static tool_result ask(const char *command, const shared_limit &limit, char *output, size_t size,
                        size_t *length) {
@@ -442,7 +452,7 @@ static tool_result ask(const char *command, const shared_limit &limit, char *out
     case COMMAND_AGENT_ENDING:
       return TOOL_ENDING;
     default:
-      return TOOL_ANSWERED;
+      return status >= ended_by_signal ? TOOL_KILLED : TOOL_ANSWERED;
   }
 }
 
@@ -485,7 +495,9 @@ static tool_result scan_package(const char *name, int package_class, const share
     return TOOL_ANSWERED;
   }
   char decorated[decorated_size];
+  suffix_unread = false;
   decorate_name(decorated, answer.name, answer.architecture, package_class / class_origin);
+  scan_due = scan_due || suffix_unread;  // the next pass may read it
   char version[sizeof(answer.texts)];
   copy_field(version, answer.version != nullptr ? answer.version : "");
   char *kernel = strstr(version, ".linux");
@@ -494,7 +506,9 @@ static tool_result scan_package(const char *name, int package_class, const share
   }
   const swver_item item = {decorated, version,
                            answer.description != nullptr ? answer.description : ""};
-  swver_put(&item, package_class % class_origin, SWVER_STATUS_FOUND, SWVER_SEEN);
+  if (swver_put(&item, package_class % class_origin, SWVER_STATUS_FOUND, SWVER_SEEN) != 0) {
+    scan_due = true;
+  }
   if (strcmp(decorated, agent_package) == 0) {
     set_agent_version(version);
   }
@@ -581,6 +595,7 @@ static void suspend_scan() {
 static bool begin_scan(const shared_limit &limit) {
   switch (list_packages(limit)) {
     case TOOL_ENDING:
+    case TOOL_KILLED:  // the next pass lists anew
       return false;
     case TOOL_HUNG:
       suspend_scan();
@@ -616,6 +631,7 @@ static void scan_packages(const shared_limit &limit) {
         suspend_scan();
         return;
       case TOOL_NOT_RUN:
+      case TOOL_KILLED:
         scan.unusable++;
         scan_due = true;  // and not only when the database changes
         break;

@@ -27,8 +27,9 @@ void decorate_name(char (&buffer)[decorated_size], const char *name, const char 
                    int origin);
 
 // The index of the first needle (in their order) that occurs in a line of the file, for the first
-// line in which one does; -1 when there is none or no such file. Lines count in pieces of up to 253
-// characters.
+// line in which one does; NO_LINE when there is none or no such file, LINES_UNREADABLE when it may
+// be read another time. Lines count in pieces of up to 253 characters.
+enum find_line_result { NO_LINE = -1, LINES_UNREADABLE = -2 };
 int find_line(const char *path, const char *const *needles, int count);
 
 // What a package query prints, key by key. Null where a key was not printed.

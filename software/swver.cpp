@@ -124,7 +124,7 @@ swver_row *swver_create(const char *name) {
   }
   char path[sizeof(log_dir) + 32];
   snprintf(path, sizeof(path), "%s/%s.%d", log_dir, "swver", table.free_index());
-  row->object = create_obj(&obj_Q, get_id(), path, 1, sizeof(swver_data), 9);
+  row->object = create_row_object(path, sizeof(swver_data), 9);
   // An object whose row cannot be inserted stays in the registry, unpublished.
   if (row->object == nullptr || !table.insert(row)) {
     release(row);

@@ -42,10 +42,26 @@ void Report(const std::string &problem) {
   reported = problem;
 }
 
+// Closed at the end of its scope, also when there is no memory for what is read.
+class OpenFile {
+ public:
+  explicit OpenFile(const char *path) : fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~OpenFile() {
+    if (fd >= 0) {
+      close(fd);
+    }
+  }
+  OpenFile(const OpenFile &) = delete;
+  OpenFile &operator=(const OpenFile &) = delete;
+
+  const int fd;
+};
+
 // The whole of a regular file of at most kMaxSmbiosTable + 1 bytes (one more than is accepted);
 // nothing, with errno, when it cannot be read.
 std::optional<std::vector<uint8_t>> ReadFile(const char *path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const OpenFile file(path);
+  const int fd = file.fd;
   if (fd < 0) {
     return std::nullopt;
   }
@@ -62,7 +78,6 @@ std::optional<std::vector<uint8_t>> ReadFile(const char *path) {
       break;
     }
   }
-  close(fd);
   if (error != 0) {
     errno = error;
     return std::nullopt;

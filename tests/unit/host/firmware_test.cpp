@@ -297,6 +297,11 @@ TEST_F(Firmware, ReportsARowThatCannotBeInserted) {
             Strings{"vexhostd: Can't create object: /proc/scsi/scsi  (PEER3023)\n"});
   EXPECT_NE(rec::Live(Row(0)), nullptr);
   EXPECT_EQ(rec::Publications(Row(0)), 0);
+  // The object that is left is the next pass's row.
+  rec::StopFailing();
+  ASSERT_EQ(do_fwver(), 0);
+  EXPECT_EQ(Location(0), "scsi0(00:00:00)");
+  EXPECT_EQ(rec::Publications(Row(0)), 1);
 }
 
 TEST_F(Firmware, ARowWhoseDeletionFailsIsDropped) {

@@ -1,6 +1,8 @@
 // The software table and its pass over the recording framework.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
@@ -987,6 +989,37 @@ TEST_F(Software, ReportsARowThatCannotBeMade) {
   Rescan();
   EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: glut_amd64  (PEER3023)\n"});
   EXPECT_EQ(Name(4), "qvdiags_amd64");
+  // The next pass makes it, without a change of the database.
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(5), "glut_amd64");
+  rec::ForgetEvents();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command"), 0);
+}
+
+TEST_F(Software, AShellThatIsKilledHasNotAnswered) {
+  PutPackages({{"glut"}});
+  Rescan();
+  ASSERT_EQ(Name(4), "glut_amd64");
+  rec::PutCommand(kListing, "", 128 + SIGKILL);
+  Rescan();
+  EXPECT_EQ(Name(4), "glut_amd64");
+}
+
+TEST_F(Software, ASuffixThatCannotBeReadIsReadByTheNextPass) {
+  rec::PutFile("/proc/cpuinfo", "vendor_id : GenuineIntel\n");
+  PutPackages({{"tlx_tlxarray", "1.0", "Arrays", "x86_64"}});
+  rlimit limit = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit none = {0, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const int result = do_swver();
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  ASSERT_EQ(result, 0);
+  EXPECT_EQ(Name(4), "tlx_tlxarray");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(5), "tlx_tlxarray_em64t");
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
 }
 
 TEST_F(Software, ReportsARowThatCannotBeInserted) {
@@ -996,8 +1029,13 @@ TEST_F(Software, ReportsARowThatCannotBeInserted) {
   PutPackages({{"glut"}, {"qvdiags"}});
   Rescan();
   EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: qvdiags_amd64  (PEER3023)\n"});
-  EXPECT_NE(rec::Live(Row(5)), nullptr);  // it stays, and is never published
+  EXPECT_NE(rec::Live(Row(5)), nullptr);  // it stays, unpublished
   EXPECT_EQ(rec::Publications(Row(5)), 0);
+  // And is the row's as soon as there is one.
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(5), "qvdiags_amd64");
+  EXPECT_EQ(rec::Publications(Row(5)), 1);
 }
 
 TEST_F(Software, GoesOnAfterAFailedDeletion) {
