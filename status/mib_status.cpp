@@ -1,5 +1,6 @@
 #include "status/mib_status.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -195,6 +196,7 @@ static constexpr int health_trap = 11020;
 // ---- Scanning processes -------------------------------------------------------------------------
 
 static constexpr char proc_directory[] = "/proc";
+static constexpr int most_listings = 3;
 static constexpr size_t command_size = 256;
 
 // A process whose program path names a peer: the rows that it matches, a bit each.
@@ -268,24 +270,43 @@ static void keep_process(pid_t pid, const char *command) {
   named[named_count++] = process;
 }
 
-// Returns 0, or -1 when the processes cannot be listed.
-static int read_processes() {
+enum listing { LISTED, NOT_OPENED, BROKEN_OFF };
+
+static listing list_processes() {
   named_count = 0;
   const directory_handle proc(opendir(proc_directory));
   if (!proc) {
-    agentlog_fprintf(stderr, "cannot opendir(%s)", proc_directory);  // without a newline
-    return -1;
+    return NOT_OPENED;
   }
   const int descriptor = dirfd(proc.get());
-  while (const dirent *entry = readdir(proc.get())) {
+  for (;;) {
+    errno = 0;
+    const dirent *entry = readdir(proc.get());
+    if (entry == nullptr) {
+      return errno == 0 ? LISTED : BROKEN_OFF;
+    }
     const long pid = strtol(entry->d_name, nullptr, 10);
     char command[command_size];
     if (pid != 0 && read_command(descriptor, entry->d_name, command)) {
       keep_process(static_cast<pid_t>(pid), command);
     }
   }
+}
+
+// Returns 0, or -1 when the processes cannot be listed. Half a list would make peers look stopped,
+// and then started anew, so what fails for a moment is tried again.
+static int read_processes() {
+  listing result = BROKEN_OFF;
+  for (int tries = 0; tries < most_listings && result != LISTED; tries++) {
+    result = list_processes();
+  }
+  if (result == NOT_OPENED) {
+    agentlog_fprintf(stderr, "cannot opendir(%s)", proc_directory);  // without a newline
+  } else if (result == BROKEN_OFF) {
+    agentlog_fprintf(stderr, "cannot readdir(%s)\n", proc_directory);
+  }
   read_at = monotonic_time();
-  return 0;
+  return result == LISTED ? 0 : -1;
 }
 
 // Notes for the peers that a process matches whether it runs in another group than before.
