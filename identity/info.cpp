@@ -57,6 +57,12 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHosysDescr", info_block, system_description),
 };
 
+// The texts that a manager has set, as they stand and without an end.
+static kept_file role_file = {"tlxhosystemrole.dat", false};
+static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
+
+static constexpr const kept_file *kept_files[] = {&role_file, &role_detail_file, nullptr};
+
 constexpr group info_group = described<info_block>({
     .name = "info",
     .title = "system",
@@ -64,6 +70,7 @@ constexpr group info_group = described<info_block>({
     .variables = variables,
     .refresh = do_info,
     .each_poll = true,
+    .kept = kept_files,
     .absence = nullptr,
 });
 
@@ -73,10 +80,6 @@ enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
 
 static bool called;
-
-// The texts that a manager has set, as they stand and without an end.
-static kept_file role_file = {"tlxhosystemrole.dat", false};
-static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
 
 static info_block *block_of(registry_object *object) {
   return reinterpret_cast<info_block *>(object->data);

@@ -79,6 +79,8 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoMibHealthStatusArray", misc_data, mib_health_status_array),
 };
 
+static constexpr const kept_file *kept_files[] = {&guid_file, nullptr};
+
 constexpr group misc_group = described<misc_data>({
     .name = "misc",
     .title = "misc",
@@ -86,6 +88,7 @@ constexpr group misc_group = described<misc_data>({
     .variables = variables,
     .refresh = do_misc,
     .each_poll = true,
+    .kept = kept_files,
     .absence = nullptr,
 });
 
