@@ -7,12 +7,14 @@ usage: packages_test.py BUILD-OF-THE-PACKAGES [TestClass[.test]]
 import glob
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
 import unittest
 
 PACKAGES = ""
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 # One function of each library that has a header beside the framework's.
 USER = """
 #include <stddef.h>
@@ -124,6 +126,21 @@ class Files(unittest.TestCase):
         [fortify] = set(re.findall(r"-D_FORTIFY_SOURCE=\d", lines[0]))
         self.assertIn(fortify, theirs.split())
         self.assertNotIn("-O0", lines[0])
+
+    def test_a_source_package_has_nothing_that_was_built(self):
+        # Straight from a tree in which somebody has been working.
+        tree = self.root + "/work/tree"
+        shutil.copytree(SOURCE + "/debian", tree + "/debian")
+        for path in ("build/release/program", ".git/config", "scripts/build-packages"):
+            os.makedirs(os.path.dirname(f"{tree}/{path}"), exist_ok=True)
+            with open(f"{tree}/{path}", "w", encoding="utf-8") as file:
+                file.write("something\n")
+        done = run("dpkg-source", "-b", tree, cwd=self.root + "/work")
+        self.assertEqual(done.returncode, 0, done.stdout)
+        [made] = glob.glob(self.root + "/work/*.tar.xz")
+        listed = run("tar", "-tf", made).stdout.split()
+        self.assertLess({"tree/debian/control", "tree/scripts/build-packages"}, set(listed))
+        self.assertEqual([path for path in listed if "/build/" in path or "/.git/" in path], [])
 
     def test_symbols_for_a_debugger_are_in_packages_of_their_own(self):
         self.assertTrue(glob.glob(PACKAGES + "/vexhostd-dbgsym_*.deb"))
