@@ -217,9 +217,8 @@ class Lintian(unittest.TestCase):
 
     def test_finds_nothing(self):
         done = self.lint(*glob.glob(PACKAGES + "/*.changes"))
-        # An override may be for the lintian of another suite; then that is counted, too.
-        found = [line for line in done.stdout.splitlines()
-                 if not re.match(r"I: .*: unused-override |N: ", line)]
+        # How many were overridden is said as well.
+        found = [line for line in done.stdout.splitlines() if not line.startswith("N: ")]
         self.assertEqual(found, [])
 
     def test_and_would_find_something(self):
