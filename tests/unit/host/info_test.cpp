@@ -671,7 +671,7 @@ TEST_F(Info, WhatAKilledAgentLeftIsNeverFollowed) {
 TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
   const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
   rec::PutFile(kRoleFile, "old");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::PutFile(left + "/entry", "");
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
   EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
@@ -681,7 +681,7 @@ TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
   // What a killed agent left of the second name goes, too.
   rec::PutFile(left + ".1", "half");
   delete_obj(&obj_Q, nullptr, 0);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Entries(),
             (std::vector<std::string>{".tlxhosystemrole.dat.new", "tlxhosystemrole.dat"}));
   for (int i = 1; i < 10; i++) {
@@ -700,20 +700,20 @@ TEST_F(Info, WhatTheStartCouldNotReadIsReadByALaterPoll) {
   rec::PutFile(kDetailFile, "detail");
   rec::Fail("read", kRoleFile);
   rec::Fail("openat", kDetailFile);
-  ASSERT_EQ(do_info(1), 0);
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
   EXPECT_EQ(rec::Messages().size(), 2U);
   rec::StopFailing();
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "role");
   EXPECT_EQ(Text(kDetail), "detail");
   EXPECT_EQ(rec::Messages().size(), 4U);
   EXPECT_EQ(rec::Messages()[2], "vexhostd: " + std::string(kRoleFile) + " was read at last\n");
   // From then on it is a set that changes it.
   rec::PutFile(kRoleFile, "another");
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "role");
   EXPECT_EQ(rec::Messages().size(), 4U);
 }
@@ -721,10 +721,10 @@ TEST_F(Info, WhatTheStartCouldNotReadIsReadByALaterPoll) {
 TEST_F(Info, ASetCountsMoreThanWhatTheStartCouldNotRead) {
   rec::PutFile(kRoleFile, "role");
   rec::Fail("read", kRoleFile);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
   rec::StopFailing();
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "new");
 }
 
