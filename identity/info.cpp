@@ -247,11 +247,12 @@ static registry_object *create() {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_info() {
-  registry_object *object = first_call(&called) ? create() : find_object(info_group);
+  const bool first = first_call(&called);
+  registry_object *object = first ? create() : find_object(info_group);
   if (object == nullptr) {
     return -1;
   }
-  if (start_up == 0) {
+  if (!first) {
     keep_roles(block_of(object));
   }
   block_of(object)->telnet = probe_telnet();

@@ -678,12 +678,6 @@ TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
   EXPECT_EQ(Entries(),
             (std::vector<std::string>{".tlxhosystemrole.dat.new", "tlxhosystemrole.dat"}));
   EXPECT_TRUE(rec::Messages().empty());
-  // What a killed agent left of the second name goes, too.
-  rec::PutFile(left + ".1", "half");
-  delete_obj(&obj_Q, nullptr, 0);
-  ASSERT_EQ(do_info(), 0);
-  EXPECT_EQ(Entries(),
-            (std::vector<std::string>{".tlxhosystemrole.dat.new", "tlxhosystemrole.dat"}));
   for (int i = 1; i < 10; i++) {
     rec::PutFile(left + "." + std::to_string(i) + "/entry", "");
   }
@@ -693,6 +687,16 @@ TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
   EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
   EXPECT_EQ(rec::Messages(), std::vector<std::string>{"vexhostd: Can't replace " +
                                                       std::string(kRoleFile) + ": File exists\n"});
+}
+
+TEST_F(Info, WhatAKilledAgentLeftOfAFurtherNameGoesAtTheStart) {
+  const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
+  rec::PutFile(kRoleFile, "old");
+  rec::PutFile(left + "/entry", "");
+  rec::PutFile(left + ".1", "half");
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Entries(),
+            (std::vector<std::string>{".tlxhosystemrole.dat.new", "tlxhosystemrole.dat"}));
 }
 
 TEST_F(Info, WhatTheStartCouldNotReadIsReadByALaterPoll) {
