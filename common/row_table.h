@@ -112,11 +112,4 @@ struct row_table {
   }
 };
 
-// The object of that name for a new row; null without memory. One whose row could not be inserted
-// still has the name: it is taken, so that a later pass can make the row.
-inline registry_object *create_row_object(const char *name, int data_size, int variables) {
-  registry_object *object = create_obj(&obj_Q, get_id(), name, 1, data_size, variables);
-  return object != nullptr ? object : find_obj(&obj_Q, 0, name);
-}
-
 #endif

@@ -21,7 +21,7 @@ static constexpr int system_guid_offset = 8;
 // ---- State --------------------------------------------------------------------------------------
 
 static bool settable = true;
-static kept_file guid_file = {guid_file_name, false};
+kept_file guid_file = {guid_file_name, false};
 
 // ---- Reading ------------------------------------------------------------------------------------
 

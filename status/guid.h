@@ -7,6 +7,12 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "common/kept_file.h"
+
+// Where a GUID that was generated or set is kept. The group lists it; only guid.cpp reads and
+// writes.
+extern kept_file guid_file;
+
 enum guid_sizes { GUID_SIZE = 16, GUID_TEXT_SIZE = 37 /* with its NUL */ };
 
 // What the generator gives where there is no eth0: the same on every such host.

@@ -39,19 +39,9 @@ constexpr char kGuidVariable[] = "tlxHoGUID";
 constexpr int kMostRows = 500;   // of a group, that snmpd is asked for
 constexpr int kComparisons = 5;  // a poll may come in between
 
+// What the agent's groups say of themselves, by scripts/check-groups.
 const Group kGroups[] = {
-    {"cpu", true, true, "", "tlxHoCpuUtilUnitIndex"},
-    {"filesys", false, false, "nothing is mounted that the table lists", "tlxHoFileSysIndex"},
-    {"memory", true, true, "", "tlxHoPhysicalMemorySize"},
-    {"info", true, true, "", "tlxHoName"},
-    {"misc", true, true, "", "tlxHoOsCommonPollFreq"},
-    {"swver", false, true, "", "tlxHoSwVerIndex"},
-    {"swverag", false, false, "the version of the agents' package could not be asked",
-     "tlxHoSwVerAgentsVer"},
-    {"fwver", false, false, "this machine has no source for it", "tlxHoFwVerIndex"},
-    {"hwinfo", false, false, "no EV told it at the agent's start", "tlxHoHWInfoPlatform"},
-    {"appliance", false, false, "the machine was no appliance at the agent's start",
-     "tlxApApplianceId"},
+#include "tools/vexreg/groups.inc"
 };
 
 // sysUpTime.0 (RFC 3418), which Debian's stock view shows, too.

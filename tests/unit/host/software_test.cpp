@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/next_index.h"
 #include "common/util.h"
 #include "software/components.h"
 #include "software/packages.h"
