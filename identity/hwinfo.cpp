@@ -3,6 +3,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "common/sources.h"
 #include "common/variables.h"
 #include "platform/ev.h"
 #include "platform/framework.h"

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
+#include "common/sources.h"
 #include "common/util.h"
 #include "common/variables.h"
 #include "platform/framework.h"

@@ -256,7 +256,7 @@ bool AgentxSession::WantsToWrite() const {
   return handle_ != nullptr && HasUnsent(snmp_sess_transport(handle_));
 }
 
-AgentxSession::Clock::time_point AgentxSession::NextDue() const {
+Clock::time_point AgentxSession::NextDue() const {
   switch (stage_) {
     case Stage::kDown:
       return next_attempt_;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/process/clock.h"
 #include "framework/snmp/mib_table.h"
 #include "framework/snmp/socket_transport.h"
 
@@ -36,14 +37,11 @@ enum AgentxType : int {
 enum AgentxError : int {
   kAgentxNotOpen = 257,
   kAgentxUnsupportedContext = 262,
-  kAgentxDuplicateRegistration = 263,
   kAgentxProcessingError = 268,
 };
 
 class AgentxSession {
  public:
-  using Clock = std::chrono::steady_clock;
-
   struct TcpAddress {
     std::string ipv4;
     uint16_t port;

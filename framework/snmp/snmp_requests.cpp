@@ -598,7 +598,7 @@ void SnmpRequests::Work(AgentxSession *session) {
   }
 }
 
-SnmpRequests::Clock::time_point SnmpRequests::NextDue() const {
+Clock::time_point SnmpRequests::NextDue() const {
   Clock::time_point due =
       owed_count_ > 0 ? Clock::now() + kPayAgainAfter : Clock::time_point::max();
   for (const auto &[id, set] : sets_) {

@@ -13,7 +13,9 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "framework/process/descriptor.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_format.h"
 #include "tools/vexreg/put.h"
 #include "tools/vexreg/values.h"
 
@@ -38,7 +40,7 @@ std::optional<std::vector<uint8_t>> ReadData(const std::string &path) {
     }
   }
   const int fd = path == "-" ? STDIN_FILENO : opened.get();
-  std::vector<uint8_t> bytes(kMaxDataSize + 1);
+  std::vector<uint8_t> bytes(kMaxData + 1);
   size_t size = 0;
   while (size < bytes.size()) {
     const ssize_t got = read(fd, bytes.data() + size, bytes.size() - size);

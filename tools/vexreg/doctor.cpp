@@ -10,6 +10,7 @@
 #include <map>
 #include <thread>
 
+#include "framework/process/descriptor.h"
 #include "framework/registry/directory_lock.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/snmp/mib_table.h"
