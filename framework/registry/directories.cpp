@@ -20,12 +20,20 @@ namespace vex {
 
 namespace {
 
+// The path below the root, "" for the root itself; nothing, with EXDEV, when it leads elsewhere.
+std::optional<std::string> Relative(std::string_view path) {
+  std::optional<std::string> relative = ResolveDirectoryName(path, RegistryRootPath());
+  if (!relative) {
+    errno = EXDEV;
+  }
+  return relative;
+}
+
 // Opens the directory `path`, at or below the root; -1 with errno.
 int OpenDirectory(std::string_view path) {
   const std::string &root = RegistryRootPath();
-  const std::optional<std::string> relative = ResolveDirectoryName(path, root);
+  const std::optional<std::string> relative = Relative(path);
   if (!relative) {
-    errno = EXDEV;
     return -1;
   }
   const Descriptor root_fd(OpenRegistryRoot(root, false));
@@ -41,9 +49,8 @@ int RemoveRoot(const std::string &root) {
 
 int RemoveEmpty(std::string_view path) {
   const std::string &root = RegistryRootPath();
-  const std::optional<std::string> relative = ResolveDirectoryName(path, root);
+  const std::optional<std::string> relative = Relative(path);
   if (!relative) {
-    errno = EXDEV;
     return -1;
   }
   if (relative->empty()) {
@@ -62,9 +69,8 @@ int RemoveAll(std::string_view path) {
     path.remove_suffix(kContents.size());
   }
   const std::string &root = RegistryRootPath();
-  const std::optional<std::string> relative = ResolveDirectoryName(path, root);
+  const std::optional<std::string> relative = Relative(path);
   if (!relative) {
-    errno = EXDEV;
     return -1;
   }
   Descriptor root_fd(OpenRegistryRoot(root, false));

@@ -15,6 +15,7 @@
 
 #include "framework/process/clock.h"
 #include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_format.h"
 
@@ -42,21 +43,11 @@ std::optional<std::vector<uint8_t>> ReadWhole(int root, const std::string &relat
     return std::nullopt;
   }
   std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
-  size_t got = 0;
-  while (got < bytes.size()) {
-    const ssize_t n = read(fd.get(), bytes.data() + got, bytes.size() - got);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n < 0) {
-      return std::nullopt;
-    }
-    if (n == 0) {
-      break;
-    }
-    got += static_cast<size_t>(n);
+  const ssize_t got = ReadFully(fd.get(), bytes.data(), bytes.size());
+  if (got < 0) {
+    return std::nullopt;
   }
-  bytes.resize(got);
+  bytes.resize(static_cast<size_t>(got));
   return bytes;
 }
 

@@ -34,6 +34,10 @@ enum AgentxType : int {
   kAgentxPing = 13,
   kAgentxResponse = 18,
 };
+// Flags of a packet, RFC 2741 6.1.
+constexpr int kNonDefaultContext = 0x08;
+constexpr int kNetworkByteOrder = 0x10;
+
 enum AgentxError : int {
   kAgentxNotOpen = 257,
   kAgentxUnsupportedContext = 262,

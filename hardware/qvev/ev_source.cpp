@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
 
 namespace vex {
 namespace {
@@ -77,25 +78,6 @@ std::string FindVariable(const char *directory, std::string_view name) {
   return found;
 }
 
-// Reads at most `length` bytes. Returns their number, or -1 with errno.
-int64_t ReadSome(int descriptor, void *buffer, size_t length) {
-  size_t got = 0;
-  while (got < length) {
-    const ssize_t n = read(descriptor, static_cast<char *>(buffer) + got, length - got);
-    if (n == 0) {
-      break;
-    }
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return -1;
-    }
-    got += static_cast<size_t>(n);
-  }
-  return static_cast<int64_t>(got);
-}
-
 // What follows the first `skip` bytes of a file, and one byte more when there is one. -1 with the
 // problem, or without one when there is no such file; *again says whether another attempt may help.
 int64_t TryToRead(const std::string &path, size_t skip, void *buffer, size_t length,
@@ -119,7 +101,7 @@ int64_t TryToRead(const std::string &path, size_t skip, void *buffer, size_t len
   char value[kAttributes + kLongestValue + 1];
   const size_t room = sizeof(value) - 1 - skip;
   const size_t most = length < room ? length : room;
-  const int64_t got = ReadSome(file.get(), value, skip + most + 1);
+  const int64_t got = ReadFully(file.get(), value, skip + most + 1);
   if (got < 0) {
     *problem = path + ": " + strerror(errno);
     *again = true;

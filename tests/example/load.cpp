@@ -62,7 +62,7 @@ static bool parse_hundredths(const char **text, int32_t *hundredths) {
   }
   const int fraction = (end[1] - '0') * 10 + (end[2] - '0');
   // Held before it is multiplied: what does not fit 32 bits is the largest value.
-  *hundredths = held_int32(uint64_t{100} * static_cast<uint32_t>(held_int32(whole)) + fraction);
+  *hundredths = clamp_int32(uint64_t{100} * static_cast<uint32_t>(clamp_int32(whole)) + fraction);
   *text = end + 3;
   return true;
 }
