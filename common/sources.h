@@ -6,6 +6,8 @@
 #include <stdint.h>
 
 inline constexpr char mount_table_path[] = "/etc/mtab";
+inline constexpr char memory_sizes_path[] = "/proc/meminfo";
+inline constexpr char processor_times_path[] = "/proc/stat";
 
 // dpkg writes to it whenever packages come or go; with another modification time the packages are
 // read again.

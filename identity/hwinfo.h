@@ -2,6 +2,10 @@
 #ifndef VEX_IDENTITY_HWINFO_H
 #define VEX_IDENTITY_HWINFO_H
 
+#include "common/group.h"
+
+extern const group hwinfo_group;
+
 // Builds the object, once, and publishes it when the EV can be read. Returns 0, or -1 when the
 // object cannot be created.
 int do_hwinfo();

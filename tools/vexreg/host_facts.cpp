@@ -108,6 +108,16 @@ Finding LookAtMountTable() {
               mount_table_path + "."};
 }
 
+// A file of proc(5) that a group is read from.
+Finding LookAtFigures(const char *what, const char *path, const char *without) {
+  const std::string text = std::string(what) + path;
+  if (IsReadable(path)) {
+    return {Verdict::kOk, text + "."};
+  }
+  return {Verdict::kFail,
+          text + " is absent or not readable. " + without + " Look whether /proc is mounted."};
+}
+
 // What is said of a file that the agent reads once; nothing when it has read it as it stands.
 Finding OfFileReadOnce(std::string text, const char *path, int64_t started_ns) {
   struct stat status = {};
@@ -411,6 +421,10 @@ void LookAtSources(const std::string &search, int64_t started_ns,
                    const std::function<void(const Finding &)> &say) {
   SetLogName(kAgentName);
   SetLogSink(TakeMessage);
+  say(LookAtFigures("processor times: ", processor_times_path,
+                    "The processors have no rows, or keep their averages."));
+  say(LookAtFigures("memory sizes: ", memory_sizes_path,
+                    "The memory group is not published, or keeps its figures."));
   say(LookAtMountTable());
   say(LookAtDistribution(started_ns));
   say(LookAtPackages(search));
