@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include "common/util.h"
 #include "platform/framework.h"
 
 // ---- State ----------------------------------------------------------------------------------
@@ -50,14 +51,6 @@ static long snmpd_size() {
 
 // ---- Acting ---------------------------------------------------------------------------------
 
-// What the baseline holds of a size.
-static int32_t held(long size) {
-  if (size > INT32_MAX) {
-    return INT32_MAX;
-  }
-  return size < INT32_MIN ? INT32_MIN : static_cast<int32_t>(size);
-}
-
 static void restart_snmpd(long size) {
   // The word "ealier" is what log filters look for.
   agentlog_fprintf(stderr, "Restarting snmpd. Current size = %ldK. size captured ealier = %ldK\n",
@@ -72,27 +65,26 @@ void enable_snmpd_watchdog() {
   disabled = false;
 }
 
-int check_snmpd_memory() {
+void check_snmpd_memory() {
   const time_t now = time(nullptr);
   if (disabled) {
-    return 0;
+    return;
   }
   if (now < last_check) {
     last_check = now;  // the clock was set back: the interval begins anew
   }
   if (now - last_check < interval) {
-    return 0;
+    return;
   }
   last_check = now;
   const long size = snmpd_size();
   if (size == 0) {
-    return 0;
+    return;
   }
   // Compared as it is kept: a size beyond the baseline's range has not grown by being so.
   if (baseline < 0) {
-    baseline = held(size);
-  } else if (held(size) > int64_t{2} * baseline) {
+    baseline = clamp_int32(size);
+  } else if (clamp_int32(size) > int64_t{2} * baseline) {
     restart_snmpd(size);
   }
-  return 0;
 }

@@ -5,8 +5,8 @@
 // Off until this is called.
 void enable_snmpd_watchdog();
 
-// Looks at snmpd's size, at most every half hour. Always returns 0.
-int check_snmpd_memory();
+// Looks at snmpd's size, at most every half hour.
+void check_snmpd_memory();
 
 // The number that `ps -o vsz` printed, with a suffix K or M applied as a power of two; 0 when there
 // is none.

@@ -46,9 +46,12 @@ struct printable {
   }
 };
 
-// What fits a signed 32-bit variable; anything larger is held at the largest value.
-inline int32_t held_int32(uint64_t value) {
-  return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+// What fits a signed 32-bit variable; what does not is clamped to the nearest value that does.
+inline int32_t clamp_int32(__int128 value) {
+  if (value > INT32_MAX) {
+    return INT32_MAX;
+  }
+  return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
 }
 
 // Sleeps that many seconds, also when signals come in between, but not beyond the agent's end.
@@ -59,10 +62,14 @@ inline void sleep_whole(unsigned seconds) {
 }
 
 // A clock that does not step, for limits and ages.
-inline int64_t monotonic_milliseconds() {
+inline int64_t monotonic_nanoseconds() {
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+}
+
+inline int64_t monotonic_milliseconds() {
+  return monotonic_nanoseconds() / 1'000'000;
 }
 
 // A stream or directory that is closed at the end of its scope. Null when opening failed.

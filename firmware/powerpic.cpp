@@ -11,7 +11,6 @@
 static struct {
   char version[64];
   char key[160];
-  char xml[1];  // always empty
 } cached;
 
 // Reading is tried at most this often; from then on the cache stands as it is, filled or not.
@@ -118,7 +117,6 @@ int collect_powerpic(FILE *, const char *, firmware_record *record, int *more) {
       attempts++;
       return -1;
     }
-    cached.xml[0] = '\0';
     attempts = most_attempts;
   }
   record->category = 1;
@@ -126,7 +124,7 @@ int collect_powerpic(FILE *, const char *, firmware_record *record, int *more) {
   record->update_method = usual_update_method;
   copy_field(record->version, cached.version);
   copy_field(record->key, cached.key);
-  copy_field(record->xml, cached.xml);
+  copy_field(record->xml, "");
   copy_field(record->location, system_board);
   copy_field(record->display_name, "PowerPIC Firmware");
   return 0;

@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "common/sources.h"
 #include "fuzz/fake_objects.h"
 #include "hardware/qvev/ev_source.h"
 // With its state in reach: an EV is read once in the process's life.

@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include "common/group.h"
+#include "common/sources.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
 

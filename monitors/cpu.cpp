@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include "common/group.h"
+#include "common/sources.h"
 #include "common/util.h"
 #include "platform/framework.h"
 

@@ -29,10 +29,8 @@ bool is_processor_line(const char *line);
 void parse_cpu_line(const char *line, cpu_sample *sample);
 
 // Busy share between two samples in per cent, halves rounded up; 0 when no time has passed.
-// Counters that run backwards can make it more than 100; it is held at the largest 32-bit integer.
+// Counters that run backwards can make it more than 100; it is clamped to the largest 32-bit
+// integer.
 int32_t cpu_utilisation(const cpu_sample &now, const cpu_sample &before);
-
-// Where it reads.
-inline constexpr char processor_times_path[] = "/proc/stat";
 
 #endif

@@ -11,6 +11,7 @@
 
 #include "common/group.h"
 #include "common/row_table.h"
+#include "common/sources.h"
 #include "common/util.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -208,13 +209,6 @@ bool is_plain_name(const char *name) {
 
 // ---- Computing ----------------------------------------------------------------------------------
 
-static int32_t held(__int128 value) {
-  if (value > INT32_MAX) {
-    return INT32_MAX;
-  }
-  return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
-}
-
 // Blocks as megabytes, cut off.
 static __int128 megabytes(uint64_t blocks, uint64_t block_size) {
   return static_cast<__int128>((static_cast<unsigned __int128>(blocks) * block_size) >> 20);
@@ -227,15 +221,15 @@ filesys_figures figures_of_mount(const mount_stats &stats) {
   if (stats.frsize != 0 && stats.blocks != 0) {
     // Total and free are cut off each for itself.
     const __int128 total = megabytes(stats.blocks, stats.frsize);
-    figures.space_total = held(total);
-    figures.space_used = held(total - megabytes(stats.bfree, stats.frsize));
+    figures.space_total = clamp_int32(total);
+    figures.space_used = clamp_int32(total - megabytes(stats.bfree, stats.frsize));
   }
   if (figures.space_total != 0 && figures.space_used != 0 && taken > 0) {
-    figures.percent_used = held((100 * taken + blocks - 1) / blocks);
+    figures.percent_used = clamp_int32((100 * taken + blocks - 1) / blocks);
   }
-  figures.units_total = held(stats.files);
+  figures.units_total = clamp_int32(stats.files);
   if (stats.files != 0) {
-    figures.units_used = held(static_cast<__int128>(stats.files) - stats.ffree);
+    figures.units_used = clamp_int32(static_cast<__int128>(stats.files) - stats.ffree);
   }
   return figures;
 }
@@ -505,8 +499,8 @@ static void scan_vmfs_volumes(const shared_limit &limit) {
     filesys_row *row = row_of(key);
     row->countdown = LISTED_BY_VMWARE_SCAN;
     filesys_figures &figures = block_of(row)->figures;
-    figures.space_total = held_int32(total >> 10);
-    figures.space_used = held_int32(used >> 10);
+    figures.space_total = clamp_int32(total >> 10);
+    figures.space_used = clamp_int32(used >> 10);
     figures.percent_used = percent;
     describe(row, device);
     publish(row);

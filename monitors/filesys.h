@@ -13,8 +13,6 @@ extern const group filesys_group;
 
 struct filesys_row;
 
-inline constexpr char mount_table_path[] = "/etc/mtab";
-
 // One refresh of the whole table. Returns 0, or -1 when the mount table cannot be read. A row that
 // cannot be created ends the process by a signal.
 int do_filesys();
@@ -33,7 +31,7 @@ struct [[gnu::packed]] filesys_figures {
 };
 
 // Figures from statvfs(3). Reserved blocks count as used; the percentage is rounded up. What does
-// not fit is held at the largest value.
+// not fit is clamped to the nearest value.
 filesys_figures figures_of_mount(const mount_stats &stats);
 
 // Figures from a volume's capacity and available bytes. The percentage is rounded half up; of the

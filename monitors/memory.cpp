@@ -8,6 +8,7 @@
 #include <strings.h>
 
 #include "common/group.h"
+#include "common/sources.h"
 #include "common/util.h"
 #include "platform/framework.h"
 

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "common/sources.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
 

@@ -3,12 +3,7 @@
 #ifndef VEX_SOFTWARE_COMPONENTS_H
 #define VEX_SOFTWARE_COMPONENTS_H
 
-#include <stdint.h>
-
 #include "software/swver.h"
-
-inline constexpr char version_ev[] = "ZTHUV";
-inline constexpr uint32_t version_ev_size = 136;  // what a shorter one lacks counts as zero
 
 // The records as rows start with them, in the order of the rows, ended by one whose index is 0.
 const swver_data *component_records();

@@ -8,6 +8,7 @@
 #include <sys/utsname.h>
 
 #include "common/group.h"
+#include "common/sources.h"
 #include "common/util.h"
 #include "platform/framework.h"
 #include "software/components.h"

@@ -15,9 +15,6 @@ extern const group swverag_group;  // the version of the agents' package
 // when it has changed, and publishes. Returns 0.
 int do_swver();
 
-// A scan follows when this file is younger than at the pass before.
-inline constexpr char package_database_path[] = "/var/lib/dpkg/available";
-
 // ---- Pieces of the pass, for its tests ----------------------------------------------------------
 
 // How a package is reported: origin * 256 + type, or 0 when it is not.

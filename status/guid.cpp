@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include "common/kept_file.h"
+#include "common/sources.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
 #include "status/ranmar.h"

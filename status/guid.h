@@ -15,10 +15,6 @@ extern kept_file guid_file;
 
 enum guid_sizes { GUID_SIZE = 16, GUID_TEXT_SIZE = 37 /* with its NUL */ };
 
-// What the generator gives where there is no eth0: the same on every such host.
-inline constexpr unsigned char guid_without_eth0[GUID_SIZE] = {
-    0x58, 0x14, 0x2D, 0xA9, 0x53, 0xCD, 0x34, 0x5B, 0x33, 0x85, 0xC5, 0x44, 0xA4, 0xDC, 0x7A, 0xFD};
-
 // Settles the GUID, once a process, and logs where it comes from. text has at least GUID_TEXT_SIZE
 // bytes.
 void obtain_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size);

@@ -216,12 +216,6 @@ static size_t named_capacity;
 static int64_t read_at;
 static bool left_for_health;
 
-static int64_t monotonic_time() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
-}
-
 // Reads the first line, at most, of a process's command line (proc(5): arguments end in NUL, so as
 // text it is the program path). False when it cannot be opened. Plain calls below the directory
 // already open: with ten thousand processes a scan must stay in the tens of milliseconds.
@@ -305,7 +299,7 @@ static int read_processes() {
   } else if (result == BROKEN_OFF) {
     agentlog_fprintf(stderr, "cannot readdir(%s)\n", proc_directory);
   }
-  read_at = monotonic_time();
+  read_at = monotonic_nanoseconds();
   return result == LISTED ? 0 : -1;
 }
 
@@ -356,7 +350,7 @@ static void scan_status_peers() {
 }
 
 static void scan_health_peers() {
-  const bool fresh = left_for_health && monotonic_time() - read_at <= reading_lasts;
+  const bool fresh = left_for_health && monotonic_nanoseconds() - read_at <= reading_lasts;
   left_for_health = false;
   scan(health_peers, &named_process::health_rows, fresh || read_processes() == 0);
 }

@@ -328,8 +328,8 @@ static int set_poll_frequency(uint8_t phase, misc_data *data, const void *value)
   }
   if (phase != SET_CHECK) {
     data->poll_frequency = static_cast<int32_t>(seconds);
-    set_poll_time(held_int32(seconds));  // a negative period would be taken for the shortest
-    alarm(seconds);                      // the new interval starts now
+    set_poll_time(clamp_int32(seconds));  // a negative period would be taken for the shortest
+    alarm(seconds);                       // the new interval starts now
   }
   return 0;
 }

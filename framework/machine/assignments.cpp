@@ -8,8 +8,8 @@
 
 #include <set>
 
+#include "framework/process/descriptor.h"
 #include "framework/process/log.h"
-#include "framework/registry/registry_dir.h"
 #include "platform/framework.h"
 
 namespace vex {

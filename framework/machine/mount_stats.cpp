@@ -19,17 +19,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framework/process/clock.h"
+#include "framework/process/printable.h"
+
 namespace vex {
 namespace {
 
 constexpr int64_t kBetweenCalls = -1;
 constexpr int64_t kLeftAlone = -2;  // nobody waits: the answer goes into the slot
-
-int64_t Nanoseconds() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
 
 int64_t Nanoseconds(std::chrono::nanoseconds duration) {
   return duration.count();
@@ -137,7 +134,7 @@ void CloseAllBut(int kept) {
 Answer AskOne(const MountAsker::Settings &settings, const char *path, int64_t since) {
   struct statvfs figures = {};
   const int error = settings.stat(path, &figures) == 0 ? 0 : errno;
-  return {error == 0 ? Figures(figures) : NoFigures(MOUNT_FAILED, error), Nanoseconds() - since};
+  return {error == 0 ? Figures(figures) : NoFigures(MOUNT_FAILED, error), ClockNs() - since};
 }
 
 [[noreturn]] void LeaveAnswer(Slot *slot, const Answer &answer) {
@@ -153,7 +150,7 @@ Answer AskOne(const MountAsker::Settings &settings, const char *path, int64_t si
     if (at >= batch->ask.size()) {
       _exit(0);
     }
-    const int64_t since = Nanoseconds();
+    const int64_t since = ClockNs();
     slot->since.store(since);
     slot->current.store(static_cast<int64_t>(at));
     const Answer answer = AskOne(settings, batch->paths[batch->ask[at]], since);
@@ -163,22 +160,6 @@ Answer AskOne(const MountAsker::Settings &settings, const char *path, int64_t si
     }
     batch->Answers()[at] = answer;
   }
-}
-
-// A path as a log line may have it.
-std::string Printable(std::string path) {
-  for (size_t i = 0; i < path.size(); i++) {
-    const auto byte = static_cast<unsigned char>(path[i]);
-    const bool c1 =
-        byte == 0xC2 && i + 1 < path.size() && static_cast<unsigned char>(path[i + 1]) < 0xA0;
-    if (byte < ' ' || byte == 0x7F || c1) {
-      path[i] = '?';
-      if (c1) {
-        path[i + 1] = '?';
-      }
-    }
-  }
-  return path;
 }
 
 struct Child {
@@ -300,7 +281,7 @@ mount_stats MountAsker::State::Outcome(Mounts::iterator mount) {
   const auto asks = std::find_if(alone.begin(), alone.end(),
                                  [&](const Child &child) { return child.pid == it.child; });
   const bool silent =
-      asks != alone.end() && Nanoseconds() - asks->slot->since > Nanoseconds(settings.silence);
+      asks != alone.end() && ClockNs() - asks->slot->since > Nanoseconds(settings.silence);
   const bool news = silent && !it.silence_told;
   it.silence_told = it.silence_told || silent;
   return NoFigures(news ? MOUNT_SILENT : MOUNT_STILL_SILENT, ETIMEDOUT);
@@ -419,7 +400,7 @@ int MountAsker::State::StartChild(Batch *batch, const char *path) {
   }
   Slot *slot = slots->At<Slot>(0) + free_slots.back();
   slot->answered = false;
-  slot->since = Nanoseconds();
+  slot->since = ClockNs();
   slot->current = batch != nullptr ? kBetweenCalls : kLeftAlone;
   // No handler of the agent may run in the child.
   sigset_t all;
@@ -438,7 +419,7 @@ int MountAsker::State::StartChild(Batch *batch, const char *path) {
     if (batch != nullptr) {
       Work(settings, batch, slot);
     }
-    LeaveAnswer(slot, AskOne(settings, path, Nanoseconds()));
+    LeaveAnswer(slot, AskOne(settings, path, ClockNs()));
   }
   const int error = pid < 0 ? errno : 0;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -486,7 +467,7 @@ void MountAsker::State::Run(Batch *batch) {
   for (;;) {
     size_t moving = 0;
     size_t held_up = 0;
-    const int64_t now = Nanoseconds();
+    const int64_t now = ClockNs();
     for (auto child = working.begin(); child != working.end();) {
       const auto next = std::next(child);
       int64_t at = child->slot->current;

@@ -8,16 +8,17 @@
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string_view>
 #include <vector>
 
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
 #include "framework/process/guard.h"
 #include "framework/process/log.h"
-#include "framework/registry/registry_dir.h"
+#include "framework/process/printable.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -28,8 +29,8 @@ namespace {
 constexpr int kUsualLimitMs = 30 * 1000;
 // What run_command() adds to the number of a signal, as shells do.
 constexpr int kSignalStatus = 128;
-// How often to look for the shell's end where the kernel has no pidfd.
-constexpr int kLookMs = 20;
+// How often the shell is polled for its end where the kernel has no pidfd.
+constexpr int kPollMs = 20;
 // What a command that is told to end gets to put its house in order: a package tool that is killed
 // outright leaves the lock for which the next one waits.
 constexpr int kGraceMs = 100;
@@ -38,9 +39,7 @@ constexpr int kGraceMs = 100;
 constexpr int kEndMs = 500;
 
 int64_t NowMs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+  return ClockNs() / kNsPerMs;
 }
 
 // Starts the shell in a process group of its own, with our pipes, nothing to read, and signals as a
@@ -87,13 +86,14 @@ pid_t Start(const char *command, int output, int errors) {
   return failure == 0 ? pid : -1;
 }
 
-// Shells that were killed and have not ended; agent thread only.
-std::vector<pid_t> &Unended() {
+// Shells that were killed and could not be reaped yet; agent thread only.
+std::vector<pid_t> &Unreaped() {
   static auto *pids = new std::vector<pid_t>;
   return *pids;
 }
 
-bool HasEnded(pid_t pid) {
+// Whether nothing is left of the shell; reaps it when it has ended.
+bool Reap(pid_t pid) {
   const pid_t gone = waitpid(pid, nullptr, WNOHANG);
   return gone == pid || (gone < 0 && errno == ECHILD);
 }
@@ -103,12 +103,12 @@ bool HasEnded(pid_t pid) {
 void End(pid_t pid) {
   kill(-pid, SIGTERM);
   for (const int64_t deadline = NowMs() + kGraceMs; NowMs() < deadline;) {
-    poll(nullptr, 0, kLookMs);
+    poll(nullptr, 0, kPollMs);
   }
   kill(-pid, SIGKILL);
-  for (const int64_t deadline = NowMs() + kEndMs; !HasEnded(pid); poll(nullptr, 0, kLookMs)) {
+  for (const int64_t deadline = NowMs() + kEndMs; !Reap(pid); poll(nullptr, 0, kPollMs)) {
     if (NowMs() >= deadline) {
-      Unended().push_back(pid);
+      Unreaped().push_back(pid);
       return;
     }
   }
@@ -163,23 +163,6 @@ struct Pipe {
   }
 };
 
-// One line that a terminal shows and does not act on: a line's end is a blank and a semicolon.
-std::string OneLine(std::string_view text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
-    text.remove_suffix(1);
-  }
-  std::string line;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\n') {
-      line += "; ";
-    } else {
-      line += byte < ' ' || byte > '~' ? '?' : c;
-    }
-  }
-  return line;
-}
-
 // How far a command is known by its text; the longest that a group runs are 255 characters.
 constexpr size_t kShownCommand = 512;
 // What is kept of a standard error.
@@ -189,7 +172,8 @@ void Report(const char *command, const CommandResult &result, int failure, int l
             std::string_view said) {
   static auto *ends = new CommandNews(false);
   static auto *errors = new CommandNews(true);
-  const std::string shown = OneLine(std::string_view(command, strnlen(command, kShownCommand)));
+  const std::string shown =
+      PrintableLine(std::string_view(command, strnlen(command, kShownCommand)));
   std::string what;
   if (result.end == CommandResult::kNotRun) {
     what = std::string("could not be started: ") + strerror(failure);
@@ -205,7 +189,7 @@ void Report(const char *command, const CommandResult &result, int failure, int l
     }
   }
   // Only a command that came to its end has said all that it has to say.
-  const std::string text = OneLine(said);
+  const std::string text = PrintableLine(said);
   if ((result.end == CommandResult::kExited || !text.empty()) && errors->Tell(shown, text)) {
     agentlog_fprintf(stderr, "%s: Command says: %s (%s)\n", AgentName(), text.c_str(),
                      shown.c_str());
@@ -238,7 +222,7 @@ CommandResult Watch(pid_t pid, int limit_ms, Pipe &output, Sink &stored, Pipe &e
       End(pid);
       break;
     }
-    const int wait_ms = static_cast<int>(ended ? left : std::min<int64_t>(left, kLookMs));
+    const int wait_ms = static_cast<int>(ended ? left : std::min<int64_t>(left, kPollMs));
     pollfd fds[3] = {{ended.get(), POLLIN, 0},
                      {output_open ? output.from.get() : -1, POLLIN, 0},
                      {errors_open ? errors.from.get() : -1, POLLIN, 0}};
@@ -258,8 +242,8 @@ CommandResult Watch(pid_t pid, int limit_ms, Pipe &output, Sink &stored, Pipe &e
 
 CommandResult Run(const char *command, int limit_ms, Sink &stored) {
   CommandResult result;
-  std::erase_if(Unended(), HasEnded);
-  Unended().reserve(Unended().size() + 1);  // while nothing is running yet
+  std::erase_if(Unreaped(), Reap);
+  Unreaped().reserve(Unreaped().size() + 1);  // while nothing is running yet
   if (command == nullptr) {
     return result;
   }

@@ -27,6 +27,10 @@ constexpr size_t kUsualMessage = 1024;
 // always has an open one.
 std::atomic<int> log_fd{STDERR_FILENO};
 char *log_path;
+const char *log_name = "agent";
+
+int WriteToLog(const char *text, size_t length);
+LogSink log_sink = WriteToLog;
 
 // The log's directory may be one where others write.
 bool IsOurLink(const char *path) {
@@ -88,10 +92,22 @@ int WriteMessage(int fd, const char *text, size_t length) {
   return result;
 }
 
+int WriteToLog(const char *text, size_t length) {
+  return WriteMessage(log_fd.load(), text, length);
+}
+
 }  // namespace
 
 const char *AgentName() {
-  return agent != nullptr ? agent : "agent";
+  return log_name;
+}
+
+void SetLogName(const char *name) {
+  log_name = name;
+}
+
+void SetLogSink(LogSink sink) {
+  log_sink = sink;
 }
 
 int OpenLog(const char *path) {
@@ -152,7 +168,7 @@ int agentlog_fprintf(FILE *stream, const char *format, ...) {
   int result = -1;
   if (length >= 0) {
     if (stream == stderr) {
-      result = vex::WriteMessage(vex::log_fd.load(), text, static_cast<size_t>(length));
+      result = vex::log_sink(text, static_cast<size_t>(length));
     } else if (stream != nullptr && fflush(stream) == 0) {
       result = vex::WriteMessage(fileno(stream), text, static_cast<size_t>(length));
     }

@@ -11,14 +11,17 @@
 #include <atomic>
 #include <string_view>
 
+#include "framework/process/clock.h"
+#include "framework/process/ending.h"
 #include "framework/process/guard.h"
 #include "framework/process/log.h"
 #include "framework/process/systemd.h"
+#include "framework/registry/claim.h"
 #include "framework/registry/objects.h"
-#include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_path.h"
 #include "framework/snmp/set_channel.h"
 #include "framework/snmp/snmp_api.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -29,7 +32,6 @@ namespace {
 // except while waiting and while a hook runs: a command that a hook starts inherits the mask.
 
 volatile sig_atomic_t alarm_came;
-volatile sig_atomic_t end_came;
 volatile sig_atomic_t hangup_came;
 
 constexpr int kOurSignals[] = {SIGALRM, SIGTERM, SIGINT, SIGHUP};
@@ -61,8 +63,7 @@ void Note(int signal) {
       break;
     case SIGTERM:
     case SIGINT:
-      if (end_came == 0) {
-        end_came = 1;
+      if (NoteEnding()) {
         Insist(true);
       }
       break;
@@ -103,9 +104,7 @@ std::atomic<int64_t> in_hook_since{0};
 class Hook {
  public:
   Hook() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    in_hook_since = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+    in_hook_since = ClockNs();
     BeginQueries();
     pthread_sigmask(SIG_SETMASK, &hook_mask, nullptr);
   }
@@ -165,7 +164,7 @@ void Leave(int status) {
 
 // Until the process is told to end, or there is nobody left who would answer a manager.
 void Loop() {
-  while (end_came == 0 && !SnmpFailed() && !ClaimRefused()) {
+  while (agent_ending() == 0 && !SnmpFailed() && !ClaimRefused()) {
     pollfd sets = {SetChannelFd(), POLLIN, 0};
     if (hangup_came == 0 && alarm_came == 0) {
       ppoll(&sets, 1, nullptr, &hook_mask);
@@ -177,7 +176,7 @@ void Loop() {
     if ((sets.revents & POLLIN) != 0) {
       ServeSets(RunSetAsHook);
     }
-    if (end_came == 0 && alarm_came != 0) {
+    if (agent_ending() == 0 && alarm_came != 0) {
       alarm_came = 0;
       {
         Hook hook;
@@ -194,6 +193,7 @@ int Run(int argc, char **argv) {
   PrepareSignals();
   static char *name = strdup(argc > 0 && argv[0] != nullptr ? BaseName(argv[0]) : "agent");
   agent = name;
+  SetLogName(name);
   CommandLine line = TakeOwnOptions(argc, argv);
   if (line.bad) {
     agentlog_fprintf(stderr, "%s: Option -l needs a file name\n", AgentName());
@@ -221,15 +221,15 @@ int Run(int argc, char **argv) {
     delete_obj(&obj_Q, nullptr, 0);
     RemoveDirectory();
     // A start that was told to end has not failed.
-    const int status = end_came != 0 ? 0 : 1;
+    const int status = agent_ending() != 0 ? 0 : 1;
     Leave(status);
     return status;
   }
-  if (end_came == 0) {
+  if (agent_ending() == 0) {
     alarm(static_cast<unsigned>(poll_time));
     RetryFiles();
   }
-  if (end_came == 0 && !SnmpFailed() && !ClaimRefused()) {
+  if (agent_ending() == 0 && !SnmpFailed() && !ClaimRefused()) {
     SystemdReady();
     Loop();
   }
@@ -293,10 +293,6 @@ void ConfigurePollTime(int seconds) {
 void set_poll_time(int seconds) {
   vex::poll_time_set = true;
   poll_time = seconds < 1 ? 1 : seconds;
-}
-
-int agent_ending(void) {
-  return vex::end_came;
 }
 
 int agent_main(int argc, char **argv) {

@@ -25,12 +25,6 @@ int64_t InHookSince();
 
 // The poll interval of the configuration file, which counts unless the agent has set one itself.
 void ConfigurePollTime(int seconds);
-// After each poll: reads what an earlier process kept of its notifications if that has not been
-// possible yet, and removes it once the master has it.
-void RetryUnsent() noexcept;
-// Ends the SNMP side, at the end of the process, and keeps what it could not send for the next one.
-// False when its thread hangs, as SnmpStop() says.
-bool EndSnmp();
 
 }  // namespace vex
 

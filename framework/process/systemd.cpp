@@ -4,7 +4,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,15 +12,16 @@
 #include <string>
 #include <string_view>
 
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
 #include "framework/process/main_loop.h"
-#include "framework/registry/registry_dir.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 
 namespace vex {
 
 namespace {
 
-constexpr int64_t kLongestHookNs = int64_t{3600} * 1'000'000'000;
+constexpr int64_t kLongestHookNs = 3600 * kNsPerSecond;
 
 std::string &SocketPath() {
   static auto *path = new std::string;
@@ -60,9 +60,7 @@ bool ReadNumber(const char *text, Number *number) {
 }
 
 void Tick() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  if (AgentThreadAlive(InHookSince(), int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec)) {
+  if (AgentThreadAlive(InHookSince(), ClockNs())) {
     Notify("WATCHDOG=1");
   }
 }

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/registry/registry_dir.h"
+#include "framework/process/descriptor.h"
 
 namespace vex {
 namespace {

@@ -1,4 +1,5 @@
-// Immutable published values of one object: what log_data() hands to the SNMP side.
+// Snapshots of one object's published values, never changed: what log_data() hands to the SNMP
+// side.
 #ifndef VEX_FRAMEWORK_REGISTRY_IMAGE_H
 #define VEX_FRAMEWORK_REGISTRY_IMAGE_H
 

@@ -16,21 +16,22 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framework/process/descriptor.h"
 #include "framework/process/guard.h"
 #include "framework/process/log.h"
+#include "framework/registry/claim.h"
 #include "framework/registry/image.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_file.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/registry/registry_format.h"
+#include "framework/registry/registry_path.h"
+#include "framework/snmp/snmp_thread.h"
 
 namespace vex {
 
 namespace {
 
-constexpr int kMaxData = 1 << 20;
-constexpr int kMaxVariables = 4096;
 constexpr int kMaxValue = UINT16_MAX;  // descriptor.length has 16 bits
-constexpr size_t kMaxVariableName = 255;
 
 struct Object {
   Object(std::string relative_name, const std::string &root)
@@ -611,8 +612,8 @@ registry_object *create_obj(queue *registry, int /*owner*/, const char *name, in
                             int data_size, int var_count) {
   return Guarded(static_cast<registry_object *>(nullptr), [&]() -> registry_object * {
     Registry &r = TheRegistry();
-    if (name == nullptr || data_size < 0 || data_size > kMaxData || var_count < 0 ||
-        var_count > kMaxVariables) {
+    if (name == nullptr || data_size < 0 || static_cast<size_t>(data_size) > kMaxData ||
+        var_count < 0 || static_cast<size_t>(var_count) > kMaxVariables) {
       return nullptr;
     }
     std::optional<std::string> relative = ResolveObjectName(name, r.root);

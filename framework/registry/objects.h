@@ -23,20 +23,6 @@ int RunSet(uint8_t phase, SetItem &item);
 // last published. Called after each poll.
 void RetryFiles();
 
-// What the path of the registry's root, and of the directory that this process has claimed below
-// it, leads to.
-enum class RootState {
-  kSame,     // the directories that are held
-  kRenewed,  // others: they are held now, and what was written is not there
-  kFailed    // nothing that can be used now; *problem says why
-};
-RootState KeepRoot(std::string *problem);
-
-// Whether claim_dir() has been told that another process has the directory.
-bool ClaimRefused();
-// Gives up what claim_dir() took.
-void ForgetClaim();
-
 // Whether this is an object that create_obj() returned and delete_obj() did not release yet.
 bool IsLive(const registry_object *object);
 

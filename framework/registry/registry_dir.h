@@ -3,53 +3,19 @@
 #ifndef VEX_FRAMEWORK_REGISTRY_REGISTRY_DIR_H
 #define VEX_FRAMEWORK_REGISTRY_REGISTRY_DIR_H
 
+#include <fcntl.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
+
+#include "framework/process/descriptor.h"
 
 namespace vex {
 
-// A file descriptor that closes itself.
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    Reset();
-  }
-  Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor &operator=(Descriptor &&other) noexcept {
-    if (this != &other) {
-      Reset(std::exchange(other.fd_, -1));
-    }
-    return *this;
-  }
-  int get() const {
-    return fd_;
-  }
-  explicit operator bool() const {
-    return fd_ >= 0;
-  }
-  int Release() {
-    return std::exchange(fd_, -1);
-  }
-  void Reset(int fd = -1) {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
-
-// As ResolveObjectName(), and the root itself is "".
-std::optional<std::string> ResolveDirectoryName(std::string_view name, std::string_view root);
+// For openat(2) of a directory that is to be read.
+inline constexpr int kReadDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // Opens `path` below the directory `root` without following any symbolic link and without leaving
 // root; "" is root itself. Close-on-exec. A descriptor, or -1 with errno.
@@ -108,9 +74,6 @@ class HeldRoot {
 };
 // The root of that path; lives as long as the process.
 HeldRoot &RootOf(const std::string &path);
-
-// "host/cpu.0" is "host" and "cpu.0"; the parent of "x" is "".
-std::pair<std::string, std::string> SplitPath(const std::string &path);
 
 }  // namespace vex
 

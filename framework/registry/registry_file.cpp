@@ -3,21 +3,19 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <linux/openat2.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <map>
 #include <memory>
 
-#include "framework/process/trusted_link.h"
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_format.h"
 
@@ -25,124 +23,12 @@ namespace vex {
 
 namespace {
 
-// Of a component of an object's name: room for what a temporary name adds within NAME_MAX.
-constexpr size_t kMaxComponent = 200;
-constexpr size_t kMaxRelative = 1024;
 constexpr int kMaxDepth = 16;  // of directories in ListObjects()
-// Looks of a reader at a file that is being written; two equal looks end it sooner.
-constexpr int kLooks = 20;
-constexpr long kLookPauseNs = 50'000;
-
-template <typename T>
-T Load(const uint8_t *bytes) {
-  T value;
-  memcpy(&value, bytes, sizeof(value));
-  return value;
-}
-
-template <typename T>
-void Store(uint8_t *bytes, const T &value) {
-  memcpy(bytes, &value, sizeof(value));
-}
+// Reads of a file that is being written; two equal ones end it sooner.
+constexpr int kMostReads = 20;
+constexpr long kReadPauseNs = 50'000;
 
 // ---- Reading
-
-// The head of a file, checked; the offsets in it can be trusted.
-struct Head {
-  FileHeader header;
-  std::vector<FileVariable> variables;
-};
-
-std::optional<Head> ParseHead(const std::vector<uint8_t> &file) {
-  Head head;
-  if (file.size() < sizeof(FileHeader)) {
-    return std::nullopt;
-  }
-  head.header = Load<FileHeader>(file.data());
-  const FileHeader &h = head.header;
-  if (memcmp(h.magic, kMagic, sizeof(kMagic)) != 0 || h.version != kVersion ||
-      h.var_count > kMaxVariables || h.data_size > kMaxData || h.names_size > kMaxFile) {
-    return std::nullopt;
-  }
-  const size_t table = sizeof(FileHeader);
-  const size_t names = table + size_t{h.var_count} * sizeof(FileDescriptor);
-  if (h.slots_offset != Padded(names + h.names_size) || h.slots_offset > file.size() ||
-      h.slot_size != SlotSize(h.var_count, h.data_size) ||
-      file.size() > size_t{h.slots_offset} + 2 * size_t{h.slot_size}) {
-    return std::nullopt;
-  }
-  std::vector<uint8_t> covered(file.begin(), file.begin() + h.slots_offset);
-  Store<uint64_t>(&covered[offsetof(FileHeader, checksum)], 0);
-  if (RegistryChecksum(covered.data(), covered.size(), 0) != h.checksum) {
-    return std::nullopt;
-  }
-  head.variables.reserve(h.var_count);
-  for (size_t i = 0; i < h.var_count; i++) {
-    const auto d = Load<FileDescriptor>(&file[table + i * sizeof(FileDescriptor)]);
-    if (d.offset > h.data_size || d.size > h.data_size - d.offset ||
-        d.name_length > kMaxVariableName || d.name_offset > h.names_size ||
-        d.name_length > h.names_size - d.name_offset) {
-      return std::nullopt;
-    }
-    FileVariable v;
-    v.name.assign(reinterpret_cast<const char *>(&file[names]) + d.name_offset, d.name_length);
-    v.type = d.type;
-    v.access = d.access;
-    v.size = d.size;
-    v.offset = d.offset;
-    // 1 is a 32-bit integer, 2 and 3 are strings, 0 a slot without a variable.
-    if (d.type > 3 || (d.type == 1 && d.size != 4) || (d.type == 0 && d.size != 0) ||
-        v.name.find('\0') != std::string::npos) {
-      return std::nullopt;
-    }
-    head.variables.push_back(std::move(v));
-  }
-  return head;
-}
-
-enum class SlotState { kEmpty, kBad, kGood };
-
-SlotState CheckSlot(const std::vector<uint8_t> &file, const Head &head, size_t offset) {
-  if (offset > file.size() || file.size() - offset < head.header.slot_size) {
-    return SlotState::kBad;
-  }
-  const uint8_t *slot = &file[offset];
-  const auto h = Load<SlotHeader>(slot);
-  if (h.sequence == 0 && h.published_ns == 0 && h.checksum == 0) {
-    return SlotState::kEmpty;
-  }
-  const uint8_t *lengths = slot + sizeof(SlotHeader);
-  SlotHeader covered = h;
-  covered.checksum = 0;
-  uint64_t sum = RegistryChecksum(reinterpret_cast<const uint8_t *>(&covered), sizeof(covered),
-                                  head.header.checksum);
-  sum = RegistryChecksum(lengths, head.header.slot_size - sizeof(SlotHeader), sum);
-  if (h.sequence == 0 || sum != h.checksum) {
-    return SlotState::kBad;
-  }
-  for (size_t i = 0; i < head.variables.size(); i++) {
-    if (Load<uint16_t>(lengths + 2 * i) > head.variables[i].size) {
-      return SlotState::kBad;
-    }
-  }
-  return SlotState::kGood;
-}
-
-FileObject TakeSlot(const std::vector<uint8_t> &file, Head &&head, size_t offset) {
-  const uint8_t *slot = &file[offset];
-  const auto h = Load<SlotHeader>(slot);
-  const uint8_t *lengths = slot + sizeof(SlotHeader);
-  const uint8_t *data = lengths + Padded(2 * head.variables.size());
-  FileObject object;
-  object.variables = std::move(head.variables);
-  for (size_t i = 0; i < object.variables.size(); i++) {
-    object.variables[i].length = Load<uint16_t>(lengths + 2 * i);
-  }
-  object.data.assign(data, data + head.header.data_size);
-  object.sequence = h.sequence;
-  object.published_ns = h.published_ns;
-  return object;
-}
 
 // The whole of a regular file of a sensible size; nothing otherwise, with errno when it could not
 // be looked at and 0 when it is none.
@@ -157,21 +43,11 @@ std::optional<std::vector<uint8_t>> ReadWhole(int root, const std::string &relat
     return std::nullopt;
   }
   std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
-  size_t got = 0;
-  while (got < bytes.size()) {
-    const ssize_t n = read(fd.get(), bytes.data() + got, bytes.size() - got);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n < 0) {
-      return std::nullopt;
-    }
-    if (n == 0) {
-      break;
-    }
-    got += static_cast<size_t>(n);
+  const ssize_t got = ReadFully(fd.get(), bytes.data(), bytes.size());
+  if (got < 0) {
+    return std::nullopt;
   }
-  bytes.resize(got);
+  bytes.resize(static_cast<size_t>(got));
   return bytes;
 }
 
@@ -260,300 +136,6 @@ void ListDirectory(int parent, const char *name, const std::string &prefix, int 
 
 }  // namespace
 
-// ---- Directories ---------------------------------------------------------------------------
-
-std::pair<std::string, std::string> SplitPath(const std::string &path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
-    return {"", path};
-  }
-  return {path.substr(0, slash), path.substr(slash + 1)};
-}
-
-int OpenBeneathByWalk(int root, const std::string &path, int flags, mode_t mode) {
-  const std::string &target = path.empty() ? "." : path;
-  Descriptor at;
-  size_t begin = 0;
-  for (;;) {
-    const size_t slash = target.find('/', begin);
-    const std::string component = target.substr(begin, slash - begin);
-    if (component == "..") {
-      errno = EXDEV;
-      return -1;
-    }
-    const int from = at ? at.get() : root;
-    if (slash == std::string::npos) {
-      return openat(from, component.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode);
-    }
-    at.Reset(openat(from, component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!at) {
-      return -1;
-    }
-    begin = slash + 1;
-  }
-}
-
-int OpenBeneath(int root, const std::string &path, int flags, mode_t mode) {
-  static std::atomic<bool> kernel_has_openat2{true};
-  const std::string &target = path.empty() ? "." : path;
-  if (kernel_has_openat2.load(std::memory_order_relaxed)) {
-    open_how how = {};
-    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
-    how.mode = (flags & O_CREAT) != 0 ? mode : 0;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-    const long fd = syscall(SYS_openat2, root, target.c_str(), &how, sizeof(how));
-    if (fd >= 0) {
-      return static_cast<int>(fd);
-    }
-    if (errno == ENOSYS) {
-      kernel_has_openat2.store(false, std::memory_order_relaxed);
-    } else if (errno != EPERM) {  // EPERM may be a sandbox that does not know the call
-      return -1;
-    }
-  }
-  return OpenBeneathByWalk(root, path, flags, mode);
-}
-
-int GiveDirectoryMode(int directory) {
-  constexpr mode_t kMode = 0755;
-  struct stat st;
-  if (fstat(directory, &st) != 0) {
-    return -1;
-  }
-  if (st.st_uid != geteuid() || (st.st_mode & kMode) == kMode) {
-    return 0;
-  }
-  // fchmod(2) takes no O_PATH descriptor, and the directory may be one that its owner cannot open.
-  char link[32];
-  snprintf(link, sizeof(link), "/proc/self/fd/%d", directory);
-  return chmod(link, (st.st_mode & 07777) | kMode);
-}
-
-int MakeDirectories(int root, const std::string &path, bool parents) {
-  size_t slash = parents ? path.find('/') : std::string::npos;
-  for (;;) {
-    const auto [parent, leaf] = SplitPath(path.substr(0, slash));
-    Descriptor at(OpenBeneath(root, parent, O_PATH | O_DIRECTORY));
-    if (!at || (mkdirat(at.get(), leaf.c_str(), 0755) != 0 && errno != EEXIST)) {
-      return -1;
-    }
-    // Whatever the umask, and whoever died between the two steps: siblings read here.
-    const Descriptor made(
-        openat(at.get(), leaf.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!made || GiveDirectoryMode(made.get()) != 0) {
-      return -1;
-    }
-    if (slash == std::string::npos) {
-      return 0;
-    }
-    slash = path.find('/', slash + 1);
-  }
-}
-
-bool IsEmptyDirectory(int directory) {
-  Descriptor fd(directory);
-  DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
-  if (dir == nullptr) {
-    return false;
-  }
-  fd.Release();
-  bool empty = true;
-  errno = 0;
-  while (const dirent *entry = readdir(dir)) {
-    empty = empty && (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0);
-  }
-  empty = empty && errno == 0;
-  closedir(dir);
-  return empty;
-}
-
-namespace {
-
-int OpenWay(const std::string &path, int from, bool create, int links);
-
-// One step on the way to the root: a directory, or a link to one that the administrator or this
-// user has made. Who may write to a directory above the registry must not lead us elsewhere: a link
-// is followed as it was looked at, not by its name, which may be another link's by now.
-int OpenStep(int parent, const std::string &name, bool create, bool last, int links) {
-  constexpr int kFlags = O_PATH | O_CLOEXEC;
-  int fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
-  bool made = false;
-  if (fd < 0 && errno == ENOENT && create) {
-    made = mkdirat(parent, name.c_str(), 0755) == 0;
-    if (!made && errno != EEXIST) {
-      return -1;
-    }
-    fd = openat(parent, name.c_str(), kFlags | O_NOFOLLOW);
-  }
-  Descriptor step(fd);
-  struct stat st;
-  if (!step || fstat(step.get(), &st) != 0) {
-    return -1;
-  }
-  if (S_ISLNK(st.st_mode)) {
-    if (!IsTrustedLink(st) || links == 0) {
-      errno = ELOOP;
-      return -1;
-    }
-    char target[PATH_MAX];
-    const ssize_t length = readlinkat(step.get(), "", target, sizeof(target));
-    if (length < 0) {
-      return -1;
-    }
-    return OpenWay({target, static_cast<size_t>(length)}, parent, false, links - 1);
-  }
-  if (!S_ISDIR(st.st_mode)) {
-    errno = ENOTDIR;
-    return -1;
-  }
-  // Who made it may have died before it had its mode: it is then empty. What has something in it is
-  // as the administrator wants it, unless it is the registry itself.
-  if (create && (st.st_mode & 0755) != 0755 &&
-      (made || last ||
-       IsEmptyDirectory(
-           openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))) &&
-      GiveDirectoryMode(step.get()) != 0) {
-    return -1;
-  }
-  return step.Release();
-}
-
-// Opens the directory (O_PATH); a relative path begins at the directory `from`. -1 with errno.
-int OpenWay(const std::string &path, int from, bool create, int links) {
-  Descriptor at(openat(from, path.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  for (size_t begin = 0; at && begin < path.size();) {
-    const size_t end = std::min(path.find('/', begin), path.size());
-    if (end > begin) {
-      const bool last = path.find_first_not_of('/', end) == std::string::npos;
-      at.Reset(OpenStep(at.get(), path.substr(begin, end - begin), create, last, links));
-    }
-    begin = end + 1;
-  }
-  return at.Release();
-}
-
-}  // namespace
-
-int OpenRegistryRoot(const std::string &root, bool create) {
-  constexpr int kMostLinks = 40;  // as the kernel's
-  return OpenWay(root, AT_FDCWD, create, kMostLinks);
-}
-
-std::optional<DirectoryId> IdOf(int directory) {
-  struct stat st;
-  if (fstat(directory, &st) != 0) {
-    return std::nullopt;
-  }
-  return DirectoryId{st.st_dev, st.st_ino};
-}
-
-int HeldRoot::Get() {
-  if (!fd_) {
-    fd_.Reset(OpenRegistryRoot(path_, true));
-  }
-  return fd_.get();
-}
-
-std::optional<bool> HeldRoot::IsHeld(int root) const {
-  if (!fd_) {
-    return false;
-  }
-  const auto held = IdOf(fd_.get());
-  const auto asked = held ? IdOf(root) : std::nullopt;
-  return asked ? std::optional(held == asked) : std::nullopt;
-}
-
-HeldRoot &RootOf(const std::string &path) {
-  // Never destroyed: exit handlers may still write. Not of the thread's own storage, whose
-  // destructors are registered with an allocation that ends the process when it fails.
-  static auto *roots = new std::map<std::string, HeldRoot>;
-  return roots->try_emplace(path, path).first->second;
-}
-
-// ---- Public functions ------------------------------------------------------------------------
-
-std::optional<std::string> ResolveDirectoryName(std::string_view name, std::string_view root) {
-  if (name.empty() || name.size() > 4 * kMaxRelative || name.find('\0') != name.npos) {
-    return std::nullopt;
-  }
-  std::vector<std::string_view> path;
-  auto append = [&path](std::string_view text) {
-    while (!text.empty()) {
-      const size_t slash = text.find('/');
-      const std::string_view component = text.substr(0, slash);
-      if (component == "..") {
-        if (!path.empty()) {
-          path.pop_back();  // above "/" is "/"
-        }
-      } else if (!component.empty() && component != ".") {
-        path.push_back(component);
-      }
-      text = slash == text.npos ? std::string_view() : text.substr(slash + 1);
-    }
-  };
-  append(root);
-  const std::vector<std::string_view> base = path;
-  if (name.front() == '/') {
-    path.clear();
-  }
-  append(name);
-  if (path.size() < base.size() || !std::equal(base.begin(), base.end(), path.begin())) {
-    return std::nullopt;
-  }
-  std::string relative;
-  for (size_t i = base.size(); i < path.size(); i++) {
-    if (path[i].size() > kMaxComponent || path[i].front() == '.') {
-      return std::nullopt;
-    }
-    if (!relative.empty()) {
-      relative += '/';
-    }
-    relative += path[i];
-  }
-  if (relative.size() > kMaxRelative) {
-    return std::nullopt;
-  }
-  return relative;
-}
-
-std::optional<std::string> ResolveObjectName(std::string_view name, std::string_view root) {
-  std::optional<std::string> relative = ResolveDirectoryName(name, root);
-  return relative && !relative->empty() ? std::move(relative) : std::nullopt;
-}
-
-// FNV-1a's scheme on 64-bit words, with a shift that brings the high bits back down.
-uint64_t RegistryChecksum(const uint8_t *bytes, size_t size, uint64_t seed) {
-  uint64_t h = seed ^ 0xcbf29ce484222325;
-  for (size_t i = 0; i < size; i += 8) {
-    h = (h ^ Load<uint64_t>(bytes + i)) * 0x9e3779b97f4a7c15;
-    h ^= h >> 32;
-  }
-  return h;
-}
-
-std::optional<FileObject> ParseObjectFile(const std::vector<uint8_t> &file, bool *torn) {
-  *torn = false;
-  std::optional<Head> head = ParseHead(file);
-  if (!head) {
-    return std::nullopt;
-  }
-  size_t newest = 0;  // no slot begins there
-  uint64_t sequence = 0;
-  for (const size_t offset : {size_t{head->header.slots_offset},
-                              size_t{head->header.slots_offset} + head->header.slot_size}) {
-    const SlotState state = CheckSlot(file, *head, offset);
-    *torn = *torn || state == SlotState::kBad;
-    if (state == SlotState::kGood && Load<SlotHeader>(&file[offset]).sequence > sequence) {
-      sequence = Load<SlotHeader>(&file[offset]).sequence;
-      newest = offset;
-    }
-  }
-  if (newest == 0) {
-    return std::nullopt;
-  }
-  return TakeSlot(file, std::move(*head), newest);
-}
-
 std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view root) {
   const std::optional<std::string> relative = ResolveObjectName(name, root);
   if (!relative) {
@@ -564,7 +146,7 @@ std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view
     return std::nullopt;
   }
   std::vector<uint8_t> before;
-  for (int look = 1;; look++) {
+  for (int attempt = 1;; attempt++) {
     std::optional<std::vector<uint8_t>> file = ReadWhole(root_fd.get(), *relative);
     if (!file) {
       return std::nullopt;
@@ -573,12 +155,12 @@ std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view
     std::optional<FileObject> object = ParseObjectFile(*file, &torn);
     // One slot torn, and the other may be older than what was complete when we began: while the
     // first was read, the writer may have gone round. The same bytes twice show that it did not.
-    if (!torn || look == kLooks || (look > 1 && *file == before)) {
+    if (!torn || attempt == kMostReads || (attempt > 1 && *file == before)) {
       return object;
     }
     before = std::move(*file);
-    if (look > 1) {
-      const timespec pause = {0, kLookPauseNs};
+    if (attempt > 1) {
+      const timespec pause = {0, kReadPauseNs};
       nanosleep(&pause, nullptr);
     }
   }
@@ -672,11 +254,9 @@ int64_t EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, c
     memcpy(q, data, layout.data_size);
     memset(q + layout.data_size, 0, Padded(layout.data_size) - layout.data_size);
   }
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
   SlotHeader header = {};
   header.sequence = sequence;
-  header.published_ns = static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+  header.published_ns = ClockNs(CLOCK_REALTIME);
   const uint64_t sum =
       RegistryChecksum(reinterpret_cast<const uint8_t *>(&header), sizeof(header), layout.checksum);
   header.checksum = RegistryChecksum(p, size - sizeof(SlotHeader), sum);

@@ -11,16 +11,9 @@
 #include <string_view>
 #include <vector>
 
+#include "framework/registry/registry_path.h"
+
 namespace vex {
-
-// Where the objects lie; a test or tool may work on another root.
-inline constexpr char kRegistryRoot[] = "/var/spool/quorix/kelmo/registry";
-
-// Resolves an object's name, absolute or relative to the root ("../../kelmo/registry/x/y"
-// included), by its text alone, to its path below the root ("host/cpu.0"); nothing when it leads
-// outside the root, is the root itself, or is too long. The one place where names are resolved.
-std::optional<std::string> ResolveObjectName(std::string_view name,
-                                             std::string_view root = kRegistryRoot);
 
 struct FileVariable {
   std::string name;

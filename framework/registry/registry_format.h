@@ -3,6 +3,8 @@
 #ifndef VEX_FRAMEWORK_REGISTRY_REGISTRY_FORMAT_H
 #define VEX_FRAMEWORK_REGISTRY_REGISTRY_FORMAT_H
 
+#include <string.h>
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -19,6 +21,7 @@ static_assert(std::endian::native == std::endian::little);
 
 constexpr char kMagic[8] = {'V', 'E', 'X', 'R', 'E', 'G', '1', '\n'};
 constexpr uint32_t kVersion = 1;
+// The limits of an object; what is larger is neither made nor read.
 constexpr size_t kMaxFile = size_t{4} << 20;
 constexpr size_t kMaxVariables = 4096;
 constexpr size_t kMaxData = size_t{1} << 20;
@@ -61,6 +64,19 @@ constexpr size_t Padded(size_t n) {
 
 constexpr size_t SlotSize(size_t var_count, size_t data_size) {
   return sizeof(SlotHeader) + Padded(2 * var_count) + Padded(data_size);
+}
+
+// A field where it stands in a file's bytes, which need not be aligned.
+template <typename T>
+T Load(const uint8_t *bytes) {
+  T value;
+  memcpy(&value, bytes, sizeof(value));
+  return value;
+}
+
+template <typename T>
+void Store(uint8_t *bytes, const T &value) {
+  memcpy(bytes, &value, sizeof(value));
 }
 
 // size is a multiple of 8.

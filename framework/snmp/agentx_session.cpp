@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/snmp/oid_name.h"
 #include "platform/framework.h"
 
 // libnetsnmpagent exports its AgentX encoding without a header for it.
@@ -57,10 +58,6 @@ constexpr seconds kLastRefusalRetry{10};
 // Requests of a manager come over UDP; in AgentX their names grow to four octets a number.
 constexpr int kLongestPacket = 1 << 20;
 constexpr size_t kHeader = 20;
-
-// RFC 2741 6.1.
-constexpr int kNonDefaultContext = 0x08;
-constexpr int kNetworkByteOrder = 0x10;
 
 // The numbers of a packet, one after the other; zeros past its end.
 class Numbers {
@@ -156,24 +153,6 @@ bool HasVariables(int type) {
 // The session whose socket is being read: net-snmp asks for a packet's length without saying whose.
 AgentxSession *reader;
 
-// A MIB group's name, as net-snmp has it.
-class GroupName {
- public:
-  explicit GroupName(const MibGroup &group) : length_(group.oid_length) {
-    std::copy_n(group.oid, length_, name_);
-  }
-  const oid *Name() const {
-    return name_;
-  }
-  size_t Length() const {
-    return length_;
-  }
-
- private:
-  oid name_[UINT8_MAX];
-  size_t length_;
-};
-
 }  // namespace
 
 // The length of the packet that begins here, 0 when that cannot be told yet, or, for net-snmp to
@@ -256,7 +235,7 @@ bool AgentxSession::WantsToWrite() const {
   return handle_ != nullptr && HasUnsent(snmp_sess_transport(handle_));
 }
 
-AgentxSession::Clock::time_point AgentxSession::NextDue() const {
+Clock::time_point AgentxSession::NextDue() const {
   switch (stage_) {
     case Stage::kDown:
       return next_attempt_;
@@ -352,8 +331,9 @@ void AgentxSession::Connect() {
   netsnmp_pdu *pdu = NewPdu(kAgentxOpen);
   if (pdu != nullptr) {
     pdu->time = settings_.timeout_seconds;
-    const GroupName id(settings_.groups.front());
-    if (snmp_pdu_add_variable(pdu, id.Name(), id.Length(), ASN_OCTET_STR, settings_.name.data(),
+    const MibGroup &first = settings_.groups.front();
+    const OidName id({first.oid, first.oid_length});
+    if (snmp_pdu_add_variable(pdu, id.Numbers(), id.Length(), ASN_OCTET_STR, settings_.name.data(),
                               settings_.name.size()) == nullptr) {
       snmp_free_pdu(pdu);
       pdu = nullptr;
@@ -399,10 +379,10 @@ void AgentxSession::Register(size_t group) {
   if (pdu == nullptr) {
     return;
   }
-  const GroupName root(settings_.groups[group]);
+  const OidName root({settings_.groups[group].oid, settings_.groups[group].oid_length});
   pdu->priority = settings_.priority;
   pdu->time = 0;
-  if (snmp_add_null_var(pdu, root.Name(), root.Length()) == nullptr) {
+  if (snmp_add_null_var(pdu, root.Numbers(), root.Length()) == nullptr) {
     snmp_free_pdu(pdu);
     return;
   }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/process/clock.h"
 #include "framework/snmp/mib_table.h"
 #include "framework/snmp/socket_transport.h"
 
@@ -33,17 +34,18 @@ enum AgentxType : int {
   kAgentxPing = 13,
   kAgentxResponse = 18,
 };
+// Flags of a packet, RFC 2741 6.1.
+constexpr int kNonDefaultContext = 0x08;
+constexpr int kNetworkByteOrder = 0x10;
+
 enum AgentxError : int {
   kAgentxNotOpen = 257,
   kAgentxUnsupportedContext = 262,
-  kAgentxDuplicateRegistration = 263,
   kAgentxProcessingError = 268,
 };
 
 class AgentxSession {
  public:
-  using Clock = std::chrono::steady_clock;
-
   struct TcpAddress {
     std::string ipv4;
     uint16_t port;

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "framework/snmp/agentx_session.h"
+#include "framework/snmp/oid_name.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -16,36 +17,19 @@ constexpr oid kTrapOid[] = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
 constexpr std::chrono::milliseconds kTryAgainAfter{50};
 
-class Name {
- public:
-  Name(std::span<const uint32_t> of, uint32_t last) : length_(of.size() + 1) {
-    *std::copy(of.begin(), of.end(), name_) = last;
-  }
-  const oid *Numbers() const {
-    return name_;
-  }
-  size_t Length() const {
-    return length_;
-  }
-
- private:
-  oid name_[MAX_OID_LEN + 1];
-  size_t length_;
-};
-
-bool Add(netsnmp_pdu *pdu, const Name &name, int type, const void *value, size_t size) {
+bool Add(netsnmp_pdu *pdu, const OidName &name, int type, const void *value, size_t size) {
   return snmp_pdu_add_variable(pdu, name.Numbers(), name.Length(), static_cast<u_char>(type), value,
                                size) != nullptr;
 }
 
 bool AddAll(netsnmp_pdu *pdu, const Notification &notification) {
-  const Name trap(MibNotificationRoot(), notification.number);
+  const OidName trap(MibNotificationRoot(), notification.number);
   if (snmp_pdu_add_variable(pdu, kTrapOid, std::size(kTrapOid), ASN_OBJECT_ID, trap.Numbers(),
                             trap.Length() * sizeof(oid)) == nullptr) {
     return false;
   }
   for (const NotificationVariable &variable : notification.variables) {
-    const Name name(variable.mib->Oid(), variable.mib->column ? variable.instance : 0);
+    const OidName name(variable.mib->Oid(), variable.mib->column ? variable.instance : 0);
     bool added;
     if (variable.mib->type == VAR_INTEGER && variable.value.size() == sizeof(int32_t)) {
       int32_t number;
@@ -59,7 +43,7 @@ bool AddAll(netsnmp_pdu *pdu, const Notification &notification) {
       return false;
     }
   }
-  return Add(pdu, Name(MibTrapDescription().Oid(), 0), ASN_OCTET_STR,
+  return Add(pdu, OidName(MibTrapDescription().Oid(), 0), ASN_OCTET_STR,
              notification.description.data(), notification.description.size());
 }
 

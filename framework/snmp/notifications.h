@@ -8,7 +8,8 @@
 #include <list>
 #include <mutex>
 
-#include "framework/snmp/snmp_side.h"
+#include "framework/process/clock.h"
+#include "framework/snmp/snmp_thread.h"
 
 namespace vex {
 
@@ -56,7 +57,6 @@ class NotificationQueue {
 // The SNMP thread's half: what is with the master and not yet acknowledged.
 class NotificationSender {
  public:
-  using Clock = std::chrono::steady_clock;
   // A thousand in one go fill both directions of the socket and stop both processes for good.
   static constexpr size_t kMostUnanswered = 16;
 

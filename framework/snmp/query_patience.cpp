@@ -13,8 +13,7 @@ bool QueryPatience::Doubtful(const std::string &name) const {
   return silent_ || (!silent_name_.empty() && name == silent_name_);
 }
 
-QueryPatience::Clock::duration QueryPatience::Allowed(const std::string &name,
-                                                      Clock::time_point now) const {
+Clock::duration QueryPatience::Allowed(const std::string &name, Clock::time_point now) const {
   if (given_up_ || waited_ >= kFull) {
     return Clock::duration::zero();
   }

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <string>
 
+#include "framework/process/clock.h"
+
 namespace vex {
 
 // What became of a query.
@@ -19,7 +21,6 @@ enum class QueryEnd {
 
 class QueryPatience {
  public:
-  using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kFull{2000};  // also of one poll in all
   static constexpr std::chrono::milliseconds kShort{250};
   static constexpr std::chrono::minutes kFullAgainAfter{1};

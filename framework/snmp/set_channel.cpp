@@ -27,7 +27,7 @@ class SetTransaction : public std::enable_shared_from_this<SetTransaction> {
     kEnded  // applied, cancelled, expired or released: nothing of it runs any more
   };
 
-  SetChannel::Clock::time_point deadline;
+  Clock::time_point deadline;
   std::deque<Part> parts;  // a deque: the agent thread keeps a reference while another is added
   Stage stage = Stage::kChecking;
   bool cancelled = false;  // seen by the agent thread between two handlers

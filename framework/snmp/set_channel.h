@@ -11,6 +11,8 @@
 #include <mutex>
 #include <vector>
 
+#include "framework/process/clock.h"
+
 namespace vex {
 
 // One variable of a set request; object and variable exist and passed the type, access and length
@@ -45,8 +47,6 @@ class SetTransaction;
 
 class SetChannel {
  public:
-  using Clock = std::chrono::steady_clock;
-
   enum class Check {
     kPending,
     kAccepted,

@@ -1,5 +1,5 @@
 // What an agent asks of SNMP: configuration, traps, queries, MIB revisions. The SNMP thread does
-// the work (framework/snmp/snmp_side.h).
+// the work (framework/snmp/snmp_thread.h).
 #include "framework/snmp/snmp_api.h"
 
 #include <arpa/inet.h>
@@ -14,7 +14,7 @@
 #include "framework/process/log.h"
 #include "framework/process/main_loop.h"
 #include "framework/registry/objects.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 #include "framework/snmp/unsent.h"
 #include "platform/framework.h"
 
@@ -106,13 +106,13 @@ std::optional<int32_t> Ask(const char *oid, int *status) {
     patience.AnsweredLate();
     SayWhetherSilent();
   }
-  const QueryPatience::Clock::time_point asked = QueryPatience::Clock::now();
-  const QueryPatience::Clock::duration allowed = patience.Allowed(oid, asked);
-  if (allowed <= QueryPatience::Clock::duration::zero() || agent_ending() != 0) {
+  const Clock::time_point asked = Clock::now();
+  const Clock::duration allowed = patience.Allowed(oid, asked);
+  if (allowed <= Clock::duration::zero() || agent_ending() != 0) {
     return std::nullopt;
   }
   const SnmpAnswer answer = SnmpQueryInteger(QueryAddress(), Settings().community, oid, allowed);
-  patience.Ended(oid, answer.end, asked, allowed, QueryPatience::Clock::now());
+  patience.Ended(oid, answer.end, asked, allowed, Clock::now());
   if (answer.end == QueryEnd::kAnswered && status != nullptr) {
     *status = answer.status;
   }

@@ -7,6 +7,13 @@ namespace vex {
 // A hook begins: its queries have two seconds in all.
 void BeginQueries();
 
+// After each poll: reads what an earlier process kept of its notifications if that has not been
+// possible yet, and removes it once the master has it.
+void RetryUnsent() noexcept;
+// Ends the SNMP side, at the end of the process, and keeps what it could not send for the next one.
+// False when its thread hangs, as SnmpStop() says.
+bool EndSnmp();
+
 }  // namespace vex
 
 #endif

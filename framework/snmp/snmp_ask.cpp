@@ -24,8 +24,8 @@ SnmpReply AskSnmp(const std::string &address, const std::string &community,
   query->next = next;
   SnmpQueries queries;
   queries.Start(query);
-  const auto until = SnmpQuery::Clock::now() + kPatience;
-  while (!queries.Empty() && SnmpQuery::Clock::now() < until) {
+  const auto until = Clock::now() + kPatience;
+  while (!queries.Empty() && Clock::now() < until) {
     std::vector<int> sockets;
     queries.Collect(&sockets);
     pollfd wait = {sockets.front(), POLLIN, 0};

@@ -6,7 +6,7 @@
 
 #include "framework/snmp/agentx_session.h"
 #include "framework/snmp/snmp_files.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 
 namespace vex {
 

@@ -15,7 +15,7 @@ constexpr long kTryMicroseconds = 900000;
 constexpr int kRetries = 1;
 constexpr std::chrono::milliseconds kWorkInterval{50};
 
-// What goes into 32 bits and does not fit is held at the largest value.
+// What goes into 32 bits and does not fit is clamped to the largest value.
 int32_t Clamp(const netsnmp_variable_list &variable) {
   long value = *variable.val.integer;
   if (variable.type != ASN_INTEGER) {
@@ -178,7 +178,7 @@ void SnmpQueries::Work() {
   Sweep();
 }
 
-SnmpQueries::Clock::time_point SnmpQueries::NextDue() const {
+Clock::time_point SnmpQueries::NextDue() const {
   return running_.empty() ? Clock::time_point::max() : next_work_;
 }
 

@@ -1,4 +1,5 @@
-// SNMP queries of the agent thread, made by the SNMP thread.
+// SNMP queries over net-snmp's client library: made by the SNMP thread while the agent thread
+// waits, or by a tool's only thread.
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_QUERY_H
 #define VEX_FRAMEWORK_SNMP_SNMP_QUERY_H
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/process/clock.h"
 #include "framework/snmp/socket_transport.h"
 
 namespace vex {
@@ -18,8 +20,6 @@ namespace vex {
 // One question and its answer: the two threads share it.
 class SnmpQuery {
  public:
-  using Clock = std::chrono::steady_clock;
-
   std::string address;  // IPv4
   std::string community;
   std::vector<uint32_t> oid;
@@ -52,8 +52,6 @@ class SnmpQuery {
 // The SNMP thread's half.
 class SnmpQueries {
  public:
-  using Clock = std::chrono::steady_clock;
-
   ~SnmpQueries();
   // What cannot be started has ended.
   void Start(const std::shared_ptr<SnmpQuery> &query);

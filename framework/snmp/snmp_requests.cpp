@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "framework/snmp/oid_name.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -17,31 +18,8 @@ constexpr size_t kMostParts = 16;
 constexpr std::chrono::seconds kForgetAfter{30};
 // What could not be answered for want of memory.
 constexpr std::chrono::milliseconds kPayAgainAfter{10};
-// RFC 2741 6.1: the byte order of the answer is that of the request.
-constexpr int kNetworkByteOrder = 0x10;
-constexpr int kNonDefaultContext = 0x08;
 // Of the answer to a GetBulk, whose repetitions may be far more than fit into a packet.
 constexpr size_t kMostBulkVariables = 1000;
-
-class NamedVariable {
- public:
-  explicit NamedVariable(const Cell &cell) {
-    for (uint32_t part : cell.mib->Oid()) {
-      name_[length_++] = part;
-    }
-    name_[length_++] = cell.instance;
-  }
-  const oid *Name() const {
-    return name_;
-  }
-  size_t Length() const {
-    return length_;
-  }
-
- private:
-  oid name_[MAX_OID_LEN + 1];
-  size_t length_ = 0;
-};
 
 // The list's end is kept: net-snmp's own way of adding walks the whole list each time.
 class VariableList {
@@ -90,14 +68,14 @@ bool AddNext(const MibIndex &index, Cursor *cursor, VariableList *list) {
   if (!cursor->ended && index.Next(cursor->name, cursor->inclusive, &cell)) {
     // RFC 2741 7.2.3.2: an answer at or past the end of the search range is none. A range without
     // end, or with the null identifier as its end, is unbounded.
-    NamedVariable named(cell);
+    const OidName named(cell.mib->Oid(), cell.instance);
     size_t end_length = cursor->asked->val_len / sizeof(oid);
     const oid *end = cursor->asked->val.objid;
     bool bounded = end_length > 0 && !(end_length == 2 && end[0] == 0 && end[1] == 0);
-    if (!bounded || snmp_oid_compare(named.Name(), named.Length(), end, end_length) < 0) {
-      cursor->name.assign(named.Name(), named.Name() + named.Length());
+    if (!bounded || snmp_oid_compare(named.Numbers(), named.Length(), end, end_length) < 0) {
+      cursor->name.assign(named.Numbers(), named.Numbers() + named.Length());
       cursor->inclusive = false;
-      return list->AddCell(named.Name(), named.Length(), cell);
+      return list->AddCell(named.Numbers(), named.Length(), cell);
     }
   }
   cursor->ended = true;
@@ -278,6 +256,7 @@ void SnmpRequests::Reply(AgentxSession *session, const netsnmp_pdu *request, net
   } else {
     with->transid = request->transid;
     with->reqid = request->reqid;
+    // RFC 2741 6.1: the byte order of the answer is that of the request.
     with->flags |= static_cast<u_long>(request->flags & kNetworkByteOrder);
     with->errstat = SNMP_ERR_NOERROR;
     with->errindex = 0;
@@ -598,7 +577,7 @@ void SnmpRequests::Work(AgentxSession *session) {
   }
 }
 
-SnmpRequests::Clock::time_point SnmpRequests::NextDue() const {
+Clock::time_point SnmpRequests::NextDue() const {
   Clock::time_point due =
       owed_count_ > 0 ? Clock::now() + kPayAgainAfter : Clock::time_point::max();
   for (const auto &[id, set] : sets_) {

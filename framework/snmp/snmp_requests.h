@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "framework/process/clock.h"
 #include "framework/snmp/agentx_session.h"
 #include "framework/snmp/mib_index.h"
 #include "framework/snmp/set_channel.h"
@@ -23,7 +24,6 @@ int CheckSet(const MibIndex &index, OidView name, int asn_type, const void *valu
 
 class SnmpRequests {
  public:
-  using Clock = std::chrono::steady_clock;
   // Of a set, from its first phase to the end of its apply: shorter than the second after which the
   // master asks again.
   static constexpr std::chrono::milliseconds kSetPatience{700};

@@ -1,4 +1,5 @@
-// The SNMP thread: its loop, and its face to the agent thread (snmp_side.h).
+#include "framework/snmp/snmp_thread.h"
+
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -19,6 +20,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framework/process/clock.h"
 #include "framework/process/log.h"
 #include "framework/snmp/agentx_session.h"
 #include "framework/snmp/mib_index.h"
@@ -28,19 +30,16 @@
 #include "framework/snmp/snmp_config.h"
 #include "framework/snmp/snmp_query.h"
 #include "framework/snmp/snmp_requests.h"
-#include "framework/snmp/snmp_side.h"
 #include "platform/framework.h"
 
 namespace vex {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // A manager that walks asks again within this time, and going to sleep costs more than the answer:
-// looking on for a moment makes a walk take half as long.
-constexpr std::chrono::microseconds kLookOn{75};
-constexpr std::chrono::milliseconds kLongestLookOn{2};  // then the rest has its turn
-constexpr std::chrono::milliseconds kEndingSlice{50};   // of a wait that the agent's end cuts short
+// spinning for a moment makes a walk take half as long.
+constexpr std::chrono::microseconds kSpin{75};
+constexpr std::chrono::milliseconds kLongestSpin{2};   // then the rest has its turn
+constexpr std::chrono::milliseconds kEndingSlice{50};  // of a wait that the agent's end cuts short
 constexpr std::chrono::minutes kStartPatience{1};
 // An agent that was told to end has a second in all. The thread's last notifications and its
 // goodbye to the master have their part of it, and what the libraries do then has the rest.
@@ -144,7 +143,7 @@ class Loop {
     while (!Side().stop.load()) {
       short_of_memory_ = false;
       Try([this] { Wait(); });
-      Try([this] { LookOn(); });
+      Try([this] { Spin(); });
       Work();
       if (short_of_memory_) {
         poll(nullptr, 0, static_cast<int>(kRest.count()));
@@ -211,7 +210,7 @@ class Loop {
       current = false;
     }
     requests_.Handle(&session_, pdu, Side().sets_enabled.load(), current);
-    look_on_until_ = Clock::now() + kLookOn;
+    spin_until_ = Clock::now() + kSpin;
   }
 
   void Lost() {
@@ -264,10 +263,10 @@ class Loop {
 
   // Answers the requests that follow one another closely, without the rest of a pass in between:
   // the sooner the answer, the likelier it finds the master still awake.
-  void LookOn() {
+  void Spin() {
     Clock::time_point now = Clock::now();
-    Clock::time_point longest = now + kLongestLookOn;
-    while (now < look_on_until_ && now < longest) {
+    Clock::time_point longest = now + kLongestSpin;
+    while (now < spin_until_ && now < longest) {
       pollfd fds[] = {{session_.Socket(), POLLIN, 0}, {Side().wake_fd, POLLIN, 0}};
       if (poll(fds, 2, 0) > 0) {
         if (fds[1].revents != 0 || fds[0].revents != POLLIN) {
@@ -282,7 +281,7 @@ class Loop {
   void Wait() {
     Clock::time_point now = Clock::now();
     std::chrono::nanoseconds patience{0};
-    if (now >= look_on_until_) {
+    if (now >= spin_until_) {
       Clock::time_point due = now + kLongestSleep;
       due = std::min(
           {due, session_.NextDue(), requests_.NextDue(), queries_.NextDue(), sender_.NextDue()});
@@ -327,7 +326,7 @@ class Loop {
   }
 
   void Work() {
-    if (Clock::now() >= look_on_until_) {
+    if (Clock::now() >= spin_until_) {
       Try([this] { TakeImages(); });
     }
     Try([this] { session_.Work(); });
@@ -362,7 +361,7 @@ class Loop {
   AgentxSession session_;  // last: it calls the others
   std::vector<pollfd> fds_;
   std::vector<int> query_fds_;
-  Clock::time_point look_on_until_;
+  Clock::time_point spin_until_;
   Clock::time_point next_tick_;
   bool short_of_memory_ = false;  // in this pass
   bool said_short_ = false;

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string_view>
 
+#include "framework/process/descriptor.h"
 #include "framework/process/guard.h"
 #include "framework/process/log.h"
 #include "framework/registry/registry_dir.h"

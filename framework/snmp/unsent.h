@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 
 namespace vex {
 

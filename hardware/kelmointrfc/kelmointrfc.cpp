@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/process/descriptor.h"
 #include "hardware/kelmointrfc/smbios_tables.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
@@ -42,36 +43,20 @@ void Report(const std::string &problem) {
   reported = problem;
 }
 
-// Closed at the end of its scope, also when there is no memory for what is read.
-class OpenFile {
- public:
-  explicit OpenFile(const char *path) : fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  ~OpenFile() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
-  OpenFile(const OpenFile &) = delete;
-  OpenFile &operator=(const OpenFile &) = delete;
-
-  const int fd;
-};
-
 // The whole of a regular file of at most kMaxSmbiosTable + 1 bytes (one more than is accepted);
 // nothing, with errno, when it cannot be read.
 std::optional<std::vector<uint8_t>> ReadFile(const char *path) {
-  const OpenFile file(path);
-  const int fd = file.fd;
-  if (fd < 0) {
+  const vex::Descriptor fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd) {
     return std::nullopt;
   }
   std::vector<uint8_t> bytes;
   struct stat status = {};
-  int error = fstat(fd, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
+  int error = fstat(fd.get(), &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
   while (error == 0 && bytes.size() <= vex::kMaxSmbiosTable) {
     const size_t old = bytes.size();
     bytes.resize(std::min(old + (size_t{64} << 10), vex::kMaxSmbiosTable + 1));
-    const ssize_t n = read(fd, bytes.data() + old, bytes.size() - old);
+    const ssize_t n = read(fd.get(), bytes.data() + old, bytes.size() - old);
     error = n < 0 ? errno : 0;
     bytes.resize(old + static_cast<size_t>(n > 0 ? n : 0));
     if (n <= 0) {

@@ -10,6 +10,9 @@
 #include <memory>
 #include <string_view>
 
+#include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
+
 namespace vex {
 namespace {
 
@@ -75,53 +78,15 @@ std::string FindVariable(const char *directory, std::string_view name) {
   return found;
 }
 
-class File {
- public:
-  // O_NONBLOCK: a pipe in its place must not hold us up.
-  explicit File(const std::string &path)
-      : descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  ~File() {
-    if (descriptor_ >= 0) {
-      close(descriptor_);
-    }
-  }
-  File(const File &) = delete;
-  File &operator=(const File &) = delete;
-  int Descriptor() const {
-    return descriptor_;
-  }
-
- private:
-  int descriptor_;
-};
-
-// Reads at most `length` bytes. Returns their number, or -1 with errno.
-int64_t ReadSome(int descriptor, void *buffer, size_t length) {
-  size_t got = 0;
-  while (got < length) {
-    const ssize_t n = read(descriptor, static_cast<char *>(buffer) + got, length - got);
-    if (n == 0) {
-      break;
-    }
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return -1;
-    }
-    got += static_cast<size_t>(n);
-  }
-  return static_cast<int64_t>(got);
-}
-
 // What follows the first `skip` bytes of a file, and one byte more when there is one. -1 with the
 // problem, or without one when there is no such file; *again says whether another attempt may help.
 int64_t TryToRead(const std::string &path, size_t skip, void *buffer, size_t length,
                   std::string *problem, bool *again) {
-  const File file(path);
+  // O_NONBLOCK: a pipe in its place must not hold us up.
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status;
   *again = false;
-  if (file.Descriptor() < 0 || fstat(file.Descriptor(), &status) != 0) {
+  if (!file || fstat(file.get(), &status) != 0) {
     if (!IsAbsence(errno)) {
       *problem = path + ": " + strerror(errno);
       *again = true;
@@ -136,7 +101,7 @@ int64_t TryToRead(const std::string &path, size_t skip, void *buffer, size_t len
   char value[kAttributes + kLongestValue + 1];
   const size_t room = sizeof(value) - 1 - skip;
   const size_t most = length < room ? length : room;
-  const int64_t got = ReadSome(file.Descriptor(), value, skip + most + 1);
+  const int64_t got = ReadFully(file.get(), value, skip + most + 1);
   if (got < 0) {
     *problem = path + ": " + strerror(errno);
     *again = true;

@@ -237,6 +237,22 @@ class Documents(unittest.TestCase):
         self.assertGreater(len(served), 50)
         self.assertEqual(set(served) - set(listed), set())
 
+    def test_the_news_are_of_this_version(self):
+        """NEWS begins with the version that is built, and has each release once."""
+        releases = re.findall(r"^(\d+\.\d+\.\d+)\n=+$", read(os.path.join(SOURCE, "NEWS")), re.M)
+        version = re.search(r"^project\(vexhostd VERSION ([\d.]+)",
+                            read(os.path.join(SOURCE, "CMakeLists.txt")), re.M).group(1)
+        self.assertEqual(releases[0], version, "describe this version at the top of NEWS")
+        self.assertEqual(len(set(releases)), len(releases))
+
+    def test_every_decision_has_a_subject_and_a_date(self):
+        folder = os.path.join(SOURCE, "docs", "decisions")
+        decisions = [name for name in os.listdir(folder) if name.endswith(".md")]
+        self.assertGreater(len(decisions), 5)
+        for name in decisions:
+            self.assertRegex(read(os.path.join(folder, name)),
+                             r"\A# [^\n;]+\n\n20\d\d-\d\d-\d\d\n\n", name)
+
     def test_files_that_are_named_exist(self):
         documents = [os.path.join(SOURCE, "README.md"), os.path.join(SOURCE, "CONTRIBUTING.md")]
         folder = os.path.join(SOURCE, "docs")

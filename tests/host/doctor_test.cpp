@@ -78,9 +78,9 @@ TEST_F(Doctor, FindsAllWell) {
   EXPECT_EQ(outcome_.status, 0) << outcome_.out;
   EXPECT_EQ(Count("FAIL"), 0U) << outcome_.out;
   const std::string snmpd = std::to_string(host_.snmpd.pid());
-  const std::string agent = std::to_string(host_.daemon.pid());
+  const std::string daemon = std::to_string(host_.daemon.pid());
   EXPECT_EQ(About("snmpd: "), "ok    snmpd: runs (process " + snmpd + ").");
-  EXPECT_EQ(About("vexhostd: "), "ok    vexhostd: runs (process " + agent + ").");
+  EXPECT_EQ(About("vexhostd: "), "ok    vexhostd: runs (process " + daemon + ").");
   EXPECT_EQ(About("community: "), "ok    community: the first read community of snmpd.conf.");
   EXPECT_EQ(About("AgentX socket "), "ok    AgentX socket /var/agentx/master: somebody listens.");
   EXPECT_EQ(About("snmpd on UDP"),
@@ -496,10 +496,10 @@ TEST_F(Doctor, AnotherRegistryThanTheAgents) {
 TEST_F(Doctor, WhatBecameOfTheRegistry) {
   Start();
   const std::string root = MadeUpHost::kRegistry;
-  const std::string agent = std::to_string(host_.daemon.pid());
+  const std::string daemon = std::to_string(host_.daemon.pid());
   Examine();
   EXPECT_EQ(About("registry "),
-            "ok    registry " + root + "/host: the agent's (process " + agent + ").");
+            "ok    registry " + root + "/host: the agent's (process " + daemon + ").");
   // Files that are missing and damaged, of an agent that has published them.
   host_.Remove(root + "/host/memory");
   host_.Remove(root + "/host/cpu.0");

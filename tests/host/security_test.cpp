@@ -1,5 +1,5 @@
 // What a hostile neighbour can leave in the agent's way: files that are not what they should be,
-// names that are commands, log lines or terminal sequences. SECURITY.md says who could.
+// names that are commands, log lines or terminal sequences. docs/threat-model.md says who could.
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>

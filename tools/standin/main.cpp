@@ -21,14 +21,11 @@
 #include <string_view>
 #include <vector>
 
+#include "framework/process/log.h"
 #include "framework/registry/image.h"
 #include "framework/registry/registry_file.h"
 #include "framework/snmp/mib_table.h"
-#include "framework/snmp/snmp_side.h"
-#include "platform/framework.h"
-
-// What the framework asks of an agent: its name for the log alone.
-const char *agent = "vexhostd-standin";
+#include "framework/snmp/snmp_thread.h"
 
 namespace {
 
@@ -37,8 +34,8 @@ using namespace vex;
 constexpr std::string_view kObjects = "host/";
 constexpr int kLongest = 60;  // seconds
 constexpr int kMostSeconds = 600;
-constexpr timespec kLook = {0, 20'000'000};
-constexpr int kLooks = 100;  // two seconds
+constexpr timespec kPollInterval = {0, 20'000'000};
+constexpr int kMostPolls = 100;  // two seconds
 
 uint32_t InstanceOf(std::string_view name) {
   uint32_t instance = 0;
@@ -109,8 +106,8 @@ int Serve(int seconds, int ready) {
   if (SnmpStart("vexhostd", nullptr) != 0) {
     return 1;
   }
-  for (int look = 0; look < kLooks && !SnmpUp(); look++) {
-    nanosleep(&kLook, nullptr);
+  for (int polls = 0; polls < kMostPolls && !SnmpUp(); polls++) {
+    nanosleep(&kPollInterval, nullptr);
   }
   const bool up = SnmpUp();
   if (up) {
@@ -124,8 +121,8 @@ int Serve(int seconds, int ready) {
   return up ? 0 : 1;
 }
 
-// Nobody waits for the end of what a script had open.
-void LetGo() {
+// Leaves the script's session and descriptors, so that nobody waits for this process.
+void Daemonize() {
   setsid();
   (void)!chdir("/");
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -149,6 +146,7 @@ int main(int argc, char **argv) {
     perror("vexhostd-standin");
     return 1;
   }
+  SetLogName("vexhostd-standin");
   // Before any thread.
   const pid_t child = fork();
   if (child < 0) {
@@ -157,7 +155,7 @@ int main(int argc, char **argv) {
   }
   if (child == 0) {
     close(ready[0]);
-    LetGo();
+    Daemonize();
     return Serve(seconds, ready[1]);
   }
   close(ready[1]);

@@ -15,13 +15,12 @@
 #include <iostream>
 #include <string>
 
-#include "framework/registry/registry_dir.h"
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
 #include "tools/vexreg/commands.h"
 
 namespace vex {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Keeps nothing of the parent's open: whoever reads the parent's output waits for its end.
 [[noreturn]] void DoAsChild(pid_t parent, int out, int err, const std::function<int()> &work) {

@@ -13,7 +13,10 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_format.h"
 #include "tools/vexreg/put.h"
 #include "tools/vexreg/values.h"
 
@@ -38,22 +41,12 @@ std::optional<std::vector<uint8_t>> ReadData(const std::string &path) {
     }
   }
   const int fd = path == "-" ? STDIN_FILENO : opened.get();
-  std::vector<uint8_t> bytes(kMaxDataSize + 1);
-  size_t size = 0;
-  while (size < bytes.size()) {
-    const ssize_t got = read(fd, bytes.data() + size, bytes.size() - size);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got < 0) {
-      return std::nullopt;
-    }
-    if (got == 0) {
-      break;
-    }
-    size += static_cast<size_t>(got);
+  std::vector<uint8_t> bytes(kMaxData + 1);
+  const ssize_t size = ReadFully(fd, bytes.data(), bytes.size());
+  if (size < 0) {
+    return std::nullopt;
   }
-  bytes.resize(size);
+  bytes.resize(static_cast<size_t>(size));
   return bytes;
 }
 

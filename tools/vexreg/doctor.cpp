@@ -11,6 +11,7 @@
 #include <memory>
 #include <thread>
 
+#include "framework/process/descriptor.h"
 #include "framework/registry/directory_lock.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/snmp/mib_table.h"

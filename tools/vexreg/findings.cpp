@@ -5,7 +5,8 @@
 
 #include <algorithm>
 
-#include "status/guid.h"
+#include "common/sources.h"
+#include "framework/process/printable.h"
 #include "tools/vexreg/tables.h"
 
 namespace vex {
@@ -281,7 +282,8 @@ Finding JudgeValue(const std::string &name, std::optional<int32_t> served,
 }
 
 std::optional<Finding> JudgeGuid(std::string_view octets) {
-  if (octets.size() != GUID_SIZE || memcmp(octets.data(), guid_without_eth0, GUID_SIZE) != 0) {
+  if (octets.size() != sizeof(guid_without_eth0) ||
+      memcmp(octets.data(), guid_without_eth0, sizeof(guid_without_eth0)) != 0) {
     return std::nullopt;
   }
   return Note(
@@ -429,11 +431,8 @@ Finding JudgeSilence(int seconds) {
 
 std::string RenderFinding(const Finding &finding, int width) {
   constexpr const char *kMarks[] = {"ok    ", "note  ", "FAIL  "};
-  std::string plain = finding.text;
   // Paths and names come from files; nothing of them may steer a terminal.
-  std::replace_if(
-      plain.begin(), plain.end(),
-      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }, '?');
+  const std::string plain = Printable(finding.text);
   std::string text;
   const std::vector<std::string> lines =
       width > 0 ? WrapText(plain, std::max(width - kIndent, kNarrowest))

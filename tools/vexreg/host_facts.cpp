@@ -3,12 +3,10 @@
 #include <ctype.h>
 #include <dirent.h>
 #include <errno.h>
-#include <stdarg.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,27 +17,24 @@
 #include <memory>
 #include <sstream>
 
+#include "common/sources.h"
 #include "framework/machine/appliance.h"
 #include "framework/machine/distribution.h"
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
 #include "framework/process/log.h"
-#include "framework/registry/registry_dir.h"
+#include "framework/process/printable.h"
 #include "hardware/tlxci/paths.h"
-#include "identity/hwinfo.h"
-#include "monitors/cpu.h"
-#include "monitors/filesys.h"
-#include "monitors/memory.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
-#include "software/components.h"
-#include "software/packages.h"
 #include "tools/vexreg/commands.h"
 
 namespace vex {
 namespace {
 
 constexpr char kAgentName[] = "vexhostd";
-constexpr int64_t kNanoseconds = 1'000'000'000;
+constexpr char kUnixSocketTable[] = "/proc/net/unix";
 
 // Messages of the libraries that look at a source, for the finding about it.
 std::string &LibraryMessages() {
@@ -47,16 +42,20 @@ std::string &LibraryMessages() {
   return *messages;
 }
 
+int TakeMessage(const char *text, size_t length) {
+  std::string_view message(text, length);
+  const std::string prefix = std::string(kAgentName) + ": ";
+  if (message.starts_with(prefix)) {
+    message.remove_prefix(prefix.size());
+  }
+  LibraryMessages() += message;
+  return static_cast<int>(length);
+}
+
 std::string TakeMessages() {
   std::string text;
   text.swap(LibraryMessages());
-  while (!text.empty() && text.back() == '\n') {
-    text.pop_back();
-  }
-  for (size_t end; (end = text.find('\n')) != std::string::npos;) {
-    text.replace(end, 1, "; ");
-  }
-  return text;
+  return JoinLines(text);
 }
 
 std::string ReadText(const std::string &path) {
@@ -88,16 +87,10 @@ bool IsOnPath(const std::string &search, const std::string &command) {
   return false;
 }
 
-int64_t TimeOf(clockid_t clock) {
-  timespec now = {};
-  clock_gettime(clock, &now);
-  return int64_t{now.tv_sec} * kNanoseconds + now.tv_nsec;
-}
-
 // The wall clock's time at which so many ticks had passed since the machine booted.
 int64_t TimeOfTicks(uint64_t ticks) {
-  const int64_t since_boot = static_cast<int64_t>(ticks) * (kNanoseconds / sysconf(_SC_CLK_TCK));
-  return TimeOf(CLOCK_REALTIME) - TimeOf(CLOCK_BOOTTIME) + since_boot;
+  const int64_t since_boot = static_cast<int64_t>(ticks) * (kNsPerSecond / sysconf(_SC_CLK_TCK));
+  return ClockNs(CLOCK_REALTIME) - ClockNs(CLOCK_BOOTTIME) + since_boot;
 }
 
 bool IsReadable(const char *path) {
@@ -130,7 +123,7 @@ Finding OfFileReadOnce(std::string text, const char *path, int64_t started_ns) {
   struct stat status = {};
   // Not mtime: a file that was moved there keeps its own.
   if (started_ns == 0 || stat(path, &status) != 0 ||
-      int64_t{status.st_ctim.tv_sec} * kNanoseconds + status.st_ctim.tv_nsec <= started_ns) {
+      int64_t{status.st_ctim.tv_sec} * kNsPerSecond + status.st_ctim.tv_nsec <= started_ns) {
     return {Verdict::kOk, std::move(text)};
   }
   return {Verdict::kNote, text +
@@ -223,7 +216,7 @@ Finding LookAtController() {
   const std::string name = "management controller: ";
   struct stat status = {};
   const bool is_socket = stat(kControllerSocket, &status) == 0 && S_ISSOCK(status.st_mode);
-  if (is_socket && HasPacketListener(ReadText("/proc/net/unix"), kControllerSocket)) {
+  if (is_socket && HasPacketListener(ReadText(kUnixSocketTable), kControllerSocket)) {
     return {Verdict::kOk, name + kControllerSocket + "."};
   }
   if (stat(kControllerCard, &status) == 0 && S_ISCHR(status.st_mode)) {
@@ -337,7 +330,7 @@ bool HasSnmpThread(pid_t agent) {
 }
 
 int64_t WallClock() {
-  return TimeOf(CLOCK_REALTIME);
+  return ClockNs(CLOCK_REALTIME);
 }
 
 bool ProcessesHidden() {
@@ -417,7 +410,7 @@ bool HasPacketListener(std::string_view table, std::string_view path) {
 }
 
 std::optional<int> ConnectionsTo(const std::string &path) {
-  const std::string table = ReadText("/proc/net/unix");
+  const std::string table = ReadText(kUnixSocketTable);
   if (table.empty()) {
     return std::nullopt;
   }
@@ -426,6 +419,8 @@ std::optional<int> ConnectionsTo(const std::string &path) {
 
 void LookAtSources(const std::string &search, int64_t started_ns,
                    const std::function<void(const Finding &)> &say) {
+  SetLogName(kAgentName);
+  SetLogSink(TakeMessage);
   say(LookAtFigures("processor times: ", processor_times_path,
                     "The processors have no rows, or keep their averages."));
   say(LookAtFigures("memory sizes: ", memory_sizes_path,
@@ -442,22 +437,4 @@ void LookAtSources(const std::string &search, int64_t started_ns,
   say(LookAtAppliance(started_ns));
 }
 
-// Of the agent whose readers are linked here.
-const char *AgentName() {
-  return kAgentName;
-}
-
 }  // namespace vex
-
-// The log of what is linked here from the agent.
-int agentlog_fprintf(FILE *, const char *format, ...) {
-  char text[512];
-  va_list arguments;
-  va_start(arguments, format);
-  const int length = vsnprintf(text, sizeof(text), format, arguments);
-  va_end(arguments);
-  const std::string prefix = std::string(vex::AgentName()) + ": ";
-  vex::LibraryMessages() +=
-      text + (strncmp(text, prefix.c_str(), prefix.size()) == 0 ? prefix.size() : 0);
-  return length;
-}

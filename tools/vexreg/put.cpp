@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "framework/registry/registry_format.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -68,8 +69,8 @@ std::optional<Value> ParseInteger(std::string_view text, std::string *error) {
 std::optional<Value> ParseText(std::string_view text, std::string *error) {
   const size_t colon = text.find(':');
   const auto size = ParseNumber<uint32_t>(text.substr(0, colon));
-  if (colon == std::string_view::npos || !size || *size == 0 || *size > kMaxDataSize) {
-    *error = "the form is str:SIZE:TEXT with a SIZE from 1 to " + std::to_string(kMaxDataSize);
+  if (colon == std::string_view::npos || !size || *size == 0 || *size > kMaxData) {
+    *error = "the form is str:SIZE:TEXT with a SIZE from 1 to " + std::to_string(kMaxData);
     return std::nullopt;
   }
   text.remove_prefix(colon + 1);
@@ -132,7 +133,7 @@ std::optional<FileObject> MakeObject(const std::vector<std::string> &texts,
     variable.length = static_cast<uint16_t>(std::min<size_t>(value->field.size(), UINT16_MAX));
     object.variables.push_back(std::move(variable));
     object.data.insert(object.data.end(), value->field.begin(), value->field.end());
-    if (object.data.size() > kMaxDataSize) {
+    if (object.data.size() > kMaxData) {
       break;
     }
   }
@@ -144,8 +145,8 @@ std::optional<FileObject> MakeObject(const std::vector<std::string> &texts,
     }
     object.data = *data;
   }
-  if (object.data.size() > kMaxDataSize) {
-    *error = "the data block is larger than " + std::to_string(kMaxDataSize) + " bytes";
+  if (object.data.size() > kMaxData) {
+    *error = "the data block is larger than " + std::to_string(kMaxData) + " bytes";
     return std::nullopt;
   }
   return object;

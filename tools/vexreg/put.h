@@ -12,10 +12,6 @@
 
 namespace vex {
 
-// The largest data block and number of variables of an object.
-inline constexpr size_t kMaxDataSize = 1 << 20;
-inline constexpr size_t kMaxVariables = 4096;
-
 // Makes an object with a variable for each of the texts "int:N", "str:SIZE:TEXT" and "hex:HEX", in
 // slot order, named var0, var1, ..., packed without gaps, all read-only. With `data` the data block
 // is exactly these bytes, which must hold all variables; the texts then give the variables' types

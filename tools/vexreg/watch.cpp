@@ -12,7 +12,9 @@
 #include <map>
 #include <set>
 
+#include "framework/process/clock.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_path.h"
 #include "tools/vexreg/changes.h"
 #include "tools/vexreg/commands.h"
 
@@ -36,9 +38,7 @@ void TakeSignal(int number) {
 }
 
 double Now() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+  return static_cast<double>(ClockNs()) / kNsPerSecond;
 }
 
 std::string TimeOfDay() {

@@ -22,7 +22,7 @@ class Asker {
     const auto allowed = patience.Allowed(name, now);
     if (allowed > milliseconds(0)) {
       const auto asked = now;
-      now += std::min<QueryPatience::Clock::duration>(takes, allowed);
+      now += std::min<Clock::duration>(takes, allowed);
       patience.Ended(name, takes > allowed ? QueryEnd::kSilent : end, asked, allowed, now);
     }
     return std::chrono::duration_cast<milliseconds>(allowed).count();
@@ -33,7 +33,7 @@ class Asker {
   }
 
   QueryPatience patience;
-  QueryPatience::Clock::time_point now{std::chrono::hours(1)};
+  Clock::time_point now{std::chrono::hours(1)};
 };
 
 TEST(QueryPatience, SilenceEndsTheQueriesOfAPoll) {

@@ -15,7 +15,6 @@ namespace {
 using std::chrono::milliseconds;
 using Check = SetChannel::Check;
 using Apply = SetChannel::Apply;
-using Clock = SetChannel::Clock;
 
 // What the handlers of a test do; called on the agent thread.
 std::function<int(uint8_t, SetItem &)> handler;

@@ -7,6 +7,7 @@
 #include <climits>
 #include <csignal>
 
+#include "common/sources.h"
 #include "tests/support/recording_framework.h"
 
 // Of the leak checker, where there is one.

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/sources.h"
 #include "tests/support/recording_framework.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "status/guid.h"
+#include "common/sources.h"
 #include "tests/support/process.h"
 #include "tools/vexreg/host_facts.h"
 
@@ -55,7 +55,8 @@ TEST(Findings, TheAgentIsOneProcessOfRoot) {
 }
 
 TEST(Findings, AGuidThatOtherHostsHaveToo) {
-  const std::string shared(reinterpret_cast<const char *>(guid_without_eth0), GUID_SIZE);
+  const std::string shared(reinterpret_cast<const char *>(guid_without_eth0),
+                           sizeof(guid_without_eth0));
   const auto finding = JudgeGuid(shared);
   ASSERT_TRUE(finding);
   EXPECT_EQ(finding->verdict, Verdict::kNote);

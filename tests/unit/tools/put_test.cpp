@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "framework/registry/registry_format.h"
 #include "platform/framework.h"
 #include "tools/vexreg/values.h"
 
@@ -109,8 +110,8 @@ TEST(Put, Limits) {
   EXPECT_TRUE(MakeObject({half, half}, std::nullopt, &error));
   EXPECT_FALSE(MakeObject({half, half, "hex:00"}, std::nullopt, &error));
   EXPECT_FALSE(MakeObject({half, half, half, half}, std::nullopt, &error));
-  EXPECT_TRUE(MakeObject({}, std::vector<uint8_t>(kMaxDataSize), &error));
-  EXPECT_FALSE(MakeObject({}, std::vector<uint8_t>(kMaxDataSize + 1), &error));
+  EXPECT_TRUE(MakeObject({}, std::vector<uint8_t>(kMaxData), &error));
+  EXPECT_FALSE(MakeObject({}, std::vector<uint8_t>(kMaxData + 1), &error));
   EXPECT_TRUE(MakeObject(std::vector<std::string>(kMaxVariables, "hex:00"), std::nullopt, &error));
   EXPECT_FALSE(
       MakeObject(std::vector<std::string>(kMaxVariables + 1, "hex:00"), std::nullopt, &error));

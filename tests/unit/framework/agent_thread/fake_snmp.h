@@ -9,7 +9,7 @@
 
 #include "framework/registry/image.h"
 #include "framework/snmp/set_channel.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 
 namespace vex {
 

@@ -23,7 +23,7 @@ std::string Drained(int from) {
 
 // Who reads standard error may hang.
 TEST(Log, AReaderThatHangsHoldsNobodyUp) {
-  agent = "exampled";
+  vex::SetLogName("exampled");
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   ASSERT_EQ(fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);

@@ -16,6 +16,7 @@
 #include "framework/machine/appliance.h"
 #include "framework/machine/distribution.h"
 #include "framework/process/commands.h"
+#include "framework/process/log.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/temp_registry.h"
 
@@ -111,7 +112,7 @@ TEST(Assignments, ArePlainForAnAppliance) {
 class MachineFiles : public testing::Test {
  protected:
   MachineFiles() {
-    agent = "exampled";
+    SetLogName("exampled");
   }
   ~MachineFiles() override {
     distroid_exit();
@@ -416,7 +417,7 @@ TEST(Command, SaysHowItEnded) {
 }
 
 TEST(Command, IsNamedInTheLogOnce) {
-  agent = "exampled";
+  SetLogName("exampled");
   const auto run = [](const char *command, int limit_ms = 20000) {
     return Logged([&] { RunShell(command, 64, limit_ms); });
   };

@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <new>
 
+#include "framework/process/log.h"
+#include "framework/registry/claim.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_file.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"
@@ -593,7 +595,7 @@ class Captured {
 };
 
 TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   registry_object *first = Create("host/first");
   log_data(first);
@@ -629,7 +631,7 @@ TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
 }
 
 TEST_F(Objects, DeletionLeavesWhatSomebodyElsePutThere) {
-  agent = "exampled";
+  SetLogName("exampled");
   registry_object *object = Create("host/first");
   log_data(object);
   fs::remove(registry_.Path("host/first"));
@@ -645,7 +647,7 @@ TEST_F(Objects, DeletionLeavesWhatSomebodyElsePutThere) {
 // Every one in turn fails once, while something is done; afterwards all is as if none had.
 
 TEST_F(Objects, NoFailedAllocationLosesAPublication) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   size_t failures = 0;
   for (int n = 1;; n++) {
@@ -722,7 +724,7 @@ TEST_F(Objects, DefiningAVariableOfTheMibTakesNoMemory) {
 }
 
 TEST_F(Objects, ASetThatWasAppliedIsPublishedWhateverFails) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   for (const bool handler : {false, true}) {
     registry_object *object = Create("host/example", handler);
@@ -752,7 +754,7 @@ TEST_F(Objects, ASetThatWasAppliedIsPublishedWhateverFails) {
 // ---- Files and directories that are lost
 
 TEST_F(Objects, LostFilesAreWrittenAgainWithWhatWasPublished) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   registry_object *objects[] = {Create("host/a"), Create("host/b"), Create("host/sub/c")};
   for (registry_object *object : objects) {
@@ -793,7 +795,7 @@ TEST_F(Objects, LostFilesAreWrittenAgainWithWhatWasPublished) {
 }
 
 TEST_F(Objects, TheRootIsFoundAgain) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   registry_object *object = Create("host/a");
   strcpy(Data(object)->name, "published");
@@ -893,7 +895,7 @@ class OtherHolder {
 };
 
 TEST_F(Objects, ADirectoryIsTakenOnce) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   const std::string host = registry_.Path("host");
   {
@@ -915,7 +917,7 @@ TEST_F(Objects, ADirectoryIsTakenOnce) {
 }
 
 TEST_F(Objects, ADirectoryThatIsReplacedIsTakenAnew) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   const std::string host = registry_.Path("host");
   ASSERT_EQ(claim_dir(host.c_str()), 0);
@@ -954,7 +956,7 @@ TEST_F(Objects, ADirectoryThatIsReplacedIsTakenAnew) {
 }
 
 TEST_F(Objects, ADirectoryThatCannotBeTakenYetIsTakenLater) {
-  agent = "exampled";
+  SetLogName("exampled");
   Captured log;
   const std::string host = registry_.Path("host");
   fs::remove_all(host);

@@ -19,7 +19,7 @@
 
 #include "framework/snmp/agentx_session.h"
 #include "framework/snmp/set_channel.h"
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
 

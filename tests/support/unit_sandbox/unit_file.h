@@ -1,8 +1,8 @@
 // The [Service] section of a systemd unit, read as the service manager reads it: what it takes away
 // from the service's processes. A key that is neither known here nor known to take nothing away is
 // an error, so that nothing of a unit is left out in silence.
-#ifndef VEX_TESTS_SUPPORT_UNIT_JAIL_UNIT_FILE_H
-#define VEX_TESTS_SUPPORT_UNIT_JAIL_UNIT_FILE_H
+#ifndef VEX_TESTS_SUPPORT_UNIT_SANDBOX_UNIT_FILE_H
+#define VEX_TESTS_SUPPORT_UNIT_SANDBOX_UNIT_FILE_H
 
 #include <sys/resource.h>
 #include <sys/types.h>
@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace unit_jail {
+namespace unit_sandbox {
 
 class UnitError : public std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -58,6 +58,6 @@ const std::vector<std::string> &SystemCallGroup(const std::string &name);
 // Throws UnitError.
 Unit ReadUnit(const std::string &path);
 
-}  // namespace unit_jail
+}  // namespace unit_sandbox
 
 #endif

@@ -1,4 +1,4 @@
-#include "tests/support/unit_jail/unit_file.h"
+#include "tests/support/unit_sandbox/unit_file.h"
 
 #include <sched.h>
 #include <seccomp.h>
@@ -17,7 +17,7 @@
 #include <sstream>
 #include <utility>
 
-namespace unit_jail {
+namespace unit_sandbox {
 
 namespace {
 
@@ -432,4 +432,4 @@ Unit ReadUnit(const std::string &path) {
   return unit;
 }
 
-}  // namespace unit_jail
+}  // namespace unit_sandbox

@@ -1,4 +1,4 @@
-// unit_jail UNITFILE [NAME=VALUE...] COMMAND...: becomes the command, confined as the service
+// unit_sandbox UNITFILE [NAME=VALUE...] COMMAND...: becomes the command, confined as the service
 // manager confines a unit's processes: capabilities, system-call filters, limits, file mode mask.
 // The variables are set for the command alone. Exit status 2 when the unit holds anything that is
 // not understood here, 3 when something cannot be applied; nothing is ever applied in part.
@@ -14,11 +14,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "tests/support/unit_jail/filters.h"
-#include "tests/support/unit_jail/unit_file.h"
+#include "tests/support/unit_sandbox/filters.h"
+#include "tests/support/unit_sandbox/unit_file.h"
 
-using unit_jail::Unit;
-using unit_jail::UnitError;
+using unit_sandbox::Unit;
+using unit_sandbox::UnitError;
 
 namespace {
 
@@ -78,21 +78,21 @@ void Apply(const Unit &unit) {
   if (unit.no_new_privileges) {
     Check(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "new privileges");
   }
-  unit_jail::LoadFilters(unit);
+  unit_sandbox::LoadFilters(unit);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: unit_jail UNITFILE [NAME=VALUE...] COMMAND...\n");
+    fprintf(stderr, "usage: unit_sandbox UNITFILE [NAME=VALUE...] COMMAND...\n");
     return 2;
   }
   Unit unit;
   try {
-    unit = unit_jail::ReadUnit(argv[1]);
+    unit = unit_sandbox::ReadUnit(argv[1]);
   } catch (const UnitError &error) {
-    fprintf(stderr, "unit_jail: %s\n", error.what());
+    fprintf(stderr, "unit_sandbox: %s\n", error.what());
     return 2;
   }
   char **command = argv + 2;
@@ -100,16 +100,16 @@ int main(int argc, char **argv) {
     putenv(*command);
   }
   if (*command == nullptr) {
-    fprintf(stderr, "unit_jail: no command\n");
+    fprintf(stderr, "unit_sandbox: no command\n");
     return 2;
   }
   try {
     Apply(unit);
   } catch (const UnitError &error) {
-    fprintf(stderr, "unit_jail: %s\n", error.what());
+    fprintf(stderr, "unit_sandbox: %s\n", error.what());
     return 3;
   }
   execvp(*command, command);
-  fprintf(stderr, "unit_jail: %s: %s\n", *command, strerror(errno));
+  fprintf(stderr, "unit_sandbox: %s: %s\n", *command, strerror(errno));
   return 3;
 }

@@ -1,6 +1,6 @@
 // Each filter is one of its own, as the service manager's are: of several verdicts the kernel takes
 // the strictest. What a filter refuses, and with which error, is the manager's choice as well.
-#include "tests/support/unit_jail/filters.h"
+#include "tests/support/unit_sandbox/filters.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -14,7 +14,7 @@
 #include <cstring>
 #include <memory>
 
-namespace unit_jail {
+namespace unit_sandbox {
 
 namespace {
 
@@ -100,7 +100,7 @@ class Refusals {
   }
   void Load() {
     if (any_) {
-      unit_jail::Load(filter_);
+      unit_sandbox::Load(filter_);
     }
   }
 
@@ -309,4 +309,4 @@ void LoadFilters(const Unit &unit) {
   }
 }
 
-}  // namespace unit_jail
+}  // namespace unit_sandbox

@@ -1,5 +1,5 @@
 // The whole SNMP side, from its face to the agent thread down to the packets on a master's socket.
-#include "framework/snmp/snmp_side.h"
+#include "framework/snmp/snmp_thread.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>
