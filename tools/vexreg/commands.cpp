@@ -140,7 +140,9 @@ int Show(const Selection &selection, const View &view, const Arrangement &arrang
   std::vector<NamedObject> objects = ReadObjects(selection, &status);
   if (objects.empty() && selection.names.empty()) {
     status = kFailed;
-    Complain(WhyNothing(selection.root));
+    if (ListObjects(selection.root).empty()) {  // else all are damaged, which has been said
+      Complain(WhyNothing(selection.root));
+    }
   }
   std::string error;
   if (!Arrange(arrangement, &objects, &error)) {

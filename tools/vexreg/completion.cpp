@@ -221,8 +221,8 @@ std::string ZshScript(const CLI::App &app) {
          "# Completion of vexreg for zsh, generated from the command.\n"
          "_vexreg_objects() {\n"
          "  local -a objects\n"
-         "  objects=(${(f)\"$(_call_program objects vexreg ${(k)opt_args[(I)--root]:+--root} "
-         "${(Q)opt_args[--root]} completion names 2>/dev/null)\"})\n"
+         "  objects=(${(f)\"$(_call_program objects vexreg ${(q)root[@]} completion names "
+         "2>/dev/null)\"})\n"
          "  compadd -a objects\n"
          "}\n\n"
          "_vexreg() {\n"
@@ -235,6 +235,9 @@ std::string ZshScript(const CLI::App &app) {
          "  _arguments -C" +
          general +
          " \\\n    '1:command:->command' '*::argument:->argument'\n"
+         "  # What follows the command is parsed by itself, without this.\n"
+         "  local -a root\n"
+         "  (( $+opt_args[--root] )) && root=(--root ${(Q)opt_args[--root]})\n"
          "  case $state in\n"
          "  command) _describe command commands ;;\n"
          "  argument)\n"
