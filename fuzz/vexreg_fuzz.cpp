@@ -42,7 +42,9 @@ void Show(const std::string &name, const vex::FileObject &object) {
   style.words = style.bars = true;
   RequirePlain(vex::RenderTables(objects, 0, style));
   RequirePlain(vex::RenderTables(objects, 40, style));
-  Require(vex::OpenMetrics(objects).ends_with("# EOF\n"));
+  const std::string metrics = vex::OpenMetrics({{"host/filesys.1", object}, {"host/info", object}});
+  RequirePlain(metrics);
+  Require(metrics.ends_with("# EOF\n"));
   const nlohmann::ordered_json json = vex::ObjectJson(object);
   const std::string text = vex::SafeJson(json.dump(2));
   RequirePlain(text);

@@ -38,6 +38,9 @@ std::string FirstClause(const std::string &text) {
 std::vector<Option> OptionsOf(const CLI::App &app) {
   std::vector<Option> options;
   for (const CLI::Option *option : app.get_options()) {
+    if (option->get_group().empty()) {
+      continue;
+    }
     for (const std::string &name : option->get_lnames()) {
       options.push_back({"--" + name, FirstClause(option->get_description()),
                          option->get_expected_max() > 0 ? option->get_type_name() : ""});

@@ -117,6 +117,9 @@ int main(int argc, char **argv) {
 
   CLI::App *dump = AddCommand(&app, "dump", "Prints objects as JSON", kDumpNotes);
   AddObjects(dump, &arguments);
+  // Taken as by the others, though dump knows no other way.
+  dump->add_flag("--json", arguments.view.json)->group("");
+  dump->add_flag("--raw", arguments.view.raw)->group("");
   CLI::App *show = AddCommand(&app, "show", "Prints objects as tables for people", kShowNotes);
   AddView(show, &arguments, "Values as JSON, in words without --raw");
   show->add_option("--sort", arguments.arrangement.sort,

@@ -1,5 +1,6 @@
 #include "tools/vexreg/open_metrics.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -11,33 +12,36 @@
 namespace vex {
 namespace {
 
-constexpr double kMegabyte = 1048576;
-constexpr double kPercent = 100;
-constexpr double kHundredths = 100;
-constexpr double kMilliseconds = 1000;
+// What a number is multiplied with and divided by: 93 / 100 is 0.93, 93 * 0.01 is not quite.
+struct Scale {
+  double factor = 1;
+  double divisor = 1;
+};
+constexpr Scale kMegabytes = {1048576, 1};
+constexpr Scale kHundredths = {1, 100};
+constexpr Scale kMilliseconds = {1, 1000};
+constexpr Scale kOnes = {};
 constexpr double kNanosecondsAMs = 1e6;
 constexpr int32_t kTrue = 1;  // TruthValue (RFC 2579)
 
-// Backslash, quotation mark and line feed, as the format asks; bytes that are no UTF-8 become it.
+// Backslash and quotation mark, as the format asks. Control characters are text already: the output
+// may go to a terminal.
 std::string Escaped(std::string_view bytes) {
   std::string text;
-  for (const char c : Utf8(bytes)) {
-    if (c == '\n') {
-      text += "\\n";
-    } else if (c == '\\' || c == '"') {
+  for (const char c : SafeText(bytes)) {
+    if (c == '\\' || c == '"') {
       text += '\\';
-      text += c;
-    } else {
-      text += c;
     }
+    text += c;
   }
   return text;
 }
 
+// The shortest digits that give the number again.
 std::string Number(double value) {
   char text[32];
-  std::snprintf(text, sizeof(text), "%.15g", value);
-  return text;
+  const auto [end, error] = std::to_chars(std::begin(text), std::end(text), value);
+  return error == std::errc() ? std::string(text, end) : "NaN";
 }
 
 const FileVariable *Find(const FileObject &object, std::string_view name) {
@@ -80,10 +84,10 @@ std::string LabelText(const FileObject &object, std::string_view name) {
   return std::to_string(*value);
 }
 
-void AddScaled(MetricFamily *family, const FileObject &object, std::string_view name, double factor,
+void AddScaled(MetricFamily *family, const FileObject &object, std::string_view name, Scale scale,
                const MetricLabels &labels = {}) {
   if (const auto value = KnownInteger(object, name)) {
-    family->Add(labels, *value * factor);
+    family->Add(labels, *value * scale.factor / scale.divisor);
   }
 }
 
@@ -167,7 +171,7 @@ class Exposition {
                         "The share of time in which a processor worked, averaged.");
     for (const Row &row : Rows("host/cpu")) {
       for (const Window &window : kWindows) {
-        AddScaled(&family, *row.object, window.variable, 1 / kPercent,
+        AddScaled(&family, *row.object, window.variable, kHundredths,
                   {{"cpu", row.number}, {"window", window.name}});
       }
     }
@@ -180,7 +184,7 @@ class Exposition {
     const auto add = [&](const char *name, const char *help, const FileObject &object,
                          const char *variable) {
       MetricFamily family(name, "bytes", help);
-      AddScaled(&family, object, variable, kMegabyte);
+      AddScaled(&family, object, variable, kMegabytes);
       Take(family);
     };
     add("vexhost_memory_size_bytes", "The memory that the kernel manages.", memory,
@@ -218,10 +222,10 @@ class Exposition {
         type = TextOf(*mount->second, "tlxHoMountType");
       }
       const MetricLabels labels = {{"device", device}, {"mountpoint", directory}, {"fstype", type}};
-      AddScaled(&size, object, "tlxHoFileSysSpaceTotal", kMegabyte, labels);
-      AddScaled(&used, object, "tlxHoFileSysSpaceUsed", kMegabyte, labels);
-      AddScaled(&inodes, object, "tlxHoFileSysAllocUnitsTotal", 1, labels);
-      AddScaled(&inodes_used, object, "tlxHoFileSysAllocUnitsUsed", 1, labels);
+      AddScaled(&size, object, "tlxHoFileSysSpaceTotal", kMegabytes, labels);
+      AddScaled(&used, object, "tlxHoFileSysSpaceUsed", kMegabytes, labels);
+      AddScaled(&inodes, object, "tlxHoFileSysAllocUnitsTotal", kOnes, labels);
+      AddScaled(&inodes_used, object, "tlxHoFileSysAllocUnitsUsed", kOnes, labels);
       const auto is_readonly =
           mount != mounts.end() ? KnownInteger(*mount->second, "tlxHoMountReadOnly") : std::nullopt;
       if (is_readonly) {
@@ -238,7 +242,7 @@ class Exposition {
         {"tlxHoLoadOne", "1m"}, {"tlxHoLoadFive", "5m"}, {"tlxHoLoadFifteen", "15m"}};
     MetricFamily family("vexhost_load", "", "How many tasks run or wait to run, averaged.");
     for (const Window &window : kWindows) {
-      AddScaled(&family, Single("host/load"), window.variable, 1 / kHundredths,
+      AddScaled(&family, Single("host/load"), window.variable, kHundredths,
                 {{"window", window.name}});
     }
     Take(family);
@@ -322,12 +326,12 @@ class Exposition {
       // Published at each poll.
       const double milliseconds =
           std::floor(static_cast<double>(misc.published_ns) / kNanosecondsAMs);
-      last.Add({}, milliseconds / kMilliseconds);
+      last.Add({}, milliseconds / kMilliseconds.divisor);
     }
     Take(last);
     MetricFamily duration("vexhost_poll_duration_seconds", "seconds",
                           "How long the agent's last poll took.");
-    AddScaled(&duration, agent, "tlxHoAgentPollDuration", 1 / kMilliseconds);
+    AddScaled(&duration, agent, "tlxHoAgentPollDuration", kMilliseconds);
     Take(duration);
   }
 

@@ -79,7 +79,7 @@ TEST_F(Arranged, AddsColumns) {
   EXPECT_EQ(Columns(3), "tlxHoPhysicalMemorySize Object Published");
   EXPECT_EQ(BytesOf(objects_[3].object, objects_[3].object.variables[1]), "host/memory");
   const std::string text = RenderTables({objects_[0]}, 0);
-  EXPECT_NE(text.find("  #  Index  SpaceTotal (MB)  PercentSpaceUsed (%)  Desc  Object"),
+  EXPECT_NE(text.find("  #  Index  Desc  SpaceTotal (MB)  PercentSpaceUsed (%)  Object "),
             std::string::npos)
       << text;
   EXPECT_NE(text.find("19"), std::string::npos);

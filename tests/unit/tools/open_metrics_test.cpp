@@ -202,7 +202,7 @@ TEST(OpenMetrics, OfSoftwareAndFirmware) {
 TEST(OpenMetrics, EscapeWhatLabelsHold) {
   const std::string text = OpenMetrics({FileSystem(0, "a\"b\\c on /\n\xFF", 1, 1)});
   Parse(text);
-  EXPECT_NE(text.find("device=\"a\\\"b\\\\c\",mountpoint=\"/\\n\u00FF\""), std::string::npos)
+  EXPECT_NE(text.find("device=\"a\\\"b\\\\c\",mountpoint=\"/\\\\x0a\u00FF\""), std::string::npos)
       << text;
 }
 
