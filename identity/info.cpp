@@ -12,9 +12,9 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "common/group.h"
 #include "common/kept_file.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -46,24 +46,33 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
                     int length);
 
 static constexpr variable variables[] = {
-    {"tlxHoName", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, name), nullptr},
-    {"tlxHoVersion", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, version),
-     nullptr},
-    {"tlxHoDesc", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, description),
-     nullptr},
-    {"tlxHoOsType", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(info_block, os_type), nullptr},
-    {"tlxHoTelnet", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(info_block, telnet), nullptr},
-    {"tlxHoSystemRole", 65, VAR_DISPLAY_STRING, ACCESS_WRITABLE, offsetof(info_block, role),
-     set_role},
-    {"tlxHoSystemRoleDetail", 513, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
-     offsetof(info_block, role_detail), set_role},
-    {"tlxHoSystemName", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(info_block, system_name), nullptr},
-    {"tlxHosysDescr", 512, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(info_block, system_description), nullptr},
+    READ_ONLY("tlxHoName", info_block, name),
+    READ_ONLY("tlxHoVersion", info_block, version),
+    READ_ONLY("tlxHoDesc", info_block, description),
+    READ_ONLY("tlxHoOsType", info_block, os_type),
+    READ_ONLY("tlxHoTelnet", info_block, telnet),
+    SETTABLE("tlxHoSystemRole", info_block, role, set_role),
+    SETTABLE("tlxHoSystemRoleDetail", info_block, role_detail, set_role),
+    READ_ONLY("tlxHoSystemName", info_block, system_name),
+    READ_ONLY("tlxHosysDescr", info_block, system_description),
 };
-static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
-static_assert(variable_count == 9);
+
+// The texts that a manager has set, as they stand and without an end.
+static kept_file role_file = {"tlxhosystemrole.dat", false};
+static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
+
+static constexpr const kept_file *kept_files[] = {&role_file, &role_detail_file, nullptr};
+
+constexpr group info_group = described<info_block>({
+    .name = "info",
+    .title = "system",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_info,
+    .each_poll = true,
+    .kept = kept_files,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
@@ -71,8 +80,13 @@ enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
 
 // The texts that a manager has set, as they stand and without an end.
-static kept_file role_file = {"tlxhosystemrole.dat", false};
-static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
+struct kept_text {
+  kept_file file;
+  bool unread;  // it may be there, and could not be read
+};
+static kept_text role_text = {{"tlxhosystemrole.dat", false}, false};
+static kept_text role_detail_text = {{"tlxhosystemroledetail.dat", false}, false};
+static bool called;
 
 static info_block *block_of(registry_object *object) {
   return reinterpret_cast<info_block *>(object->data);
@@ -107,23 +121,40 @@ static void read_description(info_block *block) {
   }
 }
 
-// Fills the field, of which the last byte stays 0, with the beginning of the file.
-static void read_role(kept_file *file, char *field, size_t field_size, bool settle_mode) {
+// Fills the field, of which the last byte stays 0, with the beginning of the file. One that cannot
+// be read at the start is read by a later poll. The log has one line for either.
+static void read_role(kept_text *text, char *field, size_t field_size, bool settle_mode) {
   memset(field, 0, field_size);
-  if (read_kept_file(file, field, field_size - 1, settle_mode) >= 0) {
-    return;
-  }
+  const ssize_t length = read_kept_file(&text->file, field, field_size - 1, settle_mode);
   const int error = errno;
-  memset(field, 0, field_size);
-  if (error != ENOENT && error != EBADF) {
-    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, file->name,
-                     strerror(error));
+  const bool unread = length < 0 && error != ENOENT && error != EBADF;
+  if (length < 0) {
+    memset(field, 0, field_size);
   }
+  if (unread && !text->unread) {
+    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, text->file.name,
+                     strerror(error));
+  } else if (text->unread && length >= 0) {
+    agentlog_fprintf(stderr, "%s: %s/%s was read at last\n", agent, REGISTRY_ROOT, text->file.name);
+  }
+  text->unread = unread;
 }
 
 static void read_roles(info_block *block) {
-  read_role(&role_file, block->role, sizeof(block->role), false);
-  read_role(&role_detail_file, block->role_detail, sizeof(block->role_detail), true);
+  read_role(&role_text, block->role, sizeof(block->role), false);
+  read_role(&role_detail_text, block->role_detail, sizeof(block->role_detail), true);
+}
+
+// Catches up with what the start could not read, and restores what was lost with its directory.
+static void keep_roles(info_block *block) {
+  if (role_text.unread) {
+    read_role(&role_text, block->role, sizeof(block->role), false);
+  }
+  if (role_detail_text.unread) {
+    read_role(&role_detail_text, block->role_detail, sizeof(block->role_detail), true);
+  }
+  restore_kept_file(&role_text.file, block->role, strlen(block->role));
+  restore_kept_file(&role_detail_text.file, block->role_detail, strlen(block->role_detail));
 }
 
 static void read_system(info_block *block) {
@@ -156,7 +187,7 @@ static telnet_state probe_telnet() {
 
 // ---- Setting --------------------------------------------------------------------------------
 
-static int apply_role(uint8_t phase, kept_file *file, char *field, size_t field_size,
+static int apply_role(uint8_t phase, kept_text *kept, char *field, size_t field_size,
                       const char *text) {
   if (strlen(text) > field_size - 1) {
     return -1;
@@ -164,8 +195,9 @@ static int apply_role(uint8_t phase, kept_file *file, char *field, size_t field_
   if (phase == SET_CHECK) {
     return 0;
   }
-  switch (replace_kept_file(file, text, strlen(text))) {
+  switch (replace_kept_file(&kept->file, text, strlen(text))) {
     case KEPT_REPLACED:
+      kept->unread = false;
       copy_field(field, field_size, text);
       return 0;
     case KEPT_NOT_OPENED:
@@ -183,9 +215,9 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
   const auto *text = static_cast<const char *>(value);
   switch (desc->slot) {
     case SYSTEM_ROLE:
-      return apply_role(phase, &role_file, block->role, sizeof(block->role), text);
+      return apply_role(phase, &role_text, block->role, sizeof(block->role), text);
     case SYSTEM_ROLE_DETAIL:
-      return apply_role(phase, &role_detail_file, block->role_detail, sizeof(block->role_detail),
+      return apply_role(phase, &role_detail_text, block->role_detail, sizeof(block->role_detail),
                         text);
     default:
       return -1;
@@ -194,15 +226,11 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
 
 // ---- Publishing -----------------------------------------------------------------------------
 
-static registry_object *create_info() {
-  char name[sizeof(log_dir) + sizeof("/info")];
-  snprintf(name, sizeof(name), "%s/%s", log_dir, "info");
-  registry_object *object =
-      create_obj(&obj_Q, get_id(), name, 1, sizeof(info_block), variable_count);
+static registry_object *create() {
+  registry_object *object = create_object(info_group);
   if (object == nullptr) {
     return nullptr;
   }
-  define_variables(object, variables);
   info_block *block = block_of(object);
   if (is_appliance() != 0) {
     read_appliance(block);
@@ -218,10 +246,14 @@ static registry_object *create_info() {
 
 // ---- Entry point ----------------------------------------------------------------------------
 
-int do_info(int start_up) {
-  registry_object *object = start_up != 0 ? create_info() : find_obj(&obj_Q, 0, "host/info");
+int do_info() {
+  const bool first = first_call(&called);
+  registry_object *object = first ? create() : find_object(info_group);
   if (object == nullptr) {
     return -1;
+  }
+  if (!first) {
+    keep_roles(block_of(object));
   }
   block_of(object)->telnet = probe_telnet();
   return log_data(object);

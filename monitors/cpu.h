@@ -5,10 +5,14 @@
 
 #include <stdint.h>
 
-// start_up 1 counts the processors, creates their rows and takes the first sample; 0 takes a
-// sample. Returns 0, or -1 when memory runs out or a row cannot be created or found; an unreadable
-// /proc/stat leaves the values as they were.
-int do_cpu(int start_up);
+#include "common/group.h"
+
+extern const group cpu_group;
+
+// The first call counts the processors, creates their rows and takes the first sample; later ones
+// take a sample. Returns 0, or -1 when memory runs out or a row cannot be created or found; an
+// unreadable /proc/stat leaves the values as they were.
+int do_cpu();
 
 // Counters of one processor in clock ticks since boot.
 struct cpu_sample {
@@ -27,5 +31,8 @@ void parse_cpu_line(const char *line, cpu_sample *sample);
 // Busy share between two samples in per cent, halves rounded up; 0 when no time has passed.
 // Counters that run backwards can make it more than 100; it is held at the largest 32-bit integer.
 int32_t cpu_utilisation(const cpu_sample &now, const cpu_sample &before);
+
+// Where it reads.
+inline constexpr char processor_times_path[] = "/proc/stat";
 
 #endif

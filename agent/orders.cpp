@@ -1,0 +1,42 @@
+#include "agent/orders.h"
+
+#include "firmware/fwver.h"
+#include "identity/appliance.h"
+#include "identity/hwinfo.h"
+#include "identity/info.h"
+#include "monitors/cpu.h"
+#include "monitors/filesys.h"
+#include "monitors/memory.h"
+#include "software/packages.h"
+#include "status/misc.h"
+
+// One line a group.
+// clang-format off
+const group *const start_order[] = {
+    &filesys_group,
+    &memory_group,
+    &info_group,
+    &misc_group,
+    &swver_group,
+    &cpu_group,
+    &appliance_group,
+    &fwver_group,
+    nullptr,
+};
+
+const group *const last_order[] = {
+    &hwinfo_group,
+    nullptr,
+};
+
+const group *const poll_order[] = {
+    &cpu_group,
+    &filesys_group,
+    &memory_group,
+    &info_group,
+    &misc_group,
+    &swver_group,
+    &fwver_group,
+    nullptr,
+};
+// clang-format on
