@@ -11,13 +11,14 @@ namespace {
 constexpr char kItself[] = "doctor";
 constexpr char kGaveUp[] = "gave up";
 // Checks whose text goes on with a path or an address before the colon.
-constexpr const char *kWithPlace[] = {"AgentX socket", "registry", "subtree",
-                                      "snmpd on UDP port 161"};
+constexpr std::string_view kWithPlace[] = {"AgentX socket", "registry", "subtree",
+                                           "snmpd on UDP port 161"};
 
 std::string CheckOf(const std::string &text) {
-  for (const std::string check : kWithPlace) {
-    if (text.starts_with(check + " ") || text.starts_with(check + ":")) {
-      return check;
+  for (const std::string_view check : kWithPlace) {
+    const char next = text.size() > check.size() ? text[check.size()] : ':';
+    if (text.starts_with(check) && (next == ' ' || next == ':')) {
+      return std::string(check);
     }
   }
   const size_t colon = text.find(": ");
