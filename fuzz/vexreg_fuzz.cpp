@@ -7,6 +7,8 @@
 
 #include "tools/vexreg/changes.h"
 #include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/names.h"
+#include "tools/vexreg/open_metrics.h"
 #include "tools/vexreg/put.h"
 #include "tools/vexreg/tables.h"
 #include "tools/vexreg/values.h"
@@ -36,6 +38,13 @@ void Show(const std::string &name, const vex::FileObject &object) {
   const std::vector<vex::NamedObject> objects = {{name, object}, {name + ".1", object}};
   RequirePlain(vex::RenderTables(objects, 0));
   RequirePlain(vex::RenderTables(objects, 40));
+  vex::Style style;
+  style.words = style.bars = true;
+  RequirePlain(vex::RenderTables(objects, 0, style));
+  RequirePlain(vex::RenderTables(objects, 40, style));
+  const std::string metrics = vex::OpenMetrics({{"host/filesys.1", object}, {"host/info", object}});
+  RequirePlain(metrics);
+  Require(metrics.ends_with("# EOF\n"));
   const nlohmann::ordered_json json = vex::ObjectJson(object);
   const std::string text = vex::SafeJson(json.dump(2));
   RequirePlain(text);
@@ -69,6 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string name = lines.front();
   lines.erase(lines.begin());
   RequirePlain(vex::SafeText(name));
+  (void)vex::NearestName(name, {"host/cpu.0", "host/memory", name});
   const auto relative = vex::ResolveObjectName(name);
   if (relative) {
     Require(!relative->empty() && relative->front() != '/' && relative->front() != '.' &&

@@ -125,7 +125,7 @@ class Options(unittest.TestCase):
 
     @staticmethod
     def doctor_section():
-        return read(PAGES["vexreg.1"]).split(".Sh DOCTOR")[1].split(".Sh FILES")[0]
+        return read(PAGES["vexreg.1"]).split(".Sh DOCTOR")[1].split("\n.Sh ")[0]
 
     @staticmethod
     def items_of(section):

@@ -136,6 +136,9 @@ class Places(Work):
                 self.assertIn(configuration + "/snmp/vexhostd.conf", paths)
                 for path in ("sbin/vexhostd", "bin/vexreg", "lib/libvexcommon.so", "lib/libqvev.so",
                              "share/snmp/mibs/QUORIX-MIB.txt", "share/man/man1/vexreg.1",
+                             "share/bash-completion/completions/vexreg",
+                             "share/zsh/vendor-completions/_vexreg",
+                             "share/fish/vendor_completions.d/vexreg.fish",
                              "lib/systemd/system/vexhostd.service"):
                     self.assertIn(prefix[1:] + "/" + path, paths)
                 unit = self.read(stage + prefix + "/lib/systemd/system/vexhostd.service")

@@ -102,7 +102,7 @@ class Names(unittest.TestCase):
 class Generator(unittest.TestCase):
     """generate-mib-table refuses what the framework could not serve."""
 
-    def generate(self, change=None, module="QUORIX-HOST-MIB"):
+    def generate(self, change=None, module="QUORIX-HOST-MIB", options=()):
         """Returns the generator's exit status, messages and output for changed modules."""
         with tempfile.TemporaryDirectory() as work:
             for name in MODULES:
@@ -116,7 +116,7 @@ class Generator(unittest.TestCase):
                 with open(path, "w", encoding="ascii") as file:
                     file.write(changed)
             output = os.path.join(work, "table.cpp")
-            run = subprocess.run([os.path.join(MIBS, "generate-mib-table"), output] +
+            run = subprocess.run([os.path.join(MIBS, "generate-mib-table"), *options, output] +
                                  [os.path.join(work, name + ".txt") for name in MODULES],
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                  check=False)
@@ -136,6 +136,17 @@ class Generator(unittest.TestCase):
         status, messages, made = self.generate()
         self.assertEqual((status, messages), (0, ""))
         self.assertIn('{"tlxHoGUID", ', made)
+
+    def test_writes_the_words_of_the_modules(self):
+        status, messages, made = self.generate(options=["--words"])
+        self.assertEqual((status, messages), (0, ""))
+        self.assertIn('{{1, "appliance"}, {14, "linux"}}', made)
+        self.assertRegex(made, r'"tlxHoMibCondition", "QuorixCondition", "", "", kLabels\d+, {}')
+        self.assertIn('"tlxHoCpuUtilHour", "", "percent", "not known yet", {}, {}', made)
+        self.assertIn('"tlxHoPagingMemoryFree", "", "megabytes", "not known", {}, {}', made)
+        self.assertIn('"tlxHoOsCommonPollFreq", "", "seconds", "", {}, {}', made)
+        self.assertIn('{9, "array controllers"}', made)
+        self.assertIn('{11, "host"}', made)
 
     def test_is_the_same_each_time(self):
         self.assertEqual(self.generate(), self.generate())

@@ -8,15 +8,6 @@
 namespace vex {
 namespace {
 
-// ASCII only, so that whatever an object holds can go to a terminal.
-std::string OneLine(const nlohmann::ordered_json &json) {
-  std::string text = json.dump(-1, ' ', true);
-  for (size_t at; (at = text.find('\x7F')) != std::string::npos;) {
-    text.replace(at, 1, "\\u007f");
-  }
-  return text;
-}
-
 std::string PlainName(const std::string &name) {
   const std::string quoted = OneLine(Utf8(name));
   return quoted.substr(1, quoted.size() - 2);
@@ -30,6 +21,14 @@ bool SameVariables(const FileObject &a, const FileObject &b) {
 }
 
 }  // namespace
+
+std::string OneLine(const nlohmann::ordered_json &json) {
+  std::string text = json.dump(-1, ' ', true);
+  for (size_t at; (at = text.find('\x7F')) != std::string::npos;) {
+    text.replace(at, 1, "\\u007f");
+  }
+  return text;
+}
 
 std::vector<std::string> ChangeLines(const std::string &name, const FileObject *before,
                                      const FileObject *after) {
@@ -62,6 +61,41 @@ std::vector<std::string> ChangeLines(const std::string &name, const FileObject *
     lines.push_back(line + value);
   }
   return lines;
+}
+
+std::vector<nlohmann::ordered_json> ChangeObjects(
+    const std::string &name, const FileObject *before, const FileObject *after,
+    nlohmann::ordered_json (*value)(const FileObject &, const FileVariable &)) {
+  const std::string object = Utf8(name);
+  std::vector<nlohmann::ordered_json> changes;
+  if (after == nullptr) {
+    if (before != nullptr) {
+      changes.push_back({{"object", object}, {"removed", true}});
+    }
+    return changes;
+  }
+  if (before != nullptr && !SameVariables(*before, *after)) {
+    before = nullptr;
+  }
+  if (after->variables.empty() && (before == nullptr || before->data != after->data)) {
+    changes.push_back({{"object", object}, {"bytes", after->data.size()}});
+  }
+  for (size_t slot = 0; slot < after->variables.size(); slot++) {
+    const FileVariable &variable = after->variables[slot];
+    if (variable.type == 0) {
+      continue;
+    }
+    const bool same = before != nullptr &&
+                      ValueJson(*before, before->variables[slot]) == ValueJson(*after, variable);
+    if (!same) {
+      changes.push_back(
+          {{"object", object},
+           {"variable", Utf8(variable.name)},
+           {"old", before != nullptr ? value(*before, before->variables[slot]) : nullptr},
+           {"new", value(*after, variable)}});
+    }
+  }
+  return changes;
 }
 
 }  // namespace vex

@@ -11,14 +11,15 @@
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <set>
 
 #include "framework/process/descriptor.h"
 #include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_format.h"
+#include "tools/vexreg/absence.h"
 #include "tools/vexreg/put.h"
 #include "tools/vexreg/values.h"
+#include "tools/vexreg/words.h"
 
 namespace vex {
 namespace {
@@ -62,6 +63,18 @@ std::string Indented(const nlohmann::ordered_json &json) {
   return text;
 }
 
+void PrintJson(const std::vector<NamedObject> &objects,
+               nlohmann::ordered_json (*value)(const FileObject &, const FileVariable &)) {
+  // Object by object: one JSON value of ten thousand members would look each name up in a list.
+  std::cout << '{';
+  for (size_t i = 0; i < objects.size(); i++) {
+    std::cout << (i == 0 ? "\n  " : ",\n  ")
+              << SafeJson(nlohmann::ordered_json(Utf8(objects[i].name)).dump() + ": " +
+                          Indented(ObjectJson(objects[i].object, value)));
+  }
+  std::cout << (objects.empty() ? "}\n" : "\n}\n");
+}
+
 }  // namespace
 
 void Complain(const std::string &message) {
@@ -86,53 +99,56 @@ int FinishOutput(int status) {
 }
 
 std::vector<NamedObject> ReadObjects(const Selection &selection, int *status) {
-  std::vector<NamedObject> objects;
-  if (selection.names.empty()) {
-    for (const std::string &name : ListObjects(selection.root)) {
-      if (auto object = ReadObjectFile(name, selection.root)) {
-        objects.push_back({name, std::move(*object)});
-      } else if (FileExists(selection.root, name)) {
-        Complain(name + ": damaged, left out");
-      }
-    }
-    return objects;
+  Found found = FindObjects(selection);
+  for (const std::string &name : found.damaged) {
+    Complain(name + ": damaged, left out");
   }
-  std::set<std::string> seen;
-  for (const std::string &given : selection.names) {
-    const auto name = ResolveObjectName(given, selection.root);
-    if (name && !seen.insert(*name).second) {
-      continue;
-    }
-    auto object = name ? ReadObjectFile(*name, selection.root) : std::nullopt;
-    if (object) {
-      objects.push_back({*name, std::move(*object)});
-      continue;
-    }
+  for (const std::string &name : found.unreadable) {
     *status = kFailed;
-    Complain(given + (name && FileExists(selection.root, *name) ? ": cannot be read as an object"
-                                                                : ": no such object"));
+    Complain(name + ": cannot be read as an object");
   }
-  return objects;
+  if (!found.missing.empty()) {
+    *status = kFailed;
+    const std::vector<std::string> names = ListObjects(selection.root);
+    for (const std::string &name : found.missing) {
+      const std::string nearest = NearestName(name, names);
+      Complain(name + ": no such object" +
+               (nearest.empty() ? "" : "; did you mean " + nearest + "?"));
+    }
+    if (names.empty()) {
+      Complain(WhyNothing(selection.root));
+    }
+  }
+  return std::move(found.objects);
 }
 
 int Dump(const Selection &selection) {
   int status = kDone;
-  const auto objects = ReadObjects(selection, &status);
-  // Object by object: one JSON value of ten thousand members would look each name up in a list.
-  std::cout << '{';
-  for (size_t i = 0; i < objects.size(); i++) {
-    std::cout << (i == 0 ? "\n  " : ",\n  ")
-              << SafeJson(nlohmann::ordered_json(Utf8(objects[i].name)).dump() + ": " +
-                          Indented(ObjectJson(objects[i].object)));
-  }
-  std::cout << (objects.empty() ? "}\n" : "\n}\n");
+  PrintJson(ReadObjects(selection, &status), ValueJson);
   return FinishOutput(status);
 }
 
-int Show(const Selection &selection, std::optional<int> width) {
+int Show(const Selection &selection, const View &view, const Arrangement &arrangement) {
   int status = kDone;
-  const auto objects = ReadObjects(selection, &status);
-  std::cout << RenderTables(objects, width.value_or(TerminalWidth()));
+  std::vector<NamedObject> objects = ReadObjects(selection, &status);
+  if (objects.empty() && selection.names.empty()) {
+    status = kFailed;
+    if (ListObjects(selection.root).empty()) {  // else all are damaged, which has been said
+      Complain(WhyNothing(selection.root));
+    }
+  }
+  std::string error;
+  if (!Arrange(arrangement, &objects, &error)) {
+    Complain(error);
+    return kWrongUsage;
+  }
+  if (view.json) {
+    PrintJson(objects, view.raw ? ValueJson : WordJson);
+    return FinishOutput(status);
+  }
+  Style style = ChooseStyle(view.raw, view.colour);
+  style.keep_order = !arrangement.columns.empty();
+  std::cout << RenderTables(objects, view.width.value_or(TerminalWidth()), style);
   return FinishOutput(status);
 }
 

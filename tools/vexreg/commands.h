@@ -7,30 +7,37 @@
 #include <string>
 #include <vector>
 
+#include "tools/vexreg/appearance.h"
+#include "tools/vexreg/arrange.h"
+#include "tools/vexreg/names.h"
 #include "tools/vexreg/tables.h"
 
 namespace vex {
 
 enum ExitStatus { kDone = 0, kFailed = 1, kWrongUsage = 2 };
 
-// What to show: the objects named, or all when none is.
-struct Selection {
-  std::string root;
-  std::vector<std::string> names;
+// How values are printed.
+struct View {
+  // Of the lines; none given: the terminal's, or unlimited when standard output is no terminal.
+  std::optional<int> width;
+  bool raw = false;   // numbers as they are
+  bool json = false;  // for programs
+  ColourChoice colour = ColourChoice::kAuto;
 };
 
-// Reads the objects in the order of their names, or all in natural order. A name given twice counts
-// once. *status becomes kFailed when a named object is missing; the others are read all the same.
+// Reads the objects that the selection stands for, and complains of names that stand for nothing.
+// *status becomes kFailed then; the others are read all the same.
 std::vector<NamedObject> ReadObjects(const Selection &selection, int *status);
 
 int Dump(const Selection &selection);
-// width: of the lines; none given: the terminal's, or unlimited when standard output is no
-// terminal.
-int Show(const Selection &selection, std::optional<int> width);
+// kFailed, and why, also when nothing at all is published.
+int Show(const Selection &selection, const View &view, const Arrangement &arrangement);
 // Looks for what keeps the agent from being seen, one line for each check. kFailed when something
 // needs to be done, or when it is not done within so many seconds.
-int Doctor(const std::string &root, std::optional<int> width, int most_seconds);
-int Watch(const Selection &selection, std::optional<int> width);
+int Doctor(const std::string &root, const View &view, int most_seconds);
+int Watch(const Selection &selection, const View &view);
+// OpenMetrics text of what is published, on standard output or as a file that is written whole.
+int Export(const std::string &root, const std::optional<std::string> &file);
 int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
         const std::optional<std::string> &data_file);
 int Remove(const std::string &root, const std::string &name);

@@ -19,6 +19,7 @@
 #include "framework/snmp/snmp_files.h"
 #include "tools/vexreg/bounded.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/finding_json.h"
 #include "tools/vexreg/host_facts.h"
 #include "tools/vexreg/values.h"
 
@@ -69,7 +70,8 @@ std::string PublishedOctets(const FileObject &object, std::string_view name) {
 
 class Examination {
  public:
-  Examination(std::string root, int width) : root_(std::move(root)), width_(width) {}
+  Examination(std::string root, int width, bool json)
+      : root_(std::move(root)), width_(width), json_(json) {}
 
   int Run() {
     LookAtProcesses();
@@ -91,7 +93,8 @@ class Examination {
   void Say(const Finding &finding) {
     failed_ = failed_ || finding.verdict == Verdict::kFail;
     // At once: whoever waits for this process may give up at the next check.
-    std::cout << RenderFinding(finding, width_) << std::flush;
+    std::cout << (json_ ? "  " + FindingJson(finding) + ",\n" : RenderFinding(finding, width_))
+              << std::flush;
   }
 
   void LookAtProcesses() {
@@ -367,6 +370,7 @@ class Examination {
 
   std::string root_;
   int width_;
+  bool json_;
   bool failed_ = false;
   bool hidden_ = false;
   bool visible_ = false;
@@ -379,11 +383,20 @@ class Examination {
 
 }  // namespace
 
-int Doctor(const std::string &root, std::optional<int> width, int most_seconds) {
-  const int columns = width.value_or(TerminalWidth());  // of this process's output
-  const auto status = DoWithin(most_seconds, [&] { return Examination(root, columns).Run(); });
-  if (!status) {
-    std::cout << RenderFinding(JudgeSilence(most_seconds), columns);
+int Doctor(const std::string &root, const View &view, int most_seconds) {
+  const int columns = view.width.value_or(TerminalWidth());  // of this process's output
+  if (view.json) {
+    std::cout << "[\n" << std::flush;
+  }
+  const auto status =
+      DoWithin(most_seconds, [&] { return Examination(root, columns, view.json).Run(); });
+  const Finding last =
+      status ? Finding{Verdict::kOk, "all checks were made"} : JudgeSilence(most_seconds);
+  if (view.json) {
+    // The last one comes from this process in any case: it knows that no other follows.
+    std::cout << "  " << FindingJson(last) << "\n]\n";
+  } else if (!status) {
+    std::cout << RenderFinding(last, columns);
   }
   return FinishOutput(status.value_or(kFailed));
 }

@@ -4,33 +4,100 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/completion.h"
 
 namespace {
 
-constexpr char kAbout[] =
-    "Shows, watches, dumps and writes the objects that agents publish, and checks the agent.";
+constexpr char kAbout[] = "Shows and writes the objects that agents publish, and checks the agent.";
 constexpr char kNotes[] =
-    "Objects are named from the registry's root, as host/cpu.0; none named means all.\n"
+    "An OBJECT is a name from the registry's root (host/cpu.0), a group (host/cpu),\n"
+    "either without its directory (cpu), a pattern ('host/filesys.*') or a variable\n"
+    "(tlxHoCpuUtilMin); none named means all.\n"
     "\n"
-    "Exit status: 0; 1 when a named object does not exist or cannot be read (or written),\n"
-    "or when doctor finds something wrong; 2 for wrong usage.";
+    "Exit status: 0; 1 when a named object does not exist or cannot be read or\n"
+    "written, nothing is there to show, or doctor finds something wrong; 2 for wrong\n"
+    "usage.";
+constexpr char kDumpNotes[] =
+    "Integers are numbers, octet strings hexadecimal digits.\n"
+    "Example: vexreg dump host/memory | jq .";
+constexpr char kShowNotes[] =
+    "A LIST names headings (SpaceUsed) or variables, with commas; Object and\n"
+    "Published may be named besides.\n"
+    "Examples:\n"
+    "  vexreg show cpu\n"
+    "  vexreg show filesys --sort -PercentSpaceUsed --columns +Published\n"
+    "  vexreg show tlxHoMibCondition --json";
+constexpr char kWatchNotes[] = "Example: vexreg watch memory cpu";
 constexpr char kPutNotes[] =
     "VAR is one of\n"
     "  int:N          an integer from -2147483648 to 2147483647\n"
-    "  str:SIZE:TEXT  a display string of at most SIZE-1 bytes in a field of SIZE bytes\n"
+    "  str:SIZE:TEXT  a display string of at most SIZE-1 bytes\n"
     "  hex:HEX        an octet string, two hexadecimal digits an octet\n"
-    "\n"
-    "The variables get the names var0, var1, ... and follow one another in the data block without\n"
-    "gaps. With --data the bytes of FILE are the data block instead of the values; VARs given as\n"
-    "well say what lies at its beginning (their values count for nothing). Missing directories "
-    "are\n"
-    "made; an object of that name is replaced at once.";
+    "The variables are called var0, var1, ... An object of that name is replaced.\n"
+    "Example: vexreg put example/one int:5 str:16:text hex:00ff";
+constexpr char kRmNotes[] = "Example: vexreg rm example/one";
 constexpr char kDoctorNotes[] =
-    "One line for each check: ok; note: worth knowing, nothing to do; FAIL: what is wrong and\n"
-    "what to do next. The configuration is the running agent's, or else the one that it would\n"
-    "read. Run it as root: other users may not see all of it, and it says so.\n"
-    "\n"
-    "Exit status: 0 when all is well; 1 when something fails; 2 for wrong usage.";
+    "One line for each check: ok; note: worth knowing, nothing to do; FAIL: what is\n"
+    "wrong and what to do next. Run it as root: others may not see all of it.\n"
+    "Exit status: 0 when all is well; 1 when something fails; 2 for wrong usage.\n"
+    "Example: sudo vexreg doctor";
+constexpr char kExportNotes[] =
+    "A value that is not known has no sample. FILE is written whole or not at all.\n"
+    "Example: vexreg export --output /var/lib/prometheus/node-exporter/vexhost.prom";
+
+constexpr int kNameColumns = 26;  // of the names in the lists of --help
+
+// What the command line says.
+struct Arguments {
+  vex::Selection selection{vex::kRegistryRoot, {}};
+  vex::View view;
+  vex::Arrangement arrangement;
+  std::string object;
+  std::vector<std::string> variables;
+  std::optional<std::string> data_file;
+  std::optional<std::string> output_file;
+  int most_seconds = 30;
+  std::string completion;
+};
+
+void AddWidth(CLI::App *to, Arguments *arguments) {
+  to->add_option("--width", arguments->view.width,
+                 "Columns of a line, 0: no limit; else the terminal's")
+      ->type_name("N")
+      ->check(CLI::Range(0, 10000).description(""));
+}
+
+void AddJson(CLI::App *to, Arguments *arguments, const char *about) {
+  to->add_flag("--json", arguments->view.json, about);
+}
+
+CLI::App *AddCommand(CLI::App *app, const char *name, const char *about, const char *notes) {
+  CLI::App *command = app->add_subcommand(name, about)->fallthrough();
+  command->footer(notes);
+  return command;
+}
+
+// Objects, and how their values are printed.
+void AddObjects(CLI::App *to, Arguments *arguments) {
+  to->add_option("OBJECT", arguments->selection.names, "Objects; all when none is named")
+      ->type_name("");
+}
+
+void AddView(CLI::App *to, Arguments *arguments, const char *json) {
+  AddObjects(to, arguments);
+  AddWidth(to, arguments);
+  AddJson(to, arguments, json);
+  to->add_flag("--raw", arguments->view.raw, "Numbers as they are, without words and units");
+  to->add_option_function<std::string>(
+        "--color",
+        [arguments](const std::string &word) {
+          if (!vex::ParseColour(word, &arguments->view.colour)) {
+            throw CLI::ValidationError("--color", word + ": not one of auto, always, never");
+          }
+        },
+        "Colours; auto: on a terminal")
+      ->type_name("auto|always|never");
+}
 
 }  // namespace
 
@@ -41,79 +108,86 @@ int main(int argc, char **argv) {
   CLI::App app{kAbout, "vexreg"};
   app.footer(kNotes);
   app.require_subcommand(1);
-  vex::Selection selection{vex::kRegistryRoot, {}};
-  app.add_option("--root", selection.root, "The registry's root directory")
+  app.get_formatter()->column_width(kNameColumns);
+  Arguments arguments;
+  app.add_option("--root", arguments.selection.root, "The registry's root directory")
       ->type_name("DIR")
       ->capture_default_str();
   app.set_version_flag("--version", "vexreg " VEXREG_VERSION);
 
-  std::optional<int> width;
-  const auto add_width = [&](CLI::App *to) {
-    to->add_option("--width", width,
-                   "Columns of a line, 0 for no limit; else the terminal's, and no limit when "
-                   "the output is none")
-        ->type_name("N")
-        ->check(CLI::Range(0, 10000));
-  };
-  const auto add_view = [&](const char *name, const char *about, bool tables) {
-    CLI::App *view = app.add_subcommand(name, about)->fallthrough();
-    view->add_option("OBJECT", selection.names, "Objects; all when none is named")->type_name("");
-    if (tables) {
-      add_width(view);
-    }
-    return view;
-  };
-  CLI::App *dump = add_view("dump", "Prints objects as JSON", false);
-  CLI::App *show = add_view("show", "Prints objects as tables for people", true);
-  CLI::App *watch = add_view("watch",
-                             "Keeps a live view of objects; prints each change when the output is "
-                             "no terminal",
-                             true);
+  CLI::App *dump = AddCommand(&app, "dump", "Prints objects as JSON", kDumpNotes);
+  AddObjects(dump, &arguments);
+  // Taken as by the others, though dump knows no other way.
+  dump->add_flag("--json", arguments.view.json)->group("");
+  dump->add_flag("--raw", arguments.view.raw)->group("");
+  CLI::App *show = AddCommand(&app, "show", "Prints objects as tables for people", kShowNotes);
+  AddView(show, &arguments, "Values as JSON, in words without --raw");
+  show->add_option("--sort", arguments.arrangement.sort,
+                   "Sorts rows by these; -COLUMN: largest first")
+      ->type_name("LIST")
+      ->allow_extra_args(false);
+  show->add_option("--columns", arguments.arrangement.columns,
+                   "These alone, in this order; +LIST: these as well")
+      ->type_name("LIST")
+      ->allow_extra_args(false);
+  CLI::App *watch = AddCommand(&app, "watch",
+                               "Keeps a live view; prints changes without a terminal", kWatchNotes);
+  AddView(watch, &arguments, "Each change as a line of JSON, also on a terminal");
 
-  std::string object;
-  std::vector<std::string> variables;
-  std::optional<std::string> data_file;
-  CLI::App *put = app.add_subcommand("put", "Publishes an object as an agent would")->fallthrough();
-  put->add_option("OBJECT", object, "The object's name")->required()->type_name("");
-  put->add_option("VAR", variables, "Its variables in slot order")->type_name("");
-  put->add_option("--data", data_file, "The raw data block; - for standard input")
+  CLI::App *put = AddCommand(&app, "put", "Publishes an object as an agent would", kPutNotes);
+  put->add_option("OBJECT", arguments.object, "The object's name")->required()->type_name("");
+  put->add_option("VAR", arguments.variables, "Its variables in slot order")->type_name("");
+  put->add_option("--data", arguments.data_file, "The raw data block instead; - for standard input")
       ->type_name("FILE");
-  put->footer(kPutNotes);
-  CLI::App *rm = app.add_subcommand("rm", "Removes an object")->fallthrough();
-  rm->add_option("OBJECT", object, "The object's name")->required()->type_name("");
+  CLI::App *rm = AddCommand(&app, "rm", "Removes an object", kRmNotes);
+  rm->add_option("OBJECT", arguments.object, "The object's name")->required()->type_name("");
 
-  CLI::App *doctor =
-      app.add_subcommand("doctor", "Checks what usually keeps the agent from being seen")
-          ->fallthrough();
-  add_width(doctor);
-  int most_seconds = 30;
+  CLI::App *doctor = AddCommand(
+      &app, "doctor", "Checks what usually keeps the agent from being seen", kDoctorNotes);
+  AddWidth(doctor, &arguments);
+  AddJson(doctor, &arguments, "An array of objects with state, check and message");
   doctor
-      ->add_option("--limit", most_seconds,
-                   "Seconds after which it gives up a file or mount that does not answer")
+      ->add_option("--limit", arguments.most_seconds,
+                   "Seconds after which it gives up what does not answer")
       ->type_name("N")
-      ->check(CLI::Range(1, 3600))
+      ->check(CLI::Range(1, 3600).description(""))
       ->capture_default_str();
-  doctor->footer(kDoctorNotes);
+
+  CLI::App *exporter =
+      AddCommand(&app, "export", "Prints the host's values as OpenMetrics text", kExportNotes);
+  exporter->add_option("--output", arguments.output_file, "Writes this file instead")
+      ->type_name("FILE");
+
+  // For the shells: not listed.
+  CLI::App *completion = app.add_subcommand("completion", "")->fallthrough()->group("");
+  completion->add_option("WHAT", arguments.completion)->required();
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? vex::kDone : vex::kWrongUsage;
   }
+  const std::string &root = arguments.selection.root;
   if (*dump) {
-    return vex::Dump(selection);
+    return vex::Dump(arguments.selection);
   }
   if (*show) {
-    return vex::Show(selection, width);
+    return vex::Show(arguments.selection, arguments.view, arguments.arrangement);
   }
   if (*watch) {
-    return vex::Watch(selection, width);
+    return vex::Watch(arguments.selection, arguments.view);
   }
   if (*put) {
-    return vex::Put(selection.root, object, variables, data_file);
+    return vex::Put(root, arguments.object, arguments.variables, arguments.data_file);
+  }
+  if (*rm) {
+    return vex::Remove(root, arguments.object);
   }
   if (*doctor) {
-    return vex::Doctor(selection.root, width, most_seconds);
+    return vex::Doctor(root, arguments.view, arguments.most_seconds);
   }
-  return *rm ? vex::Remove(selection.root, object) : vex::kWrongUsage;
+  if (*exporter) {
+    return vex::Export(root, arguments.output_file);
+  }
+  return *completion ? vex::Complete(app, root, arguments.completion) : vex::kWrongUsage;
 }

@@ -11,15 +11,40 @@
 #include "framework/snmp/mib_table.h"
 #include "platform/framework.h"
 #include "tools/vexreg/values.h"
+#include "tools/vexreg/words.h"
 
 namespace vex {
 namespace {
 
-constexpr int kGap = 2;              // blanks between columns
-constexpr int kNarrowest = 8;        // a column of text is not wrapped to less
-constexpr uint32_t kLongText = 65;   // text fields of more bytes make the last columns
-constexpr size_t kFewZeros = 16;     // at the end of an octet string; more are not written out
-constexpr int kUnlimited = 1 << 30;  // a width that nothing reaches
+constexpr int kGap = 2;                // blanks between columns
+constexpr int kNarrowest = 8;          // a column of text is not wrapped to less
+constexpr uint32_t kLongText = 65;     // text fields of more bytes make the last columns
+constexpr size_t kFewZeros = 16;       // at the end of an octet string; more are not written out
+constexpr int kUnlimited = 1 << 30;    // a width that nothing reaches
+constexpr int kBarWidths[] = {10, 6};  // of bars in tables, as there is room
+constexpr char kTitle[] = "1";         // SGR parameters (ECMA-48)
+
+const char *ColourOf(Mood mood) {
+  constexpr const char *kColours[] = {"", "2", "32", "33", "1;31"};
+  return kColours[static_cast<int>(mood)];
+}
+
+std::string Paint(std::string_view text, const char *colour, const Style &style) {
+  if (!style.colour || *colour == '\0' || text.empty()) {
+    return std::string(text);
+  }
+  return "\x1b[" + std::string(colour) + "m" + std::string(text) + "\x1b[0m";
+}
+
+std::string Bar(int percent, int width, const Style &style) {
+  const int full = (percent * width + 50) / 100;
+  std::string bar;
+  for (int i = 0; i < width; i++) {
+    const bool filled = i < full || (i == 0 && percent > 0);
+    bar += style.blocks ? (filled ? "\u2588" : "\u2591") : (filled ? "#" : ".");
+  }
+  return bar;
+}
 
 struct Character {
   char32_t code;
@@ -47,45 +72,6 @@ int CharacterWidth(char32_t code) {
 bool IsControl(char32_t code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x200E || code == 0x200F ||
          (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
-}
-
-// A date of 7 octets: year (big-endian), month, day, hour, minute, second. Nothing when it is none.
-std::optional<std::string> DateText(std::string_view octets) {
-  const auto octet = [&](size_t i) { return static_cast<unsigned char>(octets[i]); };
-  if (octets.size() != 7) {
-    return std::nullopt;
-  }
-  const std::string_view zeros("\0\0\0\0\0\0\0", 7);
-  if (octets == zeros) {
-    return "-";
-  }
-  if (octets.substr(0, 2) == "\xFF\xFF" && octets.substr(2) == zeros.substr(2)) {
-    return "never";
-  }
-  if (octet(2) < 1 || octet(2) > 12 || octet(3) < 1 || octet(3) > 31 || octet(4) > 23 ||
-      octet(5) > 59 || octet(6) > 60) {
-    return std::nullopt;
-  }
-  char text[32];
-  std::snprintf(text, sizeof(text), "%04d-%02d-%02d %02d:%02d:%02d", octet(0) << 8 | octet(1),
-                octet(2), octet(3), octet(4), octet(5), octet(6));
-  return text;
-}
-
-// The canonical form of a GUID, whose first three fields are little-endian.
-std::string GuidText(std::string_view octets) {
-  constexpr int kOrder[] = {3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15};
-  std::string text;
-  for (const int i : kOrder) {
-    if (i < 0) {
-      text += '-';
-    } else {
-      char digits[3];
-      std::snprintf(digits, sizeof(digits), "%02X", static_cast<unsigned char>(octets[i]));
-      text += digits;
-    }
-  }
-  return text;
 }
 
 // Hexadecimal digits, with a blank after every four octets so that long values can be wrapped. Many
@@ -118,12 +104,13 @@ std::string ShortUnits(std::string_view name) {
   return std::string(units);
 }
 
-void AppendPadded(std::string &line, std::string_view text, int width, bool right) {
+void AppendPadded(std::string &line, std::string_view text, int width, bool right,
+                  const char *colour = "", const Style &style = {}) {
   const int blanks = std::max(0, width - DisplayWidth(text));
   if (right) {
     line.append(blanks, ' ');
   }
-  line += text;
+  line += Paint(text, colour, style);
   if (!right) {
     line.append(blanks, ' ');
   }
@@ -135,18 +122,8 @@ void AppendLine(std::string &out, std::string line) {
   out += '\n';
 }
 
-// "host/cpu.12" is row 12 of host/cpu; nothing for an object that is no row.
-struct RowName {
-  std::string_view group;
-  std::string_view number;
-};
-std::optional<RowName> ParseRowName(std::string_view name) {
-  const size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos || dot + 1 == name.size() ||
-      name.find_first_not_of("0123456789", dot + 1) != std::string_view::npos) {
-    return std::nullopt;
-  }
-  return RowName{name.substr(0, dot), name.substr(dot + 1)};
+bool IsAdded(const FileVariable &variable) {
+  return variable.name == kObjectColumn || variable.name == kPublishedColumn;
 }
 
 // Slots that are defined.
@@ -172,26 +149,66 @@ struct Heading {
   std::string name;
   std::string units;  // "(MB)", or empty
 };
-std::vector<Heading> Headings(const FileObject &object, const std::vector<size_t> &slots) {
-  std::vector<std::string_view> names;
-  names.reserve(slots.size());
-  for (const size_t slot : slots) {
-    names.push_back(object.variables[slot].name);
-  }
-  const size_t prefix = CommonPrefix(names).size();
+std::vector<Heading> Headings(const FileObject &object, const std::vector<size_t> &slots,
+                              const Style &style) {
+  const std::vector<std::string_view> names = ShortNames(object);
   std::vector<Heading> headings;
-  for (const std::string_view name : names) {
-    const std::string units = ShortUnits(name);
-    headings.push_back(
-        {SafeText(name.substr(prefix)), units.empty() ? "" : "(" + SafeText(units) + ")"});
+  for (const size_t slot : slots) {
+    const std::string_view name = object.variables[slot].name;
+    const std::string units = style.words && ShowsUnits(name) ? "" : ShortUnits(name);
+    headings.push_back({SafeText(names[slot]), units.empty() ? "" : "(" + SafeText(units) + ")"});
   }
   return headings;
 }
 
+Shown ShownValue(const FileObject &object, const FileVariable &variable, const Style &style) {
+  return style.words ? ShowValue(object, variable)
+                     : Shown{ValueText(object, variable), Mood::kPlain, {}, {}};
+}
+
+std::string Plain(const std::vector<Span> &line) {
+  std::string text;
+  for (const Span &span : line) {
+    text += span.text;
+  }
+  return text;
+}
+
 // ---- Lists ------------------------------------------------------------------------------------
 
-void RenderList(std::string &out, std::string_view title, const FileObject &object, int width) {
-  AppendLine(out, SafeText(title));
+// The lines of a value in a list, each at most so wide.
+std::vector<std::string> ListLines(const Shown &shown, int width, const Style &style) {
+  std::vector<std::string> lines;
+  const auto add = [&](const std::string &text, const char *colour) {
+    for (const std::string &line : WrapText(text, width)) {
+      lines.push_back(Paint(line, colour, style));
+    }
+  };
+  for (const std::vector<Span> &line : shown.lines) {
+    const std::string plain = Plain(line);
+    if (line.size() == 1 || DisplayWidth(plain) > width) {
+      add(plain, line.size() == 1 ? ColourOf(line[0].mood) : "");
+      continue;
+    }
+    lines.emplace_back();
+    for (const Span &span : line) {
+      lines.back() += Paint(span.text, ColourOf(span.mood), style);
+    }
+  }
+  if (shown.lines.empty()) {
+    std::string text = shown.text;
+    const bool has_room = DisplayWidth(text) + 1 + kBarWidths[0] <= width;
+    if (style.bars && shown.percent && has_room) {
+      text += " " + Bar(*shown.percent, kBarWidths[0], style);
+    }
+    add(text, ColourOf(shown.mood));
+  }
+  return lines;
+}
+
+void RenderList(std::string &out, std::string_view title, const FileObject &object, int width,
+                const Style &style) {
+  AppendLine(out, Paint(SafeText(title), kTitle, style));
   const std::vector<size_t> slots = DefinedSlots(object);
   if (slots.empty()) {
     AppendLine(out, "  (no variables; " + std::to_string(object.data.size()) + " bytes of data)");
@@ -199,14 +216,15 @@ void RenderList(std::string &out, std::string_view title, const FileObject &obje
   }
   std::vector<std::string> names;
   int name_width = 0;
-  for (const Heading &heading : Headings(object, slots)) {
+  for (const Heading &heading : Headings(object, slots, style)) {
     names.push_back(heading.units.empty() ? heading.name : heading.name + " " + heading.units);
     name_width = std::max(name_width, DisplayWidth(names.back()));
   }
   const int used = kGap + name_width + kGap;
   const int value_width = width > 0 ? std::max(kNarrowest, width - used) : kUnlimited;
   for (size_t i = 0; i < slots.size(); i++) {
-    const auto lines = WrapText(ValueText(object, object.variables[slots[i]]), value_width);
+    const auto lines =
+        ListLines(ShownValue(object, object.variables[slots[i]], style), value_width, style);
     for (size_t n = 0; n < lines.size(); n++) {
       std::string line(kGap, ' ');
       AppendPadded(line, n == 0 ? names[i] : "", name_width + kGap, false);
@@ -220,6 +238,7 @@ void RenderList(std::string &out, std::string_view title, const FileObject &obje
 struct Column {
   std::vector<std::string> heading;  // lines, the last one next to the values
   std::vector<std::string> cells;    // one a row
+  std::vector<Mood> moods;           // of the cells; empty when they have none
   bool right = false;                // numbers are aligned right
   bool text = false;                 // may be wrapped
   int width = 0;
@@ -257,10 +276,67 @@ int Widest(const std::vector<std::string> &texts) {
   return width;
 }
 
-std::vector<Column> MakeColumns(const std::vector<const NamedObject *> &rows, bool one_line) {
+// The least width of a column of values of which some are words: those may be wrapped at blanks.
+int NarrowestOfWords(const std::vector<Shown> &values) {
+  int narrowest = 0;
+  for (const Shown &value : values) {
+    const bool words = value.text.find_first_of("0123456789") == std::string::npos;
+    for (std::string_view rest = value.text; !rest.empty();) {
+      const size_t end = words ? std::min(rest.find(' '), rest.size()) : rest.size();
+      narrowest = std::max(narrowest, DisplayWidth(rest.substr(0, end)));
+      rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+  }
+  return narrowest;
+}
+
+// bar_width: of the bars behind percentages; 0 for none.
+Column MakeColumn(const std::vector<const NamedObject *> &rows, size_t slot, const Heading &heading,
+                  bool one_line, int bar_width, const Style &style) {
+  const FileVariable &variable = rows[0]->object.variables[slot];
+  Column column;
+  std::vector<Shown> values;
+  bool labels = false;
+  for (const NamedObject *row : rows) {
+    values.push_back(ShownValue(row->object, row->object.variables[slot], style));
+    Shown &shown = values.back();
+    for (const std::vector<Span> &line : shown.lines) {
+      shown.text += (shown.text.empty() ? "" : "; ") + Plain(line);
+    }
+    labels = labels || (shown.mood != Mood::kFaint && !shown.text.empty() &&
+                        shown.text.find_first_of("0123456789?") == std::string::npos);
+    if (shown.percent && bar_width > 0) {
+      shown.text += " " + Bar(*shown.percent, bar_width, style);
+    }
+    column.cells.push_back(shown.text);
+    column.moods.push_back(shown.mood);
+  }
+  column.text = variable.type != VAR_INTEGER;
+  column.right = !column.text && !labels;
+  column.width = Widest(column.cells);
+  column.heading = HeadingLines(heading, column.width, one_line);
+  column.width = std::max(column.width, Widest(column.heading));
+  if (column.text) {
+    column.narrowest = std::max(kNarrowest, Widest(column.heading));
+  } else if (style.words) {
+    // A heading beside words that can be wrapped takes as many lines as its own words allow.
+    const int narrowest = NarrowestOfWords(values);
+    if (narrowest < Widest(column.cells) && !one_line) {
+      column.heading = HeadingLines(heading, narrowest, false);
+    }
+    column.narrowest = std::max(narrowest, Widest(column.heading));
+  } else {
+    column.narrowest = column.width;
+  }
+  column.narrowest = std::min(column.narrowest, column.width);
+  return column;
+}
+
+std::vector<Column> MakeColumns(const std::vector<const NamedObject *> &rows, bool one_line,
+                                int bar_width, const Style &style) {
   const FileObject &first = rows[0]->object;
   const std::vector<size_t> slots = DefinedSlots(first);
-  const std::vector<Heading> headings = Headings(first, slots);
+  const std::vector<Heading> headings = Headings(first, slots, style);
   std::vector<Column> columns(1);
   columns[0].heading = {"#"};
   columns[0].right = true;
@@ -268,20 +344,12 @@ std::vector<Column> MakeColumns(const std::vector<const NamedObject *> &rows, bo
     columns[0].cells.emplace_back(ParseRowName(row->name)->number);
   }
   columns[0].width = Widest(columns[0].cells);
+  columns[0].narrowest = columns[0].width;
   std::vector<Column> last;
   for (size_t i = 0; i < slots.size(); i++) {
-    const FileVariable &variable = first.variables[slots[i]];
-    Column column;
-    column.right = variable.type == VAR_INTEGER;
-    column.text = !column.right;
-    for (const NamedObject *row : rows) {
-      column.cells.push_back(ValueText(row->object, row->object.variables[slots[i]]));
-    }
-    column.width = Widest(column.cells);
-    column.heading = HeadingLines(headings[i], column.width, one_line);
-    column.width = std::max(column.width, Widest(column.heading));
-    const bool is_long = column.text && variable.size >= kLongText;
-    (is_long ? last : columns).push_back(std::move(column));
+    Column column = MakeColumn(rows, slots[i], headings[i], one_line, bar_width, style);
+    const bool is_long = column.text && first.variables[slots[i]].size >= kLongText;
+    (is_long && !style.keep_order ? last : columns).push_back(std::move(column));
   }
   std::move(last.begin(), last.end(), std::back_inserter(columns));
   return columns;
@@ -295,10 +363,7 @@ int TableWidth(const std::vector<Column> &columns) {
 // Narrows the widest columns of text until the table fits. False when it cannot.
 bool FitColumns(std::vector<Column> &columns, int width) {
   int needed = 0;
-  for (Column &column : columns) {
-    column.narrowest = column.text
-                           ? std::min(column.width, std::max(kNarrowest, Widest(column.heading)))
-                           : column.width;
+  for (const Column &column : columns) {
     needed += kGap + column.narrowest;
   }
   if (needed > width) {
@@ -351,43 +416,72 @@ void AppendHeadings(std::string &out, const std::vector<Column> &columns) {
   }
 }
 
-void AppendRow(std::string &out, const std::vector<Column> &columns, size_t row) {
+void AppendRow(std::string &out, const std::vector<Column> &columns, size_t row,
+               const Style &style) {
   std::vector<std::vector<std::string>> cells;
   size_t height = 1;
   for (const Column &column : columns) {
-    cells.push_back(WrapText(column.cells[row], column.text ? column.width : kUnlimited));
+    const bool fits = !column.text && DisplayWidth(column.cells[row]) <= column.width;
+    cells.push_back(WrapText(column.cells[row], fits ? kUnlimited : column.width));
     height = std::max(height, cells.back().size());
   }
   for (size_t n = 0; n < height; n++) {
     std::string line;
     for (size_t i = 0; i < columns.size(); i++) {
+      const Mood mood = columns[i].moods.empty() ? Mood::kPlain : columns[i].moods[row];
       line.append(kGap, ' ');
-      AppendPadded(line, n < cells[i].size() ? cells[i][n] : "", columns[i].width,
-                   columns[i].right);
+      AppendPadded(line, n < cells[i].size() ? cells[i][n] : "", columns[i].width, columns[i].right,
+                   ColourOf(mood), style);
     }
     AppendLine(out, line);
   }
 }
 
+// The columns with the widest bars for which there is room; nothing when they do not fit at all.
+std::optional<std::vector<Column>> FittedColumns(const std::vector<const NamedObject *> &rows,
+                                                 int width, const Style &style) {
+  std::vector<int> bar_widths;
+  if (style.bars) {
+    bar_widths.assign(std::begin(kBarWidths), std::end(kBarWidths));
+  }
+  bar_widths.push_back(0);
+  for (const int bar_width : bar_widths) {
+    std::vector<Column> columns = MakeColumns(rows, width == 0, bar_width, style);
+    if (columns.size() > 1 && (width == 0 || FitColumns(columns, width))) {
+      return columns;
+    }
+  }
+  return std::nullopt;
+}
+
 void RenderRows(std::string &out, std::string_view group,
-                const std::vector<const NamedObject *> &rows, int width) {
-  std::vector<Column> columns = MakeColumns(rows, width == 0);
-  if (columns.size() == 1 || (width > 0 && !FitColumns(columns, width))) {
+                const std::vector<const NamedObject *> &rows, int width, const Style &style) {
+  const auto columns = FittedColumns(rows, width, style);
+  if (!columns) {
     for (size_t i = 0; i < rows.size(); i++) {
       out += i > 0 ? "\n" : "";
-      RenderList(out, rows[i]->name, rows[i]->object, width);
+      RenderList(out, rows[i]->name, rows[i]->object, width, style);
     }
     return;
   }
-  AppendLine(out, SafeText(group) + " (" + std::to_string(rows.size()) +
+  AppendLine(out, Paint(SafeText(group), kTitle, style) + " (" + std::to_string(rows.size()) +
                       (rows.size() == 1 ? " row)" : " rows)"));
-  AppendHeadings(out, columns);
+  AppendHeadings(out, *columns);
   for (size_t row = 0; row < rows.size(); row++) {
-    AppendRow(out, columns, row);
+    AppendRow(out, *columns, row, style);
   }
 }
 
 }  // namespace
+
+std::optional<RowName> ParseRowName(std::string_view name) {
+  const size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot + 1 == name.size() ||
+      name.find_first_not_of("0123456789", dot + 1) != std::string_view::npos) {
+    return std::nullopt;
+  }
+  return RowName{name.substr(0, dot), name.substr(dot + 1)};
+}
 
 std::string SafeText(std::string_view bytes) {
   const std::string utf8 = Utf8(bytes);
@@ -463,6 +557,44 @@ std::vector<std::string_view> HeadingWords(std::string_view name) {
   return words;
 }
 
+std::optional<std::string> DateText(std::string_view octets) {
+  // Year (big-endian), month, day, hour, minute, second.
+  const auto octet = [&](size_t i) { return static_cast<unsigned char>(octets[i]); };
+  if (octets.size() != 7) {
+    return std::nullopt;
+  }
+  const std::string_view zeros("\0\0\0\0\0\0\0", 7);
+  if (octets == zeros) {
+    return "-";
+  }
+  if (octets.substr(0, 2) == "\xFF\xFF" && octets.substr(2) == zeros.substr(2)) {
+    return "never";
+  }
+  if (octet(2) < 1 || octet(2) > 12 || octet(3) < 1 || octet(3) > 31 || octet(4) > 23 ||
+      octet(5) > 59 || octet(6) > 60) {
+    return std::nullopt;
+  }
+  char text[32];
+  std::snprintf(text, sizeof(text), "%04d-%02d-%02d %02d:%02d:%02d", octet(0) << 8 | octet(1),
+                octet(2), octet(3), octet(4), octet(5), octet(6));
+  return text;
+}
+
+std::string GuidText(std::string_view octets) {
+  constexpr int kOrder[] = {3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15};
+  std::string text;
+  for (const int i : kOrder) {
+    if (i < 0) {
+      text += '-';
+    } else {
+      char digits[3];
+      std::snprintf(digits, sizeof(digits), "%02X", static_cast<unsigned char>(octets[i]));
+      text += digits;
+    }
+  }
+  return text;
+}
+
 std::string ValueText(const FileObject &object, const FileVariable &variable) {
   if (variable.type == VAR_INTEGER) {
     const auto value = IntegerOf(object, variable);
@@ -478,7 +610,7 @@ std::string ValueText(const FileObject &object, const FileVariable &variable) {
   if (const auto date = DateText(*bytes)) {
     return *date;
   }
-  return bytes->size() == 16 ? GuidText(*bytes) : OctetText(*bytes);
+  return bytes->size() == kGuidSize ? GuidText(*bytes) : OctetText(*bytes);
 }
 
 int DisplayWidth(std::string_view text) {
@@ -518,7 +650,23 @@ std::vector<std::string> WrapText(std::string_view text, int width) {
   }
 }
 
-std::string RenderTables(const std::vector<NamedObject> &objects, int width) {
+std::vector<std::string_view> ShortNames(const FileObject &object) {
+  std::vector<std::string_view> own;
+  for (const FileVariable &variable : object.variables) {
+    if (variable.type != 0 && !IsAdded(variable)) {
+      own.push_back(variable.name);
+    }
+  }
+  const size_t prefix = CommonPrefix(own).size();
+  std::vector<std::string_view> names;
+  for (const FileVariable &variable : object.variables) {
+    const std::string_view name = variable.name;
+    names.push_back(variable.type == 0 || IsAdded(variable) ? name : name.substr(prefix));
+  }
+  return names;
+}
+
+std::string RenderTables(const std::vector<NamedObject> &objects, int width, const Style &style) {
   std::string out;
   for (size_t i = 0; i < objects.size();) {
     if (i > 0) {
@@ -526,7 +674,7 @@ std::string RenderTables(const std::vector<NamedObject> &objects, int width) {
     }
     const auto row = ParseRowName(objects[i].name);
     if (!row) {
-      RenderList(out, objects[i].name, objects[i].object, width);
+      RenderList(out, objects[i].name, objects[i].object, width, style);
       i++;
       continue;
     }
@@ -539,7 +687,7 @@ std::string RenderTables(const std::vector<NamedObject> &objects, int width) {
       }
       rows.push_back(&objects[i]);
     }
-    RenderRows(out, row->group, rows, width);
+    RenderRows(out, row->group, rows, width, style);
   }
   return out;
 }

@@ -2,6 +2,7 @@
 #ifndef VEX_TOOLS_VEXREG_TABLES_H
 #define VEX_TOOLS_VEXREG_TABLES_H
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,11 +16,35 @@ struct NamedObject {
   FileObject object;
 };
 
+// How tables look.
+struct Style {
+  bool words = false;       // values in words and units; else the numbers as they are
+  bool colour = false;      // escape sequences of a terminal
+  bool bars = false;        // behind percentages, where there is room
+  bool blocks = false;      // bars of U+2588 and U+2591; else of ASCII
+  bool keep_order = false;  // of the variables; else columns of long text come last
+};
+
+// "host/cpu.12" is row 12 of host/cpu; nothing for an object that is no row.
+struct RowName {
+  std::string_view group;
+  std::string_view number;
+};
+std::optional<RowName> ParseRowName(std::string_view name);
+
 // One table for each group of rows ("host/cpu" of host/cpu.0, host/cpu.1, ...) and one list of
 // names and values for each other object, in the order of the objects. With a width, columns of
 // text are wrapped so that no line is longer, and rows that cannot be fitted become lists; with
 // width 0 every row is one line.
-std::string RenderTables(const std::vector<NamedObject> &objects, int width);
+std::string RenderTables(const std::vector<NamedObject> &objects, int width,
+                         const Style &style = {});
+
+// A column that does not stand in the objects but was added for the reader.
+inline constexpr char kObjectColumn[] = "Object";
+inline constexpr char kPublishedColumn[] = "Published";
+
+// The names without the beginning that they have in common, as headings have them.
+std::vector<std::string_view> ShortNames(const FileObject &object);
 
 // Bytes from an object file as UTF-8 that a terminal shows and does not act on: control characters,
 // C1 ones too, and those that reorder text are written out as \x1b or \u202e.
@@ -38,6 +63,12 @@ std::vector<std::string_view> HeadingWords(std::string_view name);
 // GUID of 16 octets in its canonical form, other octets in hexadecimal, text without control
 // characters.
 std::string ValueText(const FileObject &object, const FileVariable &variable);
+
+// A date of 7 octets as ValueText() has it; nothing when it is none.
+std::optional<std::string> DateText(std::string_view octets);
+// The canonical form of a GUID of 16 octets, whose first three fields are little-endian.
+inline constexpr size_t kGuidSize = 16;
+std::string GuidText(std::string_view octets);
 
 // The columns that the text takes on a terminal.
 int DisplayWidth(std::string_view text);

@@ -1,5 +1,7 @@
 #include "tools/vexreg/values.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -105,6 +107,16 @@ std::string Hex(std::string_view bytes) {
   return text;
 }
 
+std::string TimeText(int64_t seconds) {
+  const time_t time = seconds;
+  tm local = {};
+  char text[32];
+  return localtime_r(&time, &local) != nullptr &&
+                 strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local) > 0
+             ? text
+             : std::to_string(seconds);
+}
+
 nlohmann::ordered_json ValueJson(const FileObject &object, const FileVariable &variable) {
   if (variable.type == VAR_INTEGER) {
     const auto value = IntegerOf(object, variable);
@@ -117,7 +129,9 @@ nlohmann::ordered_json ValueJson(const FileObject &object, const FileVariable &v
   return variable.type == VAR_DISPLAY_STRING ? Utf8(*bytes) : Hex(*bytes);
 }
 
-nlohmann::ordered_json ObjectJson(const FileObject &object) {
+nlohmann::ordered_json ObjectJson(const FileObject &object,
+                                  nlohmann::ordered_json (*value)(const FileObject &,
+                                                                  const FileVariable &)) {
   nlohmann::ordered_json json = nlohmann::ordered_json::object();
   // The members are appended: looking each name up in an ordered_json would be quadratic.
   auto &members = json.get_ref<nlohmann::ordered_json::object_t &>();
@@ -131,7 +145,7 @@ nlohmann::ordered_json ObjectJson(const FileObject &object) {
     while (!names.insert(name).second) {
       name += "#" + std::to_string(slot);
     }
-    members.push_back({name, ValueJson(object, variable)});
+    members.push_back({name, value(object, variable)});
   }
   return json;
 }

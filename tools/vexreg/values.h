@@ -27,12 +27,17 @@ std::optional<std::string_view> BytesOf(const FileObject &object, const FileVari
 // Two lower-case hexadecimal digits a byte.
 std::string Hex(std::string_view bytes);
 
+// "2024-03-05 14:07:09" of seconds since 1970, in local time.
+std::string TimeText(int64_t seconds);
+
 // A variable's value: number, text, or hexadecimal text; null when it has none.
 nlohmann::ordered_json ValueJson(const FileObject &object, const FileVariable &variable);
 
 // The variables in slot order, name and value; undefined slots are left out. A name that the object
 // uses again gets "#" and the slot added.
-nlohmann::ordered_json ObjectJson(const FileObject &object);
+nlohmann::ordered_json ObjectJson(
+    const FileObject &object,
+    nlohmann::ordered_json (*value)(const FileObject &, const FileVariable &) = ValueJson);
 
 }  // namespace vex
 

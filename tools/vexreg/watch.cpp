@@ -8,15 +8,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "framework/process/clock.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_path.h"
+#include "tools/vexreg/absence.h"
 #include "tools/vexreg/changes.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/values.h"
+#include "tools/vexreg/words.h"
 
 namespace vex {
 namespace {
@@ -41,12 +46,14 @@ double Now() {
   return static_cast<double>(ClockNs()) / kNsPerSecond;
 }
 
-std::string TimeOfDay() {
+// With the offset from UTC, for programs.
+std::string JsonTime() {
   const time_t now = time(nullptr);
   tm local = {};
-  localtime_r(&now, &local);
-  char text[32];
-  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+  char text[32] = "";
+  if (localtime_r(&now, &local) != nullptr) {
+    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S%z", &local);
+  }
   return text;
 }
 
@@ -163,39 +170,24 @@ class Screen {
   }
 };
 
-// The objects there are now. Objects that are missing are no error here: they come and go.
-std::vector<NamedObject> Look(const std::string &root, const std::vector<std::string> &names) {
-  std::vector<NamedObject> objects;
-  for (const std::string &name : names.empty() ? ListObjects(root) : names) {
-    if (auto object = ReadObjectFile(name, root)) {
-      objects.push_back({name, std::move(*object)});
-    }
-  }
-  return objects;
-}
-
-std::string Missing(const std::vector<std::string> &names,
-                    const std::vector<NamedObject> &objects) {
+std::string Missing(const Found &found, const std::string &root) {
   std::string text;
-  for (const std::string &name : names) {
-    if (std::none_of(objects.begin(), objects.end(),
-                     [&](const NamedObject &object) { return object.name == name; })) {
-      text += "\n" + name + " (removed)\n";
+  for (const auto *names : {&found.missing, &found.unreadable}) {
+    for (const std::string &name : *names) {
+      text += "\n" + SafeText(ResolveObjectName(name, root).value_or(name)) + " (removed)\n";
     }
   }
   return text;
 }
 
-void PrintChanges(const std::vector<NamedObject> &before, const std::vector<NamedObject> &after) {
+// Calls add(name, before, after) for each object that there was or is; either state may be null.
+void Compare(
+    const std::vector<NamedObject> &before, const std::vector<NamedObject> &after,
+    const std::function<void(const std::string &, const FileObject *, const FileObject *)> &add) {
   std::map<std::string_view, const FileObject *> old;
   for (const NamedObject &object : before) {
     old[object.name] = &object.object;
   }
-  std::vector<std::string> lines;
-  const auto add = [&](const std::string &name, const FileObject *from, const FileObject *to) {
-    const auto more = ChangeLines(name, from, to);
-    lines.insert(lines.end(), more.begin(), more.end());
-  };
   for (const NamedObject &object : after) {
     const auto found = old.find(object.name);
     add(object.name, found != old.end() ? found->second : nullptr, &object.object);
@@ -208,18 +200,34 @@ void PrintChanges(const std::vector<NamedObject> &before, const std::vector<Name
       add(object.name, &object.object, nullptr);
     }
   }
-  const std::string now = TimeOfDay();
-  for (const std::string &line : lines) {
-    std::cout << now << ' ' << line << '\n';
-  }
+}
+
+void PrintChanges(const std::vector<NamedObject> &before, const std::vector<NamedObject> &after,
+                  const View &view) {
+  const std::string now = view.json ? JsonTime() : TimeText(time(nullptr));
+  Compare(
+      before, after, [&](const std::string &name, const FileObject *from, const FileObject *to) {
+        if (!view.json) {
+          for (const std::string &line : ChangeLines(name, from, to)) {
+            std::cout << now << ' ' << line << '\n';
+          }
+          return;
+        }
+        for (const auto &change : ChangeObjects(name, from, to, view.raw ? ValueJson : WordJson)) {
+          nlohmann::ordered_json line = {{"time", now}};
+          line.update(change);
+          std::cout << OneLine(line) << '\n';
+        }
+      });
   std::cout.flush();
 }
 
-std::set<std::string> Directories(const std::vector<std::string> &names,
+std::set<std::string> Directories(const Selection &selection,
                                   const std::vector<NamedObject> &objects) {
   std::set<std::string> directories;
-  for (const std::string &name : names) {
-    directories.insert(SplitPath(name).first);
+  for (const std::string &given : selection.names) {
+    const auto name = ResolveObjectName(given, selection.root);
+    directories.insert(name ? SplitPath(*name).first : "");
   }
   for (const NamedObject &object : objects) {
     directories.insert(SplitPath(object.name).first);
@@ -247,36 +255,37 @@ void WaitForChange(DirectoryWatch &watch, const Signals &signals, double began) 
 
 }  // namespace
 
-int Watch(const Selection &selection, std::optional<int> width) {
+int Watch(const Selection &selection, const View &view) {
   int status = kDone;
   std::vector<NamedObject> objects = ReadObjects(selection, &status);
   if (status != kDone) {
     return status;
   }
-  std::vector<std::string> names;
-  names.reserve(objects.size());
-  for (const NamedObject &object : objects) {
-    names.push_back(object.name);
-  }
-  const std::vector<std::string> wanted =
-      selection.names.empty() ? std::vector<std::string>() : names;
   const Signals signals;
   DirectoryWatch watch;
   std::optional<Screen> screen;
-  if (isatty(STDOUT_FILENO)) {
+  if (isatty(STDOUT_FILENO) && !view.json) {
     screen.emplace();
+  } else if (objects.empty()) {
+    Complain(WhyNothing(selection.root) + " (waiting)");
   }
+  const Style style = ChooseStyle(view.raw, view.colour);
   std::vector<NamedObject> shown;
   while (!ended && std::cout) {
     const double began = Now();
-    watch.Follow(selection.root, Directories(wanted, objects));
-    objects = Look(selection.root, wanted);
+    watch.Follow(selection.root, Directories(selection, objects));
+    // Objects that are missing are no error here: they come and go.
+    Found found = FindObjects(selection);
+    objects = std::move(found.objects);
     if (screen) {
-      screen->Paint("vexreg watch, " + TimeOfDay() + ", Ctrl-C ends it\n\n" +
-                    RenderTables(objects, width.value_or(TerminalWidth())) +
-                    Missing(wanted, objects));
+      std::string text = RenderTables(objects, view.width.value_or(TerminalWidth()), style) +
+                         Missing(found, selection.root);
+      if (text.empty()) {
+        text = SafeText(WhyNothing(selection.root)) + "\n";
+      }
+      screen->Paint("vexreg watch, " + TimeText(time(nullptr)) + ", Ctrl-C ends it\n\n" + text);
     } else {
-      PrintChanges(shown, objects);
+      PrintChanges(shown, objects, view);
       shown = objects;
     }
     WaitForChange(watch, signals, began);

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "tests/unit/tools/made_object.h"
+#include "tools/vexreg/values.h"
 
 using namespace vex;
 using Lines = std::vector<std::string>;
@@ -43,6 +46,28 @@ TEST(Changes, OfAnObjectWithoutVariables) {
   EXPECT_EQ(ChangeLines("h/x", &before, &after), Lines{});
   after.data = {1, 3};
   EXPECT_EQ(ChangeLines("h/x", &before, &after), Lines{"h/x (2 bytes of data)"});
+}
+
+Lines JsonOf(const FileObject *before, const FileObject *after) {
+  Lines lines;
+  for (const auto &change : ChangeObjects("h/x", before, after, ValueJson)) {
+    lines.push_back(change.dump());
+  }
+  return lines;
+}
+
+TEST(Changes, ForPrograms) {
+  const auto before = MadeObject({Int("a", 1), Text("c", 5, "x")});
+  const auto after = MadeObject({Int("a", 2), Text("c", 5, "x")});
+  EXPECT_EQ(JsonOf(nullptr, &before),
+            (Lines{R"({"object":"h/x","variable":"a","old":null,"new":1})",
+                   R"({"object":"h/x","variable":"c","old":null,"new":"x"})"}));
+  EXPECT_EQ(JsonOf(&before, &after), Lines{R"({"object":"h/x","variable":"a","old":1,"new":2})"});
+  EXPECT_EQ(JsonOf(&before, nullptr), Lines{R"({"object":"h/x","removed":true})"});
+  EXPECT_EQ(JsonOf(&before, &before), Lines{});
+  auto data = MadeObject({});
+  data.data = {1, 2};
+  EXPECT_EQ(JsonOf(nullptr, &data), Lines{R"({"object":"h/x","bytes":2})"});
 }
 
 TEST(Changes, AreOneLineOfAsciiEach) {

@@ -97,9 +97,39 @@ TEST_F(Command, DumpsTheNamedOnes) {
 
 TEST_F(Command, DumpsNothingWhereNothingIs) {
   EXPECT_EQ(Output({"dump"}), "{}\n");
-  EXPECT_EQ(Output({"show"}), "");
   std::filesystem::remove_all(registry_.base());
   EXPECT_EQ(Output({"dump"}), "{}\n");
+}
+
+TEST_F(Command, SaysWhyThereIsNothingToShow) {
+  const auto expect = [&](const char *why) {
+    for (const Words &words : {Words{"show"}, Words{"show", "--json"}, Words{"export"}}) {
+      const Outcome outcome = Run(words);
+      EXPECT_EQ(outcome.status, 1);
+      EXPECT_TRUE(outcome.err.starts_with(why)) << outcome.err;
+    }
+  };
+  expect("vexreg: nothing is published in ");
+  EXPECT_EQ(Run({"show"}).out, "");
+  EXPECT_EQ(Run({"show", "--json"}).out, "{}\n");
+  EXPECT_EQ(Run({"export"}).out, "# EOF\n");
+  std::filesystem::remove_all(registry_.base());
+  expect("vexreg: nothing is published: there is no registry ");
+}
+
+TEST_F(Command, TakesNamesAsPeopleSayThem) {
+  for (const char *name : {"host/cpu.0", "host/cpu.1", "host/memory"}) {
+    Output({"put", name, "int:1"});
+  }
+  for (const char *name : {"cpu", "host/cpu", "host/cpu.*", "cpu.?"}) {
+    EXPECT_EQ(Dump({name}).dump(), R"({"host/cpu.0":{"var0":1},"host/cpu.1":{"var0":1}})");
+  }
+  EXPECT_EQ(Dump({"var0"}).size(), 3U);
+  const Outcome outcome = Run({"show", "memroy", "cpu.1"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "vexreg: memroy: no such object; did you mean host/memory?\n");
+  EXPECT_EQ(outcome.out, Output({"show", "host/cpu.1"}));
+  EXPECT_EQ(Run({"dump", "host"}).err, "vexreg: host: no such object; did you mean 'host/*'?\n");
 }
 
 TEST_F(Command, LeavesOutUndefinedSlotsAndOtherFiles) {
@@ -264,6 +294,129 @@ TEST_F(Command, ShowsTables) {
             "  var0  2024-03-05 14:07:09\n");
 }
 
+// An object as the Host Agent publishes it.
+FileObject Memory(int free) {
+  return MadeObject({Int("tlxHoPhysicalMemorySize", 2048), Int("tlxHoPhysicalMemoryFree", free),
+                     Int("tlxHoPagingMemorySize", -1)});
+}
+FileObject Cpu(int minute) {
+  return MadeObject({Int("tlxHoCpuUtilUnitIndex", 0), Int("tlxHoCpuUtilMin", minute)});
+}
+
+TEST_F(Command, ShowsWordsAndNumbers) {
+  Publish("host/memory", Memory(512));
+  EXPECT_EQ(Output({"show", "memory"}),
+            "host/memory\n"
+            "  PhysicalMemorySize  2.0 GiB\n"
+            "  PhysicalMemoryFree  512 MiB\n"
+            "  PagingMemorySize    not known\n");
+  EXPECT_EQ(Output({"show", "memory", "--raw"}),
+            "host/memory\n"
+            "  PhysicalMemorySize (MB)  2048\n"
+            "  PhysicalMemoryFree (MB)  512\n"
+            "  PagingMemorySize (MB)    -1\n");
+  EXPECT_EQ(nlohmann::ordered_json::parse(Output({"show", "--json"})).dump(),
+            R"({"host/memory":{"tlxHoPhysicalMemorySize":2048,"tlxHoPhysicalMemoryFree":512,)"
+            R"("tlxHoPagingMemorySize":null}})");
+  EXPECT_EQ(Output({"show", "--json", "--raw"}), Output({"dump"}));
+  EXPECT_EQ(Output({"dump", "--json", "--raw"}), Output({"dump"}));
+}
+
+TEST_F(Command, SortsAndChooses) {
+  for (const int row : {0, 1, 2}) {
+    Publish("host/cpu." + std::to_string(row), Cpu(row == 1 ? 100 : row));
+  }
+  EXPECT_EQ(Output({"show", "cpu", "--sort", "-Min", "--columns", "Min"}),
+            "host/cpu (3 rows)\n"
+            "  #  tlxHoCpuUtilMin\n"
+            "  1            100 %\n"
+            "  2              2 %\n"
+            "  0              0 %\n");
+  EXPECT_TRUE(Output({"show", "cpu", "--columns", "+Object"})
+                  .starts_with("host/cpu (3 rows)\n  #  UnitIndex    Min  Object\n"));
+  const Outcome outcome = Run({"show", "cpu", "--sort", "Hour"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err,
+            "vexreg: Hour: no such column; there are UnitIndex Min Object Published\n");
+}
+
+TEST_F(Command, ExportsWholeFilesOrNone) {
+  Publish("host/memory", Memory(512));
+  const std::string text = Output({"export"});
+  EXPECT_NE(text.find("\nvexhost_memory_free_bytes 536870912\n"), std::string::npos) << text;
+  const std::string folder = registry_.base() + "/metrics";
+  std::filesystem::create_directory(folder);
+  for (int round = 0; round < 2; round++) {
+    EXPECT_EQ(Output({"export", "--output", folder + "/host.prom"}), "");
+    EXPECT_EQ(made_up::ReadFile(folder + "/host.prom"), text);
+  }
+  EXPECT_EQ(made_up::ListDirectory(folder), Words{"host.prom"});
+  struct stat status = {};
+  ASSERT_EQ(stat((folder + "/host.prom").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0644U);
+  // No room: the file stays as it was, and nothing beside it.
+  Publish("host/memory", Memory(256));
+  const Outcome full = made_up::RunCommand(
+      {"sh", "-c", "ulimit -f 0; trap '' XFSZ; exec \"$0\" --root \"$1\" export --output \"$2\"",
+       VEXREG_PATH, registry_.root(), folder + "/host.prom"});
+  EXPECT_EQ(full.status, 1);
+  EXPECT_NE(full.err.find("cannot be written"), std::string::npos) << full.err;
+  EXPECT_EQ(made_up::ReadFile(folder + "/host.prom"), text);
+  EXPECT_EQ(made_up::ListDirectory(folder), Words{"host.prom"});
+  ExpectStatus(1, {"export", "--output", folder + "/none/host.prom"});
+  ExpectStatus(1, {"export", "--output", folder});
+}
+
+// Each shell's script has all commands and options; bash runs its own here.
+TEST_F(Command, CompletesCommandsOptionsAndNames) {
+  Output({"put", "host/cpu.0", "int:1"});
+  Output({"put", "host/$(touch x)", "int:1"});
+  const std::string script = registry_.base() + "/vexreg.bash";
+  const std::string bash = Output({"completion", "bash"});
+  WriteBytes(script, {bash.begin(), bash.end()});
+  const auto complete = [&](const std::string &words) {
+    const Outcome outcome = made_up::RunCommand(
+        {"bash", "-c",
+         ". \"$0\"; COMP_WORDS=(\"$1\" --root \"$2\" " + words +
+             "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _vexreg; echo \"${COMPREPLY[*]}\"",
+         script, VEXREG_PATH, registry_.root()});
+    EXPECT_EQ(outcome.err, "");
+    return outcome.out;
+  };
+  EXPECT_EQ(complete("s"), "show\n");
+  EXPECT_EQ(complete("''"), "dump show watch put rm doctor export\n");
+  EXPECT_EQ(complete("show --c"), "--color --columns\n");
+  EXPECT_EQ(complete("show --color ''"), "auto always never\n");
+  EXPECT_EQ(complete("show host/"), "host/cpu host/cpu.0\n");
+  EXPECT_EQ(complete("show tlxHoCpuUtilM"), "tlxHoCpuUtilMin\n");
+  EXPECT_EQ(complete("doctor host/"), "\n");
+  for (const char *shell : {"bash", "zsh", "fish"}) {
+    const std::string text = Output({"completion", shell});
+    for (const char *word : {"dump", "watch", "export", "sort", "columns", "output", "limit"}) {
+      EXPECT_NE(text.find(word), std::string::npos) << shell << " " << word;
+    }
+  }
+  ExpectStatus(2, {"completion", "csh"});
+}
+
+TEST_F(Command, HelpFitsAScreen) {
+  for (const Words &words : {Words{}, Words{"dump"}, Words{"show"}, Words{"watch"}, Words{"put"},
+                             Words{"rm"}, Words{"doctor"}, Words{"export"}}) {
+    Words all = words;
+    all.push_back("--help");
+    const std::vector<std::string> lines = made_up::Lines(Output(all));
+    EXPECT_LE(lines.size(), 25U) << testing::PrintToString(words);
+    for (const std::string &line : lines) {
+      EXPECT_LE(line.size(), 80U) << line;
+    }
+    if (!words.empty()) {
+      EXPECT_NE(Output(all).find("vexreg " + words[0], Output(all).find("Example")),
+                std::string::npos)
+          << testing::PrintToString(words);
+    }
+  }
+}
+
 // Files that a hostile neighbour could write: the command says so and goes on.
 TEST_F(Command, IsNotCrashedByDamagedFiles) {
   Output({"put", "good", "int:1"});
@@ -383,10 +536,62 @@ TEST_F(Command, WatchFollowsOnlyTheNamedOnes) {
   EXPECT_EQ(watch.Wait(), 0);
 }
 
-// vexreg on a terminal of 80 columns and 10 lines.
+TEST_F(Command, WatchPrintsJsonLinesWhenAsked) {
+  Publish("host/memory", Memory(512));
+  made_up::Process watch;
+  made_up::ProcessOptions options;
+  options.log = registry_.base() + "/log";
+  watch.Start({VEXREG_PATH, "--root", registry_.root(), "watch", "--json", "memory"}, options);
+  const auto lines = [&] { return made_up::Lines(made_up::ReadFile(options.log)); };
+  ASSERT_TRUE(Eventually([&] { return lines().size() == 3; })) << lines().size();
+  Publish("host/memory", Memory(511));
+  ASSERT_TRUE(Eventually([&] { return lines().size() == 4; })) << lines().size();
+  auto change = nlohmann::ordered_json::parse(lines()[3]);
+  EXPECT_EQ(change["time"].get<std::string>().size(), sizeof("2026-01-01T00:00:00+0000") - 1);
+  change.erase("time");
+  EXPECT_EQ(change.dump(),
+            R"({"object":"host/memory","variable":"tlxHoPhysicalMemoryFree","old":512,"new":511})");
+  EXPECT_TRUE(nlohmann::json::parse(lines()[2])["new"].is_null());
+  watch.Signal(SIGTERM);
+  EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(Command, WatchSaysOnceThatItWaits) {
+  made_up::Process watch;
+  made_up::ProcessOptions options;
+  options.log = registry_.base() + "/log";
+  watch.Start({VEXREG_PATH, "--root", registry_.root(), "watch"}, options);
+  const auto log = [&] { return made_up::ReadFile(options.log); };
+  ASSERT_TRUE(Eventually([&] { return log().ends_with(" (waiting)\n"); })) << log();
+  Output({"put", "h/a", "int:1"});
+  ASSERT_TRUE(Eventually([&] { return log().ends_with(" h/a var0 1\n"); })) << log();
+  EXPECT_EQ(made_up::Lines(log()).size(), 2U);
+  watch.Signal(SIGTERM);
+  EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(Command, WatchFollowsNewRowsOfAGroup) {
+  Output({"put", "host/cpu.0", "int:1"});
+  made_up::Process watch;
+  made_up::ProcessOptions options;
+  options.log = registry_.base() + "/log";
+  watch.Start({VEXREG_PATH, "--root", registry_.root(), "watch", "cpu"}, options);
+  const auto shows = [&](const char *text) {
+    return made_up::ReadFile(options.log).find(text) != std::string::npos;
+  };
+  ASSERT_TRUE(Eventually([&] { return shows("host/cpu.0 var0 1\n"); }));
+  Output({"put", "host/cpu.1", "int:2"});
+  EXPECT_TRUE(Eventually([&] { return shows("host/cpu.1 var0 2\n"); }));
+  watch.Signal(SIGTERM);
+  EXPECT_EQ(watch.Wait(), 0);
+}
+
+// vexreg on a terminal of 80 columns and 10 lines, which has colours unless the environment says
+// otherwise.
 class Terminal {
  public:
-  explicit Terminal(const Words &words) {
+  explicit Terminal(const Words &words,
+                    const std::vector<std::pair<const char *, const char *>> &environment = {}) {
     std::vector<char *> argv;
     for (const std::string &word : words) {
       argv.push_back(const_cast<char *>(word.c_str()));
@@ -395,6 +600,12 @@ class Terminal {
     winsize size = {10, 80, 0, 0};
     pid_ = forkpty(&fd_, nullptr, nullptr, &size);
     if (pid_ == 0) {
+      setenv("TERM", "xterm", 1);
+      setenv("LC_ALL", "C.UTF-8", 1);
+      unsetenv("NO_COLOR");
+      for (const auto &[name, value] : environment) {
+        setenv(name, value, 1);
+      }
       execv(argv[0], argv.data());
       _exit(127);
     }
@@ -522,8 +733,37 @@ TEST_F(Command, ShowFitsATerminal) {
   Output({"put", "h/a", "str:300:" + std::string(40, 'w') + " " + std::string(60, 'v')});
   Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "show"});
   EXPECT_EQ(terminal.WaitEnd(), 0);
-  EXPECT_EQ(terminal.Output(), "h/a\r\n  var0  " + std::string(40, 'w') + "\r\n        " +
-                                   std::string(60, 'v') + "\r\n");
+  EXPECT_EQ(terminal.Output(), "\x1b[1mh/a\x1b[0m\r\n  var0  " + std::string(40, 'w') +
+                                   "\r\n        " + std::string(60, 'v') + "\r\n");
+}
+
+TEST_F(Command, ColoursAndBarsAreForTerminals) {
+  Publish("host/cpu.0", Cpu(93));
+  const std::string plain = "host/cpu (1 row)\n  #  UnitIndex   Min\n  0          0  93 %\n";
+  EXPECT_EQ(Output({"show"}), plain);
+  EXPECT_EQ(Output({"show", "--color", "auto"}), plain);
+  EXPECT_NE(Output({"show", "--color", "always"}).find("\x1b[1;31m93 % "), std::string::npos);
+
+  const auto shown = [&](const Words &words,
+                         const std::vector<std::pair<const char *, const char *>> &environment) {
+    Words all = {VEXREG_PATH, "--root", registry_.root(), "show"};
+    all.insert(all.end(), words.begin(), words.end());
+    Terminal terminal(all, environment);
+    EXPECT_EQ(terminal.WaitEnd(), 0);
+    return terminal.Output();
+  };
+  const std::string bar = "93 % \u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2588\u2591";
+  EXPECT_NE(shown({}, {}).find("\x1b[1;31m" + bar + "\x1b[0m"), std::string::npos);
+  for (const std::string &text :
+       {shown({"--color", "never"}, {}), shown({}, {{"NO_COLOR", "1"}})}) {
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    EXPECT_NE(text.find(bar), std::string::npos);
+  }
+  EXPECT_NE(shown({}, {{"LC_ALL", "C"}}).find("93 % #########."), std::string::npos);
+  const std::string dumb = shown({}, {{"TERM", "dumb"}});
+  EXPECT_EQ(dumb.find('\x1b'), std::string::npos);
+  EXPECT_EQ(dumb.find("\u2588"), std::string::npos);
+  EXPECT_EQ(shown({"--raw"}, {}).find('\x1b'), std::string::npos);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "common/sources.h"
 #include "tests/support/process.h"
+#include "tools/vexreg/finding_json.h"
 #include "tools/vexreg/host_facts.h"
 
 using namespace vex;
@@ -460,6 +461,22 @@ TEST(Findings, AreQuotedAsTheyAre) {
     }
     EXPECT_NE(document.find("\n" + quoted), std::string::npos) << path << " lacks\n" << quoted;
   }
+}
+
+TEST(FindingsForPrograms, NameTheirCheck) {
+  EXPECT_EQ(FindingJson({Verdict::kFail, "snmpd: does not run."}),
+            R"({"state":"fail","check":"snmpd","message":"snmpd: does not run."})");
+  const auto check = [](const std::string &text) {
+    const std::string json = FindingJson({Verdict::kNote, text});
+    const size_t at = json.find("check\":\"") + 8;
+    return json.substr(at, json.find('"', at) - at);
+  };
+  EXPECT_EQ(check("registry /a: b: missing"), "registry");
+  EXPECT_EQ(check("AgentX socket /a: queue"), "AgentX socket");
+  EXPECT_EQ(check("snmpd on UDP port 161 of 127.0.0.1: answers"), "snmpd on UDP port 161");
+  EXPECT_EQ(check("group cpu: 2 rows"), "group cpu");
+  EXPECT_EQ(check("gave up after 30 s: the next check"), "doctor");
+  EXPECT_EQ(check("all checks were made"), "doctor");
 }
 
 }  // namespace

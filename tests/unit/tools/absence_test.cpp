@@ -1,0 +1,38 @@
+// Why there is nothing to show.
+#include "tools/vexreg/absence.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+using namespace vex;
+
+namespace {
+
+std::string Judged(int error, bool runs, bool hidden) {
+  AbsenceFacts facts;
+  facts.root = "/r";
+  facts.error = error;
+  facts.agent_runs = runs;
+  facts.agent_hidden = hidden;
+  return JudgeAbsence(facts);
+}
+
+TEST(Absence, SaysWhyAndWhatToDo) {
+  EXPECT_EQ(Judged(0, false, false),
+            "nothing is published in /r: no agent runs. Start it: systemctl start vexhostd");
+  EXPECT_EQ(Judged(ENOENT, false, false),
+            "nothing is published: there is no registry /r, and no agent runs. Start it: systemctl "
+            "start vexhostd");
+  EXPECT_EQ(Judged(EACCES, true, false),
+            "nothing to see: /r is not for this user to read. Run the command as root.");
+  EXPECT_EQ(
+      Judged(ENOTDIR, false, false),
+      "nothing to see: /r: Not a directory; no agent runs. Start it: systemctl start vexhostd");
+  EXPECT_TRUE(Judged(0, true, false).ends_with("If nothing comes, run: vexreg doctor"));
+  EXPECT_EQ(
+      Judged(0, false, true),
+      "nothing is published in /r: whether the agent runs is not for this user to see. Run as "
+      "root: vexreg doctor");
+}
+
+}  // namespace

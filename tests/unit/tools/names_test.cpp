@@ -1,0 +1,144 @@
+// Names as people say them.
+#include "tools/vexreg/names.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/framework/temp_registry.h"
+#include "tests/unit/tools/made_object.h"
+
+using namespace vex;
+using Names = std::vector<std::string>;
+
+namespace {
+
+class FindNames : public testing::Test {
+ protected:
+  void Publish(const std::string &name, const FileObject &object) {
+    std::vector<uint16_t> lengths;
+    for (const FileVariable &variable : object.variables) {
+      lengths.push_back(variable.length);
+    }
+    ObjectFileWriter writer(name, registry_.root());
+    writer.SetLayout(object.variables, static_cast<uint32_t>(object.data.size()));
+    ASSERT_EQ(writer.Publish(object.data.data(), lengths.data()), 0);
+  }
+  void SetUp() override {
+    for (const int row : {0, 2, 10}) {
+      Publish("host/cpu." + std::to_string(row),
+              MadeObject({Int("tlxHoCpuUtilMin", row), Int("tlxHoCpuUtilHour", -1)}));
+    }
+    Publish("host/memory", MadeObject({Int("tlxHoPhysicalMemorySize", 1)}));
+    Publish("host/misc", MadeObject({Int("tlxHoMibCondition", 2)}));
+    Publish("rack/misc", MadeObject({Int("var0", 1)}));
+    Publish("rack/stat", MadeObject({Int("var0", 1)}));
+  }
+  Found Find(const Names &names) {
+    return FindObjects({registry_.root(), names});
+  }
+  Names ObjectsOf(const Names &names) {
+    const Found found = Find(names);
+    EXPECT_EQ(found.missing, Names());
+    Names objects;
+    for (const NamedObject &object : found.objects) {
+      objects.push_back(object.name);
+    }
+    return objects;
+  }
+  TempRegistry registry_;
+};
+
+const Names kRows = {"host/cpu.0", "host/cpu.2", "host/cpu.10"};
+
+TEST_F(FindNames, TakesAGroupForItsRows) {
+  EXPECT_EQ(ObjectsOf({"host/cpu"}), kRows);
+  EXPECT_EQ(ObjectsOf({"./host//cpu"}), kRows);
+  EXPECT_EQ(ObjectsOf({registry_.Path("host/cpu")}), kRows);
+}
+
+TEST_F(FindNames, TakesNamesWithoutTheDirectory) {
+  EXPECT_EQ(ObjectsOf({"cpu"}), kRows);
+  EXPECT_EQ(ObjectsOf({"cpu.2"}), Names{"host/cpu.2"});
+  EXPECT_EQ(ObjectsOf({"memory"}), Names{"host/memory"});
+  EXPECT_EQ(ObjectsOf({"stat"}), Names{"rack/stat"});
+  // The Host Agent's own before another's.
+  EXPECT_EQ(ObjectsOf({"misc"}), Names{"host/misc"});
+}
+
+TEST_F(FindNames, AnObjectOfThatNameComesFirst) {
+  Publish("cpu", MadeObject({Int("v", 1)}));
+  Publish("host/cpu", MadeObject({Int("v", 1)}));
+  EXPECT_EQ(ObjectsOf({"cpu"}), Names{"cpu"});
+  EXPECT_EQ(ObjectsOf({"host/cpu"}), Names{"host/cpu"});
+}
+
+TEST_F(FindNames, TakesPatterns) {
+  EXPECT_EQ(ObjectsOf({"host/cpu.*"}), kRows);
+  EXPECT_EQ(ObjectsOf({"host/cpu.?"}), (Names{"host/cpu.0", "host/cpu.2"}));
+  EXPECT_EQ(ObjectsOf({"cpu.[0-2]"}), (Names{"host/cpu.0", "host/cpu.2"}));
+  EXPECT_EQ(ObjectsOf({"*/misc"}), (Names{"host/misc", "rack/misc"}));
+  EXPECT_EQ(ObjectsOf({"m*"}), (Names{"host/memory", "host/misc", "rack/misc"}));
+  EXPECT_EQ(Find({"*/nothing"}).missing, Names{"*/nothing"});
+}
+
+TEST_F(FindNames, TakesVariablesForThoseColumnsAlone) {
+  const Found found = Find({"tlxHoCpuUtilMin"});
+  ASSERT_EQ(found.objects.size(), 3U);
+  ASSERT_EQ(found.objects[2].object.variables.size(), 1U);
+  EXPECT_EQ(found.objects[2].object.variables[0].name, "tlxHoCpuUtilMin");
+  EXPECT_EQ(Find({"tlxHoCpuUtilMin", "tlxHoCpuUtilHour"}).objects[0].object.variables.size(), 2U);
+  EXPECT_EQ(ObjectsOf({"var0"}), (Names{"rack/misc", "rack/stat"}));
+}
+
+TEST_F(FindNames, TheWholeObjectIsMoreThanItsVariable) {
+  for (const Names &names :
+       {Names{"cpu.0", "tlxHoCpuUtilMin"}, Names{"tlxHoCpuUtilMin", "cpu.0"}}) {
+    const Found found = Find(names);
+    ASSERT_EQ(found.objects.size(), 3U);
+    EXPECT_EQ(found.objects[0].name, "host/cpu.0");
+    EXPECT_EQ(found.objects[0].object.variables.size(), 2U);
+    EXPECT_EQ(found.objects[1].object.variables.size(), 1U);
+  }
+}
+
+TEST_F(FindNames, GivesEachObjectOnceInTheOrderOfTheNames) {
+  EXPECT_EQ(ObjectsOf({"memory", "cpu", "host/*"}),
+            (Names{"host/memory", "host/cpu.0", "host/cpu.2", "host/cpu.10", "host/misc"}));
+  EXPECT_EQ(ObjectsOf({}).size(), 7U);
+}
+
+TEST_F(FindNames, TellsWhatIsNotThereFromWhatCannotBeRead) {
+  WriteBytes(registry_.Path("host/cpu.1"), {1, 2, 3});
+  WriteBytes(registry_.Path("host/odd"), {1, 2, 3});
+  const Found found = Find({"host/odd", "nothing", "host", "", "/etc/passwd", ".."});
+  EXPECT_EQ(found.unreadable, Names{"host/odd"});
+  EXPECT_EQ(found.missing, (Names{"nothing", "host", "", "/etc/passwd", ".."}));
+  EXPECT_TRUE(found.objects.empty());
+}
+
+TEST(NearName, IsTheOneThatWasMeant) {
+  const Names objects = {"host/cpu.0", "host/cpu.1", "host/filesys.3", "host/memory", "rack/stat"};
+  EXPECT_EQ(NearestName("host/memroy", objects), "host/memory");
+  EXPECT_EQ(NearestName("memry", objects), "host/memory");
+  EXPECT_EQ(NearestName("cpus", objects), "host/cpu");
+  EXPECT_EQ(NearestName("host/cpu.7", objects), "host/cpu.0");
+  EXPECT_EQ(NearestName("filesystem", objects), "host/filesys");
+  EXPECT_EQ(NearestName("mem", objects), "host/memory");
+  EXPECT_EQ(NearestName("host", objects), "'host/*'");
+  EXPECT_EQ(NearestName("host/", objects), "'host/*'");
+  EXPECT_EQ(NearestName("tlxHoCpuUtilMn", objects), "tlxHoCpuUtilMin");
+  EXPECT_EQ(NearestName("printer", objects), "");
+  EXPECT_EQ(NearestName("", objects), "");
+  EXPECT_EQ(NearestName("host/x", {}), "");
+}
+
+TEST(NearName, DistancesAreThoseOfSingleMistakes) {
+  EXPECT_EQ(EditDistance("memory", "memory", 3), 0U);
+  EXPECT_EQ(EditDistance("memory", "memroy", 3), 1U);
+  EXPECT_EQ(EditDistance("memory", "memor", 3), 1U);
+  EXPECT_EQ(EditDistance("memory", "nemoryy", 3), 2U);
+  EXPECT_EQ(EditDistance("", "abc", 3), 3U);
+  EXPECT_EQ(EditDistance("", "abcd", 3), 4U);
+  EXPECT_EQ(EditDistance("abcdefgh", "ijklmnop", 3), 4U);
+}
+
+}  // namespace

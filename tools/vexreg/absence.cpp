@@ -1,0 +1,63 @@
+#include "tools/vexreg/absence.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include "framework/registry/registry_dir.h"
+#include "tools/vexreg/host_facts.h"
+
+namespace vex {
+namespace {
+
+constexpr char kAgent[] = "vexhostd";
+constexpr char kOwnDirectory[] = "host";
+
+// 0, or the error of listing a directory below the root. One that is not there is no error.
+int ListingError(int root, const char *directory) {
+  const Descriptor opened(OpenBeneath(root, directory, O_RDONLY | O_DIRECTORY | O_NONBLOCK));
+  return opened || (*directory != '\0' && errno == ENOENT) ? 0 : errno;
+}
+
+int ListingError(const std::string &path) {
+  const Descriptor root(OpenRegistryRoot(path, false));
+  if (!root) {
+    return errno;
+  }
+  const int error = ListingError(root.get(), "");
+  return error != 0 ? error : ListingError(root.get(), kOwnDirectory);
+}
+
+}  // namespace
+
+std::string JudgeAbsence(const AbsenceFacts &facts) {
+  if (facts.error == EACCES) {
+    return "nothing to see: " + facts.root +
+           " is not for this user to read. Run the command as root.";
+  }
+  const std::string what =
+      facts.error == 0 ? "nothing is published in " + facts.root + ": "
+      : facts.error == ENOENT
+          ? "nothing is published: there is no registry " + facts.root + ", and "
+          : "nothing to see: " + facts.root + ": " + strerror(facts.error) + "; ";
+  if (facts.agent_runs) {
+    return what +
+           "the agent runs, and publishes at its first poll, one poll interval after its start. "
+           "If nothing comes, run: vexreg doctor";
+  }
+  if (facts.agent_hidden) {
+    return what + "whether the agent runs is not for this user to see. Run as root: vexreg doctor";
+  }
+  return what + "no agent runs. Start it: systemctl start vexhostd";
+}
+
+std::string WhyNothing(const std::string &root) {
+  AbsenceFacts facts;
+  facts.root = root;
+  facts.error = ListingError(root);
+  facts.agent_hidden = ProcessesHidden();
+  facts.agent_runs = !FindProcesses(kAgent).empty();
+  return JudgeAbsence(facts);
+}
+
+}  // namespace vex

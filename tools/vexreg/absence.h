@@ -1,0 +1,25 @@
+// Why there is nothing to show.
+#ifndef VEX_TOOLS_VEXREG_ABSENCE_H
+#define VEX_TOOLS_VEXREG_ABSENCE_H
+
+#include <string>
+
+namespace vex {
+
+// What was seen of a registry without objects, and of the agent that should publish there.
+struct AbsenceFacts {
+  std::string root;
+  int error = 0;              // of listing the root or the agent's directory; 0: both can be listed
+  bool agent_runs = false;    // it was seen
+  bool agent_hidden = false;  // this user does not see other users' processes
+};
+
+// One line: why nothing is there, and what to do. Pure.
+std::string JudgeAbsence(const AbsenceFacts &facts);
+
+// Looks at the host and judges.
+std::string WhyNothing(const std::string &root);
+
+}  // namespace vex
+
+#endif

@@ -1,0 +1,262 @@
+#include "tools/vexreg/names.h"
+
+#include <fcntl.h>
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+
+#include "framework/registry/registry_dir.h"
+#include "framework/snmp/mib_table.h"
+
+namespace vex {
+namespace {
+
+constexpr char kOwnDirectory[] = "host";  // the Host Agent's
+
+// The name behind the last slash.
+std::string_view BaseName(std::string_view name) {
+  return name.substr(name.rfind('/') + 1);
+}
+
+std::string_view DirectoryName(std::string_view name) {
+  const size_t slash = name.rfind('/');
+  return slash != std::string_view::npos ? name.substr(0, slash) : std::string_view();
+}
+
+// "host/cpu" of host/cpu.3; the name itself of an object that is no row.
+std::string_view GroupOf(std::string_view name) {
+  const auto row = ParseRowName(name);
+  return row ? row->group : name;
+}
+
+bool IsPattern(std::string_view name) {
+  return name.find_first_of("*?[") != std::string_view::npos;
+}
+
+// Looks names up in a registry, which is listed once at most.
+class Search {
+ public:
+  explicit Search(const Selection &selection) : root_(selection.root) {
+    if (selection.names.empty()) {
+      AddAll(Names(), nullptr);
+    }
+    for (const std::string &name : selection.names) {
+      Add(name);
+    }
+    Finish();
+  }
+  Found Take() {
+    return std::move(found_);
+  }
+
+ private:
+  const std::vector<std::string> &Names() {
+    if (!names_) {
+      names_ = ListObjects(root_);
+    }
+    return *names_;
+  }
+
+  bool FileExists(const std::string &name) const {
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    return root && Descriptor(OpenBeneath(root.get(), name, O_PATH));
+  }
+
+  void Add(const std::string &given) {
+    const auto path = ResolveObjectName(given, root_);
+    if (path && AddObject(*path, nullptr)) {
+      return;
+    }
+    if (path && FileExists(*path) && !IsDirectory(*path)) {
+      found_.unreadable.push_back(given);
+      return;
+    }
+    const bool has_directory = given.find('/') != std::string::npos;
+    const std::vector<std::string> names =
+        path ? NamesOf(*path, has_directory) : std::vector<std::string>();
+    if (!names.empty()) {
+      AddAll(names, nullptr);
+      return;
+    }
+    if (has_directory || given.empty() || !AddVariable(given)) {
+      found_.missing.push_back(given);
+    }
+  }
+
+  bool IsDirectory(const std::string &name) const {
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    return root && Descriptor(OpenBeneath(root.get(), name, O_PATH | O_DIRECTORY));
+  }
+
+  // The objects that a pattern, a group or a short name stands for.
+  std::vector<std::string> NamesOf(const std::string &path, bool has_directory) {
+    std::vector<std::string> all;
+    std::vector<std::string> own;
+    const bool pattern = IsPattern(path);
+    for (const std::string &name : Names()) {
+      const std::string base(has_directory ? std::string_view(name) : BaseName(name));
+      const bool fits = pattern ? fnmatch(path.c_str(), base.c_str(), FNM_PATHNAME) == 0
+                                : base == path || GroupOf(base) == path;
+      if (fits) {
+        all.push_back(name);
+        if (DirectoryName(name) == kOwnDirectory) {
+          own.push_back(name);
+        }
+      }
+    }
+    return pattern || own.empty() ? all : own;
+  }
+
+  void AddAll(const std::vector<std::string> &names, const std::string *variable) {
+    for (const std::string &name : names) {
+      if (!AddObject(name, variable) && FileExists(name) &&
+          std::find(found_.damaged.begin(), found_.damaged.end(), name) == found_.damaged.end()) {
+        found_.damaged.push_back(name);
+      }
+    }
+  }
+
+  // Reads an object unless that was done; notes that all of it is wanted, or a variable. False when
+  // it is not there.
+  bool AddObject(const std::string &name, const std::string *variable) {
+    auto known = wanted_.find(name);
+    if (known == wanted_.end()) {
+      auto object = ReadObjectFile(name, root_);
+      if (!object) {
+        return false;
+      }
+      found_.objects.push_back({name, std::move(*object)});
+      known = wanted_.emplace(name, std::set<std::string>()).first;
+      if (variable == nullptr) {
+        return true;
+      }
+      known->second.insert(*variable);
+    } else if (variable == nullptr) {
+      known->second.clear();
+    } else if (!known->second.empty()) {
+      known->second.insert(*variable);
+    }
+    return true;
+  }
+
+  bool AddVariable(const std::string &given) {
+    bool any = false;
+    for (const std::string &name : Names()) {
+      const auto object = ReadObjectFile(name, root_);
+      if (object &&
+          std::any_of(object->variables.begin(), object->variables.end(),
+                      [&](const FileVariable &v) { return v.type != 0 && v.name == given; })) {
+        any = AddObject(name, &given) || any;
+      }
+    }
+    return any;
+  }
+
+  // Leaves of each object the variables that were asked for.
+  void Finish() {
+    for (NamedObject &found : found_.objects) {
+      const std::set<std::string> &wanted = wanted_[found.name];
+      if (!wanted.empty()) {
+        std::erase_if(found.object.variables, [&](const FileVariable &variable) {
+          return !wanted.contains(variable.name);
+        });
+      }
+    }
+  }
+
+  const std::string root_;
+  std::optional<std::vector<std::string>> names_;
+  // By object: the variables that were asked for, none for all.
+  std::map<std::string, std::set<std::string>> wanted_;
+  Found found_;
+};
+
+// The nearest of several names, of which some go by more than one.
+class Nearest {
+ public:
+  explicit Nearest(std::string_view given)
+      : given_(given), distance_(std::min(kMost, 1 + given.size() / 4) + 1) {}
+  void Try(std::string_view name, std::string_view shown) {
+    const size_t distance = IsBeginning(name) ? 1 : EditDistance(given_, name, distance_ - 1);
+    if (distance < distance_) {
+      distance_ = distance;
+      shown_ = shown;
+    }
+  }
+  const std::string &shown() const {
+    return shown_;
+  }
+
+ private:
+  static constexpr size_t kMost = 3;
+  static constexpr size_t kShortestBeginning = 3;
+  bool IsBeginning(std::string_view name) const {
+    return given_.size() >= kShortestBeginning && name.starts_with(given_);
+  }
+  std::string_view given_;
+  size_t distance_;
+  std::string shown_;
+};
+
+}  // namespace
+
+Found FindObjects(const Selection &selection) {
+  return Search(selection).Take();
+}
+
+size_t EditDistance(std::string_view a, std::string_view b, size_t most) {
+  if (std::max(a.size(), b.size()) - std::min(a.size(), b.size()) > most) {
+    return most + 1;
+  }
+  std::vector<size_t> before_last;
+  std::vector<size_t> last;
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); j++) {
+    row[j] = j;
+  }
+  for (size_t i = 1; i <= a.size(); i++) {
+    before_last = std::move(last);
+    last = row;
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); j++) {
+      row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (a[i - 1] != b[j - 1])});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        row[j] = std::min(row[j], before_last[j - 2] + 1);
+      }
+    }
+    if (*std::min_element(row.begin(), row.end()) > most) {
+      return most + 1;
+    }
+  }
+  return std::min(row.back(), most + 1);
+}
+
+std::string NearestName(std::string_view given, const std::vector<std::string> &objects) {
+  while (given.ends_with('/')) {
+    given.remove_suffix(1);
+  }
+  for (const std::string &name : objects) {
+    if (!given.empty() && DirectoryName(name) == given) {
+      return "'" + std::string(given) + "/*'";
+    }
+  }
+  Nearest nearest(given);
+  const bool has_directory = given.find('/') != std::string_view::npos;
+  for (const std::string &name : objects) {
+    const std::string_view group = GroupOf(name);
+    for (const std::string_view known : {group, std::string_view(name)}) {
+      nearest.Try(has_directory ? known : BaseName(known), known);
+    }
+  }
+  if (!has_directory) {
+    for (const MibVariable &variable : MibVariables()) {
+      nearest.Try(variable.name, variable.name);
+    }
+  }
+  return nearest.shown();
+}
+
+}  // namespace vex

@@ -1,0 +1,47 @@
+// What people call objects, and what the registry has of them.
+#ifndef VEX_TOOLS_VEXREG_NAMES_H
+#define VEX_TOOLS_VEXREG_NAMES_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/vexreg/tables.h"
+
+namespace vex {
+
+// What to show: the objects named, or all when none is.
+struct Selection {
+  std::string root;
+  std::vector<std::string> names;
+};
+
+// What a selection stands for at the moment.
+struct Found {
+  std::vector<NamedObject> objects;
+  std::vector<std::string> missing;     // names that stand for nothing, as they were given
+  std::vector<std::string> unreadable;  // names of files that are no whole object, as given
+  std::vector<std::string> damaged;     // files that a search came across and left out
+};
+
+// Reads the objects that the names stand for, in the order of the names, each object once. A name
+// is, whatever fits first:
+//   an object from the root on, or its path: host/cpu.0
+//   a pattern of fnmatch(3); without a slash, of the name behind the last one: 'host/filesys.*'
+//   a group, for all of its rows in natural order: host/cpu
+//   either without the directory: cpu, cpu.0. The Host Agent's own come before those of others.
+//   a variable, for the objects that have it, with that variable alone: tlxHoCpuUtilMin
+// Objects that vanish meanwhile are left out.
+Found FindObjects(const Selection &selection);
+
+// The name among the objects, their groups and the variables that was most likely meant; empty when
+// none is near. objects: names from the root.
+std::string NearestName(std::string_view given, const std::vector<std::string> &objects);
+
+// How many characters have to be inserted, left out, replaced or exchanged with their neighbour to
+// make one of the other; `most` + 1 when it is more than that.
+size_t EditDistance(std::string_view a, std::string_view b, size_t most);
+
+}  // namespace vex
+
+#endif
