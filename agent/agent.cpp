@@ -1,23 +1,17 @@
-// The agent's globals, hooks, options and the fixed orders of start-up and poll.
+// The agent's globals, hooks and options.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "agent/orders.h"
 #include "agent/snmpd_watchdog.h"
+#include "common/group.h"
 #include "common/util.h"
-#include "common/variables.h"
-#include "firmware/fwver.h"
-#include "identity/appliance.h"
-#include "identity/hwinfo.h"
-#include "identity/info.h"
-#include "monitors/cpu.h"
+#include "detail/agent_state.h"
 #include "monitors/filesys.h"
-#include "monitors/memory.h"
 #include "platform/framework.h"
-#include "software/packages.h"
-#include "status/misc.h"
 
 // Exported for the framework, which finds them by these names.
 const char *agent;
@@ -29,64 +23,32 @@ unsigned char ignore_peer_stop;
 int32_t NicCondition;
 int32_t PrevNicCondition;
 
-// ---- Start-up and poll order ----------------------------------------------------------------
-
-// A collector builds its group at its first call and refreshes it at the later ones. start_up is 1
-// from init_agent() and 0 from get_data(). Returns 0, or another value on failure.
-using collector = int (*)(int start_up);
-
-struct step {
-  const char *group;  // for people
-  collector collect;
-};
-
-// Gives a collector that needs no flag the common form.
-template <int (*Collect)()>
-static int without_flag(int) {
-  return Collect();
-}
-
-// The first failure ends start-up.
-static const step start_order[] = {
-    {"file systems", without_flag<do_filesys>},
-    {"memory", without_flag<do_memory>},
-    {"system", do_info},
-    {"misc", without_flag<do_misc>},
-    {"software", without_flag<do_swver>},
-    {"processors", do_cpu},
-    {"appliance", without_flag<do_appliance>},
-    {"firmware", without_flag<do_fwver>},
-};
-
-// The first failure ends the poll's refresh.
-static const step poll_order[] = {
-    {"processors", do_cpu},
-    {"file systems", without_flag<do_filesys>},
-    {"memory", without_flag<do_memory>},
-    {"system", do_info},
-    {"misc", without_flag<do_misc>},
-    {"software", without_flag<do_swver>},
-    {"firmware", without_flag<do_fwver>},
-};
+// ---- Start-up and poll ------------------------------------------------------------------------
 
 // The group that failed and ended it; null when all ran, or when the agent's end came in between:
 // the groups after that are left out.
-template <size_t N>
-static const char *run_all(const step (&order)[N], int start_up) {
-  for (const step &s : order) {
+static const group *run_all(const group *const *order) {
+  for (; *order != nullptr; order++) {
     if (agent_ending() != 0) {
       return nullptr;
     }
-    if (s.collect(start_up) != 0 && agent_ending() == 0) {
-      return s.group;
+    if ((*order)->refresh() != 0 && agent_ending() == 0) {
+      return *order;
     }
   }
   return nullptr;
 }
 
+// The details for stations, each whatever became of the others.
+static void run_details() {
+  for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0; order++) {
+    (*order)->refresh();
+  }
+}
+
 // One line when polls begin to end early, or end at another group, and one when they are whole.
-static void report_poll(const char *failed) {
-  static const char *reported;
+static void report_poll(const group *failed) {
+  static const group *reported;
   if (failed == reported) {
     return;
   }
@@ -94,7 +56,7 @@ static void report_poll(const char *failed) {
     agentlog_fprintf(stderr,
                      "%s: The poll ended early: the %s group failed, and what follows it is not "
                      "refreshed\n",
-                     agent, failed);
+                     agent, failed->title);
   } else {
     agentlog_fprintf(stderr, "%s: Polls are whole again\n", agent);
   }
@@ -190,7 +152,7 @@ static unsigned start_delay = 5;
 // Creates the agent's registry directory without what an earlier run left in it. Fails when another
 // process has it: then nothing of it is touched, nor is it while it is not ours.
 static int prepare_registry_directory() {
-  snprintf(log_dir, sizeof(log_dir), "%s/%s", REGISTRY_ROOT, "host");
+  snprintf(log_dir, sizeof(log_dir), "%s/%s", REGISTRY_ROOT, host_directory);
   const int claimed = claim_dir(log_dir);
   if (claimed < 0) {
     return -1;
@@ -239,25 +201,32 @@ int init_agent(int argc, char **argv) {
   }
   init_snmp_appname("vexhostd");
   warn_without_community();
-  const char *failed = run_all(start_order, 1);
+  const group *failed = run_all(start_order);
   if (failed != nullptr) {
     agentlog_fprintf(stderr, "%s: Start-up failed: the %s group could not be built\n", agent,
-                     failed);
+                     failed->title);
     return -1;
   }
   if (agent_ending() != 0) {
     return 0;
   }
   check_snmpd_memory();
-  return do_hwinfo() == 0 ? 0 : -1;
+  if (run_all(last_order) != nullptr) {
+    return -1;
+  }
+  run_details();
+  return 0;
 }
 
 int get_data(void) {
   // No alarm may come due during the refresh: polls never overlap.
   alarm(0);
-  const char *failed = run_all(poll_order, 0);
+  const int64_t began = monotonic_milliseconds();
+  const group *failed = run_all(poll_order);
   if (agent_ending() == 0) {
     report_poll(failed);
+    note_poll(monotonic_milliseconds() - began, failed != nullptr);
+    run_details();
     repair_objects();
     check_snmpd_memory();
   }

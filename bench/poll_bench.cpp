@@ -15,13 +15,13 @@ void PollMemoryAndCpu(benchmark::State &state) {
   static const bool built = [] {
     strcpy(log_dir, REGISTRY_ROOT "/host");
     set_poll_time(15);
-    return create_dir(log_dir, 1) == 0 && do_memory() == 0 && do_cpu(1) == 0;
+    return create_dir(log_dir, 1) == 0 && do_memory() == 0 && do_cpu() == 0;
   }();
   if (!built) {
     state.SkipWithError("the groups cannot be built");
   }
   for (auto _ : state) {
-    if (do_cpu(0) != 0 || do_memory() != 0) {
+    if (do_cpu() != 0 || do_memory() != 0) {
       state.SkipWithError("a collector failed");
       break;
     }

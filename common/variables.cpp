@@ -12,7 +12,7 @@
 struct repair {
   registry_object *object;  // null: a free place
   const variable *table;    // null: only to be published
-  size_t count;
+  int count;
   char name[128];
 };
 
@@ -36,7 +36,7 @@ static repair *place_for(const registry_object *object) {
   return unused;
 }
 
-static void remember(registry_object *object, const variable *table, size_t count) {
+static void remember(registry_object *object, const variable *table, int count) {
   repair *place = place_for(object);
   if (place == nullptr || strlen(object->name) >= sizeof(place->name)) {
     agentlog_fprintf(stderr, "%s: Object stays incomplete until the next start: %s\n", agent,
@@ -55,12 +55,12 @@ static void remember(registry_object *object, const variable *table, size_t coun
 }
 
 // Defines the slots that are not yet. False when one of them still cannot be.
-static bool define_missing(registry_object *object, const variable *table, size_t count) {
+static bool define_missing(registry_object *object, const variable *table, int count) {
   bool whole = true;
-  for (size_t slot = 0; slot < count; slot++) {
+  for (int slot = 0; slot < count; slot++) {
     const variable &v = table[slot];
     if (object->desc[slot].type == 0 &&
-        init_info(static_cast<int>(slot), &object->desc[slot], v.name, v.size, v.type, v.access, 1,
+        init_info(slot, &object->desc[slot], v.name, v.size, v.type, v.access, 1,
                   object->data + v.offset, v.set_handler) != 0) {
       whole = false;
     }
@@ -68,9 +68,9 @@ static bool define_missing(registry_object *object, const variable *table, size_
   return whole;
 }
 
-void define_variables(registry_object *object, const variable *table, size_t count) {
-  if (!define_missing(object, table, count)) {
-    remember(object, table, count);
+void define_variables(registry_object *object, const variable_table &table) {
+  if (!define_missing(object, table.first, table.count)) {
+    remember(object, table.first, table.count);
   }
 }
 

@@ -28,31 +28,31 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoAgentFailedPolls", agent_block, failed_polls),
 };
 
-const group agent_group = described<agent_block>({.name = "agent",
-                                                  .called = "agent",
-                                                  .flag = 0,
-                                                  .variables = variables,
-                                                  .refresh = do_agent,
-                                                  .along = nullptr,
-                                                  .each_poll = true,
-                                                  .absence = nullptr,
-                                                  .data_size = 0});
+constexpr group agent_group = described<agent_block>({
+    .name = "agent",
+    .title = "agent",
+    .flag = 0,
+    .variables = variables,
+    .refresh = do_agent,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
-static bool called;
-static agent_block state = {VEXHOSTD_VERSION, -1, -1, -1, 0};
+static constexpr int32_t not_known = -1;
+static agent_block state = {VEXHOSTD_VERSION, not_known, not_known, not_known, 0};
 
 // ---- Computing ------------------------------------------------------------------------------
 
 static int32_t seconds_now() {
   const time_t now = time(nullptr);
-  return now >= 0 ? clamped_int32(static_cast<uint64_t>(now)) : -1;
+  return now >= 0 ? held_int32(static_cast<uint64_t>(now)) : -1;
 }
 
 void note_poll(int64_t milliseconds, bool failed) {
   state.last_poll = seconds_now();
-  state.poll_duration = milliseconds >= 0 ? clamped_int32(static_cast<uint64_t>(milliseconds)) : -1;
+  state.poll_duration = milliseconds >= 0 ? held_int32(static_cast<uint64_t>(milliseconds)) : -1;
   if (failed && state.failed_polls < INT32_MAX) {
     state.failed_polls++;
   }
@@ -61,11 +61,14 @@ void note_poll(int64_t milliseconds, bool failed) {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_agent() {
-  const bool first = first_call(&called);
-  if (first) {
+  if (state.start == not_known) {
     state.start = seconds_now();
   }
-  registry_object *object = first ? create_object(agent_group) : find_object(agent_group);
+  // Looked for at the start as well: what could not be made then is made by a poll.
+  registry_object *object = find_object(agent_group);
+  if (object == nullptr) {
+    object = create_object(agent_group);
+  }
   if (object == nullptr) {
     return -1;
   }

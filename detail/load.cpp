@@ -27,23 +27,21 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoUptime", load_block, uptime),
 };
 
-const group load_group = described<load_block>({.name = "load",
-                                                .called = "load",
-                                                .flag = 0,
-                                                .variables = variables,
-                                                .refresh = do_load,
-                                                .along = nullptr,
-                                                .each_poll = true,
-                                                .absence = nullptr,
-                                                .data_size = 0});
+constexpr group load_group = described<load_block>({
+    .name = "load",
+    .title = "load",
+    .flag = 0,
+    .variables = variables,
+    .refresh = do_load,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
 static constexpr char loadavg_path[] = "/proc/loadavg";
 static constexpr char uptime_path[] = "/proc/uptime";
 static constexpr int line_size = 128;
-
-static bool called;
 
 // ---- Reading --------------------------------------------------------------------------------
 
@@ -84,14 +82,14 @@ bool parse_loadavg(const char *text, int32_t hundredths[3]) {
     }
   }
   for (int i = 0; i < 3; i++) {
-    hundredths[i] = clamped_int32(values[i]);
+    hundredths[i] = held_int32(values[i]);
   }
   return true;
 }
 
 int32_t parse_uptime(const char *text) {
   uint64_t hundredths;
-  return parse_hundredths(&text, &hundredths) ? clamped_int32(hundredths / 100) : -1;
+  return parse_hundredths(&text, &hundredths) ? held_int32(hundredths / 100) : -1;
 }
 
 // The first line of a file; empty when it cannot be read.
@@ -105,8 +103,11 @@ static void read_line(const char *path, char line[line_size]) {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_load() {
-  registry_object *object =
-      first_call(&called) ? create_object(load_group) : find_object(load_group);
+  // Looked for at the start as well: what could not be made then is made by a poll.
+  registry_object *object = find_object(load_group);
+  if (object == nullptr) {
+    object = create_object(load_group);
+  }
   if (object == nullptr) {
     return -1;
   }

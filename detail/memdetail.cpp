@@ -1,7 +1,9 @@
 #include "detail/memdetail.h"
 
+#include <ctype.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "common/util.h"
@@ -21,22 +23,20 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoMemoryCached", memdetail_block, cached),
 };
 
-const group memdetail_group = described<memdetail_block>({.name = "memdetail",
-                                                          .called = "memory detail",
-                                                          .flag = 0,
-                                                          .variables = variables,
-                                                          .refresh = do_memdetail,
-                                                          .along = nullptr,
-                                                          .each_poll = true,
-                                                          .absence = nullptr,
-                                                          .data_size = 0});
+constexpr group memdetail_group = described<memdetail_block>({
+    .name = "memdetail",
+    .title = "memory detail",
+    .flag = 0,
+    .variables = variables,
+    .refresh = do_memdetail,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
 static constexpr char meminfo_path[] = "/proc/meminfo";
 static constexpr int line_size = 256;
-
-static bool called;
 
 // ---- Reading --------------------------------------------------------------------------------
 
@@ -45,11 +45,12 @@ int32_t megabytes_of_line(const char *line, const char *key) {
   if (strncmp(line, key, length) != 0 || line[length] != ':') {
     return -1;
   }
-  unsigned long long kilobytes;
-  if (!parse_number(line + length + 1, &kilobytes)) {
+  const char *number = line + length + 1;
+  number += strspn(number, " \t");
+  if (isdigit(static_cast<unsigned char>(*number)) == 0) {
     return -1;
   }
-  return clamped_int32(kilobytes / 1024);
+  return held_int32(strtoull(number, nullptr, 10) / 1024);
 }
 
 // What is known of both; -1 for what the file does not say. False when it cannot be read.
@@ -72,8 +73,11 @@ static bool read_memory(memdetail_block *block) {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_memdetail() {
-  registry_object *object =
-      first_call(&called) ? create_object(memdetail_group) : find_object(memdetail_group);
+  // Looked for at the start as well: what could not be made then is made by a poll.
+  registry_object *object = find_object(memdetail_group);
+  if (object == nullptr) {
+    object = create_object(memdetail_group);
+  }
   if (object == nullptr) {
     return -1;
   }

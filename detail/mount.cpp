@@ -29,15 +29,15 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoMountState", mount_block, state),
 };
 
-const group mount_group = described<mount_block>({.name = "mount",
-                                                  .called = "mount",
-                                                  .flag = 1,
-                                                  .variables = variables,
-                                                  .refresh = do_mount,
-                                                  .along = nullptr,
-                                                  .each_poll = false,
-                                                  .absence = nullptr,
-                                                  .data_size = 0});
+constexpr group mount_group = described<mount_block>({
+    .name = "mount",
+    .title = "mount",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_mount,
+    .each_poll = false,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
@@ -93,8 +93,8 @@ static int refresh(const mount_view &view) {
   }
   mount_row &row = rows[view.instance];
   row.seen = true;
-  if (!view.listed && row.object != nullptr) {
-    return 0;  // as long as the file system's row stays, so does this one
+  if (!view.listed) {
+    return 0;  // as long as the file system's row stays, so does this one as it is
   }
   if (row.object == nullptr) {
     row.object = create_row(mount_group, view.instance);

@@ -30,15 +30,15 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoSiblingHealth", sibling_block, health),
 };
 
-const group sibling_group = described<sibling_block>({.name = "sibling",
-                                                      .called = "sibling agent",
-                                                      .flag = 1,
-                                                      .variables = variables,
-                                                      .refresh = do_sibling,
-                                                      .along = nullptr,
-                                                      .each_poll = false,
-                                                      .absence = nullptr,
-                                                      .data_size = 0});
+constexpr group sibling_group = described<sibling_block>({
+    .name = "sibling",
+    .title = "sibling agent",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_sibling,
+    .each_poll = false,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 

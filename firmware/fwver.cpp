@@ -4,39 +4,40 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "common/group.h"
+#include "common/next_index.h"
 #include "common/row_table.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "firmware/controller.h"
 #include "firmware/powerpic.h"
 #include "firmware/proc_drivers.h"
 #include "firmware/programmable_logic.h"
 #include "firmware/system_rom.h"
 #include "platform/framework.h"
-#include "status/misc.h"
 
 // ---- Variables ----------------------------------------------------------------------------------
 
-static const variable variables[] = {
-    {"tlxHoFwVerIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(firmware_record, index),
-     nullptr},
-    {"tlxHoFwVerCategory", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(firmware_record, category),
-     nullptr},
-    {"tlxHoFwVerDeviceType", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     offsetof(firmware_record, device_type), nullptr},
-    {"tlxHoFwVerDisplayName", 129, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(firmware_record, display_name), nullptr},
-    {"tlxHoFwVerVersion", 33, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(firmware_record, version), nullptr},
-    {"tlxHoFwVerLocation", 257, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(firmware_record, location), nullptr},
-    {"tlxHoFwVerXmlString", 257, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(firmware_record, xml), nullptr},
-    {"tlxHoFwVerKeyString", 129, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(firmware_record, key), nullptr},
-    {"tlxHoFwVerUpdateMethod", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     offsetof(firmware_record, update_method), nullptr},
+static constexpr variable variables[] = {
+    READ_ONLY("tlxHoFwVerIndex", firmware_record, index),
+    READ_ONLY("tlxHoFwVerCategory", firmware_record, category),
+    READ_ONLY("tlxHoFwVerDeviceType", firmware_record, device_type),
+    READ_ONLY("tlxHoFwVerDisplayName", firmware_record, display_name),
+    READ_ONLY("tlxHoFwVerVersion", firmware_record, version),
+    READ_ONLY("tlxHoFwVerLocation", firmware_record, location),
+    READ_ONLY("tlxHoFwVerXmlString", firmware_record, xml),
+    READ_ONLY("tlxHoFwVerKeyString", firmware_record, key),
+    READ_ONLY("tlxHoFwVerUpdateMethod", firmware_record, update_method),
 };
+
+constexpr group fwver_group = described<firmware_record>({
+    .name = "fwver",
+    .title = "firmware",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_fwver,
+    .each_poll = false,
+    .absence = "this machine has no source for it",
+});
 
 // ---- State --------------------------------------------------------------------------------------
 
@@ -107,9 +108,7 @@ static fwver_row *insert_row(const char *name, int index) {
     release(row);
     return nullptr;
   }
-  char path[99];
-  snprintf(path, sizeof(path), "%s/%s.%d", log_dir, "fwver", index);
-  row->object = create_obj(&obj_Q, get_id(), path, 1, sizeof(firmware_record), 9);
+  row->object = create_row(fwver_group, index);
   if (row->object == nullptr || !table.insert(row)) {
     release(row);
     return nullptr;
@@ -117,7 +116,7 @@ static fwver_row *insert_row(const char *name, int index) {
   return row;
 }
 
-static fwver_row *create_row(const char *name, const firmware_record *record) {
+static fwver_row *create(const char *name, const firmware_record *record) {
   const int index = table.free_index();
   fwver_row *row = insert_row(name, index);
   if (row == nullptr) {
@@ -128,7 +127,6 @@ static fwver_row *create_row(const char *name, const firmware_record *record) {
   auto *data = reinterpret_cast<firmware_record *>(row->object->data);
   *data = *record;
   data->index = static_cast<uint32_t>(index);
-  define_variables(row->object, variables);
   // The software table's next index is this table's too; managers know it so.
   set_next_index(table.free_index());
   row->changed = 1;
@@ -140,7 +138,7 @@ static fwver_row *create_row(const char *name, const firmware_record *record) {
 static void update_row(const char *name, uint32_t collector_key, const firmware_record *record) {
   fwver_row *row = table.find(name);
   if (row == nullptr) {
-    row = create_row(name, record);
+    row = create(name, record);
     if (row == nullptr) {
       return;
     }

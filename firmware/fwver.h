@@ -6,6 +6,10 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "common/group.h"
+
+extern const group fwver_group;
+
 // The data block of a row.
 struct __attribute__((packed)) firmware_record {
   uint32_t index;

@@ -5,8 +5,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "common/group.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -30,40 +30,39 @@ static int refuse_set(uint8_t, registry_object *, descriptor *, const void *, in
 }
 
 static constexpr variable variables[] = {
-    {"tlxApMibRevMajor", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(appliance_block, mib_rev_major),
-     nullptr},
-    {"tlxApMibRevMinor", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(appliance_block, mib_rev_minor),
-     nullptr},
-    {"tlxApMibCondition", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     offsetof(appliance_block, mib_condition), nullptr},
-    {"tlxApOsCommonPollFreq", 4, VAR_INTEGER, ACCESS_WRITABLE,
-     offsetof(appliance_block, poll_frequency), refuse_set},
-    {"tlxApApplianceId", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(appliance_block, id), nullptr},
+    READ_ONLY("tlxApMibRevMajor", appliance_block, mib_rev_major),
+    READ_ONLY("tlxApMibRevMinor", appliance_block, mib_rev_minor),
+    READ_ONLY("tlxApMibCondition", appliance_block, mib_condition),
+    SETTABLE("tlxApOsCommonPollFreq", appliance_block, poll_frequency, refuse_set),
+    READ_ONLY("tlxApApplianceId", appliance_block, id),
     // Without a handler: the framework stores what a manager writes.
-    {"tlxApApplianceDescription", 81, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
-     offsetof(appliance_block, description), nullptr},
+    SETTABLE("tlxApApplianceDescription", appliance_block, description, nullptr),
 };
-static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
-static_assert(variable_count == 6);
+
+constexpr group appliance_group = described<appliance_block>({
+    .name = "appliance",
+    .title = "appliance",
+    .flag = 0,
+    .variables = variables,
+    .refresh = do_appliance,
+    .each_poll = false,
+    .absence = "the machine was no appliance at the agent's start",
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
 static constexpr int mib_number = 21;
 static constexpr int32_t condition_ok = 1;
 
-static bool first_time = true;
+static bool called;
 
 // ---- Publishing -----------------------------------------------------------------------------
 
-static registry_object *create_appliance() {
-  char name[sizeof(log_dir) + sizeof("/appliance")];
-  snprintf(name, sizeof(name), "%s/%s", log_dir, "appliance");
-  registry_object *object =
-      create_obj(&obj_Q, get_id(), name, 0, sizeof(appliance_block), variable_count);
+static registry_object *create() {
+  registry_object *object = create_object(appliance_group);
   if (object == nullptr) {
     return nullptr;
   }
-  define_variables(object, variables);
   auto *block = reinterpret_cast<appliance_block *>(object->data);
   block->mib_rev_major = get_mib_major_revision(mib_number);
   block->mib_rev_minor = get_mib_minor_revision(mib_number);
@@ -80,20 +79,11 @@ int do_appliance() {
   if (is_appliance() == 0) {
     return 0;
   }
-  registry_object *object;
-  if (first_time) {
-    first_time = false;
-    object = create_appliance();
-    if (object == nullptr) {
-      agentlog_fprintf(stderr, "do_appliance: do_init returns NULL, return NOT_OK\n");
-      return -1;
-    }
-  } else {
-    object = find_obj(&obj_Q, 0, "host/appliance");
-    if (object == nullptr) {
-      agentlog_fprintf(stderr, "do_appliance: find_obj returns NULL, return NOT_OK\n");
-      return -1;
-    }
+  const bool first = first_call(&called);
+  registry_object *object = first ? create() : find_object(appliance_group);
+  if (object == nullptr) {
+    report_no_object("do_appliance", first);
+    return -1;
   }
   auto *block = reinterpret_cast<appliance_block *>(object->data);
   // An appliance always has this one.

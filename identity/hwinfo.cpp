@@ -3,7 +3,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include "common/variables.h"
+#include "common/group.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
 
@@ -17,8 +17,18 @@ static_assert(sizeof(hwinfo_block) == 4);
 // ---- Variables ------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
-    {"tlxHoHWInfoPlatform", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
+    READ_ONLY("tlxHoHWInfoPlatform", hwinfo_block, platform),
 };
+
+constexpr group hwinfo_group = described<hwinfo_block>({
+    .name = "hwinfo",
+    .title = "hardware-info",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_hwinfo,
+    .each_poll = false,
+    .absence = "no EV told it at the agent's start",
+});
 
 // ---- Reading --------------------------------------------------------------------------------
 
@@ -42,13 +52,10 @@ static int32_t read_platform() {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_hwinfo() {
-  char name[sizeof(log_dir) + sizeof("/hwinfo")];
-  snprintf(name, sizeof(name), "%s/%s", log_dir, "hwinfo");
-  registry_object *object = create_obj(&obj_Q, get_id(), name, 1, sizeof(hwinfo_block), 1);
+  registry_object *object = create_object(hwinfo_group);
   if (object == nullptr) {
     return -1;
   }
-  define_variables(object, variables);
   const int32_t platform = read_platform();
   if (platform != 0) {
     reinterpret_cast<hwinfo_block *>(object->data)->platform = platform;

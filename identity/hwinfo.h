@@ -4,6 +4,10 @@
 
 #include <stdint.h>
 
+#include "common/group.h"
+
+extern const group hwinfo_group;
+
 inline constexpr char platform_ev[] = "ZTHRN4";
 inline constexpr uint32_t platform_ev_size = 5;  // a shorter one is taken as absent
 

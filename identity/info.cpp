@@ -12,9 +12,9 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "common/group.h"
 #include "common/kept_file.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -46,29 +46,33 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
                     int length);
 
 static constexpr variable variables[] = {
-    {"tlxHoName", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, name), nullptr},
-    {"tlxHoVersion", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, version),
-     nullptr},
-    {"tlxHoDesc", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(info_block, description),
-     nullptr},
-    {"tlxHoOsType", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(info_block, os_type), nullptr},
-    {"tlxHoTelnet", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(info_block, telnet), nullptr},
-    {"tlxHoSystemRole", 65, VAR_DISPLAY_STRING, ACCESS_WRITABLE, offsetof(info_block, role),
-     set_role},
-    {"tlxHoSystemRoleDetail", 513, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
-     offsetof(info_block, role_detail), set_role},
-    {"tlxHoSystemName", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(info_block, system_name), nullptr},
-    {"tlxHosysDescr", 512, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(info_block, system_description), nullptr},
+    READ_ONLY("tlxHoName", info_block, name),
+    READ_ONLY("tlxHoVersion", info_block, version),
+    READ_ONLY("tlxHoDesc", info_block, description),
+    READ_ONLY("tlxHoOsType", info_block, os_type),
+    READ_ONLY("tlxHoTelnet", info_block, telnet),
+    SETTABLE("tlxHoSystemRole", info_block, role, set_role),
+    SETTABLE("tlxHoSystemRoleDetail", info_block, role_detail, set_role),
+    READ_ONLY("tlxHoSystemName", info_block, system_name),
+    READ_ONLY("tlxHosysDescr", info_block, system_description),
 };
-static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
-static_assert(variable_count == 9);
+
+constexpr group info_group = described<info_block>({
+    .name = "info",
+    .title = "system",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_info,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
 enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
+
+static bool called;
 
 // The texts that a manager has set, as they stand and without an end.
 static kept_file role_file = {"tlxhosystemrole.dat", false};
@@ -194,15 +198,11 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
 
 // ---- Publishing -----------------------------------------------------------------------------
 
-static registry_object *create_info() {
-  char name[sizeof(log_dir) + sizeof("/info")];
-  snprintf(name, sizeof(name), "%s/%s", log_dir, "info");
-  registry_object *object =
-      create_obj(&obj_Q, get_id(), name, 1, sizeof(info_block), variable_count);
+static registry_object *create() {
+  registry_object *object = create_object(info_group);
   if (object == nullptr) {
     return nullptr;
   }
-  define_variables(object, variables);
   info_block *block = block_of(object);
   if (is_appliance() != 0) {
     read_appliance(block);
@@ -218,8 +218,8 @@ static registry_object *create_info() {
 
 // ---- Entry point ----------------------------------------------------------------------------
 
-int do_info(int start_up) {
-  registry_object *object = start_up != 0 ? create_info() : find_obj(&obj_Q, 0, "host/info");
+int do_info() {
+  registry_object *object = first_call(&called) ? create() : find_object(info_group);
   if (object == nullptr) {
     return -1;
   }

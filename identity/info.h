@@ -3,8 +3,12 @@
 #ifndef VEX_IDENTITY_INFO_H
 #define VEX_IDENTITY_INFO_H
 
-// With start_up, builds the group; otherwise refreshes it, which is the telnet probe alone. Returns
-// log_data()'s result, or -1 when the object cannot be created or is gone.
-int do_info(int start_up);
+#include "common/group.h"
+
+extern const group info_group;
+
+// Builds the group at the first call; later ones refresh it, which is the telnet probe alone.
+// Returns log_data()'s result, or -1 when the object cannot be created or is gone.
+int do_info();
 
 #endif

@@ -9,8 +9,8 @@
 #include <strings.h>
 #include <time.h>
 
+#include "common/group.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -46,15 +46,23 @@ static_assert(sizeof(cpu_block) == 976);
 // ---- Variables ------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
-    {"tlxHoCpuUtilUnitIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
-    {"tlxHoCpuUtilMin", 4, VAR_INTEGER, ACCESS_READ_ONLY, 4, nullptr},
-    {"tlxHoCpuUtilFiveMin", 4, VAR_INTEGER, ACCESS_READ_ONLY, 8, nullptr},
-    {"tlxHoCpuUtilThirtyMin", 4, VAR_INTEGER, ACCESS_READ_ONLY, 12, nullptr},
-    {"tlxHoCpuUtilHour", 4, VAR_INTEGER, ACCESS_READ_ONLY, 16, nullptr},
-    {"tlxHoCpuUtilHwLocation", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(cpu_block, location), nullptr},
+    READ_ONLY("tlxHoCpuUtilUnitIndex", cpu_block, index),
+    READ_ONLY("tlxHoCpuUtilMin", cpu_block, average[MINUTE]),
+    READ_ONLY("tlxHoCpuUtilFiveMin", cpu_block, average[FIVE_MINUTES]),
+    READ_ONLY("tlxHoCpuUtilThirtyMin", cpu_block, average[THIRTY_MINUTES]),
+    READ_ONLY("tlxHoCpuUtilHour", cpu_block, average[HOUR]),
+    READ_ONLY("tlxHoCpuUtilHwLocation", cpu_block, location),
 };
-static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
+
+constexpr group cpu_group = described<cpu_block>({
+    .name = "cpu",
+    .title = "processors",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_cpu,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
@@ -65,6 +73,7 @@ static constexpr int count_attempts = 3;
 // A long average is -1 until its time has passed, in seconds since the rows were created.
 static constexpr time_t known_after[RINGS] = {0, 300, 1800, 3600};
 
+static bool called;
 static bool uncounted = true;
 static bool rows_wanted;     // since start-up, whose count was broken off
 static int processors;       // counted once: those that come or go later are not noticed
@@ -122,7 +131,7 @@ static count_result count_lines(int *count) {
 
 // Counts the processors and makes room for their samples. 0, also when there was no whole count
 // (the next call tries again), or -1 without memory.
-static int count_processors(int start_up) {
+static int count_processors(bool start_up) {
   int count = 0;
   count_result result = BROKEN_OFF;
   for (int attempt = 0; attempt < count_attempts && result == BROKEN_OFF; attempt++) {
@@ -130,7 +139,7 @@ static int count_processors(int start_up) {
   }
   if (result != COUNTED) {
     // Rows are born at start-up alone; a file that could not be opened then leaves none.
-    rows_wanted = rows_wanted || (start_up != 0 && result == BROKEN_OFF);
+    rows_wanted = rows_wanted || (start_up && result == BROKEN_OFF);
     return 0;
   }
   const int number = count == 0 ? 1 : count;
@@ -171,7 +180,7 @@ static bool take_samples() {
 }
 
 // 1 with a new sample, 0 without (/proc/stat cannot be opened or read), -1 without memory.
-static int sample_processors(int start_up) {
+static int sample_processors(bool start_up) {
   if (uncounted && count_processors(start_up) != 0) {
     return -1;
   }
@@ -233,40 +242,32 @@ static uint32_t minute_length() {
   return period > ring_room[MINUTE] ? 1 : ring_room[MINUTE] / period;
 }
 
-static int create_row(int n) {
-  char name[sizeof(log_dir) + sizeof("/cpu.") + 11];
-  snprintf(name, sizeof(name), "%s.%d", "host/cpu", n);
-  if (find_obj(&obj_Q, 0, name) != nullptr) {
+static int create_processor(int n) {
+  if (find_row(cpu_group, n) != nullptr) {
     return 0;  // by an earlier attempt that did not get to the end
   }
-  snprintf(name, sizeof(name), "%s/%s.%d", log_dir, "cpu", n);
-  registry_object *object =
-      create_obj(&obj_Q, get_id(), name, 1, sizeof(cpu_block), variable_count);
+  registry_object *object = create_row(cpu_group, n);
   if (object == nullptr) {
     return -1;
   }
   auto *block = reinterpret_cast<cpu_block *>(object->data);
-  memset(block, 0, sizeof(*block));
   block->index = n;
   for (int which = 0; which < RINGS; which++) {
     block->average[which] = -1;
     block->ring[which].length = which == MINUTE ? minute_length() : ring_room[which];
     block->ring[which].start = ring_start[which];
   }
-  define_variables(object, variables);
   log_data(object);
   return 0;
 }
 
-static int update_row(int n) {
-  const int32_t utilisation = cpu_utilisation(current[n], previous[n]);
-  char name[32];
-  snprintf(name, sizeof(name), "%s/cpu.%d", "host", n);
-  registry_object *object = find_obj(&obj_Q, 0, name);
+static int update_processor(int n) {
+  registry_object *object = find_row(cpu_group, n);
   if (object == nullptr) {
     return -1;
   }
-  take_utilisation(reinterpret_cast<cpu_block *>(object->data), utilisation);
+  take_utilisation(reinterpret_cast<cpu_block *>(object->data),
+                   cpu_utilisation(current[n], previous[n]));
   log_data(object);
   return 0;
 }
@@ -274,7 +275,7 @@ static int update_row(int n) {
 static int create_rows() {
   created = age_clock();
   for (int n = 0; n < processors; n++) {
-    if (create_row(n) != 0) {
+    if (create_processor(n) != 0) {
       return -1;
     }
   }
@@ -283,12 +284,13 @@ static int create_rows() {
 
 // ---- Entry point ----------------------------------------------------------------------------
 
-int do_cpu(int start_up) {
+int do_cpu() {
+  const bool start_up = first_call(&called);
   const int sampled = sample_processors(start_up);
   if (sampled < 0) {
     return -1;
   }
-  if (start_up != 0 || (rows_wanted && !uncounted)) {
+  if (start_up || (rows_wanted && !uncounted)) {
     if (create_rows() != 0) {
       return -1;
     }
@@ -298,7 +300,7 @@ int do_cpu(int start_up) {
     return 0;
   }
   for (int n = 0; n < processors; n++) {
-    if (update_row(n) != 0) {
+    if (update_processor(n) != 0) {
       return -1;
     }
   }

@@ -5,10 +5,14 @@
 
 #include <stdint.h>
 
-// start_up 1 counts the processors, creates their rows and takes the first sample; 0 takes a
-// sample. Returns 0, or -1 when memory runs out or a row cannot be created or found; an unreadable
-// /proc/stat leaves the values as they were.
-int do_cpu(int start_up);
+#include "common/group.h"
+
+extern const group cpu_group;
+
+// The first call counts the processors, creates their rows and takes the first sample; later ones
+// take a sample. Returns 0, or -1 when memory runs out or a row cannot be created or found; an
+// unreadable /proc/stat leaves the values as they were.
+int do_cpu();
 
 // Counters of one processor in clock ticks since boot.
 struct cpu_sample {

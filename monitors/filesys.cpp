@@ -9,9 +9,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "common/group.h"
 #include "common/row_table.h"
 #include "common/util.h"
-#include "common/variables.h"
 
 // ---- Data block -----------------------------------------------------------------------------
 
@@ -28,27 +28,26 @@ static_assert(sizeof(filesys_block) == 280);
 
 // ---- Variables ------------------------------------------------------------------------------
 
-static constexpr size_t figure(size_t offset) {
-  return offsetof(filesys_block, figures) + offset;
-}
-
 // The percentage comes before the allocation units here, and after them in the data block.
 static constexpr variable variables[] = {
-    {"tlxHoFileSysIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY, 0, nullptr},
-    {"tlxHoFileSysDesc", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(filesys_block, description), nullptr},
-    {"tlxHoFileSysSpaceTotal", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     figure(offsetof(filesys_figures, space_total)), nullptr},
-    {"tlxHoFileSysSpaceUsed", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     figure(offsetof(filesys_figures, space_used)), nullptr},
-    {"tlxHoFileSysPercentSpaceUsed", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     figure(offsetof(filesys_figures, percent_used)), nullptr},
-    {"tlxHoFileSysAllocUnitsTotal", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     figure(offsetof(filesys_figures, units_total)), nullptr},
-    {"tlxHoFileSysAllocUnitsUsed", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     figure(offsetof(filesys_figures, units_used)), nullptr},
+    READ_ONLY("tlxHoFileSysIndex", filesys_block, index),
+    READ_ONLY("tlxHoFileSysDesc", filesys_block, description),
+    READ_ONLY("tlxHoFileSysSpaceTotal", filesys_block, figures.space_total),
+    READ_ONLY("tlxHoFileSysSpaceUsed", filesys_block, figures.space_used),
+    READ_ONLY("tlxHoFileSysPercentSpaceUsed", filesys_block, figures.percent_used),
+    READ_ONLY("tlxHoFileSysAllocUnitsTotal", filesys_block, figures.units_total),
+    READ_ONLY("tlxHoFileSysAllocUnitsUsed", filesys_block, figures.units_used),
 };
-static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
+
+constexpr group filesys_group = described<filesys_block>({
+    .name = "filesys",
+    .title = "file systems",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_filesys,
+    .each_poll = false,
+    .absence = "nothing is mounted that the table lists",
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
@@ -293,7 +292,7 @@ static int publish(filesys_row *row) {
   return result;
 }
 
-static filesys_row *create_row(const char *key) {
+static filesys_row *create(const char *key) {
   auto *row = static_cast<filesys_row *>(calloc(1, sizeof(filesys_row)));
   if (row == nullptr) {
     return nullptr;
@@ -303,16 +302,13 @@ static filesys_row *create_row(const char *key) {
     free(row);
     return nullptr;
   }
-  char path[sizeof(log_dir) + sizeof("/filesys.") + 11];
-  snprintf(path, sizeof(path), "%s/%s.%d", log_dir, "filesys", table.free_index());
-  row->object = create_obj(&obj_Q, get_id(), path, 1, sizeof(filesys_block), variable_count);
+  row->object = create_row(filesys_group, table.free_index());
   if (row->object == nullptr || !table.insert(row)) {
     free(row->key);
     free(row);
     return nullptr;
   }
   row->entry = not_listed;
-  define_variables(row->object, variables);
   block_of(row)->index = row->object->instance;
   publish_once(row->object);
   return row;
@@ -322,7 +318,7 @@ static filesys_row *create_row(const char *key) {
 static filesys_row *row_of(const char *key) {
   filesys_row *row = table.find(key);
   if (row == nullptr) {
-    row = create_row(key);
+    row = create(key);
   }
   if (row == nullptr) {
     agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "create",

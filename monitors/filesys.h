@@ -6,7 +6,10 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "common/group.h"
 #include "platform/framework.h"
+
+extern const group filesys_group;
 
 struct filesys_row;
 

@@ -7,8 +7,8 @@
 #include <string.h>
 #include <strings.h>
 
+#include "common/group.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -21,11 +21,21 @@ static_assert(sizeof(memory_block) == 16);
 // ---- Variables ------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
-    {"tlxHoPhysicalMemorySize", 4, VAR_INTEGER, ACCESS_READ_ONLY, 4 * MEM_TOTAL, nullptr},
-    {"tlxHoPhysicalMemoryFree", 4, VAR_INTEGER, ACCESS_READ_ONLY, 4 * MEM_FREE, nullptr},
-    {"tlxHoPagingMemorySize", 4, VAR_INTEGER, ACCESS_READ_ONLY, 4 * SWAP_TOTAL, nullptr},
-    {"tlxHoPagingMemoryFree", 4, VAR_INTEGER, ACCESS_READ_ONLY, 4 * SWAP_FREE, nullptr},
+    READ_ONLY("tlxHoPhysicalMemorySize", memory_block, value[MEM_TOTAL]),
+    READ_ONLY("tlxHoPhysicalMemoryFree", memory_block, value[MEM_FREE]),
+    READ_ONLY("tlxHoPagingMemorySize", memory_block, value[SWAP_TOTAL]),
+    READ_ONLY("tlxHoPagingMemoryFree", memory_block, value[SWAP_FREE]),
 };
+
+constexpr group memory_group = described<memory_block>({
+    .name = "memory",
+    .title = "memory",
+    .flag = 0,
+    .variables = variables,
+    .refresh = do_memory,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State ----------------------------------------------------------------------------------
 
@@ -35,7 +45,7 @@ static constexpr int line_size = 256;
 static constexpr const char *key_names[MEMINFO_KEYS] = {"MemTotal", "MemFree", "SwapTotal",
                                                         "SwapFree"};
 
-static bool first_time = true;
+static bool called;
 // How often each key's number may still be reported as too large.
 static int budgets[MEMINFO_KEYS] = {6, 6, 6, 6};
 
@@ -67,18 +77,13 @@ static void take_value(memory_block *block, int key, unsigned long kilobytes) {
 
 // ---- Publishing -----------------------------------------------------------------------------
 
-static registry_object *create_memory() {
-  char name[sizeof(log_dir) + sizeof("/memory")];
-  snprintf(name, sizeof(name), "%s/%s", log_dir, "memory");
-  registry_object *object =
-      create_obj(&obj_Q, get_id(), name, 0, sizeof(memory_block), MEMINFO_KEYS);
-  if (object == nullptr) {
-    return nullptr;
-  }
-  define_variables(object, variables);
-  auto *block = reinterpret_cast<memory_block *>(object->data);
-  for (int key = 0; key < MEMINFO_KEYS; key++) {
-    block->value[key] = -1;
+static registry_object *create() {
+  registry_object *object = create_object(memory_group);
+  if (object != nullptr) {
+    auto *block = reinterpret_cast<memory_block *>(object->data);
+    for (int key = 0; key < MEMINFO_KEYS; key++) {
+      block->value[key] = -1;
+    }
   }
   return object;
 }
@@ -86,13 +91,7 @@ static registry_object *create_memory() {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_memory() {
-  registry_object *object;
-  if (first_time) {
-    first_time = false;
-    object = create_memory();
-  } else {
-    object = find_obj(&obj_Q, 0, "host/memory");
-  }
+  registry_object *object = first_call(&called) ? create() : find_object(memory_group);
   if (object == nullptr) {
     return -1;
   }

@@ -2,6 +2,10 @@
 #ifndef VEX_MONITORS_MEMORY_H
 #define VEX_MONITORS_MEMORY_H
 
+#include "common/group.h"
+
+extern const group memory_group;
+
 // Builds the group at the first call and refreshes it at every call. Returns 0, or -1 when its
 // object cannot be created or found; an unreadable /proc/meminfo leaves the values as they were.
 int do_memory();

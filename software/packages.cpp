@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
+#include "common/group.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 #include "software/components.h"
 #include "software/swver.h"
@@ -19,10 +19,19 @@ struct __attribute__((packed)) swverag_data {
 };
 static_assert(sizeof(swverag_data) == 51);
 
-static const variable agent_variables[] = {
-    {"tlxHoSwVerAgentsVer", 51, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(swverag_data, version), nullptr},
+static constexpr variable agent_version_variables[] = {
+    READ_ONLY("tlxHoSwVerAgentsVer", swverag_data, version),
 };
+
+constexpr group swverag_group = described<swverag_data>({
+    .name = "swverag",
+    .title = "agent version",
+    .flag = 1,
+    .variables = agent_version_variables,
+    .refresh = nullptr,
+    .each_poll = false,
+    .absence = "the version of the agents' package could not be asked",
+});
 
 // ---- State --------------------------------------------------------------------------------------
 
@@ -360,7 +369,7 @@ static void find_agent_version(const shared_limit &limit) {
   if (!agent_version_from_package) {
     copy_field(data->version, version);
   }
-  define_variables(agent_version, agent_variables);
+  define_variables(agent_version, swverag_group.variables);
   agent_version_defined = true;
   publish_agent_version = true;
 }
@@ -383,9 +392,7 @@ static void set_agent_version(const char *version) {
 
 static void create_agent_version() {
   publish_agent_version = true;
-  char path[sizeof(log_dir) + 16];
-  snprintf(path, sizeof(path), "%s/%s", log_dir, "swverag");
-  agent_version = create_obj(&obj_Q, get_id(), path, 1, sizeof(swverag_data), 1);
+  agent_version = create_undefined_object(swverag_group);
 }
 
 static void create_components() {

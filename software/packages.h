@@ -6,6 +6,12 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "common/group.h"
+
+extern const group swverag_group;
+
+extern const group swver_group;
+
 // Builds the table at the first call; refreshes component versions, rescans the package database
 // when it has changed, and publishes. Returns 0.
 int do_swver();

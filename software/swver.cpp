@@ -4,11 +4,12 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "common/group.h"
+#include "common/next_index.h"
 #include "common/row_table.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "software/components.h"
-#include "status/misc.h"
+#include "software/packages.h"
 
 // ---- Variables --------------------------------------------------------------------------------
 
@@ -19,23 +20,28 @@ static constexpr int date_length = 7;
 
 enum swver_slot { SLOT_TYPE = 2, SLOT_NAME = 3, SLOT_DATE = 5, SLOT_LOCATION = 6 };
 
-static const variable variables[] = {
-    {"tlxHoSwVerIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(swver_data, index), nullptr},
-    {"tlxHoSwVerStatus", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(swver_data, status), nullptr},
-    {"tlxHoSwVerType", 4, VAR_INTEGER, ACCESS_WRITABLE, offsetof(swver_data, type), swver_set},
-    {"tlxHoSwVerName", 128, VAR_DISPLAY_STRING, ACCESS_WRITABLE, offsetof(swver_data, name),
-     swver_set},
-    {"tlxHoSwVerDescription", 256, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(swver_data, description), nullptr},
-    {"tlxHoSwVerDate", date_length, VAR_OCTET_STRING, ACCESS_READ_ONLY, offsetof(swver_data, date),
-     nullptr},
-    {"tlxHoSwVerLocation", 256, VAR_DISPLAY_STRING, ACCESS_WRITABLE, offsetof(swver_data, location),
-     swver_set},
-    {"tlxHoSwVerVersion", 51, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, offsetof(swver_data, version),
-     nullptr},
-    {"tlxHoSwVerVersionBinary", 51, VAR_DISPLAY_STRING, ACCESS_READ_ONLY,
-     offsetof(swver_data, version_binary), nullptr},
+static constexpr variable variables[] = {
+    READ_ONLY("tlxHoSwVerIndex", swver_data, index),
+    READ_ONLY("tlxHoSwVerStatus", swver_data, status),
+    SETTABLE("tlxHoSwVerType", swver_data, type, swver_set),
+    SETTABLE("tlxHoSwVerName", swver_data, name, swver_set),
+    READ_ONLY("tlxHoSwVerDescription", swver_data, description),
+    LEADING_OCTETS("tlxHoSwVerDate", swver_data, date, date_length),
+    SETTABLE("tlxHoSwVerLocation", swver_data, location, swver_set),
+    READ_ONLY("tlxHoSwVerVersion", swver_data, version),
+    READ_ONLY("tlxHoSwVerVersionBinary", swver_data, version_binary),
 };
+
+constexpr group swver_group = described<swver_data>({
+    .name = "swver",
+    .title = "software",
+    .flag = 1,
+    .variables = variables,
+    .refresh = do_swver,
+    .along = &swverag_group,
+    .each_poll = false,
+    .absence = nullptr,
+});
 
 // Stores a manager's text of at most `longest` characters at the offset, through the data block as
 // bytes: the limits are as long as the fields, so the terminator of the longest text lies in the
@@ -122,16 +128,12 @@ swver_row *swver_create(const char *name) {
     release(row);
     return nullptr;
   }
-  char path[sizeof(log_dir) + 32];
-  snprintf(path, sizeof(path), "%s/%s.%d", log_dir, "swver", table.free_index());
-  row->object = create_obj(&obj_Q, get_id(), path, 1, sizeof(swver_data), 9);
+  row->object = create_row(swver_group, table.free_index());
   // An object whose row cannot be inserted stays in the registry, unpublished.
   if (row->object == nullptr || !table.insert(row)) {
     release(row);
     return nullptr;
   }
-  memset(row->object->data, 0, sizeof(swver_data));
-  define_variables(row->object, variables);
   row->object->desc[SLOT_DATE].length = date_length;
   // The index column says what the next index was, which is not always the row's number: the
   // firmware table moves it too.

@@ -10,14 +10,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "common/group.h"
+#include "common/next_index.h"
 #include "common/util.h"
-#include "common/variables.h"
 #include "platform/framework.h"
 #include "status/guid.h"
 #include "status/mib_status.h"
-
-static constexpr char group[] = "misc";
-static constexpr char host_group[] = "host/misc";
 
 // ---- Data block ---------------------------------------------------------------------------------
 
@@ -63,39 +61,33 @@ enum misc_slot {
 static int set_misc(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
                     int length);
 
-static const variable variables[] = {
-    {"tlxHoMibRevMajor", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, mib_rev_major),
-     nullptr},
-    {"tlxHoMibRevMinor", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, mib_rev_minor),
-     nullptr},
-    {"tlxHoMibCondition", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, mib_condition),
-     nullptr},
-    {"tlxHoOsCommonPollFreq", 4, VAR_INTEGER, ACCESS_WRITABLE, offsetof(misc_data, poll_frequency),
-     set_misc},
-    {"tlxHoSwVerNextIndex", 4, VAR_INTEGER, ACCESS_READ_ONLY,
-     offsetof(misc_data, sw_ver_next_index), nullptr},
-    {"tlxHoGenericData", 255, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
-     offsetof(misc_data, generic_data), set_misc},
-    {"tlxHoClientLastModified", 7, VAR_OCTET_STRING, ACCESS_READ_ONLY,
-     offsetof(misc_data, client_last_modified), nullptr},
-    {"tlxHoMibStatusArray", STATUS_ARRAY_SIZE, VAR_OCTET_STRING, ACCESS_READ_ONLY,
-     offsetof(misc_data, mib_status_array), nullptr},
-    {"tlxHoTrapFlags", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, trap_flags), nullptr},
-    {"tlxHoConfigChangedDate", 7, VAR_OCTET_STRING, ACCESS_READ_ONLY,
-     offsetof(misc_data, config_changed_date), nullptr},
-    {"tlxHoGUID", GUID_SIZE, VAR_OCTET_STRING, ACCESS_WRITABLE, offsetof(misc_data, guid),
-     set_misc},
-    {"tlxHoCodeServer", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, code_server),
-     nullptr},
-    {"tlxHoWebMgmtPort", 4, VAR_INTEGER, ACCESS_READ_ONLY, offsetof(misc_data, web_mgmt_port),
-     nullptr},
-    {"tlxHoGUIDCanonical", 256, VAR_DISPLAY_STRING, ACCESS_WRITABLE,
-     offsetof(misc_data, guid_canonical), set_misc},
-    {"tlxHoMibHealthStatusArray", STATUS_ARRAY_SIZE, VAR_OCTET_STRING, ACCESS_READ_ONLY,
-     offsetof(misc_data, mib_health_status_array), nullptr},
+static constexpr variable variables[] = {
+    READ_ONLY("tlxHoMibRevMajor", misc_data, mib_rev_major),
+    READ_ONLY("tlxHoMibRevMinor", misc_data, mib_rev_minor),
+    READ_ONLY("tlxHoMibCondition", misc_data, mib_condition),
+    SETTABLE("tlxHoOsCommonPollFreq", misc_data, poll_frequency, set_misc),
+    READ_ONLY("tlxHoSwVerNextIndex", misc_data, sw_ver_next_index),
+    SETTABLE("tlxHoGenericData", misc_data, generic_data, set_misc),
+    READ_ONLY("tlxHoClientLastModified", misc_data, client_last_modified),
+    READ_ONLY("tlxHoMibStatusArray", misc_data, mib_status_array),
+    READ_ONLY("tlxHoTrapFlags", misc_data, trap_flags),
+    READ_ONLY("tlxHoConfigChangedDate", misc_data, config_changed_date),
+    SETTABLE("tlxHoGUID", misc_data, guid, set_misc),
+    READ_ONLY("tlxHoCodeServer", misc_data, code_server),
+    READ_ONLY("tlxHoWebMgmtPort", misc_data, web_mgmt_port),
+    SETTABLE("tlxHoGUIDCanonical", misc_data, guid_canonical, set_misc),
+    READ_ONLY("tlxHoMibHealthStatusArray", misc_data, mib_health_status_array),
 };
-static constexpr int variable_count = sizeof(variables) / sizeof(variables[0]);
-static_assert(variable_count == 15);
+
+constexpr group misc_group = described<misc_data>({
+    .name = "misc",
+    .title = "misc",
+    .flag = 0,
+    .variables = variables,
+    .refresh = do_misc,
+    .each_poll = true,
+    .absence = nullptr,
+});
 
 // ---- State --------------------------------------------------------------------------------------
 
@@ -103,10 +95,9 @@ static constexpr int mib_number = 11;
 static constexpr int32_t condition_normal = 2;
 static constexpr int32_t web_management_port = 2301;
 
-static bool first_call = true;
+static bool called;
 static int32_t base_condition = condition_normal;
 static bool threshold_failure_logged;
-static registry_object *object;  // null while the group does not exist
 
 static misc_data *data_of(registry_object *misc) {
   return reinterpret_cast<misc_data *>(misc->data);
@@ -302,7 +293,7 @@ static constexpr char generic_test_text[] = "Quorix Generic Test Trap (11003): %
 // Stores the text, sends it as a trap and publishes. Returns log_data()'s result, or -1 when the
 // group is gone.
 static int send_generic_test_trap(const char *text) {
-  registry_object *misc = find_obj(&obj_Q, 0, host_group);
+  registry_object *misc = find_object(misc_group);
   if (misc == nullptr) {
     return -1;
   }
@@ -357,14 +348,10 @@ static int set_misc(uint8_t phase, registry_object *misc, descriptor *desc, cons
 // ---- Publishing ---------------------------------------------------------------------------------
 
 static registry_object *create() {
-  char name[sizeof(log_dir) + sizeof(group)];
-  snprintf(name, sizeof(name), "%s/%s", log_dir, group);
-  registry_object *misc = create_obj(&obj_Q, get_id(), name, 0, sizeof(misc_data), variable_count);
+  registry_object *misc = create_object(misc_group);
   if (misc == nullptr) {
     return nullptr;
   }
-  define_variables(misc, variables);
-
   misc_data *data = data_of(misc);
   data->mib_rev_major = get_mib_major_revision(mib_number);
   data->mib_rev_minor = get_mib_minor_revision(mib_number);
@@ -399,35 +386,16 @@ static void refresh(registry_object *misc) {
   log_data(misc);
 }
 
-// ---- Entry points -------------------------------------------------------------------------------
-
-int set_next_index(int32_t index) {
-  if (object == nullptr) {
-    return -1;
-  }
-  data_of(object)->sw_ver_next_index = index;
-  return log_data(object);
-}
-
-int32_t next_index(void) {
-  return object != nullptr ? data_of(object)->sw_ver_next_index : 0;
-}
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_misc(void) {
-  if (first_call) {
-    first_call = false;
-    object = create();
-    if (object == nullptr) {
-      agentlog_fprintf(stderr, "do_misc: do_init returns NULL, return NOT_OK\n");
-      return -1;
-    }
-  } else {
-    object = find_obj(&obj_Q, 0, host_group);
-    if (object == nullptr) {
-      agentlog_fprintf(stderr, "do_misc: find_obj returns NULL, return NOT_OK\n");
-      return -1;
-    }
+  const bool first = first_call(&called);
+  registry_object *misc = first ? create() : find_object(misc_group);
+  keep_next_index_in(misc, offsetof(misc_data, sw_ver_next_index));
+  if (misc == nullptr) {
+    report_no_object("do_misc", first);
+    return -1;
   }
-  refresh(object);
+  refresh(misc);
   return 0;
 }

@@ -131,9 +131,9 @@ TEST(SiblingDetail, SaysInWordsWhatTheArraysSay) {
   Put(host, "stsys/mib", {1, 0, 2});
   host.Start();
   ASSERT_TRUE(host.daemon.Poll());
-  const std::vector<std::string> columns = {"tlxHoSiblingName",  "tlxHoSiblingPresent",
+  const std::vector<std::string> columns = {"tlxHoSiblingName",      "tlxHoSiblingPresent",
                                             "tlxHoSiblingCondition", "tlxHoSiblingMajor",
-                                            "tlxHoSiblingMinor", "tlxHoSiblingHealth"};
+                                            "tlxHoSiblingMinor",     "tlxHoSiblingHealth"};
   const auto row = [&](const std::string &number) {
     std::vector<std::string> names;
     for (const std::string &column : columns) {
@@ -141,12 +141,12 @@ TEST(SiblingDetail, SaysInWordsWhatTheArraysSay) {
     }
     return host.GetTogether(names);
   };
-  EXPECT_EQ(row("3"), (std::vector<std::string>{"STRING: \"array controllers\"", "INTEGER: 1",
-                                                "INTEGER: 4", "INTEGER: 3", "INTEGER: 7",
-                                                "INTEGER: 4"}));
-  EXPECT_EQ(row("8"), (std::vector<std::string>{"STRING: \"storage systems\"", "INTEGER: 1",
-                                                "INTEGER: 2", "INTEGER: 1", "INTEGER: 0",
-                                                "INTEGER: 2"}));
+  EXPECT_EQ(row("3"),
+            (std::vector<std::string>{"STRING: \"array controllers\"", "INTEGER: 1", "INTEGER: 4",
+                                      "INTEGER: 3", "INTEGER: 7", "INTEGER: 4"}));
+  EXPECT_EQ(row("8"),
+            (std::vector<std::string>{"STRING: \"storage systems\"", "INTEGER: 1", "INTEGER: 2",
+                                      "INTEGER: 1", "INTEGER: 0", "INTEGER: 2"}));
   EXPECT_EQ(row("6"), (std::vector<std::string>{"STRING: \"health\"", "INTEGER: 2", "INTEGER: -1",
                                                 "INTEGER: -1", "INTEGER: -1", "INTEGER: -1"}));
   // Every name once, in the places of the status array.

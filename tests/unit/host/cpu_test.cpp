@@ -55,7 +55,7 @@ class BusyMachine {
 
 TEST(Cpu, StartsWithTheAverageSinceBoot) {
   Stat({{30, 1000, 20, 150}, {0, 0, 0, 500}, {7, 0, 0, 0}});
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1), Row(2)}));
   EXPECT_EQ(rec::Int(Row(0), kMinute), 25);
   EXPECT_EQ(rec::Int(Row(1), kMinute), 0);
@@ -75,7 +75,7 @@ TEST(Cpu, StartsWithTheAverageSinceBoot) {
 
 TEST(Cpu, AllFourAveragesAreUnknownAtBirth) {
   Stat({{1, 0, 0, 1}});
-  do_cpu(1);
+  do_cpu();
   for (const rec::Event &event : rec::Events()) {
     if (event.operation == "log_data") {
       EXPECT_EQ(event.data.substr(4, 16), std::string(16, '\xff'));
@@ -87,45 +87,45 @@ TEST(Cpu, AllFourAveragesAreUnknownAtBirth) {
 
 TEST(Cpu, MeasuresFromPollToPoll) {
   Stat({{100, 0, 0, 100}, {100, 0, 0, 100}});
-  do_cpu(1);  // 50 %
+  do_cpu();  // 50 %
   Stat({{110, 0, 5, 185}, {200, 0, 0, 100}});
-  ASSERT_EQ(do_cpu(0), 0);  // 15 % and 100 %
+  ASSERT_EQ(do_cpu(), 0);  // 15 % and 100 %
   EXPECT_EQ(rec::Int(Row(0), kMinute), (50 + 15) / 2);
   EXPECT_EQ(rec::Int(Row(1), kMinute), 75);
 }
 
 TEST(Cpu, NicedTimeNeverCounts) {
   Stat({{0, 0, 0, 100}, {0, 0, 0, 100}});
-  do_cpu(1);
+  do_cpu();
   Stat({{50, 9000, 0, 150}, {0, 9000, 0, 100}});
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 25);  // 0 and 50
   EXPECT_EQ(rec::Int(Row(1), kMinute), 0);
 }
 
 TEST(Cpu, EqualCountersAreIdle) {
   Stat({{10, 0, 0, 0}, {10, 0, 0, 0}});
-  do_cpu(1);
-  EXPECT_EQ(do_cpu(0), 0);
+  do_cpu();
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 50);  // 100 and 0
 }
 
 TEST(Cpu, TheOnlyProcessorIsReadFromTheSumLine) {
   rec::PutFile("/proc/stat", "cpu  10 0 0 90 0\ncpu0 90 0 0 10 0\n");
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
   EXPECT_EQ(rec::LiveNames().size(), 1u);
 }
 
 TEST(Cpu, WithoutProcessorLinesThereIsOne) {
   rec::PutFile("/proc/stat", "intr 5\nCPU  10 0 0 90 0\n");
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
 }
 
 TEST(Cpu, ProcessorLinesAreTakenInFileOrder) {
   rec::PutFile("/proc/stat", "cpu  0 0 0 0\ncpu5 10 0 0 90\nCpu2 20 0 0 80\ncpu9 30 0 0 70\n");
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
   EXPECT_EQ(rec::Int(Row(1), kMinute), 20);
   EXPECT_EQ(rec::Int(Row(2), kMinute), 30);
@@ -134,13 +134,13 @@ TEST(Cpu, ProcessorLinesAreTakenInFileOrder) {
 
 TEST(Cpu, ProcessorsThatGoAreIdleAndThoseThatComeAreNotNoticed) {
   Stat({{100, 0, 0, 0}, {100, 0, 0, 0}});
-  do_cpu(1);
+  do_cpu();
   Stat({{200, 0, 0, 0}});
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 100);
   EXPECT_EQ(rec::Int(Row(1), kMinute), 50);
   Stat({{300, 0, 0, 0}, {300, 0, 0, 0}, {300, 0, 0, 0}});
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 2u);
 }
 
@@ -150,7 +150,7 @@ TEST(Cpu, TwoHundredProcessors) {
     many.push_back({n, 0, 0, 200 - n});
   }
   Stat(many);
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 200u);
   EXPECT_EQ(rec::Int(Row(199), kMinute), 100);
   EXPECT_EQ(rec::Int(Row(197), kMinute), 99);  // 98.5
@@ -161,19 +161,19 @@ TEST(Cpu, AnAverageDividesByTheSamplesSoFar) {
   poll_time = 15;
   BusyMachine machine;
   machine.Pass(10);
-  do_cpu(1);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
   machine.Pass(21);
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 15);  // 15.5, cut off
   machine.Pass(30);
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 20);
   machine.Pass(40);
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 25);
   machine.Pass(90);  // the first one leaves the ring
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 45);
 }
 
@@ -183,12 +183,12 @@ TEST(Cpu, LongAveragesComeOnceAMinuteAfterTheirTime) {
   rec::SetBootTime(kStart);
   BusyMachine machine;
   machine.Pass(40);
-  do_cpu(1);
+  do_cpu();
   for (int poll = 1; poll <= 4 * 62; poll++) {
     const time_t age = 15 * poll;
     rec::SetBootTime(kStart + age);
     machine.Pass(40);
-    ASSERT_EQ(do_cpu(0), 0);
+    ASSERT_EQ(do_cpu(), 0);
     ASSERT_EQ(rec::Int(Row(1), kFive), age < 300 ? -1 : 40) << age;
     ASSERT_EQ(rec::Int(Row(1), kThirty), age < 1800 ? -1 : 40) << age;
     ASSERT_EQ(rec::Int(Row(1), kHour), age < 3600 ? -1 : 40) << age;
@@ -200,12 +200,12 @@ TEST(Cpu, TheFirstFiveMinuteValueWaitsForARingTurn) {
   rec::SetBootTime(1000);
   BusyMachine machine;
   machine.Pass(40);
-  do_cpu(1);
+  do_cpu();
   // 300 seconds pass between two turns of the ring.
   for (int poll = 1; poll <= 8; poll++) {
     rec::SetBootTime(poll < 5 ? 1100 : 1300);
     machine.Pass(40);
-    do_cpu(0);
+    do_cpu();
     EXPECT_EQ(rec::Int(Row(0), kFive), poll < 8 ? -1 : 40) << poll;
   }
 }
@@ -215,14 +215,14 @@ TEST(Cpu, LongAveragesAreFedFromTheMinuteAverage) {
   rec::SetBootTime(0);
   BusyMachine machine;
   machine.Pass(10);
-  do_cpu(1);  // minute 10, goes into the long rings
+  do_cpu();  // minute 10, goes into the long rings
   rec::SetBootTime(4000);
   machine.Pass(20);
-  do_cpu(0);  // minute 15, does not
+  do_cpu();  // minute 15, does not
   EXPECT_EQ(rec::Int(Row(0), kMinute), 15);
   EXPECT_EQ(rec::Int(Row(0), kFive), -1);
   machine.Pass(60);
-  do_cpu(0);  // minute 40, does
+  do_cpu();  // minute 40, does
   EXPECT_EQ(rec::Int(Row(0), kMinute), 40);
   EXPECT_EQ(rec::Int(Row(0), kFive), 25);
   EXPECT_EQ(rec::Int(Row(0), kThirty), 25);
@@ -234,11 +234,11 @@ TEST(Cpu, TheFiveMinuteRingHoldsFive) {
   rec::SetBootTime(0);
   BusyMachine machine;
   machine.Pass(100);
-  do_cpu(1);
+  do_cpu();
   rec::SetBootTime(4000);
   for (int poll = 1; poll <= 10; poll++) {
     machine.Pass(0);
-    do_cpu(0);
+    do_cpu();
   }
   // Fed: 100, then five times 0; the hour still has the first one.
   EXPECT_EQ(rec::Int(Row(0), kFive), 0);
@@ -250,11 +250,11 @@ TEST(Cpu, ALongPollPeriodNeverFeedsTheLongAverages) {
   rec::SetBootTime(0);
   BusyMachine machine;
   machine.Pass(10);
-  do_cpu(1);
+  do_cpu();
   rec::SetBootTime(100000);
   for (int poll = 0; poll < 10; poll++) {
     machine.Pass(20 + poll);
-    do_cpu(0);
+    do_cpu();
     EXPECT_EQ(rec::Int(Row(0), kMinute), 20 + poll);
     EXPECT_EQ(rec::Int(Row(0), kFive), -1);
     EXPECT_EQ(rec::Int(Row(0), kHour), -1);
@@ -265,9 +265,9 @@ TEST(Cpu, APollPeriodAboveAMinuteStillHasOnePlace) {
   poll_time = 3600;
   BusyMachine machine;
   machine.Pass(10);
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   machine.Pass(70);
-  ASSERT_EQ(do_cpu(0), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 70);
 }
 
@@ -275,12 +275,12 @@ TEST(Cpu, ThePollPeriodAtBirthDecides) {
   poll_time = 30;
   BusyMachine machine;
   machine.Pass(10);
-  do_cpu(1);
+  do_cpu();
   poll_time = 1;
   machine.Pass(20);
-  do_cpu(0);
+  do_cpu();
   machine.Pass(40);
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 30);
 }
 
@@ -288,34 +288,34 @@ TEST(Cpu, ASecondsPollFillsSixtyPlaces) {
   poll_time = 1;
   BusyMachine machine;
   machine.Pass(100);
-  do_cpu(1);
+  do_cpu();
   for (int poll = 1; poll < 60; poll++) {
     machine.Pass(0);
-    do_cpu(0);
+    do_cpu();
   }
   EXPECT_EQ(rec::Int(Row(0), kMinute), 1);  // 100 / 60
   machine.Pass(0);
-  do_cpu(0);
+  do_cpu();
   EXPECT_EQ(rec::Int(Row(0), kMinute), 0);
 }
 
 TEST(Cpu, UnreadableFileIsNoFailure) {
   Stat({{10, 0, 0, 90}, {10, 0, 0, 90}});
-  do_cpu(1);
+  do_cpu();
   rec::PutNothing("/proc/stat");
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 2u);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
 }
 
 TEST(Cpu, UnreadableFileAtStartUpMakesNoRows) {
   rec::PutNothing("/proc/stat");
-  EXPECT_EQ(do_cpu(1), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_TRUE(rec::LiveNames().empty());
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   // Counted later, the processors have no rows to be found.
   Stat({{10, 0, 0, 90}});
-  EXPECT_EQ(do_cpu(0), -1);
+  EXPECT_EQ(do_cpu(), -1);
 }
 
 // A clock that is set makes no average older.
@@ -325,12 +325,12 @@ TEST(Cpu, TheWallClockSaysNothingOfAnAge) {
   rec::SetBootTime(5000);
   BusyMachine machine;
   machine.Pass(40);
-  do_cpu(1);
+  do_cpu();
   rec::SetTime(1'000'000 + 400 * 86400);
   rec::SetBootTime(5000 + 120);
   for (int poll = 0; poll < 4; poll++) {
     machine.Pass(40);
-    do_cpu(0);
+    do_cpu();
   }
   EXPECT_EQ(rec::Int(Row(0), kFive), -1);
   EXPECT_EQ(rec::Int(Row(0), kHour), -1);
@@ -338,7 +338,7 @@ TEST(Cpu, TheWallClockSaysNothingOfAnAge) {
   rec::SetBootTime(5000 + 300);
   for (int poll = 0; poll < 2; poll++) {
     machine.Pass(40);
-    do_cpu(0);
+    do_cpu();
   }
   EXPECT_EQ(rec::Int(Row(0), kFive), 40);
   EXPECT_EQ(rec::Int(Row(0), kThirty), -1);
@@ -347,7 +347,7 @@ TEST(Cpu, TheWallClockSaysNothingOfAnAge) {
 TEST(Cpu, ACountThatWasBrokenOffIsMadeAgainAtOnce) {
   Stat({{10, 0, 0, 90}, {20, 0, 0, 80}, {30, 0, 0, 70}});
   rec::BreakReads("/proc/stat", 2, 60);
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 3u);
   EXPECT_EQ(rec::Int(Row(2), kMinute), 30);
 }
@@ -356,13 +356,13 @@ TEST(Cpu, RowsOfACountThatWasBrokenOffComeWithTheFirstWholeOne) {
   poll_time = 60;
   Stat({{10, 0, 0, 90}, {20, 0, 0, 80}, {30, 0, 0, 70}});
   rec::BreakReads("/proc/stat", 5, 60);
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_TRUE(rec::LiveNames().empty());
-  ASSERT_EQ(do_cpu(0), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1), Row(2)}));
   EXPECT_EQ(rec::Int(Row(1), kMinute), 20);
   Stat({{10, 0, 0, 190}, {20, 0, 0, 80}, {30, 0, 0, 70}, {9, 0, 0, 9}});
-  ASSERT_EQ(do_cpu(0), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 3u);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 0);
 }
@@ -370,34 +370,34 @@ TEST(Cpu, RowsOfACountThatWasBrokenOffComeWithTheFirstWholeOne) {
 TEST(Cpu, AFileThatCannotBeOpenedAtThisMomentIsOneThatCannotBeRead) {
   Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
   rec::Fail("fopen", "/proc/stat", 0, EMFILE);
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_TRUE(rec::LiveNames().empty());
   rec::StopFailing();
-  ASSERT_EQ(do_cpu(0), 0);
+  ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 2u);
 }
 
 TEST(Cpu, RowsThatCouldNotBeMadeLaterAreMadeByTheNextPoll) {
   Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
   rec::BreakReads("/proc/stat", 3, 60);
-  ASSERT_EQ(do_cpu(1), 0);
+  ASSERT_EQ(do_cpu(), 0);
   rec::Fail("create_obj", Row(1), 1);
-  EXPECT_EQ(do_cpu(0), -1);
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), -1);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1)}));
 }
 
 TEST(Cpu, ASampleThatWasBrokenOffLeavesTheValues) {
   poll_time = 60;
   Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
-  do_cpu(1);
+  do_cpu();
   Stat({{110, 0, 0, 90}, {120, 0, 0, 80}});
   rec::BreakReads("/proc/stat", 1, 55);
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 10);
   EXPECT_EQ(rec::Int(Row(1), kMinute), 20);
   Stat({{110, 0, 0, 190}, {120, 0, 0, 280}});
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 50);  // of both polls
   EXPECT_EQ(rec::Int(Row(1), kMinute), 33);
 }
@@ -405,21 +405,21 @@ TEST(Cpu, ASampleThatWasBrokenOffLeavesTheValues) {
 TEST(Cpu, FailsWhenARowCannotBeCreated) {
   Stat({{10, 0, 0, 90}, {10, 0, 0, 90}});
   rec::Fail("create_obj", Row(1));
-  EXPECT_EQ(do_cpu(1), -1);
+  EXPECT_EQ(do_cpu(), -1);
   EXPECT_EQ(rec::LiveNames(), std::vector<std::string>{Row(0)});
 }
 
 TEST(Cpu, AMissingRowKeepsTheSamples) {
   poll_time = 60;
   Stat({{0, 0, 0, 100}, {0, 0, 0, 100}});
-  do_cpu(1);
+  do_cpu();
   rec::Fail("find_obj", Row(1), 1);
   Stat({{100, 0, 0, 100}, {0, 0, 0, 200}});
-  EXPECT_EQ(do_cpu(0), -1);
+  EXPECT_EQ(do_cpu(), -1);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 100);
   // The failed poll did not become the one before.
   Stat({{100, 0, 0, 200}, {0, 0, 0, 300}});
-  EXPECT_EQ(do_cpu(0), 0);
+  EXPECT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 50);
   EXPECT_TRUE(rec::Messages().empty());
 }

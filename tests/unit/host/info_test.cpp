@@ -66,6 +66,21 @@ mode_t ModeOf(const char *path) {
   return st.st_mode & 07777;
 }
 
+// One life of the agent, in a process of its own.
+template <typename Steps>
+void InOneLife(Steps steps) {
+  const pid_t life = fork();
+  ASSERT_GE(life, 0);
+  if (life == 0) {
+    steps();
+    fflush(stdout);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(life, &status, 0), life);
+  EXPECT_EQ(status, 0);
+}
+
 // What is in the registry's root, in order.
 std::vector<std::string> Entries() {
   std::vector<std::string> names;
@@ -99,7 +114,7 @@ class Info : public testing::Test {
 // ---- Creation ---------------------------------------------------------------------------------
 
 TEST_F(Info, TheObjectAsCreated) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   const registry_object *object = rec::Live(kObject);
   ASSERT_NE(object, nullptr);
   EXPECT_EQ(object->flag, 1);
@@ -122,7 +137,7 @@ TEST_F(Info, TheObjectAsCreated) {
 }
 
 TEST_F(Info, TheVariablesBySlot) {
-  do_info(1);
+  do_info();
   struct Expected {
     const char *name;
     int size;
@@ -156,30 +171,30 @@ TEST_F(Info, TheVariablesBySlot) {
 
 TEST_F(Info, FailsWithoutItsObject) {
   rec::Fail("create_obj", kObject);
-  EXPECT_EQ(do_info(1), -1);
-  EXPECT_EQ(do_info(0), -1);  // nothing to find either
+  EXPECT_EQ(do_info(), -1);
+  EXPECT_EQ(do_info(), -1);  // nothing to find either
   EXPECT_EQ(rec::Count("distroid_init"), 0);
 }
 
 TEST_F(Info, FailsWhenItsObjectIsGone) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::Fail("find_obj", kObject);
-  EXPECT_EQ(do_info(0), -1);
+  EXPECT_EQ(do_info(), -1);
   EXPECT_EQ(rec::Publications(kObject), 1);
 }
 
 TEST_F(Info, PassesOnTheResultOfPublishing) {
   rec::Fail("log_data", kObject, 2);
-  EXPECT_EQ(do_info(1), 0);
-  EXPECT_EQ(do_info(0), -1);
-  EXPECT_EQ(do_info(0), 0);
+  EXPECT_EQ(do_info(), 0);
+  EXPECT_EQ(do_info(), -1);
+  EXPECT_EQ(do_info(), 0);
 }
 
 // ---- Distribution and appliance ---------------------------------------------------------------
 
 TEST_F(Info, WithoutADistribution) {
   rec::Fail("distroid_init");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), "");
   EXPECT_EQ(Text("tlxHoVersion"), "");
   EXPECT_EQ(Text("tlxHoDesc"), "");
@@ -189,7 +204,7 @@ TEST_F(Info, WithoutADistribution) {
 
 TEST_F(Info, TheDescriptionIsLookedForByItself) {
   rec::Fail("distroid_init", "*", 1);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), "");
   EXPECT_EQ(Text("tlxHoDesc"), "Debian GNU/Linux 12 (bookworm)");
 }
@@ -197,7 +212,7 @@ TEST_F(Info, TheDescriptionIsLookedForByItself) {
 TEST_F(Info, ADistributionWithLongTexts) {
   const std::string long_text(300, 'x');
   rec::SetDistribution(long_text, "flavor", long_text, long_text);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), std::string(255, 'x'));
   EXPECT_EQ(Text("tlxHoVersion"), std::string(255, 'x'));
   EXPECT_EQ(Text("tlxHoDesc"), std::string(255, 'x'));
@@ -206,14 +221,14 @@ TEST_F(Info, ADistributionWithLongTexts) {
 
 TEST_F(Info, ADistributionWithoutAFlavor) {
   rec::SetDistribution("Own Linux", "", "", "");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), "Own Linux ");
   EXPECT_EQ(Text("tlxHoVersion"), "");
 }
 
 TEST_F(Info, OnAnAppliance) {
   rec::SetAppliance(true, 7, {{"OsName", "Quorix OS"}, {"OsVersion", "3.1"}});
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), "Quorix OS");
   EXPECT_EQ(Text("tlxHoVersion"), "3.1");
   EXPECT_EQ(Text("tlxHoDesc"), "");
@@ -224,7 +239,7 @@ TEST_F(Info, OnAnAppliance) {
 
 TEST_F(Info, OnAnApplianceWithLongOrMissingTexts) {
   rec::SetAppliance(true, 7, {{"OsVersion", std::string(300, 'v')}});
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), "");
   EXPECT_EQ(Text("tlxHoVersion"), std::string(255, 'v'));
 }
@@ -237,7 +252,7 @@ TEST_F(Info, TheLongestSystem) {
     text[64] = '\0';
   }
   rec::PutSystem(system);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoSystemName"), std::string(64, 'n'));
   EXPECT_EQ(Text("tlxHosysDescr"), std::string(5 * 64, 'n'));
 }
@@ -247,30 +262,30 @@ TEST_F(Info, TheLongestSystem) {
 TEST_F(Info, TelnetPortFree) {
   const Port port(false);
   rec::PutService("telnet", port.number());
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
 }
 
 TEST_F(Info, TelnetPortHeldAndLetGo) {
   Port port(true);
   rec::PutService("telnet", port.number());
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 2);
   port.Release();
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
 }
 
 TEST_F(Info, TelnetWithoutAServiceOrASocket) {
   const Port port(true);
   rec::PutService("telnet", 0);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
   rec::PutService("telnet", port.number());
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 2);
   rec::Fail("socket");
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoTelnet"), 3);
   EXPECT_EQ(rec::Publications(kObject), 3);
   EXPECT_TRUE(rec::Messages().empty());
@@ -279,11 +294,11 @@ TEST_F(Info, TelnetWithoutAServiceOrASocket) {
 TEST_F(Info, TheProbeLeavesNoDescriptor) {
   const Port port(false);
   rec::PutService("telnet", port.number());
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   const int before = dup(0);
   close(before);
   for (int i = 0; i < 10; i++) {
-    ASSERT_EQ(do_info(0), 0);
+    ASSERT_EQ(do_info(), 0);
   }
   const int after = dup(0);
   close(after);
@@ -291,14 +306,14 @@ TEST_F(Info, TheProbeLeavesNoDescriptor) {
 }
 
 TEST_F(Info, ARefreshIsTheProbeAlone) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::SetDistribution("Other", "other", "13", "other");
   rec::PutFile(kRoleFile, "other");
   utsname system = {};
   strcpy(system.nodename, "other");
   rec::PutSystem(system);
   rec::ForgetEvents();
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text("tlxHoName"), "Debian GNU/Linux bookworm");
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text("tlxHoSystemName"), "web1");
@@ -313,7 +328,7 @@ TEST_F(Info, ReadsTheRoleFiles) {
   rec::PutFile(kDetailFile, "two\nlines\n");
   chmod(kRoleFile, 0644);
   chmod(kDetailFile, 0644);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "web server");
   EXPECT_EQ(Text(kDetail), "two\nlines\n");
   // One of them gets its mode when it is read, the other only when it is written.
@@ -324,7 +339,7 @@ TEST_F(Info, ReadsTheRoleFiles) {
 TEST_F(Info, ReadsTheBeginningOfLongRoleFiles) {
   rec::PutFile(kRoleFile, std::string(64, 'r') + "X");
   rec::PutFile(kDetailFile, std::string(512, 'd') + std::string(10000, 'X'));
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), std::string(64, 'r'));
   EXPECT_EQ(Text(kDetail), std::string(512, 'd'));
   EXPECT_EQ(ModeOf(kDetailFile), 0600U);
@@ -334,7 +349,7 @@ TEST_F(Info, ReadsEmptyRoleFiles) {
   rec::PutFile(kRoleFile, "");
   rec::PutFile(kDetailFile, "");
   chmod(kDetailFile, 0640);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
   EXPECT_EQ(ModeOf(kDetailFile), 0600U);
@@ -344,7 +359,7 @@ TEST_F(Info, RoleFilesThatCannotBeRead) {
   rec::PutFile(kRoleFile, "role");
   rec::PutDirectory(kDetailFile);
   rec::Fail("openat", kRoleFile);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
   EXPECT_EQ(
@@ -356,7 +371,7 @@ TEST_F(Info, RoleFilesThatCannotBeRead) {
 
 TEST_F(Info, AbsentRoleFilesAreNotSpokenOf) {
   rec::PutNothing(REGISTRY_ROOT);
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_TRUE(rec::Messages().empty());
 }
@@ -368,27 +383,27 @@ TEST_F(Info, ReadsARoleAgainWhenThatFailed) {
   for (const char *call : {"open_dir", "openat", "fstat", "read"}) {
     for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO, EACCES}) {
       SCOPED_TRACE(std::string(call) + " " + strerror(error));
-      rec::StopFailing();
-      delete_obj(&obj_Q, nullptr, 0);
-      rec::Fail(call, "*", 1, error);
-      ASSERT_EQ(do_info(1), 0);
-      EXPECT_EQ(Text(kRole), "role");
-      EXPECT_EQ(Text(kDetail), "detail");
+      InOneLife([&] {
+        rec::Fail(call, "*", 1, error);
+        ASSERT_EQ(do_info(), 0);
+        EXPECT_EQ(Text(kRole), "role");
+        EXPECT_EQ(Text(kDetail), "detail");
+        EXPECT_TRUE(rec::Messages().empty());
+      });
     }
   }
-  EXPECT_TRUE(rec::Messages().empty());
 }
 
 TEST_F(Info, DoesNotGoOnReadingWhenTheAgentEnds) {
   rec::PutFile(kRoleFile, "role");
   rec::Fail("openat", "*", 0, EIO);
   rec::Fail("agent_ending");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Count("nanosleep"), 0);
 }
 
 TEST_F(Info, SetsARole) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::PutFile(kRoleFile, "an earlier and longer text");
   chmod(kRoleFile, 0644);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("db")), 0);
@@ -396,17 +411,17 @@ TEST_F(Info, SetsARole) {
   EXPECT_EQ(ModeOf(kRoleFile), 0600U);
   // It is the next poll that publishes.
   EXPECT_EQ(rec::Publications(kObject), 1);
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "db");
   EXPECT_FALSE(std::filesystem::exists(rec::RealPath(kDetailFile)));
 }
 
 TEST_F(Info, SetsARoleDetail) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Set(kObject, kDetail, std::string("first\nsecond")), 0);
   EXPECT_EQ(rec::ReadFile(kDetailFile), "first\nsecond");
   EXPECT_EQ(ModeOf(kDetailFile), 0600U);
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kDetail), "first\nsecond");
   EXPECT_EQ(Text(kRole), "");
   EXPECT_FALSE(std::filesystem::exists(rec::RealPath(kRoleFile)));
@@ -420,14 +435,14 @@ struct Limit {
 constexpr Limit kLimits[] = {{kRole, kRoleFile, 64}, {kDetail, kDetailFile, 512}};
 
 TEST_F(Info, SetsUpToTheLimit) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   for (const auto &[variable, file, longest] : kLimits) {
     const std::string whole(longest, 'w');
     EXPECT_EQ(rec::Set(kObject, variable, whole), 0);
     EXPECT_EQ(rec::Set(kObject, variable, whole + "w"), -1);
     EXPECT_EQ(rec::CheckOnly(kObject, variable, whole + "w"), -1);
     EXPECT_EQ(rec::ReadFile(file), whole);
-    ASSERT_EQ(do_info(0), 0);
+    ASSERT_EQ(do_info(), 0);
     EXPECT_EQ(Text(variable), whole);
   }
 }
@@ -435,30 +450,30 @@ TEST_F(Info, SetsUpToTheLimit) {
 TEST_F(Info, SetsTheEmptyText) {
   rec::PutFile(kRoleFile, "role");
   rec::PutFile(kDetailFile, "detail");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   for (const auto &[variable, file, longest] : kLimits) {
     EXPECT_EQ(rec::Set(kObject, variable, std::string()), 0);
     EXPECT_TRUE(std::filesystem::exists(rec::RealPath(file)));
     EXPECT_EQ(rec::ReadFile(file), "");
-    ASSERT_EQ(do_info(0), 0);
+    ASSERT_EQ(do_info(), 0);
     EXPECT_EQ(Text(variable), "");
   }
 }
 
 TEST_F(Info, AShorterTextLeavesNothingOfTheLongerOne) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string(64, 'l')), 0);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("s")), 0);
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(rec::Published(kObject).substr(776, 65), "s" + std::string(64, '\0'));
 }
 
 TEST_F(Info, ACheckChangesNothing) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   for (const auto &[variable, file, longest] : kLimits) {
     EXPECT_EQ(rec::CheckOnly(kObject, variable, "valid"), 0);
     EXPECT_FALSE(std::filesystem::exists(rec::RealPath(file)));
-    ASSERT_EQ(do_info(0), 0);
+    ASSERT_EQ(do_info(), 0);
     EXPECT_EQ(Text(variable), "");
   }
 }
@@ -466,12 +481,12 @@ TEST_F(Info, ACheckChangesNothing) {
 TEST_F(Info, ASetThatCannotOpenItsFileSucceedsQuietly) {
   rec::PutFile(kRoleFile, "old");
   rec::PutFile(kDetailFile, "old");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::Fail("openat", REGISTRY_ROOT "/tlx*");
   for (const auto &[variable, file, longest] : kLimits) {
     EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), 0);
     EXPECT_EQ(rec::ReadFile(file), "old");
-    ASSERT_EQ(do_info(0), 0);
+    ASSERT_EQ(do_info(), 0);
     EXPECT_EQ(Text(variable), "old");
   }
   EXPECT_TRUE(rec::Messages().empty());
@@ -480,7 +495,7 @@ TEST_F(Info, ASetThatCannotOpenItsFileSucceedsQuietly) {
 TEST_F(Info, ASetThatCannotWriteItsFileFails) {
   rec::PutFile(kRoleFile, "old");
   rec::PutFile(kDetailFile, "old");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   // No file may grow: like a full disk.
   rlimit before;
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
@@ -493,7 +508,7 @@ TEST_F(Info, ASetThatCannotWriteItsFileFails) {
     setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(result, -1);
     EXPECT_EQ(check, 0);
-    ASSERT_EQ(do_info(0), 0);
+    ASSERT_EQ(do_info(), 0);
     EXPECT_EQ(Text(variable), "old");
     EXPECT_EQ(rec::ReadFile(file), "old");
     // An empty text needs no room.
@@ -519,7 +534,7 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
       {"fchmod", "*.new", false},  {"write", "*.new", false},
       {"fsync", "*.new", false},   {"fsync", root, false}};
   rec::PutFile(kRoleFile, "old");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   for (const auto &[call, name, quiet] : steps) {
     for (const int error : {EIO, ENOSPC, EACCES, EMFILE}) {
       SCOPED_TRACE(std::string(call) + " " + name + " " + strerror(error));
@@ -528,7 +543,7 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
       EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), quiet ? 0 : -1);
       EXPECT_EQ(rec::ReadFile(kRoleFile), "old");
       EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
-      ASSERT_EQ(do_info(0), 0);
+      ASSERT_EQ(do_info(), 0);
       EXPECT_EQ(Text(kRole), "old");
     }
   }
@@ -539,7 +554,7 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
 }
 
 TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   const std::string root = REGISTRY_ROOT;
   const std::pair<const char *, std::string> steps[] = {
       {"write", "*.new"}, {"fsync", "*.new"}, {"renameat", kRoleFile}, {"fsync", root}};
@@ -561,7 +576,7 @@ TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
 // Not every file system can exchange two names, or synchronise a directory.
 TEST_F(Info, ASetDoesWithWhatTheFileSystemCan) {
   rec::PutFile(kRoleFile, "old");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::Fail("renameat2", "*", 0, EINVAL);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
   EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
@@ -576,12 +591,12 @@ TEST_F(Info, ASetDoesWithWhatTheFileSystemCan) {
   rec::Fail("fsync", REGISTRY_ROOT, 0, EIO);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("newest")), -1);
   EXPECT_EQ(rec::Messages().size(), 1U);
-  ASSERT_EQ(do_info(0), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "newer");
 }
 
 TEST_F(Info, ASetIsOnTheDiskBeforeItIsAccepted) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   rec::PutFile(kRoleFile, "old");
   rec::ForgetEvents();
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
@@ -601,28 +616,29 @@ TEST_F(Info, ASetIsOnTheDiskBeforeItIsAccepted) {
 TEST_F(Info, AKillLeavesTheOldTextOrTheNewOne) {
   const std::string texts[] = {std::string(512, 'a'), std::string(300, 'b')};
   rec::PutFile(kDetailFile, texts[0]);
-  ASSERT_EQ(do_info(1), 0);
-  int amid = 0;  // kills that found a set under way
-  for (int kills = 0; kills < 200 || (amid == 0 && kills < 2000); kills++) {
-    const pid_t setter = fork();
-    ASSERT_GE(setter, 0);
-    if (setter == 0) {
-      for (int i = 0;; i++) {
-        rec::Set(kObject, kDetail, texts[i % 2]);
+  InOneLife([&] {
+    ASSERT_EQ(do_info(), 0);
+    int amid = 0;  // kills that found a set under way
+    for (int kills = 0; kills < 200 || (amid == 0 && kills < 2000); kills++) {
+      const pid_t setter = fork();
+      ASSERT_GE(setter, 0);
+      if (setter == 0) {
+        for (int i = 0;; i++) {
+          rec::Set(kObject, kDetail, texts[i % 2]);
+        }
       }
+      // Neither usleep(3) nor nanosleep(2), which are taken over here.
+      const timespec moment = {0, 1'000'000 + 37'000 * (kills % 200)};
+      clock_nanosleep(CLOCK_MONOTONIC, 0, &moment, nullptr);
+      kill(setter, SIGKILL);
+      ASSERT_EQ(waitpid(setter, nullptr, 0), setter);
+      const std::string kept = rec::ReadFile(kDetailFile);
+      ASSERT_TRUE(kept == texts[0] || kept == texts[1]) << kept;
+      amid += Entries().size() > 1;
     }
-    // Neither usleep(3) nor nanosleep(2), which are taken over here.
-    const timespec moment = {0, 1'000'000 + 37'000 * (kills % 200)};
-    clock_nanosleep(CLOCK_MONOTONIC, 0, &moment, nullptr);
-    kill(setter, SIGKILL);
-    ASSERT_EQ(waitpid(setter, nullptr, 0), setter);
-    const std::string kept = rec::ReadFile(kDetailFile);
-    ASSERT_TRUE(kept == texts[0] || kept == texts[1]) << kept;
-    amid += Entries().size() > 1;
-  }
-  EXPECT_GT(amid, 0);
-  delete_obj(&obj_Q, nullptr, 0);
-  ASSERT_EQ(do_info(1), 0);
+    EXPECT_GT(amid, 0);
+  });
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kDetail), rec::ReadFile(kDetailFile));
   EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemroledetail.dat"});
 }
@@ -631,7 +647,7 @@ TEST_F(Info, WhatAKilledAgentLeftIsNeverFollowed) {
   const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
   rec::PutFile(left, "half");
   rec::PutFile(kRoleFile, "old");
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "old");
   EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
   rec::PutFile("/etc/victim", "precious");
@@ -657,28 +673,30 @@ TEST_F(Info, ASecondNameIsUsedWhereOthersCannotHavePlantedIt) {
     std::filesystem::create_hard_link(rec::RealPath(kRoleFile), copy);
     ASSERT_EQ(chmod(REGISTRY_ROOT, mode), 0);
     const bool used = mode == 0755;
-    rec::ForgetEvents();
-    delete_obj(&obj_Q, nullptr, 0);
-    ASSERT_EQ(do_info(1), 0);
-    EXPECT_EQ(Text(kRole), used ? "role" : "");
-    for (int set = 0; set < 3; set++) {
+    const std::vector<std::string> refusal = {
+        "vexhostd: File " + std::string(kRoleFile) +
+        " not used: it is a second name of another file, and others may write in its directory\n"};
+    InOneLife([&] {
+      ASSERT_EQ(do_info(), 0);
+      EXPECT_EQ(Text(kRole), used ? "role" : "");
+      for (int set = 0; set < 3; set++) {
+        EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), used ? 0 : -1);
+      }
+      EXPECT_EQ(rec::ReadFile("/etc/copy"), "role");
+      EXPECT_EQ(rec::Messages(), used ? std::vector<std::string>{} : refusal);
+      // Once it is a file of its own again, the next refusal is a new one.
+      std::filesystem::remove(copy);
+      EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), 0);
+      rec::ForgetEvents();
+      std::filesystem::create_hard_link(rec::RealPath(kRoleFile), copy);
       EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), used ? 0 : -1);
-    }
-    EXPECT_EQ(rec::ReadFile("/etc/copy"), "role");
-    EXPECT_EQ(rec::Messages(),
-              used ? std::vector<std::string>{}
-                   : std::vector<std::string>{
-                         "vexhostd: File " + std::string(kRoleFile) +
-                         " not used: it is a second name of another file, and others may write "
-                         "in its directory\n"});
-    // Once it is a file of its own again, the next refusal is a new one.
-    std::filesystem::remove(copy);
-    EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), 0);
+      EXPECT_EQ(rec::Messages(), used ? std::vector<std::string>{} : refusal);
+    });
   }
 }
 
 TEST_F(Info, ASetFailsWhenSomethingElseIsInItsFilesPlace) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   ASSERT_EQ(chmod(REGISTRY_ROOT, 0777), 0);
   for (const auto &[variable, file, longest] : kLimits) {
     const std::string path = rec::RealPath(file);
@@ -699,14 +717,14 @@ TEST_F(Info, ASetFailsWhenSomethingElseIsInItsFilesPlace) {
       EXPECT_EQ(rec::Set(kObject, variable, std::string("new")), -1);
       EXPECT_EQ(rec::ReadFile("/etc/victim"), "precious");
       EXPECT_FALSE(std::filesystem::exists(victim + "-new"));
-      ASSERT_EQ(do_info(0), 0);
+      ASSERT_EQ(do_info(), 0);
       EXPECT_EQ(Text(variable), "");
     }
   }
 }
 
 TEST_F(Info, TheHandlerRefusesOtherSlots) {
-  ASSERT_EQ(do_info(1), 0);
+  ASSERT_EQ(do_info(), 0);
   registry_object *object = rec::Live(kObject);
   const set_handler_fn handler = object->desc[5].set_handler;
   for (const int slot : {0, 4, 7, 8}) {

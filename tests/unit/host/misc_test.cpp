@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/next_index.h"
 #include "tests/support/recording_framework.h"
 
 namespace {

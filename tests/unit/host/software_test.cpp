@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/next_index.h"
 #include "software/components.h"
 #include "software/packages.h"
 #include "software/swver.h"
