@@ -61,6 +61,7 @@ class Files(unittest.TestCase):
                      "usr/lib/vexhostd/libqvev.so", "usr/share/snmp/mibs/QUORIX-MIB.txt",
                      "usr/share/snmp/mibs/QUORIX-HOST-MIB.txt",
                      "usr/share/snmp/mibs/QUORIX-APPLIANCE-MIB.txt",
+                     "usr/share/snmp/mibs/QUORIX-HOST-DETAIL-MIB.txt",
                      "usr/share/man/man8/vexhostd.8.gz", "usr/share/man/man1/vexreg.1.gz",
                      "usr/share/man/man5/vexhostd.conf.5.gz",
                      "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "usr/libexec/vexhostd-standin",

@@ -98,6 +98,33 @@ const Expected kExpected[] = {
     {"tlxHoFwVerUpdateMethod", "11.2.7.1.1.10", VAR_INTEGER, kRo, 0, 0, true},
     // hwinfo
     {"tlxHoHWInfoPlatform", "11.2.8.1", VAR_INTEGER, kRo, 0, 0, false},
+    // memdetail
+    {"tlxHoMemoryAvailable", "11.2.200.1.1", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoMemoryCached", "11.2.200.1.2", VAR_INTEGER, kRo, 0, 0, false},
+    // mount
+    {"tlxHoMountDevice", "11.2.200.2.1.1.2", VAR_DISPLAY_STRING, kRo, 0, 255, true},
+    {"tlxHoMountDirectory", "11.2.200.2.1.1.3", VAR_DISPLAY_STRING, kRo, 0, 255, true},
+    {"tlxHoMountType", "11.2.200.2.1.1.4", VAR_DISPLAY_STRING, kRo, 0, 63, true},
+    {"tlxHoMountReadOnly", "11.2.200.2.1.1.5", VAR_INTEGER, kRo, 0, 0, true},
+    {"tlxHoMountState", "11.2.200.2.1.1.6", VAR_INTEGER, kRo, 0, 0, true},
+    // sibling
+    {"tlxHoSiblingName", "11.2.200.3.1.1.2", VAR_DISPLAY_STRING, kRo, 0, 63, true},
+    {"tlxHoSiblingPresent", "11.2.200.3.1.1.3", VAR_INTEGER, kRo, 0, 0, true},
+    {"tlxHoSiblingCondition", "11.2.200.3.1.1.4", VAR_INTEGER, kRo, 0, 0, true},
+    {"tlxHoSiblingMajor", "11.2.200.3.1.1.5", VAR_INTEGER, kRo, 0, 0, true},
+    {"tlxHoSiblingMinor", "11.2.200.3.1.1.6", VAR_INTEGER, kRo, 0, 0, true},
+    {"tlxHoSiblingHealth", "11.2.200.3.1.1.7", VAR_INTEGER, kRo, 0, 0, true},
+    // agent
+    {"tlxHoAgentVersion", "11.2.200.4.1", VAR_DISPLAY_STRING, kRo, 0, 31, false},
+    {"tlxHoAgentStart", "11.2.200.4.2", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoAgentLastPoll", "11.2.200.4.3", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoAgentPollDuration", "11.2.200.4.4", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoAgentFailedPolls", "11.2.200.4.5", VAR_INTEGER, kRo, 0, 0, false},
+    // load
+    {"tlxHoLoadOne", "11.2.200.5.1", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoLoadFive", "11.2.200.5.2", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoLoadFifteen", "11.2.200.5.3", VAR_INTEGER, kRo, 0, 0, false},
+    {"tlxHoUptime", "11.2.200.5.4", VAR_INTEGER, kRo, 0, 0, false},
     // appliance
     {"tlxApMibRevMajor", "21.1.1", VAR_INTEGER, kRo, 0, 0, false},
     {"tlxApMibRevMinor", "21.1.2", VAR_INTEGER, kRo, 0, 0, false},
@@ -196,6 +223,10 @@ TEST(MibTable, UnitsAreWhatTheValuesCount) {
       {"tlxHoFileSysPercentSpaceUsed", "percent"},
       {"tlxHoFileSysAllocUnitsUsed", "inodes"},
       {"tlxHoPagingMemoryFree", "megabytes"},
+      {"tlxHoMemoryAvailable", "megabytes"},
+      {"tlxHoAgentPollDuration", "milliseconds"},
+      {"tlxHoLoadOne", "hundredths"},
+      {"tlxHoUptime", "seconds"},
       {"tlxHoName", ""},
   };
   for (const auto &[name, unit] : units) {
