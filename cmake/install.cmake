@@ -1,6 +1,6 @@
 # Where things are installed: any prefix, any CMAKE_INSTALL_*DIR below it (or absolute), any DESTDIR,
 # in components (cmake --install BUILD --component NAME): program, configuration, headers,
-# documentation.
+# documentation, integrations (what other programs are told of this one by).
 
 # lib/, not lib/<triplet>/. A package, which shares its prefix with others, keeps the libraries to
 # itself: -DCMAKE_INSTALL_LIBDIR=lib/vexhostd.
@@ -10,6 +10,13 @@ set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Object code libraries")
 set(CMAKE_INSTALL_SYSCONFDIR etc CACHE STRING "Configuration")
 include(GNUInstallDirs)
 set(VEX_INSTALL_UNITDIR lib/systemd/system CACHE STRING "The service's unit")
+set(VEX_INSTALL_EXAMPLESDIR "" CACHE STRING "Examples; where empty, examples/ beside the documents")
+if(VEX_INSTALL_EXAMPLESDIR STREQUAL "")
+  set(VEX_INSTALL_EXAMPLESDIR ${CMAKE_INSTALL_DOCDIR}/examples)
+endif()
+# Its views have other names on other distributions (packaging/rpm).
+set(VEX_SNMPD_CONF ${CMAKE_SOURCE_DIR}/packaging/snmpd.conf CACHE FILEPATH
+  "What is installed for snmpd to read")
 
 # Notes which directories this installation is going to make, before any other rule, so that
 # `uninstall` takes away those and no others.

@@ -6,6 +6,7 @@
 
 #include <stddef.h>
 
+#include "common/kept_file.h"
 #include "common/variables.h"
 #include "platform/framework.h"
 
@@ -20,6 +21,8 @@ struct group {
   int (*refresh)();
   const group *along = nullptr;  // another one that the same calls build and refresh
   bool each_poll;                // published at every poll; else when something has changed
+  // The files in which the group keeps what managers set, up to a null; null when there are none.
+  const kept_file *const *kept = nullptr;
   // For people: how a machine can do without the group while all is well. Null when none can.
   const char *absence;
   int data_size = 0;  // bytes of its data block; described() sets it

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -78,14 +79,55 @@ static int open_in(int directory, kept_file *file, int access) {
 
 // ---- The names beside it ----------------------------------------------------------------------
 
-// The new contents on their way; what a killed agent left of them is never read.
+// The new contents on their way; what a killed agent left of them is never read. Further names are
+// for when somebody has put a directory there.
+static constexpr int most_temporaries = 10;
+
 struct temporary_name {
   char text[ASIDE_NAME_SIZE];
 
-  explicit temporary_name(const kept_file *file) {
-    snprintf(text, sizeof(text), ".%s.new", file->name);
+  explicit temporary_name(const kept_file *file, int number = 0) {
+    if (number == 0) {
+      snprintf(text, sizeof(text), ".%s.new", file->name);
+    } else {
+      snprintf(text, sizeof(text), ".%s.new.%d", file->name, number);
+    }
   }
 };
+
+static void remove_left_over(int directory, const kept_file *file) {
+  for (int i = 0; i < most_temporaries; i++) {
+    if (unlinkat(directory, temporary_name(file, i).text, 0) == 0 || errno == ENOENT) {
+      return;
+    }
+  }
+}
+
+// ---- The directory that has it ------------------------------------------------------------------
+
+// What the file is known to be in; all zero where that cannot be told.
+static decltype(kept_file::root) identify(int directory) {
+  struct statx status = {};
+  if (statx(directory, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) {
+    return {};
+  }
+  decltype(kept_file::root) root = {
+      makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino, {}};
+  if ((status.stx_mask & STATX_BTIME) != 0) {
+    root.born = {status.stx_btime.tv_sec, static_cast<long>(status.stx_btime.tv_nsec)};
+  }
+  return root;
+}
+
+static bool is_same(const decltype(kept_file::root) &a, const decltype(kept_file::root) &b) {
+  return a.device == b.device && a.inode == b.inode && a.born.tv_sec == b.born.tv_sec &&
+         a.born.tv_nsec == b.born.tv_nsec;
+}
+
+static void note_directory(kept_file *file, int directory) {
+  file->held = true;
+  file->root = identify(directory);
+}
 
 // ---- Reading ------------------------------------------------------------------------------------
 
@@ -112,14 +154,17 @@ static ssize_t read_once(kept_file *file, char *data, size_t size, bool settle_m
   if (!directory) {
     return -1;
   }
-  unlinkat(directory.get(), temporary_name(file).text, 0);
+  remove_left_over(directory.get(), file);
   const descriptor_handle descriptor(open_in(directory.get(), file, O_RDONLY));
   if (!descriptor || !accept_file(file, directory.get(), descriptor.get())) {
     return -1;
   }
   const ssize_t length = read_all(descriptor.get(), data, size);
-  if (length >= 0 && settle_mode) {
-    fchmod(descriptor.get(), kept_mode);
+  if (length >= 0) {
+    note_directory(file, directory.get());
+    if (settle_mode) {
+      fchmod(descriptor.get(), kept_mode);
+    }
   }
   return length;
 }
@@ -169,19 +214,22 @@ static int write_all(int descriptor, const char *data, size_t size) {
   return 0;
 }
 
-// A new and empty file of that name; -1 with errno.
-static int make_temporary(int directory, const char *name) {
+// A new and empty file of the first name that can be had; -1 with errno.
+static int make_temporary(int directory, const kept_file *file, temporary_name *name) {
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | careful;
-  const int descriptor = openat(directory, name, flags, kept_mode);
-  if (descriptor >= 0 || errno != EEXIST) {
-    return descriptor;
+  for (int i = 0; i < most_temporaries; i++) {
+    *name = temporary_name(file, i);
+    int descriptor = openat(directory, name->text, flags, kept_mode);
+    // Left over by an agent that was killed, or planted.
+    if (descriptor < 0 && errno == EEXIST && unlinkat(directory, name->text, 0) == 0) {
+      descriptor = openat(directory, name->text, flags, kept_mode);
+    }
+    if (descriptor >= 0 || (errno != EEXIST && errno != EISDIR && errno != EPERM)) {
+      return descriptor;
+    }
   }
-  // Left over by an agent that was killed, or planted.
-  if (unlinkat(directory, name, 0) != 0) {
-    errno = EEXIST;
-    return -1;
-  }
-  return openat(directory, name, flags, kept_mode);
+  errno = EEXIST;
+  return -1;
 }
 
 // Whatever the umask is, the mode is that of a kept file.
@@ -189,7 +237,12 @@ static int fill_temporary(int descriptor, const void *data, size_t size) {
   const bool filled = fchmod(descriptor, kept_mode) == 0 &&
                       write_all(descriptor, static_cast<const char *>(data), size) == 0 &&
                       synchronise(descriptor) == 0;
-  return close(descriptor) == 0 && filled ? 0 : -1;
+  const int error = errno;
+  const bool closed = close(descriptor) == 0;
+  if (!filled) {
+    errno = error;
+  }
+  return closed && filled ? 0 : -1;
 }
 
 // Gives the file a second name, the first one beside it that is free, or else the last of those
@@ -222,6 +275,7 @@ static int put_in_place(int directory, const char *temporary, const kept_file *f
     return -1;
   }
   const bool lasts = synchronise(directory) == 0;
+  const int error = errno;
   if (!lasts) {
     const bool undone =
         exchanged ? renameat2(directory, temporary, directory, file->name, RENAME_EXCHANGE) == 0
@@ -236,14 +290,13 @@ static int put_in_place(int directory, const char *temporary, const kept_file *f
   if (exchanged) {
     unlinkat(directory, temporary, 0);
   }
+  errno = error;
   return lasts ? 0 : -1;
 }
 
-kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
-                              char (*aside)[ASIDE_NAME_SIZE]) {
-  if (aside != nullptr) {
-    **aside = '\0';
-  }
+// With errno when it failed, EBADF when it is refused.
+static kept_result replace(kept_file *file, const void *data, size_t size,
+                           char (*aside)[ASIDE_NAME_SIZE]) {
   const descriptor_handle directory(open_root(file));
   if (!directory) {
     return errno == EBADF ? KEPT_FAILED : KEPT_NOT_OPENED;
@@ -256,8 +309,8 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
   if (there && !accept_file(file, directory.get(), old.get())) {
     return KEPT_FAILED;
   }
-  const temporary_name temporary(file);
-  const int made = make_temporary(directory.get(), temporary.text);
+  temporary_name temporary(file);
+  const int made = make_temporary(directory.get(), file, &temporary);
   if (made < 0) {
     // Where none can be made, a missing file cannot be opened for writing either.
     return there || errno == EEXIST ? KEPT_FAILED : KEPT_NOT_OPENED;
@@ -268,12 +321,64 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
   }
   replaced = replaced && put_in_place(directory.get(), temporary.text, file, there) == 0;
   if (!replaced) {
+    const int error = errno;
     unlinkat(directory.get(), temporary.text, 0);
     if (aside != nullptr && **aside != '\0') {
       unlinkat(directory.get(), *aside, 0);
       **aside = '\0';
     }
+    errno = error;
     return KEPT_FAILED;
   }
+  note_directory(file, directory.get());
   return KEPT_REPLACED;
+}
+
+kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
+                              char (*aside)[ASIDE_NAME_SIZE]) {
+  if (aside != nullptr) {
+    **aside = '\0';
+  }
+  const kept_result result = replace(file, data, size, aside);
+  if (result == KEPT_FAILED && errno != EBADF && !file->failure_logged) {
+    file->failure_logged = true;
+    agentlog_fprintf(stderr, "%s: Can't replace %s/%s: %s\n", agent, REGISTRY_ROOT, file->name,
+                     strerror(errno));
+  } else if (result == KEPT_REPLACED && file->failure_logged) {
+    file->failure_logged = false;
+    agentlog_fprintf(stderr, "%s: %s/%s can be replaced again\n", agent, REGISTRY_ROOT, file->name);
+  }
+  return result;
+}
+
+// ---- Restoring ----------------------------------------------------------------------------------
+
+void restore_kept_file(kept_file *file, const void *data, size_t size) {
+  if (!file->held) {
+    return;
+  }
+  int opened = open_dir(REGISTRY_ROOT);
+  if (opened < 0 && errno == ENOENT && create_dir(log_dir, 1) == 0) {
+    opened = open_dir(REGISTRY_ROOT);
+  }
+  const descriptor_handle directory(opened);
+  if (!directory) {
+    return;  // the next poll looks again
+  }
+  const auto root = identify(directory.get());
+  struct stat status = {};
+  if (root.inode == 0 || is_same(root, file->root)) {
+    return;
+  }
+  if (fstatat(directory.get(), file->name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    file->root = root;
+    return;
+  }
+  if (errno != ENOENT) {
+    return;
+  }
+  if (replace_kept_file(file, data, size) == KEPT_REPLACED) {
+    agentlog_fprintf(stderr, "%s: %s/%s was written again: the registry's root was another one\n",
+                     agent, REGISTRY_ROOT, file->name);
+  }
 }

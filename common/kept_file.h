@@ -7,10 +7,18 @@
 
 #include <stddef.h>
 #include <sys/types.h>
+#include <time.h>
 
 struct kept_file {
-  const char *name;     // in the registry's root
-  bool refusal_logged;  // false at first; one log line for as long as the file is refused
+  const char *name;             // in the registry's root
+  bool refusal_logged;          // false at first; one log line for as long as the file is refused
+  bool failure_logged = false;  // the same for as long as it cannot be replaced
+  bool held = false;            // it was read or replaced, in this directory:
+  struct {
+    dev_t device;
+    ino_t inode;
+    timespec born;  // a number may be given again
+  } root = {};
 };
 
 // Reads at most size bytes of the file, and gives it the mode of a kept file if settle_mode says
@@ -31,8 +39,15 @@ enum { ASIDE_NAME_SIZE = 64 };
 // Replaces the file's contents, or makes the file, for nobody else to read. Whenever the agent or
 // the machine dies, the old contents are there or the new ones, whole. With aside, the old file
 // stays beside it, and aside gets the name that it has there, "" when it has none; of several, the
-// oldest stay. Agent thread; waits for the disk.
+// oldest stay. One log line when it begins to fail and one when it succeeds again. Agent thread;
+// waits for the disk.
 kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
                               char (*aside)[ASIDE_NAME_SIZE] = nullptr);
+
+// To be called by each poll with what was last read or replaced. Where the registry's root is
+// another directory by now (it was removed, moved away or mounted over) and has no such file, the
+// file is made there; one that is there stays, since a manager may have set it. Agent thread; waits
+// for the disk when it writes.
+void restore_kept_file(kept_file *file, const void *data, size_t size);
 
 #endif

@@ -57,6 +57,12 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHosysDescr", info_block, system_description),
 };
 
+// The texts that a manager has set, as they stand and without an end.
+static kept_file role_file = {"tlxhosystemrole.dat", false};
+static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
+
+static constexpr const kept_file *kept_files[] = {&role_file, &role_detail_file, nullptr};
+
 constexpr group info_group = described<info_block>({
     .name = "info",
     .title = "system",
@@ -64,6 +70,7 @@ constexpr group info_group = described<info_block>({
     .variables = variables,
     .refresh = do_info,
     .each_poll = true,
+    .kept = kept_files,
     .absence = nullptr,
 });
 
@@ -72,11 +79,14 @@ constexpr group info_group = described<info_block>({
 enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
 
-static bool called;
-
 // The texts that a manager has set, as they stand and without an end.
-static kept_file role_file = {"tlxhosystemrole.dat", false};
-static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
+struct kept_text {
+  kept_file file;
+  bool unread;  // it may be there, and could not be read
+};
+static kept_text role_text = {{"tlxhosystemrole.dat", false}, false};
+static kept_text role_detail_text = {{"tlxhosystemroledetail.dat", false}, false};
+static bool called;
 
 static info_block *block_of(registry_object *object) {
   return reinterpret_cast<info_block *>(object->data);
@@ -111,23 +121,40 @@ static void read_description(info_block *block) {
   }
 }
 
-// Fills the field, of which the last byte stays 0, with the beginning of the file.
-static void read_role(kept_file *file, char *field, size_t field_size, bool settle_mode) {
+// Fills the field, of which the last byte stays 0, with the beginning of the file. One that cannot
+// be read at the start is read by a later poll. The log has one line for either.
+static void read_role(kept_text *text, char *field, size_t field_size, bool settle_mode) {
   memset(field, 0, field_size);
-  if (read_kept_file(file, field, field_size - 1, settle_mode) >= 0) {
-    return;
-  }
+  const ssize_t length = read_kept_file(&text->file, field, field_size - 1, settle_mode);
   const int error = errno;
-  memset(field, 0, field_size);
-  if (error != ENOENT && error != EBADF) {
-    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, file->name,
-                     strerror(error));
+  const bool unread = length < 0 && error != ENOENT && error != EBADF;
+  if (length < 0) {
+    memset(field, 0, field_size);
   }
+  if (unread && !text->unread) {
+    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, text->file.name,
+                     strerror(error));
+  } else if (text->unread && length >= 0) {
+    agentlog_fprintf(stderr, "%s: %s/%s was read at last\n", agent, REGISTRY_ROOT, text->file.name);
+  }
+  text->unread = unread;
 }
 
 static void read_roles(info_block *block) {
-  read_role(&role_file, block->role, sizeof(block->role), false);
-  read_role(&role_detail_file, block->role_detail, sizeof(block->role_detail), true);
+  read_role(&role_text, block->role, sizeof(block->role), false);
+  read_role(&role_detail_text, block->role_detail, sizeof(block->role_detail), true);
+}
+
+// Catches up with what the start could not read, and restores what was lost with its directory.
+static void keep_roles(info_block *block) {
+  if (role_text.unread) {
+    read_role(&role_text, block->role, sizeof(block->role), false);
+  }
+  if (role_detail_text.unread) {
+    read_role(&role_detail_text, block->role_detail, sizeof(block->role_detail), true);
+  }
+  restore_kept_file(&role_text.file, block->role, strlen(block->role));
+  restore_kept_file(&role_detail_text.file, block->role_detail, strlen(block->role_detail));
 }
 
 static void read_system(info_block *block) {
@@ -160,7 +187,7 @@ static telnet_state probe_telnet() {
 
 // ---- Setting --------------------------------------------------------------------------------
 
-static int apply_role(uint8_t phase, kept_file *file, char *field, size_t field_size,
+static int apply_role(uint8_t phase, kept_text *kept, char *field, size_t field_size,
                       const char *text) {
   if (strlen(text) > field_size - 1) {
     return -1;
@@ -168,8 +195,9 @@ static int apply_role(uint8_t phase, kept_file *file, char *field, size_t field_
   if (phase == SET_CHECK) {
     return 0;
   }
-  switch (replace_kept_file(file, text, strlen(text))) {
+  switch (replace_kept_file(&kept->file, text, strlen(text))) {
     case KEPT_REPLACED:
+      kept->unread = false;
       copy_field(field, field_size, text);
       return 0;
     case KEPT_NOT_OPENED:
@@ -187,9 +215,9 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
   const auto *text = static_cast<const char *>(value);
   switch (desc->slot) {
     case SYSTEM_ROLE:
-      return apply_role(phase, &role_file, block->role, sizeof(block->role), text);
+      return apply_role(phase, &role_text, block->role, sizeof(block->role), text);
     case SYSTEM_ROLE_DETAIL:
-      return apply_role(phase, &role_detail_file, block->role_detail, sizeof(block->role_detail),
+      return apply_role(phase, &role_detail_text, block->role_detail, sizeof(block->role_detail),
                         text);
     default:
       return -1;
@@ -219,9 +247,13 @@ static registry_object *create() {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_info() {
-  registry_object *object = first_call(&called) ? create() : find_object(info_group);
+  const bool first = first_call(&called);
+  registry_object *object = first ? create() : find_object(info_group);
   if (object == nullptr) {
     return -1;
+  }
+  if (!first) {
+    keep_roles(block_of(object));
   }
   block_of(object)->telnet = probe_telnet();
   return log_data(object);

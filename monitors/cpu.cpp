@@ -66,7 +66,6 @@ constexpr group cpu_group = described<cpu_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr char stat_path[] = "/proc/stat";
 static constexpr int line_size = 256;
 // How often a count that a read error broke off is begun again at once.
 static constexpr int count_attempts = 3;
@@ -117,7 +116,7 @@ enum count_result { COUNTED, NO_FILE, BROKEN_OFF };
 // Counts the processors' lines of /proc/stat, which says nothing unless it was read to its end. A
 // file that is there and cannot be opened at this moment is one that cannot be read.
 static count_result count_lines(int *count) {
-  const stream_handle stat(fopen(stat_path, "r"));
+  const stream_handle stat(fopen(processor_times_path, "r"));
   if (!stat) {
     return errno == ENOENT || errno == ENOTDIR || errno == EACCES ? NO_FILE : BROKEN_OFF;
   }
@@ -161,7 +160,7 @@ static int count_processors(bool start_up) {
 // says the same.
 // Returns false, with the samples as they were, when /proc/stat cannot be opened or read.
 static bool take_samples() {
-  const stream_handle stat(fopen(stat_path, "r"));
+  const stream_handle stat(fopen(processor_times_path, "r"));
   if (!stat) {
     return false;
   }

@@ -32,4 +32,7 @@ void parse_cpu_line(const char *line, cpu_sample *sample);
 // Counters that run backwards can make it more than 100; it is held at the largest 32-bit integer.
 int32_t cpu_utilisation(const cpu_sample &now, const cpu_sample &before);
 
+// Where it reads.
+inline constexpr char processor_times_path[] = "/proc/stat";
+
 #endif

@@ -39,7 +39,6 @@ constexpr group memory_group = described<memory_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr char meminfo_path[] = "/proc/meminfo";
 static constexpr int line_size = 256;
 
 static constexpr const char *key_names[MEMINFO_KEYS] = {"MemTotal", "MemFree", "SwapTotal",
@@ -95,7 +94,7 @@ int do_memory() {
   if (object == nullptr) {
     return -1;
   }
-  const stream_handle meminfo(fopen(meminfo_path, "r"));
+  const stream_handle meminfo(fopen(memory_sizes_path, "r"));
   if (!meminfo) {
     return 0;
   }

@@ -17,4 +17,7 @@ enum meminfo_key { MEM_TOTAL, MEM_FREE, SWAP_TOTAL, SWAP_FREE, MEMINFO_KEYS };
 // (kilobytes; ULONG_MAX when it does not fit). Returns an enum meminfo_key, or -1 for other lines.
 int parse_meminfo_line(const char *line, unsigned long *kilobytes);
 
+// Where it reads.
+inline constexpr char memory_sizes_path[] = "/proc/meminfo";
+
 #endif

@@ -265,7 +265,7 @@ enum command_end {
  * enum command_end. */
 int run_command(const char *command, int limit_ms, char *output, size_t size, size_t *length);
 
-/* The same with a limit of two minutes. On entry *length is the capacity of output; on return the
+/* The same with a limit of half a minute. On entry *length is the capacity of output; on return the
  * bytes stored, always followed by a NUL within the capacity. Returns the command's exit status, or
  * -1 when it could not be run or was killed. */
 int process_linux_cmd(const char *command, char *output, int *length);

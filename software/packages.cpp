@@ -52,6 +52,8 @@ static bool scan_due;
 // by the next pass, and only a tool that hangs is cut off.
 static constexpr int tools_limit = 10000;  // milliseconds
 static constexpr int least_limit = tools_limit / 2;
+// What rpm may take of it where dpkg is asked in the same pass.
+static constexpr int rpm_share = tools_limit * 2 / 5;
 
 static constexpr size_t listing_size = 98304;
 static constexpr int most_names = 4096;
@@ -340,16 +342,16 @@ void regain_patience(tool_patience *patience) {
 // ---- Agent version ------------------------------------------------------------------------------
 
 // Asks rpm, once it is known for the last time. A failure is reported when it begins.
-static void find_agent_version(const shared_limit &limit) {
+static void find_agent_version(const shared_limit &limit, bool dpkg_is_next) {
   static bool reported;
-  if (agent_version == nullptr || agent_version_defined || limit.left() < least_limit ||
+  if (agent_version == nullptr || agent_version_defined ||
       !may_ask(rpm_patience, monotonic_milliseconds())) {
     return;
   }
   char version[20] = "";
   size_t length = 0;
-  const int status =
-      run_command(agent_version_command, limit.left(), version, sizeof(version), &length);
+  const int status = run_command(agent_version_command, dpkg_is_next ? rpm_share : limit.left(),
+                                 version, sizeof(version), &length);
   if (status == COMMAND_AGENT_ENDING) {
     return;
   }
@@ -603,8 +605,7 @@ static bool begin_scan(const shared_limit &limit) {
 }
 
 static void scan_packages(const shared_limit &limit) {
-  if (limit.left() < least_limit || !may_ask(dpkg_patience, monotonic_milliseconds()) ||
-      (!scan.under_way && !begin_scan(limit))) {
+  if (limit.left() < least_limit || (!scan.under_way && !begin_scan(limit))) {
     return;
   }
   for (; scan.next < scan.names; scan.next++) {
@@ -634,12 +635,36 @@ static void scan_packages(const shared_limit &limit) {
 
 // ---- Entry point --------------------------------------------------------------------------------
 
+// Whether this pass asks dpkg.
+static bool is_scan_wanted() {
+  struct stat database;
+  const int64_t database_time = stat(package_database_path, &database) == 0 ? database.st_mtime : 1;
+  if (last_listing_empty || last_database_time < database_time) {
+    scan_due = true;
+  }
+  last_database_time = database_time;
+  return (scan_due || scan.under_way) && may_ask(dpkg_patience, monotonic_milliseconds());
+}
+
+// Tools that both hang are asked in the same pass, so that they delay one instead of two.
+static void wait_together() {
+  const int64_t now = monotonic_milliseconds();
+  if (may_ask(rpm_patience, now) || may_ask(dpkg_patience, now)) {
+    return;
+  }
+  const int64_t later =
+      rpm_patience.next > dpkg_patience.next ? rpm_patience.next : dpkg_patience.next;
+  rpm_patience.next = later;
+  dpkg_patience.next = later;
+}
+
 int do_swver() {
   const shared_limit limit(tools_limit);
   if (agent_version == nullptr) {
     create_agent_version();
   }
-  find_agent_version(limit);
+  const bool scan_wanted = is_scan_wanted();
+  find_agent_version(limit, scan_wanted);
   if (swver_is_empty()) {
     create_components();
     if (is_appliance()) {
@@ -647,16 +672,10 @@ int do_swver() {
     }
   }
   update_component_versions();
-
-  struct stat database;
-  const int64_t database_time = stat(package_database_path, &database) == 0 ? database.st_mtime : 1;
-  if (last_listing_empty || last_database_time < database_time) {
-    scan_due = true;
-  }
-  last_database_time = database_time;
-  if (scan_due || scan.under_way) {
+  if (scan_wanted) {
     scan_packages(limit);
   }
+  wait_together();
 
   swver_finish_pass();
   if (agent_version != nullptr && publish_agent_version) {

@@ -8,9 +8,8 @@
 
 #include "common/group.h"
 
-extern const group swverag_group;
-
 extern const group swver_group;
+extern const group swverag_group;  // the version of the agents' package
 
 // Builds the table at the first call; refreshes component versions, rescans the package database
 // when it has changed, and publishes. Returns 0.

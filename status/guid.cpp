@@ -21,7 +21,7 @@ static constexpr int system_guid_offset = 8;
 // ---- State --------------------------------------------------------------------------------------
 
 static bool settable = true;
-static kept_file guid_file = {guid_file_name, false};
+kept_file guid_file = {guid_file_name, false};
 
 // ---- Reading ------------------------------------------------------------------------------------
 
@@ -175,4 +175,8 @@ int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, in
   }
   memcpy(guid, value, GUID_SIZE);
   return 0;
+}
+
+void keep_guid(const unsigned char guid[GUID_SIZE]) {
+  restore_kept_file(&guid_file, guid, GUID_SIZE);
 }

@@ -7,6 +7,12 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "common/kept_file.h"
+
+// Where a GUID that was generated or set is kept. The group lists it; only guid.cpp reads and
+// writes.
+extern kept_file guid_file;
+
 enum guid_sizes { GUID_SIZE = 16, GUID_TEXT_SIZE = 37 /* with its NUL */ };
 
 // What the generator gives where there is no eth0: the same on every such host.
@@ -20,6 +26,10 @@ void obtain_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size);
 // A manager's set (see set_handler_fn). guid is changed, and the file written, when the value is
 // accepted outside SET_CHECK; the text keeps what it had until the next start. Returns 0 or -1.
 int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, int length);
+
+// To be called by each poll: makes the file of a GUID that is kept in one again where the
+// registry's root was lost.
+void keep_guid(const unsigned char guid[GUID_SIZE]);
 
 // Writes the 36 characters and a NUL. The first three groups are little-endian fields, as SMBIOS
 // (DSP0134, 7.2.1) stores a UUID.

@@ -79,6 +79,8 @@ static constexpr variable variables[] = {
     READ_ONLY("tlxHoMibHealthStatusArray", misc_data, mib_health_status_array),
 };
 
+static constexpr const kept_file *kept_files[] = {&guid_file, nullptr};
+
 constexpr group misc_group = described<misc_data>({
     .name = "misc",
     .title = "misc",
@@ -86,6 +88,7 @@ constexpr group misc_group = described<misc_data>({
     .variables = variables,
     .refresh = do_misc,
     .each_poll = true,
+    .kept = kept_files,
     .absence = nullptr,
 });
 
@@ -379,6 +382,7 @@ static registry_object *create() {
 static void refresh(registry_object *misc) {
   misc_data *data = data_of(misc);
   data->poll_frequency = poll_time;
+  keep_guid(data->guid);
   build_status_array(data->mib_status_array);
   build_health_array(data->mib_health_status_array);
   data->mib_condition = condition_for(read_thresholds());

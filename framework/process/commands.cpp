@@ -24,8 +24,8 @@ namespace vex {
 
 namespace {
 
-// Of process_linux_cmd().
-constexpr int kUsualLimitMs = 120 * 1000;
+// Of process_linux_cmd(): a poll waits for it.
+constexpr int kUsualLimitMs = 30 * 1000;
 // What run_command() adds to the number of a signal, as shells do.
 constexpr int kSignalStatus = 128;
 // How often to look for the shell's end where the kernel has no pidfd.

@@ -6,6 +6,7 @@
 // Of the headers of the agent library only this one: the numbers of what is configured.
 #include <net-snmp/agent/ds_agent.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string_view>
 
@@ -33,11 +35,13 @@ constexpr int kLongestPollInterval = 60;  // seconds
 // What the files say, until the library has read them all.
 struct Read {
   int poll_interval = 0;
-  std::string community;  // of the application's own file
-  std::string failed;     // a file that could not be opened, and why
+  std::string community;       // of the application's own file
+  std::string failed;          // a file that could not be opened, and why
+  std::set<std::string> said;  // messages: the library reads each file twice
   std::vector<std::pair<std::string, std::string>> master_lines;
 };
 Read files;
+bool reading = false;
 std::string reported_application;
 
 class Environment {
@@ -70,8 +74,15 @@ std::string Trimmed(const char *line) {
   return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
 
+// As the library reads its own tokens: what stands in quotation marks, else all of it.
+std::string ValueOf(const char *line) {
+  const std::string text = Trimmed(line);
+  const bool quoted = text[0] == '"' || text[0] == '\'';
+  return quoted ? WordsOf(text).front() : text;
+}
+
 void ReadPollInterval(const char *, char *line) {
-  std::string text = Trimmed(line);
+  const std::string text = ValueOf(line);
   int seconds = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
   const bool too_many = error == std::errc::result_out_of_range && text[0] != '-';
@@ -87,10 +98,7 @@ void ReadPollInterval(const char *, char *line) {
 }
 
 void ReadCommunity(const char *, char *line) {
-  const std::string text = Trimmed(line);
-  // As the library reads defCommunity: what stands in quotation marks, else all of it.
-  const bool quoted = text[0] == '"' || text[0] == '\'';
-  files.community = quoted ? WordsOf(text).front() : text;
+  files.community = ValueOf(line);
 }
 
 void ReadMasterLine(const char *token, char *line) {
@@ -101,18 +109,47 @@ void ReadAgentxSocket(const char *, char *line) {
   netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET, line);
 }
 
+// Where the library looks for files.
+std::vector<std::string> ConfigurationDirectories() {
+  const char *all = getenv("SNMPCONFPATH");
+  all = all != nullptr ? all : get_configuration_directory();
+  std::istringstream text(all != nullptr ? all : "");
+  std::vector<std::string> directories;
+  for (std::string directory; std::getline(text, directory, ENV_SEPARATOR_CHAR);) {
+    directories.push_back(directory);
+  }
+  return directories;
+}
+
+// The files that it reads for the application, whether they are there or not.
+std::vector<std::string> ConfigurationFiles(const std::string &application) {
+  std::vector<std::string> paths;
+  for (const std::string &directory : ConfigurationDirectories()) {
+    for (const std::string &name : {application, std::string("snmp"), std::string("snmpd")}) {
+      for (const char *end : {".conf", ".local.conf"}) {
+        paths.push_back(std::string(directory).append("/").append(name).append(end));
+      }
+    }
+  }
+  return paths;
+}
+
+// The first of them that the library would wait for; "" when there is none.
+std::string PipeAmongFiles(const std::string &application) {
+  for (const std::string &path : ConfigurationFiles(application)) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode)) {
+      return path;
+    }
+  }
+  return "";
+}
+
 // Whether the library looks in that directory for an application's files. A file of the same name
 // elsewhere is one that another application's file includes.
 bool IsConfigurationDirectory(std::string_view directory) {
-  const char *all = get_configuration_directory();
-  for (std::string_view left = all != nullptr ? all : ""; !left.empty();) {
-    const size_t end = std::min(left.find(':'), left.size());
-    if (left.substr(0, end) == directory) {
-      return true;
-    }
-    left.remove_prefix(std::min(end + 1, left.size()));
-  }
-  return false;
+  const std::vector<std::string> all = ConfigurationDirectories();
+  return std::find(all.begin(), all.end(), directory) != all.end();
 }
 
 // Whether the message is the library's about an unknown token in a file that is not one of
@@ -152,7 +189,7 @@ int Log(int, int, void *message, void *) {
   const auto *entry = static_cast<const snmp_log_message *>(message);
   try {
     if (entry != nullptr && entry->msg != nullptr && entry->priority <= LOG_INFO &&
-        !AboutAnothersToken(entry->msg)) {
+        !AboutAnothersToken(entry->msg) && (!reading || files.said.insert(entry->msg).second)) {
       NoteFailure(entry->msg);
       size_t length = strlen(entry->msg);
       agentlog_fprintf(stderr, "%s%s", entry->msg,
@@ -195,6 +232,12 @@ void ReportUnknownTokens(const std::string &application) {
 
 SnmpFiles ReadSnmpFiles(const std::string &application) {
   files = {};
+  const std::string pipe = PipeAmongFiles(application);
+  if (!pipe.empty()) {
+    SnmpFiles none;
+    none.failed = pipe + ": It is a pipe";
+    return none;
+  }
   register_config_handler(application.c_str(), "pollInterval", ReadPollInterval, nullptr,
                           "SECONDS");
   register_config_handler(application.c_str(), "community", ReadCommunity, nullptr, "NAME");
@@ -209,7 +252,9 @@ SnmpFiles ReadSnmpFiles(const std::string &application) {
     Environment module_files("MIBFILES");
     const char *locale = setlocale(LC_CTYPE, nullptr);
     std::string before = locale != nullptr ? locale : "C";
+    reading = true;
     init_snmp(application.c_str());
+    reading = false;
     setlocale(LC_CTYPE, before.c_str());  // init_snmp() takes the environment's
   }
 
@@ -245,16 +290,9 @@ std::string AgentxTarget() {
 
 std::vector<std::string> UnreadableSnmpFiles(const std::string &application) {
   std::vector<std::string> unreadable;
-  std::istringstream directories(get_configuration_directory());
-  for (std::string directory; std::getline(directories, directory, ENV_SEPARATOR_CHAR);) {
-    for (const std::string &name : {application, std::string("snmp"), std::string("snmpd")}) {
-      for (const char *end : {".conf", ".local.conf"}) {
-        std::string path = directory;
-        path.append("/").append(name).append(end);
-        if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
-          unreadable.push_back(path);
-        }
-      }
+  for (const std::string &path : ConfigurationFiles(application)) {
+    if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
+      unreadable.push_back(path);
     }
   }
   return unreadable;

@@ -312,7 +312,10 @@ int UnsentFile::Replace(std::span<const Notification> notifications) {
   std::vector<Notification> all;
   if (state_ == State::kUnread) {
     if (const std::optional<std::string> packed = Contents(directory.get())) {
-      Unpack(*packed, &all);
+      if (!Unpack(*packed, &all)) {
+        agentlog_fprintf(stderr, "%s: File %s is damaged: %zu traps of it are kept\n", AgentName(),
+                         path_.c_str(), all.size());
+      }
     } else if (errno != ENOENT && errno != EINVAL) {
       return -1;
     }

@@ -300,12 +300,14 @@ Verdict Bench::Judge(std::vector<std::string> differences, bool at_once, bool re
   if (explained_) {
     verdict.outcome = Outcome::kByRule;
   }
-  for (const std::string &line : verdict.differences) {
-    if (Rule(phase_, call_, line).empty()) {
-      verdict.outcome = Outcome::kWrong;
-    } else if (verdict.outcome != Outcome::kWrong) {
-      verdict.outcome = Outcome::kByRule;
-    }
+  // What no rule allows stands first.
+  const auto allowed = std::stable_partition(
+      verdict.differences.begin(), verdict.differences.end(),
+      [this](const std::string &line) { return Rule(phase_, call_, line).empty(); });
+  if (allowed != verdict.differences.begin()) {
+    verdict.outcome = Outcome::kWrong;
+  } else if (!verdict.differences.empty()) {
+    verdict.outcome = Outcome::kByRule;
   }
   if (verdict.outcome == Outcome::kWrong) {
     verdict.place = Named(injector_.Place(), 8);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -20,12 +19,10 @@ std::string Told(const Call &call, unsigned n, const Verdict &verdict) {
   std::string text = std::string(call.name) + " " + call.error_name + " " + std::to_string(n) +
                      ": " + NameOf(verdict.outcome);
   if (verdict.outcome == Outcome::kWrong || verdict.outcome == Outcome::kEnded) {
-    // Some of each kind.
-    std::map<std::string, unsigned> shown;
-    for (const std::string &line : verdict.differences) {
-      if (++shown[line.substr(0, 6)] <= 4) {
-        text += "\n    " + line.substr(0, 160);
-      }
+    // What no rule allows comes first.
+    constexpr size_t kMostLines = 24;
+    for (size_t i = 0; i < verdict.differences.size() && i < kMostLines; i++) {
+      text += "\n    " + verdict.differences[i].substr(0, 160);
     }
     for (const std::string &line : verdict.place) {
       text += "\n      at " + line;
@@ -77,9 +74,10 @@ TEST_P(FaultyCalls, LeaveNothingWrong) {
   EXPECT_EQ(bench.Restart(), std::vector<std::string>());
 }
 INSTANTIATE_TEST_SUITE_P(Each, FaultyCalls,
-                         testing::Values(Share{Phase::kStart, 0, 4}, Share{Phase::kStart, 1, 4},
+                         testing::Values(Share{Phase::kPoll, 0, 2}, Share{Phase::kPoll, 1, 2},
+                                         Share{Phase::kStart, 0, 4}, Share{Phase::kStart, 1, 4},
                                          Share{Phase::kStart, 2, 4}, Share{Phase::kStart, 3, 4},
-                                         Share{Phase::kPoll, 0, 1}, Share{Phase::kRequests, 0, 1}),
+                                         Share{Phase::kRequests, 0, 1}),
                          NameOfShare);
 
 TEST_P(FaultyAllocations, LeaveNothingWrong) {

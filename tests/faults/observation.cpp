@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <map>
 
 #include "platform/framework.h"
 
@@ -197,6 +198,22 @@ Seen WithoutNumbers(const Seen &seen) {
                            parent(firmware_column),
                            firmware_column,
                            {"tlxHoFwVerIndex"}}};
+  // What stands behind the number of the line that names a row.
+  std::map<std::string, std::string> named;
+  for (const std::string &line : seen) {
+    for (const Table &table : tables) {
+      const std::string column = "walk " + table.name_column;
+      if (line.starts_with(table.object)) {
+        const size_t end = line.find(' ', table.object.size());
+        if (line.compare(end, table.name.size() + 4, " " + table.name + " = ") == 0) {
+          named.emplace(line.substr(0, end), line.substr(end));
+        }
+      } else if (line.starts_with(column)) {
+        const size_t end = line.find(' ', column.size());
+        named.emplace(line.substr(0, end), line.substr(end));
+      }
+    }
+  }
   Seen result;
   for (const std::string &line : seen) {
     std::string changed = line;
@@ -207,10 +224,8 @@ Seen WithoutNumbers(const Seen &seen) {
       }
       if (line.starts_with(table.object)) {
         const std::string number = line.substr(0, line.find(' ', table.object.size()));
-        for (const std::string &other : seen) {
-          if (other.starts_with(number + " " + table.name + " = ")) {
-            changed = table.object + other.substr(number.size()) + line.substr(number.size());
-          }
+        if (const auto name = named.find(number); name != named.end()) {
+          changed = table.object + name->second + line.substr(number.size());
         }
         if (line.find(table.left_out.front() + " ") != std::string::npos) {
           changed = table.object + "index";
@@ -221,12 +236,9 @@ Seen WithoutNumbers(const Seen &seen) {
         const size_t dot = line.find('.', walked.size()), end = line.find(' ', walked.size());
         const std::string column = line.substr(walked.size(), dot - walked.size());
         const std::string number = line.substr(dot, end - dot);
-        for (const std::string &other : seen) {
-          const std::string head =
-              "walk " + table.name_column.substr(0, table.name_column.size() - 1);
-          if (other.starts_with(head + number + " ")) {
-            changed = walked + column + other.substr((head + number).size()) + line.substr(end);
-          }
+        if (const auto name = named.find("walk " + table.name_column + number.substr(1));
+            name != named.end()) {
+          changed = walked + column + name->second + line.substr(end);
         }
         const std::string index = MadeUpHost::Oid(table.left_out.front() + ".1");
         if (line.starts_with("walk " + index.substr(0, index.rfind('.') + 1))) {

@@ -1,4 +1,5 @@
 // What may still differ three polls after a call has failed, each with its reason.
+#include <cctype>
 #include <regex>
 
 #include "tests/faults/bench.h"
@@ -10,9 +11,25 @@ namespace {
 struct Exception {
   const char *phase;       // all of them: ""
   const char *call;        // all of them: ""
-  const char *difference;  // a pattern for the whole line
+  std::string difference;  // a pattern for the whole line
   const char *reason;
 };
+
+// The status array of the golden server, with this agent's own condition.
+constexpr char kStatusArray[] =
+    "01 03 08 00 01 02 01 02 01 02 02 03 01 02 03 04 00 00 00 00 01 03 05 06 01 02 06 07 "
+    "00 00 00 00 01 02 04 05 01 02 07 08 01 02 08 09 01 0[23] 01 00 00 00 00 00 00 00 00 00 "
+    "01 02 09 0A 00 00 00 00 01 03 0A 0B 00 00 00 00 01 02 0D 0E 00 00 00 00 00 00 00 00 "
+    "01 00 00 00 01 02 0B 0C 00 00 00 00 00 00 00 00 00 00 00 00 01 02 0E 0F";
+
+// As Printable() has it.
+std::string StatusArrayText() {
+  std::string text = "\\\\";
+  for (const char *c = kStatusArray; *c != '\0'; c++) {
+    text += *c == ' ' ? std::string("\\\\") : std::string(1, static_cast<char>(tolower(*c)));
+  }
+  return text;
+}
 
 const std::vector<Exception> &Exceptions() {
   static const std::vector<Exception> exceptions = {
@@ -25,16 +42,24 @@ const std::vector<Exception> &Exceptions() {
        "\"rack 7, slot 3\"|its file has 14 bytes: rack 7, slot 3)",
        "the same of its detail"},
       {"", "",
-       "- (kept host/fwver\\.|object host/fwver\\. tlxHoFwVerDisplayName = Servala KX770 R7 .*|"
-       "walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.7\\.1\\.1\\.\\d+ = STRING: \"Servala KX770 "
-       "R7 .*)",
+       "- (kept host/fwver\\.|object host/fwver\\.(index| tlxHoFwVerDisplayName = Servala KX770 R7 "
+       ".*)|"
+       "walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.7\\.1\\.1\\.(index|\\d+ = STRING: "
+       "\"Servala "
+       "KX770 R7 .*))",
        "a controller that has not answered for the programmable logic is not asked for it again"},
       {"", "",
-       "- (kept host/swver\\.|object host/swver\\. tlxHoSwVerName = "
-       "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*|walk "
-       "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.\\d+ = "
-       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*)",
+       "- (kept host/swver\\.|object host/swver\\.(index| tlxHoSwVerName = "
+       "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*)|walk "
+       "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.(index|\\d+ = "
+       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*))",
        "the first row of a utility that cannot be made, which the log says, is the last one tried"},
+      {"", "",
+       "[-+] (object host/misc tlxHoMibStatusArray = " + StatusArrayText() +
+           "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.5\\.0 = Hex-STRING: " +
+           kStatusArray + " ?)",
+       "a peer's condition in the status array, this agent's own among them, is the one of its "
+       "start"},
       {"", "",
        "[-+] (object host/misc tlxHoSwVerNextIndex = \\d+|walk "
        "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.2\\.0 = INTEGER: \\d+)",

@@ -96,8 +96,10 @@ TEST_F(Doctor, FindsAllWell) {
     EXPECT_HAS(About(std::string("group ") + group + ": "), "ok    group ");
   }
   EXPECT_HAS(About("package list: "), "ok    ");
-  EXPECT_HAS(About("mount table: "), "ok    ");
-  EXPECT_HAS(About("distribution: "), "ok    ");
+  for (const char *source :
+       {"processor times: ", "memory sizes: ", "mount table: ", "distribution: "}) {
+    EXPECT_HAS(About(source), "ok    ");
+  }
 }
 
 TEST_F(Doctor, SourcesThatAreAbsentAreNoError) {
@@ -211,6 +213,19 @@ TEST_F(Doctor, MissesTheMountTable) {
   Examine();
   EXPECT_EQ(outcome_.status, 1);
   EXPECT_HAS(About("mount table: "), "ln -s ../proc/self/mounts /etc/mtab");
+}
+
+TEST_F(Doctor, MissesTheFilesOfTheKernel) {
+  host_.ComposeProc();
+  Start();
+  host_.Remove("/proc/stat");
+  host_.Remove("/proc/meminfo");
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("processor times: "),
+             "FAIL  processor times: /proc/stat is absent or not readable.");
+  EXPECT_HAS(About("memory sizes: "),
+             "FAIL  memory sizes: /proc/meminfo is absent or not readable.");
 }
 
 TEST_F(Doctor, NoMaster) {
@@ -501,6 +516,23 @@ TEST_F(Doctor, WhatBecameOfTheRegistry) {
   EXPECT_HAS(About("group hwinfo: "), "note  group hwinfo: not published; no EV told it");
   ASSERT_TRUE(host_.daemon.Poll());
   ASSERT_TRUE(Eventually([] { return MadeUpHost::Object("host/info").has_value(); }));
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  // Rows of which others are whole, and what is no row.
+  host_.Remove(root + "/host/cpu.1");
+  host_.File(root + "/host/swver.2", "rubbish");
+  host_.File(root + "/host/memory.old", ReadFile(root + "/host/memory"));
+  host_.File(root + "/host/cpu.0.bak", ReadFile(root + "/host/cpu.0"));
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("group cpu: "),
+             "FAIL  group cpu: 1 row, but the file of cpu.1 is missing, though published to "
+             "managers. The agent writes it again");
+  EXPECT_HAS(About("group swver: "),
+             "FAIL  group swver: 3 rows, but the file of swver.2 is damaged. The agent writes");
+  EXPECT_HAS(About("group memory: "), "ok    group memory: last published");
+  ASSERT_TRUE(host_.daemon.Poll());
+  ASSERT_TRUE(Eventually([] { return MadeUpHost::Object("host/swver.2").has_value(); }));
   Examine();
   EXPECT_EQ(outcome_.status, 0) << outcome_.out;
   // Another directory than the agent's, and none.

@@ -1,4 +1,6 @@
 // The command line, the start-up delay, the community and the configuration file.
+#include <sys/stat.h>
+
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;
@@ -177,6 +179,34 @@ TEST(Configuration, PollInterval) {
   host.File("/etc/snmp/vexhostd.conf", "pollInterval 20\n");
   EXPECT_EQ(Period(&host, {"-i"}), 20U);
   EXPECT_EQ(Period(&host, {"-p", "5"}), 5U);
+}
+
+TEST(Configuration, AQuotedPollIntervalIsTheSame) {
+  MadeUpHost host;
+  for (const char *line : {"pollInterval \"20\"\n", "pollInterval '20'\n"}) {
+    host.File("/etc/snmp/vexhostd.conf", line);
+    EXPECT_EQ(Period(&host, {"-i"}), 20U) << line;
+    EXPECT_EQ(host.daemon.Count("pollInterval"), 0U) << host.daemon.Log();
+  }
+}
+
+TEST(Configuration, ATokenWithoutValueIsALine) {
+  MadeUpHost host;
+  host.File("/etc/snmp/vexhostd.conf", "pollInterval\ncommunity x\n");
+  EXPECT_EQ(Period(&host, {"-i"}), 15U);
+  EXPECT_EQ(host.daemon.Count("pollInterval"), 1U) << host.daemon.Log();
+}
+
+// Nobody writes to it, and the SNMP library would wait for that.
+TEST(Configuration, APipeIsRefusedAtOnce) {
+  MadeUpHost host;
+  host.Directory("/etc/snmp");
+  ASSERT_EQ(mkfifo("/etc/snmp/vexhostd.conf", 0600), 0);
+  DaemonOptions options;
+  options.wait = false;
+  host.daemon.Start(options);
+  EXPECT_EQ(host.daemon.WaitEnd(20), 1);
+  EXPECT_EQ(host.daemon.Count("/etc/snmp/vexhostd.conf: It is a pipe"), 1U) << host.daemon.Log();
 }
 
 TEST(Configuration, PollIntervalIsHeldAtAMinute) {

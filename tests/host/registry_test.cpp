@@ -174,6 +174,9 @@ class Lost : public testing::Test {
     host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(5, '\x01'));
     host_.File("/etc/mtab", "/dev/x / ext4 rw 0 0\n/dev/y /home ext4 rw 0 0\n");
     host_.Start();
+    EXPECT_EQ(host_.Set("tlxHoSystemRole", 's', "mail"), "noError");
+    guid_ = ReadFile(PathOf("tlxhoguid.dat"));
+    EXPECT_EQ(guid_.size(), 16U);
     EXPECT_TRUE(host_.daemon.Poll());
     names_ = MadeUpHost::Objects();
     EXPECT_GE(names_.size(), 9U);
@@ -201,7 +204,11 @@ class Lost : public testing::Test {
     }
     EXPECT_EQ(Mode(PathOf("host")), 0755U);
     EXPECT_EQ(Mode(MadeUpHost::kRegistry), 0755U);
-    // The role's file and the objects are in one registry.
+    // What is kept is where it is looked for.
+    EXPECT_EQ(ReadFile(PathOf("tlxhosystemrole.dat")), "mail");
+    EXPECT_EQ(ReadFile(PathOf("tlxhoguid.dat")), guid_);
+    EXPECT_EQ(Mode(PathOf("tlxhosystemrole.dat")), 0600U);
+    EXPECT_FALSE(Exists(PathOf("tlxhosystemroledetail.dat"))) << "nobody has set it";
     EXPECT_EQ(host_.Set("tlxHoSystemRole", 's', "web"), "noError");
     EXPECT_EQ(ReadFile(PathOf("tlxhosystemrole.dat")), "web");
     ASSERT_TRUE(host_.daemon.Poll());
@@ -217,6 +224,7 @@ class Lost : public testing::Test {
   }
 
   mutable MadeUpHost host_;
+  std::string guid_;
   std::vector<std::string> names_;
   std::map<std::string, std::string> states_;
 };
@@ -284,6 +292,22 @@ TEST_F(Lost, ARootThatIsMovedAway) {
   EXPECT_EQ(host_.daemon.Count("The registry was moved, removed or covered"), 1U);
   EXPECT_EQ(host_.daemon.Stop(), 0);
   EXPECT_FALSE(Exists(PathOf("host")));
+}
+
+// What a manager or an administrator has put into the new root counts.
+TEST_F(Lost, ARootThatIsReplacedByOneWithKeptFiles) {
+  ASSERT_EQ(rename("/var/spool/quorix/kelmo", "/var/spool/quorix/old"), 0);
+  host_.File(PathOf("tlxhosystemrole.dat"), "another", 0600);
+  ASSERT_TRUE(host_.daemon.Poll());
+  EXPECT_EQ(ReadFile(PathOf("tlxhosystemrole.dat")), "another");
+  EXPECT_EQ(ReadFile(PathOf("tlxhoguid.dat")), guid_);
+}
+
+// The way to a role that is empty at the next start.
+TEST_F(Lost, AKeptFileThatIsRemovedStaysSo) {
+  host_.Remove(PathOf("tlxhosystemrole.dat"));
+  ASSERT_TRUE(host_.daemon.Poll());
+  EXPECT_FALSE(Exists(PathOf("tlxhosystemrole.dat")));
 }
 
 TEST_F(Lost, ARootThatIsMountedOverAndUncoveredAgain) {

@@ -157,6 +157,9 @@ class Swapper {
     EXPECT_GT(process_, 0);
   }
   ~Swapper() {
+    if (process_ <= 0) {
+      return;
+    }
     EXPECT_EQ(waitpid(process_, nullptr, WNOHANG), 0) << "it swapped all the while";
     kill(process_, SIGKILL);
     waitpid(process_, nullptr, 0);

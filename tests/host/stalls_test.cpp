@@ -141,6 +141,26 @@ TEST(HangingTool, DelaysAPollOnceAndCostsNoRow) {
   EXPECT_EQ(host.daemon.Count("do_swver: the package scan came to its end"), 1U);
 }
 
+// dpkg and rpm share the time that package tools have, and are then left alone together.
+TEST(HangingTool, WithAnotherOneCostsNoMoreThanOne) {
+  MadeUpHost host;
+  MakeUpDpkg(host, Line("glut"));
+  Hang(host);
+  host.Command("rpm", std::string("exec sleep ") + kMark + "\n");
+  host.snmpd.Start();
+  DaemonOptions options;
+  options.wait = false;
+  host.daemon.Start(options);
+  ASSERT_TRUE(host.daemon.WaitStarted(60));
+  ASSERT_TRUE(host.daemon.WaitServed());
+  EXPECT_EQ(host.daemon.Count("killed (4.0 seconds): rpm -qa"), 1U) << host.daemon.Log();
+  EXPECT_EQ(host.daemon.Count("seconds): dpkg -la"), 1U) << host.daemon.Log();
+  const size_t calls = Calls();
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(Calls(), calls);
+  EXPECT_TRUE(Eventually([] { return Hanging() == 0; }));
+}
+
 TEST(HangingTool, OfVMwaresIsCutOff) {
   MadeUpHost host;
   host.Directory("/vmfs/volumes");

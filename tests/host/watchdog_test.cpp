@@ -64,6 +64,24 @@ TEST(SnmpdWatchdog, RunsNothingUnlessTold) {
   EXPECT_FALSE(Exists("/run/asked"));
 }
 
+// A ps that waits for a process which hangs in the kernel, say.
+TEST(SnmpdWatchdog, DoesNotWaitForEver) {
+  MadeUpHost host;
+  Watched(host);
+  host.Command("ps", "exec sleep 864124\n");
+  host.snmpd.Start();
+  DaemonOptions options;
+  options.arguments = {"-z"};
+  options.wait = false;
+  host.daemon.Start(options);
+  ASSERT_TRUE(host.daemon.WaitStarted(80));
+  EXPECT_EQ(host.daemon.Count("Command ran out of time and was killed (30.0 seconds): SNMPDPID="),
+            1U)
+      << host.daemon.Log();
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(Children(host.daemon.pid()), std::vector<pid_t>{});
+}
+
 TEST(SnmpdWatchdog, WithoutAnSnmpdOrItsScript) {
   MadeUpHost host;
   Watched(host);

@@ -148,7 +148,7 @@ class Components(Work):
         everything = self.work + "/all"
         run("cmake", "--install", self.build, "--prefix", everything)
         files = {}
-        for component in ("program", "configuration", "headers", "documentation"):
+        for component in ("program", "configuration", "headers", "documentation", "integrations"):
             place = f"{self.work}/{component}"
             run("cmake", "--install", self.build, "--prefix", place, "--component", component)
             files[component] = {path for path in tree(place) if os.path.isfile(f"{place}/{path}")}
@@ -159,7 +159,10 @@ class Components(Work):
                                  if os.path.isfile(f"{everything}/{path}")})
         self.assertIn("include/vexhostd/platform/framework.h", files["headers"])
         self.assertIn("share/pkgconfig/vexhostd.pc", files["headers"])
+        self.assertIn("share/doc/vexhostd/examples/sibling/sibling.c", files["headers"])
         self.assertIn("etc/snmp/vexhostd.conf", files["configuration"])
+        self.assertIn("share/doc/vexhostd/third-party-notices", files["documentation"])
+        self.assertIn("share/vexhostd/dpkg.cfg", files["integrations"])
 
         # What the pkg-config file says is what an agent is built with.
         with open(self.work + "/sibling.c", "w", encoding="utf-8") as file:

@@ -4,7 +4,9 @@ without systemd running (tests/vm has that), so that what the scripts ask of it 
 systemctl in its place.
 
 usage: life_test.py PACKAGES DEBIAN [Life[.test]]   (build/packages, build/root/root)
-VEX_OLD_PACKAGES has the packages of 0.1.0 for the tests of upgrades (scripts/build-old-packages).
+VEX_OLD_PACKAGES has the packages of 0.1.0 for the tests of upgrades (scripts/build-old-packages);
+VEX_COMPILER_ROOT a Debian of that suite with a compiler and what the packages are built with, where
+it is not this machine's own suite.
 """
 
 import contextlib
@@ -541,9 +543,19 @@ class Life(unittest.TestCase):
             ["pkg-config", "--cflags", "--libs", "vexhostd"], check=True, text=True,
             stdout=subprocess.PIPE, env={
                 **os.environ, "PKG_CONFIG_PATH": self.machine.path("/usr/share/pkgconfig")}).stdout
-        flags = [re.sub("^-([IL])", r"-\1" + self.machine.root, flag) for flag in flags.split()]
-        subprocess.run(["cc", source, *flags, "-o", self.machine.path("/usr/local/bin/sibling")],
-                       check=True)
+        # Where the compiler sees the machine's files.
+        there, chroot = self.machine.root, []
+        compiler_root = os.environ.get("VEX_COMPILER_ROOT")
+        if compiler_root:
+            # Another suite's compiler: this machine's C library may be newer than the program would find.
+            there, chroot = "/mnt", ["chroot", compiler_root]
+            subprocess.run(["mount", "--bind", self.machine.root, compiler_root + there], check=True)
+        flags = [re.sub("^-([IL])", r"-\1" + there, flag) for flag in flags.split()]
+        subprocess.run([*chroot, "cc", source.replace(self.machine.root, there, 1), *flags,
+                        "-o", there + "/usr/local/bin/sibling"], check=True,
+                       env={**os.environ, "TMPDIR": there + "/tmp"})
+        if compiler_root:
+            subprocess.run(["umount", compiler_root + there], check=True)
         sibling = self.machine.start("sibling", "-p")
         self.started.append(sibling)
         self.assertTrue(eventually(lambda: self.machine.exists(REGISTRY + "/example/clock")))

@@ -7,12 +7,14 @@ usage: packages_test.py BUILD-OF-THE-PACKAGES [TestClass[.test]]
 import glob
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
 import unittest
 
 PACKAGES = ""
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 # One function of each library that has a header beside the framework's.
 USER = """
 #include <stddef.h>
@@ -126,6 +128,21 @@ class Files(unittest.TestCase):
         self.assertIn(fortify, theirs.split())
         self.assertNotIn("-O0", lines[0])
 
+    def test_a_source_package_has_nothing_that_was_built(self):
+        # Straight from a tree in which somebody has been working.
+        tree = self.root + "/work/tree"
+        shutil.copytree(SOURCE + "/debian", tree + "/debian")
+        for path in ("build/release/program", ".git/config", "scripts/build-packages"):
+            os.makedirs(os.path.dirname(f"{tree}/{path}"), exist_ok=True)
+            with open(f"{tree}/{path}", "w", encoding="utf-8") as file:
+                file.write("something\n")
+        done = run("dpkg-source", "-b", tree, cwd=self.root + "/work")
+        self.assertEqual(done.returncode, 0, done.stdout)
+        [made] = glob.glob(self.root + "/work/*.tar.xz")
+        listed = run("tar", "-tf", made).stdout.split()
+        self.assertLess({"tree/debian/control", "tree/scripts/build-packages"}, set(listed))
+        self.assertEqual([path for path in listed if "/build/" in path or "/.git/" in path], [])
+
     def test_symbols_for_a_debugger_are_in_packages_of_their_own(self):
         self.assertTrue(glob.glob(PACKAGES + "/vexhostd-dbgsym_*.deb"))
 
@@ -201,9 +218,8 @@ class Lintian(unittest.TestCase):
 
     def test_finds_nothing(self):
         done = self.lint(*glob.glob(PACKAGES + "/*.changes"))
-        # An override may be for the lintian of another suite; then that is counted, too.
-        found = [line for line in done.stdout.splitlines()
-                 if not re.match(r"I: .*: unused-override |N: ", line)]
+        # How many were overridden is said as well.
+        found = [line for line in done.stdout.splitlines() if not line.startswith("N: ")]
         self.assertEqual(found, [])
 
     def test_and_would_find_something(self):

@@ -1,5 +1,7 @@
-"""The packages once more, made from a copy of the tree in another folder, at another time, with another
-umask, locale, time zone and home, and without a compiler's cache: they are the same bit for bit.
+"""The packages once more: the source package from a copy of the tree with other times and modes, and
+from that source package the others, by dpkg-buildpackage itself, in another folder, at another time,
+with another umask, locale, time zone, home and number of processes, and without a compiler's cache.
+They are the same bit for bit.
 
 usage: reproducible_test.py SOURCE PACKAGES WORK
 """
@@ -12,6 +14,22 @@ import subprocess
 import sys
 
 SOURCE, PACKAGES, WORK = (os.path.abspath(path) for path in sys.argv[1:])
+# Its letters are sorted and changed to capitals otherwise than anywhere else.
+LOCALE = "tr_TR.UTF-8"
+
+
+def names(directory, *kinds):
+    return sorted(os.path.basename(path) for kind in kinds
+                  for path in glob.glob(f"{directory}/*{kind}"))
+
+
+def different(made, *kinds):
+    """Those of the packages that are not the same there."""
+    here, there = names(PACKAGES, *kinds), names(made, *kinds)
+    assert here == there and len(here) >= len(kinds), (here, there)
+    print("compared:", *here, flush=True)
+    return [name for name in here
+            if not filecmp.cmp(f"{PACKAGES}/{name}", f"{made}/{name}", shallow=False)]
 
 
 def main():
@@ -19,24 +37,35 @@ def main():
     tree = WORK + "/somewhere/else"
     os.makedirs(tree)
     os.umask(0o077)
+    environment = {**os.environ, "TZ": "Pacific/Kiritimati", "HOME": WORK, "USER": "somebody",
+                   "CCACHE_DISABLE": "1"}
+
     copy = subprocess.Popen(["tar", "-C", SOURCE, "-c", "--exclude=./.git", "--exclude=./build*",
                              "."], stdout=subprocess.PIPE)
     subprocess.run(["tar", "-C", tree, "-x", "--touch"], stdin=copy.stdout, check=True)
     if copy.wait() != 0:
         raise SystemExit("the tree cannot be copied")
-    environment = {**os.environ, "TZ": "Pacific/Kiritimati", "LANG": "C.UTF-8", "HOME": WORK,
-                   "CCACHE_DISABLE": "1", "USER": "somebody",
-                   "DEB_BUILD_OPTIONS": "parallel=1"}
-    subprocess.run([tree + "/scripts/build-packages"], check=True, env=environment)
-    made = tree + "/build/packages"
-    names = sorted(os.path.basename(path) for path in glob.glob(PACKAGES + "/*.deb"))
-    again = sorted(os.path.basename(path) for path in glob.glob(made + "/*.deb"))
-    assert names == again and len(names) >= 3, (names, again)
-    source = [os.path.basename(path) for path in glob.glob(PACKAGES + "/*.dsc")]
-    different = [name for name in names + source
-                 if not filecmp.cmp(f"{PACKAGES}/{name}", f"{made}/{name}", shallow=False)]
-    assert not different, f"{different} differ; compare {PACKAGES} and {made}"
-    print("the same:", *(names + source))
+    subprocess.run([tree + "/scripts/build-packages", "--build=source"], check=True, env=environment)
+    bad = different(tree + "/build/packages", ".dsc", ".tar.xz")
+
+    locales = WORK + "/locales"
+    os.mkdir(locales)
+    subprocess.run(["localedef", "-i", "tr_TR", "-f", "UTF-8", f"{locales}/{LOCALE}"], check=True)
+    environment |= {"LOCPATH": locales, "LC_ALL": LOCALE, "LANGUAGE": "tr",
+                    "DEB_BUILD_OPTIONS": "nocheck parallel=1", "DEB_BUILD_PROFILES": "nocheck"}
+    month = subprocess.run(["date", "--date=2026-01-01", "+%B"], stdout=subprocess.PIPE, text=True,
+                           check=True, env=environment).stdout
+    assert month == "Ocak\n", f"the locale is not in use: {month}"
+    unpacked = WORK + "/unpacked/here"
+    os.mkdir(WORK + "/unpacked")
+    [dsc] = glob.glob(PACKAGES + "/*.dsc")
+    subprocess.run(["dpkg-source", "-x", dsc, unpacked], check=True, stdout=subprocess.DEVNULL)
+    with open(WORK + "/log", "w", encoding="utf-8") as log:
+        subprocess.run(["dpkg-buildpackage", "--no-sign", "--build=binary"], check=True,
+                       cwd=unpacked, env=environment, stdout=log, stderr=log)
+    assert len(names(PACKAGES, ".deb")) >= 3
+    bad += different(os.path.dirname(unpacked), ".deb")
+    assert not bad, f"{bad} differ; compare {PACKAGES} and {WORK}"
     shutil.rmtree(WORK)
 
 

@@ -29,12 +29,22 @@ def run(*command, **options):
                           check=False, **options)
 
 
-def build(dist):
-    """The packages of one release; Debian's rpm does not know what is installed here."""
+def build(dist, for_debuggers=False):
+    """The packages of one release; Debian's rpm does not know what is installed here. Where rpm is at
+    home, its macros make packages for debuggers as well; Debian's want to be told."""
     top = f"{WORK}/rpm"
+    spec, options = f"{SOURCE}/{SPEC}", []
+    if for_debuggers:
+        with open(spec, encoding="utf-8") as file:
+            text = file.read()
+        spec = f"{WORK}/vexhostd.spec"
+        with open(spec, "w", encoding="utf-8") as file:
+            file.write(text.replace("\n%prep\n", "\n%debug_package\n\n%prep\n"))
+        options = ["--define", "_debugsource_packages 1"]
     made = run("rpmbuild", "-bb", "--nodeps", "--define", f"_topdir {top}", "--define",
                f"_sourcedir {WORK}", "--define", f"optflags {FLAGS}", "--define", f"dist {dist}",
-               f"{SOURCE}/{SPEC}", env={**os.environ, "PATH": f"/usr/lib/ccache:{os.environ['PATH']}"})
+               *options, spec,
+               env={**os.environ, "PATH": f"/usr/lib/ccache:{os.environ['PATH']}"})
     with open(f"{WORK}/log{dist}", "w", encoding="utf-8") as log:
         log.write(made.stdout)
     if made.returncode != 0:
@@ -53,7 +63,7 @@ class Rpm(unittest.TestCase):
                         f"--transform=s,^\\.,vexhostd-{cls.version},", "."], check=True,
                        env={**os.environ, "XZ_OPT": "-0"})
         build(".first")
-        build(".newer")
+        build(".newer", for_debuggers=True)
 
     def package(self, dist, name="vexhostd"):
         [found] = glob.glob(f"{WORK}/rpm/RPMS/*/{name}-{self.version}-1{dist}.*.rpm")
@@ -75,6 +85,13 @@ class Rpm(unittest.TestCase):
             self.assertIn(flag, line.split())
         # rpm maps the build's folders itself.
         self.assertNotIn("prefix-map", line)
+
+    def test_debuggers_find_the_sources(self):
+        listed = run("rpm", "-qpl", self.package(".newer", "vexhostd-debugsource")).stdout
+        self.assertIn("/agent/agent.cpp\n", listed)
+        self.assertIn("/framework/process/main_loop.cpp\n", listed)
+        listed = run("rpm", "-qpl", self.package(".newer", "vexhostd-debuginfo")).stdout
+        self.assertRegex(listed, r"/usr/sbin/vexhostd-\S*\.debug\n")
 
     def test_the_libraries_are_where_the_system_has_them_and_nobody_elses(self):
         files = self.ask("--list")

@@ -141,6 +141,12 @@ Outcome RunCommand(const std::vector<std::string> &command, const ProcessOptions
   close(in[0]);
   close(out[1]);
   close(err[1]);
+  if (pid < 0) {
+    close(in[1]);
+    close(out[0]);
+    close(err[0]);
+    return outcome;
+  }
   // The inputs of scenarios are smaller than a pipe.
   if (write(in[1], input.data(), input.size()) < 0)
     outcome.err = "(its input was not taken)\n";

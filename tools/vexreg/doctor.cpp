@@ -1,4 +1,5 @@
 // vexreg doctor: looks for what keeps the agent from being seen.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -7,7 +8,7 @@
 
 #include <algorithm>
 #include <iostream>
-#include <map>
+#include <memory>
 #include <thread>
 
 #include "framework/registry/directory_lock.h"
@@ -35,21 +36,12 @@ constexpr char kPollObject[] = "host/misc";
 constexpr char kPollVariable[] = "tlxHoOsCommonPollFreq";
 constexpr char kGuidObject[] = "host/misc";
 constexpr char kGuidVariable[] = "tlxHoGUID";
+constexpr int kMostRows = 500;   // of a group, that snmpd is asked for
 constexpr int kComparisons = 5;  // a poll may come in between
 
+// What the agent's groups say of themselves, by scripts/check-groups.
 const Group kGroups[] = {
-    {"cpu", true, true, "", "tlxHoCpuUtilUnitIndex"},
-    {"filesys", false, false, "nothing is mounted that the table lists", "tlxHoFileSysIndex"},
-    {"memory", true, true, "", "tlxHoPhysicalMemorySize"},
-    {"info", true, true, "", "tlxHoName"},
-    {"misc", true, true, "", "tlxHoOsCommonPollFreq"},
-    {"swver", false, true, "", "tlxHoSwVerIndex"},
-    {"swverag", false, false, "the version of the agents' package could not be asked",
-     "tlxHoSwVerAgentsVer"},
-    {"fwver", false, false, "this machine has no source for it", "tlxHoFwVerIndex"},
-    {"hwinfo", false, false, "no EV told it at the agent's start", "tlxHoHWInfoPlatform"},
-    {"appliance", false, false, "the machine was no appliance at the agent's start",
-     "tlxApApplianceId"},
+#include "tools/vexreg/groups.inc"
 };
 
 // sysUpTime.0 (RFC 3418), which Debian's stock view shows, too.
@@ -253,9 +245,11 @@ class Examination {
   // Why a group has no object.
   void LookForFile(const Group &group, GroupFacts *facts) {
     const Descriptor root(OpenRegistryRoot(root_, false));
-    for (const char *row : {"", ".0"}) {
+    std::vector<std::string> names = facts->damaged_rows;
+    names.insert(names.end(), {group.name, group.name + ".0"});
+    for (const std::string &name : names) {
       const Descriptor file(
-          OpenBeneath(root.get(), kDirectory + group.name + row, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+          OpenBeneath(root.get(), kDirectory + name, O_RDONLY | O_NONBLOCK | O_NOCTTY));
       facts->damaged = facts->damaged || file;
       facts->unreadable = facts->unreadable || (!file && errno == EACCES);
     }
@@ -271,23 +265,81 @@ class Examination {
     }
   }
 
-  void LookAtGroups() {
-    std::map<std::string, GroupFacts> groups;
-    std::map<std::string, bool> rows;
-    for (const std::string &name : ListObjects(root_)) {
-      if (!name.starts_with(kDirectory)) {
+  // The names in the agent's directory.
+  std::vector<std::string> Files() const {
+    std::vector<std::string> names;
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    Descriptor directory(OpenBeneath(root.get(), std::string(kDirectory, sizeof(kDirectory) - 2),
+                                     O_RDONLY | O_DIRECTORY | O_NONBLOCK));
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(
+        directory ? fdopendir(directory.get()) : nullptr, closedir);
+    if (entries != nullptr) {
+      directory.Release();
+    }
+    while (const dirent *entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
+      names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // Whether there is something of that name that this user may read.
+  bool HasFile(const std::string &name) const {
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    return static_cast<bool>(
+        Descriptor(OpenBeneath(root.get(), name, O_RDONLY | O_NONBLOCK | O_NOCTTY)));
+  }
+
+  // Adds the rows that snmpd has and the registry has not.
+  void LookForRows(const Group &group, GroupFacts *facts) {
+    const MibVariable *variable = FindMibVariable(group.variable);
+    if (!visible_ || AgentStopped() || variable == nullptr) {
+      return;
+    }
+    const std::vector<uint32_t> column(variable->Oid().begin(), variable->Oid().end());
+    std::vector<uint32_t> at = column;
+    for (int row = 0; row < kMostRows; row++) {
+      const SnmpReply reply = AskSnmp(kLoopback, files_.community, at, true);
+      if (!reply.answered || reply.error != 0 || reply.name.size() != column.size() + 1 ||
+          !std::equal(column.begin(), column.end(), reply.name.begin()) || reply.name == at) {
+        return;
+      }
+      at = reply.name;
+      const std::string name = group.name + "." + std::to_string(at.back());
+      if (HasFile(kDirectory + name)) {
         continue;
       }
-      const size_t dot = name.rfind('.');
-      const size_t end = dot != std::string::npos ? dot : name.size();
-      const std::string group = name.substr(sizeof(kDirectory) - 1, end - sizeof(kDirectory) + 1);
-      if (const auto object = ReadObjectFile(name, root_)) {
-        GroupFacts &facts = groups[group];
-        facts.objects++;
-        facts.newest_ns = std::max(facts.newest_ns, object->published_ns);
-        rows[group] = end != name.size();
+      // It may have come or gone just now.
+      const SnmpReply still = AskSnmp(kLoopback, files_.community, at, false);
+      if (still.answered && still.error == 0 && still.value && !HasFile(kDirectory + name)) {
+        facts->missing_rows.push_back(name);
       }
     }
+  }
+
+  // The group's objects, and what should be one and is not. Whether it has rows.
+  bool Gather(const Group &group, const std::vector<std::string> &files, GroupFacts *facts) {
+    bool rows = false;
+    for (const std::string &file : files) {
+      if (!IsOfGroup(file, group.name)) {
+        continue;
+      }
+      if (const auto object = ReadObjectFile(kDirectory + file, root_)) {
+        facts->objects++;
+        facts->newest_ns = std::max(facts->newest_ns, object->published_ns);
+        rows = rows || file != group.name;
+      } else if (file != group.name && HasFile(kDirectory + file)) {
+        facts->damaged_rows.push_back(file);
+      }
+    }
+    if (rows) {
+      LookForRows(group, facts);
+    }
+    return rows;
+  }
+
+  void LookAtGroups() {
+    const std::vector<std::string> files = Files();
     int poll_seconds = files_.poll_interval > 0 ? files_.poll_interval : kUsualPollSeconds;
     if (const auto object = ReadObjectFile(kPollObject, root_)) {
       poll_seconds = std::max(PublishedInteger(*object, kPollVariable).value_or(poll_seconds), 1);
@@ -295,11 +347,12 @@ class Examination {
     const int64_t now_ns = WallClock();
     const AgentPhase phase = Phase();
     for (const Group &group : kGroups) {
-      GroupFacts &facts = groups[group.name];
+      GroupFacts facts;
+      const bool rows = Gather(group, files, &facts);
       if (facts.objects == 0) {
         LookForFile(group, &facts);
       }
-      Say(JudgeGroup(group, facts, rows[group.name], now_ns, poll_seconds, phase));
+      Say(JudgeGroup(group, facts, rows, now_ns, poll_seconds, phase));
     }
   }
 

@@ -13,7 +13,8 @@ namespace {
 
 constexpr char kSubtree[] = ".1.3.6.1.4.1.4891";
 constexpr int64_t kNanoseconds = 1'000'000'000;
-// A poll may wait for a command that long; the next one then comes an interval after its end.
+// A poll may wait for commands and controllers that long; the next one then comes an interval after
+// its end.
 constexpr int64_t kLongestPollSeconds = 120;
 constexpr int64_t kLateSeconds = 5;
 // The pause of five seconds at the start, and a reading that waits for nothing.
@@ -60,6 +61,16 @@ std::string Joined(const std::vector<std::string> &words, const char *between) {
     text += (text.empty() ? "" : between) + word;
   }
   return text;
+}
+
+// "the file of cpu.1 is", "the files of cpu.1 and 3 others are".
+std::string FilesOf(const std::vector<std::string> &objects) {
+  if (objects.size() == 1) {
+    return "the file of " + objects.front() + " is";
+  }
+  const size_t others = objects.size() - 1;
+  return "the files of " + objects.front() + " and " + std::to_string(others) +
+         (others == 1 ? " other are" : " others are");
 }
 
 // The view or subtree of an access line: what follows SOURCE (snmpd.conf(5): rocommunity COMMUNITY
@@ -327,6 +338,15 @@ Finding JudgeDirectory(const DirectoryFacts &facts, AgentPhase phase) {
               next_poll);
 }
 
+bool IsOfGroup(std::string_view file, std::string_view group) {
+  if (!file.starts_with(group)) {
+    return false;
+  }
+  file.remove_prefix(group.size());
+  return file.empty() || (file.size() > 1 && file[0] == '.' &&
+                          file.find_first_not_of("0123456789", 1) == file.npos);
+}
+
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
                    int poll_seconds, AgentPhase phase) {
   const std::string name = "group " + group.name + ": ";
@@ -347,6 +367,9 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
   if (facts.objects == 0 && group.needed && phase == AgentPhase::kStarts) {
     return Note(name + "not published yet: " + kJustStarted);
   }
+  if (facts.objects == 0 && phase == AgentPhase::kGone) {
+    return Note(name + "not published, as no agent runs.");
+  }
   if (facts.objects == 0) {
     const std::string why = group.absent.empty() ? "." : "; " + std::string(group.absent) + ".";
     const std::string also =
@@ -358,6 +381,17 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
   std::string what = name;
   if (rows) {
     what += std::to_string(facts.objects) + (facts.objects == 1 ? " row" : " rows") + ", ";
+  }
+  if (!facts.damaged_rows.empty() || !facts.missing_rows.empty()) {
+    std::vector<std::string> faults;
+    if (!facts.damaged_rows.empty()) {
+      faults.push_back(FilesOf(facts.damaged_rows) + " damaged");
+    }
+    if (!facts.missing_rows.empty()) {
+      faults.push_back(FilesOf(facts.missing_rows) + " missing, though published to managers");
+    }
+    return {agent_runs ? Verdict::kFail : Verdict::kNote,
+            what + "but " + Joined(faults, ", and ") + "." + next_poll};
   }
   const int64_t age = (now_ns - facts.newest_ns) / kNanoseconds;
   if (age < -kLateSeconds) {

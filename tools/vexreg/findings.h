@@ -98,13 +98,17 @@ struct Group {
   std::string_view variable = {};  // one that snmpd has when the group is published
 };
 struct GroupFacts {
-  size_t objects = 0;     // whole ones
-  int64_t newest_ns = 0;  // the last publication
-  // Without an object:
+  size_t objects = 0;                     // whole ones
+  int64_t newest_ns = 0;                  // the last publication
+  std::vector<std::string> damaged_rows;  // "cpu.1": there is a file, but no object in it
+  std::vector<std::string> missing_rows;  // managers have them, but there is no file
+  // Of a group without an object:
   bool unreadable = false;     // there is a file, but not for this user
   bool damaged = false;        // there is a file, but no object in it
   std::optional<bool> served;  // whether snmpd has values of it; nothing when it was not asked
 };
+// Whether a file of that name in the agent's directory is one of the group: "cpu", "cpu.1".
+bool IsOfGroup(std::string_view file, std::string_view group);
 Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64_t now_ns,
                    int poll_seconds, AgentPhase phase);
 

@@ -25,7 +25,9 @@
 #include "framework/registry/registry_dir.h"
 #include "hardware/tlxci/paths.h"
 #include "identity/hwinfo.h"
+#include "monitors/cpu.h"
 #include "monitors/filesys.h"
+#include "monitors/memory.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
@@ -111,6 +113,16 @@ Finding LookAtMountTable() {
               " is absent or not readable, and without it the agent does not start. "
               "Make it: ln -s ../proc/self/mounts " +
               mount_table_path + "."};
+}
+
+// A file of proc(5) that a group is read from.
+Finding LookAtFigures(const char *what, const char *path, const char *without) {
+  const std::string text = std::string(what) + path;
+  if (IsReadable(path)) {
+    return {Verdict::kOk, text + "."};
+  }
+  return {Verdict::kFail,
+          text + " is absent or not readable. " + without + " Look whether /proc is mounted."};
 }
 
 // What is said of a file that the agent reads once; nothing when it has read it as it stands.
@@ -414,6 +426,10 @@ std::optional<int> ConnectionsTo(const std::string &path) {
 
 void LookAtSources(const std::string &search, int64_t started_ns,
                    const std::function<void(const Finding &)> &say) {
+  say(LookAtFigures("processor times: ", processor_times_path,
+                    "The processors have no rows, or keep their averages."));
+  say(LookAtFigures("memory sizes: ", memory_sizes_path,
+                    "The memory group is not published, or keeps its figures."));
   say(LookAtMountTable());
   say(LookAtDistribution(started_ns));
   say(LookAtPackages(search));

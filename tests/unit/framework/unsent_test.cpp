@@ -210,6 +210,21 @@ TEST_F(Unsent, WhatCannotBeReadStaysAndIsReadLater) {
   ExpectSame(*file.Read(), Some());
 }
 
+// What is older and could not be taken is kept as far as it is whole, and the rest is not dropped
+// in silence.
+TEST_F(Unsent, DamageThatIsFoundAtTheEndIsSaid) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string whole = Bytes();
+  Write(whole.substr(0, whole.size() - 3));
+  UnsentFile file = File();
+  testing::internal::CaptureStderr();
+  const int kept = file.Keep(std::vector<Notification>(1));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "agent: File " + Path() + " is damaged: 2 traps of it are kept\n");
+  EXPECT_EQ(kept, 0);
+  EXPECT_EQ(Take().size(), 3U);
+}
+
 TEST_F(Unsent, WhatAKilledAgentLeftOfANewFileIsRemoved) {
   std::ofstream(registry.root() + "/.agent.traps.new") << "half";
   EXPECT_TRUE(File().Read()->empty());

@@ -266,6 +266,7 @@ TEST_F(GuidTest, AFileThatCannotBeReadOrReplacedIsLeftAlone) {
   const std::pair<const char *, std::string> steps[] = {
       {"openat", "*.new"},        {"write", "*.new"},  {"fsync", "*.new"},
       {"linkat", "*.replaced.*"}, {"renameat", kFile}, {"fsync", root}};
+  bool first = true;
   for (const auto &[call, name] : steps) {
     SCOPED_TRACE(std::string(call) + " " + name);
     rec::PutFile(kFile, kSixteen);
@@ -277,13 +278,18 @@ TEST_F(GuidTest, AFileThatCannotBeReadOrReplacedIsLeftAlone) {
       rec::Fail("renameat2", name, 1);  // the exchange that is tried before
     }
     EXPECT_EQ(Obtain().octets, kGeneratedWithoutEth0);
-    EXPECT_EQ(rec::Messages(),
-              (std::vector<std::string>{
-                  kNoTables,
-                  "vexhostd: GUID file " + std::string(kFile) +
-                      " cannot be read: Input/output error; it was not replaced: the generated "
-                      "GUID lasts for this run\n",
-                  kGenerated, kSameEverywhere}));
+    std::vector<std::string> expected = {
+        kNoTables,
+        "vexhostd: GUID file " + std::string(kFile) +
+            " cannot be read: Input/output error; it was not replaced: the generated "
+            "GUID lasts for this run\n",
+        kGenerated, kSameEverywhere};
+    if (first) {
+      expected.insert(expected.begin() + 1,
+                      "vexhostd: Can't replace " + std::string(kFile) + ": Input/output error\n");
+    }
+    first = false;
+    EXPECT_EQ(rec::Messages(), expected);
     EXPECT_EQ(rec::ReadFile(kFile), kSixteen);
     EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhoguid.dat"});
   }

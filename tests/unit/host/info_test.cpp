@@ -547,10 +547,18 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
       EXPECT_EQ(Text(kRole), "old");
     }
   }
-  EXPECT_TRUE(rec::Messages().empty());
+  // Said once when it begins, and once when it ends.
+  const std::string begins =
+      "vexhostd: Can't replace " + std::string(kRoleFile) + ": " + strerror(EIO) + "\n";
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{begins});
   rec::StopFailing();
-  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
-  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+  for (const char *text : {"new", "newer"}) {
+    EXPECT_EQ(rec::Set(kObject, kRole, std::string(text)), 0);
+    EXPECT_EQ(rec::ReadFile(kRoleFile), text);
+  }
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{
+                begins, "vexhostd: " + std::string(kRoleFile) + " can be replaced again\n"}));
 }
 
 TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
@@ -570,7 +578,7 @@ TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
   rec::Fail("openat", "*.new", 0, EROFS);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
   EXPECT_EQ(Entries(), std::vector<std::string>{});
-  EXPECT_TRUE(rec::Messages().empty());
+  EXPECT_EQ(rec::Messages().size(), 1U);
 }
 
 // Not every file system can exchange two names, or synchronise a directory.
@@ -590,7 +598,7 @@ TEST_F(Info, ASetDoesWithWhatTheFileSystemCan) {
   rec::Fail("renameat2", "*", 0, EINVAL);
   rec::Fail("fsync", REGISTRY_ROOT, 0, EIO);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("newest")), -1);
-  EXPECT_EQ(rec::Messages().size(), 1U);
+  EXPECT_EQ(rec::Messages().size(), 2U);
   ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "newer");
 }
@@ -656,10 +664,72 @@ TEST_F(Info, WhatAKilledAgentLeftIsNeverFollowed) {
   EXPECT_EQ(rec::ReadFile("/etc/victim"), "precious");
   EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
   EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
-  // What cannot be moved out of the way is not written to.
+}
+
+// Whoever may write in the registry's root can put directories in the way, but has to find all of
+// the ways.
+TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
+  const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(), 0);
   rec::PutFile(left + "/entry", "");
-  EXPECT_EQ(rec::Set(kObject, kRole, std::string("newer")), -1);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
   EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+  EXPECT_EQ(Entries(),
+            (std::vector<std::string>{".tlxhosystemrole.dat.new", "tlxhosystemrole.dat"}));
+  EXPECT_TRUE(rec::Messages().empty());
+  for (int i = 1; i < 10; i++) {
+    rec::PutFile(left + "." + std::to_string(i) + "/entry", "");
+  }
+  for (int i = 0; i < 2; i++) {
+    EXPECT_EQ(rec::Set(kObject, kRole, std::string("newer")), -1);
+  }
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{"vexhostd: Can't replace " +
+                                                      std::string(kRoleFile) + ": File exists\n"});
+}
+
+TEST_F(Info, WhatAKilledAgentLeftOfAFurtherNameGoesAtTheStart) {
+  const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
+  rec::PutFile(kRoleFile, "old");
+  rec::PutFile(left + "/entry", "");
+  rec::PutFile(left + ".1", "half");
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Entries(),
+            (std::vector<std::string>{".tlxhosystemrole.dat.new", "tlxhosystemrole.dat"}));
+}
+
+TEST_F(Info, WhatTheStartCouldNotReadIsReadByALaterPoll) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutFile(kDetailFile, "detail");
+  rec::Fail("read", kRoleFile);
+  rec::Fail("openat", kDetailFile);
+  ASSERT_EQ(do_info(), 0);
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_EQ(Text(kDetail), "");
+  EXPECT_EQ(rec::Messages().size(), 2U);
+  rec::StopFailing();
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "role");
+  EXPECT_EQ(Text(kDetail), "detail");
+  EXPECT_EQ(rec::Messages().size(), 4U);
+  EXPECT_EQ(rec::Messages()[2], "vexhostd: " + std::string(kRoleFile) + " was read at last\n");
+  // From then on it is a set that changes it.
+  rec::PutFile(kRoleFile, "another");
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "role");
+  EXPECT_EQ(rec::Messages().size(), 4U);
+}
+
+TEST_F(Info, ASetCountsMoreThanWhatTheStartCouldNotRead) {
+  rec::PutFile(kRoleFile, "role");
+  rec::Fail("read", kRoleFile);
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  rec::StopFailing();
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "new");
 }
 
 // As cp -al or ln leave it.

@@ -1,4 +1,5 @@
 // The vexreg command, run.
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -397,6 +398,8 @@ class Terminal {
       execv(argv[0], argv.data());
       _exit(127);
     }
+    // Such as where nothing is mounted on /dev/pts.
+    EXPECT_GT(pid_, 0) << "no terminal: " << strerror(errno);
     fcntl(fd_, F_SETFL, O_NONBLOCK);
     tcgetattr(fd_, &before_);
   }
@@ -446,8 +449,9 @@ class Terminal {
     return now.c_lflag == before_.c_lflag && now.c_iflag == before_.c_iflag &&
            now.c_oflag == before_.c_oflag;
   }
-  pid_t pid() const {
-    return pid_;
+  void Signal(int number) {
+    ASSERT_GT(pid_, 0);  // or else it is for every process there is
+    kill(pid_, number);
   }
 
  private:
@@ -482,7 +486,7 @@ TEST_F(Command, WatchGivesTheTerminalBackOnTheOtherSignals) {
   for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
     Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch", "h/a"});
     EXPECT_TRUE(terminal.Shows("12345"));
-    kill(terminal.pid(), number);
+    terminal.Signal(number);
     EXPECT_EQ(terminal.WaitEnd(), 0);
     EXPECT_TRUE(terminal.Output().ends_with(kLeave));
   }

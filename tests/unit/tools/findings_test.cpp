@@ -266,6 +266,52 @@ TEST(Findings, WhyAnObjectIsMissing) {
       "note  group misc: its file is not for this user to read. Run vexreg doctor as root.\n");
 }
 
+TEST(Findings, RowsThatAreDamagedOrMissing) {
+  const Group group = {"cpu", true, true, ""};
+  GroupFacts facts = Published(2, 0);
+  const auto judge = [&](AgentPhase phase) {
+    return JudgeGroup(group, facts, true, kNow, 15, phase);
+  };
+  const std::string next_poll =
+      " The agent writes it again at its next poll; if it does not, its log says why.";
+  facts.damaged_rows = {"cpu.2"};
+  EXPECT_EQ(judge(AgentPhase::kRuns).verdict, Verdict::kFail);
+  EXPECT_EQ(judge(AgentPhase::kRuns).text,
+            "group cpu: 2 rows, but the file of cpu.2 is damaged." + next_poll);
+  EXPECT_EQ(judge(AgentPhase::kGone).verdict, Verdict::kNote);
+  EXPECT_EQ(judge(AgentPhase::kGone).text, "group cpu: 2 rows, but the file of cpu.2 is damaged.");
+  facts.missing_rows = {"cpu.3", "cpu.4"};
+  EXPECT_EQ(
+      judge(AgentPhase::kRuns).text,
+      "group cpu: 2 rows, but the file of cpu.2 is damaged, and the files of cpu.3 and 1 other "
+      "are missing, though published to managers." +
+          next_poll);
+  facts.damaged_rows.clear();
+  facts.missing_rows = {"cpu.3", "cpu.4", "cpu.5"};
+  EXPECT_EQ(judge(AgentPhase::kRuns).text,
+            "group cpu: 2 rows, but the files of cpu.3 and 2 others are missing, though published "
+            "to managers." +
+                next_poll);
+}
+
+TEST(Findings, FilesOfAGroup) {
+  for (const char *file : {"cpu", "cpu.0", "cpu.17"}) {
+    EXPECT_TRUE(IsOfGroup(file, "cpu")) << file;
+  }
+  for (const char *file :
+       {"cpu.", "cpu.old", "cpu.1.bak", "cpu.1~", "cpus", "cpu0", ".cpu.1.77", ""}) {
+    EXPECT_FALSE(IsOfGroup(file, "cpu")) << file;
+  }
+}
+
+TEST(Findings, GroupsWithoutAnAgent) {
+  for (const char *why : {"", "no EV told it at the agent's start"}) {
+    const Group group = {"hwinfo", false, false, why};
+    EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kGone)),
+              "note  group hwinfo: not published, as no agent runs.\n");
+  }
+}
+
 TEST(Findings, WhoseTheDirectoryIs) {
   DirectoryFacts facts;
   facts.path = "/r/host";
