@@ -66,6 +66,8 @@ class Files(unittest.TestCase):
                      "usr/share/snmp/mibs/QUORIX-HOST-DETAIL-MIB.txt",
                      "usr/share/man/man8/vexhostd.8.gz", "usr/share/man/man1/vexreg.1.gz",
                      "usr/share/man/man5/vexhostd.conf.5.gz",
+                     "usr/share/vexhostd/integrations/prometheus/snmp.yml",
+                     "usr/share/vexhostd/integrations/nagios/check_vexhost",
                      "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "usr/libexec/vexhostd-standin",
                      "usr/share/doc/vexhostd/README.md.gz",
                      "usr/share/doc/vexhostd/docs/troubleshooting.md.gz",
