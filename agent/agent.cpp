@@ -41,7 +41,8 @@ static const group *run_all(const group *const *order) {
 
 // The details for stations, each whatever became of the others.
 static void run_details() {
-  for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0; order++) {
+  for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0;
+       order++) {
     (*order)->refresh();
   }
 }
