@@ -9,6 +9,7 @@
 #include "agent/snmpd_watchdog.h"
 #include "common/group.h"
 #include "common/util.h"
+#include "detail/agent_state.h"
 #include "monitors/filesys.h"
 #include "platform/framework.h"
 
@@ -36,6 +37,14 @@ static const group *run_all(const group *const *order) {
     }
   }
   return nullptr;
+}
+
+// The details for stations, each whatever became of the others.
+static void run_details() {
+  for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0;
+       order++) {
+    (*order)->refresh();
+  }
 }
 
 // One line when polls begin to end early, or end at another group, and one when they are whole.
@@ -203,15 +212,22 @@ int init_agent(int argc, char **argv) {
     return 0;
   }
   check_snmpd_memory();
-  return run_all(last_order) == nullptr ? 0 : -1;
+  if (run_all(last_order) != nullptr) {
+    return -1;
+  }
+  run_details();
+  return 0;
 }
 
 int get_data(void) {
   // No alarm may come due during the refresh: polls never overlap.
   alarm(0);
+  const int64_t began = monotonic_milliseconds();
   const group *failed = run_all(poll_order);
   if (agent_ending() == 0) {
     report_poll(failed);
+    note_poll(monotonic_milliseconds() - began, failed != nullptr);
+    run_details();
     repair_objects();
     check_snmpd_memory();
   }

@@ -1,5 +1,10 @@
 #include "agent/orders.h"
 
+#include "detail/agent_state.h"
+#include "detail/load.h"
+#include "detail/memdetail.h"
+#include "detail/mount.h"
+#include "detail/sibling.h"
 #include "firmware/fwver.h"
 #include "identity/appliance.h"
 #include "identity/hwinfo.h"
@@ -37,6 +42,15 @@ const group *const poll_order[] = {
     &misc_group,
     &swver_group,
     &fwver_group,
+    nullptr,
+};
+
+const group *const detail_order[] = {
+    &memdetail_group,
+    &mount_group,
+    &sibling_group,
+    &load_group,
+    &agent_group,
     nullptr,
 };
 // clang-format on

@@ -9,5 +9,8 @@
 extern const group *const start_order[];
 extern const group *const last_order[];  // of the start, once snmpd has been looked at
 extern const group *const poll_order[];
+// After all others, at the start and at the end of each poll, however those ended. A failure ends
+// nothing and is tried again by the next poll. The agent's own group is the last.
+extern const group *const detail_order[];
 
 #endif

@@ -7,6 +7,8 @@
 #include <string>
 
 #include "agent/snmpd_watchdog.h"
+#include "detail/load.h"
+#include "detail/memdetail.h"
 #include "monitors/cpu.h"
 #include "monitors/filesys.h"
 #include "monitors/memory.h"
@@ -78,6 +80,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       break;
     case 5:
       Figures(text);
+      break;
+    case 6: {
+      int32_t averages[3] = {};
+      Require(parse_loadavg(text.c_str(), averages) == (averages[0] >= 0));
+      Require(averages[1] >= -1 && averages[2] >= -1 && parse_uptime(text.c_str()) >= -1);
+      break;
+    }
+    case 7:
+      Require(megabytes_of_line(text.c_str(), "Cached") >= -1);
       break;
     default:
       return -1;  // not for the corpus

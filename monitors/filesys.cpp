@@ -79,8 +79,11 @@ struct filesys_row {
   registry_object *object;
   char *key;          // the mount directory; owned by the row
   uint8_t countdown;  // passes to live
+  size_t entry;       // its place in the mount table as it was last read, or not_listed
   filesys_block published;
 };
+
+static constexpr size_t not_listed = SIZE_MAX;
 
 static row_table<filesys_row, &filesys_row::object, &filesys_row::key> table;
 static int vmware_phase;  // the scans run when it is 0
@@ -91,6 +94,8 @@ static int vmware_phase;  // the scans run when it is 0
 struct mount_entry {
   size_t device;
   size_t directory;
+  size_t type;
+  bool read_only;
 };
 
 // The entries of one pass that get a row. Grows as needed and is kept for the next pass.
@@ -104,6 +109,8 @@ struct mount_list {
   size_t count;
   size_t room;
 };
+
+static mount_list mounts;
 
 template <typename T>
 static bool grow(T **array, size_t room) {
@@ -142,9 +149,11 @@ static bool add_entry(mount_list *list, const mntent &entry) {
   }
   mount_entry &added = list->entries[list->count];
   if (!add_text(list, entry.mnt_fsname, &added.device) ||
-      !add_text(list, entry.mnt_dir, &added.directory)) {
+      !add_text(list, entry.mnt_dir, &added.directory) ||
+      !add_text(list, entry.mnt_type, &added.type)) {
     return false;
   }
+  added.read_only = hasmntopt(&entry, MNTOPT_RO) != nullptr;
   list->count++;
   return true;
 }
@@ -293,6 +302,7 @@ static filesys_row *create(const char *key) {
     free(row);
     return nullptr;
   }
+  row->entry = not_listed;
   block_of(row)->index = row->object->instance;
   publish_once(row->object);
   return row;
@@ -349,21 +359,29 @@ static bool cut_long_name(char *name) {
   return true;
 }
 
-static int refresh_from_mount(filesys_row *row, char *device, const mount_stats &stats) {
+static int refresh_from_mount(filesys_row *row, const char *device, const mount_stats &stats) {
   block_of(row)->figures = figures_of_mount(stats);
+  char cut_device[cut_name + sizeof("...")];
+  if (strlen(device) >= long_name) {
+    snprintf(cut_device, sizeof(cut_device), "%.*s...", static_cast<int>(cut_name), device);
+    device = cut_device;
+  }
   // On purpose the row's own key is cut and not a copy: the next pass does not find the row by its
   // directory, makes a new one and drops this one. A long directory has a fresh row at every pass.
   if (cut_long_name(row->key)) {
     rekey_Q(&table.rows, row);
   }
-  cut_long_name(device);
   describe(row, device);
   return publish(row);
 }
 
-static void refresh_mount(char *device, const char *directory, const mount_stats &stats) {
+static void refresh_mount(size_t entry) {
+  const char *device = mounts.texts + mounts.entries[entry].device;
+  const char *directory = mounts.paths[entry];
+  const mount_stats &stats = mounts.stats[entry];
   filesys_row *row = row_of(directory);
   row->countdown = LISTED_BY_MOUNT_TABLE;
+  row->entry = entry;
   switch (stats.state) {
     case MOUNT_ANSWERED:
       if (refresh_from_mount(row, device, stats) != 0) {
@@ -405,13 +423,21 @@ static int list_mounts(mount_list *list) {
   return -1;
 }
 
+// The entries of the last pass are read over.
+static void forget_entries() {
+  queue_element *cursor = table.rows.head;
+  while (filesys_row *row = table.next(&cursor)) {
+    row->entry = not_listed;
+  }
+}
+
 static int refresh_mounts() {
-  static mount_list list;
-  if (list_mounts(&list) != 0 || stat_mounts(list.paths, list.count, list.stats) != 0) {
+  forget_entries();
+  if (list_mounts(&mounts) != 0 || stat_mounts(mounts.paths, mounts.count, mounts.stats) != 0) {
     return -1;
   }
-  for (size_t i = 0; i < list.count; i++) {
-    refresh_mount(list.texts + list.entries[i].device, list.paths[i], list.stats[i]);
+  for (size_t i = 0; i < mounts.count; i++) {
+    refresh_mount(i);
   }
   return 0;
 }
@@ -533,4 +559,47 @@ int do_filesys() {
   vmware_phase = (vmware_phase + 1) % vmware_period;
   remove_unlisted();
   return 0;
+}
+
+// ---- For the mount details ----------------------------------------------------------------------
+
+static mount_view view_of_volume(const filesys_row *row) {
+  mount_view view = {};
+  view.directory = row->key;
+  view.type = "vmfs";
+  view.answers = true;
+  // The description is the device, " on ", and the directory, possibly cut off.
+  const char *description = block_of(row)->description;
+  const char *end = strstr(description, " on ");
+  view.device = description;
+  view.device_length = end != nullptr ? static_cast<size_t>(end - description) : 0;
+  return view;
+}
+
+bool next_mount(queue_element **cursor, mount_view *view) {
+  filesys_row *row = *cursor != nullptr ? table.next(cursor) : nullptr;
+  if (row == nullptr) {
+    return false;
+  }
+  if (row->entry == not_listed) {
+    *view = view_of_volume(row);
+    view->listed = row->countdown > LISTED_BY_MOUNT_TABLE;
+  } else {
+    const mount_entry &entry = mounts.entries[row->entry];
+    *view = {};
+    view->listed = true;
+    view->device = mounts.texts + entry.device;
+    view->device_length = strlen(view->device);
+    view->directory = mounts.paths[row->entry];
+    view->type = mounts.texts + entry.type;
+    view->read_only = entry.read_only;
+    view->answers = mounts.stats[row->entry].state == MOUNT_ANSWERED;
+    view->failing = mounts.stats[row->entry].state == MOUNT_FAILED;
+  }
+  view->instance = row->object->instance;
+  return true;
+}
+
+queue_element *first_mount() {
+  return table.rows.head;
 }

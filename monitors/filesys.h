@@ -21,6 +21,24 @@ int do_filesys();
 // or its object cannot be deleted.
 int remove_filesys_rows(filesys_row *row);
 
+// What the last pass has seen of one row. The texts are the group's and last until the next pass.
+struct mount_view {
+  int instance;  // of the row
+  bool listed;   // false: the last pass has not seen it, and the rest says nothing
+  const char *device;
+  size_t device_length;
+  const char *directory;
+  const char *type;
+  bool read_only;
+  bool answers;
+  bool failing;  // when it does not answer: it says so
+};
+
+// Walks the rows in the order of their numbers: start with *cursor = first_mount(). False at the
+// end. No pass may come in between.
+queue_element *first_mount();
+bool next_mount(queue_element **cursor, mount_view *view);
+
 // The published figures of a file system.
 struct [[gnu::packed]] filesys_figures {
   int32_t space_total;  // megabytes (2^20 bytes)

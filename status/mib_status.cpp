@@ -405,6 +405,40 @@ void build_status_array(unsigned char array[STATUS_ARRAY_SIZE]) {
   array[2] = summary_mark;
 }
 
+// Which group judges a part of the health array.
+struct judged_part {
+  int32_t part;
+  int32_t group;
+};
+static constexpr judged_part judged_parts[] = {
+    {2, 1}, {3, 6},  {4, 6},  {5, 6},   {6, 6},   {7, 6},   {8, 6},
+    {9, 3}, {10, 5}, {11, 8}, {12, 14}, {13, 16}, {14, 18}, {15, 9},
+};
+
+static int32_t condition_of_part(int32_t part) {
+  for (const peer &p : health_peers) {
+    if (p.index == part) {
+      return p.condition;
+    }
+  }
+  return 0;
+}
+
+bool get_peer(int place, peer_view *view) {
+  if (place < 0 || place >= static_cast<int>(sizeof(status_peers) / sizeof(status_peers[0]))) {
+    return false;
+  }
+  const peer &p = status_peers[place];
+  *view = {p.index, p.process_group != 0, p.condition, p.major, p.minor, 0};
+  for (const judged_part &judged : judged_parts) {
+    const int32_t condition = judged.group == p.index ? condition_of_part(judged.part) : 0;
+    if (condition > view->health) {
+      view->health = condition;
+    }
+  }
+  return true;
+}
+
 // Whether a component's condition counts towards octet 0 of the health array.
 static bool counts_first(int32_t index) {
   return (index >= 2 && index <= 6) || index == 8 || index == 15;

@@ -4,6 +4,8 @@
 #ifndef VEX_STATUS_MIB_STATUS_H
 #define VEX_STATUS_MIB_STATUS_H
 
+#include <stdint.h>
+
 enum mib_status_sizes {
   STATUS_ARRAY_SIZE = 256,
   STATUS_ARRAY_LENGTH = 108,   /* octets in use: indexes 0 to 26, four octets each */
@@ -17,6 +19,17 @@ void build_status_array(unsigned char array[STATUS_ARRAY_SIZE]);
 // The same for the health array, except that every peer's condition is read at each call. Sends the
 // health trap when the worst condition differs from the one in the array, unless that was 0.
 void build_health_array(unsigned char array[STATUS_ARRAY_SIZE]);
+
+// What the arrays say of one peer, by its place in the table: from 0. False beyond the last one.
+struct peer_view {
+  int32_t index; /* its place in the status array */
+  bool present;
+  int32_t condition;
+  int32_t major;
+  int32_t minor;
+  int32_t health; /* the worst condition of the parts that it judges; 0: none */
+};
+bool get_peer(int place, peer_view *view);
 
 // The text of the health trap.
 void format_health_trap(const unsigned char array[STATUS_ARRAY_SIZE],

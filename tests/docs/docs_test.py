@@ -14,7 +14,7 @@ import unittest
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 PAGES = {name: os.path.join(SOURCE, "docs", "man", name)
          for name in ("vexhostd.8", "vexhostd.conf.5", "vexreg.1")}
-PRODUCT = ("agent", "common", "identity", "monitors", "status", "software", "firmware", "framework",
+PRODUCT = ("agent", "common", "identity", "monitors", "status", "detail", "software", "firmware", "framework",
            "hardware", "platform")
 BUILD = ""
 

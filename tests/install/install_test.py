@@ -166,6 +166,8 @@ class Components(Work):
         self.assertIn("etc/snmp/vexhostd.conf", files["configuration"])
         self.assertIn("share/doc/vexhostd/third-party-notices", files["documentation"])
         self.assertIn("share/vexhostd/dpkg.cfg", files["integrations"])
+        self.assertIn("share/vexhostd/integrations/prometheus/snmp.yml", files["integrations"])
+        self.assertIn("share/vexhostd/integrations/nagios/check_vexhost", files["integrations"])
 
         # What the pkg-config file says is what an agent is built with.
         with open(self.work + "/sibling.c", "w", encoding="utf-8") as file:

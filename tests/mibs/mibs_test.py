@@ -14,7 +14,7 @@ import unittest
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 MIBS = os.path.join(SOURCE, "mibs")
 BASE = os.path.join(MIBS, "base")
-MODULES = ["QUORIX-MIB", "QUORIX-HOST-MIB", "QUORIX-APPLIANCE-MIB"]
+MODULES = ["QUORIX-MIB", "QUORIX-HOST-MIB", "QUORIX-HOST-DETAIL-MIB", "QUORIX-APPLIANCE-MIB"]
 SUITE = ".1.3.6.1.4.1.4891"
 # Neither the caller's settings nor the machine's: a stock machine has no modules of its own.
 ENVIRONMENT = {"PATH": os.environ["PATH"], "SNMPCONFPATH": "/nonexistent", "HOME": "/nonexistent"}
@@ -47,6 +47,7 @@ class Names(unittest.TestCase):
                     self.resolve("QUORIX-HOST-MIB::tlxHoHealthNotification", ".0.11020", **how)
                     self.resolve("QUORIX-MIB::tlxTrapDescription.0", ".250.1.0", **how)
         self.resolve("QUORIX-APPLIANCE-MIB::tlxApApplianceDescription.0", ".21.2.2.2.0")
+        self.resolve("QUORIX-HOST-DETAIL-MIB::tlxHoMountState.7", ".11.2.200.2.1.1.6.7")
 
     def test_plain_names_resolve(self):
         run = translate("-IR", "-On", "tlxHoFwVerTable", "tlxApMibCondition")

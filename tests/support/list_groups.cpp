@@ -53,10 +53,10 @@ int main() {
   bool first = true;
   std::set<const group *> listed;
   printf("[");
-  for (const group *const *order : {poll_order, last_order, start_order}) {
+  for (const group *const *order : {poll_order, last_order, start_order, detail_order}) {
     for (; *order != nullptr; order++) {
       for (const group *g = *order; g != nullptr && listed.insert(g).second; g = g->along) {
-        Print(*g, IsIn(poll_order, *order), &first);
+        Print(*g, IsIn(poll_order, *order) || IsIn(detail_order, *order), &first);
       }
     }
   }

@@ -474,6 +474,8 @@ MadeUpHost::MadeUpHost() {
   Proc("stat", kStat);
   Proc("meminfo", kMeminfo);
   Proc("cpuinfo", kCpuinfo);
+  Proc("loadavg", "0.20 0.18 1.12 1/80 11206\n");
+  Proc("uptime", "350735.47 234388.90\n");
 }
 
 MadeUpHost::~MadeUpHost() {
@@ -613,7 +615,7 @@ void MadeUpHost::ComposeProc() {
   Directory(kRealProc);
   ASSERT_EQ(mount("proc", kRealProc.c_str(), "proc", 0, nullptr), 0) << strerror(errno);
   std::vector<std::pair<std::string, std::string>> covered;
-  for (const char *name : {"stat", "meminfo", "cpuinfo"})
+  for (const char *name : {"stat", "meminfo", "cpuinfo", "loadavg", "uptime"})
     covered.emplace_back(name, ReadFile(std::string("/proc/") + name));
   ASSERT_EQ(mount("made-up", "/proc", "tmpfs", 0, "mode=755"), 0) << strerror(errno);
   composed_ = true;

@@ -214,8 +214,9 @@ class MadeUpHost {
   void Directory(const std::string &path);
   void Remove(const std::string &path);  // recursively
   void Link(const std::string &path, const std::string &target);
-  // Covers /proc/NAME ("stat", "meminfo", "cpuinfo"), and replaces it at once at each later call.
-  // A name that the machine's /proc does not have needs ComposeProc() first. snmpd does not see it.
+  // Covers /proc/NAME ("stat", "meminfo", "cpuinfo", "loadavg", "uptime"), and replaces it at once
+  // at each later call. A name that the machine's /proc does not have needs ComposeProc() first.
+  // snmpd does not see it.
   void Proc(const std::string &name, std::string_view text);
   // Covers /proc/NAME with a FIFO, so that who reads it is blocked until Unblock().
   void BlockProc(const std::string &name);
