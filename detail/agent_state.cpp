@@ -47,12 +47,12 @@ static agent_block state = {VEXHOSTD_VERSION, not_known, not_known, not_known, 0
 
 static int32_t seconds_now() {
   const time_t now = time(nullptr);
-  return now >= 0 ? held_int32(static_cast<uint64_t>(now)) : -1;
+  return now >= 0 ? clamp_int32(static_cast<uint64_t>(now)) : -1;
 }
 
 void note_poll(int64_t milliseconds, bool failed) {
   state.last_poll = seconds_now();
-  state.poll_duration = milliseconds >= 0 ? held_int32(static_cast<uint64_t>(milliseconds)) : -1;
+  state.poll_duration = milliseconds >= 0 ? clamp_int32(static_cast<uint64_t>(milliseconds)) : -1;
   if (failed && state.failed_polls < INT32_MAX) {
     state.failed_polls++;
   }

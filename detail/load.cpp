@@ -82,14 +82,14 @@ bool parse_loadavg(const char *text, int32_t hundredths[3]) {
     }
   }
   for (int i = 0; i < 3; i++) {
-    hundredths[i] = held_int32(values[i]);
+    hundredths[i] = clamp_int32(values[i]);
   }
   return true;
 }
 
 int32_t parse_uptime(const char *text) {
   uint64_t hundredths;
-  return parse_hundredths(&text, &hundredths) ? held_int32(hundredths / 100) : -1;
+  return parse_hundredths(&text, &hundredths) ? clamp_int32(hundredths / 100) : -1;
 }
 
 // The first line of a file; empty when it cannot be read.

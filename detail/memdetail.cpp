@@ -50,7 +50,7 @@ int32_t megabytes_of_line(const char *line, const char *key) {
   if (isdigit(static_cast<unsigned char>(*number)) == 0) {
     return -1;
   }
-  return held_int32(strtoull(number, nullptr, 10) / 1024);
+  return clamp_int32(strtoull(number, nullptr, 10) / 1024);
 }
 
 // What is known of both; -1 for what the file does not say. False when it cannot be read.
