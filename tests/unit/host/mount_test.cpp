@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/sources.h"
 #include "monitors/filesys.h"
 #include "tests/support/recording_framework.h"
 
