@@ -71,9 +71,13 @@ constexpr variable octets_of(const char *name, size_t offset) {
   return {name, Length, VAR_OCTET_STRING, ACCESS_READ_ONLY, offset, nullptr};
 }
 
+// Never defined: only types are asked of what it returns.
+template <typename Block>
+Block &any();
+
 // Macros, because only a member's name tells both its type and its offset. The member may be one of
 // a member's, or an element.
-#define MEMBER_TYPE(block, member) decltype(static_cast<block *>(nullptr)->member)
+#define MEMBER_TYPE(block, member) decltype(any<block>().member)
 
 // A variable that managers read.
 #define READ_ONLY(name, block, member) \

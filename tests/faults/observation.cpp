@@ -57,6 +57,14 @@ std::vector<std::string> Processes() {
   return found;
 }
 
+// How the agent's polls go is another matter at each of them: all of the agent's own group but its
+// version.
+bool TellsOfPolls(const std::string &name) {
+  return name.starts_with("tlxHoAgent") && name != "tlxHoAgentVersion";
+}
+constexpr char kAgentGroup[] = ".1.3.6.1.4.1.4891.11.2.200.4.";
+constexpr char kAgentVersion[] = ".1.3.6.1.4.1.4891.11.2.200.4.1.0";
+
 }  // namespace
 
 Seen SeeObjects() {
@@ -68,6 +76,9 @@ Seen SeeObjects() {
       continue;
     }
     for (const vex::FileVariable &variable : object->variables) {
+      if (TellsOfPolls(variable.name)) {
+        continue;
+      }
       const auto *at = reinterpret_cast<const char *>(object->data.data()) + variable.offset;
       std::string value;
       if (variable.type == VAR_INTEGER) {
@@ -89,7 +100,9 @@ Seen SeeObjects() {
 Seen SeeWalk(MadeUpHost &host) {
   Seen seen;
   for (const std::string &line : host.BulkWalk()) {
-    seen.push_back("walk " + line);
+    if (!line.starts_with(kAgentGroup) || line.starts_with(kAgentVersion)) {
+      seen.push_back("walk " + line);
+    }
   }
   std::sort(seen.begin(), seen.end());
   return seen;
