@@ -87,6 +87,8 @@ std::string Rule(Phase phase, const Call &call, const std::string &difference) {
 bool ComesWithItsPeriod(const std::string &difference) {
   // The volumes of VMware are asked for at each twentieth poll.
   return difference.find("host/filesys.") != std::string::npos ||
+         difference.find("host/mount.") != std::string::npos ||
+         difference.find(".1.3.6.1.4.1.4891.11.2.200.2.1.1.") != std::string::npos ||
          difference.find(".1.3.6.1.4.1.4891.11.2.4.1.1.") != std::string::npos;
 }
 
