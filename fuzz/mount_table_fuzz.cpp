@@ -66,12 +66,12 @@ FILE *__wrap_setmntent(const char *, const char *) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   inside = true;
-  std::string mounts = TakeText(&data, &size);
+  std::string table_text = TakeText(&data, &size);
   vdf_text = TakeText(&data, &size);
   for (int pass = 0; pass < 3; pass++) {
     figures = data;
     figures_left = size;
-    mount_text = mounts.empty() ? nullptr : fmemopen(mounts.data(), mounts.size(), "r");
+    mount_text = table_text.empty() ? nullptr : fmemopen(table_text.data(), table_text.size(), "r");
     vmware_phase = pass == 2 ? 1 : 0;
     do_filesys();
     queue_element *cursor = table.rows.head;

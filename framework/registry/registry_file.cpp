@@ -368,7 +368,7 @@ struct ObjectFileWriter::State {
   FileState ReadBack(int directory);
 };
 
-ObjectFileWriter::ObjectFileWriter(std::string relative, std::string root)
+ObjectFileWriter::ObjectFileWriter(std::string relative, const std::string &root)
     : state_(new State(std::move(relative), root)) {}
 
 ObjectFileWriter::~ObjectFileWriter() {
@@ -503,17 +503,16 @@ FileState ObjectFileWriter::Check(int directory, bool read_back) {
   State &s = *state_;
   Identity found;
   ChangeTime changed;
-  FileState state = FileState::kIntact;
-  if (s.file.inode == 0 || s.replace) {
-    state = FileState::kLost;
-  } else if (Identify(directory, s.Leaf(), &found, &changed) != 0) {
-    state = errno == ENOENT || errno == EINVAL ? FileState::kLost : FileState::kUnknown;
-  } else if (found != s.file) {
-    state = FileState::kLost;
-  } else if (changed != s.changed || read_back) {
-    state = s.ReadBack(directory);
-    if (state == FileState::kIntact) {
-      s.changed = changed;
+  FileState state = FileState::kLost;  // there is none of ours, or another one in its place
+  if (s.file.inode != 0 && !s.replace) {
+    if (Identify(directory, s.Leaf(), &found, &changed) != 0) {
+      state = errno == ENOENT || errno == EINVAL ? FileState::kLost : FileState::kUnknown;
+    } else if (found == s.file) {
+      const bool look = changed != s.changed || read_back;
+      state = look ? s.ReadBack(directory) : FileState::kIntact;
+      if (state == FileState::kIntact) {
+        s.changed = changed;
+      }
     }
   }
   s.replace = s.replace || state == FileState::kLost;

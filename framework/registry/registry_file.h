@@ -52,7 +52,7 @@ enum class FileState {
 class ObjectFileWriter {
  public:
   // relative: a result of ResolveObjectName().
-  explicit ObjectFileWriter(std::string relative, std::string root = kRegistryRoot);
+  explicit ObjectFileWriter(std::string relative, const std::string &root = kRegistryRoot);
   ~ObjectFileWriter();
   ObjectFileWriter(ObjectFileWriter &&) noexcept;
   ObjectFileWriter &operator=(ObjectFileWriter &&) noexcept;
