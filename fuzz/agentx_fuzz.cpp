@@ -81,8 +81,11 @@ class Master {
  public:
   Master()
       : session_({"fuzz", socket_path, socket_path, {}, 15, 0, vex::MibGroups()},
-                 {[this](netsnmp_pdu *pdu) { requests_.Handle(&session_, pdu, true); }, [] {},
-                  [this] { requests_.SessionLost(); }}),
+                 {[this](netsnmp_pdu *pdu) { requests_.Handle(&session_, pdu, true, true); },
+                  [this](const vex::AgentxSession::PacketHeader &request) {
+                    requests_.HandleUnread(&session_, request);
+                  },
+                  [] {}, [this] { requests_.SessionLost(); }}),
         requests_(&Index(), channel) {
     session_.Work();
     connection_ = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
