@@ -80,7 +80,7 @@ int RunSet(uint8_t phase, vex::SetItem &item) {
 class Master {
  public:
   Master()
-      : session_({"fuzz", socket_path, socket_path, {}, 15, 0, vex::MibGroups()},
+      : session_({"fuzz", socket_path, socket_path, {}, 15, 0, 127, vex::MibGroups()},
                  {[this](netsnmp_pdu *pdu) { requests_.Handle(&session_, pdu, true, true); },
                   [this](const vex::AgentxSession::PacketHeader &request) {
                     requests_.HandleUnread(&session_, request);
