@@ -189,9 +189,11 @@ Seen WithoutNumbers(const Seen &seen) {
   };
   const std::string software = MadeUpHost::Oid("tlxHoSwVerName.1"),
                     mounts = MadeUpHost::Oid("tlxHoFileSysDesc.1"),
-                    firmware = MadeUpHost::Oid("tlxHoFwVerDisplayName.1");
+                    firmware = MadeUpHost::Oid("tlxHoFwVerDisplayName.1"),
+                    directories = MadeUpHost::Oid("tlxHoMountDirectory.1");
   const std::string software_column = entry_of(software), mounts_column = entry_of(mounts),
-                    firmware_column = entry_of(firmware);
+                    firmware_column = entry_of(firmware),
+                    directories_column = entry_of(directories);
   const auto parent = [](std::string column) {
     column.pop_back();
     return column.substr(0, column.rfind('.') + 1);
@@ -206,6 +208,11 @@ Seen WithoutNumbers(const Seen &seen) {
                            parent(mounts_column),
                            mounts_column,
                            {"tlxHoFileSysIndex"}},
+                          {"object host/mount.",
+                           "tlxHoMountDirectory",
+                           parent(directories_column),
+                           directories_column,
+                           {"tlxHoMountType"}},
                           {"object host/fwver.",
                            "tlxHoFwVerDisplayName",
                            parent(firmware_column),
