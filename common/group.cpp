@@ -60,6 +60,11 @@ registry_object *find_row(const group &g, int number) {
   return find(g, number);
 }
 
+registry_object *find_or_create_object(const group &g) {
+  registry_object *object = find_object(g);
+  return object != nullptr ? object : create_object(g);
+}
+
 void report_no_object(const char *entry_point, bool first) {
   agentlog_fprintf(stderr, "%s: %s returns NULL, return NOT_OK\n", entry_point,
                    first ? "do_init" : "find_obj");

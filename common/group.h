@@ -72,6 +72,10 @@ registry_object *create_undefined_object(const group &g);
 registry_object *find_object(const group &g);
 registry_object *find_row(const group &g, int number);
 
+// The live object of the group, made when there is none: what could not be made at the start is
+// made by a poll. Null when it cannot be made now either.
+registry_object *find_or_create_object(const group &g);
+
 // Logs that an entry point could not create its object (at the first call) or did not find it.
 void report_no_object(const char *entry_point, bool first);
 

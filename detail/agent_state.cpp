@@ -64,11 +64,7 @@ int do_agent() {
   if (state.start == not_known) {
     state.start = seconds_now();
   }
-  // Looked for at the start as well: what could not be made then is made by a poll.
-  registry_object *object = find_object(agent_group);
-  if (object == nullptr) {
-    object = create_object(agent_group);
-  }
+  registry_object *object = find_or_create_object(agent_group);
   if (object == nullptr) {
     return -1;
   }

@@ -103,11 +103,7 @@ static void read_line(const char *path, char line[line_size]) {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_load() {
-  // Looked for at the start as well: what could not be made then is made by a poll.
-  registry_object *object = find_object(load_group);
-  if (object == nullptr) {
-    object = create_object(load_group);
-  }
+  registry_object *object = find_or_create_object(load_group);
   if (object == nullptr) {
     return -1;
   }

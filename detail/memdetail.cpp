@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "common/sources.h"
 #include "common/util.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -35,7 +36,6 @@ constexpr group memdetail_group = described<memdetail_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr char meminfo_path[] = "/proc/meminfo";
 static constexpr int line_size = 256;
 
 // ---- Reading --------------------------------------------------------------------------------
@@ -55,7 +55,7 @@ int32_t megabytes_of_line(const char *line, const char *key) {
 
 // What is known of both; -1 for what the file does not say. False when it cannot be read.
 static bool read_memory(memdetail_block *block) {
-  const stream_handle meminfo(fopen(meminfo_path, "re"));
+  const stream_handle meminfo(fopen(memory_sizes_path, "re"));
   if (!meminfo) {
     return false;
   }
@@ -73,11 +73,7 @@ static bool read_memory(memdetail_block *block) {
 // ---- Entry point ----------------------------------------------------------------------------
 
 int do_memdetail() {
-  // Looked for at the start as well: what could not be made then is made by a poll.
-  registry_object *object = find_object(memdetail_group);
-  if (object == nullptr) {
-    object = create_object(memdetail_group);
-  }
+  registry_object *object = find_or_create_object(memdetail_group);
   if (object == nullptr) {
     return -1;
   }

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "common/util.h"
+#include "detail/truth.h"
 #include "monitors/filesys.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -41,9 +42,6 @@ constexpr group mount_group = described<mount_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr int32_t truth_true = 1;  // TruthValue (RFC 2579)
-static constexpr int32_t truth_false = 2;
-
 enum mount_state_value : int32_t { ANSWERS = 1, FAILING = 2, SILENT = 3 };
 
 // A row for each of the file-system table's, at the place of its number.
@@ -64,7 +62,7 @@ static mount_block block_of(const mount_view &view) {
   memcpy(block.device, view.device, length);
   copy_field(block.directory, view.directory);
   copy_field(block.type, view.type);
-  block.read_only = view.read_only ? truth_true : truth_false;
+  block.read_only = truth_value(view.read_only);
   block.state = view.answers ? ANSWERS : view.failing ? FAILING : SILENT;
   return block;
 }

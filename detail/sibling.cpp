@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "common/util.h"
+#include "detail/truth.h"
 #include "status/mib_status.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -42,8 +43,6 @@ constexpr group sibling_group = described<sibling_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr int32_t truth_true = 1;  // TruthValue (RFC 2579)
-static constexpr int32_t truth_false = 2;
 static constexpr int32_t worst_condition = 4;
 static constexpr int32_t not_known = -1;
 
@@ -91,7 +90,7 @@ static sibling_block block_of(const peer_view &peer) {
   sibling_block block = {};
   const char *name = sibling_name(peer.index);
   copy_field(block.name, name != nullptr ? name : "");
-  block.present = peer.present ? truth_true : truth_false;
+  block.present = truth_value(peer.present);
   block.condition = peer.present ? condition_value(peer.condition) : not_known;
   block.major = peer.present ? peer.major : not_known;
   block.minor = peer.present ? peer.minor : not_known;
