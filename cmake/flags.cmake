@@ -7,7 +7,9 @@ if(VEX_CCACHE)
   find_program(CCACHE ccache)
   if(CCACHE)
     # What one build directory, or one clone, has compiled serves another one with the same options.
-    set(launcher env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
+    # The two kinds of sloppiness are what it asks for where headers are precompiled.
+    set(launcher env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1
+      CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
     set(CMAKE_C_COMPILER_LAUNCHER ${launcher})
     set(CMAKE_CXX_COMPILER_LAUNCHER ${launcher})
   endif()

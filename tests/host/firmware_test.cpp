@@ -207,7 +207,7 @@ TEST_F(FirmwareHost, FollowsTheIntegratedController) {
   SimulatedController controller(mood);
   host_.Start();
   EXPECT_EQ(Row(0), "4/25/3 Integrated Farwatch Firmware|1.05|System Board|ZQ10");
-  const size_t open = OpenFiles(host_.daemon.pid()).size();
+  const size_t open = SettledFiles(host_.daemon.pid()).size();
   const std::pair<int, std::string> generations[] = {
       {5, "ZQ9"}, {4, "ZQ7"}, {3, "ZQ5"}, {0xFF, "ZQ5"}};
   for (const auto &[generation, key] : generations) {
@@ -235,7 +235,7 @@ TEST_F(FirmwareHost, FollowsTheIntegratedController) {
   EXPECT_EQ(Row(0), "4/25/3 Integrated Farwatch Firmware|2.05|System Board|ZQ10");
   EXPECT_EQ(controller.Count(kVersionCommand), 8);
   EXPECT_EQ(controller.Count(kLogicCommand), 1);
-  EXPECT_EQ(OpenFiles(host_.daemon.pid()).size(), open);
+  EXPECT_EQ(SettledFiles(host_.daemon.pid()).size(), open);
   EXPECT_TRUE(Eventually([&] { return controller.Open() == 1; }));
 }
 
@@ -354,11 +354,11 @@ TEST_F(FirmwareHost, ReadsTheRemoteCard) {
   host_.daemon.SetCardReply(reply);
   Poll();
   EXPECT_EQ(Row(0), "4/25/3 Remote Farwatch Firmware|2.31|ZENTA Board|ZENTA Board");
-  const size_t open = OpenFiles(host_.daemon.pid()).size();
+  const size_t open = SettledFiles(host_.daemon.pid()).size();
   for (int i = 0; i < 5; i++) {
     Poll();
   }
-  EXPECT_TRUE(Eventually([&] { return OpenFiles(host_.daemon.pid()).size() == open; }));
+  EXPECT_EQ(SettledFiles(host_.daemon.pid()).size(), open);
   // An integrated controller hides the card.
   SimulatedController controller;
   Poll();

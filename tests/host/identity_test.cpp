@@ -187,13 +187,11 @@ TEST(Identity, KeepsNoDescriptorOfTheProbe) {
   host.File("/etc/services", kServices);
   host.Start();
   ASSERT_TRUE(host.daemon.Poll());
-  const size_t before = OpenFiles(host.daemon.pid()).size();
+  const auto before = SettledFiles(host.daemon.pid());
   for (int poll = 0; poll < 5; poll++) {
     ASSERT_TRUE(host.daemon.Poll());
   }
-  // The SNMP side may have a file open for a moment.
-  EXPECT_TRUE(Eventually([&] { return OpenFiles(host.daemon.pid()).size() == before; }))
-      << OpenFiles(host.daemon.pid()).size() << " instead of " << before;
+  EXPECT_EQ(SettledFiles(host.daemon.pid()), before);
 }
 
 // ---- Role files -------------------------------------------------------------------------------

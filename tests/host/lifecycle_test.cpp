@@ -227,10 +227,10 @@ TEST(Lifecycle, HoldsNoMoreFilesWithTime) {
   MadeUpHost host;
   host.Start();
   ASSERT_TRUE(host.daemon.Poll());
-  auto before = OpenFiles(host.daemon.pid());
+  const auto before = SettledFiles(host.daemon.pid());
   for (int i = 0; i < 20; i++)
     ASSERT_TRUE(host.daemon.Poll());
-  EXPECT_EQ(OpenFiles(host.daemon.pid()), before);
+  EXPECT_EQ(SettledFiles(host.daemon.pid()), before);
   EXPECT_EQ(Children(host.daemon.pid()), std::vector<pid_t>{});
 }
 

@@ -241,6 +241,20 @@ std::vector<std::string> OpenFiles(pid_t pid) {
   return files;
 }
 
+std::vector<std::string> SettledFiles(pid_t pid) {
+  std::vector<std::string> files = OpenFiles(pid);
+  double since = Now();
+  Eventually([&] {
+    std::vector<std::string> now = OpenFiles(pid);
+    if (now != files) {
+      files = std::move(now);
+      since = Now();
+    }
+    return Now() - since >= 0.5;
+  });
+  return files;
+}
+
 // The fields of /proc/PID/stat behind the command's name; [0] is the state.
 static std::vector<std::string> StatFields(pid_t pid) {
   std::string text = ReadFile("/proc/" + std::to_string(pid) + "/stat");
