@@ -11,8 +11,9 @@ namespace {
 
 std::string DescriptionOid() {
   std::string oid;
-  for (uint32_t id : vex::MibTrapDescription().Oid())
+  for (uint32_t id : vex::MibTrapDescription().Oid()) {
     oid += "." + std::to_string(id);
+  }
   return oid + ".0";
 }
 
@@ -58,8 +59,9 @@ TEST(Traps, RaisedWhileTheMasterIsDownArriveOnce) {
   host.snmpd.Start();
   auto traps = host.traps.WaitFor(3);
   ASSERT_EQ(traps.size(), 3U);
-  for (int i = 0; i < 3; i++)
+  for (int i = 0; i < 3; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
   ASSERT_TRUE(host.Order("trap 1\n"));
   EXPECT_EQ(host.traps.WaitFor(5, 1).size(), 4U);
 }
@@ -75,8 +77,9 @@ TEST(Traps, RaisedWhileTheMasterIsDownOutliveTheAgent) {
   host.snmpd.Start();
   auto traps = host.traps.WaitFor(3);
   ASSERT_EQ(traps.size(), 3U);
-  for (int i = 0; i < 3; i++)
+  for (int i = 0; i < 3; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
   // Once.
   host.daemon.Stop();
   host.StartTestAgent();
@@ -97,8 +100,9 @@ TEST(Traps, OutliveAnAgentThatIsKilledBeforeItCouldSendThem) {
   host.snmpd.Start();
   const auto traps = host.traps.WaitFor(2);
   ASSERT_EQ(traps.size(), 2U);
-  for (int i = 0; i < 2; i++)
+  for (int i = 0; i < 2; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
   host.SetOrders("");
   // Once the master has them the file goes, and another killed agent sends none again.
   EXPECT_TRUE(Eventually([&] {
@@ -140,8 +144,9 @@ TEST(Traps, ThatCannotBeReadAtTheStartAreReadByALaterPoll) {
   ASSERT_TRUE(host.daemon.Poll());
   const auto traps = host.traps.WaitFor(2);
   ASSERT_EQ(traps.size(), 2U);
-  for (int i = 0; i < 2; i++)
+  for (int i = 0; i < 2; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
 }
 
 TEST(Traps, RaisedBeforeTheFirstMaster) {
@@ -175,8 +180,9 @@ TEST(Traps, AThousandInOneGo) {
   ASSERT_TRUE(host.Order("trap 1000\n"));
   auto traps = host.traps.WaitFor(1000);
   ASSERT_EQ(traps.size(), 1000U);
-  for (size_t i = 0; i < traps.size(); i++)
+  for (size_t i = 0; i < traps.size(); i++) {
     ASSERT_EQ(traps[i].variables, Variables(static_cast<int>(i) + 1, "first"));
+  }
   EXPECT_EQ(host.Get("tlxHoName"), "STRING: \"first\"");
   EXPECT_EQ(host.Set("tlxHoSystemRoleDetail", 's', "set"), "noError");
 }
