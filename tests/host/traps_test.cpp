@@ -115,6 +115,47 @@ TEST(Traps, OutliveAnAgentThatIsKilledBeforeItCouldSendThem) {
   EXPECT_EQ(host.traps.WaitFor(4, 1).size(), 3U);
 }
 
+TEST(Traps, OutliveAnAgentThatIsKilledWhileTheMasterIsAway) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  host.snmpd.Kill();
+  ASSERT_TRUE(host.Order("trap 3\n"));
+  ASSERT_TRUE(Eventually([] { return std::filesystem::exists(kKept); }));
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.SetOrders("");
+  host.StartTestAgent({"plain"}, false);
+  // More that wait do not replace them.
+  ASSERT_TRUE(host.Order("trap 2\n"));
+  host.SetOrders("");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.StartTestAgent({"plain"}, false);
+  host.snmpd.Start();
+  const auto traps = host.traps.WaitFor(5);
+  ASSERT_EQ(traps.size(), 5U);
+  for (int i = 0; i < 5; i++) {
+    EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i < 3 ? i + 1 : i - 2, "first"));
+  }
+  EXPECT_TRUE(Eventually([&] {
+    host.daemon.Poll();
+    return !std::filesystem::exists(kKept);
+  }));
+}
+
+TEST(Traps, AreNotKeptWhereTheMasterTakesThem) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  ASSERT_TRUE(host.Order("trap 3\n"));
+  EXPECT_EQ(host.traps.WaitFor(3).size(), 3U);
+  host.SetOrders("");
+  EXPECT_TRUE(Eventually([&] {
+    host.daemon.Poll();
+    return !std::filesystem::exists(kKept);
+  }));
+}
+
 TEST(Traps, ThatCannotBeReadAtTheStartAreReadByALaterPoll) {
   MadeUpHost host;
   host.traps.Start();
