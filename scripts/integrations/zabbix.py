@@ -112,7 +112,8 @@ TRIGGERS = [
     (None, "Swap space is short",
      "max($(tlxHoPagingMemoryFree),10m)<last($(tlxHoPagingMemorySize))*{$VEXHOST.SWAP.MIN}/100",
      "WARNING"),
-    (None, "Processors are busy", "min($(vexhost.cpu),30m)>{$VEXHOST.CPU.MAX}", "WARNING"),
+    # Not known for the agent's first half hour: a few minutes of data are no half hour.
+    (None, "Processors are busy", "last($(vexhost.cpu30))>{$VEXHOST.CPU.MAX}", "WARNING"),
     (None, "The agent's values are old",
      "fuzzytime($(tlxHoAgentLastPoll),{$VEXHOST.AGE.MAX})=0", "HIGH"),
     (None, "The agent does not answer", "nodata($(tlxHoAgentStart),{$VEXHOST.AGE.MAX})=1", "HIGH"),
@@ -347,6 +348,8 @@ class Template:
         return [
             item("vexhost.cpu", "Processors: busy, 1 minute",
                  "avg(last_foreach(//tlxHoCpuUtilMin[*]))", "The average over all processors."),
+            item("vexhost.cpu30", "Processors: busy, 30 minutes",
+                 "avg(last_foreach(//tlxHoCpuUtilThirtyMin[*]))", "The average over all processors."),
             item("vexhost.memory", "Memory: used, in per cent",
                  "100*(1-last(//tlxHoMemoryAvailable)/last(//tlxHoPhysicalMemorySize))",
                  "What cannot be given to programs. Caches do not count: they give way."),

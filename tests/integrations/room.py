@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 import urllib.error
@@ -78,6 +79,7 @@ class Room:
         os.mkdir(f"{self.root}/var/spool/quorix")
         subprocess.run(["cmake", "--install", BUILD, "--prefix", self.root + PREFIX],
                        check=True, stdout=subprocess.DEVNULL)
+        shutil.copy(BUILD + "/bin/simulated_controller", self.path("/usr/local/bin"))
         self.mounts = {}
         self.devices = iter("abcdefghijklmnopqrstuvwxyz")
         self.write("/etc/hosts", "127.0.0.1 localhost\n")
@@ -183,6 +185,20 @@ class Room:
             subprocess.run(["mount", "--bind", self.path(source), self.path("/proc/" + name)],
                            check=True)
 
+    def install_software(self, packages):
+        """What dpkg lists: {name: version}."""
+        lines = "".join(f"ii  {name}  {version}  amd64  Made up\n"
+                        for name, version in packages.items())
+        self.write("/usr/local/bin/dpkg", "#!/bin/sh\ncase $1 in\n-l*) cat <<'END'\n" + lines +
+                   "END\n;;\n--print-architecture) echo amd64 ;;\nesac\n", 0o755)
+        self.write("/var/lib/dpkg/available", "")
+
+    def start_controller(self):
+        """A management controller, whose firmware is listed."""
+        self.start("controller", "simulated_controller", "version=1.05", "generation=6")
+        eventually(lambda: self.runs("controller") and
+                   os.path.exists(self.path("/run/quorix/tlxci.sock")), 20, "the controller")
+
     def start_snmpd(self, more=""):
         self.write("/etc/snmp/snmpd.conf",
                    "agentaddress 127.0.0.1\nmaster agentx\nagentXSocket /run/agentx\n"
@@ -201,6 +217,32 @@ class Room:
 
     def dump(self, *objects):
         return json.loads(self.ok("vexreg", "dump", *objects))
+
+
+class Processors:
+    """/proc/stat of two processors that are busy, or not."""
+
+    def __init__(self, one, busy):
+        self.one, self.busy, self.ticks = one, busy, [1000, 1000]
+        self.over = threading.Event()
+        self.write()
+        self.thread = threading.Thread(target=self.go_on, daemon=True)
+        self.thread.start()
+
+    def write(self):
+        line = f"{self.ticks[0]} 0 0 {self.ticks[1]} 0 0 0 0 0 0\n"
+        self.one.proc("stat", f"cpu  {self.ticks[0] * 2} 0 0 {self.ticks[1] * 2} 0 0 0 0 0 0\n"
+                              f"cpu0 {line}cpu1 {line}intr 0\nctxt 0\nbtime 1709600000\n"
+                              "processes 1\n")
+
+    def go_on(self):
+        while not self.over.wait(0.5):
+            self.ticks[0 if self.busy else 1] += 50
+            self.write()
+
+    def end(self):
+        self.over.set()
+        self.thread.join()
 
 
 def main(document):

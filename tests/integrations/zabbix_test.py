@@ -148,9 +148,13 @@ class Zabbix(unittest.TestCase):
         one = self.room
         one.proc("meminfo", "MemTotal: 8192000 kB\nMemFree: 1024000 kB\nMemAvailable: 4096000 kB\n"
                             "Cached: 2048000 kB\nSwapTotal: 2048000 kB\nSwapFree: 2048000 kB\n")
+        processors = room.Processors(one, busy=False)
+        self.addCleanup(processors.end)
         for directory, used in (("/srv/gone", 1), ("/srv/quiet", 10), ("/srv/full", 97),
                                 ("/srv/last", 20)):
             one.mount(directory, 100, used)
+        one.install_software({"kelmo": "9.2.1-4", "vexfoo": "1.0", "bash": "5.2"})
+        one.start_controller()
         one.start_snmpd("trap2sink 127.0.0.1 public\n")
         one.start_agent()
         self.start_station()
@@ -175,7 +179,9 @@ class Zabbix(unittest.TestCase):
         eventually(lambda: self.problems() == ["/dev/vdc on /srv/full is full"], 120,
                    lambda: f"its problem: {self.problems()}")
         eventually(lambda: value("vexhost.memory").startswith("50"), 60, "memory")
-        eventually(lambda: value("vexhost.cpu") != "", 120, "the processors")
+        eventually(lambda: self.items()["vexhost.cpu"]["lastclock"] != "0", 120,
+                   "the processors")
+        self.assertLess(float(value("vexhost.cpu")), 10)
         self.assertEqual(value("tlxHoMemoryAvailable"), str(4000 << 20))
         self.assertEqual(value("tlxHoFileSysSpaceTotal[/dev/vdc on /srv/full]"), str(100 << 20))
         self.assertEqual(value("tlxHoMountState[/dev/vdc on /srv/full]"), "1")
@@ -183,9 +189,14 @@ class Zabbix(unittest.TestCase):
         processors = {str(o["tlxHoCpuUtilUnitIndex"]) for o in dumped.values()}
         self.assertEqual({key for key in self.items() if key.startswith("tlxHoCpuUtilMin[")},
                          {f"tlxHoCpuUtilMin[{n}]" for n in processors})
-        names = {o["tlxHoSwVerName"] for o in one.dump("host/swver.*").values()}
-        self.assertEqual({key for key in self.items() if key.startswith("tlxHoSwVerVersion[")},
-                         {f"tlxHoSwVerVersion[{n}]" for n in names})
+        for table, name in (("swver", "tlxHoSwVerName"), ("fwver", "tlxHoFwVerDisplayName")):
+            version = name.replace("DisplayName", "Version").replace("Name", "Version")
+            expected = {f"{version}[{o[name]}]": o[version]
+                        for o in one.dump(f"host/{table}.*").values()}
+            self.assertTrue(expected, table)
+            eventually(lambda: {key: i["lastvalue"] for key, i in self.items().items()
+                                if key.startswith(version + "[")} == expected, 60,
+                       lambda: f"{expected}: {self.faults()}")
         eventually(lambda: not self.faults(), 60, lambda: self.faults())
         # An average over an hour is not known yet: no value at all, and none below 0 anywhere.
         self.assertEqual(value("tlxHoCpuUtilHour[0]"), "0")
