@@ -37,6 +37,25 @@ def dotted(oid):
     return ".".join(str(n) for n in oid)
 
 
+class Notification:
+    """What a module says of one: its OID, the first sentence, the names of what it carries, and what
+    stands in comments in the form that snmptt's own converter reads: the message, with $1 for the
+    first of what it carries, and the severity."""
+
+    def __init__(self, element, texts):
+        self.oid, self.words = element.get("oid"), sentence(element)
+        self.objects = [o.get("name") for o in element.iterfind("objects/object")]
+        name = element.get("name")
+        found = re.search(rf"^{name} NOTIFICATION-TYPE.*?"
+                          r"--#SUMMARY \"(.*?)\"\n +--#ARGUMENTS {([\d, ]*)}\n +--#SEVERITY (\w+)",
+                          texts, re.M | re.S)
+        if not found:
+            raise SystemExit(f"make-integrations: {name} has no summary, arguments and severity")
+        summary, arguments, self.severity = found.groups()
+        numbers = iter(int(n) + 1 for n in arguments.split(","))
+        self.message = re.sub("%s", lambda _: f"${next(numbers)}", summary)
+
+
 class Modules:
     """The variables and notifications by name. Who asks for a name that there is not ends the
     program."""
@@ -45,6 +64,10 @@ class Modules:
         make = generator()
         self.roots = make.dump([os.path.join(SOURCE, "mibs", name) for name in FILES])
         self.types = make.types_of(self.roots)
+        self.texts = ""
+        for name in FILES:
+            with open(os.path.join(SOURCE, "mibs", name), encoding="ascii") as file:
+                self.texts += file.read()
         self.variables = {v["name"]: v for v in make.variables_of(self.roots)}
         self.elements, self.tables = {}, {}
         for root in self.roots.values():
@@ -93,8 +116,7 @@ class Modules:
         return {}
 
     def notifications(self):
-        """{name: (OID, first sentence, names of what it carries)}."""
-        return {n.get("name"): (n.get("oid"), sentence(n),
-                                [o.get("name") for o in n.iterfind("objects/object")])
+        """The notifications by name."""
+        return {n.get("name"): Notification(n, self.texts)
                 for root in self.roots.values()
                 for n in root.iterfind("notifications/notification")}

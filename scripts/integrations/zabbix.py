@@ -145,8 +145,9 @@ TRIGGERS = [
     ("tlxHoFwVerTable", "{#FIRMWARE} has another version", "change($(tlxHoFwVerVersion))<>0",
      "INFO"),
 ]
-# How notifications are shown: the trigger's priority, or none.
-NOTIFICATIONS = {"tlxHoTestNotification": None, "tlxHoHealthNotification": "WARNING"}
+# A notification's severity as a trigger's priority; none where it is no problem.
+PRIORITIES = {"INFORMATIONAL": None, "WARNING": "WARNING", "MINOR": "AVERAGE", "MAJOR": "HIGH",
+              "CRITICAL": "DISASTER"}
 
 # Two rows may have the same description, Zabbix's keys not: the first one counts.
 FIRST_OF_EACH = """var seen = {};
@@ -316,22 +317,23 @@ class Template:
 
     def traps(self):
         items = []
-        for name, (oid, words, _) in self.modules.notifications().items():
-            short = oid.removeprefix("1.3.6.1.4.1.").replace(".", r"\.")
+        for name, one in self.modules.notifications().items():
+            words, priority = one.words, PRIORITIES[one.severity]
+            short = one.oid.removeprefix("1.3.6.1.4.1.").replace(".", r"\.")
             key = f'snmptrap["({name}|{short})([^0-9]|$)"]'
             item = {"uuid": identity("item", key), "name": f"Notification: {name}",
                     "type": "SNMP_TRAP", "key": key, "delay": "0", "trends": "0",
                     "value_type": "LOG", "description": words,
                     "logtimefmt": "yyyy-MM-ddThh:mm:ss",
                     "tags": [{"tag": "component", "value": "notifications"}]}
-            if NOTIFICATIONS[name]:
+            if priority:
                 item["triggers"] = [{
                     "uuid": identity("trigger", name),
                     "expression": f"length(last(/{TEMPLATE}/{key}))>0",
                     # Each one is a problem of its own, until somebody closes it: none says that it
                     # is over.
                     "recovery_mode": "NONE", "name": f"{name} has come",
-                    "priority": NOTIFICATIONS[name], "description": words, "type": "MULTIPLE",
+                    "priority": priority, "description": words, "type": "MULTIPLE",
                     "manual_close": "YES"}]
             items.append(item)
         return items

@@ -111,6 +111,20 @@ class Collectors(unittest.TestCase):
                                       field["oid"])
                 self.assertNotIn("No Such", walked, field)
 
+    def test_snmptt_converts_the_module(self):
+        """To the same as ours."""
+        one = self.room
+        smi = room.PREFIX + "/share/snmp/mibs:" + room.PREFIX + "/share/vexhostd/smi"
+        one.ok("snmpttconvertmib", f"--in={room.PREFIX}/share/snmp/mibs/QUORIX-HOST-MIB.txt",
+               "--out=/tmp/converted.conf", environment={"MIBDIRS": smi, "MIBS": "ALL"})
+
+        def events(text):
+            return re.findall(r"^EVENT (\w+) \.?([\d.]+) \"(.*)\" (\w+)\nFORMAT (.*)$", text, re.M)
+
+        converted = events(one.read("/tmp/converted.conf"))
+        self.assertEqual(len(converted), 2)
+        self.assertEqual(converted, events(one.read(f"{INTEGRATIONS}/snmptt/snmptt.conf")))
+
     def test_snmptt(self):
         one = self.room
         one.write("/tmp/snmptt.ini",
@@ -141,8 +155,10 @@ class Collectors(unittest.TestCase):
         one.ok("snmptrap", "-v2c", "-cpublic", "127.0.0.1", "", ".1.3.6.1.4.1.4891.0.11020",
                ".1.3.6.1.4.1.4891.250.1", "s", "made up")
         eventually(lambda: "made up" in logged(), 60, "another")
-        self.assertRegex(logged(), r"\.1\.3\.6\.1\.4\.1\.4891\.0\.11003 Normal \"Host\" .*by the way")
-        self.assertRegex(logged(), r"\.1\.3\.6\.1\.4\.1\.4891\.0\.11020 Warning \"Host\" .*made up")
+        self.assertRegex(logged(), r"\.1\.3\.6\.1\.4\.1\.4891\.0\.11003 INFORMATIONAL "
+                                   r"\"Status Events\" .*by the way")
+        self.assertRegex(logged(), r"\.1\.3\.6\.1\.4\.1\.4891\.0\.11020 WARNING "
+                                   r"\"Status Events\" .*has changed: made up")
 
 
 if __name__ == "__main__":
