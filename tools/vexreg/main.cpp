@@ -27,7 +27,12 @@ constexpr char kShowNotes[] =
     "  vexreg show cpu\n"
     "  vexreg show filesys --sort -PercentSpaceUsed --columns +Published\n"
     "  vexreg show tlxHoMibCondition --json";
-constexpr char kWatchNotes[] = "Example: vexreg watch memory cpu";
+constexpr char kWatchNotes[] =
+    "On a terminal, a view of the whole screen; ? tells its keys, q or Ctrl-C ends\n"
+    "it. In a pipe, a line for each change.\n"
+    "Examples:\n"
+    "  vexreg watch\n"
+    "  vexreg watch memory cpu >changes";
 constexpr char kPutNotes[] =
     "VAR is one of\n"
     "  int:N          an integer from -2147483648 to 2147483647\n"
@@ -133,6 +138,10 @@ int main(int argc, char **argv) {
   CLI::App *watch = AddCommand(&app, "watch",
                                "Keeps a live view; prints changes without a terminal", kWatchNotes);
   AddView(watch, &arguments, "Each change as a line of JSON, also on a terminal");
+  watch->add_option("--interval", arguments.view.interval, "Seconds between looks on a terminal")
+      ->type_name("N")
+      ->check(CLI::Range(0.1, 3600.0).description(""))
+      ->capture_default_str();
 
   CLI::App *put = AddCommand(&app, "put", "Publishes an object as an agent would", kPutNotes);
   put->add_option("OBJECT", arguments.object, "The object's name")->required()->type_name("");
