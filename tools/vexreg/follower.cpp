@@ -63,48 +63,63 @@ void Follower::List(int parent, const char *name, const std::string &prefix, int
     if (S_ISDIR(st.st_mode) && depth < kMaxDepth) {
       List(fd, entry->d_name, path + "/", depth + 1, stamps);
     } else if (S_ISREG(st.st_mode)) {
-      (*stamps)[path] = {st.st_dev, st.st_ino, st.st_size, Nanoseconds(st.st_mtim),
-                         Nanoseconds(st.st_ctim)};
+      stamps->emplace_back(path, Stamp{st.st_dev, st.st_ino, st.st_size, Nanoseconds(st.st_mtim),
+                                       Nanoseconds(st.st_ctim)});
     }
   }
   closedir(directory);
 }
 
-// What the names stand for among the files that there are. Whether that was found anew.
-bool Follower::Choose(const Stamps &stamps, Look *look) {
-  std::vector<std::string> names;
-  names.reserve(stamps.size());
+// What the names stand for among the files that there are now, which are others than before.
+void Follower::Choose(const Stamps &stamps, Look *look) {
+  const bool narrowed = !variables_.empty();
+  names_.clear();
   for (const auto &[name, stamp] : stamps) {
-    names.push_back(name);
+    names_.push_back(name);
   }
-  const bool anew = !chosen_ || names != names_;
-  if (anew) {
-    names_ = std::move(names);
-    chosen_ = true;
-    whole_.clear();
-    variables_.clear();
-    missing_.clear();
-    if (selection_.names.empty()) {
-      whole_.insert(names_.begin(), names_.end());
-    } else {
-      whole_.insert(also_.begin(), also_.end());
-    }
-    for (const std::string &given : selection_.names) {
-      const std::vector<std::string> found = NamesFor(given, selection_.root, names_);
-      whole_.insert(found.begin(), found.end());
-      if (found.empty() && given.find('/') == std::string::npos && !given.empty()) {
-        variables_.push_back(given);
-      } else if (found.empty()) {
-        missing_.push_back(given);
-      }
+  chosen_ = true;
+  whole_.clear();
+  variables_.clear();
+  missing_.clear();
+  if (selection_.names.empty()) {
+    whole_.insert(names_.begin(), names_.end());
+  } else {
+    whole_.insert(also_.begin(), also_.end());
+  }
+  for (const std::string &given : selection_.names) {
+    const std::vector<std::string> found = NamesFor(given, selection_.root, names_);
+    whole_.insert(found.begin(), found.end());
+    if (found.empty() && given.find('/') == std::string::npos && !given.empty()) {
+      variables_.push_back(given);
+    } else if (found.empty()) {
+      missing_.push_back(given);
     }
   }
-  look->missing = missing_;
-  return anew;
+  const auto is_wanted = [&](const std::string &name) {
+    return !variables_.empty() || whole_.contains(name);
+  };
+  for (auto file = files_.begin(); file != files_.end();) {
+    const bool stays =
+        is_wanted(file->first) && std::binary_search(names_.begin(), names_.end(), file->first);
+    if (!stays && file->second.object) {
+      look->steps.push_back({file->first, nullptr});
+    }
+    file = stays ? std::next(file) : files_.erase(file);
+  }
+  places_.clear();
+  for (const std::string &name : names_) {
+    places_.push_back(is_wanted(name) ? &files_[name] : nullptr);
+  }
+  if (narrowed || !variables_.empty()) {
+    // Other variables of the same objects may be wanted.
+    for (auto &[name, file] : files_) {
+      file.given = false;
+    }
+  }
 }
 
-void Follower::Read(const std::string &name, const Stamp &stamp) {
-  File &file = files_[name];
+void Follower::Read(const std::string &name, const Stamp &stamp, File *known) {
+  File &file = *known;
   // What is damaged or could not be read is tried again each time.
   if (file.is_object && file.settled && file.stamp == stamp) {
     return;
@@ -148,32 +163,26 @@ Look Follower::LookAgain() {
   } else {
     look.error = errno;
   }
-  const bool narrowed = !variables_.empty();
-  if (Choose(stamps, &look) && (narrowed || !variables_.empty())) {
-    // Other variables of the same objects may be wanted.
-    for (auto &[name, file] : files_) {
-      file.given = false;
-    }
+  std::sort(stamps.begin(), stamps.end(),
+            [](const auto &a, const auto &b) { return a.first < b.first; });
+  if (!chosen_ ||
+      !std::equal(stamps.begin(), stamps.end(), names_.begin(), names_.end(),
+                  [](const auto &stamp, const std::string &name) { return stamp.first == name; })) {
+    Choose(stamps, &look);
   }
-  for (auto file = files_.begin(); file != files_.end();) {
-    const bool wanted =
-        stamps.contains(file->first) && (!variables_.empty() || whole_.contains(file->first));
-    if (!wanted && file->second.object) {
-      look.steps.push_back({file->first, nullptr});
-    }
-    file = wanted ? std::next(file) : files_.erase(file);
-  }
-  for (const auto &[name, stamp] : stamps) {
-    if (variables_.empty() && !whole_.contains(name)) {
+  look.missing = missing_;
+  for (size_t i = 0; i < stamps.size(); i++) {
+    File *file = places_[i];
+    if (file == nullptr) {
       continue;
     }
-    Read(name, stamp);
-    File &file = files_[name];
-    if (!file.given) {
-      file.given = true;
-      look.steps.push_back({name, Narrowed(name, file)});
+    const auto &[name, stamp] = stamps[i];
+    Read(name, stamp, file);
+    if (!file->given) {
+      file->given = true;
+      look.steps.push_back({name, Narrowed(name, *file)});
     }
-    if (file.damaged) {
+    if (file->damaged) {
       look.damaged.push_back(name);
     }
   }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/registry/registry_file.h"
@@ -59,12 +60,13 @@ class Follower {
     bool given = false;  // the object has been told of
     std::shared_ptr<const FileObject> object;
   };
-  using Stamps = std::map<std::string, Stamp>;
+  // In the order of the names.
+  using Stamps = std::vector<std::pair<std::string, Stamp>>;
 
   static void List(int parent, const char *name, const std::string &prefix, int depth,
                    Stamps *stamps);
-  bool Choose(const Stamps &stamps, Look *look);
-  void Read(const std::string &name, const Stamp &stamp);
+  void Choose(const Stamps &stamps, Look *look);
+  void Read(const std::string &name, const Stamp &stamp, File *file);
   std::shared_ptr<const FileObject> Narrowed(const std::string &name, const File &file) const;
 
   const Selection selection_;
@@ -75,6 +77,7 @@ class Follower {
   std::vector<std::string> variables_;  // wanted of whatever object has them
   std::vector<std::string> missing_;
   std::map<std::string, File> files_;
+  std::vector<File *> places_;  // by the place in names_; null: not wanted
   size_t reads_ = 0;
 };
 

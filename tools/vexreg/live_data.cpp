@@ -154,10 +154,15 @@ void LiveData::NoteVariables(const LiveRow &row, const FileObject &before, int64
       const Shown shown = ShowValue(object, which);
       return shown.lines.empty() ? shown.text : std::string();
     };
-    const std::string old = text(before, before.variables[slot]);
+    std::string how = text(before, before.variables[slot]);
     const std::string now = text(after, variable);
-    Note(wall, name + " " + SafeText(short_names[slot]),
-         old == now ? "changed" : old + " -> " + now);
+    if (how == now) {
+      how = "changed";
+    } else {
+      how += " -> ";
+      how += now;
+    }
+    Note(wall, name + " " + SafeText(short_names[slot]), std::move(how));
   }
   if (after.variables.empty() && before.data != after.data) {
     Note(wall, name, "changed");
@@ -242,8 +247,9 @@ void LiveData::Take(const Look &look, int64_t wall, int64_t clock_ns) {
   if (!first_ && newest_ns_ != newest_before) {
     newest_seen_ns_ = clock_ns;
   }
-  last_look_ = look;
-  last_look_.steps.clear();
+  last_look_.error = look.error;
+  last_look_.missing = look.missing;
+  last_look_.damaged = look.damaged;
   first_ = false;
 }
 

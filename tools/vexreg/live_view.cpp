@@ -8,7 +8,6 @@
 
 #include "platform/framework.h"
 #include "tools/vexreg/findings.h"
-#include "tools/vexreg/open_metrics.h"
 #include "tools/vexreg/tables.h"
 #include "tools/vexreg/values.h"
 
@@ -16,15 +15,13 @@ namespace vex {
 namespace {
 
 constexpr char kChanges[] = "changes";  // a section that is no group
-constexpr int32_t kTrue = 1;            // of a TruthValue (RFC 2579)
 constexpr int kGap = 2;
-constexpr int kNarrowest = 8;      // a column that may be cut
-constexpr int kReadable = 20;      // unless others can go instead
-constexpr int kBarWidth = 10;      // in tables
-constexpr int kMeterWidth = 38;    // a processor's share of a line, at least
-constexpr int kHistoryWidth = 10;  // of it
-constexpr int kSpacious = 32;      // lines of a screen that has room for empty ones
-constexpr size_t kLongText = 1000;
+constexpr int kNarrowest = 8;    // a column that may be cut
+constexpr int kReadable = 20;    // unless others can go instead
+constexpr int kBarWidth = 10;    // in tables
+constexpr int kMeterWidth = 38;  // a processor's share of a line, at least
+constexpr int kSpacious = 32;    // lines of a screen that has room for empty ones
+constexpr int kLongText = 1000;  // columns of a value that cannot be seen whole anyway
 
 std::string Small(std::string_view text) {
   std::string small(text);
@@ -73,24 +70,6 @@ std::string ClockText(int64_t seconds) {
     strftime(text, sizeof(text), "%H:%M:%S", &local);
   }
   return text;
-}
-
-std::string Joined(const std::vector<std::vector<Span>> &lines) {
-  std::string text;
-  for (const auto &line : lines) {
-    text += text.empty() ? "" : "; ";
-    for (const Span &span : line) {
-      text += span.text;
-    }
-  }
-  return text;
-}
-
-// A variable among an object's: mostly at the place where the group's first row has it.
-const FileVariable *VariableAt(const FileObject &object, size_t place, std::string_view name) {
-  return place < object.variables.size() && object.variables[place].name == name
-             ? &object.variables[place]
-             : VariableOf(object, name);
 }
 
 }  // namespace
@@ -181,225 +160,8 @@ std::vector<LiveView::Section> LiveView::ShownSections() {
   return sections;
 }
 
-// ---- Columns ----------------------------------------------------------------------------------
-
-LiveView::Column LiveView::PercentColumn(const char *title, const char *variable, int rank) const {
-  const std::string name = variable;
-  Column column;
-  column.title = title;
-  column.right = true;
-  column.rank = rank;
-  column.cell = [name](const LiveRow &row) {
-    const FileVariable *found = VariableOf(*row.object, name);
-    if (found == nullptr) {
-      return Cell{};
-    }
-    Shown shown = ShowValue(*row.object, *found);
-    return Cell{shown.percent ? shown.text : "-", shown.mood, shown.percent};
-  };
-  column.key = [name](const LiveRow &row) -> Key {
-    const auto value = KnownNumber(row.object.get(), name);
-    return value ? Key(int64_t{*value}) : Key();
-  };
-  return column;
-}
-
-std::vector<LiveView::Column> LiveView::ProcessorColumns() const {
-  std::vector<Column> columns;
-  columns.push_back(PercentColumn("1 min", "tlxHoCpuUtilMin", 0));
-  columns.push_back(PercentColumn("5 min", "tlxHoCpuUtilFiveMin", 2));
-  columns.push_back(PercentColumn("30 min", "tlxHoCpuUtilThirtyMin", 4));
-  columns.push_back(PercentColumn("1 h", "tlxHoCpuUtilHour", 3));
-  Column history;
-  history.title = "Before";
-  history.rank = 1;
-  history.cell = [this](const LiveRow &row) {
-    return Cell{HistoryOf(row.history, 2 * kHistoryWidth), Mood::kFaint, {}};
-  };
-  columns.push_back(std::move(history));
-  return columns;
-}
-
-std::vector<LiveView::Column> LiveView::FileSystemColumns() const {
-  const auto text = [](const char *title, bool flexible, int rank,
-                       std::function<std::string(const LiveRow &)> of) {
-    Column column;
-    column.title = title;
-    column.flexible = flexible;
-    column.rank = rank;
-    column.cell = [of](const LiveRow &row) { return Cell{of(row), Mood::kPlain, {}}; };
-    column.key = [of](const LiveRow &row) -> Key { return of(row); };
-    return column;
-  };
-  const auto size = [](const char *title, const char *variable, int rank) {
-    Column column;
-    column.title = title;
-    column.right = true;
-    column.rank = rank;
-    column.cell = [variable](const LiveRow &row) {
-      const auto value = KnownNumber(row.object.get(), variable);
-      return Cell{value ? SizeText(*value) : "-", Mood::kPlain, {}};
-    };
-    column.key = [variable](const LiveRow &row) -> Key {
-      const auto value = KnownNumber(row.object.get(), variable);
-      return value ? Key(int64_t{*value}) : Key();
-    };
-    return column;
-  };
-  // The rows of the mounts have the same numbers; without one, the description has both.
-  const auto mount = [this](const LiveRow &row) {
-    const LiveRow *found = data_.Row(kMounts, row.number);
-    return found != nullptr ? found->object.get() : nullptr;
-  };
-  const auto from_mount = [mount](const char *variable, bool device) {
-    return [mount, variable, device](const LiveRow &row) {
-      const FileObject *object = mount(row);
-      if (object != nullptr) {
-        return TextOf(object, variable);
-      }
-      const std::string description = TextOf(row.object.get(), "tlxHoFileSysDesc");
-      const auto [before, behind] = SplitDescription(description);
-      return device ? before : behind;
-    };
-  };
-  std::vector<Column> columns;
-  Column use = PercentColumn("Use", "tlxHoFileSysPercentSpaceUsed", 0);
-  // Of a file system that has no space, as proc, nothing is in use.
-  use.cell = [percent = use.cell](const LiveRow &row) {
-    return KnownNumber(row.object.get(), "tlxHoFileSysSpaceTotal").value_or(0) > 0
-               ? percent(row)
-               : Cell{"-", Mood::kFaint, {}};
-  };
-  columns.push_back(std::move(use));
-  columns.push_back(text("Directory", true, 0, from_mount("tlxHoMountDirectory", false)));
-  columns.push_back(size("Used", "tlxHoFileSysSpaceUsed", 2));
-  columns.push_back(size("Size", "tlxHoFileSysSpaceTotal", 1));
-  columns.push_back(text("Type", false, 4, [mount](const LiveRow &row) {
-    return TextOf(mount(row), "tlxHoMountType");
-  }));
-  Column state;
-  state.title = "State";
-  state.rank = 3;
-  state.cell = [mount](const LiveRow &row) {
-    const FileObject *object = mount(row);
-    const FileVariable *found =
-        object != nullptr ? VariableOf(*object, "tlxHoMountState") : nullptr;
-    if (found == nullptr) {
-      return Cell{};
-    }
-    const Shown shown = ShowValue(*object, *found);
-    const bool read_only = KnownNumber(object, "tlxHoMountReadOnly") == kTrue;
-    return Cell{shown.text + (read_only ? ", ro" : ""), shown.mood, {}};
-  };
-  state.key = [mount](const LiveRow &row) -> Key {
-    const auto value = KnownNumber(mount(row), "tlxHoMountState");
-    return value ? Key(int64_t{*value}) : Key();
-  };
-  columns.push_back(std::move(state));
-  columns.push_back(text("Device", true, 5, from_mount("tlxHoMountDevice", true)));
-  return columns;
-}
-
-std::vector<LiveView::Column> LiveView::SiblingColumns() const {
-  const auto shown = [](const char *title, const char *variable, int rank) {
-    Column column;
-    column.title = title;
-    column.rank = rank;
-    column.cell = [variable](const LiveRow &row) {
-      const FileVariable *found = VariableOf(*row.object, variable);
-      const Shown value = found != nullptr ? ShowValue(*row.object, *found) : Shown{};
-      return Cell{value.text, value.mood, {}};
-    };
-    column.key = [variable](const LiveRow &row) -> Key {
-      const auto value = KnownNumber(row.object.get(), variable);
-      return value ? Key(int64_t{*value}) : Key();
-    };
-    return column;
-  };
-  std::vector<Column> columns;
-  Column name = shown("Name", "tlxHoSiblingName", 0);
-  name.flexible = true;
-  name.key = [](const LiveRow &row) -> Key { return TextOf(row.object.get(), "tlxHoSiblingName"); };
-  columns.push_back(std::move(name));
-  Column agent = shown("Agent", "tlxHoSiblingPresent", 1);
-  agent.cell = [](const LiveRow &row) {
-    const bool runs = KnownNumber(row.object.get(), "tlxHoSiblingPresent") == kTrue;
-    return runs ? Cell{"runs", Mood::kGood, {}} : Cell{"no agent", Mood::kFaint, {}};
-  };
-  columns.push_back(std::move(agent));
-  columns.push_back(shown("Condition", "tlxHoSiblingCondition", 0));
-  columns.push_back(shown("Health", "tlxHoSiblingHealth", 2));
-  Column revision = shown("Revision", "tlxHoSiblingMajor", 3);
-  revision.cell = [](const LiveRow &row) {
-    const auto major = KnownNumber(row.object.get(), "tlxHoSiblingMajor");
-    const auto minor = KnownNumber(row.object.get(), "tlxHoSiblingMinor");
-    return major && minor
-               ? Cell{std::to_string(*major) + "." + std::to_string(*minor), Mood::kPlain, {}}
-               : Cell{};
-  };
-  columns.push_back(std::move(revision));
-  return columns;
-}
-
-std::vector<LiveView::Column> LiveView::VariableColumns(const Section &section) const {
-  std::vector<Column> columns;
-  if (section.group == nullptr || section.group->rows.empty()) {
-    return columns;
-  }
-  const FileObject &first = *section.group->rows.begin()->second.object;
-  const std::vector<std::string_view> short_names = ShortNames(first);
-  for (size_t place = 0; place < first.variables.size(); place++) {
-    const FileVariable &variable = first.variables[place];
-    if (variable.type == 0) {
-      continue;
-    }
-    Column column;
-    column.title = SafeText(short_names[place]);
-    column.right = variable.type == VAR_INTEGER;
-    column.flexible = variable.type != VAR_INTEGER;
-    const std::string name = variable.name;
-    const bool raw = options_.raw;
-    column.cell = [name, place, raw](const LiveRow &row) {
-      const FileVariable *found = VariableAt(*row.object, place, name);
-      if (found == nullptr) {
-        return Cell{};
-      }
-      if (raw) {
-        return Cell{ValueText(*row.object, *found), Mood::kPlain, {}};
-      }
-      const Shown shown = ShowValue(*row.object, *found);
-      return Cell{shown.lines.empty() ? shown.text : Joined(shown.lines), shown.mood,
-                  shown.percent};
-    };
-    column.key = [name, place](const LiveRow &row) -> Key {
-      const FileVariable *found = VariableAt(*row.object, place, name);
-      if (found == nullptr) {
-        return {};
-      }
-      if (const auto number = IntegerOf(*row.object, *found)) {
-        return int64_t{*number};
-      }
-      const auto bytes = BytesOf(*row.object, *found);
-      return bytes ? Key(std::string(*bytes)) : Key();
-    };
-    columns.push_back(std::move(column));
-  }
-  return columns;
-}
-
-std::vector<LiveView::Column> LiveView::ColumnsOf(const Section &section) const {
-  Column number;
-  number.title = "#";
-  number.right = true;
-  number.cell = [](const LiveRow &row) { return Cell{row.number, Mood::kFaint, {}}; };
-  std::vector<Column> columns = {number};
-  std::vector<Column> others = options_.raw                 ? VariableColumns(section)
-                               : section.id == kProcessors  ? ProcessorColumns()
-                               : section.id == kFileSystems ? FileSystemColumns()
-                               : section.id == kSiblings    ? SiblingColumns()
-                                                            : VariableColumns(section);
-  std::move(others.begin(), others.end(), std::back_inserter(columns));
-  return columns;
+std::vector<LiveColumn> LiveView::Columns(const Section &section) const {
+  return ColumnsOf(section.id, *section.group, data_, options_.raw, options_.utf8);
 }
 
 // ---- Rows -------------------------------------------------------------------------------------
@@ -419,7 +181,7 @@ bool LiveView::Matches(const LiveRow &row) const {
         if (variable.type != 0) {
           const Shown shown = options_.raw ? Shown{ValueText(object, variable), {}, {}, {}}
                                            : ShowValue(object, variable);
-          row.words += '\n' + Small(shown.text) + Small(Joined(shown.lines));
+          row.words += '\n' + Small(shown.text) + Small(JoinedText(shown.lines));
         }
       }
     };
@@ -444,10 +206,11 @@ bool LiveView::IsKept(const Section &section, const LiveRow &row) const {
   if (section.id == kFileSystems) {
     return KnownNumber(row.object.get(), "tlxHoFileSysSpaceTotal").value_or(0) > 0;
   }
-  return section.id != kSiblings || KnownNumber(row.object.get(), "tlxHoSiblingPresent") == kTrue;
+  return section.id != kSiblings ||
+         KnownNumber(row.object.get(), "tlxHoSiblingPresent") == kTruthTrue;
 }
 
-void LiveView::Arrange(const Section &section, const std::vector<Column> &columns) {
+void LiveView::Arrange(const Section &section, const std::vector<LiveColumn> &columns) {
   State &state = *section.state;
   const std::pair<uint64_t, uint64_t> made_from = {section.group->version, choice_};
   if (state.made_from == made_from && state.made_open == whole_) {
@@ -465,7 +228,7 @@ void LiveView::Arrange(const Section &section, const std::vector<Column> &column
     state.sort = section.id == kFileSystems ? "Use" : "Condition";
     state.descending = true;
   }
-  const auto column = std::find_if(columns.begin(), columns.end(), [&](const Column &each) {
+  const auto column = std::find_if(columns.begin(), columns.end(), [&](const LiveColumn &each) {
     return each.key && state.sort == each.title;
   });
   const bool descending = state.descending.value_or(false);
@@ -475,7 +238,7 @@ void LiveView::Arrange(const Section &section, const std::vector<Column> &column
     }
     return;
   }
-  std::vector<std::pair<Key, const LiveRow *>> keyed;
+  std::vector<std::pair<LiveSortKey, const LiveRow *>> keyed;
   keyed.reserve(state.order.size());
   for (const LiveRow *row : state.order) {
     keyed.emplace_back(column->key(*row), row);
@@ -515,7 +278,7 @@ void LiveView::MakeValues(const Section &section) {
     const std::string name = SafeText(names[i]);
     const Shown shown = options_.raw ? Shown{ValueText(object, variable), Mood::kPlain, {}, {}}
                                      : ShowValue(object, variable);
-    if (!MatchesText(name + " " + shown.text + Joined(shown.lines))) {
+    if (!MatchesText(name + " " + shown.text + JoinedText(shown.lines))) {
       continue;
     }
     const auto add = [&](bool first, LiveLine value) {
@@ -534,7 +297,7 @@ void LiveView::MakeValues(const Section &section) {
       first = false;
     }
     if (shown.lines.empty()) {
-      std::string text = shown.text.substr(0, whole_ ? std::string::npos : kLongText);
+      std::string text = whole_ ? shown.text : Beginning(shown.text, kLongText);
       if (options_.bars && shown.percent && value_width >= kBarWidth + kNarrowest) {
         text += " " + BarOf(*shown.percent, kBarWidth);
       }
@@ -570,12 +333,12 @@ size_t LiveView::CountLines(const Section &section) {
       MakeValues(section);
       return section.state->lines.size();
     case Kind::kMeters:
-      Arrange(section, ColumnsOf(section));
+      Arrange(section, Columns(section));
       return whole_ ? section.state->order.size()
                     : (section.state->order.size() + MetersPerLine(width_) - 1) /
                           MetersPerLine(width_);
     case Kind::kTable:
-      Arrange(section, ColumnsOf(section));
+      Arrange(section, Columns(section));
       return section.state->order.size();
   }
   return 0;
@@ -609,21 +372,6 @@ void LiveView::ShareLines(std::vector<Section> *sections, size_t height, bool sp
 
 std::string LiveView::BarOf(int percent, int width) const {
   return BarText(percent, width, options_.utf8);
-}
-
-std::string LiveView::HistoryOf(const History &history, int width) const {
-  constexpr const char *kBlocks[] = {"\u2581", "\u2582", "\u2583", "\u2584",
-                                     "\u2585", "\u2586", "\u2587", "\u2588"};
-  constexpr const char *kAscii[] = {"_", ".", "-", "~", "=", "+", "*", "#"};
-  std::string text;
-  const auto columns = static_cast<size_t>(std::max(0, width));
-  const size_t first = history.size() > columns ? history.size() - columns : 0;
-  text.append(columns - (history.size() - first), ' ');
-  for (size_t i = first; i < history.size(); i++) {
-    const int level = std::clamp(history[i] * 8 / 100, 0, 7);
-    text += history[i] < 0 ? " " : options_.utf8 ? kBlocks[level] : kAscii[level];
-  }
-  return text;
 }
 
 LiveLine LiveView::Cut(const LiveLine &line, int width) const {
@@ -807,18 +555,18 @@ LiveLine LiveView::Meters(const Section &section, size_t line, int width) {
   const int room = share - number_width - 1 - kPercent - 1;
   const int history = room >= 2 * kHistoryWidth ? kHistoryWidth : 0;
   const int bar = options_.bars ? std::max(0, room - (history > 0 ? history + 1 : 0)) : 0;
-  const Column percent = PercentColumn("", "tlxHoCpuUtilMin", 0);
+  const LiveColumn percent = PercentColumn("", "tlxHoCpuUtilMin", 0);
   LiveLine pieces;
   for (size_t i = line * count; i < std::min(order.size(), (line + 1) * count); i++) {
     const LiveRow &row = *order[i];
-    const Cell cell = percent.cell(row);
+    const LiveCell cell = percent.cell(row);
     formatted_++;
     pieces.push_back({"  " + Padded(row.number, number_width, true) + " ", Mood::kFaint});
     pieces.push_back({Padded(cell.text, kPercent, true) + " ", cell.mood});
     pieces.push_back(
         {Padded(cell.percent && bar > 0 ? BarOf(*cell.percent, bar) : "", bar, false), cell.mood});
     if (history > 0) {
-      pieces.push_back({" " + HistoryOf(row.history, history), Mood::kFaint});
+      pieces.push_back({" " + HistoryText(row.history, history, options_.utf8), Mood::kFaint});
     }
   }
   return pieces;
@@ -852,9 +600,9 @@ std::vector<LiveLine> LiveView::MemoryLines(int width) const {
   add("RAM ", MemoryUse(data_), text);
   const int left = width - Width(lines.back()) - kGap;
   if (left >= kHistoryWidth && data_.memory_history().size() > 1) {
-    lines.back().push_back(
-        {"  " + HistoryOf(data_.memory_history(), std::min(left, 2 * kHistoryWidth)),
-         Mood::kFaint});
+    lines.back().push_back({"  " + HistoryText(data_.memory_history(),
+                                               std::min(left, 2 * kHistoryWidth), options_.utf8),
+                            Mood::kFaint});
   }
   const auto swap = KnownNumber(memory, "tlxHoPagingMemorySize");
   const auto swap_free = KnownNumber(memory, "tlxHoPagingMemoryFree");
@@ -869,14 +617,14 @@ std::vector<LiveLine> LiveView::MemoryLines(int width) const {
 std::vector<LiveLine> LiveView::Table(const Section &section, size_t from, size_t to, int width,
                                       bool heading) {
   State &state = *section.state;
-  std::vector<Column> columns = ColumnsOf(section);
+  std::vector<LiveColumn> columns = Columns(section);
   // Columns to the left that were moved out of the view, but for the number.
   state.first_column = std::min(state.first_column, columns.size() > 1 ? columns.size() - 2 : 0);
-  std::vector<std::vector<Cell>> cells;
+  std::vector<std::vector<LiveCell>> cells;
   for (size_t i = from; i < to; i++) {
     cells.emplace_back();
     formatted_++;
-    for (const Column &column : columns) {
+    for (const LiveColumn &column : columns) {
       cells.back().push_back(column.cell(*state.order[i]));
     }
   }
@@ -889,7 +637,7 @@ std::vector<LiveLine> LiveView::Table(const Section &section, size_t from, size_
   for (size_t c = 0; c < columns.size(); c++) {
     int &widest = state.widths[c];
     widest = std::max(widest, DisplayWidth(columns[c].title));
-    for (const std::vector<Cell> &row : cells) {
+    for (const std::vector<LiveCell> &row : cells) {
       const bool bar = options_.bars && row[c].percent;
       widest = std::max(widest, DisplayWidth(row[c].text) + (bar ? 1 + kBarWidth : 0));
     }
@@ -905,7 +653,7 @@ std::vector<LiveLine> LiveView::Table(const Section &section, size_t from, size_
     return sum;
   };
   // What matters least goes first, then texts are cut.
-  for (int rank = 9; rank > 0; rank--) {
+  for (int rank = kHighestRank; rank > 0; rank--) {
     for (size_t c = 0; c < columns.size() && total(true) > width; c++) {
       hidden[c] = hidden[c] || columns[c].rank == rank;
     }
@@ -949,7 +697,7 @@ std::vector<LiveLine> LiveView::Table(const Section &section, size_t from, size_
         },
         [](size_t) { return std::string(); }));
   }
-  for (const std::vector<Cell> &row : cells) {
+  for (const std::vector<LiveCell> &row : cells) {
     lines.push_back(line_of(
         [&](size_t c) {
           return LivePiece{row[c].text, row[c].mood};
@@ -1179,7 +927,7 @@ void LiveView::PressSort(int step) {
     }
     State &state = *section.state;
     std::vector<std::string> titles = {"#"};
-    for (const Column &column : ColumnsOf(section)) {
+    for (const LiveColumn &column : Columns(section)) {
       if (column.key) {
         titles.push_back(column.title);
       }

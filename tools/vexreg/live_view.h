@@ -4,15 +4,14 @@
 #define VEX_TOOLS_VEXREG_LIVE_VIEW_H
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
+#include "tools/vexreg/live_columns.h"
 #include "tools/vexreg/live_data.h"
 #include "tools/vexreg/words.h"
 
@@ -84,21 +83,6 @@ class LiveView {
  private:
   enum class Mode { kView, kFilter, kGroups, kHelp };
   enum class Kind { kMeters, kTable, kValues, kMemoryBars, kNews };
-  struct Cell {
-    std::string text;
-    Mood mood = Mood::kPlain;
-    std::optional<int> percent;
-  };
-  // What rows are sorted by. No value comes before any.
-  using Key = std::variant<std::monostate, int64_t, std::string>;
-  struct Column {
-    std::string title;
-    bool right = false;
-    bool flexible = false;  // may be cut
-    int rank = 0;           // those of the highest are left out first where there is no room
-    std::function<Cell(const LiveRow &)> cell;
-    std::function<Key(const LiveRow &)> key;
-  };
   // What the reader has chosen for a section, and what was computed for it.
   struct State {
     std::optional<bool> chosen;
@@ -134,13 +118,8 @@ class LiveView {
   std::vector<Section> AllSections();
   std::vector<Section> ShownSections();
   bool IsUsual(const std::string &group) const;
-  std::vector<Column> ColumnsOf(const Section &section) const;
-  std::vector<Column> ProcessorColumns() const;
-  std::vector<Column> FileSystemColumns() const;
-  std::vector<Column> SiblingColumns() const;
-  std::vector<Column> VariableColumns(const Section &section) const;
-  Column PercentColumn(const char *title, const char *variable, int rank) const;
-  void Arrange(const Section &section, const std::vector<Column> &columns);
+  std::vector<LiveColumn> Columns(const Section &section) const;
+  void Arrange(const Section &section, const std::vector<LiveColumn> &columns);
   void MakeValues(const Section &section);
   bool IsKept(const Section &section, const LiveRow &row) const;
   bool Matches(const LiveRow &row) const;
@@ -163,7 +142,6 @@ class LiveView {
   std::vector<LiveLine> HelpLines() const;
   std::vector<LiveLine> GroupLines(size_t height);
   std::string BarOf(int percent, int width) const;
-  std::string HistoryOf(const History &history, int width) const;
   LiveLine Cut(const LiveLine &line, int width) const;
 
   bool PressInView(int key);
