@@ -22,6 +22,7 @@ constexpr char kAgent[] = "vexhostd";
 constexpr double kRest = 10;
 // Whether the agent runs is looked at no more often: that reads of every process.
 constexpr double kSightSeconds = 5;
+constexpr int kMostFruitless = 100;
 
 double Now() {
   return static_cast<double>(ClockNs()) / kNsPerSecond;
@@ -137,17 +138,25 @@ class LiveLoop {
                           static_cast<double>(kNsPerSecond))};
     pollfd polled = {STDIN_FILENO, POLLIN, 0};
     const int ready = ppoll(&polled, has_keys_ ? 1 : 0, &time, &signals_.Before());
-    if (ready > 0 && (polled.revents & POLLIN) == 0) {
+    if (ready > 0 && (polled.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
       return false;  // the terminal is gone
     }
+    const bool expected = ready > 0;
+    bool taken = false;
     while (ready > 0 && !ViewSignals::Ended()) {
       const auto key = LiveScreen::TakeKey();
       if (!key) {
         break;
       }
+      taken = true;
       if (*key != 0 && !page_.Press(*key)) {
         return false;
       }
+    }
+    // A part of a key's sequence gives no key, either, but not time after time.
+    fruitless_ = expected && !taken ? fruitless_ + 1 : 0;
+    if (fruitless_ > kMostFruitless) {
+      return false;
     }
     if (ViewSignals::TakeSuspend()) {
       screen_.Suspend();
@@ -165,6 +174,7 @@ class LiveLoop {
   LiveData data_;
   LiveView page_;
   LiveMoment moment_;
+  int fruitless_ = 0;  // readings in a row of a terminal that says that it has a key
   double next_sight_ = 0;
   // Whether there is nothing, and the error of the root: another one is looked into at once.
   std::pair<bool, int> absence_ = {false, 0};

@@ -284,6 +284,17 @@ TEST_F(WatchScreen, EndsWhileTheTerminalTakesNothing) {
   close(master);
 }
 
+TEST_F(WatchScreen, EndsWithItsTerminal) {
+  Put("h/a", 12345);
+  Start();
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  const pid_t pid = Pid();
+  ASSERT_GT(pid, 0);
+  EXPECT_TRUE(made_up::ProcessExists(pid));
+  tmux_.reset();
+  EXPECT_TRUE(Eventually([&] { return !made_up::ProcessExists(pid); }));
+}
+
 TEST_F(WatchScreen, StopsAndGoesOn) {
   Put("h/a", 12345);
   tmux_.emplace(File("tmux"), 80, 24, "env PS1=prompt: bash --norc -i");
