@@ -198,6 +198,7 @@ class Refusals(Work):
     def test_missing_libraries_are_named_with_their_packages(self):
         for option, package in (("VEX_FOUND_net_snmp_HEADER=", "libsnmp-dev"),
                                 ("VEX_FOUND_net_snmp_netsnmpagent=", "libsnmp-dev"),
+                                ("VEX_FOUND_ncurses_tinfo=", "libncurses-dev"),
                                 ("CMAKE_DISABLE_FIND_PACKAGE_CLI11=ON", "libcli11-dev"),
                                 ("CMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON", "nlohmann-json3-dev"),
                                 ("SMIDUMP=", "smitools"),

@@ -474,8 +474,12 @@ Finding JudgeSilence(int seconds) {
               "path; vexreg(1) lists the checks in their order.");
 }
 
-std::string RenderFinding(const Finding &finding, int width) {
+std::string RenderFinding(const Finding &finding, int width, bool colour) {
   constexpr const char *kMarks[] = {"ok    ", "note  ", "FAIL  "};
+  constexpr const char *kColours[] = {"\x1b[32m", "\x1b[33m", "\x1b[1;31m"};
+  const auto verdict = static_cast<size_t>(finding.verdict);
+  const std::string mark =
+      colour ? kColours[verdict] + std::string(kMarks[verdict]) + "\x1b[0m" : kMarks[verdict];
   // Paths and names come from files; nothing of them may steer a terminal.
   const std::string plain = Printable(finding.text);
   std::string text;
@@ -483,8 +487,7 @@ std::string RenderFinding(const Finding &finding, int width) {
       width > 0 ? WrapText(plain, std::max(width - kIndent, kNarrowest))
                 : std::vector<std::string>{plain};
   for (const std::string &line : lines) {
-    text += (text.empty() ? kMarks[static_cast<int>(finding.verdict)] : std::string(kIndent, ' ')) +
-            line + "\n";
+    text += (text.empty() ? mark : std::string(kIndent, ' ')) + line + "\n";
   }
   return text;
 }
