@@ -197,17 +197,17 @@ Finding JudgeReceivers(size_t receivers) {
 
 std::optional<Finding> JudgeDefaultCommunity(
     const std::vector<std::pair<std::string, std::string>> &master_lines) {
-  const std::string where = "default community: ";
   for (const auto &[token, line] : master_lines) {
     const std::string community = CommunityOfLine(token, line);
     const std::string source = SourceOfLine(token, line);
     const bool own = source.empty() || source.starts_with("127.") || source == "localhost" ||
                      source == "::1" || source == "[::1]";
     if (!own && (community == "public" || community == "private")) {
+      std::string text = "default community: ";
+      text.append("snmpd.conf lets \"").append(community).append("\" in from ");
+      text += source == "default" ? "anywhere" : "other machines (" + source + ")";
       return Note(
-          where + "snmpd.conf lets \"" + community + "\" in from " +
-          (source == "default" ? "anywhere" : "other machines (" + source + ")") +
-          ", which everybody tries first. Give stations one of their own, or SNMPv3 users.");
+          text + ", which everybody tries first. Give stations one of their own, or SNMPv3 users.");
     }
   }
   return std::nullopt;
