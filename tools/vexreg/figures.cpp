@@ -112,7 +112,8 @@ std::vector<std::string> AskedDirectories(const std::string &mount_table) {
   char line[4096];  // the agent's limit as well
   while (table && getmntent_r(table.get(), &entry, line, sizeof(line)) != nullptr) {
     const std::string_view type = entry.mnt_type;
-    if (std::find(std::begin(ignored_mount_types), std::end(ignored_mount_types), type) ==
+    if (entry.mnt_dir[0] == '/' &&
+        std::find(std::begin(ignored_mount_types), std::end(ignored_mount_types), type) ==
         std::end(ignored_mount_types)) {
       directories.emplace_back(entry.mnt_dir);
     }

@@ -269,7 +269,9 @@ class Page {
                      });
     for (const FileObject *object : sorted) {
       const int percent = NumberOf(object, "tlxHoFileSysPercentSpaceUsed").value_or(-1);
-      body_ += "<tr><th scope=\"row\">" + Html(object, "tlxHoFileSysDesc") + "</th>";
+      const std::string name = Html(object, "tlxHoFileSysDesc");
+      body_ +=
+          "<tr><th scope=\"row\">" + (name.empty() ? Styled("not known", "faint") : name) + "</th>";
       Cell("Size", Html(object, "tlxHoFileSysSpaceTotal"), "number");
       Cell("Used", Html(object, "tlxHoFileSysSpaceUsed"), "number");
       Cell("Use", percent >= 0 ? Bar(percent) : "", "number");
