@@ -1,11 +1,13 @@
-// walk_client [getnext|getbulk] ADDRESS ROUNDS COLUMN...: fetches the table whose columns (numeric
-// OIDs) are given, by GETNEXT along each column and by GETBULK over all columns side by side (ten
-// rows a request), in one of the ways or in both, and prints for each how many variables there were
-// and the microseconds per variable (the best of the rounds). A client of its own, so that starting
-// a process does not count.
+// walk_client [getnext|getbulk|columns] ADDRESS ROUNDS COLUMN...: fetches the table whose columns
+// (numeric OIDs) are given: by GETNEXT along each column (snmpwalk), by GETBULK over all columns
+// side by side, ten rows a request (snmptable), and by GETBULK along each column by itself, 25 rows
+// a request (what collectors do); in one of the ways or in all. It prints for each how many
+// variables there were and the microseconds per variable of the quickest, the middle and the
+// slowest round. A client of its own, so that starting a process does not count.
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -65,13 +67,13 @@ long WalkByNext(netsnmp_session *session, const std::vector<Oid> &columns) {
   return count;
 }
 
-long FetchByBulk(netsnmp_session *session, const std::vector<Oid> &columns) {
+long FetchSideBySide(netsnmp_session *session, const std::vector<Oid> &columns, long rows) {
   long count = 0;
   std::vector<Oid> at = columns;
   for (bool inside = true; inside;) {
     netsnmp_pdu *request = snmp_pdu_create(SNMP_MSG_GETBULK);
     request->non_repeaters = 0;
-    request->max_repetitions = 10;
+    request->max_repetitions = rows;
     for (const Oid &oid : at) {
       snmp_add_null_var(request, oid.data(), oid.size());
     }
@@ -92,10 +94,22 @@ long FetchByBulk(netsnmp_session *session, const std::vector<Oid> &columns) {
   return count;
 }
 
+long FetchByBulk(netsnmp_session *session, const std::vector<Oid> &columns) {
+  return FetchSideBySide(session, columns, 10);
+}
+
+long FetchColumns(netsnmp_session *session, const std::vector<Oid> &columns) {
+  long count = 0;
+  for (const Oid &column : columns) {
+    count += FetchSideBySide(session, {column}, 25);
+  }
+  return count;
+}
+
 void Measure(const char *name, int rounds,
              long (*fetch)(netsnmp_session *, const std::vector<Oid> &), netsnmp_session *session,
              const std::vector<Oid> &columns) {
-  double best = 0;
+  std::vector<double> each;
   long count = 0;
   for (int i = 0; i < rounds; i++) {
     const auto from = std::chrono::steady_clock::now();
@@ -106,24 +120,32 @@ void Measure(const char *name, int rounds,
       fprintf(stderr, "walk_client: the table is empty\n");
       exit(1);
     }
-    if (i == 0 || us / static_cast<double>(count) < best) {
-      best = us / static_cast<double>(count);
-    }
+    each.push_back(us / static_cast<double>(count));
   }
-  printf("%s %ld %.2f\n", name, count, best);
+  std::sort(each.begin(), each.end());
+  printf("%s %ld %.2f %.2f %.2f\n", name, count, each.front(), each[each.size() / 2], each.back());
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+  constexpr struct {
+    const char *name;
+    long (*fetch)(netsnmp_session *, const std::vector<Oid> &);
+  } kWays[] = {{"getnext", WalkByNext}, {"getbulk", FetchByBulk}, {"columns", FetchColumns}};
   const char *way = "";
-  if (argc > 1 && (strcmp(argv[1], "getnext") == 0 || strcmp(argv[1], "getbulk") == 0)) {
-    way = argv[1];
+  for (const auto &one : kWays) {
+    if (argc > 1 && strcmp(argv[1], one.name) == 0) {
+      way = one.name;
+    }
+  }
+  if (way[0] != '\0') {
     argv++;
     argc--;
   }
-  if (argc < 4) {
-    fprintf(stderr, "usage: walk_client [getnext|getbulk] ADDRESS ROUNDS COLUMN...\n");
+  const int rounds = argc > 2 ? atoi(argv[2]) : 0;
+  if (argc < 4 || rounds < 1) {
+    fprintf(stderr, "usage: walk_client [getnext|getbulk|columns] ADDRESS ROUNDS COLUMN...\n");
     return 2;
   }
   setenv("MIBS", "", 1);
@@ -143,12 +165,10 @@ int main(int argc, char **argv) {
   for (int i = 3; i < argc; i++) {
     columns.push_back(Parse(argv[i]));
   }
-  const int rounds = atoi(argv[2]);
-  if (strcmp(way, "getbulk") != 0) {
-    Measure("getnext", rounds, WalkByNext, session, columns);
-  }
-  if (strcmp(way, "getnext") != 0) {
-    Measure("getbulk", rounds, FetchByBulk, session, columns);
+  for (const auto &one : kWays) {
+    if (way[0] == '\0' || strcmp(way, one.name) == 0) {
+      Measure(one.name, rounds, one.fetch, session, columns);
+    }
   }
   snmp_close(session);
   return 0;

@@ -15,6 +15,7 @@
 #include "framework/snmp/mib_index.h"
 #include "framework/snmp/set_channel.h"
 #include "framework/snmp/snmp_requests.h"
+#include "fuzz/require.h"
 #include "platform/framework.h"
 
 const char *agent = "fuzz";
@@ -26,12 +27,6 @@ extern "C" int agentlog_fprintf(FILE *, const char *, ...) {
 namespace {
 
 using vex::AgentxSession;
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 std::string socket_path;
 int listener = -1;

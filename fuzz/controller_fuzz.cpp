@@ -1,12 +1,12 @@
 // The controller's collectors on any behaviour of a controller: which kind it is, how each send and
 // receive ends, and what it answers.
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 
 #include "firmware/controller.h"
 // With its state in reach: one wrong answer ends the programmable logic's for the process's life.
 #include "firmware/programmable_logic.cpp"
+#include "fuzz/require.h"
 #include "platform/channel.h"
 
 struct tlxci_channel {
@@ -14,12 +14,6 @@ struct tlxci_channel {
 };
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 const uint8_t *input;
 size_t input_left;

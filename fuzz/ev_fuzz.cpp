@@ -21,7 +21,7 @@ std::string uefi;
 
 void Put(const std::string &path, const uint8_t *data, size_t size) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  fake::Require(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size));
+  Require(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size));
   close(fd);
 }
 
@@ -34,7 +34,7 @@ int updates;
 }  // namespace
 
 extern "C" int get_ev(const char *name, void *buffer, uint32_t *length) {
-  fake::Require(strcmp(name, version_ev) == 0 && *length == version_ev_size);
+  Require(strcmp(name, version_ev) == 0 && *length == version_ev_size);
   if (ev_size == 0) {
     return -1;
   }
@@ -57,14 +57,14 @@ swver_row *swver_next(queue_element **) {
 void swver_update(swver_row *, const char *version, const char *, const char *, int32_t type,
                   int32_t status) {
   // Two numbers and one more byte, whatever it is.
-  fake::Require(strlen(version) <= 8 && strchr(version, '.') != nullptr);
-  fake::Require(type == SWVER_TYPE_COMPONENT && status == SWVER_STATUS_FOUND);
+  Require(strlen(version) <= 8 && strchr(version, '.') != nullptr);
+  Require(type == SWVER_TYPE_COMPONENT && status == SWVER_STATUS_FOUND);
   updates++;
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   char made[] = "/dev/shm/ev-fuzz-XXXXXX";
-  fake::Require(mkdtemp(made) != nullptr);
+  Require(mkdtemp(made) != nullptr);
   directory = made;
   raw = directory + "/raw";
   uefi = directory + "/uefi";
@@ -99,17 +99,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string problem;
   const int64_t got =
       vex::ReadEv({raw.c_str(), uefi.c_str()}, "EV", buffer.data(), asked, &problem);
-  fake::Require(got <= static_cast<int64_t>(asked) && buffer[asked] == 'x');
+  Require(got <= static_cast<int64_t>(asked) && buffer[asked] == 'x');
   const size_t skipped = is_raw ? 0 : 4;
   if (got > 0) {
-    fake::Require(static_cast<size_t>(got) <= value_size - skipped &&
-                  memcmp(buffer.data(), value + skipped, static_cast<size_t>(got)) == 0);
+    Require(static_cast<size_t>(got) <= value_size - skipped &&
+            memcmp(buffer.data(), value + skipped, static_cast<size_t>(got)) == 0);
   }
   // A name from elsewhere never leads out of the directories.
   const std::string name(reinterpret_cast<const char *>(value), value_size < 64 ? value_size : 64);
   problem.clear();
   if (vex::ReadEv({raw.c_str(), uefi.c_str()}, name.c_str(), buffer.data(), asked, &problem) > 0) {
-    fake::Require(strchr(name.c_str(), '/') == nullptr);
+    Require(strchr(name.c_str(), '/') == nullptr);
   }
 
   swver_data block = {};
@@ -125,6 +125,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ev_size = value_size;
   updates = 0;
   const int result = update_component_versions();
-  fake::Require(result == (value_size == 0 ? -1 : 0) && updates <= 1);
+  Require(result == (value_size == 0 ? -1 : 0) && updates <= 1);
   return 0;
 }

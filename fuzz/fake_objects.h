@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fuzz/require.h"
 #include "platform/framework.h"
 
 char log_dir[80] = "/var/spool/quorix/kelmo/registry/host";
@@ -14,12 +15,6 @@ queue obj_Q;
 int32_t poll_time = 1;
 
 namespace fake {
-
-inline void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 inline int live;  // objects that were created and not deleted
 
@@ -65,8 +60,8 @@ int log_data(registry_object *object) {
       continue;
     }
     const auto *at = static_cast<const unsigned char *>(d.value);
-    fake::Require(at >= object->data && at + d.size <= object->data + object->data_size);
-    fake::Require(d.type != VAR_OCTET_STRING || d.length <= d.size);
+    Require(at >= object->data && at + d.size <= object->data + object->data_size);
+    Require(d.type != VAR_OCTET_STRING || d.length <= d.size);
   }
   return 0;
 }
@@ -95,9 +90,9 @@ int agentlog_fprintf(FILE *, const char *format, ...) {
   va_start(arguments, format);
   const int length = vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
-  fake::Require(length >= 0);
+  Require(length >= 0);
   for (const char *c = text; *c != '\0'; c++) {
-    fake::Require((*c >= ' ' || *c < 0 || (*c == '\n' && c[1] == '\0')) && *c != 0x7F);
+    Require((*c >= ' ' || *c < 0 || (*c == '\n' && c[1] == '\0')) && *c != 0x7F);
   }
   return length;
 }

@@ -10,18 +10,13 @@
 #include "firmware/system_rom.h"
 // With its state in reach: what it found once stands for the process's life.
 #include "firmware/powerpic.cpp"
+#include "fuzz/require.h"
 
 struct tlxci_channel {
   int unused;
 };
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 struct Structure {
   std::vector<unsigned char> bytes;

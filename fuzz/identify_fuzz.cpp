@@ -1,18 +1,12 @@
 // The reader of an IDE drive's identify data on any text.
 #include <cctype>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "firmware/proc_drivers.h"
+#include "fuzz/require.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 bool EndsInBlank(const char *text) {
   const size_t length = strlen(text);

@@ -2,24 +2,18 @@
 // and the arithmetic on whatever numbers they find. The first byte chooses.
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "agent/snmpd_watchdog.h"
 #include "detail/load.h"
 #include "detail/memdetail.h"
+#include "fuzz/require.h"
 #include "monitors/cpu.h"
 #include "monitors/filesys.h"
 #include "monitors/memory.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 void Figures(const std::string &bytes) {
   uint64_t n[8] = {};

@@ -29,7 +29,7 @@ extern "C" {
 
 int stat_mounts(const char *const *paths, size_t count, mount_stats *results) {
   for (size_t i = 0; i < count; i++) {
-    fake::Require(strnlen(paths[i], name_size) < name_size);
+    Require(strnlen(paths[i], name_size) < name_size);
     results[i] = {};
     const size_t n = figures_left < sizeof(results[i]) ? figures_left : sizeof(results[i]);
     memcpy(&results[i], figures, n);
@@ -50,7 +50,7 @@ DIR *__wrap_opendir(const char *path) {
 }
 
 int run_command(const char *command, int, char *output, size_t size, size_t *length) {
-  fake::Require(strcmp(command, vdf_command) == 0);
+  Require(strcmp(command, vdf_command) == 0);
   *length = vdf_text.size() < size ? vdf_text.size() : size - 1;
   memcpy(output, vdf_text.data(), *length);
   output[*length] = '\0';
@@ -78,12 +78,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     int rows = 0;
     while (filesys_row *row = table.next(&cursor)) {
       const filesys_block *block = block_of(row);
-      fake::Require(memchr(block->description, '\0', sizeof(block->description)) != nullptr);
+      Require(memchr(block->description, '\0', sizeof(block->description)) != nullptr);
       rows++;
     }
-    fake::Require(rows == fake::live);
+    Require(rows == fake::live);
   }
-  fake::Require(remove_filesys_rows(nullptr) == 0 && fake::live == 0);
+  Require(remove_filesys_rows(nullptr) == 0 && fake::live == 0);
   inside = false;
   return 0;
 }

@@ -1,20 +1,10 @@
 // The reader of a package query's output, and of the listing, on any text.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "software/packages.h"
-
-namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) {

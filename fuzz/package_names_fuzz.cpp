@@ -1,20 +1,10 @@
 // What a package's name and architecture become: two texts with a zero between them.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "fuzz/require.h"
 #include "software/packages.h"
-
-namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string input(reinterpret_cast<const char *>(data), size);

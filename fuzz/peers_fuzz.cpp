@@ -77,7 +77,7 @@ int init_snmp_connection(const char *) {
   return Byte(2) % 3 == 0 ? -1 : 0;
 }
 int get_one_snmp_integer_from_api(const char *oid, int32_t *value, int *) {
-  fake::Require(strlen(oid) < oid_text_size);
+  Require(strlen(oid) < oid_text_size);
   if (Byte(3) % 3 == 0) {
     return -1;
   }
@@ -124,13 +124,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   named_count = 0;
   keep_process(getpid(), command);
-  fake::Require(named_count <= 1);
+  Require(named_count <= 1);
   scan(status_peers, &named_process::status_rows, true);
   unsigned char array[STATUS_ARRAY_SIZE] = {};
   for (peer &p : status_peers) {
     read_revision(&p);
     read_condition(&p);
-    fake::Require(4 * p.index + 3 < STATUS_ARRAY_SIZE);
+    Require(4 * p.index + 3 < STATUS_ARRAY_SIZE);
   }
   inside = true;
   build_status_array(array);
@@ -141,7 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (entry != nullptr) {
     const int32_t severity = entry_severity(entry);
     const int32_t condition = condition_for(severity);
-    fake::Require(condition >= condition_normal && condition <= 4);
+    Require(condition >= condition_normal && condition <= 4);
     free(entry);
   }
   const std::vector<uint8_t> raw(object_bytes, object_bytes + object_size);

@@ -1,18 +1,12 @@
 // The collectors of the drivers' text files, all but the identify data's, on any text. The first
 // byte says which one; the rest is its file, read record by record as the firmware pass does.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "firmware/proc_drivers.h"
+#include "fuzz/require.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 template <size_t Size>
 bool Ends(const char (&field)[Size]) {

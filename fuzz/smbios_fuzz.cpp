@@ -1,19 +1,9 @@
 // The SMBIOS parser on any bytes. The input is the length of the entry point in one byte, the entry
 // point, and the table. Every byte of every record and string that it hands out is read.
-#include <cstdlib>
 #include <cstring>
 
+#include "fuzz/require.h"
 #include "hardware/kelmointrfc/smbios_tables.h"
-
-namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) {

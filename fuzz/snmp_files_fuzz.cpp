@@ -1,20 +1,10 @@
 // Texts of net-snmp's configuration and object identifiers as text: a token and a line.
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "framework/snmp/oid_text.h"
 #include "framework/snmp/snmp_files.h"
-
-namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
-
-}  // namespace
+#include "fuzz/require.h"
 
 extern "C" int agentlog_fprintf(FILE *, const char *, ...) {
   return 0;

@@ -1,10 +1,10 @@
 // vexreg: names and variables as they are given to `put`, and any object shown, dumped and watched:
 // nothing of it reaches a terminal as more than text. The input is lines; the first is a name, the
 // last one a data block when it begins with '='.
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "fuzz/require.h"
 #include "tools/vexreg/changes.h"
 #include "tools/vexreg/host_facts.h"
 #include "tools/vexreg/names.h"
@@ -19,12 +19,6 @@ std::optional<FileObject> ParseObjectFile(const std::vector<uint8_t> &file, bool
 }  // namespace vex
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) {
-    abort();
-  }
-}
 
 void RequirePlain(const std::string &text) {
   for (size_t i = 0; i < text.size(); i++) {

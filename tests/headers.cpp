@@ -1,2 +1,4 @@
 // The program whose precompiled headers the tests use needs a source.
-int main() { return 0; }
+int main() {
+  return 0;
+}

@@ -5,8 +5,10 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <string.h>
+#include <time.h>
 
 #include <exception>
+#include <iterator>
 #include <optional>
 #include <string>
 
@@ -14,6 +16,7 @@
 #include "framework/process/log.h"
 #include "framework/process/main_loop.h"
 #include "framework/registry/objects.h"
+#include "framework/snmp/notifications.h"
 #include "framework/snmp/snmp_thread.h"
 #include "framework/snmp/unsent.h"
 #include "platform/framework.h"
@@ -38,6 +41,43 @@ std::optional<UnsentFile> &Unsent() {
   return *unsent;
 }
 
+// What was notified since the master last had all of it, oldest first: what a killed agent would
+// lose. The thread's own list is shorter, and not to be had while it runs.
+std::vector<Notification> &Waiting() {
+  static auto *waiting = new std::vector<Notification>;
+  return *waiting;
+}
+size_t waiting_noted = 0;  // so many were notified since then
+size_t waiting_kept = 0;   // so many of them when the file was written
+
+// It is on its way already: for want of memory it is not remembered.
+void Remember(Notification notification) noexcept {
+  try {
+    Waiting().push_back(std::move(notification));
+    waiting_noted++;
+    if (Waiting().size() > NotificationQueue::kKeptWhileDown) {
+      Waiting().erase(Waiting().begin());
+    }
+  } catch (const std::exception &) {
+  }
+}
+
+void ForgetWaiting() {
+  Waiting().clear();
+  waiting_noted = 0;
+  waiting_kept = 0;
+}
+
+// Whether the master has everything; where it is there, it is given a moment to say so.
+bool AllTaken() {
+  constexpr int kMoments = 20;
+  constexpr timespec kMoment = {0, 1'000'000};
+  for (int i = 0; i < kMoments && SnmpUp() && !SnmpNothingWaiting() && agent_ending() == 0; i++) {
+    nanosleep(&kMoment, nullptr);
+  }
+  return SnmpNothingWaiting();
+}
+
 // Without an error everything that was kept waits in this process; else a later poll tries again.
 void TakeUnsent() noexcept {
   try {
@@ -47,7 +87,11 @@ void TakeUnsent() noexcept {
       return;
     }
     if (!kept->empty()) {
+      Waiting().reserve(Waiting().size() + kept->size());
+      std::vector<Notification> older = *kept;
       SnmpNotifyOlder(std::move(*kept));
+      Waiting().insert(Waiting().begin(), std::make_move_iterator(older.begin()),
+                       std::make_move_iterator(older.end()));
     }
     Unsent()->Taken();
   } catch (const std::exception &) {
@@ -175,6 +219,7 @@ int SendTrap(const registry_object *object, const int *slots, int slot_count,
     }
   }
   Notify(notification);
+  Remember(std::move(notification));
   return 0;
 }
 
@@ -194,8 +239,11 @@ void vex::RetryUnsent() noexcept {
   }
   if (Unsent()->Unread()) {
     TakeUnsent();
-  } else if (SnmpNothingWaiting()) {
+  } else if (waiting_noted == waiting_kept ? SnmpNothingWaiting() : AllTaken()) {
+    ForgetWaiting();
     Unsent()->AllSent();
+  } else if (waiting_noted != waiting_kept && Unsent()->KeepMeanwhile(Waiting()) == 0) {
+    waiting_kept = waiting_noted;
   }
 }
 

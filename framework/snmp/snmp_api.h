@@ -8,7 +8,8 @@ namespace vex {
 void BeginQueries();
 
 // After each poll: reads what an earlier process kept of its notifications if that has not been
-// possible yet, and removes it once the master has it.
+// possible yet, removes it once the master has it, and keeps what waits for a master that is away,
+// so that a kill loses none.
 void RetryUnsent() noexcept;
 // Ends the SNMP side, at the end of the process, and keeps what it could not send for the next one.
 // False when its thread hangs, as SnmpStop() says.

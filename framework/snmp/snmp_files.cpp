@@ -39,6 +39,8 @@ struct Read {
   std::string failed;          // a file that could not be opened, and why
   std::set<std::string> said;  // messages: the library reads each file twice
   std::vector<std::pair<std::string, std::string>> master_lines;
+  size_t receivers = 0;
+  size_t users = 0;
 };
 Read files;
 bool reading = false;
@@ -103,6 +105,20 @@ void ReadCommunity(const char *, char *line) {
 
 void ReadMasterLine(const char *token, char *line) {
   files.master_lines.emplace_back(token, line);
+}
+
+void CountReceiver(const char *, char *) {
+  files.receivers++;
+}
+
+void CountUser(const char *, char *) {
+  files.users++;
+}
+
+// group NAME MODEL USER
+void CountGroupsUser(const char *, char *line) {
+  const std::vector<std::string> words = WordsOf(line);
+  files.users += words.size() > 1 && words[1] == "usm" ? 1 : 0;
 }
 
 void ReadAgentxSocket(const char *, char *line) {
@@ -223,6 +239,16 @@ void RegisterAgentxSocket(const std::string &application) {
                           "ADDRESS");
 }
 
+void RegisterMasterSettings() {
+  for (const char *token : {"trapsink", "trap2sink", "informsink", "trapsess"}) {
+    register_config_handler("snmpd", token, CountReceiver, nullptr, "");
+  }
+  for (const char *token : {"rouser", "rwuser"}) {
+    register_config_handler("snmpd", token, CountUser, nullptr, "");
+  }
+  register_config_handler("snmpd", "group", CountGroupsUser, nullptr, "");
+}
+
 void ReportUnknownTokens(const std::string &application) {
   reported_application = application;
   // The master's alone; it may well be written here, too.
@@ -261,6 +287,8 @@ SnmpFiles ReadSnmpFiles(const std::string &application) {
   SnmpFiles read;
   read.poll_interval = files.poll_interval;
   read.master_lines = files.master_lines;
+  read.receivers = files.receivers;
+  read.users = files.users;
   read.failed = files.failed;
   const char *common = netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_COMMUNITY);
   if (!files.community.empty()) {
@@ -330,9 +358,21 @@ std::vector<std::string> WordsOf(const std::string &line) {
   }
 }
 
+// snmpd.conf(5): rocommunity COMMUNITY [SOURCE [...]], com2sec [-Cn CONTEXT] NAME SOURCE COMMUNITY,
+// com2secunix [-Cn CONTEXT] NAME SOCKPATH COMMUNITY.
+std::string SourceOfLine(const std::string &token, const std::string &line) {
+  const std::vector<std::string> words = WordsOf(line);
+  if (strcasecmp(token.c_str(), "com2secunix") == 0) {
+    return "";
+  }
+  if (strncasecmp(token.c_str(), "com2sec", 7) == 0) {
+    const size_t place = !words.empty() && words[0] == "-Cn" ? 3 : 1;
+    return place < words.size() ? words[place] : "";
+  }
+  return words.size() > 1 ? words[1] : words.empty() ? "" : "default";
+}
+
 std::string CommunityOfLine(const std::string &token, const std::string &line) {
-  // snmpd.conf(5): rocommunity COMMUNITY [...], com2sec [-Cn CONTEXT] NAME SOURCE COMMUNITY,
-  // com2secunix [-Cn CONTEXT] NAME SOCKPATH COMMUNITY.
   const std::vector<std::string> words = WordsOf(line);
   size_t place = 0;
   if (strncasecmp(token.c_str(), "com2sec", 7) == 0) {

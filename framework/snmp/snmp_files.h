@@ -17,6 +17,9 @@ struct SnmpFiles {
   CommunitySource source = CommunitySource::kNone;  // and which of them it was
   // Token and rest of the lines of snmpd.conf that give a community.
   std::vector<std::pair<std::string, std::string>> master_lines;
+  // Of snmpd.conf, after RegisterMasterSettings(): receivers of notifications, SNMPv3 users.
+  size_t receivers = 0;
+  size_t users = 0;
   // A file that is there and could not be read, this time, and why; "" when there was none.
   std::string failed;
 };
@@ -25,6 +28,9 @@ struct SnmpFiles {
 void PrepareSnmpLibrary();
 // Lets agentXSocket be read, as the agent library does where there is one. Before ReadSnmpFiles().
 void RegisterAgentxSocket(const std::string &application);
+// Lets what snmpd.conf says to stations be read: receivers and users, whose lines may hold secrets
+// and are only counted. Before ReadSnmpFiles().
+void RegisterMasterSettings();
 // Lets each unknown token of the application's own files be logged, for which the handlers of its
 // libraries must be there. The common files are for many programs, whose tokens are not known here.
 // Before ReadSnmpFiles().
@@ -44,6 +50,9 @@ std::string UnixPathOf(const std::string &target);
 std::vector<std::string> WordsOf(const std::string &line);
 // The community that a line of snmpd.conf gives for reading; empty when it gives none.
 std::string CommunityOfLine(const std::string &token, const std::string &line);
+// Whence such a line lets that community in: an address, a network or a name; "default" when from
+// anywhere; empty when it is no line of networks.
+std::string SourceOfLine(const std::string &token, const std::string &line);
 
 }  // namespace vex
 

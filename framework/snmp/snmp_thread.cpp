@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -30,14 +31,12 @@
 #include "framework/snmp/snmp_config.h"
 #include "framework/snmp/snmp_query.h"
 #include "framework/snmp/snmp_requests.h"
+#include "framework/snmp/spin_policy.h"
 #include "platform/framework.h"
 
 namespace vex {
 namespace {
 
-// A manager that walks asks again within this time, and going to sleep costs more than the answer:
-// spinning for a moment makes a walk take half as long.
-constexpr std::chrono::microseconds kSpin{75};
 constexpr std::chrono::milliseconds kLongestSpin{2};   // then the rest has its turn
 constexpr std::chrono::milliseconds kEndingSlice{50};  // of a wait that the agent's end cuts short
 constexpr std::chrono::minutes kStartPatience{1};
@@ -122,6 +121,12 @@ void Enqueue(Shared::Published *entry) {
   }
 }
 
+// That this thread may run on. Where they are more than the set has room for, the call fails.
+int Processors() {
+  cpu_set_t set;
+  return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : CPU_SETSIZE;
+}
+
 class Loop {
  public:
   explicit Loop(AgentxSession::Settings settings)
@@ -202,6 +207,7 @@ class Loop {
   }
 
   void Request(const netsnmp_pdu *pdu) {
+    spinning_.Asked(Clock::now());
     bool current = true;
     try {
       TakeImages();
@@ -210,7 +216,8 @@ class Loop {
       current = false;
     }
     requests_.Handle(&session_, pdu, Side().sets_enabled.load(), current);
-    spin_until_ = Clock::now() + kSpin;
+    const Clock::time_point now = Clock::now();
+    spin_until_ = now + spinning_.Answered(now);
   }
 
   void Lost() {
@@ -273,8 +280,14 @@ class Loop {
           return;
         }
         session_.SocketReady(true, false);
+        now = Clock::now();
+        continue;
       }
+      const Clock::time_point before = now;
       now = Clock::now();
+      if (!spinning_.Looked(before, now)) {
+        spin_until_ = now;
+      }
     }
   }
 
@@ -361,6 +374,7 @@ class Loop {
   AgentxSession session_;  // last: it calls the others
   std::vector<pollfd> fds_;
   std::vector<int> query_fds_;
+  SpinPolicy spinning_{Processors()};
   Clock::time_point spin_until_;
   Clock::time_point next_tick_;
   bool short_of_memory_ = false;  // in this pass

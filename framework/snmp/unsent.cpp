@@ -325,6 +325,25 @@ int UnsentFile::Replace(std::span<const Notification> notifications) {
   return Write(directory.get(), all);
 }
 
+int UnsentFile::KeepMeanwhile(std::span<const Notification> notifications) noexcept {
+  errno = ENOMEM;
+  if (Guarded(-1, [&] { return Replace(notifications); }) == 0) {
+    state_ = State::kTaken;
+    if (said_unkept_) {
+      said_unkept_ = false;
+      agentlog_fprintf(stderr, "%s: The traps that wait are kept at %s\n", AgentName(),
+                       path_.c_str());
+    }
+    return 0;
+  }
+  if (!said_unkept_) {
+    said_unkept_ = true;
+    agentlog_fprintf(stderr, "%s: Can't keep the traps that wait at %s: %s (trying again)\n",
+                     AgentName(), path_.c_str(), strerror(errno));
+  }
+  return -1;
+}
+
 int UnsentFile::Keep(std::span<const Notification> notifications) noexcept {
   if (notifications.empty()) {
     AllSent();

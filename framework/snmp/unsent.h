@@ -33,6 +33,10 @@ class UnsentFile {
   void Taken();
   // The master has all of it: removes the file. A failure is logged once; call again.
   void AllSent();
+  // While it runs: puts these, oldest first, in place of everything, on the disk before it returns,
+  // for the case that the process is killed. Not while Unread(). A failure is logged once; call
+  // again. 0 or -1. Throws nothing.
+  int KeepMeanwhile(std::span<const Notification> notifications) noexcept;
   // At the end: leaves these, oldest first, for the next start, on the disk before it returns:
   // after what was not read, and else in place of everything. The newest 256 stay. Nothing is
   // touched for none that follow an unread file. 0, or -1 with errno, which is logged; the file is
@@ -57,6 +61,7 @@ class UnsentFile {
   State state_ = State::kUnread;
   bool said_unread_ = false;
   bool said_stays_ = false;
+  bool said_unkept_ = false;
 };
 
 }  // namespace vex

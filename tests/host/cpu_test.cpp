@@ -38,8 +38,9 @@ std::vector<std::string> Averages(MadeUpHost *host, int row = 0) {
   std::vector<std::string> numbers;
   for (const std::string &value :
        host->GetTogether({"tlxHoCpuUtilMin" + dot, "tlxHoCpuUtilFiveMin" + dot,
-                          "tlxHoCpuUtilThirtyMin" + dot, "tlxHoCpuUtilHour" + dot}))
+                          "tlxHoCpuUtilThirtyMin" + dot, "tlxHoCpuUtilHour" + dot})) {
     numbers.push_back(value.starts_with("INTEGER: ") ? value.substr(9) : value);
+  }
   return numbers;
 }
 
@@ -110,8 +111,9 @@ TEST(Cpu, LongAveragesComeWithTheirTime) {
   host.Proc("stat", processors.After({50}));
   host.Start({"-p", "15"});
   auto turn = [&](unsigned percent) {
-    for (int i = 0; i < 4; i++)
+    for (int i = 0; i < 4; i++) {
       Poll(&host, &processors, {percent});
+    }
   };
   // The sample of start-up fed the long rings with 50; each turn's last poll here feeds them with
   // what the minute's average is then.
@@ -132,8 +134,9 @@ TEST(Cpu, LongAveragesComeWithTheirTime) {
   Poll(&host, &processors, {100});
   EXPECT_EQ(Averages(&host), (Numbers{"32", "55", "-1", "-1"}));
   host.daemon.AdvanceClock(1500);
-  for (int i = 0; i < 3; i++)
+  for (int i = 0; i < 3; i++) {
     Poll(&host, &processors, {100});
+  }
   // (50 + 70 + 90 + 10 + 100) / 5, for five minutes and for thirty
   EXPECT_EQ(Averages(&host), (Numbers{"100", "64", "64", "-1"}));
   turn(0);
@@ -152,13 +155,15 @@ TEST(Cpu, AClockThatIsSetMakesNoAverageOlder) {
   host.Proc("stat", processors.After({50}));
   host.Start({"-p", "30"});
   host.daemon.StepClock(400.0 * 86400);
-  for (int i = 0; i < 4; i++)
+  for (int i = 0; i < 4; i++) {
     Poll(&host, &processors, {50});
+  }
   EXPECT_EQ(Averages(&host), (Numbers{"50", "-1", "-1", "-1"}));
   host.daemon.StepClock(-800.0 * 86400);
   host.daemon.AdvanceClock(1800);
-  for (int i = 0; i < 2; i++)
+  for (int i = 0; i < 2; i++) {
     Poll(&host, &processors, {50});
+  }
   EXPECT_EQ(Averages(&host), (Numbers{"50", "50", "50", "-1"}));
 }
 
@@ -192,8 +197,9 @@ TEST(Cpu, APeriodAboveHalfAMinuteFeedsNoLongRing) {
   host.Proc("stat", processors.After({50}));
   host.Start({"-p", "40"});
   host.daemon.AdvanceClock(4000);
-  for (int i = 0; i < 5; i++)
+  for (int i = 0; i < 5; i++) {
     Poll(&host, &processors, {20});
+  }
   EXPECT_EQ(Averages(&host), (Numbers{"20", "-1", "-1", "-1"}));
 }
 
@@ -218,8 +224,9 @@ TEST(Cpu, APollEverySecondFillsAMinute) {
   Processors processors(2);
   host.Proc("stat", processors.After({100}));
   host.Start({"-p", "0"});
-  for (int i = 0; i < 59; i++)
+  for (int i = 0; i < 59; i++) {
     Poll(&host, &processors, {0});
+  }
   EXPECT_EQ(Averages(&host)[0], "1");  // 100 / 60
   Poll(&host, &processors, {0});
   EXPECT_EQ(Averages(&host)[0], "0");
@@ -277,8 +284,9 @@ TEST(Cpu, TwoHundredProcessors) {
   EXPECT_EQ(host.Column("tlxHoCpuUtilHwLocation").size(), 200U);
   EXPECT_EQ(host.BulkWalk("tlxHoCpuUtilMin"), host.Walk("tlxHoCpuUtilMin"));
   size_t files = 0;
-  for (const std::string &name : MadeUpHost::Objects())
+  for (const std::string &name : MadeUpHost::Objects()) {
     files += name.starts_with("host/cpu.");
+  }
   EXPECT_EQ(files, 200U);
 }
 

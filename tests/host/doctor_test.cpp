@@ -1,4 +1,5 @@
 // `vexreg doctor` on hosts where something usual is wrong.
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -363,6 +364,41 @@ TEST_F(Doctor, NoCommunity) {
   Examine();
   EXPECT_EQ(outcome_.status, 1);
   EXPECT_HAS(About("community: "), "FAIL  community: none; ");
+}
+
+TEST_F(Doctor, UsersInPlaceOfACommunity) {
+  Start();
+  host_.File("/etc/snmp/snmpd.conf", "rouser monitor priv\n");
+  Examine();
+  EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  EXPECT_HAS(About("community: "), "note  community: none; snmpd.conf lets SNMPv3 users in alone.");
+}
+
+TEST_F(Doctor, WhatKeepsStationsAway) {
+  Start();
+  Examine();
+  EXPECT_HAS(About("stations: "), "note  stations: snmpd listens on loopback alone");
+  EXPECT_HAS(About("notifications: "), "note  notifications: snmpd.conf has no receiver");
+  EXPECT_HAS(About("default community: "), "lines about it: 0");
+
+  // From a folder of drop-ins, as Debian has it.
+  host_.File("/etc/snmp/snmpd.conf",
+             "rocommunity public 127.0.0.1\nincludeDir /etc/snmp/snmpd.conf.d\n");
+  host_.File("/etc/snmp/snmpd.conf.d/traps.conf",
+             "trap2sink 192.0.2.1 other\ninformsink 192.0.2.2\nrocommunity private 192.0.2.0/24\n");
+  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in any = {};
+  any.sin_family = AF_INET;
+  any.sin_port = htons(161);
+  ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr *>(&any), sizeof(any)), 0);
+  ASSERT_EQ(listen(other, 1), 0);
+  Examine();
+  close(other);
+  EXPECT_EQ(About("stations: "), "ok    stations: snmpd can be asked from other machines.");
+  EXPECT_EQ(About("notifications: "), "ok    notifications: snmpd.conf has 2 receivers.");
+  EXPECT_HAS(About("default community: "),
+             "note  default community: snmpd.conf lets \"private\" in from other machines "
+             "(192.0.2.0/24)");
 }
 
 TEST_F(Doctor, NoAgent) {

@@ -29,9 +29,11 @@ class ServiceManager {
   // Times that the state was told so far.
   size_t Count(const std::string &state) {
     char message[4096];
-    for (ssize_t got; (got = recv(fd_, message, sizeof(message), 0)) >= 0;)
-      for (const std::string &line : Lines(std::string(message, static_cast<size_t>(got))))
+    for (ssize_t got; (got = recv(fd_, message, sizeof(message), 0)) >= 0;) {
+      for (const std::string &line : Lines(std::string(message, static_cast<size_t>(got)))) {
         told_.push_back(line);
+      }
+    }
     return static_cast<size_t>(std::count(told_.begin(), told_.end(), state));
   }
 
@@ -43,9 +45,11 @@ class ServiceManager {
 // What a log file has of the memory group.
 std::string Told(const std::string &path) {
   std::string text;
-  for (const std::string &line : Lines(ReadFile(path)))
-    if (line.find("do_memory: ") != std::string::npos)
+  for (const std::string &line : Lines(ReadFile(path))) {
+    if (line.find("do_memory: ") != std::string::npos) {
       text += line + "\n";
+    }
+  }
   return text;
 }
 
@@ -164,8 +168,9 @@ TEST(Lifecycle, NoPollBeginsDuringAnother) {
   host.BlockProc("meminfo");
   host.daemon.BeginPoll();
   ASSERT_TRUE(host.WaitBlocked());
-  for (int i = 0; i < 5; i++)
+  for (int i = 0; i < 5; i++) {
     host.daemon.BeginPoll();
+  }
   host.UnblockProc("MemTotal: 4096 kB\n");
   ASSERT_TRUE(Eventually([&] { return host.daemon.Polls() >= 1; }));
   Pause(0.2);
@@ -228,8 +233,9 @@ TEST(Lifecycle, HoldsNoMoreFilesWithTime) {
   host.Start();
   ASSERT_TRUE(host.daemon.Poll());
   const auto before = SettledFiles(host.daemon.pid());
-  for (int i = 0; i < 20; i++)
+  for (int i = 0; i < 20; i++) {
     ASSERT_TRUE(host.daemon.Poll());
+  }
   EXPECT_EQ(SettledFiles(host.daemon.pid()), before);
   EXPECT_EQ(Children(host.daemon.pid()), std::vector<pid_t>{});
 }
@@ -259,21 +265,25 @@ TEST(Children, InheritNothing) {
   std::string log = host.daemon.Log();
   for (int number = 3; number < 64; number++) {
     std::string target;
-    for (const std::string &line : host.daemon.LogLines())
+    for (const std::string &line : host.daemon.LogLines()) {
       if (line.find("descriptor " + std::to_string(number) + " is ") != std::string::npos &&
-          line.find("/proc/") == std::string::npos)
+          line.find("/proc/") == std::string::npos) {
         target = line;
+      }
+    }
     EXPECT_EQ(target, "");
   }
-  for (int number = 0; number < 3; number++)
+  for (int number = 0; number < 3; number++) {
     EXPECT_EQ(host.daemon.Count("descriptor " + std::to_string(number) + " is "), 2U) << log;
+  }
   auto ignored = host.daemon.LinesWith("SigIgn:\t");
   EXPECT_EQ(host.daemon.Count("SigBlk:\t0000000000000000"), 2U) << log;
   EXPECT_EQ(ignored.size(), 2U) << log;
   // But for the two signals that the C library keeps to itself: it ignores them in who it spawns.
   constexpr uint64_t kLibrarysOwn = uint64_t{3} << 31;
-  for (const std::string &line : ignored)
+  for (const std::string &line : ignored) {
     EXPECT_EQ(std::stoull(line.substr(line.find('\t')), nullptr, 16) & ~kLibrarysOwn, 0U) << line;
+  }
 }
 
 TEST(Children, CommandOutput) {

@@ -44,8 +44,9 @@ TEST(Master, IsStoppedAndStartedLater) {
   MadeUpHost host;
   host.Start();
   host.snmpd.Stop();
-  for (int i = 0; i < 3; i++)
+  for (int i = 0; i < 3; i++) {
     ASSERT_TRUE(host.daemon.Poll());
+  }
   host.Proc("meminfo", "MemTotal: 4096 kB\n");
   ASSERT_TRUE(host.daemon.Poll());
   Pause(2);
@@ -127,8 +128,9 @@ TEST(Master, SurvivesAStoppedAgentWithFiftyRequestsWaiting) {
   }
   Pause(2);
   host.daemon.Signal(SIGCONT);
-  for (auto &reader : readers)
+  for (auto &reader : readers) {
     ASSERT_TRUE(reader->Wait());
+  }
   ASSERT_TRUE(host.daemon.WaitServed(20));
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
   ASSERT_TRUE(host.daemon.Poll());

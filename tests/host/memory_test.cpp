@@ -15,8 +15,9 @@ std::vector<std::string> Memory(MadeUpHost *host) {
 
 std::vector<std::string> Integers(const std::vector<std::string> &numbers) {
   std::vector<std::string> values;
-  for (const std::string &number : numbers)
+  for (const std::string &number : numbers) {
     values.push_back("INTEGER: " + number);
+  }
   return values;
 }
 
@@ -78,10 +79,11 @@ TEST(Memory, ComplainsSixTimesAKey) {
             "SwapTotal: 4294967295 kB\nSwapFree: 4294967296 kB\n");
   for (int poll = 1; poll <= 7; poll++) {
     ASSERT_TRUE(host.daemon.Poll());
-    for (const char *key : {"MemTotal", "MemFree", "SwapTotal", "SwapFree"})
+    for (const char *key : {"MemTotal", "MemFree", "SwapTotal", "SwapFree"}) {
       EXPECT_EQ(
           host.daemon.Count(std::string("do_memory: ") + key + " too large for unsigned long"),
           static_cast<size_t>(std::min(poll, 6)));
+    }
   }
   EXPECT_EQ(host.daemon.LinesWith("do_memory").size(), 24U);
   EXPECT_EQ(Memory(&host), Integers({"2000", "1000", "1000", "500"}));

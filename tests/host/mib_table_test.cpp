@@ -27,8 +27,9 @@ struct PublishedVariable {
 std::map<std::vector<uint32_t>, PublishedVariable> PublishedByOid() {
   std::map<std::vector<uint32_t>, PublishedVariable> all;
   for (const std::string &name : MadeUpHost::Objects()) {
-    if (!name.starts_with("host/"))
+    if (!name.starts_with("host/")) {
       continue;
+    }
     auto object = MadeUpHost::Object(name);
     if (!object) {
       ADD_FAILURE() << name << " cannot be read";
@@ -58,8 +59,9 @@ std::map<std::vector<uint32_t>, PublishedVariable> PublishedByOid() {
 
 std::string Dotted(const std::vector<uint32_t> &oid) {
   std::string text;
-  for (uint32_t number : oid)
+  for (uint32_t number : oid) {
     text += "." + std::to_string(number);
+  }
   return text;
 }
 
@@ -67,10 +69,12 @@ std::string Dotted(const std::vector<uint32_t> &oid) {
 void CheckServedTree(MadeUpHost &host) {
   auto published = PublishedByOid();
   std::vector<std::string> expected, served;
-  for (const auto &[oid, variable] : published)
+  for (const auto &[oid, variable] : published) {
     expected.push_back(Dotted(oid));
-  for (const std::string &line : host.Walk())
+  }
+  for (const std::string &line : host.Walk()) {
     served.push_back(line.substr(0, line.find(" = ")));
+  }
   EXPECT_EQ(served, expected);
 
   for (const auto &[oid, variable] : published) {
@@ -126,8 +130,9 @@ void CheckServedTree(MadeUpHost &host) {
 // How many of the published variables are of that name.
 size_t Instances(const std::string &name) {
   size_t count = 0;
-  for (const auto &[oid, variable] : PublishedByOid())
+  for (const auto &[oid, variable] : PublishedByOid()) {
     count += variable.described.name == name;
+  }
   return count;
 }
 
@@ -156,8 +161,9 @@ TEST(MibTable, IsWhatSnmpdServesOnAnAppliance) {
   // Between them the groups have used every variable of the modules.
   std::vector<std::string> unused;
   for (const vex::MibVariable &variable : vex::MibVariables()) {
-    if (variable.access != vex::MibAccess::kNotify && Instances(variable.name) == 0)
+    if (variable.access != vex::MibAccess::kNotify && Instances(variable.name) == 0) {
       unused.push_back(variable.name);
+    }
   }
   EXPECT_EQ(unused, std::vector<std::string>{});
 }
@@ -170,20 +176,24 @@ TEST(MibTable, RowNumbersAndUnusedNumbersAreNotServed) {
   ASSERT_EQ(answer->tag, kIntegerTag);
   std::vector<std::string> nowhere;
   for (const vex::MibVariable &variable : vex::MibVariables()) {
-    if (variable.access == vex::MibAccess::kNotify)
+    if (variable.access == vex::MibAccess::kNotify) {
       continue;
+    }
     std::string oid = Dotted({variable.oid, variable.oid + variable.oid_length}).substr(1);
     std::string parent = oid.substr(0, oid.rfind('.'));
     // The object itself, an instance too deep, and for a table's columns the row number's column
     // and a row that there is not.
     nowhere.insert(nowhere.end(), {oid, oid + ".0.0"});
-    if (variable.column)
+    if (variable.column) {
       nowhere.insert(nowhere.end(), {parent + ".1.0", oid + ".1000000"});
-    else
+    } else {
       nowhere.push_back(oid + ".1");
+    }
   }
-  for (const char *text : {"11", "11.0", "11.1", "11.1.99.0", "11.2.3.1", "11.3.1.1", "21.3.2.1.0"})
+  for (const char *text :
+       {"11", "11.0", "11.1", "11.1.99.0", "11.2.3.1", "11.3.1.1", "21.3.2.1.0"}) {
     nowhere.push_back(std::string("1.3.6.1.4.1.4891.") + text);
+  }
   // A component that no module will ever have, since sub-identifiers of a signed number end there.
   nowhere.push_back("1.3.6.1.4.1.4891.11.2.2147483647.1.0");
   for (const std::string &oid : nowhere) {
@@ -227,8 +237,9 @@ TEST(MibTable, NamesComeBackFromTheToolsOfAStockMachine) {
 
   auto walked = run("snmpwalk", {"127.0.0.1", "quorixHost"});
   EXPECT_EQ(walked.size(), host.Walk(".1.3.6.1.4.1.4891.11").size());
-  for (const std::string &line : walked)
+  for (const std::string &line : walked) {
     EXPECT_TRUE(line.starts_with("QUORIX-HOST-MIB::tlxHo") ||
                 line.starts_with("QUORIX-HOST-DETAIL-MIB::tlxHo"))
         << line;
+  }
 }

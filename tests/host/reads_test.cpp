@@ -132,8 +132,9 @@ TEST(Reads, WhileRowsComeAndGo) {
   std::string orders;
   for (int round = 0; round < 40; round++) {
     orders += "rows 100 50\nwait 0.02\n";
-    for (int row = 100; row < 150; row++)
+    for (int row = 100; row < 150; row++) {
       orders += "delete " + std::to_string(row) + "\n";
+    }
     orders += "wait 0.02\n";
   }
   host.SetOrders(orders);
@@ -141,12 +142,14 @@ TEST(Reads, WhileRowsComeAndGo) {
   int walks = 0;
   while (host.daemon.Polls() < 2) {
     std::vector<int> rows;
-    for (const std::string &value : host.Column("tlxHoSwVerIndex"))
+    for (const std::string &value : host.Column("tlxHoSwVerIndex")) {
       rows.push_back(std::stoi(value));
+    }
     ASSERT_TRUE(std::is_sorted(rows.begin(), rows.end()));
     ASSERT_EQ(std::adjacent_find(rows.begin(), rows.end()), rows.end());
-    for (int row : {0, 1, 2, 1000, 1001, 1002})
+    for (int row : {0, 1, 2, 1000, 1001, 1002}) {
       ASSERT_TRUE(std::binary_search(rows.begin(), rows.end(), row)) << row;
+    }
     walks++;
   }
   EXPECT_GE(walks, 3);

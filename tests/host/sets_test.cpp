@@ -170,8 +170,9 @@ TEST(Sets, FromManyManagersAtOnce) {
     managers.back()->Start({"snmpset", "-v2c", "-cprivate", "-On", "-t10", "-r0", "127.0.0.1",
                             MadeUpHost::Oid(kNumber), "i", std::to_string(i)});
   }
-  for (auto &manager : managers)
+  for (auto &manager : managers) {
     EXPECT_EQ(manager->Wait(30), 0);
+  }
   EXPECT_EQ(host.daemon.Count("number check"), 20U);
   EXPECT_EQ(host.daemon.Count("number apply"), 20U);
   std::string last = host.daemon.LogLines().back();

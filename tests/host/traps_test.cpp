@@ -11,8 +11,9 @@ namespace {
 
 std::string DescriptionOid() {
   std::string oid;
-  for (uint32_t id : vex::MibTrapDescription().Oid())
+  for (uint32_t id : vex::MibTrapDescription().Oid()) {
     oid += "." + std::to_string(id);
+  }
   return oid + ".0";
 }
 
@@ -58,8 +59,9 @@ TEST(Traps, RaisedWhileTheMasterIsDownArriveOnce) {
   host.snmpd.Start();
   auto traps = host.traps.WaitFor(3);
   ASSERT_EQ(traps.size(), 3U);
-  for (int i = 0; i < 3; i++)
+  for (int i = 0; i < 3; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
   ASSERT_TRUE(host.Order("trap 1\n"));
   EXPECT_EQ(host.traps.WaitFor(5, 1).size(), 4U);
 }
@@ -75,8 +77,9 @@ TEST(Traps, RaisedWhileTheMasterIsDownOutliveTheAgent) {
   host.snmpd.Start();
   auto traps = host.traps.WaitFor(3);
   ASSERT_EQ(traps.size(), 3U);
-  for (int i = 0; i < 3; i++)
+  for (int i = 0; i < 3; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
   // Once.
   host.daemon.Stop();
   host.StartTestAgent();
@@ -97,8 +100,9 @@ TEST(Traps, OutliveAnAgentThatIsKilledBeforeItCouldSendThem) {
   host.snmpd.Start();
   const auto traps = host.traps.WaitFor(2);
   ASSERT_EQ(traps.size(), 2U);
-  for (int i = 0; i < 2; i++)
+  for (int i = 0; i < 2; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
   host.SetOrders("");
   // Once the master has them the file goes, and another killed agent sends none again.
   EXPECT_TRUE(Eventually([&] {
@@ -109,6 +113,47 @@ TEST(Traps, OutliveAnAgentThatIsKilledBeforeItCouldSendThem) {
   host.StartTestAgent();
   ASSERT_TRUE(host.Order("trap 1\n"));
   EXPECT_EQ(host.traps.WaitFor(4, 1).size(), 3U);
+}
+
+TEST(Traps, OutliveAnAgentThatIsKilledWhileTheMasterIsAway) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  host.snmpd.Kill();
+  ASSERT_TRUE(host.Order("trap 3\n"));
+  ASSERT_TRUE(Eventually([] { return std::filesystem::exists(kKept); }));
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.SetOrders("");
+  host.StartTestAgent({"plain"}, false);
+  // More that wait do not replace them.
+  ASSERT_TRUE(host.Order("trap 2\n"));
+  host.SetOrders("");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  host.StartTestAgent({"plain"}, false);
+  host.snmpd.Start();
+  const auto traps = host.traps.WaitFor(5);
+  ASSERT_EQ(traps.size(), 5U);
+  for (int i = 0; i < 5; i++) {
+    EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i < 3 ? i + 1 : i - 2, "first"));
+  }
+  EXPECT_TRUE(Eventually([&] {
+    host.daemon.Poll();
+    return !std::filesystem::exists(kKept);
+  }));
+}
+
+TEST(Traps, AreNotKeptWhereTheMasterTakesThem) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  ASSERT_TRUE(host.Order("trap 3\n"));
+  EXPECT_EQ(host.traps.WaitFor(3).size(), 3U);
+  host.SetOrders("");
+  EXPECT_TRUE(Eventually([&] {
+    host.daemon.Poll();
+    return !std::filesystem::exists(kKept);
+  }));
 }
 
 TEST(Traps, ThatCannotBeReadAtTheStartAreReadByALaterPoll) {
@@ -140,8 +185,9 @@ TEST(Traps, ThatCannotBeReadAtTheStartAreReadByALaterPoll) {
   ASSERT_TRUE(host.daemon.Poll());
   const auto traps = host.traps.WaitFor(2);
   ASSERT_EQ(traps.size(), 2U);
-  for (int i = 0; i < 2; i++)
+  for (int i = 0; i < 2; i++) {
     EXPECT_EQ(traps[static_cast<size_t>(i)].variables, Variables(i + 1, "first"));
+  }
 }
 
 TEST(Traps, RaisedBeforeTheFirstMaster) {
@@ -175,8 +221,9 @@ TEST(Traps, AThousandInOneGo) {
   ASSERT_TRUE(host.Order("trap 1000\n"));
   auto traps = host.traps.WaitFor(1000);
   ASSERT_EQ(traps.size(), 1000U);
-  for (size_t i = 0; i < traps.size(); i++)
+  for (size_t i = 0; i < traps.size(); i++) {
     ASSERT_EQ(traps[i].variables, Variables(static_cast<int>(i) + 1, "first"));
+  }
   EXPECT_EQ(host.Get("tlxHoName"), "STRING: \"first\"");
   EXPECT_EQ(host.Set("tlxHoSystemRoleDetail", 's', "set"), "noError");
 }

@@ -49,6 +49,29 @@ class Names(unittest.TestCase):
         self.resolve("QUORIX-APPLIANCE-MIB::tlxApApplianceDescription.0", ".21.2.2.2.0")
         self.resolve("QUORIX-HOST-DETAIL-MIB::tlxHoMountState.7", ".11.2.200.2.1.1.6.7")
 
+    def test_what_every_notification_carries_resolves(self):
+        for name, oid in (("sysUpTime", ".1.3.6.1.2.1.1.3.0"),
+                          ("snmpTrapOID", ".1.3.6.1.6.3.1.1.4.1.0")):
+            run = translate(oid)
+            self.assertEqual((run.stderr, run.stdout.strip()), ("", f"SNMPv2-MIB::{name}.0"))
+
+    def test_the_documented_line_says_nothing_of_other_modules(self):
+        with open(os.path.join(MIBS, "..", "docs", "mib.md"), encoding="utf-8") as file:
+            [line] = re.findall(r"^    mibs (\S+)$", file.read(), re.M)
+        self.assertEqual(set(line.split(":")), {"SNMPv2-MIB", *MODULES} - {"QUORIX-MIB"})
+        with tempfile.TemporaryDirectory() as others:
+            # As net-snmp's own, whose base modules Debian leaves out.
+            with open(os.path.join(others, "OTHER-MIB.txt"), "w", encoding="ascii") as file:
+                file.write("OTHER-MIB DEFINITIONS ::= BEGIN\nIMPORTS ifIndex FROM IF-MIB;\n"
+                           "other OBJECT IDENTIFIER ::= { ifIndex 1 }\nEND\n")
+            directories = f"{others}:{MIBS}:{BASE}"
+            self.assertNotEqual(translate("sysUpTime", "-IR", modules="ALL",
+                                          directories=directories).stderr, "")
+            run = translate("-IR", "-On", "sysUpTime", "tlxHoLoadOne", "tlxApApplianceId",
+                            modules=line, directories=directories)
+            self.assertEqual((run.stderr, run.stdout.split()), (
+                "", [".1.3.6.1.2.1.1.3", SUITE + ".11.2.200.5.1", SUITE + ".21.2.2.1"]))
+
     def test_plain_names_resolve(self):
         run = translate("-IR", "-On", "tlxHoFwVerTable", "tlxApMibCondition")
         self.assertEqual((run.stderr, run.stdout.split()), ("", [SUITE + ".11.2.7.1",
@@ -91,13 +114,13 @@ class Names(unittest.TestCase):
                 with open(os.path.join(BASE, file), encoding="ascii") as stand_in:
                     text = stand_in.read()
                 with open(os.path.join(real, file), "w", encoding="ascii") as out:
-                    out.write(text.replace("-- The path from the root",
-                                           "mgmt OBJECT IDENTIFIER ::= { internet 2 }\n"
-                                           "-- The path from the root"))
-            run = translate("-On", "SNMPv2-SMI::mgmt", "QUORIX-HOST-MIB::quorixHost",
+                    out.write(text.replace("-- The paths from the root",
+                                           "experimental OBJECT IDENTIFIER ::= { internet 3 }\n"
+                                           "-- The paths from the root"))
+            run = translate("-On", "SNMPv2-SMI::experimental", "QUORIX-HOST-MIB::quorixHost",
                             directories=f"{BASE}:{real}:{MIBS}")
             self.assertEqual((run.stderr, run.stdout.split()),
-                             ("", [".1.3.6.1.2", SUITE + ".11"]))
+                             ("", [".1.3.6.1.3", SUITE + ".11"]))
 
 
 class Generator(unittest.TestCase):

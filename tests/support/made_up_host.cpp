@@ -113,8 +113,9 @@ void WriteWhole(const std::string &path, std::string_view text, int mode) {
     at += done ? static_cast<size_t>(put) : 0;
   }
   EXPECT_TRUE(done) << path << ": " << strerror(errno);
-  if (fd >= 0)
+  if (fd >= 0) {
     close(fd);
+  }
 }
 
 // What a walk printed of the OIDs below root, and its errors.
@@ -128,21 +129,24 @@ std::vector<std::string> Walked(const std::string &tool, const std::vector<std::
     inside = begins ? line.starts_with(root + ".") &&
                           line.find(" = No more variables left") == std::string::npos
                     : inside;
-    if (inside && begins)
+    if (inside && begins) {
       lines.push_back(Trimmed(line));
-    else if (inside)
+    } else if (inside) {
       lines.back() += "\n" + line;  // a string with a line's end in it
+    }
   }
-  if (outcome.status != 0)
+  if (outcome.status != 0) {
     lines.push_back(Trimmed(outcome.err));
+  }
   return lines;
 }
 
 }  // namespace
 
 double Percentile(std::vector<double> values, double percent) {
-  if (values.empty())
+  if (values.empty()) {
     return 0;
+  }
   std::sort(values.begin(), values.end());
   auto at = static_cast<size_t>(percent / 100 * static_cast<double>(values.size()));
   return values[std::min(at, values.size() - 1)];
@@ -156,8 +160,9 @@ std::vector<std::string> DaemonLauncher() {
   const char *words = getenv("VEXHOSTD_LAUNCHER");
   std::vector<std::string> launcher;
   std::istringstream stream(words != nullptr ? words : "");
-  for (std::string word; stream >> word;)
+  for (std::string word; stream >> word;) {
     launcher.push_back(word);
+  }
   return launcher;
 }
 
@@ -180,8 +185,9 @@ void Snmpd::Start(const SnmpdOptions &options) {
           options.extra);
   std::vector<std::string> command = {
       "snmpd", "-f", "-Lf", kSnmpdLog, "-C", "-c", "/etc/snmp/snmpd.conf"};
-  if (!options.all_modules)
+  if (!options.all_modules) {
     command.emplace_back(kFewModules);
+  }
   command.emplace_back("udp:127.0.0.1:161");
   ProcessOptions process;
   process.environment = {{"SNMP_PERSISTENT_DIR", kOwn + "/snmpd"}};
@@ -244,12 +250,14 @@ std::vector<Trap> TrapReceiver::Received() const {
       from = end + 1;
     }
     const std::string head = ".1.3.6.1.6.3.1.1.4.1.0 = OID: ";
-    if (fields.size() < 2 || !fields[1].starts_with(head))
+    if (fields.size() < 2 || !fields[1].starts_with(head)) {
       continue;
+    }
     trap.oid = fields[1].substr(head.size());
     trap.variables.assign(fields.begin() + 2, fields.end());
-    if (trap.oid.starts_with(kEnterprise))
+    if (trap.oid.starts_with(kEnterprise)) {
       traps.push_back(trap);
+    }
   }
   return traps;
 }
@@ -269,8 +277,9 @@ void Daemon::Start(const DaemonOptions &options) {
   process.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:exitcode=99");
   process.environment.emplace_back("UBSAN_OPTIONS", "print_stacktrace=1:exitcode=99");
   process.environment.emplace_back("TSAN_OPTIONS", "exitcode=99");
-  if (page_ != nullptr)
+  if (page_ != nullptr) {
     munmap(page_, sizeof(*page_));
+  }
   page_ = nullptr;
   held_ = options.probe && !options.polls_by_itself;
   if (options.probe) {
@@ -305,18 +314,20 @@ void Daemon::Start(const DaemonOptions &options) {
                                                              {kProbeVariable, kProbeFile}};
     for (const auto &[name, value] : variables) {
       // The launcher does not get the library.
-      if (launched)
+      if (launched) {
         command.push_back(name + "=" + value);
-      else
+      } else {
         process.environment.emplace_back(name, value);
+      }
     }
   }
   command.push_back(options.program.empty() ? DaemonPath() : options.program);
   command.insert(command.end(), options.arguments.begin(), options.arguments.end());
   ended_ = false;
   process_.Start(command, process);
-  if (!options.wait)
+  if (!options.wait) {
     return;
+  }
   if (options.probe) {
     ASSERT_TRUE(WaitStarted(30)) << "start-up does not end:\n" << Log();
   }
@@ -327,8 +338,9 @@ void Daemon::Start(const DaemonOptions &options) {
 }
 
 bool Daemon::WaitStarted(double seconds) {
-  if (page_ == nullptr)
+  if (page_ == nullptr) {
     return WaitServed(seconds);
+  }
   Eventually([&] { return page_->alarms > 0 || !Running(); }, seconds);
   return page_->alarms > 0;
 }
@@ -376,8 +388,9 @@ std::optional<int> Daemon::WaitEnd(double seconds) {
 
 void Daemon::CheckLog() {
   std::string log = Log();
-  for (const char *sign : {"Sanitizer", "runtime error: "})
+  for (const char *sign : {"Sanitizer", "runtime error: "}) {
     EXPECT_EQ(log.find(sign), std::string::npos) << "a sanitizer's report:\n" << log;
+  }
 }
 
 std::string Daemon::Log() const {
@@ -458,17 +471,22 @@ void Daemon::RefuseSegments(bool refuse) {
 // ---- the host ------------------------------------------------------------------------------
 
 MadeUpHost::MadeUpHost() {
-  for (const char *name : {"", "/bin", "/files", "/tools"})
+  for (const char *name : {"", "/bin", "/files", "/tools"}) {
     fs::create_directories(kOwn + name);
+  }
   for (const char *path : {"/etc/snmp", "/var/lib/snmp", "/var/agentx", "/etc/quorix",
-                           "/var/spool/quorix", "/var/lib/quorix", "/root/.snmp"})
+                           "/var/spool/quorix", "/var/lib/quorix", "/root/.snmp"}) {
     Remove(path);
-  for (const char *path : {"/etc/snmp", "/var/lib/snmp", "/var/agentx"})
+  }
+  for (const char *path : {"/etc/snmp", "/var/lib/snmp", "/var/agentx"}) {
     Directory(path);
-  for (const char *name : {"rpm", "vmkfstools", "vdf"})
+  }
+  for (const char *name : {"rpm", "vmkfstools", "vdf"}) {
     for (const char *directory :
-         {"/usr/local/bin/", "/usr/local/sbin/", "/usr/bin/", "/usr/sbin/", "/bin/", "/sbin/"})
+         {"/usr/local/bin/", "/usr/local/sbin/", "/usr/bin/", "/usr/sbin/", "/bin/", "/sbin/"}) {
       Remove(std::string(directory) + name);
+    }
+  }
   File("/etc/os-release", kOsRelease);
   File("/etc/mtab", "/dev/sda1 / ext4 rw,relatime 0 0\n");
   Proc("stat", kStat);
@@ -479,10 +497,12 @@ MadeUpHost::MadeUpHost() {
 }
 
 MadeUpHost::~MadeUpHost() {
-  if (!blocked_name_.empty())
+  if (!blocked_name_.empty()) {
     UnblockProc("");
-  if (snmpd.Running())
+  }
+  if (snmpd.Running()) {
     snmpd.Thaw();
+  }
   if (daemon.Running()) {
     daemon.Signal(SIGCONT);
     int status = daemon.Stop();
@@ -490,9 +510,10 @@ MadeUpHost::~MadeUpHost() {
   } else if (daemon.pid() > 0) {
     daemon.WaitEnd();
   }
-  if (testing::Test::HasFailure())
+  if (testing::Test::HasFailure()) {
     printf("---- vexhostd's log\n%s---- snmpd's log\n%s----\n", daemon.Log().c_str(),
            snmpd.Log().c_str());
+  }
 }
 
 void MadeUpHost::Start(const std::vector<std::string> &arguments) {
@@ -501,8 +522,9 @@ void MadeUpHost::Start(const std::vector<std::string> &arguments) {
 }
 
 void MadeUpHost::StartTestAgent(const std::vector<std::string> &arguments, bool with_snmpd) {
-  if (with_snmpd && !snmpd.Running())
+  if (with_snmpd && !snmpd.Running()) {
     snmpd.Start();
+  }
   DaemonOptions options;
   options.program = TestAgentPath();
   options.arguments = arguments;
@@ -570,10 +592,11 @@ void MadeUpHost::Bind(const std::string &file, const std::string &over) {
 }
 
 void MadeUpHost::Proc(const std::string &name, std::string_view text) {
-  if (composed_)
+  if (composed_) {
     File("/proc/" + name, text, 0444);
-  else
+  } else {
     Bind(BoundFile(name, text), "/proc/" + name);  // over what was bound there before: at once
+  }
 }
 
 void MadeUpHost::BlockProc(const std::string &name) {
@@ -581,17 +604,19 @@ void MadeUpHost::BlockProc(const std::string &name) {
   blocked_name_ = name;
   blocked_fifo_ = kOwn + "/files/" + std::to_string(files_++) + "-fifo";
   ASSERT_EQ(mkfifo(blocked_fifo_.c_str(), 0644), 0);
-  if (composed_)
+  if (composed_) {
     Link("/proc/" + name, blocked_fifo_);
-  else
+  } else {
     Bind(blocked_fifo_, "/proc/" + name);
+  }
 }
 
 bool MadeUpHost::WaitBlocked(double seconds) {
   return Eventually(
       [&] {
-        if (blocked_fd_ < 0)
+        if (blocked_fd_ < 0) {
           blocked_fd_ = open(blocked_fifo_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        }
         return blocked_fd_ >= 0;
       },
       seconds);
@@ -615,25 +640,31 @@ void MadeUpHost::ComposeProc() {
   Directory(kRealProc);
   ASSERT_EQ(mount("proc", kRealProc.c_str(), "proc", 0, nullptr), 0) << strerror(errno);
   std::vector<std::pair<std::string, std::string>> covered;
-  for (const char *name : {"stat", "meminfo", "cpuinfo", "loadavg", "uptime"})
+  for (const char *name : {"stat", "meminfo", "cpuinfo", "loadavg", "uptime"}) {
     covered.emplace_back(name, ReadFile(std::string("/proc/") + name));
+  }
   ASSERT_EQ(mount("made-up", "/proc", "tmpfs", 0, "mode=755"), 0) << strerror(errno);
   composed_ = true;
   auto link = [](const std::string &name) {
     EXPECT_EQ(symlink((kRealProc + "/" + name).c_str(), ("/proc/" + name).c_str()), 0) << name;
   };
-  for (const std::string &name : ListDirectory(kRealProc))
+  for (const std::string &name : ListDirectory(kRealProc)) {
     if (name.find_first_not_of("0123456789") != std::string::npos && name != "net" &&
-        name != "driver" && name != "scsi" && name != "ide")
+        name != "driver" && name != "scsi" && name != "ide") {
       link(name);
+    }
+  }
   // Processes to come have their place already; who is not there reads as a missing file.
-  for (int pid = 1; pid < 3000; pid++)
+  for (int pid = 1; pid < 3000; pid++) {
     link(std::to_string(pid));
+  }
   Directory("/proc/net");
-  for (const std::string &name : ListDirectory(kRealProc + "/self/net"))
+  for (const std::string &name : ListDirectory(kRealProc + "/self/net")) {
     EXPECT_EQ(symlink((kRealProc + "/self/net/" + name).c_str(), ("/proc/net/" + name).c_str()), 0);
-  for (const auto &[name, text] : covered)
+  }
+  for (const auto &[name, text] : covered) {
     File("/proc/" + name, text, 0444);
+  }
 }
 
 void MadeUpHost::Hostname(const std::string &name) {
@@ -646,8 +677,9 @@ void MadeUpHost::Interface(const std::string &name, const std::string &address) 
   for (const char *kind : {"dummy", "bridge", "veth", "ifb"}) {
     Outcome outcome =
         RunCommand({"ip", "link", "add", "name", name, "address", address, "type", kind});
-    if (outcome.status == 0)
+    if (outcome.status == 0) {
       return;
+    }
     errors += outcome.err;
   }
   ADD_FAILURE() << "no interface " << name << ":\n" << errors;
@@ -666,8 +698,9 @@ pid_t MadeUpHost::Peer(const std::vector<std::string> &words) {
   peer->Start(command, options);
   pid_t pid = peer->pid();
   std::string line;
-  for (const std::string &word : words)
+  for (const std::string &word : words) {
     line += word + '\0';
+  }
   EXPECT_TRUE(
       Eventually([&] { return ReadFile("/proc/" + std::to_string(pid) + "/cmdline") == line; }));
   peers_.push_back(std::move(peer));
@@ -686,8 +719,9 @@ void MadeUpHost::EndPeer(pid_t pid) {
 // ---- the manager ---------------------------------------------------------------------------
 
 std::string MadeUpHost::Oid(const std::string &name) {
-  if (name.empty() || name[0] == '.')
+  if (name.empty() || name[0] == '.') {
     return name;
+  }
   size_t dot = name.find('.');
   const vex::MibVariable *variable = vex::FindMibVariable(name.substr(0, dot));
   if (variable == nullptr) {
@@ -695,10 +729,12 @@ std::string MadeUpHost::Oid(const std::string &name) {
     return ".0";
   }
   std::string oid;
-  for (uint32_t id : variable->Oid())
+  for (uint32_t id : variable->Oid()) {
     oid += "." + std::to_string(id);
-  if (dot != std::string::npos)
+  }
+  if (dot != std::string::npos) {
     return oid + name.substr(dot);
+  }
   return variable->column ? oid : oid + ".0";
 }
 
@@ -708,14 +744,17 @@ std::string MadeUpHost::Get(const std::string &name) {
 
 std::vector<std::string> MadeUpHost::GetTogether(const std::vector<std::string> &names) {
   std::vector<std::string> oids;
-  for (const std::string &name : names)
+  for (const std::string &name : names) {
     oids.push_back(Oid(name));
+  }
   Outcome outcome = Tool("snmpget", "public", {"-Ov"}, oids);
   std::vector<std::string> values;
-  for (const std::string &line : Lines(outcome.out))
+  for (const std::string &line : Lines(outcome.out)) {
     values.push_back(Trimmed(line));
-  if (outcome.status != 0 || values.empty())
+  }
+  if (outcome.status != 0 || values.empty()) {
     return {Trimmed(outcome.err)};
+  }
   return values;
 }
 
@@ -737,11 +776,12 @@ std::vector<std::string> MadeUpHost::Column(const std::string &name) {
   std::string head = Oid(name) + ".";
   for (const std::string &line : Walk(name)) {
     size_t equals = line.find(" = ");
-    if (!line.starts_with(head) || equals == std::string::npos)
+    if (!line.starts_with(head) || equals == std::string::npos) {
       values.push_back(line);
-    else
+    } else {
       values.push_back(line.substr(head.size(), equals - head.size()) + ": " +
                        line.substr(equals + 3));
+    }
   }
   return values;
 }
@@ -754,16 +794,18 @@ std::string MadeUpHost::Set(const std::vector<SetValue> &values, const std::stri
     operands.push_back(value.value);
   }
   Outcome outcome = Tool("snmpset", community, {}, operands);
-  if (outcome.status == 0)
+  if (outcome.status == 0) {
     return "noError";
+  }
   const std::string reason = "Reason: ";
   size_t at = outcome.err.find(reason);
   if (at != std::string::npos) {
     std::string name = outcome.err.substr(at + reason.size());
     return name.substr(0, name.find_first_of(" \n"));
   }
-  if (outcome.err.find("Timeout") != std::string::npos)
+  if (outcome.err.find("Timeout") != std::string::npos) {
     return "timeout";
+  }
   return Trimmed(outcome.err);
 }
 
@@ -791,19 +833,22 @@ std::optional<vex::FileObject> MadeUpHost::Object(const std::string &name) {
 
 std::string MadeUpHost::Published(const std::string &object, const std::string &variable) {
   auto found = Object(object);
-  if (!found)
+  if (!found) {
     return "absent";
+  }
   for (const vex::FileVariable &one : found->variables) {
-    if (one.name != variable)
+    if (one.name != variable) {
       continue;
+    }
     const auto *at = reinterpret_cast<const char *>(found->data.data()) + one.offset;
     if (one.type == VAR_INTEGER) {
       int32_t value;
       memcpy(&value, at, sizeof(value));
       return std::to_string(value);
     }
-    if (one.type == VAR_DISPLAY_STRING)
+    if (one.type == VAR_DISPLAY_STRING) {
       return {at, strnlen(at, one.size)};
+    }
     return {at, one.length};
   }
   return "absent";

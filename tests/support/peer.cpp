@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 int main() {
-  for (;;)
+  for (;;) {
     pause();
+  }
 }

@@ -31,8 +31,9 @@ __attribute__((constructor)) void Attach() {
     int fd = open(path, O_RDWR | O_CLOEXEC);
     if (fd >= 0) {
       void *at = mmap(nullptr, sizeof(*page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-      if (at != MAP_FAILED)
+      if (at != MAP_FAILED) {
         page = static_cast<made_up::ProbePage *>(at);
+      }
       close(fd);
     }
   }
@@ -59,12 +60,14 @@ void Move(timespec *time, int64_t offset) {
 
 int Read(clockid_t clock, timespec *time) {
   int result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-  if (result != 0 || page == nullptr)
+  if (result != 0 || page == nullptr) {
     return result;
+  }
   if (IsWallClock(clock)) {
     int64_t stands = page->clock_stands_ns;
-    if (stands != 0)
+    if (stands != 0) {
       *time = {stands / 1000000000, stands % 1000000000};
+    }
     Move(time, page->clock_offset_ns);
   } else if (clock == CLOCK_BOOTTIME) {
     Move(time, page->age_offset_ns);
@@ -113,8 +116,9 @@ INTERPOSE int clock_gettime(clockid_t clock, timespec *result) noexcept {
 INTERPOSE time_t time(time_t *result) noexcept {
   timespec now{};
   Read(CLOCK_REALTIME, &now);
-  if (result != nullptr)
+  if (result != nullptr) {
     *result = now.tv_sec;
+  }
   return now.tv_sec;
 }
 
@@ -184,15 +188,17 @@ INTERPOSE unsigned sleep(unsigned seconds) {
   if (page != nullptr) {
     bool first = page->sleeps++ == 0;
     page->slept_seconds += seconds;
-    if (first && page->quick_start != 0)
+    if (first && page->quick_start != 0) {
       ns = 0;
-    else
+    } else {
       ns = ns / 100 * page->sleep_percent;
+    }
   }
   timespec length{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
   timespec left{};
-  if (syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &length, &left) != 0 && errno == EINTR)
+  if (syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &length, &left) != 0 && errno == EINTR) {
     return static_cast<unsigned>(left.tv_sec) + (left.tv_nsec > 0 ? 1 : 0);
+  }
   return 0;
 }
 

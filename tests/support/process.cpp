@@ -50,17 +50,20 @@ void Prepare(const std::vector<std::string> &command, const ProcessOptions &opti
              Prepared *prepared) {
   prepared->program = command.at(0);
   prepared->texts = command;
-  if (!options.name.empty())
+  if (!options.name.empty()) {
     prepared->texts[0] = options.name;
+  }
   size_t arguments = prepared->texts.size();
   // The first of a name counts.
-  for (const auto &[key, value] : options.environment)
+  for (const auto &[key, value] : options.environment) {
     prepared->texts.push_back(key + "=" + value);
+  }
   prepared->texts.push_back(std::string("PATH=") + kPath);
   prepared->texts.emplace_back("LC_ALL=C");
   prepared->texts.emplace_back("MIBS=");
-  for (size_t i = 0; i < prepared->texts.size(); i++)
+  for (size_t i = 0; i < prepared->texts.size(); i++) {
     (i < arguments ? prepared->argv : prepared->envp).push_back(prepared->texts[i].data());
+  }
   prepared->argv.push_back(nullptr);
   prepared->envp.push_back(nullptr);
 }
@@ -73,17 +76,21 @@ void Prepare(const std::vector<std::string> &command, const ProcessOptions &opti
   syscall(SYS_close_range, 3U, ~0U, 0U);
   sigset_t none;
   sigemptyset(&none);
-  for (int number = 1; number < 32; number++)
+  for (int number = 1; number < 32; number++) {
     signal(number, SIG_DFL);
+  }
   sigprocmask(SIG_SETMASK, &none, nullptr);
   setsid();
-  if (urgent)
+  if (urgent) {
     PreferSession();
+  }
   if (options.real_proc &&
-      (unshare(CLONE_NEWNS) != 0 || mount("proc", "/proc", "proc", 0, nullptr) != 0))
+      (unshare(CLONE_NEWNS) != 0 || mount("proc", "/proc", "proc", 0, nullptr) != 0)) {
     _exit(126);
-  if (options.fixed_addresses)
+  }
+  if (options.fixed_addresses) {
     personality(ADDR_NO_RANDOMIZE);
+  }
   setenv("PATH", kPath, 1);  // where execvpe() looks
   execvpe(prepared.program.c_str(), prepared.argv.data(), prepared.envp.data());
   dprintf(2, "cannot run %s: %s\n", prepared.program.c_str(), strerror(errno));
@@ -119,10 +126,12 @@ void Pause(double seconds) {
 bool Eventually(const std::function<bool()> &condition, double seconds) {
   double end = Now() + seconds;
   for (double step = 0.001;; step = std::min(step * 1.5, 0.05)) {
-    if (condition())
+    if (condition()) {
       return true;
-    if (Now() > end)
+    }
+    if (Now() > end) {
       return condition();
+    }
     Pause(step);
   }
 }
@@ -133,11 +142,13 @@ Outcome RunCommand(const std::vector<std::string> &command, const ProcessOptions
   Prepare(command, options, &prepared);
   int in[2], out[2], err[2];
   Outcome outcome;
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     return outcome;
+  }
   pid_t pid = fork();
-  if (pid == 0)
+  if (pid == 0) {
     Become(prepared, options, in[0], out[1], err[1]);
+  }
   close(in[0]);
   close(out[1]);
   close(err[1]);
@@ -148,8 +159,9 @@ Outcome RunCommand(const std::vector<std::string> &command, const ProcessOptions
     return outcome;
   }
   // The inputs of scenarios are smaller than a pipe.
-  if (write(in[1], input.data(), input.size()) < 0)
+  if (write(in[1], input.data(), input.size()) < 0) {
     outcome.err = "(its input was not taken)\n";
+  }
   close(in[1]);
   double end = Now() + seconds;
   pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
@@ -164,13 +176,15 @@ Outcome RunCommand(const std::vector<std::string> &command, const ProcessOptions
     poll(fds, 2, static_cast<int>(left * 1000) + 1);
     for (int i = 0; i < 2; i++) {
       char buffer[65536];
-      if (fds[i].fd < 0 || fds[i].revents == 0)
+      if (fds[i].fd < 0 || fds[i].revents == 0) {
         continue;
+      }
       ssize_t got = read(fds[i].fd, buffer, sizeof(buffer));
-      if (got > 0)
+      if (got > 0) {
         texts[i]->append(buffer, static_cast<size_t>(got));
-      else
+      } else {
         fds[i].fd = -1;
+      }
     }
   }
   close(out[0]);
@@ -190,8 +204,9 @@ void Process::Start(const std::vector<std::string> &command, const ProcessOption
   int out = open(log, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
   status_.reset();
   pid_ = fork();
-  if (pid_ == 0)
+  if (pid_ == 0) {
     Become(prepared, options, in, out, out);
+  }
   close(in);
   close(out);
 }
@@ -208,18 +223,21 @@ bool Process::Running() {
 }
 
 void Process::Signal(int number) {
-  if (pid_ > 0 && !status_)
+  if (pid_ > 0 && !status_) {
     kill(pid_, number);
+  }
 }
 
 std::optional<int> Process::Wait(double seconds) {
-  if (pid_ <= 0 || status_)
+  if (pid_ <= 0 || status_) {
     return status_;
+  }
   Eventually(
       [&] {
         int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_)
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
           status_ = StatusOf(status);
+        }
         return status_.has_value();
       },
       seconds);
@@ -235,8 +253,9 @@ std::vector<std::string> OpenFiles(pid_t pid) {
   for (const std::string &name : names) {
     char target[4096];
     ssize_t length = readlink((directory + "/" + name).c_str(), target, sizeof(target));
-    if (length >= 0)
+    if (length >= 0) {
       files.push_back(name + " -> " + std::string(target, static_cast<size_t>(length)));
+    }
   }
   return files;
 }
@@ -260,8 +279,9 @@ static std::vector<std::string> StatFields(pid_t pid) {
   std::string text = ReadFile("/proc/" + std::to_string(pid) + "/stat");
   size_t end = text.rfind(") ");
   std::vector<std::string> fields;
-  if (end == std::string::npos)
+  if (end == std::string::npos) {
     return fields;
+  }
   std::string rest = text.substr(end + 2);
   for (size_t at = 0; at < rest.size();) {
     size_t next = std::min(rest.find(' ', at), rest.size());
@@ -274,11 +294,13 @@ static std::vector<std::string> StatFields(pid_t pid) {
 std::vector<pid_t> Children(pid_t pid) {
   std::vector<pid_t> children;
   for (const std::string &name : ListDirectory("/proc")) {
-    if (name.find_first_not_of("0123456789") != std::string::npos)
+    if (name.find_first_not_of("0123456789") != std::string::npos) {
       continue;
+    }
     auto fields = StatFields(std::stoi(name));
-    if (fields.size() > 1 && fields[1] == std::to_string(pid) && fields[0] != "Z")
+    if (fields.size() > 1 && fields[1] == std::to_string(pid) && fields[0] != "Z") {
       children.push_back(std::stoi(name));
+    }
   }
   return children;
 }
@@ -290,8 +312,9 @@ bool ProcessExists(pid_t pid) {
 
 double CpuSeconds(pid_t pid) {
   auto fields = StatFields(pid);
-  if (fields.size() < 13)
+  if (fields.size() < 13) {
     return 0;
+  }
   return (std::stod(fields[11]) + std::stod(fields[12])) /
          static_cast<double>(sysconf(_SC_CLK_TCK));
 }
@@ -299,11 +322,13 @@ double CpuSeconds(pid_t pid) {
 std::string ReadFile(const std::string &path) {
   std::string text;
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
+  if (fd < 0) {
     return text;
+  }
   char buffer[65536];
-  for (ssize_t got; (got = read(fd, buffer, sizeof(buffer))) > 0;)
+  for (ssize_t got; (got = read(fd, buffer, sizeof(buffer))) > 0;) {
     text.append(buffer, static_cast<size_t>(got));
+  }
   close(fd);
   return text;
 }
@@ -326,9 +351,11 @@ std::vector<std::string> Lines(const std::string &text) {
 std::vector<std::string> ListDirectory(const std::string &path) {
   std::vector<std::string> names;
   if (DIR *directory = opendir(path.c_str())) {
-    while (const dirent *entry = readdir(directory))
-      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+    while (const dirent *entry = readdir(directory)) {
+      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
         names.emplace_back(entry->d_name);
+      }
+    }
     closedir(directory);
   }
   std::sort(names.begin(), names.end());

@@ -65,8 +65,8 @@ class Process {
 
 // What /proc tells of a process of this scenario.
 std::vector<std::string> OpenFiles(pid_t pid);  // "3 -> socket:[123]", by descriptor
-// The same, when nothing of it has changed for half a second: a file that is open for a moment only,
-// a sibling's object or a configuration file, is not among them.
+// The same, when nothing of it has changed for half a second: a file that is open for a moment
+// only, a sibling's object or a configuration file, is not among them.
 std::vector<std::string> SettledFiles(pid_t pid);
 std::vector<pid_t> Children(pid_t pid);
 bool ProcessExists(pid_t pid);  // and is no zombie

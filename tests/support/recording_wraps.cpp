@@ -87,6 +87,16 @@ struct BrokenReads {
 std::map<std::string, BrokenReads> broken_reads;
 
 // What is left of a file before a read of it fails.
+// The path of what an open descriptor and a name below it lead to, as the code under test knows it.
+std::string PathBelow(int directory, const char *name) {
+  std::error_code ignored;
+  const std::string at =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), ignored).string();
+  const std::string known =
+      at.starts_with(TheRoot().string() + "/") ? at.substr(TheRoot().string().size()) : at;
+  return name != nullptr ? known + "/" + name : known;
+}
+
 ssize_t ReadAndFail(void *cookie, char *buffer, size_t size) {
   std::string &rest = *static_cast<std::string *>(cookie);
   if (rest.empty()) {
@@ -312,16 +322,6 @@ int __wrap_clock_gettime(clockid_t clock, timespec *result) {
     result->tv_nsec = ns % 1'000'000'000;
   }
   return status;
-}
-
-// The path of what an open descriptor and a name below it lead to, as the code under test knows it.
-std::string PathBelow(int directory, const char *name) {
-  std::error_code ignored;
-  const std::string at =
-      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), ignored).string();
-  const std::string known =
-      at.starts_with(TheRoot().string() + "/") ? at.substr(TheRoot().string().size()) : at;
-  return name != nullptr ? known + "/" + name : known;
 }
 
 int __real_openat(int directory, const char *name, int flags, ...);

@@ -33,8 +33,9 @@ namespace {
 
 void Mount(const std::string &from, const std::string &to, const char *type, unsigned long flags,
            const std::string &data = "") {
-  if (mount(from.c_str(), to.c_str(), type, flags, data.c_str()) != 0)
+  if (mount(from.c_str(), to.c_str(), type, flags, data.c_str()) != 0) {
     Fail("mount " + (type != nullptr ? std::string(type) : from) + " on " + to);
+  }
 }
 
 bool IsBelow(const std::string &path, const std::string &directory) {
@@ -50,12 +51,15 @@ std::vector<std::string> OtherMounts() {
     std::string id, parent, device, root, path;
     fields >> id >> parent >> device >> root >> path;
     bool own = path == "/" || path.find('\\') != std::string::npos;
-    for (const char *directory : {"/proc", "/sys", "/dev", "/run", "/tmp", "/etc", "/var"})
+    for (const char *directory : {"/proc", "/sys", "/dev", "/run", "/tmp", "/etc", "/var"}) {
       own = own || IsBelow(path, directory);
-    for (const std::string &other : found)
+    }
+    for (const std::string &other : found) {
       own = own || IsBelow(path, other);
-    if (!own)
+    }
+    if (!own) {
       found.push_back(path);
+    }
   }
   return found;
 }
@@ -74,15 +78,19 @@ void EnterRoot() {
   // The new root needs a place: the old /sys, which is needed no more.
   const std::string base = "/sys", root = base + "/root";
   Mount("made-up", base, "tmpfs", 0, "mode=755");
-  for (const char *directory : {"/upper", "/work", "/root"})
-    if (mkdir((base + directory).c_str(), 0755) != 0)
+  for (const char *directory : {"/upper", "/work", "/root"}) {
+    if (mkdir((base + directory).c_str(), 0755) != 0) {
       Fail(directory);
+    }
+  }
   Mount("made-up", root, "overlay", 0,
         "lowerdir=/,upperdir=" + base + "/upper,workdir=" + base + "/work");
-  for (const std::string &path : others)
+  for (const std::string &path : others) {
     Keep(root, path);
-  for (const char *directory : {"/run", "/tmp"})
+  }
+  for (const char *directory : {"/run", "/tmp"}) {
     Mount("made-up", root + directory, "tmpfs", 0, "mode=1777");
+  }
   // Also when they lie below /tmp; the build's for the coverage data that a run may write.
   Keep(root, source);
   Keep(root, build);
@@ -94,15 +102,18 @@ void EnterRoot() {
   for (const char *name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
     std::string path = std::string("/dev/") + name;
     struct stat device = {};
-    if (stat(path.c_str(), &device) != 0)
+    if (stat(path.c_str(), &device) != 0) {
       continue;
+    }
     // A node of its own: what is done to the mode of the machine's would stay.
     if (mknod((root + path).c_str(), S_IFCHR | 0666, device.st_rdev) != 0 ||
-        chmod((root + path).c_str(), 0666) != 0)
+        chmod((root + path).c_str(), 0666) != 0) {
       Fail(path);
+    }
   }
-  for (const char *name : {"/dev/pts", "/dev/shm"})
+  for (const char *name : {"/dev/pts", "/dev/shm"}) {
     mkdir((root + name).c_str(), 0755);
+  }
   Mount("devpts", root + "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666");
   Mount("shm", root + "/dev/shm", "tmpfs", 0, "mode=1777");
   const char *links[][2] = {{"/proc/self/fd", "/dev/fd"},
@@ -110,13 +121,16 @@ void EnterRoot() {
                             {"/proc/self/fd/1", "/dev/stdout"},
                             {"/proc/self/fd/2", "/dev/stderr"},
                             {"pts/ptmx", "/dev/ptmx"}};
-  for (const auto &[target, name] : links)
-    if (symlink(target, (root + name).c_str()) != 0)
+  for (const auto &[target, name] : links) {
+    if (symlink(target, (root + name).c_str()) != 0) {
       Fail(name);
+    }
+  }
   // The old root goes on top of the new one, and away.
   if (chdir(root.c_str()) != 0 || syscall(SYS_pivot_root, ".", ".") != 0 ||
-      umount2(".", MNT_DETACH) != 0 || chdir("/") != 0)
+      umount2(".", MNT_DETACH) != 0 || chdir("/") != 0) {
     Fail("pivot_root");
+  }
 }
 
 void RaiseLoopback() {
@@ -124,8 +138,9 @@ void RaiseLoopback() {
   ifreq request{};
   strcpy(request.ifr_name, "lo");
   request.ifr_flags = IFF_UP | IFF_RUNNING;
-  if (fd < 0 || ioctl(fd, SIOCSIFFLAGS, &request) != 0)
+  if (fd < 0 || ioctl(fd, SIOCSIFFLAGS, &request) != 0) {
     Fail("the loopback interface");
+  }
   close(fd);
 }
 
@@ -136,22 +151,27 @@ int StatusOf(int status) {
 // The namespace's first process: reaps what is left to it, ends with the test, and all with it.
 [[noreturn]] void RunFirstProcess() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     Fail("private mounts");
+  }
   EnterRoot();
   RaiseLoopback();
-  if (sethostname("made-up", 7) != 0)
+  if (sethostname("made-up", 7) != 0) {
     Fail("the host's name");
+  }
   pid_t test = fork();
-  if (test < 0)
+  if (test < 0) {
     Fail("fork");
-  if (test == 0)
+  }
+  if (test == 0) {
     exit(RUN_ALL_TESTS());
+  }
   for (;;) {
     int status;
     pid_t ended = wait(&status);
-    if (ended == test)
+    if (ended == test) {
       _exit(StatusOf(status));
+    }
   }
 }
 
@@ -161,13 +181,16 @@ int RunOne() {
     return 3;
   }
   umask(022);
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0)
+  if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0) {
     Fail("unshare");
+  }
   pid_t first = fork();
-  if (first < 0)
+  if (first < 0) {
     Fail("fork");
-  if (first == 0)
+  }
+  if (first == 0) {
     RunFirstProcess();
+  }
   int status;
   while (waitpid(first, &status, 0) < 0 && errno == EINTR) {
   }
@@ -192,8 +215,9 @@ std::vector<std::string> Selected(const std::string &self) {
       suite = text;
     }
   }
-  if (list != nullptr)
+  if (list != nullptr) {
     pclose(list);
+  }
   return names;
 }
 
@@ -201,12 +225,14 @@ std::vector<std::string> Selected(const std::string &self) {
 
 int main(int argc, char **argv) {
   testing::InitGoogleTest(&argc, argv);
-  if (GTEST_FLAG_GET(list_tests))
+  if (GTEST_FLAG_GET(list_tests)) {
     return RUN_ALL_TESTS();
+  }
   char self[4096];
   ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (length < 0)
+  if (length < 0) {
     Fail("/proc/self/exe");
+  }
   self[length] = 0;
   std::vector<std::string> names = Selected(self);
   if (names.size() == 1) {

@@ -22,8 +22,9 @@ constexpr int kVersionCommand = 2;
 constexpr int kLogicCommand = 0x0101;
 
 int CommandOf(const std::string &request) {
-  if (request.size() < 6)
+  if (request.size() < 6) {
     return -1;
+  }
   return static_cast<uint8_t>(request[4]) | static_cast<uint8_t>(request[5]) << 8;
 }
 
@@ -42,32 +43,37 @@ std::optional<std::string> ReplyTo(const std::string &request, const ControllerM
       reply[12] = static_cast<char>(mood.logic_code);
       reply[13] = static_cast<char>(mood.logic_code >> 8);
       reply += mood.logic;
-      if (reply.size() < 78)
+      if (reply.size() < 78) {
         reply.resize(78);
+      }
       break;
     default:
       return std::nullopt;
   }
   request.copy(reply.data(), std::min<size_t>(request.size(), 8));
-  if (mood.reply_length >= 0)
+  if (mood.reply_length >= 0) {
     reply.resize(static_cast<size_t>(mood.reply_length));
+  }
   return reply;
 }
 
 int Number(const std::string &text, int base) {
   size_t used = 0;
   int value = std::stoi(text, &used, base);
-  if (used != text.size())
+  if (used != text.size()) {
     throw std::invalid_argument("not a number: " + text);
+  }
   return value;
 }
 
 std::string Bytes(const std::string &hex) {
   std::string bytes;
-  if (hex.size() % 2 != 0)
+  if (hex.size() % 2 != 0) {
     throw std::invalid_argument("half a byte: " + hex);
-  for (size_t i = 0; i < hex.size(); i += 2)
+  }
+  for (size_t i = 0; i < hex.size(); i += 2) {
     bytes.push_back(static_cast<char>(Number(hex.substr(i, 2), 16)));
+  }
   return bytes;
 }
 
@@ -110,23 +116,26 @@ SimulatedController::SimulatedController(const ControllerMood &mood, const std::
   unlink(path.c_str());
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path))
+  if (path.size() >= sizeof(address.sun_path)) {
     throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+  }
   path.copy(address.sun_path, path.size());
   listener_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   wake_ = eventfd(0, EFD_CLOEXEC);
   if (listener_ < 0 || wake_ < 0 ||
       bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
-      listen(listener_, 16) != 0)
+      listen(listener_, 16) != 0) {
     throw std::system_error(errno, std::generic_category(), path);
+  }
   thread_ = std::thread([this] { Serve(); });
 }
 
 SimulatedController::~SimulatedController() {
   eventfd_write(wake_, 1);
   thread_.join();
-  for (int client : clients_)
+  for (int client : clients_) {
     close(client);
+  }
   close(listener_);
   close(wake_);
   unlink(path_.c_str());
@@ -161,13 +170,15 @@ int SimulatedController::Open() const {
 
 void SimulatedController::Accept() {
   const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-  if (client < 0)
+  if (client < 0) {
     return;
+  }
   std::lock_guard lock(mutex_);
   clients_.push_back(client);
   accepted_++;
-  for (const std::string &answer : owed_)
+  for (const std::string &answer : owed_) {
     send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+  }
   owed_.clear();
 }
 
@@ -175,34 +186,41 @@ void SimulatedController::Accept() {
 bool SimulatedController::Answer(int client) {
   char buffer[4096];
   const ssize_t length = recv(client, buffer, sizeof(buffer), 0);
-  if (length < 0)
+  if (length < 0) {
     return errno == EAGAIN;
-  if (length == 0)
+  }
+  if (length == 0) {
     return false;
+  }
   const std::string request(buffer, static_cast<size_t>(length));
   std::lock_guard lock(mutex_);
   requests_.push_back(request);
   const auto reply = ReplyTo(request, mood_);
   if (mood_.resets > 0) {
     mood_.resets--;
-    if (mood_.resume && reply)
+    if (mood_.resume && reply) {
       owed_.push_back(*reply);
+    }
     return false;
   }
-  if (reply && !mood_.silent)
+  if (reply && !mood_.silent) {
     send(client, reply->data(), reply->size(), MSG_NOSIGNAL);
+  }
   return true;
 }
 
 void SimulatedController::Serve() {
   for (;;) {
     std::vector<pollfd> watched = {{wake_, POLLIN, 0}, {listener_, POLLIN, 0}};
-    for (int client : clients_)
+    for (int client : clients_) {
       watched.push_back({client, POLLIN, 0});
-    if (poll(watched.data(), watched.size(), -1) < 0 && errno != EINTR)
+    }
+    if (poll(watched.data(), watched.size(), -1) < 0 && errno != EINTR) {
       return;
-    if (watched[0].revents != 0)
+    }
+    if (watched[0].revents != 0) {
       return;
+    }
     for (size_t i = 2; i < watched.size(); i++) {
       if (watched[i].revents != 0 && !Answer(watched[i].fd)) {
         std::lock_guard lock(mutex_);
@@ -210,8 +228,9 @@ void SimulatedController::Serve() {
         clients_.erase(std::find(clients_.begin(), clients_.end(), watched[i].fd));
       }
     }
-    if (watched[1].revents != 0)
+    if (watched[1].revents != 0) {
       Accept();
+    }
   }
 }
 

@@ -17,8 +17,9 @@ int main(int argc, char **argv) {
   }
   sigset_t ends;
   sigemptyset(&ends);
-  for (int number : {SIGINT, SIGTERM, SIGHUP})
+  for (int number : {SIGINT, SIGTERM, SIGHUP}) {
     sigaddset(&ends, number);
+  }
   sigprocmask(SIG_BLOCK, &ends, nullptr);
   try {
     vex::SimulatedController controller(vex::ParseMood(words), path);
@@ -28,8 +29,9 @@ int main(int argc, char **argv) {
     sigwait(&ends, &number);
     for (const std::string &request : controller.Requests()) {
       printf("asked:");
-      for (unsigned char byte : request)
+      for (unsigned char byte : request) {
         printf(" %02X", byte);
+      }
       printf("\n");
     }
   } catch (const std::exception &error) {

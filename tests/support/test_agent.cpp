@@ -68,14 +68,17 @@ int set_number(uint8_t phase, registry_object *, descriptor *desc, const void *v
   agentlog_fprintf(stderr, "number %s %d length %d slot %d\n",
                    phase == SET_CHECK ? "check" : "apply", number, length, desc->slot);
   if (phase == SET_CHECK) {
-    if (number == 21)
+    if (number == 21) {
       Pause(2);
+    }
     return number == 13 ? -1 : 0;
   }
-  if (number == 22)
+  if (number == 22) {
     Pause(2);
-  if (number == 14)
+  }
+  if (number == 14) {
     return -1;
+  }
   memcpy(desc->value, &number, sizeof(number));
   return 0;
 }
@@ -85,12 +88,14 @@ int set_role(uint8_t phase, registry_object *, descriptor *desc, const void *val
   const char *text = static_cast<const char *>(value);
   agentlog_fprintf(stderr, "role %s '%s' length %d\n", phase == SET_CHECK ? "check" : "apply", text,
                    length);
-  if (length == 0)
+  if (length == 0) {
     return -1;
+  }
   if (phase != SET_CHECK) {
     char *to = static_cast<char *>(desc->value);
-    for (int i = 0; i <= length; i++)
+    for (int i = 0; i <= length; i++) {
       to[i] = static_cast<char>(text[i] >= 'a' && text[i] <= 'z' ? text[i] - 32 : text[i]);
+    }
   }
   return 0;
 }
@@ -115,15 +120,17 @@ void CreateRow(int number) {
 
 void LogOutput(FILE *output) {
   char line[4096];
-  while (output != nullptr && fgets(line, sizeof(line), output) != nullptr)
+  while (output != nullptr && fgets(line, sizeof(line), output) != nullptr) {
     agentlog_fprintf(stderr, "output: %s", line);
+  }
 }
 
 void Obey(char *order) {
   auto *data = reinterpret_cast<Block *>(test_object->data);
   char *words = strchr(order, ' ');
-  if (words == nullptr)
+  if (words == nullptr) {
     return;
+  }
   *words++ = 0;
   if (strcmp(order, "name") == 0) {
     snprintf(data->name, sizeof(data->name), "%s", words);
@@ -137,8 +144,9 @@ void Obey(char *order) {
   } else if (strcmp(order, "rows") == 0) {
     int first = 0, count = 0;
     sscanf(words, "%d %d", &first, &count);
-    for (int i = 0; i < count; i++)
+    for (int i = 0; i < count; i++) {
       CreateRow(first + i);
+    }
   } else if (strcmp(order, "delete") == 0) {
     char name[64];
     snprintf(name, sizeof(name), "host/row.%s", words);
@@ -164,8 +172,9 @@ void Obey(char *order) {
   } else if (strcmp(order, "popen") == 0) {
     FILE *output = popen(words, "r");
     LogOutput(output);
-    if (output != nullptr)
+    if (output != nullptr) {
       agentlog_fprintf(stderr, "popen: %d\n", pclose(output));
+    }
   } else if (strcmp(order, "query") == 0) {
     int32_t value = -77;
     int status = -77;
@@ -181,8 +190,9 @@ void Obey(char *order) {
 
 void ObeyAll() {
   FILE *orders = fopen(kOrders, "re");
-  if (orders == nullptr)
+  if (orders == nullptr) {
     return;
+  }
   char line[4096];
   while (fgets(line, sizeof(line), orders) != nullptr) {
     line[strcspn(line, "\n")] = 0;
@@ -203,8 +213,9 @@ int init_agent(int argc, char **argv) {
   init_snmp_appname("vexhostd");
   snprintf(path, sizeof(path), "%s/test", log_dir);
   test_object = create_obj(&obj_Q, get_id(), path, 1, sizeof(Block), 7);
-  if (test_object == nullptr)
+  if (test_object == nullptr) {
     return -1;
+  }
   auto *data = reinterpret_cast<Block *>(test_object->data);
   data->number = 5;
   snprintf(data->name, sizeof(data->name), "first");
@@ -226,12 +237,15 @@ int init_agent(int argc, char **argv) {
             ACCESS_WRITABLE, 1, data->text, nullptr);
   log_data(test_object);
   for (int i = 1; i < argc; i++) {
-    if (strcmp(argv[i], "fail") == 0)
+    if (strcmp(argv[i], "fail") == 0) {
       return -1;
-    if (strcmp(argv[i], "no-sets") == 0)
+    }
+    if (strcmp(argv[i], "no-sets") == 0) {
       cfg_set_state(-1);
-    if (strcmp(argv[i], "no-traps") == 0)
+    }
+    if (strcmp(argv[i], "no-traps") == 0) {
       cfg_trap_state(-1);
+    }
     agentlog_fprintf(stderr, "argument: %s\n", argv[i]);
   }
   return 0;
@@ -248,8 +262,9 @@ int cleanup_agent(void) {
   alarm(0);
   agentlog_fprintf(stderr, "cleaning up\n");
   delete_obj(&obj_Q, nullptr, 0);
-  if (is_empty_dir(log_dir))
+  if (is_empty_dir(log_dir)) {
     remove_empty_dir(log_dir);
+  }
   return 0;
 }
 

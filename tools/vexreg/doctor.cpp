@@ -81,6 +81,7 @@ class Examination {
     if (asked) {
       LookAtSubtree();
     }
+    LookAtStations();
     LookAtDirectory();
     LookAtGroups();
     LookAtGuid();
@@ -145,8 +146,10 @@ class Examination {
     TakeAgentsEnvironment();
     PrepareSnmpLibrary();
     RegisterAgentxSocket(kApplication);
+    RegisterMasterSettings();
     files_ = ReadSnmpFiles(kApplication);
-    Say(JudgeCommunity(files_.source, UnreadableSnmpFiles(kApplication)));
+    unreadable_ = UnreadableSnmpFiles(kApplication);
+    Say(JudgeCommunity(files_.source, unreadable_, files_.users));
   }
 
   void LookAtSocket() {
@@ -203,6 +206,22 @@ class Examination {
     Say(JudgeSubtree(subtree, facts));
     if (visible_) {
       CompareValue();
+    }
+  }
+
+  // What concerns stations and not the agent.
+  void LookAtStations() {
+    const Reach reach = SnmpReach();
+    if (reach != Reach::kNowhere) {
+      Say(JudgeReach(reach == Reach::kBeyond));
+    }
+    // Of a file that this user may not read, it was said.
+    if (!unreadable_.empty()) {
+      return;
+    }
+    Say(JudgeReceivers(files_.receivers));
+    if (const auto finding = JudgeDefaultCommunity(files_.master_lines)) {
+      Say(*finding);
     }
   }
 
@@ -377,6 +396,7 @@ class Examination {
   std::vector<ProcessFact> master_;
   std::vector<ProcessFact> agent_;
   SnmpFiles files_;
+  std::vector<std::string> unreadable_;
   std::string socket_;
   std::optional<int> sessions_;
 };

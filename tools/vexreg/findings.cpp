@@ -154,7 +154,8 @@ Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden) {
   return finding;
 }
 
-Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable) {
+Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable,
+                       size_t users) {
   if (source != CommunitySource::kNone) {
     return Ok("community: " + SourceText(source) + ".");
   }
@@ -162,10 +163,54 @@ Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &u
     return Note("community: not known, since this user may not read " + Joined(unreadable, ", ") +
                 ". Run vexreg doctor as root; snmpd is not asked now.");
   }
+  if (users > 0) {
+    return Note(
+        "community: none; snmpd.conf lets SNMPv3 users in alone. Stations are answered, but the "
+        "agent asks snmpd by community: siblings that can only be asked so stay unknown, and "
+        "doctor cannot ask either. To let both ask, add to snmpd.conf: rocommunity NAME 127.0.0.1 "
+        ".1.3.6.1.4.1.4891.");
+  }
   return Fail(
       "community: none; not in vexhostd.conf, snmp.conf or snmpd.conf. The agent serves its "
       "variables but cannot ask snmpd how its siblings are. Write to /etc/snmp/vexhostd.conf: "
       "community NAME.");
+}
+
+Finding JudgeReach(bool beyond_loopback) {
+  if (beyond_loopback) {
+    return Ok("stations: snmpd can be asked from other machines.");
+  }
+  return Note(
+      "stations: snmpd listens on loopback alone, so that no management station reaches it. What "
+      "lets one in is in share/vexhostd/integrations/snmpd/station.conf.");
+}
+
+Finding JudgeReceivers(size_t receivers) {
+  if (receivers > 0) {
+    return Ok("notifications: snmpd.conf has " + std::to_string(receivers) +
+              (receivers == 1 ? " receiver." : " receivers."));
+  }
+  return Note(
+      "notifications: snmpd.conf has no receiver, so that they go nowhere. What sends them to a "
+      "station is in share/vexhostd/integrations/snmpd/traps.conf.");
+}
+
+std::optional<Finding> JudgeDefaultCommunity(
+    const std::vector<std::pair<std::string, std::string>> &master_lines) {
+  const std::string where = "default community: ";
+  for (const auto &[token, line] : master_lines) {
+    const std::string community = CommunityOfLine(token, line);
+    const std::string source = SourceOfLine(token, line);
+    const bool own = source.empty() || source.starts_with("127.") || source == "localhost" ||
+                     source == "::1" || source == "[::1]";
+    if (!own && (community == "public" || community == "private")) {
+      return Note(
+          where + "snmpd.conf lets \"" + community + "\" in from " +
+          (source == "default" ? "anywhere" : "other machines (" + source + ")") +
+          ", which everybody tries first. Give stations one of their own, or SNMPv3 users.");
+    }
+  }
+  return std::nullopt;
 }
 
 Finding JudgeMaster(MasterAnswer answer, CommunitySource source) {

@@ -47,12 +47,22 @@ Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden);
 // What snmpd said to a first question.
 enum class MasterAnswer { kAnswers, kNobodyListens, kSilent, kOtherCommunity };
 // unreadable: the configuration files that this user may not read.
-Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable);
+// users: SNMPv3 users that snmpd.conf lets in.
+Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable,
+                       size_t users);
 Finding JudgeMaster(MasterAnswer answer, CommunitySource source);
 
 // error: of connect(2), 0 when somebody accepted. other_agent: an agent runs as somebody else.
 Finding JudgeSocket(const std::string &target, const std::string &path, int error,
                     bool other_agent);
+
+// What keeps stations from this host, or lets too many in.
+Finding JudgeReach(bool beyond_loopback);
+Finding JudgeReceivers(size_t receivers);
+// Of the lines of snmpd.conf that give communities: one that everybody tries first, from other
+// machines. Nothing to say when there is none.
+std::optional<Finding> JudgeDefaultCommunity(
+    const std::vector<std::pair<std::string, std::string>> &master_lines);
 
 // What is visible of the subtree.
 enum class Subtree { kVisible, kNothing, kUnanswered, kError };

@@ -417,6 +417,47 @@ std::optional<int> ConnectionsTo(const std::string &path) {
   return CountConnections(table, path);
 }
 
+Reach SnmpReachOf(std::string_view table, bool listening) {
+  constexpr std::string_view kPort = ":00A1";
+  constexpr std::string_view kListens = "0A";  // a state of tcp(7)
+  // Addresses are words as this machine has them: 127.0.0.1 is 0100007F.
+  constexpr std::string_view kLoopbackNetwork = "7F";
+  constexpr std::string_view kLoopback6 = "00000000000000000000000001000000";
+  constexpr std::string_view kMapped = "0000000000000000FFFF0000";
+  constexpr size_t kAddress4 = 8;
+  Reach reach = Reach::kNowhere;
+  std::istringstream lines{std::string(table)};
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string number;
+    std::string local;
+    std::string remote;
+    std::string state;
+    words >> number >> local >> remote >> state;
+    if (!local.ends_with(kPort) || (listening && state != kListens)) {
+      continue;
+    }
+    const std::string_view address = std::string_view(local).substr(0, local.size() - kPort.size());
+    const bool four = address.size() == kAddress4 || address.starts_with(kMapped);
+    const bool loopback = four ? address.ends_with(kLoopbackNetwork) : address == kLoopback6;
+    if (!loopback) {
+      return Reach::kBeyond;
+    }
+    reach = Reach::kLoopback;
+  }
+  return reach;
+}
+
+Reach SnmpReach() {
+  Reach reach = Reach::kNowhere;
+  for (const auto &[path, listening] :
+       {std::pair("/proc/net/udp", false), std::pair("/proc/net/udp6", false),
+        std::pair("/proc/net/tcp", true), std::pair("/proc/net/tcp6", true)}) {
+    reach = std::max(reach, SnmpReachOf(ReadText(path), listening));
+  }
+  return reach;
+}
+
 void LookAtSources(const std::string &search, int64_t started_ns,
                    const std::function<void(const Finding &)> &say) {
   SetLogName(kAgentName);

@@ -39,6 +39,12 @@ std::optional<int> ConnectionsTo(const std::string &path);
 // The same in the text of /proc/net/unix.
 int CountConnections(std::string_view table, std::string_view path);
 
+// How far the addresses reach on which somebody takes SNMP's questions (port 161).
+enum class Reach { kNowhere, kLoopback, kBeyond };
+Reach SnmpReach();
+// The same of the text of /proc/net/udp, udp6, tcp or tcp6; listening: for connections (tcp).
+Reach SnmpReachOf(std::string_view table, bool listening);
+
 // Whether somebody listens there for connections of packets, by the text of /proc/net/unix.
 bool HasPacketListener(std::string_view table, std::string_view path);
 

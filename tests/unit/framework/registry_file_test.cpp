@@ -727,11 +727,15 @@ TEST(RegistryFileProcess, AReaderNeverSeesAMixtureOrGoesBackwards) {
   EXPECT_GT(last, 1000u);
 }
 
+// VEX_PUBLICATIONS: about so many in all (scripts/proof).
 TEST(RegistryFileProcess, AWriterKilledAThousandTimesLeavesAWholeState) {
+  const char *text = getenv("VEX_PUBLICATIONS");
+  const uint64_t each = text != nullptr ? strtoull(text, nullptr, 10) / 1000 : 0;
   TempRegistry registry;
   std::mt19937 random(42);
   uint64_t last = 0;
   // A thousand times, and on until there was enough to see: a busy machine kills some at once.
+  int kills = 0;
   for (int round = 0; (round < 1000 || (last <= 1000 && round < 20'000)) && !HasFailure();
        round++) {
     const pid_t writer = fork();
@@ -741,19 +745,23 @@ TEST(RegistryFileProcess, AWriterKilledAThousandTimesLeavesAWholeState) {
     }
     // Killed at any moment, from before its first publication on, while we read.
     const long until_ns = static_cast<long>(random() % 2'000'000);
+    const uint64_t until = last + random() % (2 * each + 1);
     timespec begin;
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &begin);
     do {
       last = Watch(registry.root(), last);
       clock_gettime(CLOCK_MONOTONIC, &now);
-    } while ((now.tv_sec - begin.tv_sec) * 1'000'000'000 + now.tv_nsec - begin.tv_nsec < until_ns);
+    } while ((now.tv_sec - begin.tv_sec) * 1'000'000'000 + now.tv_nsec - begin.tv_nsec < until_ns ||
+             last < until);
     kill(writer, SIGKILL);
+    kills++;
     int status;
     ASSERT_EQ(waitpid(writer, &status, 0), writer);
     ASSERT_TRUE(WIFSIGNALED(status));
     last = Watch(registry.root(), last);
   }
+  printf("%d kills in %llu publications\n", kills, static_cast<unsigned long long>(last));
   EXPECT_GT(last, 1000u);
 }
 

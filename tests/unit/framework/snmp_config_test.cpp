@@ -61,5 +61,25 @@ TEST(SnmpConfig, CommunitiesOfSnmpdLines) {
   }
 }
 
+TEST(SnmpConfig, SourceOfALine) {
+  struct {
+    const char *token;
+    const char *line;
+    const char *source;
+  } cases[] = {
+      {"rocommunity", "public", "default"},
+      {"rocommunity", "public 192.0.2.0/24 -V all", "192.0.2.0/24"},
+      {"rocommunity", "\"two words\" 127.0.0.1", "127.0.0.1"},
+      {"rocommunity", "", ""},
+      {"com2sec", "user 10.0.0.0/8 secret", "10.0.0.0/8"},
+      {"com2sec", "-Cn context user 10.0.0.0/8 secret", "10.0.0.0/8"},
+      {"com2sec6", "user", ""},
+      {"com2secunix", "user /run/sock secret", ""},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(SourceOfLine(c.token, c.line), c.source) << c.token << ' ' << c.line;
+  }
+}
+
 }  // namespace
 }  // namespace vex

@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -183,6 +185,40 @@ TEST_F(Unsent, OnceTakenAreReplacedByWhatIsLeftOfThem) {
   next.Taken();
   EXPECT_EQ(next.Keep({}), 0);
   EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+}
+
+TEST_F(Unsent, WhatWaitsIsKeptMeanwhileAndRemovedOnceItIsSent) {
+  UnsentFile file = File();
+  ASSERT_TRUE(file.Read());
+  file.Taken();
+  const std::vector<Notification> some = Some();
+  ASSERT_EQ(file.KeepMeanwhile(std::span(some).first(2)), 0);
+  ASSERT_EQ(file.KeepMeanwhile(some), 0);
+  // Another process, after a kill.
+  const auto kept = File().Read();
+  ASSERT_TRUE(kept);
+  ExpectSame(*kept, some);
+  file.AllSent();
+  EXPECT_FALSE(std::filesystem::exists(Path()));
+  ASSERT_EQ(file.KeepMeanwhile(some), 0);
+  EXPECT_EQ(file.Keep({}), 0);
+  EXPECT_FALSE(std::filesystem::exists(Path()));
+}
+
+TEST_F(Unsent, AFailureToKeepWhatWaitsIsSaidOnce) {
+  UnsentFile file = File();
+  ASSERT_TRUE(file.Read());
+  file.Taken();
+  const std::vector<Notification> some = Some();
+  std::filesystem::create_directories(Path() + "/in the way");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(file.KeepMeanwhile(some), -1);
+  EXPECT_EQ(file.KeepMeanwhile(some), -1);
+  std::filesystem::remove_all(Path());
+  EXPECT_EQ(file.KeepMeanwhile(some), 0);
+  EXPECT_EQ(file.KeepMeanwhile(some), 0);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;
 }
 
 TEST_F(Unsent, WhatCannotBeReadStaysAndIsReadLater) {

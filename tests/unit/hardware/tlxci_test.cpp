@@ -45,15 +45,17 @@ void EnterOwnMounts() {
 
 std::set<std::string> OpenDescriptors() {
   std::set<std::string> open;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     open.insert(entry.path().filename());
+  }
   return open;
 }
 
 bool Eventually(const std::function<bool()> &condition) {
   for (int i = 0; i < 1000; i++) {
-    if (condition())
+    if (condition()) {
       return true;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return condition();

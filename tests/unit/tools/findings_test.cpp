@@ -99,11 +99,69 @@ TEST(Findings, WhatAProcessHasForkedIsNotAnother) {
 }
 
 TEST(Findings, Communities) {
-  EXPECT_EQ(JudgeCommunity(CommunitySource::kOwn, {"/x"}).verdict, Verdict::kOk);
-  EXPECT_EQ(JudgeCommunity(CommunitySource::kNone, {}).verdict, Verdict::kFail);
-  const Finding hidden = JudgeCommunity(CommunitySource::kNone, {"/a/snmpd.conf", "/b"});
+  EXPECT_EQ(JudgeCommunity(CommunitySource::kOwn, {"/x"}, 1).verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeCommunity(CommunitySource::kNone, {}, 0).verdict, Verdict::kFail);
+  const Finding hidden = JudgeCommunity(CommunitySource::kNone, {"/a/snmpd.conf", "/b"}, 0);
   EXPECT_EQ(hidden.verdict, Verdict::kNote);
   EXPECT_TRUE(Has(hidden, "may not read /a/snmpd.conf, /b.")) << Text(hidden);
+}
+
+TEST(Findings, UsersInPlaceOfACommunity) {
+  const Finding users = JudgeCommunity(CommunitySource::kNone, {}, 2);
+  EXPECT_EQ(users.verdict, Verdict::kNote);
+  EXPECT_TRUE(Has(users, "SNMPv3 users in alone")) << Text(users);
+  // What could not be read may have one.
+  EXPECT_TRUE(Has(JudgeCommunity(CommunitySource::kNone, {"/a"}, 2), "may not read /a."));
+}
+
+TEST(Findings, WhatConcernsStations) {
+  EXPECT_EQ(JudgeReach(true).verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeReach(false).verdict, Verdict::kNote);
+  EXPECT_EQ(JudgeReceivers(0).verdict, Verdict::kNote);
+  EXPECT_EQ(JudgeReceivers(1).text, "notifications: snmpd.conf has 1 receiver.");
+  EXPECT_EQ(JudgeReceivers(2).text, "notifications: snmpd.conf has 2 receivers.");
+}
+
+TEST(Findings, DefaultCommunities) {
+  const auto judge = [](const char *token, const char *line) {
+    const auto finding = JudgeDefaultCommunity({{"rocommunity", "own default"}, {token, line}});
+    return finding ? finding->text : "";
+  };
+  EXPECT_EQ(judge("rocommunity", "public"),
+            "default community: snmpd.conf lets \"public\" in from anywhere, which everybody tries "
+            "first. Give stations one of their own, or SNMPv3 users.");
+  EXPECT_TRUE(judge("rwcommunity", "private 192.0.2.0/24").find("(192.0.2.0/24)") !=
+              std::string::npos);
+  EXPECT_NE(judge("com2sec6", "user default public"), "");
+  // From this machine alone, or by another name.
+  for (const char *line : {"public 127.0.0.1", "public localhost", "private ::1", "mine", ""}) {
+    EXPECT_EQ(judge("rocommunity", line), "") << line;
+  }
+  EXPECT_EQ(judge("com2secunix", "user /run/sock public"), "");
+}
+
+TEST(Findings, HowFarSnmpReaches) {
+  const auto reach = [](const std::string &line, bool listening) {
+    return SnmpReachOf("  sl  local_address rem_address   st tx_queue\n" + line + "\n", listening);
+  };
+  const std::string other = " 00000000:0000 07 00000000:00000000";
+  EXPECT_EQ(reach("", false), Reach::kNowhere);
+  EXPECT_EQ(reach("  1: 00000000:00A2" + other, false), Reach::kNowhere);
+  EXPECT_EQ(reach("  1: 0100007F:00A1" + other, false), Reach::kLoopback);
+  EXPECT_EQ(reach("  1: 0101007F:00A1" + other, false), Reach::kLoopback);
+  EXPECT_EQ(reach("  1: 00000000:00A1" + other, false), Reach::kBeyond);
+  EXPECT_EQ(reach("  1: 0A0200C0:00A1" + other, false), Reach::kBeyond);
+  // 127 at the end of an address is none of loopback.
+  EXPECT_EQ(reach("  1: 7F0200C0:00A1" + other, false), Reach::kBeyond);
+  EXPECT_EQ(reach("  1: 00000000000000000000000001000000:00A1" + other, false), Reach::kLoopback);
+  EXPECT_EQ(reach("  1: 0000000000000000FFFF00000100007F:00A1" + other, false), Reach::kLoopback);
+  EXPECT_EQ(reach("  1: 00000000000000000000000000000000:00A1" + other, false), Reach::kBeyond);
+  // Of TCP, those that listen: a connection from elsewhere says nothing.
+  EXPECT_EQ(reach("  1: 00000000:00A1 00000000:0000 0A 00000000:00000000", true), Reach::kBeyond);
+  EXPECT_EQ(reach("  1: 0A0200C0:00A1 0B0200C0:D3A1 01 00000000:00000000", true), Reach::kNowhere);
+  EXPECT_EQ(reach("rubbish", false), Reach::kNowhere);
+  EXPECT_EQ(reach("  1: 0100007F:00A1" + other + "\n  2: 0A0200C0:00A1" + other, false),
+            Reach::kBeyond);
 }
 
 TEST(Findings, LinesOfACommunity) {
@@ -437,8 +495,12 @@ TEST(Findings, AreQuotedAsTheyAre) {
         JudgeMaster(MasterAnswer::kNobodyListens, CommunitySource::kMaster),
         JudgeMaster(MasterAnswer::kOtherCommunity, CommunitySource::kOwn),
         JudgeMaster(MasterAnswer::kSilent, CommunitySource::kMaster),
-        JudgeCommunity(CommunitySource::kNone, {}),
-        JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}),
+        JudgeCommunity(CommunitySource::kNone, {}, 0),
+        JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}, 0),
+        JudgeCommunity(CommunitySource::kNone, {}, 1),
+        JudgeReach(false),
+        JudgeReceivers(0),
+        JudgeDefaultCommunity({{"rocommunity", "public default -V systemonly"}}).value(),
         socket(ENOENT),
         socket(ECONNREFUSED),
         socket(EACCES),

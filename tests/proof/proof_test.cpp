@@ -1,0 +1,125 @@
+// The daemon over many kills and restarts of either side. Each test prints its figures; VEX_ROUNDS
+// says how many (100).
+#include <sys/stat.h>
+
+#include <future>
+#include <map>
+#include <random>
+
+#include "tests/support/made_up_host.h"
+
+using namespace made_up;
+
+namespace {
+
+constexpr char kSocket[] = "/var/agentx/master";
+
+int Rounds() {
+  const char *text = getenv("VEX_ROUNDS");
+  return text != nullptr ? atoi(text) : 100;
+}
+
+// 0 while there is none.
+ino_t SocketNumber() {
+  struct stat status;
+  return stat(kSocket, &status) == 0 ? status.st_ino : 0;
+}
+
+// How often each notification has arrived, by the name that it carries and its description.
+std::map<std::string, int> Arrived(const MadeUpHost &host) {
+  std::map<std::string, int> arrived;
+  for (const Trap &trap : host.traps.Received()) {
+    arrived[trap.variables.front() + " " + trap.variables.back()]++;
+  }
+  return arrived;
+}
+
+struct Delivered {
+  size_t once = 0;
+  size_t more = 0;  // than once
+};
+
+// Waits until that many have arrived, and for some moments more.
+Delivered WaitForTraps(const MadeUpHost &host, size_t count) {
+  Eventually([&] { return Arrived(host).size() >= count; }, 30);
+  Pause(1);
+  Delivered delivered;
+  for (const auto &[trap, times] : Arrived(host)) {
+    (times == 1 ? delivered.once : delivered.more)++;
+  }
+  return delivered;
+}
+
+}  // namespace
+
+TEST(Reconnection, AHundredRestarts) {
+  MadeUpHost host;
+  host.Start();
+  const std::string oid = MadeUpHost::Oid("tlxHoPhysicalMemorySize");
+  std::mt19937 random(1);
+  std::vector<double> seconds;
+  const int rounds = Rounds();
+  for (int round = 0; round < rounds; round++) {
+    const ino_t before = SocketNumber();
+    host.snmpd.Kill();
+    // At any phase of whatever the agent does while there is none.
+    Pause(std::uniform_real_distribution<double>(0, 1)(random));
+    auto start = std::async(std::launch::async, [&] { host.snmpd.Start(); });
+    ASSERT_TRUE(Eventually([&] { return SocketNumber() != 0 && SocketNumber() != before; }));
+    const double back = Now();
+    std::optional<Answer> answer;
+    do {
+      answer = QuickGet(oid, 0.01);
+    } while (Now() - back < 10 && !(answer && answer->error == 0 && answer->tag == 2));
+    seconds.push_back(Now() - back);
+    start.get();
+    ASSERT_FALSE(testing::Test::HasFatalFailure());
+  }
+  printf(
+      "%d restarts: first answer after the socket was back: median %.3f s, p99 %.3f s, longest "
+      "%.3f s\n",
+      rounds, Percentile(seconds, 50), Percentile(seconds, 99), Percentile(seconds, 100));
+  EXPECT_LE(Percentile(seconds, 99), 0.25);
+}
+
+TEST(TrapDelivery, OverKillsOfTheMaster) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  std::mt19937 random(1);
+  const int rounds = Rounds();
+  for (int round = 0; round < rounds; round++) {
+    host.snmpd.Kill();
+    ASSERT_TRUE(host.Order("name round " + std::to_string(round) + "\ntrap 10\n"));
+    host.snmpd.Start();
+    // What the master has taken it hands on before it is killed again.
+    const size_t due = static_cast<size_t>(round + 1) * 10;
+    ASSERT_TRUE(Eventually([&] { return Arrived(host).size() >= due; })) << round;
+  }
+  const size_t count = static_cast<size_t>(rounds) * 10;
+  const Delivered delivered = WaitForTraps(host, count);
+  printf("%zu notifications over %d kills of snmpd: %zu arrived once, %zu more than once\n", count,
+         rounds, delivered.once, delivered.more);
+  // What a killed master had not answered for is sent again.
+  EXPECT_EQ(delivered.once + delivered.more, count);
+}
+
+TEST(TrapDelivery, OverKillsOfTheAgent) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  const int rounds = Rounds();
+  for (int round = 0; round < rounds; round++) {
+    ASSERT_TRUE(host.Order("name round " + std::to_string(round) + "\ntrap 10\n"));
+    host.SetOrders("");
+    // From the end of a poll on nothing is lost: the master has it, or the file.
+    ASSERT_TRUE(host.daemon.Poll());
+    EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+    host.StartTestAgent({"plain"}, false);
+  }
+  const size_t count = static_cast<size_t>(rounds) * 10;
+  const Delivered delivered = WaitForTraps(host, count);
+  printf("%zu notifications over %d kills of the agent: %zu arrived once, %zu more than once\n",
+         count, rounds, delivered.once, delivered.more);
+  EXPECT_EQ(delivered.once + delivered.more, count);
+}
