@@ -114,7 +114,7 @@ std::vector<std::string> AskedDirectories(const std::string &mount_table) {
     const std::string_view type = entry.mnt_type;
     if (entry.mnt_dir[0] == '/' &&
         std::find(std::begin(ignored_mount_types), std::end(ignored_mount_types), type) ==
-        std::end(ignored_mount_types)) {
+            std::end(ignored_mount_types)) {
       directories.emplace_back(entry.mnt_dir);
     }
   }

@@ -11,13 +11,10 @@ namespace {
 
 constexpr char kAbout[] = "Shows and writes the objects that agents publish, and checks the agent.";
 constexpr char kNotes[] =
-    "An OBJECT is a name from the registry's root (host/cpu.0), a group (host/cpu),\n"
-    "either without its directory (cpu), a pattern ('host/filesys.*') or a variable\n"
-    "(tlxHoCpuUtilMin); none named means all.\n"
+    "An OBJECT is a name (host/cpu.0), a group (host/cpu, cpu), a pattern\n"
+    "('host/filesys.*') or a variable (tlxHoCpuUtilMin); none named means all.\n"
     "\n"
-    "Exit status: 0; 1 when a named object does not exist or cannot be read or\n"
-    "written, nothing is there to show, or doctor finds something wrong; 2 for wrong\n"
-    "usage.";
+    "Exit status: 0; 1 when something is missing, differs or fails; 2: wrong usage.";
 constexpr char kDumpNotes[] =
     "Integers are numbers, octet strings hexadecimal digits.\n"
     "Example: vexreg dump host/memory | jq .";
@@ -207,7 +204,7 @@ int main(int argc, char **argv) {
   replay->add_option("--agent", arguments.replay.agent, "Another agent than the installed one")
       ->type_name("FILE");
   replay->add_flag("--exact", arguments.replay.exact,
-                   "Compares sizes and loads as well, as in a made-up capture");
+                   "Compares what is in use, and the load, as well");
   replay->add_option("--limit", arguments.replay.seconds, "Seconds until what differs is believed")
       ->type_name("N")
       ->check(CLI::Range(1, 3600).description(""))

@@ -11,7 +11,7 @@ namespace vex {
 namespace {
 
 constexpr std::string_view kTemplate =
-#include "report_template.inc"
+#include "tools/vexreg/report_template.inc"
     ;
 
 constexpr int kHigh = 75;
