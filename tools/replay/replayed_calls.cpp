@@ -84,7 +84,7 @@ INTERPOSE int statvfs(const char *path, struct statvfs *result) noexcept {
   while (figures.state == vex::MountFigures::kSilent) {
     pause();  // as on a mount whose server is gone
   }
-  if (figures.state == vex::MountFigures::kFailed) {
+  if (figures.state == vex::MountFigures::kErrno) {
     errno = figures.error;
     return -1;
   }

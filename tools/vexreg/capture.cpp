@@ -373,19 +373,21 @@ class Collector {
       if (name.starts_with('.')) {
         continue;  // also what writers have not finished
       }
+      std::string path = below;
+      path += name;
       struct stat status = {};
       if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         continue;
       }
       if (S_ISDIR(status.st_mode) && depth < kMostDepth) {
         TakeRegistryDirectory(Descriptor(openat(directory.get(), name.c_str(), kReadDirectory)),
-                              below + name + "/", depth + 1);
+                              path + "/", depth + 1);
       } else if (S_ISREG(status.st_mode)) {
         auto bytes = ReadPlain(directory.get(), name, kMostFile, O_NOFOLLOW, &status);
         if (!bytes || bytes->size() > kMostFile) {
-          Omit(root_ + "/" + below + name, bytes ? "too large" : strerror(errno));
+          Omit(root_ + "/" + path, bytes ? "too large" : strerror(errno));
         } else {
-          Put(std::string(kRegistryMembers) + below + name, std::move(*bytes), status.st_mtime);
+          Put(std::string(kRegistryMembers) + path, std::move(*bytes), status.st_mtime);
         }
       }
     }

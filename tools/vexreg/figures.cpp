@@ -36,7 +36,7 @@ constexpr std::chrono::milliseconds kPatience{1000};  // with one mount
                  answer.f_bfree,          answer.f_files,
                  answer.f_ffree};
     } else {
-      figures.state = MountFigures::kFailed;
+      figures.state = MountFigures::kErrno;
       figures.error = errno;
     }
     if (write(out, &figures, sizeof(figures)) != sizeof(figures)) {

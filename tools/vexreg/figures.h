@@ -11,9 +11,9 @@
 namespace vex {
 
 struct MountFigures {
-  enum State { kAnswered, kFailed, kSilent };
+  enum State { kAnswered, kErrno, kSilent };
   State state = kSilent;
-  int error = 0;  // of kFailed
+  int error = 0;  // of kErrno
   uint64_t frsize = 0, blocks = 0, bfree = 0, files = 0, ffree = 0;
 };
 

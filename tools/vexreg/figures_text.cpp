@@ -74,7 +74,7 @@ std::string FiguresText(const std::map<std::string, MountFigures> &figures) {
       for (const uint64_t value : {one.frsize, one.blocks, one.bfree, one.files, one.ffree}) {
         number(value);
       }
-    } else if (one.state == MountFigures::kFailed) {
+    } else if (one.state == MountFigures::kErrno) {
       text += kError;
       number(static_cast<uint64_t>(one.error));
     } else {
@@ -98,7 +98,7 @@ std::map<std::string, MountFigures> ParseFigures(std::string_view text) {
     if (kind == kFigures && ParseLine(line, &one)) {
       one.state = MountFigures::kAnswered;
     } else if (kind == kError && TakeNumber(&line, &one.error)) {
-      one.state = MountFigures::kFailed;
+      one.state = MountFigures::kErrno;
     } else if (kind != kSilent) {
       continue;
     }

@@ -291,6 +291,7 @@ class Page {
     Begin(id, title);
     BeginTable("rows", caption);
     std::vector<std::string> titles;
+    titles.reserve(columns.size());
     for (const auto &column : columns) {
       titles.push_back(column.first);
     }

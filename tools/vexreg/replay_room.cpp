@@ -279,9 +279,9 @@ void PutCommands(const Capture &capture) {
     Mount(folder.c_str(), Inside(machines), nullptr, MS_BIND);
     Mount("programs", Inside(folder), "tmpfs", 0, "mode=755");
     for (const auto &entry : fs::directory_iterator(Inside(machines))) {
-      const std::string name = entry.path().filename();
-      if (folder + "/" + name != kVolumeTool) {
-        Link(machines + "/" + name, folder + "/" + name);
+      const fs::path name = entry.path().filename();
+      if (fs::path(folder) / name != kVolumeTool) {
+        Link(fs::path(machines) / name, fs::path(folder) / name);
       }
     }
     Put(kVolumeTool, ScriptOf(capture, kVolumeTool), 0755);

@@ -15,7 +15,7 @@ namespace {
 TEST(Figures, AreTheSameAfterTheirText) {
   std::map<std::string, MountFigures> figures;
   figures["/"] = {MountFigures::kAnswered, 0, 4096, 100, 40, 10, 3};
-  figures["/with blank\\and\nline\xFF"] = {MountFigures::kFailed, 5, 0, 0, 0, 0, 0};
+  figures["/with blank\\and\nline\xFF"] = {MountFigures::kErrno, 5, 0, 0, 0, 0, 0};
   figures["/dead"] = {};
   const std::string text = FiguresText(figures);
   EXPECT_EQ(text,

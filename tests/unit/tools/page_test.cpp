@@ -47,9 +47,9 @@ TEST(Page, HostileTextStaysText) {
   EXPECT_EQ(page.find("<script"), std::string::npos);
   EXPECT_EQ(page.find('\x1b'), std::string::npos);
   EXPECT_EQ(Count(page, "<main>"), 1U);
-  EXPECT_EQ(
-      Count(page, "&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt;&amp;&quot;&#64;BODY&#64;"),
-      10U);  // title, heading, time and source, name and role, file system, software, finding, log
+  EXPECT_EQ(Count(page, "&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt;&amp;&quot;&#64;BODY&#64;"),
+            11U);
+  // title and heading, time and source, name, role, file system, package, version, finding, log
   EXPECT_EQ(page.find("width:-"), std::string::npos);
 }
 
