@@ -119,6 +119,12 @@ TEST(Capture, IsShownLikeAHost) {
   EXPECT_TRUE(Contains(host.Vexreg({"export", "--capture", kFile}).out,
                        "\nvexhost_memory_size_bytes 4194304\n"));
   EXPECT_EQ(RunCommand({"sh", "-c", "ls -d /tmp/vexreg.*"}).out, "");  // nothing stays behind
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);  // of a host without an agent
+  const Outcome nothing = host.Vexreg({"show", "--capture", kFile});
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(nothing.err,
+            "vexreg: /tmp/host.tar.zst: nothing was published when this was captured\n");
   const Outcome wrong = host.Vexreg({"show", "--capture", "/etc/mtab"});
   EXPECT_EQ(wrong.status, 1);
   EXPECT_TRUE(Contains(wrong.err, "vexreg: /etc/mtab: not a capture")) << wrong.err;

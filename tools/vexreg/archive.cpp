@@ -12,7 +12,7 @@ namespace vex {
 namespace {
 
 constexpr size_t kBlock = 512;
-constexpr int kLevel = 9;           // of compression: a capture of a full host takes under a second
+constexpr int kLevel = 9;           // of compression: registries shrink well
 constexpr int kMostWindowLog = 27;  // 128 MiB of memory for whoever reads
 
 // IEEE Std 1003.1, pax, "ustar Interchange Format".

@@ -225,6 +225,10 @@ int main(int argc, char **argv) {
       return vex::kFailed;
     }
     arguments.selection.root = captured.root();
+    if (!*report && vex::ListObjects(captured.root()).empty()) {
+      vex::Complain(arguments.capture + ": nothing was published when this was captured");
+      return vex::kFailed;
+    }
   }
   const std::string &root = arguments.selection.root;
   if (*dump) {
