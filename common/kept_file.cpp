@@ -73,6 +73,10 @@ static int open_in(int directory, kept_file *file, int access) {
   const int descriptor = openat(directory, file->name, access | careful);
   if (descriptor < 0 && (errno == ELOOP || errno == ENXIO)) {
     refuse(file, not_plain);  // a link; a pipe that nobody reads, or a socket
+  } else if (descriptor < 0 && errno == EISDIR) {
+    // Of all that cannot be opened for writing this does not pass by itself.
+    refuse(file, not_plain);
+    errno = EISDIR;
   }
   return descriptor;
 }
@@ -97,9 +101,7 @@ struct temporary_name {
 
 static void remove_left_over(int directory, const kept_file *file) {
   for (int i = 0; i < most_temporaries; i++) {
-    if (unlinkat(directory, temporary_name(file, i).text, 0) == 0 || errno == ENOENT) {
-      return;
-    }
+    unlinkat(directory, temporary_name(file, i).text, 0);
   }
 }
 
@@ -156,6 +158,10 @@ static ssize_t read_once(kept_file *file, char *data, size_t size, bool settle_m
   }
   remove_left_over(directory.get(), file);
   const descriptor_handle descriptor(open_in(directory.get(), file, O_RDONLY));
+  if (!descriptor && errno == ENOENT) {
+    file->root = identify(directory.get());
+    errno = ENOENT;
+  }
   if (!descriptor || !accept_file(file, directory.get(), descriptor.get())) {
     return -1;
   }
@@ -353,8 +359,24 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
 
 // ---- Restoring ----------------------------------------------------------------------------------
 
+// Whether the file has other contents than these, as far as that can be told. A text's file may
+// have an end of line that its value has not.
+static bool differs(int directory, const kept_file *file, const void *data, size_t size) {
+  char there[1024];
+  const descriptor_handle descriptor(openat(directory, file->name, O_RDONLY | careful));
+  const ssize_t length = descriptor ? read_all(descriptor.get(), there, sizeof(there)) : -1;
+  if (length < 0) {
+    return false;
+  }
+  size_t rest = static_cast<size_t>(length);
+  while (rest > size && there[rest - 1] == '\n') {
+    rest--;
+  }
+  return rest != size || memcmp(there, data, size) != 0;
+}
+
 void restore_kept_file(kept_file *file, const void *data, size_t size) {
-  if (!file->held) {
+  if (!file->held && file->root.inode == 0) {
     return;
   }
   int opened = open_dir(REGISTRY_ROOT);
@@ -372,9 +394,15 @@ void restore_kept_file(kept_file *file, const void *data, size_t size) {
   }
   if (fstatat(directory.get(), file->name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
     file->root = root;
+    if (differs(directory.get(), file, data, size)) {
+      agentlog_fprintf(stderr,
+                       "%s: %s/%s has another value than the one that is served; the next start "
+                       "takes it: the registry's root was another one\n",
+                       agent, REGISTRY_ROOT, file->name);
+    }
     return;
   }
-  if (errno != ENOENT) {
+  if (errno != ENOENT || !file->held) {
     return;
   }
   if (replace_kept_file(file, data, size) == KEPT_REPLACED) {

@@ -13,7 +13,8 @@ struct kept_file {
   const char *name;             // in the registry's root
   bool refusal_logged;          // false at first; one log line for as long as the file is refused
   bool failure_logged = false;  // the same for as long as it cannot be replaced
-  bool held = false;            // it was read or replaced, in this directory:
+  bool held = false;            // it was read or replaced
+  // Where that was, or where there was none.
   struct {
     dev_t device;
     ino_t inode;
@@ -46,8 +47,8 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
 
 // To be called by each poll with what was last read or replaced. Where the registry's root is
 // another directory by now (it was removed, moved away or mounted over) and has no such file, the
-// file is made there; one that is there stays, since a manager may have set it. Agent thread; waits
-// for the disk when it writes.
+// file is made there; one that is there stays, since a manager may have set it, and a log line says
+// if it has another value. Agent thread; waits for the disk when it writes.
 void restore_kept_file(kept_file *file, const void *data, size_t size);
 
 #endif

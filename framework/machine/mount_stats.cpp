@@ -456,8 +456,12 @@ void MountAsker::State::Wait() {
 }
 
 void MountAsker::State::Run(Batch *batch) {
-  const int64_t limit = Nanoseconds(settings.limit);
   const int64_t patience = Nanoseconds(settings.patience);
+  // Where so many are silent, the next one is likelier to be silent as well than to be slow: each
+  // pass would meet one of them. The answer of a slow one is taken over by the next pass.
+  const int64_t limit = Outstanding() < settings.most_outstanding
+                            ? Nanoseconds(settings.limit)
+                            : std::min(Nanoseconds(settings.limit), 5 * patience);
   Answer *answers = batch->Answers();
   // With the limit reached, the batch still gets one child: its mounts may all be healthy.
   int error = 0;

@@ -202,7 +202,13 @@ void MarkUnpublished(Object &object, bool unpublished, bool unserved) {
   TheRegistry().unpublished += waits();
 }
 
-// One line when files begin to fail, one when none is left over.
+bool AnyPublished() {
+  const Registry &r = TheRegistry();
+  return std::any_of(r.by_id.begin(), r.by_id.end(),
+                     [](const auto &entry) { return entry.second->served != nullptr; });
+}
+
+// One line when files begin to fail, one when none is left over. relative: "" for the root itself.
 void ReportFiles(const std::string &relative, const char *problem) {
   Registry &r = TheRegistry();
   bool failing = r.stale != 0 || r.root_failed;
@@ -214,10 +220,10 @@ void ReportFiles(const std::string &relative, const char *problem) {
   }
   r.files_reported = failing;
   if (failing) {
-    agentlog_fprintf(stderr,
-                     "%s: Can't write registry file %s/%s: %s (values are served; trying again)\n",
-                     AgentName(), r.root.c_str(), relative.c_str(), problem);
-  } else {
+    agentlog_fprintf(
+        stderr, "%s: Can't write registry file %s%s%s: %s (values are served; trying again)\n",
+        AgentName(), r.root.c_str(), relative.empty() ? "" : "/", relative.c_str(), problem);
+  } else if (AnyPublished()) {  // at the end there is nothing to write
     agentlog_fprintf(stderr, "%s: Registry files are written again\n", AgentName());
   }
 }
@@ -438,14 +444,17 @@ void WriteAgain(bool renewed) {
     if (object->served == nullptr || object->unpublished) {
       continue;
     }
+    bool was_lost = false;
     if (!object->stale) {
       if (CheckFile(*object, directories, turn.Takes(id)) != FileState::kLost) {
         continue;
       }
-      lost++;
-      first_lost = first_lost == nullptr ? object : first_lost;
+      was_lost = true;
     }
-    if (!WriteFile(*object) && failed == nullptr) {
+    if (WriteFile(*object)) {
+      lost += was_lost ? 1 : 0;
+      first_lost = was_lost && first_lost == nullptr ? object : first_lost;
+    } else if (failed == nullptr) {
       failed = object;
       error = errno;
     }
@@ -466,10 +475,7 @@ void MakeGood() {
   Registry &r = TheRegistry();
   PublishAgain();
   FinishDeletions();
-  const bool published = std::any_of(r.by_id.begin(), r.by_id.end(), [](const auto &entry) {
-    return entry.second->served != nullptr;
-  });
-  if (!published) {
+  if (!AnyPublished()) {
     // The directories may go, too: nothing makes them again.
     r.root_failed = false;
     ReportFiles("", "");

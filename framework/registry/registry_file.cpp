@@ -136,18 +136,14 @@ void ListDirectory(int parent, const char *name, const std::string &prefix, int 
 
 }  // namespace
 
-std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view root) {
-  const std::optional<std::string> relative = ResolveObjectName(name, root);
-  if (!relative) {
-    return std::nullopt;
-  }
-  Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
-  if (!root_fd) {
-    return std::nullopt;
-  }
+namespace {
+
+// The newest complete state in a file that `read` reads once more at each call.
+template <typename Reader>
+std::optional<FileObject> ReadSettled(const Reader &read) {
   std::vector<uint8_t> before;
   for (int attempt = 1;; attempt++) {
-    std::optional<std::vector<uint8_t>> file = ReadWhole(root_fd.get(), *relative);
+    std::optional<std::vector<uint8_t>> file = read();
     if (!file) {
       return std::nullopt;
     }
@@ -164,6 +160,80 @@ std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view
       nanosleep(&pause, nullptr);
     }
   }
+}
+
+// One object of an open directory. Nearly every one is small and whole at the first read; else it
+// is read again as any other.
+std::optional<FileObject> ReadEntry(int directory, const std::string &name,
+                                    std::vector<uint8_t> *buffer, bool *is_object) {
+  constexpr size_t kUsual = 4096;
+  *is_object = true;
+  buffer->resize(kUsual);
+  {
+    const Descriptor fd(
+        openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const ssize_t got = fd ? read(fd.get(), buffer->data(), kUsual) : -1;
+    if (!fd) {
+      // Gone since the directory was read, or a link: neither is an object of ours.
+      *is_object = errno != ENOENT && errno != ELOOP;
+      return std::nullopt;
+    }
+    buffer->resize(got > 0 ? static_cast<size_t>(got) : 0);
+  }
+  *is_object =
+      buffer->size() >= sizeof(kMagic) && memcmp(buffer->data(), kMagic, sizeof(kMagic)) == 0;
+  if (*is_object && buffer->size() < kUsual) {
+    bool torn = false;
+    std::optional<FileObject> object = ParseObjectFile(*buffer, &torn);
+    if (object && !torn) {
+      return object;
+    }
+  }
+  return *is_object ? ReadSettled([&] { return ReadWhole(directory, name); }) : std::nullopt;
+}
+
+}  // namespace
+
+std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view root) {
+  const std::optional<std::string> relative = ResolveObjectName(name, root);
+  if (!relative) {
+    return std::nullopt;
+  }
+  const Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
+  if (!root_fd) {
+    return std::nullopt;
+  }
+  return ReadSettled([&] { return ReadWhole(root_fd.get(), *relative); });
+}
+
+std::vector<NamedFile> ReadObjectsOf(std::string_view directory, std::string_view root) {
+  std::vector<NamedFile> found;
+  const Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
+  Descriptor fd(root_fd ? OpenBeneath(root_fd.get(), std::string(directory), kReadDirectory) : -1);
+  DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
+  if (dir == nullptr) {
+    return found;
+  }
+  const int dir_fd = fd.Release();
+  std::vector<std::string> names;
+  while (const dirent *entry = readdir(dir)) {
+    if (entry->d_name[0] != '.' && (entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN)) {
+      names.emplace_back(entry->d_name);
+    }
+  }
+  std::sort(names.begin(), names.end(), NaturalLess);
+  found.reserve(names.size());
+  std::vector<uint8_t> buffer;
+  const std::string prefix = std::string(directory) + "/";
+  for (const std::string &name : names) {
+    bool is_object = false;
+    std::optional<FileObject> object = ReadEntry(dir_fd, name, &buffer, &is_object);
+    if (is_object) {
+      found.push_back({prefix + name, std::move(object)});
+    }
+  }
+  closedir(dir);
+  return found;
 }
 
 std::vector<std::string> ListObjects(std::string_view root) {

@@ -83,6 +83,18 @@ class ObjectFileWriter {
 // when there is none) or -1 with errno.
 int RemoveObjectFile(const std::string &relative, const std::string &root = kRegistryRoot);
 
+// An object's name from the root, and its newest complete state; none when the file is damaged or
+// may not be read.
+struct NamedFile {
+  std::string name;
+  std::optional<FileObject> object;
+};
+// Reads the objects that stand in one directory itself ("host"), in the order of ListObjects(): for
+// thousands of them a small part of what ListObjects() and ReadObjectFile() cost. Empty when there
+// is no such directory.
+std::vector<NamedFile> ReadObjectsOf(std::string_view directory,
+                                     std::string_view root = kRegistryRoot);
+
 // Names of all object files below the root (relative, sorted by name with numbers by value);
 // temporary files of writers are left out.
 std::vector<std::string> ListObjects(std::string_view root = kRegistryRoot);

@@ -299,10 +299,18 @@ void AgentxSession::Connect() {
     }
   }
   if (transport == nullptr) {
+    const int error = errno;
     if (said_ == Said::kNothing) {
       said_ = Said::kDown;
       agentlog_fprintf(stderr, "Info: no master agent at %s yet\n", settings_.target.c_str());
     }
+    // Somebody may listen there all the same.
+    const bool nobody = error == ENOENT || error == ECONNREFUSED;
+    if (!nobody && error != said_error_) {
+      agentlog_fprintf(stderr, "Can't connect to the master agent at %s: %s (trying again)\n",
+                       settings_.target.c_str(), strerror(error));
+    }
+    said_error_ = nobody ? 0 : error;
     RetryLater(kLastRetry);
     return;
   }

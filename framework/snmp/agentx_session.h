@@ -175,6 +175,7 @@ class AgentxSession {
   Clock::time_point next_ping_;
   Clock::time_point next_registration_;
   enum class Said { kNothing, kUp, kDown } said_ = Said::kNothing;
+  int said_error_ = 0;  // of connecting; 0: none, or nobody listens
   bool said_duplicate_ = false;
   bool said_refused_ = false;  // an Open
   bool refused_ = false;       // the last one

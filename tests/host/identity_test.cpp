@@ -234,6 +234,45 @@ TEST(Identity, RoleFilesOutliveTheAgentsObjects) {
   EXPECT_EQ(host.Get("tlxHoSystemRoleDetail"), "STRING: \"kept too\"");
 }
 
+// The agent's registry was not mounted yet when it started.
+TEST(Identity, TellsOfARoleThatAppearsAfterTheStart) {
+  MadeUpHost host;
+  host.Start();
+  ASSERT_EQ(rename("/var/spool/quorix/kelmo", "/var/spool/quorix/early"), 0);
+  host.File(kRoleFile, "web");
+  ASSERT_TRUE(host.daemon.Poll());
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.Get("tlxHoSystemRole"), "\"\"");
+  EXPECT_EQ(ReadFile(kRoleFile), "web");
+  EXPECT_EQ(host.daemon.Count("has another value than the one that is served"), 1U)
+      << host.daemon.Log();
+}
+
+TEST(Identity, RemovesWhatAKilledAgentLeftBesideItsFiles) {
+  MadeUpHost host;
+  const std::string directory = std::string(MadeUpHost::kRegistry) + "/";
+  for (const char *name : {".tlxhosystemrole.dat.new", ".tlxhosystemrole.dat.new.3",
+                           ".tlxhosystemroledetail.dat.new.9", ".tlxhoguid.dat.new.1"}) {
+    host.File(directory + name, "half");
+  }
+  host.Start();
+  for (const std::string &name : ListDirectory(directory)) {
+    EXPECT_EQ(name.find(".new"), std::string::npos) << name;
+  }
+}
+
+TEST(Identity, SaysOnceThatADirectoryIsInTheRolesPlace) {
+  MadeUpHost host;
+  host.Start();
+  host.Remove(kRoleFile);
+  host.Directory(kRoleFile);
+  EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "new"), "noError");
+  EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "new"), "noError");
+  EXPECT_EQ(host.Get("tlxHoSystemRole"), "\"\"");
+  EXPECT_EQ(host.daemon.Count("tlxhosystemrole.dat not used: it is no plain file"), 1U)
+      << host.daemon.Log();
+}
+
 // ---- Sets -------------------------------------------------------------------------------------
 
 TEST(Identity, SetsRoles) {

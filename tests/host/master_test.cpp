@@ -188,6 +188,15 @@ TEST(Master, IsLoggedWhenItChanges) {
   EXPECT_EQ(host.daemon.Count("master agent"), 3U) << host.daemon.Log();
 }
 
+TEST(Master, CannotBeConnectedToForAnotherReasonThanThatNobodyListens) {
+  MadeUpHost host;
+  host.File("/etc/snmp/vexhostd.conf", "agentXSocket /" + std::string(150, 'a') + "\n");
+  host.StartTestAgent({"plain"}, false);
+  EXPECT_TRUE(host.daemon.WaitLog("Can't connect to the master agent at /aaa"));
+  Pause(1);
+  EXPECT_EQ(host.daemon.Count("File name too long (trying again)"), 1U) << host.daemon.Log();
+}
+
 TEST(Master, RestartsDuringAPollThatHangs) {
   MadeUpHost host;
   host.Start();

@@ -299,7 +299,11 @@ TEST_F(Lost, ARootThatIsReplacedByOneWithKeptFiles) {
   ASSERT_EQ(rename("/var/spool/quorix/kelmo", "/var/spool/quorix/old"), 0);
   host_.File(PathOf("tlxhosystemrole.dat"), "another", 0600);
   ASSERT_TRUE(host_.daemon.Poll());
+  ASSERT_TRUE(host_.daemon.Poll());
   EXPECT_EQ(ReadFile(PathOf("tlxhosystemrole.dat")), "another");
+  EXPECT_EQ(
+      host_.daemon.Count("/tlxhosystemrole.dat has another value than the one that is served"), 1U);
+  EXPECT_EQ(host_.daemon.Count("has another value"), 1U) << host_.daemon.Log();
   EXPECT_EQ(ReadFile(PathOf("tlxhoguid.dat")), guid_);
 }
 

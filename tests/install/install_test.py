@@ -75,7 +75,9 @@ class Places(Work):
         self.assertEqual({path.split("/")[0] for path in paths},
                          {"libexec", "tools", "lib64", "conf", "man", "data", "inc", "lib"})
         self.assertEqual([path for path in tree(top + "/lib")],
-                         ["systemd", "systemd/system", "systemd/system/vexhostd.service"])
+                         ["systemd", "systemd/system", "systemd/system/vexhostd-export.service",
+                          "systemd/system/vexhostd-export.timer",
+                          "systemd/system/vexhostd.service"])
         self.assertEqual(os.listdir(stage), ["srv"])
         self.assertEqual(mode(top + "/conf/snmp/vexhostd.conf"), 0o640)
 
@@ -83,6 +85,8 @@ class Places(Work):
         self.assertIn(f"\nExecStart={prefix}/libexec/agents/vexhostd -i\n", unit)
         self.assertIn(f"\nEnvironment=SNMPCONFPATH={prefix}/conf/snmp:", unit)
         self.assertNotIn("@", re.sub(r"@[a-z-]+", "", unit))
+        export = self.read(top + "/lib/systemd/system/vexhostd-export.service")
+        self.assertIn(f"\nExecStart={prefix}/tools/bin/vexreg export ", export)
         pc = self.read(top + "/data/pkgconfig/vexhostd.pc")
         self.assertIn(f"\nlibdir={prefix}/lib64/private/vexhostd\n", pc)
         self.assertIn(f"\nincludedir={prefix}/inc\n", pc)
@@ -198,6 +202,7 @@ class Refusals(Work):
     def test_missing_libraries_are_named_with_their_packages(self):
         for option, package in (("VEX_FOUND_net_snmp_HEADER=", "libsnmp-dev"),
                                 ("VEX_FOUND_net_snmp_netsnmpagent=", "libsnmp-dev"),
+                                ("VEX_FOUND_ncurses_tinfo=", "libncurses-dev"),
                                 ("CMAKE_DISABLE_FIND_PACKAGE_CLI11=ON", "libcli11-dev"),
                                 ("CMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON", "nlohmann-json3-dev"),
                                 ("SMIDUMP=", "smitools"),

@@ -88,6 +88,14 @@ class Files(unittest.TestCase):
                   if os.path.exists(path)]
         with open(path, encoding="utf-8") as unit:
             self.assertIn("\nExecStart=/usr/sbin/vexhostd ", unit.read())
+        # What nobody has asked for is there, and neither started nor enabled by the package.
+        for name in ("service", "timer"):
+            self.assertTrue(os.path.isfile(f"{os.path.dirname(path)}/vexhostd-export.{name}"))
+        scripts = subprocess.run(["dpkg-deb", "-I", package("vexhostd"), "postinst"], check=True,
+                                 stdout=subprocess.PIPE, text=True).stdout
+        # Enabled again is what an administrator had enabled.
+        self.assertIn("debian-installed 'vexhostd-export.timer'", scripts)
+        self.assertNotRegex(scripts, r"deb-systemd-invoke.*vexhostd-export")
 
     def test_dpkg_gets_a_hook_that_goes_with_the_package(self):
         # A link, and so no conffile, which would stay after a removal.

@@ -72,6 +72,16 @@ class Unit(Installed):
     def test_systemd_has_nothing_to_say(self):
         self.assertEqual(self.verify(), (0, ""))
 
+    def test_nor_of_what_writes_for_node_exporter(self):
+        for kind in ("service", "timer"):
+            path = self.path.replace("vexhostd.service", f"vexhostd-export.{kind}")
+            run = analyze("verify", path, MANPATH=self.prefix + "/share/man")
+            self.assertEqual((run.returncode, run.stdout), (0, ""))
+            with open(path, encoding="utf-8") as file:
+                unit = dict(assignments(file.read()))
+            if kind == "service":
+                self.assertTrue(unit["ExecStart"].startswith(self.prefix + "/bin/vexreg export "))
+
     def test_and_would_say_it(self):
         for bad in (self.unit.replace("UMask=", "Umask="),
                     self.unit.replace("/sbin/vexhostd", "/sbin/vexhost"),

@@ -51,7 +51,8 @@ Style ChooseStyle(bool raw, ColourChoice choice) {
   style.words = !raw;
   style.colour = always || (choice == ColourChoice::kAuto && able && !raw && !IsSet("NO_COLOR"));
   style.bars = !raw && (always || able);
-  style.blocks = style.bars && HasUtf8();
+  style.utf8 = HasUtf8();
+  style.blocks = style.bars && style.utf8;
   return style;
 }
 

@@ -23,6 +23,7 @@ struct View {
   bool raw = false;   // numbers as they are
   bool json = false;  // for programs
   ColourChoice colour = ColourChoice::kAuto;
+  double interval = 2;  // seconds between looks of a live view
 };
 
 // Reads the objects that the selection stands for, and complains of names that stand for nothing.
@@ -35,6 +36,8 @@ int Show(const Selection &selection, const View &view, const Arrangement &arrang
 // Looks for what keeps the agent from being seen, one line for each check. kFailed when something
 // needs to be done, or when it is not done within so many seconds.
 int Doctor(const std::string &root, const View &view, int most_seconds);
+// A view of the whole screen on a terminal that can have one, else a line for each change, until a
+// signal or a key ends it.
 int Watch(const Selection &selection, const View &view);
 // OpenMetrics text of what is published, on standard output or as a file that is written whole.
 int Export(const std::string &root, const std::optional<std::string> &file);

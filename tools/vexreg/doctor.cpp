@@ -70,8 +70,8 @@ std::string PublishedOctets(const FileObject &object, std::string_view name) {
 
 class Examination {
  public:
-  Examination(std::string root, int width, bool json)
-      : root_(std::move(root)), width_(width), json_(json) {}
+  Examination(std::string root, int width, bool colour, bool json)
+      : root_(std::move(root)), width_(width), colour_(colour), json_(json) {}
 
   int Run() {
     LookAtProcesses();
@@ -94,7 +94,8 @@ class Examination {
   void Say(const Finding &finding) {
     failed_ = failed_ || finding.verdict == Verdict::kFail;
     // At once: whoever waits for this process may give up at the next check.
-    std::cout << (json_ ? "  " + FindingJson(finding) + ",\n" : RenderFinding(finding, width_))
+    std::cout << (json_ ? "  " + FindingJson(finding) + ",\n"
+                        : RenderFinding(finding, width_, colour_))
               << std::flush;
   }
 
@@ -389,6 +390,7 @@ class Examination {
 
   std::string root_;
   int width_;
+  bool colour_;
   bool json_;
   bool failed_ = false;
   bool hidden_ = false;
@@ -404,19 +406,21 @@ class Examination {
 }  // namespace
 
 int Doctor(const std::string &root, const View &view, int most_seconds) {
-  const int columns = view.width.value_or(TerminalWidth());  // of this process's output
+  // Of this process's output: the examination's goes to a pipe.
+  const int columns = view.width.value_or(TerminalWidth());
+  const bool colour = ChooseStyle(false, view.colour).colour;
   if (view.json) {
     std::cout << "[\n" << std::flush;
   }
   const auto status =
-      DoWithin(most_seconds, [&] { return Examination(root, columns, view.json).Run(); });
+      DoWithin(most_seconds, [&] { return Examination(root, columns, colour, view.json).Run(); });
   const Finding last =
       status ? Finding{Verdict::kOk, "all checks were made"} : JudgeSilence(most_seconds);
   if (view.json) {
     // The last one comes from this process in any case: it knows that no other follows.
     std::cout << "  " << FindingJson(last) << "\n]\n";
   } else if (!status) {
-    std::cout << RenderFinding(last, columns);
+    std::cout << RenderFinding(last, columns, colour);
   }
   return FinishOutput(status.value_or(kFailed));
 }

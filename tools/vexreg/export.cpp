@@ -12,23 +12,27 @@
 namespace vex {
 namespace {
 
-constexpr char kOwnObjects[] = "host/*";
+constexpr char kOwnDirectory[] = "host";
 constexpr mode_t kMode = 0644;  // collectors run as other users
 
 }  // namespace
 
 int Export(const std::string &root, const std::optional<std::string> &file) {
-  const Found found = FindObjects({root, {kOwnObjects}});
   int status = kDone;
-  for (const std::string &name : found.damaged) {
-    Complain(name + ": damaged, left out");
+  std::vector<NamedObject> objects;
+  for (NamedFile &one : ReadObjectsOf(kOwnDirectory, root)) {
+    if (one.object) {
+      objects.push_back({std::move(one.name), std::move(*one.object)});
+    } else {
+      Complain(one.name + ": damaged, or not for this user to read; left out");
+    }
   }
-  if (found.objects.empty()) {
+  if (objects.empty()) {
     // Without a sample all the same: what was written before is not true any more.
     status = kFailed;
     Complain(WhyNothing(root));
   }
-  const std::string text = OpenMetrics(found.objects);
+  const std::string text = OpenMetrics(objects);
   if (!file) {
     std::cout << text;
     return FinishOutput(status);

@@ -197,17 +197,17 @@ Finding JudgeReceivers(size_t receivers) {
 
 std::optional<Finding> JudgeDefaultCommunity(
     const std::vector<std::pair<std::string, std::string>> &master_lines) {
-  const std::string where = "default community: ";
   for (const auto &[token, line] : master_lines) {
     const std::string community = CommunityOfLine(token, line);
     const std::string source = SourceOfLine(token, line);
     const bool own = source.empty() || source.starts_with("127.") || source == "localhost" ||
                      source == "::1" || source == "[::1]";
     if (!own && (community == "public" || community == "private")) {
+      std::string text = "default community: ";
+      text.append("snmpd.conf lets \"").append(community).append("\" in from ");
+      text += source == "default" ? "anywhere" : "other machines (" + source + ")";
       return Note(
-          where + "snmpd.conf lets \"" + community + "\" in from " +
-          (source == "default" ? "anywhere" : "other machines (" + source + ")") +
-          ", which everybody tries first. Give stations one of their own, or SNMPv3 users.");
+          text + ", which everybody tries first. Give stations one of their own, or SNMPv3 users.");
     }
   }
   return std::nullopt;
@@ -474,8 +474,12 @@ Finding JudgeSilence(int seconds) {
               "path; vexreg(1) lists the checks in their order.");
 }
 
-std::string RenderFinding(const Finding &finding, int width) {
+std::string RenderFinding(const Finding &finding, int width, bool colour) {
   constexpr const char *kMarks[] = {"ok    ", "note  ", "FAIL  "};
+  constexpr const char *kColours[] = {"\x1b[32m", "\x1b[33m", "\x1b[1;31m"};
+  const auto verdict = static_cast<size_t>(finding.verdict);
+  const std::string mark =
+      colour ? kColours[verdict] + std::string(kMarks[verdict]) + "\x1b[0m" : kMarks[verdict];
   // Paths and names come from files; nothing of them may steer a terminal.
   const std::string plain = Printable(finding.text);
   std::string text;
@@ -483,8 +487,7 @@ std::string RenderFinding(const Finding &finding, int width) {
       width > 0 ? WrapText(plain, std::max(width - kIndent, kNarrowest))
                 : std::vector<std::string>{plain};
   for (const std::string &line : lines) {
-    text += (text.empty() ? kMarks[static_cast<int>(finding.verdict)] : std::string(kIndent, ' ')) +
-            line + "\n";
+    text += (text.empty() ? mark : std::string(kIndent, ' ')) + line + "\n";
   }
   return text;
 }

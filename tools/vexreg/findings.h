@@ -128,8 +128,9 @@ Finding JudgeSilence(int seconds);
 // "3 s", "5 min", "2 h", "4 days".
 std::string AgeText(int64_t seconds);
 
-// The lines of a finding: its verdict, and the text wrapped to the width (0: not at all).
-std::string RenderFinding(const Finding &finding, int width);
+// The lines of a finding: its verdict, with colour where that is wanted, and the text wrapped to
+// the width (0: not at all).
+std::string RenderFinding(const Finding &finding, int width, bool colour = false);
 
 }  // namespace vex
 

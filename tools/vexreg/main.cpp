@@ -25,7 +25,12 @@ constexpr char kShowNotes[] =
     "  vexreg show cpu\n"
     "  vexreg show filesys --sort -PercentSpaceUsed --columns +Published\n"
     "  vexreg show tlxHoMibCondition --json";
-constexpr char kWatchNotes[] = "Example: vexreg watch memory cpu";
+constexpr char kWatchNotes[] =
+    "On a terminal, a view of the whole screen; ? tells its keys, q or Ctrl-C ends\n"
+    "it. In a pipe, a line for each change.\n"
+    "Examples:\n"
+    "  vexreg watch\n"
+    "  vexreg watch memory cpu >changes";
 constexpr char kPutNotes[] =
     "VAR is one of\n"
     "  int:N          an integer from -2147483648 to 2147483647\n"
@@ -37,7 +42,6 @@ constexpr char kRmNotes[] = "Example: vexreg rm example/one";
 constexpr char kDoctorNotes[] =
     "One line for each check: ok; note: worth knowing, nothing to do; FAIL: what is\n"
     "wrong and what to do next. Run it as root: others may not see all of it.\n"
-    "Exit status: 0 when all is well; 1 when something fails; 2 for wrong usage.\n"
     "Example: sudo vexreg doctor";
 constexpr char kExportNotes[] =
     "A value that is not known has no sample. FILE is written whole or not at all.\n"
@@ -109,11 +113,7 @@ void AddObjects(CLI::App *to, Arguments *arguments) {
       ->type_name("");
 }
 
-void AddView(CLI::App *to, Arguments *arguments, const char *json) {
-  AddObjects(to, arguments);
-  AddWidth(to, arguments);
-  AddJson(to, arguments, json);
-  to->add_flag("--raw", arguments->view.raw, "Numbers as they are, without words and units");
+void AddColour(CLI::App *to, Arguments *arguments) {
   to->add_option_function<std::string>(
         "--color",
         [arguments](const std::string &word) {
@@ -123,6 +123,14 @@ void AddView(CLI::App *to, Arguments *arguments, const char *json) {
         },
         "Colours; auto: on a terminal")
       ->type_name("auto|always|never");
+}
+
+void AddView(CLI::App *to, Arguments *arguments, const char *json) {
+  AddObjects(to, arguments);
+  AddWidth(to, arguments);
+  AddJson(to, arguments, json);
+  to->add_flag("--raw", arguments->view.raw, "Numbers as they are, without words and units");
+  AddColour(to, arguments);
 }
 
 }  // namespace
@@ -159,6 +167,10 @@ int main(int argc, char **argv) {
   CLI::App *watch = AddCommand(&app, "watch",
                                "Keeps a live view; prints changes without a terminal", kWatchNotes);
   AddView(watch, &arguments, "Each change as a line of JSON, also on a terminal");
+  watch->add_option("--interval", arguments.view.interval, "Seconds between looks on a terminal")
+      ->type_name("N")
+      ->check(CLI::Range(0.1, 3600.0).description(""))
+      ->capture_default_str();
 
   CLI::App *put = AddCommand(&app, "put", "Publishes an object as an agent would", kPutNotes);
   put->add_option("OBJECT", arguments.object, "The object's name")->required()->type_name("");
@@ -171,6 +183,7 @@ int main(int argc, char **argv) {
   CLI::App *doctor = AddCommand(
       &app, "doctor", "Checks what usually keeps the agent from being seen", kDoctorNotes);
   AddWidth(doctor, &arguments);
+  AddColour(doctor, &arguments);
   AddJson(doctor, &arguments, "An array of objects with state, check and message");
   doctor
       ->add_option("--limit", arguments.most_seconds,

@@ -36,6 +36,26 @@ bool IsPattern(std::string_view name) {
   return name.find_first_of("*?[") != std::string_view::npos;
 }
 
+// The objects among the names that a pattern, a group or a short name stands for.
+std::vector<std::string> NamesOf(const std::string &path, bool has_directory,
+                                 const std::vector<std::string> &names) {
+  std::vector<std::string> all;
+  std::vector<std::string> own;
+  const bool pattern = IsPattern(path);
+  for (const std::string &name : names) {
+    const std::string base(has_directory ? std::string_view(name) : BaseName(name));
+    const bool fits = pattern ? fnmatch(path.c_str(), base.c_str(), FNM_PATHNAME) == 0
+                              : base == path || GroupOf(base) == path;
+    if (fits) {
+      all.push_back(name);
+      if (DirectoryName(name) == kOwnDirectory) {
+        own.push_back(name);
+      }
+    }
+  }
+  return pattern || own.empty() ? all : own;
+}
+
 // Looks names up in a registry, which is listed once at most.
 class Search {
  public:
@@ -76,7 +96,7 @@ class Search {
     }
     const bool has_directory = given.find('/') != std::string::npos;
     const std::vector<std::string> names =
-        path ? NamesOf(*path, has_directory) : std::vector<std::string>();
+        path ? NamesOf(*path, has_directory, Names()) : std::vector<std::string>();
     if (!names.empty()) {
       AddAll(names, nullptr);
       return;
@@ -89,25 +109,6 @@ class Search {
   bool IsDirectory(const std::string &name) const {
     const Descriptor root(OpenRegistryRoot(root_, false));
     return root && Descriptor(OpenBeneath(root.get(), name, O_PATH | O_DIRECTORY));
-  }
-
-  // The objects that a pattern, a group or a short name stands for.
-  std::vector<std::string> NamesOf(const std::string &path, bool has_directory) {
-    std::vector<std::string> all;
-    std::vector<std::string> own;
-    const bool pattern = IsPattern(path);
-    for (const std::string &name : Names()) {
-      const std::string base(has_directory ? std::string_view(name) : BaseName(name));
-      const bool fits = pattern ? fnmatch(path.c_str(), base.c_str(), FNM_PATHNAME) == 0
-                                : base == path || GroupOf(base) == path;
-      if (fits) {
-        all.push_back(name);
-        if (DirectoryName(name) == kOwnDirectory) {
-          own.push_back(name);
-        }
-      }
-    }
-    return pattern || own.empty() ? all : own;
   }
 
   void AddAll(const std::vector<std::string> &names, const std::string *variable) {
@@ -205,6 +206,18 @@ class Nearest {
 
 Found FindObjects(const Selection &selection) {
   return Search(selection).Take();
+}
+
+std::vector<std::string> NamesFor(const std::string &given, const std::string &root,
+                                  const std::vector<std::string> &names) {
+  const auto path = ResolveObjectName(given, root);
+  if (!path) {
+    return {};
+  }
+  if (std::find(names.begin(), names.end(), *path) != names.end()) {
+    return {*path};
+  }
+  return NamesOf(*path, given.find('/') != std::string::npos, names);
 }
 
 size_t EditDistance(std::string_view a, std::string_view b, size_t most) {

@@ -34,6 +34,11 @@ struct Found {
 // Objects that vanish meanwhile are left out.
 Found FindObjects(const Selection &selection);
 
+// The objects among these that a name stands for, by its text alone: as above, variables aside.
+// names: from the root.
+std::vector<std::string> NamesFor(const std::string &given, const std::string &root,
+                                  const std::vector<std::string> &names);
+
 // The name among the objects, their groups and the variables that was most likely meant; empty when
 // none is near. objects: names from the root.
 std::string NearestName(std::string_view given, const std::vector<std::string> &objects);

@@ -85,10 +85,15 @@ std::string LabelText(const FileObject &object, std::string_view name) {
 }
 
 void AddScaled(MetricFamily *family, const FileObject &object, std::string_view name, Scale scale,
-               const MetricLabels &labels = {}) {
+               const std::string &labels) {
   if (const auto value = KnownInteger(object, name)) {
-    family->Add(labels, *value * scale.factor / scale.divisor);
+    family->AddLabelled(labels, *value * scale.factor / scale.divisor);
   }
+}
+
+void AddScaled(MetricFamily *family, const FileObject &object, std::string_view name, Scale scale,
+               const MetricLabels &labels = {}) {
+  AddScaled(family, object, name, scale, LabelsText(labels));
 }
 
 struct Window {
@@ -221,7 +226,8 @@ class Exposition {
         directory = TextOf(*mount->second, "tlxHoMountDirectory");
         type = TextOf(*mount->second, "tlxHoMountType");
       }
-      const MetricLabels labels = {{"device", device}, {"mountpoint", directory}, {"fstype", type}};
+      const std::string labels =
+          LabelsText({{"device", device}, {"mountpoint", directory}, {"fstype", type}});
       AddScaled(&size, object, "tlxHoFileSysSpaceTotal", kMegabytes, labels);
       AddScaled(&used, object, "tlxHoFileSysSpaceUsed", kMegabytes, labels);
       AddScaled(&inodes, object, "tlxHoFileSysAllocUnitsTotal", kOnes, labels);
@@ -229,7 +235,7 @@ class Exposition {
       const auto is_readonly =
           mount != mounts.end() ? KnownInteger(*mount->second, "tlxHoMountReadOnly") : std::nullopt;
       if (is_readonly) {
-        readonly.Add(labels, *is_readonly == kTrue ? 1 : 0);
+        readonly.AddLabelled(labels, *is_readonly == kTrue ? 1 : 0);
       }
     }
     for (const MetricFamily *family : {&size, &used, &inodes, &inodes_used, &readonly}) {
@@ -351,16 +357,24 @@ MetricFamily::MetricFamily(std::string name, std::string_view unit, std::string_
   head_ += "# HELP " + name_ + " " + Escaped(help) + "\n";
 }
 
-void MetricFamily::Add(const MetricLabels &labels, double value) {
-  std::string line = name_;
+std::string LabelsText(const MetricLabels &labels) {
+  std::string text;
   for (size_t i = 0; i < labels.size(); i++) {
-    line += i == 0 ? "{" : ",";
-    line += labels[i].first;
-    line += "=\"" + Escaped(labels[i].second) + "\"";
+    text += i == 0 ? "{" : ",";
+    text += labels[i].first;
+    text += "=\"" + Escaped(labels[i].second) + "\"";
   }
-  line += labels.empty() ? "" : "}";
-  if (seen_.insert(line).second) {
-    samples_ += line + " " + Number(value) + "\n";
+  text += labels.empty() ? "" : "}";
+  return text;
+}
+
+void MetricFamily::AddLabelled(const std::string &labels, double value) {
+  if (seen_.insert(labels).second) {
+    samples_ += name_;
+    samples_ += labels;
+    samples_ += ' ';
+    samples_ += Number(value);
+    samples_ += '\n';
   }
 }
 

@@ -2,9 +2,9 @@
 #ifndef VEX_TOOLS_VEXREG_OPEN_METRICS_H
 #define VEX_TOOLS_VEXREG_OPEN_METRICS_H
 
-#include <set>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -15,13 +15,20 @@ namespace vex {
 // Name and value; values are bytes as an object has them.
 using MetricLabels = std::vector<std::pair<std::string_view, std::string>>;
 
+// The labels as they stand in a sample, braces included; empty without any.
+std::string LabelsText(const MetricLabels &labels);
+
 // One metric family: a gauge with its samples.
 class MetricFamily {
  public:
   // unit: the name's last part, or empty.
   MetricFamily(std::string name, std::string_view unit, std::string_view help);
   // Another sample; one with the same labels stands already and remains.
-  void Add(const MetricLabels &labels, double value);
+  void Add(const MetricLabels &labels, double value) {
+    AddLabelled(LabelsText(labels), value);
+  }
+  // The same with what LabelsText() gave: for labels that several families share.
+  void AddLabelled(const std::string &labels, double value);
   // Its lines; empty without a sample.
   std::string Text() const;
 
@@ -29,7 +36,7 @@ class MetricFamily {
   std::string name_;
   std::string head_;
   std::string samples_;
-  std::set<std::string> seen_;
+  std::unordered_set<std::string> seen_;
 };
 
 // The metrics of the Host Agent's objects among these, up to "# EOF". Bytes, seconds and ratios;

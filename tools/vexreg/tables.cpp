@@ -36,16 +36,6 @@ std::string Paint(std::string_view text, const char *colour, const Style &style)
   return "\x1b[" + std::string(colour) + "m" + std::string(text) + "\x1b[0m";
 }
 
-std::string Bar(int percent, int width, const Style &style) {
-  const int full = (percent * width + 50) / 100;
-  std::string bar;
-  for (int i = 0; i < width; i++) {
-    const bool filled = i < full || (i == 0 && percent > 0);
-    bar += style.blocks ? (filled ? "\u2588" : "\u2591") : (filled ? "#" : ".");
-  }
-  return bar;
-}
-
 struct Character {
   char32_t code;
   size_t length;  // in UTF-8
@@ -199,7 +189,7 @@ std::vector<std::string> ListLines(const Shown &shown, int width, const Style &s
     std::string text = shown.text;
     const bool has_room = DisplayWidth(text) + 1 + kBarWidths[0] <= width;
     if (style.bars && shown.percent && has_room) {
-      text += " " + Bar(*shown.percent, kBarWidths[0], style);
+      text += " " + BarText(*shown.percent, kBarWidths[0], style.blocks);
     }
     add(text, ColourOf(shown.mood));
   }
@@ -306,7 +296,7 @@ Column MakeColumn(const std::vector<const NamedObject *> &rows, size_t slot, con
     labels = labels || (shown.mood != Mood::kFaint && !shown.text.empty() &&
                         shown.text.find_first_of("0123456789?") == std::string::npos);
     if (shown.percent && bar_width > 0) {
-      shown.text += " " + Bar(*shown.percent, bar_width, style);
+      shown.text += " " + BarText(*shown.percent, bar_width, style.blocks);
     }
     column.cells.push_back(shown.text);
     column.moods.push_back(shown.mood);
@@ -555,6 +545,16 @@ std::vector<std::string_view> HeadingWords(std::string_view name) {
   }
   words.push_back(name.substr(start));
   return words;
+}
+
+std::string BarText(int percent, int width, bool blocks) {
+  const int full = (percent * width + 50) / 100;
+  std::string bar;
+  for (int i = 0; i < width; i++) {
+    const bool filled = i < full || (i == 0 && percent > 0);
+    bar += blocks ? (filled ? "\u2588" : "\u2591") : (filled ? "#" : ".");
+  }
+  return bar;
 }
 
 std::optional<std::string> DateText(std::string_view octets) {

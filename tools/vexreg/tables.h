@@ -22,6 +22,7 @@ struct Style {
   bool colour = false;      // escape sequences of a terminal
   bool bars = false;        // behind percentages, where there is room
   bool blocks = false;      // bars of U+2588 and U+2591; else of ASCII
+  bool utf8 = false;        // the reader's locale has more than ASCII
   bool keep_order = false;  // of the variables; else columns of long text come last
 };
 
@@ -69,6 +70,10 @@ std::optional<std::string> DateText(std::string_view octets);
 // The canonical form of a GUID of 16 octets, whose first three fields are little-endian.
 inline constexpr size_t kGuidSize = 16;
 std::string GuidText(std::string_view octets);
+
+// A bar of so many columns, as full as the percentage; anything above 0 shows. blocks: of U+2588
+// and U+2591, else of ASCII.
+std::string BarText(int percent, int width, bool blocks);
 
 // The columns that the text takes on a terminal.
 int DisplayWidth(std::string_view text);

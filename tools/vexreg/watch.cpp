@@ -1,9 +1,6 @@
-// vexreg watch: tables that follow the objects on a terminal, one line for each change elsewhere.
-#include <errno.h>
+// vexreg watch: a view of the whole screen on a terminal, one line for each change elsewhere.
 #include <poll.h>
-#include <signal.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -20,6 +17,9 @@
 #include "tools/vexreg/absence.h"
 #include "tools/vexreg/changes.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/live.h"
+#include "tools/vexreg/live_screen.h"
+#include "tools/vexreg/signals.h"
 #include "tools/vexreg/values.h"
 #include "tools/vexreg/words.h"
 
@@ -30,17 +30,6 @@ constexpr double kPeriod = 1;       // seconds between looks when nothing tells 
 constexpr double kShortest = 0.05;  // and between looks at most this often
 // A look at many objects is repeated only after this many times what it took.
 constexpr double kRest = 10;
-
-volatile sig_atomic_t ended;
-volatile sig_atomic_t suspended;
-
-void TakeSignal(int number) {
-  if (number == SIGTSTP) {
-    suspended = 1;
-  } else if (number != SIGWINCH && number != SIGCONT) {
-    ended = 1;
-  }
-}
 
 double Now() {
   return static_cast<double>(ClockNs()) / kNsPerSecond;
@@ -56,28 +45,6 @@ std::string JsonTime() {
   }
   return text;
 }
-
-// The signals that end or change the view are taken while waiting, and only then.
-class Signals {
- public:
-  Signals() {
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT, SIGWINCH}) {
-      struct sigaction action = {};
-      action.sa_handler = TakeSignal;
-      sigaction(number, &action, nullptr);
-      sigaddset(&taken, number);
-    }
-    sigprocmask(SIG_BLOCK, &taken, &before_);
-  }
-  const sigset_t &Before() const {
-    return before_;
-  }
-
- private:
-  sigset_t before_;
-};
 
 // Tells when something in the directories of the objects was written. Without it (a limit reached)
 // the regular looks remain.
@@ -110,75 +77,6 @@ class DirectoryWatch {
   }
   Descriptor fd_;
 };
-
-// The terminal's other screen without a cursor, for as long as the view lasts.
-class Screen {
- public:
-  Screen() {
-    Enter();
-  }
-  ~Screen() {
-    Leave();
-  }
-  Screen(const Screen &) = delete;
-  Screen &operator=(const Screen &) = delete;
-
-  // Gives the terminal back, stops as the shell expects, and goes on when continued.
-  void Suspend(const sigset_t &unblocked) {
-    Leave();
-    struct sigaction action = {};
-    struct sigaction ours = {};
-    action.sa_handler = SIG_DFL;
-    sigaction(SIGTSTP, &action, &ours);
-    raise(SIGTSTP);
-    sigset_t blocked;
-    sigprocmask(SIG_SETMASK, &unblocked, &blocked);  // stops here
-    sigprocmask(SIG_SETMASK, &blocked, nullptr);
-    sigaction(SIGTSTP, &ours, nullptr);
-    Enter();
-  }
-  void Paint(const std::string &text) {
-    winsize size = {};
-    const size_t height =
-        ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row : 24;
-    std::string screen = "\x1b[H";
-    size_t lines = 0;
-    const size_t all = static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-    for (size_t at = 0; at < text.size(); lines++) {
-      if (lines + 1 == height && all > height) {
-        screen += "... " + std::to_string(all - lines) + " more lines\x1b[K";
-        break;
-      }
-      const size_t end = text.find('\n', at);
-      screen += text.substr(at, end - at) + "\x1b[K";
-      // No line feed behind the last line that fits: the screen would scroll.
-      if (lines + 1 < height) {
-        screen += "\r\n";
-      }
-      at = end + 1;
-    }
-    screen += all < height ? "\x1b[J" : "";
-    std::cout << screen << std::flush;
-  }
-
- private:
-  static void Enter() {
-    std::cout << "\x1b[?1049h\x1b[?25l" << std::flush;
-  }
-  static void Leave() {
-    std::cout << "\x1b[?25h\x1b[?1049l" << std::flush;
-  }
-};
-
-std::string Missing(const Found &found, const std::string &root) {
-  std::string text;
-  for (const auto *names : {&found.missing, &found.unreadable}) {
-    for (const std::string &name : *names) {
-      text += "\n" + SafeText(ResolveObjectName(name, root).value_or(name)) + " (removed)\n";
-    }
-  }
-  return text;
-}
 
 // Calls add(name, before, after) for each object that there was or is; either state may be null.
 void Compare(
@@ -236,7 +134,7 @@ std::set<std::string> Directories(const Selection &selection,
 }
 
 // Waits until there may be something new: a change in a directory, a signal, or the time is over.
-void WaitForChange(DirectoryWatch &watch, const Signals &signals, double began) {
+void WaitForChange(DirectoryWatch &watch, const ViewSignals &signals, double began) {
   const auto wait = [&](pollfd *polled, nfds_t count, double seconds) {
     const timespec time = {
         static_cast<time_t>(seconds),
@@ -261,40 +159,32 @@ int Watch(const Selection &selection, const View &view) {
   if (status != kDone) {
     return status;
   }
-  const Signals signals;
-  DirectoryWatch watch;
-  std::optional<Screen> screen;
+  const ViewSignals signals;
   if (isatty(STDOUT_FILENO) && !view.json) {
-    screen.emplace();
-  } else if (objects.empty()) {
+    std::string why;
+    if (CanDraw(&why)) {
+      ShowLive(selection, view, objects, signals);
+      return kDone;
+    }
+    Complain(why + ": changes are printed as lines instead");
+  }
+  if (objects.empty()) {
     Complain(WhyNothing(selection.root) + " (waiting)");
   }
-  const Style style = ChooseStyle(view.raw, view.colour);
+  DirectoryWatch watch;
   std::vector<NamedObject> shown;
-  while (!ended && std::cout) {
+  while (!ViewSignals::Ended() && std::cout) {
     const double began = Now();
     watch.Follow(selection.root, Directories(selection, objects));
     // Objects that are missing are no error here: they come and go.
-    Found found = FindObjects(selection);
-    objects = std::move(found.objects);
-    if (screen) {
-      std::string text = RenderTables(objects, view.width.value_or(TerminalWidth()), style) +
-                         Missing(found, selection.root);
-      if (text.empty()) {
-        text = SafeText(WhyNothing(selection.root)) + "\n";
-      }
-      screen->Paint("vexreg watch, " + TimeText(time(nullptr)) + ", Ctrl-C ends it\n\n" + text);
-    } else {
-      PrintChanges(shown, objects, view);
-      shown = objects;
-    }
+    objects = FindObjects(selection).objects;
+    PrintChanges(shown, objects, view);
+    shown = objects;
     WaitForChange(watch, signals, began);
-    if (suspended && screen) {
-      suspended = 0;
-      screen->Suspend(signals.Before());
+    if (ViewSignals::TakeSuspend()) {
+      signals.Stop();
     }
   }
-  screen.reset();
   return FinishOutput(kDone);
 }
 

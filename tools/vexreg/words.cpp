@@ -109,6 +109,57 @@ const Unit *UnitOf(const MibWords *words) {
   return nullptr;
 }
 
+// What firmware belongs to, and of which kind its device is. The module has these in its texts
+// alone, as the meaning of a kind depends on the category; 0 is any of them.
+struct FirmwareWord {
+  std::string_view variable;
+  int32_t category;
+  int32_t value;
+  const char *text;
+};
+constexpr char kFirmwareCategory[] = "tlxHoFwVerCategory";
+constexpr char kFirmwareType[] = "tlxHoFwVerDeviceType";
+constexpr FirmwareWord kFirmwareWords[] = {{kFirmwareCategory, 0, 1, "power microcontroller"},
+                                           {kFirmwareCategory, 0, 2, "storage"},
+                                           {kFirmwareCategory, 0, 3, "network adapter"},
+                                           {kFirmwareCategory, 0, 4, "management controller"},
+                                           {kFirmwareCategory, 0, 5, "system"},
+                                           {kFirmwareType, 0, 1, "SCSI device"},
+                                           {kFirmwareType, 0, 2, "array controller"},
+                                           {kFirmwareType, 0, 3, "fibre-channel adapter"},
+                                           {kFirmwareType, 0, 7, "removable IDE drive"},
+                                           {kFirmwareType, 0, 8, "IDE drive"},
+                                           {kFirmwareType, 0, 10, "SCSI disk"},
+                                           {kFirmwareType, 0, 11, "SCSI tape"},
+                                           {kFirmwareType, 0, 12, "SCSI medium changer"},
+                                           {kFirmwareType, 5, 23, "system ROM"},
+                                           {kFirmwareType, 2, 23, "SCSI CD-ROM"},
+                                           {kFirmwareType, 3, 24, "network adapter"},
+                                           {kFirmwareType, 2, 24, "SCSI communications device"},
+                                           {kFirmwareType, 4, 25, "management controller"},
+                                           {kFirmwareType, 1, 25, "power microcontroller"},
+                                           {kFirmwareType, 0, 26, "programmable logic"}};
+
+// Null for any other variable, and for a number without a meaning.
+const char *FirmwareText(const FileObject &object, const FileVariable &variable, int32_t value) {
+  if (variable.name != kFirmwareCategory && variable.name != kFirmwareType) {
+    return nullptr;
+  }
+  int32_t category = 0;
+  for (const FileVariable &other : object.variables) {
+    if (other.name == kFirmwareCategory) {
+      category = IntegerOf(object, other).value_or(0);
+    }
+  }
+  for (const FirmwareWord &word : kFirmwareWords) {
+    if (word.variable == variable.name && word.value == value &&
+        (word.category == 0 || word.category == category)) {
+      return word.text;
+    }
+  }
+  return nullptr;
+}
+
 Shown ShowInteger(const MibWords *words, int32_t value) {
   if (words != nullptr && value == kUnknown && !words->unknown.empty()) {
     return {std::string(words->unknown), Mood::kFaint, {}, {}};
@@ -283,7 +334,8 @@ std::string DurationText(int64_t seconds) {
 Shown ShowValue(const FileObject &object, const FileVariable &variable) {
   const MibWords *words = FindMibWords(variable.name);
   if (const auto value = IntegerOf(object, variable)) {
-    return ShowInteger(words, *value);
+    const char *firmware = FirmwareText(object, variable, *value);
+    return firmware != nullptr ? Shown{firmware, Mood::kPlain, {}, {}} : ShowInteger(words, *value);
   }
   const auto bytes = BytesOf(object, variable);
   if (variable.type == VAR_OCTET_STRING && bytes && IsArray(words)) {
@@ -301,6 +353,9 @@ nlohmann::ordered_json WordJson(const FileObject &object, const FileVariable &va
   if (const auto value = IntegerOf(object, variable)) {
     if (words != nullptr && *value == kUnknown && !words->unknown.empty()) {
       return nullptr;
+    }
+    if (const char *firmware = FirmwareText(object, variable, *value)) {
+      return firmware;
     }
     const MibLabel *label = LabelOf(words, *value);
     return label != nullptr ? nlohmann::ordered_json(label->text) : ValueJson(object, variable);

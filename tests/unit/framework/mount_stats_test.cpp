@@ -419,6 +419,32 @@ TEST_F(MountAsker, NoNumberOfReturnsLeavesMoreChildrenThanTheLimit) {
   EXPECT_EQ(result.state, MOUNT_ANSWERED);
 }
 
+// Each pass meets one more of a dead server's hundreds of mounts: it does not wait for it as for
+// one that may be slow.
+TEST_F(MountAsker, WhereManyAreSilentAnotherOneIsNotWaitedForAsLong) {
+  auto settings = Settings();
+  settings.patience = 20ms;
+  settings.limit = 1500ms;
+  settings.most_outstanding = 2;
+  settings.most_children = 5;
+  vex::MountAsker asker(settings);
+  const char *all[] = {"/hang", "/hang", "/hang"};
+  mount_stats results[3];
+  asker.Ask(all, 3, results);
+  EXPECT_GE(asker.Outstanding(), 2u);
+  const char *one[] = {"/hang"};
+  const char *other[] = {"/b"};
+  asker.Ask(other, 1, results);
+  const auto begin = std::chrono::steady_clock::now();
+  asker.Ask(one, 1, results);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 1000ms);
+  EXPECT_EQ(results[0].state, MOUNT_SILENT);
+  Mounts::Get().FreeAll();
+  for (int i = 0; i < 1000 && asker.Outstanding() > 0; i++) {
+    usleep(5000);
+  }
+}
+
 // As long as it lives, a limit of this process is another one.
 class LowLimit {
  public:

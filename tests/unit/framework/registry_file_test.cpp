@@ -661,6 +661,44 @@ TEST_F(RegistryFile, ListsObjectsInOrderAndNothingElse) {
   EXPECT_TRUE(ListObjects(registry_.base() + "/nowhere").empty());
 }
 
+TEST_F(RegistryFile, ReadsTheObjectsOfADirectoryAtOnce) {
+  for (const char *name : {"host/cpu.10", "host/cpu.2", "host/deeper/cpu.1", "stdeq/misc"}) {
+    ObjectFileWriter writer = Writer(name);
+    ASSERT_EQ(Publish(writer, 1), 0);
+  }
+  // More than fits into the first read.
+  constexpr size_t kManyWords = 4096;
+  ObjectFileWriter large("host/large", registry_.root());
+  large.SetLayout({{"count", 3, 2, 8, 0, 8}}, 8 * kManyWords);
+  const std::vector<uint8_t> data(8 * kManyWords, 'x');
+  const uint16_t length = 8;
+  ASSERT_EQ(large.Publish(data.data(), &length), 0);
+  // Damaged; no objects; what is no file.
+  fs::copy_file(registry_.Path("host/cpu.2"), registry_.Path("host/damaged"));
+  fs::resize_file(registry_.Path("host/damaged"), 60);
+  WriteBytes(registry_.Path("host/empty"), {});
+  WriteBytes(registry_.Path("host/note"), {'r', 'o', 'l', 'e'});
+  fs::copy_file(registry_.Path("host/cpu.2"), registry_.Path("host/.cpu.2.17"));
+  fs::create_symlink("cpu.2", registry_.Path("host/link"));
+  ASSERT_EQ(mkfifo(registry_.Path("host/fifo").c_str(), 0600), 0);
+
+  std::vector<std::string> seen;
+  for (const NamedFile &file : ReadObjectsOf("host", registry_.root())) {
+    seen.push_back(file.name + (file.object ? "" : " damaged"));
+    if (file.object) {
+      const auto same = ReadObjectFile(file.name, registry_.root());
+      ASSERT_TRUE(same);
+      EXPECT_EQ(file.object->data, same->data) << file.name;
+      EXPECT_EQ(file.object->sequence, same->sequence);
+      EXPECT_EQ(file.object->variables.size(), same->variables.size());
+    }
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"host/cpu.2", "host/cpu.10", "host/damaged damaged",
+                                            "host/large"}));
+  EXPECT_TRUE(ReadObjectsOf("nowhere", registry_.root()).empty());
+  EXPECT_TRUE(ReadObjectsOf("host", registry_.base() + "/nowhere").empty());
+}
+
 // ---- Readers beside a writer in another process ------------------------------------------------
 
 // Data large enough for an update to be caught half way: a counter, repeated.

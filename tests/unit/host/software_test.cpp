@@ -853,10 +853,11 @@ TEST_F(Software, RpmAndDpkgThatHangAreAskedByTheSamePasses) {
     const int64_t begun = monotonic_milliseconds();
     ASSERT_EQ(do_swver(), 0);
     const int64_t took = monotonic_milliseconds() - begun;
-    EXPECT_LE(took, 10000);
+    // Twenty seconds would be one limit for each; this machine's own time is counted, too.
+    EXPECT_LT(took, 15000);
     if (!rec::Names("run_command").empty()) {
       EXPECT_EQ(rec::Names("run_command"), both);
-      EXPECT_EQ(took, 10000);
+      EXPECT_GE(took, 10000);
       EXPECT_TRUE(asked == 0 || since >= 30) << since;
       asked++;
       since = 0;

@@ -675,63 +675,6 @@ class Terminal {
   std::string output_;
 };
 
-constexpr char kEnter[] = "\x1b[?1049h\x1b[?25l";
-constexpr char kLeave[] = "\x1b[?25h\x1b[?1049l";
-
-TEST_F(Command, WatchGivesTheTerminalBackOnCtrlC) {
-  Output({"put", "h/a", "int:12345"});
-  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch"});
-  EXPECT_TRUE(terminal.Shows("12345"));
-  EXPECT_TRUE(terminal.Output().starts_with(kEnter));
-  terminal.Forget();
-  Output({"put", "h/a", "int:54321"});
-  EXPECT_TRUE(terminal.Shows("54321"));
-  terminal.Forget();
-  Output({"put", "h/b.1", "int:77777"});
-  EXPECT_TRUE(terminal.Shows("77777"));
-  terminal.Type('\x03');
-  EXPECT_EQ(terminal.WaitEnd(), 0);
-  EXPECT_TRUE(terminal.Output().ends_with(kLeave));
-  EXPECT_TRUE(terminal.HasSameMode());
-}
-
-TEST_F(Command, WatchGivesTheTerminalBackOnTheOtherSignals) {
-  Output({"put", "h/a", "int:12345"});
-  for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
-    Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch", "h/a"});
-    EXPECT_TRUE(terminal.Shows("12345"));
-    terminal.Signal(number);
-    EXPECT_EQ(terminal.WaitEnd(), 0);
-    EXPECT_TRUE(terminal.Output().ends_with(kLeave));
-  }
-}
-
-TEST_F(Command, WatchKeepsToTheScreen) {
-  for (int row = 0; row < 30; row++) {
-    Output({"put", "h/a." + std::to_string(row), "int:" + std::to_string(1000 + row)});
-  }
-  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch"});
-  EXPECT_TRUE(terminal.Shows("more lines"));
-  const std::string screen = terminal.Output();
-  EXPECT_NE(screen.find("1004"), std::string::npos);
-  EXPECT_EQ(screen.find("1005"), std::string::npos);
-  EXPECT_NE(screen.find("... 25 more lines"), std::string::npos) << screen;
-  terminal.Forget();
-  terminal.Resize(50, 80);
-  EXPECT_TRUE(terminal.Shows("1029"));
-}
-
-TEST_F(Command, WatchSaysWhenANamedObjectIsGone) {
-  Output({"put", "h/a", "int:12345"});
-  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch", "h/a"});
-  EXPECT_TRUE(terminal.Shows("12345"));
-  Output({"rm", "h/a"});
-  EXPECT_TRUE(terminal.Shows("h/a (removed)"));
-  terminal.Forget();
-  Output({"put", "h/a", "int:54321"});
-  EXPECT_TRUE(terminal.Shows("54321"));
-}
-
 TEST_F(Command, ShowFitsATerminal) {
   Output({"put", "h/a", "str:300:" + std::string(40, 'w') + " " + std::string(60, 'v')});
   Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "show"});

@@ -452,6 +452,7 @@ TEST(Findings, Ages) {
 TEST(Findings, AreWrappedAndPlain) {
   const Finding finding = {Verdict::kNote, "one two\x1b three four five six"};
   EXPECT_EQ(RenderFinding(finding, 0), "note  one two? three four five six\n");
+  EXPECT_EQ(RenderFinding(finding, 0, true), "\x1b[33mnote  \x1b[0mone two? three four five six\n");
   EXPECT_EQ(RenderFinding(finding, 26), "note  one two? three four\n      five six\n");
   // Words are not torn however narrow the terminal is.
   EXPECT_EQ(RenderFinding(finding, 1), "note  one two? three four\n      five six\n");

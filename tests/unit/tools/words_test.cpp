@@ -45,6 +45,25 @@ TEST(Words, OfEnumerations) {
   EXPECT_EQ(Show(Int("var0", 2)).text, "2");
 }
 
+TEST(Words, OfFirmware) {
+  const auto show = [](int category, int type) {
+    const FileObject object =
+        MadeObject({Int("tlxHoFwVerCategory", category), Int("tlxHoFwVerDeviceType", type)});
+    EXPECT_EQ(WordJson(object, object.variables[1]).is_string(),
+              ShowValue(object, object.variables[1]).text != std::to_string(type));
+    return ShowValue(object, object.variables[0]).text + "/" +
+           ShowValue(object, object.variables[1]).text;
+  };
+  EXPECT_EQ(show(5, 23), "system/system ROM");
+  EXPECT_EQ(show(2, 23), "storage/SCSI CD-ROM");
+  EXPECT_EQ(show(2, 10), "storage/SCSI disk");
+  EXPECT_EQ(show(1, 25), "power microcontroller/power microcontroller");
+  EXPECT_EQ(show(4, 25), "management controller/management controller");
+  // Numbers without a meaning.
+  EXPECT_EQ(show(3, 23), "network adapter/23");
+  EXPECT_EQ(show(0, 5), "0/5");
+}
+
 TEST(Words, OfWhatIsNotKnown) {
   EXPECT_EQ(Show(Int("tlxHoCpuUtilHour", -1)).text, "not known yet");
   EXPECT_EQ(Show(Int("tlxHoCpuUtilThirtyMin", -1)).text, "not known yet");

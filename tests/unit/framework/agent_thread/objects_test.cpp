@@ -630,6 +630,22 @@ TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
   EXPECT_EQ(log.Text(), "");
 }
 
+TEST_F(Objects, NothingIsSaidToBeWrittenAgainAtTheEnd) {
+  SetLogName("exampled");
+  Captured log;
+  registry_object *first = Create("host/first");
+  log_data(first);
+  {
+    FullDisk full;
+    strcpy(Data(first)->name, "one");
+    log_data(first);
+    log.Text();
+    delete_obj(&obj_Q, nullptr, 0);
+    RetryFiles();
+  }
+  EXPECT_EQ(log.Text(), "");
+}
+
 TEST_F(Objects, DeletionLeavesWhatSomebodyElsePutThere) {
   SetLogName("exampled");
   registry_object *object = Create("host/first");
@@ -832,7 +848,7 @@ TEST_F(Objects, TheRootIsFoundAgain) {
   RetryFiles();
   RetryFiles();
   EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.root() +
-                            "/: Not a directory (values are served; trying again)\n");
+                            ": Not a directory (values are served; trying again)\n");
   fs::remove(registry_.root());
   RetryFiles();
   EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "published");
@@ -945,7 +961,7 @@ TEST_F(Objects, ADirectoryThatIsReplacedIsTakenAnew) {
   log_data(find_obj(&obj_Q, 0, "host/a"));
   RetryFiles();
   RetryFiles();
-  EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.root() + "/: process " +
+  EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.root() + ": process " +
                             std::to_string(other.process()) +
                             " has the directory (values are served; trying again)\n");
   EXPECT_TRUE(fs::exists(registry_.Path("host/theirs")));

@@ -1,0 +1,376 @@
+// vexreg watch on terminals, which tmux plays.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "tests/support/process.h"
+#include "tests/unit/framework/temp_registry.h"
+
+using namespace vex;
+using made_up::Eventually;
+using made_up::Outcome;
+using Words = std::vector<std::string>;
+
+namespace {
+
+// A terminal with a shell in it. Only the server that it starts is spoken to, by a socket of its
+// own.
+class Tmux {
+ public:
+  Tmux(const std::string &socket, int width, int height, const std::string &command)
+      : socket_(socket) {
+    const Outcome outcome = Tell({"-f", "/dev/null", "new-session", "-d", "-x",
+                                  std::to_string(width), "-y", std::to_string(height), command});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+  }
+  ~Tmux() {
+    Tell({"kill-server"});
+  }
+  Tmux(const Tmux &) = delete;
+  Tmux &operator=(const Tmux &) = delete;
+
+  Outcome Tell(Words words) const {
+    words.insert(words.begin(), {"tmux", "-u", "-S", socket_});
+    made_up::ProcessOptions options;
+    options.environment = {{"TERM", "xterm-256color"}, {"LC_ALL", "C.UTF-8"}, {"SHELL", "/bin/sh"}};
+    return made_up::RunCommand(words, options);
+  }
+  std::string Screen() const {
+    return Tell({"capture-pane", "-p"}).out;
+  }
+  bool Shows(const std::string &text) const {
+    const bool shows = Eventually([&] { return Screen().find(text) != std::string::npos; });
+    EXPECT_TRUE(shows) << text << " is not in:\n" << Screen();
+    return shows;
+  }
+  bool ShowsNot(const std::string &text) const {
+    const bool gone = Eventually([&] { return Screen().find(text) == std::string::npos; });
+    EXPECT_TRUE(gone) << text << " is in:\n" << Screen();
+    return gone;
+  }
+  void Press(const std::string &key) const {
+    EXPECT_EQ(Tell({"send-keys", key}).status, 0);
+  }
+  void Type(const std::string &text) const {
+    EXPECT_EQ(Tell({"send-keys", "-l", text}).status, 0);
+  }
+  void Resize(int width, int height) const {
+    EXPECT_EQ(
+        Tell({"resize-window", "-x", std::to_string(width), "-y", std::to_string(height)}).status,
+        0);
+  }
+  // What tmux knows of the terminal.
+  std::string State(const std::string &format) const {
+    std::string text = Tell({"display-message", "-p", format}).out;
+    text.erase(text.find_last_not_of('\n') + 1);
+    return text;
+  }
+
+ private:
+  const std::string socket_;
+};
+
+class WatchScreen : public testing::Test {
+ protected:
+  void Put(const std::string &name, int value) {
+    const Outcome outcome = made_up::RunCommand(
+        {VEXREG_PATH, "--root", registry_.root(), "put", name, "int:" + std::to_string(value)});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+  }
+  std::string File(const std::string &name) const {
+    return registry_.base() + "/" + name;
+  }
+  // Starts the view between two looks at the terminal's modes.
+  void Start(const std::string &arguments = "", const std::string &environment = "", int width = 80,
+             int height = 24) {
+    // The shell outlives Ctrl-C, which is for all that the terminal runs.
+    const std::string command =
+        "trap : INT; stty -g >" + File("before") + "; env " + environment + " sh -c 'echo $$ >" +
+        File("pid") + "; exec " VEXREG_PATH " --root " + registry_.root() +
+        " watch --interval 0.1 " + arguments + "' 2>" + File("errors") + "; echo $? >" +
+        File("status") + "; stty -g >" + File("after") + "; echo ended; exec sleep 600";
+    tmux_.emplace(File("tmux" + std::to_string(++terminals_)), width, height, command);
+  }
+  pid_t Pid() const {
+    return static_cast<pid_t>(atoi(made_up::ReadFile(File("pid")).c_str()));
+  }
+  // Whether it ended with that status and left the terminal as it was.
+  void ExpectEnd(int status) {
+    EXPECT_TRUE(Eventually([&] { return !made_up::ReadFile(File("after")).empty(); }))
+        << tmux_->Screen();
+    EXPECT_EQ(made_up::ReadFile(File("status")), std::to_string(status) + "\n");
+    EXPECT_EQ(made_up::ReadFile(File("after")), made_up::ReadFile(File("before")));
+    EXPECT_TRUE(tmux_->Shows("ended"));
+    EXPECT_EQ(tmux_->State("#{alternate_on} #{cursor_flag} #{keypad_cursor_flag}"), "0 1 0");
+    EXPECT_EQ(tmux_->Screen().find("12345"), std::string::npos) << "the view's screen has stayed";
+  }
+
+  TempRegistry registry_;
+  std::optional<Tmux> tmux_;
+  int terminals_ = 0;
+};
+
+TEST_F(WatchScreen, ShowsAndFollows) {
+  Put("h/a", 12345);
+  Start();
+  EXPECT_TRUE(tmux_->Shows("var0  12345"));
+  EXPECT_EQ(tmux_->State("#{alternate_on} #{cursor_flag}"), "1 0");
+  EXPECT_TRUE(tmux_->Shows("No values of the host agent"));
+  Put("h/a", 54321);
+  EXPECT_TRUE(tmux_->Shows("var0  54321"));
+  EXPECT_TRUE(tmux_->Shows("h/a var0  12345 -> 54321"));
+  Put("h/b", 777);
+  EXPECT_TRUE(tmux_->Shows("var0  777"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+TEST_F(WatchScreen, TakesKeys) {
+  for (int row = 0; row < 60; row++) {
+    Put("h/row." + std::to_string(row), 2000 - row);
+  }
+  Put("z/other", 12345);
+  Start();
+  EXPECT_TRUE(tmux_->Shows("h/row (60)"));
+  EXPECT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("Enter");
+  EXPECT_TRUE(tmux_->ShowsNot("12345"));
+  EXPECT_TRUE(tmux_->Shows("1-19 of 60"));
+  tmux_->Press("Down");
+  EXPECT_TRUE(tmux_->Shows("2-20 of 60"));
+  tmux_->Press("PPage");
+  EXPECT_TRUE(tmux_->Shows("1-19 of 60"));
+  tmux_->Press("End");
+  EXPECT_TRUE(tmux_->Shows("42-60 of 60"));
+  tmux_->Press("Home");
+  EXPECT_TRUE(tmux_->Shows("1-19 of 60"));
+  tmux_->Press("s");
+  EXPECT_TRUE(tmux_->Shows("by var0"));
+  EXPECT_TRUE(tmux_->Shows("  59  1941"));
+  tmux_->Press("r");
+  EXPECT_TRUE(tmux_->Shows("largest first"));
+  tmux_->Press("/");
+  tmux_->Type("1955");
+  EXPECT_TRUE(tmux_->Shows("Only lines with: 1955_"));
+  EXPECT_TRUE(tmux_->Shows("(1 of 60"));
+  tmux_->Press("BSpace");
+  EXPECT_TRUE(tmux_->Shows("(10 of 60"));
+  tmux_->Press("Enter");
+  tmux_->Press("Escape");
+  EXPECT_TRUE(tmux_->Shows("(60, by"));
+  tmux_->Press("Escape");
+  EXPECT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("BTab");  // from the first group to the last one
+  tmux_->Press("BTab");
+  tmux_->Press("Enter");
+  EXPECT_TRUE(tmux_->ShowsNot("h/row"));
+  EXPECT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("Enter");
+  tmux_->Press("g");
+  EXPECT_TRUE(tmux_->Shows("[x] h/row (60)"));
+  tmux_->Press("Space");
+  EXPECT_TRUE(tmux_->Shows("[ ] h/row (60)"));
+  tmux_->Press("g");
+  EXPECT_TRUE(tmux_->ShowsNot("h/row (60)"));
+  tmux_->Press("?");
+  EXPECT_TRUE(tmux_->Shows("any key back"));
+  tmux_->Press("x");
+  EXPECT_TRUE(tmux_->ShowsNot("any key back"));
+  tmux_->Press("p");
+  EXPECT_TRUE(tmux_->Shows("PAUSED"));
+  Put("z/other", 4711);
+  tmux_->Press("p");
+  EXPECT_TRUE(tmux_->Shows("4711"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+TEST_F(WatchScreen, FollowsTheTerminalsSize) {
+  for (int row = 0; row < 100; row++) {
+    Put("h/row." + std::to_string(row), 10000 + row);
+  }
+  Start("row");
+  tmux_->Shows("10000");
+  tmux_->Resize(40, 10);
+  EXPECT_TRUE(Eventually([&] {
+    const std::string screen = tmux_->Screen();
+    return screen.find("10000") != std::string::npos && screen.find("10010") == std::string::npos;
+  })) << tmux_->Screen();
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+TEST_F(WatchScreen, GivesTheTerminalBackOnSignals) {
+  Put("h/a", 12345);
+  for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
+    for (const char *name : {"before", "after", "pid", "status"}) {
+      std::filesystem::remove(File(name));
+    }
+    Start();
+    ASSERT_TRUE(tmux_->Shows("12345"));
+    ASSERT_GT(Pid(), 0);
+    kill(Pid(), number);
+    ExpectEnd(0);
+    tmux_.reset();
+  }
+  std::filesystem::remove(File("after"));
+  Start();
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("C-c");
+  ExpectEnd(0);
+}
+
+TEST_F(WatchScreen, GivesTheTerminalBackOnCrashes) {
+  Put("h/a", 12345);
+  for (const int number : {SIGSEGV, SIGABRT, SIGQUIT}) {
+    for (const char *name : {"before", "after", "pid", "status"}) {
+      std::filesystem::remove(File(name));
+    }
+    Start();
+    ASSERT_TRUE(tmux_->Shows("12345"));
+    ASSERT_GT(Pid(), 0);
+    kill(Pid(), number);
+    ExpectEnd(128 + number);
+    tmux_.reset();
+  }
+}
+
+// A terminal that takes nothing, as over a line that has gone dead.
+TEST_F(WatchScreen, EndsWhileTheTerminalTakesNothing) {
+  Put("h/a", 12345);
+  int master = -1;
+  int slave = -1;
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0) << strerror(errno);
+  fcntl(slave, F_SETFL, O_NONBLOCK);
+  // The kernel makes room for more behind a writer's back, a few times.
+  const std::string much(256, '.');
+  for (int refused = 0; refused < 10;) {
+    const bool taken =
+        write(slave, much.data(), much.size()) > 0 || write(slave, much.data(), 1) > 0;
+    refused = taken ? 0 : refused + 1;
+    made_up::Pause(taken ? 0 : 0.01);
+  }
+  fcntl(slave, F_SETFL, 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setenv("TERM", "xterm", 1);
+    login_tty(slave);
+    execl(VEXREG_PATH, VEXREG_PATH, "--root", registry_.root().c_str(), "watch", nullptr);
+    _exit(127);
+  }
+  ASSERT_GT(pid, 0);
+  // It draws: the signal is handled, and not blocked.
+  const auto has_term = [&](const std::string &which) {
+    const std::string status = made_up::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find(which + ":\t");
+    return at != std::string::npos &&
+           (Signals(status.substr(at + which.size() + 2, 16)) & 1ULL << (SIGTERM - 1)) != 0;
+  };
+  EXPECT_TRUE(Eventually([&] { return has_term("SigCgt") && !has_term("SigBlk"); }));
+  kill(pid, SIGTERM);
+  int status = -1;
+  EXPECT_TRUE(Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  kill(pid, SIGKILL);
+  close(slave);
+  close(master);
+}
+
+TEST_F(WatchScreen, EndsWithItsTerminal) {
+  Put("h/a", 12345);
+  Start();
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  const pid_t pid = Pid();
+  ASSERT_GT(pid, 0);
+  EXPECT_TRUE(made_up::ProcessExists(pid));
+  tmux_.reset();
+  EXPECT_TRUE(Eventually([&] { return !made_up::ProcessExists(pid); }));
+}
+
+TEST_F(WatchScreen, StopsAndGoesOn) {
+  Put("h/a", 12345);
+  tmux_.emplace(File("tmux"), 80, 24, "env PS1=prompt: bash --norc -i");
+  tmux_->Shows("prompt:");
+  tmux_->Type(std::string(VEXREG_PATH " --root ") + registry_.root() + " watch");
+  tmux_->Press("Enter");
+  tmux_->Shows("var0  12345");
+  tmux_->Press("C-z");
+  EXPECT_TRUE(tmux_->Shows("Stopped"));
+  EXPECT_EQ(tmux_->State("#{alternate_on} #{cursor_flag}"), "0 1");
+  tmux_->Type("fg");
+  tmux_->Press("Enter");
+  EXPECT_TRUE(tmux_->Shows("var0  12345"));
+  EXPECT_EQ(tmux_->State("#{alternate_on}"), "1");
+  tmux_->Press("q");
+  EXPECT_TRUE(tmux_->ShowsNot("var0  12345"));
+}
+
+TEST_F(WatchScreen, WorksOnOtherTerminals) {
+  Put("h/a", 12345);
+  for (const char *environment :
+       {"TERM=vt100", "TERM=xterm-256color", "TERM=linux", "TERM=vt100 LC_ALL=C",
+        "TERM=xterm-256color LC_ALL=C NO_COLOR=1"}) {
+    SCOPED_TRACE(environment);
+    for (const char *name : {"before", "after", "pid", "status"}) {
+      std::filesystem::remove(File(name));
+    }
+    Start("", environment, 40, 10);
+    EXPECT_TRUE(tmux_->Shows("12345"));
+    tmux_->Press("q");
+    EXPECT_TRUE(Eventually([&] { return !made_up::ReadFile(File("after")).empty(); }));
+    EXPECT_EQ(made_up::ReadFile(File("after")), made_up::ReadFile(File("before")));
+    EXPECT_EQ(made_up::ReadFile(File("errors")), "");
+    tmux_.reset();
+  }
+}
+
+TEST_F(WatchScreen, PrintsLinesWhereNoScreenCanBeDrawn) {
+  Put("h/a", 12345);
+  for (const auto &[environment, why] :
+       {std::pair{"TERM=dumb", "vexreg: the terminal \"dumb\" has no cursor that can be moved"},
+        std::pair{"TERM=frobozz", "vexreg: the terminal \"frobozz\" is not known"},
+        std::pair{"-u TERM", "vexreg: TERM is not set"}}) {
+    for (const char *name : {"before", "after", "pid", "status"}) {
+      std::filesystem::remove(File(name));
+    }
+    Start("", environment);
+    EXPECT_TRUE(tmux_->Shows("h/a var0 12345"));
+    EXPECT_TRUE(made_up::ReadFile(File("errors")).starts_with(why))
+        << made_up::ReadFile(File("errors"));
+    kill(Pid(), SIGTERM);
+    EXPECT_TRUE(Eventually([&] { return made_up::ReadFile(File("status")) == "0\n"; }));
+    tmux_.reset();
+  }
+}
+
+TEST_F(WatchScreen, SaysWhatIsNotThere) {
+  Start();
+  EXPECT_TRUE(tmux_->Shows("nothing is published in"));
+  Put("h/a", 12345);
+  EXPECT_TRUE(tmux_->Shows("12345"));
+  EXPECT_TRUE(tmux_->ShowsNot("nothing is published"));
+  std::filesystem::rename(registry_.root(), File("away"));
+  EXPECT_TRUE(tmux_->Shows("there is no registry"));
+  std::filesystem::rename(File("away"), registry_.root());
+  EXPECT_TRUE(tmux_->Shows("12345"));
+}
+
+TEST_F(WatchScreen, SaysWhenANamedObjectIsGone) {
+  Put("h/a", 12345);
+  Start("h/a");
+  EXPECT_TRUE(tmux_->Shows("12345"));
+  std::filesystem::remove(registry_.Path("h/a"));
+  EXPECT_TRUE(tmux_->Shows("h/a (removed)"));
+  Put("h/a", 54321);
+  EXPECT_TRUE(tmux_->Shows("54321"));
+}
+
+}  // namespace
