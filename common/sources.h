@@ -8,6 +8,30 @@
 inline constexpr char mount_table_path[] = "/etc/mtab";
 inline constexpr char memory_sizes_path[] = "/proc/meminfo";
 inline constexpr char processor_times_path[] = "/proc/stat";
+inline constexpr char processors_path[] = "/proc/cpuinfo";
+inline constexpr char load_averages_path[] = "/proc/loadavg";
+inline constexpr char uptime_path[] = "/proc/uptime";
+
+// Mounts of these types are not asked and have no row.
+inline constexpr const char *ignored_mount_types[] = {"nfs", "smb", "mvfs"};
+
+inline constexpr char vmfs_directory[] = "/vmfs";
+
+// What drivers say of their devices.
+inline constexpr char array_files[] = "/proc/driver/tlxarray/ida*";
+inline constexpr char raid_files[] = "/proc/driver/cciss/cciss*";
+inline constexpr char fibre_channel_files[] = "/proc/scsi/qla*/[0-9][0-9]*";
+inline constexpr char scsi_device_list[] = "/proc/scsi/scsi";
+inline constexpr char ide_files[] = "/proc/ide/ide*/hd*/identify";
+inline constexpr char network_adapter_files[] = "/proc/net/nicinfo/eth*.info";
+
+// The segment of the program that manages RAID devices has the key of this path and number.
+inline constexpr char raid_key_path[] = "/opt/qv";
+inline constexpr int raid_key_project = 10745;
+inline constexpr uint32_t raid_segment_size = 222;
+
+// The kernel's configuration, behind whose name its release stands.
+inline constexpr char kernel_configuration_prefix[] = "/boot/config-";
 
 // dpkg writes to it whenever packages come or go; with another modification time the packages are
 // read again.

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "common/sources.h"
 #include "common/util.h"
 
 // ---- Data block -----------------------------------------------------------------------------
@@ -39,8 +40,6 @@ constexpr group load_group = described<load_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr char loadavg_path[] = "/proc/loadavg";
-static constexpr char uptime_path[] = "/proc/uptime";
 static constexpr int line_size = 128;
 
 // ---- Reading --------------------------------------------------------------------------------
@@ -109,7 +108,7 @@ int do_load() {
   }
   char line[line_size];
   int32_t averages[3];
-  read_line(loadavg_path, line);
+  read_line(load_averages_path, line);
   parse_loadavg(line, averages);
   read_line(uptime_path, line);
   const load_block block = {averages[0], averages[1], averages[2], parse_uptime(line)};

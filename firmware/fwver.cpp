@@ -7,6 +7,7 @@
 #include "common/group.h"
 #include "common/next_index.h"
 #include "common/row_table.h"
+#include "common/sources.h"
 #include "common/util.h"
 #include "firmware/controller.h"
 #include "firmware/powerpic.h"
@@ -57,12 +58,12 @@ static collector_entry collectors[] = {
     {"System Rom", 0, 0, collect_system_rom, 0xdead1, 1, 0},
     {"System Management Chip", 0, 0, collect_integrated_controller, 0xdead2, 1, 0},
     {"Remote Management Card", 0, 0, collect_remote_card, 0xdead3, 1, 0},
-    {"/proc/driver/tlxarray/ida*", 22, 0, collect_ida, 0xdead4, 1, 0},
-    {"/proc/driver/cciss/cciss*", 19, 0, collect_cciss, 0xdead5, 1, 0},
-    {"/proc/scsi/qla*/[0-9][0-9]*", 11, 0, collect_fibre_channel, 0xdead6, 1, 0},
-    {"/proc/scsi/scsi", 0, 0, collect_scsi_device, 0xdead7, 1, 0},
-    {"/proc/ide/ide*/hd*/identify", 10, 9, collect_ide_drive, 0xdead8, 1, 0},
-    {"/proc/net/nicinfo/eth*.info", 18, 5, collect_network_adapter, 0xdead9, 1, 0},
+    {array_files, 22, 0, collect_ida, 0xdead4, 1, 0},
+    {raid_files, 19, 0, collect_cciss, 0xdead5, 1, 0},
+    {fibre_channel_files, 11, 0, collect_fibre_channel, 0xdead6, 1, 0},
+    {scsi_device_list, 0, 0, collect_scsi_device, 0xdead7, 1, 0},
+    {ide_files, 10, 9, collect_ide_drive, 0xdead8, 1, 0},
+    {network_adapter_files, 18, 5, collect_network_adapter, 0xdead9, 1, 0},
     {"PowerPIC", 0, 0, collect_powerpic, 0xdeada, 1, 0},
     {"Servala KX770 R7 SPI Board PAL", 0, 0, collect_programmable_logic, 0xdeadb, 1, 0},
     {"Servala KX770 R7 Main I/O PAL", 0, 0, collect_programmable_logic, 0xdeadc, 1, 0},

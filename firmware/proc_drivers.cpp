@@ -5,6 +5,7 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include "common/sources.h"
 #include "common/util.h"
 
 // ---- Line scanner -------------------------------------------------------------------------------
@@ -124,9 +125,6 @@ static int32_t device_type_of(const char *type) {
 }
 
 // The segment of the program that manages RAID devices: whether its text is valid, and the text.
-static constexpr char raid_key_path[] = "/opt/qv";
-static constexpr int raid_key_project = 10745;
-static constexpr size_t raid_segment_size = 222;
 static constexpr size_t raid_valid = 189;
 static constexpr size_t raid_text = 190;
 static constexpr size_t raid_text_size = raid_segment_size - raid_text;

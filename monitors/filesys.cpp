@@ -52,9 +52,6 @@ constexpr group filesys_group = described<filesys_block>({
 
 // ---- State ----------------------------------------------------------------------------------
 
-static constexpr const char *ignored_types[] = {"nfs", "smb", "mvfs"};
-
-static constexpr char vmfs_directory[] = "/vmfs";
 static constexpr char vmfs_volumes_directory[] = "/vmfs/volumes";
 static constexpr char vmkfstools_command[] = "/usr/sbin/vmkfstools -l /vmfs/%s";
 static constexpr char vdf_command[] = "vdf | grep \"/vmfs/volumes\"";
@@ -159,7 +156,7 @@ static bool add_entry(mount_list *list, const mntent &entry) {
 }
 
 static bool is_ignored(const char *type) {
-  for (const char *ignored : ignored_types) {
+  for (const char *ignored : ignored_mount_types) {
     if (strcmp(type, ignored) == 0) {
       return true;
     }

@@ -186,7 +186,6 @@ int find_line(const char *path, const char *const *needles, int count) {
   return ferror(file.get()) != 0 ? LINES_UNREADABLE : NO_LINE;
 }
 
-static constexpr char cpuinfo_path[] = "/proc/cpuinfo";
 static const char *const cpu_makers[] = {"AuthenticAMD", "GenuineIntel"};
 static const char *const amd_kernels[] = {"CONFIG_MK6=y", "CONFIG_MK7=y", "CONFIG_MK8=y"};
 
@@ -201,7 +200,7 @@ static const char *processor_suffix() {
     return suffix;
   }
   const char *found = nullptr;
-  const int maker = find_line(cpuinfo_path, cpu_makers, 2);
+  const int maker = find_line(processors_path, cpu_makers, 2);
   if (maker >= 0) {
     found = maker == 0 ? "_amd64" : "_em64t";
   }
@@ -209,7 +208,7 @@ static const char *processor_suffix() {
   utsname names;
   if (uname(&names) == 0) {
     char path[128];
-    snprintf(path, sizeof(path), "/boot/config-%.63s", names.release);
+    snprintf(path, sizeof(path), "%s%.63s", kernel_configuration_prefix, names.release);
     kernel = find_line(path, amd_kernels, 3);
     if (kernel >= 0) {
       found = "_amd64";

@@ -22,6 +22,16 @@ struct SnmpReply {
 // An SNMPv2c GET, or GETNEXT, at address:161; two seconds at most.
 SnmpReply AskSnmp(const std::string &address, const std::string &community,
                   std::span<const uint32_t> oid, bool next);
+// A variable that a walk came across: an integer or octets; neither for another type.
+struct SnmpValue {
+  std::vector<uint32_t> name;
+  std::optional<int32_t> integer;
+  std::optional<std::string> octets;
+};
+// All variables below root at address:161, in their order, by GETBULK; five seconds at most for
+// each answer. False when one did not come or was an error: what came before it is there.
+bool WalkSnmp(const std::string &address, const std::string &community,
+              std::span<const uint32_t> root, std::vector<SnmpValue> *values);
 // Whether an SNMPv3 engine answers there, which tells that the agent is alive whatever communities
 // it takes; a second at most.
 bool SnmpEngineAnswers(const std::string &address);

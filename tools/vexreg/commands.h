@@ -44,6 +44,23 @@ int Export(const std::string &root, const std::optional<std::string> &file);
 int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
         const std::optional<std::string> &data_file);
 int Remove(const std::string &root, const std::string &name);
+// Writes what the agent reads on this host, the registry, the log and doctor's findings as one file
+// ("-": standard output). program: this program's version. What cannot be read is left out, with a
+// message.
+int CaptureHost(const std::string &root, const std::string &file, const std::string &program);
+struct Capture;
+// An HTML page of this host, or of a captured one, on standard output or as a file that is written
+// whole, for this user alone. root: of the registry, the captured one too.
+int Report(const std::string &root, const std::string &program, const Capture *capture,
+           const std::optional<std::string> &file);
+struct ReplayOptions {
+  std::string agent;   // the program to try; empty: the one installed beside this
+  bool exact = false;  // compares what moves between a poll and the capture as well
+  int seconds = 60;    // until what differs is believed
+};
+// Runs the agent on a captured host in private namespaces. kFailed also when it serves other values
+// than then.
+int Replay(const std::string &file, const ReplayOptions &options);
 
 // One message on standard error, with control characters made visible.
 void Complain(const std::string &message);

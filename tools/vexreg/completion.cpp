@@ -14,6 +14,7 @@ namespace {
 
 constexpr char kNames[] = "names";
 constexpr char kObjectArgument[] = "OBJECT";
+constexpr char kFileArgument[] = "FILE";
 constexpr char kSafeCharacters[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./";
 
@@ -28,6 +29,7 @@ struct Command {
   std::string description;
   std::vector<Option> options;
   bool objects = false;  // its arguments are objects
+  bool file = false;     // its argument is a file
 };
 
 // Up to the first sign that separates clauses.
@@ -56,9 +58,10 @@ std::vector<Command> CommandsOf(const CLI::App &app) {
       continue;  // not for people
     }
     Command command = {each->get_name(), FirstClause(each->get_description()), OptionsOf(*each),
-                       false};
+                       false, false};
     for (const CLI::Option *option : each->get_options()) {
       command.objects = command.objects || option->get_name(true) == kObjectArgument;
+      command.file = command.file || option->get_name(true) == kFileArgument;
     }
     commands.push_back(std::move(command));
   }
@@ -139,12 +142,16 @@ std::string BashScript(const CLI::App &app) {
   }
   std::string options;
   std::vector<std::string> with_objects;
+  std::vector<std::string> with_file;
   for (const Command &command : commands) {
     names.push_back(command.name);
     options += "    " + command.name +
                ") options=" + Quoted(Joined(NamesOf(command.options), " ") + " --root") + " ;;\n";
     if (command.objects) {
       with_objects.push_back(command.name);
+    }
+    if (command.file) {
+      with_file.push_back(command.name);
     }
   }
   return "# Completion of vexreg for bash, generated from the command.\n"
@@ -181,6 +188,10 @@ std::string BashScript(const CLI::App &app) {
          "    while IFS= read -r name; do\n"
          "      [[ $name == \"$word\"* ]] && COMPREPLY+=(\"$name\")\n"
          "    done < <(\"${COMP_WORDS[0]}\" \"${root[@]}\" completion names 2>/dev/null)\n"
+         "  elif [[ $command =~ ^(" +
+         Joined(with_file, "|") +
+         ")$ ]]; then\n"
+         "    mapfile -t COMPREPLY < <(compgen -f -- \"$word\")\n"
          "  fi\n"
          "} && complete -F _vexreg vexreg\n";
 }
@@ -213,6 +224,9 @@ std::string ZshScript(const CLI::App &app) {
     }
     if (command.objects) {
       cases += " \\\n          '*:object:_vexreg_objects'";
+    }
+    if (command.file) {
+      cases += " \\\n          '1:file:_files'";
     }
     cases += " ;;\n";
   }
@@ -295,6 +309,9 @@ std::string FishScript(const CLI::App &app) {
     }
     if (command.objects) {
       text += "complete -c vexreg" + within + " -a '(vexreg completion names 2>/dev/null)'\n";
+    }
+    if (command.file) {
+      text += "complete -c vexreg" + within + " -F\n";
     }
   }
   return text;

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/completion.h"
 
@@ -10,13 +11,10 @@ namespace {
 
 constexpr char kAbout[] = "Shows and writes the objects that agents publish, and checks the agent.";
 constexpr char kNotes[] =
-    "An OBJECT is a name (host/cpu.0), a group (cpu), a pattern ('host/filesys.*') or\n"
-    "a variable (tlxHoCpuUtilMin); none named means all.\n"
+    "An OBJECT is a name (host/cpu.0), a group (host/cpu, cpu), a pattern\n"
+    "('host/filesys.*') or a variable (tlxHoCpuUtilMin); none named means all.\n"
     "\n"
-    "Exit status  0  done; of doctor: all is well\n"
-    "             1  an object is not there or cannot be read or written, nothing is\n"
-    "                published, or doctor finds something wrong\n"
-    "             2  wrong usage";
+    "Exit status: 0; 1 when something is missing, differs or fails; 2: wrong usage.";
 constexpr char kDumpNotes[] =
     "Integers are numbers, octet strings hexadecimal digits.\n"
     "Example: vexreg dump host/memory | jq .";
@@ -49,6 +47,26 @@ constexpr char kExportNotes[] =
     "A value that is not known has no sample. FILE is written whole or not at all.\n"
     "Example: vexreg export --output /var/lib/prometheus/node-exporter/vexhost.prom";
 
+constexpr char kCaptureNotes[] =
+    "FILE is written whole or not at all, for root alone; - is standard output.\n"
+    "Communities, users' keys and comments of snmpd's configuration stay here.\n"
+    "Examples:\n"
+    "  sudo vexreg capture host.tar.zst\n"
+    "  ssh server sudo vexreg capture - >server.tar.zst";
+constexpr char kReportNotes[] =
+    "One page without scripts that opens from a file and prints: identity, use,\n"
+    "software, firmware, siblings, doctor's findings and the log. Only this user may\n"
+    "read FILE, which is written whole or not at all.\n"
+    "Examples:\n"
+    "  sudo vexreg report --output host.html\n"
+    "  vexreg report --capture host.tar.zst >host.html";
+constexpr char kReplayNotes[] =
+    "In namespaces of its own, with nothing of this host but its programs. What\n"
+    "moves by nature (averages, times, counts) is not compared.\n"
+    "Exit status: 0 when the same is served; 1 when something differs or it could not\n"
+    "be tried; 2 for wrong usage.\n"
+    "Example: sudo vexreg replay host.tar.zst";
+
 constexpr int kNameColumns = 26;  // of the names in the lists of --help
 
 // What the command line says.
@@ -62,7 +80,15 @@ struct Arguments {
   std::optional<std::string> output_file;
   int most_seconds = 30;
   std::string completion;
+  std::string capture_file;  // what capture writes or replay reads
+  std::string capture;       // what is shown instead of this host
+  vex::ReplayOptions replay;
 };
+
+void AddCapture(CLI::App *to, Arguments *arguments) {
+  to->add_option("--capture", arguments->capture, "Of a captured host instead of this one")
+      ->type_name("FILE");
+}
 
 void AddWidth(CLI::App *to, Arguments *arguments) {
   to->add_option("--width", arguments->view.width,
@@ -171,6 +197,32 @@ int main(int argc, char **argv) {
   exporter->add_option("--output", arguments.output_file, "Writes this file instead")
       ->type_name("FILE");
 
+  CLI::App *report = AddCommand(&app, "report", "Writes the host as an HTML page", kReportNotes);
+  report->add_option("--output", arguments.output_file, "Writes this file instead")
+      ->type_name("FILE");
+  for (CLI::App *each : {dump, show, exporter, report}) {
+    AddCapture(each, &arguments);
+  }
+
+  CLI::App *capture =
+      AddCommand(&app, "capture", "Takes what the agent reads into one file", kCaptureNotes);
+  capture->add_option("FILE", arguments.capture_file, "The file to write")
+      ->required()
+      ->type_name("");
+  CLI::App *replay =
+      AddCommand(&app, "replay", "Runs the agent on a captured host, and compares", kReplayNotes);
+  replay->add_option("FILE", arguments.capture_file, "A captured host; - for standard input")
+      ->required()
+      ->type_name("");
+  replay->add_option("--agent", arguments.replay.agent, "Another agent than the installed one")
+      ->type_name("FILE");
+  replay->add_flag("--exact", arguments.replay.exact,
+                   "Compares what is in use, and the load, as well");
+  replay->add_option("--limit", arguments.replay.seconds, "Seconds until what differs is believed")
+      ->type_name("N")
+      ->check(CLI::Range(1, 3600).description(""))
+      ->capture_default_str();
+
   // For the shells: not listed.
   CLI::App *completion = app.add_subcommand("completion", "")->fallthrough()->group("");
   completion->add_option("WHAT", arguments.completion)->required();
@@ -179,6 +231,17 @@ int main(int argc, char **argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? vex::kDone : vex::kWrongUsage;
+  }
+  vex::CapturedRegistry captured;
+  if (!arguments.capture.empty()) {
+    if (!captured.Open(arguments.capture)) {
+      return vex::kFailed;
+    }
+    arguments.selection.root = captured.root();
+    if (!*report && vex::ListObjects(captured.root()).empty()) {
+      vex::Complain(arguments.capture + ": nothing was published when this was captured");
+      return vex::kFailed;
+    }
   }
   const std::string &root = arguments.selection.root;
   if (*dump) {
@@ -201,6 +264,17 @@ int main(int argc, char **argv) {
   }
   if (*exporter) {
     return vex::Export(root, arguments.output_file);
+  }
+  if (*report) {
+    return vex::Report(root, VEXREG_VERSION,
+                       arguments.capture.empty() ? nullptr : &captured.capture(),
+                       arguments.output_file);
+  }
+  if (*capture) {
+    return vex::CaptureHost(root, arguments.capture_file, VEXREG_VERSION);
+  }
+  if (*replay) {
+    return vex::Replay(arguments.capture_file, arguments.replay);
   }
   return *completion ? vex::Complete(app, root, arguments.completion) : vex::kWrongUsage;
 }

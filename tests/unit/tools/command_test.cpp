@@ -384,15 +384,17 @@ TEST_F(Command, CompletesCommandsOptionsAndNames) {
     return outcome.out;
   };
   EXPECT_EQ(complete("s"), "show\n");
-  EXPECT_EQ(complete("''"), "dump show watch put rm doctor export\n");
-  EXPECT_EQ(complete("show --c"), "--color --columns\n");
+  EXPECT_EQ(complete("''"), "dump show watch put rm doctor export report capture replay\n");
+  EXPECT_EQ(complete("show --c"), "--color --columns --capture\n");
   EXPECT_EQ(complete("show --color ''"), "auto always never\n");
   EXPECT_EQ(complete("show host/"), "host/cpu host/cpu.0\n");
   EXPECT_EQ(complete("show tlxHoCpuUtilM"), "tlxHoCpuUtilMin\n");
   EXPECT_EQ(complete("doctor host/"), "\n");
+  EXPECT_EQ(complete("replay " + script.substr(0, script.size() - 1)), script + "\n");
   for (const char *shell : {"bash", "zsh", "fish"}) {
     const std::string text = Output({"completion", shell});
-    for (const char *word : {"dump", "watch", "export", "sort", "columns", "output", "limit"}) {
+    for (const char *word :
+         {"dump", "watch", "export", "sort", "columns", "output", "limit", "capture", "report"}) {
       EXPECT_NE(text.find(word), std::string::npos) << shell << " " << word;
     }
   }
@@ -400,8 +402,9 @@ TEST_F(Command, CompletesCommandsOptionsAndNames) {
 }
 
 TEST_F(Command, HelpFitsAScreen) {
-  for (const Words &words : {Words{}, Words{"dump"}, Words{"show"}, Words{"watch"}, Words{"put"},
-                             Words{"rm"}, Words{"doctor"}, Words{"export"}}) {
+  for (const Words &words :
+       {Words{}, Words{"dump"}, Words{"show"}, Words{"watch"}, Words{"put"}, Words{"rm"},
+        Words{"doctor"}, Words{"export"}, Words{"report"}, Words{"capture"}, Words{"replay"}}) {
     Words all = words;
     all.push_back("--help");
     const std::vector<std::string> lines = made_up::Lines(Output(all));

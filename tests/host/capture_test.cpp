@@ -1,0 +1,187 @@
+// vexreg capture and vexreg replay on made-up hosts.
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/golden_host.h"
+#include "tests/support/made_up_host.h"
+
+using namespace made_up;
+
+namespace {
+
+constexpr char kFile[] = "/tmp/host.tar.zst";
+
+bool Contains(const std::string &text, const std::string &part) {
+  return text.find(part) != std::string::npos;
+}
+
+// A capture's plain tar archive.
+std::string Unpacked(const std::string &file) {
+  return RunCommand({"zstd", "-dc", file}).out;
+}
+
+Outcome ReplayOf(const std::string &file, std::vector<std::string> more = {}) {
+  std::vector<std::string> command = {VexregPath(), "replay", file, "--agent", DaemonPath()};
+  command.insert(command.end(), more.begin(), more.end());
+  ProcessOptions options;
+  options.real_proc = true;
+  return RunCommand(command, options, 100);
+}
+
+}  // namespace
+
+TEST(Capture, IsServedAgainToTheLastValue) {
+  GoldenHost golden(true);
+  golden.StartMaster();
+  DaemonOptions options = golden.Options();
+  options.kernel = {};  // vexreg sees the machine's own as well
+  golden.host.daemon.Start(options);
+  ASSERT_TRUE(golden.host.daemon.Poll());
+  const Outcome captured = golden.host.Vexreg({"capture", kFile});
+  ASSERT_EQ(captured.status, 0) << captured.err;
+  struct stat status = {};
+  ASSERT_EQ(stat(kFile, &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+  EXPECT_EQ(status.st_uid, 0U);
+
+  const Outcome same = ReplayOf(kFile, {"--exact"});
+  EXPECT_EQ(same.status, 0) << same.out << same.err;
+  EXPECT_TRUE(Contains(same.out, ", 0 differ\n")) << same.out;
+}
+
+TEST(Capture, LetsNoCommunityOutOfTheHost) {
+  MadeUpHost host;
+  SnmpdOptions master;
+  master.extra =
+      "rocommunity s3cret-one default -V systemonly\n"
+      "com2sec user default s3cret-two\n"
+      "createUser me SHA s3cret-three AES s3cret-four\n"
+      "trap2sink 127.0.0.1 s3cret-five\n"
+      "# rwcommunity s3cret-six\n";
+  host.File("/etc/snmp/vexhostd.conf", "community s3cret-one\n");
+  host.File("/etc/snmp/snmp.conf", "defPassphrase s3cret-seven\n");
+  host.snmpd.Start(master);
+  host.daemon.Start({"-p", "15", "-l", "/tmp/agent.log"});
+  host.File("/tmp/agent.log", "a line of old: s3cret-one!\n");
+  const Outcome captured = host.Vexreg({"capture", kFile});
+  ASSERT_EQ(captured.status, 0) << captured.err;
+  const std::string tar = Unpacked(kFile);
+  EXPECT_TRUE(Contains(tar, "host/etc/snmp/snmpd.conf"));
+  EXPECT_TRUE(Contains(tar, "master agentx\n"));
+  EXPECT_TRUE(Contains(tar, "log/file"));
+  EXPECT_TRUE(Contains(tar, "a line of old: (left out)!"));
+  EXPECT_TRUE(Contains(tar, "doctor.json"));
+  EXPECT_FALSE(Contains(tar, "s3cret"));
+}
+
+TEST(Capture, IsWholeOrNotThere) {
+  MadeUpHost host;
+  host.Directory("/full");
+  ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "-o", "size=16k", "full", "/full"}).status, 0);
+  EXPECT_EQ(host.Vexreg({"capture", "/full/host.tar.zst"}).status, 1);
+  EXPECT_EQ(RunCommand({"ls", "-A", "/full"}).out, "");
+  EXPECT_EQ(host.Vexreg({"capture", "/nowhere/host.tar.zst"}).status, 1);
+  host.File(kFile, "the old one", 0644);
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
+  struct stat status = {};
+  ASSERT_EQ(stat(kFile, &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST(Capture, GoesOnWithoutWhatFails) {
+  MadeUpHost host;
+  host.Start();
+  // A command that hangs is given up, and one that is not there is no failure.
+  host.Directory("/etc/quorix/appliance.conf");
+  host.Command("dpkg", "exit 2");
+  const Outcome captured = host.Vexreg({"capture", kFile});
+  EXPECT_EQ(captured.status, 0);
+  EXPECT_TRUE(Contains(captured.err, "left out: /etc/quorix/appliance.conf: Invalid argument"))
+      << captured.err;
+  const auto description = nlohmann::json::parse(
+      RunCommand({"tar", "--zstd", "-xOf", kFile, "capture.json"}).out, nullptr, false);
+  EXPECT_EQ(description["omissions"][0]["source"], "/etc/quorix/appliance.conf");
+}
+
+TEST(Capture, IsShownLikeAHost) {
+  MadeUpHost host;
+  host.Proc("meminfo", "MemTotal: 4096 kB\nMemFree: 1023 kB\n");
+  host.Start();
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
+  const std::string dump = host.Dump({"host/memory"});
+  host.Proc("meminfo", "MemTotal: 9999999 kB\nMemFree: 1023 kB\n");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_NE(host.Dump({"host/memory"}), dump);
+  EXPECT_EQ(host.Vexreg({"dump", "--capture", kFile, "host/memory"}).out, dump);
+  EXPECT_TRUE(Contains(host.Vexreg({"show", "--capture", kFile, "memory"}).out,
+                       "PhysicalMemorySize  4 MiB"));
+  EXPECT_TRUE(Contains(host.Vexreg({"export", "--capture", kFile}).out,
+                       "\nvexhost_memory_size_bytes 4194304\n"));
+  EXPECT_EQ(RunCommand({"sh", "-c", "ls -d /tmp/vexreg.*"}).out, "");  // nothing stays behind
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);  // of a host without an agent
+  const Outcome nothing = host.Vexreg({"show", "--capture", kFile});
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(nothing.err,
+            "vexreg: /tmp/host.tar.zst: nothing was published when this was captured\n");
+  const Outcome wrong = host.Vexreg({"show", "--capture", "/etc/mtab"});
+  EXPECT_EQ(wrong.status, 1);
+  EXPECT_TRUE(Contains(wrong.err, "vexreg: /etc/mtab: not a capture")) << wrong.err;
+}
+
+TEST(Capture, ShowsWhatIsServedOtherwise) {
+  MadeUpHost host;
+  host.File("/etc/os-release", "NAME=\"One\"\nVERSION_ID=1\n");
+  host.Start();
+  ASSERT_TRUE(host.daemon.Poll());  // what only the first poll publishes is there
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
+  const Outcome same = ReplayOf(kFile);
+  EXPECT_EQ(same.status, 0) << same.out << same.err;
+  // The same host with one line of a source changed since.
+  const std::string change =
+      "cd /tmp && mkdir w && cd w && tar --zstd -xf ../host.tar.zst && "
+      "echo 'NAME=\"Another\"' >host/etc/os-release && "
+      "find . -type f -printf '%P\\n' | tar --zstd --format=ustar -cf ../other.tar.zst -T -";
+  ASSERT_EQ(RunCommand({"sh", "-c", change}).status, 0);
+  const Outcome other = ReplayOf("/tmp/other.tar.zst", {"--limit", "12"});
+  EXPECT_EQ(other.status, 1);
+  EXPECT_TRUE(Contains(other.out, "tlxHoName: One  -> Another \n")) << other.out << other.err;
+}
+
+// Beside the unit tests of the archive: what comes out of a whole one of another tar.
+TEST(Capture, AHostileOneIsRefusedAndLeavesNothing) {
+  MadeUpHost host;
+  host.Start();
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
+  const std::string unpack =
+      "cd /tmp && rm -rf w && mkdir w && cd w && tar --zstd -xf ../host.tar.zst && ";
+  const std::string pack = " && tar --zstd -cPf ../bad.tar.zst ";
+  for (const std::string &made :
+       {"ln -s /etc host/etc/link" + pack + "--no-recursion $(find . -type f -o -type l)",
+        "mkfifo host/etc/pipe" + pack + "$(find . -type f -o -type p)",
+        "mknod host/etc/zero c 1 5" + pack + "$(find . -type f -o -type c)",
+        "ln capture.json host/hard" + pack + "$(find . -type f)",
+        "echo x >/tmp/outside" + pack + "$(find . -type f) ../outside",
+        "echo x >/tmp/outside" + pack + "$(find . -type f) /tmp/outside", "true" + pack + "."}) {
+    ASSERT_EQ(RunCommand({"bash", "-c", unpack + made}).status, 0) << made;
+    RunCommand({"rm", "-f", "/tmp/outside"});
+    for (const std::string command : {"show", "replay"}) {
+      const Outcome outcome = command == "show"
+                                  ? host.Vexreg({"show", "--capture", "/tmp/bad.tar.zst"})
+                                  : ReplayOf("/tmp/bad.tar.zst");
+      EXPECT_EQ(outcome.status, 1) << made;
+      EXPECT_TRUE(Contains(outcome.err, "vexreg: /tmp/bad.tar.zst: ")) << made << outcome.err;
+    }
+    EXPECT_EQ(RunCommand({"sh", "-c", "ls -d /tmp/outside /tmp/vexreg.*"}).out, "") << made;
+  }
+  // A file that no source has is not put into the room.
+  ASSERT_EQ(RunCommand({"bash", "-c",
+                        unpack + "echo /nowhere/x.so >host/etc/ld.so.preload && "
+                                 "find . -type f -printf '%P\\n' | "
+                                 "tar --zstd --format=ustar -cf ../odd.tar.zst -T -"})
+                .status,
+            0);
+  const Outcome odd = ReplayOf("/tmp/odd.tar.zst");
+  EXPECT_EQ(odd.status, 0) << odd.out << odd.err;
+}

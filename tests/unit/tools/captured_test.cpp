@@ -1,0 +1,162 @@
+// What a capture says of a host, and how what is served is compared.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "framework/snmp/mib_table.h"
+#include "tools/vexreg/captured_host.h"
+#include "tools/vexreg/figures.h"
+#include "tools/vexreg/served.h"
+
+namespace vex {
+namespace {
+
+TEST(Figures, AreTheSameAfterTheirText) {
+  std::map<std::string, MountFigures> figures;
+  figures["/"] = {MountFigures::kAnswered, 0, 4096, 100, 40, 10, 3};
+  figures["/with blank\\and\nline\xFF"] = {MountFigures::kErrno, 5, 0, 0, 0, 0, 0};
+  figures["/dead"] = {};
+  const std::string text = FiguresText(figures);
+  EXPECT_EQ(text,
+            "figures 4096 100 40 10 3 /\n"
+            "silent /dead\n"
+            "error 5 /with\\040blank\\134and\\012line\\377\n");
+  const auto read = ParseFigures(text);
+  ASSERT_EQ(read.size(), 3U);
+  EXPECT_EQ(read.at("/").blocks, 100U);
+  EXPECT_EQ(read.at("/").ffree, 3U);
+  EXPECT_EQ(read.at("/dead").state, MountFigures::kSilent);
+  EXPECT_EQ(read.at("/with blank\\and\nline\xFF").error, 5);
+  for (const char *line : {"figures 1 2 /", "figures x 1 1 1 1 /", "error /", "what /", "", " ",
+                           "figures 99999999999999999999999 1 1 1 1 /"}) {
+    EXPECT_TRUE(ParseFigures(line).empty()) << line;
+  }
+}
+
+TEST(Figures, OfMountsThatTheAgentAsks) {
+  const std::vector<std::string> expected = {"/", "/a b"};
+  EXPECT_EQ(AskedDirectories("/dev/a / ext4 rw 0 0\nf:/x /mnt nfs rw 0 0\n"
+                             "/dev/b /a\\040b xfs rw 0 0\n/dev/b /a\\040b xfs rw 0 0\nbroken\n"),
+            expected);
+  EXPECT_TRUE(AskedDirectories("").empty());
+}
+
+TEST(CapturedHost, DescriptionIsReadBack) {
+  Capture capture;
+  capture.host = "h";
+  capture.made = "2026-01-02T03:04:05Z";
+  capture.release = "6.1";
+  capture.commands = {{{"dpkg", "-l"}, "commands/0", 3}};
+  capture.siblings = {"/opt/vexida"};
+  capture.asked = {{".1.3", -7}};
+  capture.omissions = {{"x", "y"}};
+  std::string error;
+  const auto read = CaptureOf({{kDescriptionMember, 0, DescriptionJson(capture)}}, &error);
+  ASSERT_TRUE(read) << error;
+  EXPECT_EQ(read->host, "h");
+  EXPECT_EQ(read->commands.at(0).words.at(1), "-l");
+  EXPECT_EQ(read->commands.at(0).status, 3);
+  EXPECT_EQ(read->asked.at(0).second, -7);
+  EXPECT_EQ(read->siblings, capture.siblings);
+  EXPECT_EQ(read->omissions.at(0).reason, "y");
+}
+
+TEST(CapturedHost, DescriptionsThatAreNone) {
+  std::string error;
+  for (const char *text : {"", "[]", "{", "{}", "7", "null", R"({"format":"1"})", R"({"format":0})",
+                           R"({"format":1.5})"}) {
+    EXPECT_FALSE(CaptureOf({{kDescriptionMember, 0, text}}, &error)) << text;
+    EXPECT_EQ(error, "not a capture");
+  }
+  EXPECT_FALSE(CaptureOf({}, &error));
+  EXPECT_FALSE(CaptureOf({{kDescriptionMember, 0, R"({"format":2})"}}, &error));
+  EXPECT_EQ(error, "made by a later version of vexreg");
+  // Whatever types its parts have.
+  EXPECT_TRUE(CaptureOf({{kDescriptionMember, 0,
+                          R"({"format":1,"host":[],"kernel":7,"commands":[7,{"words":[{}]}],
+                              "asked":{"oid":1},"siblings":[[]]})"}},
+                        &error));
+}
+
+TEST(CapturedHost, OnlyPathsOfSourcesAreSources) {
+  for (const char *path : {"/proc/stat", "/etc/mtab", "/boot/config-6.1.0", "/vmfs/one",
+                           "/proc/scsi/qla2300/10", "/var/lib/quorix/ev/ZTHUV"}) {
+    EXPECT_NE(SourceOf(path), nullptr) << path;
+  }
+  for (const char *path : {"/etc/ld.so.preload", "/etc/passwd", "/usr/lib/libc.so.6",
+                           "/boot/config-/../../etc/passwd", "/proc/stat/x", "/etc/snmp", ""}) {
+    EXPECT_EQ(SourceOf(path), nullptr) << path;
+  }
+}
+
+Served Small(const std::string &free, const std::string &size) {
+  return {{{"tlxHoPhysicalMemoryFree", ""}, free},
+          {{"tlxHoPhysicalMemorySize", ""}, size},
+          {{"tlxHoAgentStart", ""}, free}};
+}
+
+TEST(Comparison, LeavesOutWhatMovesByNature) {
+  size_t compared = 0;
+  EXPECT_TRUE(Compare(Small("1", "5"), Small("2", "5"), false, &compared).empty());
+  EXPECT_EQ(compared, 1U);
+  const auto exact = Compare(Small("1", "5"), Small("2", "5"), true, &compared);
+  ASSERT_EQ(exact.size(), 1U);
+  EXPECT_EQ(exact[0].place.variable, "tlxHoPhysicalMemoryFree");
+  EXPECT_EQ(compared, 2U);
+  const auto differ = Compare(Small("1", "5"), Small("1", "6"), false, &compared);
+  ASSERT_EQ(differ.size(), 1U);
+  EXPECT_EQ(differ[0].before, "5");
+  EXPECT_EQ(differ[0].now, "6");
+  // What moves may change, and not come or go.
+  const auto gone =
+      Compare(Small("1", "5"), {{{"tlxHoPhysicalMemorySize", ""}, "5"}}, false, &compared);
+  ASSERT_EQ(gone.size(), 1U);
+  EXPECT_EQ(gone[0].now, kAbsent);
+}
+
+TEST(Comparison, KnowsOnlyVariablesOfTheModules) {
+  const std::string document = [] {
+    std::ifstream file(VEX_SOURCE_DIR "/docs/capture-format.md");
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  }();
+  for (const Moving &one : MovingVariables()) {
+    EXPECT_NE(FindMibVariable(one.variable), nullptr) << one.variable;
+    EXPECT_NE(document.find("`" + std::string(one.variable) + "`"), std::string::npos)
+        << one.variable << " is not in docs/capture-format.md";
+  }
+}
+
+TEST(Comparison, KnowsRowsByWhatTheyAreOf) {
+  const MibVariable *desc = FindMibVariable("tlxHoFileSysDesc");
+  const MibVariable *total = FindMibVariable("tlxHoFileSysSpaceTotal");
+  const auto row = [&](uint32_t number, const char *text, int32_t size) {
+    std::vector<SnmpValue> values(2);
+    values[0].name.assign(desc->Oid().begin(), desc->Oid().end());
+    values[0].name.push_back(number);
+    values[0].octets = text;
+    values[1].name.assign(total->Oid().begin(), total->Oid().end());
+    values[1].name.push_back(number);
+    values[1].integer = size;
+    return values;
+  };
+  const auto both = [](std::vector<SnmpValue> a, const std::vector<SnmpValue> &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
+  size_t compared = 0;
+  const Served one = ServedByWalk(both(row(1, "a on /", 5), row(2, "b on /x", 6)));
+  EXPECT_TRUE(
+      Compare(one, ServedByWalk(both(row(3, "b on /x", 6), row(7, "a on /", 5))), true, &compared)
+          .empty());
+  EXPECT_EQ(compared, 4U);
+  const auto other =
+      Compare(one, ServedByWalk(both(row(1, "a on /", 5), row(2, "b on /x", 9))), true, &compared);
+  ASSERT_EQ(other.size(), 1U);
+  EXPECT_EQ(other[0].place.row, "b on /x");
+  // Two of one text stay two.
+  EXPECT_EQ(ServedByWalk(both(row(1, "a on /", 5), row(2, "a on /", 6))).size(), 4U);
+}
+
+}  // namespace
+}  // namespace vex

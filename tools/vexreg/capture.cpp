@@ -1,0 +1,502 @@
+// vexreg capture: everything that the agent reads on this host, in one file.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <glob.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "common/sources.h"
+#include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
+#include "framework/registry/registry_dir.h"
+#include "framework/snmp/snmp_ask.h"
+#include "framework/snmp/snmp_files.h"
+#include "tools/vexreg/captured_host.h"
+#include "tools/vexreg/child_output.h"
+#include "tools/vexreg/commands.h"
+#include "tools/vexreg/figures.h"
+#include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/replace_file.h"
+#include "tools/vexreg/secrets.h"
+#include "tools/vexreg/values.h"
+
+namespace vex {
+namespace {
+
+constexpr char kAgent[] = "vexhostd";
+constexpr char kLoopback[] = "127.0.0.1";
+constexpr char kUsualPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr mode_t kMode = 0600;  // a registry and a log are not for everybody
+
+// Limits: of one source, and of what waits.
+constexpr size_t kMostFile = size_t{8} << 20;
+constexpr size_t kMostOutput = size_t{16} << 20;
+constexpr size_t kMostLog = size_t{256} << 10;
+constexpr int kCommandSeconds = 20;
+constexpr int kDoctorSeconds = 20;
+constexpr int kMostSilentMounts = 10;
+
+// What the agent asks snmpd for, below enterprises.4891: other agents' revisions and conditions.
+constexpr uint32_t kAskedBelow[] = {1, 3, 6, 1, 4, 1, 4891};
+constexpr std::initializer_list<uint32_t> kAsked[] = {
+    {18, 1, 1, 0},  {18, 1, 2, 0},  {18, 1, 3, 0},   {172, 1, 1, 0},
+    {172, 1, 2, 0}, {172, 1, 3, 0}, {6, 2, 5, 17, 0}};
+
+// Parts of the program paths of agents that the agent looks for.
+constexpr const char *kSiblings[] = {"vex", "fio-snmp-agentx"};
+
+std::string Now() {
+  const time_t now = time(nullptr);
+  tm parts = {};
+  gmtime_r(&now, &parts);
+  char text[32];
+  strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
+// At most so many bytes of a plain file. Nothing, with errno, when it cannot be read.
+std::optional<std::string> ReadPlain(int directory, const std::string &path, size_t most, int flags,
+                                     struct stat *status) {
+  const Descriptor file(
+      openat(directory, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags));
+  if (!file || fstat(file.get(), status) != 0) {
+    return std::nullopt;
+  }
+  if (!S_ISREG(status->st_mode)) {
+    errno = EINVAL;
+    return std::nullopt;
+  }
+  // Files of /proc have no size; those of a program's log may be long and are not read so.
+  std::string bytes(std::min(most + 1, std::max<size_t>(status->st_size + 1, 1 << 20)), '\0');
+  const ssize_t size = ReadFully(file.get(), bytes.data(), bytes.size());
+  if (size < 0) {
+    return std::nullopt;
+  }
+  bytes.resize(static_cast<size_t>(size));
+  return bytes;
+}
+
+std::string LastOf(const std::string &text, size_t most) {
+  if (text.size() <= most) {
+    return text;
+  }
+  const size_t line = text.find('\n', text.size() - most);
+  return line == std::string::npos ? "" : text.substr(line + 1);
+}
+
+class Collector {
+ public:
+  explicit Collector(std::string root) : root_(std::move(root)) {}
+
+  // The whole capture. Each part that fails is left out, with the reason.
+  Capture Collect(const std::string &program) {
+    capture_.made = Now();
+    capture_.program = program;
+    FindAgent();
+    TakeSystem();
+    TakeFiles();
+    TakeMounts();
+    TakeCommands();
+    TakeRaidKey();
+    TakeSiblings();
+    TakeAnswers();
+    TakeRegistry();
+    TakeFindings();
+    TakeLog();
+    Put(kDescriptionMember, DescriptionJson(capture_), time(nullptr));
+    std::sort(capture_.members.begin(), capture_.members.end(),
+              [](const Member &a, const Member &b) { return a.name < b.name; });
+    return std::move(capture_);
+  }
+
+ private:
+  void Omit(const std::string &source, const std::string &reason) {
+    capture_.omissions.push_back({source, reason});
+  }
+
+  bool Put(const std::string &name, std::string bytes, int64_t modified) {
+    if (!IsMemberName(name)) {
+      Omit(name, "no name for a capture");
+      return false;
+    }
+    if (total_ + bytes.size() > kMostArchiveBytes / 2 ||
+        capture_.members.size() + 2 > kMostMembers) {
+      Omit(name, "the capture is full");
+      return false;
+    }
+    total_ += bytes.size();
+    capture_.members.push_back({name, modified, std::move(bytes)});
+    return true;
+  }
+
+  void FindAgent() {
+    const auto processes = FindProcesses(kAgent);
+    agent_ = processes.empty() ? 0 : processes.front().pid;
+    if (agent_ == 0) {
+      Omit(kAgent, "does not run");
+    }
+    const auto path = agent_ != 0 ? VariableOf(agent_, "PATH") : std::nullopt;
+    search_ = path && *path ? **path : kUsualPath;
+  }
+
+  void TakeSystem() {
+    utsname names = {};
+    if (uname(&names) != 0) {
+      Omit("uname", strerror(errno));
+      return;
+    }
+    capture_.host = names.nodename;
+    capture_.release = names.release;
+    capture_.version = names.version;
+    capture_.machine = names.machine;
+  }
+
+  // A file's bytes as they may leave the host.
+  std::string Cleaned(std::string bytes, Treatment treatment) {
+    switch (treatment) {
+      case Treatment::kPresence:
+        return "";
+      case Treatment::kSnmp:
+        return WithoutSnmpSecrets(bytes, &secrets_);
+      case Treatment::kAssignments:
+        return WithoutAssignedSecrets(bytes, &secrets_);
+      case Treatment::kWhole:
+        break;
+    }
+    return bytes;
+  }
+
+  void TakeFile(const std::string &path, Treatment treatment) {
+    struct stat status = {};
+    if (treatment == Treatment::kPresence) {
+      if (stat(path.c_str(), &status) == 0) {
+        // A capture has files alone; one in it stands for a directory.
+        const std::string directory = S_ISDIR(status.st_mode) ? "/.directory" : "";
+        Put(std::string(kHostMembers) + path.substr(1) + directory, "", status.st_mtime);
+      }
+      return;
+    }
+    auto bytes = ReadPlain(AT_FDCWD, path, kMostFile, 0, &status);
+    if (!bytes) {
+      if (errno != ENOENT && errno != ENOTDIR) {
+        Omit(path, strerror(errno));
+      }
+      return;
+    }
+    if (bytes->size() > kMostFile) {
+      Omit(path, "too large");
+      return;
+    }
+    if (path == mount_table_path) {
+      mount_table_ = *bytes;
+    }
+    Put(std::string(kHostMembers) + path.substr(1), Cleaned(std::move(*bytes), treatment),
+        status.st_mtime);
+  }
+
+  void TakeFiles() {
+    for (const Source &source : Sources()) {
+      glob_t found = {};
+      if (glob(source.pattern, GLOB_NOSORT, nullptr, &found) == 0) {
+        for (size_t i = 0; i < found.gl_pathc; i++) {
+          TakeFile(found.gl_pathv[i], source.treatment);
+        }
+      }
+      globfree(&found);
+    }
+    TakeFile(kernel_configuration_prefix + capture_.release, Treatment::kWhole);
+    TakeOtherSnmpFiles();
+  }
+
+  // Where the agent's environment says that net-snmp's files are.
+  void TakeOtherSnmpFiles() {
+    const auto path = agent_ != 0 ? VariableOf(agent_, "SNMPCONFPATH") : std::nullopt;
+    if (!path || !*path) {
+      return;
+    }
+    const std::string &directories = **path;
+    for (size_t from = 0; from <= directories.size();) {
+      const size_t end = std::min(directories.find(':', from), directories.size());
+      const std::string directory = directories.substr(from, end - from);
+      from = end + 1;
+      glob_t found = {};
+      if (!directory.empty() && glob((directory + "/*.conf").c_str(), 0, nullptr, &found) == 0) {
+        for (size_t i = 0; i < found.gl_pathc; i++) {
+          const std::string name = std::string(kHostMembers) + (found.gl_pathv[i] + 1);
+          if (capture_.Find(name) == nullptr) {
+            TakeFile(found.gl_pathv[i], Treatment::kSnmp);
+          }
+        }
+      }
+      globfree(&found);
+    }
+  }
+
+  void TakeMounts() {
+    Put(kFiguresMember, FiguresText(AskMounts(AskedDirectories(mount_table_), kMostSilentMounts)),
+        time(nullptr));
+  }
+
+  void TakeCommand(const std::vector<std::string> &words) {
+    const ChildOutput output = RunProgram(words, search_, kCommandSeconds, kMostOutput);
+    CommandRun run = {words, "", output.status};
+    if (output.end == ChildOutput::kExited) {
+      const std::string member =
+          std::string(kCommandMembers) + std::to_string(capture_.commands.size());
+      if (Put(member, output.out, time(nullptr))) {
+        run.member = member;
+      }
+    } else if (output.end != ChildOutput::kNotRun) {
+      Omit(words.front(), output.end == ChildOutput::kTimedOut ? "no end in time" : "too much");
+    }
+    capture_.commands.push_back(std::move(run));
+  }
+
+  void TakeCommands() {
+    TakeCommand({"dpkg", "-la"});
+    TakeCommand({"dpkg", "-l"});
+    TakeCommand({"dpkg", "--print-architecture"});
+    TakeCommand({"rpm", "-qa"});
+    const std::string volumes = std::string(kHostMembers) + (vmfs_directory + 1) + "/";
+    std::vector<std::string> names;
+    for (const Member &member : capture_.members) {
+      if (member.name.starts_with(volumes) && !member.name.ends_with("/.directory")) {
+        names.push_back("/" + member.name.substr(kHostMembers.size()));
+      }
+    }
+    if (!names.empty()) {
+      TakeCommand({"vdf"});
+      for (const std::string &name : names) {
+        TakeCommand({kVolumeTool, "-l", name});
+      }
+    }
+  }
+
+  void TakeRaidKey() {
+    const key_t key = ftok(raid_key_path, raid_key_project);
+    const int segment = key != -1 ? shmget(key, raid_segment_size, 0) : -1;
+    if (segment == -1) {
+      return;
+    }
+    void *const attached = shmat(segment, nullptr, SHM_RDONLY);
+    if (attached == reinterpret_cast<void *>(-1)) {
+      Omit("the RAID key segment", strerror(errno));
+      return;
+    }
+    Put(kRaidKeyMember, std::string(static_cast<const char *>(attached), raid_segment_size),
+        time(nullptr));
+    shmdt(attached);
+  }
+
+  void TakeSiblings() {
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", error)) {
+      const std::string name = entry.path().filename();
+      struct stat status = {};
+      if (name.find_first_not_of("0123456789") != std::string::npos ||
+          name == std::to_string(agent_)) {
+        continue;
+      }
+      const auto words = ReadPlain(AT_FDCWD, entry.path() / "cmdline", kMostFile, 0, &status);
+      const std::string program = words ? words->c_str() : "";
+      const std::string last = program.substr(program.rfind('/') + 1);
+      const bool sibling = std::any_of(std::begin(kSiblings), std::end(kSiblings),
+                                       [&](const char *part) { return last.starts_with(part); });
+      if (sibling && !last.starts_with("vexreg") && !last.starts_with(kAgent)) {
+        capture_.siblings.push_back(program);
+      }
+    }
+    std::sort(capture_.siblings.begin(), capture_.siblings.end());
+  }
+
+  // What snmpd says of agents that keep nothing in the registry.
+  void TakeAnswers() {
+    if (capture_.siblings.empty()) {
+      return;
+    }
+    for (const char *name : {"SNMPCONFPATH", "HOME"}) {
+      const auto known = agent_ != 0 ? VariableOf(agent_, name) : std::nullopt;
+      if (known && *known) {
+        setenv(name, (*known)->c_str(), 1);
+      }
+    }
+    PrepareSnmpLibrary();
+    const SnmpFiles files = ReadSnmpFiles(kAgent);
+    if (files.source == CommunitySource::kNone) {
+      Omit("snmpd", "no community to ask it with");
+      return;
+    }
+    secrets_.insert(files.community);
+    for (const auto &below : kAsked) {
+      std::vector<uint32_t> oid(std::begin(kAskedBelow), std::end(kAskedBelow));
+      oid.insert(oid.end(), below.begin(), below.end());
+      const SnmpReply reply = AskSnmp(kLoopback, files.community, oid, false);
+      if (!reply.answered) {
+        Omit("snmpd", "does not answer");
+        return;
+      }
+      if (reply.value) {
+        std::string name;
+        for (const uint32_t part : oid) {
+          name += "." + std::to_string(part);
+        }
+        capture_.asked.emplace_back(name, *reply.value);
+      }
+    }
+  }
+
+  void TakeRegistryDirectory(Descriptor directory, const std::string &below, int depth) {
+    const int listed = directory ? fcntl(directory.get(), F_DUPFD_CLOEXEC, 0) : -1;
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(listed >= 0 ? fdopendir(listed) : nullptr,
+                                                       closedir);
+    if (!entries) {
+      Omit(root_ + "/" + below, strerror(errno));
+      return;
+    }
+    constexpr int kMostDepth = 16;
+    while (const dirent *entry = readdir(entries.get())) {
+      const std::string name = entry->d_name;
+      if (name.starts_with('.')) {
+        continue;  // also what writers have not finished
+      }
+      std::string path = below;
+      path += name;
+      struct stat status = {};
+      if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        continue;
+      }
+      if (S_ISDIR(status.st_mode) && depth < kMostDepth) {
+        TakeRegistryDirectory(Descriptor(openat(directory.get(), name.c_str(), kReadDirectory)),
+                              path + "/", depth + 1);
+      } else if (S_ISREG(status.st_mode)) {
+        auto bytes = ReadPlain(directory.get(), name, kMostFile, O_NOFOLLOW, &status);
+        if (!bytes || bytes->size() > kMostFile) {
+          Omit(root_ + "/" + path, bytes ? "too large" : strerror(errno));
+        } else {
+          Put(std::string(kRegistryMembers) + path, std::move(*bytes), status.st_mtime);
+        }
+      }
+    }
+  }
+
+  void TakeRegistry() {
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    TakeRegistryDirectory(Descriptor(root ? openat(root.get(), ".", kReadDirectory) : -1), "", 0);
+    const auto state = ReadObjectFile("host/agent", root_);
+    for (const FileVariable &variable : state ? state->variables : std::vector<FileVariable>()) {
+      if (variable.name == "tlxHoAgentVersion") {
+        capture_.agent = std::string(BytesOf(*state, variable).value_or(""));
+      }
+    }
+  }
+
+  void TakeFindings() {
+    const ChildOutput output = RunProgram({"/proc/self/exe", "--root", root_, "doctor", "--json",
+                                           "--limit", std::to_string(kDoctorSeconds)},
+                                          search_, kDoctorSeconds + 5, kMostFile);
+    if (output.end == ChildOutput::kExited) {
+      Put(kFindingsMember, WithoutWords(output.out, secrets_), time(nullptr));
+    } else {
+      Omit("doctor", "not done in time");
+    }
+  }
+
+  // The file of the agent's option -l.
+  std::string LogFile() const {
+    struct stat status = {};
+    const auto words = agent_ != 0
+                           ? ReadPlain(AT_FDCWD, "/proc/" + std::to_string(agent_) + "/cmdline",
+                                       kMostFile, 0, &status)
+                           : std::nullopt;
+    std::string file;
+    bool next = false;
+    for (size_t from = 0; words && from < words->size();) {
+      const std::string word = words->c_str() + from;
+      from += word.size() + 1;
+      file = next ? word : file;
+      next = word == "-l";
+      file = word.starts_with("-l") && word.size() > 2 ? word.substr(2) : file;
+    }
+    return file;
+  }
+
+  void TakeLog() {
+    const std::string file = LogFile();
+    if (!file.empty()) {
+      const ChildOutput output = RunProgram({"tail", "-c", std::to_string(kMostLog), file}, search_,
+                                            kCommandSeconds, 2 * kMostLog);
+      if (output.end == ChildOutput::kExited && output.status == 0) {
+        Put(std::string(kLogMembers) + "file", WithoutWords(output.out, secrets_), time(nullptr));
+      } else {
+        Omit(file, "cannot be read");
+      }
+    }
+    const ChildOutput output = RunProgram(
+        {"journalctl", "--unit", kAgent, "--lines", "2000", "--no-pager", "--output", "short-iso"},
+        search_, kCommandSeconds, kMostOutput);
+    if (output.end == ChildOutput::kExited && output.status == 0) {
+      Put(std::string(kLogMembers) + "journal",
+          WithoutWords(LastOf(output.out, kMostLog), secrets_), time(nullptr));
+    } else if (file.empty()) {
+      Omit("log", "no journal to be read");
+    }
+  }
+
+  std::string root_;
+  Capture capture_;
+  Secrets secrets_;
+  std::string mount_table_;
+  std::string search_;
+  pid_t agent_ = 0;
+  size_t total_ = 0;
+};
+
+}  // namespace
+
+int CaptureHost(const std::string &root, const std::string &file, const std::string &program) {
+  if (geteuid() != 0) {
+    Complain("capture reads what only root may: run it as root");
+    return kFailed;
+  }
+  const bool to_output = file == "-";
+  if (to_output && isatty(STDOUT_FILENO) != 0) {
+    Complain("a capture is no text: name a file, or send standard output to one");
+    return kWrongUsage;
+  }
+  const Capture capture = Collector(root).Collect(program);
+  std::string error;
+  const auto archive = PackMembers(capture.members, &error);
+  if (!archive) {
+    Complain(file + ": " + error);
+    return kFailed;
+  }
+  const bool written =
+      to_output ? WriteAll(STDOUT_FILENO, *archive) : ReplaceFile(file, *archive, kMode) == 0;
+  if (!written) {
+    Complain(file + ": cannot be written: " + strerror(errno));
+    return kFailed;
+  }
+  // Not among the bytes of the capture.
+  for (const Omission &omission : capture.omissions) {
+    Complain("left out: " + omission.source + ": " + omission.reason);
+  }
+  std::cerr << "vexreg: " << capture.members.size() << " files, " << archive->size() / 1024
+            << " KiB\n";
+  return kDone;
+}
+
+}  // namespace vex

@@ -1,0 +1,125 @@
+#include "tools/vexreg/child_output.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
+
+namespace vex {
+namespace {
+
+constexpr int kNoProgram = 127;
+
+[[noreturn]] void Become(const std::vector<std::string> &words, const std::string &search,
+                         int out) {
+  setpgid(0, 0);
+  const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+  dup2(nothing, STDIN_FILENO);
+  dup2(out, STDOUT_FILENO);
+  dup2(nothing, STDERR_FILENO);
+  syscall(SYS_close_range, 3U, ~0U, 0U);
+  setenv("PATH", search.c_str(), 1);
+  std::vector<char *> arguments;
+  arguments.reserve(words.size() + 1);
+  for (const std::string &word : words) {
+    arguments.push_back(const_cast<char *>(word.c_str()));
+  }
+  arguments.push_back(nullptr);
+  execvp(arguments.front(), arguments.data());
+  _exit(kNoProgram);
+}
+
+// Takes what the child prints until it has no more to say, up to the limits.
+ChildOutput::End Take(int from, Clock::time_point end, size_t most_bytes, std::string *out) {
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    pollfd waited = {from, POLLIN, 0};
+    const int ready = poll(&waited, 1, static_cast<int>(std::max<int64_t>(left, 0)));
+    if (ready == 0) {
+      return ChildOutput::kTimedOut;
+    }
+    char text[65536];
+    const ssize_t length = ready > 0 ? read(from, text, sizeof(text)) : -1;
+    if (length == 0) {
+      return ChildOutput::kExited;
+    }
+    if (length < 0 && errno != EINTR) {
+      return ChildOutput::kNotRun;
+    }
+    if (length > 0) {
+      out->append(text, static_cast<size_t>(length));
+    }
+    if (out->size() > most_bytes) {
+      return ChildOutput::kTooMuch;
+    }
+  }
+}
+
+// Until the child has ended, which can then still be asked for its status. False when it has not.
+bool WaitForExit(pid_t child, Clock::time_point end) {
+  do {
+    siginfo_t ended = {};
+    if (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT | WNOHANG) != 0 &&
+        errno != EINTR) {
+      return false;
+    }
+    if (ended.si_pid == child) {
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  } while (Clock::now() < end);
+  return false;
+}
+
+}  // namespace
+
+ChildOutput RunProgram(const std::vector<std::string> &words, const std::string &search,
+                       int seconds, size_t most_bytes) {
+  ChildOutput output;
+  int pipes[2];
+  if (pipe2(pipes, O_CLOEXEC) != 0) {
+    return output;
+  }
+  Descriptor from(pipes[0]);
+  Descriptor to(pipes[1]);
+  const auto end = Clock::now() + std::chrono::seconds(seconds);
+  const pid_t child = fork();
+  if (child < 0) {
+    return output;
+  }
+  if (child == 0) {
+    Become(words, search, to.get());
+  }
+  setpgid(child, child);  // here as well: whichever comes first
+  to.Reset();
+  output.end = Take(from.get(), end, most_bytes, &output.out);
+  if (output.end == ChildOutput::kExited && !WaitForExit(child, end)) {
+    output.end = ChildOutput::kTimedOut;  // it has closed its output and goes on
+  }
+  // Also what a program has left behind. One that cannot be killed waits for a dead file system: it
+  // is not waited for.
+  kill(-child, SIGKILL);
+  int status = 0;
+  const bool ended = waitpid(child, &status, output.end == ChildOutput::kExited ? 0 : WNOHANG) > 0;
+  if (output.end == ChildOutput::kExited && ended) {
+    output.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (output.status == kNoProgram && output.out.empty()) {
+      output.end = ChildOutput::kNotRun;
+    }
+  }
+  return output;
+}
+
+}  // namespace vex

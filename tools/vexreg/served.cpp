@@ -1,0 +1,241 @@
+#include "tools/vexreg/served.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <optional>
+
+#include "framework/snmp/mib_table.h"
+#include "tools/vexreg/values.h"
+
+namespace vex {
+namespace {
+
+constexpr std::string_view kOwn = "host/";
+
+// What tells a table's rows apart, for those whose numbers come from their history.
+constexpr const char *kKeys[][4] = {
+    {"tlxHoFileSysDesc"},
+    {"tlxHoMountDirectory", "tlxHoMountDevice"},
+    {"tlxHoSwVerName", "tlxHoSwVerDescription"},
+    {"tlxHoFwVerDisplayName", "tlxHoFwVerLocation", "tlxHoFwVerKeyString"},
+};
+
+constexpr Moving kMoving[] = {
+    {"tlxHoAgentFailedPolls", Movement::kAlways, "counted from the agent's start"},
+    {"tlxHoAgentLastPoll", Movement::kAlways, "a time"},
+    {"tlxHoAgentPollDuration", Movement::kAlways, "as busy as the machine is"},
+    {"tlxHoAgentStart", Movement::kAlways, "a time"},
+    {"tlxHoAgentVersion", Movement::kAlways, "the agent may be another one, which is shown"},
+    {"tlxHoConfigChangedDate", Movement::kAlways, "the agent's start"},
+    {"tlxHoCpuUtilFiveMin", Movement::kAlways, "an average over polls"},
+    {"tlxHoCpuUtilHour", Movement::kAlways, "an average over polls"},
+    {"tlxHoCpuUtilMin", Movement::kAlways, "an average over polls"},
+    {"tlxHoCpuUtilThirtyMin", Movement::kAlways, "an average over polls"},
+    {"tlxHoFileSysAllocUnitsTotal", Movement::kBetween, "grows with some file systems"},
+    {"tlxHoFileSysAllocUnitsUsed", Movement::kBetween, "what is stored"},
+    {"tlxHoFileSysIndex", Movement::kAlways, "numbered in the order of mounting"},
+    {"tlxHoFileSysPercentSpaceUsed", Movement::kBetween, "what is stored"},
+    {"tlxHoFileSysSpaceUsed", Movement::kBetween, "what is stored"},
+    {"tlxHoFwVerIndex", Movement::kAlways, "numbered in the order of coming"},
+    {"tlxHoGenericData", Movement::kAlways, "a manager's, up to the agent's end"},
+    {"tlxHoLoadFifteen", Movement::kBetween, "the load"},
+    {"tlxHoLoadFive", Movement::kBetween, "the load"},
+    {"tlxHoLoadOne", Movement::kBetween, "the load"},
+    {"tlxHoMemoryAvailable", Movement::kBetween, "memory in use"},
+    {"tlxHoMemoryCached", Movement::kBetween, "memory in use"},
+    {"tlxHoMibCondition", Movement::kBetween, "the siblings' and their thresholds'"},
+    {"tlxHoMibHealthStatusArray", Movement::kBetween, "the siblings'"},
+    {"tlxHoMibStatusArray", Movement::kBetween, "the siblings'"},
+    {"tlxHoMountState", Movement::kBetween, "whether a mount answers"},
+    {"tlxHoOsCommonPollFreq", Movement::kAlways, "a replay polls more often"},
+    {"tlxHoPagingMemoryFree", Movement::kBetween, "memory in use"},
+    {"tlxHoPhysicalMemoryFree", Movement::kBetween, "memory in use"},
+    {"tlxHoSiblingCondition", Movement::kBetween, "the siblings'"},
+    {"tlxHoSiblingHealth", Movement::kBetween, "the siblings'"},
+    {"tlxHoSiblingMajor", Movement::kBetween, "the siblings'"},
+    {"tlxHoSiblingMinor", Movement::kBetween, "the siblings'"},
+    {"tlxHoSiblingPresent", Movement::kBetween, "the siblings'"},
+    {"tlxHoSwVerIndex", Movement::kAlways, "numbered in the order of coming"},
+    {"tlxHoSwVerNextIndex", Movement::kAlways, "by the rows that have come and gone"},
+    {"tlxHoTelnet", Movement::kAlways, "the host's ports are not captured"},
+    {"tlxApOsCommonPollFreq", Movement::kAlways, "a replay polls more often"},
+    {"tlxHoUptime", Movement::kBetween, "a time"},
+};
+
+std::string Printable(std::string_view bytes) {
+  std::string text;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= ' ' && byte < 0x7F && c != '\\') {
+      text += c;
+    } else {
+      char hex[8];
+      snprintf(hex, sizeof(hex), "\\%02x", byte);
+      text += hex;
+    }
+  }
+  return text;
+}
+
+struct Cell {
+  const MibVariable *variable;
+  std::string value;
+};
+// By table and row; a scalar's row is 0.
+struct Row {
+  std::vector<uint32_t> table;
+  uint32_t number;
+  bool operator<(const Row &other) const {
+    return table != other.table ? table < other.table : number < other.number;
+  }
+};
+using Rows = std::map<Row, std::vector<Cell>>;
+
+Row RowOf(const MibVariable &variable, uint32_t number) {
+  const auto oid = variable.Oid();
+  Row row;
+  if (variable.column) {
+    row.table.assign(oid.begin(), oid.end() - 1);
+  }
+  row.number = number;
+  return row;
+}
+
+// What a row is of: the values of its key, else its number.
+std::string NameOf(const Row &row, const std::vector<Cell> &cells) {
+  for (const auto &key : kKeys) {
+    std::string name;
+    bool found = false;
+    for (const char *const variable : key) {
+      for (const Cell &cell : cells) {
+        if (variable != nullptr && variable == std::string_view(cell.variable->name)) {
+          found = true;
+          name += (name.empty() ? "" : ", ") + cell.value;
+        }
+      }
+    }
+    if (found) {
+      return name;
+    }
+  }
+  return "row " + std::to_string(row.number);
+}
+
+Served ByName(const Rows &rows) {
+  Served served;
+  std::map<std::pair<std::vector<uint32_t>, std::string>, int> used;
+  for (const auto &[row, cells] : rows) {
+    std::string name;
+    if (!row.table.empty()) {
+      name = NameOf(row, cells);
+      const int before = used[{row.table, name}]++;
+      name += before > 0 ? " (" + std::to_string(before + 1) + ")" : "";
+    }
+    for (const Cell &cell : cells) {
+      served[{cell.variable->name, name}] = cell.value;
+    }
+  }
+  return served;
+}
+
+std::optional<uint32_t> NumberIn(std::string_view name) {
+  const size_t dot = name.rfind('.');
+  uint32_t number = 0;
+  if (dot == std::string_view::npos) {
+    return 0;
+  }
+  const auto [end, error] =
+      std::from_chars(name.data() + dot + 1, name.data() + name.size(), number);
+  return error == std::errc() && end == name.data() + name.size() ? std::optional(number)
+                                                                  : std::nullopt;
+}
+
+Movement MovementOf(std::string_view variable) {
+  for (const Moving &one : kMoving) {
+    if (one.variable == variable) {
+      return one.movement;
+    }
+  }
+  return Movement::kNone;
+}
+
+}  // namespace
+
+std::span<const Moving> MovingVariables() {
+  return kMoving;
+}
+
+Served ServedByObjects(const std::vector<NamedObject> &objects) {
+  Rows rows;
+  for (const NamedObject &named : objects) {
+    const auto number = NumberIn(named.name);
+    if (!named.name.starts_with(kOwn) || !number) {
+      continue;
+    }
+    for (const FileVariable &variable : named.object.variables) {
+      const MibVariable *const mib = FindMibVariable(variable.name);
+      const auto integer = IntegerOf(named.object, variable);
+      const auto bytes = BytesOf(named.object, variable);
+      if (mib != nullptr && mib->access != MibAccess::kNotify && (integer || bytes)) {
+        rows[RowOf(*mib, *number)].push_back(
+            {mib, integer ? std::to_string(*integer) : Printable(*bytes)});
+      }
+    }
+  }
+  return ByName(rows);
+}
+
+Served ServedByWalk(const std::vector<SnmpValue> &values) {
+  Rows rows;
+  const std::span<const MibVariable> variables = MibVariables();
+  for (const SnmpValue &value : values) {
+    // The last one that is not behind the name.
+    auto at = std::upper_bound(variables.begin(), variables.end(), value.name,
+                               [](const std::vector<uint32_t> &name, const MibVariable &variable) {
+                                 const auto oid = variable.Oid();
+                                 return std::lexicographical_compare(name.begin(), name.end(),
+                                                                     oid.begin(), oid.end());
+                               });
+    if (at == variables.begin()) {
+      continue;
+    }
+    const MibVariable &variable = *--at;
+    const auto oid = variable.Oid();
+    if (value.name.size() == oid.size() + 1 &&
+        std::equal(oid.begin(), oid.end(), value.name.begin()) && (value.integer || value.octets)) {
+      rows[RowOf(variable, value.name.back())].push_back(
+          {&variable, value.integer ? std::to_string(*value.integer) : Printable(*value.octets)});
+    }
+  }
+  return ByName(rows);
+}
+
+std::vector<Difference> Compare(const Served &before, const Served &now, bool exact,
+                                size_t *compared) {
+  std::vector<Difference> differences;
+  *compared = 0;
+  const auto look = [&](const Place &place, const std::string *was, const std::string *is) {
+    const Movement movement = MovementOf(place.variable);
+    if (movement == Movement::kAlways || (movement == Movement::kBetween && !exact && was && is)) {
+      return;
+    }
+    ++*compared;
+    if (was == nullptr || is == nullptr || *was != *is) {
+      differences.push_back(
+          {place, was != nullptr ? *was : kAbsent, is != nullptr ? *is : kAbsent});
+    }
+  };
+  for (const auto &[place, value] : before) {
+    const auto found = now.find(place);
+    look(place, &value, found != now.end() ? &found->second : nullptr);
+  }
+  for (const auto &[place, value] : now) {
+    if (before.count(place) == 0) {
+      look(place, nullptr, &value);
+    }
+  }
+  return differences;
+}
+
+}  // namespace vex
