@@ -93,12 +93,12 @@ class WatchScreen : public testing::Test {
              int height = 24) {
     // The shell outlives Ctrl-C, which is for all that the terminal runs. ncurses keeps what it
     // knows of a terminal until the end: no leak.
-    const std::string command =
-        "trap : INT; stty -g >" + File("before") + "; env ASAN_OPTIONS=detect_leaks=0 " +
-        environment + " sh -c 'echo $$ >" + File("pid") + "; exec " VEXREG_PATH " --root " +
-        registry_.root() + " watch --interval 0.1 " + arguments + "' 2>" + File("errors") +
-        "; echo $? >" + File("status") + "; stty -g >" + File("after") +
-        "; echo ended; exec sleep 600";
+    const std::string command = "trap : INT; stty -g >" + File("before") + "; env " + environment +
+                                " ASAN_OPTIONS=detect_leaks=0 sh -c 'echo $$ >" + File("pid") +
+                                "; exec " VEXREG_PATH " --root " + registry_.root() +
+                                " watch --interval 0.1 " + arguments + "' 2>" + File("errors") +
+                                "; echo $? >" + File("status") + "; stty -g >" + File("after") +
+                                "; echo ended; exec sleep 600";
     tmux_.emplace(File("tmux" + std::to_string(++terminals_)), width, height, command);
   }
   pid_t Pid() const {
