@@ -187,6 +187,8 @@ class Collector {
         // A capture has files alone; one in it stands for a directory.
         const std::string directory = S_ISDIR(status.st_mode) ? "/.directory" : "";
         Put(std::string(kHostMembers) + path.substr(1) + directory, "", status.st_mtime);
+      } else if (errno != ENOENT && errno != ENOTDIR) {
+        Omit(path, strerror(errno));
       }
       return;
     }

@@ -25,9 +25,11 @@ constexpr int kNoProgram = 127;
                          int out) {
   setpgid(0, 0);
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-  dup2(nothing, STDIN_FILENO);
-  dup2(out, STDOUT_FILENO);
-  dup2(nothing, STDERR_FILENO);
+  // Nothing may read the person's keys, or print among what is captured.
+  if (nothing < 0 || dup2(nothing, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 ||
+      dup2(nothing, STDERR_FILENO) < 0) {
+    _exit(kNoProgram);
+  }
   syscall(SYS_close_range, 3U, ~0U, 0U);
   setenv("PATH", search.c_str(), 1);
   std::vector<char *> arguments;
