@@ -60,13 +60,10 @@ std::vector<std::string> Texts(const Json &list) {
 
 std::optional<std::string> ReadWhole(const std::string &path) {
   Descriptor opened;
-  if (path != "-") {
-    opened.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!opened) {
-      return std::nullopt;
-    }
+  const int fd = OpenInput(path, &opened);
+  if (fd < 0) {
+    return std::nullopt;
   }
-  const int fd = path == "-" ? STDIN_FILENO : opened.get();
   std::string bytes;
   std::string piece(size_t{1} << 20, '\0');
   ssize_t got = 0;

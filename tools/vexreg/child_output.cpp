@@ -32,14 +32,7 @@ constexpr int kNoProgram = 127;
   }
   syscall(SYS_close_range, 3U, ~0U, 0U);
   setenv("PATH", search.c_str(), 1);
-  std::vector<char *> arguments;
-  arguments.reserve(words.size() + 1);
-  for (const std::string &word : words) {
-    arguments.push_back(const_cast<char *>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  execvp(arguments.front(), arguments.data());
-  _exit(kNoProgram);
+  Execute(words);
 }
 
 // Takes what the child prints until it has no more to say, up to the limits.
@@ -86,6 +79,17 @@ bool WaitForExit(pid_t child, Clock::time_point end) {
 }
 
 }  // namespace
+
+void Execute(const std::vector<std::string> &words) {
+  std::vector<char *> arguments;
+  arguments.reserve(words.size() + 1);
+  for (const std::string &word : words) {
+    arguments.push_back(const_cast<char *>(word.c_str()));
+  }
+  arguments.push_back(nullptr);
+  execvp(arguments.front(), arguments.data());
+  _exit(kNoProgram);
+}
 
 ChildOutput RunProgram(const std::vector<std::string> &words, const std::string &search,
                        int seconds, size_t most_bytes) {

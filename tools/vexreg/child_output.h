@@ -20,6 +20,9 @@ struct ChildOutput {
 ChildOutput RunProgram(const std::vector<std::string> &words, const std::string &search,
                        int seconds, size_t most_bytes);
 
+// Becomes that program, found by PATH; ends with status 127 where it cannot. In a child.
+[[noreturn]] void Execute(const std::vector<std::string> &words);
+
 }  // namespace vex
 
 #endif

@@ -35,13 +35,10 @@ bool FileExists(const std::string &root, const std::string &relative) {
 // with errno, when it cannot be read.
 std::optional<std::vector<uint8_t>> ReadData(const std::string &path) {
   Descriptor opened;
-  if (path != "-") {
-    opened.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!opened) {
-      return std::nullopt;
-    }
+  const int fd = OpenInput(path, &opened);
+  if (fd < 0) {
+    return std::nullopt;
   }
-  const int fd = path == "-" ? STDIN_FILENO : opened.get();
   std::vector<uint8_t> bytes(kMaxData + 1);
   const ssize_t size = ReadFully(fd, bytes.data(), bytes.size());
   if (size < 0) {
@@ -79,6 +76,14 @@ void PrintJson(const std::vector<NamedObject> &objects,
 
 void Complain(const std::string &message) {
   std::cerr << "vexreg: " << SafeText(message) << '\n';
+}
+
+int OpenInput(const std::string &path, Descriptor *opened) {
+  if (path == "-") {
+    return STDIN_FILENO;
+  }
+  opened->Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return opened->get();
 }
 
 int TerminalWidth() {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/process/descriptor.h"
 #include "tools/vexreg/appearance.h"
 #include "tools/vexreg/arrange.h"
 #include "tools/vexreg/names.h"
@@ -64,6 +65,9 @@ int Replay(const std::string &file, const ReplayOptions &options);
 
 // One message on standard error, with control characters made visible.
 void Complain(const std::string &message);
+// Opens a file to be read, which `opened` then owns; "-" is standard input. The descriptor, or -1
+// with errno.
+int OpenInput(const std::string &path, Descriptor *opened);
 // The terminal's width on standard output; 0 when it is none.
 int TerminalWidth();
 // Flushes standard output. kFailed, with a message, when something could not be written.

@@ -28,6 +28,7 @@
 #include "hardware/tlxci/paths.h"
 #include "tools/replay/replayed_calls.h"
 #include "tools/vexreg/captured_host.h"
+#include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/controller_replies.h"
 #include "tools/vexreg/replace_file.h"
@@ -76,22 +77,17 @@ pid_t Start(const std::vector<std::string> &words, const std::string &log,
   setpgid(0, 0);  // one that the room's processes can see: the agent tells programs apart by it
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
   const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  dup2(nothing, STDIN_FILENO);
-  dup2(out, STDOUT_FILENO);
-  dup2(out, STDERR_FILENO);
+  // What it says is what a failure is explained by.
+  if (nothing < 0 || out < 0 || dup2(nothing, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 ||
+      dup2(out, STDERR_FILENO) < 0) {
+    _exit(127);
+  }
   clearenv();
   setenv("PATH", kSearch, 1);
   for (const auto &[name, value] : environment) {
     setenv(name.c_str(), value.c_str(), 1);
   }
-  std::vector<char *> arguments;
-  arguments.reserve(words.size() + 1);
-  for (const std::string &word : words) {
-    arguments.push_back(const_cast<char *>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  execvp(arguments.front(), arguments.data());
-  _exit(127);
+  Execute(words);
 }
 
 bool HasEnded(pid_t child) {
