@@ -110,6 +110,10 @@ void SetLogSink(LogSink sink) {
   log_sink = sink;
 }
 
+int LogFd() {
+  return log_fd.load();
+}
+
 int OpenLog(const char *path) {
   const int fd = OpenForAppending(path);
   if (fd < 0) {

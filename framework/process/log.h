@@ -17,6 +17,9 @@ using LogSink = int (*)(const char *text, size_t length);
 // Gives messages to the sink instead.
 void SetLogSink(LogSink sink);
 
+// Where messages are written to now. The number stays the same from OpenLog() on.
+int LogFd();
+
 // Appends messages to this file from now on. 0, or -1 with errno (the log stays where it was).
 int OpenLog(const char *path);
 // Opens the file again under its name (it has been moved away); nothing without one.

@@ -1,12 +1,8 @@
 #include "framework/snmp/agentx_session.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/inotify.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -42,16 +38,12 @@ constexpr long kAgentxVersion = 0xc1;
 // RFC 2741 6.2.2.
 constexpr int kReasonShutdown = 5;
 
-// A master that has just bound its socket listens a moment later, hence the short first one.
-constexpr milliseconds kFirstRetry{5};
-constexpr milliseconds kLastRetry{200};
 // A master that does not answer is frozen, not gone: its end of the socket says when it goes.
 // Another connection would only lengthen its queue.
 constexpr seconds kOpenPatience{60};
 constexpr seconds kPingPatience{15};
 // After a crash the master may still hold the registration of the process before, for a moment. A
-// second daemon beside a running one is refused for as long as both run, and a session that the
-// master does not allow for as long as it is configured so.
+// second daemon beside a running one is refused for as long as both run.
 constexpr milliseconds kFirstRefusalRetry{100};
 constexpr seconds kLastRefusalRetry{10};
 
@@ -209,22 +201,12 @@ void AgentxSession::TellUnread() {
 AgentxSession::AgentxSession(Settings settings, Events events)
     : settings_(std::move(settings)),
       events_(std::move(events)),
-      registered_(settings_.groups.size(), false),
-      retry_(kFirstRetry),
-      next_attempt_(Clock::now()) {
-  const std::string &path = settings_.unix_path;
-  if (!path.empty()) {
-    const size_t slash = path.rfind('/');
-    watched_directory_ = slash == path.npos || slash == 0 ? "/" : path.substr(0, slash);
-    watched_name_ = path.substr(slash + 1);
-  }
-}
+      registered_(settings_.groups.size(), false) {}
 
 AgentxSession::~AgentxSession() {
   if (handle_ != nullptr) {
     snmp_sess_close(handle_);
   }
-  Unwatch();
 }
 
 int AgentxSession::Socket() const {
@@ -238,7 +220,7 @@ bool AgentxSession::WantsToWrite() const {
 Clock::time_point AgentxSession::NextDue() const {
   switch (stage_) {
     case Stage::kDown:
-      return next_attempt_;
+      return Clock::time_point::max();
     case Stage::kOpening:
       return give_up_;
     case Stage::kRegistering:
@@ -255,9 +237,6 @@ void AgentxSession::Work() {
     Drop();
   }
   if (stage_ == Stage::kDown) {
-    if (now >= next_attempt_) {
-      Connect();
-    }
     return;
   }
   if ((stage_ == Stage::kOpening || ping_unanswered_) && now >= give_up_) {
@@ -284,37 +263,10 @@ void AgentxSession::Work() {
   }
 }
 
-void AgentxSession::Connect() {
-  Watch();
-  netsnmp_transport *transport;
-  if (!settings_.unix_path.empty()) {
-    transport = ConnectUnix(settings_.unix_path);
-  } else if (settings_.tcp) {
-    transport = ConnectTcp(settings_.tcp->ipv4, settings_.tcp->port);
-  } else {
-    // Names and other transports are the library's; its connecting waits.
-    transport = netsnmp_transport_open_client("agentx", settings_.target.c_str());
-    if (transport != nullptr && transport->sock >= 0) {
-      fcntl(transport->sock, F_SETFD, FD_CLOEXEC);
-    }
-  }
+bool AgentxSession::Adopt(netsnmp_transport *transport) {
   if (transport == nullptr) {
-    const int error = errno;
-    if (said_ == Said::kNothing) {
-      said_ = Said::kDown;
-      agentlog_fprintf(stderr, "Info: no master agent at %s yet\n", settings_.target.c_str());
-    }
-    // Somebody may listen there all the same.
-    const bool nobody = error == ENOENT || error == ECONNREFUSED;
-    if (!nobody && error != said_error_) {
-      agentlog_fprintf(stderr, "Can't connect to the master agent at %s: %s (trying again)\n",
-                       settings_.target.c_str(), strerror(error));
-    }
-    said_error_ = nobody ? 0 : error;
-    RetryLater(kLastRetry);
-    return;
+    return false;
   }
-
   netsnmp_session template_session;
   snmp_sess_init(&template_session);
   template_session.version = kAgentxVersion;
@@ -328,8 +280,7 @@ void AgentxSession::Connect() {
   handle_ = snmp_sess_add_ex(&template_session, transport, nullptr, Parse, nullptr, nullptr,
                              agentx_realloc_build, CheckPacket, nullptr);
   if (handle_ == nullptr) {
-    RetryLater(kLastRetry);
-    return;
+    return false;
   }
   session_ = snmp_sess_session(handle_);
   session_id_ = 0;
@@ -353,6 +304,7 @@ void AgentxSession::Connect() {
   if (broken_) {
     Drop();
   }
+  return true;
 }
 
 void AgentxSession::Opened(const netsnmp_pdu *response) {
@@ -363,9 +315,9 @@ void AgentxSession::Opened(const netsnmp_pdu *response) {
     if (!said_refused_) {
       said_refused_ = true;
       agentlog_fprintf(stderr, "The master agent at %s refuses the session (error %ld)\n",
-                       settings_.target.c_str(), response->errstat);
+                       settings_.master.target.c_str(), response->errstat);
     }
-    retry_ = std::max<Clock::duration>(retry_, kFirstRefusalRetry);
+    events_.refused();
     refused_ = true;
     broken_ = true;
     return;
@@ -411,7 +363,7 @@ void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
     }
     return;
   }
-  retry_ = kFirstRetry;
+  events_.welcome();
   registered_[group] = true;
   unregistered_--;
   if (unregistered_ > 0 || stage_ != Stage::kRegistering) {
@@ -419,11 +371,11 @@ void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
   }
   stage_ = Stage::kUp;
   said_duplicate_ = false;
-  Unwatch();
+  events_.up();
   if (said_ != Said::kUp) {
     said_ = Said::kUp;
     agentlog_fprintf(stderr, "Info: connected to the master agent at %s\n",
-                     settings_.target.c_str());
+                     settings_.master.target.c_str());
   }
 }
 
@@ -591,56 +543,9 @@ void AgentxSession::Drop() {
   ping_unanswered_ = false;
   if (was_up && said_ != Said::kDown) {
     said_ = Said::kDown;
-    agentlog_fprintf(stderr, "Info: lost the master agent at %s\n", settings_.target.c_str());
+    agentlog_fprintf(stderr, "Info: lost the master agent at %s\n", settings_.master.target.c_str());
   }
-  if (was_open) {
-    events_.down();
-  }
-  RetryLater(refused ? Clock::duration(kLastRefusalRetry) : kLastRetry);
-  Watch();
-}
-
-void AgentxSession::RetryLater(Clock::duration longest) {
-  retry_ = std::min(retry_, longest);
-  next_attempt_ = Clock::now() + retry_;
-  retry_ = std::min(retry_ * 2, longest);
-}
-
-// The directory of the master's socket; there may be none yet, then time alone tells.
-void AgentxSession::Watch() {
-  if (settings_.unix_path.empty()) {
-    return;
-  }
-  if (watch_fd_ < 0) {
-    watch_fd_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  }
-  if (watch_fd_ >= 0) {
-    inotify_add_watch(watch_fd_, watched_directory_.c_str(), IN_CREATE | IN_MOVED_TO | IN_ATTRIB);
-  }
-}
-
-void AgentxSession::Unwatch() {
-  if (watch_fd_ >= 0) {
-    close(watch_fd_);
-    watch_fd_ = -1;
-  }
-}
-
-void AgentxSession::WatchReady() {
-  alignas(inotify_event) char events[4096];
-  bool ours = false;
-  ssize_t length;
-  while ((length = read(watch_fd_, events, sizeof(events))) > 0) {
-    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
-      const auto *event = reinterpret_cast<const inotify_event *>(events + at);
-      ours = ours || event->len == 0 || watched_name_ == event->name;
-      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-    }
-  }
-  if (ours && stage_ == Stage::kDown) {
-    retry_ = kFirstRetry;
-    next_attempt_ = Clock::now();
-  }
+  events_.ended(was_open, refused);
 }
 
 void AgentxSession::Close(Clock::time_point until) {

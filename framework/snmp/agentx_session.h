@@ -1,5 +1,5 @@
 // The AgentX session with the master agent, RFC 2741. Encoding and decoding are net-snmp's;
-// opening, registering, pinging and reconnecting are done here, since the library's own ways of
+// opening, registering and pinging are done here, and connecting by a MasterFinder, since the library's own ways of
 // doing them wait for the master's answers. Everything runs on the SNMP thread and nothing waits.
 #ifndef VEX_FRAMEWORK_SNMP_AGENTX_SESSION_H
 #define VEX_FRAMEWORK_SNMP_AGENTX_SESSION_H
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "framework/process/clock.h"
+#include "framework/snmp/master_finder.h"
 #include "framework/snmp/mib_table.h"
 #include "framework/snmp/socket_transport.h"
 
@@ -46,18 +47,12 @@ enum AgentxError : int {
 
 class AgentxSession {
  public:
-  struct TcpAddress {
-    std::string ipv4;
-    uint16_t port;
-  };
   struct Settings {
-    std::string name;               // in the Open PDU
-    std::string target;             // agentXSocket, as configured
-    std::string unix_path;          // of the socket; empty when the target is not a Unix socket
-    std::optional<TcpAddress> tcp;  // when it is a numeric one
-    int ping_seconds = 15;          // of silence
-    int timeout_seconds = 0;        // asked of the master; 0: its own default
-    uint8_t priority = 127;         // of the registrations (RFC 2741 6.2.3): the lowest answers
+    std::string name;  // in the Open PDU
+    MasterAddress master;
+    int ping_seconds = 15;    // of silence
+    int timeout_seconds = 0;  // asked of the master; 0: its own default
+    uint8_t priority = 127;   // of the registrations (RFC 2741 6.2.3): the lowest answers
     std::span<const MibGroup> groups;
   };
   // Of a packet on the wire, RFC 2741 6.1.
@@ -73,8 +68,13 @@ class AgentxSession {
     std::function<void(netsnmp_pdu *)> request;  // Get, GetNext, GetBulk and the four of a set
     // One of them came and could not be read, for want of memory or because it is malformed.
     std::function<void(const PacketHeader &)> unread;
-    std::function<void()> open;  // the registrations follow
-    std::function<void()> down;  // also before the master's answers to what was sent came
+    std::function<void()> open;     // the registrations follow
+    std::function<void()> welcome;  // the master has taken one of them,
+    std::function<void()> up;       // and all
+    std::function<void()> refused;  // the master takes no session; its end follows
+    // The connection has ended, for another one to be adopted; was_open: there was a session, whose
+    // answers to what was sent may not have come.
+    std::function<void(bool was_open, bool refused)> ended;
   };
 
   AgentxSession(Settings settings, Events events);
@@ -90,6 +90,10 @@ class AgentxSession {
   bool Up() const {
     return stage_ == Stage::kUp;
   }
+  // There is no connection: Adopt() one.
+  bool Down() const {
+    return stage_ == Stage::kDown && !broken_;
+  }
   // Its end has been seen; SocketReady() or Work() will clear it away.
   bool Broken() const {
     return broken_;
@@ -97,17 +101,15 @@ class AgentxSession {
   // For poll(2); -1 when there is nothing to wait for.
   int Socket() const;
   bool WantsToWrite() const;
-  int WatchFd() const {
-    return watch_fd_;
-  }
-  // When Work() is to be called at the latest.
+  // When Work() is to be called at the latest; never while Down().
   Clock::time_point NextDue() const;
+  // Begins a session over a connection to the master, while Down(); takes the transport over. False
+  // for null and when there is no memory.
+  bool Adopt(netsnmp_transport *transport);
 
   // The socket is readable or writable.
   void SocketReady(bool readable, bool writable);
-  // The socket's directory has changed.
-  void WatchReady();
-  // Connects, registers again, pings, gives up, as the time has come.
+  // Registers again, pings, gives up, as the time has come.
   void Work();
 
   // A PDU of the given type for this session, or null.
@@ -142,20 +144,14 @@ class AgentxSession {
                       void *magic);
   void Request(netsnmp_pdu *pdu);
   void TellUnread();
-  void Connect();
   void Opened(const netsnmp_pdu *response);
   void Register(size_t group);
   void Registered(size_t group, const netsnmp_pdu *response);
   void Ping();
   void Drop();
-  void Watch();
-  void Unwatch();
-  void RetryLater(Clock::duration longest);
 
   const Settings settings_;
   const Events events_;
-  std::string watched_directory_;  // of the socket, and the socket's name in it
-  std::string watched_name_;
   Stage stage_ = Stage::kDown;
   void *handle_ = nullptr;  // net-snmp's single-session handle
   netsnmp_session *session_ = nullptr;
@@ -167,15 +163,11 @@ class AgentxSession {
   bool ping_unanswered_ = false;
   size_t unregistered_ = 0;
   std::vector<bool> registered_;
-  int watch_fd_ = -1;
-  Clock::duration retry_;
   Clock::duration registration_retry_{};
-  Clock::time_point next_attempt_;  // while down
-  Clock::time_point give_up_;       // of an answer to Open or Ping
+  Clock::time_point give_up_;  // of an answer to Open or Ping
   Clock::time_point next_ping_;
   Clock::time_point next_registration_;
   enum class Said { kNothing, kUp, kDown } said_ = Said::kNothing;
-  int said_error_ = 0;  // of connecting; 0: none, or nobody listens
   bool said_duplicate_ = false;
   bool said_refused_ = false;  // an Open
   bool refused_ = false;       // the last one

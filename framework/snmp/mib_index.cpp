@@ -141,6 +141,11 @@ void MibIndex::Remove(uint64_t object_id) noexcept {
   }
 }
 
+const Image *MibIndex::ImageOf(uint64_t object_id) const {
+  const auto place = objects_.find(object_id);
+  return place != objects_.end() ? place->second.image.get() : nullptr;
+}
+
 // Index of the first variable whose OID comes after name.
 size_t MibIndex::FirstAfter(OidView name) const {
   auto place = std::partition_point(table_.begin(), table_.end(), [&](const MibVariable &variable) {

@@ -62,6 +62,8 @@ class MibIndex {
   size_t Objects() const {
     return objects_.size();
   }
+  // The image that an object has; null for one that is not there.
+  const Image *ImageOf(uint64_t object_id) const;
 
  private:
   struct Column {

@@ -103,6 +103,10 @@ void NotificationQueue::Done(size_t count) {
   under_way_ -= std::min(under_way_, count);
 }
 
+void NotificationQueue::Finished(Notifications notifications) {
+  Done(notifications.size());
+}
+
 bool NotificationQueue::AllDone() const {
   std::lock_guard lock(mutex_);
   return waiting_.empty() && under_way_ == 0;
@@ -137,8 +141,9 @@ void NotificationSender::Send(AgentxSession *session) {
       auto place = std::find_if(unanswered_.begin(), unanswered_.end(),
                                 [number](const auto &entry) { return entry.sent == number; });
       if (place != unanswered_.end() && response->errstat != kAgentxNotOpen) {
-        unanswered_.erase(place);
-        queue_->Done();
+        Notifications answered;
+        answered.splice(answered.end(), unanswered_, place);
+        queue_->Finished(std::move(answered));
       }
       bool refused = response->errstat != SNMP_ERR_NOERROR;
       if (refused && !refused_) {
@@ -162,13 +167,15 @@ void NotificationSender::Send(AgentxSession *session) {
       next_try_ = Clock::now() + kTryAgainAfter;
       return;
     }
-    queue_->Done();
+    queue_->Finished(std::move(unsent));
   }
 }
 
 void NotificationSender::SessionLost() {
-  queue_->PutBack(std::move(unanswered_));
-  unanswered_.clear();
+  if (!unanswered_.empty()) {
+    queue_->PutBack(std::move(unanswered_));
+    unanswered_.clear();
+  }
 }
 
 }  // namespace vex

@@ -19,12 +19,25 @@ class AgentxSession;
 // of memory delays a notification and never loses one.
 struct WaitingNotification {
   Notification notification;
-  uint64_t sent = 0;  // number of the sending
+  uint64_t sent = 0;    // number of the sending
+  uint64_t number = 0;  // by which the agent and its SNMP process know it
 };
 using Notifications = std::list<WaitingNotification>;
 
+// Where a sender has them from.
+class NotificationSource {
+ public:
+  virtual ~NotificationSource() = default;
+  // The oldest one; empty when there is none. It is under way until PutBack() or Finished().
+  virtual Notifications Pop() = 0;
+  // Puts back, before all others and in their order, what was popped and sent without an answer.
+  virtual void PutBack(Notifications notifications) = 0;
+  // The master has answered for these, or they are nobody's any more.
+  virtual void Finished(Notifications notifications) = 0;
+};
+
 // What waits to be sent, oldest first. Any thread.
-class NotificationQueue {
+class NotificationQueue final : public NotificationSource {
  public:
   // Kept while the master is away; and while it is there, so that a flood cannot fill the memory.
   static constexpr size_t kKeptWhileDown = 256;
@@ -34,10 +47,9 @@ class NotificationQueue {
   void Push(Notification notification);
   // Puts what is older than all others before them.
   void PushOlder(Notifications notifications);
-  // Puts back, before all others and in their order, what was popped and sent without an answer.
-  void PutBack(Notifications notifications);
-  // The oldest one; empty when there is none. It is under way until PutBack() or Done().
-  Notifications Pop();
+  void PutBack(Notifications notifications) override;
+  Notifications Pop() override;
+  void Finished(Notifications notifications) override;
   // So many of what was popped are sent, or nobody's any more.
   void Done(size_t count = 1);
   // Whether none waits and none is under way.
@@ -54,13 +66,13 @@ class NotificationQueue {
   bool up_ = false;
 };
 
-// The SNMP thread's half: what is with the master and not yet acknowledged.
+// The half of who talks to the master: what is with the master and not yet acknowledged.
 class NotificationSender {
  public:
   // A thousand in one go fill both directions of the socket and stop both processes for good.
   static constexpr size_t kMostUnanswered = 16;
 
-  explicit NotificationSender(NotificationQueue *queue) : queue_(queue) {}
+  explicit NotificationSender(NotificationSource *queue) : queue_(queue) {}
   // Sends what is waiting, as far as the bound allows. Throws nothing.
   void Send(AgentxSession *session);
   // When Send() is to be called at the latest: what there was no memory for is tried again.
@@ -71,7 +83,7 @@ class NotificationSender {
   void SessionLost();
 
  private:
-  NotificationQueue *queue_;
+  NotificationSource *queue_;
   Notifications unanswered_;  // in the order of sending
   Clock::time_point next_try_ = Clock::time_point::max();
   uint64_t next_ = 1;

@@ -11,7 +11,7 @@ namespace vex {
 
 // All of it under the channel's mutex, except that the agent thread alone touches `items` from the
 // moment a part is queued.
-class SetTransaction : public std::enable_shared_from_this<SetTransaction> {
+class QueuedSet final : public SetTransaction, public std::enable_shared_from_this<QueuedSet> {
  public:
   enum class Phase { kQueued, kRunning, kAccepted, kRefused };
   struct Part {
@@ -45,8 +45,13 @@ class SetTransaction : public std::enable_shared_from_this<SetTransaction> {
 
 constexpr std::chrono::milliseconds kSlice{50};
 
-using Phase = SetTransaction::Phase;
-using Stage = SetTransaction::Stage;
+using Phase = QueuedSet::Phase;
+using Stage = QueuedSet::Stage;
+
+// All transactions of a channel are its own.
+static QueuedSet &Own(SetTransaction &transaction) {
+  return static_cast<QueuedSet &>(transaction);
+}
 
 SetChannel::SetChannel() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -80,12 +85,12 @@ void SetChannel::Wake() const {
 }
 
 std::shared_ptr<SetTransaction> SetChannel::Begin(Clock::time_point deadline) {
-  auto transaction = std::make_shared<SetTransaction>();
+  auto transaction = std::make_shared<QueuedSet>();
   transaction->deadline = deadline;
   return transaction;
 }
 
-void SetChannel::Enqueue(SetTransaction &transaction) {
+void SetChannel::Enqueue(QueuedSet &transaction) {
   if (!transaction.in_queue) {
     queue_.push_back(transaction.shared_from_this());
     transaction.in_queue = true;
@@ -94,7 +99,8 @@ void SetChannel::Enqueue(SetTransaction &transaction) {
   changed_.notify_all();
 }
 
-int SetChannel::AddPart(SetTransaction &transaction, std::vector<SetItem> items) {
+int SetChannel::AddPart(SetTransaction &set, std::vector<SetItem> items) {
+  QueuedSet &transaction = Own(set);
   std::lock_guard lock(mutex_);
   transaction.parts.emplace_back();
   transaction.parts.back().items = std::move(items);
@@ -113,9 +119,10 @@ int SetChannel::AddPart(SetTransaction &transaction, std::vector<SetItem> items)
   return static_cast<int>(transaction.parts.size()) - 1;
 }
 
-SetChannel::CheckResult SetChannel::CheckOf(SetTransaction &transaction, int part) {
+SetChannel::CheckResult SetChannel::CheckOf(SetTransaction &set, int part) {
+  QueuedSet &transaction = Own(set);
   std::lock_guard lock(mutex_);
-  const SetTransaction::Part &p = transaction.parts.at(static_cast<size_t>(part));
+  const QueuedSet::Part &p = transaction.parts.at(static_cast<size_t>(part));
   if (p.check == Phase::kAccepted) {
     return {Check::kAccepted, 0};
   }
@@ -130,10 +137,11 @@ SetChannel::CheckResult SetChannel::CheckOf(SetTransaction &transaction, int par
   return {transaction.stage == Stage::kEnded ? Check::kUndecided : Check::kPending, 0};
 }
 
-void SetChannel::RequestApply(SetTransaction &transaction) {
+void SetChannel::RequestApply(SetTransaction &set) {
+  QueuedSet &transaction = Own(set);
   std::lock_guard lock(mutex_);
   bool ready = !transaction.parts.empty();
-  for (const SetTransaction::Part &part : transaction.parts) {
+  for (const QueuedSet::Part &part : transaction.parts) {
     ready = ready && part.check == Phase::kAccepted;
   }
   if (transaction.stage != Stage::kChecking) {
@@ -149,9 +157,10 @@ void SetChannel::RequestApply(SetTransaction &transaction) {
   changed_.notify_all();
 }
 
-SetChannel::ApplyResult SetChannel::ApplyOf(SetTransaction &transaction, int part) {
+SetChannel::ApplyResult SetChannel::ApplyOf(SetTransaction &set, int part) {
+  QueuedSet &transaction = Own(set);
   std::lock_guard lock(mutex_);
-  const SetTransaction::Part &p = transaction.parts.at(static_cast<size_t>(part));
+  const QueuedSet::Part &p = transaction.parts.at(static_cast<size_t>(part));
   if (p.apply != Apply::kPending) {
     return {p.apply, p.failed_item};
   }
@@ -167,7 +176,8 @@ SetChannel::ApplyResult SetChannel::ApplyOf(SetTransaction &transaction, int par
           0};
 }
 
-void SetChannel::Release(SetTransaction &transaction) {
+void SetChannel::Release(SetTransaction &set) {
+  QueuedSet &transaction = Own(set);
   std::lock_guard lock(mutex_);
   if (transaction.stage == Stage::kChecking || transaction.stage == Stage::kApplyQueued) {
     transaction.stage = Stage::kEnded;
@@ -176,9 +186,9 @@ void SetChannel::Release(SetTransaction &transaction) {
   }
 }
 
-void SetChannel::RunChecks(std::unique_lock<std::mutex> &lock, SetTransaction &transaction,
+void SetChannel::RunChecks(std::unique_lock<std::mutex> &lock, QueuedSet &transaction,
                            size_t part, SetRunner run) {
-  SetTransaction::Part &p = transaction.parts[part];
+  QueuedSet::Part &p = transaction.parts[part];
   p.check = Phase::kRunning;
   int failed = -1;
   for (size_t i = 0; i < p.items.size() && failed < 0 && !transaction.cancelled; i++) {
@@ -196,12 +206,12 @@ void SetChannel::RunChecks(std::unique_lock<std::mutex> &lock, SetTransaction &t
   Wake();
 }
 
-void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, SetTransaction &transaction,
+void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, QueuedSet &transaction,
                           SetRunner run) {
   transaction.stage = Stage::kApplying;
   bool failed = false;
   for (size_t part = 0; part < transaction.parts.size(); part++) {
-    SetTransaction::Part &p = transaction.parts[part];
+    QueuedSet::Part &p = transaction.parts[part];
     for (size_t i = 0; i < p.items.size() && !failed; i++) {
       // Nothing is applied for a manager that was told of a failure, nor past the deadline.
       if (transaction.cancelled || Clock::now() >= transaction.deadline) {
@@ -221,7 +231,7 @@ void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, SetTransaction &tr
   Wake();
 }
 
-void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, SetTransaction &transaction,
+void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, QueuedSet &transaction,
                           SetRunner run) {
   while (transaction.stage != Stage::kEnded && !transaction.cancelled) {
     size_t part = 0;
@@ -252,7 +262,7 @@ void SetChannel::Serve(SetRunner run) {
   (void)!read(fd_, &count, sizeof(count));
   std::unique_lock lock(mutex_);
   while (!queue_.empty()) {
-    std::shared_ptr<SetTransaction> transaction = std::move(queue_.front());
+    std::shared_ptr<QueuedSet> transaction = std::move(queue_.front());
     queue_.pop_front();
     ServeOne(lock, *transaction, run);
   }
@@ -261,7 +271,7 @@ void SetChannel::Serve(SetRunner run) {
 void SetChannel::Close() {
   std::lock_guard lock(mutex_);
   closed_ = true;
-  for (const std::shared_ptr<SetTransaction> &transaction : queue_) {
+  for (const std::shared_ptr<QueuedSet> &transaction : queue_) {
     transaction->stage = Stage::kEnded;
     transaction->cancelled = true;
     transaction->in_queue = false;

@@ -43,9 +43,13 @@ void CloseSets();
 
 // One set request of a manager. It comes in one part for each registered subtree that it touches;
 // all parts are checked before the first is applied.
-class SetTransaction;
+class SetTransaction {
+ public:
+  virtual ~SetTransaction() = default;
+};
 
-class SetChannel {
+// What whoever answers the master does with a set. One thread.
+class SetPort {
  public:
   enum class Check {
     kPending,
@@ -63,8 +67,33 @@ class SetChannel {
     int failed_item = 0;
   };
 
+  virtual ~SetPort() = default;
+  // By so much a result may come later than its deadline.
+  virtual Clock::duration Lateness() const {
+    return Clock::duration::zero();
+  }
+  // Throws std::bad_alloc, as the next one does, which then has added nothing.
+  virtual std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline) = 0;
+  // Queues the checks of one part; returns the part's number.
+  virtual int AddPart(SetTransaction &transaction, std::vector<SetItem> items) = 0;
+  // The state of a part's checks. From the deadline on it is never kPending: what is undecided is
+  // cancelled for good.
+  virtual CheckResult CheckOf(SetTransaction &transaction, int part) = 0;
+  // Asks for the apply of all parts (once).
+  virtual void RequestApply(SetTransaction &transaction) = 0;
+  // The state of a part's apply. From the deadline on it is never kPending: what has not begun
+  // never will.
+  virtual ApplyResult ApplyOf(SetTransaction &transaction, int part) = 0;
+  // The manager's request is over: no further phase comes.
+  virtual void Release(SetTransaction &transaction) = 0;
+};
+
+class QueuedSet;
+
+class SetChannel final : public SetPort {
+ public:
   SetChannel();
-  ~SetChannel();
+  ~SetChannel() override;
   // Whether there is a descriptor to wake the agent thread with; tries to get it. False with errno.
   bool Ready();
   // Wakes the agent thread without a set, for it to look around. Any thread.
@@ -75,20 +104,12 @@ class SetChannel {
   // SNMP thread.
   // wake: called, on the agent thread, whenever a result is there.
   void SetWake(void (*wake)());
-  // Throws std::bad_alloc, as the next one does, which then has added nothing.
-  std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline);
-  // Queues the checks of one part; returns the part's number.
-  int AddPart(SetTransaction &transaction, std::vector<SetItem> items);
-  // The state of a part's checks. From the deadline on it is never kPending: what is undecided is
-  // cancelled for good.
-  CheckResult CheckOf(SetTransaction &transaction, int part);
-  // Asks for the apply of all parts (once).
-  void RequestApply(SetTransaction &transaction);
-  // The state of a part's apply. From the deadline on it is never kPending: what has not begun
-  // never will.
-  ApplyResult ApplyOf(SetTransaction &transaction, int part);
-  // The manager's request is over: no further phase comes.
-  void Release(SetTransaction &transaction);
+  std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline) override;
+  int AddPart(SetTransaction &transaction, std::vector<SetItem> items) override;
+  CheckResult CheckOf(SetTransaction &transaction, int part) override;
+  void RequestApply(SetTransaction &transaction) override;
+  ApplyResult ApplyOf(SetTransaction &transaction, int part) override;
+  void Release(SetTransaction &transaction) override;
 
   // Agent thread.
   int Fd() const {
@@ -98,17 +119,17 @@ class SetChannel {
   void Close();
 
  private:
-  void Enqueue(SetTransaction &transaction);
-  void RunChecks(std::unique_lock<std::mutex> &lock, SetTransaction &transaction, size_t part,
+  void Enqueue(QueuedSet &transaction);
+  void RunChecks(std::unique_lock<std::mutex> &lock, QueuedSet &transaction, size_t part,
                  SetRunner run);
-  void RunApply(std::unique_lock<std::mutex> &lock, SetTransaction &transaction, SetRunner run);
-  void ServeOne(std::unique_lock<std::mutex> &lock, SetTransaction &transaction, SetRunner run);
+  void RunApply(std::unique_lock<std::mutex> &lock, QueuedSet &transaction, SetRunner run);
+  void ServeOne(std::unique_lock<std::mutex> &lock, QueuedSet &transaction, SetRunner run);
   void Wake() const;
 
   int fd_;
   mutable std::mutex mutex_;  // guards everything below and every transaction
   std::condition_variable changed_;
-  std::deque<std::shared_ptr<SetTransaction>> queue_;
+  std::deque<std::shared_ptr<QueuedSet>> queue_;
   void (*wake_)() = nullptr;
   bool closed_ = false;
 };

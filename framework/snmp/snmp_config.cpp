@@ -79,14 +79,14 @@ void CloseOnExec(const std::set<int> &before) {
 
 }  // namespace
 
-std::optional<AgentxSession::TcpAddress> TcpAddressOf(const std::string &target) {
+std::optional<MasterAddress::Tcp> TcpAddressOf(const std::string &target) {
   constexpr char kPrefix[] = "tcp:";
   size_t colon = target.rfind(':');
   if (strncasecmp(target.c_str(), kPrefix, strlen(kPrefix)) != 0 || colon < strlen(kPrefix)) {
     return std::nullopt;
   }
   std::string host = target.substr(strlen(kPrefix), colon - strlen(kPrefix));
-  AgentxSession::TcpAddress address{host == "localhost" ? "127.0.0.1" : host, 0};
+  MasterAddress::Tcp address{host == "localhost" ? "127.0.0.1" : host, 0};
   const char *end = target.data() + target.size();
   auto [at, error] = std::from_chars(target.data() + colon + 1, end, address.port);
   in_addr ignored;
@@ -126,9 +126,9 @@ void LoadSnmpConfiguration(const std::string &application, SnmpSettings *setting
   settings->community = files.community;
 
   session->name = application;
-  session->target = AgentxTarget();
-  session->unix_path = UnixPathOf(session->target);
-  session->tcp = TcpAddressOf(session->target);
+  session->master.target = AgentxTarget();
+  session->master.unix_path = UnixPathOf(session->master.target);
+  session->master.tcp = TcpAddressOf(session->master.target);
   int ping = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL);
   session->ping_seconds = ping > 0 ? ping : session->ping_seconds;
   int timeout = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_TIMEOUT);

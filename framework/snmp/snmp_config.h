@@ -15,7 +15,7 @@ namespace vex {
 void LoadSnmpConfiguration(const std::string &application, SnmpSettings *settings,
                            AgentxSession::Settings *session);
 // The address of "tcp:A.B.C.D:PORT" and "tcp:localhost:PORT"; nothing for any other target.
-std::optional<AgentxSession::TcpAddress> TcpAddressOf(const std::string &target);
+std::optional<MasterAddress::Tcp> TcpAddressOf(const std::string &target);
 void UnloadSnmp(const std::string &application);
 
 }  // namespace vex

@@ -9,7 +9,6 @@
 namespace vex {
 namespace {
 
-constexpr uint16_t kSnmpPort = 161;
 // Two tries within the two seconds that the caller waits.
 constexpr long kTryMicroseconds = 900000;
 constexpr int kRetries = 1;
@@ -34,6 +33,11 @@ bool SnmpQuery::Wait(Clock::time_point until) {
 bool SnmpQuery::AnsweredLate() {
   std::lock_guard lock(mutex_);
   return done_ && has_status;
+}
+
+bool SnmpQuery::Ended() {
+  std::lock_guard lock(mutex_);
+  return done_;
 }
 
 void SnmpQuery::Done() {
@@ -71,7 +75,7 @@ void SnmpQueries::Start(const std::shared_ptr<SnmpQuery> &query) {
 }
 
 bool SnmpQueries::Send(Running *running) {
-  const SnmpQuery &query = *running->query;
+  SnmpQuery &query = *running->query;
   const std::vector<oid> name(query.oid.begin(), query.oid.end());
   std::string community = query.community;
   netsnmp_session session;
@@ -82,7 +86,8 @@ bool SnmpQueries::Send(Running *running) {
   session.community = reinterpret_cast<u_char *>(community.data());
   session.community_len = community.size();
 
-  netsnmp_transport *transport = ConnectUdp(query.address, kSnmpPort);
+  netsnmp_transport *transport = DatagramTransport(
+      query.socket ? query.socket.Release() : ConnectUdp(query.address, kSnmpPort));
   if (transport != nullptr) {
     running->handle = snmp_sess_add(&session, transport, nullptr, nullptr);
   }

@@ -13,9 +13,12 @@
 #include <vector>
 
 #include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
 #include "framework/snmp/socket_transport.h"
 
 namespace vex {
+
+constexpr uint16_t kSnmpPort = 161;
 
 // One question and its answer: the two threads share it.
 class SnmpQuery {
@@ -24,12 +27,14 @@ class SnmpQuery {
   std::string community;
   std::vector<uint32_t> oid;
   bool next = false;  // GETNEXT instead of GET
+  Descriptor socket;  // connected to address; without one, one is opened
 
   // Agent thread: waits until the query has ended. False when it has not by then; it goes on, and
   // its answer can no longer be had.
   bool Wait(Clock::time_point until);
   // Whether an answer has come, after Wait() returned false.
   bool AnsweredLate();
+  bool Ended();
   // The answer, after Wait() returned true.
   bool has_value = false;
   int32_t value = 0;

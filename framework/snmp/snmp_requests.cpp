@@ -523,18 +523,18 @@ void SnmpRequests::Progress(AgentxSession *session, long transaction_id, Set &se
     if (test.answered) {
       continue;
     }
-    SetChannel::CheckResult result = channel_->CheckOf(*set.transaction, test.part);
+    SetPort::CheckResult result = channel_->CheckOf(*set.transaction, test.part);
     switch (result.state) {
-      case SetChannel::Check::kPending:
+      case SetPort::Check::kPending:
         break;
-      case SetChannel::Check::kAccepted:
+      case SetPort::Check::kAccepted:
         Answer(session, transaction_id, test, SNMP_ERR_NOERROR, 0);
         break;
-      case SetChannel::Check::kRefused:
+      case SetPort::Check::kRefused:
         set.failed = true;
         Answer(session, transaction_id, test, SNMP_ERR_WRONGVALUE, result.failed_item + 1);
         break;
-      case SetChannel::Check::kUndecided:
+      case SetPort::Check::kUndecided:
         set.failed = true;
         Answer(session, transaction_id, test, SNMP_ERR_RESOURCEUNAVAILABLE, 1);
         break;
@@ -544,14 +544,14 @@ void SnmpRequests::Progress(AgentxSession *session, long transaction_id, Set &se
     if (commit.answered) {
       continue;
     }
-    SetChannel::ApplyResult result = channel_->ApplyOf(*set.transaction, commit.part);
+    SetPort::ApplyResult result = channel_->ApplyOf(*set.transaction, commit.part);
     switch (result.state) {
-      case SetChannel::Apply::kPending:
+      case SetPort::Apply::kPending:
         break;
-      case SetChannel::Apply::kApplied:
+      case SetPort::Apply::kApplied:
         Answer(session, transaction_id, commit, SNMP_ERR_NOERROR, 0);
         break;
-      case SetChannel::Apply::kFailed:
+      case SetPort::Apply::kFailed:
         Answer(session, transaction_id, commit, SNMP_ERR_COMMITFAILED, result.failed_item + 1);
         break;
     }
@@ -588,7 +588,7 @@ Clock::time_point SnmpRequests::NextDue() const {
     for (const Phase &phase : set.commits) {
       waiting = waiting || !phase.answered;
     }
-    due = std::min(due, waiting ? set.deadline : set.deadline + kForgetAfter);
+    due = std::min(due, set.deadline + (waiting ? channel_->Lateness() : kForgetAfter));
   }
   return due;
 }

@@ -28,7 +28,7 @@ class SnmpRequests {
   // master asks again.
   static constexpr std::chrono::milliseconds kSetPatience{700};
 
-  SnmpRequests(const MibIndex *index, SetChannel *channel) : index_(index), channel_(channel) {}
+  SnmpRequests(const MibIndex *index, SetPort *channel) : index_(index), channel_(channel) {}
 
   // Whatever fails, the request is answered. current: the index holds all that was published;
   // otherwise nothing is told of it. Throws nothing, as everything here.
@@ -89,7 +89,7 @@ class SnmpRequests {
   void MakeRoom();
 
   const MibIndex *index_;
-  SetChannel *channel_;
+  SetPort *channel_;
   std::map<long, Set> sets_;  // by the master's transaction id
   // Answers that there was no memory for yet.
   std::array<ShortAnswer, 32> owed_{};

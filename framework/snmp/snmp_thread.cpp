@@ -1,43 +1,30 @@
 #include "framework/snmp/snmp_thread.h"
 
-#include <poll.h>
+#include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <exception>
-#include <list>
-#include <mutex>
+#include <new>
 #include <system_error>
-#include <thread>
-#include <unordered_map>
-#include <vector>
+#include <utility>
 
-#include "framework/process/clock.h"
 #include "framework/process/log.h"
-#include "framework/snmp/agentx_session.h"
-#include "framework/snmp/mib_index.h"
-#include "framework/snmp/notifications.h"
 #include "framework/snmp/oid_text.h"
-#include "framework/snmp/set_channel.h"
 #include "framework/snmp/snmp_config.h"
-#include "framework/snmp/snmp_query.h"
-#include "framework/snmp/snmp_requests.h"
-#include "framework/snmp/spin_policy.h"
+#include "framework/snmp/snmp_loop.h"
+#include "framework/snmp/snmp_relay.h"
+#include "framework/snmp/snmp_shared.h"
 #include "platform/framework.h"
 
 namespace vex {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestSpin{2};   // then the rest has its turn
 constexpr std::chrono::milliseconds kEndingSlice{50};  // of a wait that the agent's end cuts short
 constexpr std::chrono::minutes kStartPatience{1};
 // An agent that was told to end has a second in all. The thread's last notifications and its
@@ -45,65 +32,13 @@ constexpr std::chrono::minutes kStartPatience{1};
 constexpr std::chrono::milliseconds kLastNotifications{300};
 constexpr std::chrono::milliseconds kGoodbye{450};
 constexpr std::chrono::milliseconds kStopPatience{800};
-// After want of memory: the next try must not take the processor for itself.
-constexpr std::chrono::milliseconds kRest{10};
 constexpr uint8_t kPriorityBehind = 200;  // of registrations; usual are 127
-// Images that nobody asked for are still taken over now and then, so that each is held once only.
-constexpr std::chrono::seconds kLongestSleep{30};
-
-// What the two threads share.
-struct Shared {
-  // Of every object that is published. An entry stays for as long as its object: withdrawing must
-  // not need memory.
-  struct Published {
-    uint64_t object_id;
-    std::shared_ptr<const Image> image;  // not yet in the index; null: none, or withdrawn
-    bool waiting = false;                // in the list below
-    Published *next = nullptr;
-  };
-  std::mutex images_mutex;
-  std::unordered_map<uint64_t, Published> images;
-  Published *first_waiting = nullptr;  // for the thread, in any order
-  std::atomic<bool> images_waiting{false};
-
-  NotificationQueue notifications;
-  Notifications unsent;      // of the thread until it has finished
-  bool unsent_whole = true;  // likewise: the list above has all that is unsent
-
-  std::mutex queries_mutex;
-  std::list<std::shared_ptr<SnmpQuery>> queries;
-  std::shared_ptr<SnmpQuery> silent_query;  // agent thread
-
-  std::atomic<bool> sets_enabled{true};
-  std::atomic<bool> stand_behind{false};
-  std::atomic<bool> up{false};
-  std::atomic<void (*)()> tick{nullptr};
-  std::atomic<int> tick_ms{0};
-  std::atomic<bool> stop{false};
-
-  std::mutex state_mutex;
-  std::condition_variable state_changed;
-  bool running = false;   // the thread's loop has begun
-  bool finished = false;  // the thread is at its end
-  std::atomic<bool> failed{false};
-
-  int wake_fd = -1;
-  std::thread thread;
-};
-
-Shared &Side() {
-  static auto *shared = new Shared;  // outlives every thread
-  return *shared;
-}
-
-void WakeThread() {
-  uint64_t one = 1;
-  (void)!write(Side().wake_fd, &one, sizeof(one));
-}
+// So much in the ring is worth waking somebody for.
+constexpr size_t kMuchUnread = size_t{256} << 10;
 
 // The agent thread waits for none of them any more.
 void EndQueries() {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   std::lock_guard lock(side.queries_mutex);
   for (std::shared_ptr<SnmpQuery> &query : side.queries) {
     query->Done();
@@ -111,286 +46,160 @@ void EndQueries() {
   side.queries.clear();
 }
 
-void Enqueue(Shared::Published *entry) {
-  Shared &side = Side();
-  if (!entry->waiting) {
-    entry->waiting = true;
-    entry->next = side.first_waiting;
-    side.first_waiting = entry;
-    side.images_waiting.store(true, std::memory_order_release);
-  }
-}
-
-// That this thread may run on. Where they are more than the set has room for, the call fails.
-int Processors() {
-  cpu_set_t set;
-  return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : CPU_SETSIZE;
-}
-
-class Loop {
+// The loop's seat in a thread of the agent.
+class ThreadSeat final : public SnmpSeat {
  public:
-  explicit Loop(AgentxSession::Settings settings)
-      : index_(MibVariables()),
-        requests_(&index_, &Sets()),
-        sender_(&Side().notifications),
-        session_(std::move(settings),
-                 {[this](netsnmp_pdu *pdu) { Request(pdu); },
-                  [this](const AgentxSession::PacketHeader &header) {
-                    requests_.HandleUnread(&session_, header);
-                  },
-                  [] { Side().notifications.SetUp(true); }, [this] { Lost(); }}) {
-    fds_.reserve(kUsualDescriptors);
-    query_fds_.reserve(kUsualDescriptors);
+  explicit ThreadSeat(MasterAddress master) : finder_(std::move(master)) {}
+
+  int Fd() const override {
+    return Side().wake_fd;
+  }
+  void Ready() override {
+    Woken();
+  }
+  int WatchFd() const override {
+    return finder_.WatchFd();
+  }
+  void WatchReady() override {
+    finder_.WatchReady();
+  }
+  void Work() override {
+    ticker_.Work();
+  }
+  Clock::time_point NextDue() const override {
+    const Clock::time_point due = ticker_.NextDue();
+    return connected_ ? due : std::min(due, finder_.NextAttempt());
+  }
+  bool Stopping() const override {
+    return Side().stop.load();
   }
 
-  void Run() {
-    next_tick_ = Clock::now();
-    while (!Side().stop.load()) {
-      short_of_memory_ = false;
-      Try([this] { Wait(); });
-      Try([this] { Spin(); });
-      Work();
-      if (short_of_memory_) {
-        poll(nullptr, 0, static_cast<int>(kRest.count()));
-      }
-      Say();
+  void TakeImages(MibIndex *index, bool) override;
+  bool SetsEnabled() const override {
+    return Side().sets_enabled.load();
+  }
+  SetPort *Sets() override {
+    return &vex::Sets();
+  }
+  NotificationSource *Notifications() override {
+    return &Side().notifications;
+  }
+  size_t NotificationsWaiting() const override {
+    return Side().notifications.Size();
+  }
+  std::list<std::shared_ptr<SnmpQuery>> TakeQueries() override {
+    std::list<std::shared_ptr<SnmpQuery>> fresh;
+    std::lock_guard lock(Side().queries_mutex);
+    fresh.swap(Side().queries);
+    return fresh;
+  }
+
+  netsnmp_transport *Connection(int *error) override;
+  void ConnectionFailed(int error) override {
+    connected_ = false;
+    finder_.Failed(error);
+  }
+  void SessionOpen() override {
+    Side().notifications.SetUp(true);
+  }
+  void SessionWelcome() override {
+    finder_.Welcome();
+  }
+  void SessionUp() override {
+    Side().up = true;
+    finder_.Found();
+  }
+  void SessionRefused() override {
+    finder_.Refused();
+  }
+  void SessionEnded(bool was_open, bool refused) override {
+    Side().up = false;
+    connected_ = false;
+    if (was_open) {
+      Side().notifications.SetUp(false);
     }
-    const Clock::time_point now = Clock::now();
-    Try([&] {
-      SendLast(now + kLastNotifications);
-      session_.Close(now + kGoodbye);
-    });
-    Lost();
-    // Nobody will send them.
-    for (auto one = Side().notifications.Pop(); !one.empty(); one = Side().notifications.Pop()) {
-      Side().unsent.splice(Side().unsent.end(), one);
-    }
-    Side().unsent_whole = true;
+    finder_.Lost(refused);
   }
 
  private:
-  static constexpr size_t kUsualDescriptors = 16;
-
-  // Does one part of the work; what it leaves undone, for want of memory, is done by a later pass.
-  template <typename Function>
-  void Try(Function function) noexcept {
-    try {
-      function();
-    } catch (...) {
-      short_of_memory_ = true;
-    }
-  }
-
-  void Say() {
-    if (short_of_memory_) {
-      last_short_ = Clock::now();
-    }
-    if (said_short_ != short_of_memory_ &&
-        (short_of_memory_ || Clock::now() - last_short_ > std::chrono::seconds(1))) {
-      said_short_ = short_of_memory_;
-      agentlog_fprintf(stderr, said_short_ ? "The SNMP side is short of memory; trying again\n"
-                                           : "The SNMP side has memory again\n");
-    }
-  }
-
-  // What is to be notified before the end, more than may be under way at once.
-  void SendLast(Clock::time_point until) {
-    sender_.Send(&session_);
-    while (session_.Open() && Side().notifications.Size() > 0 && Clock::now() < until) {
-      short wanted = session_.WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
-      pollfd entry = {session_.Socket(), wanted, 0};
-      if (poll(&entry, 1, 20) > 0) {
-        session_.SocketReady((entry.revents & ~POLLOUT) != 0, (entry.revents & POLLOUT) != 0);
-      }
-      sender_.Send(&session_);
-    }
-  }
-
-  void Request(const netsnmp_pdu *pdu) {
-    spinning_.Asked(Clock::now());
-    bool current = true;
-    try {
-      TakeImages();
-    } catch (const std::exception &) {
-      short_of_memory_ = true;
-      current = false;
-    }
-    requests_.Handle(&session_, pdu, Side().sets_enabled.load(), current);
-    const Clock::time_point now = Clock::now();
-    spin_until_ = now + spinning_.Answered(now);
-  }
-
-  void Lost() {
-    Side().notifications.SetUp(false);
-    sender_.SessionLost();
-    requests_.SessionLost();
-  }
-
-  void TakeImages() {
-    if (!Side().images_waiting.load(std::memory_order_acquire)) {
-      return;
-    }
-    Shared &side = Side();
-    while (true) {
-      uint64_t id;
-      std::shared_ptr<const Image> image;
-      {
-        std::lock_guard lock(side.images_mutex);
-        Shared::Published *entry = side.first_waiting;
-        if (entry == nullptr) {
-          side.images_waiting.store(false, std::memory_order_relaxed);
-          return;
-        }
-        side.first_waiting = entry->next;
-        entry->waiting = false;
-        id = entry->object_id;
-        image = std::move(entry->image);
-        if (image == nullptr) {
-          side.images.erase(id);
-        }
-      }
-      if (image == nullptr) {
-        index_.Remove(id);
-        continue;
-      }
-      try {
-        index_.Put(image);
-      } catch (...) {
-        // It waits again, unless a newer one does.
-        std::lock_guard lock(side.images_mutex);
-        const auto place = side.images.find(id);
-        if (place != side.images.end() && !place->second.waiting) {
-          place->second.image = std::move(image);
-          Enqueue(&place->second);
-        }
-        throw;
-      }
-    }
-  }
-
-  // Answers the requests that follow one another closely, without the rest of a pass in between:
-  // the sooner the answer, the likelier it finds the master still awake.
-  void Spin() {
-    Clock::time_point now = Clock::now();
-    Clock::time_point longest = now + kLongestSpin;
-    while (now < spin_until_ && now < longest) {
-      pollfd fds[] = {{session_.Socket(), POLLIN, 0}, {Side().wake_fd, POLLIN, 0}};
-      if (poll(fds, 2, 0) > 0) {
-        if (fds[1].revents != 0 || fds[0].revents != POLLIN) {
-          return;
-        }
-        session_.SocketReady(true, false);
-        now = Clock::now();
-        continue;
-      }
-      const Clock::time_point before = now;
-      now = Clock::now();
-      if (!spinning_.Looked(before, now)) {
-        spin_until_ = now;
-      }
-    }
-  }
-
-  void Wait() {
-    Clock::time_point now = Clock::now();
-    std::chrono::nanoseconds patience{0};
-    if (now >= spin_until_) {
-      Clock::time_point due = now + kLongestSleep;
-      due = std::min(
-          {due, session_.NextDue(), requests_.NextDue(), queries_.NextDue(), sender_.NextDue()});
-      if (Side().tick.load() != nullptr) {
-        due = std::min(due, next_tick_);
-      }
-      patience = std::max(due - now, Clock::duration::zero());
-    }
-
-    fds_.clear();
-    fds_.push_back({Side().wake_fd, POLLIN, 0});
-    // poll(2) passes over negative descriptors.
-    short wanted = session_.WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
-    fds_.push_back({session_.Socket(), wanted, 0});
-    fds_.push_back({session_.WatchFd(), POLLIN, 0});
-    query_fds_.clear();
-    queries_.Collect(&query_fds_);
-    for (int fd : query_fds_) {
-      fds_.push_back({fd, POLLIN, 0});
-    }
-    auto whole = std::chrono::duration_cast<std::chrono::seconds>(patience);
-    timespec timeout = {whole.count(), (patience - whole).count()};
-    if (ppoll(fds_.data(), fds_.size(), &timeout, nullptr) <= 0) {
-      return;
-    }
-
-    if (fds_[0].revents != 0) {
-      uint64_t count;
-      (void)!read(Side().wake_fd, &count, sizeof(count));
-    }
-    if (fds_[1].revents != 0) {
-      session_.SocketReady((fds_[1].revents & ~POLLOUT) != 0, (fds_[1].revents & POLLOUT) != 0);
-    }
-    if (fds_[2].revents != 0 && session_.WatchFd() >= 0) {
-      session_.WatchReady();
-    }
-    for (size_t i = 3; i < fds_.size(); i++) {
-      if (fds_[i].revents != 0) {
-        queries_.Ready(fds_[i].fd);
-      }
-    }
-  }
-
-  void Work() {
-    if (Clock::now() >= spin_until_) {
-      Try([this] { TakeImages(); });
-    }
-    Try([this] { session_.Work(); });
-    Side().up = session_.Up();
-    Try([this] { requests_.Work(&session_); });
-    Try([this] { sender_.Send(&session_); });
-    std::list<std::shared_ptr<SnmpQuery>> fresh;
-    {
-      std::lock_guard lock(Side().queries_mutex);
-      fresh.swap(Side().queries);
-    }
-    for (const std::shared_ptr<SnmpQuery> &query : fresh) {
-      queries_.Start(query);
-    }
-    Try([this] { queries_.Work(); });
-    Try([this] { Tick(); });
-  }
-
-  void Tick() {
-    void (*tick)() = Side().tick.load();
-    Clock::time_point now = Clock::now();
-    if (tick != nullptr && now >= next_tick_) {
-      next_tick_ = now + std::chrono::milliseconds(std::max(Side().tick_ms.load(), 1));
-      tick();
-    }
-  }
-
-  MibIndex index_;
-  SnmpRequests requests_;
-  NotificationSender sender_;
-  SnmpQueries queries_;
-  AgentxSession session_;  // last: it calls the others
-  std::vector<pollfd> fds_;
-  std::vector<int> query_fds_;
-  SpinPolicy spinning_{Processors()};
-  Clock::time_point spin_until_;
-  Clock::time_point next_tick_;
-  bool short_of_memory_ = false;  // in this pass
-  bool said_short_ = false;
-  Clock::time_point last_short_;
+  MasterFinder finder_;
+  SnmpTicker ticker_;
+  bool connected_ = false;
 };
+
+void ThreadSeat::TakeImages(MibIndex *index, bool) {
+  SnmpShared &side = Side();
+  if (!side.images_waiting.load(std::memory_order_acquire)) {
+    return;
+  }
+  while (true) {
+    uint64_t id;
+    std::shared_ptr<const Image> image;
+    {
+      std::lock_guard lock(side.images_mutex);
+      SnmpShared::Published *entry = side.first_waiting;
+      if (entry == nullptr) {
+        side.images_waiting.store(false, std::memory_order_relaxed);
+        return;
+      }
+      side.first_waiting = entry->next;
+      entry->waiting = false;
+      id = entry->object_id;
+      image = std::move(entry->image);
+      if (image == nullptr) {
+        side.images.erase(id);
+      }
+    }
+    if (image == nullptr) {
+      index->Remove(id);
+      continue;
+    }
+    try {
+      index->Put(image);
+    } catch (...) {
+      // It waits again, unless a newer one does.
+      std::lock_guard lock(side.images_mutex);
+      const auto place = side.images.find(id);
+      if (place != side.images.end() && !place->second.waiting) {
+        place->second.image = std::move(image);
+        Enqueue(&place->second);
+      }
+      throw;
+    }
+  }
+}
+
+netsnmp_transport *ThreadSeat::Connection(int *error) {
+  if (Clock::now() < finder_.NextAttempt()) {
+    return nullptr;
+  }
+  finder_.Watch();
+  netsnmp_transport *transport = nullptr;
+  if (finder_.Address().Plain()) {
+    transport = StreamTransport(finder_.Connect());
+  } else {
+    // Names and other transports are the library's; its connecting waits.
+    transport = netsnmp_transport_open_client("agentx", finder_.Address().target.c_str());
+    if (transport != nullptr && transport->sock >= 0) {
+      fcntl(transport->sock, F_SETFD, FD_CLOEXEC);
+    }
+  }
+  connected_ = transport != nullptr;
+  *error = connected_ ? 0 : errno != 0 ? errno : ENOTCONN;
+  return transport;
+}
 
 // What SnmpStart() and its thread share.
 struct Starting {
   std::string application;
   SnmpSettings settings;
+  // Where there is a process; else the thread does it all.
+  std::unique_ptr<SnmpRelay> relay;
 };
 
 // Says why there is no SNMP side, once, and lets the agent thread see it.
 void Fail(const char *what, const char *why) {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   if (!side.failed.exchange(true)) {
     agentlog_fprintf(stderr, "%s: %s: %s\n", AgentName(), what, why);
   }
@@ -400,37 +209,53 @@ void Fail(const char *what, const char *why) {
 constexpr char kCannotStart[] = "Can't start the SNMP side";
 constexpr char kHasEnded[] = "The SNMP side has ended";
 
+void HasBegun(bool *begun) {
+  SnmpShared &side = Side();
+  std::lock_guard lock(side.state_mutex);
+  side.running = true;
+  *begun = true;
+  side.state_changed.notify_all();
+}
+
 void RunThread(Starting &starting, bool *begun) {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   AgentxSession::Settings session;
   LoadSnmpConfiguration(starting.application, &starting.settings, &session);
   if (side.stand_behind) {
     session.priority = kPriorityBehind;
   }
   {
-    Loop loop(std::move(session));
-    {
-      std::lock_guard lock(side.state_mutex);
-      side.running = true;
-      *begun = true;
-      side.state_changed.notify_all();
-    }
+    ThreadSeat seat(session.master);
+    SnmpLoop loop(std::move(session), &seat);
+    HasBegun(begun);
     side.unsent_whole = false;
-    loop.Run();
+    loop.Run({kLastNotifications, kGoodbye});
+    KeepUnsent();
   }
   UnloadSnmp(starting.application);
 }
 
 void ThreadMain(const std::shared_ptr<Starting> &starting) noexcept {
   pthread_setname_np(pthread_self(), "snmp");
-  Shared &side = Side();
+  SnmpShared &side = Side();
   bool begun = false;
   try {
-    RunThread(*starting, &begun);
+    if (starting->relay != nullptr) {
+      HasBegun(&begun);
+      side.unsent_whole = false;
+      starting->relay->Run();
+      KeepUnsent();
+    } else {
+      RunThread(*starting, &begun);
+    }
   } catch (const std::exception &e) {
     Fail(begun ? kHasEnded : kCannotStart, e.what());
   } catch (...) {
     Fail(begun ? kHasEnded : kCannotStart, "unknown exception");
+  }
+  if (starting->relay != nullptr) {
+    starting->relay.reset();
+    KeepUnsent();
   }
   std::lock_guard lock(side.state_mutex);
   side.running = false;
@@ -440,7 +265,7 @@ void ThreadMain(const std::shared_ptr<Starting> &starting) noexcept {
 }
 
 int StartThread(const std::shared_ptr<Starting> &starting) {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   // Signals are for the agent thread alone.
   sigset_t all;
   sigset_t before;
@@ -459,10 +284,83 @@ int StartThread(const std::shared_ptr<Starting> &starting) {
   return error == 0 ? 0 : -1;
 }
 
+// With images_mutex held: hands the entry's image to the process, where there is one. False when it
+// is to wait, for the thread, or for room.
+bool PutIntoRing(SnmpShared::Published *entry) noexcept {
+  ImageRingWriter *ring = Side().ring.get();
+  if (ring == nullptr || entry->waiting) {
+    return entry->waiting;  // the relay takes what it has then
+  }
+  const size_t before = ring->Unread();
+  const ImageRingWriter::Put put =
+      entry->image != nullptr
+          ? ring->PutImage(*entry->image, entry->sent != entry->image->layout)
+          : ring->PutWithdrawal(entry->object_id);
+  if (put != ImageRingWriter::Put::kDone) {
+    ring->SetBacklog(true);
+    WakeThread();
+    return false;
+  }
+  if (entry->image == nullptr) {
+    Side().images.erase(entry->object_id);
+  } else {
+    entry->sent = entry->image->layout;
+  }
+  if (before <= kMuchUnread && ring->Unread() > kMuchUnread) {
+    WakeThread();
+  }
+  return true;
+}
+
+// What a process that did not come to be has left: the thread takes all images.
+void TakeImagesBack() {
+  SnmpShared &side = Side();
+  std::lock_guard lock(side.images_mutex);
+  side.ring.reset();
+  for (auto &[id, entry] : side.images) {
+    Enqueue(&entry);
+  }
+}
+
+// Lets the SNMP side be a process of its own, where that is possible: starting->relay is it. False
+// when the SNMP side cannot be started at all, or the agent is to end.
+bool StartProcess(Starting *starting) {
+  const std::optional<SnmpUser> user = geteuid() == 0 ? FindSnmpUser() : std::nullopt;
+  std::string why;
+  if (!user) {
+    why = geteuid() == 0 ? std::string("there is no user ") + kSnmpUser : "it is not root's";
+  } else if (!SnmpStarter::Possible()) {
+    why = "the agent has threads";
+  } else {
+    auto relay = std::make_unique<SnmpRelay>();
+    switch (relay->Begin(starting->application, *user, Clock::now() + kStartPatience,
+                         &starting->settings, &why)) {
+      case SnmpRelay::Begun::kRuns:
+        GiveUpStartersCapabilities();
+        starting->relay = std::move(relay);
+        return true;
+      case SnmpRelay::Begun::kMisconfigured:
+        Fail(kCannotStart, why.c_str());
+        return false;
+      case SnmpRelay::Begun::kEnding:
+        if (!why.empty()) {
+          Fail(kCannotStart, why.c_str());
+        }
+        return false;
+      case SnmpRelay::Begun::kUnable:
+        break;
+    }
+    relay.reset();
+    TakeImagesBack();
+  }
+  agentlog_fprintf(stderr, "Info: the SNMP side is no process of its own: %s\n", why.c_str());
+  return true;
+}
+
 }  // namespace
 
 int SnmpStart(const char *application, SnmpSettings *settings) {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   if (side.thread.joinable()) {
     return -1;
   }
@@ -485,6 +383,9 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   try {
     starting = std::make_shared<Starting>();
     starting->application = application;
+    if (!StartProcess(starting.get())) {
+      return -1;
+    }
   } catch (const std::exception &) {
     Fail(kCannotStart, strerror(ENOMEM));
     return -1;
@@ -517,7 +418,7 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
 }
 
 bool SnmpStop() {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   if (!side.thread.joinable()) {
     return true;
   }
@@ -544,7 +445,7 @@ bool SnmpFailed() {
 }
 
 std::optional<std::vector<Notification>> SnmpUnsent() {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   std::lock_guard lock(side.state_mutex);
   if (!side.finished || !side.unsent_whole) {
     return std::nullopt;
@@ -559,7 +460,7 @@ std::optional<std::vector<Notification>> SnmpUnsent() {
 }
 
 bool SnmpRunning() {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   std::lock_guard lock(side.state_mutex);
   return side.running;
 }
@@ -573,7 +474,7 @@ bool SnmpUp() {
 }
 
 void SnmpSetTick(void (*tick)(), int interval_ms) {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   side.tick_ms = interval_ms;
   side.tick = tick;
   if (side.wake_fd >= 0) {
@@ -582,30 +483,39 @@ void SnmpSetTick(void (*tick)(), int interval_ms) {
 }
 
 void SnmpEnableSets(bool enabled) {
-  Side().sets_enabled = enabled;
+  SnmpShared &side = Side();
+  std::lock_guard lock(side.images_mutex);
+  side.sets_enabled = enabled;
+  if (side.ring != nullptr) {
+    side.ring->RefuseSets(!enabled);
+  }
 }
 
 void SnmpPublish(std::shared_ptr<const Image> image) {
   if (!image) {
     return;
   }
-  Shared &side = Side();
+  SnmpShared &side = Side();
   const uint64_t id = image->object_id;
   std::lock_guard lock(side.images_mutex);
-  Shared::Published &entry =
-      side.images.try_emplace(id, Shared::Published{id, nullptr}).first->second;
+  SnmpShared::Published &entry =
+      side.images.try_emplace(id, SnmpShared::Published{id, nullptr, nullptr}).first->second;
   entry.image.swap(image);  // the one before is released after the lock
-  Enqueue(&entry);
+  if (!PutIntoRing(&entry)) {
+    Enqueue(&entry);
+  }
 }
 
 void SnmpWithdraw(uint64_t object_id) noexcept {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   std::shared_ptr<const Image> image;
   std::lock_guard lock(side.images_mutex);
   const auto place = side.images.find(object_id);
   if (place != side.images.end()) {
     image.swap(place->second.image);
-    Enqueue(&place->second);
+    if (!PutIntoRing(&place->second)) {
+      Enqueue(&place->second);
+    }
   }
 }
 
@@ -633,7 +543,7 @@ bool SnmpNothingWaiting() {
 
 SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,
                             const char *oid, std::chrono::nanoseconds patience) {
-  Shared &side = Side();
+  SnmpShared &side = Side();
   SnmpAnswer answer;
   std::optional<std::vector<uint32_t>> name = ParseOid(oid != nullptr ? oid : "");
   if (!name) {

@@ -107,12 +107,16 @@ char *Format(netsnmp_transport *, const void *, int) {
 }
 
 netsnmp_transport *NewTransport(int fd, bool stream) {
+  if (fd < 0) {
+    return nullptr;
+  }
   auto *transport = static_cast<netsnmp_transport *>(calloc(1, sizeof(netsnmp_transport)));
   auto *unsent = static_cast<Unsent *>(calloc(1, sizeof(Unsent)));
   if (transport == nullptr || unsent == nullptr) {
     free(transport);
     free(unsent);
     close(fd);
+    errno = ENOMEM;
     return nullptr;
   }
   transport->domain = netsnmpUDPDomain;
@@ -129,50 +133,58 @@ netsnmp_transport *NewTransport(int fd, bool stream) {
   return transport;
 }
 
-netsnmp_transport *Connect(int family, int type, const void *address, socklen_t length) {
+int Connect(int family, int type, const void *address, socklen_t length) {
   int fd = socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) {
-    return nullptr;
+    return -1;
   }
   if (connect(fd, static_cast<const sockaddr *>(address), length) != 0 && errno != EINPROGRESS) {
     int error = errno;
     close(fd);
     errno = error;
-    return nullptr;
+    return -1;
   }
-  return NewTransport(fd, type == SOCK_STREAM);
+  return fd;
 }
 
-netsnmp_transport *ConnectIpv4(const std::string &ipv4_address, uint16_t port, int type) {
+int ConnectIpv4(const std::string &ipv4_address, uint16_t port, int type) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   if (inet_pton(AF_INET, ipv4_address.c_str(), &address.sin_addr) != 1) {
     errno = EINVAL;
-    return nullptr;
+    return -1;
   }
   return Connect(AF_INET, type, &address, sizeof(address));
 }
 
 }  // namespace
 
-netsnmp_transport *ConnectUnix(const std::string &path) {
+int ConnectUnix(const std::string &path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof(address.sun_path)) {
     errno = ENAMETOOLONG;
-    return nullptr;
+    return -1;
   }
   memcpy(address.sun_path, path.c_str(), path.size() + 1);
   return Connect(AF_UNIX, SOCK_STREAM, &address, sizeof(address));
 }
 
-netsnmp_transport *ConnectTcp(const std::string &ipv4_address, uint16_t port) {
+int ConnectTcp(const std::string &ipv4_address, uint16_t port) {
   return ConnectIpv4(ipv4_address, port, SOCK_STREAM);
 }
 
-netsnmp_transport *ConnectUdp(const std::string &ipv4_address, uint16_t port) {
+int ConnectUdp(const std::string &ipv4_address, uint16_t port) {
   return ConnectIpv4(ipv4_address, port, SOCK_DGRAM);
+}
+
+netsnmp_transport *StreamTransport(int fd) {
+  return NewTransport(fd, true);
+}
+
+netsnmp_transport *DatagramTransport(int fd) {
+  return NewTransport(fd, false);
 }
 
 bool HasUnsent(const netsnmp_transport *transport) {

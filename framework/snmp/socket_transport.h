@@ -11,14 +11,19 @@
 
 namespace vex {
 
-// Connects to a listening Unix stream socket. Null with errno: nobody listens, or its queue is
-// full. The result belongs to the caller until a session takes it.
-netsnmp_transport *ConnectUnix(const std::string &path);
+// A connection to a listening Unix stream socket. -1 with errno: nobody listens, or its queue is
+// full. The descriptor is the caller's.
+int ConnectUnix(const std::string &path);
 // The same over TCP, except that the connection may still be under way; that it failed is then told
 // as its end.
-netsnmp_transport *ConnectTcp(const std::string &ipv4_address, uint16_t port);
+int ConnectTcp(const std::string &ipv4_address, uint16_t port);
 // A connected UDP socket, so that a port nobody listens on is told at once.
-netsnmp_transport *ConnectUdp(const std::string &ipv4_address, uint16_t port);
+int ConnectUdp(const std::string &ipv4_address, uint16_t port);
+
+// A transport over a connected socket, which it takes over whatever happens; for -1, and without
+// memory, null with errno. It belongs to the caller until a session takes it.
+netsnmp_transport *StreamTransport(int fd);
+netsnmp_transport *DatagramTransport(int fd);
 
 // What could not be sent yet waits here; Flush() when the socket is writable. Only for transports
 // of this file.

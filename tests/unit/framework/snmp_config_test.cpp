@@ -15,7 +15,7 @@ TEST(SnmpConfig, PathsOfUnixTargets) {
 }
 
 TEST(SnmpConfig, AddressesOfTcpTargets) {
-  std::optional<AgentxSession::TcpAddress> address = TcpAddressOf("tcp:127.0.0.1:705");
+  std::optional<MasterAddress::Tcp> address = TcpAddressOf("tcp:127.0.0.1:705");
   ASSERT_TRUE(address);
   EXPECT_EQ(address->ipv4, "127.0.0.1");
   EXPECT_EQ(address->port, 705);

@@ -1,0 +1,785 @@
+#include "framework/snmp/snmp_relay.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+#include "framework/process/log.h"
+#include "framework/process/printable.h"
+#include "framework/snmp/snmp_process.h"
+#include "framework/snmp/snmp_requests.h"
+#include "framework/snmp/socket_transport.h"
+#include "platform/framework.h"
+
+namespace vex {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr milliseconds kSlice{50};  // of a wait that the agent's end cuts short
+// An agent that was told to end has a second in all.
+constexpr milliseconds kLastNotifications{300};
+constexpr milliseconds kLastAnswers{450};  // with the process's goodbye
+static_assert(kLastNotifications + kProcessGoodbye <= kLastAnswers);
+// A process that says nothing is asked whether it lives, and has as long to answer.
+constexpr seconds kSilence{10};
+// The process is told of so much that waits for it in the ring, where nobody asks for it.
+constexpr size_t kMuchUnread = size_t{256} << 10;
+// At one go, while the agent thread may wait to publish.
+constexpr int kImagesAtOnce = 64;
+// As the process itself keeps to.
+constexpr size_t kMostSets = 64;
+constexpr size_t kMostParts = 16;
+constexpr size_t kLongestMessage = 1024;
+constexpr double kMessagesAtOnce = 200;
+constexpr double kMessagesPerSecond = 10;
+
+std::string HowItEnded(int status) {
+  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                             : "status " + std::to_string(WEXITSTATUS(status));
+}
+
+bool AnyNews(const SetPort::CheckResult &was, const SetPort::CheckResult &is) {
+  return was.state != is.state;
+}
+
+}  // namespace
+
+Clock::time_point SnmpRelay::Restarts::Ended(Clock::time_point now) {
+  const auto more = static_cast<int>((now - counted_) / kOneMoreAfter);
+  if (more > 0) {
+    left_ = std::min(kAtOnce, left_ + more);
+    counted_ = now;
+  }
+  last_ = now;
+  if (left_ > 0) {
+    left_--;
+    return now;
+  }
+  often_ = true;
+  return now + kRare;
+}
+
+bool SnmpRelay::Restarts::Stays(Clock::time_point now) {
+  if (!often_ || now - last_ < 6 * kOneMoreAfter) {
+    return false;
+  }
+  often_ = false;
+  return true;
+}
+
+SnmpRelay::~SnmpRelay() {
+  stopping_ = true;
+  Gone(nullptr);
+}
+
+// ---- The start
+
+SnmpRelay::Begun SnmpRelay::Begin(const std::string &application, const SnmpUser &user,
+                                  Clock::time_point until, SnmpSettings *settings,
+                                  std::string *why) {
+  if (!starter_.Start(application, Side().stand_behind, user)) {
+    *why = strerror(errno);
+    return Begun::kUnable;
+  }
+  std::string_view bytes;
+  for (;;) {
+    pollfd entry = {starter_.Channel()->Fd(), POLLIN, 0};
+    const int ready = poll(&entry, 1, static_cast<int>(kSlice.count()));
+    const FrameSocket::Got got =
+        ready > 0 ? starter_.Channel()->Receive(&bytes, nullptr) : FrameSocket::Got::kNone;
+    if (got == FrameSocket::Got::kEnd) {
+      *why = "its starter has ended";
+      return Begun::kUnable;
+    }
+    if (got == FrameSocket::Got::kFrame) {
+      break;
+    }
+    if (agent_ending() != 0) {
+      return Begun::kEnding;
+    }
+    if (Clock::now() >= until) {
+      *why = "reading its configuration takes more than a minute";
+      return Begun::kEnding;
+    }
+  }
+  FrameReader frame(bytes);
+  const auto type = frame.Take<FrameType>();
+  if (type == FrameType::kMisconfigured) {
+    *why = frame.TakeText();
+    return Begun::kMisconfigured;
+  }
+  Configured configured;
+  if (type == FrameType::kUnable) {
+    *why = frame.TakeText();
+    *why = *why + ": " + strerror(frame.Take<int32_t>());
+    return Begun::kUnable;
+  }
+  if (type != FrameType::kConfigured || !vex::Take(&frame, &configured)) {
+    *why = "its starter makes no sense";
+    return Begun::kUnable;
+  }
+  if (!configured.master.Plain()) {
+    *why = "the address of the master agent is to be looked up: " + configured.master.target;
+    return Begun::kUnable;
+  }
+  *settings = std::move(configured.settings);
+  finder_.emplace(std::move(configured.master));
+  return First(until, why).value_or(Begun::kEnding);
+}
+
+// The first process: nothing when the agent is to end meanwhile.
+std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::string *why) {
+  if (!Spawn()) {
+    *why = strerror(errno);
+    return Begun::kUnable;
+  }
+  while (!ready_) {
+    if (agent_ending() != 0 || Clock::now() >= until) {
+      return std::nullopt;
+    }
+    pollfd entries[] = {{starter_.Channel()->Fd(), POLLIN, 0}, {child_.Fd(), POLLIN, 0}};
+    if (poll(entries, 2, static_cast<int>(kSlice.count())) <= 0) {
+      continue;
+    }
+    if (entries[1].revents != 0) {
+      ChildReady();
+    }
+    if (entries[0].revents != 0) {
+      StarterReady();
+    }
+    if (!has_child_) {
+      *why = unable_.empty() ? "it ends at once" : unable_;
+      return Begun::kUnable;
+    }
+  }
+  return Begun::kRuns;
+}
+
+// Asks the starter for a process. False with errno.
+bool SnmpRelay::Spawn() {
+  auto ring = std::make_unique<ImageRingWriter>();
+  Descriptor ours;
+  Descriptor its;
+  if (!ring->Open() || !FrameSocket::Pair(&ours, &its)) {
+    return false;
+  }
+  const int descriptors[] = {its.get(), ring->ImagesFd(), ring->ControlFd()};
+  if (!starter_.Channel()->Send(FrameWriter(FrameType::kSpawn), descriptors)) {
+    return false;
+  }
+  ring->CloseDescriptors();
+  child_ = FrameSocket(std::move(ours));
+  has_child_ = true;
+  ready_ = false;
+  connected_ = false;
+  open_ = false;
+  heard_ = Clock::now();
+  pinged_ = false;
+  why_gone_ = nullptr;
+
+  // It has nothing yet: everything is put into the ring, before the first request as a rule.
+  SnmpShared &side = Side();
+  std::lock_guard lock(side.images_mutex);
+  side.first_waiting = nullptr;
+  for (auto place = side.images.begin(); place != side.images.end();) {
+    SnmpShared::Published &entry = place->second;
+    entry.waiting = false;
+    entry.sent = nullptr;
+    if (entry.image == nullptr) {
+      place = side.images.erase(place);
+      continue;
+    }
+    Enqueue(&entry);
+    ++place;
+  }
+  ring->SetBacklog(side.first_waiting != nullptr);
+  ring->RefuseSets(!side.sets_enabled);
+  side.ring = std::move(ring);
+  return true;
+}
+
+// The process has ended, or is of no use any more: what it had and has not finished is the next
+// one's, but for sets and queries.
+void SnmpRelay::Gone(const char *why) {
+  SnmpShared &side = Side();
+  if (!has_child_) {
+    return;
+  }
+  has_child_ = false;
+  ready_ = false;
+  why_gone_ = why;
+  child_.Close();
+  side.up = false;
+  {
+    std::lock_guard lock(side.images_mutex);
+    side.ring.reset();
+  }
+  connected_ = false;
+  open_ = false;
+  side.notifications.PutBack(std::exchange(unanswered_, {}));
+  side.notifications.SetUp(false);
+  for (auto &[number, set] : sets_) {
+    vex::Sets().Release(*set.transaction);
+  }
+  sets_.clear();
+  for (auto &[number, query] : queries_) {
+    query->Done();
+  }
+  queries_.clear();
+  if (why != nullptr) {
+    starter_.Channel()->Send(FrameWriter(FrameType::kKill));
+  }
+  const Clock::time_point now = Clock::now();
+  spawn_at_ = restarts_.Ended(now);
+  if (finder_) {
+    finder_->Welcome();
+    finder_->Lost(false);
+  }
+}
+
+// ---- What comes in
+
+void SnmpRelay::StarterReady() {
+  std::string_view bytes;
+  FrameSocket::Got got;
+  while ((got = starter_.Channel()->Receive(&bytes, nullptr)) == FrameSocket::Got::kFrame) {
+    FrameReader frame(bytes);
+    const auto type = frame.Take<FrameType>();
+    const auto number = frame.Take<int32_t>();
+    if (type == FrameType::kSpawned && number != 0) {
+      unable_ = strerror(number);
+      Gone(nullptr);
+    } else if (type == FrameType::kEnded && !stopping_ && !restarts_.Often() && finder_) {
+      const std::string how = why_gone_ != nullptr ? why_gone_ : HowItEnded(number);
+      agentlog_fprintf(stderr, "%s: The SNMP process has ended (%s); starting another\n",
+                       AgentName(), how.c_str());
+    }
+  }
+  if (got == FrameSocket::Got::kEnd) {
+    throw std::runtime_error("its starter has ended");
+  }
+}
+
+void SnmpRelay::ChildReady() {
+  if (!child_.Flush()) {
+    Gone(nullptr);
+    return;
+  }
+  std::string_view bytes;
+  // Bounded: it may write as fast as we read.
+  for (int i = 0; i < 256 && has_child_; i++) {
+    const FrameSocket::Got got = child_.Receive(&bytes, nullptr);
+    if (got == FrameSocket::Got::kNone) {
+      return;
+    }
+    if (got == FrameSocket::Got::kEnd) {
+      Gone(nullptr);
+      return;
+    }
+    heard_ = Clock::now();
+    pinged_ = false;
+    FrameReader frame(bytes);
+    Take(&frame);
+  }
+}
+
+void SnmpRelay::Hostile() {
+  Gone("it says what makes no sense");
+}
+
+void SnmpRelay::Take(FrameReader *frame) {
+  const auto type = frame->Take<FrameType>();
+  if (type == FrameType::kUnable && !ready_) {
+    unable_ = PrintableLine(frame->TakeText());
+    unable_ = unable_ + ": " + strerror(frame->Take<int32_t>());
+    Gone(nullptr);
+    return;
+  }
+  if (type == FrameType::kReady && !ready_) {
+    ready_ = frame->Whole();
+    return;
+  }
+  if (type == FrameType::kLog) {
+    TakeLog(frame->TakeText());
+    return;
+  }
+  if (!ready_) {
+    Hostile();
+    return;
+  }
+  switch (type) {
+    case FrameType::kSession:
+      TakeSession(frame);
+      break;
+    case FrameType::kNotified:
+      TakeNotified(frame->Take<uint64_t>());
+      break;
+    case FrameType::kSetPart:
+      TakeSetPart(frame);
+      break;
+    case FrameType::kSetApply:
+    case FrameType::kSetRelease: {
+      const auto place = sets_.find(frame->Take<uint64_t>());
+      if (place != sets_.end() && type == FrameType::kSetApply) {
+        place->second.applying = true;
+        vex::Sets().RequestApply(*place->second.transaction);
+      } else if (place != sets_.end()) {
+        vex::Sets().Release(*place->second.transaction);
+        sets_.erase(place);
+      }
+      break;
+    }
+    case FrameType::kAnswer:
+      TakeAnswer(frame);
+      break;
+    case FrameType::kRoom:
+      PumpImages();
+      Send(FrameWriter(FrameType::kImages));
+      break;
+    case FrameType::kPong:
+      break;
+    default:
+      Hostile();
+  }
+}
+
+void SnmpRelay::TakeSession(FrameReader *frame) {
+  const auto event = frame->Take<SessionEvent>();
+  const auto session = frame->Take<uint64_t>();
+  SnmpShared &side = Side();
+  switch (event) {
+    case SessionEvent::kOpen:
+      open_ = true;
+      session_ = session;
+      side.notifications.SetUp(true);
+      break;
+    case SessionEvent::kWelcome:
+      finder_->Welcome();
+      break;
+    case SessionEvent::kUp:
+      side.up = open_;
+      finder_->Found();
+      break;
+    case SessionEvent::kRefused:
+      finder_->Refused();
+      break;
+    case SessionEvent::kEnded:
+    case SessionEvent::kEndedRefused:
+      side.up = false;
+      open_ = false;
+      if (connected_) {
+        connected_ = false;
+        finder_->Lost(event == SessionEvent::kEndedRefused);
+      }
+      side.notifications.PutBack(std::exchange(unanswered_, {}));
+      side.notifications.SetUp(false);
+      break;
+    default:
+      Hostile();
+  }
+}
+
+void SnmpRelay::TakeNotified(uint64_t number) {
+  const auto place =
+      std::find_if(unanswered_.begin(), unanswered_.end(),
+                   [number](const WaitingNotification &one) { return one.number == number; });
+  if (place != unanswered_.end()) {
+    Notifications answered;
+    answered.splice(answered.end(), unanswered_, place);
+    Side().notifications.Finished(std::move(answered));
+  }
+}
+
+// The deadline is the process's, where it is not later than the agent itself would have it. What it
+// asks for is checked against what the agent has published; a set that is none is refused for good.
+void SnmpRelay::TakeSetPart(FrameReader *frame) {
+  const auto id = frame->Take<uint64_t>();
+  const auto part = frame->Take<uint32_t>();
+  const Clock::time_point asked{Clock::duration(frame->Take<int64_t>())};
+  std::vector<SetItem> items;
+  if (!vex::Take(frame, &items)) {
+    Hostile();
+    return;
+  }
+  SnmpShared &side = Side();
+  bool may = side.sets_enabled;
+  for (const SetItem &item : items) {
+    std::shared_ptr<const Image> image;
+    {
+      std::lock_guard lock(side.images_mutex);
+      const auto place = side.images.find(item.object_id);
+      image = place != side.images.end() ? place->second.image : nullptr;
+    }
+    // An object may have gone, or changed, since the process has looked.
+    may = may && image != nullptr && MaySet(*image, item);
+  }
+  auto place = sets_.find(id);
+  const size_t parts = place != sets_.end() ? place->second.parts.size() : 0;
+  if (part != parts || parts >= kMostParts || sets_.size() >= kMostSets) {
+    Hostile();
+    return;
+  }
+  if (place == sets_.end()) {
+    Set set;
+    set.deadline = std::min(asked, Clock::now() + SnmpRequests::kSetPatience);
+    set.transaction = vex::Sets().Begin(set.deadline);
+    place = sets_.emplace(id, std::move(set)).first;
+  }
+  place->second.parts.reserve(parts + 1);
+  if (!may) {
+    vex::Sets().Release(*place->second.transaction);
+  }
+  vex::Sets().AddPart(*place->second.transaction, std::move(items));
+  place->second.parts.emplace_back();
+}
+
+void SnmpRelay::TakeAnswer(FrameReader *frame) {
+  const auto number = frame->Take<uint64_t>();
+  const bool sent = frame->Take<uint8_t>() != 0;
+  const bool refused = frame->Take<uint8_t>() != 0;
+  const bool has_status = frame->Take<uint8_t>() != 0;
+  const auto status = frame->Take<int32_t>();
+  const bool has_value = frame->Take<uint8_t>() != 0;
+  const auto value = frame->Take<int32_t>();
+  if (!frame->Whole()) {
+    Hostile();
+    return;
+  }
+  const auto place = queries_.find(number);
+  if (place == queries_.end()) {
+    return;
+  }
+  SnmpQuery &query = *place->second;
+  query.sent = sent;
+  query.refused = refused;
+  query.has_status = has_status;
+  query.status = status;
+  query.has_value = has_status && status == 0 && has_value;
+  query.value = value;
+  query.Done();
+  queries_.erase(place);
+}
+
+// What it logs is a line of the agent's log: cut, made printable, and not without end.
+void SnmpRelay::TakeLog(std::string_view text) {
+  const Clock::time_point now = Clock::now();
+  messages_left_ = std::min(
+      kMessagesAtOnce, messages_left_ + kMessagesPerSecond *
+                                            std::chrono::duration<double>(now - messages_counted_)
+                                                .count());
+  messages_counted_ = now;
+  if (messages_left_ < 1) {
+    messages_lost_++;
+    return;
+  }
+  messages_left_--;
+  if (messages_lost_ != 0) {
+    agentlog_fprintf(stderr, "%s: %u messages of the SNMP process are left out\n", AgentName(),
+                     messages_lost_);
+    messages_lost_ = 0;
+  }
+  agentlog_fprintf(stderr, "%s\n", Printable(JoinLines(text.substr(0, kLongestMessage))).c_str());
+}
+
+// ---- What goes out
+
+void SnmpRelay::Send(const FrameWriter &frame, std::span<const int> descriptors) {
+  if (has_child_ && !child_.Send(frame, descriptors)) {
+    Gone("it takes no messages");
+  }
+}
+
+void SnmpRelay::Connect() {
+  const Clock::time_point now = Clock::now();
+  if (!ready_ || connected_ || now < finder_->NextAttempt()) {
+    return;
+  }
+  finder_->Watch();
+  const Descriptor socket(finder_->Connect());
+  if (!socket) {
+    finder_->Failed(errno);
+    return;
+  }
+  connected_ = true;
+  const int descriptors[] = {socket.get()};
+  Send(FrameWriter(FrameType::kConnected), descriptors);
+}
+
+// Puts what waits into the ring, as far as there is room.
+void SnmpRelay::PumpImages() {
+  SnmpShared &side = Side();
+  if (!side.images_waiting.load(std::memory_order_acquire)) {
+    return;
+  }
+  for (bool more = true; more;) {
+    std::lock_guard lock(side.images_mutex);
+    if (side.ring == nullptr) {
+      return;
+    }
+    for (int i = 0; i < kImagesAtOnce && more; i++) {
+      SnmpShared::Published *entry = side.first_waiting;
+      if (entry == nullptr) {
+        side.images_waiting.store(false, std::memory_order_relaxed);
+        side.ring->SetBacklog(false);
+        return;
+      }
+      ImageRingWriter::Put put;
+      if (entry->image != nullptr) {
+        put = side.ring->PutImage(*entry->image, entry->sent != entry->image->layout);
+      } else {
+        put = side.ring->PutWithdrawal(entry->object_id);
+      }
+      more = put == ImageRingWriter::Put::kDone || put == ImageRingWriter::Put::kNever;
+      if (more) {
+        side.first_waiting = entry->next;
+        entry->waiting = false;
+        if (entry->image == nullptr) {
+          side.images.erase(entry->object_id);
+        } else if (put == ImageRingWriter::Put::kDone) {
+          entry->sent = entry->image->layout;
+        }
+      }
+    }
+  }
+}
+
+// As many at a time as may be with the master without an answer.
+void SnmpRelay::Notify() {
+  NotificationQueue &queue = Side().notifications;
+  while (has_child_ && open_ && unanswered_.size() < NotificationSender::kMostUnanswered) {
+    Notifications taken = queue.Pop();
+    if (taken.empty()) {
+      return;
+    }
+    WaitingNotification &one = taken.front();
+    one.number = next_notification_++;
+    unanswered_.splice(unanswered_.end(), taken);
+    FrameWriter frame(FrameType::kNotify);
+    frame.Put(session_).Put(one.number);
+    Put(&frame, one.notification);
+    if (frame.Bytes().size() > FrameSocket::kLongest) {
+      TakeNotified(one.number);  // nor would it fit into a packet
+      continue;
+    }
+    Send(frame);
+  }
+}
+
+void SnmpRelay::AskQueries() {
+  SnmpShared &side = Side();
+  std::list<std::shared_ptr<SnmpQuery>> fresh;
+  {
+    std::lock_guard lock(side.queries_mutex);
+    fresh.swap(side.queries);
+  }
+  for (const std::shared_ptr<SnmpQuery> &query : fresh) {
+    const Descriptor socket(ready_ ? ConnectUdp(query->address, kSnmpPort) : -1);
+    if (!socket) {
+      query->Done();  // not asked
+      continue;
+    }
+    FrameWriter frame(FrameType::kQuery);
+    const uint64_t number = next_query_++;
+    frame.Put(number).PutText(query->community).Put(static_cast<uint32_t>(query->oid.size()));
+    for (const uint32_t part : query->oid) {
+      frame.Put(part);
+    }
+    queries_[number] = query;
+    const int descriptors[] = {socket.get()};
+    Send(frame, descriptors);
+  }
+}
+
+// What has been decided of sets, or is so by the time.
+void SnmpRelay::TellSets() {
+  for (auto place = sets_.begin(); place != sets_.end();) {
+    Set &set = place->second;
+    for (size_t i = 0; i < set.parts.size(); i++) {
+      Set::Part &part = set.parts[i];
+      const auto number = static_cast<int>(i);
+      const SetPort::CheckResult check = vex::Sets().CheckOf(*set.transaction, number);
+      SetPort::ApplyResult apply = part.apply;
+      if (set.applying && apply.state == SetPort::Apply::kPending) {
+        apply = vex::Sets().ApplyOf(*set.transaction, number);
+      }
+      if (AnyNews(part.check, check) || apply.state != part.apply.state) {
+        part = {check, apply};
+        Send(FrameWriter(FrameType::kSetResult)
+                 .Put(place->first)
+                 .Put(static_cast<uint32_t>(i))
+                 .Put(check.state)
+                 .Put(int32_t{check.failed_item})
+                 .Put(apply.state)
+                 .Put(int32_t{apply.failed_item}));
+        if (!has_child_) {
+          return;  // and with it all sets
+        }
+      }
+    }
+    // The process releases it; where it does not, nothing of it can happen any more.
+    if (Clock::now() >= set.deadline + kSilence) {
+      vex::Sets().Release(*set.transaction);
+      place = sets_.erase(place);
+    } else {
+      ++place;
+    }
+  }
+}
+
+void SnmpRelay::Ping() {
+  const Clock::time_point now = Clock::now();
+  if (!has_child_ || now < heard_ + kSilence) {
+    return;
+  }
+  if (pinged_) {
+    Gone("it does not answer");
+    return;
+  }
+  Send(FrameWriter(FrameType::kPing));
+  heard_ = now;
+  pinged_ = true;
+}
+
+// ---- The thread
+
+// What fails for want of memory leaves a state that is not known: the next process begins anew.
+template <typename Function>
+void SnmpRelay::Try(Function function) {
+  try {
+    function();
+  } catch (const std::bad_alloc &) {
+    Gone("the agent is short of memory");
+    spawn_at_ = std::max(spawn_at_, Clock::now() + milliseconds(100));
+  }
+}
+
+Clock::time_point SnmpRelay::NextDue() const {
+  Clock::time_point due = std::min(ticker_.NextDue(), Clock::now() + kSilence);
+  if (!has_child_) {
+    return std::min(due, spawn_at_);
+  }
+  due = std::min(due, heard_ + kSilence);
+  if (ready_ && !connected_) {
+    due = std::min(due, finder_->NextAttempt());
+  }
+  for (const auto &[id, set] : sets_) {
+    const Clock::time_point now = Clock::now();
+    due = std::min(due, now < set.deadline ? set.deadline : set.deadline + kSilence);
+  }
+  return due;
+}
+
+void SnmpRelay::Wait(Clock::time_point until) {
+  const auto wanted = [](const FrameSocket &socket) -> short {
+    return socket.HasUnsent() ? POLLIN | POLLOUT : POLLIN;
+  };
+  pollfd entries[] = {{Side().wake_fd, POLLIN, 0},
+                      {starter_.Channel()->Fd(), wanted(*starter_.Channel()), 0},
+                      {has_child_ ? child_.Fd() : -1, wanted(child_), 0},
+                      {finder_->WatchFd(), POLLIN, 0}};
+  const Clock::duration left = std::max(until - Clock::now(), Clock::duration::zero());
+  const auto whole = std::chrono::duration_cast<seconds>(left);
+  const timespec timeout = {whole.count(), std::chrono::nanoseconds(left - whole).count()};
+  if (ppoll(entries, std::size(entries), &timeout, nullptr) <= 0) {
+    return;
+  }
+  if (entries[0].revents != 0) {
+    Woken();
+  }
+  if (entries[2].revents != 0) {
+    Try([this] { ChildReady(); });
+  }
+  if (entries[1].revents != 0) {
+    Try([this] {
+      starter_.Channel()->Flush();
+      StarterReady();
+    });
+  }
+  if (entries[3].revents != 0 && finder_->WatchFd() >= 0) {
+    finder_->WatchReady();
+  }
+}
+
+void SnmpRelay::Work() {
+  SnmpShared &side = Side();
+  if (!has_child_ && !stopping_ && Clock::now() >= spawn_at_) {
+    Try([this] {
+      if (!Spawn()) {
+        spawn_at_ = Clock::now() + milliseconds(200);
+      }
+    });
+    if (restarts_.Often() && !said_often_) {
+      said_often_ = true;
+      agentlog_fprintf(stderr,
+                       "%s: The SNMP process ends again and again; starting it every 5 seconds\n",
+                       AgentName());
+    }
+  }
+  if (has_child_ && restarts_.Stays(Clock::now())) {
+    said_often_ = false;
+    agentlog_fprintf(stderr, "%s: The SNMP process stays\n", AgentName());
+  }
+  Try([this] { Connect(); });
+  if (side.images_waiting.load(std::memory_order_acquire)) {
+    PumpImages();
+    images_told_ = false;
+  }
+  bool much = false;
+  bool broken = false;
+  {
+    std::lock_guard lock(side.images_mutex);
+    const size_t unread = side.ring != nullptr ? side.ring->Unread() : 0;
+    broken = unread > kRingSize;
+    much = unread > kMuchUnread;
+  }
+  if (broken) {
+    Hostile();
+  } else if (much && !images_told_) {
+    images_told_ = true;
+    Try([this] { Send(FrameWriter(FrameType::kImages)); });
+  } else if (!much) {
+    images_told_ = false;
+  }
+  Try([this] { Notify(); });
+  Try([this] { AskQueries(); });
+  Try([this] { TellSets(); });
+  Try([this] { Ping(); });
+  ticker_.Work();
+}
+
+void SnmpRelay::Run() {
+  SnmpShared &side = Side();
+  while (!side.stop.load()) {
+    Wait(NextDue());
+    Work();
+  }
+  stopping_ = true;
+  Ending();
+  Gone(nullptr);
+  starter_.End();
+}
+
+void SnmpRelay::Ending() {
+  const Clock::time_point begin = Clock::now();
+  const NotificationQueue &queue = Side().notifications;
+  while (open_ && !queue.AllDone() && Clock::now() < begin + kLastNotifications) {
+    Wait(std::min(Clock::now() + milliseconds(20), begin + kLastNotifications));
+    Try([this] { Notify(); });
+  }
+  Try([this] { Send(FrameWriter(FrameType::kStop)); });
+  while (has_child_ && Clock::now() < begin + kLastAnswers) {
+    Wait(begin + kLastAnswers);
+  }
+}
+
+}  // namespace vex

@@ -1,0 +1,141 @@
+// The agent's side of the SNMP process: starts it, again when it has ended, and hands over what the
+// agent thread has for it and it for the agent thread. Nothing here reads what came from the master
+// or the network; what the process says is checked.
+#ifndef VEX_FRAMEWORK_SNMP_SNMP_RELAY_H
+#define VEX_FRAMEWORK_SNMP_SNMP_RELAY_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "framework/process/clock.h"
+#include "framework/snmp/frames.h"
+#include "framework/snmp/master_finder.h"
+#include "framework/snmp/notifications.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_shared.h"
+#include "framework/snmp/snmp_starter.h"
+#include "framework/snmp/snmp_wire.h"
+
+namespace vex {
+
+class SnmpRelay {
+ public:
+  SnmpRelay() = default;
+  // Ends the process; what it has not finished is the queues' again.
+  ~SnmpRelay();
+  SnmpRelay(const SnmpRelay &) = delete;
+  SnmpRelay &operator=(const SnmpRelay &) = delete;
+
+  // What became of the start.
+  enum class Begun {
+    kRuns,
+    kUnable,  // *why; nothing of it is left
+    kMisconfigured,  // *why
+    kEnding  // the agent is to end, or *why when its configuration takes for ever
+  };
+  // Agent thread, before there is another one: starts the process, and waits until it has no rights,
+  // until then at the latest. Throws std::bad_alloc.
+  Begun Begin(const std::string &application, const SnmpUser &user, Clock::time_point until,
+              SnmpSettings *settings, std::string *why);
+  // The rest is for one thread: returns when Side().stop is set. Throws std::runtime_error when
+  // there can be no process any more.
+  void Run();
+
+ private:
+  struct Set {
+    std::shared_ptr<SetTransaction> transaction;
+    Clock::time_point deadline;
+    struct Part {
+      SetPort::CheckResult check;
+      SetPort::ApplyResult apply;
+    };
+    std::vector<Part> parts;
+    bool applying = false;
+  };
+  // Ends of the process that may follow one another closely.
+  class Restarts {
+   public:
+    // The process has ended: when the next one may begin.
+    Clock::time_point Ended(Clock::time_point now);
+    bool Often() const {
+      return often_;
+    }
+    // True once, when it has stayed after having ended too often.
+    bool Stays(Clock::time_point now);
+
+   private:
+    static constexpr int kAtOnce = 50;
+    static constexpr std::chrono::seconds kOneMoreAfter{10};
+    static constexpr std::chrono::seconds kRare{5};
+    int left_ = kAtOnce;
+    Clock::time_point counted_ = Clock::now();
+    Clock::time_point last_{};
+    bool often_ = false;
+  };
+
+  template <typename Function>
+  void Try(Function function);
+  std::optional<Begun> First(Clock::time_point until, std::string *why);
+  bool Spawn();
+  void Gone(const char *why);
+  void Wait(Clock::time_point until);
+  void StarterReady();
+  void ChildReady();
+  void Take(FrameReader *frame);
+  void TakeSession(FrameReader *frame);
+  void TakeNotified(uint64_t number);
+  void TakeSetPart(FrameReader *frame);
+  void TakeAnswer(FrameReader *frame);
+  void TakeLog(std::string_view text);
+  void Hostile();
+  void Send(const FrameWriter &frame, std::span<const int> descriptors = {});
+
+  void Work();
+  void Connect();
+  void PumpImages();
+  void Notify();
+  void AskQueries();
+  void TellSets();
+  void Ping();
+  Clock::time_point NextDue() const;
+  void Ending();
+
+  SnmpStarter starter_;
+  std::optional<MasterFinder> finder_;
+  SnmpTicker ticker_;
+  FrameSocket child_;
+  bool has_child_ = false;
+  bool ready_ = false;  // it has no rights and serves
+  std::string unable_;
+  const char *why_gone_ = nullptr;  // where we ended it
+  Clock::time_point spawn_at_;
+  Restarts restarts_;
+  bool said_often_ = false;
+  bool stopping_ = false;
+  bool images_told_ = false;  // the process knows that there is much in the ring
+
+  bool connected_ = false;  // it has a connection to the master
+  bool open_ = false;       // and a session
+  uint64_t session_ = 0;
+  Notifications unanswered_;
+  uint64_t next_notification_ = 1;
+  std::map<uint64_t, Set> sets_;
+  std::map<uint64_t, std::shared_ptr<SnmpQuery>> queries_;
+  uint64_t next_query_ = 1;
+  Clock::time_point heard_;
+  bool pinged_ = false;
+
+  // Messages of the process: so many at once, and so many a second.
+  double messages_left_ = 200;
+  Clock::time_point messages_counted_ = Clock::now();
+  unsigned messages_lost_ = 0;
+};
+
+}  // namespace vex
+
+#endif

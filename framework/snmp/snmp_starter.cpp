@@ -1,0 +1,260 @@
+#include "framework/snmp/snmp_starter.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <exception>
+
+#include "framework/process/log.h"
+#include "framework/process/sanitized.h"
+#include "framework/snmp/snmp_config.h"
+#include "framework/snmp/snmp_process.h"
+
+namespace vex {
+namespace {
+
+constexpr uint8_t kPriorityBehind = 200;  // of registrations; usual are 127
+constexpr std::chrono::milliseconds kEndPatience{100};
+
+// Closes all but the standard descriptors and two more.
+void CloseOthers(int one, int other) {
+  int from = STDERR_FILENO + 1;
+  for (const int kept : {std::min(one, other), std::max(one, other)}) {
+    if (kept >= from) {
+      if (kept > from) {
+        syscall(SYS_close_range, from, kept - 1, 0);
+      }
+      from = kept + 1;
+    }
+  }
+  if (syscall(SYS_close_range, from, ~0U, 0) == 0) {
+    return;
+  }
+  // A kernel before 5.9.
+  const auto most = static_cast<int>(sysconf(_SC_OPEN_MAX));
+  for (int fd = STDERR_FILENO + 1; fd < most; fd++) {
+    if (fd != one && fd != other) {
+      close(fd);
+    }
+  }
+}
+
+// Whatever writes there finds a file that is none of the agent's. What a sanitizer has to say is for
+// the test that reads it.
+void LeaveStandardDescriptors() {
+  const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
+  dup2(null.get(), STDIN_FILENO);
+  if (!kSanitized) {
+    dup2(null.get(), STDOUT_FILENO);
+    dup2(null.get(), STDERR_FILENO);
+  }
+}
+
+int DropMessage(const char *, size_t length) {
+  return static_cast<int>(length);
+}
+
+void Wake(int) {}
+
+class Starter {
+ public:
+  Starter(Descriptor channel, const SnmpUser &user) : channel_(std::move(channel)), user_(user) {}
+
+  void Run(const std::string &application, bool behind) {
+    Configured configured;
+    try {
+      LoadSnmpConfiguration(application, &configured.settings, &session_);
+    } catch (const std::exception &e) {
+      channel_.Send(FrameWriter(FrameType::kMisconfigured).PutText(e.what()));
+      return;
+    }
+    if (behind) {
+      session_.priority = kPriorityBehind;
+    }
+    SetLogSink(DropMessage);
+    LeaveStandardDescriptors();
+    CloseOthers(channel_.Fd(), -1);
+    if (const Failure failure = ConfineStarter()) {
+      const int error = errno;
+      channel_.Send(FrameWriter(FrameType::kUnable).PutText(failure).Put(int32_t{error}));
+      return;
+    }
+    configured.master = session_.master;
+    FrameWriter frame(FrameType::kConfigured);
+    Put(&frame, configured);
+    channel_.Send(frame);
+    Serve();
+  }
+
+ private:
+  void Serve() {
+    struct sigaction action = {};
+    action.sa_handler = Wake;
+    sigaction(SIGCHLD, &action, nullptr);
+    sigset_t waiting;
+    sigfillset(&waiting);
+    sigdelset(&waiting, SIGCHLD);
+    for (;;) {
+      Reap(WNOHANG);
+      pollfd entry = {channel_.Fd(), POLLIN, 0};
+      if (ppoll(&entry, 1, nullptr, &waiting) <= 0) {
+        continue;
+      }
+      std::string_view bytes;
+      FrameSocket::Descriptors descriptors;
+      const FrameSocket::Got got = channel_.Receive(&bytes, &descriptors);
+      if (got == FrameSocket::Got::kEnd) {
+        return;
+      }
+      if (got == FrameSocket::Got::kNone) {
+        continue;
+      }
+      switch (FrameReader(bytes).Take<FrameType>()) {
+        case FrameType::kKill:
+          End();
+          break;
+        case FrameType::kSpawn:
+          End();
+          Spawn(&descriptors);
+          break;
+        default:
+          return;
+      }
+    }
+  }
+
+  void Spawn(FrameSocket::Descriptors *descriptors) {
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+      channel_.Close();
+      if (EndWithParent(parent)) {
+        RunSnmpProcess(session_, std::move((*descriptors)[0]), std::move((*descriptors)[1]),
+                       std::move((*descriptors)[2]), user_);
+      }
+      _exit(0);
+    }
+    const int error = pid < 0 ? errno : 0;
+    child_ = pid;
+    channel_.Send(FrameWriter(FrameType::kSpawned).Put(int32_t{error}));
+  }
+
+  // Kills the process by being its user for a moment: root without that capability may not.
+  void End() {
+    if (child_ < 0) {
+      return;
+    }
+    if (kill(child_, SIGKILL) != 0 && seteuid(user_.uid) == 0) {
+      kill(child_, SIGKILL);
+      if (seteuid(0) != 0) {
+        _exit(1);
+      }
+      // The change of the user has undone both.
+      prctl(PR_SET_DUMPABLE, 0);
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+    }
+    Reap(0);
+  }
+
+  void Reap(int flags) {
+    int status = 0;
+    pid_t gone = 0;
+    while (child_ > 0 && (gone = waitpid(child_, &status, flags)) < 0 && errno == EINTR) {
+    }
+    if (child_ > 0 && gone == child_) {
+      child_ = -1;
+      channel_.Send(FrameWriter(FrameType::kEnded).Put(int32_t{status}));
+    }
+  }
+
+  FrameSocket channel_;
+  const SnmpUser user_;
+  AgentxSession::Settings session_;
+  pid_t child_ = -1;
+};
+
+[[noreturn]] void RunStarter(Descriptor channel, pid_t agent, const std::string &application,
+                             bool behind, const SnmpUser &user) {
+  prctl(PR_SET_NAME, "snmp-starter");
+  // Meant for the agent, which says by the channel what is to be done.
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, nullptr);
+  if (EndWithParent(agent)) {
+    CloseOthers(channel.get(), LogFd());
+    try {
+      Starter(std::move(channel), user).Run(application, behind);
+    } catch (const std::exception &) {
+      // Without memory: the agent sees the channel's end.
+    }
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+SnmpStarter::~SnmpStarter() {
+  End();
+}
+
+bool SnmpStarter::Possible() {
+  DIR *tasks = opendir("/proc/self/task");
+  if (tasks == nullptr) {
+    return false;
+  }
+  int threads = 0;
+  while (const dirent *entry = readdir(tasks)) {
+    threads += entry->d_name[0] != '.' ? 1 : 0;
+  }
+  closedir(tasks);
+  return threads == 1 + kSanitizersThreads;
+}
+
+bool SnmpStarter::Start(const std::string &application, bool behind, const SnmpUser &user) {
+  Descriptor ours;
+  Descriptor its;
+  if (!FrameSocket::Pair(&ours, &its)) {
+    return false;
+  }
+  const pid_t agent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    ours.Reset();
+    RunStarter(std::move(its), agent, application, behind, user);
+  }
+  if (pid < 0) {
+    return false;
+  }
+  pid_ = pid;
+  channel_ = FrameSocket(std::move(ours));
+  return true;
+}
+
+void SnmpStarter::End() {
+  channel_.Close();
+  if (pid_ < 0) {
+    return;
+  }
+  const Clock::time_point until = Clock::now() + kEndPatience;
+  pid_t gone;
+  while ((gone = waitpid(pid_, nullptr, WNOHANG)) == 0 && Clock::now() < until) {
+    poll(nullptr, 0, 1);
+  }
+  if (gone == 0) {
+    kill(pid_, SIGKILL);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+  pid_ = -1;
+}
+
+}  // namespace vex
