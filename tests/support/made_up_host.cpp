@@ -46,6 +46,7 @@ constexpr char kTrapdConf[] =
     "doNotLogTraps no\n"
     "outputOption n\n"
     "format2 TRAP\\t%v\\n\n";
+constexpr char kSnmpUser[] = "_vexhostd:x:990:990::/nonexistent:/usr/sbin/nologin\n";
 constexpr char kFewModules[] = "-Isnmp_mib,system_mib,vacm_vars,vacm_conf,usmUser,usmConf,agentx";
 
 constexpr char kStat[] =
@@ -487,6 +488,14 @@ MadeUpHost::MadeUpHost() {
       Remove(std::string(directory) + name);
     }
   }
+  // The user of the SNMP process, which the package makes; VEXHOSTD_ONE_PROCESS=1 is a machine
+  // without it.
+  std::string users;
+  for (const std::string &line : Lines(ReadFile("/etc/passwd"))) {
+    users += line.starts_with("_vexhostd:") ? "" : line + "\n";
+  }
+  const bool one_process = getenv("VEXHOSTD_ONE_PROCESS") != nullptr;
+  File("/etc/passwd", users + (one_process ? "" : kSnmpUser));
   File("/etc/os-release", kOsRelease);
   File("/etc/mtab", "/dev/sda1 / ext4 rw,relatime 0 0\n");
   Proc("stat", kStat);

@@ -298,7 +298,8 @@ std::vector<pid_t> Children(pid_t pid) {
       continue;
     }
     auto fields = StatFields(std::stoi(name));
-    if (fields.size() > 1 && fields[1] == std::to_string(pid) && fields[0] != "Z") {
+    if (fields.size() > 1 && fields[1] == std::to_string(pid) && fields[0] != "Z" &&
+        ReadFile("/proc/" + name + "/comm") != "snmp-starter\n") {
       children.push_back(std::stoi(name));
     }
   }

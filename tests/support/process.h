@@ -68,6 +68,7 @@ std::vector<std::string> OpenFiles(pid_t pid);  // "3 -> socket:[123]", by descr
 // The same, when nothing of it has changed for half a second: a file that is open for a moment
 // only, a sibling's object or a configuration file, is not among them.
 std::vector<std::string> SettledFiles(pid_t pid);
+// But for the starter of its SNMP process, which stays.
 std::vector<pid_t> Children(pid_t pid);
 bool ProcessExists(pid_t pid);  // and is no zombie
 // CPU time, user and system, in seconds.
