@@ -11,6 +11,9 @@ namespace vex {
 // Who the SNMP process is. The package makes the user.
 inline constexpr char kSnmpUser[] = "_vexhostd";
 
+// How the starter's process is named.
+inline constexpr char kSnmpStarter[] = "snmp-starter";
+
 struct SnmpUser {
   uid_t uid;
   gid_t gid;

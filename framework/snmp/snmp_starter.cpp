@@ -184,7 +184,7 @@ class Starter {
 
 [[noreturn]] void RunStarter(Descriptor channel, pid_t agent, const std::string &application,
                              bool behind, const SnmpUser &user) {
-  prctl(PR_SET_NAME, "snmp-starter");
+  prctl(PR_SET_NAME, kSnmpStarter);
   // Meant for the agent, which says by the channel what is to be done.
   sigset_t all;
   sigfillset(&all);

@@ -447,7 +447,12 @@ TEST_F(Doctor, AgentStoppedAnHourAgo) {
 TEST_F(Doctor, AgentThatHangs) {
   // Of another name, so that it cannot be seen to be stopped and its subtree is asked for.
   host_.StartTestAgent();
+  // What answers hangs, and who would end it for that, too.
+  const pid_t snmp = SnmpProcessOf(host_.daemon.pid());
   host_.daemon.Signal(SIGSTOP);
+  if (snmp > 0) {
+    kill(snmp, SIGSTOP);
+  }
   Examine();
   EXPECT_EQ(outcome_.status, 1);
   EXPECT_HAS(About("subtree "),

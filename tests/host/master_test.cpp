@@ -181,7 +181,8 @@ TEST(Master, IsLoggedWhenItChanges) {
   EXPECT_EQ(host.daemon.Count("master agent"), 1U) << host.daemon.Log();
   host.snmpd.Start();
   ASSERT_TRUE(host.daemon.WaitServed());
-  EXPECT_EQ(host.daemon.Count("master agent"), 2U) << host.daemon.Log();
+  EXPECT_TRUE(Eventually([&] { return host.daemon.Count("master agent") == 2; }))
+      << host.daemon.Log();
   host.snmpd.Kill();
   ASSERT_TRUE(Eventually([&] { return host.daemon.Count("master agent") == 3; }));
   Pause(2);

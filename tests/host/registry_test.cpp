@@ -124,6 +124,7 @@ TEST(Registry, AFullDisk) {
       RunCommand({"mount", "-t", "tmpfs", "-o", "size=64k", "small", "/var/spool/quorix"}).status,
       0);
   host.StartTestAgent();
+  ASSERT_TRUE(host.daemon.WaitLog("Info: connected to the master agent"));
   std::string before = host.daemon.Log();
   host.File("/var/spool/quorix/filler", std::string(4096, 'x'));
   int fd = open("/var/spool/quorix/filler", O_WRONLY | O_APPEND | O_CLOEXEC);

@@ -291,19 +291,40 @@ static std::vector<std::string> StatFields(pid_t pid) {
   return fields;
 }
 
-std::vector<pid_t> Children(pid_t pid) {
+static bool IsStarter(pid_t pid) {
+  return ReadFile("/proc/" + std::to_string(pid) + "/comm") == "snmp-starter\n";
+}
+
+static std::vector<pid_t> AllChildren(pid_t pid) {
   std::vector<pid_t> children;
   for (const std::string &name : ListDirectory("/proc")) {
     if (name.find_first_not_of("0123456789") != std::string::npos) {
       continue;
     }
     auto fields = StatFields(std::stoi(name));
-    if (fields.size() > 1 && fields[1] == std::to_string(pid) && fields[0] != "Z" &&
-        ReadFile("/proc/" + name + "/comm") != "snmp-starter\n") {
+    if (fields.size() > 1 && fields[1] == std::to_string(pid) && fields[0] != "Z") {
       children.push_back(std::stoi(name));
     }
   }
   return children;
+}
+
+std::vector<pid_t> Children(pid_t pid) {
+  std::vector<pid_t> children = AllChildren(pid);
+  std::erase_if(children, IsStarter);
+  return children;
+}
+
+pid_t StarterOf(pid_t daemon) {
+  const std::vector<pid_t> children = AllChildren(daemon);
+  const auto starter = std::find_if(children.begin(), children.end(), IsStarter);
+  return starter != children.end() ? *starter : -1;
+}
+
+pid_t SnmpProcessOf(pid_t daemon) {
+  const pid_t starter = StarterOf(daemon);
+  const std::vector<pid_t> children = starter > 0 ? AllChildren(starter) : std::vector<pid_t>{};
+  return children.size() == 1 ? children[0] : -1;
 }
 
 bool ProcessExists(pid_t pid) {

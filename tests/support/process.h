@@ -70,6 +70,9 @@ std::vector<std::string> OpenFiles(pid_t pid);  // "3 -> socket:[123]", by descr
 std::vector<std::string> SettledFiles(pid_t pid);
 // But for the starter of its SNMP process, which stays.
 std::vector<pid_t> Children(pid_t pid);
+// The starter of a daemon's SNMP process, and that process; -1 for none.
+pid_t StarterOf(pid_t daemon);
+pid_t SnmpProcessOf(pid_t daemon);
 bool ProcessExists(pid_t pid);  // and is no zombie
 // CPU time, user and system, in seconds.
 double CpuSeconds(pid_t pid);

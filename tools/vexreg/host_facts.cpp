@@ -24,6 +24,7 @@
 #include "framework/process/descriptor.h"
 #include "framework/process/log.h"
 #include "framework/process/printable.h"
+#include "framework/snmp/confinement.h"
 #include "hardware/tlxci/paths.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
@@ -311,13 +312,18 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
   return WithoutChildren(found);
 }
 
+// Its mount askers, and the starter of its SNMP process.
+static bool StaysWithTheAgent(const std::string &comm) {
+  return comm == "mount-asker\n" || comm == std::string(kSnmpStarter) + "\n";
+}
+
 bool RunsCommand(pid_t agent) {
   const std::vector<pid_t> pids = NumbersIn("/proc");
   return std::any_of(pids.begin(), pids.end(), [&](pid_t pid) {
     const std::string directory = "/proc/" + std::to_string(pid);
     ProcessFact process;
     return ParseStat(ReadText(directory + "/stat"), &process) && process.parent == agent &&
-           process.state != 'Z' && ReadText(directory + "/comm") != "mount-asker\n";
+           process.state != 'Z' && !StaysWithTheAgent(ReadText(directory + "/comm"));
   });
 }
 
