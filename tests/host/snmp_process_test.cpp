@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -202,13 +203,18 @@ TEST(SnmpProcess, HasNoRights) {
   EXPECT_EQ(Status(pid, "Uid"), "990\t990\t990\t990");
   EXPECT_EQ(Status(pid, "Gid"), "990\t990\t990\t990");
   EXPECT_EQ(Status(pid, "Groups"), " ");
-  for (const char *set : {"CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"}) {
+  for (const char *set : {"CapInh", "CapPrm", "CapEff", "CapAmb"}) {
     EXPECT_EQ(Status(pid, set), "0000000000000000") << set;
   }
+  // What programs could get, if it could start one: where the unit has no right to take it away, it
+  // is what the unit leaves.
+  const bool confined = !DaemonLauncher().empty();
+  EXPECT_EQ(Status(pid, "CapBnd"), confined ? "00000000000404c2" : "0000000000000000");
   EXPECT_EQ(Status(pid, "NoNewPrivs"), "1");
   EXPECT_EQ(Status(pid, "Seccomp"), "2");
   EXPECT_EQ(Status(pid, "Threads"), "1");
-  EXPECT_EQ(Status(StarterOf(host.daemon.pid()), "CapEff"), "00000000000001c0");
+  EXPECT_EQ(Status(StarterOf(host.daemon.pid()), "CapEff"),
+            confined ? "00000000000000c0" : "00000000000001c0");
   // Three times nothing, its channel and the master.
   std::vector<std::string> files = OpenFiles(pid);
   EXPECT_EQ(files.size(), 5U);
@@ -278,4 +284,101 @@ TEST(SnmpProcess, IsBackAtOnceWithEverything) {
   ASSERT_TRUE(host.daemon.Poll());
   ASSERT_TRUE(host.daemon.WaitServed());
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 4");
+}
+
+namespace {
+
+// Ends a daemon's SNMP process again and again, until it is told to stop.
+class Killer {
+ public:
+  Killer(pid_t daemon, double pause)
+      : thread_([this, daemon, pause] {
+          while (!stop_) {
+            const pid_t pid = SnmpProcessOf(daemon);
+            if (pid > 0 && kill(pid, SIGKILL) == 0) {
+              killed_++;
+            }
+            Pause(pause);
+          }
+        }) {}
+  Killer(const Killer &) = delete;
+  Killer &operator=(const Killer &) = delete;
+  ~Killer() {
+    Stop();
+  }
+  int Killed() const {
+    return killed_;
+  }
+  int Stop() {
+    stop_ = true;
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+    return killed_;
+  }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<int> killed_{0};
+  std::thread thread_;
+};
+
+}  // namespace
+
+// A set that a manager heard noError of was applied, once; any other one not more than once.
+TEST(SnmpProcess, AppliesASetOnceWhateverEndsIt) {
+  MadeUpHost host;
+  host.StartTestAgent();
+  std::map<int, std::string> outcomes;
+  Killer killer(host.daemon.pid(), 0.11);
+  for (int number = 1000; killer.Killed() < 20 && number < 1500; number++) {
+    outcomes[number] = host.Set("tlxHoOsCommonPollFreq", 'i', std::to_string(number));
+  }
+  const int killed = killer.Stop();
+  EXPECT_GE(killed, 20);
+  ASSERT_TRUE(host.daemon.WaitServed());
+  Pause(1);  // a set that is applied too late would be now
+  int told = 0;
+  for (const auto &[number, outcome] : outcomes) {
+    const size_t applied =
+        host.daemon.Count("number apply " + std::to_string(number) + " length");
+    if (outcome == "noError") {
+      told++;
+      EXPECT_EQ(applied, 1U) << number;
+    } else {
+      EXPECT_LE(applied, 1U) << number << " " << outcome;
+    }
+  }
+  printf("%d of %zu sets told applied over %d ends\n", told, outcomes.size(), killed);
+  EXPECT_GT(told, 0);
+  EXPECT_EQ(host.Set("tlxHoOsCommonPollFreq", 'i', "7"), "noError");
+  EXPECT_EQ(host.Get("tlxHoOsCommonPollFreq"), "INTEGER: 7");
+}
+
+// No notification is lost. One that the master took in the moment of the end may come twice.
+TEST(SnmpProcess, LosesNoNotification) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  constexpr int kTraps = 300;
+  Killer killer(host.daemon.pid(), 0.09);
+  for (int i = 0; i < kTraps / 10; i++) {
+    ASSERT_TRUE(host.Order("trap 10\n"));
+  }
+  Pause(1);
+  const int killed = killer.Stop();
+  EXPECT_GE(killed, 5);
+  const auto arrived = [&] {
+    std::map<std::string, int> times;
+    for (const Trap &trap : host.traps.Received()) {
+      times[trap.variables.back()]++;
+    }
+    return times;
+  };
+  EXPECT_TRUE(Eventually([&] { return arrived().size() >= kTraps; })) << arrived().size();
+  int twice = 0;
+  for (const auto &[trap, times] : arrived()) {
+    twice += times > 1 ? 1 : 0;
+  }
+  printf("%d notifications over %d ends, %d of them twice\n", kTraps, killed, twice);
 }
