@@ -543,7 +543,8 @@ void AgentxSession::Drop() {
   ping_unanswered_ = false;
   if (was_up && said_ != Said::kDown) {
     said_ = Said::kDown;
-    agentlog_fprintf(stderr, "Info: lost the master agent at %s\n", settings_.master.target.c_str());
+    agentlog_fprintf(stderr, "Info: lost the master agent at %s\n",
+                     settings_.master.target.c_str());
   }
   events_.ended(was_open, refused);
 }

@@ -1,6 +1,7 @@
 // The AgentX session with the master agent, RFC 2741. Encoding and decoding are net-snmp's;
-// opening, registering and pinging are done here, and connecting by a MasterFinder, since the library's own ways of
-// doing them wait for the master's answers. Everything runs on the SNMP thread and nothing waits.
+// opening, registering and pinging are done here, and connecting by a MasterFinder, since the
+// library's own ways of doing them wait for the master's answers. Everything runs on the SNMP
+// thread and nothing waits.
 #ifndef VEX_FRAMEWORK_SNMP_AGENTX_SESSION_H
 #define VEX_FRAMEWORK_SNMP_AGENTX_SESSION_H
 

@@ -113,11 +113,15 @@ constexpr uint32_t kAllowed[] = {
 
 // What the sanitizers' libraries do besides, of a build for tests.
 constexpr uint32_t kAllowedToSanitizers[] = {
-    SYS_openat,  SYS_gettid,       SYS_getpid,      SYS_tgkill,    SYS_sigaltstack,
-    SYS_prctl,   SYS_sched_yield,  SYS_readlinkat,  SYS_rt_sigaction, SYS_newfstatat,
-    SYS_fstat,   SYS_clone,        SYS_nanosleep,   SYS_clock_nanosleep, SYS_mprotect,
-    SYS_pipe2,   SYS_lseek,        SYS_uname,       SYS_getrlimit,  SYS_prlimit64,
-    SYS_sched_getaffinity, SYS_wait4, SYS_set_robust_list, SYS_process_vm_readv, SYS_ioctl,
+    SYS_openat,      SYS_gettid,          SYS_getpid,
+    SYS_tgkill,      SYS_sigaltstack,     SYS_prctl,
+    SYS_sched_yield, SYS_readlinkat,      SYS_rt_sigaction,
+    SYS_newfstatat,  SYS_fstat,           SYS_clone,
+    SYS_nanosleep,   SYS_clock_nanosleep, SYS_mprotect,
+    SYS_pipe2,       SYS_lseek,           SYS_uname,
+    SYS_getrlimit,   SYS_prlimit64,       SYS_sched_getaffinity,
+    SYS_wait4,       SYS_set_robust_list, SYS_process_vm_readv,
+    SYS_ioctl,
 #ifdef SYS_open
     SYS_open,
 #endif
@@ -229,25 +233,26 @@ int EnterEmptyRoot() {
 
 }  // namespace
 
-std::optional<SnmpUser> FindSnmpUser() {
+bool FindSnmpUser(std::optional<SnmpUser> *user) {
+  user->reset();
   FILE *file = fopen("/etc/passwd", "re");
   if (file == nullptr) {
-    return std::nullopt;
+    return errno == ENOENT;
   }
-  std::optional<SnmpUser> found;
   passwd entry;
   passwd *result = nullptr;
   char line[4096];
   int error;
-  while (!found && ((error = fgetpwent_r(file, &entry, line, sizeof(line), &result)) == 0 ||
+  while (!*user && ((error = fgetpwent_r(file, &entry, line, sizeof(line), &result)) == 0 ||
                     error == ERANGE)) {
     if (error == 0 && strcmp(entry.pw_name, kSnmpUser) == 0 && entry.pw_uid != 0 &&
         entry.pw_gid != 0) {
-      found = SnmpUser{entry.pw_uid, entry.pw_gid};
+      *user = SnmpUser{entry.pw_uid, entry.pw_gid};
     }
   }
-  fclose(file);
-  return found;
+  const bool failed = ferror(file) != 0;
+  errno = fclose(file) != 0 || failed ? EIO : 0;
+  return errno == 0;
 }
 
 bool EndWithParent(pid_t parent) {

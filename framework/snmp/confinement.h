@@ -19,8 +19,8 @@ struct SnmpUser {
   gid_t gid;
 };
 // As /etc/passwd has it; nothing when it has none, or one with root's numbers. Other sources of
-// users may ask the network, and are not asked. Throws std::bad_alloc.
-std::optional<SnmpUser> FindSnmpUser();
+// users may ask the network, and are not asked. False with errno when the file cannot be read.
+bool FindSnmpUser(std::optional<SnmpUser> *user);
 
 // Why a step failed, for the log: what, and errno is why. Null when it did not.
 using Failure = const char *;

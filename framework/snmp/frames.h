@@ -20,7 +20,7 @@ namespace vex {
 // What a frame is about: its first octet.
 enum class FrameType : uint8_t {
   // The agent to its starter, and back.
-  kSpawn,       // with descriptors: channel, images, control; ends the one before
+  kSpawn,  // with descriptors: channel, images, control; ends the one before
   kKill,
   kConfigured,  // what the configuration says
   kMisconfigured,

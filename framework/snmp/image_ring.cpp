@@ -138,8 +138,7 @@ ImageRingWriter::Put ImageRingWriter::PutImage(const Image &image, bool with_lay
   const std::vector<ServedVariable> &variables = image.layout->variables;
   const size_t layout_size = with_layout ? variables.size() * sizeof(LayoutEntry) : 0;
   const size_t lengths_size = image.octet_lengths.size() * sizeof(uint16_t);
-  const size_t size =
-      Rounded(sizeof(ImageRecord) + layout_size + lengths_size + image.data.size());
+  const size_t size = Rounded(sizeof(ImageRecord) + layout_size + lengths_size + image.data.size());
   uint8_t *at = nullptr;
   const Put put = Reserve(size, &at);
   if (put != Put::kDone) {

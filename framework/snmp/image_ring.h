@@ -18,8 +18,8 @@ namespace vex {
 
 // What the agent alone writes, in the first page of the ring's memory.
 struct RingHead {
-  std::atomic<uint64_t> head;        // bytes written since the beginning
-  std::atomic<uint32_t> backlog;     // some images have found no room yet
+  std::atomic<uint64_t> head;     // bytes written since the beginning
+  std::atomic<uint32_t> backlog;  // some images have found no room yet
   std::atomic<uint32_t> refuse_sets;
 };
 // What the SNMP process alone writes; the agent believes none of it.

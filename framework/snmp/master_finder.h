@@ -68,8 +68,8 @@ class MasterFinder {
   int watch_fd_ = -1;
   Clock::duration retry_;
   Clock::time_point next_attempt_;
-  bool said_ = false;    // that there is none yet; or there has been one
-  int said_error_ = 0;   // of connecting; 0: none, or nobody listens
+  bool said_ = false;   // that there is none yet; or there has been one
+  int said_error_ = 0;  // of connecting; 0: none, or nobody listens
 };
 
 }  // namespace vex

@@ -186,8 +186,8 @@ void SetChannel::Release(SetTransaction &set) {
   }
 }
 
-void SetChannel::RunChecks(std::unique_lock<std::mutex> &lock, QueuedSet &transaction,
-                           size_t part, SetRunner run) {
+void SetChannel::RunChecks(std::unique_lock<std::mutex> &lock, QueuedSet &transaction, size_t part,
+                           SetRunner run) {
   QueuedSet::Part &p = transaction.parts[part];
   p.check = Phase::kRunning;
   int failed = -1;

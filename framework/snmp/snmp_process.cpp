@@ -138,8 +138,7 @@ class RemoteSets final : public SetPort {
     const auto apply = frame->Take<Apply>();
     const auto apply_item = frame->Take<int32_t>();
     const auto place = sets_.find(id);
-    const std::shared_ptr<RemoteSet> set =
-        place != sets_.end() ? place->second.lock() : nullptr;
+    const std::shared_ptr<RemoteSet> set = place != sets_.end() ? place->second.lock() : nullptr;
     if (set != nullptr && frame->Whole() && part < set->parts.size()) {
       set->parts[part] = {{check, check_item}, {apply, apply_item}};
     }
@@ -223,8 +222,8 @@ class ProcessSeat final : public SnmpSeat {
   bool WantsToWrite() const override {
     return channel_.HasUnsent();
   }
-  // Want of memory ends the process here and in what it tells: what was not taken, or told, is by the
-  // next one.
+  // Want of memory ends the process here and in what it tells: what was not taken, or told, is by
+  // the next one.
   void Ready() noexcept override {
     if (!channel_.Flush()) {
       Leave();

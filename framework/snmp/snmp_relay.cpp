@@ -48,6 +48,22 @@ std::string HowItEnded(int status) {
                              : "status " + std::to_string(WEXITSTATUS(status));
 }
 
+// What lacks now and may be there for the next start: no reason to go on with more rights.
+bool MayPass(int error) {
+  switch (error) {
+    case EAGAIN:
+    case EINTR:
+    case EIO:
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case ENOSPC:
+      return true;
+    default:
+      return false;
+  }
+}
+
 bool AnyNews(const SetPort::CheckResult &was, const SetPort::CheckResult &is) {
   return was.state != is.state;
 }
@@ -87,9 +103,10 @@ SnmpRelay::~SnmpRelay() {
 SnmpRelay::Begun SnmpRelay::Begin(const std::string &application, const SnmpUser &user,
                                   Clock::time_point until, SnmpSettings *settings,
                                   std::string *why) {
+  const auto without = [](int error) { return MayPass(error) ? Begun::kFailed : Begun::kUnable; };
   if (!starter_.Start(application, Side().stand_behind, user)) {
     *why = strerror(errno);
-    return Begun::kUnable;
+    return without(errno);
   }
   std::string_view bytes;
   for (;;) {
@@ -99,7 +116,7 @@ SnmpRelay::Begun SnmpRelay::Begin(const std::string &application, const SnmpUser
         ready > 0 ? starter_.Channel()->Receive(&bytes, nullptr) : FrameSocket::Got::kNone;
     if (got == FrameSocket::Got::kEnd) {
       *why = "its starter has ended";
-      return Begun::kUnable;
+      return Begun::kFailed;
     }
     if (got == FrameSocket::Got::kFrame) {
       break;
@@ -116,17 +133,18 @@ SnmpRelay::Begun SnmpRelay::Begin(const std::string &application, const SnmpUser
   const auto type = frame.Take<FrameType>();
   if (type == FrameType::kMisconfigured) {
     *why = frame.TakeText();
-    return Begun::kMisconfigured;
+    return Begun::kFailed;
   }
   Configured configured;
   if (type == FrameType::kUnable) {
     *why = frame.TakeText();
-    *why = *why + ": " + strerror(frame.Take<int32_t>());
-    return Begun::kUnable;
+    const auto error = frame.Take<int32_t>();
+    *why = *why + ": " + strerror(error);
+    return without(error);
   }
   if (type != FrameType::kConfigured || !vex::Take(&frame, &configured)) {
     *why = "its starter makes no sense";
-    return Begun::kUnable;
+    return Begun::kFailed;
   }
   if (!configured.master.Plain()) {
     *why = "the address of the master agent is to be looked up: " + configured.master.target;
@@ -141,7 +159,7 @@ SnmpRelay::Begun SnmpRelay::Begin(const std::string &application, const SnmpUser
 std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::string *why) {
   if (!Spawn()) {
     *why = strerror(errno);
-    return Begun::kUnable;
+    return MayPass(errno) ? Begun::kFailed : Begun::kUnable;
   }
   while (!ready_) {
     if (agent_ending() != 0 || Clock::now() >= until) {
@@ -159,7 +177,7 @@ std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::s
     }
     if (!has_child_) {
       *why = unable_.empty() ? "it ends at once" : unable_;
-      return Begun::kUnable;
+      return unable_.empty() || MayPass(unable_error_) ? Begun::kFailed : Begun::kUnable;
     }
   }
   return Begun::kRuns;
@@ -258,6 +276,7 @@ void SnmpRelay::StarterReady() {
     const auto number = frame.Take<int32_t>();
     if (type == FrameType::kSpawned && number != 0) {
       unable_ = strerror(number);
+      unable_error_ = number;
       Gone(nullptr);
     } else if (type == FrameType::kEnded && !stopping_ && !restarts_.Often() && finder_) {
       const std::string how = why_gone_ != nullptr ? why_gone_ : HowItEnded(number);
@@ -301,7 +320,8 @@ void SnmpRelay::Take(FrameReader *frame) {
   const auto type = frame->Take<FrameType>();
   if (type == FrameType::kUnable && !ready_) {
     unable_ = PrintableLine(frame->TakeText());
-    unable_ = unable_ + ": " + strerror(frame->Take<int32_t>());
+    unable_error_ = frame->Take<int32_t>();
+    unable_ = unable_ + ": " + strerror(unable_error_);
     Gone(nullptr);
     return;
   }
@@ -473,10 +493,10 @@ void SnmpRelay::TakeAnswer(FrameReader *frame) {
 // What it logs is a line of the agent's log: cut, made printable, and not without end.
 void SnmpRelay::TakeLog(std::string_view text) {
   const Clock::time_point now = Clock::now();
-  messages_left_ = std::min(
-      kMessagesAtOnce, messages_left_ + kMessagesPerSecond *
-                                            std::chrono::duration<double>(now - messages_counted_)
-                                                .count());
+  messages_left_ =
+      std::min(kMessagesAtOnce,
+               messages_left_ + kMessagesPerSecond *
+                                    std::chrono::duration<double>(now - messages_counted_).count());
   messages_counted_ = now;
   if (messages_left_ < 1) {
     messages_lost_++;

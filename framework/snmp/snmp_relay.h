@@ -34,12 +34,12 @@ class SnmpRelay {
   // What became of the start.
   enum class Begun {
     kRuns,
-    kUnable,  // *why; nothing of it is left
-    kMisconfigured,  // *why
-    kEnding  // the agent is to end, or *why when its configuration takes for ever
+    kUnable,  // *why: on this machine there can be none
+    kFailed,  // *why: now, or for its configuration
+    kEnding   // the agent is to end, or *why when its configuration takes for ever
   };
-  // Agent thread, before there is another one: starts the process, and waits until it has no rights,
-  // until then at the latest. Throws std::bad_alloc.
+  // Agent thread, before there is another one: starts the process, and waits until it has no
+  // rights, until then at the latest. Throws std::bad_alloc.
   Begun Begin(const std::string &application, const SnmpUser &user, Clock::time_point until,
               SnmpSettings *settings, std::string *why);
   // The rest is for one thread: returns when Side().stop is set. Throws std::runtime_error when
@@ -111,7 +111,8 @@ class SnmpRelay {
   FrameSocket child_;
   bool has_child_ = false;
   bool ready_ = false;  // it has no rights and serves
-  std::string unable_;
+  std::string unable_;  // why it could not be started
+  int unable_error_ = 0;
   const char *why_gone_ = nullptr;  // where we ended it
   Clock::time_point spawn_at_;
   Restarts restarts_;

@@ -26,8 +26,8 @@ struct SnmpShared {
   // not need memory.
   struct Published {
     uint64_t object_id;
-    // Not yet in the index of the thread; or, for a process, whatever it has: the next one wants it,
-    // too. Null: none, or withdrawn.
+    // Not yet in the index of the thread; or, for a process, whatever it has: the next one wants
+    // it, too. Null: none, or withdrawn.
     std::shared_ptr<const Image> image;
     std::shared_ptr<const Layout> sent;  // that the process has of it
     bool waiting = false;                // in the list below

@@ -48,8 +48,8 @@ void CloseOthers(int one, int other) {
   }
 }
 
-// Whatever writes there finds a file that is none of the agent's. What a sanitizer has to say is for
-// the test that reads it.
+// Whatever writes there finds a file that is none of the agent's. What a sanitizer has to say is
+// for the test that reads it.
 void LeaveStandardDescriptors() {
   const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
   dup2(null.get(), STDIN_FILENO);

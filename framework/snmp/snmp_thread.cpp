@@ -293,9 +293,8 @@ bool PutIntoRing(SnmpShared::Published *entry) noexcept {
   }
   const size_t before = ring->Unread();
   const ImageRingWriter::Put put =
-      entry->image != nullptr
-          ? ring->PutImage(*entry->image, entry->sent != entry->image->layout)
-          : ring->PutWithdrawal(entry->object_id);
+      entry->image != nullptr ? ring->PutImage(*entry->image, entry->sent != entry->image->layout)
+                              : ring->PutWithdrawal(entry->object_id);
   if (put != ImageRingWriter::Put::kDone) {
     ring->SetBacklog(true);
     WakeThread();
@@ -325,10 +324,15 @@ void TakeImagesBack() {
 // Lets the SNMP side be a process of its own, where that is possible: starting->relay is it. False
 // when the SNMP side cannot be started at all, or the agent is to end.
 bool StartProcess(Starting *starting) {
-  const std::optional<SnmpUser> user = geteuid() == 0 ? FindSnmpUser() : std::nullopt;
+  std::optional<SnmpUser> user;
   std::string why;
-  if (!user) {
-    why = geteuid() == 0 ? std::string("there is no user ") + kSnmpUser : "it is not root's";
+  if (geteuid() != 0) {
+    why = "it is not root's";
+  } else if (!FindSnmpUser(&user)) {
+    Fail(kCannotStart, strerror(errno));
+    return false;
+  } else if (!user) {
+    why = std::string("there is no user ") + kSnmpUser;
   } else if (!SnmpStarter::Possible()) {
     why = "the agent has threads";
   } else {
@@ -339,7 +343,7 @@ bool StartProcess(Starting *starting) {
         GiveUpStartersCapabilities();
         starting->relay = std::move(relay);
         return true;
-      case SnmpRelay::Begun::kMisconfigured:
+      case SnmpRelay::Begun::kFailed:
         Fail(kCannotStart, why.c_str());
         return false;
       case SnmpRelay::Begun::kEnding:

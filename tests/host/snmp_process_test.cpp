@@ -35,8 +35,8 @@ std::string Status(pid_t pid, const std::string &key) {
   return "none";
 }
 
-// Somebody who has taken a thread over and makes system calls in its name. It must be waiting in one
-// now; where it waited, it goes on.
+// Somebody who has taken a thread over and makes system calls in its name. It must be waiting in
+// one now; where it waited, it goes on.
 class Intruder {
  public:
   explicit Intruder(pid_t pid) : pid_(pid) {
@@ -124,7 +124,8 @@ class Intruder {
   }
   void Write(unsigned long at, const std::string &text) const {
     iovec from = {const_cast<char *>(text.c_str()), text.size() + 1};
-    iovec to = {reinterpret_cast<void *>(at), text.size() + 1};  // NOLINT(performance-no-int-to-ptr)
+    iovec to = {reinterpret_cast<void *>(at),
+                text.size() + 1};  // NOLINT(performance-no-int-to-ptr)
     EXPECT_EQ(process_vm_writev(pid_, &from, 1, &to, 1, 0), static_cast<ssize_t>(text.size() + 1));
   }
 
@@ -133,7 +134,8 @@ class Intruder {
   user_regs_struct before_{};
 };
 
-// What an intruder would like to do, each with what came of it. other: a process that is not its own.
+// What an intruder would like to do, each with what came of it. other: a process that is not its
+// own.
 std::map<std::string, std::string> Tried(pid_t thread, pid_t other) {
   Intruder intruder(thread);
   std::map<std::string, std::string> tried;
@@ -150,7 +152,8 @@ std::map<std::string, std::string> Tried(pid_t thread, pid_t other) {
   open("make a file in /etc/cron.d", "/etc/cron.d/intruder", O_WRONLY | O_CREAT);
   open("make a unit of systemd's", "/etc/systemd/system/intruder.service", O_WRONLY | O_CREAT);
   open("make a program in /usr/bin", "/usr/bin/intruder", O_WRONLY | O_CREAT);
-  open("write an object of the registry", MadeUpHost::kRegistry + std::string("/host/memory"), O_RDWR);
+  open("write an object of the registry", MadeUpHost::kRegistry + std::string("/host/memory"),
+       O_RDWR);
   open("make a file in the registry", MadeUpHost::kRegistry + std::string("/intruder"),
        O_WRONLY | O_CREAT);
   open("write another process's memory", others + "/mem", O_RDWR);
@@ -219,7 +222,8 @@ TEST(SnmpProcess, HasNoRights) {
   std::vector<std::string> files = OpenFiles(pid);
   EXPECT_EQ(files.size(), 5U);
   for (const std::string &file : files) {
-    EXPECT_TRUE(file.find("socket:") != std::string::npos || file.find("/dev/null") != std::string::npos)
+    EXPECT_TRUE(file.find("socket:") != std::string::npos ||
+                file.find("/dev/null") != std::string::npos)
         << file;
   }
   EXPECT_EQ(ListDirectory("/proc/" + std::to_string(pid) + "/root"), std::vector<std::string>{});
@@ -252,8 +256,8 @@ TEST(SnmpProcess, GivesAnIntruderNothing) {
   EXPECT_EQ(SnmpProcessOf(host.daemon.pid()), pid);
 }
 
-// Ended again and again while a manager walks: a request may be lost with it, and nothing else; it is
-// back within a tenth of a second, with everything that was published.
+// Ended again and again while a manager walks: a request may be lost with it, and nothing else; it
+// is back within a tenth of a second, with everything that was published.
 TEST(SnmpProcess, IsBackAtOnceWithEverything) {
   MadeUpHost host;
   host.Start();
@@ -268,7 +272,8 @@ TEST(SnmpProcess, IsBackAtOnceWithEverything) {
     ASSERT_TRUE(Eventually([&] {
       const auto answer = QuickGet(MadeUpHost::Oid("tlxHoPhysicalMemorySize").substr(1), 0.02);
       return answer && answer->tag == 2 && answer->number == 2000;
-    })) << life << host.daemon.Log();
+    })) << life
+        << host.daemon.Log();
     away.push_back(Now() - begin);
     ASSERT_TRUE(host.daemon.WaitServed());
     EXPECT_EQ(host.Walk(), whole) << life;
@@ -340,8 +345,7 @@ TEST(SnmpProcess, AppliesASetOnceWhateverEndsIt) {
   Pause(1);  // a set that is applied too late would be now
   int told = 0;
   for (const auto &[number, outcome] : outcomes) {
-    const size_t applied =
-        host.daemon.Count("number apply " + std::to_string(number) + " length");
+    const size_t applied = host.daemon.Count("number apply " + std::to_string(number) + " length");
     if (outcome == "noError") {
       told++;
       EXPECT_EQ(applied, 1U) << number;

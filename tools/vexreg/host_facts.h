@@ -20,7 +20,8 @@ bool ParseStat(std::string_view stat, ProcessFact *process);
 // Those that are no child of another of them: one that has just been forked still has its parent's
 // name.
 std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &processes);
-// Whether the agent waits for a command: a child of it that asks no mount and starts no SNMP process.
+// Whether the agent waits for a command: a child of it that asks no mount and starts no SNMP
+// process.
 bool RunsCommand(pid_t agent);
 // Whether the agent's way to snmpd is there, a thread of it: not before its pause at the start.
 bool HasSnmpThread(pid_t agent);

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -132,6 +134,42 @@ int RunOneSet(uint8_t phase, SetItem &item) {
   return set_handler ? set_handler(phase, item) : 0;
 }
 
+// With VEX_SNMP_PROCESS=1 the SNMP side is a process of its own, for which it takes root and, in a
+// mount namespace, the user. Without, it is a thread, as for whoever lacks one of them.
+class SnmpUserHere : public testing::Environment {
+ public:
+  static bool Wanted() {
+    return getenv("VEX_SNMP_PROCESS") != nullptr;
+  }
+  void SetUp() override {
+    if (!Wanted()) {
+      return;
+    }
+    char path[] = "/tmp/snmp_user.XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    std::ofstream(path) << std::ifstream("/etc/passwd").rdbuf()
+                        << "_vexhostd:x:990:990::/nonexistent:/usr/sbin/nologin\n";
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0) << strerror(errno);
+    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
+    ASSERT_EQ(mount(path, "/etc/passwd", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+    unlink(path);
+  }
+};
+const testing::Environment *const snmp_user = testing::AddGlobalTestEnvironment(
+    new SnmpUserHere);  // NOLINT(*-err58-cpp): it is the library's
+
+// Processes that this one has started and that are there.
+int ChildrenHere() {
+  std::ifstream file("/proc/thread-self/children");
+  int count = 0;
+  for (int pid = 0; file >> pid;) {
+    count++;
+  }
+  return count;
+}
+
 class SnmpSideTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -165,6 +203,7 @@ class SnmpSideTest : public testing::Test {
   }
   void Start() {
     ASSERT_EQ(SnmpStart("vexhostd", &settings_), 0);
+    ASSERT_EQ(ChildrenHere(), SnmpUserHere::Wanted() ? 1 : 0);
   }
   void StartWithMaster() {
     master_ = std::make_unique<FakeMaster>(socket_);
