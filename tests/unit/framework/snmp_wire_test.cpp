@@ -1,0 +1,323 @@
+// What passes between the agent and its SNMP process, and what is made of it when it is none of
+// that.
+#include "framework/snmp/snmp_wire.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+
+#include "framework/snmp/image_ring.h"
+#include "platform/framework.h"
+
+namespace vex {
+namespace {
+
+constexpr char kNumber[] = "tlxHoOsCommonPollFreq";
+constexpr char kText[] = "tlxHoSystemRole";
+constexpr char kReadOnly[] = "tlxHoSwVerNextIndex";
+constexpr char kColumn[] = "tlxHoSwVerName";
+
+std::shared_ptr<Image> MakeImage(uint64_t id, uint32_t instance,
+                                 const std::vector<const char *> &variables) {
+  auto layout = std::make_shared<Layout>();
+  auto image = std::make_shared<Image>();
+  for (const char *name : variables) {
+    const MibVariable &mib = *FindMibVariable(name);
+    const int size = mib.type == VAR_INTEGER ? 4 : mib.max_length + 1;
+    layout->variables.push_back({&mib, static_cast<int>(layout->variables.size()), size,
+                                 static_cast<uint32_t>(image->data.size()), mib.type,
+                                 mib.access == MibAccess::kReadWrite});
+    image->data.resize(image->data.size() + static_cast<size_t>(size));
+    image->octet_lengths.push_back(0);
+  }
+  image->layout = layout;
+  image->object_id = id;
+  image->instance = instance;
+  return image;
+}
+
+// What takes one kind of frame.
+template <typename Value>
+bool TakeFrom(std::string_view bytes, Value *value) {
+  FrameReader reader(bytes);
+  reader.Take<FrameType>();
+  return Take(&reader, value);
+}
+
+// The frame comes through; cut anywhere, or with more behind it, it does not.
+template <typename Value>
+void ExpectWholeOrNothing(const FrameWriter &frame) {
+  Value value;
+  EXPECT_TRUE(TakeFrom(frame.Bytes(), &value));
+  for (size_t length = 0; length < frame.Bytes().size(); length++) {
+    Value cut;
+    EXPECT_FALSE(TakeFrom(std::string_view(frame.Bytes()).substr(0, length), &cut)) << length;
+  }
+  Value more;
+  EXPECT_FALSE(TakeFrom(frame.Bytes() + "x", &more));
+}
+
+Notification SomeNotification() {
+  Notification notification;
+  notification.number = 11003;
+  notification.description = "described";
+  notification.variables = {{FindMibVariable(kColumn), 7, {'a', 'b'}},
+                            {FindMibVariable(kNumber), 0, {1, 2, 3, 4}}};
+  return notification;
+}
+
+std::vector<SetItem> SomeItems() {
+  return {{5, 0, {1, 0, 0, 0}, 4}, {5, 1, {'x', 0}, 1}};
+}
+
+}  // namespace
+
+TEST(SnmpWire, NotificationsComeThroughWhole) {
+  FrameWriter frame(FrameType::kNotify);
+  Put(&frame, SomeNotification());
+  ExpectWholeOrNothing<Notification>(frame);
+  Notification taken;
+  ASSERT_TRUE(TakeFrom(frame.Bytes(), &taken));
+  EXPECT_EQ(taken.number, 11003U);
+  EXPECT_EQ(taken.description, "described");
+  ASSERT_EQ(taken.variables.size(), 2U);
+  EXPECT_EQ(taken.variables[0].mib, FindMibVariable(kColumn));
+  EXPECT_EQ(taken.variables[0].instance, 7U);
+  EXPECT_EQ(taken.variables[0].value, (std::vector<uint8_t>{'a', 'b'}));
+}
+
+TEST(SnmpWire, SetsComeThroughWhole) {
+  FrameWriter frame(FrameType::kSetPart);
+  Put(&frame, SomeItems());
+  ExpectWholeOrNothing<std::vector<SetItem>>(frame);
+}
+
+TEST(SnmpWire, TheConfigurationComesThroughWhole) {
+  Configured configured;
+  configured.settings.poll_interval = 20;
+  configured.settings.community = "secret";
+  configured.master.target = "tcp:127.0.0.1:705";
+  configured.master.tcp = MasterAddress::Tcp{"127.0.0.1", 705};
+  FrameWriter frame(FrameType::kConfigured);
+  Put(&frame, configured);
+  ExpectWholeOrNothing<Configured>(frame);
+  Configured taken;
+  ASSERT_TRUE(TakeFrom(frame.Bytes(), &taken));
+  EXPECT_EQ(taken.settings.poll_interval, 20);
+  ASSERT_TRUE(taken.master.tcp);
+  EXPECT_EQ(taken.master.tcp->port, 705);
+}
+
+// An intruder in the SNMP process writes whatever it likes.
+TEST(SnmpWire, ChangedBytesAreTakenOrRefusedAndNothingElse) {
+  FrameWriter sets(FrameType::kSetPart);
+  Put(&sets, SomeItems());
+  FrameWriter notification(FrameType::kNotify);
+  Put(&notification, SomeNotification());
+  std::mt19937 random(1);
+  int taken = 0;
+  constexpr int kTries = 20000;
+  for (int i = 0; i < kTries; i++) {
+    for (const FrameWriter *frame : {&sets, &notification}) {
+      std::string bytes = frame->Bytes();
+      for (int change = 0; change < 3; change++) {
+        bytes[1 + random() % (bytes.size() - 1)] = static_cast<char>(random());
+      }
+      std::vector<SetItem> items;
+      Notification other;
+      taken += frame == &sets ? TakeFrom(bytes, &items) : TakeFrom(bytes, &other);
+      for (const SetItem &item : items) {
+        EXPECT_LE(item.value.size(), bytes.size());
+      }
+    }
+  }
+  EXPECT_GT(taken, 0);
+  EXPECT_LT(taken, 2 * kTries);
+}
+
+// The table decides again, in the agent, what a set may be.
+TEST(SnmpWire, OnlySetsOfWhatIsPublishedAndWritableAreTaken) {
+  const auto image = MakeImage(5, 0, {kNumber, kText, kReadOnly});
+  const auto octets = [](std::string text) {
+    text.push_back(0);
+    return std::vector<uint8_t>(text.begin(), text.end());
+  };
+  EXPECT_TRUE(MaySet(*image, {5, 0, {1, 0, 0, 0}, 4}));
+  EXPECT_TRUE(MaySet(*image, {5, 1, octets("role"), 4}));
+  EXPECT_TRUE(MaySet(*image, {5, 1, octets(""), 0}));
+  EXPECT_FALSE(MaySet(*image, {6, 0, {1, 0, 0, 0}, 4})) << "another object";
+  EXPECT_FALSE(MaySet(*image, {5, 2, {1, 0, 0, 0}, 4})) << "read-only";
+  EXPECT_FALSE(MaySet(*image, {5, 3, {1, 0, 0, 0}, 4})) << "no such slot";
+  EXPECT_FALSE(MaySet(*image, {5, -1, {1, 0, 0, 0}, 4}));
+  EXPECT_FALSE(MaySet(*image, {5, 0, {1, 0, 0, 0}, 3})) << "short";
+  EXPECT_FALSE(MaySet(*image, {5, 0, {1, 0}, 4})) << "shorter than it says";
+  EXPECT_FALSE(MaySet(*image, {5, 1, octets("role"), 400000000}));
+  EXPECT_FALSE(MaySet(*image, {5, 1, octets("role"), -1}));
+  EXPECT_FALSE(MaySet(*image, {5, 1, {'r', 'o', 'l', 'e', 'x'}, 4})) << "without its end";
+  EXPECT_FALSE(MaySet(*image, {5, 1, octets(std::string("a\0b", 3)), 3})) << "a zero inside";
+  const std::string longest(FindMibVariable(kText)->max_length, 'a');
+  EXPECT_TRUE(MaySet(*image, {5, 1, octets(longest), static_cast<int>(longest.size())}));
+  EXPECT_FALSE(MaySet(*image, {5, 1, octets(longest + "a"), static_cast<int>(longest.size()) + 1}));
+}
+
+// ---- Images
+
+class Ring : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(writer_.Open());
+    ASSERT_TRUE(reader_.Open(writer_.ImagesFd(), writer_.ControlFd()));
+  }
+  std::string TextOf(uint64_t id) {
+    const Image *image = index_.ImageOf(id);
+    return image == nullptr ? "(none)" : reinterpret_cast<const char *>(image->data.data());
+  }
+  static std::shared_ptr<Image> Row(uint64_t id, const std::string &text) {
+    auto image = MakeImage(id, static_cast<uint32_t>(id), {kColumn});
+    memcpy(image->data.data(), text.c_str(), text.size() + 1);
+    return image;
+  }
+
+  ImageRingWriter writer_;
+  ImageRingReader reader_;
+  MibIndex index_{MibVariables()};
+};
+
+TEST_F(Ring, HasTheLastImageAndNoneThatIsWithdrawn) {
+  auto image = Row(1, "one");
+  EXPECT_FALSE(reader_.Anything());
+  ASSERT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kDone);
+  memcpy(image->data.data(), "two", 4);
+  ASSERT_EQ(writer_.PutImage(*image, false), ImageRingWriter::Put::kDone);
+  ASSERT_EQ(writer_.PutImage(*Row(2, "other"), true), ImageRingWriter::Put::kDone);
+  EXPECT_TRUE(reader_.Anything());
+  ASSERT_TRUE(reader_.Take(&index_));
+  EXPECT_EQ(TextOf(1), "two");
+  EXPECT_EQ(TextOf(2), "other");
+  // Alike layouts are one.
+  EXPECT_EQ(index_.ImageOf(1)->layout, index_.ImageOf(2)->layout);
+  ASSERT_EQ(writer_.PutWithdrawal(1), ImageRingWriter::Put::kDone);
+  ASSERT_TRUE(reader_.Take(&index_));
+  EXPECT_EQ(TextOf(1), "(none)");
+  EXPECT_EQ(writer_.Unread(), 0U);
+}
+
+// Round and round, read and not read, with records of many sizes.
+TEST_F(Ring, LosesNothingWhateverIsReadWhen) {
+  std::mt19937 random(1);
+  std::vector<std::string> texts(20, "(none)");
+  int full = 0;
+  for (int i = 0; i < 300000; i++) {
+    const uint64_t id = random() % texts.size();
+    auto image = Row(id, std::to_string(i));
+    image->data.resize(image->data.size() + random() % (i % 1000 == 0 ? 4'000'000 : 500));
+    if (writer_.PutImage(*image, true) == ImageRingWriter::Put::kDone) {
+      texts[id] = std::to_string(i);
+    } else {
+      full++;
+      ASSERT_TRUE(reader_.Take(&index_));
+    }
+    if (random() % 5000 == 0) {
+      ASSERT_TRUE(reader_.Take(&index_));
+      for (uint64_t each = 0; each < texts.size(); each++) {
+        ASSERT_EQ(TextOf(each), texts[each]) << i;
+      }
+    }
+  }
+  EXPECT_GT(full, 0);
+}
+
+TEST_F(Ring, RefusesWhatItCanNeverTake) {
+  auto image = Row(1, "one");
+  image->data.resize(kRingSize);
+  EXPECT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kNever);
+  image->data.resize(kRingSize / 2 - 4096);
+  EXPECT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kDone);
+}
+
+// The end that an intruder may have says anything of how far it has read.
+TEST_F(Ring, DoesNotBelieveTheOtherEnd) {
+  void *page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, writer_.ControlFd(), 0);
+  ASSERT_NE(page, MAP_FAILED);
+  auto *tail = static_cast<RingTail *>(page);
+  const auto image = Row(1, "one");
+  for (const uint64_t lie : {uint64_t{1}, uint64_t{1} << 40, uint64_t{1} << 63}) {
+    tail->tail = lie;
+    EXPECT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kBroken) << lie;
+    EXPECT_EQ(writer_.PutWithdrawal(1), ImageRingWriter::Put::kBroken) << lie;
+  }
+  tail->tail = 0;
+  EXPECT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kDone);
+  munmap(page, 4096);
+}
+
+TEST_F(Ring, CannotBeMappedForWritingOrResized) {
+  EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, writer_.ImagesFd(), 0),
+            MAP_FAILED);
+  void *page = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, writer_.ImagesFd(), 0);
+  ASSERT_NE(page, MAP_FAILED);
+  EXPECT_NE(mprotect(page, 4096, PROT_READ | PROT_WRITE), 0);
+  munmap(page, 4096);
+  for (const int fd : {writer_.ImagesFd(), writer_.ControlFd()}) {
+    EXPECT_NE(ftruncate(fd, 0), 0);
+    EXPECT_NE(ftruncate(fd, 1 << 30), 0);
+  }
+}
+
+// ---- Frames
+
+TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
+  Descriptor one;
+  Descriptor other;
+  ASSERT_TRUE(FrameSocket::Pair(&one, &other));
+  FrameSocket from(std::move(one));
+  FrameSocket to(std::move(other));
+  std::string_view bytes;
+  FrameSocket::Descriptors descriptors;
+  EXPECT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kNone);
+
+  FrameWriter longest(FrameType::kLog);
+  longest.PutText(std::string(FrameSocket::kLongest - 5, 'x'));
+  EXPECT_TRUE(from.Send(longest));
+  EXPECT_FALSE(from.Send(FrameWriter(FrameType::kLog).PutText(longest.Bytes())));
+  EXPECT_EQ(errno, EMSGSIZE);
+  ASSERT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kFrame);
+  EXPECT_EQ(bytes, longest.Bytes());
+
+  int pipe_ends[2];
+  ASSERT_EQ(pipe(pipe_ends), 0);
+  EXPECT_TRUE(from.Send(FrameWriter(FrameType::kSpawn), pipe_ends));
+  ASSERT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kFrame);
+  EXPECT_TRUE(descriptors[0] && descriptors[1] && !descriptors[2]);
+  EXPECT_EQ(write(descriptors[1].get(), "x", 1), 1);
+
+  // What does not go out at once waits, descriptors and all, and comes in its order.
+  int sent = 0;
+  while (!from.HasUnsent()) {
+    ASSERT_TRUE(
+        from.Send(FrameWriter(FrameType::kPing).Put(sent++).PutText(std::string(999, 'x'))));
+  }
+  ASSERT_TRUE(from.Send(FrameWriter(FrameType::kSpawn), pipe_ends));
+  for (int i = 0; i < sent; i++) {
+    ASSERT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kFrame);
+    FrameReader reader(bytes);
+    EXPECT_EQ(reader.Take<FrameType>(), FrameType::kPing);
+    EXPECT_EQ(reader.Take<int>(), i);
+    ASSERT_TRUE(from.Flush());
+  }
+  ASSERT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kFrame);
+  EXPECT_TRUE(descriptors[0] && descriptors[1]);
+
+  // Descriptors that nobody wants end the connection.
+  ASSERT_TRUE(from.Send(FrameWriter(FrameType::kPong), pipe_ends));
+  EXPECT_EQ(to.Receive(&bytes, nullptr), FrameSocket::Got::kEnd);
+  from.Close();
+  EXPECT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kEnd);
+  close(pipe_ends[0]);
+  close(pipe_ends[1]);
+}
+
+}  // namespace vex
