@@ -4,11 +4,14 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "framework/registry/objects.h"
 #include "framework/registry/registry_file.h"
+#include "framework/snmp/image_ring.h"
+#include "framework/snmp/snmp_shared.h"
 #include "platform/framework.h"
 
 namespace {
@@ -60,6 +63,34 @@ void PublishRow(benchmark::State &state) {
   }
 }
 BENCHMARK(PublishRow)->Arg(1)->Arg(100)->Arg(10000);
+
+// The same while there is an SNMP process, for which the image is copied into shared memory; what the
+// process does with it is left out.
+void PublishRowToProcess(benchmark::State &state) {
+  const Rows rows(static_cast<int>(state.range(0)));
+  auto ring = std::make_unique<vex::ImageRingWriter>();
+  vex::ImageRingReader reader;
+  if (!ring->Open() || !reader.Open(ring->ImagesFd(), ring->ControlFd())) {
+    state.SkipWithError("no shared memory");
+    return;
+  }
+  vex::Side().ring = std::move(ring);
+  vex::MibIndex index(vex::MibVariables());
+  constexpr size_t kUntilTaken = 200;
+  size_t i = 0;
+  for (auto _ : state) {
+    registry_object *object = rows[i];
+    memcpy(object->data, &i, 4);
+    benchmark::DoNotOptimize(log_data(object));
+    if (++i % kUntilTaken == 0) {
+      state.PauseTiming();
+      reader.Take(&index);
+      state.ResumeTiming();
+    }
+  }
+  vex::Side().ring.reset();
+}
+BENCHMARK(PublishRowToProcess)->Arg(1)->Arg(100)->Arg(10000);
 
 // The part of it that goes to the file.
 void PublishFile(benchmark::State &state) {
