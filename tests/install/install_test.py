@@ -77,7 +77,8 @@ class Places(Work):
         self.assertEqual([path for path in tree(top + "/lib")],
                          ["systemd", "systemd/system", "systemd/system/vexhostd-export.service",
                           "systemd/system/vexhostd-export.timer",
-                          "systemd/system/vexhostd.service"])
+                          "systemd/system/vexhostd.service", "sysusers.d",
+                          "sysusers.d/vexhostd.conf"])
         self.assertEqual(os.listdir(stage), ["srv"])
         self.assertEqual(mode(top + "/conf/snmp/vexhostd.conf"), 0o640)
 
