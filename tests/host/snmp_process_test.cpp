@@ -146,6 +146,8 @@ std::map<std::string, std::string> Tried(pid_t thread, pid_t other) {
       intruder.Call(SYS_close, {fd});
     }
   };
+  const iovec place = {reinterpret_cast<void *>(4096), 1};  // NOLINT(performance-no-int-to-ptr)
+  const std::string anywhere(reinterpret_cast<const char *>(&place), sizeof(place));
   const std::string others = "/proc/" + std::to_string(other);
   open("read /etc/shadow", "/etc/shadow", O_RDONLY);
   open("write /etc/shadow", "/etc/shadow", O_WRONLY);
@@ -161,7 +163,7 @@ std::map<std::string, std::string> Tried(pid_t thread, pid_t other) {
   open("list its root directory", "/", O_RDONLY | O_DIRECTORY);
   tried["trace another process"] = intruder.Try(SYS_ptrace, {PTRACE_SEIZE, other, 0, 0});
   tried["read another process's memory"] =
-      intruder.Try(SYS_process_vm_readv, {other, 0, 0, 0, 0, 0});
+      intruder.Try(SYS_process_vm_readv, {other, anywhere, 1, anywhere, 1, 0});
   tried["signal another process"] = intruder.Try(SYS_kill, {other, 0});
   tried["signal all processes"] = intruder.Try(SYS_kill, {-1, 0});
   tried["get hold of another process"] = intruder.Try(SYS_pidfd_open, {other, 0});
@@ -169,15 +171,6 @@ std::map<std::string, std::string> Tried(pid_t thread, pid_t other) {
   tried["a socket of the machine"] = intruder.Try(SYS_socket, {1, 1, 0});
   tried["a raw socket"] = intruder.Try(SYS_socket, {2, 3, 1});
   tried["a socket of the kernel's"] = intruder.Try(SYS_socket, {16, 3, 0});
-  // 10.0.0.1, port 9.
-  const std::string address("\x02\x00\x00\x09\x0a\x00\x00\x01\0\0\0\0\0\0\0\0", 16);
-  for (const int fd : {3, 4, 5, 6, 7, 8}) {
-    tried["connect to elsewhere: descriptor " + std::to_string(fd)] =
-        intruder.Try(SYS_connect, {fd, address, 16});
-    tried["send to elsewhere: descriptor " + std::to_string(fd)] =
-        intruder.Try(SYS_sendto, {fd, "x", 1, 0, address, 16});
-  }
-  tried["send a message with any address"] = intruder.Try(SYS_sendmsg, {4, 0, 0});
   tried["start a program"] = intruder.Try(SYS_execve, {"/nowhere/program", 0, 0});
   tried["start a program by descriptor"] = intruder.Try(SYS_execveat, {3, "nowhere", 0, 0, 0});
   tried["become root"] = intruder.Try(SYS_setresuid, {0, 0, 0});
@@ -193,6 +186,22 @@ std::map<std::string, std::string> Tried(pid_t thread, pid_t other) {
   tried["let itself be traced"] = intruder.Try(SYS_prctl, {4 /* PR_SET_DUMPABLE */, 1, 0, 0, 0});
   tried["a file in memory"] = intruder.Try(SYS_memfd_create, {"x", 0});
   tried["a process"] = intruder.Try(SYS_clone, {0x11 /* SIGCHLD */, 1, 0, 0, 0});
+  return tried;
+}
+
+// The same with the descriptors that it has.
+std::map<std::string, std::string> TriedWithSockets(pid_t thread) {
+  Intruder intruder(thread);
+  std::map<std::string, std::string> tried;
+  // 10.0.0.1, port 9.
+  const std::string address("\x02\x00\x00\x09\x0a\x00\x00\x01\0\0\0\0\0\0\0\0", 16);
+  for (const int fd : {3, 4, 5, 6, 7, 8}) {
+    tried["connect to elsewhere: descriptor " + std::to_string(fd)] =
+        intruder.Try(SYS_connect, {fd, address, 16});
+    tried["send to elsewhere: descriptor " + std::to_string(fd)] =
+        intruder.Try(SYS_sendto, {fd, "x", 1, 0, address, 16});
+  }
+  tried["send a message with any address"] = intruder.Try(SYS_sendmsg, {4, 0, 0});
   return tried;
 }
 
@@ -237,7 +246,9 @@ TEST(SnmpProcess, GivesAnIntruderNothing) {
   const pid_t pid = SnmpProcessOf(host.daemon.pid());
   ASSERT_GT(pid, 0);
   ASSERT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
-  for (const auto &[what, result] : Tried(pid, host.daemon.pid())) {
+  std::map<std::string, std::string> tried = Tried(pid, host.daemon.pid());
+  tried.merge(TriedWithSockets(pid));
+  for (const auto &[what, result] : tried) {
     EXPECT_EQ(result, "EPERM") << what;
   }
   // What it shares with the agent it cannot write, but for a page that the agent does not believe.
@@ -254,6 +265,30 @@ TEST(SnmpProcess, GivesAnIntruderNothing) {
   // All of that was no reason to do its work badly.
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
   EXPECT_EQ(SnmpProcessOf(host.daemon.pid()), pid);
+}
+
+// And whoever takes the agent over, confined as its unit says, does not get the SNMP process with
+// it, nor what the starter alone needed.
+TEST(SnmpProcess, IsOutOfReachOfTheAgent) {
+  const std::string launcher =
+      VEX_TESTS_UNIT_SANDBOX " " VEX_TESTS_SOURCE_DIR "/packaging/vexhostd.service.in";
+  setenv("VEXHOSTD_LAUNCHER", launcher.c_str(), 1);
+  MadeUpHost host;
+  host.Start();
+  const pid_t daemon = host.daemon.pid();
+  const pid_t process = SnmpProcessOf(daemon);
+  ASSERT_GT(process, 0);
+  for (const char *set : {"CapEff", "CapPrm"}) {
+    EXPECT_EQ(Status(daemon, set), "0000000000000402") << set;
+  }
+  std::map<std::string, std::string> tried = Tried(daemon, process);
+  for (const char *what :
+       {"write another process's memory", "trace another process", "read another process's memory",
+        "signal another process", "join root's group", "another root directory", "a name space",
+        "mount", "a program of the kernel's", "a queue for system calls", "a key", "a raw socket",
+        "a socket of the kernel's", "memory for code"}) {
+    EXPECT_NE(tried[what], "ok") << what;
+  }
 }
 
 // Ended again and again while a manager walks: a request may be lost with it, and nothing else; it
