@@ -260,9 +260,14 @@ bool EndWithParent(pid_t parent) {
   return getppid() == parent;  // it may have ended before
 }
 
-Failure ConfineStarter() {
+Failure ConfineStarter(const SnmpUser &user) {
   if (EnterEmptyRoot() != 0) {
     return "no empty root directory";
+  }
+  // Root still, but with that user's right to signal his processes: who lacks the capability could
+  // end none, and the kernel asks for the right also where a process is to end with its parent.
+  if (setresuid(user.uid, 0, 0) != 0) {
+    return "no right to end it";
   }
   if (KeepCapabilities(kStarters) != 0) {
     return "capabilities stay";

@@ -26,8 +26,8 @@ bool FindSnmpUser(std::optional<SnmpUser> *user);
 using Failure = const char *;
 
 // In the starter, root: an empty root directory that has no name any more, and of all capabilities
-// those alone that ConfineSnmpProcess() needs.
-Failure ConfineStarter();
+// those alone that ConfineSnmpProcess() needs. It may end the user's processes.
+Failure ConfineStarter(const SnmpUser &user);
 // In the SNMP process, root till then: another user, no capabilities, limits, no debugger, and a
 // list of allowed system calls; for good. Ends with the process that started it.
 Failure ConfineSnmpProcess(const SnmpUser &user);

@@ -31,7 +31,7 @@ constexpr milliseconds kLastNotifications{300};
 constexpr milliseconds kLastAnswers{450};  // with the process's goodbye
 static_assert(kLastNotifications + kProcessGoodbye <= kLastAnswers);
 // A process that says nothing is asked whether it lives, and has as long to answer.
-constexpr seconds kSilence{10};
+constexpr seconds kSilence{5};
 // The process is told of so much that waits for it in the ring, where nobody asks for it.
 constexpr size_t kMuchUnread = size_t{256} << 10;
 // At one go, while the agent thread may wait to publish.
@@ -203,7 +203,6 @@ bool SnmpRelay::Spawn() {
   open_ = false;
   heard_ = Clock::now();
   pinged_ = false;
-  why_gone_ = nullptr;
 
   // It has nothing yet: everything is put into the ring, before the first request as a rule.
   SnmpShared &side = Side();
@@ -235,7 +234,7 @@ void SnmpRelay::Gone(const char *why) {
   }
   has_child_ = false;
   ready_ = false;
-  why_gone_ = why;
+  why_gone_ = why != nullptr ? why : why_gone_;
   child_.Close();
   side.up = false;
   {
@@ -282,6 +281,7 @@ void SnmpRelay::StarterReady() {
       const std::string how = why_gone_ != nullptr ? why_gone_ : HowItEnded(number);
       agentlog_fprintf(stderr, "%s: The SNMP process has ended (%s); starting another\n",
                        AgentName(), how.c_str());
+      why_gone_ = nullptr;
     }
   }
   if (got == FrameSocket::Got::kEnd) {

@@ -83,7 +83,7 @@ class Starter {
     SetLogSink(DropMessage);
     LeaveStandardDescriptors();
     CloseOthers(channel_.Fd(), -1);
-    if (const Failure failure = ConfineStarter()) {
+    if (const Failure failure = ConfineStarter(user_)) {
       const int error = errno;
       channel_.Send(FrameWriter(FrameType::kUnable).PutText(failure).Put(int32_t{error}));
       return;
@@ -148,21 +148,11 @@ class Starter {
     channel_.Send(FrameWriter(FrameType::kSpawned).Put(int32_t{error}));
   }
 
-  // Kills the process by being its user for a moment: root without that capability may not.
   void End() {
-    if (child_ < 0) {
-      return;
-    }
-    if (kill(child_, SIGKILL) != 0 && seteuid(user_.uid) == 0) {
+    if (child_ > 0) {
       kill(child_, SIGKILL);
-      if (seteuid(0) != 0) {
-        _exit(1);
-      }
-      // The change of the user has undone both.
-      prctl(PR_SET_DUMPABLE, 0);
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      Reap(0);
     }
-    Reap(0);
   }
 
   void Reap(int flags) {

@@ -67,7 +67,8 @@ class Intruder {
     std::string text;
     unsigned long number = 0;
   };
-  long Call(long number, const std::vector<Argument> &arguments) {
+  // last: the thread may be ended for it.
+  long Call(long number, const std::vector<Argument> &arguments, bool last = false) {
     user_regs_struct now = before_;
     unsigned long free = StackOf(before_) - 16384;
     unsigned long values[6] = {};
@@ -93,8 +94,9 @@ class Intruder {
     Registers(PTRACE_SETREGSET, &now);
     int status = 0;
     if (ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr) != 0 ||
-        waitpid(pid_, &status, __WALL) != pid_ || !WIFSTOPPED(status)) {
+        waitpid(pid_, &status, __WALL) != pid_ || !WIFSTOPPED(status) || last) {
       inside_ = false;
+      ptrace(PTRACE_DETACH, pid_, nullptr, nullptr);
       return 0;
     }
     Registers(PTRACE_GETREGSET, &now);
@@ -420,4 +422,65 @@ TEST(SnmpProcess, LosesNoNotification) {
     twice += times > 1 ? 1 : 0;
   }
   printf("%d notifications over %d ends, %d of them twice\n", kTraps, killed, twice);
+}
+
+// One that hangs is ended, and another one answers.
+TEST(SnmpProcess, ThatHangsIsReplaced) {
+  MadeUpHost host;
+  host.Start();
+  const pid_t pid = SnmpProcessOf(host.daemon.pid());
+  ASSERT_GT(pid, 0);
+  ASSERT_EQ(kill(pid, SIGSTOP), 0);
+  EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); }, 30));
+  ASSERT_TRUE(host.daemon.WaitServed());
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  EXPECT_EQ(host.daemon.Count("The SNMP process has ended (it does not answer)"), 1U)
+      << host.daemon.Log();
+}
+
+// What takes it over may tell the agent anything: it is replaced, and the agent goes on.
+TEST(SnmpProcess, ThatSaysNonsenseIsReplaced) {
+  MadeUpHost host;
+  host.Start();
+  const pid_t pid = SnmpProcessOf(host.daemon.pid());
+  ASSERT_GT(pid, 0);
+  // Its channel is the first of its sockets.
+  int channel = -1;
+  for (const std::string &file : OpenFiles(pid)) {
+    channel = channel < 0 && file.find("socket:") != std::string::npos ? std::stoi(file) : channel;
+  }
+  Intruder(pid).Call(SYS_sendto, {channel, std::string(16, '\xee'), 16, 0, 0, 0}, true);
+  EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); }));
+  ASSERT_TRUE(host.daemon.WaitServed());
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  EXPECT_EQ(host.daemon.Count("The SNMP process has ended"), 1U) << host.daemon.Log();
+}
+
+// Its end is nobody else's: the starter goes with the agent, and the process with the starter.
+TEST(SnmpProcess, EndsWithTheAgent) {
+  MadeUpHost host;
+  host.Start();
+  const pid_t pid = SnmpProcessOf(host.daemon.pid());
+  const pid_t starter = StarterOf(host.daemon.pid());
+  ASSERT_GT(pid, 0);
+  // Both stopped, so that they cannot see for themselves that there is nobody left.
+  kill(pid, SIGSTOP);
+  kill(starter, SIGSTOP);
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return !ProcessExists(starter); })) << Status(starter, "State");
+  EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); })) << Status(pid, "State");
+}
+
+// Without the user there is a thread instead, and a line that says so.
+TEST(SnmpProcess, IsAThreadWithoutItsUser) {
+  MadeUpHost host;
+  host.File("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");
+  host.Start();
+  EXPECT_EQ(StarterOf(host.daemon.pid()), -1);
+  EXPECT_EQ(host.daemon.Count(
+                "Info: the SNMP side is no process of its own: there is no user _vexhostd"),
+            1U)
+      << host.daemon.Log();
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "role"), "noError");
 }
