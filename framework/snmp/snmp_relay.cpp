@@ -25,6 +25,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
+// After want of memory: the next try must not take the processor for itself.
+constexpr milliseconds kRest{10};
 constexpr milliseconds kSlice{50};  // of a wait that the agent's end cuts short
 // An agent that was told to end has a second in all.
 constexpr milliseconds kLastNotifications{300};
@@ -166,7 +168,9 @@ std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::s
       return std::nullopt;
     }
     pollfd entries[] = {{starter_.Channel()->Fd(), POLLIN, 0}, {child_.Fd(), POLLIN, 0}};
-    if (poll(entries, 2, static_cast<int>(kSlice.count())) <= 0) {
+    const int ready = poll(entries, 2, static_cast<int>(kSlice.count()));
+    starter_.Channel()->Flush();
+    if (ready <= 0) {
       continue;
     }
     if (entries[1].revents != 0) {
@@ -330,7 +334,8 @@ void SnmpRelay::Take(FrameReader *frame) {
     return;
   }
   if (type == FrameType::kLog) {
-    TakeLog(frame->TakeText());
+    const std::string_view text = frame->TakeText();
+    Try([&] { TakeLog(text); });
     return;
   }
   if (!ready_) {
@@ -425,7 +430,28 @@ void SnmpRelay::TakeNotified(uint64_t number) {
 void SnmpRelay::TakeSetPart(FrameReader *frame) {
   const auto id = frame->Take<uint64_t>();
   const auto part = frame->Take<uint32_t>();
-  const Clock::time_point asked{Clock::duration(frame->Take<int64_t>())};
+  const Clock::time_point deadline =
+      std::min(Clock::time_point(Clock::duration(frame->Take<int64_t>())),
+               Clock::now() + SnmpRequests::kSetPatience);
+  const auto place = sets_.find(id);
+  const size_t parts = place != sets_.end() ? place->second.parts.size() : 0;
+  if (part != parts || parts >= kMostParts || sets_.size() >= kMostSets) {
+    Hostile();
+    return;
+  }
+  try {
+    AddSetPart(id, deadline, frame);
+  } catch (const std::bad_alloc &) {
+    // Nothing of it is or will be applied.
+    if (place != sets_.end()) {
+      vex::Sets().Release(*place->second.transaction);
+    }
+    sets_.erase(id);
+    TellSet(id, part, {SetPort::Check::kUndecided, 0}, {SetPort::Apply::kFailed, 0});
+  }
+}
+
+void SnmpRelay::AddSetPart(uint64_t id, Clock::time_point deadline, FrameReader *frame) {
   std::vector<SetItem> items;
   if (!vex::Take(frame, &items)) {
     Hostile();
@@ -444,23 +470,19 @@ void SnmpRelay::TakeSetPart(FrameReader *frame) {
     may = may && image != nullptr && MaySet(*image, item);
   }
   auto place = sets_.find(id);
-  const size_t parts = place != sets_.end() ? place->second.parts.size() : 0;
-  if (part != parts || parts >= kMostParts || sets_.size() >= kMostSets) {
-    Hostile();
-    return;
-  }
   if (place == sets_.end()) {
     Set set;
-    set.deadline = std::min(asked, Clock::now() + SnmpRequests::kSetPatience);
-    set.transaction = vex::Sets().Begin(set.deadline);
+    set.deadline = deadline;
+    set.transaction = vex::Sets().Begin(deadline);
     place = sets_.emplace(id, std::move(set)).first;
   }
-  place->second.parts.reserve(parts + 1);
+  Set &set = place->second;
+  set.parts.reserve(set.parts.size() + 1);
   if (!may) {
-    vex::Sets().Release(*place->second.transaction);
+    vex::Sets().Release(*set.transaction);
   }
-  vex::Sets().AddPart(*place->second.transaction, std::move(items));
-  place->second.parts.emplace_back();
+  vex::Sets().AddPart(*set.transaction, std::move(items));
+  set.parts.emplace_back();
 }
 
 void SnmpRelay::TakeAnswer(FrameReader *frame) {
@@ -530,9 +552,9 @@ void SnmpRelay::Connect() {
     finder_->Failed(errno);
     return;
   }
-  connected_ = true;
   const int descriptors[] = {socket.get()};
   Send(FrameWriter(FrameType::kConnected), descriptors);
+  connected_ = has_child_;
 }
 
 // Puts what waits into the ring, as far as there is room.
@@ -581,17 +603,25 @@ void SnmpRelay::Notify() {
     if (taken.empty()) {
       return;
     }
-    WaitingNotification &one = taken.front();
-    one.number = next_notification_++;
+    taken.front().number = next_notification_++;
     unanswered_.splice(unanswered_.end(), taken);
-    FrameWriter frame(FrameType::kNotify);
-    frame.Put(session_).Put(one.number);
-    Put(&frame, one.notification);
-    if (frame.Bytes().size() > FrameSocket::kLongest) {
-      TakeNotified(one.number);  // nor would it fit into a packet
-      continue;
+    const WaitingNotification &one = unanswered_.back();
+    try {
+      FrameWriter frame(FrameType::kNotify);
+      frame.Put(session_).Put(one.number);
+      Put(&frame, one.notification);
+      if (frame.Bytes().size() > FrameSocket::kLongest) {
+        TakeNotified(one.number);  // nor would it fit into a packet
+      } else {
+        Send(frame);
+      }
+    } catch (const std::bad_alloc &) {
+      short_of_memory_ = true;
+      Notifications back;
+      back.splice(back.end(), unanswered_, std::prev(unanswered_.end()));
+      queue.PutBack(std::move(back));
+      return;
     }
-    Send(frame);
   }
 }
 
@@ -603,13 +633,21 @@ void SnmpRelay::AskQueries() {
     fresh.swap(side.queries);
   }
   for (const std::shared_ptr<SnmpQuery> &query : fresh) {
-    const Descriptor socket(ready_ ? ConnectUdp(query->address, kSnmpPort) : -1);
-    if (!socket) {
-      query->Done();  // not asked
-      continue;
+    if (!Ask(query)) {
+      query->Done();
     }
+  }
+}
+
+// False when it could not be asked.
+bool SnmpRelay::Ask(const std::shared_ptr<SnmpQuery> &query) noexcept {
+  const Descriptor socket(ready_ ? ConnectUdp(query->address, kSnmpPort) : -1);
+  if (!socket) {
+    return false;
+  }
+  const uint64_t number = next_query_++;
+  try {
     FrameWriter frame(FrameType::kQuery);
-    const uint64_t number = next_query_++;
     frame.Put(number).PutText(query->community).Put(static_cast<uint32_t>(query->oid.size()));
     for (const uint32_t part : query->oid) {
       frame.Put(part);
@@ -617,7 +655,22 @@ void SnmpRelay::AskQueries() {
     queries_[number] = query;
     const int descriptors[] = {socket.get()};
     Send(frame, descriptors);
+    return true;
+  } catch (const std::bad_alloc &) {
+    queries_.erase(number);
+    return false;
   }
+}
+
+void SnmpRelay::TellSet(uint64_t id, uint32_t part, const SetPort::CheckResult &check,
+                        const SetPort::ApplyResult &apply) {
+  Send(FrameWriter(FrameType::kSetResult)
+           .Put(id)
+           .Put(part)
+           .Put(check.state)
+           .Put(int32_t{check.failed_item})
+           .Put(apply.state)
+           .Put(int32_t{apply.failed_item}));
 }
 
 // What has been decided of sets, or is so by the time.
@@ -633,17 +686,11 @@ void SnmpRelay::TellSets() {
         apply = vex::Sets().ApplyOf(*set.transaction, number);
       }
       if (AnyNews(part.check, check) || apply.state != part.apply.state) {
-        part = {check, apply};
-        Send(FrameWriter(FrameType::kSetResult)
-                 .Put(place->first)
-                 .Put(static_cast<uint32_t>(i))
-                 .Put(check.state)
-                 .Put(int32_t{check.failed_item})
-                 .Put(apply.state)
-                 .Put(int32_t{apply.failed_item}));
+        TellSet(place->first, static_cast<uint32_t>(i), check, apply);
         if (!has_child_) {
           return;  // and with it all sets
         }
+        part = {check, apply};
       }
     }
     // The process releases it; where it does not, nothing of it can happen any more.
@@ -672,19 +719,21 @@ void SnmpRelay::Ping() {
 
 // ---- The thread
 
-// What fails for want of memory leaves a state that is not known: the next process begins anew.
+// What is left undone for want of memory is done by a later pass.
 template <typename Function>
 void SnmpRelay::Try(Function function) {
   try {
     function();
   } catch (const std::bad_alloc &) {
-    Gone("the agent is short of memory");
-    spawn_at_ = std::max(spawn_at_, Clock::now() + milliseconds(100));
+    short_of_memory_ = true;
   }
 }
 
 Clock::time_point SnmpRelay::NextDue() const {
   Clock::time_point due = std::min(ticker_.NextDue(), Clock::now() + kSilence);
+  if (short_of_memory_) {
+    due = std::min(due, Clock::now() + kRest);
+  }
   if (!has_child_) {
     return std::min(due, spawn_at_);
   }
@@ -732,6 +781,7 @@ void SnmpRelay::Wait(Clock::time_point until) {
 
 void SnmpRelay::Work() {
   SnmpShared &side = Side();
+  short_of_memory_ = false;
   if (!has_child_ && !stopping_ && Clock::now() >= spawn_at_) {
     Try([this] {
       if (!Spawn()) {

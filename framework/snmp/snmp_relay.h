@@ -90,6 +90,7 @@ class SnmpRelay {
   void TakeSession(FrameReader *frame);
   void TakeNotified(uint64_t number);
   void TakeSetPart(FrameReader *frame);
+  void AddSetPart(uint64_t id, Clock::time_point deadline, FrameReader *frame);
   void TakeAnswer(FrameReader *frame);
   void TakeLog(std::string_view text);
   void Hostile();
@@ -100,7 +101,10 @@ class SnmpRelay {
   void PumpImages();
   void Notify();
   void AskQueries();
+  bool Ask(const std::shared_ptr<SnmpQuery> &query) noexcept;
   void TellSets();
+  void TellSet(uint64_t id, uint32_t part, const SetPort::CheckResult &check,
+               const SetPort::ApplyResult &apply);
   void Ping();
   Clock::time_point NextDue() const;
   void Ending();
@@ -118,7 +122,8 @@ class SnmpRelay {
   Restarts restarts_;
   bool said_often_ = false;
   bool stopping_ = false;
-  bool images_told_ = false;  // the process knows that there is much in the ring
+  bool short_of_memory_ = false;  // in this pass
+  bool images_told_ = false;      // the process knows that there is much in the ring
 
   bool connected_ = false;  // it has a connection to the master
   bool open_ = false;       // and a session

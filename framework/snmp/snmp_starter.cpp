@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,7 +41,9 @@ void CloseOthers(int one, int other) {
     return;
   }
   // A kernel before 5.9.
-  const auto most = static_cast<int>(sysconf(_SC_OPEN_MAX));
+  rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const auto most = static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20));
   for (int fd = STDERR_FILENO + 1; fd < most; fd++) {
     if (fd != one && fd != other) {
       close(fd);
@@ -105,10 +108,12 @@ class Starter {
     sigdelset(&waiting, SIGCHLD);
     for (;;) {
       Reap(WNOHANG);
-      pollfd entry = {channel_.Fd(), POLLIN, 0};
+      const short wanted = channel_.HasUnsent() ? POLLIN | POLLOUT : POLLIN;
+      pollfd entry = {channel_.Fd(), wanted, 0};
       if (ppoll(&entry, 1, nullptr, &waiting) <= 0) {
         continue;
       }
+      channel_.Flush();
       std::string_view bytes;
       FrameSocket::Descriptors descriptors;
       const FrameSocket::Got got = channel_.Receive(&bytes, &descriptors);
