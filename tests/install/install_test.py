@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 BUILD = ""
@@ -189,6 +190,45 @@ class Components(Installation):
         flags = run("pkg-config", "--cflags", "vexhostd",
                     PKG_CONFIG_PATH=everything + "/share/pkgconfig").split()
         run("cc", "-fsyntax-only", *flags, self.work + "/sibling.c")
+
+
+class Demo(Work):
+    """What ./run ends in, on a terminal that tmux plays."""
+
+    def tmux(self, *command):
+        return run("tmux", "-L", "vex-demo-" + os.path.basename(self.work), "-f", "/dev/null", *command)
+
+    def shown(self, text, seconds=60):
+        end = time.monotonic() + seconds
+        while text not in (screen := self.tmux("capture-pane", "-p")):
+            if time.monotonic() > end:
+                self.fail(f"never shown: {text}\n{screen}")
+            time.sleep(0.2)
+        return screen
+
+    def test_values_then_the_live_view_with_its_keys(self):
+        prefix = self.work + "/prefix"
+        run("cmake", "--install", BUILD, "--prefix", prefix)
+        before = os.listdir("/var/spool")
+        self.tmux("new-session", "-d", "-x", "100", "-y", "40",
+                  f"{SOURCE}/scripts/demo {prefix} 2>&1 | tee {self.work}/pipe-is-no-terminal;"
+                  f" {SOURCE}/scripts/demo {prefix}; echo status $?; sleep 600")
+        self.addCleanup(self.tmux, "kill-server")
+        # Behind a pipe it is the stream, which Ctrl-C ends.
+        self.shown("vexreg watch memory cpu")
+        self.tmux("send-keys", "C-c")
+        # On the terminal itself it is the full screen, which q leaves.
+        self.shown("? tells the keys")
+        self.shown("Memory")
+        self.tmux("send-keys", "?")
+        self.shown("quit")
+        self.tmux("send-keys", "Escape")
+        self.tmux("send-keys", "q")
+        screen = self.shown("status 0")
+        # The values are still there: the view had a screen of its own.
+        self.assertIn("tlxHoPhysicalMemoryFree.0 = INTEGER: ", screen)
+        self.assertEqual(os.listdir("/var/spool"), before)
+        self.assertEqual(run("pgrep", "-f", prefix + "/s?bin/", status=None), "")
 
 
 class Refusals(Work):
