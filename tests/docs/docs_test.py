@@ -168,7 +168,7 @@ class Options(unittest.TestCase):
 
 class Sources(unittest.TestCase):
     # What is no source or trace of the agent.
-    PLUMBING = {"/bin/sh", "/dev/null", "/dev/null/vexhostd", "/proc/self/fd", "/proc/self/fd/", "/proc/self/fd/%d", "/proc",
+    PLUMBING = {"/bin/sh", "/dev/null", "/dev/null/vexhostd", "/proc/self/task", "/proc/self/fd", "/proc/self/fd/", "/proc/self/fd/%d", "/proc",
                 "/proc/net/unix"}
 
     def test_every_path_of_the_code_is_described(self):
