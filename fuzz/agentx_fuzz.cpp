@@ -15,6 +15,7 @@
 #include "framework/snmp/mib_index.h"
 #include "framework/snmp/set_channel.h"
 #include "framework/snmp/snmp_requests.h"
+#include "framework/snmp/socket_transport.h"
 #include "fuzz/require.h"
 #include "platform/framework.h"
 
@@ -75,14 +76,19 @@ int RunSet(uint8_t phase, vex::SetItem &item) {
 class Master {
  public:
   Master()
-      : session_({"fuzz", socket_path, socket_path, {}, 15, 0, 127, vex::MibGroups()},
+      : session_({"fuzz", {socket_path, socket_path, {}}, 15, 0, 127, vex::MibGroups()},
                  {[this](netsnmp_pdu *pdu) { requests_.Handle(&session_, pdu, true, true); },
                   [this](const vex::AgentxSession::PacketHeader &request) {
                     requests_.HandleUnread(&session_, request);
                   },
-                  [] {}, [this] { requests_.SessionLost(); }}),
+                  [] {}, [] {}, [] {}, [] {},
+                  [this](bool was_open, bool) {
+                    if (was_open) {
+                      requests_.SessionLost();
+                    }
+                  }}),
         requests_(&Index(), channel) {
-    session_.Work();
+    Require(session_.Adopt(vex::StreamTransport(vex::ConnectUnix(socket_path))));
     connection_ = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     Require(connection_ >= 0);
   }

@@ -209,8 +209,13 @@ class SnmpSideTest : public testing::Test {
     master_ = std::make_unique<FakeMaster>(socket_);
     Start();
     ASSERT_TRUE(master_->AcceptAndRegister());
-    // Answered after the registrations were seen.
+    // Answered after the registrations were seen; where it is a process, the agent hears of them
+    // after the master does.
     ASSERT_TRUE(master_->Ask(master_->Get({NameOf(kText)})));
+    for (int i = 0; i < 3000 && !SnmpUp(); i++) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    ASSERT_TRUE(SnmpUp());
   }
   void PublishMisc() {
     int32_t number = 15;
