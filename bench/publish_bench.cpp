@@ -64,8 +64,8 @@ void PublishRow(benchmark::State &state) {
 }
 BENCHMARK(PublishRow)->Arg(1)->Arg(100)->Arg(10000);
 
-// The same while there is an SNMP process, for which the image is copied into shared memory; what the
-// process does with it is left out.
+// The same while there is an SNMP process, for which the image is copied into shared memory; what
+// the process does with it is left out.
 void PublishRowToProcess(benchmark::State &state) {
   const Rows rows(static_cast<int>(state.range(0)));
   auto ring = std::make_unique<vex::ImageRingWriter>();

@@ -477,9 +477,9 @@ TEST(SnmpProcess, IsAThreadWithoutItsUser) {
   host.File("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");
   host.Start();
   EXPECT_EQ(StarterOf(host.daemon.pid()), -1);
-  EXPECT_EQ(host.daemon.Count(
-                "Info: the SNMP side is no process of its own: there is no user _vexhostd"),
-            1U)
+  EXPECT_EQ(
+      host.daemon.Count("Info: the SNMP side is no process of its own: there is no user _vexhostd"),
+      1U)
       << host.daemon.Log();
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
   EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "role"), "noError");
