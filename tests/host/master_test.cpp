@@ -110,7 +110,7 @@ TEST(Master, CannotBeReachedWithoutAnSnmpSide) {
     options.wait = false;
     host.daemon.Start(options);
     EXPECT_EQ(host.daemon.WaitEnd(), 1) << limit << host.daemon.Log();
-    EXPECT_EQ(host.daemon.LinesWith("SNMP side"), std::vector<std::string>{line})
+    EXPECT_EQ(host.daemon.LinesWith("start the SNMP side"), std::vector<std::string>{line})
         << host.daemon.Log();
     EXPECT_EQ(MadeUpHost::Objects(), std::vector<std::string>{});
   }
