@@ -214,7 +214,7 @@ int AllowFewCalls() {
 // A directory that nobody can find, with nothing in it, and in which nothing can be made: it is
 // removed before it is entered.
 int EnterEmptyRoot() {
-  for (const char *place : {"/run", "/tmp", "/var/tmp"}) {
+  for (const char *place : {"/run", "/tmp"}) {
     std::string path = std::string(place) + "/vexhostd.XXXXXX";
     if (mkdtemp(path.data()) == nullptr) {
       continue;
