@@ -39,6 +39,13 @@ static const group *run_all(const group *const *order) {
   return nullptr;
 }
 
+// The result of a start that this group ends.
+static int start_failed(const group *failed) {
+  agentlog_fprintf(stderr, "%s: Start-up failed: the %s group could not be built\n", agent,
+                   failed->title);
+  return -1;
+}
+
 // The details for stations, each whatever became of the others.
 static void run_details() {
   for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0;
@@ -204,16 +211,15 @@ int init_agent(int argc, char **argv) {
   warn_without_community();
   const group *failed = run_all(start_order);
   if (failed != nullptr) {
-    agentlog_fprintf(stderr, "%s: Start-up failed: the %s group could not be built\n", agent,
-                     failed->title);
-    return -1;
+    return start_failed(failed);
   }
   if (agent_ending() != 0) {
     return 0;
   }
   check_snmpd_memory();
-  if (run_all(last_order) != nullptr) {
-    return -1;
+  failed = run_all(last_order);
+  if (failed != nullptr) {
+    return start_failed(failed);
   }
   run_details();
   return 0;

@@ -58,10 +58,14 @@ static constexpr variable variables[] = {
 };
 
 // The texts that a manager has set, as they stand and without an end.
-static kept_file role_file = {"tlxhosystemrole.dat", false};
-static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
+struct kept_text {
+  kept_file file;
+  bool unread;  // it may be there, and could not be read
+};
+static kept_text role_text = {{"tlxhosystemrole.dat", false}, false};
+static kept_text role_detail_text = {{"tlxhosystemroledetail.dat", false}, false};
 
-static constexpr const kept_file *kept_files[] = {&role_file, &role_detail_file, nullptr};
+static constexpr const kept_file *kept_files[] = {&role_text.file, &role_detail_text.file, nullptr};
 
 constexpr group info_group = described<info_block>({
     .name = "info",
@@ -79,13 +83,6 @@ constexpr group info_group = described<info_block>({
 enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
 
-// The texts that a manager has set, as they stand and without an end.
-struct kept_text {
-  kept_file file;
-  bool unread;  // it may be there, and could not be read
-};
-static kept_text role_text = {{"tlxhosystemrole.dat", false}, false};
-static kept_text role_detail_text = {{"tlxhosystemroledetail.dat", false}, false};
 static bool called;
 
 static info_block *block_of(registry_object *object) {
