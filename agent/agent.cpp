@@ -46,12 +46,27 @@ static int start_failed(const group *failed) {
   return -1;
 }
 
-// The details for stations, each whatever became of the others.
+// The details for stations, each whatever became of the others. One line when the first that fails
+// is another one than before, and one when all are refreshed again.
 static void run_details() {
+  static const group *reported;
+  const group *failed = nullptr;
   for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0;
        order++) {
-    (*order)->refresh();
+    if ((*order)->refresh() != 0 && failed == nullptr) {
+      failed = *order;
+    }
   }
+  if (failed == reported || agent_ending() != 0) {
+    return;
+  }
+  if (failed != nullptr) {
+    agentlog_fprintf(stderr, "%s: The %s group failed, and is not refreshed\n", agent,
+                     failed->title);
+  } else {
+    agentlog_fprintf(stderr, "%s: All groups of details are refreshed again\n", agent);
+  }
+  reported = failed;
 }
 
 // One line when polls begin to end early, or end at another group, and one when they are whole.

@@ -33,14 +33,6 @@ std::string StatusArrayText() {
 
 const std::vector<Exception> &Exceptions() {
   static const std::vector<Exception> exceptions = {
-      {"requests", "",
-       "(at once|three polls later): tlxHoSystemRole was answered noError, and (is STRING: \"mail "
-       "relay\"|its file has 10 bytes: mail relay)",
-       "a role whose file cannot be opened is answered noError and stays as it was"},
-      {"requests", "",
-       "(at once|three polls later): tlxHoSystemRoleDetail was answered noError, and (is STRING: "
-       "\"rack 7, slot 3\"|its file has 14 bytes: rack 7, slot 3)",
-       "the same of its detail"},
       {"", "",
        "- (kept host/fwver\\.|object host/fwver\\.(index| tlxHoFwVerDisplayName = Servala KX770 R7 "
        ".*)|"

@@ -247,6 +247,21 @@ TEST_F(Agent, PollsInOrderBetweenTheAlarms) {
   EXPECT_EQ(rec::Count("log_data", "host/hwinfo"), 0);
 }
 
+TEST_F(Agent, AGroupOfDetailsThatFailsIsALineAndHoldsUpNoOther) {
+  rec::Fail("create_obj", "host/load");
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Messages().back(), "vexhostd: The load group failed, and is not refreshed\n");
+  rec::ForgetEvents();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+  EXPECT_EQ(rec::Count("log_data", "host/agent"), 1);
+  rec::StopFailing();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{"vexhostd: All groups of details are refreshed again\n"});
+}
+
 TEST_F(Agent, AFailingCollectorEndsTheRefreshAndNotTheAgent) {
   ASSERT_EQ(Start({"-i"}), 0);
   rec::ForgetEvents();
