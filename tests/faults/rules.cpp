@@ -52,7 +52,10 @@ const std::vector<Exception> &Exceptions() {
       {"", "",
        "[-+] (object host/misc tlxHoMibStatusArray = " + StatusArrayText() +
            "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.5\\.0 = Hex-STRING: " +
-           kStatusArray + " ?)",
+           kStatusArray +
+           " ?|object host/sibling\\.11 tlxHoSiblingCondition = [23]"
+           "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.200\\.3\\.1\\.1\\.4\\.11 = INTEGER: "
+           "[23])",
        "a peer's condition in the status array, this agent's own among them, is the one of its "
        "start"},
       {"", "",
