@@ -12,7 +12,7 @@
 #include "framework/snmp/image_ring.h"
 #include "platform/framework.h"
 
-namespace vex {
+namespace vex::snmp_wire_test {
 namespace {
 
 constexpr char kNumber[] = "tlxHoOsCommonPollFreq";
@@ -320,4 +320,4 @@ TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
   close(pipe_ends[1]);
 }
 
-}  // namespace vex
+}  // namespace vex::snmp_wire_test
