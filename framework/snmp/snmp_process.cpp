@@ -308,6 +308,8 @@ class ProcessSeat final : public SnmpSeat {
     Tell(SessionEvent::kEnded);
   }
   void SessionOpen() override {
+    // What was on its way when the session before ended is the agent's again.
+    notifications_.Forget();
     session_++;
     Tell(SessionEvent::kOpen);
   }
