@@ -15,8 +15,10 @@ LABELS = {
     # cost the whole scrape. The rules leave it out.
     "tlxHoSwVerTable": ["tlxHoSwVerName", "tlxHoSwVerVersion"],
     "tlxHoFwVerTable": ["tlxHoFwVerDisplayName", "tlxHoFwVerVersion", "tlxHoFwVerLocation"],
+    "tlxHoSwKindTable": ["tlxHoSwKindName", "tlxHoSwVerVersion"],
+    "tlxHoFwKindTable": ["tlxHoFwKindName", "tlxHoFwVerVersion", "tlxHoFwKindLocation"],
 }
-KEEP_ROW = {"tlxHoSwVerTable", "tlxHoFwVerTable"}
+KEEP_ROW = {"tlxHoSwVerTable", "tlxHoFwVerTable", "tlxHoSwKindTable", "tlxHoFwKindTable"}
 # What a time series says nothing about: hexadecimal arrays, dates, what never changes.
 LEFT_OUT = {"tlxHoMibStatusArray", "tlxHoMibHealthStatusArray", "tlxHoClientLastModified",
             "tlxHoSwVerDate", "tlxHoGUID", "tlxHoTrapFlags", "tlxHoCodeServer",

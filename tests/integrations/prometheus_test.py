@@ -115,12 +115,15 @@ class Prometheus(unittest.TestCase):
         variables, rows = {}, []
         for name, values in self.room.dump("host/*").items():
             if re.search(r"\.\d+$", name):
-                # A mount's row describes the file system's as well.
+                # A row beside another table's describes that one's as well.
                 rows.append((name.rsplit(".", 1), values))
             else:
                 variables.update(values)
-        mounts = {n: v for (group, n), v in rows if group == "host/mount"}
-        rows = [dict(values, **(mounts.get(n, {}) if group == "host/filesys" else {}))
+        known = {(group, n): values for (group, n), values in map(
+            lambda row: (tuple(row[0]), row[1]), rows)}
+        beside = {"host/filesys": "host/mount", "host/swkind": "host/swver",
+                  "host/fwkind": "host/fwver"}
+        rows = [dict(values, **known.get((beside.get(group), n), {}))
                 for (group, n), values in rows]
         found, seen = [], set()
         for labels, value in self.query("{__name__=~\"tlx.*\"}"):
