@@ -80,9 +80,12 @@ class Exporter:
 
     def module(self):
         metrics = [line for name in self.samples() for line in self.metric(name)]
-        columns = [self.modules.oid(n) for n, v in self.wanted() if v["column"]]
+        # Whole rows: a walk of each column for itself would have every answer filled up with what is
+        # behind that column, several times what is wanted.
+        entries = dict.fromkeys(self.modules.tables[n].find("row").get("oid")
+                                for n, v in self.wanted() if v["column"])
         scalars = [self.modules.oid(n) + ".0" for n, v in self.wanted() if not v["column"]]
-        return (["walk:"] + [f"- {oid}" for oid in columns] + ["get:"] +
+        return (["walk:"] + [f"- {oid}" for oid in entries] + ["get:"] +
                 [f"- {oid}" for oid in scalars] + ["metrics:"] + metrics)
 
 
