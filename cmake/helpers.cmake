@@ -49,3 +49,15 @@ function(vex_shared_library name map inside)
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
   vex_install(program ${CMAKE_INSTALL_LIBDIR} TARGETS ${name} LIBRARY)
 endfunction()
+
+# vex_together(TARGET...): their sources are compiled several at once, where VEX_TOGETHER wants it.
+function(vex_together)
+  if(VEX_TOGETHER)
+    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 7)
+    foreach(target IN LISTS ARGN)
+      # A type of an anonymous namespace in a header's class is in one place all the same.
+      target_compile_options(${target} PRIVATE
+        $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage>)
+    endforeach()
+  endif()
+endfunction()

@@ -161,6 +161,17 @@ std::string PipeAmongFiles(const std::string &application) {
   return "";
 }
 
+// The library passes over a directory in a file's place without a word.
+void ReportDirectoriesAmongFiles(const std::string &application) {
+  for (const std::string &path : ConfigurationFiles(application)) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+      agentlog_fprintf(stderr, "%s: %s: It is a directory, and not read\n", application.c_str(),
+                       path.c_str());
+    }
+  }
+}
+
 // Whether the library looks in that directory for an application's files. A file of the same name
 // elsewhere is one that another application's file includes.
 bool IsConfigurationDirectory(std::string_view directory) {
@@ -264,6 +275,7 @@ SnmpFiles ReadSnmpFiles(const std::string &application) {
     none.failed = pipe + ": It is a pipe";
     return none;
   }
+  ReportDirectoriesAmongFiles(application);
   register_config_handler(application.c_str(), "pollInterval", ReadPollInterval, nullptr,
                           "SECONDS");
   register_config_handler(application.c_str(), "community", ReadCommunity, nullptr, "NAME");

@@ -5,7 +5,6 @@
 
 #include "tests/support/golden_host.h"
 #include "tests/support/made_up_host.h"
-#include "tests/support/smbios_tables.h"
 
 using namespace made_up;
 
@@ -37,20 +36,6 @@ std::string Processors(int count) {
 }
 
 }  // namespace
-
-TEST(MadeUpCapture, VirtualMachine) {
-  MadeUpHost host;
-  host.Hostname("guest.example");
-  StillRoot(&host);
-  const vex::SmbiosImage smbios = vex::AssembleSmbios(
-      "entry 2.8\n"
-      "0: 01 02 w=0 03 to=24 \"Virtual firmware\" \"1.16\" \"04/01/2014\"\n"
-      "1: 01 02 00 00 {0011223344556677889900aabbccddee} to=27 \"Virtual\" \"Machine (i440)\"\n");
-  host.Directory("/sys/firmware/dmi/tables");
-  vex::WriteSmbios(smbios, "/sys/firmware/dmi/tables");
-  host.Start();
-  Capture(&host, "virtual-machine");
-}
 
 TEST(MadeUpCapture, LargeServer) {
   constexpr int kProcessors = 256;

@@ -209,6 +209,14 @@ TEST(Configuration, APipeIsRefusedAtOnce) {
   EXPECT_EQ(host.daemon.Count("/etc/snmp/vexhostd.conf: It is a pipe"), 1U) << host.daemon.Log();
 }
 
+TEST(Configuration, ADirectoryInTheFilesPlaceIsALine) {
+  MadeUpHost host;
+  host.Directory("/etc/snmp/vexhostd.conf");
+  EXPECT_EQ(Period(&host, {"-i"}), 15U);
+  EXPECT_EQ(host.daemon.Count("/etc/snmp/vexhostd.conf: It is a directory, and not read"), 1U)
+      << host.daemon.Log();
+}
+
 TEST(Configuration, PollIntervalIsHeldAtAMinute) {
   MadeUpHost host;
   for (const char *seconds : {"61", "600", "99999999999999999999"}) {

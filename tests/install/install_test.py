@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 BUILD = ""
@@ -41,23 +42,33 @@ class Work(unittest.TestCase):
         work = tempfile.TemporaryDirectory()
         self.addCleanup(work.cleanup)
         self.work = work.name
-        # Beside the others, where ccache knows what they have compiled.
-        self.build = tempfile.mkdtemp(prefix="install-", dir=os.path.dirname(BUILD))
-        self.addCleanup(shutil.rmtree, self.build, ignore_errors=True)
-
-    def configure(self, *options):
-        """A tree of its own: what a build tree notes of installations is not shared. Compiled is what
-        ccache does not have."""
-        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja", "-DVEX_WERROR=ON",
-            "-DVEX_CCACHE=ON", "-DCMAKE_BUILD_TYPE=RelWithDebInfo", *options)
-        run("cmake", "--build", self.build)
 
     def read(self, path):
         with open(path, encoding="utf-8") as file:
             return file.read()
 
 
-class Places(Work):
+class Installation(Work):
+    """Of a copy of the build tree, in its own place: an overlay that only this process sees, so that
+    nothing is compiled again but what an option changes."""
+
+    def setUp(self):
+        super().setUp()
+        self.build = BUILD
+        layer = tempfile.mkdtemp(prefix="install-", dir=os.path.dirname(BUILD))
+        self.addCleanup(shutil.rmtree, layer, ignore_errors=True)
+        for part in ("upper", "work"):
+            os.mkdir(f"{layer}/{part}")
+        run("mount", "-t", "overlay", "overlay", "-o",
+            f"lowerdir={BUILD},upperdir={layer}/upper,workdir={layer}/work", BUILD)
+        self.addCleanup(run, "umount", "--lazy", BUILD)
+
+    def configure(self, *options):
+        run("cmake", "-S", SOURCE, "-B", self.build, "-DVEX_TESTS=OFF", "-DVEX_BENCH=OFF", *options)
+        run("cmake", "--build", self.build)
+
+
+class Places(Installation):
     def test_odd_places_below_a_staged_prefix(self):
         self.configure(*(f"-DCMAKE_INSTALL_{name}={place}" for name, place in ODD.items()))
         stage, prefix = self.work + "/stage", "/srv/odd-place"
@@ -149,7 +160,7 @@ class Places(Work):
                 self.assertEqual("SNMPCONFPATH" in unit, prefix != "/usr")
 
 
-class Components(Work):
+class Components(Installation):
     def test_each_by_itself_and_all_of_it(self):
         self.configure()
         everything = self.work + "/all"
@@ -182,8 +193,51 @@ class Components(Work):
         run("cc", "-fsyntax-only", *flags, self.work + "/sibling.c")
 
 
+class Demo(Work):
+    """What ./run ends in, on a terminal that tmux plays."""
+
+    def tmux(self, *command):
+        return run("tmux", "-L", "vex-demo-" + os.path.basename(self.work), "-f", "/dev/null", *command)
+
+    def shown(self, text, seconds=60):
+        end = time.monotonic() + seconds
+        while text not in (screen := self.tmux("capture-pane", "-p")):
+            if time.monotonic() > end:
+                self.fail(f"never shown: {text}\n{screen}")
+            time.sleep(0.2)
+        return screen
+
+    def test_values_then_the_live_view_with_its_keys(self):
+        prefix = self.work + "/prefix"
+        run("cmake", "--install", BUILD, "--prefix", prefix)
+        before = os.listdir("/var/spool")
+        self.tmux("new-session", "-d", "-x", "100", "-y", "40",
+                  f"{SOURCE}/scripts/demo {prefix} 2>&1 | tee {self.work}/pipe-is-no-terminal;"
+                  f" {SOURCE}/scripts/demo {prefix}; echo status $?; sleep 600")
+        self.addCleanup(self.tmux, "kill-server")
+        # Behind a pipe it is the stream, which Ctrl-C ends.
+        self.shown("vexreg watch memory cpu")
+        self.tmux("send-keys", "C-c")
+        # On the terminal itself it is the full screen, which q leaves.
+        self.shown("? tells the keys")
+        self.shown("Memory")
+        self.tmux("send-keys", "?")
+        self.shown("quit")
+        self.tmux("send-keys", "Escape")
+        self.tmux("send-keys", "q")
+        screen = self.shown("status 0")
+        # The values are still there: the view had a screen of its own.
+        self.assertIn("tlxHoPhysicalMemoryFree.0 = INTEGER: ", screen)
+        self.assertEqual(os.listdir("/var/spool"), before)
+        self.assertEqual(run("pgrep", "-f", prefix + "/s?bin/", status=None), "")
+
+
 class Refusals(Work):
     """What cannot be built is refused by cmake, with a sentence."""
+
+    def setUp(self):
+        super().setUp()
+        self.build = self.work + "/build"
 
     def refusal(self, *options):
         shutil.rmtree(self.build, ignore_errors=True)
@@ -201,6 +255,8 @@ class Refusals(Work):
                      for what in ("=" + compiler, "_TARGET=s390x-linux-gnu"))))
 
     def test_missing_libraries_are_named_with_their_packages(self):
+        complete = self.work + "/complete"
+        run("cmake", "-S", SOURCE, "-B", complete, "-G", "Ninja")
         for option, package in (("VEX_FOUND_net_snmp_HEADER=", "libsnmp-dev"),
                                 ("VEX_FOUND_net_snmp_netsnmpagent=", "libsnmp-dev"),
                                 ("VEX_FOUND_ncurses_tinfo=", "libncurses-dev"),
@@ -212,8 +268,13 @@ class Refusals(Work):
                                 ("CMAKE_DISABLE_FIND_PACKAGE_benchmark=ON", "libbenchmark-dev"),
                                 ("VEX_FOUND_libseccomp_HEADER=", "libseccomp-dev")):
             name, value = option.split("=")
-            said = self.refusal("-DVEX_TESTS=ON", "-DVEX_BENCH=ON",
-                                f"-D{name}={value}")
+            # What cmake knows of the compiler need not be found out ten times.
+            shutil.rmtree(self.build, ignore_errors=True)
+            os.mkdir(self.build)
+            shutil.copytree(complete + "/CMakeFiles", self.build + "/CMakeFiles")
+            said = " ".join(run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja",
+                                "-DVEX_TESTS=ON", "-DVEX_BENCH=ON", f"-D{name}={value}",
+                                status=1).split())
             self.assertRegex(said, f"Missing: .*apt install {package};")
 
     def test_the_program_alone_wants_nothing_of_the_tests(self):
@@ -267,5 +328,9 @@ class Refusals(Work):
 
 
 if __name__ == "__main__":
+    if "VEX_INSTALL_ALONE" not in os.environ:
+        # In a mount namespace of its own.
+        os.environ["VEX_INSTALL_ALONE"] = "1"
+        os.execvp("unshare", ["unshare", "--mount", sys.executable, *sys.argv])
     BUILD = os.path.abspath(sys.argv.pop(1))
     unittest.main(verbosity=2)

@@ -10,7 +10,6 @@
 namespace vex {
 namespace {
 
-constexpr char kAgent[] = "vexhostd";
 constexpr char kOwnDirectory[] = "host";
 
 // 0, or the error of listing a directory below the root. One that is not there is no error.
@@ -56,7 +55,7 @@ std::string WhyNothing(const std::string &root) {
   facts.root = root;
   facts.error = ListingError(root);
   facts.agent_hidden = ProcessesHidden();
-  facts.agent_runs = !FindProcesses(kAgent).empty();
+  facts.agent_runs = !FindProcesses(kAgentName).empty();
   return JudgeAbsence(facts);
 }
 

@@ -37,7 +37,6 @@
 namespace vex {
 namespace {
 
-constexpr char kAgent[] = "vexhostd";
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kUsualPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // a registry and a log are not for everybody
@@ -144,10 +143,10 @@ class Collector {
   }
 
   void FindAgent() {
-    const auto processes = FindProcesses(kAgent);
+    const auto processes = FindProcesses(kAgentName);
     agent_ = processes.empty() ? 0 : processes.front().pid;
     if (agent_ == 0) {
-      Omit(kAgent, "does not run");
+      Omit(kAgentName, "does not run");
     }
     const auto path = agent_ != 0 ? VariableOf(agent_, "PATH") : std::nullopt;
     search_ = path && *path ? **path : kUsualPath;
@@ -318,7 +317,7 @@ class Collector {
       const std::string last = program.substr(program.rfind('/') + 1);
       const bool sibling = std::any_of(std::begin(kSiblings), std::end(kSiblings),
                                        [&](const char *part) { return last.starts_with(part); });
-      if (sibling && !last.starts_with("vexreg") && !last.starts_with(kAgent)) {
+      if (sibling && !last.starts_with("vexreg") && !last.starts_with(kAgentName)) {
         capture_.siblings.push_back(program);
       }
     }
@@ -337,7 +336,7 @@ class Collector {
       }
     }
     PrepareSnmpLibrary();
-    const SnmpFiles files = ReadSnmpFiles(kAgent);
+    const SnmpFiles files = ReadSnmpFiles(kAgentName);
     if (files.source == CommunitySource::kNone) {
       Omit("snmpd", "no community to ask it with");
       return;
@@ -447,9 +446,9 @@ class Collector {
         Omit(file, "cannot be read");
       }
     }
-    const ChildOutput output = RunProgram(
-        {"journalctl", "--unit", kAgent, "--lines", "2000", "--no-pager", "--output", "short-iso"},
-        search_, kCommandSeconds, kMostOutput);
+    const ChildOutput output = RunProgram({"journalctl", "--unit", kAgentName, "--lines", "2000",
+                                           "--no-pager", "--output", "short-iso"},
+                                          search_, kCommandSeconds, kMostOutput);
     if (output.end == ChildOutput::kExited && output.status == 0) {
       Put(std::string(kLogMembers) + "journal",
           WithoutWords(LastOf(output.out, kMostLog), secrets_), time(nullptr));

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +27,12 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr size_t kMostFileBytes = size_t{256} << 20;  // of a capture, compressed
-constexpr char kTemporary[] = "/tmp/vexreg.XXXXXX";
+constexpr char kTemporary[] = "vexreg.XXXXXX";
+
+void RemoveTree(const std::string &root) {
+  std::error_code ignored;
+  std::filesystem::remove_all(root, ignored);
+}
 
 // What an object has under a name, when it is of that type.
 std::string TextAt(const Json &object, const char *name) {
@@ -255,10 +261,38 @@ bool WriteBelow(int directory, const std::string &name, std::string_view bytes, 
 }
 
 CapturedRegistry::~CapturedRegistry() {
-  if (!root_.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
+  if (sweeper_ > 0) {
+    alive_.Reset();
+    waitpid(sweeper_, nullptr, 0);
   }
+  if (!root_.empty()) {
+    RemoveTree(root_);
+  }
+}
+
+// Without one the directory is removed by this process alone.
+void CapturedRegistry::StartSweeper() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    return;
+  }
+  Descriptor seen(ends[0]);
+  alive_.Reset(ends[1]);
+  sweeper_ = fork();
+  if (sweeper_ != 0) {
+    return;
+  }
+  // Ctrl-C is for all of a terminal's processes, and this one has its work to do then.
+  setsid();
+  alive_.Reset();
+  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    close(standard);
+  }
+  char end;
+  while (read(seen.get(), &end, 1) < 0 && errno == EINTR) {
+  }
+  RemoveTree(root_);
+  _exit(0);
 }
 
 bool CapturedRegistry::Open(const std::string &path) {
@@ -267,12 +301,15 @@ bool CapturedRegistry::Open(const std::string &path) {
     return false;
   }
   capture_ = std::move(*capture);
-  std::string directory = kTemporary;
+  std::error_code unusable;
+  std::filesystem::path place = std::filesystem::temp_directory_path(unusable);
+  std::string directory = (unusable ? std::filesystem::path("/tmp") : place) / kTemporary;
   if (mkdtemp(directory.data()) == nullptr) {
     Complain(directory + ": " + strerror(errno));
     return false;
   }
   root_ = directory;
+  StartSweeper();
   const Descriptor root(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   for (const Member &member : capture_.members) {
     if (member.name.starts_with(kRegistryMembers) &&

@@ -2,6 +2,8 @@
 #ifndef VEX_TOOLS_VEXREG_CAPTURED_HOST_H
 #define VEX_TOOLS_VEXREG_CAPTURED_HOST_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/process/descriptor.h"
 #include "tools/vexreg/archive.h"
 
 namespace vex {
@@ -79,7 +82,8 @@ std::optional<Capture> CaptureOf(std::vector<Member> members, std::string *error
 // Reads a file ("-": standard input). Nothing after a complaint.
 std::optional<Capture> ReadCapture(const std::string &path);
 
-// A capture's registry as files, in a directory of this user's that goes away again.
+// A capture's registry as files, in a directory of this user's (below TMPDIR, else /tmp) that goes
+// away again, also when this process is killed: a child waits for its end.
 class CapturedRegistry {
  public:
   CapturedRegistry() = default;
@@ -96,8 +100,12 @@ class CapturedRegistry {
   }
 
  private:
+  void StartSweeper();
+
   Capture capture_;
   std::string root_;
+  Descriptor alive_;  // closed by this process's end, which the sweeper sees
+  pid_t sweeper_ = -1;
 };
 
 // The directories above a relative name and the file itself, below a directory that only this user

@@ -26,7 +26,6 @@
 namespace vex {
 namespace {
 
-constexpr char kApplication[] = "vexhostd";
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kDirectory[] = "host/";
 constexpr int kUsualPollSeconds = 15;
@@ -102,7 +101,7 @@ class Examination {
   void LookAtProcesses() {
     hidden_ = ProcessesHidden();
     master_ = FindProcesses("snmpd");
-    agent_ = FindProcesses(kApplication);
+    agent_ = FindProcesses(kAgentName);
     Say(JudgeProcess("snmpd", master_, hidden_));
     Say(JudgeAgent(agent_, hidden_));
   }
@@ -146,10 +145,10 @@ class Examination {
   void ReadConfiguration() {
     TakeAgentsEnvironment();
     PrepareSnmpLibrary();
-    RegisterAgentxSocket(kApplication);
+    RegisterAgentxSocket(kAgentName);
     RegisterMasterSettings();
-    files_ = ReadSnmpFiles(kApplication);
-    unreadable_ = UnreadableSnmpFiles(kApplication);
+    files_ = ReadSnmpFiles(kAgentName);
+    unreadable_ = UnreadableSnmpFiles(kAgentName);
     Say(JudgeCommunity(files_.source, unreadable_, files_.users));
   }
 

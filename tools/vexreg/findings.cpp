@@ -76,12 +76,12 @@ std::string FilesOf(const std::vector<std::string> &objects) {
 
 // The view or subtree of an access line: what follows SOURCE (snmpd.conf(5): rocommunity COMMUNITY
 // [SOURCE [OID | -V VIEW [CONTEXT]]]).
-struct Shown {
+struct AccessPart {
   std::string view;
   std::string oid;
 };
-Shown ShownBy(const std::vector<std::string> &line) {
-  Shown shown;
+AccessPart ShownBy(const std::vector<std::string> &line) {
+  AccessPart shown;
   if (line.size() > 4 && line[3] == "-V") {
     shown.view = line[4];
   } else if (line.size() > 3 && line[0].starts_with("r")) {
@@ -92,7 +92,7 @@ Shown ShownBy(const std::vector<std::string> &line) {
 
 std::string ViewAdvice(const std::vector<std::string> &line) {
   const std::string restart = "; then restart snmpd.";
-  const Shown shown = ShownBy(line);
+  const AccessPart shown = ShownBy(line);
   if (!shown.view.empty()) {
     return "Add to snmpd.conf: view " + shown.view + " included " + kSubtree + restart;
   }
@@ -139,7 +139,7 @@ Finding JudgeProcess(const std::string &name, const std::vector<ProcessFact> &fo
 }
 
 Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden) {
-  Finding finding = JudgeProcess("vexhostd", found, hidden);
+  Finding finding = JudgeProcess(kAgentName, found, hidden);
   if (finding.verdict != Verdict::kOk) {
     return finding;
   }

@@ -16,6 +16,9 @@
 
 namespace vex {
 
+// The agent's process, and what it is called in SNMP's configuration and as a service.
+inline constexpr char kAgentName[] = "vexhostd";
+
 enum class Verdict { kOk, kNote, kFail };
 
 // A check's outcome: what was seen and, when it is not well, what to do next.

@@ -33,7 +33,6 @@
 namespace vex {
 namespace {
 
-constexpr char kAgentName[] = "vexhostd";
 constexpr char kUnixSocketTable[] = "/proc/net/unix";
 
 // Messages of the libraries that look at a source, for the finding about it.

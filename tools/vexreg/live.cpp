@@ -17,7 +17,6 @@
 namespace vex {
 namespace {
 
-constexpr char kAgent[] = "vexhostd";
 // A look at many objects is repeated only after this many times what it took.
 constexpr double kRest = 10;
 // Whether the agent runs is looked at no more often: that reads of every process.
@@ -30,7 +29,7 @@ double Now() {
 
 AgentSight SeeAgent() {
   AgentSight sight;
-  const std::vector<ProcessFact> agents = FindProcesses(kAgent);
+  const std::vector<ProcessFact> agents = FindProcesses(kAgentName);
   sight.runs = !agents.empty();
   sight.stopped = sight.runs && std::all_of(agents.begin(), agents.end(), IsStopped);
   sight.hidden = ProcessesHidden();

@@ -31,6 +31,7 @@
 #include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/controller_replies.h"
+#include "tools/vexreg/findings.h"
 #include "tools/vexreg/replace_file.h"
 #include "tools/vexreg/replay_room.h"
 #include "tools/vexreg/served.h"
@@ -348,7 +349,7 @@ int Replay(const std::string &file, const ReplayOptions &options) {
   }
   const ControllerReplies replies = RepliesFor(objects);
   Settings settings;
-  settings.room = {options.agent.empty() ? Beside("vexhostd", VEXREG_TO_SBIN) : options.agent,
+  settings.room = {options.agent.empty() ? Beside(kAgentName, VEXREG_TO_SBIN) : options.agent,
                    Beside("vexreg-replay.so", VEXREG_TO_LIB), replies.card};
   settings.exact = options.exact;
   settings.seconds = options.seconds;

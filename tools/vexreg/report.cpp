@@ -12,6 +12,7 @@
 #include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/findings.h"
 #include "tools/vexreg/page.h"
 #include "tools/vexreg/replace_file.h"
 
@@ -91,7 +92,7 @@ int Report(const std::string &root, const std::string &program, const Capture *c
                                            kUsualPath, kDoctorSeconds + 5, kMostBytes)
                                     .out);
     const ChildOutput log =
-        RunProgram({"journalctl", "--unit", "vexhostd", "--lines", std::to_string(kLogLines),
+        RunProgram({"journalctl", "--unit", kAgentName, "--lines", std::to_string(kLogLines),
                     "--no-pager", "--output", "short-iso"},
                    kUsualPath, kLogSeconds, kMostBytes);
     if (log.end == ChildOutput::kExited && log.status == 0) {

@@ -66,7 +66,7 @@ void Take(microseconds time) {
   }
 }
 
-int RunOne(uint8_t phase, SetItem &item) {
+int RunAsModel(uint8_t phase, SetItem &item) {
   const std::shared_ptr<Variable> variable = At(item.slot);
   if (variable == nullptr) {
     applied_long_after += phase == SET_CHECK ? 0 : 1;
@@ -210,7 +210,7 @@ TEST(SetModel, NoneIsAppliedLateHalfOrTwice) {
     while (!stop) {
       pollfd entry = {channel.Fd(), POLLIN, 0};
       if (poll(&entry, 1, 5) > 0) {
-        channel.Serve(RunOne);
+        channel.Serve(RunAsModel);
       }
     }
   });

@@ -488,6 +488,30 @@ TEST_F(Command, SaysWhenItsOutputIsNotTaken) {
 
 // ---- watch ------------------------------------------------------------------------------------
 
+TEST_F(Command, LeavesNothingOfACaptureEvenKilled) {
+  const TempRegistry temporary;
+  const std::string output = registry_.root() + "/output";
+  ASSERT_EQ(mkfifo(output.c_str(), 0600), 0);
+  const int held = open(output.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(held, 0);
+  const auto left = [&] { return !std::filesystem::is_empty(temporary.root()); };
+  made_up::ProcessOptions options;
+  options.environment = {{"TMPDIR", temporary.root()}};
+  options.log = output;
+  for (const int signal : {SIGKILL, SIGINT, SIGTERM}) {
+    made_up::Process shown;
+    // More than a pipe takes: it waits there.
+    shown.Start(
+        {VEXREG_PATH, "dump", "--capture", VEX_SOURCE_DIR "/tests/captures/large-server.tar.zst"},
+        options);
+    ASSERT_TRUE(Eventually(left));
+    shown.Signal(signal);
+    EXPECT_EQ(shown.Wait(), 128 + signal);
+    EXPECT_TRUE(Eventually([&] { return !left(); })) << signal;
+  }
+  close(held);
+}
+
 TEST_F(Command, WatchPrintsEachChangeWhereThereIsNoTerminal) {
   Output({"put", "h/a", "int:1", "str:9:x"});
   made_up::Process watch;

@@ -202,46 +202,46 @@ TEST_F(Tables, HeadingWords) {
   EXPECT_EQ(HeadingWords(""), (Words{""}));
 }
 
-std::string Shown(const MadeVariable &variable) {
+std::string Drawn(const MadeVariable &variable) {
   const FileObject object = MadeObject({variable});
   return ValueText(object, object.variables[0]);
 }
 
 TEST_F(Tables, Dates) {
-  EXPECT_EQ(Shown(Octets("d", 7, "\x07\xE8\x03\x05\x0E\x07\x09")), "2024-03-05 14:07:09");
-  EXPECT_EQ(Shown(Octets("d", 256, "\x07\xE8\x0C\x1F\x17\x3B\x3C")), "2024-12-31 23:59:60");
-  EXPECT_EQ(Shown(Octets("d", 7, std::string("\xFF\xFF\0\0\0\0\0", 7))), "never");
-  EXPECT_EQ(Shown(Octets("d", 7, std::string(7, '\0'))), "-");
-  EXPECT_EQ(Shown(Octets("d", 7, "\x07\xE8\x0D\x05\x0E\x07\x09")), "07e80d05 0e0709");
-  EXPECT_EQ(Shown(Octets("d", 7, "\x07\xE8\x03\x20\x0E\x07\x09")), "07e80320 0e0709");
-  EXPECT_EQ(Shown(Octets("d", 7, "\x07\xE8\x03\x05\x18\x07\x09")), "07e80305 180709");
+  EXPECT_EQ(Drawn(Octets("d", 7, "\x07\xE8\x03\x05\x0E\x07\x09")), "2024-03-05 14:07:09");
+  EXPECT_EQ(Drawn(Octets("d", 256, "\x07\xE8\x0C\x1F\x17\x3B\x3C")), "2024-12-31 23:59:60");
+  EXPECT_EQ(Drawn(Octets("d", 7, std::string("\xFF\xFF\0\0\0\0\0", 7))), "never");
+  EXPECT_EQ(Drawn(Octets("d", 7, std::string(7, '\0'))), "-");
+  EXPECT_EQ(Drawn(Octets("d", 7, "\x07\xE8\x0D\x05\x0E\x07\x09")), "07e80d05 0e0709");
+  EXPECT_EQ(Drawn(Octets("d", 7, "\x07\xE8\x03\x20\x0E\x07\x09")), "07e80320 0e0709");
+  EXPECT_EQ(Drawn(Octets("d", 7, "\x07\xE8\x03\x05\x18\x07\x09")), "07e80305 180709");
 }
 
 TEST_F(Tables, Guids) {
   EXPECT_EQ(
-      Shown(Octets(
+      Drawn(Octets(
           "g", 16,
           std::string("\x00\x11\x22\x33\x44\x55\x66\x77\x88\x99\xAA\xBB\xCC\xDD\xEE\xFF", 16))),
       "33221100-5544-7766-8899-AABBCCDDEEFF");
 }
 
 TEST_F(Tables, OtherOctets) {
-  EXPECT_EQ(Shown(Octets("o", 9, "\x01\x02\x03\x04\x05")), "01020304 05");
-  EXPECT_EQ(Shown(Octets("o", 9, "")), "");
-  EXPECT_EQ(Shown(Octets("o", 9, std::string(9, '\0'))), "00000000 00000000 00");
-  EXPECT_EQ(Shown(Octets("o", 256, std::string(256, '\0'))), "256 zero octets");
-  EXPECT_EQ(Shown(Octets("o", 99, "\x01\x02\x03\x04\x05" + std::string(94, '\0'))),
+  EXPECT_EQ(Drawn(Octets("o", 9, "\x01\x02\x03\x04\x05")), "01020304 05");
+  EXPECT_EQ(Drawn(Octets("o", 9, "")), "");
+  EXPECT_EQ(Drawn(Octets("o", 9, std::string(9, '\0'))), "00000000 00000000 00");
+  EXPECT_EQ(Drawn(Octets("o", 256, std::string(256, '\0'))), "256 zero octets");
+  EXPECT_EQ(Drawn(Octets("o", 99, "\x01\x02\x03\x04\x05" + std::string(94, '\0'))),
             "01020304 05000000 and 91 zero octets");
-  EXPECT_EQ(Shown(Octets("o", 21, "\x01\x02\x03\x04\x05" + std::string(16, '\0'))),
+  EXPECT_EQ(Drawn(Octets("o", 21, "\x01\x02\x03\x04\x05" + std::string(16, '\0'))),
             "01020304 05000000 00000000 00000000 00000000 00");
 }
 
 // Nothing that an object holds is for the terminal to act on.
 TEST_F(Tables, ShowControlCharacters) {
-  EXPECT_EQ(Shown(Text("t", 40, "a\x1b[2J\n\x7f")), "a\\x1b[2J\\x0a\\x7f");
-  EXPECT_EQ(Shown(Text("t", 40, "\xC2\x9B;")), "\\x9b;");
-  EXPECT_EQ(Shown(Text("t", 40, "\x9B;")), "\\x9b;");  // no UTF-8
-  EXPECT_EQ(Shown(Text("t", 40, "\u202e\u2066")), "\\u202e\\u2066");
+  EXPECT_EQ(Drawn(Text("t", 40, "a\x1b[2J\n\x7f")), "a\\x1b[2J\\x0a\\x7f");
+  EXPECT_EQ(Drawn(Text("t", 40, "\xC2\x9B;")), "\\x9b;");
+  EXPECT_EQ(Drawn(Text("t", 40, "\x9B;")), "\\x9b;");  // no UTF-8
+  EXPECT_EQ(Drawn(Text("t", 40, "\u202e\u2066")), "\\u202e\\u2066");
   const FileObject object = MadeObject({Int("\x1b[31m", 1), Text("\x1b", 9, "\x1b")});
   const std::string text = RenderTables({{"a/\x1b.1", object}, {"a/\x1b", object}}, 80);
   EXPECT_EQ(text.find('\x1b'), std::string::npos);

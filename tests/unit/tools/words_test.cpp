@@ -193,7 +193,7 @@ class WordTables : public testing::Test {
   }
 };
 
-NamedObject Cpu(int row, int minute, int five) {
+NamedObject CpuRow(int row, int minute, int five) {
   return {"host/cpu." + std::to_string(row),
           MadeObject({Int("tlxHoCpuUtilUnitIndex", row), Int("tlxHoCpuUtilMin", minute),
                       Int("tlxHoCpuUtilFiveMin", five)})};
@@ -206,7 +206,7 @@ Style InWords() {
 }
 
 TEST_F(WordTables, HaveUnitsBehindTheNumbers) {
-  EXPECT_EQ(RenderTables({Cpu(0, 3, -1), Cpu(1, 100, 42)}, 0, InWords()),
+  EXPECT_EQ(RenderTables({CpuRow(0, 3, -1), CpuRow(1, 100, 42)}, 0, InWords()),
             "host/cpu (2 rows)\n"
             "  #  UnitIndex    Min        FiveMin\n"
             "  0          0    3 %  not known yet\n"
@@ -214,7 +214,7 @@ TEST_F(WordTables, HaveUnitsBehindTheNumbers) {
 }
 
 TEST_F(WordTables, WrapWordsBeforeTheyBecomeLists) {
-  EXPECT_EQ(RenderTables({Cpu(0, 3, -1), Cpu(1, 100, 42)}, 28, InWords()),
+  EXPECT_EQ(RenderTables({CpuRow(0, 3, -1), CpuRow(1, 100, 42)}, 28, InWords()),
             "host/cpu (2 rows)\n"
             "      Unit              Five\n"
             "  #  Index    Min        Min\n"
@@ -238,7 +238,7 @@ TEST_F(WordTables, HaveLabelsToTheLeft) {
 TEST_F(WordTables, HaveBarsWhereThereIsRoom) {
   Style style = InWords();
   style.bars = true;
-  const std::vector<NamedObject> rows = {Cpu(0, 3, 0), Cpu(1, 100, 42)};
+  const std::vector<NamedObject> rows = {CpuRow(0, 3, 0), CpuRow(1, 100, 42)};
   EXPECT_EQ(RenderTables(rows, 80, style),
             "host/cpu (2 rows)\n"
             "      Unit\n"
@@ -260,7 +260,7 @@ TEST_F(WordTables, AreAsWideWithColoursAsWithout) {
   const NamedObject misc = {"host/misc",
                             MadeObject({Int("tlxHoMibCondition", 4), Int("tlxHoCpuUtilMin", 80),
                                         Int("tlxHoCpuUtilHour", -1), Int("var0", 1)})};
-  const std::vector<NamedObject> objects = {Cpu(0, 3, -1), Cpu(1, 100, 42), misc};
+  const std::vector<NamedObject> objects = {CpuRow(0, 3, -1), CpuRow(1, 100, 42), misc};
   for (const int width : {0, 80, 32, 20}) {
     const std::string plain = RenderTables(objects, width, style);
     EXPECT_EQ(plain.find('\x1b'), std::string::npos);
