@@ -4,8 +4,11 @@ usage: fleet_test.py SCRIPT [Fleet[.test]]
 """
 
 import json
+import os
+import signal
 import subprocess
 import sys
+import time
 import unittest
 
 SCRIPT = sys.argv[1] if len(sys.argv) > 1 else ""
@@ -39,6 +42,35 @@ class Fleet(unittest.TestCase):
         self.assertEqual(set(found["station_cpu_percent"]), {"Prometheus", "snmp_exporter"})
         for value in (*found["station_cpu_percent"].values(), *found["station_bytes"].values()):
             self.assertGreater(value, 0)
+
+    def test_whatever_ends_it_leaves_nothing(self):
+        def hosts(marker):
+            found = []
+            for pid in filter(str.isdigit, os.listdir("/proc")):
+                try:
+                    with open(f"/proc/{pid}/environ", "rb") as file:
+                        if marker in file.read():
+                            found.append(int(pid))
+                except OSError:
+                    pass  # it has ended, or is the kernel's
+            return found
+
+        def becomes(condition):
+            end = time.monotonic() + 60
+            while not condition():
+                self.assertLess(time.monotonic(), end)
+                time.sleep(0.2)
+
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
+            name = f"of-this-test-{os.getpid()}-{number}"
+            started = subprocess.Popen([SCRIPT, "2"], env=dict(os.environ, VEX_FLEET_TEST=name),
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            marker = f"VEX_FLEET_TEST={name}".encode()
+            # The script and its namespaces, and of each host a shell, snmpd and the agent.
+            becomes(lambda m=marker: len(hosts(m)) >= 8)
+            started.send_signal(number)
+            started.wait(timeout=60)
+            becomes(lambda m=marker: not hosts(m))
 
     def test_refuses_what_it_cannot_do(self):
         for arguments in (["0"], ["4001"], ["2", "--seconds", "20"], ["two"]):

@@ -227,7 +227,7 @@ class Room:
         """The page's text as a browser has it once its scripts have run. picture: the name of a
         picture of it, which is kept in the directory VEX_PICTURES where that is set. first: a page
         to be fetched before, with the same cookies."""
-        browser = ["chromium-headless-shell", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
+        browser = ["sh", "-c", "exec \"$@\" 2>/run/browser.log", "sh", "chromium-headless-shell", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
                    "--user-data-dir=/tmp/browser", "--virtual-time-budget=20000",
                    f"--window-size={width},{height}"]
         if first:
