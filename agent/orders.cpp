@@ -1,10 +1,12 @@
 #include "agent/orders.h"
 
 #include "detail/agent_state.h"
+#include "detail/fwkind.h"
 #include "detail/load.h"
 #include "detail/memdetail.h"
 #include "detail/mount.h"
 #include "detail/sibling.h"
+#include "detail/swkind.h"
 #include "firmware/fwver.h"
 #include "identity/appliance.h"
 #include "identity/hwinfo.h"
@@ -50,6 +52,8 @@ const group *const detail_order[] = {
     &mount_group,
     &sibling_group,
     &load_group,
+    &swkind_group,
+    &fwkind_group,
     &agent_group,
     nullptr,
 };

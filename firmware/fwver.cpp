@@ -153,6 +153,20 @@ static void update_row(const char *name, uint32_t collector_key, const firmware_
   row->collector_key = collector_key;
 }
 
+queue_element *first_firmware() {
+  return table.rows.head;
+}
+
+bool next_firmware(queue_element **cursor, firmware_view *view) {
+  const fwver_row *row = table.next(cursor);
+  if (row == nullptr) {
+    return false;
+  }
+  view->instance = row->object->instance;
+  view->record = reinterpret_cast<const firmware_record *>(row->object->data);
+  return true;
+}
+
 static void forget_seen(uint32_t collector_key) {
   queue_element *cursor = table.rows.head;
   while (fwver_row *row = table.next(&cursor)) {

@@ -47,6 +47,17 @@ using firmware_collector = int (*)(FILE *stream, const char *name, firmware_reco
 // Calls every collector that is due, and publishes what changed. Returns 0.
 int do_fwver();
 
+// What the last pass has of one row.
+struct firmware_view {
+  int instance;                   // of the row
+  const firmware_record *record;  // the group's; until the next pass
+};
+
+// Walks the rows in the order of their numbers: start with *cursor = first_firmware(). False at the
+// end. No pass may come in between.
+queue_element *first_firmware();
+bool next_firmware(queue_element **cursor, firmware_view *view);
+
 // ---- Pieces of the pass, for its tests ----------------------------------------------------------
 
 inline constexpr size_t longest_row_name = 256;

@@ -420,6 +420,7 @@ static void create_components() {
     *data = *record;
     data->index = index;
     row->state = SWVER_PERMANENT;
+    row->judged = record->type;
     row->changed = log_data(row->object) != 0;  // else the end of the pass publishes it
   }
 }

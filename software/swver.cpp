@@ -193,6 +193,7 @@ int swver_put(const swver_item *item, int32_t type, int32_t status, int32_t stat
     }
   }
   row->state = state;
+  row->judged = type;
   swver_update(row, item->version, item->description, item->name, type, status);
   return 0;
 }

@@ -54,6 +54,7 @@ struct swver_row {
   char *key;  // the name under which the row was created, its identity; owned
   int32_t state;
   int32_t changed;  // 1: some value differs from what was last published
+  int32_t judged;   // the type that a pass gave it, whatever a manager has set since
 };
 
 // A piece of software, as a pass found it. The texts belong to the caller.

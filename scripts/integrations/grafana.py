@@ -58,7 +58,8 @@ class Dashboard:
         if most is not None:
             field["max"] = most
         self.add("timeseries", title, width, 8, [target(*one) for one in targets], unit,
-                 {"legend": {"displayMode": "list", "placement": "bottom", "showLegend": True},
+                 {"legend": {"displayMode": "list", "placement": "bottom", "showLegend": True,
+                             "calcs": []},
                   "tooltip": {"mode": "multi", "sort": "none"}}, field)
 
     def build(self):
@@ -96,10 +97,10 @@ class Dashboard:
                  [target(f"tlxHoSiblingHealth{HOST} > 0 or tlxHoSiblingCondition{HOST} > 0",
                          instant=True)],
                  field={"mappings": self.words("tlxHoSiblingHealth")}, transformations=tidy)
-        self.add("table", "Software", 12, 8, [target(f"tlxHoSwVerStatus{HOST}", instant=True)],
-                 field={"mappings": self.words("tlxHoSwVerStatus")}, transformations=tidy)
-        self.add("table", "Firmware", 12, 8, [target(f"tlxHoFwVerCategory{HOST}", instant=True)],
-                 transformations=tidy)
+        self.add("table", "Software", 12, 8, [target(f"tlxHoSwKind{HOST}", instant=True)],
+                 field={"mappings": self.words("tlxHoSwKind")}, transformations=tidy)
+        self.add("table", "Firmware", 12, 8, [target(f"tlxHoFwKindDevice{HOST}", instant=True)],
+                 field={"mappings": self.words("tlxHoFwKindDevice")}, transformations=tidy)
         self.lines("Duration of a poll", [(f"tlxHoAgentPollDuration{HOST} / 1000", "last poll")],
                    "s")
         self.lines("Polls that ended early", [(f"increase(tlxHoAgentFailedPolls{HOST}[15m])",
@@ -113,7 +114,6 @@ class Dashboard:
                 {"name": "source", "label": "Data source", "type": "datasource",
                  "query": "prometheus"},
                 {"name": "instance", "label": "Host", "type": "query", "datasource": SOURCE,
-                 "definition": "label_values(tlxHoAgentStart, instance)",
                  "query": {"query": "label_values(tlxHoAgentStart, instance)",
                            "refId": "instance"}, "refresh": 2, "sort": 1}]},
             "panels": self.panels}

@@ -15,8 +15,10 @@ LABELS = {
     # cost the whole scrape. The rules leave it out.
     "tlxHoSwVerTable": ["tlxHoSwVerName", "tlxHoSwVerVersion"],
     "tlxHoFwVerTable": ["tlxHoFwVerDisplayName", "tlxHoFwVerVersion", "tlxHoFwVerLocation"],
+    "tlxHoSwKindTable": ["tlxHoSwKindName", "tlxHoSwVerVersion"],
+    "tlxHoFwKindTable": ["tlxHoFwKindName", "tlxHoFwVerVersion", "tlxHoFwKindLocation"],
 }
-KEEP_ROW = {"tlxHoSwVerTable", "tlxHoFwVerTable"}
+KEEP_ROW = {"tlxHoSwVerTable", "tlxHoFwVerTable", "tlxHoSwKindTable", "tlxHoFwKindTable"}
 # What a time series says nothing about: hexadecimal arrays, dates, what never changes.
 LEFT_OUT = {"tlxHoMibStatusArray", "tlxHoMibHealthStatusArray", "tlxHoClientLastModified",
             "tlxHoSwVerDate", "tlxHoGUID", "tlxHoTrapFlags", "tlxHoCodeServer",
@@ -78,9 +80,12 @@ class Exporter:
 
     def module(self):
         metrics = [line for name in self.samples() for line in self.metric(name)]
-        columns = [self.modules.oid(n) for n, v in self.wanted() if v["column"]]
+        # Whole rows: a walk of each column for itself would have every answer filled up with what is
+        # behind that column, several times what is wanted.
+        entries = dict.fromkeys(self.modules.tables[n].find("row").get("oid")
+                                for n, v in self.wanted() if v["column"])
         scalars = [self.modules.oid(n) + ".0" for n, v in self.wanted() if not v["column"]]
-        return (["walk:"] + [f"- {oid}" for oid in columns] + ["get:"] +
+        return (["walk:"] + [f"- {oid}" for oid in entries] + ["get:"] +
                 [f"- {oid}" for oid in scalars] + ["metrics:"] + metrics)
 
 

@@ -270,6 +270,22 @@ class Documents(unittest.TestCase):
                     named += 1
         self.assertGreater(named, 20)
 
+    def test_pictures_are_there_and_small(self):
+        folder = os.path.join(SOURCE, "docs")
+        shown = set()
+        for name in os.listdir(folder):
+            if name.endswith(".md"):
+                shown |= set(re.findall(r"!\[[^]]+\]\((pictures/[\w.-]+)\)",
+                                        read(os.path.join(folder, name))))
+        self.assertEqual(shown, {f"pictures/{n}" for n in
+                                 os.listdir(os.path.join(folder, "pictures"))})
+        self.assertGreaterEqual(len(shown), 3)
+        for name in shown:
+            with open(os.path.join(folder, name), "rb") as file:
+                picture = file.read()
+            self.assertEqual(picture[:8], b"\x89PNG\r\n\x1a\n", name)
+            self.assertLess(len(picture), 150 << 10, name)
+
 
 if __name__ == "__main__":
     BUILD = os.path.abspath(sys.argv.pop(1))

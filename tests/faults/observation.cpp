@@ -190,10 +190,14 @@ Seen WithoutNumbers(const Seen &seen) {
   const std::string software = MadeUpHost::Oid("tlxHoSwVerName.1"),
                     mounts = MadeUpHost::Oid("tlxHoFileSysDesc.1"),
                     firmware = MadeUpHost::Oid("tlxHoFwVerDisplayName.1"),
-                    directories = MadeUpHost::Oid("tlxHoMountDirectory.1");
+                    directories = MadeUpHost::Oid("tlxHoMountDirectory.1"),
+                    software_kinds = MadeUpHost::Oid("tlxHoSwKindName.1"),
+                    firmware_kinds = MadeUpHost::Oid("tlxHoFwKindName.1");
   const std::string software_column = entry_of(software), mounts_column = entry_of(mounts),
                     firmware_column = entry_of(firmware),
-                    directories_column = entry_of(directories);
+                    directories_column = entry_of(directories),
+                    software_kinds_column = entry_of(software_kinds),
+                    firmware_kinds_column = entry_of(firmware_kinds);
   const auto parent = [](std::string column) {
     column.pop_back();
     return column.substr(0, column.rfind('.') + 1);
@@ -217,7 +221,17 @@ Seen WithoutNumbers(const Seen &seen) {
                            "tlxHoFwVerDisplayName",
                            parent(firmware_column),
                            firmware_column,
-                           {"tlxHoFwVerIndex"}}};
+                           {"tlxHoFwVerIndex"}},
+                          {"object host/swkind.",
+                           "tlxHoSwKindName",
+                           parent(software_kinds_column),
+                           software_kinds_column,
+                           {}},
+                          {"object host/fwkind.",
+                           "tlxHoFwKindName",
+                           parent(firmware_kinds_column),
+                           firmware_kinds_column,
+                           {}}};
   // What stands behind the number of the line that names a row.
   std::map<std::string, std::string> named;
   for (const std::string &line : seen) {
@@ -247,7 +261,8 @@ Seen WithoutNumbers(const Seen &seen) {
         if (const auto name = named.find(number); name != named.end()) {
           changed = table.object + name->second + line.substr(number.size());
         }
-        if (line.find(table.left_out.front() + " ") != std::string::npos) {
+        if (!table.left_out.empty() &&
+            line.find(table.left_out.front() + " ") != std::string::npos) {
           changed = table.object + "index";
         }
       }
@@ -260,8 +275,9 @@ Seen WithoutNumbers(const Seen &seen) {
             name != named.end()) {
           changed = walked + column + name->second + line.substr(end);
         }
-        const std::string index = MadeUpHost::Oid(table.left_out.front() + ".1");
-        if (line.starts_with("walk " + index.substr(0, index.rfind('.') + 1))) {
+        const std::string index =
+            table.left_out.empty() ? "" : MadeUpHost::Oid(table.left_out.front() + ".1");
+        if (!index.empty() && line.starts_with("walk " + index.substr(0, index.rfind('.') + 1))) {
           changed = walked + "index";
         }
       }

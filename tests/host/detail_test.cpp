@@ -183,3 +183,42 @@ TEST(AgentDetail, TellsHowItsPollsGo) {
   EXPECT_EQ(host.Get("tlxHoLoadOne"), "INTEGER: 100");
   EXPECT_EQ(host.Get("tlxHoMountDevice.0"), "STRING: \"/dev/sda1\"");
 }
+
+TEST(SoftwareKindDetail, IsTheAgentsOwnJudgement) {
+  MadeUpHost host;
+  host.Start();
+  const std::vector<std::string> names = {"tlxHoSwKindName.0", "tlxHoSwKind.0"};
+  const std::vector<std::string> found = {"STRING: \"CONFIG\"", "INTEGER: 4"};
+  EXPECT_EQ(host.GetTogether(names), found);
+  EXPECT_EQ(host.Column("tlxHoSwKind").size(), host.Column("tlxHoSwVerType").size());
+  // A manager classifies and names it otherwise.
+  EXPECT_EQ(host.Set("tlxHoSwVerType.0", 'i', "1"), "noError");
+  EXPECT_EQ(host.Set("tlxHoSwVerName.0", 's', "mine"), "noError");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.GetTogether(names), found);
+  EXPECT_EQ(host.Set("tlxHoSwKind.0", 'i', "2"), "notWritable");
+  EXPECT_EQ(MadeUpHost::Published("host/swkind.0", "tlxHoSwKind"), "4");
+}
+
+TEST(FirmwareKindDetail, HasTheRowsOfTheFirmware) {
+  MadeUpHost host;
+  host.ComposeProc();
+  const std::string cdrom =
+      "Host: scsi0 Channel: 00 Id: 02 Lun: 00\n"
+      "  Vendor: MAKER    Model: CD               Rev: 1.05\n"
+      "  Type:   CD-ROM                           ANSI  SCSI revision: 05\n";
+  host.File("/proc/driver/tlxarray/ida0",
+            "ida0: QV Array one\nBoard ID: 0x99301A2B\nFirmware Revision: 4.50\nmore\n");
+  host.File("/proc/scsi/scsi", "Attached devices:\n" + cdrom);
+  host.Start();
+  EXPECT_EQ(
+      host.GetTogether({"tlxHoFwKindName.0", "tlxHoFwKindLocation.0", "tlxHoFwKindOwner.0",
+                        "tlxHoFwKindDevice.0", "tlxHoFwVerDeviceType.1", "tlxHoFwKindDevice.1"}),
+      (std::vector<std::string>{"STRING: \"QV Array one\"", "STRING: \"ida0\"", "INTEGER: 2",
+                                "INTEGER: 7", "INTEGER: 23", "INTEGER: 12"}));
+  host.Remove("/proc/driver/tlxarray/ida0");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.Get("tlxHoFwKindDevice.0"), host.Get("tlxHoFwVerDeviceType.0"));
+  EXPECT_EQ(host.Column("tlxHoFwKindDevice").size(), host.Column("tlxHoFwVerDeviceType").size());
+  EXPECT_EQ(host.Get("tlxHoFwKindDevice.1"), "INTEGER: 12");
+}

@@ -102,9 +102,9 @@ void CheckNothingIsMissing() {
     const size_t from = line.find("::") + 2;
     instances[line.substr(from, line.find_first_of(". =", from) - from)]++;
   }
-  const std::map<std::string, int> rows = {{"tlxHoCpuUtil", 4}, {"tlxHoFileSys", 9},
-                                           {"tlxHoSwVer", 10},  {"tlxHoFwVer", 29},
-                                           {"tlxHoMount", 9},   {"tlxHoSibling", 16}};
+  const std::map<std::string, int> rows = {
+      {"tlxHoCpuUtil", 4}, {"tlxHoFileSys", 9},  {"tlxHoSwVer", 10},  {"tlxHoFwVer", 29},
+      {"tlxHoMount", 9},   {"tlxHoSibling", 16}, {"tlxHoSwKind", 10}, {"tlxHoFwKind", 29}};
   for (const vex::MibVariable &variable : vex::MibVariables()) {
     if (variable.access == vex::MibAccess::kNotify) {
       continue;  // cannot be read

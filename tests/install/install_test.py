@@ -184,6 +184,7 @@ class Components(Installation):
         self.assertIn("share/vexhostd/dpkg.cfg", files["integrations"])
         self.assertIn("share/vexhostd/integrations/prometheus/snmp.yml", files["integrations"])
         self.assertIn("share/vexhostd/integrations/nagios/check_vexhost", files["integrations"])
+        self.assertIn("share/vexhostd/integrations/icinga/vexhost.conf", files["integrations"])
 
         # What the pkg-config file says is what an agent is built with.
         with open(self.work + "/sibling.c", "w", encoding="utf-8") as file:

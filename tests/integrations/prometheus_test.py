@@ -15,6 +15,7 @@ import room
 from room import INTEGRATIONS, eventually, fetch
 
 FILES = INTEGRATIONS + "/prometheus"
+DOCUMENTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs")
 API = "http://127.0.0.1:9090"
 MEMORY = ("MemTotal: 8192000 kB\nMemFree: 1024000 kB\nMemAvailable: {} kB\nCached: 2048000 kB\n"
           "SwapTotal: 2048000 kB\nSwapFree: 1024000 kB\n")
@@ -55,6 +56,21 @@ class Promtool(unittest.TestCase):
         fired = re.findall(r"- alertname: (\w+)\n(?:(?! {6}- ).*\n)*? +exp_labels|"
                            r"- alertname: (\w+)\n.*\n +exp_alerts:\n", tests)
         self.assertEqual({a or b for a, b in fired}, set(alerts))
+
+    def test_what_the_documents_say(self):
+        """Prometheus takes the configurations that are printed there."""
+        one, found = self.room, 0
+        for name in ("first-station", "fleet"):
+            with open(f"{DOCUMENTS}/{name}.md", encoding="utf-8") as file:
+                blocks = re.findall(r"(?:^    .*\n)+", file.read(), re.M)
+            for block in blocks:
+                if re.match(r"    (global|rule_files|scrape_configs):", block):
+                    one.write("/tmp/vexhost.rules.yml", one.read(FILES + "/vexhost.rules.yml"))
+                    one.write("/tmp/printed.yml", re.sub("^    ", "", block, flags=re.M))
+                    said = one.ok("promtool", "check", "config", "/tmp/printed.yml")
+                    self.assertIn("SUCCESS", said)
+                    found += 1
+        self.assertEqual(found, 2)
 
     def test_export(self):
         one = self.room
@@ -115,12 +131,15 @@ class Prometheus(unittest.TestCase):
         variables, rows = {}, []
         for name, values in self.room.dump("host/*").items():
             if re.search(r"\.\d+$", name):
-                # A mount's row describes the file system's as well.
+                # A row beside another table's describes that one's as well.
                 rows.append((name.rsplit(".", 1), values))
             else:
                 variables.update(values)
-        mounts = {n: v for (group, n), v in rows if group == "host/mount"}
-        rows = [dict(values, **(mounts.get(n, {}) if group == "host/filesys" else {}))
+        known = {(group, n): values for (group, n), values in map(
+            lambda row: (tuple(row[0]), row[1]), rows)}
+        beside = {"host/filesys": "host/mount", "host/swkind": "host/swver",
+                  "host/fwkind": "host/fwver"}
+        rows = [dict(values, **known.get((beside.get(group), n), {}))
                 for (group, n), values in rows]
         found, seen = [], set()
         for labels, value in self.query("{__name__=~\"tlx.*\"}"):
@@ -213,6 +232,20 @@ class Prometheus(unittest.TestCase):
                       "Memory 7.812GiB, available 3.906GiB", "Swap space 50% of 1.953GiB",
                       "/dev/vda on /srv/good 10% 100MiB", "Uptime 4d"):
             self.assertIn(words, host)
+        # As a browser shows them, which runs the scripts of Prometheus' own page.
+        seen = one.browse(f"{API}/consoles/vexhost.html", "prometheus-hosts", 900, 220)
+        for words in ("127.0.0.1", "/dev/vdc on /srv/full, 97%"):
+            self.assertIn(words, seen)
+        seen = one.browse(f"{API}/consoles/vexhost-host.html?instance=127.0.0.1", "prometheus-host",
+                          900, 830)
+        for words in ("VexhostFilesystemFull: /dev/vdc on /srv/full", "Load, 5 minutes 1.25",
+                      "/dev/vda on /srv/good 10% 100MiB"):
+            self.assertIn(words, seen)
+        seen = one.browse(f"{API}/graph?" + urllib.parse.urlencode({
+            "g0.range_input": "1m", "g0.tab": "0", "g0.expr":
+            "vexhost:filesystem_used:ratio"}), "prometheus-graph", 1000, 940)
+        for directory in ("good", "filling", "full"):
+            self.assertIn(f"/srv/{directory}", seen)
 
         # Each of the others fires, and all end.
         one.proc("meminfo", MEMORY.format(81920))

@@ -3,8 +3,10 @@ namespaces of its own and on an overlay in memory, with the agent of a build beh
 made-up host. Whoever is started in it ends with it.
 """
 
+import html
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -217,6 +219,34 @@ class Room:
 
     def dump(self, *objects):
         return json.loads(self.ok("vexreg", "dump", *objects))
+
+
+    # ---- A browser
+
+    def browse(self, url, picture, width=1100, height=700, first=None):
+        """The page's text as a browser has it once its scripts have run. picture: the name of a
+        picture of it, which is kept in the directory VEX_PICTURES where that is set. first: a page
+        to be fetched before, with the same cookies."""
+        browser = ["sh", "-c", "exec \"$@\" 2>/run/browser.log", "sh", "chromium-headless-shell", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
+                   "--user-data-dir=/tmp/browser", "--virtual-time-budget=20000",
+                   f"--window-size={width},{height}"]
+        if first:
+            self.ok(*browser, "--dump-dom", first)
+        text = self.ok(*browser, "--dump-dom", url)
+        path = f"/tmp/{picture}.png"
+        self.ok(*browser, f"--screenshot={path}", url)
+        # Flat pages: few colours do, and a picture is read over a network.
+        self.ok("pngquant", "--force", "--output", path, "64", path)
+        with open(self.path(path), "rb") as file:
+            head = file.read(24)
+        found = head[:8], *(int.from_bytes(head[i:i + 4], "big") for i in (16, 20))
+        if found != (b"\x89PNG\r\n\x1a\n", width, height):
+            raise AssertionError(f"{url}: no picture of {width} by {height}: {found}")
+        kept = os.environ.get("VEX_PICTURES")
+        if kept:
+            shutil.copy(self.path(path), kept)
+        text = re.sub(r"<(script|style)\b.*?</\1>", " ", text, flags=re.S)
+        return re.sub(r"\s+", " ", html.unescape(re.sub(r"<[^>]*>", " ", text)))
 
 
 class Processors:

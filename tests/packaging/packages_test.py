@@ -71,6 +71,8 @@ class Files(unittest.TestCase):
                      "usr/share/fish/vendor_completions.d/vexreg.fish",
                      "usr/share/vexhostd/integrations/prometheus/snmp.yml",
                      "usr/share/vexhostd/integrations/nagios/check_vexhost",
+                     "usr/share/vexhostd/integrations/icinga/vexhost.conf",
+                     "usr/share/vexhostd/integrations/icinga/trap-to-icinga",
                      "usr/share/vexhostd/smi/SNMPv2-SMI.txt", "usr/libexec/vexhostd-standin",
                      "usr/share/doc/vexhostd/README.md.gz",
                      "usr/share/doc/vexhostd/docs/troubleshooting.md.gz",

@@ -268,11 +268,18 @@ class Exposition {
   }
 
   void AddFirmware() {
+    std::map<std::string, const FileObject *> kinds;
+    for (const Row &row : Rows("host/fwkind")) {
+      kinds[row.number] = row.object;
+    }
     MetricFamily family("vexhost_firmware_info", "", "The firmware found in the machine.");
     for (const Row &row : Rows("host/fwver")) {
+      const auto kind = kinds.find(row.number);
       family.Add({{"name", TextOf(*row.object, "tlxHoFwVerDisplayName")},
                   {"version", TextOf(*row.object, "tlxHoFwVerVersion")},
                   {"location", TextOf(*row.object, "tlxHoFwVerLocation")},
+                  {"device", kind != kinds.end() ? LabelText(*kind->second, "tlxHoFwKindDevice")
+                                                 : std::string()},
                   {"key", TextOf(*row.object, "tlxHoFwVerKeyString")}},
                  1);
     }

@@ -19,6 +19,8 @@ constexpr const char *kKeys[][4] = {
     {"tlxHoMountDirectory", "tlxHoMountDevice"},
     {"tlxHoSwVerName", "tlxHoSwVerDescription"},
     {"tlxHoFwVerDisplayName", "tlxHoFwVerLocation", "tlxHoFwVerKeyString"},
+    {"tlxHoSwKindName"},
+    {"tlxHoFwKindName", "tlxHoFwKindLocation"},
 };
 
 constexpr Moving kMoving[] = {

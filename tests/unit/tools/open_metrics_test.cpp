@@ -188,12 +188,17 @@ TEST(OpenMetrics, OfSoftwareAndFirmware) {
        {"host/fwver.0",
         MadeObject({Type("tlxHoFwVerDisplayName", "ROM"), Type("tlxHoFwVerVersion", "2"),
                     Type("tlxHoFwVerLocation", "here"), Type("tlxHoFwVerKeyString", "k")})},
+       {"host/fwver.3", MadeObject({Type("tlxHoFwVerDisplayName", "DISK")})},
+       {"host/fwkind.3", MadeObject({Int("tlxHoFwKindDevice", 9)})},
        {"host/info", MadeObject({Type("tlxHoSystemName", "h")})}}));
   EXPECT_EQ(
       samples,
       (Samples{
           {R"(vexhost_software_info{name="x",version="1",type="driver",description="d"})", "1"},
-          {R"(vexhost_firmware_info{name="ROM",version="2",location="here",key="k"})", "1"},
+          {R"(vexhost_firmware_info{name="ROM",version="2",location="here",device="",key="k"})",
+           "1"},
+          {R"(vexhost_firmware_info{name="DISK",version="",location="",device="scsiDisk",key=""})",
+           "1"},
           {R"(vexhost_info{hostname="h",os="",os_version="",os_description="",role="",guid="",)"
            R"(agent_version=""})",
            "1"}}));
