@@ -3,10 +3,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -92,7 +95,7 @@ const std::vector<Source> &Sources() {
       {processors_path, Treatment::kWhole},
       {load_averages_path, Treatment::kWhole},
       {uptime_path, Treatment::kWhole},
-      {mount_table_path, Treatment::kWhole},
+      {mount_table_path, Treatment::kMountTable},
       {kOsReleaseFiles[0], Treatment::kWhole},
       {kOsReleaseFiles[1], Treatment::kWhole},
       {kApplianceFile, Treatment::kAssignments},
@@ -137,6 +140,26 @@ const Member *Capture::Find(std::string_view name) const {
   const auto found = std::find_if(members.begin(), members.end(),
                                   [&](const Member &member) { return member.name == name; });
   return found != members.end() ? &*found : nullptr;
+}
+
+std::optional<int64_t> Capture::Moment() const {
+  tm parts = {};
+  const char *const end = strptime(made.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return end != nullptr && *end == '\0' ? std::optional<int64_t>(timegm(&parts)) : std::nullopt;
+}
+
+void UseTimeZoneOf(const Capture &capture) {
+  // libc takes a zone's file by its path alone, and reads it once. The descriptor stays open, for a
+  // library that reads it again.
+  static Descriptor file;
+  const Member *const zone = capture.Find(std::string(kHostMembers) + "etc/localtime");
+  file.Reset(zone != nullptr ? memfd_create("localtime", MFD_CLOEXEC) : -1);
+  const bool written = file && zone->bytes.starts_with("TZif") &&
+                       write(file.get(), zone->bytes.data(), zone->bytes.size()) ==
+                           static_cast<ssize_t>(zone->bytes.size());
+  const std::string path = ":/proc/self/fd/" + std::to_string(file.get());
+  setenv("TZ", written ? path.c_str() : "UTC0", 1);
+  tzset();
 }
 
 std::string DescriptionJson(const Capture &capture) {
@@ -270,28 +293,57 @@ CapturedRegistry::~CapturedRegistry() {
   }
 }
 
-// Without one the directory is removed by this process alone.
-void CapturedRegistry::StartSweeper() {
+// The sweeper makes the directory itself, so that there is no moment at which nobody would remove
+// it.
+bool CapturedRegistry::MakeDirectory() {
+  std::error_code unusable;
+  const std::filesystem::path place = std::filesystem::temp_directory_path(unusable);
+  std::string directory = (unusable ? std::filesystem::path("/tmp") : place) / kTemporary;
   int ends[2];
+  int names[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
-    return;
+    return false;
   }
-  Descriptor seen(ends[0]);
+  const Descriptor seen(ends[0]);
   alive_.Reset(ends[1]);
+  if (pipe2(names, O_CLOEXEC) != 0) {
+    return false;
+  }
+  Descriptor named(names[0]);
+  Descriptor name(names[1]);
   sweeper_ = fork();
   if (sweeper_ != 0) {
-    return;
+    name.Reset();
+    const bool forked = sweeper_ > 0;
+    const int error = errno;
+    int failure = 0;
+    const bool told =
+        forked && ReadFully(named.get(), &failure, sizeof(failure)) == sizeof(failure);
+    const ssize_t length =
+        told && failure == 0 ? ReadFully(named.get(), directory.data(), directory.size()) : -1;
+    errno = told ? failure : error;
+    root_ = length == static_cast<ssize_t>(directory.size()) ? directory : "";
+    return !root_.empty();
   }
   // Ctrl-C is for all of a terminal's processes, and this one has its work to do then.
   setsid();
   alive_.Reset();
+  named.Reset();
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     close(standard);
   }
+  signal(SIGPIPE, SIG_IGN);
+  const int failure = mkdtemp(directory.data()) != nullptr ? 0 : errno;
+  const std::string told =
+      std::string(reinterpret_cast<const char *>(&failure), sizeof(failure)) + directory;
+  const bool whole = write(name.get(), told.data(), told.size()) > 0;
+  name.Reset();
   char end;
-  while (read(seen.get(), &end, 1) < 0 && errno == EINTR) {
+  while (whole && read(seen.get(), &end, 1) < 0 && errno == EINTR) {
   }
-  RemoveTree(root_);
+  if (failure == 0) {
+    RemoveTree(directory);
+  }
   _exit(0);
 }
 
@@ -301,15 +353,10 @@ bool CapturedRegistry::Open(const std::string &path) {
     return false;
   }
   capture_ = std::move(*capture);
-  std::error_code unusable;
-  std::filesystem::path place = std::filesystem::temp_directory_path(unusable);
-  std::string directory = (unusable ? std::filesystem::path("/tmp") : place) / kTemporary;
-  if (mkdtemp(directory.data()) == nullptr) {
-    Complain(directory + ": " + strerror(errno));
+  if (!MakeDirectory()) {
+    Complain(std::string("no directory for the captured objects: ") + strerror(errno));
     return false;
   }
-  root_ = directory;
-  StartSweeper();
   const Descriptor root(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   for (const Member &member : capture_.members) {
     if (member.name.starts_with(kRegistryMembers) &&

@@ -24,16 +24,19 @@ inline constexpr char kRaidKeyMember[] = "raid-key";
 inline constexpr std::string_view kHostMembers = "host/";  // files as they stand on the host
 inline constexpr std::string_view kRegistryMembers = "registry/";  // files of the registry
 inline constexpr std::string_view kCommandMembers = "commands/";   // what commands print
-inline constexpr std::string_view kLogMembers = "log/";            // the agent's last lines
+// The agent's last lines.
+inline constexpr char kLogFileMember[] = "log/file";
+inline constexpr char kJournalMember[] = "log/journal";
 
 inline constexpr int kCaptureFormat = 1;
 
 // Where a file comes from and goes to.
 enum class Treatment {
-  kWhole,       // read by the agent, and put into place in a replay
-  kPresence,    // only that it is there, and when it was changed
-  kSnmp,        // configuration of net-snmp: without secrets, and for people alone
-  kAssignments  // KEY=VALUE lines: without secrets
+  kWhole,        // read by the agent, and put into place in a replay
+  kPresence,     // only that it is there, and when it was changed
+  kSnmp,         // configuration of net-snmp: without secrets, and for people alone
+  kAssignments,  // KEY=VALUE lines: without secrets
+  kMountTable    // without the mounts' options but for ro and rw
 };
 struct Source {
   const char *pattern;  // of glob(3)
@@ -73,6 +76,8 @@ struct Capture {
 
   std::vector<Member> members;
   const Member *Find(std::string_view name) const;
+  // `made` in seconds since 1970; nothing when it is no time.
+  std::optional<int64_t> Moment() const;
 };
 
 // The description as the bytes of its member.
@@ -81,6 +86,9 @@ std::string DescriptionJson(const Capture &capture);
 std::optional<Capture> CaptureOf(std::vector<Member> members, std::string *error);
 // Reads a file ("-": standard input). Nothing after a complaint.
 std::optional<Capture> ReadCapture(const std::string &path);
+
+// From now on this process's local time is that of the captured host; UTC where it has told none.
+void UseTimeZoneOf(const Capture &capture);
 
 // A capture's registry as files, in a directory of this user's (below TMPDIR, else /tmp) that goes
 // away again, also when this process is killed: a child waits for its end.
@@ -100,7 +108,8 @@ class CapturedRegistry {
   }
 
  private:
-  void StartSweeper();
+  // Fills root_. False with errno.
+  bool MakeDirectory();
 
   Capture capture_;
   std::string root_;

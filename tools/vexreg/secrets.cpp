@@ -76,7 +76,7 @@ constexpr const char *kCommonWords[] = {"default", "localhost"};
 
 bool MayBeSecret(const std::string &word) {
   const bool number = word.find_first_not_of("0123456789.:/") == std::string::npos;
-  return !number && word.front() != '-' &&
+  return !number && word.size() >= kShortestWord && word.front() != '-' &&
          std::none_of(std::begin(kCommonWords), std::end(kCommonWords),
                       [&](const char *one) { return word == one; });
 }
@@ -103,13 +103,29 @@ void AddSecrets(const std::string &token, const std::string &rest, Secrets *secr
                  "proc", "load", "monitor", "agentUser", "agentGroup", "iquerySecName"})) {
     return;
   }
+  // Communities are secrets however short they are.
   if (Is(token, {"rocommunity", "rwcommunity", "rocommunity6", "rwcommunity6"})) {
     secrets->insert(words.front());
-  } else if (Is(token, {"com2sec", "com2sec6", "com2secunix"})) {
-    secrets->insert(words.back());
-  } else {
-    AddWords(rest, secrets);
+    return;
   }
+  if (Is(token, {"com2sec", "com2sec6", "com2secunix"})) {
+    secrets->insert(words.back());
+    return;
+  }
+  if (Is(token, {"community", "defCommunity", "trapcommunity"})) {
+    secrets->insert(words.front());
+  } else if (Is(token, {"trapsink", "trap2sink", "informsink", "authcommunity"}) &&
+             words.size() > 1) {
+    secrets->insert(words[1]);
+  }
+  for (size_t i = 0; i < words.size(); i++) {
+    if (words[i] == "-c" && i + 1 < words.size()) {
+      secrets->insert(words[i + 1]);
+    } else if (words[i].starts_with("-c") && words[i].size() > 2) {
+      secrets->insert(words[i].substr(2));
+    }
+  }
+  AddWords(rest, secrets);
 }
 
 // The lines of a file; one that ends in a backslash goes on with the next.
@@ -232,11 +248,37 @@ std::string WithoutAssignedSecrets(std::string_view text, Secrets *secrets) {
   return result;
 }
 
+std::string WithoutMountOptions(std::string_view table) {
+  std::string result;
+  for (size_t from = 0; from < table.size();) {
+    const size_t end = std::min(table.find('\n', from), table.size());
+    const std::string_view line = table.substr(from, end - from);
+    size_t at = 0;
+    for (int field = 0; at < line.size(); field++) {
+      const size_t begin = std::min(line.find_first_not_of(" \t", at), line.size());
+      const size_t stop = std::min(line.find_first_of(" \t", begin), line.size());
+      result += line.substr(at, begin - at);
+      const std::string_view word = line.substr(begin, stop - begin);
+      constexpr int kOptions = 3;
+      if (field == kOptions && !word.empty()) {
+        const std::string all = "," + std::string(word) + ",";
+        result += all.find(",ro,") != std::string::npos ? "ro" : "rw";
+      } else {
+        result += word;
+      }
+      at = stop;
+    }
+    result += end < table.size() ? "\n" : "";
+    from = end + 1;
+  }
+  return result;
+}
+
 std::string WithoutWords(std::string_view text, const Secrets &secrets) {
   const auto part = [](char c) { return isalnum(static_cast<unsigned char>(c)) != 0; };
   std::string result(text);
   for (const std::string &secret : secrets) {
-    if (secret.size() < kShortestWord) {
+    if (secret.empty()) {
       continue;
     }
     for (size_t at = 0; (at = result.find(secret, at)) != std::string::npos;) {

@@ -86,10 +86,33 @@ TEST(Secrets, AssignedOnesGo) {
   EXPECT_EQ(secrets, Secrets{"hunter22"});
 }
 
+// A community of two characters, or of digits, is one.
+TEST(Secrets, CommunitiesAreSecretsHoweverShort) {
+  for (const char *line :
+       {"rocommunity 42", "com2sec user default 42", "trap2sink 10.0.0.1 42", "community 42",
+        "defCommunity 42", "trapcommunity 42", "authcommunity log 42",
+        "trapsess -v 2c -c 42 10.0.0.1", "proxy -v 2c -c42 10.0.0.1 .1.3"}) {
+    Secrets secrets;
+    EXPECT_EQ(WithoutSnmpSecrets(line, &secrets).find("42"), std::string::npos) << line;
+    EXPECT_EQ(secrets.count("42"), 1U) << line;
+    EXPECT_EQ(WithoutWords("42 is asked, 142 is not", secrets), "(left out) is asked, 142 is not");
+  }
+}
+
+TEST(Secrets, MountOptionsGoButForReadOnly) {
+  EXPECT_EQ(WithoutMountOptions("//a/b /mnt cifs ro,username=me,password=s3cret 0 0\n"
+                                "/dev/a\t/  ext4 rw,relatime,errors=remount-ro 0 0\n"
+                                "broken line\n\nx y z s3cret"),
+            "//a/b /mnt cifs ro 0 0\n"
+            "/dev/a\t/  ext4 rw 0 0\n"
+            "broken line\n\nx y z rw");
+  EXPECT_EQ(WithoutMountOptions(""), "");
+}
+
 TEST(Secrets, AreFoundInOtherTexts) {
   const Secrets secrets = {"public", "s3cret-word", "a"};
   EXPECT_EQ(WithoutWords("public: not publicly, 's3cret-word' a", secrets),
-            "(left out): not publicly, '(left out)' a");
+            "(left out): not publicly, '(left out)' (left out)");
   EXPECT_EQ(WithoutWords("", secrets), "");
 }
 
