@@ -65,7 +65,7 @@ class Pages(unittest.TestCase):
     def test_references_lead_to_pages(self):
         """To one of these, or to a page of Debian that the programs' packages bring along."""
         known = set(PAGES) | {f"{name}.{section}" for name, section in (
-            ("snmpd", 8), ("snmpd.conf", 5), ("snmp.conf", 5), ("snmp_config", 5),
+            ("snmpd", 8), ("reset", 1), ("snmpd.conf", 5), ("snmp.conf", 5), ("snmp_config", 5),
             ("statvfs", 3), ("uname", 2), ("errno", 3), ("ftok", 3), ("sd_notify", 3), ("sh", 1), ("rpm", 8), ("dpkg", 1), ("grep", 1),
             ("cut", 1), ("awk", 1), ("pidof", 8), ("ps", 1), ("sort", 1))}
         for page, path in PAGES.items():
@@ -118,7 +118,7 @@ class Options(unittest.TestCase):
         printed = set()
         for words in [()] + [(command,) for command in self.commands()]:
             text = self.vexreg(*words)
-            printed |= set(re.findall(r"^  (?:-h,)?(--[a-z]+)", text, re.M))
+            printed |= set(re.findall(r"^  (?:-[hV],)?(--[a-z]+)", text, re.M))
         page = read(PAGES["vexreg.1"]).split(".Ss Options")[1].split(".Sh DOCTOR")[0]
         listed = {"-" + option for option in re.findall(r"\bFl (-[a-z]+)", page)}
         self.assertEqual(listed, printed)
