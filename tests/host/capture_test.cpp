@@ -48,6 +48,10 @@ TEST(Capture, IsServedAgainToTheLastValue) {
   const Outcome same = ReplayOf(kFile, {"--exact"});
   EXPECT_EQ(same.status, 0) << same.out << same.err;
   EXPECT_TRUE(Contains(same.out, ", 0 differ\n")) << same.out;
+  const auto json = nlohmann::json::parse(ReplayOf(kFile, {"--exact", "--json"}).out);
+  EXPECT_EQ(json["differences"].dump(), "[]");
+  EXPECT_EQ(json["summary"]["differ"], 0);
+  EXPECT_GT(json["summary"]["compared"], 100);
 }
 
 TEST(Capture, LetsNoCommunityOutOfTheHost) {
@@ -58,19 +62,26 @@ TEST(Capture, LetsNoCommunityOutOfTheHost) {
       "com2sec user default s3cret-two\n"
       "createUser me SHA s3cret-three AES s3cret-four\n"
       "trap2sink 127.0.0.1 s3cret-five\n"
+      "rocommunity 4711 10.9.8.7\n"
+      "rocommunity zq 10.9.8.7\n"
       "# rwcommunity s3cret-six\n";
   host.File("/etc/snmp/vexhostd.conf", "community s3cret-one\n");
   host.File("/etc/snmp/snmp.conf", "defPassphrase s3cret-seven\n");
+  host.File("/etc/mtab", "//srv/x / cifs rw,user=me,password=s3cret-eight 0 0\n");
   host.snmpd.Start(master);
   host.daemon.Start({"-p", "15", "-l", "/tmp/agent.log"});
-  host.File("/tmp/agent.log", "a line of old: s3cret-one!\n");
+  host.File("/tmp/agent.log", "a line of old: s3cret-one! 4711 zq.\n");
   const Outcome captured = host.Vexreg({"capture", kFile});
   ASSERT_EQ(captured.status, 0) << captured.err;
   const std::string tar = Unpacked(kFile);
   EXPECT_TRUE(Contains(tar, "host/etc/snmp/snmpd.conf"));
   EXPECT_TRUE(Contains(tar, "master agentx\n"));
   EXPECT_TRUE(Contains(tar, "log/file"));
-  EXPECT_TRUE(Contains(tar, "a line of old: (left out)!"));
+  EXPECT_TRUE(Contains(tar, "a line of old: (left out)! (left out) (left out).\n"));
+  EXPECT_TRUE(Contains(tar, "//srv/x / cifs rw 0 0\n"));
+  for (const char *community : {" 4711", " zq"}) {
+    EXPECT_FALSE(Contains(tar, community)) << community;
+  }
   EXPECT_TRUE(Contains(tar, "doctor.json"));
   EXPECT_FALSE(Contains(tar, "s3cret"));
 }
@@ -89,6 +100,21 @@ TEST(Capture, IsWholeOrNotThere) {
   EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
+TEST(Capture, LeavesADeviceWhereItIs) {
+  MadeUpHost host;
+  ASSERT_EQ(RunCommand({"mknod", "/tmp/null", "c", "1", "3"}).status, 0);
+  for (const std::vector<std::string> &words :
+       {std::vector<std::string>{"capture", "/tmp/null"},
+        std::vector<std::string>{"report", "--output", "/tmp/null"}}) {
+    const Outcome outcome = host.Vexreg(words);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(Contains(outcome.err, "/tmp/null: not a plain file")) << outcome.err;
+    struct stat status = {};
+    ASSERT_EQ(lstat("/tmp/null", &status), 0);
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+  }
+}
+
 TEST(Capture, GoesOnWithoutWhatFails) {
   MadeUpHost host;
   host.Start();
@@ -99,6 +125,13 @@ TEST(Capture, GoesOnWithoutWhatFails) {
   EXPECT_EQ(captured.status, 0);
   EXPECT_TRUE(Contains(captured.err, "left out: /etc/quorix/appliance.conf: Invalid argument"))
       << captured.err;
+  const Outcome again = host.Vexreg({"capture", kFile, "--json"});
+  EXPECT_EQ(again.err, "");
+  const auto summary = nlohmann::json::parse(again.out);
+  EXPECT_EQ(summary["file"], kFile);
+  EXPECT_EQ(summary["omissions"][0]["reason"], "Invalid argument");
+  EXPECT_GT(summary["members"].size(), 10U);
+  EXPECT_EQ(host.Vexreg({"capture", "-", "--json"}).status, 2);
   const auto description = nlohmann::json::parse(
       RunCommand({"tar", "--zstd", "-xOf", kFile, "capture.json"}).out, nullptr, false);
   EXPECT_EQ(description["omissions"][0]["source"], "/etc/quorix/appliance.conf");
@@ -147,6 +180,14 @@ TEST(Capture, ShowsWhatIsServedOtherwise) {
   const Outcome other = ReplayOf("/tmp/other.tar.zst", {"--limit", "12"});
   EXPECT_EQ(other.status, 1);
   EXPECT_TRUE(Contains(other.out, "tlxHoName: One  -> Another \n")) << other.out << other.err;
+  const auto json =
+      nlohmann::json::parse(ReplayOf("/tmp/other.tar.zst", {"--limit", "12", "--json"}).out);
+  EXPECT_EQ(json["summary"]["differ"], json["differences"].size());
+  bool named = false;
+  for (const auto &one : json["differences"]) {
+    named = named || (one["variable"] == "tlxHoName" && one["now"] == "Another ");
+  }
+  EXPECT_TRUE(named) << json.dump();
 }
 
 // Beside the unit tests of the archive: what comes out of a whole one of another tar.

@@ -1,4 +1,7 @@
 // vexreg beside the running agent.
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <nlohmann/json.hpp>
 
 #include "tests/support/made_up_host.h"
@@ -82,4 +85,69 @@ TEST(Vexreg, DoctorSpeaksToPrograms) {
   EXPECT_EQ(findings[0]["check"], "snmpd");
   EXPECT_EQ(findings[0]["state"], "ok");
   EXPECT_EQ(findings.back()["check"], "doctor");
+}
+
+TEST(Vexreg, SaysThatTheValuesAreThoseOfADeadAgent) {
+  MadeUpHost host;
+  host.Start();
+  EXPECT_EQ(host.Vexreg({"show", "memory"}).err, "");
+  host.daemon.StepClock(-3 * 86400);
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+  for (const std::vector<std::string> &words :
+       {std::vector<std::string>{"show", "memory"}, {"show", "--json"}}) {
+    const Outcome outcome = host.Vexreg(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err,
+              "vexreg: values are 3 days old: no agent runs; start it: systemctl start vexhostd\n");
+  }
+  const std::string page = host.Vexreg({"report"}).out;
+  EXPECT_TRUE(Contains(page, "<p class=\"bad\">Last poll ")) << page.substr(0, 6000);
+  EXPECT_TRUE(Contains(page, ", 3 days before: no agent runs; start it"));
+  // What fails comes before anything else.
+  const size_t failures = page.find("vexhostd: does not run");
+  EXPECT_LT(failures, page.find("id=\"identity\"")) << page.substr(0, 6000);
+}
+
+TEST(Vexreg, SaysThatTheAgentPublishesElsewhere) {
+  MadeUpHost host;
+  host.Start();
+  const Outcome outcome = host.Vexreg({"--root", "/nowhere", "show"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(Contains(outcome.err, "the agent publishes elsewhere; check --root")) << outcome.err;
+}
+
+TEST(Vexreg, ReportsTheHostAsAPage) {
+  MadeUpHost host;
+  host.snmpd.Start();
+  host.daemon.Start({"-p", "15", "-l", "/tmp/agent.log"});
+  ASSERT_TRUE(host.daemon.Poll());
+  host.File("/tmp/agent.log", "the first line\nthe <last> line\n");
+  host.Script("/usr/bin/journalctl", "echo a line of the journal");
+  const std::string file = "/tmp/host.html";
+  const Outcome made = host.Vexreg({"report", "--output", file});
+  EXPECT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(made.out, "");
+  struct stat status = {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+  const std::string page = ReadFile(file);
+  EXPECT_TRUE(page.ends_with("</html>\n"));
+  for (const char *part : {"<p class=\"faint\">Last poll ", "group cpu: ", "id=\"findings\"",
+                           "the &lt;last&gt; line"}) {
+    EXPECT_TRUE(Contains(page, part)) << part;
+  }
+  // Whole or not at all.
+  host.Directory("/full");
+  ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "-o", "size=4k", "full", "/full"}).status, 0);
+  EXPECT_EQ(host.Vexreg({"report", "--output", "/full/host.html"}).status, 1);
+  EXPECT_EQ(RunCommand({"ls", "-A", "/full"}).out, "");
+  // Nothing published: a page that says so.
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  host.Script("/usr/bin/journalctl", "exit 1");
+  const Outcome nothing = host.Vexreg({"report"});
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_TRUE(Contains(nothing.err, "no agent runs. Start it: systemctl start vexhostd"));
+  EXPECT_TRUE(Contains(nothing.out, "The agent publishes nothing."));
+  EXPECT_TRUE(Contains(nothing.out, "no log to be read"));
 }

@@ -4,6 +4,9 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include <algorithm>
+
+#include "framework/registry/directory_lock.h"
 #include "framework/registry/registry_dir.h"
 #include "tools/vexreg/host_facts.h"
 
@@ -27,7 +30,42 @@ int ListingError(const std::string &path) {
   return error != 0 ? error : ListingError(root.get(), kOwnDirectory);
 }
 
+// Whether a process has the agent's directory for itself.
+bool IsHeld(const std::string &path) {
+  const Descriptor root(OpenRegistryRoot(path, false));
+  const Descriptor own(
+      root ? OpenBeneath(root.get(), kOwnDirectory, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
+  return own && LockHolder(own.get()).has_value();
+}
+
 }  // namespace
+
+AgentSight SeeAgent() {
+  AgentSight sight;
+  const std::vector<ProcessFact> agents = FindProcesses(kAgentName);
+  sight.looked = true;
+  sight.runs = !agents.empty();
+  sight.stopped = sight.runs && std::all_of(agents.begin(), agents.end(), IsStopped);
+  sight.hidden = ProcessesHidden();
+  return sight;
+}
+
+std::string SightText(const AgentSight &sight, bool published) {
+  if (!sight.looked) {
+    return "";
+  }
+  if (sight.stopped) {
+    return "the agent is stopped by a signal; continue it, or restart it";
+  }
+  if (sight.runs) {
+    return published ? "the agent runs, but is silent; run: vexreg doctor"
+                     : "the agent runs, and publishes at its first poll";
+  }
+  if (sight.hidden) {
+    return "whether the agent runs is not for this user to see";
+  }
+  return "no agent runs; start it: systemctl start vexhostd";
+}
 
 std::string JudgeAbsence(const AbsenceFacts &facts) {
   if (facts.error == EACCES) {
@@ -39,6 +77,9 @@ std::string JudgeAbsence(const AbsenceFacts &facts) {
       : facts.error == ENOENT
           ? "nothing is published: there is no registry " + facts.root + ", and "
           : "nothing to see: " + facts.root + ": " + strerror(facts.error) + "; ";
+  if (facts.agent_runs && facts.elsewhere) {
+    return what + "the agent publishes elsewhere; check --root";
+  }
   if (facts.agent_runs) {
     return what +
            "the agent runs, and publishes at its first poll, one poll interval after its start. "
@@ -54,8 +95,10 @@ std::string WhyNothing(const std::string &root) {
   AbsenceFacts facts;
   facts.root = root;
   facts.error = ListingError(root);
-  facts.agent_hidden = ProcessesHidden();
-  facts.agent_runs = !FindProcesses(kAgentName).empty();
+  const AgentSight sight = SeeAgent();
+  facts.agent_hidden = sight.hidden;
+  facts.agent_runs = sight.runs;
+  facts.elsewhere = root != kRegistryRoot && !IsHeld(root);
   return JudgeAbsence(facts);
 }
 

@@ -6,12 +6,28 @@
 
 namespace vex {
 
+// What was seen of the agent's processes, where its values are old or absent.
+struct AgentSight {
+  bool looked = false;  // else the rest says nothing
+  bool runs = false;
+  bool stopped = false;  // by a signal
+  bool hidden = false;   // this user does not see other users' processes
+};
+
+// Looks at every process of the host.
+AgentSight SeeAgent();
+
+// What is with the agent whose values are old, or, when none are published, absent; and what to do.
+// Empty when nobody has looked. Pure.
+std::string SightText(const AgentSight &sight, bool published);
+
 // What was seen of a registry without objects, and of the agent that should publish there.
 struct AbsenceFacts {
   std::string root;
   int error = 0;              // of listing the root or the agent's directory; 0: both can be listed
   bool agent_runs = false;    // it was seen
   bool agent_hidden = false;  // this user does not see other users' processes
+  bool elsewhere = false;     // no agent has this root, which was given in place of the usual one
 };
 
 // One line: why nothing is there, and what to do. Pure.

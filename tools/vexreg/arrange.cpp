@@ -48,7 +48,7 @@ void AddVariable(FileObject *object, const char *name, const std::string &text) 
 void AddColumns(NamedObject *object) {
   AddVariable(&object->object, kObjectColumn, object->name);
   AddVariable(&object->object, kPublishedColumn,
-              TimeText(object->object.published_ns / kNanoseconds));
+              ZonedTimeText(object->object.published_ns / kNanoseconds));
 }
 
 // The place of a column among the object's variables.
@@ -174,7 +174,7 @@ std::string Unknown(const std::string &column, const std::vector<NamedObject> &o
       }
     }
   }
-  std::string text = column + ": no such column; there are";
+  std::string text = column + ": no such column; there are " + kNumberColumn;
   for (const std::string &name : names) {
     text += " " + name;
   }
@@ -201,12 +201,10 @@ bool Arrange(const Arrangement &arrangement, std::vector<NamedObject> *objects,
   }
   std::vector<std::string> named = columns;
   for (const Order &order : orders) {
-    if (order.column != kNumberColumn) {
-      named.push_back(order.column);
-    }
+    named.push_back(order.column);
   }
   for (const std::string &column : named) {
-    if (!IsKnown(column, *objects)) {
+    if (column != kNumberColumn && !IsKnown(column, *objects)) {
       *error = Unknown(column, *objects);
       return false;
     }
@@ -216,8 +214,10 @@ bool Arrange(const Arrangement &arrangement, std::vector<NamedObject> *objects,
     Choose(columns, more || columns.empty(), &object.object);
   }
   if (!columns.empty() && !more) {
-    std::erase_if(*objects,
-                  [](const NamedObject &object) { return object.object.variables.empty(); });
+    const bool numbers = std::find(columns.begin(), columns.end(), kNumberColumn) != columns.end();
+    std::erase_if(*objects, [numbers](const NamedObject &object) {
+      return object.object.variables.empty() && !(numbers && ParseRowName(object.name));
+    });
   }
   return true;
 }

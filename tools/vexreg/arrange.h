@@ -11,7 +11,7 @@ namespace vex {
 
 // A column goes by its heading (SpaceUsed) or its variable's name (tlxHoFileSysSpaceUsed), whatever
 // the case. Besides these every object has kObjectColumn, its name, kPublishedColumn, the time of
-// its last publication, and for sorting "#", its number.
+// its last publication, and every row "#", its number, which stands first in its table anyway.
 struct Arrangement {
   // Separated by commas; "-" before a name: the largest first.
   std::string sort;

@@ -30,6 +30,7 @@
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/figures.h"
 #include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/own_words.h"
 #include "tools/vexreg/replace_file.h"
 #include "tools/vexreg/secrets.h"
 #include "tools/vexreg/values.h"
@@ -46,7 +47,6 @@ constexpr size_t kMostFile = size_t{8} << 20;
 constexpr size_t kMostOutput = size_t{16} << 20;
 constexpr size_t kMostLog = size_t{256} << 10;
 constexpr int kCommandSeconds = 20;
-constexpr int kDoctorSeconds = 20;
 constexpr int kMostSilentMounts = 10;
 
 // What the agent asks snmpd for, below enterprises.4891: other agents' revisions and conditions.
@@ -87,14 +87,6 @@ std::optional<std::string> ReadPlain(int directory, const std::string &path, siz
   }
   bytes.resize(static_cast<size_t>(size));
   return bytes;
-}
-
-std::string LastOf(const std::string &text, size_t most) {
-  if (text.size() <= most) {
-    return text;
-  }
-  const size_t line = text.find('\n', text.size() - most);
-  return line == std::string::npos ? "" : text.substr(line + 1);
 }
 
 class Collector {
@@ -173,6 +165,8 @@ class Collector {
         return WithoutSnmpSecrets(bytes, &secrets_);
       case Treatment::kAssignments:
         return WithoutAssignedSecrets(bytes, &secrets_);
+      case Treatment::kMountTable:
+        return WithoutMountOptions(bytes);
       case Treatment::kWhole:
         break;
     }
@@ -406,54 +400,29 @@ class Collector {
   }
 
   void TakeFindings() {
-    const ChildOutput output = RunProgram({"/proc/self/exe", "--root", root_, "doctor", "--json",
-                                           "--limit", std::to_string(kDoctorSeconds)},
-                                          search_, kDoctorSeconds + 5, kMostFile);
-    if (output.end == ChildOutput::kExited) {
-      Put(kFindingsMember, WithoutWords(output.out, secrets_), time(nullptr));
+    const TakenText findings = TakeDoctorsFindings(root_, search_);
+    if (findings.text) {
+      Put(kFindingsMember, WithoutWords(*findings.text, secrets_), time(nullptr));
     } else {
-      Omit("doctor", "not done in time");
+      Omit("doctor", findings.reason);
     }
-  }
-
-  // The file of the agent's option -l.
-  std::string LogFile() const {
-    struct stat status = {};
-    const auto words = agent_ != 0
-                           ? ReadPlain(AT_FDCWD, "/proc/" + std::to_string(agent_) + "/cmdline",
-                                       kMostFile, 0, &status)
-                           : std::nullopt;
-    std::string file;
-    bool next = false;
-    for (size_t from = 0; words && from < words->size();) {
-      const std::string word = words->c_str() + from;
-      from += word.size() + 1;
-      file = next ? word : file;
-      next = word == "-l";
-      file = word.starts_with("-l") && word.size() > 2 ? word.substr(2) : file;
-    }
-    return file;
   }
 
   void TakeLog() {
-    const std::string file = LogFile();
+    const std::string file = LogFileOf(agent_);
     if (!file.empty()) {
-      const ChildOutput output = RunProgram({"tail", "-c", std::to_string(kMostLog), file}, search_,
-                                            kCommandSeconds, 2 * kMostLog);
-      if (output.end == ChildOutput::kExited && output.status == 0) {
-        Put(std::string(kLogMembers) + "file", WithoutWords(output.out, secrets_), time(nullptr));
+      const TakenText log = TakeLogFile(file, search_, kMostLog);
+      if (log.text) {
+        Put(kLogFileMember, WithoutWords(*log.text, secrets_), time(nullptr));
       } else {
-        Omit(file, "cannot be read");
+        Omit(file, log.reason);
       }
     }
-    const ChildOutput output = RunProgram({"journalctl", "--unit", kAgentName, "--lines", "2000",
-                                           "--no-pager", "--output", "short-iso"},
-                                          search_, kCommandSeconds, kMostOutput);
-    if (output.end == ChildOutput::kExited && output.status == 0) {
-      Put(std::string(kLogMembers) + "journal",
-          WithoutWords(LastOf(output.out, kMostLog), secrets_), time(nullptr));
+    const TakenText journal = TakeJournal(search_, kMostLog);
+    if (journal.text) {
+      Put(kJournalMember, WithoutWords(*journal.text, secrets_), time(nullptr));
     } else if (file.empty()) {
-      Omit("log", "no journal to be read");
+      Omit("log", journal.reason);
     }
   }
 
@@ -466,16 +435,34 @@ class Collector {
   size_t total_ = 0;
 };
 
+std::string Summary(const Capture &capture, const std::string &file, size_t bytes) {
+  auto members = nlohmann::ordered_json::array();
+  for (const Member &member : capture.members) {
+    members.push_back({{"name", Utf8(member.name)}, {"bytes", member.bytes.size()}});
+  }
+  auto omissions = nlohmann::ordered_json::array();
+  for (const Omission &omission : capture.omissions) {
+    omissions.push_back({{"source", Utf8(omission.source)}, {"reason", Utf8(omission.reason)}});
+  }
+  const nlohmann::ordered_json summary = {
+      {"file", Utf8(file)}, {"bytes", bytes}, {"members", members}, {"omissions", omissions}};
+  return SafeJson(summary.dump(2)) + "\n";
+}
+
 }  // namespace
 
-int CaptureHost(const std::string &root, const std::string &file, const std::string &program) {
+int CaptureHost(const std::string &root, const std::string &file, const std::string &program,
+                bool json) {
   if (geteuid() != 0) {
     Complain("capture reads what only root may: run it as root");
     return kFailed;
   }
-  const bool to_output = file == "-";
-  if (to_output && isatty(STDOUT_FILENO) != 0) {
+  if (file == kStandardOutput && isatty(STDOUT_FILENO) != 0) {
     Complain("a capture is no text: name a file, or send standard output to one");
+    return kWrongUsage;
+  }
+  if (json && file == kStandardOutput) {
+    Complain("--json and the capture itself cannot both go to standard output: name a file");
     return kWrongUsage;
   }
   const Capture capture = Collector(root).Collect(program);
@@ -485,11 +472,12 @@ int CaptureHost(const std::string &root, const std::string &file, const std::str
     Complain(file + ": " + error);
     return kFailed;
   }
-  const bool written =
-      to_output ? WriteAll(STDOUT_FILENO, *archive) : ReplaceFile(file, *archive, kMode) == 0;
-  if (!written) {
-    Complain(file + ": cannot be written: " + strerror(errno));
+  if (!WriteOutput(file, *archive, kMode)) {
     return kFailed;
+  }
+  if (json) {
+    std::cout << Summary(capture, file, archive->size());
+    return FinishOutput(kDone);
   }
   // Not among the bytes of the capture.
   for (const Omission &omission : capture.omissions) {

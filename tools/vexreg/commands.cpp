@@ -5,6 +5,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,8 @@
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_format.h"
 #include "tools/vexreg/absence.h"
+#include "tools/vexreg/findings.h"
+#include "tools/vexreg/live_data.h"
 #include "tools/vexreg/put.h"
 #include "tools/vexreg/values.h"
 #include "tools/vexreg/words.h"
@@ -70,6 +73,22 @@ void PrintJson(const std::vector<NamedObject> &objects,
                           Indented(ObjectJson(objects[i].object, value)));
   }
   std::cout << (objects.empty() ? "}\n" : "\n}\n");
+}
+
+// What it is that the agent's values are old; empty while they are not.
+std::string WhyOld(const std::string &root) {
+  std::vector<NamedObject> heads;
+  for (const std::string &name : HeadGroups()) {
+    if (auto object = ReadObjectFile(name, root)) {
+      heads.push_back({name, std::move(*object)});
+    }
+  }
+  const int64_t now = time(nullptr);
+  const LiveData data = DataOf(heads, true, now, 0);
+  const int64_t age = data.AgeOfValues(now, 0);
+  return age >= 0 && data.IsStale(now, 0)
+             ? "values are " + AgeText(age) + " old: " + SightText(SeeAgent(), true)
+             : "";
 }
 
 }  // namespace
@@ -146,6 +165,13 @@ int Show(const Selection &selection, const View &view, const Arrangement &arrang
   if (!Arrange(arrangement, &objects, &error)) {
     Complain(error);
     return kWrongUsage;
+  }
+  const bool of_agent = std::any_of(objects.begin(), objects.end(), [](const NamedObject &object) {
+    return object.name.starts_with(kOwnGroups);
+  });
+  const std::string old = of_agent && !view.captured ? WhyOld(selection.root) : "";
+  if (!old.empty()) {
+    Complain(old);
   }
   if (view.json) {
     PrintJson(objects, view.raw ? ValueJson : WordJson);

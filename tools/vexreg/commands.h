@@ -24,7 +24,8 @@ struct View {
   bool raw = false;   // numbers as they are
   bool json = false;  // for programs
   ColourChoice colour = ColourChoice::kAuto;
-  double interval = 2;  // seconds between looks of a live view
+  double interval = 2;    // seconds between looks of a live view
+  bool captured = false;  // what is shown was captured, and its age says nothing
 };
 
 // Reads the objects that the selection stands for, and complains of names that stand for nothing.
@@ -32,7 +33,7 @@ struct View {
 std::vector<NamedObject> ReadObjects(const Selection &selection, int *status);
 
 int Dump(const Selection &selection);
-// kFailed, and why, also when nothing at all is published.
+// kFailed, and why, also when nothing at all is published. Of an agent's old values it says so.
 int Show(const Selection &selection, const View &view, const Arrangement &arrangement);
 // Looks for what keeps the agent from being seen, one line for each check. kFailed when something
 // needs to be done, or when it is not done within so many seconds.
@@ -48,7 +49,9 @@ int Remove(const std::string &root, const std::string &name);
 // Writes what the agent reads on this host, the registry, the log and doctor's findings as one file
 // ("-": standard output). program: this program's version. What cannot be read is left out, with a
 // message.
-int CaptureHost(const std::string &root, const std::string &file, const std::string &program);
+// json: what was taken and what was not, as JSON on standard output.
+int CaptureHost(const std::string &root, const std::string &file, const std::string &program,
+                bool json);
 struct Capture;
 // An HTML page of this host, or of a captured one, on standard output or as a file that is written
 // whole, for this user alone. root: of the registry, the captured one too.
@@ -58,6 +61,7 @@ struct ReplayOptions {
   std::string agent;   // the program to try; empty: the one installed beside this
   bool exact = false;  // compares what moves between a poll and the capture as well
   int seconds = 60;    // until what differs is believed
+  bool json = false;   // what differs, as JSON
 };
 // Runs the agent on a captured host in private namespaces. kFailed also when it serves other values
 // than then.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -65,6 +66,14 @@ std::string PublishedOctets(const FileObject &object, std::string_view name) {
     }
   }
   return "";
+}
+
+// Where this installation has its examples, found from where this program stands.
+std::string SharedDirectory() {
+  std::error_code error;
+  const std::filesystem::path own =
+      std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  return (own / VEXREG_TO_SHARE / "vexhostd").lexically_normal();
 }
 
 class Examination {
@@ -213,13 +222,13 @@ class Examination {
   void LookAtStations() {
     const Reach reach = SnmpReach();
     if (reach != Reach::kNowhere) {
-      Say(JudgeReach(reach == Reach::kBeyond));
+      Say(JudgeReach(reach == Reach::kBeyond, SharedDirectory()));
     }
     // Of a file that this user may not read, it was said.
     if (!unreadable_.empty()) {
       return;
     }
-    Say(JudgeReceivers(files_.receivers));
+    Say(JudgeReceivers(files_.receivers, SharedDirectory()));
     if (const auto finding = JudgeDefaultCommunity(files_.master_lines)) {
       Say(*finding);
     }

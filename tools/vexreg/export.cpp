@@ -1,9 +1,4 @@
 // vexreg export: what is published, for a collector of metrics.
-#include <errno.h>
-#include <string.h>
-
-#include <iostream>
-
 #include "tools/vexreg/absence.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/open_metrics.h"
@@ -33,15 +28,7 @@ int Export(const std::string &root, const std::optional<std::string> &file) {
     Complain(WhyNothing(root));
   }
   const std::string text = OpenMetrics(objects);
-  if (!file) {
-    std::cout << text;
-    return FinishOutput(status);
-  }
-  if (ReplaceFile(*file, text, kMode) != 0) {
-    Complain(*file + ": cannot be written: " + strerror(errno));
-    return kFailed;
-  }
-  return status;
+  return WriteOutput(file.value_or(kStandardOutput), text, kMode) ? status : kFailed;
 }
 
 }  // namespace vex

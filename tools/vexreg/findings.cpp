@@ -176,23 +176,25 @@ Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &u
       "community NAME.");
 }
 
-Finding JudgeReach(bool beyond_loopback) {
+Finding JudgeReach(bool beyond_loopback, const std::string &share) {
   if (beyond_loopback) {
     return Ok("stations: snmpd can be asked from other machines.");
   }
   return Note(
       "stations: snmpd listens on loopback alone, so that no management station reaches it. What "
-      "lets one in is in share/vexhostd/integrations/snmpd/station.conf.");
+      "lets one in is in " +
+      share + "/integrations/snmpd/station.conf.");
 }
 
-Finding JudgeReceivers(size_t receivers) {
+Finding JudgeReceivers(size_t receivers, const std::string &share) {
   if (receivers > 0) {
     return Ok("notifications: snmpd.conf has " + std::to_string(receivers) +
               (receivers == 1 ? " receiver." : " receivers."));
   }
   return Note(
       "notifications: snmpd.conf has no receiver, so that they go nowhere. What sends them to a "
-      "station is in share/vexhostd/integrations/snmpd/traps.conf.");
+      "station is in " +
+      share + "/integrations/snmpd/traps.conf.");
 }
 
 std::optional<Finding> JudgeDefaultCommunity(

@@ -60,8 +60,9 @@ Finding JudgeSocket(const std::string &target, const std::string &path, int erro
                     bool other_agent);
 
 // What keeps stations from this host, or lets too many in.
-Finding JudgeReach(bool beyond_loopback);
-Finding JudgeReceivers(size_t receivers);
+// share: the directory of this installation's examples.
+Finding JudgeReach(bool beyond_loopback, const std::string &share);
+Finding JudgeReceivers(size_t receivers, const std::string &share);
 // Of the lines of snmpd.conf that give communities: one that everybody tries first, from other
 // machines. Nothing to say when there is none.
 std::optional<Finding> JudgeDefaultCommunity(

@@ -259,6 +259,21 @@ bool ParseStat(std::string_view stat, ProcessFact *process) {
   return static_cast<bool>(rest >> process->start_ticks);
 }
 
+size_t NumbersOfProcess(std::string_view status) {
+  constexpr std::string_view kNumbers = "\nNSpid:";
+  const size_t at = status.find(kNumbers);
+  if (at == std::string_view::npos) {
+    return 0;
+  }
+  const size_t from = at + kNumbers.size();
+  std::istringstream line{std::string(status.substr(from, status.find('\n', from) - from))};
+  size_t count = 0;
+  for (pid_t number = 0; line >> number;) {
+    count++;
+  }
+  return count;
+}
+
 std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &processes) {
   std::vector<ProcessFact> left;
   std::copy_if(
@@ -286,6 +301,21 @@ std::vector<pid_t> NumbersIn(const std::string &directory) {
 
 }  // namespace
 
+namespace {
+
+// Whether a process is of a PID namespace within this one. The namespace itself is for its user
+// alone to see, and root; how many numbers the process has, for everybody.
+bool IsOfContainer(const std::string &directory, const std::string &own_space) {
+  const std::string space = LinkOf(directory + "/ns/pid");
+  if (!space.empty()) {
+    return space != own_space;
+  }
+  return NumbersOfProcess(ReadText(directory + "/status")) >
+         NumbersOfProcess(ReadText("/proc/self/status"));
+}
+
+}  // namespace
+
 std::vector<ProcessFact> FindProcesses(const std::string &name) {
   std::vector<ProcessFact> found;
   const std::string own_space = LinkOf("/proc/self/ns/pid");
@@ -293,9 +323,7 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
     ProcessFact process;
     process.pid = pid;
     const std::string directory = "/proc/" + std::to_string(pid);
-    // A container's are not this host's.
-    const std::string space = LinkOf(directory + "/ns/pid");
-    if (ReadText(directory + "/comm") != name + "\n" || (!space.empty() && space != own_space)) {
+    if (ReadText(directory + "/comm") != name + "\n" || IsOfContainer(directory, own_space)) {
       continue;
     }
     struct stat status = {};

@@ -17,6 +17,9 @@ namespace vex {
 std::vector<ProcessFact> FindProcesses(const std::string &name);
 // Takes state, parent and start from what /proc/PID/stat says. False when it is not of that form.
 bool ParseStat(std::string_view stat, ProcessFact *process);
+// How many numbers a process has by what /proc/PID/status says of it (NSpid): one for each PID
+// namespace from this /proc's on. 0 when it does not say so.
+size_t NumbersOfProcess(std::string_view status);
 // Those that are no child of another of them: one that has just been forked still has its parent's
 // name.
 std::vector<ProcessFact> WithoutChildren(const std::vector<ProcessFact> &processes);

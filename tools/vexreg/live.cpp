@@ -9,7 +9,6 @@
 #include "framework/process/clock.h"
 #include "tools/vexreg/absence.h"
 #include "tools/vexreg/follower.h"
-#include "tools/vexreg/host_facts.h"
 #include "tools/vexreg/live_data.h"
 #include "tools/vexreg/live_screen.h"
 #include "tools/vexreg/live_view.h"
@@ -21,19 +20,12 @@ namespace {
 constexpr double kRest = 10;
 // Whether the agent runs is looked at no more often: that reads of every process.
 constexpr double kSightSeconds = 5;
+// Looks because of keys are at least so far apart.
+constexpr double kSoonest = 1;
 constexpr int kMostFruitless = 100;
 
 double Now() {
   return static_cast<double>(ClockNs()) / kNsPerSecond;
-}
-
-AgentSight SeeAgent() {
-  AgentSight sight;
-  const std::vector<ProcessFact> agents = FindProcesses(kAgentName);
-  sight.runs = !agents.empty();
-  sight.stopped = sight.runs && std::all_of(agents.begin(), agents.end(), IsStopped);
-  sight.hidden = ProcessesHidden();
-  return sight;
 }
 
 std::string HostName() {
@@ -48,15 +40,6 @@ std::set<std::string> GroupsOf(const std::vector<NamedObject> &objects) {
     groups.emplace(row ? row->group : std::string_view(object.name));
   }
   return groups;
-}
-
-// What the head of the page and the line of the memory tell, whatever is named.
-std::vector<std::string> HeadGroups() {
-  std::vector<std::string> names;
-  for (const std::string_view name : {kInfo, kLoad, kMisc, kAgentGroup, kMemory, kMemoryDetail}) {
-    names.emplace_back(name);
-  }
-  return names;
 }
 
 class LiveLoop {
@@ -83,10 +66,18 @@ class LiveLoop {
           LookAgain();
         }
         next_look = began + std::max(view_.interval, kRest * (Now() - began));
+        soonest_look_ = began + std::max(kSoonest, kRest * (Now() - began));
       }
       Draw();
+      const bool paused = page_.paused();
       if (!TakeKeys(next_look - Now())) {
         return;
+      }
+      // What is drawn after a pause, or at a key between two looks that are long apart, is not to
+      // be as old as the last look.
+      const bool old = data_.IsStale(time(nullptr), ClockNs()) && Now() >= soonest_look_;
+      if (!page_.paused() && (paused || old)) {
+        next_look = 0;
       }
     }
   }
@@ -113,6 +104,7 @@ class LiveLoop {
       moment_.nothing = data_.groups().empty() ? WhyNothing(selection_.root) : "";
       next_sight_ = Now() + kSightSeconds;
     } else if (well) {
+      moment_.agent = {};
       next_sight_ = 0;
     }
     absence_ = absence;
@@ -175,6 +167,7 @@ class LiveLoop {
   LiveMoment moment_;
   int fruitless_ = 0;  // readings in a row of a terminal that says that it has a key
   double next_sight_ = 0;
+  double soonest_look_ = 0;
   // Whether there is nothing, and the error of the root: another one is looked into at once.
   std::pair<bool, int> absence_ = {false, 0};
   LiveScreen screen_;

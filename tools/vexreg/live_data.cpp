@@ -81,17 +81,49 @@ std::string TextOf(const FileObject *object, std::string_view name) {
   return bytes ? SafeText(*bytes) : "";
 }
 
-std::optional<int> MemoryUse(const LiveData &data) {
-  const auto size = KnownNumber(data.Object(kMemory), "tlxHoPhysicalMemorySize");
-  auto left = KnownNumber(data.Object(kMemoryDetail), "tlxHoMemoryAvailable");
-  if (!left) {
-    left = KnownNumber(data.Object(kMemory), "tlxHoPhysicalMemoryFree");
-  }
+namespace {
+
+std::optional<int> UseOf(std::optional<int32_t> size, std::optional<int32_t> left) {
   if (!size || !left || *size <= 0) {
     return std::nullopt;
   }
   const int64_t used = int64_t{*size} - *left;
   return static_cast<int>(std::clamp<int64_t>((used * 100 + *size / 2) / *size, 0, 100));
+}
+
+}  // namespace
+
+std::optional<int> MemoryUse(const FileObject *memory, const FileObject *detail) {
+  const auto available = KnownNumber(detail, "tlxHoMemoryAvailable");
+  return UseOf(KnownNumber(memory, "tlxHoPhysicalMemorySize"),
+               available ? available : KnownNumber(memory, "tlxHoPhysicalMemoryFree"));
+}
+
+std::optional<int> MemoryUse(const LiveData &data) {
+  return MemoryUse(data.Object(kMemory), data.Object(kMemoryDetail));
+}
+
+std::optional<int> SwapUse(const FileObject *memory) {
+  return UseOf(KnownNumber(memory, "tlxHoPagingMemorySize"),
+               KnownNumber(memory, "tlxHoPagingMemoryFree"));
+}
+
+std::vector<std::string> HeadGroups() {
+  std::vector<std::string> names;
+  for (const std::string_view name : {kInfo, kLoad, kMisc, kAgentGroup, kMemory, kMemoryDetail}) {
+    names.emplace_back(name);
+  }
+  return names;
+}
+
+LiveData DataOf(const std::vector<NamedObject> &objects, bool raw, int64_t wall, int64_t clock_ns) {
+  Look look;
+  for (const NamedObject &named : objects) {
+    look.steps.push_back({named.name, std::make_shared<const FileObject>(named.object)});
+  }
+  LiveData data(raw);
+  data.Take(look, wall, clock_ns);
+  return data;
 }
 
 const LiveGroup *LiveData::Group(std::string_view name) const {
@@ -169,19 +201,74 @@ void LiveData::NoteVariables(const LiveRow &row, const FileObject &before, int64
   }
 }
 
+// Of a use that has crossed what counts as high or as full. It has to fall by more than it wavers
+// before that is news again.
+void LiveData::NoteUse(int64_t wall, const std::string &what, std::optional<int> before,
+                       std::optional<int> now, int *level) {
+  constexpr int kLevels[] = {75, 90};
+  constexpr int kWavers = 2;
+  if (!now) {
+    return;
+  }
+  const int was = *level;
+  while (*level < static_cast<int>(std::size(kLevels)) && *now >= kLevels[*level]) {
+    (*level)++;
+  }
+  while (*level > 0 && *now < kLevels[*level - 1] - kWavers) {
+    (*level)--;
+  }
+  if (!first_ && before && *level != was) {
+    Note(wall, what, std::to_string(*before) + " % -> " + std::to_string(*now) + " % in use");
+  }
+}
+
+// "file system /data (ext4)", "host/swver.3 (a-driver)"; the row's name where nothing says more.
+std::string LiveData::CalledOf(std::string_view group, const LiveRow &row) const {
+  if (group == kFileSystems || group == kMounts) {
+    const LiveRow *mount = group == kMounts ? &row : Row(kMounts, row.number);
+    const FileObject *object = mount != nullptr ? mount->object.get() : nullptr;
+    const std::string directory = TextOf(object, "tlxHoMountDirectory");
+    const std::string type = TextOf(object, "tlxHoMountType");
+    const std::string description = TextOf(row.object.get(), "tlxHoFileSysDesc");
+    if (!directory.empty()) {
+      return "file system " + directory + (type.empty() ? "" : " (" + type + ")");
+    }
+    return description.empty() ? SafeText(row.name) : "file system " + description;
+  }
+  for (const FileVariable &variable : row.object->variables) {
+    if (variable.type == VAR_DISPLAY_STRING && variable.name.ends_with("Name")) {
+      const std::string text = TextOf(row.object.get(), variable.name);
+      return SafeText(row.name) + (text.empty() ? "" : " (" + text + ")");
+    }
+  }
+  return SafeText(row.name);
+}
+
 void LiveData::NoteComing(const std::vector<Coming> &coming, int64_t wall) {
   std::map<std::pair<std::string, bool>, size_t> counts;
+  // A file system's row and its mount's are one thing.
+  const auto is_told = [&](const Coming &row) {
+    return row.group == kMounts &&
+           std::any_of(coming.begin(), coming.end(), [&](const Coming &other) {
+             return other.group == kFileSystems && other.number == row.number &&
+                    other.added == row.added;
+           });
+  };
   for (const Coming &row : coming) {
     counts[{row.group, row.added}]++;
   }
   for (const Coming &row : coming) {
     size_t &count = counts[{row.group, row.added}];
+    if (count <= kFewRows && is_told(row)) {
+      continue;
+    }
     if (count > kFewRows) {
       Note(wall, SafeText(row.group),
            std::to_string(count) + (row.added ? " rows are new" : " rows are gone"));
       count = 0;  // said
     } else if (count > 0) {
-      Note(wall, SafeText(row.name), row.added ? "is new" : "is gone");
+      const LiveRow *const added = row.added ? Row(row.group, row.number) : nullptr;
+      Note(wall, added != nullptr ? added->called : row.called, row.added ? "is new" : "is gone");
     }
   }
 }
@@ -209,8 +296,8 @@ void LiveData::Take(const Look &look, int64_t wall, int64_t clock_ns) {
     }
     if (!step.object) {
       if (found != group.rows.end()) {
+        coming.push_back({group_name, step.name, number, found->second.called, false});
         group.rows.erase(found);
-        coming.push_back({group_name, step.name, false});
       }
       continue;
     }
@@ -222,7 +309,7 @@ void LiveData::Take(const Look &look, int64_t wall, int64_t clock_ns) {
     row.object = step.object;
     row.words.clear();
     if (is_new) {
-      coming.push_back({group_name, step.name, true});
+      coming.push_back({group_name, step.name, number, "", true});
     }
     if (before && !first_ && noted < kMostNotedALook && before->data != row.object->data) {
       const uint64_t version = changes_version_;
@@ -231,6 +318,19 @@ void LiveData::Take(const Look &look, int64_t wall, int64_t clock_ns) {
     }
     if (group_name == kProcessors) {
       Push(&row.history, KnownNumber(row.object.get(), "tlxHoCpuUtilMin").value_or(-1));
+    }
+    row.called = CalledOf(group_name, row);
+    if (group_name == kMounts) {
+      const auto rows = groups_.find(std::string(kFileSystems));
+      const auto of = rows != groups_.end() ? rows->second.rows.find(number) : found;
+      if (rows != groups_.end() && of != rows->second.rows.end()) {
+        of->second.called = row.called;
+      }
+    }
+    if (group_name == kFileSystems) {
+      const char *const use = "tlxHoFileSysPercentSpaceUsed";
+      NoteUse(wall, row.called, KnownNumber(before.get(), use), KnownNumber(row.object.get(), use),
+              &row.level);
     }
     memory = memory || group_name == kMemory;
     if (IsOfEachPoll(group_name)) {
@@ -242,7 +342,10 @@ void LiveData::Take(const Look &look, int64_t wall, int64_t clock_ns) {
   }
   std::erase_if(groups_, [](const auto &group) { return group.second.rows.empty(); });
   if (memory) {
+    const int before = memory_history_.empty() ? -1 : memory_history_.back();
     Push(&memory_history_, MemoryUse(*this).value_or(-1));
+    NoteUse(wall, "memory", before >= 0 ? std::optional(before) : std::nullopt, MemoryUse(*this),
+            &memory_level_);
   }
   if (!first_ && newest_ns_ != newest_before) {
     newest_seen_ns_ = clock_ns;

@@ -14,6 +14,7 @@
 
 #include "framework/registry/registry_file.h"
 #include "tools/vexreg/follower.h"
+#include "tools/vexreg/tables.h"
 #include "tools/vexreg/words.h"
 
 namespace vex {
@@ -24,6 +25,8 @@ using History = std::deque<int>;
 struct LiveRow {
   std::string name;    // of the object, from the root
   std::string number;  // behind the dot; empty of an object that is no row
+  std::string called;  // what people call what the row is of; empty when it has no such text
+  int level = 0;       // of a file system's use, among those that are news
   std::shared_ptr<const FileObject> object;
   History history;            // of a processor: its last minutes' averages
   mutable std::string words;  // what a filter searches, small letters; empty: not made yet
@@ -44,13 +47,6 @@ struct LiveChange {
   int64_t seconds = 0;  // wall clock
   std::string what;     // "host/mount.3 State"
   std::string how;      // "answers -> silent"
-};
-
-// What was seen of the agent, where its values are old or absent.
-struct AgentSight {
-  bool runs = false;
-  bool stopped = false;  // by a signal
-  bool hidden = false;   // this user does not see other users' processes
 };
 
 class LiveData {
@@ -98,10 +94,15 @@ class LiveData {
   struct Coming {
     std::string group;
     std::string name;
+    std::string number;
+    std::string called;  // of one that has gone
     bool added;
   };
   void NoteComing(const std::vector<Coming> &coming, int64_t wall);
   void Note(int64_t wall, std::string what, std::string how);
+  void NoteUse(int64_t wall, const std::string &what, std::optional<int> before,
+               std::optional<int> now, int *level);
+  std::string CalledOf(std::string_view group, const LiveRow &row) const;
   void NoteVariables(const LiveRow &row, const FileObject &before, int64_t wall);
 
   const bool raw_;
@@ -111,6 +112,7 @@ class LiveData {
   std::deque<LiveChange> changes_;
   uint64_t changes_version_ = 0;
   History memory_history_;
+  int memory_level_ = 0;
   Look last_look_;              // without its steps
   int64_t newest_ns_ = 0;       // publication of a group of each poll
   int64_t newest_seen_ns_ = 0;  // when a newer one was last seen; 0: never, only the first one
@@ -124,7 +126,16 @@ std::optional<int32_t> KnownNumber(const FileObject *object, std::string_view na
 std::string TextOf(const FileObject *object, std::string_view name);
 // The percentage of the memory that is in use and cannot be given back; nothing when that is not
 // known.
+std::optional<int> MemoryUse(const FileObject *memory, const FileObject *detail);
 std::optional<int> MemoryUse(const LiveData &data);
+// The percentage of a swap space that is in use; nothing when there is none.
+std::optional<int> SwapUse(const FileObject *memory);
+
+// The groups that the agent publishes at each poll, whatever the host, and of which there is one
+// object: by these its values have an age.
+std::vector<std::string> HeadGroups();
+// The same data as a live view's after its first look at these objects.
+LiveData DataOf(const std::vector<NamedObject> &objects, bool raw, int64_t wall, int64_t clock_ns);
 
 // Groups and variables that the view treats by name.
 inline constexpr std::string_view kProcessors = "host/cpu";

@@ -15,6 +15,7 @@ namespace vex {
 namespace {
 
 constexpr char kChanges[] = "changes";  // a section that is no group
+constexpr char kMinuteUse[] = "tlxHoCpuUtilMin";
 constexpr int kGap = 2;
 constexpr int kNarrowest = 8;    // a column that may be cut
 constexpr int kReadable = 20;    // unless others can go instead
@@ -398,24 +399,13 @@ LiveLine LiveView::Cut(const LiveLine &line, int width) const {
 
 LiveLine LiveView::AgentLine(const LiveMoment &moment) const {
   const int64_t age = data_.AgeOfValues(moment.wall, moment.clock_ns);
-  const auto sight = [&]() -> std::string {
-    if (moment.agent.stopped) {
-      return "the agent is stopped by a signal; continue it, or restart it";
-    }
-    if (moment.agent.runs) {
-      return age < 0 ? "the agent runs, and publishes at its first poll"
-                     : "the agent runs, but is silent; run: vexreg doctor";
-    }
-    if (moment.agent.hidden) {
-      return "whether the agent runs is not for this user to see";
-    }
-    return "no agent runs; start it: systemctl start vexhostd";
-  };
+  const std::string sight = SightText(moment.agent, age >= 0);
+  const std::string because = sight.empty() ? "" : ": " + sight;
   if (age < 0) {
-    return {{" No values of the host agent: " + sight(), Mood::kBad, true}};
+    return {{" No values of the host agent" + because, Mood::kBad, true}};
   }
   if (data_.IsStale(moment.wall, moment.clock_ns)) {
-    return {{" Values are " + AgeText(age) + " old: " + sight(), Mood::kBad, true}};
+    return {{" Values are " + AgeText(age) + " old" + because, Mood::kBad, true}};
   }
   const FileObject *agent = data_.Object(kAgentGroup);
   const std::string version = TextOf(agent, "tlxHoAgentVersion");
@@ -436,14 +426,16 @@ std::vector<LiveLine> LiveView::Header(const LiveMoment &moment) const {
   const FileObject *load = data_.Object(kLoad);
   const FileObject *misc = data_.Object(kMisc);
   LiveLine right;
-  if (paused_) {
-    right.push_back({"PAUSED  ", Mood::kWarning, true});
-  }
   const FileVariable *condition =
       misc != nullptr ? VariableOf(*misc, "tlxHoMibCondition") : nullptr;
   if (condition != nullptr && !options_.raw) {
     const Shown shown = ShowValue(*misc, *condition);
     right.push_back({shown.text + "  ", shown.mood, true});
+  }
+  if (paused_) {
+    constexpr int kRoomy = 60;  // columns for more than the word
+    right.push_back(
+        {moment.width < kRoomy ? "PAUSED " : "PAUSED, held since ", Mood::kWarning, true});
   }
   right.push_back({ClockText(moment.wall) + " "});
 
@@ -499,6 +491,7 @@ LiveLine LiveView::Footer(const LiveMoment &moment, const Place &place) const {
   }
   if (mode_ == Mode::kHelp) {
     add("any key", "back");
+    add("Up Down", "scroll");
   } else if (mode_ == Mode::kGroups) {
     add("Space", "shows or hides");
     add("g", "back");
@@ -535,7 +528,7 @@ LiveLine LiveView::Title(const Section &section, bool current) const {
     }
   }
   if (!more.empty()) {
-    line.push_back({" (" + more + ")", Mood::kFaint});
+    line.push_back({" (" + more + ")" + UseOf(section), Mood::kFaint});
   }
   if (section.shown < section.lines) {
     line.push_back({" " + std::to_string(section.shown) + " of " + std::to_string(section.lines) +
@@ -545,8 +538,28 @@ LiveLine LiveView::Title(const Section &section, bool current) const {
   return line;
 }
 
+// ", 12 % on average, most 98 % (37)" of processors that do not all fit; else empty.
+std::string LiveView::UseOf(const Section &section) {
+  int64_t sum = 0;
+  int64_t count = 0;
+  for (const LiveRow *row : section.busiest) {
+    if (const auto use = KnownNumber(row->object.get(), kMinuteUse)) {
+      sum += *use;
+      count++;
+    }
+  }
+  if (count == 0) {
+    return "";
+  }
+  const LiveRow &most = *section.busiest.front();
+  return ", " + std::to_string((sum + count / 2) / count) + " % on average, most " +
+         std::to_string(KnownNumber(most.object.get(), kMinuteUse).value_or(0)) + " % (" +
+         most.number + ")";
+}
+
 LiveLine LiveView::Meters(const Section &section, size_t line, int width) {
-  const std::vector<const LiveRow *> &order = section.state->order;
+  const std::vector<const LiveRow *> &order =
+      section.busiest.empty() ? section.state->order : section.busiest;
   const size_t count = MetersPerLine(width);
   const int share = width / static_cast<int>(count) - kGap;
   const int number_width =
@@ -555,7 +568,7 @@ LiveLine LiveView::Meters(const Section &section, size_t line, int width) {
   const int room = share - number_width - 1 - kPercent - 1;
   const int history = room >= 2 * kHistoryWidth ? kHistoryWidth : 0;
   const int bar = options_.bars ? std::max(0, room - (history > 0 ? history + 1 : 0)) : 0;
-  const LiveColumn percent = PercentColumn("", "tlxHoCpuUtilMin", 0);
+  const LiveColumn percent = PercentColumn("", kMinuteUse, 0);
   LiveLine pieces;
   for (size_t i = line * count; i < std::min(order.size(), (line + 1) * count); i++) {
     const LiveRow &row = *order[i];
@@ -604,12 +617,10 @@ std::vector<LiveLine> LiveView::MemoryLines(int width) const {
                                                std::min(left, 2 * kHistoryWidth), options_.utf8),
                             Mood::kFaint});
   }
-  const auto swap = KnownNumber(memory, "tlxHoPagingMemorySize");
-  const auto swap_free = KnownNumber(memory, "tlxHoPagingMemoryFree");
-  if (swap && swap_free && *swap > 0) {
-    const int64_t used = int64_t{*swap} - *swap_free;
-    add("swap", static_cast<int>(std::clamp<int64_t>((used * 100 + *swap / 2) / *swap, 0, 100)),
-        "of " + SizeText(*swap) + ", " + SizeText(*swap_free) + " free");
+  if (const auto use = SwapUse(memory)) {
+    add("swap", use,
+        "of " + SizeText(KnownNumber(memory, "tlxHoPagingMemorySize").value_or(0)) + ", " +
+            SizeText(KnownNumber(memory, "tlxHoPagingMemoryFree").value_or(0)) + " free");
   }
   return lines;
 }
@@ -773,6 +784,17 @@ std::vector<LiveLine> LiveView::Body(const LiveMoment &moment, size_t height, Pl
   } else {
     ShareLines(&sections, height > notes.size() ? height - notes.size() : 0, spacious);
   }
+  for (Section &section : sections) {
+    if (section.kind == Kind::kMeters && section.shown < section.lines && !section.state->sort &&
+        !section.state->descending) {
+      section.busiest = section.state->order;
+      std::stable_sort(section.busiest.begin(), section.busiest.end(),
+                       [](const LiveRow *a, const LiveRow *b) {
+                         return KnownNumber(a->object.get(), kMinuteUse).value_or(-1) >
+                                KnownNumber(b->object.get(), kMinuteUse).value_or(-1);
+                       });
+    }
+  }
   struct Part {
     const Section *section;
     size_t begin;  // line of its title
@@ -831,7 +853,7 @@ std::vector<LiveLine> LiveView::Body(const LiveMoment &moment, size_t height, Pl
   return page;
 }
 
-std::vector<LiveLine> LiveView::HelpLines() const {
+std::vector<LiveLine> LiveView::HelpLines(size_t height) {
   constexpr std::pair<const char *, const char *> kKeys[] = {
       {"Up Down PgUp PgDn", "scroll by a line, by a page"},
       {"Home End", "to the first, to the last line"},
@@ -846,7 +868,13 @@ std::vector<LiveLine> LiveView::HelpLines() const {
       {"q or Ctrl-C", "quit"}};
   std::vector<LiveLine> lines = {{{"Keys", Mood::kPlain, true}}};
   for (const auto &[keys, what] : kKeys) {
-    lines.push_back({{"  " + Padded(keys, 18, false), Mood::kPlain, true}, {what}});
+    constexpr int kKeysWidth = 18;
+    bool first = true;
+    for (const std::string &text : WrapText(what, std::max(kNarrowest, width_ - kKeysWidth - 2))) {
+      lines.push_back(
+          {{"  " + Padded(first ? keys : "", kKeysWidth, false), Mood::kPlain, true}, {text}});
+      first = false;
+    }
   }
   lines.push_back({});
   lines.push_back({{"  Bars: ", Mood::kFaint},
@@ -855,8 +883,13 @@ std::vector<LiveLine> LiveView::HelpLines() const {
                    {"from 75 %", Mood::kWarning},
                    {", "},
                    {"from 90 %", Mood::kBad}});
-  lines.push_back(
-      {{"  Overviews leave out file systems without space, and absent siblings.", Mood::kFaint}});
+  for (const std::string &text :
+       WrapText("Overviews leave out file systems without space, and absent siblings.",
+                std::max(kNarrowest, width_ - 2))) {
+    lines.push_back({{"  " + text, Mood::kFaint}});
+  }
+  help_ = std::min(help_, lines.size() > height ? lines.size() - height : 0);
+  lines.erase(lines.begin(), lines.begin() + static_cast<ptrdiff_t>(help_));
   return lines;
 }
 
@@ -878,7 +911,16 @@ std::vector<LiveLine> LiveView::GroupLines(size_t height) {
   return lines;
 }
 
-std::vector<LiveLine> LiveView::Page(const LiveMoment &moment) {
+std::vector<LiveLine> LiveView::Page(const LiveMoment &now) {
+  if (!paused_) {
+    held_.reset();
+  } else if (!held_) {
+    held_ = now;
+  }
+  // The screen's size is the only thing that goes on.
+  LiveMoment moment = held_ ? *held_ : now;
+  moment.width = now.width;
+  moment.height = now.height;
   formatted_ = 0;
   width_ = std::max(1, moment.width);
   const auto height = static_cast<size_t>(std::max(1, moment.height));
@@ -894,7 +936,7 @@ std::vector<LiveLine> LiveView::Page(const LiveMoment &moment) {
   Place place;
   std::vector<LiveLine> body;
   if (mode_ == Mode::kHelp) {
-    body = HelpLines();
+    body = HelpLines(body_height);
   } else if (mode_ == Mode::kGroups) {
     body = GroupLines(body_height);
   } else {
@@ -927,16 +969,20 @@ void LiveView::PressSort(int step) {
     }
     State &state = *section.state;
     std::vector<std::string> titles = {"#"};
+    std::vector<bool> numbers = {false};
     for (const LiveColumn &column : Columns(section)) {
       if (column.key) {
         titles.push_back(column.title);
+        numbers.push_back(column.right);
       }
     }
     const auto now = std::find(titles.begin(), titles.end(), state.sort.value_or("#"));
     const auto at = now != titles.end() ? now - titles.begin() : 0;
     const auto count = static_cast<ptrdiff_t>(titles.size());
-    state.sort = titles[static_cast<size_t>((at + step + count) % count)];
-    state.descending = false;
+    const auto chosen = static_cast<size_t>((at + step + count) % count);
+    state.sort = titles[chosen];
+    // Of numbers the largest are looked for, as a rule.
+    state.descending = numbers[chosen];
     choice_++;
   }
 }
@@ -1047,6 +1093,7 @@ bool LiveView::PressInView(int key) {
     case 'h':
     case '?':
       mode_ = Mode::kHelp;
+      help_ = 0;
       break;
     default:
       break;
@@ -1112,6 +1159,20 @@ void LiveView::PressInGroups(int key) {
   }
 }
 
+void LiveView::PressInHelp(int key) {
+  if (key == kKeyUp) {
+    help_ -= help_ > 0 ? 1 : 0;
+  } else if (key == kKeyDown) {
+    help_++;  // Page() knows where the end is
+  } else if (key == kKeyPageUp || key == kKeyHome) {
+    help_ = 0;
+  } else if (key == kKeyPageDown || key == kKeyEnd) {
+    help_ += page_;
+  } else {
+    mode_ = Mode::kView;
+  }
+}
+
 bool LiveView::Press(int key) {
   switch (mode_) {
     case Mode::kFilter:
@@ -1121,7 +1182,7 @@ bool LiveView::Press(int key) {
       PressInGroups(key);
       return true;
     case Mode::kHelp:
-      mode_ = Mode::kView;
+      PressInHelp(key);
       return true;
     case Mode::kView:
       break;

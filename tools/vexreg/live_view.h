@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/vexreg/absence.h"
 #include "tools/vexreg/live_columns.h"
 #include "tools/vexreg/live_data.h"
 #include "tools/vexreg/words.h"
@@ -56,7 +57,7 @@ struct LiveMoment {
   int height = 24;
   int64_t wall = 0;      // seconds since 1970
   int64_t clock_ns = 0;  // of a clock that does not step
-  AgentSight agent;      // of use while values are old or absent
+  AgentSight agent;      // while values are old or absent
   std::string host;      // its name where no object has it
   std::string nothing;   // why there is nothing, when there is nothing
 };
@@ -68,13 +69,14 @@ class LiveView {
 
   // Takes a key. False when the view is to end.
   bool Press(int key);
-  // While it is, nothing new is to be looked at.
+  // While it is, nothing new is to be looked at, and ages stand still: they are of the moment of
+  // the first page after the key.
   bool paused() const {
     return paused_;
   }
   // The lines of the whole screen, at most as many and as wide as the moment says. Costs what is
   // visible, and a pass over a group's rows where they have changed.
-  std::vector<LiveLine> Page(const LiveMoment &moment);
+  std::vector<LiveLine> Page(const LiveMoment &now);
   // Rows whose values were put into words for the last page.
   size_t formatted() const {
     return formatted_;
@@ -106,6 +108,8 @@ class LiveView {
     bool usual = true;  // shown unless the reader says otherwise
     size_t lines = 0;   // below its title and heading
     size_t shown = 0;   // of them
+    // Of processors that do not all fit, the rows by use, the largest first; else empty.
+    std::vector<const LiveRow *> busiest;
   };
 
   // Of the visible lines among those that can be scrolled.
@@ -132,6 +136,7 @@ class LiveView {
   LiveLine Footer(const LiveMoment &moment, const Place &place) const;
   std::vector<LiveLine> Body(const LiveMoment &moment, size_t height, Place *place);
   LiveLine Title(const Section &section, bool current) const;
+  static std::string UseOf(const Section &section);
   std::vector<LiveLine> Lines(const Section &section, size_t from, size_t to, int width,
                               bool heading);
   std::vector<LiveLine> Table(const Section &section, size_t from, size_t to, int width,
@@ -139,13 +144,14 @@ class LiveView {
   LiveLine Meters(const Section &section, size_t line, int width);
   size_t MetersPerLine(int width) const;
   std::vector<LiveLine> MemoryLines(int width) const;
-  std::vector<LiveLine> HelpLines() const;
+  std::vector<LiveLine> HelpLines(size_t height);
   std::vector<LiveLine> GroupLines(size_t height);
   std::string BarOf(int percent, int width) const;
   LiveLine Cut(const LiveLine &line, int width) const;
 
   bool PressInView(int key);
   void PressInFilter(int key);
+  void PressInHelp(int key);
   void PressInGroups(int key);
   void PressSort(int step);
   void Move(int by);
@@ -154,8 +160,9 @@ class LiveView {
   const LiveOptions options_;
   Mode mode_ = Mode::kView;
   bool paused_ = false;
-  std::string filter_;   // small letters
-  uint64_t choice_ = 1;  // rises when what is shown of rows changes by a key
+  std::optional<LiveMoment> held_;  // while paused
+  std::string filter_;              // small letters
+  uint64_t choice_ = 1;             // rises when what is shown of rows changes by a key
   std::map<std::string, State> states_;
   std::string current_;  // section
   bool open_ = false;    // the current one alone
@@ -164,6 +171,7 @@ class LiveView {
   size_t page_ = 1;      // lines of the body
   size_t all_ = 0;
   size_t menu_ = 0;  // line of the groups' menu
+  size_t help_ = 0;  // first line of the help
   int width_ = 80;
   size_t formatted_ = 0;
 };

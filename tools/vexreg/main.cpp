@@ -6,14 +6,13 @@
 #include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/completion.h"
+#include "tools/vexreg/usage.h"
 
 namespace {
 
 constexpr char kAbout[] = "Shows and writes the objects that agents publish, and checks the agent.";
 constexpr char kNotes[] =
-    "An OBJECT is a name (host/cpu.0), a group (host/cpu, cpu), a pattern\n"
-    "('host/filesys.*') or a variable (tlxHoCpuUtilMin); none named means all.\n"
-    "\n"
+    "An OBJECT is a name (host/cpu.0), a group (cpu), a pattern or a variable.\n"
     "Exit status: 0; 1 when something is missing, differs or fails; 2: wrong usage.";
 constexpr char kDumpNotes[] =
     "Integers are numbers, octet strings hexadecimal digits.\n"
@@ -97,6 +96,13 @@ void AddWidth(CLI::App *to, Arguments *arguments) {
       ->check(CLI::Range(0, 10000).description(""));
 }
 
+// An option that others have and this command has not: why is better than "no such option".
+void Refuse(CLI::App *to, const char *option, const char *why) {
+  to->add_flag_callback(option, [option, why] {
+      throw CLI::ValidationError(option, why);
+    })->group("");
+}
+
 void AddJson(CLI::App *to, Arguments *arguments, const char *about) {
   to->add_flag("--json", arguments->view.json, about);
 }
@@ -144,10 +150,9 @@ int main(int argc, char **argv) {
   app.require_subcommand(1);
   app.get_formatter()->column_width(kNameColumns);
   Arguments arguments;
-  app.add_option("--root", arguments.selection.root, "The registry's root directory")
-      ->type_name("DIR")
-      ->capture_default_str();
-  app.set_version_flag("--version", "vexreg " VEXREG_VERSION);
+  app.add_option("--root", arguments.selection.root, "Another root directory of the registry")
+      ->type_name("DIR");
+  app.set_version_flag("-V,--version", "vexreg " VEXREG_VERSION);
 
   CLI::App *dump = AddCommand(&app, "dump", "Prints objects as JSON", kDumpNotes);
   AddObjects(dump, &arguments);
@@ -203,12 +208,22 @@ int main(int argc, char **argv) {
   for (CLI::App *each : {dump, show, exporter, report}) {
     AddCapture(each, &arguments);
   }
+  for (const char *option : {"--json", "--raw"}) {
+    Refuse(exporter, option, "metrics are numbers for programs; vexreg dump prints JSON");
+    Refuse(report, option, "a page is for people; vexreg dump prints JSON");
+    Refuse(put, option, "nothing is printed");
+    Refuse(rm, option, "nothing is printed");
+  }
+  Refuse(doctor, "--raw",
+         "findings have no numbers to be left as they are; --json is for programs");
 
   CLI::App *capture =
       AddCommand(&app, "capture", "Takes what the agent reads into one file", kCaptureNotes);
   capture->add_option("FILE", arguments.capture_file, "The file to write")
       ->required()
       ->type_name("");
+  AddJson(capture, &arguments, "What was taken and what was left out, as JSON");
+  Refuse(capture, "--raw", "no values are printed");
   CLI::App *replay =
       AddCommand(&app, "replay", "Runs the agent on a captured host, and compares", kReplayNotes);
   replay->add_option("FILE", arguments.capture_file, "A captured host; - for standard input")
@@ -223,14 +238,21 @@ int main(int argc, char **argv) {
       ->check(CLI::Range(1, 3600).description(""))
       ->capture_default_str();
 
+  AddJson(replay, &arguments, "Differences and their number, as JSON");
+  Refuse(replay, "--raw", "values are compared and printed as they are");
+
   // For the shells: not listed.
   CLI::App *completion = app.add_subcommand("completion", "")->fallthrough()->group("");
   completion->add_option("WHAT", arguments.completion)->required();
 
+  const std::vector<std::string> words = vex::CommandFirst(app, {argv + 1, argv + argc});
   try {
-    app.parse(argc, argv);
+    app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+  } catch (const CLI::Success &asked) {
+    return app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage;
   } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? vex::kDone : vex::kWrongUsage;
+    vex::Complain(vex::UsageComplaint(app, words, error));
+    return vex::kWrongUsage;
   }
   vex::CapturedRegistry captured;
   if (!arguments.capture.empty()) {
@@ -238,6 +260,7 @@ int main(int argc, char **argv) {
       return vex::kFailed;
     }
     arguments.selection.root = captured.root();
+    vex::UseTimeZoneOf(captured.capture());
     if (!*report && vex::ListObjects(captured.root()).empty()) {
       vex::Complain(arguments.capture + ": nothing was published when this was captured");
       return vex::kFailed;
@@ -248,6 +271,7 @@ int main(int argc, char **argv) {
     return vex::Dump(arguments.selection);
   }
   if (*show) {
+    arguments.view.captured = !arguments.capture.empty();
     return vex::Show(arguments.selection, arguments.view, arguments.arrangement);
   }
   if (*watch) {
@@ -271,9 +295,10 @@ int main(int argc, char **argv) {
                        arguments.output_file);
   }
   if (*capture) {
-    return vex::CaptureHost(root, arguments.capture_file, VEXREG_VERSION);
+    return vex::CaptureHost(root, arguments.capture_file, VEXREG_VERSION, arguments.view.json);
   }
   if (*replay) {
+    arguments.replay.json = arguments.view.json;
     return vex::Replay(arguments.capture_file, arguments.replay);
   }
   return *completion ? vex::Complete(app, root, arguments.completion) : vex::kWrongUsage;

@@ -175,13 +175,21 @@ class Search {
   Found found_;
 };
 
+std::string SmallLetters(std::string_view text) {
+  std::string small(text);
+  std::transform(small.begin(), small.end(), small.begin(),
+                 [](unsigned char c) { return static_cast<char>(tolower(c)); });
+  return small;
+}
+
 // The nearest of several names, of which some go by more than one.
 class Nearest {
  public:
-  explicit Nearest(std::string_view given)
+  explicit Nearest(std::string_view given)  // in small letters
       : given_(given), distance_(std::min(kMost, 1 + given.size() / 4) + 1) {}
   void Try(std::string_view name, std::string_view shown) {
-    const size_t distance = IsBeginning(name) ? 1 : EditDistance(given_, name, distance_ - 1);
+    const std::string small = SmallLetters(name);
+    const size_t distance = IsBeginning(small) ? 1 : EditDistance(given_, small, distance_ - 1);
     if (distance < distance_) {
       distance_ = distance;
       shown_ = shown;
@@ -201,6 +209,34 @@ class Nearest {
   size_t distance_;
   std::string shown_;
 };
+
+// What people call what an agent has.
+constexpr std::pair<std::string_view, std::string_view> kOtherNames[] = {
+    {"filesystem", "filesys"}, {"fs", "filesys"},    {"disk", "filesys"},
+    {"df", "filesys"},         {"package", "swver"}, {"software", "swver"},
+    {"firmware", "fwver"},     {"processor", "cpu"}, {"core", "cpu"},
+    {"ram", "memory"},         {"swap", "memory"},   {"agents", "sibling"},
+    {"uptime", "load"},        {"loadavg", "load"},  {"os", "info"},
+    {"system", "info"},        {"hostname", "info"}, {"hardware", "hwinfo"},
+    {"platform", "hwinfo"},    {"version", "agent"}, {"poll", "agent"}};
+
+// The group of the agent's that one of those names is for, the plural too; empty when it is none or
+// not there. given: in small letters.
+std::string OtherName(std::string_view given, const std::vector<std::string> &objects) {
+  const std::string own = std::string(kOwnDirectory) + "/";
+  for (const std::string_view form :
+       {given, given.substr(0, given.size() - (given.ends_with('s') ? 1 : 0))}) {
+    for (const auto &[word, group] : kOtherNames) {
+      const std::string name = own + std::string(group);
+      if (form == word && std::any_of(objects.begin(), objects.end(), [&](const std::string &each) {
+            return GroupOf(each) == name;
+          })) {
+        return name;
+      }
+    }
+  }
+  return "";
+}
 
 }  // namespace
 
@@ -247,7 +283,9 @@ size_t EditDistance(std::string_view a, std::string_view b, size_t most) {
   return std::min(row.back(), most + 1);
 }
 
-std::string NearestName(std::string_view given, const std::vector<std::string> &objects) {
+std::string NearestName(std::string_view said, const std::vector<std::string> &objects) {
+  const std::string small = SmallLetters(said);
+  std::string_view given = small;
   while (given.ends_with('/')) {
     given.remove_suffix(1);
   }
@@ -255,6 +293,9 @@ std::string NearestName(std::string_view given, const std::vector<std::string> &
     if (!given.empty() && DirectoryName(name) == given) {
       return "'" + std::string(given) + "/*'";
     }
+  }
+  if (const std::string other = OtherName(given, objects); !other.empty()) {
+    return other;
   }
   Nearest nearest(given);
   const bool has_directory = given.find('/') != std::string_view::npos;

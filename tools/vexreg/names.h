@@ -39,9 +39,10 @@ Found FindObjects(const Selection &selection);
 std::vector<std::string> NamesFor(const std::string &given, const std::string &root,
                                   const std::vector<std::string> &names);
 
-// The name among the objects, their groups and the variables that was most likely meant; empty when
-// none is near. objects: names from the root.
-std::string NearestName(std::string_view given, const std::vector<std::string> &objects);
+// The name among the objects, their groups and the variables that was most likely meant, whatever
+// the case, also by a word that people say for it ("filesystems"); empty when none is near.
+// objects: names from the root.
+std::string NearestName(std::string_view said, const std::vector<std::string> &objects);
 
 // How many characters have to be inserted, left out, replaced or exchanged with their neighbour to
 // make one of the other; `most` + 1 when it is more than that.

@@ -4,10 +4,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <iostream>
+
 #include "framework/process/descriptor.h"
+#include "tools/vexreg/commands.h"
 
 namespace vex {
 namespace {
@@ -33,8 +37,7 @@ class SignalsLater {
   sigset_t before_;
 };
 
-}  // namespace
-
+// All of the bytes, whatever the pieces. False with errno.
 bool WriteAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(fd, bytes.data(), bytes.size());
@@ -46,6 +49,9 @@ bool WriteAll(int fd, std::string_view bytes) {
   return true;
 }
 
+constexpr int kNoPlainFile = -2;
+
+// 0, -1 with errno, or kNoPlainFile.
 int ReplaceFile(const std::string &path, std::string_view bytes, mode_t mode) {
   const SignalsLater later;
   const auto slash = path.rfind('/');
@@ -58,6 +64,15 @@ int ReplaceFile(const std::string &path, std::string_view bytes, mode_t mode) {
   }
   if (name.empty()) {
     errno = EISDIR;
+    return -1;
+  }
+  // A rename would put a file in a device's or a link's place, which nobody wants of "write there".
+  struct stat there = {};
+  if (fstatat(directory.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (!S_ISREG(there.st_mode)) {
+      return kNoPlainFile;
+    }
+  } else if (errno != ENOENT) {
     return -1;
   }
   // One that a killed process of this number has left.
@@ -75,6 +90,22 @@ int ReplaceFile(const std::string &path, std::string_view bytes, mode_t mode) {
   unlinkat(directory.get(), beside.c_str(), 0);
   errno = error;
   return -1;
+}
+
+}  // namespace
+
+bool WriteOutput(const std::string &path, std::string_view bytes, mode_t mode) {
+  if (path == kStandardOutput) {
+    std::cout.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return FinishOutput(kDone) == kDone;
+  }
+  const int result = ReplaceFile(path, bytes, mode);
+  if (result != 0) {
+    Complain(path + ": " +
+             (result == kNoPlainFile ? "not a plain file, and left as it is; - is standard output"
+                                     : std::string("cannot be written: ") + strerror(errno)));
+  }
+  return result == 0;
 }
 
 }  // namespace vex

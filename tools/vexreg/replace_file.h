@@ -9,13 +9,14 @@
 
 namespace vex {
 
-// Writes a file of that mode beside, synchronises it and renames it, so that a reader has the old
-// bytes or the new ones. Signals that would leave half a file behind are taken afterwards. 0, or -1
-// with errno; then the file is as it was.
-int ReplaceFile(const std::string &path, std::string_view bytes, mode_t mode);
+// Standard output, as a file's name.
+inline constexpr char kStandardOutput[] = "-";
 
-// All of the bytes, whatever the pieces. False with errno.
-bool WriteAll(int fd, std::string_view bytes);
+// Writes standard output, or a file of that mode beside, synchronises it and renames it, so that a
+// reader has the old bytes or the new ones. Signals that would leave half a file behind are taken
+// afterwards. What is there and is no plain file stays. False after a complaint; then the file is
+// as it was.
+bool WriteOutput(const std::string &path, std::string_view bytes, mode_t mode);
 
 }  // namespace vex
 

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "framework/process/clock.h"
@@ -32,7 +33,6 @@
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/controller_replies.h"
 #include "tools/vexreg/findings.h"
-#include "tools/vexreg/replace_file.h"
 #include "tools/vexreg/replay_room.h"
 #include "tools/vexreg/served.h"
 #include "tools/vexreg/values.h"
@@ -63,6 +63,7 @@ constexpr size_t kHeader = 8;
 struct Settings {
   RoomSettings room;
   bool exact = false;
+  bool json = false;
   int seconds = 0;
 };
 
@@ -246,6 +247,30 @@ void Print(const std::vector<Difference> &differences) {
   }
 }
 
+// All of them, whatever their number; null for what is not there.
+void PrintJson(const Capture &capture, const std::vector<Difference> &differences,
+               const std::string &agent, size_t compared) {
+  const auto value = [](const std::string &text) {
+    return text == kAbsent ? nlohmann::ordered_json() : nlohmann::ordered_json(Utf8(text));
+  };
+  auto list = nlohmann::ordered_json::array();
+  for (const Difference &one : differences) {
+    list.push_back({{"variable", one.place.variable},
+                    {"row", Utf8(one.place.row)},
+                    {"before", value(one.before)},
+                    {"now", value(one.now)}});
+  }
+  const nlohmann::ordered_json json = {{"differences", list},
+                                       {"summary",
+                                        {{"host", Utf8(capture.host)},
+                                         {"captured", Utf8(capture.made)},
+                                         {"agent_then", Utf8(capture.agent)},
+                                         {"agent_now", Utf8(agent)},
+                                         {"compared", compared},
+                                         {"differ", differences.size()}}}};
+  std::cout << SafeJson(json.dump(2)) << '\n';
+}
+
 // The replay itself, in the room.
 int RunInRoom(const Capture &capture, const Settings &settings, const Served &before,
               const ControllerReplies &replies) {
@@ -288,10 +313,17 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
     ShowLog(kAgentLog);
     return kFailed;
   }
-  Print(differences);
+  if (settings.json) {
+    PrintJson(capture, differences, ValueOf(now, kVersionVariable), compared);
+  } else {
+    Print(differences);
+  }
   if (!differences.empty()) {
     Complain("the agent's log:");
     ShowLog(kAgentLog);
+  }
+  if (settings.json) {
+    return FinishOutput(differences.empty() ? kDone : kFailed);
   }
   std::cout << SafeText(capture.host + ", captured " + capture.made + " with agent " +
                         (capture.agent.empty() ? "unknown" : capture.agent) + "; now " +
@@ -352,6 +384,7 @@ int Replay(const std::string &file, const ReplayOptions &options) {
   settings.room = {options.agent.empty() ? Beside(kAgentName, VEXREG_TO_SBIN) : options.agent,
                    Beside("vexreg-replay.so", VEXREG_TO_LIB), replies.card};
   settings.exact = options.exact;
+  settings.json = options.json;
   settings.seconds = options.seconds;
   std::error_code error;
   settings.room.agent = std::filesystem::absolute(settings.room.agent, error);

@@ -1,30 +1,27 @@
 // vexreg report: this host, or a captured one, as an HTML page.
-#include <errno.h>
-#include <string.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "tools/vexreg/absence.h"
 #include "tools/vexreg/captured_host.h"
-#include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/findings.h"
+#include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/own_words.h"
 #include "tools/vexreg/page.h"
 #include "tools/vexreg/replace_file.h"
+#include "tools/vexreg/values.h"
 
 namespace vex {
 namespace {
 
 constexpr char kUsualPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // it has the log and what doctor says
-constexpr int kDoctorSeconds = 20;
-constexpr int kLogSeconds = 10;
-constexpr size_t kMostBytes = size_t{8} << 20;
+constexpr size_t kMostLog = size_t{64} << 10;
 constexpr size_t kLogLines = 50;
+constexpr char kNoLog[] = "no log to be read";
 
 std::vector<std::string> LastLines(const std::string &text) {
   std::vector<std::string> lines;
@@ -52,13 +49,54 @@ std::vector<PageFinding> FindingsOf(const std::string &text) {
   return findings;
 }
 
-std::string LocalNow() {
-  const time_t now = time(nullptr);
-  tm parts = {};
-  localtime_r(&now, &parts);
-  char text[64];
-  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S %Z", &parts);
-  return text;
+void TakeFindings(const TakenText &taken, PageFacts *facts) {
+  facts->findings = FindingsOf(taken.text.value_or(""));
+  facts->no_findings =
+      taken.text && facts->findings.empty() ? "doctor's findings cannot be read" : taken.reason;
+}
+
+// Of several places the first that has one.
+void TakeLog(const std::vector<TakenText> &logs, PageFacts *facts) {
+  for (const TakenText &log : logs) {
+    if (log.text) {
+      facts->log = LastLines(*log.text);
+      return;
+    }
+  }
+  facts->no_log = kNoLog;
+}
+
+void TakeThisHost(const std::string &root, PageFacts *facts) {
+  facts->moment = time(nullptr);
+  facts->agent = SightText(SeeAgent(), true);
+  TakeFindings(TakeDoctorsFindings(root, kUsualPath), facts);
+  const auto agents = FindProcesses(kAgentName);
+  const std::string file = LogFileOf(agents.empty() ? 0 : agents.front().pid);
+  std::vector<TakenText> logs;
+  if (!file.empty()) {
+    logs.push_back(TakeLogFile(file, kUsualPath, kMostLog));
+  }
+  logs.push_back(TakeJournal(kUsualPath, kMostLog));
+  TakeLog(logs, facts);
+}
+
+void TakeCapture(const Capture &capture, PageFacts *facts) {
+  const auto member = [&](const char *name) {
+    const Member *const found = capture.Find(name);
+    return found != nullptr ? TakenText{found->bytes, ""}
+                            : TakenText{std::nullopt, "not in the capture"};
+  };
+  facts->source = capture.host;
+  facts->moment = capture.Moment().value_or(0);
+  TakenText findings = member(kFindingsMember);
+  for (const Omission &omission : capture.omissions) {
+    if (!findings.text && omission.source == "doctor") {
+      findings.reason = omission.reason;
+    }
+  }
+  TakeFindings(findings, facts);
+  TakeLog({member(kLogFileMember), member(kJournalMember)}, facts);
+  facts->made = facts->moment == 0 ? capture.made : "";
 }
 
 }  // namespace
@@ -75,40 +113,14 @@ int Report(const std::string &root, const std::string &program, const Capture *c
                                 : "nothing was published when this was captured");
   }
   if (capture != nullptr) {
-    facts.made = capture->made;
-    facts.source = capture->host;
-    const Member *const findings = capture->Find(kFindingsMember);
-    facts.findings = FindingsOf(findings != nullptr ? findings->bytes : "");
-    for (const char *name : {"log/file", "log/journal"}) {
-      const Member *const log = capture->Find(name);
-      if (log != nullptr && facts.log.empty()) {
-        facts.log = LastLines(log->bytes);
-      }
-    }
+    TakeCapture(*capture, &facts);
   } else {
-    facts.made = LocalNow();
-    facts.findings = FindingsOf(RunProgram({"/proc/self/exe", "--root", root, "doctor", "--json",
-                                            "--limit", std::to_string(kDoctorSeconds)},
-                                           kUsualPath, kDoctorSeconds + 5, kMostBytes)
-                                    .out);
-    const ChildOutput log =
-        RunProgram({"journalctl", "--unit", kAgentName, "--lines", std::to_string(kLogLines),
-                    "--no-pager", "--output", "short-iso"},
-                   kUsualPath, kLogSeconds, kMostBytes);
-    if (log.end == ChildOutput::kExited && log.status == 0) {
-      facts.log = LastLines(log.out);
-    }
+    TakeThisHost(root, &facts);
   }
-  const std::string page = ReportPage(facts);
-  if (!file) {
-    std::cout << page;
-    return FinishOutput(status);
+  if (facts.made.empty()) {
+    facts.made = ZonedTimeText(facts.moment);
   }
-  if (ReplaceFile(*file, page, kMode) != 0) {
-    Complain(*file + ": cannot be written: " + strerror(errno));
-    return kFailed;
-  }
-  return status;
+  return WriteOutput(file.value_or(kStandardOutput), ReportPage(facts), kMode) ? status : kFailed;
 }
 
 }  // namespace vex

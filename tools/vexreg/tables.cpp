@@ -437,7 +437,8 @@ std::optional<std::vector<Column>> FittedColumns(const std::vector<const NamedOb
   bar_widths.push_back(0);
   for (const int bar_width : bar_widths) {
     std::vector<Column> columns = MakeColumns(rows, width == 0, bar_width, style);
-    if (columns.size() > 1 && (width == 0 || FitColumns(columns, width))) {
+    // The number alone is enough where it was asked for.
+    if ((columns.size() > 1 || style.keep_order) && (width == 0 || FitColumns(columns, width))) {
       return columns;
     }
   }

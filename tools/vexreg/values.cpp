@@ -107,14 +107,39 @@ std::string Hex(std::string_view bytes) {
   return text;
 }
 
-std::string TimeText(int64_t seconds) {
+namespace {
+
+// What print() makes of the local time, as strftime(3); the number where there is no such time.
+template <typename Print>
+std::string FormattedTime(int64_t seconds, const Print &print) {
   const time_t time = seconds;
   tm local = {};
-  char text[32];
-  return localtime_r(&time, &local) != nullptr &&
-                 strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local) > 0
+  char text[64];
+  return localtime_r(&time, &local) != nullptr && print(text, sizeof(text), &local) > 0
              ? text
              : std::to_string(seconds);
+}
+
+}  // namespace
+
+std::string TimeText(int64_t seconds) {
+  return FormattedTime(seconds, [](char *text, size_t size, const tm *local) {
+    return strftime(text, size, "%Y-%m-%d %H:%M:%S", local);
+  });
+}
+
+std::string ZonedTimeText(int64_t seconds) {
+  return FormattedTime(seconds, [](char *text, size_t size, const tm *local) {
+    return strftime(text, size, "%Y-%m-%d %H:%M:%S %Z", local);
+  });
+}
+
+std::string IsoTime(int64_t seconds) {
+  std::string text = FormattedTime(seconds, [](char *to, size_t size, const tm *local) {
+    return strftime(to, size, "%Y-%m-%dT%H:%M:%S%z", local);
+  });
+  constexpr size_t kMinutes = 2;  // of the offset, which ISO 8601 has a colon before
+  return text.insert(text.size() - std::min(text.size(), kMinutes), ":");
 }
 
 nlohmann::ordered_json ValueJson(const FileObject &object, const FileVariable &variable) {

@@ -30,6 +30,11 @@ std::string Hex(std::string_view bytes);
 // "2024-03-05 14:07:09" of seconds since 1970, in local time.
 std::string TimeText(int64_t seconds);
 
+// The same with the zone's name behind it: "2024-03-05 14:07:09 CET".
+std::string ZonedTimeText(int64_t seconds);
+// The same for programs (ISO 8601): "2024-03-05T14:07:09+01:00".
+std::string IsoTime(int64_t seconds);
+
 // A variable's value: number, text, or hexadecimal text; null when it has none.
 nlohmann::ordered_json ValueJson(const FileObject &object, const FileVariable &variable);
 

@@ -35,17 +35,6 @@ double Now() {
   return static_cast<double>(ClockNs()) / kNsPerSecond;
 }
 
-// With the offset from UTC, for programs.
-std::string JsonTime() {
-  const time_t now = time(nullptr);
-  tm local = {};
-  char text[32] = "";
-  if (localtime_r(&now, &local) != nullptr) {
-    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S%z", &local);
-  }
-  return text;
-}
-
 // Tells when something in the directories of the objects was written. Without it (a limit reached)
 // the regular looks remain.
 class DirectoryWatch {
@@ -102,7 +91,7 @@ void Compare(
 
 void PrintChanges(const std::vector<NamedObject> &before, const std::vector<NamedObject> &after,
                   const View &view) {
-  const std::string now = view.json ? JsonTime() : TimeText(time(nullptr));
+  const std::string now = view.json ? IsoTime(time(nullptr)) : TimeText(time(nullptr));
   Compare(
       before, after, [&](const std::string &name, const FileObject *from, const FileObject *to) {
         if (!view.json) {

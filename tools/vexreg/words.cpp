@@ -1,5 +1,7 @@
 #include "tools/vexreg/words.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -19,7 +21,8 @@ constexpr int kFullPercent = 90;
 constexpr char kStatusArray[] = "tlxHoMibStatusArray";
 constexpr char kHealthArray[] = "tlxHoMibHealthStatusArray";
 constexpr char kCondition[] = "tlxHoMibCondition";
-constexpr char kNotJudged[] = "not judged";
+// Whether nobody judges, or an agent does not, comes to the same for those who read it.
+constexpr char kUnassessed[] = "unassessed";
 constexpr size_t kFirstPart = 2;  // of the health array; the worst of them stand before it
 
 unsigned Octet(std::string_view octets, size_t at) {
@@ -52,7 +55,7 @@ Mood MoodOf(std::string_view label) {
 // A condition as an array has it.
 Span Condition(unsigned octet) {
   if (octet == 0) {
-    return {kNotJudged, Mood::kFaint};
+    return {kUnassessed, Mood::kFaint};
   }
   const MibLabel *label = LabelOf(FindMibWords(kCondition), static_cast<int32_t>(octet));
   return label != nullptr ? Span{label->text, MoodOf(label->text)} : Span{std::to_string(octet)};
@@ -70,6 +73,8 @@ Shown ShowPercent(int32_t value) {
                                             : Mood::kGood;
   return {std::to_string(value) + " %", mood, std::clamp(value, 0, 100), {}};
 }
+
+constexpr std::string_view kSince1970 = "seconds since 1970";
 
 // Units of the modules, and how a number of them is written. UTC seconds become local time.
 struct Unit {
@@ -90,9 +95,9 @@ constexpr Unit kUnits[] = {
      [](int32_t n) {
        return Shown{std::to_string(n) + " ms", Mood::kPlain, {}, {}};
      }},
-    {"seconds since 1970",
+    {kSince1970,
      [](int32_t n) {
-       return Shown{TimeText(n), Mood::kPlain, {}, {}};
+       return Shown{ZonedTimeText(n), Mood::kPlain, {}, {}};
      }},
     {"hundredths",
      [](int32_t n) {
@@ -162,7 +167,10 @@ const char *FirmwareText(const FileObject &object, const FileVariable &variable,
 
 Shown ShowInteger(const MibWords *words, int32_t value) {
   if (words != nullptr && value == kUnknown && !words->unknown.empty()) {
-    return {std::string(words->unknown), Mood::kFaint, {}, {}};
+    const bool condition = std::any_of(
+        words->labels.begin(), words->labels.end(),
+        [](const MibLabel &label) { return std::string_view(label.text) == kUnassessed; });
+    return {condition ? kUnassessed : std::string(words->unknown), Mood::kFaint, {}, {}};
   }
   if (const MibLabel *label = LabelOf(words, value)) {
     return {label->text, MoodOf(label->text), {}, {}};
@@ -258,7 +266,7 @@ Shown ShowHealth(const MibWords &words, std::string_view octets) {
   for (auto &line : Aligned(std::move(rows))) {
     shown.lines.push_back(std::move(line));
   }
-  AppendNames(&shown, kNotJudged, others);
+  AppendNames(&shown, kUnassessed, others);
   return shown;
 }
 
@@ -288,6 +296,15 @@ nlohmann::ordered_json ArrayJson(const MibWords &words, std::string_view octets)
     }
   }
   return json;
+}
+
+// A date of the host's clock as ISO 8601 has it; what is no date of the calendar stays as it is.
+std::string IsoDate(const std::string &date) {
+  tm parts = {};
+  const char *const end = strptime(date.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+  parts.tm_isdst = -1;
+  const time_t seconds = end != nullptr && *end == '\0' ? mktime(&parts) : -1;
+  return seconds != -1 && TimeText(seconds) == date ? IsoTime(seconds) : date;
 }
 
 bool IsArray(const MibWords *words) {
@@ -357,6 +374,9 @@ nlohmann::ordered_json WordJson(const FileObject &object, const FileVariable &va
     if (const char *firmware = FirmwareText(object, variable, *value)) {
       return firmware;
     }
+    if (words != nullptr && words->units == kSince1970) {
+      return IsoTime(*value);
+    }
     const MibLabel *label = LabelOf(words, *value);
     return label != nullptr ? nlohmann::ordered_json(label->text) : ValueJson(object, variable);
   }
@@ -370,7 +390,7 @@ nlohmann::ordered_json WordJson(const FileObject &object, const FileVariable &va
   if (const auto date = DateText(*bytes)) {
     // "never" and "-" are no dates.
     const bool known = date->size() > sizeof("never");
-    return known ? nlohmann::ordered_json(*date) : nlohmann::ordered_json();
+    return known ? nlohmann::ordered_json(IsoDate(*date)) : nlohmann::ordered_json();
   }
   return bytes->size() == kGuidSize ? nlohmann::ordered_json(GuidText(*bytes))
                                     : ValueJson(object, variable);

@@ -35,4 +35,15 @@ TEST(Absence, SaysWhyAndWhatToDo) {
       "root: vexreg doctor");
 }
 
+TEST(Absence, SaysThatAnotherRootWasGiven) {
+  AbsenceFacts facts;
+  facts.root = "/r";
+  facts.agent_runs = true;
+  facts.elsewhere = true;
+  EXPECT_EQ(JudgeAbsence(facts),
+            "nothing is published in /r: the agent publishes elsewhere; check --root");
+  facts.agent_runs = false;
+  EXPECT_TRUE(JudgeAbsence(facts).ends_with("no agent runs. Start it: systemctl start vexhostd"));
+}
+
 }  // namespace

@@ -89,7 +89,7 @@ TEST_F(Arranged, NamesTheColumnsThereAre) {
   EXPECT_FALSE(Arrange({"", "Space"}, &objects_, &error_));
   EXPECT_EQ(
       error_,
-      "Space: no such column; there are Index Desc SpaceTotal PercentSpaceUsed Object Published "
+      "Space: no such column; there are # Index Desc SpaceTotal PercentSpaceUsed Object Published "
       "tlxHoPhysicalMemorySize");
   EXPECT_FALSE(Arrange({"-Free", ""}, &objects_, &error_));
   EXPECT_TRUE(error_.starts_with("Free: no such column")) << error_;

@@ -62,6 +62,15 @@ class Command : public testing::Test {
   TempRegistry registry_;
 };
 
+// An object as the Host Agent publishes it.
+FileObject Memory(int free) {
+  return MadeObject({Int("tlxHoPhysicalMemorySize", 2048), Int("tlxHoPhysicalMemoryFree", free),
+                     Int("tlxHoPagingMemorySize", -1)});
+}
+FileObject Cpu(int minute) {
+  return MadeObject({Int("tlxHoCpuUtilUnitIndex", 0), Int("tlxHoCpuUtilMin", minute)});
+}
+
 TEST_F(Command, DumpsAllInNaturalOrder) {
   for (const char *name :
        {"host/cpu.10", "host/cpu.2", "host/memory", "host/cpu.1", "a", "b/c/d"}) {
@@ -191,6 +200,68 @@ TEST_F(Command, ExplainsItself) {
   EXPECT_NE(Output({"put", "--help"}).find("str:SIZE:TEXT"), std::string::npos);
 }
 
+TEST_F(Command, SaysWhatWasMeant) {
+  Output({"put", "host/cpu.0", "int:1"});
+  const auto wrong = [&](const Words &words) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    return outcome.err;
+  };
+  EXPECT_EQ(wrong({"list"}), "vexreg: list: no such command; did you mean show?\n");
+  EXPECT_EQ(wrong({"shwo", "cpu"}), "vexreg: shwo: no such command; did you mean show?\n");
+  EXPECT_EQ(wrong({"frobnicate"}),
+            "vexreg: frobnicate: no such command; vexreg --help lists them\n");
+  EXPECT_EQ(wrong({}), "vexreg: a command is missing; vexreg --help lists them\n");
+  EXPECT_EQ(wrong({"show", "--colour", "always"}),
+            "vexreg: show: --colour: no such option; did you mean --color?\n");
+  EXPECT_EQ(wrong({"--frob", "show"}),
+            "vexreg: show: --frob: no such option; see vexreg show --help\n");
+  EXPECT_TRUE(wrong({"show", "--width", "wide"}).starts_with("vexreg: show: --width: "));
+  EXPECT_TRUE(wrong({"rm"}).starts_with("vexreg: rm: "));
+  for (const Words &words : std::initializer_list<Words>{{"export", "--json"},
+                                                         {"export", "--raw"},
+                                                         {"report", "--json"},
+                                                         {"doctor", "--raw"},
+                                                         {"capture", "--raw", "x"},
+                                                         {"replay", "--raw", "x"},
+                                                         {"put", "--json", "x"},
+                                                         {"rm", "--raw", "x"}}) {
+    const std::string &option = words[1];
+    const std::string said = wrong(words);
+    EXPECT_TRUE(said.starts_with("vexreg: " + words[0] + ": " + option + ": ")) << said;
+    EXPECT_EQ(said.find("no such option"), std::string::npos) << said;
+  }
+  // Options may stand before their command, and help is a command as elsewhere.
+  EXPECT_EQ(Output({"--color", "always", "show", "cpu"}),
+            Output({"show", "--color", "always", "cpu"}));
+  EXPECT_EQ(Output({"--width=40", "show"}), Output({"show", "--width", "40"}));
+  EXPECT_EQ(Output({"help"}), Output({"--help"}));
+  EXPECT_EQ(Output({"help", "show"}), Output({"show", "--help"}));
+  EXPECT_EQ(Output({"-V"}), Output({"--version"}));
+  const Outcome upper = Run({"show", "CPU"});
+  EXPECT_EQ(upper.err, "vexreg: CPU: no such object; did you mean host/cpu?\n");
+}
+
+// What was captured is shown by the captured host's clock.
+TEST_F(Command, ShowsTimesOfACapturedHostAsTheyWereThere) {
+  const std::string file = VEX_SOURCE_DIR "/tests/captures/appliance.tar.zst";
+  for (const Words &words : {Words{"show", "agent", "--columns", "+Published"},
+                             Words{"show", "agent", "--json"}, Words{"report"}}) {
+    Words all = {VEXREG_PATH};
+    all.insert(all.end(), words.begin(), words.end());
+    all.insert(all.end(), {"--capture", file});
+    made_up::ProcessOptions east;
+    east.environment = {{"TZ", "Asia/Tokyo"}};
+    made_up::ProcessOptions west;
+    west.environment = {{"TZ", "Somewhere+9"}};
+    const Outcome one = made_up::RunCommand(all, east);
+    EXPECT_EQ(one.status, 0) << one.err;
+    EXPECT_EQ(one.out, made_up::RunCommand(all, west).out);
+    EXPECT_EQ(one.out.find("JST"), std::string::npos);
+  }
+}
+
 TEST_F(Command, TakesNamesThatAreCommands) {
   Output({"put", "rm", "int:1"});
   Output({"put", "dump", "int:2"});
@@ -294,15 +365,6 @@ TEST_F(Command, ShowsTables) {
             "  var0  2024-03-05 14:07:09\n");
 }
 
-// An object as the Host Agent publishes it.
-FileObject Memory(int free) {
-  return MadeObject({Int("tlxHoPhysicalMemorySize", 2048), Int("tlxHoPhysicalMemoryFree", free),
-                     Int("tlxHoPagingMemorySize", -1)});
-}
-FileObject Cpu(int minute) {
-  return MadeObject({Int("tlxHoCpuUtilUnitIndex", 0), Int("tlxHoCpuUtilMin", minute)});
-}
-
 TEST_F(Command, ShowsWordsAndNumbers) {
   Publish("host/memory", Memory(512));
   EXPECT_EQ(Output({"show", "memory"}),
@@ -332,12 +394,20 @@ TEST_F(Command, SortsAndChooses) {
             "  1            100 %\n"
             "  2              2 %\n"
             "  0              0 %\n");
+  EXPECT_EQ(Output({"show", "cpu", "--columns", "#,Min"}),
+            Output({"show", "cpu", "--columns", "Min"}));
+  EXPECT_EQ(Output({"show", "cpu", "--columns", "#", "--sort", "-#"}),
+            "host/cpu (3 rows)\n"
+            "  #\n"
+            "  2\n"
+            "  1\n"
+            "  0\n");
   EXPECT_TRUE(Output({"show", "cpu", "--columns", "+Object"})
                   .starts_with("host/cpu (3 rows)\n  #  UnitIndex    Min  Object\n"));
   const Outcome outcome = Run({"show", "cpu", "--sort", "Hour"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err,
-            "vexreg: Hour: no such column; there are UnitIndex Min Object Published\n");
+            "vexreg: Hour: no such column; there are # UnitIndex Min Object Published\n");
 }
 
 TEST_F(Command, ExportsWholeFilesOrNone) {
@@ -365,6 +435,36 @@ TEST_F(Command, ExportsWholeFilesOrNone) {
   EXPECT_EQ(made_up::ListDirectory(folder), Words{"host.prom"});
   ExpectStatus(1, {"export", "--output", folder + "/none/host.prom"});
   ExpectStatus(1, {"export", "--output", folder});
+}
+
+// A device, a pipe or a link that stands where a file is to be written is not for replacing.
+TEST_F(Command, WritesOverPlainFilesAlone) {
+  Publish("host/memory", Memory(512));
+  const std::string folder = registry_.base() + "/there/";
+  std::filesystem::create_directory(folder);
+  WriteBytes(folder + "file", {'x'});
+  ASSERT_EQ(mkfifo((folder + "pipe").c_str(), 0600), 0);
+  std::filesystem::create_symlink("file", folder + "link");
+  std::filesystem::create_directory(folder + "directory");
+  const auto kind = [&](const char *name) {
+    struct stat status = {};
+    EXPECT_EQ(lstat((folder + name).c_str(), &status), 0);
+    return status.st_mode & S_IFMT;
+  };
+  for (const char *command : {"export", "report"}) {
+    for (const char *name : {"pipe", "link", "directory"}) {
+      const mode_t before = kind(name);
+      const Outcome outcome = Run({command, "--output", folder + name});
+      EXPECT_EQ(outcome.status, 1);
+      EXPECT_NE(outcome.err.find(folder + name + ": not a plain file"), std::string::npos)
+          << outcome.err;
+      EXPECT_EQ(kind(name), before) << command << " " << name;
+    }
+    EXPECT_EQ(made_up::ReadFile(folder + "file"), "x");
+  }
+  EXPECT_EQ(Run({"export", "--output", "-"}).out, Output({"export"}));
+  EXPECT_TRUE(Run({"report", "--output", "-"}).out.starts_with("<!DOCTYPE html>"));
+  EXPECT_FALSE(made_up::Exists("-"));
 }
 
 // Each shell's script has all commands and options; bash runs its own here.
@@ -408,7 +508,7 @@ TEST_F(Command, HelpFitsAScreen) {
     Words all = words;
     all.push_back("--help");
     const std::vector<std::string> lines = made_up::Lines(Output(all));
-    EXPECT_LE(lines.size(), 25U) << testing::PrintToString(words);
+    EXPECT_LE(lines.size(), words.empty() ? 22U : 25U) << testing::PrintToString(words);
     for (const std::string &line : lines) {
       EXPECT_LE(line.size(), 80U) << line;
     }
@@ -574,7 +674,7 @@ TEST_F(Command, WatchPrintsJsonLinesWhenAsked) {
   Publish("host/memory", Memory(511));
   ASSERT_TRUE(Eventually([&] { return lines().size() == 4; })) << lines().size();
   auto change = nlohmann::ordered_json::parse(lines()[3]);
-  EXPECT_EQ(change["time"].get<std::string>().size(), sizeof("2026-01-01T00:00:00+0000") - 1);
+  EXPECT_EQ(change["time"].get<std::string>().size(), sizeof("2026-01-01T00:00:00+00:00") - 1);
   change.erase("time");
   EXPECT_EQ(change.dump(),
             R"({"object":"host/memory","variable":"tlxHoPhysicalMemoryFree","old":512,"new":511})");

@@ -86,6 +86,13 @@ TEST(Findings, StateOfAProcess) {
   }
 }
 
+TEST(Findings, ProcessesOfContainersHaveMoreNumbers) {
+  EXPECT_EQ(NumbersOfProcess("Name:\tx\nNSpid:\t812\nNSpgid:\t812\n"), 1U);
+  EXPECT_EQ(NumbersOfProcess("Name:\tx\nNSpid:\t812\t7\t1\nNSpgid:\t812\t7\t1\n"), 3U);
+  EXPECT_EQ(NumbersOfProcess("Name:\tx\n"), 0U);
+  EXPECT_EQ(NumbersOfProcess(""), 0U);
+}
+
 TEST(Findings, WhatAProcessHasForkedIsNotAnother) {
   const auto pids = [](const std::vector<ProcessFact> &processes) {
     std::vector<pid_t> numbers;
@@ -115,11 +122,13 @@ TEST(Findings, UsersInPlaceOfACommunity) {
 }
 
 TEST(Findings, WhatConcernsStations) {
-  EXPECT_EQ(JudgeReach(true).verdict, Verdict::kOk);
-  EXPECT_EQ(JudgeReach(false).verdict, Verdict::kNote);
-  EXPECT_EQ(JudgeReceivers(0).verdict, Verdict::kNote);
-  EXPECT_EQ(JudgeReceivers(1).text, "notifications: snmpd.conf has 1 receiver.");
-  EXPECT_EQ(JudgeReceivers(2).text, "notifications: snmpd.conf has 2 receivers.");
+  EXPECT_EQ(JudgeReach(true, "/s").verdict, Verdict::kOk);
+  EXPECT_EQ(JudgeReach(false, "/s").verdict, Verdict::kNote);
+  EXPECT_EQ(JudgeReceivers(0, "/s").verdict, Verdict::kNote);
+  EXPECT_NE(JudgeReceivers(0, "/s").text.find(" /s/integrations/"), std::string::npos);
+  EXPECT_NE(JudgeReach(false, "/s").text.find(" /s/integrations/"), std::string::npos);
+  EXPECT_EQ(JudgeReceivers(1, "/s").text, "notifications: snmpd.conf has 1 receiver.");
+  EXPECT_EQ(JudgeReceivers(2, "/s").text, "notifications: snmpd.conf has 2 receivers.");
 }
 
 TEST(Findings, DefaultCommunities) {
@@ -499,8 +508,8 @@ TEST(Findings, AreQuotedAsTheyAre) {
         JudgeCommunity(CommunitySource::kNone, {}, 0),
         JudgeCommunity(CommunitySource::kNone, {"/etc/snmp/snmpd.conf"}, 0),
         JudgeCommunity(CommunitySource::kNone, {}, 1),
-        JudgeReach(false),
-        JudgeReceivers(0),
+        JudgeReach(false, "/usr/share/vexhostd"),
+        JudgeReceivers(0, "/usr/share/vexhostd"),
         JudgeDefaultCommunity({{"rocommunity", "public default -V systemonly"}}).value(),
         socket(ENOENT),
         socket(ECONNREFUSED),

@@ -251,10 +251,58 @@ TEST_F(Live, TellsWhatChanged) {
   for (const LiveChange &change : data_.changes()) {
     news.push_back(change.what + " " + change.how);
   }
-  EXPECT_EQ(news, (Strings{"host/swver 10 rows are new", "host/sibling.18 is gone",
+  EXPECT_EQ(news, (Strings{"host/swver 10 rows are new", "host/sibling.18 (nics) is gone",
                            "host/filesys.9 is new", "host/mount.0 State answers -> failing"}));
   EXPECT_EQ(With("answers -> failing"),
             Strings{"  22:14:20  host/mount.0 State  answers -> failing"});
+}
+
+TEST_F(Live, CallsFileSystemsByTheirNames) {
+  SetHost(1);
+  Take();
+  Later(15);
+  Set("host/filesys.9",
+      {Text("tlxHoFileSysDesc", 40, "tmpfs on /dev/shm/x"), Int("tlxHoFileSysSpaceTotal", 10),
+       Int("tlxHoFileSysPercentSpaceUsed", 74)});
+  Set("host/mount.9",
+      {Text("tlxHoMountDevice", 20, "tmpfs"), Text("tlxHoMountDirectory", 20, "/dev/shm/x"),
+       Text("tlxHoMountType", 8, "tmpfs"), Int("tlxHoMountState", 1)});
+  Take();
+  const auto news = [&] {
+    Strings texts;
+    for (const LiveChange &change : data_.changes()) {
+      texts.insert(texts.begin(), change.what + " " + change.how);
+    }
+    return texts;
+  };
+  Strings expected = {"file system /dev/shm/x (tmpfs) is new"};
+  EXPECT_EQ(news(), expected);
+  const auto use = [&](int percent) {
+    Later(15);
+    Set("host/filesys.9",
+        {Text("tlxHoFileSysDesc", 40, "tmpfs on /dev/shm/x"), Int("tlxHoFileSysSpaceTotal", 10),
+         Int("tlxHoFileSysPercentSpaceUsed", percent)});
+    Take();
+  };
+  for (const int percent : {76, 74, 75, 76, 91, 89, 90, 60}) {
+    use(percent);
+  }
+  for (const char *crossing : {"74 % -> 76 %", "76 % -> 91 %", "90 % -> 60 %"}) {
+    expected.push_back("file system /dev/shm/x (tmpfs) " + std::string(crossing) + " in use");
+  }
+  EXPECT_EQ(news(), expected);
+  Set("host/memdetail", {Int("tlxHoMemoryAvailable", 100), Int("tlxHoMemoryCached", 1024)});
+  Set("host/memory", {Int("tlxHoPhysicalMemorySize", 8192), Int("tlxHoPhysicalMemoryFree", 50),
+                      Int("tlxHoPagingMemorySize", 1000), Int("tlxHoPagingMemoryFree", 900)});
+  Remove("host/filesys.9");
+  Remove("host/mount.9");
+  Take();
+  expected.emplace_back("file system /dev/shm/x (tmpfs) is gone");
+  expected.emplace_back("memory 75 % -> 99 % in use");
+  Strings now = news();
+  std::sort(now.begin(), now.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(now, expected);
 }
 
 TEST_F(Live, KeepsTheHistoryOfProcessors) {
@@ -275,6 +323,8 @@ TEST_F(Live, SaysWhenValuesAreOld) {
   Later(35);
   EXPECT_TRUE(Has("polled 35 s ago"));
   Later(145);
+  EXPECT_EQ(Page()[1], " Values are 3 min old");  // nobody has looked for the agent yet
+  moment_.agent.looked = true;
   EXPECT_TRUE(Has(" Values are 3 min old: no agent runs; start it: systemctl start vexhostd"))
       << Page()[1];
   moment_.agent.hidden = true;
@@ -293,6 +343,7 @@ TEST_F(Live, SaysWhenValuesAreOld) {
 
 TEST_F(Live, SaysWhyThereIsNothing) {
   moment_.nothing = "nothing is published in /x: no agent runs. Start it: systemctl start vexhostd";
+  moment_.agent.looked = true;
   Take();
   EXPECT_TRUE(Page()[0].starts_with(" somehost"));
   EXPECT_TRUE(Has("No values of the host agent: no agent runs; start it:"));
@@ -333,6 +384,8 @@ TEST_F(Live, FormatsWhatIsVisible) {
   Press("s");
   Page();
   EXPECT_LE(View().formatted(), 24U);
+  EXPECT_EQ(Page()[4], "     0  20000  text");  // of numbers the largest first
+  Press("r");
   EXPECT_EQ(Page()[4], "  9999  10001  text");
   View().Press(kKeyDown);
   EXPECT_EQ(Page()[4], "  9998  10002  text");
@@ -370,14 +423,57 @@ TEST_F(Live, PausesHelpsAndQuits) {
   EXPECT_FALSE(View().paused());
   Press("p");
   EXPECT_TRUE(View().paused());
-  EXPECT_TRUE(Has("PAUSED"));
+  EXPECT_TRUE(Has("normal  PAUSED, held since 22:13:20")) << Page()[0];
+  // A healthy agent is not accused of what the reader wanted.
+  Later(300);
+  moment_.agent.looked = true;
+  EXPECT_TRUE(Has("normal  PAUSED, held since 22:13:20")) << Page()[0];
+  EXPECT_TRUE(Has("polled 0 s ago")) << Page()[1];
+  moment_.width = 100;
+  EXPECT_EQ(DisplayWidth(Page()[0]), 99);
   Press(" ");
   EXPECT_FALSE(View().paused());
+  EXPECT_FALSE(Has("held since"));
+  EXPECT_TRUE(Has("Values are 5 min old: no agent runs"));
   Press("?");
   EXPECT_TRUE(Has("q or Ctrl-C"));
   Press("q");  // any key leaves the help
   EXPECT_TRUE(Has("Processors"));
   EXPECT_FALSE(View().Press('q'));
+}
+
+TEST_F(Live, TellsTheBusiestOfManyProcessors) {
+  SetHost(256);
+  Set("host/cpu.200", {Int("tlxHoCpuUtilMin", 100)});
+  Set("host/cpu.100", {Int("tlxHoCpuUtilMin", 3)});
+  Take();
+  EXPECT_TRUE(Has("Processors (256), 45 % on average, most 100 % (200)"))
+      << testing::PrintToString(Page());
+  EXPECT_EQ(Page()[3].substr(0, 11), "  200 100 %");
+  EXPECT_EQ(Page()[4].substr(0, 11), "   99  99 %");
+  Press("\n");  // alone there is room: by number
+  EXPECT_TRUE(Has("Processors (256)"));
+  EXPECT_EQ(Page()[4].substr(0, 5), "   0 ");
+}
+
+TEST_F(Live, HelpScrollsWhereItDoesNotFit) {
+  moment_.width = 40;
+  moment_.height = 10;
+  SetHost(1);
+  Take();
+  Press("?");
+  EXPECT_TRUE(Has("scroll by a line,"));
+  EXPECT_FALSE(Has("quit"));
+  for (int i = 0; i < 100; i++) {
+    View().Press(kKeyDown);
+    Page();
+  }
+  EXPECT_TRUE(Has("absent siblings."));
+  EXPECT_FALSE(Has("scroll by a line,"));
+  View().Press(kKeyPageUp);
+  EXPECT_TRUE(Has("scroll by a line,"));
+  Press("x");
+  EXPECT_TRUE(Has("Processors"));
 }
 
 TEST_F(Live, FitsEverySize) {

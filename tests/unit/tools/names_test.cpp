@@ -126,6 +126,16 @@ TEST(NearName, IsTheOneThatWasMeant) {
   EXPECT_EQ(NearestName("host", objects), "'host/*'");
   EXPECT_EQ(NearestName("host/", objects), "'host/*'");
   EXPECT_EQ(NearestName("tlxHoCpuUtilMn", objects), "tlxHoCpuUtilMin");
+  EXPECT_EQ(NearestName("CPU", objects), "host/cpu");
+  EXPECT_EQ(NearestName("Memory", objects), "host/memory");
+  EXPECT_EQ(NearestName("TLXHOCPUUTILMIN", objects), "tlxHoCpuUtilMin");
+  for (const char *word : {"filesystems", "FileSystem", "fs", "disks", "df"}) {
+    EXPECT_EQ(NearestName(word, objects), "host/filesys") << word;
+  }
+  const Names more = {"host/mount.0", "host/swver.0", "host/filesys.0"};
+  EXPECT_EQ(NearestName("mounts", more), "host/mount");
+  EXPECT_EQ(NearestName("packages", more), "host/swver");
+  EXPECT_EQ(NearestName("packages", objects), "");  // there are none
   EXPECT_EQ(NearestName("printer", objects), "");
   EXPECT_EQ(NearestName("", objects), "");
   EXPECT_EQ(NearestName("host/x", {}), "");

@@ -87,6 +87,78 @@ TEST(Page, IsThereWithoutAnyObject) {
   EXPECT_TRUE(page.ends_with("</html>\n"));
 }
 
+// What the kernel would give back is not in use.
+TEST(Page, MemoryThatIsAvailableIsNotInUse) {
+  PageFacts facts;
+  facts.objects = {{"host/memory", MadeObject({Int("tlxHoPhysicalMemorySize", 1000),
+                                               Int("tlxHoPhysicalMemoryFree", 50)})},
+                   {"host/memdetail", MadeObject({Int("tlxHoMemoryAvailable", 900)})}};
+  const std::string page = ReportPage(facts);
+  EXPECT_NE(page.find("width:10%"), std::string::npos);
+  EXPECT_NE(page.find(">10 %<"), std::string::npos);
+  EXPECT_NE(page.find(">In use</th>"), std::string::npos);
+  EXPECT_EQ(page.find("95 %"), std::string::npos);
+}
+
+TEST(Page, SaysHowOldTheValuesAre) {
+  PageFacts facts;
+  facts.moment = 1'700'000'000;
+  facts.agent = "no agent runs";
+  NamedObject misc = {"host/misc", MadeObject({Int("tlxHoOsCommonPollFreq", 15)})};
+  misc.object.published_ns = (facts.moment - 4) * 1'000'000'000;
+  facts.objects = {misc};
+  EXPECT_NE(ReportPage(facts).find(", 4 s before</p>"), std::string::npos);
+  facts.objects[0].object.published_ns -= int64_t{86400} * 3 * 1'000'000'000;
+  const std::string page = ReportPage(facts);
+  EXPECT_NE(page.find("<p class=\"bad\">Last poll "), std::string::npos);
+  EXPECT_NE(page.find(", 3 days before: no agent runs</p>"), std::string::npos) << page;
+}
+
+TEST(Page, FailuresComeFirst) {
+  PageFacts facts;
+  facts.findings = {{"ok", "all is well"}, {"fail", "snmpd: not running"}};
+  std::string page = ReportPage(facts);
+  EXPECT_LT(page.find("snmpd: not running"), page.find("id=\"identity\""));
+  EXPECT_GT(page.find("all is well"), page.find("id=\"identity\""));
+  facts.findings.clear();
+  facts.no_findings = "doctor did not end in 20 s";
+  facts.no_log = "no log to be read";
+  page = ReportPage(facts);
+  EXPECT_NE(page.find(facts.no_findings), std::string::npos);
+  EXPECT_NE(page.find(facts.no_log), std::string::npos);
+}
+
+TEST(Page, LeavesOutWhatSaysNothingAndFoldsLongTables) {
+  PageFacts facts;
+  for (int i = 0; i < 30; i++) {
+    const std::string row = std::to_string(i);
+    facts.objects.push_back({"host/filesys." + row,
+                             MadeObject({Text("tlxHoFileSysDesc", 40, "file system " + row + "."),
+                                         Int("tlxHoFileSysSpaceTotal", i < 5 ? 0 : 100),
+                                         Int("tlxHoFileSysPercentSpaceUsed", i)})});
+  }
+  facts.objects.push_back(
+      {"host/mount.29", MadeObject({Text("tlxHoMountType", 8, "xfs"), Int("tlxHoMountReadOnly", 1),
+                                    Int("tlxHoMountState", 3)})});
+  for (int i = 0; i < 3; i++) {
+    facts.objects.push_back({"host/sibling." + std::to_string(i),
+                             MadeObject({Text("tlxHoSiblingName", 40, "agent" + std::to_string(i)),
+                                         Int("tlxHoSiblingPresent", i == 1 ? 1 : 2)})});
+  }
+  const std::string page = ReportPage(facts);
+  EXPECT_EQ(page.find("file system 4."), std::string::npos);
+  EXPECT_NE(page.find("5 without space are left out"), std::string::npos);
+  const size_t fold = page.find("<summary>5 more</summary>");
+  ASSERT_NE(fold, std::string::npos);
+  EXPECT_LT(page.find("file system 29."), page.find("file system 10."));
+  EXPECT_LT(page.find("file system 10."), fold);
+  EXPECT_GT(page.find("file system 9."), fold);
+  for (const char *cell :
+       {">xfs<", ">read-only<", ">silent<", ">runs<", "No agent: agent0, agent2<"}) {
+    EXPECT_NE(page.find(cell), std::string::npos) << cell;
+  }
+}
+
 // WCAG 2.1, 1.4.3.
 double Luminance(const std::string &colour) {
   unsigned parts[3] = {};

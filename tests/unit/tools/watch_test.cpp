@@ -93,12 +93,13 @@ class WatchScreen : public testing::Test {
              int height = 24) {
     // The shell outlives Ctrl-C, which is for all that the terminal runs. ncurses keeps what it
     // knows of a terminal until the end: no leak.
-    const std::string command = "trap : INT; stty -g >" + File("before") + "; env " + environment +
-                                " ASAN_OPTIONS=detect_leaks=0 sh -c 'echo $$ >" + File("pid") +
-                                "; exec " VEXREG_PATH " --root " + registry_.root() +
-                                " watch --interval 0.1 " + arguments + "' 2>" + File("errors") +
-                                "; echo $? >" + File("status") + "; stty -g >" + File("after") +
-                                "; echo ended; exec sleep 600";
+    const std::string command =
+        "trap : INT; stty -g >" + File("before") + "; env " + environment +
+        " ASAN_OPTIONS=detect_leaks=0 sh -c 'echo $$ >" + File("pid") +
+        "; exec " VEXREG_PATH " --root " + registry_.root() + " watch " +
+        (arguments.find("--interval") == std::string::npos ? "--interval 0.1 " : "") + arguments +
+        "' 2>" + File("errors") + "; echo $? >" + File("status") + "; stty -g >" + File("after") +
+        "; echo ended; exec sleep 600";
     tmux_.emplace(File("tmux" + std::to_string(++terminals_)), width, height, command);
   }
   pid_t Pid() const {
@@ -109,6 +110,18 @@ class WatchScreen : public testing::Test {
   void Signal(int number) const {
     ASSERT_TRUE(Eventually([&] { return Pid() > 1; }));
     kill(Pid(), number);
+  }
+  // Until the view has waited for so many more keys or looks.
+  void WaitRounds(int64_t count) const {
+    ASSERT_TRUE(Eventually([&] { return Pid() > 1; }));
+    const auto waits = [&] {
+      const std::string status = made_up::ReadFile("/proc/" + std::to_string(Pid()) + "/status");
+      const std::string name = "\nvoluntary_ctxt_switches:";
+      const size_t at = status.find(name);
+      return at != std::string::npos ? atoll(status.c_str() + at + name.size()) : -1;
+    };
+    const int64_t before = waits();
+    EXPECT_TRUE(Eventually([&] { return before >= 0 && waits() >= before + count; }));
   }
   // Whether it ended with that status and left the terminal as it was.
   void ExpectEnd(int status) {
@@ -161,10 +174,11 @@ TEST_F(WatchScreen, TakesKeys) {
   tmux_->Press("Home");
   EXPECT_TRUE(tmux_->Shows("1-19 of 60"));
   tmux_->Press("s");
-  EXPECT_TRUE(tmux_->Shows("by var0"));
-  EXPECT_TRUE(tmux_->Shows("  59  1941"));
+  EXPECT_TRUE(tmux_->Shows("by var0, largest first"));
+  EXPECT_TRUE(tmux_->Shows("   0  2000"));
   tmux_->Press("r");
-  EXPECT_TRUE(tmux_->Shows("largest first"));
+  EXPECT_TRUE(tmux_->Shows("  59  1941"));
+  EXPECT_TRUE(tmux_->ShowsNot("largest first"));
   tmux_->Press("/");
   tmux_->Type("1955");
   EXPECT_TRUE(tmux_->Shows("Only lines with: 1955_"));
@@ -195,8 +209,25 @@ TEST_F(WatchScreen, TakesKeys) {
   tmux_->Press("p");
   EXPECT_TRUE(tmux_->Shows("PAUSED"));
   Put("z/other", 4711);
+  WaitRounds(5);
+  EXPECT_EQ(tmux_->Screen().find("4711"), std::string::npos) << tmux_->Screen();
+  EXPECT_TRUE(tmux_->Shows("PAUSED, held since"));
   tmux_->Press("p");
   EXPECT_TRUE(tmux_->Shows("4711"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+// Looks are an hour apart here: one comes at once after a pause all the same.
+TEST_F(WatchScreen, LooksAtOnceAfterAPause) {
+  Put("h/a", 12345);
+  Start("--interval 3600");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("p");
+  ASSERT_TRUE(tmux_->Shows("PAUSED"));
+  Put("h/a", 54321);
+  tmux_->Press("p");
+  EXPECT_TRUE(tmux_->Shows("54321"));
   tmux_->Press("q");
   ExpectEnd(0);
 }

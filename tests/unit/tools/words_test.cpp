@@ -3,8 +3,11 @@
 
 #include <gtest/gtest.h>
 #include <locale.h>
+#include <stdlib.h>
+#include <time.h>
 
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "tests/unit/tools/made_object.h"
 #include "tools/vexreg/mib_words.h"
@@ -62,6 +65,28 @@ TEST(Words, OfFirmware) {
   // Numbers without a meaning.
   EXPECT_EQ(show(3, 23), "network adapter/23");
   EXPECT_EQ(show(0, 5), "0/5");
+}
+
+// Whether nobody judges or an agent does not: one word.
+TEST(Words, OfWhatNobodyJudges) {
+  EXPECT_EQ(Show(Int("tlxHoMibCondition", 1)).text, "unassessed");
+  EXPECT_EQ(Show(Int("tlxHoSiblingCondition", -1)).text, "unassessed");
+  EXPECT_EQ(Show(Int("tlxHoSiblingHealth", -1)).text, "unassessed");
+  EXPECT_EQ(Show(Int("tlxHoSiblingHealth", -1)).mood, Mood::kFaint);
+  EXPECT_EQ(Json(Int("tlxHoSiblingHealth", -1)), "null");
+}
+
+TEST(Words, OfTimes) {
+  setenv("TZ", "Somewhere-3:30", 1);
+  tzset();
+  EXPECT_EQ(Show(Int("tlxHoAgentStart", 1709647629)).text, "2024-03-05 17:37:09 Somewhere");
+  EXPECT_EQ(Json(Int("tlxHoAgentStart", 1709647629)), "\"2024-03-05T17:37:09+03:30\"");
+  const MadeVariable date = Octets("tlxHoConfigChangedDate", 7, "\x07\xE8\x03\x05\x11\x25\x09");
+  EXPECT_EQ(Show(date).text, "2024-03-05 17:37:09");
+  EXPECT_EQ(Json(date), "\"2024-03-05T17:37:09+03:30\"");
+  setenv("TZ", "UTC0", 1);
+  tzset();
+  EXPECT_EQ(Json(date), "\"2024-03-05T17:37:09+00:00\"");
 }
 
 TEST(Words, OfWhatIsNotKnown) {
@@ -143,15 +168,19 @@ TEST(Words, OfTheHealthArray) {
   EXPECT_EQ(shown.lines[0][1].mood, Mood::kBad);
   EXPECT_EQ(Plain(shown.lines[1]), "processors  normal");
   EXPECT_EQ(Plain(shown.lines[2]), "event log   severe");
-  EXPECT_TRUE(Plain(shown.lines[3]).starts_with("not judged: resilience of the memory, "));
+  EXPECT_TRUE(Plain(shown.lines[3]).starts_with("unassessed: resilience of the memory, "));
   const auto json = nlohmann::json::parse(Json(array));
   EXPECT_EQ(json[7].dump(), R"({"condition":"severe","name":"event log","octet":7})");
+  std::set<std::string> names;
+  for (const auto &part : json) {
+    EXPECT_TRUE(names.insert(part["name"].get<std::string>()).second) << part["name"];
+  }
 }
 
 // An agent of another version may publish less, or numbers without a name.
 TEST(Words, OfArraysThatAreCutShort) {
   EXPECT_EQ(Plain(Show(Octets("tlxHoMibStatusArray", 108, "")).lines[0]),
-            "worst condition: not judged");
+            "worst condition: unassessed");
   const Shown shown = Show(Octets("tlxHoMibHealthStatusArray", 256, "\x09\x09\x09"));
   EXPECT_EQ(Plain(shown.lines[0]), "worst condition: 9");
   EXPECT_EQ(Plain(shown.lines[1]), "processors  9");
@@ -165,7 +194,7 @@ TEST(Words, ForPrograms) {
   EXPECT_EQ(Json(Int("tlxHoPhysicalMemorySize", 2048)), "2048");
   EXPECT_EQ(Json(Text("tlxHoName", 20, "Debian")), R"("Debian")");
   EXPECT_EQ(Json(Octets("tlxHoConfigChangedDate", 7, "\x07\xE8\x03\x05\x0E\x07\x09")),
-            R"("2024-03-05 14:07:09")");
+            R"("2024-03-05T14:07:09+00:00")");
   EXPECT_EQ(Json(Octets("tlxHoConfigChangedDate", 7, std::string("\xFF\xFF\0\0\0\0\0", 7))),
             "null");
   EXPECT_EQ(Json(Octets("tlxHoSwVerDate", 7, std::string(7, '\0'))), "null");
