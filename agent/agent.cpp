@@ -39,12 +39,34 @@ static const group *run_all(const group *const *order) {
   return nullptr;
 }
 
-// The details for stations, each whatever became of the others.
+// The result of a start that this group ends.
+static int start_failed(const group *failed) {
+  agentlog_fprintf(stderr, "%s: Start-up failed: the %s group could not be built\n", agent,
+                   failed->title);
+  return -1;
+}
+
+// The details for stations, each whatever became of the others. One line when the first that fails
+// is another one than before, and one when all are refreshed again.
 static void run_details() {
+  static const group *reported;
+  const group *failed = nullptr;
   for (const group *const *order = detail_order; *order != nullptr && agent_ending() == 0;
        order++) {
-    (*order)->refresh();
+    if ((*order)->refresh() != 0 && failed == nullptr) {
+      failed = *order;
+    }
   }
+  if (failed == reported || agent_ending() != 0) {
+    return;
+  }
+  if (failed != nullptr) {
+    agentlog_fprintf(stderr, "%s: The %s group failed, and is not refreshed\n", agent,
+                     failed->title);
+  } else {
+    agentlog_fprintf(stderr, "%s: All groups of details are refreshed again\n", agent);
+  }
+  reported = failed;
 }
 
 // One line when polls begin to end early, or end at another group, and one when they are whole.
@@ -204,16 +226,15 @@ int init_agent(int argc, char **argv) {
   warn_without_community();
   const group *failed = run_all(start_order);
   if (failed != nullptr) {
-    agentlog_fprintf(stderr, "%s: Start-up failed: the %s group could not be built\n", agent,
-                     failed->title);
-    return -1;
+    return start_failed(failed);
   }
   if (agent_ending() != 0) {
     return 0;
   }
   check_snmpd_memory();
-  if (run_all(last_order) != nullptr) {
-    return -1;
+  failed = run_all(last_order);
+  if (failed != nullptr) {
+    return start_failed(failed);
   }
   run_details();
   return 0;

@@ -33,11 +33,14 @@ static ssize_t refuse(kept_file *file, const char *why) {
   return -1;
 }
 
-// Whether nobody but root and this user can make or rename files there. An access list's entries
-// show in the group's bits.
-static bool is_private(int directory) {
+// 1 when nobody but root and this user can make or rename files there, else 0; -1 with errno when
+// that cannot be told. An access list's entries show in the group's bits.
+static int is_private(int directory) {
   struct stat status = {};
-  return fstat(directory, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid()) &&
+  if (fstat(directory, &status) != 0) {
+    return -1;
+  }
+  return (status.st_uid == 0 || status.st_uid == geteuid()) &&
          (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
@@ -51,9 +54,14 @@ static bool accept_file(kept_file *file, int directory, int descriptor) {
     refuse(file, not_plain);
     return false;
   }
-  if (status.st_nlink > 1 && !is_private(directory)) {
-    refuse(file, second_name);
-    return false;
+  if (status.st_nlink > 1) {
+    const int alone = is_private(directory);
+    if (alone == 0) {
+      refuse(file, second_name);
+    }
+    if (alone != 1) {
+      return false;
+    }
   }
   file->refusal_logged = false;
   return true;
@@ -175,19 +183,22 @@ static ssize_t read_once(kept_file *file, char *data, size_t size, bool settle_m
   return length;
 }
 
+// Waits a moment before the next try. False with the same errno when the agent ends.
+static bool may_try_again() {
+  const int error = errno;
+  if (agent_ending() == 0) {
+    nanosleep(&between_tries, nullptr);
+  }
+  errno = error;
+  return agent_ending() == 0;
+}
+
 ssize_t read_kept_file(kept_file *file, void *data, size_t size, bool settle_mode) {
   for (int tries = 1;; tries++) {
     const ssize_t length = read_once(file, static_cast<char *>(data), size, settle_mode);
-    if (length >= 0 || errno == ENOENT || errno == EBADF || tries == most_tries) {
+    if (length >= 0 || errno == ENOENT || errno == EBADF || tries == most_tries ||
+        !may_try_again()) {
       return length;
-    }
-    const int error = errno;
-    if (agent_ending() == 0) {
-      nanosleep(&between_tries, nullptr);
-    }
-    if (agent_ending() != 0) {
-      errno = error;
-      return -1;
     }
   }
 }
@@ -301,8 +312,8 @@ static int put_in_place(int directory, const char *temporary, const kept_file *f
 }
 
 // With errno when it failed, EBADF when it is refused.
-static kept_result replace(kept_file *file, const void *data, size_t size,
-                           char (*aside)[ASIDE_NAME_SIZE]) {
+static kept_result replace_once(kept_file *file, const void *data, size_t size,
+                                char (*aside)[ASIDE_NAME_SIZE]) {
   const descriptor_handle directory(open_root(file));
   if (!directory) {
     return errno == EBADF ? KEPT_FAILED : KEPT_NOT_OPENED;
@@ -338,6 +349,22 @@ static kept_result replace(kept_file *file, const void *data, size_t size,
   }
   note_directory(file, directory.get());
   return KEPT_REPLACED;
+}
+
+// What comes from want of descriptors or memory, or from the disk's bus, passes; a file system
+// without writing does not.
+static bool may_pass(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
+}
+
+static kept_result replace(kept_file *file, const void *data, size_t size,
+                           char (*aside)[ASIDE_NAME_SIZE]) {
+  for (int tries = 1;; tries++) {
+    const kept_result result = replace_once(file, data, size, aside);
+    if (result != KEPT_NOT_OPENED || !may_pass(errno) || tries == most_tries || !may_try_again()) {
+      return result;
+    }
+  }
 }
 
 kept_result replace_kept_file(kept_file *file, const void *data, size_t size,

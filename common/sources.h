@@ -33,8 +33,8 @@ inline constexpr uint32_t raid_segment_size = 222;
 // The kernel's configuration, behind whose name its release stands.
 inline constexpr char kernel_configuration_prefix[] = "/boot/config-";
 
-// dpkg writes to it whenever packages come or go; with another modification time the packages are
-// read again.
+// The package has dpkg touch it after each run. With a newer modification time than at the poll
+// before, the packages are read again.
 inline constexpr char package_database_path[] = "/var/lib/dpkg/available";
 
 // The class of the hardware platform.

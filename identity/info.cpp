@@ -63,6 +63,13 @@ static kept_file role_detail_file = {"tlxhosystemroledetail.dat", false};
 
 static constexpr const kept_file *kept_files[] = {&role_file, &role_detail_file, nullptr};
 
+struct kept_text {
+  kept_file *file;
+  bool unread;  // it may be there, and could not be read
+};
+static kept_text role_text = {&role_file, false};
+static kept_text role_detail_text = {&role_detail_file, false};
+
 constexpr group info_group = described<info_block>({
     .name = "info",
     .title = "system",
@@ -79,13 +86,6 @@ constexpr group info_group = described<info_block>({
 enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
 
-// The texts that a manager has set, as they stand and without an end.
-struct kept_text {
-  kept_file file;
-  bool unread;  // it may be there, and could not be read
-};
-static kept_text role_text = {{"tlxhosystemrole.dat", false}, false};
-static kept_text role_detail_text = {{"tlxhosystemroledetail.dat", false}, false};
 static bool called;
 
 static info_block *block_of(registry_object *object) {
@@ -125,17 +125,18 @@ static void read_description(info_block *block) {
 // be read at the start is read by a later poll. The log has one line for either.
 static void read_role(kept_text *text, char *field, size_t field_size, bool settle_mode) {
   memset(field, 0, field_size);
-  const ssize_t length = read_kept_file(&text->file, field, field_size - 1, settle_mode);
+  const ssize_t length = read_kept_file(text->file, field, field_size - 1, settle_mode);
   const int error = errno;
   const bool unread = length < 0 && error != ENOENT && error != EBADF;
   if (length < 0) {
     memset(field, 0, field_size);
   }
   if (unread && !text->unread) {
-    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, text->file.name,
+    agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, text->file->name,
                      strerror(error));
   } else if (text->unread && length >= 0) {
-    agentlog_fprintf(stderr, "%s: %s/%s was read at last\n", agent, REGISTRY_ROOT, text->file.name);
+    agentlog_fprintf(stderr, "%s: %s/%s was read at last\n", agent, REGISTRY_ROOT,
+                     text->file->name);
   }
   text->unread = unread;
 }
@@ -153,8 +154,8 @@ static void keep_roles(info_block *block) {
   if (role_detail_text.unread) {
     read_role(&role_detail_text, block->role_detail, sizeof(block->role_detail), true);
   }
-  restore_kept_file(&role_text.file, block->role, strlen(block->role));
-  restore_kept_file(&role_detail_text.file, block->role_detail, strlen(block->role_detail));
+  restore_kept_file(role_text.file, block->role, strlen(block->role));
+  restore_kept_file(role_detail_text.file, block->role_detail, strlen(block->role_detail));
 }
 
 static void read_system(info_block *block) {
@@ -195,7 +196,7 @@ static int apply_role(uint8_t phase, kept_text *kept, char *field, size_t field_
   if (phase == SET_CHECK) {
     return 0;
   }
-  switch (replace_kept_file(&kept->file, text, strlen(text))) {
+  switch (replace_kept_file(kept->file, text, strlen(text))) {
     case KEPT_REPLACED:
       kept->unread = false;
       copy_field(field, field_size, text);

@@ -152,6 +152,9 @@ void obtain_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size) {
     settable = false;
   } else if (read_file(guid, &unread)) {
     agentlog_fprintf(stderr, "Info: tlxHoGUID is the same as previously set/generated.\n");
+  } else if (unread.worth_keeping && agent_ending() != 0) {
+    // There was no time to try again: the next start reads it.
+    memset(guid, 0, GUID_SIZE);
   } else {
     generate(guid, unread);
   }

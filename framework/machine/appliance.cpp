@@ -42,7 +42,7 @@ std::optional<std::optional<Appliance>> &Loaded() {
 
 const std::optional<Appliance> &TheAppliance() {
   if (!Loaded()) {
-    Loaded() = Load();
+    Loaded() = Persistently(Load);
   }
   return *Loaded();
 }

@@ -43,7 +43,7 @@ void UseOsReleaseFiles(const char *first, const char *second) {
 }  // namespace vex
 
 int distroid_init(void) {
-  return vex::Guarded(-1, [] {
+  const auto load = [] {
     auto &distribution = vex::TheDistribution();
     for (const char *file : vex::files) {
       if (distribution) {
@@ -54,7 +54,8 @@ int distroid_init(void) {
       }
     }
     return distribution ? 0 : -1;
-  });
+  };
+  return vex::Guarded(-1, [&] { return vex::Persistently(load); });
 }
 
 const char *distroid_name(void) {

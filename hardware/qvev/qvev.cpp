@@ -3,6 +3,7 @@
 #include <exception>
 #include <string>
 
+#include "framework/process/guard.h"
 #include "hardware/qvev/ev_source.h"
 #include "platform/ev.h"
 #include "platform/framework.h"
@@ -14,7 +15,10 @@ extern "C" __attribute__((visibility("default"))) int get_ev(const char *name, v
                                                              uint32_t *length) {
   try {
     std::string problem;
-    const int64_t got = vex::ReadEv({}, name, buffer, *length, &problem);
+    const int64_t got = vex::Persistently([&] {
+      problem.clear();
+      return vex::ReadEv({}, name, buffer, *length, &problem);
+    });
     if (!problem.empty() && agentlog_fprintf != nullptr) {
       agentlog_fprintf(stderr, "EV %s: %s%s\n", name, problem.c_str(),
                        got < 0 ? ", taken as absent" : "");
@@ -24,7 +28,10 @@ extern "C" __attribute__((visibility("default"))) int get_ev(const char *name, v
     }
     *length = static_cast<uint32_t>(got);
     return 0;
-  } catch (const std::exception &) {
-    return -1;  // no memory
+  } catch (const std::exception &failure) {
+    if (agentlog_fprintf != nullptr) {
+      agentlog_fprintf(stderr, "EV %s: %s, taken as absent\n", name, failure.what());
+    }
+    return -1;
   }
 }

@@ -315,6 +315,18 @@ Verdict Bench::Judge(std::vector<std::string> differences, bool at_once, bool re
   return verdict;
 }
 
+// Whether the line tells why the agent ends; others come before it on many hosts.
+bool NamesAnEnd(const std::string &line) {
+  for (const char *words :
+       {"Start-up failed: ", "Can't start the SNMP side", "Can't take the registry",
+        "Can't lock registry", "Can't clear registry", "Can't open log file"}) {
+    if (line.find(words) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // An end within a round: allowed at a start, with a message.
 Verdict Bench::DiedInRound() {
   Daemon &daemon = host().daemon;
@@ -328,7 +340,8 @@ Verdict Bench::DiedInRound() {
                          std::any_of(lines.begin(), lines.end(), [](const std::string &line) {
                            return line.find("Can't create object: ") != std::string::npos;
                          });
-  if (by_signal || (at_start && status == 1 && !lines.empty())) {
+  if (by_signal ||
+      (at_start && status == 1 && std::any_of(lines.begin(), lines.end(), NamesAnEnd))) {
     verdict.outcome = Outcome::kEnded;
   } else {
     verdict.outcome = Outcome::kWrong;

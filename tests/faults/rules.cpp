@@ -33,14 +33,6 @@ std::string StatusArrayText() {
 
 const std::vector<Exception> &Exceptions() {
   static const std::vector<Exception> exceptions = {
-      {"requests", "",
-       "(at once|three polls later): tlxHoSystemRole was answered noError, and (is STRING: \"mail "
-       "relay\"|its file has 10 bytes: mail relay)",
-       "a role whose file cannot be opened is answered noError and stays as it was"},
-      {"requests", "",
-       "(at once|three polls later): tlxHoSystemRoleDetail was answered noError, and (is STRING: "
-       "\"rack 7, slot 3\"|its file has 14 bytes: rack 7, slot 3)",
-       "the same of its detail"},
       {"", "",
        "- (kept host/fwver\\.|object host/fwver\\.(index| tlxHoFwVerDisplayName = Servala KX770 R7 "
        ".*)|"
@@ -60,7 +52,10 @@ const std::vector<Exception> &Exceptions() {
       {"", "",
        "[-+] (object host/misc tlxHoMibStatusArray = " + StatusArrayText() +
            "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.1\\.5\\.0 = Hex-STRING: " +
-           kStatusArray + " ?)",
+           kStatusArray +
+           " ?|object host/sibling\\.11 tlxHoSiblingCondition = [23]"
+           "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.200\\.3\\.1\\.1\\.4\\.11 = INTEGER: "
+           "[23])",
        "a peer's condition in the status array, this agent's own among them, is the one of its "
        "start"},
       {"", "",

@@ -366,6 +366,22 @@ Outcome StartAnother() {
 TEST(SecondStart, TouchesNothingAndSaysWhoRuns) {
   MadeUpHost host;
   host.Start();
+  // Which files there are, and when one came or went; their contents are the running agent's to
+  // change.
+  const auto files = [] {
+    std::map<std::string, std::pair<ino_t, int64_t>> found;
+    for (const std::string &name : ListDirectory(PathOf("host"))) {
+      struct stat status = {};
+      EXPECT_EQ(stat(PathOf("host/" + name).c_str(), &status), 0) << name;
+      found[name] = {status.st_ino, 0};
+    }
+    struct stat status = {};
+    EXPECT_EQ(stat(PathOf("host").c_str(), &status), 0);
+    found["."] = {status.st_ino,
+                  status.st_mtim.tv_sec * int64_t{1000000000} + status.st_mtim.tv_nsec};
+    return found;
+  };
+  const auto there = files();
   const std::string before = host.Dump();
   const std::string log = host.daemon.Log();
   const Outcome second = StartAnother();
@@ -374,6 +390,7 @@ TEST(SecondStart, TouchesNothingAndSaysWhoRuns) {
                                          " already runs with the registry directory " +
                                          PathOf("host") + "\n");
   EXPECT_EQ(host.Dump(), before);
+  EXPECT_EQ(files(), there);
   EXPECT_EQ(host.daemon.Log(), log);
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
   ASSERT_TRUE(host.daemon.Poll());

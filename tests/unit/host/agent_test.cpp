@@ -204,6 +204,10 @@ TEST_F(Agent, AFailingGroupEndsStartUp) {
 TEST_F(Agent, HardwareInfoThatCannotBeBuiltFailsStartUp) {
   rec::Fail("create_obj", "host/hwinfo");
   EXPECT_EQ(Start({"-i"}), -1);
+  const std::vector<std::string> messages = rec::Messages();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(),
+            "vexhostd: Start-up failed: the hardware-info group could not be built\n");
 }
 
 TEST_F(Agent, TheWatchdogRunsOnlyWithItsOption) {
@@ -241,6 +245,21 @@ TEST_F(Agent, PollsInOrderBetweenTheAlarms) {
   EXPECT_LT(Place("log_data", "host/cpu.0"), Place("log_data", "host/filesys.0"));
   EXPECT_LT(Place("log_data", "host/filesys.0"), Place("log_data", "host/memory"));
   EXPECT_EQ(rec::Count("log_data", "host/hwinfo"), 0);
+}
+
+TEST_F(Agent, AGroupOfDetailsThatFailsIsALineAndHoldsUpNoOther) {
+  rec::Fail("create_obj", "host/load");
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Messages().back(), "vexhostd: The load group failed, and is not refreshed\n");
+  rec::ForgetEvents();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+  EXPECT_EQ(rec::Count("log_data", "host/agent"), 1);
+  rec::StopFailing();
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{"vexhostd: All groups of details are refreshed again\n"});
 }
 
 TEST_F(Agent, AFailingCollectorEndsTheRefreshAndNotTheAgent) {

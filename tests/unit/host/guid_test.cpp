@@ -240,6 +240,36 @@ TEST_F(GuidTest, ReadsTheFileAgainWhenThatFailed) {
   EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhoguid.dat"});
 }
 
+// Whether a second name may be used is a question about the directory, which may fail as well.
+TEST_F(GuidTest, ReadsAFileWithASecondNameAgainWhenThatFailed) {
+  rec::PutFile(kFile, kSixteen);
+  rec::PutFile("/etc/copy", "");
+  const std::string copy = rec::RealPath("/etc/copy");
+  std::filesystem::remove(copy);
+  std::filesystem::create_hard_link(rec::RealPath(kFile), copy);
+  for (const char *name : {kFile, REGISTRY_ROOT}) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO, EACCES}) {
+      SCOPED_TRACE(std::string(name) + " " + strerror(error));
+      rec::StopFailing();
+      rec::Fail("fstat", name, 1, error);
+      rec::ForgetEvents();
+      EXPECT_EQ(Obtain().octets, kSixteen);
+      EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kKept}));
+    }
+  }
+}
+
+// The next start reads it.
+TEST_F(GuidTest, AFileThatCannotBeReadWhileTheAgentEndsStays) {
+  rec::PutFile(kFile, kSixteen);
+  rec::Fail("read", kFile);
+  rec::Fail("agent_ending");
+  Obtain();
+  rec::StopFailing();
+  EXPECT_EQ(rec::ReadFile(kFile), kSixteen);
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhoguid.dat"});
+}
+
 TEST_F(GuidTest, AFileThatCannotBeReadAtAllStaysBesideItsSuccessor) {
   for (int i = 1; i <= 7; i++) {
     rec::PutFile(kFile, "manager's " + std::to_string(i) + ".......");

@@ -492,6 +492,28 @@ TEST_F(Info, ASetThatCannotOpenItsFileSucceedsQuietly) {
   EXPECT_TRUE(rec::Messages().empty());
 }
 
+// Noerror without the value is for what stays so.
+TEST_F(Info, ASetWhoseFileCannotBeOpenedForAMomentIsKept) {
+  for (const bool there : {true, false}) {
+    for (const char *call : {"open_dir", "openat"}) {
+      for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO}) {
+        SCOPED_TRACE(std::string(call) + " " + strerror(error));
+        InOneLife([&] {
+          std::filesystem::remove(rec::RealPath(kRoleFile));
+          if (there) {
+            rec::PutFile(kRoleFile, "old");
+          }
+          ASSERT_EQ(do_info(), 0);
+          rec::Fail(call, std::string(call) == "open_dir" ? "*" : kRoleFile, 1, error);
+          EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+          EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+          EXPECT_TRUE(rec::Messages().empty());
+        });
+      }
+    }
+  }
+}
+
 TEST_F(Info, ASetThatCannotWriteItsFileFails) {
   rec::PutFile(kRoleFile, "old");
   rec::PutFile(kDetailFile, "old");
@@ -539,8 +561,9 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
     for (const int error : {EIO, ENOSPC, EACCES, EMFILE}) {
       SCOPED_TRACE(std::string(call) + " " + name + " " + strerror(error));
       rec::StopFailing();
-      rec::Fail(call, name, 1, error);
+      rec::Fail(call, name, quiet ? 0 : 1, error);
       EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), quiet ? 0 : -1);
+      rec::StopFailing();
       EXPECT_EQ(rec::ReadFile(kRoleFile), "old");
       EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
       ASSERT_EQ(do_info(), 0);

@@ -18,6 +18,7 @@
 #include "framework/process/commands.h"
 #include "framework/process/log.h"
 #include "platform/framework.h"
+#include "tests/support/failing_new.h"
 #include "tests/unit/framework/temp_registry.h"
 
 namespace vex {
@@ -234,6 +235,23 @@ TEST_F(MachineFiles, ABrokenApplianceFileIsAbsent) {
               EXPECT_EQ(get_appliance_data("ProductID"), nullptr);
             }),
             "exampled: " + broken + ": line 2 is broken, file not used\n");
+}
+
+// What the machine is is asked once a process.
+TEST_F(MachineFiles, OneFailedAllocationChangesNoIdentity) {
+  File("box", "ProductID=4711\nProductName=\"An example box with a long name\"\nOsName=ExOS\n");
+  File("release", "NAME=\"An example distribution, long\"\nVERSION_ID=12\n");
+  UseOsReleaseFiles(Path("release"), Path("none"));
+  bool failed = true;
+  for (int n = 1; failed; n++) {
+    SCOPED_TRACE(n);
+    UseApplianceFile(Path("box"));
+    distroid_exit();
+    failed = FailAllocation(n, [] { EXPECT_EQ(is_appliance(), 1); });
+    EXPECT_STREQ(static_cast<const char *>(get_appliance_data("OsName")), "ExOS");
+    failed |= FailAllocation(n, [] { EXPECT_EQ(distroid_init(), 0); });
+    EXPECT_STREQ(distroid_name(), "An example distribution, long");
+  }
 }
 
 TEST_F(MachineFiles, AProductIdThatIsNoNumberLosesThatKeyAlone) {

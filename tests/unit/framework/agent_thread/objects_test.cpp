@@ -12,50 +12,19 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <new>
 
 #include "framework/process/log.h"
 #include "framework/registry/claim.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_file.h"
+#include "tests/support/failing_new.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"
 #include "tests/unit/framework/temp_registry.h"
-
-namespace {
-
-// The allocation by new that fails: counted down, none at 0.
-int allocations_left;
-
-}  // namespace
-
-void *operator new(size_t size) {
-  void *memory = allocations_left > 0 && --allocations_left == 0 ? nullptr : malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-void operator delete(void *memory) noexcept {
-  free(memory);
-}
-void operator delete(void *memory, size_t) noexcept {
-  free(memory);
-}
 
 namespace vex {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Lets the n-th allocation fail. False when there were not so many.
-template <typename Function>
-bool FailAllocation(int n, Function function) {
-  allocations_left = n;
-  function();
-  const bool failed = allocations_left == 0;
-  allocations_left = 0;
-  return failed;
-}
 
 #pragma pack(push, 1)
 struct Block {
