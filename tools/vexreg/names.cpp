@@ -227,7 +227,7 @@ std::string OtherName(std::string_view given, const std::vector<std::string> &ob
   for (const std::string_view form :
        {given, given.substr(0, given.size() - (given.ends_with('s') ? 1 : 0))}) {
     for (const auto &[word, group] : kOtherNames) {
-      const std::string name = own + std::string(group);
+      std::string name = own + std::string(group);
       if (form == word && std::any_of(objects.begin(), objects.end(), [&](const std::string &each) {
             return GroupOf(each) == name;
           })) {
@@ -294,7 +294,7 @@ std::string NearestName(std::string_view said, const std::vector<std::string> &o
       return "'" + std::string(given) + "/*'";
     }
   }
-  if (const std::string other = OtherName(given, objects); !other.empty()) {
+  if (std::string other = OtherName(given, objects); !other.empty()) {
     return other;
   }
   Nearest nearest(given);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "platform/framework.h"
+#include "tools/vexreg/live_columns.h"
 #include "tools/vexreg/live_data.h"
 #include "tools/vexreg/values.h"
 #include "tools/vexreg/words.h"
