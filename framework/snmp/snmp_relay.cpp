@@ -33,7 +33,7 @@ constexpr milliseconds kLastNotifications{300};
 constexpr milliseconds kLastAnswers{450};  // with the process's goodbye
 static_assert(kLastNotifications + kProcessGoodbye <= kLastAnswers);
 // A process that says nothing is asked whether it lives, and has as long to answer.
-constexpr seconds kSilence{5};
+constexpr seconds kSilence{10};
 // The process is told of so much that waits for it in the ring, where nobody asks for it.
 constexpr size_t kMuchUnread = size_t{256} << 10;
 // At one go, while the agent thread may wait to publish.
