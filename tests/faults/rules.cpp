@@ -38,13 +38,20 @@ const std::vector<Exception> &Exceptions() {
        ".*)|"
        "walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.7\\.1\\.1\\.(index|\\d+ = STRING: "
        "\"Servala "
-       "KX770 R7 .*))",
+       "KX770 R7 .*)|kept host/fwkind\\.|object host/fwkind\\.(index| tlxHoFwKindName = Servala "
+       "KX770 R7 .*)"
+       "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.200\\.7\\.1\\.1\\.(index|\\d+ = STRING: "
+       "\"Servala KX770 R7 .*))",
        "a controller that has not answered for the programmable logic is not asked for it again"},
       {"", "",
        "- (kept host/swver\\.|object host/swver\\.(index| tlxHoSwVerName = "
        "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*)|walk "
        "\\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.6\\.1\\.1\\.(index|\\d+ = "
-       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*))",
+       "STRING: \"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*)"
+       "|kept host/swkind\\.|object host/swkind\\.(index| tlxHoSwKindName = "
+       "(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR) .*)"
+       "|walk \\.1\\.3\\.6\\.1\\.4\\.1\\.4891\\.11\\.2\\.200\\.6\\.1\\.1\\.(index|\\d+ = STRING: "
+       "\"(CONFIG|SYSTEMROMKIT|DIAGS|DISKDR)\" .*))",
        "the first row of a utility that cannot be made, which the log says, is the last one tried"},
       {"", "pipe2", "- fd pipe",
        "the SNMP library goes without the pipe that it makes for itself, which nothing of ours "

@@ -198,8 +198,8 @@ std::string BashScript(const CLI::App &app) {
 
 // ---- zsh --------------------------------------------------------------------------------------
 
-// A specification of _arguments.
-std::string ZshSpecification(const Option &option) {
+// An option as _arguments takes it.
+std::string ZshOption(const Option &option) {
   std::string text = option.name + "[" + option.description + "]";
   if (option.value == "DIR") {
     text += ":directory:_files -/";
@@ -220,7 +220,7 @@ std::string ZshScript(const CLI::App &app) {
     described += "    " + Quoted(command.name + ":" + command.description) + "\n";
     cases += "      " + command.name + ")\n        _arguments";
     for (const Option &option : command.options) {
-      cases += " \\\n          " + ZshSpecification(option);
+      cases += " \\\n          " + ZshOption(option);
     }
     if (command.objects) {
       cases += " \\\n          '*:object:_vexreg_objects'";
@@ -232,7 +232,7 @@ std::string ZshScript(const CLI::App &app) {
   }
   std::string general;
   for (const Option &option : OptionsOf(app)) {
-    general += " \\\n    " + ZshSpecification(option);
+    general += " \\\n    " + ZshOption(option);
   }
   return "#compdef vexreg\n"
          "# Completion of vexreg for zsh, generated from the command.\n"
