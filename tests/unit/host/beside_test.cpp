@@ -2,6 +2,7 @@
 #include "detail/beside.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <cstring>
 #include <string>
@@ -26,6 +27,9 @@ struct Block {
 
 class Beside : public testing::Test {
  protected:
+  ~Beside() override {
+    free(table_.rows);  // which the agent's last as long as it does
+  }
   // A pass that puts these rows, and keeps one when its number is not negative.
   void Pass(const std::vector<std::pair<int, const char *>> &rows, int kept = -1) {
     begin_beside(&table_);
