@@ -201,17 +201,22 @@ SnmpStarter::~SnmpStarter() {
   End();
 }
 
-bool SnmpStarter::Possible() {
+bool SnmpStarter::Possible(bool *possible) {
   DIR *tasks = opendir("/proc/self/task");
   if (tasks == nullptr) {
-    return false;
+    *possible = false;
+    return errno == ENOENT;  // without a /proc nobody can tell
   }
   int threads = 0;
+  errno = 0;
   while (const dirent *entry = readdir(tasks)) {
     threads += entry->d_name[0] != '.' ? 1 : 0;
   }
+  const int error = errno;
   closedir(tasks);
-  return threads >= 1 && threads <= 1 + kSanitizersThreads;
+  errno = error;
+  *possible = threads >= 1 && threads <= 1 + kSanitizersThreads;
+  return error == 0;
 }
 
 bool SnmpStarter::Start(const std::string &application, bool behind, const SnmpUser &user) {

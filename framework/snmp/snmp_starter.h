@@ -23,8 +23,9 @@ class SnmpStarter {
   SnmpStarter(const SnmpStarter &) = delete;
   SnmpStarter &operator=(const SnmpStarter &) = delete;
 
-  // Whether this process may fork such a process: it has one thread.
-  static bool Possible();
+  // Tells whether this process may fork such a process: it has one thread. False with errno when
+  // that cannot be told.
+  static bool Possible(bool *possible);
   // False with errno. Throws std::bad_alloc.
   bool Start(const std::string &application, bool behind, const SnmpUser &user);
   FrameSocket *Channel() {

@@ -326,14 +326,16 @@ void TakeImagesBack() {
 bool StartProcess(Starting *starting) {
   std::optional<SnmpUser> user;
   std::string why;
+  bool possible = false;
   if (geteuid() != 0) {
     why = "it is not root's";
-  } else if (!FindSnmpUser(&user)) {
+  } else if (!FindSnmpUser(&user) || (user && !SnmpStarter::Possible(&possible))) {
+    // What passes is no reason to run on with more rights.
     Fail(kCannotStart, strerror(errno));
     return false;
   } else if (!user) {
     why = std::string("there is no user ") + kSnmpUser;
-  } else if (!SnmpStarter::Possible()) {
+  } else if (!possible) {
     why = "the agent has threads";
   } else {
     auto relay = std::make_unique<SnmpRelay>();

@@ -31,6 +31,7 @@
 #include "framework/snmp/snmp_config.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
+#include "tests/unit/framework/made_image.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // What net-snmp never releases, once for each start.
@@ -98,26 +99,6 @@ Binding NumberBinding(const char *variable, int32_t number) {
   binding.name = NameOf(variable);
   binding.integer = number;
   return binding;
-}
-
-// An object with the given variables in slot order.
-std::shared_ptr<Image> MakeImage(uint64_t id, uint32_t instance,
-                                 const std::vector<const char *> &variables) {
-  auto layout = std::make_shared<Layout>();
-  auto image = std::make_shared<Image>();
-  int slot = 0;
-  for (const char *name : variables) {
-    const MibVariable &mib = Mib(name);
-    int size = mib.type == VAR_INTEGER ? 4 : mib.max_length + (mib.type == VAR_DISPLAY_STRING);
-    layout->variables.push_back({&mib, slot++, size, static_cast<uint32_t>(image->data.size()),
-                                 mib.type, mib.access == MibAccess::kReadWrite});
-    image->data.resize(image->data.size() + static_cast<size_t>(size));
-    image->octet_lengths.push_back(0);
-  }
-  image->layout = layout;
-  image->object_id = id;
-  image->instance = instance;
-  return image;
 }
 
 void Store(Image *image, int slot, const void *value, size_t length) {

@@ -4,13 +4,17 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <random>
 
 #include "framework/snmp/image_ring.h"
+#include "framework/snmp/snmp_starter.h"
 #include "platform/framework.h"
+#include "tests/unit/framework/made_image.h"
 
 namespace vex::snmp_wire_test {
 namespace {
@@ -19,25 +23,6 @@ constexpr char kNumber[] = "tlxHoOsCommonPollFreq";
 constexpr char kText[] = "tlxHoSystemRole";
 constexpr char kReadOnly[] = "tlxHoSwVerNextIndex";
 constexpr char kColumn[] = "tlxHoSwVerName";
-
-std::shared_ptr<Image> MakeImage(uint64_t id, uint32_t instance,
-                                 const std::vector<const char *> &variables) {
-  auto layout = std::make_shared<Layout>();
-  auto image = std::make_shared<Image>();
-  for (const char *name : variables) {
-    const MibVariable &mib = *FindMibVariable(name);
-    const int size = mib.type == VAR_INTEGER ? 4 : mib.max_length + 1;
-    layout->variables.push_back({&mib, static_cast<int>(layout->variables.size()), size,
-                                 static_cast<uint32_t>(image->data.size()), mib.type,
-                                 mib.access == MibAccess::kReadWrite});
-    image->data.resize(image->data.size() + static_cast<size_t>(size));
-    image->octet_lengths.push_back(0);
-  }
-  image->layout = layout;
-  image->object_id = id;
-  image->instance = instance;
-  return image;
-}
 
 // What takes one kind of frame.
 template <typename Value>
@@ -74,6 +59,22 @@ std::vector<SetItem> SomeItems() {
 }
 
 }  // namespace
+
+// One call that fails for a moment must not be taken for a reason to stay one process.
+TEST(SnmpStarter, TellsWhatItCannotTellFromThreads) {
+  bool possible = false;
+  ASSERT_TRUE(SnmpStarter::Possible(&possible));
+  EXPECT_TRUE(possible);
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const bool told = SnmpStarter::Possible(&possible);
+  const int error = errno;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_FALSE(told);
+  EXPECT_EQ(error, EMFILE);
+}
 
 TEST(SnmpWire, NotificationsComeThroughWhole) {
   FrameWriter frame(FrameType::kNotify);
