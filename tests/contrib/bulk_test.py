@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""snmpd with contrib/net-snmp's patch answers as Debian's does, whatever it is asked and whoever is behind it.
+"""snmpd with contrib/net-snmp's patch answers as Debian's does, whatever it is asked and whoever is behind.
 
 usage: bulk_test.py [TestClass[.test]]
 """

@@ -1,4 +1,4 @@
-"""A small AgentX subagent (RFC 2741) that answers a GetBulk rightly, or wrongly in the ways that there are."""
+"""A small AgentX subagent (RFC 2741) that answers a GetBulk rightly, or wrongly in any way there is."""
 
 import bisect
 import socket
