@@ -71,19 +71,18 @@ class Masters(unittest.TestCase):
                  # One row of all columns.
                  f"excluded .{dotted(column[0])}.9 " + cls.mask(column[0]),
                  f"excluded .{dotted(AFTER)}.1.2"]
+        served = f"included .{dotted(masters.SERVED)}"
         views = {
-            "public": [],
-            "holes": holes,
-            "row": [f"excluded .{dotted(masters.SERVED)}",
-                    f"included .{dotted(column[0])}.200 " + cls.mask(column[0])],
-            "column": [f"excluded .{dotted(masters.SERVED)}", f"included .{dotted(column[-1])}"],
-            "others": [f"excluded .{dotted(masters.SERVED)}"],
+            "public": [served],
+            "holes": [served, *holes],
+            "row": [f"included .{dotted(column[0])}.200 " + cls.mask(column[0])],
+            "column": [f"included .{dotted(column[-1])}"],
+            "others": [],
         }
         everything = ["included .1.3.6.1.2.1.1", "excluded .1.3.6.1.2.1.1.3",
                       "excluded .1.3.6.1.2.1.1.8", "excluded .1.3.6.1.2.1.1.9",
                       "included .1.3.6.1.6.3.16", "included .1.3.6.1.4.1.4890",
-                      "included .1.3.6.1.4.1.4891", "included .1.3.6.1.4.1.4892",
-                      f"included .{dotted(EXTENDED)}"]
+                      "included .1.3.6.1.4.1.4892", f"included .{dotted(EXTENDED)}"]
         text = ""
         for name, rules in views.items():
             text += "".join(f"view {name} {rule}\n" for rule in everything + rules)

@@ -21,7 +21,7 @@ MOODS = (
     "few",          # two repetitions and a half
     "too few",      # not even one
     "too many",     # one variable more than asked for
-    "unordered",    # later repetitions come first
+    "goes back",    # the third repetition is the first once more
     "unscoped",     # goes on after the end of the range
     "ends",         # says that there is nothing after the first repetition
 )
@@ -145,8 +145,8 @@ class Subagent(threading.Thread):
             found = [self.following(*one) for one in ranges]
         elif kind == BULK:
             first, rounds = self.bulk(ranges, once, repetitions)
-            if mood == "unordered" and len(rounds) > 3:
-                rounds[1], rounds[2] = rounds[2], rounds[1]
+            if mood == "goes back" and len(rounds) > 3:
+                rounds[2] = rounds[0]
             elif mood == "ends":
                 rounds[1:] = [[(END, name, 0) for _, name, _ in rounds[0]]] * (len(rounds) - 1)
             found = first + [variable for row in rounds for variable in row]
