@@ -18,6 +18,8 @@ from subagent import MOODS, Subagent
 EXTENDS = 12
 EXTENDED = (1, 3, 6, 1, 4, 1, 8072)
 BEFORE, AFTER = (1, 3, 6, 1, 4, 1, 4890, 1), (1, 3, 6, 1, 4, 1, 4892, 1)
+# Views that hide all of a region or nothing.
+WHOLE = ("public", "others")
 ASKED = int(os.environ.get("VEX_QUESTIONS", "400"))
 
 
@@ -138,6 +140,10 @@ class Masters(unittest.TestCase):
                         "who": (("u" if version == V3 else "") + view).encode()}
             if kind == BULK:
                 question["once"] = pick.choice((0, 0, 0, 1, 2, len(asked), len(asked) + 3))
+                if view not in WHOLE:
+                    # Where a view hides the last repetition of a column, net-snmp 5.9.3 goes on in the next
+                    # one, and may never answer: no column but the last is repeated.
+                    question["once"] = max(question["once"], len(asked) - 1)
                 question["repetitions"] = pick.choice((0, 1, 2, 3, 10, 10, 25, 50, 100, 1000, 70000,
                                                        2147483647, pick.randrange(1, 120)))
             found.append(question)
@@ -148,6 +154,9 @@ class Masters(unittest.TestCase):
 
     def assert_same(self, questions, expected, found):
         self.assertEqual(len(expected), len(found))
+        # What comes with an error counts for nothing: the question, or what net-snmp had found until then.
+        expected, found = ([one[:3] + (b"",) if one and one[1] else one for one in answers]
+                           for answers in (expected, found))
         told = [f"{question}\nstock   {self.shown(one)}\npatched {self.shown(other)}"
                 for question, one, other in zip(questions, expected, found) if one != other]
         self.assertFalse(told, f"{len(told)} of {len(questions)} answers differ:\n" + "\n".join(told[:3]))
