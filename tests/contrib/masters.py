@@ -175,15 +175,15 @@ class Manager:
         return None
 
     def walk(self):
-        """All names that there are, by GETNEXT."""
-        names, name = [], (1, 3)
+        """All names that there are."""
+        names = [(1, 3)]
         while True:
-            _, status, _, variables = self.ask(NEXT, [name])
-            (_, content), (value, _) = fields(fields(variables)[0][1])
-            if status or value == 0x82:
-                return names
-            name = oid_of(content)
-            names.append(name)
+            _, status, _, variables = self.ask(BULK, names[-1:], repetitions=50)
+            for _, variable in fields(variables):
+                (_, content), (value, _) = fields(variable)
+                if status or value == 0x82:
+                    return names[1:]
+                names.append(oid_of(content))
 
 
 def names_of(variables):
@@ -251,7 +251,9 @@ class Host:
                 raise AssertionError(f"snmpd ended with {self.master.returncode}:\n{self.log('snmpd')}")
             self.master = None
 
-    def serves(self, prefix):
-        answer = self.manager.ask(NEXT, [prefix], seconds=1)
+    def serves(self, name, prefix=()):
+        """Whether what follows the name stands below the prefix, or else below the name."""
+        prefix = prefix or name
+        answer = self.manager.ask(NEXT, [name], seconds=1)
         return answer is not None and answer[1] == 0 and \
             names_of(answer[3])[0][:len(prefix)] == prefix
