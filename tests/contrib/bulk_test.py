@@ -195,12 +195,12 @@ class Answers(Masters):
         self.assertGreater(sum(one is not None and one[1] == 0 for one in before), 50)
 
     def test_any_question(self):
-        self.assertGreater(self.compare(self.questions(2, ASKED)), 10)
+        self.assertGreater(self.compare(self.questions(2, ASKED)), ASKED // 40)
 
     def test_long_answers(self):
         """More repetitions than a subagent, or an answer, holds."""
         self.assertGreater(self.compare(self.questions(3, ASKED // 4),
-                                        "maxGetbulkResponses 20000\nmaxGetbulkRepeats 0\n"), 5)
+                                        "maxGetbulkResponses 20000\nmaxGetbulkRepeats 0\n"), 0)
 
     def test_short_messages(self):
         """Answers that are cut. Not of version 3: net-snmp 5.9.3 may cut such a one without an end."""
