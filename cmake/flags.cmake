@@ -104,3 +104,12 @@ if(VEX_FUZZ)
     -O1 -g1)
   add_link_options(-fsanitize=address,undefined)
 endif()
+if(VEX_COVERAGE)
+  # Counted in files that are mapped (%c), where counts outlive _exit and signals, one a program or
+  # library (%m); their place is compiled in, for not every environment reaches the agent. Atomically:
+  # threads and processes share them, and a branch's count may be a difference of two.
+  set(profile -fprofile-instr-generate=${CMAKE_BINARY_DIR}/profile/%m%c.profraw)
+  add_compile_options(${profile} -fcoverage-mapping -fprofile-update=atomic
+    "SHELL:-mllvm -runtime-counter-relocation")
+  add_link_options(${profile})
+endif()

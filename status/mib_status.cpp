@@ -366,15 +366,11 @@ static void check(peer *p, int result) {
 }
 
 static void read_revision(peer *p) {
-  if (p->get_revision != nullptr) {
-    check(p, p->get_revision(p->revision_source, &p->major, &p->minor));
-  }
+  check(p, p->get_revision(p->revision_source, &p->major, &p->minor));
 }
 
 static void read_condition(peer *p) {
-  if (p->get_condition != nullptr) {
-    check(p, p->get_condition(p->condition_source, &p->condition));
-  }
+  check(p, p->get_condition(p->condition_source, &p->condition));
 }
 
 static unsigned char low_octet(int32_t value) {

@@ -103,7 +103,8 @@ int CheckOnly(const std::string &name, const std::string &variable, const std::s
 // ---- Failures -----------------------------------------------------------------------------
 
 // Makes calls of an operation fail as its declaration says: those whose name (see Event) matches
-// the pattern; only the n-th such call from now, or all of them when nth is 0. Works for every
+// the pattern; only the n-th such call from now, or all of them when nth is 0, or all from the n-th
+// on when nth is -n. Works for every
 // operation of platform/framework.h with a failing result, for get_ev, and for the wrapped calls
 // below; `error` is the errno of those that set one.
 void Fail(const std::string &operation, const std::string &pattern = "*", int nth = 0,
@@ -179,8 +180,9 @@ void PutSystem(const utsname &system);
 // fopen, open, opendir, access, stat, lstat, chmod, unlink, rename, glob and setmntent of a path at
 // or below one that was put here go to a private directory instead; everything else is untouched.
 // Parents are created. The path counts as taken over until the process ends. openat, read, write,
-// fstat, fchmod, fsync, renameat, renameat2 (by their target) and unlinkat go where their
-// descriptors lead; Fail() knows those files by the paths that the code under test has for them.
+// fstat, fchmod, fsync, renameat, renameat2 (by their target), unlinkat, statx, fstatat, fdopendir
+// and readdir go where their descriptors lead; Fail() knows those files by the paths that the code
+// under test has for them. calloc, realloc and fmemopen have the name "", strdup its text.
 void PutFile(const std::string &path, std::string_view contents);
 void PutDirectory(const std::string &path);
 // Nothing is there, whatever the machine has.

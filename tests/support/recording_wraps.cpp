@@ -487,4 +487,51 @@ int __wrap_uname(utsname *result) {
   return 0;
 }
 
+// Allocations of the code under test that fail when told to; it asks malloc() for nothing itself.
+void *__real_calloc(size_t count, size_t size);
+void *__wrap_calloc(size_t count, size_t size) {
+  return rec::Fails("calloc", "") ? nullptr : __real_calloc(count, size);
+}
+
+void *__real_realloc(void *memory, size_t size);
+void *__wrap_realloc(void *memory, size_t size) {
+  return rec::Fails("realloc", "") ? nullptr : __real_realloc(memory, size);
+}
+
+char *__real_strdup(const char *text);
+char *__wrap_strdup(const char *text) {
+  return rec::Fails("strdup", text) ? nullptr : __real_strdup(text);
+}
+
+FILE *__real_fmemopen(void *memory, size_t size, const char *mode);
+FILE *__wrap_fmemopen(void *memory, size_t size, const char *mode) {
+  return rec::Fails("fmemopen", "") ? nullptr : __real_fmemopen(memory, size, mode);
+}
+
+int __real_statx(int directory, const char *name, int flags, unsigned mask, struct statx *result);
+int __wrap_statx(int directory, const char *name, int flags, unsigned mask, struct statx *result) {
+  return rec::Fails("statx", PathBelow(directory, nullptr))
+             ? -1
+             : __real_statx(directory, name, flags, mask, result);
+}
+
+int __real_fstatat(int directory, const char *name, struct stat *result, int flags);
+int __wrap_fstatat(int directory, const char *name, struct stat *result, int flags) {
+  return rec::Fails("fstatat", PathBelow(directory, name))
+             ? -1
+             : __real_fstatat(directory, name, result, flags);
+}
+
+DIR *__real_fdopendir(int descriptor);
+DIR *__wrap_fdopendir(int descriptor) {
+  return rec::Fails("fdopendir", PathBelow(descriptor, nullptr)) ? nullptr
+                                                                 : __real_fdopendir(descriptor);
+}
+
+dirent *__real_readdir(DIR *directory);
+dirent *__wrap_readdir(DIR *directory) {
+  return rec::Fails("readdir", PathBelow(dirfd(directory), nullptr)) ? nullptr
+                                                                     : __real_readdir(directory);
+}
+
 }  // extern "C"

@@ -25,4 +25,17 @@ TEST(AgentState, IsMadeByAPollWhenTheStartCouldNot) {
   EXPECT_EQ(integer(4), 1);
 }
 
+TEST(AgentState, ATimeBefore1970IsNotKnown) {
+  rec::SetTime(-1000);
+  EXPECT_EQ(do_agent(), 0);
+  note_poll(-1, false);
+  EXPECT_EQ(do_agent(), 0);
+  for (const char *variable : {"tlxHoAgentStart", "tlxHoAgentLastPoll", "tlxHoAgentPollDuration"}) {
+    EXPECT_EQ(rec::Int("host/agent", variable), -1) << variable;
+  }
+  rec::SetTime(1'700'000'000);
+  EXPECT_EQ(do_agent(), 0);
+  EXPECT_EQ(rec::Int("host/agent", "tlxHoAgentStart"), 1'700'000'000);
+}
+
 }  // namespace

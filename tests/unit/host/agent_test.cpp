@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <getopt.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "tests/support/recording_framework.h"
 
@@ -306,6 +308,81 @@ TEST_F(Agent, AStartThatIsToldToEndDuringItsPauseMakesNothing) {
   EXPECT_EQ(Start({"-i"}), 0);
   EXPECT_TRUE(rec::LiveNames().empty());
   EXPECT_EQ(cleanup_agent(), 0);
+}
+
+// Wherever it is told to, from the first question whether it was on.
+TEST_F(Agent, AnEndAmidAPollIsNoFailure) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  int ended = 0;
+  for (int question = 1; ended < 2; question++) {
+    ASSERT_LT(question, 1000);
+    SCOPED_TRACE(question);
+    rec::ForgetEvents();
+    rec::Fail("agent_ending", "", -question);
+    EXPECT_EQ(get_data(), 0);
+    EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+    // The last question has been asked when the poll was whole.
+    ended += rec::Count("log_data", "host/agent") == 1 ? 1 : 0;
+    rec::StopFailing();
+  }
+}
+
+TEST_F(Agent, AGroupThatFailsAtTheEndIsNoFailure) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  rec::ForgetEvents();
+  // Between the first group's turn and its result.
+  rec::Fail("find_obj", "host/cpu.0");
+  rec::Fail("agent_ending", "", -2);
+  EXPECT_EQ(get_data(), 0);
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+}
+
+TEST_F(Agent, AGroupOfDetailsThatFailsAtTheEndIsNotSpokenOf) {
+  ASSERT_EQ(Start({"-i"}), 0);
+  for (int question = 1; question < 40; question++) {
+    SCOPED_TRACE(question);
+    rec::ForgetEvents();
+    rec::Fail("find_obj", "host/load");
+    rec::Fail("create_obj", "host/load");
+    rec::Fail("agent_ending", "", -question);
+    EXPECT_EQ(get_data(), 0);
+    const bool whole = rec::Count("log_data", "host/agent") == 1;
+    rec::StopFailing();
+    if (whole) {
+      break;
+    }
+    EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+  }
+}
+
+TEST_F(Agent, TheFirstOfTwoGroupsOfDetailsThatFailIsSpokenOf) {
+  rec::Fail("create_obj", "host/load");
+  rec::Fail("create_obj", "host/memdetail");
+  ASSERT_EQ(Start({"-i"}), 0);
+  EXPECT_EQ(rec::Messages().back(),
+            "vexhostd: The memory detail group failed, and is not refreshed\n");
+}
+
+// One start for each question whether it is to end, each in a process of its own.
+TEST_F(Agent, AnEndAmidAStartIsNoFailure) {
+  bool whole = false;
+  for (int question = 1; !whole; question++) {
+    ASSERT_LT(question, 1000);
+    const pid_t start = fork();
+    ASSERT_GE(start, 0);
+    if (start == 0) {
+      // What rpm was not asked for any more is not defined.
+      rec::AllowUndefinedSlots("host/swverag");
+      rec::Fail("agent_ending", "", -question);
+      const bool quiet = Start({"-i"}) == 0 && rec::Count("agentlog_fprintf", "*failed*") == 0;
+      _exit(!quiet ? 2 : rec::Count("log_data", "host/agent") == 1 ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(start, &status, 0), start);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_LT(WEXITSTATUS(status), 2) << question;
+    whole = WEXITSTATUS(status) == 1;
+  }
 }
 
 TEST_F(Agent, AVariableThatCouldNotBeDefinedIsByALaterPoll) {

@@ -75,4 +75,17 @@ TEST_F(Beside, ARowThatIsKeptStaysAsItIs) {
   EXPECT_EQ(rec::LiveNames(), Strings{"host/swkind.0"});
 }
 
+TEST_F(Beside, ARowWithoutMemoryIsMadeByTheNextPass) {
+  const Block block("a");
+  rec::Fail("realloc");
+  begin_beside(&table_);
+  EXPECT_EQ(put_beside(&table_, 0, &block), -1);
+  EXPECT_EQ(keep_beside(&table_, 0), -1);
+  end_beside(&table_);
+  EXPECT_EQ(rec::LiveNames(), Strings{});
+  rec::StopFailing();
+  Pass({{0, "a"}});
+  EXPECT_EQ(rec::LiveNames(), Strings{"host/swkind.0"});
+}
+
 }  // namespace

@@ -402,6 +402,16 @@ TEST(Cpu, ASampleThatWasBrokenOffLeavesTheValues) {
   EXPECT_EQ(rec::Int(Row(1), kMinute), 33);
 }
 
+TEST(Cpu, FailsWithoutMemoryForItsSamples) {
+  Stat({{1, 0, 0, 1}, {1, 0, 0, 1}});
+  for (const int nth : {1, 2}) {
+    rec::Fail("calloc", "", nth, ENOMEM);
+    EXPECT_EQ(do_cpu(), -1);
+    rec::StopFailing();
+  }
+  EXPECT_TRUE(rec::LiveNames().empty());
+}
+
 TEST(Cpu, FailsWhenARowCannotBeCreated) {
   Stat({{10, 0, 0, 90}, {10, 0, 0, 90}});
   rec::Fail("create_obj", Row(1));

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <tuple>
 
 #include "common/sources.h"
 #include "tests/support/recording_framework.h"
@@ -378,6 +379,53 @@ TEST_F(FileSystemsDeath, InTheVolumeScan) {
   ExpectEnd("/vmfs/volumes/v");
 }
 
+TEST_F(FileSystemsDeath, WithoutMemoryForARow) {
+  Simple({"/a"});
+  for (const auto &[call, name, nth] :
+       {std::tuple("calloc", "", 0), std::tuple("strdup", "/a", 0), std::tuple("realloc", "", 5)}) {
+    SCOPED_TRACE(call);
+    // The fifth is for the table of rows; the mount table has had the others.
+    rec::Fail(call, name, nth, ENOMEM);
+    ExpectEnd("/a");
+    rec::StopFailing();
+  }
+}
+
+// ---- Without memory for the mount table ---------------------------------------------------------
+
+class MountTableWithoutMemory : public FileSystems, public testing::WithParamInterface<int> {};
+
+// It has four pieces of memory, each asked for once: the table is read again.
+TEST_P(MountTableWithoutMemory, IsReadAgain) {
+  Simple({"/a", "/b"});
+  rec::Fail("realloc", "", GetParam(), ENOMEM);
+  ASSERT_EQ(do_filesys(), 0);
+  EXPECT_EQ(Descriptions(),
+            (std::vector<std::string>{Row(0) + ": /dev/x on /a", Row(1) + ": /dev/x on /b"}));
+  EXPECT_TRUE(rec::Messages().empty());
+}
+INSTANTIATE_TEST_SUITE_P(Each, MountTableWithoutMemory, testing::Range(1, 5));
+
+TEST_F(FileSystems, AMountTableWithoutAnyMemoryLeavesTheRows) {
+  Simple({"/a"});
+  do_filesys();
+  // More than there was room for.
+  std::vector<std::string> many;
+  for (int i = 0; i < 100; i++) {
+    many.push_back("/m" + std::to_string(i));
+  }
+  Simple(many);
+  rec::Fail("realloc", "", 0, ENOMEM);
+  EXPECT_EQ(do_filesys(), -1);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{
+                "vexhostd: Can't read the file /etc/mnttab, error 12  (PEER3034)\n"});
+  EXPECT_EQ(Descriptions(), std::vector<std::string>{Row(0) + ": /dev/x on /a"});
+  rec::StopFailing();
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::LiveNames().size(), 100U);
+}
+
 // ---- VMware
 // ---------------------------------------------------------------------------------------
 
@@ -436,6 +484,22 @@ TEST_F(VMware, ACommandThatCannotBeStartedIsPassedOver) {
   rec::Fail("run_command");
   ASSERT_EQ(do_filesys(), 0);
   EXPECT_TRUE(rec::LiveNames().empty());
+}
+
+TEST_F(VMware, OutputThatThereIsNoMemoryForIsReadByTheNextScan) {
+  rec::PutFile("/vmfs/a:1", "");
+  rec::PutCommand(Scan("a:1"), "Capacity 1048576, 524288\n");
+  rec::PutDirectory("/vmfs/volumes");
+  rec::PutCommand(kVdf, "/dev/v 1024 512 512 50% /vmfs/volumes/v\n");
+  rec::Fail("fmemopen", "", 0, ENOMEM);
+  ASSERT_EQ(do_filesys(), 0);
+  EXPECT_TRUE(rec::LiveNames().empty());
+  rec::StopFailing();
+  for (int pass = 2; pass <= 21; pass++) {
+    ASSERT_EQ(do_filesys(), 0);
+  }
+  EXPECT_EQ(Descriptions(), (std::vector<std::string>{Row(0) + ": vmfs on /vmfs/a:1",
+                                                      Row(1) + ": /dev/v on /vmfs/volumes/v"}));
 }
 
 TEST_F(VMware, ARowThatIsNotPublishedIsByTheNextScan) {

@@ -1,7 +1,10 @@
 // The firmware table, its pass and its collectors over the recording framework.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <string>
@@ -292,6 +295,26 @@ TEST_F(Firmware, ReportsARowThatCannotBeInserted) {
   EXPECT_EQ(rec::Publications(Row(0)), 1);
 }
 
+TEST_F(Firmware, ARowWithoutMemoryIsMadeByTheNextPass) {
+  Strings devices;
+  for (const char *call : {"realloc", "calloc", "strdup"}) {
+    SCOPED_TRACE(call);
+    const auto device = std::to_string(devices.size());
+    // The second pass makes the PowerPIC's row.
+    const int row = devices.empty() ? 0 : static_cast<int>(devices.size()) + 1;
+    devices.push_back(ScsiDevice(static_cast<int>(devices.size())));
+    PutScsi(devices);
+    rec::Fail(call, "*", 0, ENOMEM);
+    ASSERT_EQ(do_fwver(), 0);
+    EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: /proc/scsi/scsi" +
+                                       (device == "0" ? "" : device) + "  (PEER3023)\n"});
+    rec::StopFailing();
+    rec::ForgetEvents();
+    ASSERT_EQ(do_fwver(), 0);
+    EXPECT_EQ(Location(row), "scsi0(00:0" + device + ":00)");
+  }
+}
+
 TEST_F(Firmware, ARowWhoseDeletionFailsIsDropped) {
   PutScsi({ScsiDevice(0), ScsiDevice(1)});
   ASSERT_EQ(do_fwver(), 0);
@@ -437,6 +460,30 @@ TEST_F(Firmware, PowerPicFromFirmwareVersions) {
   rec::PutSmbios(kEntry);
   rec::SetController(TLXCI_NONE);
   EXPECT_STREQ(CollectFixed(collect_powerpic)->record.version, "3.4");
+}
+
+// Records are numbered with 16 bits.
+TEST_F(Firmware, PowerPicOfTheLastRecordThatHasANumber) {
+  for (const int before : {0xFFFF, 0x10000}) {
+    SCOPED_TRACE(before);
+    // Records of another kind, without strings.
+    std::string tables = "entry 3.2\nraw ";
+    for (int i = 0; i < before; i++) {
+      tables += "d8080000010000000000";
+    }
+    tables += "\n216: w=4 01 02 \"PowerPIC-Key\" \"3.4\"\n";
+    // The tables are loaded once a process.
+    const pid_t life = fork();
+    ASSERT_GE(life, 0);
+    if (life == 0) {
+      PutLoadedSmbios(tables);
+      const bool found = CollectFixed(collect_powerpic)->result == 0;
+      _exit(found == (before == 0xFFFF) ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(life, &status, 0), life);
+    EXPECT_EQ(status, 0);
+  }
 }
 
 TEST_F(Firmware, PowerPicWithLongTexts) {

@@ -561,6 +561,40 @@ TEST_F(Info, ASetOfWhichOneStepFailsChangesNothing) {
                 begins, "vexhostd: " + std::string(kRoleFile) + " can be replaced again\n"}));
 }
 
+TEST_F(Info, ASignalDuringAStepOfASetChangesNothing) {
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(), 0);
+  for (const char *call : {"write", "fsync"}) {
+    SCOPED_TRACE(call);
+    rec::Fail(call, "*.new", 1, EINTR);
+    EXPECT_EQ(rec::Set(kObject, kRole, std::string(call)), 0);
+    EXPECT_EQ(rec::ReadFile(kRoleFile), call);
+    rec::StopFailing();
+  }
+  // One that ends the agent is not waited out.
+  rec::Fail("fsync", "*.new", 0, EINTR);
+  rec::Fail("agent_ending");
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("late")), -1);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "fsync");
+}
+
+// Where it has a second name, who may write in its directory counts.
+TEST_F(Info, ASecondNameInADirectoryThatCannotBeAskedIsNotUsedYet) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutFile("/etc/copy", "");
+  const std::string copy = rec::RealPath("/etc/copy");
+  std::filesystem::remove(copy);
+  std::filesystem::create_hard_link(rec::RealPath(kRoleFile), copy);
+  rec::Fail("fstat", REGISTRY_ROOT);
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "");
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "role");
+  rec::StopFailing();
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "role");
+}
+
 TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
   ASSERT_EQ(do_info(), 0);
   const std::string root = REGISTRY_ROOT;
@@ -730,6 +764,79 @@ TEST_F(Info, ASetCountsMoreThanWhatTheStartCouldNotRead) {
   rec::StopFailing();
   ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "new");
+}
+
+// ---- A root that is another one ----------------------------------------------------------------
+
+// The registry's root as somebody makes it anew: empty, and with another birth.
+void MakeTheRootAnew() {
+  rec::PutNothing(REGISTRY_ROOT);
+  rec::PutDirectory(REGISTRY_ROOT);
+}
+
+constexpr char kOtherRoot[] = ": the registry's root was another one\n";
+
+TEST_F(Info, RolesAreWrittenAgainIntoANewRoot) {
+  rec::PutFile(kRoleFile, "role");
+  ASSERT_EQ(do_info(), 0);
+  // While there is none, or it cannot be looked at, the next poll tries again.
+  rec::PutNothing(REGISTRY_ROOT);
+  ASSERT_EQ(do_info(), 0);
+  rec::Fail("create_dir");
+  ASSERT_EQ(do_info(), 0);
+  rec::StopFailing();
+  MakeTheRootAnew();
+  const std::pair<const char *, int> failures[] = {
+      {"open_dir", EMFILE}, {"statx", EIO}, {"fstatat", EIO}, {"renameat", EIO}};
+  for (const auto &[call, error] : failures) {
+    SCOPED_TRACE(call);
+    rec::Fail(call, "*", 0, error);
+    ASSERT_EQ(do_info(), 0);
+    EXPECT_EQ(Entries(), std::vector<std::string>{});
+    rec::StopFailing();
+  }
+  rec::ForgetEvents();
+  ASSERT_EQ(do_info(), 0);
+  // The other text was never one that a manager had set.
+  EXPECT_EQ(Entries(), std::vector<std::string>{"tlxhosystemrole.dat"});
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "role");
+  EXPECT_EQ(rec::Messages().back(),
+            "vexhostd: " + std::string(kRoleFile) + " was written again" + kOtherRoot);
+  rec::ForgetEvents();
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+TEST_F(Info, AFileInANewRootIsLeftAndSpokenOf) {
+  rec::PutFile(kRoleFile, "role");
+  ASSERT_EQ(do_info(), 0);
+  const std::string differs =
+      "vexhostd: " + std::string(kRoleFile) +
+      " has another value than the one that is served; the next start takes "
+      "it" +
+      kOtherRoot;
+  // Its text, what is said of it, and a call that fails meanwhile.
+  const struct {
+    std::string text;
+    bool spoken_of;
+    const char *failing;
+  } cases[] = {{"role", false, ""},     {"role\n\n", false, ""},       {"other", true, ""},
+               {"roll", true, ""},      {"role of another", true, ""}, {"other", false, "openat"},
+               {"other", false, "read"}};
+  for (const auto &[text, spoken_of, failing] : cases) {
+    SCOPED_TRACE(text + failing);
+    MakeTheRootAnew();
+    rec::PutFile(kRoleFile, text);
+    rec::ForgetEvents();
+    rec::Fail(failing, kRoleFile);
+    ASSERT_EQ(do_info(), 0);
+    rec::StopFailing();
+    ASSERT_EQ(do_info(), 0);
+    EXPECT_EQ(rec::Messages(),
+              spoken_of ? std::vector<std::string>{differs} : std::vector<std::string>{});
+    EXPECT_EQ(rec::ReadFile(kRoleFile), text);
+    EXPECT_EQ(Text(kRole), "role");
+  }
 }
 
 // As cp -al or ln leave it.

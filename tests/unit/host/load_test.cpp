@@ -5,6 +5,9 @@
 
 #include <array>
 
+#include "common/sources.h"
+#include "tests/support/recording_framework.h"
+
 namespace {
 
 std::array<int32_t, 3> Averages(const char *text) {
@@ -41,6 +44,23 @@ TEST(Uptime, IsWholeSeconds) {
   EXPECT_EQ(parse_uptime("2147483648.00 1.00"), INT32_MAX);
   EXPECT_EQ(parse_uptime(""), -1);
   EXPECT_EQ(parse_uptime("soon"), -1);
+}
+
+TEST(Load, WhatCannotBeReadIsNotKnown) {
+  const auto published = [] {
+    EXPECT_EQ(do_load(), 0);
+    return std::array<int32_t, 2>{rec::Int("host/load", "tlxHoLoadOne"),
+                                  rec::Int("host/load", "tlxHoUptime")};
+  };
+  rec::PutFile(load_averages_path, "1.50 0.18 1.12 1/80 11206\n");
+  rec::PutFile(uptime_path, "70.47 23.90\n");
+  EXPECT_EQ(published(), (std::array<int32_t, 2>{150, 70}));
+  rec::Fail("fopen", load_averages_path);
+  EXPECT_EQ(published(), (std::array<int32_t, 2>{-1, 70}));
+  rec::StopFailing();
+  rec::BreakReads(uptime_path, 1, 0);
+  EXPECT_EQ(published(), (std::array<int32_t, 2>{150, -1}));
+  EXPECT_EQ(published(), (std::array<int32_t, 2>{150, 70}));
 }
 
 }  // namespace

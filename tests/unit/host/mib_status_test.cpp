@@ -491,6 +491,27 @@ TEST_F(MibStatus, ManyProcessesOfOneName) {
   EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
 }
 
+TEST_F(MibStatus, AProcessWithoutMemoryIsPassedOver) {
+  Object("ida/misc", {1, 2, 2});
+  Process(1000, "vexida", 77);
+  rec::Fail("realloc");
+  EXPECT_EQ(Row(Status(), 3), (Octets{0, 0, 0, 0}));
+  rec::StopFailing();
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+}
+
+TEST_F(MibStatus, AListingThatBreaksOffIsBegunAnew) {
+  Object("ida/misc", {1, 2, 2});
+  Process(1000, "vexida", 77);
+  rec::Fail("readdir", "/proc", 2);
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  EXPECT_TRUE(rec::Messages().empty());
+  // But not for ever: then it is as if /proc were not there.
+  rec::Fail("readdir", "/proc");
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{"cannot readdir(/proc)\n"});
+}
+
 // ---- Getters ----------------------------------------------------------------------------------
 
 TEST_F(MibStatus, AnObjectWithTooFewVariables) {

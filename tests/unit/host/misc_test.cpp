@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -359,6 +360,40 @@ TEST_F(Misc, AMissingDirectoryIsReportedOnce) {
   do_misc();
   EXPECT_EQ(rec::Count("agentlog_fprintf", message), 1);
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+}
+
+TEST_F(Misc, AnEntryThatCannotBeRememberedIsReadAgain) {
+  PutEntry("entry.1", {.severity = 3});
+  rec::SetTime(time(nullptr) + 1000);
+  do_misc();
+  struct Shortage {
+    const char *call, *name;
+  };
+  for (const auto &[call, name] : {Shortage{"fstatat", "*/entry.1"}, Shortage{"calloc", ""}}) {
+    SCOPED_TRACE(call);
+    rec::Fail(call, name);
+    do_misc();
+    rec::ForgetEvents();
+    do_misc();
+    EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 1);
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+    rec::StopFailing();
+    do_misc();
+    rec::ForgetEvents();
+    do_misc();
+    EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 0);
+  }
+}
+
+TEST_F(Misc, ADirectoryWithoutMemoryForItsListIsReadByTheNextPoll) {
+  PutEntry("entry.1", {.severity = 3});
+  rec::Fail("fdopendir", "*", 0, ENOMEM);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "cannot opendir(*"), 1);
+  rec::StopFailing();
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
 }
 
 // ---- Next index -------------------------------------------------------------------------------

@@ -35,4 +35,21 @@ TEST(Mount, ATableThatCannotBeReadChangesNothing) {
   EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{"host/filesys.0", "host/mount.0"}));
 }
 
+TEST(Mount, TellsWhatAnswersFailsAndIsSilent) {
+  const std::string device = "/dev/" + std::string(400, 'd');
+  rec::PutFile(mount_table_path,
+               device + " / ext4 ro 0 0\n/dev/b /b ext4 rw 0 0\n/dev/c /c ext4 rw 0 0\n");
+  rec::PutMount("/", {MOUNT_ANSWERED, 0, 4096, 256, 128, 10, 5});
+  rec::PutMount("/b", {MOUNT_FAILED, 5, 0, 0, 0, 0, 0});
+  rec::PutMount("/c", {MOUNT_STILL_SILENT, 0, 0, 0, 0, 0, 0});
+  ASSERT_EQ(do_filesys(), 0);
+  ASSERT_EQ(do_mount(), 0);
+  EXPECT_EQ(rec::Text("host/mount.0", "tlxHoMountDevice"), device.substr(0, 255));
+  EXPECT_EQ(rec::Int("host/mount.0", "tlxHoMountReadOnly"), 1);
+  EXPECT_EQ(rec::Int("host/mount.1", "tlxHoMountReadOnly"), 2);
+  for (int row = 0; row < 3; row++) {
+    EXPECT_EQ(rec::Int("host/mount." + std::to_string(row), "tlxHoMountState"), row + 1);
+  }
+}
+
 }  // namespace

@@ -6,8 +6,10 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/next_index.h"
@@ -1020,6 +1022,49 @@ TEST_F(Software, ReportsARowThatCannotBeInserted) {
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(Name(5), "qvdiags_amd64");
   EXPECT_EQ(rec::Publications(Row(5)), 1);
+}
+
+TEST_F(Software, ARowWithoutMemoryIsMadeByTheNextPass) {
+  std::vector<Package> packages = {{"glut"}};
+  PutPackages(packages);
+  ASSERT_EQ(do_swver(), 0);
+  for (const auto &[call, name, row] :
+       {std::tuple("calloc", "qvdiags", 5), std::tuple("strdup", "qvrelm", 6)}) {
+    SCOPED_TRACE(call);
+    packages.push_back({name});
+    PutPackages(packages);
+    rec::ForgetEvents();
+    rec::Fail(call, "*", 0, ENOMEM);
+    Rescan();
+    EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: " + std::string(name) +
+                                       "_amd64  (PEER3023)\n"});
+    EXPECT_EQ(rec::Live(Row(row)), nullptr);
+    rec::StopFailing();
+    ASSERT_EQ(do_swver(), 0);
+    EXPECT_EQ(Name(row), std::string(name) + "_amd64");
+  }
+}
+
+TEST_F(Software, ATableWithoutMemoryIsBuiltByTheNextPass) {
+  rec::Fail("realloc", "", 1, ENOMEM);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "vexhostd: Can't do_init object: CONFIG*"), 1);
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(0), "CONFIG");
+  EXPECT_EQ(Name(3), "DISKDR");
+}
+
+TEST_F(Software, AnAnswerWithoutMemoryIsAskedForByTheNextPass) {
+  PutPackages({{"glut"}});
+  rec::Fail("fmemopen", "", 0, ENOMEM);
+  Rescan();
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "do_swver: packages that could not be reported: 1 (1 *"),
+            1);
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(4), "glut_amd64");
 }
 
 TEST_F(Software, GoesOnAfterAFailedDeletion) {
