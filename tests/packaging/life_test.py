@@ -34,9 +34,10 @@ SUITE = ".1.3.6.1.4.1.4891"
 REGISTRY = "/var/spool/quorix/kelmo/registry"
 DROP_IN = "/etc/snmp/snmpd.conf.d/vexhostd.conf"
 WANTED = "/etc/systemd/system/multi-user.target.wants/vexhostd.service"
-# What dpkg, apt and the dynamic linker keep of any package's coming and going.
+# What dpkg, apt, the dynamic linker and systemd-sysusers keep of any package's coming and going: a user
+# that a package made stays, so that no other one gets its number and what may be left of its files.
 ACCOUNTS = re.compile(r"/(proc|sys|dev|run|tmp|packages|var/(log|cache)|var/lib/(dpkg|apt))(/|$)"
-                      r"|/etc/ld\.so\.cache$")
+                      r"|/etc/(ld\.so\.cache|g?shadow-?|passwd-?|group-?|\.pwd\.lock)$")
 # Every unit is enabled and runs; snmpd's is not reloaded where procps is missing. What needs no
 # running systemd is done by the real one.
 SYSTEMCTL = """#!/bin/sh
