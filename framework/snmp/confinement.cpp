@@ -3,11 +3,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <limits.h>
 #include <linux/audit.h>
 #include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <pwd.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -20,8 +20,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "framework/process/descriptor.h"
@@ -231,6 +233,32 @@ int EnterEmptyRoot() {
   return -1;
 }
 
+// ---- The user
+
+// Takes what stands before the next colon; all of it when there is none.
+std::string_view TakeField(std::string_view *line) {
+  const size_t colon = line->find(':');
+  const std::string_view field = line->substr(0, colon);
+  line->remove_prefix(colon == line->npos ? line->size() : colon + 1);
+  return field;
+}
+
+// "name:password:UID:GID:..."; nothing when the line is another user's, or makes no sense.
+std::optional<SnmpUser> UserOfLine(std::string_view line) {
+  const auto number = [&line](unsigned *value) {
+    const std::string_view field = TakeField(&line);
+    const auto [stop, error] = std::from_chars(field.data(), field.data() + field.size(), *value);
+    return error == std::errc() && stop == field.data() + field.size() && *value != 0 &&
+           *value != UINT_MAX;
+  };
+  SnmpUser user = {};
+  if (TakeField(&line) != kSnmpUser) {
+    return std::nullopt;
+  }
+  TakeField(&line);
+  return number(&user.uid) && number(&user.gid) ? std::optional(user) : std::nullopt;
+}
+
 }  // namespace
 
 bool FindSnmpUser(std::optional<SnmpUser> *user) {
@@ -239,20 +267,19 @@ bool FindSnmpUser(std::optional<SnmpUser> *user) {
   if (file == nullptr) {
     return errno == ENOENT;
   }
-  passwd entry;
-  passwd *result = nullptr;
-  char line[4096];
-  int error;
-  while (!*user && ((error = fgetpwent_r(file, &entry, line, sizeof(line), &result)) == 0 ||
-                    error == ERANGE)) {
-    if (error == 0 && strcmp(entry.pw_name, kSnmpUser) == 0 && entry.pw_uid != 0 &&
-        entry.pw_gid != 0) {
-      *user = SnmpUser{entry.pw_uid, entry.pw_gid};
-    }
+  // Not by fgetpwent_r, which returns to a line that is longer than its buffer again and again.
+  char *line = nullptr;
+  size_t size = 0;
+  ssize_t length;
+  errno = 0;
+  while (!*user && (length = getline(&line, &size, file)) >= 0) {
+    *user = UserOfLine({line, static_cast<size_t>(length)});
   }
-  const bool failed = ferror(file) != 0;
-  errno = fclose(file) != 0 || failed ? EIO : 0;
-  return errno == 0;
+  const int error = *user || feof(file) != 0 ? 0 : errno;
+  free(line);
+  fclose(file);
+  errno = error;
+  return error == 0;
 }
 
 bool EndWithParent(pid_t parent) {

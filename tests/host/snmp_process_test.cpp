@@ -484,3 +484,29 @@ TEST(SnmpProcess, IsAThreadWithoutItsUser) {
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
   EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "role"), "noError");
 }
+
+// What others have made of the file of users costs neither the start nor the process.
+TEST(SnmpProcess, FindsItsUserAmongBrokenLines) {
+  std::string users = "root:x:0:0:root:/root:/bin/sh\n";
+  const std::vector<std::string> broken = {"\n",
+                                           ":\n",
+                                           ":::::::::\n",
+                                           "_vexhostd\n",
+                                           "_vexhostd:x\n",
+                                           "_vexhostd:x:0:0:not root:/:/\n",
+                                           "_vexhostd:x:-1:many:/:/\n",
+                                           "#\n",
+                                           "+::::::\n",
+                                           std::string(5000, 'a') + ":x:5:5::/:/\n",
+                                           std::string("zero\0:x:1:1::/:/\n", 16),
+                                           "\x80\xff:x:1:1::/:/\n"};
+  for (const std::string &line : broken) {
+    users += line;
+  }
+  MadeUpHost host;
+  host.File("/etc/passwd", users + "_vexhostd:x:64990:64990::/nonexistent:/usr/sbin/nologin");
+  host.Start();
+  EXPECT_NE(StarterOf(host.daemon.pid()), -1) << host.daemon.Log();
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  printf("%zu malformed\n", broken.size());
+}

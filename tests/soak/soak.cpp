@@ -5,7 +5,8 @@
 //   events.csv    seconds, what happened, a number
 //   log.txt       all of the daemon's log lines
 // The environment says how long (VEX_SOAK_SECONDS), how often a sample is taken (VEX_SOAK_EVERY)
-// and where the files go (VEX_SOAK_OUT).
+// and where the files go (VEX_SOAK_OUT). With VEX_SOAK_POLLS it ends after so many polls, which
+// follow upon each other, on a host that changes ten times as fast; the seconds are a limit then.
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -94,9 +95,10 @@ struct Activity {
 
 class BusyHost {
  public:
-  // controller_every: seconds between a controller's moods; some of them hold polls up.
-  BusyHost(Events *events, double controller_every)
-      : events_(events), controller_every_(controller_every) {
+  // controller_every: seconds between a controller's moods; some of them hold polls up. speed: how
+  // many times as fast everything changes that holds nothing up.
+  BusyHost(Events *events, double controller_every, double speed)
+      : events_(events), controller_every_(controller_every), speed_(speed) {
     host.Directory("/run/soak");
     // What the kernel says, not a fixed text.
     for (const char *entry : {"/proc/stat", "/proc/meminfo", "/proc/cpuinfo"}) {
@@ -119,9 +121,28 @@ class BusyHost {
     DaemonOptions options;
     options.probe = false;
     options.arguments = {"-p", "1", "-l", kLog};
+    options.wait = false;
     host.daemon.Start(options);
-    // The first reading takes its time on a busy machine.
-    EXPECT_TRUE(Eventually([this] { return host.Walk().size() >= 100; }, 60));
+    // The first reading takes its time on a busy machine, and under a tool that looks on.
+    EXPECT_TRUE(Eventually([this] { return host.Walk().size() >= 100; }, 180));
+  }
+
+  // How often the daemon has polled: this object is published once a poll.
+  static uint64_t Polls() {
+    const auto object = MadeUpHost::Object("host/memory");
+    return object ? object->sequence : 0;
+  }
+
+  // Has one poll follow upon the other, by the signal that its timer would send. Where that comes
+  // too early to count, the timer itself begins the next one.
+  void HurryPolls(const std::atomic<bool> *stop) {
+    for (uint64_t seen = 0; !stop->load(); Pause(0.002)) {
+      const uint64_t now = Polls();
+      if (now != seen) {
+        seen = now;
+        host.daemon.Signal(SIGALRM);
+      }
+    }
   }
 
   // Changes the host until told to stop, then leaves it as it was at first.
@@ -130,10 +151,10 @@ class BusyHost {
     auto add = [&](double every, void (BusyHost::*act)(unsigned)) {
       activities.push_back({every, [this, act](unsigned turn) { (this->*act)(turn); }});
     };
-    add(1, &BusyHost::ChangeMounts);
-    add(2, &BusyHost::ChangePeers);
-    add(5, &BusyHost::ChangePackages);
-    add(3, &BusyHost::BeginThreshold);
+    add(1 / speed_, &BusyHost::ChangeMounts);
+    add(2 / speed_, &BusyHost::ChangePeers);
+    add(5 / speed_, &BusyHost::ChangePackages);
+    add(3 / speed_, &BusyHost::BeginThreshold);
     add(7, &BusyHost::ChangeFuse);
     add(controller_every_, &BusyHost::ChangeController);
     add(10, &BusyHost::RenameLog);
@@ -238,15 +259,13 @@ class BusyHost {
     const pid_t pid = host.daemon.pid();
     const std::vector<pid_t> children = Children(pid);
     auto memory = Memory(pid);
-    // Published once a poll.
-    const auto object = MadeUpHost::Object("host/memory");
     fprintf(to, "%.1f,%d,%ld,%ld,%ld,%ld,%ld,%zu,%zu,%zu,%zu,%.2f,%zu,%zu,%llu\n", Now() - begin,
             host.daemon.Running() ? pid : -1, memory["Rss"], memory["Pss"],
             memory["Private_Clean"] + memory["Private_Dirty"], memory["Private_Dirty"],
             memory["Anonymous"], OpenFiles(pid).size(),
             ListDirectory("/proc/" + std::to_string(pid) + "/task").size(), children.size(),
             Zombies(children), CpuSeconds(pid), MadeUpHost::Objects().size(), LogSize(),
-            static_cast<unsigned long long>(object ? object->sequence : 0));
+            static_cast<unsigned long long>(Polls()));
     fflush(to);
   }
   static constexpr char kColumns[] =
@@ -410,6 +429,7 @@ class BusyHost {
 
   Events *events_;
   double controller_every_;
+  double speed_;
   std::mutex log_lock_;
   std::string old_log_;
   std::unique_ptr<FuseMount> fuse_;
@@ -426,9 +446,10 @@ TEST(Soak, ABusyHost) {
   ASSERT_NE(out, "") << "scripts/soak runs this";
   const double seconds = std::stod(Setting("VEX_SOAK_SECONDS", "60"));
   const double every = std::stod(Setting("VEX_SOAK_EVERY", "1"));
+  const uint64_t polls = std::stoull(Setting("VEX_SOAK_POLLS", "0"));
   Events events(out + "/events.csv");
   // Every mood within the shorter form, and within one of the windows that are compared.
-  BusyHost busy(&events, seconds < 600 ? 2.5 : 5);
+  BusyHost busy(&events, seconds < 600 ? 2.5 : 5, polls != 0 ? 10 : 1);
   busy.Start();
   if (HasFailure()) {
     return;
@@ -437,6 +458,9 @@ TEST(Soak, ABusyHost) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   threads.emplace_back([&] { busy.Change(&stop); });
+  if (polls != 0) {
+    threads.emplace_back([&] { busy.HurryPolls(&stop); });
+  }
   threads.emplace_back([&] {
     for (unsigned turn = 0; !stop; turn++) {
       for (double until = Now() + 8; Now() < until && !stop;) {
@@ -460,10 +484,17 @@ TEST(Soak, ABusyHost) {
                                                        fclose);
   fprintf(samples.get(), "%s\n", BusyHost::kColumns);
   const double begin = Now();
-  for (double due = begin; due <= begin + seconds && busy.host.daemon.Running(); due += every) {
+  uint64_t last_poll = UINT64_MAX;
+  for (double due = begin;
+       due <= begin + seconds && busy.host.daemon.Running() && BusyHost::Polls() < last_poll;
+       due += every) {
     Pause(std::max(0.0, due - Now()));
     busy.Sample(samples.get(), begin);
+    if (polls != 0 && last_poll == UINT64_MAX) {
+      last_poll = BusyHost::Polls() + polls;
+    }
   }
+  busy.Sample(samples.get(), begin);
   stop = true;
   for (std::thread &thread : threads) {
     thread.join();
@@ -474,7 +505,8 @@ TEST(Soak, ABusyHost) {
     // The other ones tell of siblings' conditions.
     events.Add(trap.oid.ends_with(".11003") ? "trap-received" : "health-trap");
   }
-  const int status = busy.host.daemon.Stop();
+  busy.host.daemon.Signal(SIGTERM);
+  const int status = busy.host.daemon.WaitEnd(120).value_or(-1);
   events.Add("status", status);
   EXPECT_EQ(status, 0);
   const std::string log = busy.WholeLog();

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <vector>
@@ -117,6 +118,34 @@ TEST_F(Unsent, OfWhatWasCutOffTheWholeOnesAreLeft) {
     Write(whole.substr(0, length));
     EXPECT_EQ(Take().size(), length < mark ? 0 : (length - mark) / each) << length;
   }
+  printf("%zu malformed\n", whole.size());
+}
+
+// As a disk might leave it: the rest of a notification, or none, and nothing from beyond the file.
+TEST_F(Unsent, ChangedBytesAreReadAsFarAsTheyMakeSense) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string whole = Bytes();
+  std::mt19937 random(5);
+  constexpr int kTries = 3000;
+  size_t most = 0;
+  for (int i = 0; i < kTries; i++) {
+    std::string bytes = whole;
+    for (int change = 0; change < 3; change++) {
+      bytes[random() % bytes.size()] = static_cast<char>(random());
+    }
+    Write(bytes);
+    const std::vector<Notification> taken = Take();
+    for (const Notification &notification : taken) {
+      EXPECT_LE(notification.description.size(), bytes.size());
+      for (const NotificationVariable &variable : notification.variables) {
+        EXPECT_NE(variable.mib, nullptr);
+        EXPECT_LE(variable.value.size(), bytes.size());
+      }
+    }
+    most = std::max(most, taken.size());
+  }
+  EXPECT_EQ(most, 3U);
+  printf("%d malformed\n", kTries);
 }
 
 TEST_F(Unsent, AnythingElseIsNotRead) {

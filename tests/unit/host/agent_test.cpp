@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <random>
+
 #include "tests/support/recording_framework.h"
 
 namespace {
@@ -140,6 +142,39 @@ TEST_F(Agent, TheFirstBadOptionEndsIt) {
   EXPECT_EQ(Start({"-p", "-1", "-s", "ok", "-x"}), -1);
   EXPECT_EQ(rec::Messages().size(), 1u);
   EXPECT_EQ(rec::Count("cfg_set_state"), 0);
+}
+
+// Whatever words there are, an option among them that is none ends the start with a message, before
+// there is anything that somebody could see, and no poll period gets out of bounds.
+TEST_F(Agent, MakesNothingOfSenselessWords) {
+  const std::vector<std::string> words = {
+      "-p",   "-s",       "-t",     "-i",       "-z",   "-l",
+      "-p60", "-p-1",     "-sOK",   "-tNOT_OK", "OK",   "ok",
+      "",     "-",        "--help", "-p=5",     "-é",   "-iz",
+      "-ip",  "7",        "-7",     "0x10",     "1e9",  "%s%n",
+      "\n",   "NOT_OK\n", "+5",     "-W;",      "-ppp", "99999999999999999999999999"};
+  std::mt19937 random(11);
+  constexpr int kTries = 5000;
+  for (int i = 0; i < kTries; i++) {
+    rec::ForgetEvents();
+    std::vector<std::string> arguments;
+    for (size_t n = random() % 7; n > 0; n--) {
+      arguments.push_back(random() % 50 != 0 ? words[random() % words.size()]
+                                             : std::string(random() % 100000, '-') + "p");
+    }
+    arguments.insert(arguments.begin() + static_cast<long>(random() % (arguments.size() + 1)),
+                     "-x");
+    // An option that has swallowed it is followed by one that nothing can swallow.
+    arguments.insert(arguments.end(), {"OK", "-x"});
+    EXPECT_EQ(Start(arguments), -1) << testing::PrintToString(arguments);
+    EXPECT_FALSE(rec::Messages().empty());
+    EXPECT_EQ(rec::Count("create_dir"), 0);
+    for (const std::string &period : rec::Names("set_poll_time")) {
+      EXPECT_GE(std::stol(period), 0) << period;
+      EXPECT_LE(std::stol(period), 60) << period;
+    }
+  }
+  printf("%d malformed\n", kTries);
 }
 
 TEST_F(Agent, AlwaysIgnoresPeerStops) {

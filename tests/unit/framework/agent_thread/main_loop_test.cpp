@@ -755,6 +755,41 @@ TEST_F(MainLoop, TheWatchdogOfAnotherProcessIsNotOurs) {
   EXPECT_EQ(Status(), 0);
 }
 
+TEST_F(MainLoop, AWatchdogThatMakesNoSenseIsNone) {
+  hooks_.clean_up = [this] {
+    Say(TheFakeSnmp().tick == nullptr ? "no tick" : "tick");
+    return 0;
+  };
+  int tried = 0;
+  for (const char *interval :
+       {"", "0", "-1", " 5", "5 ", "5s", "0x10", "99999999999999999999", "é"}) {
+    NotifySocket manager(registry_.base() + "/notify" + std::to_string(tried));
+    setenv("WATCHDOG_USEC", interval, 1);
+    Start();
+    EXPECT_EQ(Next(), "init");
+    EXPECT_EQ(manager.Next(), "READY=1");
+    Signal(SIGTERM);
+    EXPECT_EQ(Next(), "no tick") << interval;
+    EXPECT_EQ(Next(), "end");
+    EXPECT_EQ(Status(), 0);
+    tried++;
+  }
+  // Nobody to tell.
+  for (const std::string &path : {std::string(), std::string("relative"), std::string("@"),
+                                  "/" + std::string(200, 'x'), std::string("/no/such/socket")}) {
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    Start();
+    EXPECT_EQ(Next(), "init");
+    Signal(SIGTERM);
+    EXPECT_EQ(Next(), "no tick") << path;
+    EXPECT_EQ(Next(), "end");
+    EXPECT_EQ(Status(), 0);
+    unsetenv("NOTIFY_SOCKET");
+    tried++;
+  }
+  printf("%d malformed\n", tried);
+}
+
 TEST(Watchdog, IsWithheldAfterAnHourInOneHook) {
   constexpr int64_t kSecond = 1'000'000'000;
   EXPECT_TRUE(AgentThreadAlive(0, 99999 * kSecond));
