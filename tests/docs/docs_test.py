@@ -123,6 +123,24 @@ class Options(unittest.TestCase):
         listed = {"-" + option for option in re.findall(r"\bFl (-[a-z]+)", page)}
         self.assertEqual(listed, printed)
 
+    def man_help(self, program):
+        return run(os.path.join(SOURCE, "scripts", "man-help"), "--program", program)
+
+    def test_the_page_has_the_help_of_each_command(self):
+        compared = self.man_help(os.path.join(BUILD, "bin", "vexreg"))
+        self.assertEqual((compared.returncode, compared.stderr), (0, ""))
+
+    def test_a_help_that_changed_is_noticed(self):
+        with tempfile.TemporaryDirectory() as directory:
+            program = os.path.join(directory, "vexreg")
+            with open(program, "w", encoding="utf-8") as file:
+                file.write(f"#!/bin/sh\n{os.path.join(BUILD, 'bin', 'vexreg')} \"$@\" |"
+                           " sed 's/^Removes an object$/Removes it/'\n")
+            os.chmod(program, 0o755)
+            compared = self.man_help(program)
+        self.assertEqual(compared.returncode, 1)
+        self.assertIn("'Removes an object', and the command 'Removes it'", compared.stderr)
+
     @staticmethod
     def doctor_section():
         return read(PAGES["vexreg.1"]).split(".Sh DOCTOR")[1].split("\n.Sh ")[0]

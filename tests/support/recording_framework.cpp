@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <set>
 
 #include "platform/ev.h"
@@ -221,6 +222,35 @@ const std::vector<Trap> &Traps() {
 registry_object *Live(const std::string &name) {
   const auto found = state().objects.find(name);
   return found == state().objects.end() ? nullptr : &found->second->face;
+}
+
+void PrintTo(const Slot &slot, std::ostream *stream) {
+  *stream << slot.name << " size " << slot.size << " type " << slot.type << " access "
+          << slot.access << " at " << slot.offset;
+}
+
+std::vector<Slot> Slots(const std::string &name) {
+  std::vector<Slot> slots;
+  const registry_object *object = Live(name);
+  for (int slot = 0; object != nullptr && slot < object->var_count; slot++) {
+    const descriptor &desc = object->desc[slot];
+    EXPECT_EQ(desc.slot, slot);
+    EXPECT_EQ(desc.count, 1) << desc.name;
+    slots.push_back({desc.name, desc.size, desc.type, desc.access,
+                     static_cast<unsigned char *>(desc.value) - object->data});
+  }
+  return slots;
+}
+
+std::vector<std::string> Handled(const std::string &name) {
+  std::vector<std::string> handled;
+  const registry_object *object = Live(name);
+  for (int slot = 0; object != nullptr && slot < object->var_count; slot++) {
+    if (object->desc[slot].set_handler != nullptr) {
+      handled.emplace_back(object->desc[slot].name);
+    }
+  }
+  return handled;
 }
 
 std::vector<std::string> LiveNames() {

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <string_view>
@@ -56,6 +57,24 @@ struct Trap {
 const std::vector<Trap> &Traps();
 
 // ---- Objects ------------------------------------------------------------------------------
+
+// One variable of an object, by its slot: what the object says of it, and where its value lies in
+// the data block.
+struct Slot {
+  std::string name;
+  int size;
+  int type;
+  int access;
+  long offset;
+  bool operator==(const Slot &) const = default;
+};
+// For googletest.
+void PrintTo(const Slot &slot, std::ostream *stream);
+// The variables of a live object, in their order; checked are their numbers, and that each is one
+// value.
+std::vector<Slot> Slots(const std::string &name);
+// Those of them that a handler judges when they are set.
+std::vector<std::string> Handled(const std::string &name);
 
 // The live object, published or not; null when there is none.
 registry_object *Live(const std::string &name);
@@ -168,6 +187,8 @@ void PutDirectory(const std::string &path);
 void PutNothing(const std::string &path);
 // Where a path taken over really lies.
 std::string RealPath(const std::string &path);
+// What is in a directory taken over, in order.
+std::vector<std::string> EntriesOf(const std::string &directory);
 // The contents of a file, taken over or not; "" when there is none.
 std::string ReadFile(const std::string &path);
 

@@ -158,6 +158,15 @@ std::string RealPath(const std::string &path) {
   return Claimed(path) ? Place(path) : path;
 }
 
+std::vector<std::string> EntriesOf(const std::string &directory) {
+  std::vector<std::string> names;
+  for (const auto &entry : std::filesystem::directory_iterator(RealPath(directory))) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 std::string ReadFile(const std::string &path) {
   std::ifstream in(RealPath(path), std::ios::binary);
   std::ostringstream contents;

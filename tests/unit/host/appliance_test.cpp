@@ -49,31 +49,14 @@ TEST_F(Appliance, TheObjectAsCreated) {
 TEST_F(Appliance, TheVariablesBySlot) {
   rec::SetAppliance(true, 1);
   do_appliance();
-  struct Expected {
-    const char *name;
-    int size;
-    int type;
-    int access;
-    bool handler;
-  };
-  const Expected variables[] = {
-      {"tlxApMibRevMajor", 4, 1, 2, false},  {"tlxApMibRevMinor", 4, 1, 2, false},
-      {"tlxApMibCondition", 4, 1, 2, false}, {"tlxApOsCommonPollFreq", 4, 1, 0, true},
-      {"tlxApApplianceId", 4, 1, 2, false},  {"tlxApApplianceDescription", 81, 2, 0, false}};
-  const registry_object *object = rec::Live(kObject);
-  int offset = 0;
-  for (int slot = 0; slot < 6; slot++) {
-    const descriptor &desc = object->desc[slot];
-    EXPECT_STREQ(desc.name, variables[slot].name);
-    EXPECT_EQ(desc.size, variables[slot].size);
-    EXPECT_EQ(desc.type, variables[slot].type);
-    EXPECT_EQ(desc.access, variables[slot].access);
-    EXPECT_EQ(desc.count, 1);
-    EXPECT_EQ(static_cast<unsigned char *>(desc.value), object->data + offset);
-    EXPECT_EQ(desc.set_handler != nullptr, variables[slot].handler);
-    offset += desc.size;
-  }
-  EXPECT_EQ(offset, 101);
+  EXPECT_EQ(rec::Slots(kObject),
+            (std::vector<rec::Slot>{{"tlxApMibRevMajor", 4, 1, 2, 0},
+                                    {"tlxApMibRevMinor", 4, 1, 2, 4},
+                                    {"tlxApMibCondition", 4, 1, 2, 8},
+                                    {"tlxApOsCommonPollFreq", 4, 1, 0, 12},
+                                    {"tlxApApplianceId", 4, 1, 2, 16},
+                                    {"tlxApApplianceDescription", 81, 2, 0, 20}}));
+  EXPECT_EQ(rec::Handled(kObject), (std::vector<std::string>{"tlxApOsCommonPollFreq"}));
 }
 
 TEST_F(Appliance, ALongProductNameIsCut) {

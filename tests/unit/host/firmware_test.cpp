@@ -143,33 +143,21 @@ TEST_F(Firmware, StaysEmptyWithoutFirmware) {
 TEST_F(Firmware, DefinesTheVariablesOfARow) {
   PutScsi({ScsiDevice(0)});
   ASSERT_EQ(do_fwver(), 0);
-  const struct {
-    const char *name;
-    int size;
-    int type;
-    ptrdiff_t offset;
-  } expected[] = {
-      {"tlxHoFwVerIndex", 4, 1, 0},          {"tlxHoFwVerCategory", 4, 1, 4},
-      {"tlxHoFwVerDeviceType", 4, 1, 8},     {"tlxHoFwVerDisplayName", 129, 2, 12},
-      {"tlxHoFwVerVersion", 33, 2, 141},     {"tlxHoFwVerLocation", 257, 2, 174},
-      {"tlxHoFwVerXmlString", 257, 2, 431},  {"tlxHoFwVerKeyString", 129, 2, 688},
-      {"tlxHoFwVerUpdateMethod", 4, 1, 820},
-  };
   const registry_object *object = rec::Live(Row(0));
   ASSERT_NE(object, nullptr);
   EXPECT_EQ(object->flag, 1);
   EXPECT_EQ(object->data_size, 824);
-  ASSERT_EQ(object->var_count, 9);
-  for (int slot = 0; slot < 9; slot++) {
-    const descriptor &desc = object->desc[slot];
-    EXPECT_STREQ(desc.name, expected[slot].name);
-    EXPECT_EQ(desc.size, expected[slot].size);
-    EXPECT_EQ(desc.type, expected[slot].type);
-    EXPECT_EQ(desc.access, ACCESS_READ_ONLY);
-    EXPECT_EQ(desc.count, 1);
-    EXPECT_EQ(static_cast<unsigned char *>(desc.value) - object->data, expected[slot].offset);
-    EXPECT_EQ(desc.set_handler, nullptr);
-  }
+  EXPECT_EQ(rec::Slots(Row(0)),
+            (std::vector<rec::Slot>{{"tlxHoFwVerIndex", 4, 1, ACCESS_READ_ONLY, 0},
+                                    {"tlxHoFwVerCategory", 4, 1, ACCESS_READ_ONLY, 4},
+                                    {"tlxHoFwVerDeviceType", 4, 1, ACCESS_READ_ONLY, 8},
+                                    {"tlxHoFwVerDisplayName", 129, 2, ACCESS_READ_ONLY, 12},
+                                    {"tlxHoFwVerVersion", 33, 2, ACCESS_READ_ONLY, 141},
+                                    {"tlxHoFwVerLocation", 257, 2, ACCESS_READ_ONLY, 174},
+                                    {"tlxHoFwVerXmlString", 257, 2, ACCESS_READ_ONLY, 431},
+                                    {"tlxHoFwVerKeyString", 129, 2, ACCESS_READ_ONLY, 688},
+                                    {"tlxHoFwVerUpdateMethod", 4, 1, ACCESS_READ_ONLY, 820}}));
+  EXPECT_EQ(rec::Handled(Row(0)), Strings{});
 }
 
 TEST_F(Firmware, AFileWithMoreRecordsHasMoreRows) {

@@ -71,12 +71,7 @@ const std::string kAside = ".replaced.";
 
 // What is in the registry's root, in order.
 std::vector<std::string> Entries() {
-  std::vector<std::string> names;
-  for (const auto &entry : std::filesystem::directory_iterator(rec::RealPath(REGISTRY_ROOT))) {
-    names.push_back(entry.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
+  return rec::EntriesOf(REGISTRY_ROOT);
 }
 
 class GuidTest : public testing::Test {

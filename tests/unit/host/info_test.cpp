@@ -83,12 +83,7 @@ void InOneLife(Steps steps) {
 
 // What is in the registry's root, in order.
 std::vector<std::string> Entries() {
-  std::vector<std::string> names;
-  for (const auto &entry : std::filesystem::directory_iterator(rec::RealPath(REGISTRY_ROOT))) {
-    names.push_back(entry.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
+  return rec::EntriesOf(REGISTRY_ROOT);
 }
 
 class Info : public testing::Test {
@@ -138,35 +133,17 @@ TEST_F(Info, TheObjectAsCreated) {
 
 TEST_F(Info, TheVariablesBySlot) {
   do_info();
-  struct Expected {
-    const char *name;
-    int size;
-    int type;
-    int access;
-  };
-  const Expected variables[] = {{"tlxHoName", 256, 2, 2},
-                                {"tlxHoVersion", 256, 2, 2},
-                                {"tlxHoDesc", 256, 2, 2},
-                                {"tlxHoOsType", 4, 1, 2},
-                                {"tlxHoTelnet", 4, 1, 2},
-                                {"tlxHoSystemRole", 65, 2, 0},
-                                {"tlxHoSystemRoleDetail", 513, 2, 0},
-                                {"tlxHoSystemName", 256, 2, 2},
-                                {"tlxHosysDescr", 512, 2, 2}};
-  const registry_object *object = rec::Live(kObject);
-  int offset = 0;
-  for (int slot = 0; slot < 9; slot++) {
-    const descriptor &desc = object->desc[slot];
-    EXPECT_STREQ(desc.name, variables[slot].name);
-    EXPECT_EQ(desc.size, variables[slot].size);
-    EXPECT_EQ(desc.type, variables[slot].type);
-    EXPECT_EQ(desc.access, variables[slot].access);
-    EXPECT_EQ(desc.count, 1);
-    EXPECT_EQ(static_cast<unsigned char *>(desc.value), object->data + offset);
-    EXPECT_EQ(desc.set_handler != nullptr, desc.access == ACCESS_WRITABLE);
-    offset += desc.size;
-  }
-  EXPECT_EQ(offset, 2122);
+  EXPECT_EQ(rec::Slots(kObject), (std::vector<rec::Slot>{{"tlxHoName", 256, 2, 2, 0},
+                                                         {"tlxHoVersion", 256, 2, 2, 256},
+                                                         {"tlxHoDesc", 256, 2, 2, 512},
+                                                         {"tlxHoOsType", 4, 1, 2, 768},
+                                                         {"tlxHoTelnet", 4, 1, 2, 772},
+                                                         {"tlxHoSystemRole", 65, 2, 0, 776},
+                                                         {"tlxHoSystemRoleDetail", 513, 2, 0, 841},
+                                                         {"tlxHoSystemName", 256, 2, 2, 1354},
+                                                         {"tlxHosysDescr", 512, 2, 2, 1610}}));
+  EXPECT_EQ(rec::Handled(kObject),
+            (std::vector<std::string>{"tlxHoSystemRole", "tlxHoSystemRoleDetail"}));
 }
 
 TEST_F(Info, FailsWithoutItsObject) {

@@ -94,41 +94,25 @@ TEST_F(Misc, TheObjectAsCreated) {
 
 TEST_F(Misc, TheVariablesBySlot) {
   do_misc();
-  struct Expected {
-    const char *name;
-    int size;
-    int type;
-    int access;
-  };
-  const Expected variables[] = {{"tlxHoMibRevMajor", 4, 1, 2},
-                                {"tlxHoMibRevMinor", 4, 1, 2},
-                                {"tlxHoMibCondition", 4, 1, 2},
-                                {"tlxHoOsCommonPollFreq", 4, 1, 0},
-                                {"tlxHoSwVerNextIndex", 4, 1, 2},
-                                {"tlxHoGenericData", 255, 2, 0},
-                                {"tlxHoClientLastModified", 7, 3, 2},
-                                {"tlxHoMibStatusArray", 256, 3, 2},
-                                {"tlxHoTrapFlags", 4, 1, 2},
-                                {"tlxHoConfigChangedDate", 7, 3, 2},
-                                {"tlxHoGUID", 16, 3, 0},
-                                {"tlxHoCodeServer", 4, 1, 2},
-                                {"tlxHoWebMgmtPort", 4, 1, 2},
-                                {"tlxHoGUIDCanonical", 256, 2, 0},
-                                {"tlxHoMibHealthStatusArray", 256, 3, 2}};
-  const registry_object *object = rec::Live(kObject);
-  int offset = 0;
-  for (int slot = 0; slot < 15; slot++) {
-    const descriptor &desc = object->desc[slot];
-    EXPECT_EQ(desc.slot, slot);
-    EXPECT_STREQ(desc.name, variables[slot].name);
-    EXPECT_EQ(desc.size, variables[slot].size) << desc.name;
-    EXPECT_EQ(desc.type, variables[slot].type) << desc.name;
-    EXPECT_EQ(desc.access, variables[slot].access) << desc.name;
-    EXPECT_EQ(desc.set_handler != nullptr, variables[slot].access == 0) << desc.name;
-    EXPECT_EQ(static_cast<unsigned char *>(desc.value) - object->data, offset) << desc.name;
-    offset += desc.size;
-  }
-  EXPECT_EQ(offset, 1085);
+  EXPECT_EQ(rec::Slots(kObject),
+            (std::vector<rec::Slot>{{"tlxHoMibRevMajor", 4, 1, 2, 0},
+                                    {"tlxHoMibRevMinor", 4, 1, 2, 4},
+                                    {"tlxHoMibCondition", 4, 1, 2, 8},
+                                    {"tlxHoOsCommonPollFreq", 4, 1, 0, 12},
+                                    {"tlxHoSwVerNextIndex", 4, 1, 2, 16},
+                                    {"tlxHoGenericData", 255, 2, 0, 20},
+                                    {"tlxHoClientLastModified", 7, 3, 2, 275},
+                                    {"tlxHoMibStatusArray", 256, 3, 2, 282},
+                                    {"tlxHoTrapFlags", 4, 1, 2, 538},
+                                    {"tlxHoConfigChangedDate", 7, 3, 2, 542},
+                                    {"tlxHoGUID", 16, 3, 0, 549},
+                                    {"tlxHoCodeServer", 4, 1, 2, 565},
+                                    {"tlxHoWebMgmtPort", 4, 1, 2, 569},
+                                    {"tlxHoGUIDCanonical", 256, 2, 0, 573},
+                                    {"tlxHoMibHealthStatusArray", 256, 3, 2, 829}}));
+  EXPECT_EQ(rec::Handled(kObject),
+            (std::vector<std::string>{"tlxHoOsCommonPollFreq", "tlxHoGenericData", "tlxHoGUID",
+                                      "tlxHoGUIDCanonical"}));
 }
 
 TEST_F(Misc, TheDateIsLocalTime) {

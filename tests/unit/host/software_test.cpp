@@ -154,37 +154,19 @@ TEST_F(Software, TheFirstRowMovesTheNextIndexToOne) {
 
 TEST_F(Software, DefinesTheVariablesOfARow) {
   ASSERT_EQ(do_swver(), 0);
-  const struct {
-    const char *name;
-    int size;
-    int type;
-    int access;
-    size_t offset;
-  } expected[] = {
-      {"tlxHoSwVerIndex", 4, 1, 2, 0},
-      {"tlxHoSwVerStatus", 4, 1, 2, 4},
-      {"tlxHoSwVerType", 4, 1, 0, 8},
-      {"tlxHoSwVerName", 128, 2, 0, 12},
-      {"tlxHoSwVerDescription", 256, 2, 2, 140},
-      {"tlxHoSwVerDate", 7, 3, 2, 396},
-      {"tlxHoSwVerLocation", 256, 2, 0, 404},
-      {"tlxHoSwVerVersion", 51, 2, 2, 660},
-      {"tlxHoSwVerVersionBinary", 51, 2, 2, 711},
-  };
-  const registry_object *object = rec::Live(Row(0));
-  for (int slot = 0; slot < 9; slot++) {
-    const descriptor &desc = object->desc[slot];
-    EXPECT_EQ(desc.slot, slot);
-    EXPECT_STREQ(desc.name, expected[slot].name);
-    EXPECT_EQ(desc.size, expected[slot].size);
-    EXPECT_EQ(desc.type, expected[slot].type);
-    EXPECT_EQ(desc.access, expected[slot].access);
-    EXPECT_EQ(desc.count, 1);
-    EXPECT_EQ(static_cast<unsigned char *>(desc.value) - object->data,
-              static_cast<ptrdiff_t>(expected[slot].offset));
-    EXPECT_EQ(desc.set_handler != nullptr, expected[slot].access == 0);
-  }
-  EXPECT_EQ(object->desc[5].length, 7);
+  EXPECT_EQ(rec::Slots(Row(0)),
+            (std::vector<rec::Slot>{{"tlxHoSwVerIndex", 4, 1, 2, 0},
+                                    {"tlxHoSwVerStatus", 4, 1, 2, 4},
+                                    {"tlxHoSwVerType", 4, 1, 0, 8},
+                                    {"tlxHoSwVerName", 128, 2, 0, 12},
+                                    {"tlxHoSwVerDescription", 256, 2, 2, 140},
+                                    {"tlxHoSwVerDate", 7, 3, 2, 396},
+                                    {"tlxHoSwVerLocation", 256, 2, 0, 404},
+                                    {"tlxHoSwVerVersion", 51, 2, 2, 660},
+                                    {"tlxHoSwVerVersionBinary", 51, 2, 2, 711}}));
+  EXPECT_EQ(rec::Handled(Row(0)),
+            (Strings{"tlxHoSwVerType", "tlxHoSwVerName", "tlxHoSwVerLocation"}));
+  EXPECT_EQ(rec::Live(Row(0))->desc[5].length, 7);
 }
 
 TEST_F(Software, ReusesAFreedNumberAndNotItsIndex) {
