@@ -371,8 +371,9 @@ void PublishAgain() {
   if (r.unpublished == 0) {
     return;
   }
-  for (const auto &[id, object] : r.by_id) {
-    Guarded(0, [&object = *object] {
+  for (const auto &entry : r.by_id) {
+    Object &object = *entry.second;
+    Guarded(0, [&object] {
       if (object.unpublished) {
         PublishBlock(object);
       } else if (object.unserved) {

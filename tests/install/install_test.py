@@ -232,6 +232,29 @@ class Demo(Work):
         self.assertEqual(os.listdir("/var/spool"), before)
         self.assertEqual(run("pgrep", "-f", prefix + "/s?bin/", status=None), "")
 
+    def test_shows_values_where_no_mount_table_is(self):
+        prefix = self.work + "/prefix"
+        run("cmake", "--install", BUILD, "--prefix", prefix)
+        # As in a minimal root: an /etc of this test's own namespace, without the table.
+        layer = self.work + "/layer"
+        os.mkdir(layer)
+        with subprocess.Popen(["unshare", "--mount", "--propagation", "private", "bash", "-euc", f"""
+                mount -t tmpfs -o mode=755 vexhostd-test {layer}
+                mkdir {layer}/upper {layer}/work
+                mount -t overlay -o lowerdir=/etc,upperdir={layer}/upper,workdir={layer}/work vexhostd-test /etc
+                rm -f /etc/mtab
+                exec {SOURCE}/scripts/demo {prefix}"""],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as demo:
+            self.addCleanup(demo.terminate)
+            said = []
+            for line in demo.stdout:
+                said.append(line)
+                if "tlxHoPhysicalMemorySize.0 = " in line:
+                    break
+            demo.terminate()
+            said.append(demo.communicate(timeout=60)[0])
+        self.assertRegex("".join(said), r"tlxHoPhysicalMemorySize\.0 = INTEGER: [1-9]")
+
 
 class Refusals(Work):
     """What cannot be built is refused by cmake, with a sentence."""

@@ -23,8 +23,9 @@ namespace {
 using namespace std::chrono_literals;
 
 // The mounts, as seen by the children that ask them: "/hang..." do not answer until they are let
-// go, those with "fail" are stale, "/slow..." take a tenth of a second and "/late..." half a second
-// until they are let go, "/die" kills who asks; others answer with the length of their path.
+// go, those with "fail" are stale, "/slow..." take a third of a second and "/late..." a second
+// and a half, or until they are let go, "/die" kills who asks; others answer with the length of
+// their path.
 class Mounts {
  public:
   static int Stat(const char *path, struct statvfs *result) {
@@ -33,13 +34,13 @@ class Mounts {
     while ((strncmp(path, "/hang", 5) == 0 || entry.hang) && !entry.free && !Get().all_free_) {
       usleep(1000);
     }
-    const auto late = std::chrono::steady_clock::now() + 500ms;
+    const auto late = std::chrono::steady_clock::now() + 1500ms;
     while (strncmp(path, "/late", 5) == 0 && !entry.free && !Get().all_free_ &&
            std::chrono::steady_clock::now() < late) {
       usleep(1000);
     }
     if (strncmp(path, "/slow", 5) == 0) {
-      usleep(100'000);
+      usleep(300'000);
     }
     if (strcmp(path, "/die") == 0 || entry.die) {
       raise(SIGKILL);
@@ -162,13 +163,16 @@ class MountAsker : public testing::Test {
     ASSERT_LE(asker_.Outstanding(), outstanding);
   }
 
+  // Long enough for a child on a machine that does much else; who is held up by a mount waits as
+  // long.
+  static constexpr std::chrono::milliseconds kLimit{900};
   static vex::MountAsker::Settings Settings() {
     return {.stat = Mounts::Stat,
-            .limit = 300ms,
+            .limit = kLimit,
             .patience = 10ms,
-            .slow = 290ms,
-            .quick = 290ms,
-            .silence = 2000ms,
+            .slow = kLimit - 10ms,
+            .quick = kLimit - 10ms,
+            .silence = 3000ms,
             .most_outstanding = 6};
   }
   vex::MountAsker asker_{Settings()};
@@ -221,15 +225,15 @@ TEST_F(MountAsker, OneSilentMountHoldsUpNobodyElse) {
   EXPECT_EQ(results[1].error, ETIMEDOUT);
   EXPECT_EQ(results[2].state, MOUNT_ANSWERED);
   EXPECT_EQ(results[3].state, MOUNT_ANSWERED);
-  EXPECT_GE(took_, 300ms);
-  EXPECT_LT(took_, 1s);
+  EXPECT_GE(took_, kLimit);
+  EXPECT_LT(took_, 2 * kLimit);
 }
 
 TEST_F(MountAsker, ASilentMountIsNotAskedAgainUntilItsCallHasComeBack) {
   Ask({"/hang", "/b"});
   for (int i = 0; i < 3; i++) {
     EXPECT_EQ(States({"/hang", "/b"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
-    EXPECT_LT(took_, 200ms);
+    EXPECT_LT(took_, kLimit);
   }
   EXPECT_EQ(Mounts::Get().Asked("/hang"), 1);
   EXPECT_EQ(asker_.Outstanding(), 1u);
@@ -255,10 +259,10 @@ TEST_F(MountAsker, ASlowMountIsAskedBetweenPassesAndNobodyWaits) {
   for (int pass = 1; pass <= 3; pass++) {
     WaitForReturn(0);
     EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
-    EXPECT_LT(took_, 250ms);
+    EXPECT_LT(took_, kLimit);
     // Its answer is not there yet: nothing is news.
     EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
-    EXPECT_LT(took_, 250ms);
+    EXPECT_LT(took_, kLimit);
     EXPECT_EQ(asker_.Outstanding(), 1u);
   }
   EXPECT_EQ(Mounts::Get().Asked("/late"), 4);
@@ -323,7 +327,7 @@ TEST_F(MountAsker, ASlowMountThatFallsSilentIsNewsOnce) {
   Mounts::Get().Hang("/late");
   EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_ANSWERED});
   EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
-  usleep(2'100'000);  // longer than a slow mount may take
+  usleep(3'100'000);  // longer than a slow mount may take
   EXPECT_EQ(States({"/late", "/late"}), (std::vector<int>{MOUNT_SILENT, MOUNT_STILL_SILENT}));
   EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
 }
@@ -526,7 +530,7 @@ TEST_F(MountAsker, SeveralSilentMountsShareTheWait) {
   EXPECT_EQ(States({"/hang1", "/a", "/hang2", "/b", "/hang3", "/hang4", "/c"}),
             (std::vector<int>{MOUNT_SILENT, MOUNT_ANSWERED, MOUNT_SILENT, MOUNT_ANSWERED,
                               MOUNT_SILENT, MOUNT_SILENT, MOUNT_ANSWERED}));
-  EXPECT_LT(took_, 1s);
+  EXPECT_LT(took_, 2 * kLimit);
   EXPECT_EQ(asker_.Outstanding(), 4u);
 }
 
@@ -565,7 +569,7 @@ TEST_F(MountAsker, TheSamePathTwiceIsNewsOnce) {
 TEST_F(MountAsker, SlowMountsAnswer) {
   const std::vector<std::string> paths = {"/slow1", "/slow2", "/slow3", "/slow4", "/slow5"};
   EXPECT_EQ(States(paths), std::vector<int>(5, MOUNT_ANSWERED));
-  EXPECT_LT(took_, 450ms);  // not one after the other
+  EXPECT_LT(took_, 5 * 300ms);  // not one after the other
 }
 
 TEST_F(MountAsker, TooManySilentMountsLeaveTheRestSilent) {
@@ -600,7 +604,15 @@ TEST_F(MountAsker, ManyHealthyMountsAreAskedOnceEach) {
   for (int i = 0; i < 2000; i++) {
     paths.push_back("/m" + std::to_string(i));
   }
-  const auto results = Ask(paths);
+  std::vector<const char *> list;
+  list.reserve(paths.size());
+  for (const std::string &path : paths) {
+    list.push_back(path.c_str());
+  }
+  std::vector<mount_stats> results(paths.size());
+  auto settings = Settings();
+  settings.limit = 10s;  // one of so many may meet a child that the machine holds up
+  vex::MountAsker(settings).Ask(list.data(), list.size(), results.data());
   for (size_t i = 0; i < paths.size(); i++) {
     ASSERT_EQ(results[i].state, MOUNT_ANSWERED);
     ASSERT_EQ(results[i].blocks, paths[i].size());
