@@ -217,7 +217,8 @@ bool MibIndex::Next(OidView name, bool inclusive, Cell *cell) const {
     OidView suffix = name.subspan(table_[variable - 1].oid_length);
     uint64_t from = 0;
     if (!suffix.empty()) {
-      from = static_cast<uint64_t>(suffix[0]) + (inclusive && suffix.size() == 1 ? 0 : 1);
+      // Nothing follows the greatest, which net-snmp may have read with a sign, as 64 bits of ones.
+      from = std::min<uint64_t>(suffix[0], UINT32_MAX) + (inclusive && suffix.size() == 1 ? 0 : 1);
     }
     if (FirstFrom(variable - 1, from, cell)) {
       return true;

@@ -83,6 +83,23 @@ bool ThreadSanitized() {
   return sanitizer.find("thread") != std::string::npos;
 }
 
+// The words of an environment variable; none when it is not set.
+std::vector<std::string> WordsOf(const char *variable) {
+  const char *text = getenv(variable);
+  std::vector<std::string> words;
+  std::istringstream stream(text != nullptr ? text : "");
+  for (std::string word; stream >> word;) {
+    words.push_back(word);
+  }
+  return words;
+}
+
+// VEXHOSTD_SNMPD, another snmpd with options of its own, or the one that is installed.
+std::vector<std::string> SnmpdCommand() {
+  std::vector<std::string> command = WordsOf("VEXHOSTD_SNMPD");
+  return command.empty() ? std::vector<std::string>{"snmpd"} : command;
+}
+
 std::string Trimmed(std::string text) {
   text.erase(text.find_last_not_of(" \n") + 1);
   return text;
@@ -158,13 +175,7 @@ std::string DaemonPath() {
 }
 
 std::vector<std::string> DaemonLauncher() {
-  const char *words = getenv("VEXHOSTD_LAUNCHER");
-  std::vector<std::string> launcher;
-  std::istringstream stream(words != nullptr ? words : "");
-  for (std::string word; stream >> word;) {
-    launcher.push_back(word);
-  }
-  return launcher;
+  return WordsOf("VEXHOSTD_LAUNCHER");
 }
 
 std::string VexregPath() {
@@ -184,8 +195,8 @@ void Snmpd::Start(const SnmpdOptions &options) {
       kSnmpdConf +
           (host_->traps.Running() ? "trap2sink " + std::string(kTrapAddress) + " public\n" : "") +
           options.extra);
-  std::vector<std::string> command = {
-      "snmpd", "-f", "-Lf", kSnmpdLog, "-C", "-c", "/etc/snmp/snmpd.conf"};
+  std::vector<std::string> command = SnmpdCommand();
+  command.insert(command.end(), {"-f", "-Lf", kSnmpdLog, "-C", "-c", "/etc/snmp/snmpd.conf"});
   if (!options.all_modules) {
     command.emplace_back(kFewModules);
   }

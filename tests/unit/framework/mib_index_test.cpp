@@ -133,6 +133,9 @@ TEST(MibIndex, NextFromEveryKindOfName) {
       {NameOf(kRowNumber, {4294967295UL}), false, kRowName, 2},
       {NameOf(kRowNumber, {4294967295UL}), true, kRowName, 2},
       {{1, 3, 9, 2, 1, 1, 1UL << 40}, true, kRowName, 2},
+      // What net-snmp makes of 4294967295 in a packet: it reads sub-identifiers with a sign.
+      {NameOf(kRowNumber, {~0UL}), false, kRowName, 2},
+      {NameOf(kRowNumber, {~0UL}), true, kRowName, 2},
       {{1, 3, 9, 2}, false, kRowNumber, 2},
   };
   for (const auto &c : cases) {
