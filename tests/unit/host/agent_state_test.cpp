@@ -41,9 +41,6 @@ TEST(AgentState, KnowsNoPollBeforeTheFirstHasEnded) {
   EXPECT_GE(integer(2), integer(1));
   EXPECT_EQ(integer(3), 0);
   EXPECT_EQ(integer(4), 0);
-  note_poll(-5, false);
-  ASSERT_EQ(do_agent(), 0);
-  EXPECT_EQ(integer(3), -1);
 }
 
 }  // namespace
