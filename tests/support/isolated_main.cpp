@@ -34,7 +34,9 @@ int RunAlone(const char *self, const std::string &filter) {
   if (child == 0) {
     const std::string argument = "--gtest_filter=" + filter;
     setenv("VEX_TEST_ALONE", "1", 1);
-    execl(self, self, argument.c_str(), "--gtest_brief=1", nullptr);
+    // Who wants to know the first that fails wants to know the one that hangs, too.
+    execl(self, self, argument.c_str(),
+          testing::GTEST_FLAG(fail_fast) ? "--gtest_brief=0" : "--gtest_brief=1", nullptr);
     _exit(127);
   }
   int status = 0;
@@ -68,6 +70,9 @@ int main(int argc, char **argv) {
       if (RunAlone("/proc/self/exe", name) != 0) {
         printf("FAILED %s\n", name.c_str());
         failed++;
+        if (testing::GTEST_FLAG(fail_fast)) {
+          return 1;
+        }
       }
     }
   }

@@ -38,4 +38,22 @@ TEST(AgentState, ATimeBefore1970IsNotKnown) {
   EXPECT_EQ(rec::Int("host/agent", "tlxHoAgentStart"), 1'700'000'000);
 }
 
+TEST(AgentState, KnowsNoPollBeforeTheFirstHasEnded) {
+  ASSERT_EQ(do_agent(), 0);
+  const registry_object *object = find_object(agent_group);
+  ASSERT_NE(object, nullptr);
+  const auto integer = [&](int slot) {
+    return *static_cast<const int32_t *>(object->desc[slot].value);
+  };
+  EXPECT_EQ(integer(2), -1);
+  EXPECT_EQ(integer(3), -1);
+  EXPECT_EQ(integer(4), 0);
+  // One that took less than a millisecond.
+  note_poll(0, false);
+  ASSERT_EQ(do_agent(), 0);
+  EXPECT_GE(integer(2), integer(1));
+  EXPECT_EQ(integer(3), 0);
+  EXPECT_EQ(integer(4), 0);
+}
+
 }  // namespace
