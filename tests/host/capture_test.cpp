@@ -89,7 +89,7 @@ TEST(Capture, LetsNoCommunityOutOfTheHost) {
 TEST(Capture, IsWholeOrNotThere) {
   MadeUpHost host;
   host.Directory("/full");
-  ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "-o", "size=16k", "full", "/full"}).status, 0);
+  ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "-o", "size=4k", "full", "/full"}).status, 0);
   EXPECT_EQ(host.Vexreg({"capture", "/full/host.tar.zst"}).status, 1);
   EXPECT_EQ(RunCommand({"ls", "-A", "/full"}).out, "");
   EXPECT_EQ(host.Vexreg({"capture", "/nowhere/host.tar.zst"}).status, 1);

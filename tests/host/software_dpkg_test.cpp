@@ -16,6 +16,8 @@ class SoftwareDpkg : public testing::Test {
  protected:
   SoftwareDpkg() {
     host_.Remove(kDatabase);
+    // Where the package is installed, its hook would tell of each change.
+    host_.Remove("/etc/dpkg/dpkg.cfg.d");
     for (const char *directory : {"/info", "/updates", "/triggers", "/parts", "/alternatives"}) {
       host_.Directory(kDatabase + std::string(directory));
     }
