@@ -377,8 +377,9 @@ kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
     file->failure_logged = true;
     agentlog_fprintf(stderr, "%s: Can't replace %s/%s: %s\n", agent, REGISTRY_ROOT, file->name,
                      strerror(errno));
-  } else if (result == KEPT_REPLACED && file->failure_logged) {
+  } else if (result == KEPT_REPLACED && (file->failure_logged || file->refusal_logged)) {
     file->failure_logged = false;
+    file->refusal_logged = false;
     agentlog_fprintf(stderr, "%s: %s/%s can be replaced again\n", agent, REGISTRY_ROOT, file->name);
   }
   return result;

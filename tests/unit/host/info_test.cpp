@@ -723,6 +723,25 @@ TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
                                                       std::string(kRoleFile) + ": File exists\n"});
 }
 
+TEST_F(Info, EachTimeThatItsFileIsRefusedIsSaid) {
+  ASSERT_EQ(do_info(), 0);
+  const std::string refused =
+      "vexhostd: File " + std::string(kRoleFile) + " not used: it is no plain file\n";
+  const std::string again = "vexhostd: " + std::string(kRoleFile) + " can be replaced again\n";
+  const std::string real = rec::RealPath(kRoleFile);
+  ASSERT_EQ(symlink("elsewhere", real.c_str()), 0);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("one")), -1);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("one")), -1);
+  ASSERT_EQ(unlink(real.c_str()), 0);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("one")), 0);
+  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{refused, again}));
+  rec::ForgetEvents();
+  ASSERT_EQ(unlink(real.c_str()), 0);
+  ASSERT_EQ(mkfifo(real.c_str(), 0600), 0);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("two")), -1);
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{refused});
+}
+
 TEST_F(Info, WhatAKilledAgentLeftOfAFurtherNameGoesAtTheStart) {
   const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
   rec::PutFile(kRoleFile, "old");
