@@ -94,7 +94,9 @@ class Names(unittest.TestCase):
     def test_details(self):
         def details(name):
             run = translate("-Td", "-IR", name)
-            self.assertEqual(run.stderr, "")
+            # Where no other program of net-snmp's has run, this one makes its directory.
+            said = re.sub(r"^Created directory: .*\n", "", run.stderr, flags=re.M)
+            self.assertEqual(said, "")
             return run.stdout
         self.assertIn("{appliance(1), linux(14)}", details("tlxHoOsType"))
         self.assertIn("{unassessed(1), normal(2), raised(3), severe(4)}",

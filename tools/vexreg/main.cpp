@@ -172,10 +172,10 @@ int main(int argc, char **argv) {
   CLI::App *watch = AddCommand(&app, "watch",
                                "Keeps a live view; prints changes without a terminal", kWatchNotes);
   AddView(watch, &arguments, "Each change as a line of JSON, also on a terminal");
-  watch->add_option("--interval", arguments.view.interval, "Seconds between looks on a terminal")
+  watch
+      ->add_option("--interval", arguments.view.interval, "Seconds between looks on a terminal (2)")
       ->type_name("N")
-      ->check(CLI::Range(0.1, 3600.0).description(""))
-      ->capture_default_str();
+      ->check(CLI::Range(0.1, 3600.0).description(""));
 
   CLI::App *put = AddCommand(&app, "put", "Publishes an object as an agent would", kPutNotes);
   put->add_option("OBJECT", arguments.object, "The object's name")->required()->type_name("");
@@ -192,10 +192,9 @@ int main(int argc, char **argv) {
   AddJson(doctor, &arguments, "An array of objects with state, check and message");
   doctor
       ->add_option("--limit", arguments.most_seconds,
-                   "Seconds after which it gives up what does not answer")
+                   "Gives up after N seconds without an answer (30)")
       ->type_name("N")
-      ->check(CLI::Range(1, 3600).description(""))
-      ->capture_default_str();
+      ->check(CLI::Range(1, 3600).description(""));
 
   CLI::App *exporter =
       AddCommand(&app, "export", "Prints the host's values as OpenMetrics text", kExportNotes);
@@ -233,10 +232,11 @@ int main(int argc, char **argv) {
       ->type_name("FILE");
   replay->add_flag("--exact", arguments.replay.exact,
                    "Compares what is in use, and the load, as well");
-  replay->add_option("--limit", arguments.replay.seconds, "Seconds until what differs is believed")
+  replay
+      ->add_option("--limit", arguments.replay.seconds,
+                   "Seconds until what differs is believed (60)")
       ->type_name("N")
-      ->check(CLI::Range(1, 3600).description(""))
-      ->capture_default_str();
+      ->check(CLI::Range(1, 3600).description(""));
 
   AddJson(replay, &arguments, "Differences and their number, as JSON");
   Refuse(replay, "--raw", "values are compared and printed as they are");
