@@ -127,7 +127,8 @@ class WatchScreen : public testing::Test {
   void ExpectEnd(int status) {
     EXPECT_TRUE(Eventually([&] { return !made_up::ReadFile(File("after")).empty(); }))
         << tmux_->Screen();
-    EXPECT_EQ(made_up::ReadFile(File("status")), std::to_string(status) + "\n");
+    EXPECT_EQ(made_up::ReadFile(File("status")), std::to_string(status) + "\n")
+        << made_up::ReadFile(File("errors"));
     EXPECT_EQ(made_up::ReadFile(File("after")), made_up::ReadFile(File("before")));
     EXPECT_TRUE(tmux_->Shows("ended"));
     EXPECT_EQ(tmux_->State("#{alternate_on} #{cursor_flag} #{keypad_cursor_flag}"), "0 1 0");
