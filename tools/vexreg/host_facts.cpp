@@ -13,7 +13,6 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 
@@ -32,6 +31,15 @@
 #include "tools/vexreg/commands.h"
 
 namespace vex {
+
+std::string ReadText(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  // Not by the buffer's iterators: what reading throws, only a stream's own operator catches.
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
 namespace {
 
 constexpr char kUnixSocketTable[] = "/proc/net/unix";
@@ -56,11 +64,6 @@ std::string TakeMessages() {
   std::string text;
   text.swap(LibraryMessages());
   return JoinLines(text);
-}
-
-std::string ReadText(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // What a symbolic link holds; "" when it cannot be read.

@@ -12,6 +12,10 @@
 
 namespace vex {
 
+// What a file holds; what could be read of it where reading fails, as of a process in /proc that
+// ends meanwhile (ESRCH); "" where it cannot be opened. Throws std::bad_alloc alone.
+std::string ReadText(const std::string &path);
+
 // The processes of that name (proc(5), comm); their children, zombies and, where that shows, those
 // of containers are left out.
 std::vector<ProcessFact> FindProcesses(const std::string &name);

@@ -73,9 +73,6 @@ void CatchCrashes() {
   }
 }
 
-constexpr int kMostTries = 5;
-constexpr useconds_t kBetweenTriesUs = 50'000;
-
 enum Colours : short { kGoodPair = 1, kWarningPair, kBadPair };
 
 // Characters beyond ASCII as question marks.
@@ -119,17 +116,10 @@ LiveScreen::LiveScreen(const ViewSignals &signals, bool colour, bool utf8)
   }
   CatchCrashes();
   const TakingSignals taking(signals_);
-  // CanDraw() has seen that the terminal is one. That this failed all the same was seen once on a
-  // very busy machine: it is tried again before it is believed.
-  int tries = 1;
-  while (newterm(nullptr, stdout, stdin) == nullptr) {
-    if (tries++ == kMostTries) {
-      fprintf(stderr,
-              "vexreg: the terminal cannot be set up: %s; in a pipe, the changes are lines\n",
-              strerror(errno));
-      exit(EXIT_FAILURE);
-    }
-    usleep(kBetweenTriesUs);
+  // CanDraw() has seen that the terminal is one; what may fail now is memory.
+  if (newterm(nullptr, stdout, stdin) == nullptr) {
+    fprintf(stderr, "vexreg: the terminal cannot be set up: %s\n", strerror(errno));
+    exit(EXIT_FAILURE);
   }
   set_escdelay(kEscapeDelayMs);
   cbreak();

@@ -3,11 +3,9 @@
 #include <errno.h>
 #include <string.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "tools/vexreg/child_output.h"
 #include "tools/vexreg/findings.h"
+#include "tools/vexreg/host_facts.h"
 
 namespace vex {
 namespace {
@@ -52,8 +50,7 @@ std::string LogFileOf(pid_t agent) {
   if (agent == 0) {
     return "";
   }
-  std::ifstream command("/proc/" + std::to_string(agent) + "/cmdline", std::ios::binary);
-  const std::string words(std::istreambuf_iterator<char>(command), {});
+  const std::string words = ReadText("/proc/" + std::to_string(agent) + "/cmdline");
   std::string file;
   bool next = false;
   for (size_t from = 0; from < words.size();) {

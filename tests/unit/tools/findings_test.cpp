@@ -35,6 +35,13 @@ GroupFacts Published(size_t objects, int64_t age) {
   return facts;
 }
 
+// As what is known of a process that ends between opening and reading; nothing is thrown.
+TEST(HostFacts, WhatCannotBeReadIsEmpty) {
+  EXPECT_EQ(ReadText("/proc/self"), "");  // a directory: read(2) fails
+  EXPECT_EQ(ReadText("/nonexistent"), "");
+  EXPECT_TRUE(ReadText("/proc/self/status").starts_with("Name:"));
+}
+
 TEST(Findings, Processes) {
   EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}}, false)), "ok    snmpd: runs (process 5).\n");
   EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}, {7, 'R', 0}}, false)),
