@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -195,16 +196,11 @@ class Starter {
   _exit(0);
 }
 
-}  // namespace
-
-SnmpStarter::~SnmpStarter() {
-  End();
-}
-
-bool SnmpStarter::Possible(bool *possible) {
+// Whether this process has no other threads. False with errno when that cannot be told.
+bool CountsAsAlone(bool *alone) {
   DIR *tasks = opendir("/proc/self/task");
   if (tasks == nullptr) {
-    *possible = false;
+    *alone = false;
     return errno == ENOENT;  // without a /proc nobody can tell
   }
   int threads = 0;
@@ -215,8 +211,29 @@ bool SnmpStarter::Possible(bool *possible) {
   const int error = errno;
   closedir(tasks);
   errno = error;
-  *possible = threads >= 1 && threads <= 1 + kSanitizersThreads;
+  *alone = threads >= 1 && threads <= 1 + kSanitizersThreads;
   return error == 0;
+}
+
+}  // namespace
+
+SnmpStarter::~SnmpStarter() {
+  End();
+}
+
+bool SnmpStarter::Possible(bool *possible) {
+  // A thread that was joined a moment ago may still stand in /proc.
+  constexpr int kLooks = 10;
+  constexpr timespec kMoment = {0, 10'000'000};
+  for (int look = 1;; look++) {
+    if (!CountsAsAlone(possible)) {
+      return false;
+    }
+    if (*possible || look == kLooks) {
+      return true;
+    }
+    nanosleep(&kMoment, nullptr);
+  }
 }
 
 bool SnmpStarter::Start(const std::string &application, bool behind, const SnmpUser &user) {
