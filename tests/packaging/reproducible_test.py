@@ -69,8 +69,8 @@ def main():
             # What is this directory here is /packages there.
             settings = [f"{name}={value.replace(WORK, '/packages')}"
                         for name, value in environment.items() if value != os.environ.get(name)]
-            build = [f"{SOURCE}/scripts/build-packages-in", SUITE, WORK, "env", *settings,
-                     "--chdir=/packages" + unpacked.removeprefix(WORK), *build]
+            build = [f"{SOURCE}/scripts/build-packages-in", SUITE, WORK, "env",
+                     "--chdir=/packages" + unpacked.removeprefix(WORK), *settings, *build]
         subprocess.run(build, check=True, cwd=unpacked, env=None if SUITE else environment,
                        stdout=log, stderr=log)
     assert len(names(PACKAGES, ".deb")) >= 3
