@@ -1,5 +1,11 @@
 # Runs first in every installation, in cmake_install.cmake: the places that depend on the prefix, and
 # a note of the directories that are not there yet.
+
+# One that is relative is so from where whoever installs stands.
+if(NOT "$ENV{DESTDIR}" STREQUAL "")
+  get_filename_component(destdir "$ENV{DESTDIR}" ABSOLUTE)
+  set(ENV{DESTDIR} "${destdir}")
+endif()
 get_filename_component(VEX_PREFIX "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
 
 # vex_place(VARIABLE DIRECTORY): the directory's path on the machine.

@@ -1,6 +1,9 @@
 # Takes away what was installed last from this build directory (with the same DESTDIR): the files of
 # CMake's manifests, and the directories that the installation made and that are empty now. A
 # configuration file that was changed since stays.
+if(NOT "$ENV{DESTDIR}" STREQUAL "" AND NOT IS_ABSOLUTE "$ENV{DESTDIR}")
+  message(FATAL_ERROR "Nothing is removed: DESTDIR has to be a path from / on.")
+endif()
 file(GLOB manifests install_manifest*.txt)
 if(NOT manifests)
   message(FATAL_ERROR "Nothing was installed from ${CMAKE_CURRENT_SOURCE_DIR}.")

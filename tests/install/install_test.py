@@ -19,9 +19,9 @@ ODD = {"SBINDIR": "libexec/agents", "BINDIR": "tools/bin", "LIBDIR": "lib64/priv
        "SYSCONFDIR": "conf", "MANDIR": "man", "DATAROOTDIR": "data", "INCLUDEDIR": "inc"}
 
 
-def run(*command, status=0, **environment):
+def run(*command, status=0, cwd=None, **environment):
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          check=False, env={**os.environ, **environment})
+                          check=False, cwd=cwd, env={**os.environ, **environment})
     if status is not None and done.returncode != status:
         raise AssertionError(f"{command}: {done.returncode}\n{done.stdout[-4000:]}")
     return done.stdout
@@ -112,6 +112,18 @@ class Places(Installation):
 
         run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR=stage)
         self.assertEqual(tree(stage), [])
+
+    def test_a_destdir_from_where_one_stands(self):
+        self.configure()
+        run("timeout", "20", "cmake", "--install", self.build, "--prefix", "/srv/odd",
+            "--component", "headers", cwd=self.work, DESTDIR="stage")
+        self.assertIn("stage/srv/odd/share/pkgconfig/vexhostd.pc", tree(self.work))
+        self.assertEqual(os.listdir(self.work), ["stage"])
+        # The target runs in the build tree, where that would be another one.
+        self.assertIn("from /", run("cmake", "--build", self.build, "--target", "uninstall",
+                                    status=1, DESTDIR="stage"))
+        run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR=self.work + "/stage")
+        self.assertEqual(tree(self.work), [])
 
     def test_what_stood_there_before_stays(self):
         self.configure()
