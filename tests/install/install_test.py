@@ -154,6 +154,19 @@ class Places(Installation):
         self.assertIn("Nothing was installed", run("cmake", "--build", self.build, "--target",
                                                    "uninstall", status=1))
 
+    def test_what_cannot_be_removed_is_not_forgotten(self):
+        self.configure()
+        prefix = self.work + "/prefix"
+        run("cmake", "--install", self.build, "--prefix", prefix, "--component", "headers")
+        run("mount", "--bind", "-o", "ro", prefix, prefix)
+        try:
+            said = run("cmake", "--build", self.build, "--target", "uninstall", status=1)
+        finally:
+            run("umount", "--lazy", prefix)
+        self.assertIn(prefix + "/share/pkgconfig/vexhostd.pc", said)
+        run("cmake", "--build", self.build, "--target", "uninstall")
+        self.assertEqual(tree(self.work), [])
+
     def test_the_default_layout(self):
         self.configure()
         for prefix, configuration in (("/usr", "etc"), ("/usr/local", "usr/local/etc"),
