@@ -6,15 +6,38 @@ if(NOT "$ENV{DESTDIR}" STREQUAL "")
   get_filename_component(destdir "$ENV{DESTDIR}" ABSOLUTE)
   set(ENV{DESTDIR} "${destdir}")
 endif()
-get_filename_component(VEX_PREFIX "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
+# CMake takes the / off a prefix's end, and so leaves nothing of the prefix /.
+set(VEX_PREFIX /)
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "")
+  get_filename_component(VEX_PREFIX "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
+endif()
+
+# The agent's run path has a prefix in it (vex_relative).
+if(IS_ABSOLUTE "${VEX_SBINDIR}" AND NOT IS_ABSOLUTE "${VEX_LIBDIR}" AND NOT VEX_PREFIX STREQUAL VEX_BUILT_FOR)
+  message(FATAL_ERROR "CMAKE_INSTALL_SBINDIR is absolute and CMAKE_INSTALL_LIBDIR is not: the agent would "
+    "look for its libraries below ${VEX_BUILT_FOR}. Configure with -DCMAKE_INSTALL_PREFIX=${VEX_PREFIX}, or "
+    "with both of a kind.")
+endif()
 
 # vex_place(VARIABLE DIRECTORY): the directory's path on the machine.
 function(vex_place variable directory)
   if(NOT IS_ABSOLUTE "${directory}")
     set(directory "${VEX_PREFIX}/${directory}")
   endif()
+  string(REGEX REPLACE "^/+" "/" directory "${directory}")
   cmake_path(NORMAL_PATH directory)
   set(${variable} "${directory}" PARENT_SCOPE)
+endfunction()
+
+# vex_unit_word(VARIABLE TEXT): the text as a unit has it as one word.
+function(vex_unit_word variable text)
+  string(REPLACE "\\" "\\\\" text "${text}")
+  string(REPLACE "\"" "\\\"" text "${text}")
+  string(REPLACE "%" "%%" text "${text}")
+  if(text MATCHES "[ \t\"'\\\\]")
+    set(text "\"${text}\"")
+  endif()
+  set(${variable} "${text}" PARENT_SCOPE)
 endfunction()
 
 # The usual exceptions of the prefixes that have their configuration elsewhere.
@@ -24,9 +47,15 @@ if(NOT IS_ABSOLUTE "${VEX_SYSCONFDIR}")
   elseif(VEX_PREFIX MATCHES "^/opt/." AND VEX_SYSCONFDIR STREQUAL "etc")
     set(VEX_SYSCONFDIR "/etc${VEX_PREFIX}")
   else()
-    set(VEX_SYSCONFDIR "${VEX_PREFIX}/${VEX_SYSCONFDIR}")
+    vex_place(VEX_SYSCONFDIR "${VEX_SYSCONFDIR}")
   endif()
 endif()
+
+# What `uninstall` is told: each DESTDIR and prefix has a record of its own, so that none makes another
+# one forgotten.
+string(SHA256 VEX_RECORD "$ENV{DESTDIR}:${VEX_PREFIX}")
+set(VEX_RECORD "${VEX_BUILD}/installed/${VEX_RECORD}")
+file(WRITE "${VEX_RECORD}/destdir.txt" "$ENV{DESTDIR}")
 
 # vex_configuration(PATH FILE PERMISSION...): see vex_install_configuration.
 function(vex_configuration path file)
@@ -45,7 +74,7 @@ function(vex_configuration path file)
     PERMISSIONS ${ARGN} FILES "${file}")
   set(CMAKE_INSTALL_MANIFEST_FILES "${CMAKE_INSTALL_MANIFEST_FILES}" PARENT_SCOPE)
   file(SHA256 "${file}" ours)
-  file(APPEND "${VEX_BUILD}/installed-configuration.txt" "${ours} ${place}\n")
+  file(APPEND "${VEX_RECORD}/configuration.txt" "${ours} ${place}\n")
 endfunction()
 
 file(STRINGS "${VEX_BUILD}/destinations.txt" destinations)
@@ -59,6 +88,6 @@ foreach(directory ${destinations})
     cmake_path(GET path PARENT_PATH path)
   endwhile()
   if(missing)
-    file(APPEND "${VEX_BUILD}/installed-directories.txt" "${missing}\n")
+    file(APPEND "${VEX_RECORD}/directories.txt" "${missing}\n")
   endif()
 endforeach()
