@@ -15,6 +15,15 @@ set(VEX_INSTALL_EXAMPLESDIR "" CACHE STRING "Examples; where empty, examples/ be
 if(VEX_INSTALL_EXAMPLESDIR STREQUAL "")
   set(VEX_INSTALL_EXAMPLESDIR ${CMAKE_INSTALL_DOCDIR}/examples)
 endif()
+# Where zsh looks by itself; Debian keeps it for administrators, and gives packages vendor-completions.
+set(VEX_INSTALL_ZSHDIR "" CACHE STRING "zsh's completion; where empty, zsh/site-functions in DATADIR")
+if(VEX_INSTALL_ZSHDIR STREQUAL "")
+  set(VEX_INSTALL_ZSHDIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+endif()
+set(VEX_INSTALL_PKGCONFIGDIR "" CACHE STRING "The pkg-config file; where empty, pkgconfig in DATADIR")
+if(VEX_INSTALL_PKGCONFIGDIR STREQUAL "")
+  set(VEX_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_DATADIR}/pkgconfig)
+endif()
 # Its views have other names on other distributions (packaging/rpm).
 set(VEX_SNMPD_CONF ${CMAKE_SOURCE_DIR}/packaging/snmpd.conf CACHE FILEPATH
   "What is installed for snmpd to read")

@@ -202,7 +202,7 @@ class Places(Installation):
                 for path in ("sbin/vexhostd", "bin/vexreg", "lib/libvexcommon.so", "lib/libqvev.so",
                              "share/snmp/mibs/QUORIX-MIB.txt", "share/man/man1/vexreg.1",
                              "share/bash-completion/completions/vexreg",
-                             "share/zsh/vendor-completions/_vexreg",
+                             "share/zsh/site-functions/_vexreg",
                              "share/fish/vendor_completions.d/vexreg.fish",
                              "lib/systemd/system/vexhostd.service"):
                     self.assertIn((prefix + "/" + path).lstrip("/"), paths)
@@ -372,6 +372,24 @@ class Refusals(Work):
         for name in ("CMAKE_INSTALL_BINDIR", "CMAKE_INSTALL_SBINDIR", "CMAKE_INSTALL_LIBDIR",
                      "VEX_INSTALL_UNITDIR"):
             self.assertIn(f"{name} is empty", self.refusal(f"-D{name}="))
+
+    def test_what_no_compiler_makes(self):
+        gcc = ("-DCMAKE_C_COMPILER=gcc", "-DCMAKE_CXX_COMPILER=g++")
+        self.assertIn("VEX_FUZZ wants clang", self.refusal("-DVEX_FUZZ=ON", *gcc))
+        self.assertIn("VEX_COVERAGE wants clang", self.refusal("-DVEX_COVERAGE=ON", *gcc))
+        self.assertIn("VEX_SANITIZE is foo", self.refusal("-DVEX_SANITIZE=foo"))
+        self.assertIn("no build type Foo", self.refusal("-DCMAKE_BUILD_TYPE=Foo"))
+        # Types are what whoever builds calls them.
+        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Foo",
+            "-DCMAKE_CXX_FLAGS_FOO=-O2")
+        flags = [self.flags("-DCMAKE_BUILD_TYPE=" + name, CXXFLAGS="")[0] for name in ("Release", "release")]
+        self.assertEqual(*flags)
+
+    def test_a_build_among_the_sources(self):
+        source = self.work + "/source"
+        os.mkdir(source)
+        shutil.copy(SOURCE + "/CMakeLists.txt", source)
+        self.assertIn("in a directory of its own", " ".join(run("cmake", ".", cwd=source, status=1).split()))
 
     def flags(self, *options, **environment):
         """What one source is compiled with, and what one program is linked with."""
