@@ -322,4 +322,26 @@ TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
   close(pipe_ends[1]);
 }
 
+// An end that has not read everything resets the connection when it closes: what it has sent before
+// that counts all the same.
+TEST(Frames, OfAnEndThatClosesUnreadAreReceived) {
+  Descriptor one;
+  Descriptor other;
+  ASSERT_TRUE(FrameSocket::Pair(&one, &other));
+  FrameSocket from(std::move(one));
+  FrameSocket to(std::move(other));
+  ASSERT_TRUE(to.Send(FrameWriter(FrameType::kPing)));
+  ASSERT_TRUE(from.Send(FrameWriter(FrameType::kNotified).Put(uint64_t{1})));
+  ASSERT_TRUE(from.Send(FrameWriter(FrameType::kNotified).Put(uint64_t{2})));
+  from.Close();
+  std::string_view bytes;
+  for (const uint64_t number : {1, 2}) {
+    ASSERT_EQ(to.Receive(&bytes, nullptr), FrameSocket::Got::kFrame) << number;
+    FrameReader reader(bytes);
+    EXPECT_EQ(reader.Take<FrameType>(), FrameType::kNotified);
+    EXPECT_EQ(reader.Take<uint64_t>(), number);
+  }
+  EXPECT_EQ(to.Receive(&bytes, nullptr), FrameSocket::Got::kEnd);
+}
+
 }  // namespace vex::snmp_wire_test
