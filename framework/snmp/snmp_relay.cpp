@@ -164,8 +164,12 @@ std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::s
     return MayPass(errno) ? Begun::kFailed : Begun::kUnable;
   }
   while (!ready_) {
-    if (agent_ending() != 0 || Clock::now() >= until) {
+    if (agent_ending() != 0) {
       return std::nullopt;
+    }
+    if (Clock::now() >= until) {
+      *why = "it is not ready after a minute";
+      return Begun::kFailed;
     }
     pollfd entries[] = {{starter_.Channel()->Fd(), POLLIN, 0}, {child_.Fd(), POLLIN, 0}};
     const int ready = poll(entries, 2, static_cast<int>(kSlice.count()));

@@ -1,0 +1,113 @@
+// How the SNMP process comes to be, and what the agent makes of it when it does not, or ends. As
+// root.
+#include "framework/snmp/snmp_relay.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <new>
+#include <string>
+#include <thread>
+
+#include "framework/snmp/snmp_thread.h"
+#include "platform/framework.h"
+#include "tests/unit/framework/fake_master.h"
+#include "tests/unit/framework/snmp_user_here.h"
+
+namespace vex {
+namespace {
+
+using std::chrono::milliseconds;
+
+const testing::Environment *const snmp_user = testing::AddGlobalTestEnvironment(
+    new SnmpUserHere);  // NOLINT(*-err58-cpp): it is the library's
+
+constexpr SnmpUser kUser = {990, 990};
+
+// ---- Births: the starter is a child of this process, and its children are the SNMP processes.
+
+enum Generation { kTest, kStarter, kSnmpProcess, kGenerations };
+int generation = kTest;
+void (*at_birth)() = nullptr;      // what an SNMP process does first
+std::atomic<pid_t> *last_process;  // shared with all
+
+void Born() {
+  generation++;
+  if (generation == kSnmpProcess) {
+    *last_process = getpid();
+    if (at_birth != nullptr) {
+      at_birth();
+    }
+  }
+}
+
+class SnmpRelayTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    last_process =
+        new (mmap(nullptr, sizeof(*last_process), PROT_READ | PROT_WRITE,
+                  MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<pid_t>;
+    ASSERT_EQ(pthread_atfork(nullptr, nullptr, Born), 0);
+  }
+  void SetUp() override {
+    char pattern[] = "/tmp/snmp_relay.XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    directory_ = pattern;
+    socket_ = directory_ + "/master";
+    std::ofstream(directory_ + "/vexhostd.conf") << "agentXSocket " << socket_ << "\n";
+    setenv("SNMPCONFPATH", directory_.c_str(), 1);
+    setenv("SNMP_PERSISTENT_DIR", directory_.c_str(), 1);
+    at_birth = nullptr;
+    *last_process = 0;
+  }
+  void TearDown() override {
+    SnmpStop();
+    EXPECT_EQ(system(("rm -rf " + directory_).c_str()), 0);
+  }
+
+  // What the start logs.
+  std::string LoggedByStart(int expected) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(SnmpStart("vexhostd", nullptr), expected);
+    return testing::internal::GetCapturedStderr();
+  }
+  std::string directory_;
+  std::string socket_;
+  std::unique_ptr<FakeMaster> master_;
+};
+
+// ---- The start
+
+TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
+  at_birth = [] { kill(getpid(), SIGSTOP); };
+  std::string why;
+  {
+    SnmpSettings settings;
+    SnmpRelay relay;
+    EXPECT_EQ(relay.Begin("vexhostd", kUser, Clock::now() + std::chrono::seconds(3), &settings, &why),
+              SnmpRelay::Begun::kFailed);
+  }
+  EXPECT_EQ(why, "it is not ready after a minute");
+  // It was stopped before it could see to its own end.
+  ASSERT_GT(*last_process, 0);
+  kill(*last_process, SIGKILL);
+}
+
+}  // namespace
+}  // namespace vex
