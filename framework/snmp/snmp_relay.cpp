@@ -32,6 +32,8 @@ constexpr milliseconds kSlice{50};  // of a wait that the agent's end cuts short
 constexpr milliseconds kLastNotifications{300};
 constexpr milliseconds kLastAnswers{450};  // with the process's goodbye
 static_assert(kLastNotifications + kProcessGoodbye <= kLastAnswers);
+// After the end of a process for the next one to have a session, before the master counts as away.
+constexpr seconds kNextSession{10};
 // A process that says nothing is asked whether it lives, and has as long to answer.
 constexpr seconds kSilence{10};
 // The process is told of so much that waits for it in the ring, where nobody asks for it.
@@ -250,9 +252,10 @@ void SnmpRelay::Gone(const char *why) {
     side.ring.reset();
   }
   connected_ = false;
-  open_ = false;
+  if (std::exchange(open_, false)) {
+    away_at_ = Clock::now() + kNextSession;
+  }
   side.notifications.PutBack(std::exchange(unanswered_, {}));
-  side.notifications.SetUp(false);
   for (auto &[number, set] : sets_) {
     vex::Sets().Release(*set.transaction);
   }
@@ -390,6 +393,7 @@ void SnmpRelay::TakeSession(FrameReader *frame) {
     case SessionEvent::kOpen:
       open_ = true;
       session_ = session;
+      away_at_ = Clock::time_point::max();
       side.notifications.SetUp(true);
       break;
     case SessionEvent::kWelcome:
@@ -411,6 +415,7 @@ void SnmpRelay::TakeSession(FrameReader *frame) {
         finder_->Lost(event == SessionEvent::kEndedRefused);
       }
       side.notifications.PutBack(std::exchange(unanswered_, {}));
+      away_at_ = Clock::time_point::max();
       side.notifications.SetUp(false);
       break;
     default:
@@ -734,7 +739,7 @@ void SnmpRelay::Try(Function function) {
 }
 
 Clock::time_point SnmpRelay::NextDue() const {
-  Clock::time_point due = std::min(ticker_.NextDue(), Clock::now() + kSilence);
+  Clock::time_point due = std::min({ticker_.NextDue(), away_at_, Clock::now() + kSilence});
   if (short_of_memory_) {
     due = std::min(due, Clock::now() + kRest);
   }
@@ -802,6 +807,10 @@ void SnmpRelay::Work() {
   if (has_child_ && restarts_.Stays(Clock::now())) {
     said_often_ = false;
     agentlog_fprintf(stderr, "%s: The SNMP process stays\n", AgentName());
+  }
+  if (Clock::now() >= away_at_) {
+    away_at_ = Clock::time_point::max();
+    side.notifications.SetUp(false);
   }
   Try([this] { Connect(); });
   if (side.images_waiting.load(std::memory_order_acquire)) {

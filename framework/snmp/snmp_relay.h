@@ -128,6 +128,8 @@ class SnmpRelay {
   bool connected_ = false;  // it has a connection to the master
   bool open_ = false;       // and a session
   uint64_t session_ = 0;
+  // When a session that ended with its process counts as one that the master has ended.
+  Clock::time_point away_at_ = Clock::time_point::max();
   Notifications unanswered_;
   uint64_t next_notification_ = 1;
   std::map<uint64_t, Set> sets_;

@@ -401,10 +401,10 @@ TEST(SnmpProcess, LosesNoNotification) {
   MadeUpHost host;
   host.traps.Start();
   host.StartTestAgent();
-  constexpr int kTraps = 250;  // fewer than are kept while there is no session
+  constexpr int kTraps = 1000;  // more than are kept while the master is away
   Killer killer(host.daemon.pid(), 0.09);
-  for (int i = 0; i < kTraps / 10; i++) {
-    ASSERT_TRUE(host.Order("trap 10\n"));
+  for (int i = 0; i < kTraps / 40; i++) {
+    ASSERT_TRUE(host.Order("trap 40\n"));
   }
   Pause(1);
   const int killed = killer.Stop();

@@ -87,6 +87,17 @@ class SnmpRelayTest : public testing::Test {
     EXPECT_EQ(SnmpStart("vexhostd", nullptr), expected);
     return testing::internal::GetCapturedStderr();
   }
+  void StartWithMaster() {
+    master_ = std::make_unique<FakeMaster>(socket_);
+    ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
+    ASSERT_GT(*last_process, 0);
+    ASSERT_TRUE(master_->AcceptAndRegister());
+    for (int i = 0; i < 3000 && !SnmpUp(); i++) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    ASSERT_TRUE(SnmpUp());
+  }
+
   std::string directory_;
   std::string socket_;
   std::unique_ptr<FakeMaster> master_;
@@ -107,6 +118,37 @@ TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
   // It was stopped before it could see to its own end.
   ASSERT_GT(*last_process, 0);
   kill(*last_process, SIGKILL);
+}
+
+// ---- Its end
+
+TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
+  StartWithMaster();
+  constexpr uint32_t kFlood = 1000;
+  for (uint32_t i = 1; i <= kFlood; i++) {
+    Notification notification;
+    notification.number = i;
+    SnmpNotify(std::move(notification));
+  }
+  ASSERT_TRUE(master_->Receive());
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(kill(*last_process, SIGKILL), 0);
+  ASSERT_TRUE(master_->HasBeenReset(3000));
+  master_->Disconnect();
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  uint32_t got = 0;
+  while (std::optional<AgentxPacket> packet = master_->Receive(got == kFlood ? 10 : 3000)) {
+    got++;
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), got);
+    master_->Answer(*packet);
+    if (got == kFlood || HasNonfatalFailure()) {
+      break;
+    }
+  }
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("agent: The SNMP process has ended (signal 9); starting another\n"), log.npos);
+  EXPECT_EQ(log.find("lost"), log.npos) << log;
+  EXPECT_EQ(got, kFlood);
 }
 
 }  // namespace
