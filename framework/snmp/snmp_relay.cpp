@@ -739,10 +739,10 @@ void SnmpRelay::Try(Function function) {
 }
 
 Clock::time_point SnmpRelay::NextDue() const {
-  Clock::time_point due = std::min({ticker_.NextDue(), away_at_, Clock::now() + kSilence});
   if (short_of_memory_) {
-    due = std::min(due, Clock::now() + kRest);
+    return Clock::now();
   }
+  Clock::time_point due = std::min({ticker_.NextDue(), away_at_, Clock::now() + kSilence});
   if (!has_child_) {
     return std::min(due, spawn_at_);
   }
@@ -758,6 +758,10 @@ Clock::time_point SnmpRelay::NextDue() const {
 }
 
 void SnmpRelay::Wait(Clock::time_point until) {
+  // Whatever is due, or to be read, is so still.
+  if (std::exchange(short_of_memory_, false)) {
+    poll(nullptr, 0, static_cast<int>(kRest.count()));
+  }
   const auto wanted = [](const FrameSocket &socket) -> short {
     return socket.HasUnsent() ? POLLIN | POLLOUT : POLLIN;
   };
@@ -790,7 +794,6 @@ void SnmpRelay::Wait(Clock::time_point until) {
 
 void SnmpRelay::Work() {
   SnmpShared &side = Side();
-  short_of_memory_ = false;
   if (!has_child_ && !stopping_ && Clock::now() >= spawn_at_) {
     Try([this] {
       if (!Spawn()) {

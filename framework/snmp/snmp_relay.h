@@ -122,7 +122,7 @@ class SnmpRelay {
   Restarts restarts_;
   bool said_often_ = false;
   bool stopping_ = false;
-  bool short_of_memory_ = false;  // in this pass
+  bool short_of_memory_ = false;  // since the last rest
   bool images_told_ = false;      // the process knows that there is much in the ring
 
   bool connected_ = false;  // it has a connection to the master

@@ -30,6 +30,45 @@
 #include "tests/unit/framework/fake_master.h"
 #include "tests/unit/framework/snmp_user_here.h"
 
+namespace {
+
+// The thread that gets no memory, 0 for none, and how often it has asked.
+std::atomic<pid_t> starved{0};
+std::atomic<long> refused{0};
+
+void *Allocate(size_t size) {
+  if (starved.load(std::memory_order_relaxed) != 0 && gettid() == starved) {
+    refused++;
+    throw std::bad_alloc();
+  }
+  void *memory = malloc(size != 0 ? size : 1);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+
+}  // namespace
+
+void *operator new(size_t size) {
+  return Allocate(size);
+}
+void *operator new[](size_t size) {
+  return Allocate(size);
+}
+void operator delete(void *memory) noexcept {
+  free(memory);
+}
+void operator delete[](void *memory) noexcept {
+  free(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+  free(memory);
+}
+void operator delete[](void *memory, size_t) noexcept {
+  free(memory);
+}
+
 namespace vex {
 namespace {
 
@@ -77,6 +116,7 @@ class SnmpRelayTest : public testing::Test {
     *last_process = 0;
   }
   void TearDown() override {
+    starved = 0;
     SnmpStop();
     EXPECT_EQ(system(("rm -rf " + directory_).c_str()), 0);
   }
@@ -149,6 +189,39 @@ TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
   EXPECT_NE(log.find("agent: The SNMP process has ended (signal 9); starting another\n"), log.npos);
   EXPECT_EQ(log.find("lost"), log.npos) << log;
   EXPECT_EQ(got, kFlood);
+}
+
+// ---- Want of memory
+
+pid_t RelayThread() {
+  pid_t found = 0;
+  for (pid_t tid = gettid() + 1; found == 0 && tid < gettid() + 1000; tid++) {
+    std::string name;
+    std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm") >> name;
+    found = name == "snmp" ? tid : 0;
+  }
+  return found;
+}
+
+TEST_F(SnmpRelayTest, WantOfMemoryIsWaitedForAtRest) {
+  StartWithMaster();
+  starved = RelayThread();
+  ASSERT_GT(starved, 0);
+  refused = 0;
+  ASSERT_EQ(kill(*last_process, SIGKILL), 0);
+  for (int i = 0; i < 3000 && refused == 0; i++) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  ASSERT_GT(refused, 0);
+  refused = 0;
+  std::this_thread::sleep_for(milliseconds(200));
+  const long tries = refused;
+  printf("%ld allocations refused in 200 ms\n", tries);
+  EXPECT_LE(tries, 200);
+  starved = 0;
+  ASSERT_TRUE(master_->HungUp(3000));
+  master_->Disconnect();
+  EXPECT_TRUE(master_->AcceptAndRegister());
 }
 
 }  // namespace
