@@ -53,14 +53,14 @@ void CloseOthers(int one, int other) {
 }
 
 // Whatever writes there finds a file that is none of the agent's. What a sanitizer has to say is
-// for the test that reads it.
-void LeaveStandardDescriptors() {
+// for the test that reads it. False with errno.
+bool LeaveStandardDescriptors() {
   const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
-  dup2(null.get(), STDIN_FILENO);
-  if (!kSanitized) {
-    dup2(null.get(), STDOUT_FILENO);
-    dup2(null.get(), STDERR_FILENO);
+  if (!null || dup2(null.get(), STDIN_FILENO) < 0) {
+    return false;
   }
+  return kSanitized ||
+         (dup2(null.get(), STDOUT_FILENO) >= 0 && dup2(null.get(), STDERR_FILENO) >= 0);
 }
 
 int DropMessage(const char *, size_t length) {
@@ -85,9 +85,12 @@ class Starter {
       session_.priority = kPriorityBehind;
     }
     SetLogSink(DropMessage);
-    LeaveStandardDescriptors();
-    CloseOthers(channel_.Fd(), -1);
-    if (const Failure failure = ConfineStarter(user_)) {
+    Failure failure = "the agent's standard descriptors stay";
+    if (LeaveStandardDescriptors()) {
+      CloseOthers(channel_.Fd(), -1);
+      failure = ConfineStarter(user_);
+    }
+    if (failure != nullptr) {
       const int error = errno;
       channel_.Send(FrameWriter(FrameType::kUnable).PutText(failure).Put(int32_t{error}));
       return;

@@ -160,6 +160,20 @@ TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
   kill(*last_process, SIGKILL);
 }
 
+// A process that would have the agent's own standard descriptors is none.
+TEST_F(SnmpRelayTest, WithoutANullDeviceThereIsNoProcess) {
+  const std::string path = directory_ + "/socket";
+  ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);
+  ASSERT_EQ(mount(path.c_str(), "/dev/null", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+  const std::string log = LoggedByStart(0);
+  ASSERT_EQ(umount("/dev/null"), 0);
+  EXPECT_TRUE(
+      log.starts_with("Info: the SNMP side is no process of its own: the agent's standard "
+                      "descriptors stay: No such device or address\n"))
+      << log;
+  EXPECT_EQ(*last_process, 0);
+}
+
 // ---- Its end
 
 TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
