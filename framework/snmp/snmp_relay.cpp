@@ -56,12 +56,15 @@ std::string HowItEnded(int status) {
 bool MayPass(int error) {
   switch (error) {
     case EAGAIN:
+    case EDQUOT:
     case EINTR:
     case EIO:
     case EMFILE:
     case ENFILE:
+    case ENOBUFS:
     case ENOMEM:
     case ENOSPC:
+    case ETOOMANYREFS:  // descriptors on their way between processes
       return true;
     default:
       return false;

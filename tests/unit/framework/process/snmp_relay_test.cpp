@@ -174,6 +174,48 @@ TEST_F(SnmpRelayTest, WithoutANullDeviceThereIsNoProcess) {
   EXPECT_EQ(*last_process, 0);
 }
 
+// What a user has on the way between processes is limited by what each may have open.
+TEST_F(SnmpRelayTest, TooManyDescriptorsOnTheirWayAreNoReasonToRunWithMoreRights) {
+  constexpr int kLimit = 200;
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+  char control[CMSG_SPACE(sizeof(int) * kLimit)] = {};
+  char byte = 0;
+  iovec part = {&byte, 1};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  cmsghdr *header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int) * kLimit);
+  for (int i = 0; i < kLimit; i++) {
+    memcpy(CMSG_DATA(header) + static_cast<size_t>(i) * sizeof(int), &ends[0], sizeof(int));
+  }
+  ASSERT_EQ(sendmsg(ends[0], &message, 0), 1);
+  ASSERT_EQ(sendmsg(ends[0], &message, 0), 1);
+
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few = {kLimit, before.rlim_max};
+  __user_cap_header_struct capabilities = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct had[_LINUX_CAPABILITY_U32S_3] = {};
+  ASSERT_EQ(syscall(SYS_capget, &capabilities, had), 0);
+  __user_cap_data_struct less[_LINUX_CAPABILITY_U32S_3];
+  memcpy(less, had, sizeof(had));
+  less[0].effective &= ~(1U << CAP_SYS_RESOURCE | 1U << CAP_SYS_ADMIN);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  ASSERT_EQ(syscall(SYS_capset, &capabilities, less), 0);
+  const std::string log = LoggedByStart(-1);
+  EXPECT_EQ(syscall(SYS_capset, &capabilities, had), 0);
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(log, "agent: Can't start the SNMP side: Too many references: cannot splice\n");
+}
+
 // ---- Its end
 
 TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
