@@ -160,6 +160,19 @@ TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
   kill(*last_process, SIGKILL);
 }
 
+TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {
+  at_birth = [] {
+    const pid_t starter = getppid();
+    kill(starter, SIGKILL);
+    while (getppid() == starter) {
+      usleep(1000);
+    }
+  };
+  const std::string log = LoggedByStart(-1);
+  EXPECT_EQ(log, "agent: Can't start the SNMP side: its starter has ended\n");
+  EXPECT_TRUE(SnmpFailed());
+}
+
 // A process that would have the agent's own standard descriptors is none.
 TEST_F(SnmpRelayTest, WithoutANullDeviceThereIsNoProcess) {
   const std::string path = directory_ + "/socket";
