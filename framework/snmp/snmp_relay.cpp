@@ -193,6 +193,7 @@ std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::s
       return unable_.empty() || MayPass(unable_error_) ? Begun::kFailed : Begun::kUnable;
     }
   }
+  begun_ = true;
   return Begun::kRuns;
 }
 
@@ -291,11 +292,13 @@ void SnmpRelay::StarterReady() {
       unable_ = strerror(number);
       unable_error_ = number;
       Gone(nullptr);
-    } else if (type == FrameType::kEnded && !stopping_ && !restarts_.Often() && finder_) {
-      const std::string how = why_gone_ != nullptr ? why_gone_ : HowItEnded(number);
-      agentlog_fprintf(stderr, "%s: The SNMP process has ended (%s); starting another\n",
-                       AgentName(), how.c_str());
-      why_gone_ = nullptr;
+    } else if (type == FrameType::kEnded) {
+      const char *why = std::exchange(why_gone_, nullptr);
+      if (begun_ && !stopping_ && !restarts_.Often()) {
+        const std::string how = why != nullptr ? why : HowItEnded(number);
+        agentlog_fprintf(stderr, "%s: The SNMP process has ended (%s); starting another\n",
+                         AgentName(), how.c_str());
+      }
     }
   }
   if (got == FrameSocket::Got::kEnd) {

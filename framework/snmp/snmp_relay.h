@@ -115,6 +115,7 @@ class SnmpRelay {
   FrameSocket child_;
   bool has_child_ = false;
   bool ready_ = false;  // it has no rights and serves
+  bool begun_ = false;  // the first one has served: after its end there is another
   std::string unable_;  // why it could not be started
   int unable_error_ = 0;
   const char *why_gone_ = nullptr;  // where we ended it

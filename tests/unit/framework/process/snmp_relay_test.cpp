@@ -160,6 +160,20 @@ TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
   kill(*last_process, SIGKILL);
 }
 
+// Nothing is started again where there is no agent yet.
+TEST_F(SnmpRelayTest, AProcessThatEndsAtOnceIsAFailure) {
+  // Somebody holds its channel, so that its end is told first.
+  at_birth = [] {
+    if (_Fork() == 0) {
+      usleep(300'000);
+    }
+    _exit(3);
+  };
+  const std::string log = LoggedByStart(-1);
+  EXPECT_EQ(log, "agent: Can't start the SNMP side: it ends at once\n");
+  EXPECT_TRUE(SnmpFailed());
+}
+
 TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {
   at_birth = [] {
     const pid_t starter = getppid();
