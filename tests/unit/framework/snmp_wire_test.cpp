@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <random>
+#include <sstream>
 
 #include "framework/snmp/image_ring.h"
 #include "framework/snmp/snmp_starter.h"
@@ -267,6 +270,23 @@ TEST_F(Ring, CannotBeMappedForWritingOrResized) {
     EXPECT_NE(ftruncate(fd, 0), 0);
     EXPECT_NE(ftruncate(fd, 1 << 30), 0);
   }
+}
+
+// A child that the agent forks, and that lives on, must not keep the memory of a ring that is gone.
+TEST_F(Ring, IsNotHandedToChildren) {
+  const auto mapped = [] {
+    std::stringstream maps;
+    maps << std::ifstream("/proc/self/maps").rdbuf();
+    return maps.str().find("/memfd:vexhostd ") != std::string::npos;
+  };
+  EXPECT_TRUE(mapped());
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(mapped() ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 // ---- Frames
