@@ -4,8 +4,8 @@
 
 namespace vex {
 
-// Closes every descriptor from that number on but two, -1 for none. Takes neither a lock nor memory:
-// it is for children of a process that has threads.
+// Closes every descriptor from that number on but two, -1 for none. Takes neither a lock nor
+// memory: it is for children of a process that has threads.
 void CloseOthers(int from, int kept, int other = -1);
 
 }  // namespace vex

@@ -40,6 +40,8 @@ constexpr seconds kSilence{10};
 constexpr size_t kMuchUnread = size_t{256} << 10;
 // At one go, while the agent thread may wait to publish.
 constexpr int kImagesAtOnce = 64;
+// Taken at one go: it may write as fast as we read.
+constexpr int kFramesAtOnce = 256;
 // As the process itself keeps to.
 constexpr size_t kMostSets = 64;
 constexpr size_t kMostParts = 16;
@@ -249,6 +251,7 @@ void SnmpRelay::Gone(const char *why) {
   has_child_ = false;
   ready_ = false;
   why_gone_ = why != nullptr ? why : why_gone_;
+  Try([this] { TakeLastWords(); });
   child_.Close();
   side.up = false;
   {
@@ -281,6 +284,24 @@ void SnmpRelay::Gone(const char *why) {
 
 // ---- What comes in
 
+// What it has said before its end and nobody has read: what the master has taken is not to be sent
+// again, and the log not to lack the reason.
+void SnmpRelay::TakeLastWords() {
+  std::string_view bytes;
+  for (int i = 0; i < kFramesAtOnce; i++) {
+    if (child_.Receive(&bytes, nullptr) != FrameSocket::Got::kFrame) {
+      return;
+    }
+    FrameReader frame(bytes);
+    const auto type = frame.Take<FrameType>();
+    if (type == FrameType::kNotified) {
+      TakeNotified(frame.Take<uint64_t>());
+    } else if (type == FrameType::kLog) {
+      TakeLog(frame.TakeText());
+    }
+  }
+}
+
 void SnmpRelay::StarterReady() {
   std::string_view bytes;
   FrameSocket::Got got;
@@ -312,8 +333,7 @@ void SnmpRelay::ChildReady() {
     return;
   }
   std::string_view bytes;
-  // Bounded: it may write as fast as we read.
-  for (int i = 0; i < 256 && has_child_; i++) {
+  for (int i = 0; i < kFramesAtOnce && has_child_; i++) {
     const FrameSocket::Got got = child_.Receive(&bytes, nullptr);
     if (got == FrameSocket::Got::kNone) {
       return;

@@ -93,6 +93,7 @@ class SnmpRelay {
   void AddSetPart(uint64_t id, Clock::time_point deadline, FrameReader *frame);
   void TakeAnswer(FrameReader *frame);
   void TakeLog(std::string_view text);
+  void TakeLastWords();
   void Hostile();
   void Send(const FrameWriter &frame, std::span<const int> descriptors = {});
 

@@ -114,8 +114,8 @@ int RunOneSet(uint8_t phase, SetItem &item) {
   return set_handler ? set_handler(phase, item) : 0;
 }
 
-// With VEX_SNMP_PROCESS=1 the SNMP side is a process of its own, for which it takes root and the user.
-// Without, it is a thread, as for whoever lacks one of them.
+// With VEX_SNMP_PROCESS=1 the SNMP side is a process of its own, for which it takes root and the
+// user. Without, it is a thread, as for whoever lacks one of them.
 class SnmpUserIfWanted : public SnmpUserHere {
  public:
   static bool Wanted() {

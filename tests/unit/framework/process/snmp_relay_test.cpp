@@ -20,8 +20,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -96,12 +99,15 @@ void Born() {
   }
 }
 
+// The agent's side of the SNMP process stands still while told to.
+std::atomic<bool> hold{false};
+std::atomic<bool> held{false};
+
 class SnmpRelayTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    last_process =
-        new (mmap(nullptr, sizeof(*last_process), PROT_READ | PROT_WRITE,
-                  MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<pid_t>;
+    last_process = new (mmap(nullptr, sizeof(*last_process), PROT_READ | PROT_WRITE,
+                             MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<pid_t>;
     ASSERT_EQ(pthread_atfork(nullptr, nullptr, Born), 0);
   }
   void SetUp() override {
@@ -117,6 +123,8 @@ class SnmpRelayTest : public testing::Test {
   }
   void TearDown() override {
     starved = 0;
+    hold = false;
+    SnmpSetTick(nullptr, 0);
     SnmpStop();
     EXPECT_EQ(system(("rm -rf " + directory_).c_str()), 0);
   }
@@ -151,8 +159,9 @@ TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
   {
     SnmpSettings settings;
     SnmpRelay relay;
-    EXPECT_EQ(relay.Begin("vexhostd", kUser, Clock::now() + std::chrono::seconds(3), &settings, &why),
-              SnmpRelay::Begun::kFailed);
+    EXPECT_EQ(
+        relay.Begin("vexhostd", kUser, Clock::now() + std::chrono::seconds(3), &settings, &why),
+        SnmpRelay::Begun::kFailed);
   }
   EXPECT_EQ(why, "it is not ready after a minute");
   // It was stopped before it could see to its own end.
@@ -274,14 +283,66 @@ TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
   EXPECT_EQ(got, kFlood);
 }
 
+// What it has said before its end counts, also where the agent finds the end by what it has to say
+// itself.
+TEST_F(SnmpRelayTest, WhatTheMasterHasTakenIsNotSentAgain) {
+  StartWithMaster();
+  const pid_t process = *last_process;
+  // Stopped, it takes a few of them.
+  ASSERT_EQ(kill(process, SIGSTOP), 0);
+  constexpr uint32_t kMany = 16;
+  for (uint32_t i = 1; i <= kMany; i++) {
+    Notification notification;
+    notification.number = i;
+    notification.description = std::string(30000, 'x');
+    SnmpNotify(std::move(notification));
+  }
+  // Behind them, and so they are under way.
+  SnmpSetTick(
+      [] {
+        held = true;
+        while (hold) {
+          std::this_thread::sleep_for(milliseconds(1));
+        }
+      },
+      10);
+  std::this_thread::sleep_for(milliseconds(100));
+  hold = true;
+  held = false;
+  for (int i = 0; i < 3000 && !held; i++) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  ASSERT_TRUE(held);
+  ASSERT_EQ(kill(process, SIGCONT), 0);
+  std::optional<AgentxPacket> first = master_->Receive();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->Bindings().at(0).object_id.back(), 1U);
+  master_->Answer(*first);
+  // The process tells of the one before it answers the other.
+  while (master_->Receive(300)) {
+  }
+  ASSERT_TRUE(master_->Ask(master_->Get({{1, 3, 6, 1, 4, 1, 4891}})));
+  ASSERT_EQ(kill(process, SIGKILL), 0);
+  ASSERT_TRUE(master_->HungUp(3000));
+  hold = false;
+  master_->Disconnect();
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  for (uint32_t i = 2; i <= kMany; i++) {
+    std::optional<AgentxPacket> packet = master_->Receive();
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), i);
+    master_->Answer(*packet);
+  }
+}
+
 // ---- Want of memory
 
 pid_t RelayThread() {
   pid_t found = 0;
-  for (pid_t tid = gettid() + 1; found == 0 && tid < gettid() + 1000; tid++) {
+  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::string name;
-    std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm") >> name;
-    found = name == "snmp" ? tid : 0;
+    std::ifstream(task.path() / "comm") >> name;
+    found = name == "snmp" ? std::stoi(task.path().filename()) : found;
   }
   return found;
 }
