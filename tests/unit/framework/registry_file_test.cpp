@@ -20,6 +20,7 @@
 
 #include "framework/registry/directory_lock.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_format.h"
 #include "tests/unit/framework/temp_registry.h"
 
 namespace vex {
@@ -276,6 +277,117 @@ TEST_F(RegistryFile, RandomBytesBehindTheMagicReadAsAbsent) {
     EXPECT_EQ(Value("stdeq/misc"), -1);
   }
   printf("%d malformed\n", kTries);
+}
+
+// Somebody who can write the file can make its checksums right as well: each offset and size is
+// looked at all the same. Slot 0 stays the whole state that it is.
+class LyingFile : public RegistryFile {
+ protected:
+  void SetUp() override {
+    ObjectFileWriter writer = Writer("stdeq/misc");
+    ASSERT_EQ(Publish(writer, 1), 0);
+    whole_ = ReadBytes(registry_.Path("stdeq/misc"));
+    header_ = Load<FileHeader>(whole_.data());
+    for (size_t i = 0; i < 3; i++) {
+      table_[i] = Load<FileDescriptor>(&whole_[Entry(i)]);
+    }
+  }
+  static size_t Entry(size_t i) {
+    return sizeof(FileHeader) + i * sizeof(FileDescriptor);
+  }
+
+  // The file with this header, these descriptors and this length of the second variable, and
+  // checksums that fit.
+  int Value(FileHeader header, const FileDescriptor (&table)[3], char name_begins = 'e',
+            uint16_t length = 33) {
+    std::vector<uint8_t> bytes = whole_;
+    for (size_t i = 0; i < 3; i++) {
+      Store(&bytes[Entry(i)], table[i]);
+    }
+    bytes[Entry(3)] = static_cast<uint8_t>(name_begins);
+    header.checksum = 0;
+    Store(bytes.data(), header);
+    header.checksum = RegistryChecksum(bytes.data(), header_.slots_offset, 0);
+    Store(bytes.data(), header);
+    uint8_t *slot = &bytes[header_.slots_offset];
+    uint8_t *lengths = slot + sizeof(SlotHeader);
+    Store(lengths + 2, length);
+    auto stamp = Load<SlotHeader>(slot);
+    stamp.checksum = 0;
+    Store(slot, stamp);
+    const uint64_t stamped = RegistryChecksum(slot, sizeof(SlotHeader), header.checksum);
+    stamp.checksum = RegistryChecksum(lengths, header_.slot_size - sizeof(SlotHeader), stamped);
+    Store(slot, stamp);
+    WriteBytes(registry_.Path("stdeq/misc"), bytes);
+    return RegistryFile::Value("stdeq/misc");
+  }
+
+  std::vector<uint8_t> whole_;
+  FileHeader header_ = {};
+  FileDescriptor table_[3] = {};
+};
+
+TEST_F(LyingFile, IsReadWhereItDoesNotLie) {
+  EXPECT_EQ(Value(header_, table_), 1);
+  EXPECT_EQ(Value(header_, table_, 'E'), 1);
+  EXPECT_EQ(Value(header_, table_, '\0'), -1) << "a name that ends before its length";
+  EXPECT_EQ(Value(header_, table_, 'e', 34), -1) << "a value that is longer than its variable";
+}
+
+TEST_F(LyingFile, NoSizeOfTheHeaderIsBelieved) {
+  const std::function<void(FileHeader &)> kLies[] = {
+      [](FileHeader &h) { h.magic[7] = '\r'; },
+      [](FileHeader &h) { h.version = 2; },
+      [](FileHeader &h) { h.var_count = kMaxVariables + 1; },
+      [](FileHeader &h) { h.var_count = UINT32_MAX; },
+      [](FileHeader &h) { h.data_size = kMaxData + 1; },
+      [](FileHeader &h) { h.data_size = UINT32_MAX; },
+      [](FileHeader &h) { h.names_size = kMaxFile + 1; },
+      [](FileHeader &h) { h.names_size = UINT32_MAX; },
+      [](FileHeader &h) { h.names_size += 8; },
+      [](FileHeader &h) { h.slots_offset += 8; },
+      // Which fit each other, and end behind the file.
+      [](FileHeader &h) { h.names_size += kMaxFile / 2, h.slots_offset += kMaxFile / 2; },
+      [](FileHeader &h) { h.slots_offset = UINT32_MAX; },
+      [](FileHeader &h) { h.slot_size -= 8; },
+      [](FileHeader &h) { h.slot_size += 8; },
+      [](FileHeader &h) { h.slot_size = UINT32_MAX; },
+  };
+  for (const auto &lie : kLies) {
+    FileHeader header = header_;
+    lie(header);
+    EXPECT_EQ(Value(header, table_), -1) << "lie " << &lie - kLies;
+  }
+  printf("%zu malformed\n", std::size(kLies));
+}
+
+TEST_F(LyingFile, NoDescriptorIsBelieved) {
+  const std::function<void(FileDescriptor &)> kLies[] = {
+      [](FileDescriptor &d) { d.offset = kDataSize + 1; },
+      [](FileDescriptor &d) { d.offset = kDataSize - d.size + 1; },
+      [](FileDescriptor &d) { d.offset = UINT32_MAX; },
+      [](FileDescriptor &d) { d.size = kDataSize + 1; },
+      [](FileDescriptor &d) { d.size = UINT32_MAX; },
+      [](FileDescriptor &d) { d.name_length = kMaxVariableName + 1; },
+      [](FileDescriptor &d) { d.name_length = UINT16_MAX; },
+      [this](FileDescriptor &d) { d.name_offset = header_.names_size + 1; },
+      [this](FileDescriptor &d) { d.name_offset = header_.names_size - d.name_length + 1; },
+      [](FileDescriptor &d) { d.name_offset = UINT32_MAX; },
+      [](FileDescriptor &d) { d.type = 4; },
+      [](FileDescriptor &d) { d.type = UINT8_MAX; },
+      // No longer an integer's size, and none for a slot without a variable.
+      [](FileDescriptor &d) { d.type = 1, d.size = 5; },
+      [](FileDescriptor &d) { d.type = 0; },
+  };
+  for (size_t i = 0; i < 3; i++) {
+    for (const auto &lie : kLies) {
+      FileDescriptor table[3];
+      std::copy_n(table_, 3, table);
+      lie(table[i]);
+      EXPECT_EQ(Value(header_, table), -1) << "variable " << i << ", lie " << &lie - kLies;
+    }
+  }
+  printf("%zu malformed\n", 3 * std::size(kLies));
 }
 
 TEST_F(RegistryFile, OnlyRegularFilesBelowTheRootAreRead) {
