@@ -12,11 +12,19 @@ if(NOT CMAKE_INSTALL_PREFIX STREQUAL "")
   get_filename_component(VEX_PREFIX "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
 endif()
 
-# The agent's run path has a prefix in it (vex_relative).
-if(IS_ABSOLUTE "${VEX_SBINDIR}" AND NOT IS_ABSOLUTE "${VEX_LIBDIR}" AND NOT VEX_PREFIX STREQUAL VEX_BUILT_FOR)
-  message(FATAL_ERROR "CMAKE_INSTALL_SBINDIR is absolute and CMAKE_INSTALL_LIBDIR is not: the agent would "
-    "look for its libraries below ${VEX_BUILT_FOR}. Configure with -DCMAKE_INSTALL_PREFIX=${VEX_PREFIX}, or "
-    "with both of a kind.")
+# The agent's run path (vex_relative) and what vexreg finds from its place have the configured prefix in
+# them where one is absolute and another is not.
+set(kinds)
+foreach(directory "${VEX_BINDIR}" "${VEX_SBINDIR}" "${VEX_LIBDIR}")
+  cmake_path(IS_ABSOLUTE directory kind)
+  list(APPEND kinds ${kind})
+endforeach()
+list(REMOVE_DUPLICATES kinds)
+list(LENGTH kinds kinds)
+if(kinds GREATER 1 AND NOT VEX_PREFIX STREQUAL VEX_BUILT_FOR)
+  message(FATAL_ERROR "Of CMAKE_INSTALL_BINDIR, SBINDIR and LIBDIR some are absolute and some are not: the "
+    "programs would look for each other below ${VEX_BUILT_FOR}. Configure with "
+    "-DCMAKE_INSTALL_PREFIX=${VEX_PREFIX}, or with all of a kind.")
 endif()
 
 # vex_place(VARIABLE DIRECTORY): the directory's path on the machine.
@@ -29,12 +37,11 @@ function(vex_place variable directory)
   set(${variable} "${directory}" PARENT_SCOPE)
 endfunction()
 
-# vex_unit_word(VARIABLE TEXT): the text as a unit has it as one word.
+# vex_unit_word(VARIABLE TEXT): the text as a unit has it as one word. A program whose path has a quote or a
+# backslash in it systemd starts in no way.
 function(vex_unit_word variable text)
-  string(REPLACE "\\" "\\\\" text "${text}")
-  string(REPLACE "\"" "\\\"" text "${text}")
   string(REPLACE "%" "%%" text "${text}")
-  if(text MATCHES "[ \t\"'\\\\]")
+  if(text MATCHES "[ \t]")
     set(text "\"${text}\"")
   endif()
   set(${variable} "${text}" PARENT_SCOPE)
