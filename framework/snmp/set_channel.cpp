@@ -261,7 +261,9 @@ void SetChannel::Serve(SetRunner run) {
   uint64_t count;
   (void)!read(fd_, &count, sizeof(count));
   std::unique_lock lock(mutex_);
-  while (!queue_.empty()) {
+  // Those that come meanwhile are the next round's, and have woken the agent for it: a round ends
+  // with the latest deadline in it.
+  for (size_t left = queue_.size(); left > 0 && !queue_.empty(); left--) {
     std::shared_ptr<QueuedSet> transaction = std::move(queue_.front());
     queue_.pop_front();
     ServeOne(lock, *transaction, run);

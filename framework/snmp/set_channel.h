@@ -33,8 +33,9 @@ using SetRunner = int (*)(uint8_t phase, SetItem &item);
 
 // Becomes readable when ServeSets() has work; owned by the channel.
 int SetChannelFd();
-// Runs what is queued: the checks of a request, then, held until its deadline at the latest, its
-// apply. Called from the main loop, never while a hook runs.
+// Runs what is queued by now: the checks of a request, then, held until its deadline at the latest,
+// its apply. What is queued meanwhile waits for the next call, so that whoever sets without end
+// holds up no poll. Called from the main loop, never while a hook runs.
 void ServeSets(SetRunner run);
 // Sets are refused from now on (before the clean-up).
 void CloseSets();

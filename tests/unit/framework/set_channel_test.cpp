@@ -290,6 +290,33 @@ TEST_F(SetChannelTest, SetsWaitForOneAnother) {
   channel_.Release(*two);
 }
 
+// Whoever asks again before the last one's deadline does not keep the agent thread from its polls.
+TEST_F(SetChannelTest, SetsWithoutEndAreServedInRounds) {
+  constexpr milliseconds kPatience{700};
+  std::atomic<bool> back{false};
+  channel_.AddPart(*channel_.Begin(Clock::now() + kPatience), {Item(1)});
+  const Clock::time_point start = Clock::now();
+  std::thread asking([&] {
+    // The end is for a round that would not end.
+    for (int i = 1; !back && i < 40; i++) {
+      if (i % 5 == 0) {
+        channel_.AddPart(*channel_.Begin(Clock::now() + kPatience), {Item(1)});
+      }
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+  });
+  channel_.Serve(RunOne);
+  back = true;
+  EXPECT_LT(Clock::now() - start, milliseconds(2000));
+  asking.join();
+  // What came meanwhile is the next round's, and has woken the agent for it.
+  const int before = checks;
+  pollfd entry = {channel_.Fd(), POLLIN, 0};
+  EXPECT_EQ(poll(&entry, 1, 0), 1);
+  channel_.Serve(RunOne);
+  EXPECT_GT(checks, before);
+}
+
 TEST_F(SetChannelTest, ClosedChannelDecidesNothing) {
   auto before = Begin();
   int part = channel_.AddPart(*before, {Item(1)});
