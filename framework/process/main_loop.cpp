@@ -29,7 +29,8 @@ namespace vex {
 namespace {
 
 // ---- Signals: their handlers set flags, and the loop acts on them between hooks. They are blocked
-// except while waiting and while a hook runs: a command that a hook starts inherits the mask.
+// except while waiting, while sets are served, which may wait too, and while a hook runs: a command
+// that a hook starts inherits the mask.
 
 volatile sig_atomic_t alarm_came;
 volatile sig_atomic_t hangup_came;
@@ -101,19 +102,36 @@ void PrepareSignals() {
 
 std::atomic<int64_t> in_hook_since{0};
 
+// While there is one, none of our signals is blocked.
+class Interruptible {
+ public:
+  Interruptible() {
+    pthread_sigmask(SIG_SETMASK, &hook_mask, &before_);
+  }
+  ~Interruptible() {
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  Interruptible(const Interruptible &) = delete;
+  Interruptible &operator=(const Interruptible &) = delete;
+
+ private:
+  sigset_t before_;
+};
+
 class Hook {
  public:
   Hook() {
     in_hook_since = ClockNs();
     BeginQueries();
-    pthread_sigmask(SIG_SETMASK, &hook_mask, nullptr);
   }
   ~Hook() {
-    pthread_sigmask(SIG_SETMASK, &loop_mask, nullptr);
     in_hook_since = 0;
   }
   Hook(const Hook &) = delete;
   Hook &operator=(const Hook &) = delete;
+
+ private:
+  Interruptible interruptible_;
 };
 
 int RunSetAsHook(uint8_t phase, SetItem &item) {
@@ -174,6 +192,8 @@ void Loop() {
       ReopenLog();
     }
     if ((sets.revents & POLLIN) != 0) {
+      // A set is held for its apply. Nor does ppoll() take signals where there always is a set.
+      const Interruptible interruptible;
       ServeSets(RunSetAsHook);
     }
     if (agent_ending() == 0 && alarm_came != 0) {

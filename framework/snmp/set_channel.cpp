@@ -250,7 +250,7 @@ void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, QueuedSet &transac
       RunApply(lock, transaction, run);
     } else {
       // Held: the master turns to the apply at once, and it must not find the agent in a poll. A
-      // signal wakes nobody here, hence the slices.
+      // signal that says that the agent is to end is taken here but wakes nobody, hence the slices.
       changed_.wait_until(lock, std::min(transaction.deadline, Clock::now() + kSlice));
     }
   }

@@ -35,7 +35,8 @@ using SetRunner = int (*)(uint8_t phase, SetItem &item);
 int SetChannelFd();
 // Runs what is queued by now: the checks of a request, then, held until its deadline at the latest,
 // its apply. What is queued meanwhile waits for the next call, so that whoever sets without end
-// holds up no poll. Called from the main loop, never while a hook runs.
+// holds up no poll. Called from the main loop, never while a hook runs, with signals not blocked: it
+// ends soon once the agent is to end.
 void ServeSets(SetRunner run);
 // Sets are refused from now on (before the clean-up).
 void CloseSets();

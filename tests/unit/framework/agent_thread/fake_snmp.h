@@ -2,6 +2,7 @@
 #ifndef VEX_TESTS_UNIT_FRAMEWORK_AGENT_THREAD_FAKE_SNMP_H
 #define VEX_TESTS_UNIT_FRAMEWORK_AGENT_THREAD_FAKE_SNMP_H
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -36,6 +37,8 @@ struct FakeSnmp {
   int set_fd = -1;
   std::vector<SetItem> pending;
   std::vector<int> set_results;
+  // So long it then holds a set whose apply does not come, unless the agent is to end.
+  std::chrono::milliseconds hold{0};
 };
 FakeSnmp &TheFakeSnmp();
 
