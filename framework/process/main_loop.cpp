@@ -118,6 +118,7 @@ class Interruptible {
   sigset_t before_;
 };
 
+// Around a hook, and around what else waits for files: the watchdog sees either hang.
 class Hook {
  public:
   Hook() {
@@ -135,7 +136,7 @@ class Hook {
 };
 
 int RunSetAsHook(uint8_t phase, SetItem &item) {
-  Hook hook;
+  const Hook hook;
   return RunSet(phase, item);
 }
 
@@ -189,6 +190,7 @@ void Loop() {
     }
     if (hangup_came != 0) {
       hangup_came = 0;
+      const Hook hook;
       ReopenLog();
     }
     if ((sets.revents & POLLIN) != 0) {
@@ -198,10 +200,8 @@ void Loop() {
     }
     if (agent_ending() == 0 && alarm_came != 0) {
       alarm_came = 0;
-      {
-        Hook hook;
-        get_data();
-      }
+      const Hook hook;
+      get_data();
       RetryFiles();
       RetryUnsent();
     }
@@ -231,15 +231,18 @@ int Run(int argc, char **argv) {
 
   int result;
   {
-    Hook hook;
+    const Hook hook;
     result = init_agent(static_cast<int>(line.rest.size()) - 1, line.rest.data());
   }
   if (result != 0) {
     Insist(false);
     alarm(0);
     CloseSets();
-    delete_obj(&obj_Q, nullptr, 0);
-    RemoveDirectory();
+    {
+      const Hook hook;
+      delete_obj(&obj_Q, nullptr, 0);
+      RemoveDirectory();
+    }
     // A start that was told to end has not failed.
     const int status = agent_ending() != 0 ? 0 : 1;
     Leave(status);
@@ -247,6 +250,7 @@ int Run(int argc, char **argv) {
   }
   if (agent_ending() == 0) {
     alarm(static_cast<unsigned>(poll_time));
+    const Hook hook;
     RetryFiles();
   }
   if (agent_ending() == 0 && !SnmpFailed() && !ClaimRefused()) {
@@ -259,11 +263,11 @@ int Run(int argc, char **argv) {
   alarm(0);
   CloseSets();
   {
-    Hook hook;
+    const Hook hook;
     cleanup_agent();
+    delete_obj(&obj_Q, nullptr, 0);
+    RetryFiles();
   }
-  delete_obj(&obj_Q, nullptr, 0);
-  RetryFiles();
   // Without its SNMP side, or beside another agent, this one is of no use; it has said so.
   const int status = SnmpFailed() || ClaimRefused() ? 1 : 0;
   Leave(status);

@@ -77,6 +77,9 @@ bool SnmpUp() {
 }
 
 bool SnmpNothingWaiting() {
+  if (TheFakeSnmp().asked_what_waits != nullptr) {
+    TheFakeSnmp().asked_what_waits();
+  }
   return true;
 }
 

@@ -25,6 +25,7 @@ struct FakeSnmp {
   std::map<uint64_t, std::shared_ptr<const Image>> served;
   int publications = 0;
   std::vector<Notification> notifications;
+  void (*asked_what_waits)() = nullptr;  // called when somebody wants to know
   void (*tick)() = nullptr;
   int tick_ms = 0;
   // The next query's answer and what was asked.

@@ -531,6 +531,57 @@ TEST_F(MainLoop, AnUnwrittenFileIsWrittenAfterAPoll) {
   EXPECT_EQ(Status(), 0);
 }
 
+// What the framework itself does after a hook may hang with its file system as the hook may: the
+// watchdog counts it, and the agent is told to end meanwhile.
+TEST_F(MainLoop, FilesAreRetriedAsPartOfTheHook) {
+  static const MainLoop *self;
+  self = this;
+  static auto say = [](const std::string &what) {
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    self->Say(what + (InHookSince() != 0 ? " in hook" : " outside") +
+              (sigismember(&mask, SIGTERM) != 0 ? ", deaf" : ""));
+  };
+  static registry_object *object;
+  static std::string file;
+  file = registry_.Path("host/memory");
+  static auto fail_once = [] {
+    fs::remove(file);
+    fs::create_directories(file);
+    log_data(object);
+    fs::remove(file);
+  };
+  hooks_.init = [](int, char **) {
+    SetLogSink([](const char *text, size_t length) {
+      if (std::string_view(text, length).find("written again") != std::string_view::npos) {
+        say("written");
+      }
+      return static_cast<int>(length);
+    });
+    init_snmp_appname("exampled");
+    object = create_obj(&obj_Q, get_id(), file.c_str(), 0, 4, 0);
+    fail_once();
+    return 0;
+  };
+  hooks_.poll = [] {
+    TheFakeSnmp().asked_what_waits = [] {
+      TheFakeSnmp().asked_what_waits = nullptr;
+      say("traps");
+    };
+    fail_once();
+    return 0;
+  };
+  hooks_.clean_up = [] { return 0; };
+  Start();
+  EXPECT_EQ(Next(), "written in hook");
+  Signal(SIGALRM);
+  EXPECT_EQ(Next(), "written in hook");
+  EXPECT_EQ(Next(), "traps in hook");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
 // The agent does not act on the result of init_snmp_appname(); the loop does.
 TEST_F(MainLoop, EndsWhenTheSnmpSideCannotStart) {
   hooks_.init = [&](int, char **) {
