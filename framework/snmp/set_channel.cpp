@@ -32,6 +32,7 @@ class QueuedSet final : public SetTransaction, public std::enable_shared_from_th
   Stage stage = Stage::kChecking;
   bool cancelled = false;  // seen by the agent thread between two handlers
   bool in_queue = false;   // waiting for, or with, the agent thread
+  bool settled = false;    // the handler that runs was told that it is wanted to the last
 
   bool Refused() const {
     for (const Part &part : parts) {
@@ -44,6 +45,8 @@ class QueuedSet final : public SetTransaction, public std::enable_shared_from_th
 };
 
 constexpr std::chrono::milliseconds kSlice{50};
+// What a handler has at most to return in, once all that takes time is done.
+constexpr std::chrono::milliseconds kReturn{200};
 
 using Phase = QueuedSet::Phase;
 using Stage = QueuedSet::Stage;
@@ -164,7 +167,9 @@ SetChannel::ApplyResult SetChannel::ApplyOf(SetTransaction &set, int part) {
   if (p.apply != Apply::kPending) {
     return {p.apply, p.failed_item};
   }
-  if (transaction.stage != Stage::kEnded && Clock::now() >= transaction.deadline) {
+  const Clock::time_point until =
+      transaction.deadline + (transaction.settled ? kReturn : Clock::duration::zero());
+  if (transaction.stage != Stage::kEnded && Clock::now() >= until) {
     transaction.cancelled = true;
     if (transaction.stage != Stage::kApplying) {
       transaction.stage = Stage::kEnded;
@@ -213,13 +218,17 @@ void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, QueuedSet &transac
   for (size_t part = 0; part < transaction.parts.size(); part++) {
     QueuedSet::Part &p = transaction.parts[part];
     for (size_t i = 0; i < p.items.size() && !failed; i++) {
-      // Nothing is applied for a manager that was told of a failure, nor past the deadline.
+      // Nothing is begun for a manager that was told of a failure, nor past the deadline; a handler
+      // that takes its time asks Wanted().
       if (transaction.cancelled || Clock::now() >= transaction.deadline) {
         failed = true;
       } else {
+        applying_ = &transaction;
         lock.unlock();
         failed = run(SET_APPLY, p.items[i]) != 0;
         lock.lock();
+        applying_ = nullptr;
+        transaction.settled = false;
       }
       if (failed) {
         p.failed_item = static_cast<int>(i);
@@ -270,6 +279,18 @@ void SetChannel::Serve(SetRunner run) {
   }
 }
 
+bool SetChannel::Wanted(bool last) {
+  std::lock_guard lock(mutex_);
+  if (applying_ == nullptr || applying_->settled) {
+    return true;
+  }
+  if (applying_->cancelled || Clock::now() >= applying_->deadline) {
+    return false;
+  }
+  applying_->settled = last;
+  return true;
+}
+
 void SetChannel::Close() {
   std::lock_guard lock(mutex_);
   closed_ = true;
@@ -297,6 +318,10 @@ void ServeSets(SetRunner run) {
 
 void CloseSets() {
   Sets().Close();
+}
+
+bool SetWanted(bool last) {
+  return Sets().Wanted(last);
 }
 
 }  // namespace vex

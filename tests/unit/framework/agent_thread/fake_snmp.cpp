@@ -124,6 +124,10 @@ void CloseSets() {
   TheFakeSnmp().sets_closed = true;
 }
 
+bool SetWanted(bool) {
+  return TheFakeSnmp().wanted;
+}
+
 // ---- The MIB
 
 namespace {

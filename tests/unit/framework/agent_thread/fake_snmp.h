@@ -40,6 +40,7 @@ struct FakeSnmp {
   std::vector<int> set_results;
   // So long it then holds a set whose apply does not come, unless the agent is to end.
   std::chrono::milliseconds hold{0};
+  bool wanted = true;  // the set that is applied
 };
 FakeSnmp &TheFakeSnmp();
 
