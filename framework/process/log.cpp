@@ -12,8 +12,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 
+#include "framework/process/clock.h"
 #include "framework/process/trusted_link.h"
 #include "platform/framework.h"
 
@@ -46,10 +48,17 @@ int OpenForAppending(const char *path) {
   return fd < 0 && errno == ELOOP && IsOurLink(path) ? open(path, kFlags, 0600) : fd;
 }
 
-// Whether a pipe or socket takes something within the limit; other files always do.
+// Whether a pipe or socket takes something within the limit; other files always do. Where that
+// cannot be asked (a process without a single descriptor left may not), writing shows it.
 bool TakesMore(int fd, int limit_ms) {
+  const Clock::time_point until = Clock::now() + std::chrono::milliseconds(limit_ms);
   pollfd asked = {fd, POLLOUT, 0};
-  return poll(&asked, 1, limit_ms) != 0;
+  int ready;
+  while ((ready = poll(&asked, 1, limit_ms)) < 0 && errno == EINTR) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+    limit_ms = std::max(static_cast<int>(left.count()), 0);
+  }
+  return ready != 0;
 }
 
 // Who reads standard error may hang, and must not hold up the agent: the first message that is not
