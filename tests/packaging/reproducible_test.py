@@ -1,9 +1,11 @@
 """The packages once more: the source package from a copy of the tree with other times and modes, and
 from that source package the others, by dpkg-buildpackage itself, in another folder, at another time,
 with another umask, locale, time zone, home and number of processes, and without a compiler's cache.
-They are the same bit for bit.
+They are the same bit for bit. Both are built with the same packages installed: where SUITE has a build
+root (scripts/build-packages-in), in that; else on this machine. (Another kernel's headers alone change
+a compiler's debugging information: how often it collects garbage shows in its location lists.)
 
-usage: reproducible_test.py SOURCE PACKAGES WORK
+usage: reproducible_test.py SOURCE PACKAGES WORK [SUITE]
 """
 
 import filecmp
@@ -13,7 +15,8 @@ import shutil
 import subprocess
 import sys
 
-SOURCE, PACKAGES, WORK = (os.path.abspath(path) for path in sys.argv[1:])
+SOURCE, PACKAGES, WORK = (os.path.abspath(path) for path in sys.argv[1:4])
+SUITE = sys.argv[4] if len(sys.argv) > 4 else None
 # Its letters are sorted and changed to capitals otherwise than anywhere else.
 LOCALE = "tr_TR.UTF-8"
 
@@ -61,8 +64,15 @@ def main():
     [dsc] = glob.glob(PACKAGES + "/*.dsc")
     subprocess.run(["dpkg-source", "-x", dsc, unpacked], check=True, stdout=subprocess.DEVNULL)
     with open(WORK + "/log", "w", encoding="utf-8") as log:
-        subprocess.run(["dpkg-buildpackage", "--no-sign", "--build=binary"], check=True,
-                       cwd=unpacked, env=environment, stdout=log, stderr=log)
+        build = ["dpkg-buildpackage", "--no-sign", "--build=binary"]
+        if SUITE:
+            # What is this directory here is /packages there.
+            settings = [f"{name}={value.replace(WORK, '/packages')}"
+                        for name, value in environment.items() if value != os.environ.get(name)]
+            build = [f"{SOURCE}/scripts/build-packages-in", SUITE, WORK, "env",
+                     "--chdir=/packages" + unpacked.removeprefix(WORK), *settings, *build]
+        subprocess.run(build, check=True, cwd=unpacked, env=None if SUITE else environment,
+                       stdout=log, stderr=log)
     assert len(names(PACKAGES, ".deb")) >= 3
     bad += different(os.path.dirname(unpacked), ".deb")
     assert not bad, f"{bad} differ; compare {PACKAGES} and {WORK}"
