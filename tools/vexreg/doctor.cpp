@@ -266,7 +266,7 @@ class Examination {
     const Descriptor directory(
         root ? OpenBeneath(root.get(), name, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
     facts.error = directory ? 0 : errno;
-    facts.holder = directory ? LockHolder(directory.get()) : std::nullopt;
+    facts.holder = directory ? DirectoryHolder(directory.get()) : std::nullopt;
     for (const ProcessFact &agent : agent_) {
       facts.agents.push_back(agent.pid);
     }
