@@ -748,8 +748,11 @@ registry_object *get_obj(const char *path) {
     }
     const std::string &root = RegistryRootPath();
     const std::optional<std::string> relative = ResolveObjectName(path, root);
-    const std::optional<FileObject> file =
-        relative ? ReadObjectFile(*relative, root) : std::nullopt;
+    if (!relative) {
+      errno = EXDEV;
+      return nullptr;
+    }
+    const std::optional<FileObject> file = ReadObjectFile(*relative, root);
     if (!file) {
       return nullptr;
     }
