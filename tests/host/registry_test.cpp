@@ -288,6 +288,16 @@ TEST_F(Lost, TheRoot) {
   ExpectAllAfterAPoll();
 }
 
+TEST_F(Lost, ARootInWhosePlaceAFileStands) {
+  host_.Remove(MadeUpHost::kRegistry);
+  host_.File(MadeUpHost::kRegistry, "no directory");
+  ASSERT_TRUE(host_.daemon.Poll());
+  EXPECT_TRUE(host_.daemon.WaitLog(": Not a directory (values are served; trying again)"));
+  EXPECT_EQ(host_.daemon.Count("Can't write registry file"), 1U) << host_.daemon.Log();
+  host_.Remove(MadeUpHost::kRegistry);
+  ExpectAllAfterAPoll();
+}
+
 TEST_F(Lost, ARootThatIsMovedAway) {
   ASSERT_EQ(rename("/var/spool/quorix/kelmo", "/var/spool/quorix/old"), 0);
   ExpectAllAfterAPoll();
