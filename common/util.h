@@ -55,8 +55,8 @@ inline int32_t clamp_int32(__int128 value) {
   return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
 }
 
-// Whether an error comes from want of descriptors or memory, or from the disk's bus, and so may pass;
-// a file system without writing does not.
+// Whether an error comes from want of descriptors or memory, or from the disk's bus, and so may
+// pass; a file system without writing does not.
 inline bool may_pass(int error) {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
 }
