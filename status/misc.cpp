@@ -382,7 +382,7 @@ static registry_object *create() {
 static void refresh(registry_object *misc) {
   misc_data *data = data_of(misc);
   data->poll_frequency = poll_time;
-  keep_guid(data->guid);
+  keep_guid(data->guid, data->guid_canonical, sizeof(data->guid_canonical));
   build_status_array(data->mib_status_array);
   build_health_array(data->mib_health_status_array);
   data->mib_condition = condition_for(read_thresholds());
