@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 
 #include "framework/process/log.h"
@@ -63,6 +65,15 @@ void LeaveStandardDescriptors() {
   }
 }
 
+// The configuration has been found by it; whoever takes the SNMP process over has no use for it,
+// but may find a secret there.
+void WipeEnvironment() {
+  for (char **entry = environ; entry != nullptr && *entry != nullptr; entry++) {
+    explicit_bzero(*entry, strlen(*entry));
+  }
+  clearenv();
+}
+
 int DropMessage(const char *, size_t length) {
   return static_cast<int>(length);
 }
@@ -87,6 +98,7 @@ class Starter {
     SetLogSink(DropMessage);
     LeaveStandardDescriptors();
     CloseOthers(channel_.Fd(), -1);
+    WipeEnvironment();
     if (const Failure failure = ConfineStarter(user_)) {
       const int error = errno;
       channel_.Send(FrameWriter(FrameType::kUnable).PutText(failure).Put(int32_t{error}));

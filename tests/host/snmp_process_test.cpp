@@ -239,6 +239,7 @@ TEST(SnmpProcess, HasNoRights) {
   EXPECT_EQ(Status(pid, "Threads"), "1");
   EXPECT_EQ(Status(StarterOf(host.daemon.pid()), "CapEff"),
             confined ? "00000000000000c0" : "00000000000001c0");
+  EXPECT_EQ(Status(StarterOf(host.daemon.pid()), "NoNewPrivs"), "1");
   // Three times nothing, its channel and the master.
   std::vector<std::string> files = OpenFiles(pid);
   EXPECT_EQ(files.size(), 5U);
@@ -448,7 +449,6 @@ TEST(SnmpProcess, ThatHangsIsReplaced) {
       << host.daemon.Log();
 }
 
-// What takes it over may tell the agent anything: it is replaced, and the agent goes on.
 // A line of its is one of the log's, and moves nobody's terminal.
 TEST(SnmpProcess, LogsNothingThatIsNotALineOfPrintableAscii) {
   MadeUpHost host;
@@ -486,6 +486,7 @@ TEST(SnmpProcess, KnowsNothingOfTheAgentsEnvironment) {
   }
 }
 
+// What takes it over may tell the agent anything: it is replaced, and the agent goes on.
 TEST(SnmpProcess, ThatSaysNonsenseIsReplaced) {
   MadeUpHost host;
   host.Start();
