@@ -553,7 +553,7 @@ TEST_F(MountAsker, WithoutDescriptorsOnePassFails) {
     EXPECT_EQ(results[1].state, MOUNT_FAILED);
     EXPECT_EQ(results[1].error, EMFILE);
   }
-  EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
+  EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_WAITED_FOR, MOUNT_ANSWERED}));
   WaitForReturn(0);
   EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
 }
