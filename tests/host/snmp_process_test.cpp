@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <thread>
@@ -482,9 +481,11 @@ TEST(SnmpProcess, LogsNothingThatIsNotALineOfPrintableAscii) {
 // Neither what a service was started with nor what its user's shell knew is left in it.
 TEST(SnmpProcess, KnowsNothingOfTheAgentsEnvironment) {
   constexpr char kSecret[] = "tell-nobody";
-  setenv("MADE_UP_SECRET", kSecret, 1);
   MadeUpHost host;
-  host.Start();
+  host.snmpd.Start();
+  DaemonOptions options;
+  options.environment.emplace_back("MADE_UP_SECRET", kSecret);
+  host.daemon.Start(options);
   const auto knows = [&](pid_t pid) {
     return ReadFile("/proc/" + std::to_string(pid) + "/environ").find(kSecret) != std::string::npos;
   };
