@@ -6,13 +6,35 @@
 #include <unistd.h>
 
 #include "common/util.h"
+#include "platform/framework.h"
 
 // ---- Channel ------------------------------------------------------------------------------------
 
 static constexpr unsigned reopen_pause = 5;      // seconds
 static constexpr uint32_t reply_timeout = 5000;  // milliseconds
 
+// Whether what was last asked took its whole limit, or a pause. That is said when it begins and
+// when it ends: each poll is late by as much.
+static bool waited;
+static bool waited_before;
+
+static void report_wait() {
+  if (agent_ending() != 0 || waited == waited_before) {
+    return;
+  }
+  waited_before = waited;
+  if (waited) {
+    agentlog_fprintf(stderr,
+                     "%s: The management controller does not answer: each poll waits %u seconds "
+                     "for it\n",
+                     agent, reopen_pause);
+  } else {
+    agentlog_fprintf(stderr, "%s: Polls no longer wait for the management controller\n", agent);
+  }
+}
+
 static void reopen(controller_link *link) {
+  waited = true;
   sleep_whole(reopen_pause);
   if (agent_ending() == 0) {
     reinitializeRemoteVantix(&link->channel, &link->device);
@@ -123,15 +145,27 @@ static void fill(firmware_record *record, const int8_t *reply, const char *locat
   copy_field(record->display_name, display_name);
 }
 
-int collect_integrated_controller(FILE *, const char *, firmware_record *record, int *more) {
-  *more = 0;
+// 0, or -1 without an integrated controller or an answer of it.
+static int ask_integrated_controller(int8_t (&reply)[version_reply_size]) {
   controller_link link = {nullptr, -1};
   if (initializeRemoteVantix(&link.channel, &link.device) != TLXCI_INTEGRATED) {
     return -1;
   }
+  int status = controller_send(&link, version_request, sizeof(version_request));
+  if (status == TLXCI_OK) {
+    status = controller_receive(&link, reply, sizeof(reply));
+  }
+  waited = waited || status == TLXCI_TIMED_OUT;
+  return status == TLXCI_OK ? 0 : -1;
+}
+
+int collect_integrated_controller(FILE *, const char *, firmware_record *record, int *more) {
+  *more = 0;
   int8_t reply[version_reply_size];
-  if (controller_send(&link, version_request, sizeof(version_request)) != TLXCI_OK ||
-      controller_receive(&link, reply, sizeof(reply)) != TLXCI_OK) {
+  waited = false;
+  const int result = ask_integrated_controller(reply);
+  report_wait();
+  if (result != 0) {
     return -1;
   }
   fill(record, reply, system_board, key_of_generation(reply[generation]),

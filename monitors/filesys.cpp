@@ -385,6 +385,7 @@ static void refresh_mount(size_t entry) {
         report_update_failure(directory);
       }
       break;
+    case MOUNT_WAITED_FOR:
     case MOUNT_STILL_SILENT:
       // Reported when the silence began: a mount may hang for days.
       break;
@@ -590,8 +591,10 @@ bool next_mount(queue_element **cursor, mount_view *view) {
     view->directory = mounts.paths[row->entry];
     view->type = mounts.texts + entry.type;
     view->read_only = entry.read_only;
-    view->answers = mounts.stats[row->entry].state == MOUNT_ANSWERED;
-    view->failing = mounts.stats[row->entry].state == MOUNT_FAILED;
+    const mount_stats &stats = mounts.stats[row->entry];
+    const bool late = stats.state == MOUNT_WAITED_FOR;  // then its last answer counts
+    view->answers = stats.state == MOUNT_ANSWERED || (late && stats.error == 0);
+    view->failing = stats.state == MOUNT_FAILED || (late && stats.error != 0);
   }
   view->instance = row->object->instance;
   return true;

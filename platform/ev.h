@@ -2,7 +2,8 @@
  *
  * An EV is a short named value that the system ROM keeps. The open build finds NAME as raw bytes in
  * /var/lib/quorix/ev/NAME, else in the UEFI variable NAME-* under /sys/firmware/efi/efivars without
- * its four leading attribute bytes (efivarfs, Linux Documentation/filesystems/efivarfs.rst).
+ * its four leading attribute bytes; also when the file is shorter than wanted and the variable is
+ * not (efivarfs, Linux Documentation/filesystems/efivarfs.rst).
  */
 #ifndef VEX_PLATFORM_EV_H
 #define VEX_PLATFORM_EV_H

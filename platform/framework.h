@@ -317,10 +317,11 @@ int cleanup_snmp_connection(void);
 
 /* What became of the question put to one mount. */
 enum mount_state {
-  MOUNT_ANSWERED = 0,    /* the figures are valid */
-  MOUNT_FAILED = 1,      /* statvfs(3) failed with `error` */
-  MOUNT_SILENT = 2,      /* no answer in time, at this call for the first time */
-  MOUNT_STILL_SILENT = 3 /* no answer yet; said earlier, or the mount is known to be slow */
+  MOUNT_ANSWERED = 0,     /* the figures are valid */
+  MOUNT_FAILED = 1,       /* statvfs(3) failed with `error` */
+  MOUNT_SILENT = 2,       /* no answer in time, at this call for the first time */
+  MOUNT_STILL_SILENT = 3, /* no answer yet; said earlier */
+  MOUNT_WAITED_FOR = 4    /* no answer yet of one that answers late; `error` is its last one's */
 };
 
 /* The figures of statvfs(3), 64 bits wide, as far as they are used. */
@@ -337,15 +338,16 @@ struct mount_stats {
 /* Asks every one of the mounts at these paths, all in one go, and stores one result for each.
  * A mount that does not answer within two seconds counts as silent. What it answers later is the
  * next call's result, and a mount whose last answer took more than a second is asked between two
- * calls: its result is then the last answer, or MOUNT_STILL_SILENT while there is none;
- * MOUNT_SILENT once that has lasted half a minute. It is not asked again before its outstanding
- * call has come back, unless a call in between did not list its path (it was unmounted). An answer
- * within half a second ends this. The log says when it begins to answer late and when it is quick
- * again. However many fall silent at once delay the caller by little more than two seconds, and not
- * at all afterwards; once the process is to end (agent_ending()), nobody is waited for. With 256
- * calls outstanding, mounts that could not be asked for that reason count as silent. The calls are
- * made by children of the framework that can be left behind, so that a process whose mounts hang
- * still ends at once. Agent thread. Returns 0, or -1 with errno when there is no memory. */
+ * calls: its result is then the last answer, or MOUNT_WAITED_FOR while there is no new one;
+ * MOUNT_SILENT once that has lasted half a minute, and then MOUNT_STILL_SILENT. It is not asked
+ * again before its outstanding call has come back, unless a call in between did not list its path
+ * (it was unmounted). An answer within half a second ends this. The log says when it begins to
+ * answer late and when it is quick again. However many fall silent at once delay the caller by
+ * little more than two seconds, and not at all afterwards; once the process is to end
+ * (agent_ending()), nobody is waited for. With 256 calls outstanding, mounts that could not be
+ * asked for that reason count as silent. The calls are made by children of the framework that can
+ * be left behind, so that a process whose mounts hang still ends at once. Agent thread. Returns 0,
+ * or -1 with errno when there is no memory. */
 int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results);
 
 /* ---- The machine ------------------------------------------------------------------------- */

@@ -25,8 +25,8 @@ void obtain_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size);
 int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, int length);
 
 // To be called by each poll: settles a GUID that is not yet settled, text with it, as soon as the
-// SMBIOS tables can be read; makes the file of a GUID that is kept in one again where the registry's
-// root was lost.
+// SMBIOS tables can be read; makes the file of a GUID that is kept in one again where the
+// registry's root was lost.
 void keep_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size);
 
 // Writes the 36 characters and a NUL. The first three groups are little-endian fields, as SMBIOS

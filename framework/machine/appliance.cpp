@@ -27,8 +27,8 @@ std::optional<Appliance> Load() {
   bool bad_id;
   Appliance appliance = ApplianceFrom(*assignments, &bad_id);
   if (bad_id) {
-    agentlog_fprintf(stderr, "%s: %s: %s is not a number, taken as 0\n", AgentName(), file,
-                     kProductId.data());
+    agentlog_fprintf(stderr, "%s: %s: %s is not a number of 32 bits, taken as 0\n", AgentName(),
+                     file, kProductId.data());
   }
   return appliance;
 }

@@ -239,7 +239,9 @@ void MountAsker::State::Reap() {
     if (mount != known.end() && mount->second.child == child.pid) {
       mount->second.child = 0;
       mount->second.has_answer = child.slot->answered;
-      mount->second.answer = child.slot->late;
+      if (child.slot->answered) {
+        mount->second.answer = child.slot->late;
+      }
     }
     Bury(child);
     return true;
@@ -251,7 +253,8 @@ mount_stats MountAsker::State::Outcome(Mounts::iterator mount) {
   Known &it = mount->second;
   if (it.child == 0) {
     if (!it.has_answer) {
-      return NoFigures(MOUNT_STILL_SILENT, ETIMEDOUT);
+      return it.silence_told ? NoFigures(MOUNT_STILL_SILENT, ETIMEDOUT)
+                             : NoFigures(MOUNT_WAITED_FOR, it.answer.stats.error);
     }
     if (!it.late_told) {
       agentlog_fprintf(stderr, "Info: mount %s answered after %.1f seconds; %s\n",
@@ -269,8 +272,11 @@ mount_stats MountAsker::State::Outcome(Mounts::iterator mount) {
                                  [&](const Child &child) { return child.pid == it.child; });
   const bool silent =
       asks != alone.end() && ClockNs() - asks->slot->since > Nanoseconds(settings.silence);
-  const bool news = silent && !it.silence_told;
-  it.silence_told = it.silence_told || silent;
+  if (!silent && !it.silence_told) {
+    return NoFigures(MOUNT_WAITED_FOR, it.answer.stats.error);
+  }
+  const bool news = !it.silence_told;
+  it.silence_told = true;
   return NoFigures(news ? MOUNT_SILENT : MOUNT_STILL_SILENT, ETIMEDOUT);
 }
 
@@ -336,6 +342,7 @@ void MountAsker::State::Take(const char *path, const Answer &answer) {
   it.listed = pass;
   it.slow = true;
   it.silence_told = false;
+  it.answer = answer;
 }
 
 // Forgets mounts that are not listed any more.
@@ -447,9 +454,10 @@ void MountAsker::State::Run(Batch *batch) {
   const int64_t patience = Nanoseconds(settings.patience);
   // Where so many are silent, the next one is likelier to be silent as well than to be slow: each
   // pass would meet one of them. The answer of a slow one is taken over by the next pass.
-  const int64_t limit = Outstanding() < settings.most_outstanding
-                            ? Nanoseconds(settings.limit)
-                            : std::min(Nanoseconds(settings.limit), 5 * patience);
+  const int64_t shortest = std::min(Nanoseconds(settings.limit), 5 * patience);
+  const int64_t whole =
+      Outstanding() < settings.most_outstanding ? Nanoseconds(settings.limit) : shortest;
+  const int64_t began = ClockNs();
   Answer *answers = batch->Answers();
   // With the limit reached, the batch still gets one child: its mounts may all be healthy.
   int error = 0;
@@ -463,7 +471,10 @@ void MountAsker::State::Run(Batch *batch) {
     for (auto child = working.begin(); child != working.end();) {
       const auto next = std::next(child);
       int64_t at = child->slot->current;
-      const int64_t waited = now - child->slot->since;
+      const int64_t since = child->slot->since;
+      const int64_t waited = now - since;
+      // The limit is the pass's: who was come to late has what is left of it.
+      const int64_t limit = std::max(shortest, whole - (since - began));
       if (HasEnded(*child)) {
         // By itself, or killed by somebody, and then what it had taken has failed.
         Bury(*child);

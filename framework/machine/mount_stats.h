@@ -23,7 +23,7 @@ class MountAsker {
  public:
   struct Settings {
     int (*stat)(const char *path, struct statvfs *result) = statvfs;  // called in the child
-    std::chrono::milliseconds limit{2000};                            // for one mount
+    std::chrono::milliseconds limit{2000};     // for one mount, and for all of a pass
     std::chrono::milliseconds patience{20};    // until another child goes on with the rest
     std::chrono::milliseconds slow{1000};      // an answer that takes as long makes a mount slow
     std::chrono::milliseconds quick{500};      // and one that takes less ends that

@@ -307,6 +307,9 @@ Failure ConfineStarter(const SnmpUser &user) {
   if (KeepCapabilities(kStarters) != 0) {
     return "capabilities stay";
   }
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+    return "programs may have more rights";
+  }
   if (prctl(PR_SET_DUMPABLE, 0) != 0) {
     return "it can be traced";
   }

@@ -76,15 +76,22 @@ std::string Trimmed(const char *line) {
   return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
 
-// As the library reads its own tokens: what stands in quotation marks, else all of it.
-std::string ValueOf(const char *line) {
+// As the library reads its own tokens: what stands in quotation marks, else all of it. What looks
+// like a comment there is part of the value, which is said: the value is seldom meant so.
+std::string ValueOf(const char *token, const char *line) {
   const std::string text = Trimmed(line);
   const bool quoted = text[0] == '"' || text[0] == '\'';
+  if (!quoted && (text.find(" #") != text.npos || text.find("\t#") != text.npos)) {
+    agentlog_fprintf(stderr,
+                     "%s: all of its line is the value, with what follows a '#': a comment has a "
+                     "line of its own\n",
+                     token);
+  }
   return quoted ? WordsOf(text).front() : text;
 }
 
-void ReadPollInterval(const char *, char *line) {
-  const std::string text = ValueOf(line);
+void ReadPollInterval(const char *token, char *line) {
+  const std::string text = ValueOf(token, line);
   int seconds = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
   const bool too_many = error == std::errc::result_out_of_range && text[0] != '-';
@@ -99,8 +106,8 @@ void ReadPollInterval(const char *, char *line) {
   files.poll_interval = std::min(seconds, kLongestPollInterval);
 }
 
-void ReadCommunity(const char *, char *line) {
-  files.community = ValueOf(line);
+void ReadCommunity(const char *token, char *line) {
+  files.community = ValueOf(token, line);
 }
 
 void ReadMasterLine(const char *token, char *line) {

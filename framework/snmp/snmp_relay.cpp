@@ -547,8 +547,12 @@ void SnmpRelay::TakeAnswer(FrameReader *frame) {
   queries_.erase(place);
 }
 
-// What it logs is a line of the agent's log: cut, made printable, and not without end.
+// What it logs is a line of the agent's log: cut, printable ASCII, not empty, and not without end.
 void SnmpRelay::TakeLog(std::string_view text) {
+  const std::string line = PrintableLine(text.substr(0, kLongestMessage));
+  if (line.empty()) {
+    return;
+  }
   const Clock::time_point now = Clock::now();
   messages_left_ =
       std::min(kMessagesAtOnce,
@@ -565,7 +569,7 @@ void SnmpRelay::TakeLog(std::string_view text) {
                      messages_lost_);
     messages_lost_ = 0;
   }
-  agentlog_fprintf(stderr, "%s\n", Printable(JoinLines(text.substr(0, kLongestMessage))).c_str());
+  agentlog_fprintf(stderr, "%s\n", line.c_str());
 }
 
 // ---- What goes out

@@ -11,6 +11,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 
 #include "framework/process/close_others.h"
@@ -36,6 +38,15 @@ bool LeaveStandardDescriptors() {
          (dup2(null.get(), STDOUT_FILENO) >= 0 && dup2(null.get(), STDERR_FILENO) >= 0);
 }
 
+// The configuration has been found by it; whoever takes the SNMP process over has no use for it,
+// but may find a secret there.
+void WipeEnvironment() {
+  for (char **entry = environ; entry != nullptr && *entry != nullptr; entry++) {
+    explicit_bzero(*entry, strlen(*entry));
+  }
+  clearenv();
+}
+
 int DropMessage(const char *, size_t length) {
   return static_cast<int>(length);
 }
@@ -58,6 +69,7 @@ class Starter {
       session_.priority = kPriorityBehind;
     }
     SetLogSink(DropMessage);
+    WipeEnvironment();
     Failure failure = "the agent's standard descriptors stay";
     if (LeaveStandardDescriptors()) {
       CloseOthers(STDERR_FILENO + 1, channel_.Fd());

@@ -81,7 +81,8 @@ std::string Load() {
   const auto entry = ReadFile(kEntryPointFile);
   if (!entry) {
     const int error = errno;
-    return Failure(error, error == ENOENT ? "" : std::string(kEntryPointFile) + ": " + strerror(error));
+    return Failure(error,
+                   error == ENOENT ? "" : std::string(kEntryPointFile) + ": " + strerror(error));
   }
   const auto table = ReadFile(kTableFile);
   if (!table) {

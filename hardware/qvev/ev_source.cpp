@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "framework/process/descriptor.h"
 #include "framework/process/read_fully.h"
@@ -164,10 +165,25 @@ int64_t ReadEv(const EvDirectories &directories, const char *name, void *buffer,
   }
   const int64_t raw =
       ReadValue(std::string(directories.raw) + "/" + name, 0, buffer, length, problem);
+  std::string of_variable;
+  if (raw >= 0 && static_cast<size_t>(raw) < length) {
+    // A file that was cut off hides no variable that is whole.
+    std::vector<char> whole(length);
+    if (ReadVariable(directories.uefi, name, whole.data(), length, &of_variable) ==
+        static_cast<int64_t>(length)) {
+      *problem = std::string(directories.raw) + "/" + name + " has " + std::to_string(raw) +
+                 " bytes of the " + std::to_string(length) +
+                 " that are needed, the UEFI variable is used";
+      if (!of_variable.empty()) {
+        *problem += "; " + of_variable;
+      }
+      memcpy(buffer, whole.data(), length);
+      return static_cast<int64_t>(length);
+    }
+  }
   if (raw >= 0) {
     return raw;
   }
-  std::string of_variable;
   const int64_t got = ReadVariable(directories.uefi, name, buffer, length, &of_variable);
   if (!problem->empty() && got >= 0) {
     *problem += ", the UEFI variable is used";

@@ -101,7 +101,7 @@ TEST(Appliance, AnIdThatIsNoNumberCostsNothingElse) {
   EXPECT_EQ(host.Get("tlxApApplianceDescription"), "STRING: \"Box\"");
   EXPECT_EQ(host.Get("tlxHoOsType"), "INTEGER: 1");
   EXPECT_EQ(host.daemon.Count(kConf), 1U);
-  EXPECT_EQ(host.daemon.Count("ProductID is not a number, taken as 0"), 1U);
+  EXPECT_EQ(host.daemon.Count("ProductID is not a number of 32 bits, taken as 0"), 1U);
 }
 
 TEST(Appliance, IsSettledAtStartUp) {

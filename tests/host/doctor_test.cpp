@@ -176,7 +176,7 @@ TEST_F(Doctor, TellsOfSourcesThatTheAgentTakesAsAbsent) {
       About("distribution: "),
       "note  distribution: /etc/os-release: line 2 is broken, file not used; "
       "/usr/lib/os-release: line 1 is broken, file not used. Its name and version are empty.");
-  EXPECT_HAS(About("appliance: "), "ProductID is not a number, taken as 0.");
+  EXPECT_HAS(About("appliance: "), "ProductID is not a number of 32 bits, taken as 0.");
 }
 
 TEST_F(Doctor, TellsOfFilesThatTheAgentHasNotReadYet) {

@@ -229,10 +229,12 @@ TEST_F(FirmwareHost, FollowsTheIntegratedController) {
   Poll();
   EXPECT_GE(Now() - before, 5);
   EXPECT_EQ(Row(0), "absent");
+  EXPECT_EQ(host_.daemon.Count("The management controller does not answer: each poll waits 5"), 1U);
   mood = ControllerMood();
   controller.SetMood(mood);
   Poll();
   EXPECT_EQ(Row(0), "4/25/3 Integrated Farwatch Firmware|2.05|System Board|ZQ10");
+  EXPECT_EQ(host_.daemon.Count("Polls no longer wait for the management controller"), 1U);
   EXPECT_EQ(controller.Count(kVersionCommand), 8);
   EXPECT_EQ(controller.Count(kLogicCommand), 1);
   EXPECT_EQ(SettledFiles(host_.daemon.pid()).size(), open);

@@ -75,6 +75,17 @@ TEST(HardwareInfo, AGoodVariableBehindAnUnusableFile) {
                                      "the UEFI variable is used"});
 }
 
+TEST(HardwareInfo, AGoodVariableBehindAFileThatIsTooShort) {
+  MadeUpHost host;
+  host.File(kRaw, "\1\2\3");
+  host.File(kUefi, std::string("\7\0\0\0\1\2\3\4\5", 9));
+  host.Start();
+  EXPECT_EQ(host.Get(kVariable), "INTEGER: 5");
+  EXPECT_EQ(host.daemon.LinesWith("EV "),
+            std::vector<std::string>{"EV ZTHRN4: /var/lib/quorix/ev/ZTHRN4 has 3 bytes of the 5 "
+                                     "that are needed, the UEFI variable is used"});
+}
+
 TEST(HardwareInfo, AnEvThatIsNoFile) {
   MadeUpHost host;
   host.Directory(kRaw);

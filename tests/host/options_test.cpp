@@ -197,6 +197,23 @@ TEST(Configuration, ATokenWithoutValueIsALine) {
   EXPECT_EQ(host.daemon.Count("pollInterval"), 1U) << host.daemon.Log();
 }
 
+// snmp_config(5) knows comments as lines of their own only.
+TEST(Configuration, WhatLooksLikeACommentBehindAValueIsALine) {
+  constexpr char kSaid[] =
+      ": all of its line is the value, with what follows a '#': a comment has a line of its own";
+  MadeUpHost host;
+  host.File("/etc/snmp/vexhostd.conf",
+            "# of a line\npollInterval 20 # comment\ncommunity public\t# for monitoring\n");
+  EXPECT_EQ(Period(&host, {"-i"}), 15U);
+  EXPECT_EQ(host.daemon.LinesWith(kSaid),
+            (std::vector<std::string>{"pollInterval" + std::string(kSaid),
+                                      "community" + std::string(kSaid)}))
+      << host.daemon.Log();
+  host.File("/etc/snmp/vexhostd.conf", "pollInterval 20\ncommunity \"a #1\"\ncommunity a#1\n");
+  EXPECT_EQ(Period(&host, {"-i"}), 20U);
+  EXPECT_EQ(host.daemon.Count(kSaid), 0U) << host.daemon.Log();
+}
+
 // Nobody writes to it, and the SNMP library would wait for that.
 TEST(Configuration, APipeIsRefusedAtOnce) {
   MadeUpHost host;

@@ -15,6 +15,7 @@
 #include <map>
 #include <thread>
 
+#include "framework/snmp/frames.h"
 #include "tests/support/made_up_host.h"
 
 using namespace made_up;
@@ -212,6 +213,15 @@ std::map<std::string, std::string> TriedWithSockets(pid_t thread) {
 
 }  // namespace
 
+// The descriptor by which it speaks with the agent: the first of its sockets.
+static int ChannelOf(pid_t pid) {
+  int channel = -1;
+  for (const std::string &file : OpenFiles(pid)) {
+    channel = channel < 0 && file.find("socket:") != std::string::npos ? std::stoi(file) : channel;
+  }
+  return channel;
+}
+
 TEST(SnmpProcess, HasNoRights) {
   MadeUpHost host;
   host.Start();
@@ -232,6 +242,7 @@ TEST(SnmpProcess, HasNoRights) {
   EXPECT_EQ(Status(pid, "Threads"), "1");
   EXPECT_EQ(Status(StarterOf(host.daemon.pid()), "CapEff"),
             confined ? "00000000000000c0" : "00000000000001c0");
+  EXPECT_EQ(Status(StarterOf(host.daemon.pid()), "NoNewPrivs"), "1");
   // Three times nothing, its channel and the master.
   std::vector<std::string> files = OpenFiles(pid);
   EXPECT_EQ(files.size(), 5U);
@@ -441,18 +452,57 @@ TEST(SnmpProcess, ThatHangsIsReplaced) {
       << host.daemon.Log();
 }
 
+// A line of its is one of the log's, and moves nobody's terminal.
+TEST(SnmpProcess, LogsNothingThatIsNotALineOfPrintableAscii) {
+  MadeUpHost host;
+  host.Start();
+  const pid_t pid = SnmpProcessOf(host.daemon.pid());
+  ASSERT_GT(pid, 0);
+  const auto say = [](Intruder *intruder, int channel, const std::string &text) {
+    const vex::FrameWriter frame = std::move(vex::FrameWriter(vex::FrameType::kLog).PutText(text));
+    const long size = static_cast<long>(frame.Bytes().size());
+    EXPECT_EQ(intruder->Call(SYS_sendto, {channel, frame.Bytes(), size, 0, 0, 0}), size);
+  };
+  {
+    Intruder intruder(pid);
+    const int channel = ChannelOf(pid);
+    for (const char *empty : {"", "\n", " \n\n"}) {
+      say(&intruder, channel, empty);
+    }
+    say(&intruder, channel,
+        "said \x9b"
+        "2J \xe2\x80\xae and \xe2\x80\xa8 by it\n");
+  }
+  EXPECT_TRUE(Eventually([&] { return host.daemon.Count("said ") == 1; })) << host.daemon.Log();
+  EXPECT_EQ(host.daemon.LinesWith("said "), std::vector<std::string>{"said ?2J ??? and ??? by it"});
+  EXPECT_EQ(host.daemon.Log().find("\n\n"), std::string::npos) << host.daemon.Log();
+}
+
+// Neither what a service was started with nor what its user's shell knew is left in it.
+TEST(SnmpProcess, KnowsNothingOfTheAgentsEnvironment) {
+  constexpr char kSecret[] = "tell-nobody";
+  MadeUpHost host;
+  host.snmpd.Start();
+  DaemonOptions options;
+  options.environment.emplace_back("MADE_UP_SECRET", kSecret);
+  host.daemon.Start(options);
+  const auto knows = [&](pid_t pid) {
+    return ReadFile("/proc/" + std::to_string(pid) + "/environ").find(kSecret) != std::string::npos;
+  };
+  ASSERT_TRUE(knows(host.daemon.pid()));
+  for (const pid_t pid : {SnmpProcessOf(host.daemon.pid()), StarterOf(host.daemon.pid())}) {
+    ASSERT_GT(pid, 0);
+    EXPECT_FALSE(knows(pid)) << pid;
+  }
+}
+
 // What takes it over may tell the agent anything: it is replaced, and the agent goes on.
 TEST(SnmpProcess, ThatSaysNonsenseIsReplaced) {
   MadeUpHost host;
   host.Start();
   const pid_t pid = SnmpProcessOf(host.daemon.pid());
   ASSERT_GT(pid, 0);
-  // Its channel is the first of its sockets.
-  int channel = -1;
-  for (const std::string &file : OpenFiles(pid)) {
-    channel = channel < 0 && file.find("socket:") != std::string::npos ? std::stoi(file) : channel;
-  }
-  Intruder(pid).Call(SYS_sendto, {channel, std::string(16, '\xee'), 16, 0, 0, 0}, true);
+  Intruder(pid).Call(SYS_sendto, {ChannelOf(pid), std::string(16, '\xee'), 16, 0, 0, 0}, true);
   EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); }));
   ASSERT_TRUE(host.daemon.WaitServed());
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");

@@ -371,6 +371,35 @@ TEST(GuidSources, TablesThatCannotBeReadForAMomentAreReadAgain) {
   }
 }
 
+// The machine's own GUID is not lost to an outage that is longer than the patience of the start.
+TEST(GuidSources, TablesThatCannotBeReadAtTheStartAreReadByALaterPoll) {
+  constexpr char kWaits[] =
+      "vexhostd: The SMBIOS tables cannot be read: until they can be, the GUID is not settled and "
+      "cannot be set";
+  MadeUpHost host;
+  PutSmbios(host, "entry 3.2\n226: {00112233445566778899aabbccddeeff}\n127:\n");
+  host.snmpd.Start();
+  for (const char *file : {"smbios_entry_point", "tables/DMI"}) {
+    SCOPED_TRACE(file);
+    DaemonOptions options;
+    options.fault = {"read", file, EIO, 1000};
+    host.daemon.Start(options);
+    EXPECT_EQ(host.Get(kGuid), kWithoutEth0);
+    EXPECT_EQ(host.Set(kGuid, 'x', "000102030405060708090a0b0c0d0e0f"), "commitFailed");
+    ASSERT_TRUE(host.daemon.Poll());
+    EXPECT_EQ(host.Get(kGuid), kWithoutEth0);
+    EXPECT_EQ(host.daemon.Count(kWaits), 1U) << host.daemon.Log();
+
+    host.daemon.SetFault({});
+    ASSERT_TRUE(host.daemon.Poll());
+    EXPECT_EQ(host.Get(kGuid), kNewShown);
+    EXPECT_EQ(host.Get(kText), kNewText);
+    EXPECT_EQ(host.Set(kGuid, 'x', "000102030405060708090a0b0c0d0e0f"), "wrongValue");
+    EXPECT_EQ(Information(host).back(), "Info: tlxHoGUID is obtained from SMBIOS record type 226");
+    ASSERT_EQ(host.daemon.Stop(), 0);
+  }
+}
+
 TEST(GuidSources, TheGeneratorWithEth0) {
   MadeUpHost host;
   host.Interface("eth0", "52:54:00:12:34:56");

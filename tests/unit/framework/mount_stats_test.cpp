@@ -305,7 +305,7 @@ TEST_F(MountAsker, ASlowMountIsAskedBetweenPassesAndNobodyWaits) {
     EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
     EXPECT_LT(took_, kLimit);
     // Its answer is not there yet: nothing is news.
-    EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
+    EXPECT_EQ(States({"/late", "/b"}), (std::vector<int>{MOUNT_WAITED_FOR, MOUNT_ANSWERED}));
     EXPECT_LT(took_, kLimit);
     EXPECT_EQ(asker_.Outstanding(), 1u);
   }
@@ -374,10 +374,39 @@ TEST_F(MountAsker, ASlowMountThatFallsSilentIsNewsOnce) {
   WaitForReturn(0);
   Mounts::Get().Hang("/late");
   EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_ANSWERED});
-  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_WAITED_FOR});
   usleep(3'100'000);  // longer than a slow mount may take
   EXPECT_EQ(States({"/late", "/late"}), (std::vector<int>{MOUNT_SILENT, MOUNT_STILL_SILENT}));
   EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
+}
+
+TEST_F(MountAsker, WhatALateMountSaidLastStandsUntilItSaysMore) {
+  Ask({"/late-fail"});
+  WaitForReturn(0);
+  EXPECT_EQ(States({"/late-fail"}), std::vector<int>{MOUNT_FAILED});
+  const auto results = Ask({"/late-fail"});
+  EXPECT_EQ(results[0].state, MOUNT_WAITED_FOR);
+  EXPECT_EQ(results[0].error, ESTALE);
+}
+
+// The limit is one for all of them: a mount that is come to late is not waited for as long again.
+TEST_F(MountAsker, TheLimitIsThePasss) {
+  auto settings = Settings();
+  settings.limit = 2000ms;
+  settings.slow = 1990ms;
+  settings.most_outstanding = 1;
+  vex::MountAsker asker(settings);
+  const char *all[] = {"/late", "/hang"};
+  mount_stats results[2];
+  const auto begin = std::chrono::steady_clock::now();
+  asker.Ask(all, 2, results);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3000ms);
+  EXPECT_EQ(results[0].state, MOUNT_ANSWERED);
+  EXPECT_EQ(results[1].state, MOUNT_SILENT);
+  Mounts::Get().FreeAll();
+  for (int i = 0; i < 1000 && asker.Outstanding() > 0; i++) {
+    usleep(5000);
+  }
 }
 
 TEST_F(MountAsker, ASlowMountListedTwiceIsAskedOnce) {
@@ -409,7 +438,7 @@ TEST_F(MountAsker, WhoAsksASlowMountIsReplacedWhenItIsKilled) {
   Mounts::Get().Die("/late");
   Ask({"/late"});
   WaitForReturn(0);
-  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_STILL_SILENT});
+  EXPECT_EQ(States({"/late"}), std::vector<int>{MOUNT_WAITED_FOR});
   Mounts::Get().Reset();
   WaitForReturn(0);
   Ask({"/late"});
@@ -524,7 +553,7 @@ TEST_F(MountAsker, WithoutDescriptorsOnePassFails) {
     EXPECT_EQ(results[1].state, MOUNT_FAILED);
     EXPECT_EQ(results[1].error, EMFILE);
   }
-  EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_STILL_SILENT, MOUNT_ANSWERED}));
+  EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_WAITED_FOR, MOUNT_ANSWERED}));
   WaitForReturn(0);
   EXPECT_EQ(States({"/late", "/a"}), (std::vector<int>{MOUNT_ANSWERED, MOUNT_ANSWERED}));
 }

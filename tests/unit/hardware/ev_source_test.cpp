@@ -79,6 +79,22 @@ TEST_F(EvSource, AGoodVariableBehindAnUnusableFile) {
                            " has no value");
 }
 
+TEST_F(EvSource, AFileThatIsTooShortHidesNoVariableThatIsWhole) {
+  Put(raw_ + "/A", "abc");
+  Put(uefi_ + "/A" + kGuid, std::string("\7\0\0\0value", 9));
+  EXPECT_EQ(Read("A", 5), "value");
+  EXPECT_EQ(notice_, raw_ + "/A has 3 bytes of the 5 that are needed, the UEFI variable is used");
+  EXPECT_EQ(Read("A", 3), "abc");
+  EXPECT_EQ(notice_, "");
+  // Neither is whole: the file counts.
+  EXPECT_EQ(Read("A", 6), "abc");
+  EXPECT_EQ(notice_, "");
+  Put(uefi_ + "/A" + kGuid, std::string("\7\0\0\0longer", 10));
+  EXPECT_EQ(Read("A", 5), "longe");
+  EXPECT_EQ(notice_, raw_ + "/A has 3 bytes of the 5 that are needed, the UEFI variable is used; " +
+                         uefi_ + "/A" + kGuid + " is longer than 5 bytes, the rest is not used");
+}
+
 TEST_F(EvSource, ADirectoryOfVariablesThatCannotBeRead) {
   std::filesystem::remove_all(uefi_);
   std::filesystem::create_symlink("uefi", uefi_);

@@ -666,6 +666,30 @@ TEST_F(Firmware, NoIntegratedControllerRow) {
   EXPECT_EQ(rec::Count("sleep"), 0);
 }
 
+TEST_F(Firmware, ASilentControllerIsSaidWhenThatBeginsAndWhenItEnds) {
+  const std::string begins =
+      "vexhostd: The management controller does not answer: each poll waits 5 seconds for it\n";
+  const std::string ends = "vexhostd: Polls no longer wait for the management controller\n";
+  rec::SetController(TLXCI_INTEGRATED);
+  for (int pass = 0; pass < 3; pass++) {
+    rec::PutReplies({{TLXCI_TIMED_OUT, ""}});
+    EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  }
+  EXPECT_EQ(rec::Messages(), Strings{begins});
+  for (int pass = 0; pass < 3; pass++) {
+    rec::PutReplies({{TLXCI_OK, VersionReply(1, 5, 6)}});
+    EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, 0);
+  }
+  EXPECT_EQ(rec::Messages(), (Strings{begins, ends}));
+  // A channel that breaks at each poll costs as much; without a controller nothing is waited for.
+  rec::PutSends({TLXCI_REOPEN, TLXCI_REOPEN});
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  EXPECT_EQ(rec::Messages(), (Strings{begins, ends, begins}));
+  rec::SetController(TLXCI_NONE);
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  EXPECT_EQ(rec::Messages(), (Strings{begins, ends, begins, ends}));
+}
+
 TEST_F(Firmware, ABrokenChannelIsOpenedAgainOnceForSending) {
   rec::SetController(TLXCI_INTEGRATED);
   rec::PutSends({TLXCI_REOPEN});

@@ -453,7 +453,8 @@ TEST_F(GuidTest, TablesThatCannotBeReadSettleTheGuidWhenTheyCan) {
   unsigned char guid[GUID_SIZE] = {};
   char text[GUID_TEXT_SIZE] = {};
   obtain_guid(guid, text, sizeof(text));
-  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kGenerated, kUnsettled}));
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{kNoTables, kGenerated, kSameEverywhere, kUnsettled}));
   EXPECT_EQ(set_guid(SET_CHECK, guid, kSixteen.data(), 16), 0);
   EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), -1);
   EXPECT_EQ(std::string(reinterpret_cast<char *>(guid), GUID_SIZE), kGeneratedWithoutEth0);
@@ -465,8 +466,8 @@ TEST_F(GuidTest, TablesThatCannotBeReadSettleTheGuidWhenTheyCan) {
   keep_guid(guid, text, sizeof(text));
   EXPECT_EQ(guid[0], 0xA0);
   EXPECT_STREQ(text, "A3A2A1A0-A5A4-A7A6-A8A9-AAABACADAEAF");
-  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kGenerated, kUnsettled, kTables,
-                                                       kFrom226}));
+  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kGenerated, kSameEverywhere,
+                                                       kUnsettled, kTables, kFrom226}));
   EXPECT_EQ(set_guid(SET_CHECK, guid, kSixteen.data(), 16), -1);
   // The tables' GUID is in no file.
   EXPECT_EQ(rec::ReadFile(kFile), kGeneratedWithoutEth0);

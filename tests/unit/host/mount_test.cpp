@@ -50,6 +50,13 @@ TEST(Mount, TellsWhatAnswersFailsAndIsSilent) {
   for (int row = 0; row < 3; row++) {
     EXPECT_EQ(rec::Int("host/mount." + std::to_string(row), "tlxHoMountState"), row + 1);
   }
+  // What is known of one that answers late is its last answer.
+  rec::PutMount("/", {MOUNT_WAITED_FOR, 5, 0, 0, 0, 0, 0});
+  rec::PutMount("/b", {MOUNT_WAITED_FOR, 0, 0, 0, 0, 0, 0});
+  ASSERT_EQ(do_filesys(), 0);
+  ASSERT_EQ(do_mount(), 0);
+  EXPECT_EQ(rec::Int("host/mount.0", "tlxHoMountState"), 2);
+  EXPECT_EQ(rec::Int("host/mount.1", "tlxHoMountState"), 1);
 }
 
 }  // namespace

@@ -261,7 +261,7 @@ TEST_F(MachineFiles, AProductIdThatIsNoNumberLosesThatKeyAlone) {
         File("number", std::string("ProductID=") + id + "\nProductName=Bob's Box\n");
     UseApplianceFile(Path("number"));
     EXPECT_EQ(Logged([] { EXPECT_NE(is_appliance(), 0); }),
-              "exampled: " + path + ": ProductID is not a number, taken as 0\n")
+              "exampled: " + path + ": ProductID is not a number of 32 bits, taken as 0\n")
         << id;
     ASSERT_NE(get_appliance_data("ProductID"), nullptr);
     EXPECT_EQ(*static_cast<const int32_t *>(get_appliance_data("ProductID")), 0) << id;
