@@ -365,6 +365,9 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
 [[noreturn]] void BeFirst(const Capture &capture, const RoomSettings &settings,
                           const std::function<int()> &work) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // A group that the room's processes can see: the agent takes others for ended ones, and by its
+  // path this command may look like one of its siblings.
+  setpgid(0, 0);
   int status = kFailed;
   try {
     MakeRoom(capture, settings);
