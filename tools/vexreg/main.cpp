@@ -57,7 +57,7 @@ constexpr char kReportNotes[] =
     "software, firmware, siblings, doctor's findings and the log. Only this user may\n"
     "read FILE, which is written whole or not at all.\n"
     "Examples:\n"
-    "  sudo vexreg report --output host.html\n"
+    "  sudo vexreg report host.html\n"
     "  vexreg report --capture host.tar.zst >host.html";
 constexpr char kReplayNotes[] =
     "In namespaces of its own, with nothing of this host but its programs. What\n"
@@ -77,6 +77,7 @@ struct Arguments {
   std::vector<std::string> variables;
   std::optional<std::string> data_file;
   std::optional<std::string> output_file;
+  std::optional<std::string> page_file;  // the same of a report, without the option
   int most_seconds = 30;
   std::string completion;
   std::string capture_file;  // what capture writes or replay reads
@@ -202,8 +203,11 @@ int main(int argc, char **argv) {
       ->type_name("FILE");
 
   CLI::App *report = AddCommand(&app, "report", "Writes the host as an HTML page", kReportNotes);
-  report->add_option("--output", arguments.output_file, "Writes this file instead")
-      ->type_name("FILE");
+  report
+      ->add_option("FILE", arguments.page_file,
+                   "The file to write; else, and for -, standard output")
+      ->type_name("");
+  report->add_option("--output", arguments.output_file, "The same")->type_name("FILE");
   for (CLI::App *each : {dump, show, exporter, report}) {
     AddCapture(each, &arguments);
   }
@@ -254,6 +258,14 @@ int main(int argc, char **argv) {
     vex::Complain(vex::UsageComplaint(app, words, error));
     return vex::kWrongUsage;
   }
+  if (arguments.page_file && arguments.output_file) {
+    vex::Complain("FILE and --output both name the file to write: give one of them");
+    return vex::kWrongUsage;
+  }
+  if (!arguments.capture.empty() && app.count("--root") > 0) {
+    vex::Complain("--root and --capture both say whose objects are meant: give one of them");
+    return vex::kWrongUsage;
+  }
   vex::CapturedRegistry captured;
   if (!arguments.capture.empty()) {
     if (!captured.Open(arguments.capture)) {
@@ -292,7 +304,7 @@ int main(int argc, char **argv) {
   if (*report) {
     return vex::Report(root, VEXREG_VERSION,
                        arguments.capture.empty() ? nullptr : &captured.capture(),
-                       arguments.output_file);
+                       arguments.page_file ? arguments.page_file : arguments.output_file);
   }
   if (*capture) {
     return vex::CaptureHost(root, arguments.capture_file, VEXREG_VERSION, arguments.view.json);

@@ -464,6 +464,12 @@ TEST_F(Command, WritesOverPlainFilesAlone) {
   }
   EXPECT_EQ(Run({"export", "--output", "-"}).out, Output({"export"}));
   EXPECT_TRUE(Run({"report", "--output", "-"}).out.starts_with("<!DOCTYPE html>"));
+  EXPECT_TRUE(Run({"report", "-"}).out.starts_with("<!DOCTYPE html>"));
+  // The page's file may be named without the option, and one of the two ways alone.
+  const std::string page = folder + "host.html";
+  EXPECT_EQ(Run({"report", page}).out, "");
+  EXPECT_TRUE(made_up::ReadFile(page).starts_with("<!DOCTYPE html>"));
+  ExpectStatus(2, {"report", page, "--output", page});
   EXPECT_FALSE(made_up::Exists("-"));
 }
 
