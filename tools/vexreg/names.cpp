@@ -98,6 +98,16 @@ class Search {
     const std::vector<std::string> names =
         path ? NamesOf(*path, has_directory, Names()) : std::vector<std::string>();
     if (!names.empty()) {
+      // What a name stands for is damaged as a whole, or in parts that are left out.
+      if (std::none_of(names.begin(), names.end(),
+                       [&](const std::string &name) { return AddObject(name, nullptr); })) {
+        (std::any_of(names.begin(), names.end(),
+                     [&](const std::string &name) { return FileExists(name); })
+             ? found_.unreadable
+             : found_.missing)
+            .push_back(given);
+        return;
+      }
       AddAll(names, nullptr);
       return;
     }

@@ -165,6 +165,27 @@ TEST_F(Command, HasExitStatus1WhereThereIsNoSuchObject) {
   EXPECT_EQ(Dump().dump(), R"({"h/a":{"var0":1}})");
 }
 
+// Whichever of its names it is called by; with a row of a group that is whole, the group is shown.
+TEST_F(Command, HasExitStatus1WhereAnObjectIsDamaged) {
+  for (const char *name : {"host/cpu.0", "host/cpu.6", "host/swver.1"}) {
+    Output({"put", name, "int:1"});
+  }
+  for (const char *name : {"host/cpu.6", "host/swver.1"}) {
+    std::filesystem::resize_file(registry_.Path(name), 40);
+  }
+  for (const char *name : {"cpu.6", "host/cpu.6", "swver.1", "swver", "host/swver"}) {
+    for (const Words &words : {Words{"dump", name}, Words{"show", name},
+                               Words{"show", "--json", name}, Words{"watch", name}}) {
+      const Outcome outcome = Run(words);
+      EXPECT_EQ(outcome.status, 1) << testing::PrintToString(words);
+      EXPECT_EQ(outcome.err, "vexreg: " + std::string(name) + ": cannot be read as an object\n");
+    }
+  }
+  const Outcome group = Run({"dump", "cpu"});
+  EXPECT_EQ(group.status, 0);
+  EXPECT_EQ(group.err, "vexreg: host/cpu.6: damaged, left out\n");
+}
+
 TEST_F(Command, HasExitStatus2ForWrongUsage) {
   for (const Words &words : std::initializer_list<Words>{
            {},
