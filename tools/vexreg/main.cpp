@@ -151,7 +151,15 @@ int main(int argc, char **argv) {
   app.require_subcommand(1);
   app.get_formatter()->column_width(kNameColumns);
   Arguments arguments;
-  app.add_option("--root", arguments.selection.root, "Another root directory of the registry")
+  app.add_option_function<std::string>(
+         "--root",
+         [&arguments](const std::string &root) {
+           if (root.empty()) {
+             throw CLI::ValidationError("--root", "an empty name is no directory's");
+           }
+           arguments.selection.root = root;
+         },
+         "Another root directory of the registry")
       ->type_name("DIR");
   app.set_version_flag("-V,--version", "vexreg " VEXREG_VERSION);
 

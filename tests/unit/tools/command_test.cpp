@@ -213,6 +213,20 @@ TEST_F(Command, HasExitStatus2ForWrongUsage) {
   EXPECT_EQ(Output({"dump"}), "{}\n");
 }
 
+// Or else it would be the working directory.
+TEST_F(Command, RefusesAnEmptyRoot) {
+  for (const Words &words :
+       {Words{"--root", "", "show"}, Words{"dump", "--root="}, Words{"--root", ""}}) {
+    Words all = {VEXREG_PATH};
+    all.insert(all.end(), words.begin(), words.end());
+    made_up::ProcessOptions options;
+    const Outcome outcome = made_up::RunCommand(all, options, 30);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_NE(outcome.err.find("--root: an empty name is no directory's"), std::string::npos)
+        << outcome.err;
+  }
+}
+
 TEST_F(Command, ExplainsItself) {
   for (const Words &words : std::initializer_list<Words>{
            {"--help"}, {"dump", "--help"}, {"put", "--help"}, {"watch", "-h"}, {"--version"}}) {
