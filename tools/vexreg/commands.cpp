@@ -87,7 +87,7 @@ std::string WhyOld(const std::string &root) {
   const LiveData data = DataOf(heads, true, now, 0);
   const int64_t age = data.AgeOfValues(now, 0);
   return age >= 0 && data.IsStale(now, 0)
-             ? "values are " + AgeText(age) + " old: " + SightText(SeeAgent(), true)
+             ? "values are " + AgeText(age) + " old: " + SightText(SeeAgent(root), true)
              : "";
 }
 

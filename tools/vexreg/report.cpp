@@ -69,7 +69,7 @@ void TakeLog(const std::vector<TakenText> &logs, PageFacts *facts) {
 
 void TakeThisHost(const std::string &root, PageFacts *facts) {
   facts->moment = time(nullptr);
-  facts->agent = SightText(SeeAgent(), true);
+  facts->agent = SightText(SeeAgent(root), true);
   const auto agents = FindProcesses(kAgentName);
   const pid_t agent = agents.empty() ? 0 : agents.front().pid;
   // The page is for others, too: what a capture leaves out, it has not, either.
