@@ -45,10 +45,11 @@ void AddVariable(FileObject *object, const char *name, const std::string &text) 
   object->variables.push_back(std::move(variable));
 }
 
-void AddColumns(NamedObject *object) {
+void AddColumns(bool for_programs, NamedObject *object) {
+  const int64_t published = object->object.published_ns / kNanoseconds;
   AddVariable(&object->object, kObjectColumn, object->name);
   AddVariable(&object->object, kPublishedColumn,
-              ZonedTimeText(object->object.published_ns / kNanoseconds));
+              for_programs ? IsoTime(published) : ZonedTimeText(published));
 }
 
 // The place of a column among the object's variables.
@@ -197,7 +198,7 @@ bool Arrange(const Arrangement &arrangement, std::vector<NamedObject> *objects,
     return true;
   }
   for (NamedObject &object : *objects) {
-    AddColumns(&object);
+    AddColumns(arrangement.for_programs, &object);
   }
   std::vector<std::string> named = columns;
   for (const Order &order : orders) {

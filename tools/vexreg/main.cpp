@@ -292,6 +292,7 @@ int main(int argc, char **argv) {
   }
   if (*show) {
     arguments.view.captured = !arguments.capture.empty();
+    arguments.arrangement.for_programs = arguments.view.json;
     return vex::Show(arguments.selection, arguments.view, arguments.arrangement);
   }
   if (*watch) {
