@@ -179,7 +179,9 @@ int Show(const Selection &selection, const View &view, const Arrangement &arrang
   }
   Style style = ChooseStyle(view.raw, view.colour);
   style.keep_order = !arrangement.columns.empty();
-  std::cout << RenderTables(objects, view.width.value_or(TerminalWidth()), style);
+  const std::string text = RenderTables(objects, view.width.value_or(TerminalWidth()), style);
+  // A file or another program gets UTF-8 whatever the locale.
+  std::cout << (style.utf8 || isatty(STDOUT_FILENO) == 0 ? text : AsciiText(text));
   return FinishOutput(status);
 }
 

@@ -58,10 +58,33 @@ int CharacterWidth(char32_t code) {
   return width < 0 ? 1 : width;
 }
 
-// Whether a terminal would act on the character instead of showing it, or reorder what it shows.
+// Whether a terminal would act on the character instead of showing it, or reorder what it shows; or
+// whether nobody sees it at all, so that two names look the same.
 bool IsControl(char32_t code) {
-  return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x200E || code == 0x200F ||
-         (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+  // Controls, formats, what is ignored by default, and what is no character (Unicode 15).
+  constexpr std::pair<char32_t, char32_t> kRanges[] = {
+      {0x0000, 0x001F}, {0x007F, 0x009F},   {0x00AD, 0x00AD},   {0x034F, 0x034F},
+      {0x061C, 0x061C}, {0x115F, 0x1160},   {0x17B4, 0x17B5},   {0x180B, 0x180F},
+      {0x200B, 0x200F}, {0x2028, 0x202E},   {0x2060, 0x206F},   {0x3164, 0x3164},
+      {0xFDD0, 0xFDEF}, {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},
+      {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF}};
+  return (code & 0xFFFE) == 0xFFFE ||
+         std::any_of(std::begin(kRanges), std::end(kRanges), [code](const auto &range) {
+           return range.first <= code && code <= range.second;
+         });
+}
+
+// A character as JSON escapes it: in one part, or two beyond U+FFFF.
+std::string JsonEscape(char32_t code) {
+  char escaped[16];
+  if (code < 0x10000) {
+    std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(code));
+  } else {
+    std::snprintf(escaped, sizeof(escaped), "\\u%04x\\u%04x",
+                  0xD800 + static_cast<unsigned>((code - 0x10000) >> 10),
+                  0xDC00 + static_cast<unsigned>(code & 0x3FF));
+  }
+  return escaped;
 }
 
 // Hexadecimal digits, with a blank after every four octets so that long values can be wrapped. Many
@@ -481,7 +504,10 @@ std::string SafeText(std::string_view bytes) {
     const Character character = FirstCharacter(rest);
     if (IsControl(character.code)) {
       char escaped[16];
-      std::snprintf(escaped, sizeof(escaped), character.code < 0x100 ? "\\x%02x" : "\\u%04x",
+      std::snprintf(escaped, sizeof(escaped),
+                    character.code < 0x100     ? "\\x%02x"
+                    : character.code < 0x10000 ? "\\u%04x"
+                                               : "\\U%08x",
                     static_cast<unsigned>(character.code));
       safe += escaped;
     } else {
@@ -492,14 +518,26 @@ std::string SafeText(std::string_view bytes) {
   return safe;
 }
 
+std::string AsciiText(std::string_view text) {
+  std::string ascii;
+  while (!text.empty()) {
+    const Character character = FirstCharacter(text);
+    if (character.code < 0x80) {
+      ascii += text[0];
+    } else {
+      ascii.append(static_cast<size_t>(CharacterWidth(character.code)), '?');
+    }
+    text.remove_prefix(std::min(character.length, text.size()));
+  }
+  return ascii;
+}
+
 std::string SafeJson(std::string_view json) {
   std::string safe;
   while (!json.empty()) {
     const Character character = FirstCharacter(json);
     if (IsControl(character.code) && character.code != '\n') {
-      char escaped[16];
-      std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(character.code));
-      safe += escaped;
+      safe += JsonEscape(character.code);
     } else {
       safe += json.substr(0, character.length);
     }

@@ -871,6 +871,9 @@ TEST_F(Command, ColoursAndBarsAreForTerminals) {
     EXPECT_NE(text.find(bar), std::string::npos);
   }
   EXPECT_NE(shown({}, {{"LC_ALL", "C"}}).find("93 % #########."), std::string::npos);
+  Output({"put", "h/a", "str:20:\u00e4\u4e2d|"});
+  EXPECT_NE(shown({"a"}, {{"LC_ALL", "C"}}).find("var0  ???|"), std::string::npos);
+  EXPECT_NE(shown({"a"}, {}).find("var0  \u00e4\u4e2d|"), std::string::npos);
   const std::string dumb = shown({}, {{"TERM", "dumb"}});
   EXPECT_EQ(dumb.find('\x1b'), std::string::npos);
   EXPECT_EQ(dumb.find("\u2588"), std::string::npos);
