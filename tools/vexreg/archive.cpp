@@ -119,8 +119,12 @@ void AppendMember(const Member &member, std::string *tar) {
 // The member of a header, without its bytes. Nothing, with the reason, when it is none.
 std::optional<Member> MemberOf(const TarHeader &header, uint64_t *size, std::string *error) {
   const auto sum = OctalOf(header.chksum);
-  if (!sum || *sum != ChecksumOf(header) || TextOf(header.magic) != kMagic) {
+  if (!sum || *sum != ChecksumOf(header) || !TextOf(header.magic).starts_with(kMagic)) {
     *error = "not a capture, or damaged";
+    return std::nullopt;
+  }
+  if (TextOf(header.magic) != kMagic) {
+    *error = "not in the format ustar: packed again by GNU tar, it takes its option --format=ustar";
     return std::nullopt;
   }
   Member member;

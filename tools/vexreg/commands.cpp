@@ -91,6 +91,11 @@ std::string WhyOld(const std::string &root) {
              : "";
 }
 
+// A name in a message, in which an empty one shows, too.
+std::string Said(const std::string &name) {
+  return name.empty() ? "''" : name;
+}
+
 }  // namespace
 
 void Complain(const std::string &message) {
@@ -136,7 +141,7 @@ std::vector<NamedObject> ReadObjects(const Selection &selection, int *status) {
     const std::vector<std::string> names = ListObjects(selection.root);
     for (const std::string &name : found.missing) {
       const std::string nearest = NearestName(name, names);
-      Complain(name + ": no such object" +
+      Complain(Said(name) + ": no such object" +
                (nearest.empty() ? "" : "; did you mean " + nearest + "?"));
     }
     if (names.empty()) {
@@ -189,7 +194,7 @@ int Put(const std::string &root, const std::string &name, const std::vector<std:
         const std::optional<std::string> &data_file) {
   const auto relative = ResolveObjectName(name, root);
   if (!relative) {
-    Complain(name + ": not a name below " + root);
+    Complain(Said(name) + ": not a name below " + root);
     return kWrongUsage;
   }
   std::optional<std::vector<uint8_t>> data;
@@ -222,7 +227,7 @@ int Put(const std::string &root, const std::string &name, const std::vector<std:
 int Remove(const std::string &root, const std::string &name) {
   const auto relative = ResolveObjectName(name, root);
   if (!relative || !FileExists(root, *relative)) {
-    Complain(name + ": no such object");
+    Complain(Said(name) + ": no such object");
     return kFailed;
   }
   // Agents keep other files of theirs in the registry; those are not for this command. A damaged

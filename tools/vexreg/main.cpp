@@ -261,7 +261,7 @@ int main(int argc, char **argv) {
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::Success &asked) {
-    return app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage;
+    return vex::FinishOutput(app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage);
   } catch (const CLI::ParseError &error) {
     vex::Complain(vex::UsageComplaint(app, words, error));
     return vex::kWrongUsage;

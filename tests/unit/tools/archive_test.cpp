@@ -95,6 +95,8 @@ TEST(Archive, WhatAHostileOneHasIsRefused) {
             "host/etc/mtab: damaged");
   EXPECT_EQ(ErrorOf(Changed(put(124, "00000100000"))), "cut off");
   EXPECT_EQ(ErrorOf(Changed(put(257, "nomagi"))), "not a capture, or damaged");
+  EXPECT_EQ(ErrorOf(Changed(put(257, "ustar  "))),
+            "not in the format ustar: packed again by GNU tar, it takes its option --format=ustar");
   EXPECT_EQ(ErrorOf(std::string(700, 'x')), "not a capture, or damaged");
   EXPECT_EQ(ErrorOf(""), "cut off");
   const std::string tar = Tar("a", "text");

@@ -254,6 +254,16 @@ TEST_F(Command, SaysWhatWasMeant) {
             "vexreg: show: --frob: no such option; see vexreg show --help\n");
   EXPECT_TRUE(wrong({"show", "--width", "wide"}).starts_with("vexreg: show: --width: "));
   EXPECT_TRUE(wrong({"rm"}).starts_with("vexreg: rm: "));
+  EXPECT_EQ(
+      wrong({"show", "--color"}),
+      "vexreg: show: --color: a value is missing: auto|always|never; see vexreg show --help\n");
+  EXPECT_EQ(made_up::RunCommand({VEXREG_PATH, "--root"}).err,
+            "vexreg: --root: a value is missing: DIR; see vexreg --help\n");
+  EXPECT_TRUE(wrong({"put", "", "int:1"}).starts_with("vexreg: '': not a name below "));
+  EXPECT_EQ(wrong({"put", "x", "str:2:ab"}), "vexreg: str:2:ab: the text is longer than 1 byte\n");
+  EXPECT_EQ(wrong({"show", "--capture", "file"}),
+            "vexreg: --root and --capture both say whose objects are meant: give one of them\n");
+  EXPECT_EQ(Run({"show", ""}).err, "vexreg: '': no such object\n");
   for (const Words &words : std::initializer_list<Words>{{"export", "--json"},
                                                          {"export", "--raw"},
                                                          {"report", "--json"},
@@ -425,10 +435,10 @@ TEST_F(Command, SortsAndChooses) {
   }
   EXPECT_EQ(Output({"show", "cpu", "--sort", "-Min", "--columns", "Min"}),
             "host/cpu (3 rows)\n"
-            "  #  tlxHoCpuUtilMin\n"
-            "  1            100 %\n"
-            "  2              2 %\n"
-            "  0              0 %\n");
+            "  #    Min\n"
+            "  1  100 %\n"
+            "  2    2 %\n"
+            "  0    0 %\n");
   EXPECT_EQ(Output({"show", "cpu", "--columns", "#,Min"}),
             Output({"show", "cpu", "--columns", "Min"}));
   EXPECT_EQ(Output({"show", "cpu", "--columns", "#", "--sort", "-#"}),
@@ -618,7 +628,7 @@ TEST_F(Command, IsNotCrashedByStrangeObjects) {
 
 TEST_F(Command, SaysWhenItsOutputIsNotTaken) {
   Output({"put", "x", "int:1"});
-  for (const char *command : {"dump", "show"}) {
+  for (const char *command : {"dump", "show", "--help", "--version"}) {
     const Outcome outcome =
         made_up::RunCommand({"sh", "-c", "exec \"$0\" --root \"$1\" \"$2\" >/dev/full", VEXREG_PATH,
                              registry_.root(), command});
