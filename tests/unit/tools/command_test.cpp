@@ -284,8 +284,9 @@ TEST_F(Command, SaysWhatWasMeant) {
   EXPECT_EQ(Output({"help"}), Output({"--help"}));
   EXPECT_EQ(Output({"help", "show"}), Output({"show", "--help"}));
   EXPECT_EQ(Output({"-V"}), Output({"--version"}));
-  const Outcome upper = Run({"show", "CPU"});
-  EXPECT_EQ(upper.err, "vexreg: CPU: no such object; did you mean host/cpu?\n");
+  EXPECT_EQ(Output({"show", "CPU"}), Output({"show", "cpu"}));
+  EXPECT_EQ(Run({"show", "FiveMin"}).err,
+            "vexreg: FiveMin: no such object; did you mean tlxHoCpuUtilFiveMin?\n");
 }
 
 // What was captured is shown by the captured host's clock.
@@ -540,6 +541,14 @@ TEST_F(Command, CompletesCommandsOptionsAndNames) {
   EXPECT_EQ(complete("show --color ''"), "auto always never\n");
   EXPECT_EQ(complete("show host/"), "host/cpu host/cpu.0\n");
   EXPECT_EQ(complete("show tlxHoCpuUtilM"), "tlxHoCpuUtilMin\n");
+  EXPECT_EQ(complete("show cp"), "cpu\n");
+  EXPECT_EQ(complete("show --color = a"), "auto always\n");
+  EXPECT_EQ(complete("show --color = ''"), "auto always never\n");
+  EXPECT_EQ(complete("show --color = always hos"), "host/cpu host/cpu.0\n");
+  EXPECT_EQ(complete("show --color ="), "auto always never\n");
+  EXPECT_EQ(complete("show --sort -P"), "-Published\n");
+  EXPECT_EQ(complete("show --columns Object,va"), "Object,var0\n");
+  EXPECT_EQ(complete("show --columns +O"), "+Object\n");
   EXPECT_EQ(complete("doctor host/"), "\n");
   EXPECT_EQ(complete("replay " + script.substr(0, script.size() - 1)), script + "\n");
   for (const char *shell : {"bash", "zsh", "fish"}) {
