@@ -170,13 +170,21 @@ int main(int argc, char **argv) {
   dump->add_flag("--raw", arguments.view.raw)->group("");
   CLI::App *show = AddCommand(&app, "show", "Prints objects as tables for people", kShowNotes);
   AddView(show, &arguments, "Values as JSON, in words without --raw");
+  // Of a list that names nothing.
+  const CLI::Validator named(
+      [](const std::string &list) {
+        return list.find_first_not_of(",+-") == std::string::npos ? "no column is named" : "";
+      },
+      "");
   show->add_option("--sort", arguments.arrangement.sort,
                    "Sorts rows by these; -COLUMN: largest first")
       ->type_name("LIST")
+      ->check(named)
       ->allow_extra_args(false);
   show->add_option("--columns", arguments.arrangement.columns,
                    "These alone, in this order; +LIST: these as well")
       ->type_name("LIST")
+      ->check(named)
       ->allow_extra_args(false);
   CLI::App *watch = AddCommand(&app, "watch",
                                "Keeps a live view; prints changes without a terminal", kWatchNotes);

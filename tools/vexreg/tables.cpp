@@ -162,9 +162,10 @@ struct Heading {
   std::string name;
   std::string units;  // "(MB)", or empty
 };
-std::vector<Heading> Headings(const FileObject &object, const std::vector<size_t> &slots,
+std::vector<Heading> Headings(const NamedObject &named, const std::vector<size_t> &slots,
                               const Style &style) {
-  const std::vector<std::string_view> names = ShortNames(object);
+  const FileObject &object = named.object;
+  const std::vector<std::string_view> names = ShortNames(object, named.beginning);
   std::vector<Heading> headings;
   for (const size_t slot : slots) {
     const std::string_view name = object.variables[slot].name;
@@ -219,9 +220,9 @@ std::vector<std::string> ListLines(const Shown &shown, int width, const Style &s
   return lines;
 }
 
-void RenderList(std::string &out, std::string_view title, const FileObject &object, int width,
-                const Style &style) {
-  AppendLine(out, Paint(SafeText(title), kTitle, style));
+void RenderList(std::string &out, const NamedObject &named, int width, const Style &style) {
+  const FileObject &object = named.object;
+  AppendLine(out, Paint(SafeText(named.name), kTitle, style));
   const std::vector<size_t> slots = DefinedSlots(object);
   if (slots.empty()) {
     AppendLine(out, "  (no variables; " + std::to_string(object.data.size()) + " bytes of data)");
@@ -229,7 +230,7 @@ void RenderList(std::string &out, std::string_view title, const FileObject &obje
   }
   std::vector<std::string> names;
   int name_width = 0;
-  for (const Heading &heading : Headings(object, slots, style)) {
+  for (const Heading &heading : Headings(named, slots, style)) {
     names.push_back(heading.units.empty() ? heading.name : heading.name + " " + heading.units);
     name_width = std::max(name_width, DisplayWidth(names.back()));
   }
@@ -349,7 +350,7 @@ std::vector<Column> MakeColumns(const std::vector<const NamedObject *> &rows, bo
                                 int bar_width, const Style &style) {
   const FileObject &first = rows[0]->object;
   const std::vector<size_t> slots = DefinedSlots(first);
-  const std::vector<Heading> headings = Headings(first, slots, style);
+  const std::vector<Heading> headings = Headings(*rows[0], slots, style);
   std::vector<Column> columns(1);
   columns[0].heading = {"#"};
   columns[0].right = true;
@@ -474,7 +475,7 @@ void RenderRows(std::string &out, std::string_view group,
   if (!columns) {
     for (size_t i = 0; i < rows.size(); i++) {
       out += i > 0 ? "\n" : "";
-      RenderList(out, rows[i]->name, rows[i]->object, width, style);
+      RenderList(out, *rows[i], width, style);
     }
     return;
   }
@@ -689,18 +690,23 @@ std::vector<std::string> WrapText(std::string_view text, int width) {
   }
 }
 
-std::vector<std::string_view> ShortNames(const FileObject &object) {
+std::string BeginningOf(const FileObject &object) {
   std::vector<std::string_view> own;
   for (const FileVariable &variable : object.variables) {
     if (variable.type != 0 && !IsAdded(variable)) {
       own.push_back(variable.name);
     }
   }
-  const size_t prefix = CommonPrefix(own).size();
+  return std::string(CommonPrefix(own));
+}
+
+std::vector<std::string_view> ShortNames(const FileObject &object, std::string_view beginning) {
+  const std::string common = beginning.empty() ? BeginningOf(object) : std::string(beginning);
   std::vector<std::string_view> names;
   for (const FileVariable &variable : object.variables) {
     const std::string_view name = variable.name;
-    names.push_back(variable.type == 0 || IsAdded(variable) ? name : name.substr(prefix));
+    const bool whole = variable.type == 0 || IsAdded(variable) || !name.starts_with(common);
+    names.push_back(whole ? name : name.substr(common.size()));
   }
   return names;
 }
@@ -713,7 +719,7 @@ std::string RenderTables(const std::vector<NamedObject> &objects, int width, con
     }
     const auto row = ParseRowName(objects[i].name);
     if (!row) {
-      RenderList(out, objects[i].name, objects[i].object, width, style);
+      RenderList(out, objects[i], width, style);
       i++;
       continue;
     }

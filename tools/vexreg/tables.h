@@ -14,6 +14,8 @@ namespace vex {
 struct NamedObject {
   std::string name;  // from the root
   FileObject object;
+  // Of its variables' names, which headings leave out; empty: what they have in common.
+  std::string beginning = {};
 };
 
 // How tables look.
@@ -45,7 +47,9 @@ inline constexpr char kObjectColumn[] = "Object";
 inline constexpr char kPublishedColumn[] = "Published";
 
 // The names without the beginning that they have in common, as headings have them.
-std::vector<std::string_view> ShortNames(const FileObject &object);
+std::vector<std::string_view> ShortNames(const FileObject &object, std::string_view beginning = {});
+// That beginning; empty when they have none in common.
+std::string BeginningOf(const FileObject &object);
 
 // Bytes from an object file as UTF-8 that a terminal shows and does not act on: control characters,
 // C1 ones too, those that reorder text and those that nobody sees are written out as \x1b, \u202e

@@ -450,6 +450,17 @@ TEST_F(Command, SortsAndChooses) {
             "  0\n");
   EXPECT_TRUE(Output({"show", "cpu", "--columns", "+Object"})
                   .starts_with("host/cpu (3 rows)\n  #  UnitIndex    Min  Object\n"));
+  // A column keeps its heading by itself, and its name where it alone was asked for.
+  EXPECT_TRUE(
+      Output({"show", "cpu", "--columns", "Min"}).starts_with("host/cpu (3 rows)\n  #    Min\n"))
+      << Output({"show", "cpu", "--columns", "Min"});
+  EXPECT_EQ(Output({"show", "tlxHoCpuUtilMin", "--sort", "-Min"}),
+            Output({"show", "tlxHoCpuUtilMin", "--sort", "-tlxHoCpuUtilMin"}));
+  for (const char *list : {"", ",", "+"}) {
+    const Outcome none = Run({"show", "cpu", "--columns", list});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.err, "vexreg: show: --columns: no column is named; see vexreg show --help\n");
+  }
   const Outcome outcome = Run({"show", "cpu", "--sort", "Hour"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err,
