@@ -82,7 +82,7 @@ TEST(Words, OfTimes) {
   EXPECT_EQ(Show(Int("tlxHoAgentStart", 1709647629)).text, "2024-03-05 17:37:09 Somewhere");
   EXPECT_EQ(Json(Int("tlxHoAgentStart", 1709647629)), "\"2024-03-05T17:37:09+03:30\"");
   const MadeVariable date = Octets("tlxHoConfigChangedDate", 7, "\x07\xE8\x03\x05\x11\x25\x09");
-  EXPECT_EQ(Show(date).text, "2024-03-05 17:37:09");
+  EXPECT_EQ(Show(date).text, "2024-03-05 17:37:09 Somewhere");
   EXPECT_EQ(Json(date), "\"2024-03-05T17:37:09+03:30\"");
   setenv("TZ", "UTC0", 1);
   tzset();
