@@ -217,6 +217,7 @@ struct GroupState {
   unsigned condition;
   std::string revision;
 };
+constexpr char kNoRevision[] = "0.0";
 GroupState StateOf(std::string_view octets, int group) {
   const size_t at = 4 * static_cast<size_t>(group);
   return {Octet(octets, at) != 0, Octet(octets, at + 1),
@@ -231,10 +232,12 @@ Shown ShowStatus(const MibWords &words, std::string_view octets) {
   for (const MibPart &part : words.parts) {
     const GroupState state = StateOf(octets, part.number);
     if (state.runs) {
-      rows.push_back({{std::to_string(part.number) + " " + part.name},
-                      {"runs", Mood::kGood},
-                      Condition(state.condition),
-                      {state.revision}});
+      rows.push_back(
+          {{std::to_string(part.number) + " " + part.name},
+           {"runs", Mood::kGood},
+           Condition(state.condition),
+           // Of an agent that has published none the array has zeros.
+           state.revision == kNoRevision ? Span{"not known", Mood::kFaint} : Span{state.revision}});
     } else {
       absent += (absent.empty() ? "" : ", ") + std::string(part.name);
     }
