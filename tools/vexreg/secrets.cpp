@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "framework/registry/registry_format.h"
+#include "platform/framework.h"
 
 namespace vex {
 namespace {
@@ -414,14 +415,21 @@ std::string WithoutAddressPasswords(std::string text, Secrets *secrets) {
   return text;
 }
 
-std::string ObjectFileWithoutPasswords(std::string bytes, Secrets *secrets) {
-  const std::string before = bytes;
-  bytes = WithoutAddressPasswords(std::move(bytes), secrets);
-  FileHeader header = {};
-  if (bytes == before || bytes.size() < sizeof(header)) {
-    return bytes;
+// Covers them in a text of so many bytes that stands somewhere in others; nothing moves.
+static void CoverField(std::string *bytes, size_t at, size_t size, Secrets *secrets) {
+  if (at <= bytes->size() && size <= bytes->size() - at) {
+    bytes->replace(at, size, WithoutAddressPasswords(bytes->substr(at, size), secrets));
   }
-  header = Load<FileHeader>(reinterpret_cast<const uint8_t *>(before.data()));
+}
+
+std::string ObjectFileWithoutPasswords(std::string bytes, Secrets *secrets) {
+  bool torn = false;
+  const std::string before = bytes;
+  const auto object = ParseObjectFile({bytes.begin(), bytes.end()}, &torn);
+  if (!object) {
+    return WithoutAddressPasswords(std::move(bytes), secrets);
+  }
+  const auto header = Load<FileHeader>(reinterpret_cast<const uint8_t *>(before.data()));
   const auto checksum = [&](const std::string &file, size_t offset) {
     const auto *const slot = reinterpret_cast<const uint8_t *>(file.data() + offset);
     auto head = Load<SlotHeader>(slot);
@@ -432,8 +440,17 @@ std::string ObjectFileWithoutPasswords(std::string bytes, Secrets *secrets) {
   };
   for (const size_t number : {0, 1}) {
     const size_t offset = header.slots_offset + number * size_t{header.slot_size};
-    if (header.slot_size < sizeof(SlotHeader) || offset + header.slot_size > bytes.size()) {
-      break;  // no object's
+    if (offset + header.slot_size > bytes.size()) {
+      break;
+    }
+    // The texts alone: other bytes may look like anything.
+    for (const FileVariable &variable : object->variables) {
+      if (variable.type == VAR_DISPLAY_STRING) {
+        CoverField(
+            &bytes,
+            offset + sizeof(SlotHeader) + Padded(2 * object->variables.size()) + variable.offset,
+            variable.size, secrets);
+      }
     }
     auto slot = Load<SlotHeader>(reinterpret_cast<const uint8_t *>(before.data() + offset));
     if (slot.checksum == checksum(before, offset)) {
@@ -446,9 +463,13 @@ std::string ObjectFileWithoutPasswords(std::string bytes, Secrets *secrets) {
 
 void CoverPasswords(FileObject *object) {
   Secrets ignored;
-  const std::string covered =
-      WithoutAddressPasswords(std::string(object->data.begin(), object->data.end()), &ignored);
-  object->data.assign(covered.begin(), covered.end());
+  std::string bytes(object->data.begin(), object->data.end());
+  for (const FileVariable &variable : object->variables) {
+    if (variable.type == VAR_DISPLAY_STRING) {
+      CoverField(&bytes, variable.offset, variable.size, &ignored);
+    }
+  }
+  object->data.assign(bytes.begin(), bytes.end());
 }
 
 std::string WithoutSecrets(std::string_view text, const Secrets &secrets) {
