@@ -208,6 +208,16 @@ bool AnyPublished() {
                      [](const auto &entry) { return entry.second->served != nullptr; });
 }
 
+// Of the root that is held and was removed there is nothing to say but that it is gone. What stands
+// in its place now tells more.
+int WhyUnwritten(int error) {
+  if (error != ENOENT) {
+    return error;
+  }
+  const Descriptor now(OpenRegistryRoot(TheRegistry().root, false));
+  return now ? error : errno;
+}
+
 // One line when files begin to fail, one when none is left over. relative: "" for the root itself.
 void ReportFiles(const std::string &relative, const char *problem) {
   Registry &r = TheRegistry();
@@ -279,7 +289,7 @@ void Publish(Object &object, std::shared_ptr<const Image> published,
   MarkStale(object, true);
   Serve(object);
   if (!WriteFile(object)) {
-    ReportFiles(object.relative, strerror(errno));
+    ReportFiles(object.relative, strerror(WhyUnwritten(errno)));
   } else if (TheRegistry().files_reported) {
     ReportFiles(object.relative, "");
   }
@@ -563,6 +573,9 @@ int RunSet(uint8_t phase, SetItem &item) {
         return -1;
       }
       if (phase != SET_CHECK) {
+        if (!SetWanted(true)) {
+          return -1;
+        }
         const auto length = static_cast<size_t>(item.length);
         auto *field = static_cast<unsigned char *>(d.value);
         memcpy(field, item.value.data(), length);
@@ -610,6 +623,10 @@ int RunSet(uint8_t phase, SetItem &item) {
 }  // namespace vex
 
 using namespace vex;  // NOLINT(google-build-using-namespace): what follows is the C interface
+
+int set_wanted(int last) {
+  return SetWanted(last != 0) ? 1 : 0;
+}
 
 int get_id(void) {
   return static_cast<int>(getpid());
@@ -748,8 +765,11 @@ registry_object *get_obj(const char *path) {
     }
     const std::string &root = RegistryRootPath();
     const std::optional<std::string> relative = ResolveObjectName(path, root);
-    const std::optional<FileObject> file =
-        relative ? ReadObjectFile(*relative, root) : std::nullopt;
+    if (!relative) {
+      errno = EXDEV;
+      return nullptr;
+    }
+    const std::optional<FileObject> file = ReadObjectFile(*relative, root);
     if (!file) {
       return nullptr;
     }
