@@ -528,7 +528,7 @@ TEST_F(Doctor, AnotherRegistryThanTheAgents) {
   EXPECT_HAS(About("registry "),
              "FAIL  registry /tmp/registry/host: not the agent's, which publishes elsewhere. Check "
              "--root.");
-  EXPECT_HAS(About("groups: "), "note  groups: not looked at; these are not the agent's.");
+  EXPECT_HAS(About("group: "), "note  group: not looked at; these are not the agent's.");
   EXPECT_EQ(Count("FAIL"), 1U) << outcome_.out;
 }
 

@@ -94,7 +94,7 @@ class Examination {
     LookAtStations();
     LookAtDirectory();
     if (Elsewhere()) {
-      Say({Verdict::kNote, "groups: not looked at; these are not the agent's."});
+      Say({Verdict::kNote, "group: not looked at; these are not the agent's."});
     } else {
       LookAtGroups();
       LookAtGuid();
