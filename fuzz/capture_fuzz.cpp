@@ -35,7 +35,8 @@ void LookForSecret(const std::string &text) {
       vex::WithoutSnmpSecrets(text + "\nrocommunity " + kSecret + "\n", &secrets);
   Require(kept.find(kSecret) == std::string::npos || text.find(kSecret) != std::string::npos ||
           text.ends_with('\\'));
-  vex::WithoutWords(text, secrets);
+  vex::WithoutSecrets(text, secrets);
+  Require(vex::ObjectFileWithoutPasswords(text, &secrets).size() == text.size());
   vex::WithoutAssignedSecrets(text, &secrets);
 }
 

@@ -65,7 +65,7 @@ class Pages(unittest.TestCase):
     def test_references_lead_to_pages(self):
         """To one of these, or to a page of Debian that the programs' packages bring along."""
         known = set(PAGES) | {f"{name}.{section}" for name, section in (
-            ("snmpd", 8), ("reset", 1), ("snmpd.conf", 5), ("snmp.conf", 5), ("snmp_config", 5),
+            ("snmpd", 8), ("tput", 1), ("snmpd.conf", 5), ("snmp.conf", 5), ("snmp_config", 5),
             ("statvfs", 3), ("uname", 2), ("errno", 3), ("ftok", 3), ("sd_notify", 3), ("sh", 1), ("rpm", 8), ("dpkg", 1), ("grep", 1),
             ("cut", 1), ("awk", 1), ("pidof", 8), ("ps", 1), ("sort", 1))}
         for page, path in PAGES.items():

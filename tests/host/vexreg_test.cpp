@@ -115,6 +115,18 @@ TEST(Vexreg, SaysThatTheAgentPublishesElsewhere) {
   const Outcome outcome = host.Vexreg({"--root", "/nowhere", "show"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_TRUE(Contains(outcome.err, "the agent publishes elsewhere; check --root")) << outcome.err;
+  // One finding says so, of the registry; groups of others are not the agent's.
+  ASSERT_TRUE(host.daemon.Poll());
+  ASSERT_EQ(RunCommand({"cp", "-a", MadeUpHost::kRegistry, "/tmp/copy"}).status, 0);
+  for (const std::string root : {"/nowhere", "/tmp/copy"}) {
+    const std::string found = host.Vexreg({"--root", root, "doctor"}).out;
+    EXPECT_TRUE(Contains(found, "FAIL  registry " + root +
+                                    "/host: not the agent's, which publishes elsewhere. "
+                                    "Check --root.\n"))
+        << found;
+    EXPECT_FALSE(Contains(found, "group ")) << found;
+    EXPECT_FALSE(Contains(found, "FAIL  value")) << found;
+  }
 }
 
 TEST(Vexreg, ReportsTheHostAsAPage) {

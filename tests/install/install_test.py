@@ -211,6 +211,22 @@ class Places(Installation):
                 self.assertEqual("SNMPCONFPATH" in unit, configuration != "etc")
 
 
+class Completion(Installation):
+    def test_is_made_again_with_the_command(self):
+        for shell, name in (("bash", "vexreg"), ("zsh", "_vexreg"), ("fish", "vexreg.fish")):
+            with self.subTest(shell):
+                script = f"{self.build}/tools/completion/{shell}/{name}"
+                build = ("cmake", "--build", self.build, "--target", f"vexreg_completion_{shell}")
+                run(*build)
+                # As one that was made before the command was linked anew.
+                with open(script, "w", encoding="utf-8") as file:
+                    file.write("old\n")
+                os.utime(script, (1, 1))
+                run(*build)
+                self.assertEqual(self.read(script),
+                                 run(f"{self.build}/bin/vexreg", "completion", shell))
+
+
 class Components(Installation):
     def test_each_by_itself_and_all_of_it(self):
         self.configure()

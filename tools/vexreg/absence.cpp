@@ -30,7 +30,8 @@ int ListingError(const std::string &path) {
   return error != 0 ? error : ListingError(root.get(), kOwnDirectory);
 }
 
-// Whether a process has the agent's directory for itself.
+}  // namespace
+
 bool IsHeld(const std::string &path) {
   const Descriptor root(OpenRegistryRoot(path, false));
   const Descriptor own(
@@ -38,21 +39,23 @@ bool IsHeld(const std::string &path) {
   return own && DirectoryHolder(own.get()).has_value();
 }
 
-}  // namespace
-
-AgentSight SeeAgent() {
+AgentSight SeeAgent(const std::string &root) {
   AgentSight sight;
   const std::vector<ProcessFact> agents = FindProcesses(kAgentName);
   sight.looked = true;
   sight.runs = !agents.empty();
   sight.stopped = sight.runs && std::all_of(agents.begin(), agents.end(), IsStopped);
   sight.hidden = ProcessesHidden();
+  sight.elsewhere = root != kRegistryRoot && !IsHeld(root);
   return sight;
 }
 
 std::string SightText(const AgentSight &sight, bool published) {
   if (!sight.looked) {
     return "";
+  }
+  if (sight.runs && sight.elsewhere) {
+    return "the agent publishes elsewhere; check --root";
   }
   if (sight.stopped) {
     return "the agent is stopped by a signal; continue it, or restart it";
@@ -95,10 +98,10 @@ std::string WhyNothing(const std::string &root) {
   AbsenceFacts facts;
   facts.root = root;
   facts.error = ListingError(root);
-  const AgentSight sight = SeeAgent();
+  const AgentSight sight = SeeAgent(root);
   facts.agent_hidden = sight.hidden;
   facts.agent_runs = sight.runs;
-  facts.elsewhere = root != kRegistryRoot && !IsHeld(root);
+  facts.elsewhere = sight.elsewhere;
   return JudgeAbsence(facts);
 }
 

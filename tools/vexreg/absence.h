@@ -10,12 +10,16 @@ namespace vex {
 struct AgentSight {
   bool looked = false;  // else the rest says nothing
   bool runs = false;
-  bool stopped = false;  // by a signal
-  bool hidden = false;   // this user does not see other users' processes
+  bool stopped = false;    // by a signal
+  bool hidden = false;     // this user does not see other users' processes
+  bool elsewhere = false;  // no agent has this root, which was given in place of the usual one
 };
 
-// Looks at every process of the host.
-AgentSight SeeAgent();
+// Looks at every process of the host, and whose a registry's root is.
+AgentSight SeeAgent(const std::string &root);
+
+// Whether a process has the agent's directory below a root for itself.
+bool IsHeld(const std::string &path);
 
 // What is with the agent whose values are old, or, when none are published, absent; and what to do.
 // Empty when nobody has looked. Pure.

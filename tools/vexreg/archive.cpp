@@ -119,8 +119,12 @@ void AppendMember(const Member &member, std::string *tar) {
 // The member of a header, without its bytes. Nothing, with the reason, when it is none.
 std::optional<Member> MemberOf(const TarHeader &header, uint64_t *size, std::string *error) {
   const auto sum = OctalOf(header.chksum);
-  if (!sum || *sum != ChecksumOf(header) || TextOf(header.magic) != kMagic) {
+  if (!sum || *sum != ChecksumOf(header) || !TextOf(header.magic).starts_with(kMagic)) {
     *error = "not a capture, or damaged";
+    return std::nullopt;
+  }
+  if (TextOf(header.magic) != kMagic) {
+    *error = "not in the format ustar: packed again by GNU tar, it takes its option --format=ustar";
     return std::nullopt;
   }
   Member member;
@@ -151,9 +155,103 @@ std::optional<Member> MemberOf(const TarHeader &header, uint64_t *size, std::str
   return member;
 }
 
-// The whole decompressed content; nothing, with the reason, when it is damaged, cut off or too
+// Takes an archive piece by piece: what was taken is kept once, as members.
+class TarReader {
+ public:
+  explicit TarReader(std::string *error) : error_(error) {}
+
+  // False, with the reason, when the archive is none or too large.
+  bool Take(std::string_view piece) {
+    total_ += piece.size();
+    if (total_ > kMostArchiveBytes) {
+      return Fail("too large");
+    }
+    while (!piece.empty() && !ended_) {
+      const std::string_view part = piece.substr(0, left_);
+      piece.remove_prefix(part.size());
+      left_ -= part.size();
+      if (!in_member_) {
+        header_.append(part);
+        if (left_ == 0 && !TakeHeader()) {
+          return false;
+        }
+        continue;
+      }
+      members_.back().bytes.append(part.substr(0, std::min(part.size(), wanted_)));
+      wanted_ -= std::min(part.size(), wanted_);
+      if (left_ == 0) {
+        Next();
+      }
+    }
+    return true;
+  }
+
+  // What was taken, when it is whole.
+  std::optional<std::vector<Member>> Finish() {
+    if (!ended_) {
+      Fail("cut off");
+      return std::nullopt;
+    }
+    std::set<std::string_view> names;
+    for (const Member &member : members_) {
+      if (!names.insert(member.name).second) {
+        Fail(member.name + ": twice");
+        return std::nullopt;
+      }
+    }
+    return std::move(members_);
+  }
+
+ private:
+  bool Fail(const std::string &why) {
+    *error_ = why;
+    return false;
+  }
+  void Next() {
+    in_member_ = false;
+    header_.clear();
+    left_ = kBlock;
+  }
+  bool TakeHeader() {
+    if (header_.find_first_not_of('\0') == std::string::npos) {
+      ended_ = true;
+      return true;
+    }
+    TarHeader header;
+    memcpy(&header, header_.data(), sizeof(header));
+    uint64_t size = 0;
+    auto member = MemberOf(header, &size, error_);
+    if (!member) {
+      return false;
+    }
+    if (members_.size() >= kMostMembers) {
+      return Fail("too many members");
+    }
+    members_.push_back(std::move(*member));
+    wanted_ = size;
+    left_ = (size + kBlock - 1) / kBlock * kBlock;
+    in_member_ = true;
+    if (left_ == 0) {
+      Next();
+    } else {
+      members_.back().bytes.reserve(size);
+    }
+    return true;
+  }
+
+  std::string *error_;
+  std::vector<Member> members_;
+  std::string header_;
+  size_t total_ = 0;
+  size_t left_ = kBlock;  // bytes until the next header, or of this one
+  size_t wanted_ = 0;     // of them, the member's
+  bool in_member_ = false;
+  bool ended_ = false;  // what follows says nothing
+};
+
+// The archive as it is decompressed; nothing, with the reason, when it is damaged, cut off or too
 // large.
-std::optional<std::string> Decompress(std::string_view archive, std::string *error) {
+std::optional<std::vector<Member>> Decompress(std::string_view archive, std::string *error) {
   const std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx *)> context(ZSTD_createDCtx(),
                                                                     ZSTD_freeDCtx);
   if (!context || ZSTD_isError(ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax,
@@ -161,7 +259,7 @@ std::optional<std::string> Decompress(std::string_view archive, std::string *err
     *error = "no memory";
     return std::nullopt;
   }
-  std::string content;
+  TarReader reader(error);
   std::string piece(ZSTD_DStreamOutSize(), '\0');
   ZSTD_inBuffer in = {archive.data(), archive.size(), 0};
   size_t left = 1;  // of the frame
@@ -177,13 +275,11 @@ std::optional<std::string> Decompress(std::string_view archive, std::string *err
       *error = "cut off";
       return std::nullopt;
     }
-    content.append(piece, 0, out.pos);
-    if (content.size() > kMostArchiveBytes) {
-      *error = "too large";
+    if (!reader.Take(std::string_view(piece).substr(0, out.pos))) {
       return std::nullopt;
     }
   }
-  return content;
+  return reader.Finish();
 }
 
 }  // namespace
@@ -241,49 +337,12 @@ std::optional<std::string> PackMembers(const std::vector<Member> &members, std::
 }
 
 std::optional<std::vector<Member>> ReadTar(std::string_view tar, std::string *error) {
-  std::vector<Member> members;
-  std::set<std::string_view> names;
-  size_t at = 0;
-  for (;;) {
-    if (tar.size() - at < kBlock) {
-      *error = "cut off";
-      return std::nullopt;
-    }
-    TarHeader header;
-    memcpy(&header, tar.data() + at, sizeof(header));
-    at += kBlock;
-    if (tar.substr(at - kBlock, kBlock).find_first_not_of('\0') == std::string_view::npos) {
-      break;
-    }
-    uint64_t size = 0;
-    auto member = MemberOf(header, &size, error);
-    if (!member) {
-      return std::nullopt;
-    }
-    if (tar.size() - at < size) {
-      *error = "cut off";
-      return std::nullopt;
-    }
-    member->bytes = tar.substr(at, size);
-    at += std::min<size_t>((size + kBlock - 1) / kBlock * kBlock, tar.size() - at);
-    if (members.size() >= kMostMembers) {
-      *error = "too many members";
-      return std::nullopt;
-    }
-    members.push_back(std::move(*member));
-  }
-  for (const Member &member : members) {
-    if (!names.insert(member.name).second) {
-      *error = member.name + ": twice";
-      return std::nullopt;
-    }
-  }
-  return members;
+  TarReader reader(error);
+  return reader.Take(tar) ? reader.Finish() : std::nullopt;
 }
 
 std::optional<std::vector<Member>> UnpackMembers(std::string_view archive, std::string *error) {
-  const auto tar = Decompress(archive, error);
-  return tar ? ReadTar(*tar, error) : std::nullopt;
+  return Decompress(archive, error);
 }
 
 }  // namespace vex

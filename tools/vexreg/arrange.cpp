@@ -45,10 +45,11 @@ void AddVariable(FileObject *object, const char *name, const std::string &text) 
   object->variables.push_back(std::move(variable));
 }
 
-void AddColumns(NamedObject *object) {
+void AddColumns(bool for_programs, NamedObject *object) {
+  const int64_t published = object->object.published_ns / kNanoseconds;
   AddVariable(&object->object, kObjectColumn, object->name);
   AddVariable(&object->object, kPublishedColumn,
-              ZonedTimeText(object->object.published_ns / kNanoseconds));
+              for_programs ? IsoTime(published) : ZonedTimeText(published));
 }
 
 // The place of a column among the object's variables.
@@ -61,7 +62,21 @@ std::optional<size_t> FindColumn(const FileObject &object,
       return i;
     }
   }
-  return std::nullopt;
+  // The end of a name, where it is one's alone: a variable that was asked for by itself has no
+  // other heading, and people know it by the one that it has beside the others.
+  std::optional<size_t> found;
+  for (size_t i = 0; i < object.variables.size(); i++) {
+    const std::string_view name = object.variables[i].name;
+    const size_t at = name.size() - std::min(column.size(), name.size());
+    if (object.variables[i].type != 0 && at > 0 && name[at] >= 'A' && name[at] <= 'Z' &&
+        SameName(name.substr(at), column)) {
+      if (found) {
+        return std::nullopt;
+      }
+      found = i;
+    }
+  }
+  return found;
 }
 
 // What rows are sorted by. No value comes before any.
@@ -136,7 +151,9 @@ void Sort(const std::vector<Order> &orders, std::vector<NamedObject> *objects) {
 }
 
 // Leaves the named columns of an object, or what it has and then those.
-void Choose(const std::vector<std::string> &columns, bool more, FileObject *object) {
+void Choose(const std::vector<std::string> &columns, bool more, NamedObject *named) {
+  FileObject *const object = &named->object;
+  named->beginning = BeginningOf(*object);
   const std::vector<std::string_view> short_names = ShortNames(*object);
   std::vector<FileVariable> chosen;
   if (more) {
@@ -197,7 +214,7 @@ bool Arrange(const Arrangement &arrangement, std::vector<NamedObject> *objects,
     return true;
   }
   for (NamedObject &object : *objects) {
-    AddColumns(&object);
+    AddColumns(arrangement.for_programs, &object);
   }
   std::vector<std::string> named = columns;
   for (const Order &order : orders) {
@@ -211,7 +228,7 @@ bool Arrange(const Arrangement &arrangement, std::vector<NamedObject> *objects,
   }
   Sort(orders, objects);
   for (NamedObject &object : *objects) {
-    Choose(columns, more || columns.empty(), &object.object);
+    Choose(columns, more || columns.empty(), &object);
   }
   if (!columns.empty() && !more) {
     const bool numbers = std::find(columns.begin(), columns.end(), kNumberColumn) != columns.end();

@@ -17,6 +17,7 @@ struct Arrangement {
   std::string sort;
   // Separated by commas; "+" before the list: these after those that are shown anyway.
   std::string columns;
+  bool for_programs = false;  // times in the form of ISO 8601
 };
 
 // Leaves the columns, in this order, and sorts the rows of each group; numbers by number, texts by

@@ -2,7 +2,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <glob.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
@@ -21,7 +20,6 @@
 
 #include "common/sources.h"
 #include "framework/process/descriptor.h"
-#include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/snmp/snmp_ask.h"
 #include "framework/snmp/snmp_files.h"
@@ -30,6 +28,7 @@
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/figures.h"
 #include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/host_files.h"
 #include "tools/vexreg/own_words.h"
 #include "tools/vexreg/replace_file.h"
 #include "tools/vexreg/secrets.h"
@@ -42,8 +41,7 @@ constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kUsualPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // a registry and a log are not for everybody
 
-// Limits: of one source, and of what waits.
-constexpr size_t kMostFile = size_t{8} << 20;
+// Limits: of one source besides a file, and of what waits.
 constexpr size_t kMostOutput = size_t{16} << 20;
 constexpr size_t kMostLog = size_t{256} << 10;
 constexpr int kCommandSeconds = 20;
@@ -65,28 +63,6 @@ std::string Now() {
   char text[32];
   strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
   return text;
-}
-
-// At most so many bytes of a plain file. Nothing, with errno, when it cannot be read.
-std::optional<std::string> ReadPlain(int directory, const std::string &path, size_t most, int flags,
-                                     struct stat *status) {
-  const Descriptor file(
-      openat(directory, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags));
-  if (!file || fstat(file.get(), status) != 0) {
-    return std::nullopt;
-  }
-  if (!S_ISREG(status->st_mode)) {
-    errno = EINVAL;
-    return std::nullopt;
-  }
-  // Files of /proc have no size; those of a program's log may be long and are not read so.
-  std::string bytes(std::min(most + 1, std::max<size_t>(status->st_size + 1, 1 << 20)), '\0');
-  const ssize_t size = ReadFully(file.get(), bytes.data(), bytes.size());
-  if (size < 0) {
-    return std::nullopt;
-  }
-  bytes.resize(static_cast<size_t>(size));
-  return bytes;
 }
 
 class Collector {
@@ -166,7 +142,7 @@ class Collector {
       case Treatment::kAssignments:
         return WithoutAssignedSecrets(bytes, &secrets_);
       case Treatment::kMountTable:
-        return WithoutMountOptions(bytes);
+        return WithoutMountSecrets(bytes, &secrets_);
       case Treatment::kWhole:
         break;
     }
@@ -205,39 +181,15 @@ class Collector {
 
   void TakeFiles() {
     for (const Source &source : Sources()) {
-      glob_t found = {};
-      if (glob(source.pattern, GLOB_NOSORT, nullptr, &found) == 0) {
-        for (size_t i = 0; i < found.gl_pathc; i++) {
-          TakeFile(found.gl_pathv[i], source.treatment);
-        }
+      for (const std::string &file : FilesOf(source.pattern)) {
+        TakeFile(file, source.treatment);
       }
-      globfree(&found);
     }
     TakeFile(kernel_configuration_prefix + capture_.release, Treatment::kWhole);
-    TakeOtherSnmpFiles();
-  }
-
-  // Where the agent's environment says that net-snmp's files are.
-  void TakeOtherSnmpFiles() {
-    const auto path = agent_ != 0 ? VariableOf(agent_, "SNMPCONFPATH") : std::nullopt;
-    if (!path || !*path) {
-      return;
-    }
-    const std::string &directories = **path;
-    for (size_t from = 0; from <= directories.size();) {
-      const size_t end = std::min(directories.find(':', from), directories.size());
-      const std::string directory = directories.substr(from, end - from);
-      from = end + 1;
-      glob_t found = {};
-      if (!directory.empty() && glob((directory + "/*.conf").c_str(), 0, nullptr, &found) == 0) {
-        for (size_t i = 0; i < found.gl_pathc; i++) {
-          const std::string name = std::string(kHostMembers) + (found.gl_pathv[i] + 1);
-          if (capture_.Find(name) == nullptr) {
-            TakeFile(found.gl_pathv[i], Treatment::kSnmp);
-          }
-        }
+    for (const std::string &file : OtherSnmpFiles(agent_)) {
+      if (capture_.Find(std::string(kHostMembers) + file.substr(1)) == nullptr) {
+        TakeFile(file, Treatment::kSnmp);
       }
-      globfree(&found);
     }
   }
 
@@ -382,7 +334,8 @@ class Collector {
         if (!bytes || bytes->size() > kMostFile) {
           Omit(root_ + "/" + path, bytes ? "too large" : strerror(errno));
         } else {
-          Put(std::string(kRegistryMembers) + path, std::move(*bytes), status.st_mtime);
+          Put(std::string(kRegistryMembers) + path,
+              ObjectFileWithoutPasswords(std::move(*bytes), &secrets_), status.st_mtime);
         }
       }
     }
@@ -402,7 +355,7 @@ class Collector {
   void TakeFindings() {
     const TakenText findings = TakeDoctorsFindings(root_, search_);
     if (findings.text) {
-      Put(kFindingsMember, WithoutWords(*findings.text, secrets_), time(nullptr));
+      Put(kFindingsMember, WithoutSecrets(*findings.text, secrets_), time(nullptr));
     } else {
       Omit("doctor", findings.reason);
     }
@@ -413,14 +366,14 @@ class Collector {
     if (!file.empty()) {
       const TakenText log = TakeLogFile(file, search_, kMostLog);
       if (log.text) {
-        Put(kLogFileMember, WithoutWords(*log.text, secrets_), time(nullptr));
+        Put(kLogFileMember, WithoutSecrets(*log.text, secrets_), time(nullptr));
       } else {
         Omit(file, log.reason);
       }
     }
     const TakenText journal = TakeJournal(search_, kMostLog);
     if (journal.text) {
-      Put(kJournalMember, WithoutWords(*journal.text, secrets_), time(nullptr));
+      Put(kJournalMember, WithoutSecrets(*journal.text, secrets_), time(nullptr));
     } else if (file.empty()) {
       Omit("log", journal.reason);
     }

@@ -87,8 +87,13 @@ std::string WhyOld(const std::string &root) {
   const LiveData data = DataOf(heads, true, now, 0);
   const int64_t age = data.AgeOfValues(now, 0);
   return age >= 0 && data.IsStale(now, 0)
-             ? "values are " + AgeText(age) + " old: " + SightText(SeeAgent(), true)
+             ? "values are " + AgeText(age) + " old: " + SightText(SeeAgent(root), true)
              : "";
+}
+
+// A name in a message, in which an empty one shows, too.
+std::string Said(const std::string &name) {
+  return name.empty() ? "''" : name;
 }
 
 }  // namespace
@@ -136,7 +141,7 @@ std::vector<NamedObject> ReadObjects(const Selection &selection, int *status) {
     const std::vector<std::string> names = ListObjects(selection.root);
     for (const std::string &name : found.missing) {
       const std::string nearest = NearestName(name, names);
-      Complain(name + ": no such object" +
+      Complain(Said(name) + ": no such object" +
                (nearest.empty() ? "" : "; did you mean " + nearest + "?"));
     }
     if (names.empty()) {
@@ -179,7 +184,9 @@ int Show(const Selection &selection, const View &view, const Arrangement &arrang
   }
   Style style = ChooseStyle(view.raw, view.colour);
   style.keep_order = !arrangement.columns.empty();
-  std::cout << RenderTables(objects, view.width.value_or(TerminalWidth()), style);
+  const std::string text = RenderTables(objects, view.width.value_or(TerminalWidth()), style);
+  // A file or another program gets UTF-8 whatever the locale.
+  std::cout << (style.utf8 || isatty(STDOUT_FILENO) == 0 ? text : AsciiText(text));
   return FinishOutput(status);
 }
 
@@ -187,7 +194,7 @@ int Put(const std::string &root, const std::string &name, const std::vector<std:
         const std::optional<std::string> &data_file) {
   const auto relative = ResolveObjectName(name, root);
   if (!relative) {
-    Complain(name + ": not a name below " + root);
+    Complain(Said(name) + ": not a name below " + root);
     return kWrongUsage;
   }
   std::optional<std::vector<uint8_t>> data;
@@ -220,7 +227,7 @@ int Put(const std::string &root, const std::string &name, const std::vector<std:
 int Remove(const std::string &root, const std::string &name) {
   const auto relative = ResolveObjectName(name, root);
   if (!relative || !FileExists(root, *relative)) {
-    Complain(name + ": no such object");
+    Complain(Said(name) + ": no such object");
     return kFailed;
   }
   // Agents keep other files of theirs in the registry; those are not for this command. A damaged

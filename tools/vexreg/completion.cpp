@@ -8,11 +8,14 @@
 #include "framework/registry/registry_file.h"
 #include "framework/snmp/mib_table.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/tables.h"
 
 namespace vex {
 namespace {
 
 constexpr char kNames[] = "names";
+constexpr char kColumns[] = "columns";
+constexpr char kOwnObjects[] = "host/";  // the Host Agent's, which need no directory
 constexpr char kObjectArgument[] = "OBJECT";
 constexpr char kFileArgument[] = "FILE";
 constexpr char kSafeCharacters[] =
@@ -137,6 +140,13 @@ std::string BashScript(const CLI::App &app) {
     } else if (IsChoice(option.value)) {
       values += "      mapfile -t COMPREPLY < <(compgen -W " + Quoted(WordsOf(option.value)) +
                 " -- \"$word\")\n";
+    } else if (option.value == "LIST") {
+      // Its last member.
+      values +=
+          "      name=${word##*[,+]}\n"
+          "      name=${name#-}\n"
+          "      mapfile -t COMPREPLY < <(compgen -P \"${word%\"$name\"}\" -W \"$("
+          "\"${COMP_WORDS[0]}\" \"${root[@]}\" completion columns 2>/dev/null)\" -- \"$name\")\n";
     }
     values += "      return ;;\n";
   }
@@ -159,12 +169,21 @@ std::string BashScript(const CLI::App &app) {
          "  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]}\n"
          "  local command='' options='' name i root=()\n"
          "  COMPREPLY=()\n"
+         "  # --option=value is three words.\n"
+         "  if [[ $word == = ]]; then\n"
+         "    word=''\n"
+         "  elif [[ $before == = && $COMP_CWORD -gt 2 ]]; then\n"
+         "    before=${COMP_WORDS[COMP_CWORD-2]}\n"
+         "  fi\n"
          "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
          "    case ${COMP_WORDS[i]} in\n"
-         "    --root) root=(--root \"${COMP_WORDS[i+1]}\"); ((i++)) ;;\n"
          "    " +
          Joined(with_value, "|") +
-         ") ((i++)) ;;\n"
+         ")\n"
+         "      name=${COMP_WORDS[i]}\n"
+         "      [[ ${COMP_WORDS[i+1]} == = ]] && ((i++))\n"
+         "      ((i++))\n"
+         "      [[ $name == --root ]] && root=(--root \"${COMP_WORDS[i]}\") ;;\n"
          "    -*) ;;\n"
          "    *) command=${command:-${COMP_WORDS[i]}} ;;\n"
          "    esac\n"
@@ -207,6 +226,8 @@ std::string ZshOption(const Option &option) {
     text += ":file:_files";
   } else if (IsChoice(option.value)) {
     text += ":choice:(" + WordsOf(option.value) + ")";
+  } else if (option.value == "LIST") {
+    text += ":columns:_vexreg_columns";
   } else if (!option.value.empty()) {
     text += ":" + option.value + ":";
   }
@@ -241,6 +262,14 @@ std::string ZshScript(const CLI::App &app) {
          "  objects=(${(f)\"$(_call_program objects vexreg ${(q)root[@]} completion names "
          "2>/dev/null)\"})\n"
          "  compadd -a objects\n"
+         "}\n\n"
+         "_vexreg_columns() {\n"
+         "  local -a columns\n"
+         "  columns=(${(f)\"$(_call_program columns vexreg ${(q)root[@]} completion columns "
+         "2>/dev/null)\"})\n"
+         "  compset -P '*[,+]'\n"
+         "  compset -P '-'\n"
+         "  compadd -S '' -a columns\n"
          "}\n\n"
          "_vexreg() {\n"
          "  local curcontext=$curcontext state line\n"
@@ -281,6 +310,8 @@ std::string FishOption(const std::string &condition, const Option &option) {
     line += " -r -F";
   } else if (IsChoice(option.value)) {
     line += " -x -a " + Quoted(WordsOf(option.value));
+  } else if (option.value == "LIST") {
+    line += " -x -a '(__fish_append , (vexreg completion columns 2>/dev/null))'";
   } else if (!option.value.empty()) {
     line += " -x";
   }
@@ -322,8 +353,10 @@ void PrintNames(const std::string &root) {
   for (const std::string &name : ListObjects(root)) {
     const auto row = ParseRowName(name);
     names.insert(name);
-    if (row) {
-      names.emplace(row->group);
+    const std::string_view group = row ? row->group : std::string_view(name);
+    names.emplace(group);
+    if (group.starts_with(kOwnObjects)) {
+      names.emplace(group.substr(sizeof(kOwnObjects) - 1));
     }
   }
   for (const MibVariable &variable : MibVariables()) {
@@ -332,6 +365,28 @@ void PrintNames(const std::string &root) {
   for (const std::string &name : names) {
     if (name.find_first_not_of(kSafeCharacters) == std::string::npos) {
       std::cout << name << '\n';
+    }
+  }
+}
+
+// What --sort and --columns take of the objects that there are.
+void PrintColumns(const std::string &root) {
+  std::set<std::string> columns = {kObjectColumn, kPublishedColumn};
+  std::set<std::string> groups;  // the rows of each have the same
+  for (const std::string &name : ListObjects(root)) {
+    const auto row = ParseRowName(name);
+    if (!groups.insert(std::string(row ? row->group : std::string_view(name))).second) {
+      continue;
+    }
+    if (const auto object = ReadObjectFile(name, root)) {
+      for (const std::string_view column : ShortNames(*object)) {
+        columns.emplace(column);
+      }
+    }
+  }
+  for (const std::string &column : columns) {
+    if (!column.empty() && column.find_first_not_of(kSafeCharacters) == std::string::npos) {
+      std::cout << column << '\n';
     }
   }
 }
@@ -354,6 +409,10 @@ std::optional<std::string> CompletionScript(const CLI::App &app, const std::stri
 int Complete(const CLI::App &app, const std::string &root, const std::string &what) {
   if (what == kNames) {
     PrintNames(root);
+    return FinishOutput(kDone);
+  }
+  if (what == kColumns) {
+    PrintColumns(root);
     return FinishOutput(kDone);
   }
   const auto script = CompletionScript(app, what);

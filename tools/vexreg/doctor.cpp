@@ -19,6 +19,7 @@
 #include "framework/snmp/mib_table.h"
 #include "framework/snmp/snmp_ask.h"
 #include "framework/snmp/snmp_files.h"
+#include "tools/vexreg/absence.h"
 #include "tools/vexreg/bounded.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/finding_json.h"
@@ -92,8 +93,12 @@ class Examination {
     }
     LookAtStations();
     LookAtDirectory();
-    LookAtGroups();
-    LookAtGuid();
+    if (Elsewhere()) {
+      Say({Verdict::kNote, "group: not looked at; these are not the agent's."});
+    } else {
+      LookAtGroups();
+      LookAtGuid();
+    }
     const int64_t started_ns = agent_.empty() ? 0 : agent_.front().started_ns;
     LookAtSources(SearchPath(), started_ns, [this](const Finding &finding) { Say(finding); });
     return FinishOutput(failed_ ? kFailed : kDone);
@@ -118,6 +123,12 @@ class Examination {
 
   bool AgentStopped() const {
     return std::any_of(agent_.begin(), agent_.end(), IsStopped);
+  }
+  // Whether a root was given that the running agent does not have. One that has just started may
+  // have none yet.
+  bool Elsewhere() const {
+    return !agent_.empty() && root_ != kRegistryRoot && !IsHeld(root_) &&
+           (Phase() != AgentPhase::kStarts || IsHeld(kRegistryRoot));
   }
   // Gone, too, when it could not be seen at all.
   AgentPhase Phase() const {
@@ -214,7 +225,7 @@ class Examination {
     facts.sessions = sessions_;
     facts.community_line = CommunityLine(files_.master_lines, files_.community);
     Say(JudgeSubtree(subtree, facts));
-    if (visible_) {
+    if (visible_ && !Elsewhere()) {
       CompareValue();
     }
   }
@@ -272,6 +283,7 @@ class Examination {
       facts.agents.push_back(agent.pid);
     }
     facts.agent_known = !hidden_ || !agent_.empty();
+    facts.elsewhere = Elsewhere();
     Say(JudgeDirectory(facts, Phase()));
   }
 

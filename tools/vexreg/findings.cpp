@@ -383,6 +383,9 @@ Finding JudgeDirectory(const DirectoryFacts &facts, AgentPhase phase) {
                : Fail(where + holder +
                       " has it, and the agent writes elsewhere. End that process.");
   }
+  if (facts.elsewhere) {
+    return Fail(where + "not the agent's, which publishes elsewhere. Check --root.");
+  }
   if (phase == AgentPhase::kStarts) {
     return Note(where + "not the agent's yet: " + kJustStarted);
   }

@@ -100,6 +100,7 @@ struct DirectoryFacts {
   std::optional<pid_t> holder;  // the process that has it for itself alone
   std::vector<pid_t> agents;    // that were seen
   bool agent_known = true;      // whether they could be seen
+  bool elsewhere = false;       // a root was given that no agent has
 };
 Finding JudgeDirectory(const DirectoryFacts &facts, AgentPhase phase);
 

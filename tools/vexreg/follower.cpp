@@ -90,7 +90,7 @@ void Follower::Choose(const Stamps &stamps, Look *look) {
     const std::vector<std::string> found = NamesFor(given, selection_.root, names_);
     whole_.insert(found.begin(), found.end());
     if (found.empty() && given.find('/') == std::string::npos && !given.empty()) {
-      variables_.push_back(given);
+      variables_.push_back(WellKnownName(given));
     } else if (found.empty()) {
       missing_.push_back(given);
     }

@@ -100,7 +100,7 @@ class LiveLoop {
     const std::pair<bool, int> absence = {data_.groups().empty(), data_.last_look().error};
     const bool well = data_.AgeOfValues(wall, ClockNs()) >= 0 && !data_.IsStale(wall, ClockNs());
     if (!well && (Now() >= next_sight_ || absence != absence_)) {
-      moment_.agent = SeeAgent();
+      moment_.agent = SeeAgent(selection_.root);
       moment_.nothing = data_.groups().empty() ? WhyNothing(selection_.root) : "";
       next_sight_ = Now() + kSightSeconds;
     } else if (well) {

@@ -148,7 +148,7 @@ std::vector<LiveColumn> SiblingColumns() {
   revision.cell = [](const LiveRow &row) {
     const auto major = KnownNumber(row.object.get(), "tlxHoSiblingMajor");
     const auto minor = KnownNumber(row.object.get(), "tlxHoSiblingMinor");
-    return major && minor
+    return major && minor && (*major != 0 || *minor != 0)
                ? LiveCell{std::to_string(*major) + "." + std::to_string(*minor), Mood::kPlain, {}}
                : LiveCell{};
   };

@@ -21,7 +21,10 @@ namespace vex {
 namespace {
 
 constexpr int kEscapeDelayMs = 100;  // within which the rest of a key's sequence comes
-constexpr int kCrashes[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGQUIT, SIGSYS, SIGALRM};
+// What ends a process and does not end the view by itself; those for real time, too.
+constexpr int kCrashes[] = {SIGSEGV, SIGBUS,  SIGFPE,  SIGILL,    SIGABRT,  SIGQUIT, SIGSYS,
+                            SIGALRM, SIGTRAP, SIGXCPU, SIGXFSZ,   SIGPIPE,  SIGUSR1, SIGUSR2,
+                            SIGPROF, SIGIO,   SIGPWR,  SIGVTALRM, SIGSTKFLT};
 
 // What a signal's handler needs to give the terminal back.
 termios modes_before;
@@ -64,12 +67,23 @@ void AddToLeave(const char *capability) {
   }
 }
 
+void CatchCrash(int number) {
+  struct sigaction action = {};
+  struct sigaction before = {};
+  action.sa_handler = TakeCrash;
+  action.sa_flags = SA_RESETHAND | SA_NODEFER;
+  sigaction(number, &action, &before);
+  if (before.sa_handler == SIG_IGN && number != SIGALRM) {  // which is the view's own
+    sigaction(number, &before, nullptr);
+  }
+}
+
 void CatchCrashes() {
   for (const int number : kCrashes) {
-    struct sigaction action = {};
-    action.sa_handler = TakeCrash;
-    action.sa_flags = SA_RESETHAND | SA_NODEFER;
-    sigaction(number, &action, nullptr);
+    CatchCrash(number);
+  }
+  for (int number = SIGRTMIN; number <= SIGRTMAX; number++) {
+    CatchCrash(number);
   }
 }
 
@@ -144,6 +158,9 @@ LiveScreen::~LiveScreen() {
     endwin();
   }
   for (const int number : kCrashes) {
+    signal(number, SIG_DFL);
+  }
+  for (int number = SIGRTMIN; number <= SIGRTMAX; number++) {
     signal(number, SIG_DFL);
   }
 }

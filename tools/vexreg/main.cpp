@@ -57,7 +57,7 @@ constexpr char kReportNotes[] =
     "software, firmware, siblings, doctor's findings and the log. Only this user may\n"
     "read FILE, which is written whole or not at all.\n"
     "Examples:\n"
-    "  sudo vexreg report --output host.html\n"
+    "  sudo vexreg report host.html\n"
     "  vexreg report --capture host.tar.zst >host.html";
 constexpr char kReplayNotes[] =
     "In namespaces of its own, with nothing of this host but its programs. What\n"
@@ -77,6 +77,7 @@ struct Arguments {
   std::vector<std::string> variables;
   std::optional<std::string> data_file;
   std::optional<std::string> output_file;
+  std::optional<std::string> page_file;  // the same of a report, without the option
   int most_seconds = 30;
   std::string completion;
   std::string capture_file;  // what capture writes or replay reads
@@ -150,7 +151,15 @@ int main(int argc, char **argv) {
   app.require_subcommand(1);
   app.get_formatter()->column_width(kNameColumns);
   Arguments arguments;
-  app.add_option("--root", arguments.selection.root, "Another root directory of the registry")
+  app.add_option_function<std::string>(
+         "--root",
+         [&arguments](const std::string &root) {
+           if (root.empty()) {
+             throw CLI::ValidationError("--root", "an empty name is no directory's");
+           }
+           arguments.selection.root = root;
+         },
+         "Another root directory of the registry")
       ->type_name("DIR");
   app.set_version_flag("-V,--version", "vexreg " VEXREG_VERSION);
 
@@ -161,13 +170,21 @@ int main(int argc, char **argv) {
   dump->add_flag("--raw", arguments.view.raw)->group("");
   CLI::App *show = AddCommand(&app, "show", "Prints objects as tables for people", kShowNotes);
   AddView(show, &arguments, "Values as JSON, in words without --raw");
+  // Of a list that names nothing.
+  const CLI::Validator named(
+      [](const std::string &list) {
+        return list.find_first_not_of(",+-") == std::string::npos ? "no column is named" : "";
+      },
+      "");
   show->add_option("--sort", arguments.arrangement.sort,
                    "Sorts rows by these; -COLUMN: largest first")
       ->type_name("LIST")
+      ->check(named)
       ->allow_extra_args(false);
   show->add_option("--columns", arguments.arrangement.columns,
                    "These alone, in this order; +LIST: these as well")
       ->type_name("LIST")
+      ->check(named)
       ->allow_extra_args(false);
   CLI::App *watch = AddCommand(&app, "watch",
                                "Keeps a live view; prints changes without a terminal", kWatchNotes);
@@ -202,8 +219,11 @@ int main(int argc, char **argv) {
       ->type_name("FILE");
 
   CLI::App *report = AddCommand(&app, "report", "Writes the host as an HTML page", kReportNotes);
-  report->add_option("--output", arguments.output_file, "Writes this file instead")
-      ->type_name("FILE");
+  report
+      ->add_option("FILE", arguments.page_file,
+                   "The file to write; else, and for -, standard output")
+      ->type_name("");
+  report->add_option("--output", arguments.output_file, "The same")->type_name("FILE");
   for (CLI::App *each : {dump, show, exporter, report}) {
     AddCapture(each, &arguments);
   }
@@ -249,9 +269,17 @@ int main(int argc, char **argv) {
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::Success &asked) {
-    return app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage;
+    return vex::FinishOutput(app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage);
   } catch (const CLI::ParseError &error) {
     vex::Complain(vex::UsageComplaint(app, words, error));
+    return vex::kWrongUsage;
+  }
+  if (arguments.page_file && arguments.output_file) {
+    vex::Complain("FILE and --output both name the file to write: give one of them");
+    return vex::kWrongUsage;
+  }
+  if (!arguments.capture.empty() && app.count("--root") > 0) {
+    vex::Complain("--root and --capture both say whose objects are meant: give one of them");
     return vex::kWrongUsage;
   }
   vex::CapturedRegistry captured;
@@ -272,6 +300,7 @@ int main(int argc, char **argv) {
   }
   if (*show) {
     arguments.view.captured = !arguments.capture.empty();
+    arguments.arrangement.for_programs = arguments.view.json;
     return vex::Show(arguments.selection, arguments.view, arguments.arrangement);
   }
   if (*watch) {
@@ -292,7 +321,7 @@ int main(int argc, char **argv) {
   if (*report) {
     return vex::Report(root, VEXREG_VERSION,
                        arguments.capture.empty() ? nullptr : &captured.capture(),
-                       arguments.output_file);
+                       arguments.page_file ? arguments.page_file : arguments.output_file);
   }
   if (*capture) {
     return vex::CaptureHost(root, arguments.capture_file, VEXREG_VERSION, arguments.view.json);

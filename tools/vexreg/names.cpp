@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <map>
@@ -36,16 +37,23 @@ bool IsPattern(std::string_view name) {
   return name.find_first_of("*?[") != std::string_view::npos;
 }
 
-// The objects among the names that a pattern, a group or a short name stands for.
+bool SameWord(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// The objects among the names that a pattern, a group or a short name stands for; any_case: also in
+// other letters than theirs.
 std::vector<std::string> NamesOf(const std::string &path, bool has_directory,
-                                 const std::vector<std::string> &names) {
+                                 const std::vector<std::string> &names, bool any_case = false) {
   std::vector<std::string> all;
   std::vector<std::string> own;
   const bool pattern = IsPattern(path);
   for (const std::string &name : names) {
     const std::string base(has_directory ? std::string_view(name) : BaseName(name));
-    const bool fits = pattern ? fnmatch(path.c_str(), base.c_str(), FNM_PATHNAME) == 0
-                              : base == path || GroupOf(base) == path;
+    const int flags = FNM_PATHNAME | (any_case ? FNM_CASEFOLD : 0);
+    const bool fits = pattern    ? fnmatch(path.c_str(), base.c_str(), flags) == 0
+                      : any_case ? SameWord(base, path) || SameWord(GroupOf(base), path)
+                                 : base == path || GroupOf(base) == path;
     if (fits) {
       all.push_back(name);
       if (DirectoryName(name) == kOwnDirectory) {
@@ -54,6 +62,13 @@ std::vector<std::string> NamesOf(const std::string &path, bool has_directory,
     }
   }
   return pattern || own.empty() ? all : own;
+}
+
+// The same as it is, and only where nothing fits so, in any case of letters.
+std::vector<std::string> NamesInAnyCase(const std::string &path, bool has_directory,
+                                        const std::vector<std::string> &names) {
+  std::vector<std::string> found = NamesOf(path, has_directory, names);
+  return found.empty() ? NamesOf(path, has_directory, names, true) : found;
 }
 
 // Looks names up in a registry, which is listed once at most.
@@ -96,8 +111,18 @@ class Search {
     }
     const bool has_directory = given.find('/') != std::string::npos;
     const std::vector<std::string> names =
-        path ? NamesOf(*path, has_directory, Names()) : std::vector<std::string>();
+        path ? NamesInAnyCase(*path, has_directory, Names()) : std::vector<std::string>();
     if (!names.empty()) {
+      // What a name stands for is damaged as a whole, or in parts that are left out.
+      if (std::none_of(names.begin(), names.end(),
+                       [&](const std::string &name) { return AddObject(name, nullptr); })) {
+        (std::any_of(names.begin(), names.end(),
+                     [&](const std::string &name) { return FileExists(name); })
+             ? found_.unreadable
+             : found_.missing)
+            .push_back(given);
+        return;
+      }
       AddAll(names, nullptr);
       return;
     }
@@ -153,7 +178,8 @@ class Search {
         any = AddObject(name, &given) || any;
       }
     }
-    return any;
+    const std::string known = any ? given : WellKnownName(given);
+    return known != given ? AddVariable(known) : any;
   }
 
   // Leaves of each object the variables that were asked for.
@@ -238,6 +264,21 @@ std::string OtherName(std::string_view given, const std::vector<std::string> &ob
   return "";
 }
 
+// The shortest variable that a heading may be the end of; given: in small letters.
+std::string VariableOfHeading(std::string_view given) {
+  std::string_view shortest;
+  for (const MibVariable &variable : MibVariables()) {
+    const std::string_view name = variable.name;
+    const bool ends = given.size() > 1 && name.size() > given.size() &&
+                      isupper(static_cast<unsigned char>(name[name.size() - given.size()])) != 0 &&
+                      SameWord(name.substr(name.size() - given.size()), given);
+    if (ends && (shortest.empty() || name.size() < shortest.size())) {
+      shortest = name;
+    }
+  }
+  return std::string(shortest);
+}
+
 }  // namespace
 
 Found FindObjects(const Selection &selection) {
@@ -253,7 +294,16 @@ std::vector<std::string> NamesFor(const std::string &given, const std::string &r
   if (std::find(names.begin(), names.end(), *path) != names.end()) {
     return {*path};
   }
-  return NamesOf(*path, given.find('/') != std::string::npos, names);
+  return NamesInAnyCase(*path, given.find('/') != std::string::npos, names);
+}
+
+std::string WellKnownName(const std::string &given) {
+  for (const MibVariable &variable : MibVariables()) {
+    if (SameWord(variable.name, given)) {
+      return std::string(variable.name);
+    }
+  }
+  return given;
 }
 
 size_t EditDistance(std::string_view a, std::string_view b, size_t most) {
@@ -308,6 +358,9 @@ std::string NearestName(std::string_view said, const std::vector<std::string> &o
   if (!has_directory) {
     for (const MibVariable &variable : MibVariables()) {
       nearest.Try(variable.name, variable.name);
+    }
+    if (nearest.shown().empty()) {
+      return VariableOfHeading(given);
     }
   }
   return nearest.shown();

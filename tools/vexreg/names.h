@@ -31,6 +31,7 @@ struct Found {
 //   a group, for all of its rows in natural order: host/cpu
 //   either without the directory: cpu, cpu.0. The Host Agent's own come before those of others.
 //   a variable, for the objects that have it, with that variable alone: tlxHoCpuUtilMin
+// A name that fits nothing so is taken in any case of letters.
 // Objects that vanish meanwhile are left out.
 Found FindObjects(const Selection &selection);
 
@@ -38,6 +39,9 @@ Found FindObjects(const Selection &selection);
 // names: from the root.
 std::vector<std::string> NamesFor(const std::string &given, const std::string &root,
                                   const std::vector<std::string> &names);
+
+// A variable of the modules as they write it, where it was given in other letters; else as it was.
+std::string WellKnownName(const std::string &given);
 
 // The name among the objects, their groups and the variables that was most likely meant, whatever
 // the case, also by a word that people say for it ("filesystems"); empty when none is near.

@@ -316,8 +316,8 @@ class Page {
     const auto percent = KnownNumber(object, "tlxHoFileSysPercentSpaceUsed");
     const auto read_only = KnownNumber(mount, "tlxHoMountReadOnly");
     const std::string name = Html(object, "tlxHoFileSysDesc");
-    body_ +=
-        "<tr><th scope=\"row\">" + (name.empty() ? Styled("not known", "faint") : name) + "</th>";
+    body_ += "<tr><th scope=\"row\" class=\"long\">" +
+             (name.empty() ? Styled("not known", "faint") : name) + "</th>";
     Cell("Type", Html(mount, "tlxHoMountType"), "word");
     Cell("Size", Html(object, "tlxHoFileSysSpaceTotal"), "number");
     Cell("Used", Html(object, "tlxHoFileSysSpaceUsed"), "number");
@@ -385,8 +385,8 @@ class Page {
   void FindingRows(const std::string &state, const char *shown, const char *kind) {
     for (const PageFinding &finding : facts_.findings) {
       if (finding.state == state) {
-        body_ += "<tr><th scope=\"row\">" + Styled(shown, kind) + "</th><td>" +
-                 HtmlText(finding.message) + "</td></tr>\n";
+        body_ += "<tr><th scope=\"row\" class=\"word\">" + Styled(shown, kind) +
+                 "</th><td class=\"long\">" + HtmlText(finding.message) + "</td></tr>\n";
       }
     }
   }

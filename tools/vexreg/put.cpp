@@ -75,7 +75,8 @@ std::optional<Value> ParseText(std::string_view text, std::string *error) {
   }
   text.remove_prefix(colon + 1);
   if (text.size() > *size - 1) {
-    *error = "the text is longer than " + std::to_string(*size - 1) + " bytes";
+    *error =
+        "the text is longer than " + std::to_string(*size - 1) + (*size == 2 ? " byte" : " bytes");
     return std::nullopt;
   }
   Value value{VAR_DISPLAY_STRING, std::vector<uint8_t>(*size)};

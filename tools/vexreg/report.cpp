@@ -9,6 +9,7 @@
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/findings.h"
 #include "tools/vexreg/host_facts.h"
+#include "tools/vexreg/host_files.h"
 #include "tools/vexreg/own_words.h"
 #include "tools/vexreg/page.h"
 #include "tools/vexreg/replace_file.h"
@@ -68,16 +69,28 @@ void TakeLog(const std::vector<TakenText> &logs, PageFacts *facts) {
 
 void TakeThisHost(const std::string &root, PageFacts *facts) {
   facts->moment = time(nullptr);
-  facts->agent = SightText(SeeAgent(), true);
-  TakeFindings(TakeDoctorsFindings(root, kUsualPath), facts);
+  facts->agent = SightText(SeeAgent(root), true);
   const auto agents = FindProcesses(kAgentName);
-  const std::string file = LogFileOf(agents.empty() ? 0 : agents.front().pid);
+  const pid_t agent = agents.empty() ? 0 : agents.front().pid;
+  // The page is for others, too: what a capture leaves out, it has not, either.
+  const Secrets secrets = SecretsOfHost(agent);
+  const auto cleaned = [&](TakenText taken) {
+    if (taken.text) {
+      taken.text = WithoutSecrets(*taken.text, secrets);
+    }
+    return taken;
+  };
+  TakeFindings(cleaned(TakeDoctorsFindings(root, kUsualPath)), facts);
+  const std::string file = LogFileOf(agent);
   std::vector<TakenText> logs;
   if (!file.empty()) {
-    logs.push_back(TakeLogFile(file, kUsualPath, kMostLog));
+    logs.push_back(cleaned(TakeLogFile(file, kUsualPath, kMostLog)));
   }
-  logs.push_back(TakeJournal(kUsualPath, kMostLog));
+  logs.push_back(cleaned(TakeJournal(kUsualPath, kMostLog)));
   TakeLog(logs, facts);
+  for (NamedObject &object : facts->objects) {
+    CoverPasswords(&object.object);
+  }
 }
 
 void TakeCapture(const Capture &capture, PageFacts *facts) {

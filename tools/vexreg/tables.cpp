@@ -58,10 +58,33 @@ int CharacterWidth(char32_t code) {
   return width < 0 ? 1 : width;
 }
 
-// Whether a terminal would act on the character instead of showing it, or reorder what it shows.
+// Whether a terminal would act on the character instead of showing it, or reorder what it shows; or
+// whether nobody sees it at all, so that two names look the same.
 bool IsControl(char32_t code) {
-  return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x200E || code == 0x200F ||
-         (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+  // Controls, formats, what is ignored by default, and what is no character (Unicode 15).
+  constexpr std::pair<char32_t, char32_t> kRanges[] = {
+      {0x0000, 0x001F}, {0x007F, 0x009F},   {0x00AD, 0x00AD},   {0x034F, 0x034F},
+      {0x061C, 0x061C}, {0x115F, 0x1160},   {0x17B4, 0x17B5},   {0x180B, 0x180F},
+      {0x200B, 0x200F}, {0x2028, 0x202E},   {0x2060, 0x206F},   {0x3164, 0x3164},
+      {0xFDD0, 0xFDEF}, {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},
+      {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF}};
+  return (code & 0xFFFE) == 0xFFFE ||
+         std::any_of(std::begin(kRanges), std::end(kRanges), [code](const auto &range) {
+           return range.first <= code && code <= range.second;
+         });
+}
+
+// A character as JSON escapes it: in one part, or two beyond U+FFFF.
+std::string JsonEscape(char32_t code) {
+  char escaped[16];
+  if (code < 0x10000) {
+    std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(code));
+  } else {
+    std::snprintf(escaped, sizeof(escaped), "\\u%04x\\u%04x",
+                  0xD800 + static_cast<unsigned>((code - 0x10000) >> 10),
+                  0xDC00 + static_cast<unsigned>(code & 0x3FF));
+  }
+  return escaped;
 }
 
 // Hexadecimal digits, with a blank after every four octets so that long values can be wrapped. Many
@@ -139,9 +162,10 @@ struct Heading {
   std::string name;
   std::string units;  // "(MB)", or empty
 };
-std::vector<Heading> Headings(const FileObject &object, const std::vector<size_t> &slots,
+std::vector<Heading> Headings(const NamedObject &named, const std::vector<size_t> &slots,
                               const Style &style) {
-  const std::vector<std::string_view> names = ShortNames(object);
+  const FileObject &object = named.object;
+  const std::vector<std::string_view> names = ShortNames(object, named.beginning);
   std::vector<Heading> headings;
   for (const size_t slot : slots) {
     const std::string_view name = object.variables[slot].name;
@@ -196,9 +220,9 @@ std::vector<std::string> ListLines(const Shown &shown, int width, const Style &s
   return lines;
 }
 
-void RenderList(std::string &out, std::string_view title, const FileObject &object, int width,
-                const Style &style) {
-  AppendLine(out, Paint(SafeText(title), kTitle, style));
+void RenderList(std::string &out, const NamedObject &named, int width, const Style &style) {
+  const FileObject &object = named.object;
+  AppendLine(out, Paint(SafeText(named.name), kTitle, style));
   const std::vector<size_t> slots = DefinedSlots(object);
   if (slots.empty()) {
     AppendLine(out, "  (no variables; " + std::to_string(object.data.size()) + " bytes of data)");
@@ -206,7 +230,7 @@ void RenderList(std::string &out, std::string_view title, const FileObject &obje
   }
   std::vector<std::string> names;
   int name_width = 0;
-  for (const Heading &heading : Headings(object, slots, style)) {
+  for (const Heading &heading : Headings(named, slots, style)) {
     names.push_back(heading.units.empty() ? heading.name : heading.name + " " + heading.units);
     name_width = std::max(name_width, DisplayWidth(names.back()));
   }
@@ -326,7 +350,7 @@ std::vector<Column> MakeColumns(const std::vector<const NamedObject *> &rows, bo
                                 int bar_width, const Style &style) {
   const FileObject &first = rows[0]->object;
   const std::vector<size_t> slots = DefinedSlots(first);
-  const std::vector<Heading> headings = Headings(first, slots, style);
+  const std::vector<Heading> headings = Headings(*rows[0], slots, style);
   std::vector<Column> columns(1);
   columns[0].heading = {"#"};
   columns[0].right = true;
@@ -451,7 +475,7 @@ void RenderRows(std::string &out, std::string_view group,
   if (!columns) {
     for (size_t i = 0; i < rows.size(); i++) {
       out += i > 0 ? "\n" : "";
-      RenderList(out, rows[i]->name, rows[i]->object, width, style);
+      RenderList(out, *rows[i], width, style);
     }
     return;
   }
@@ -481,7 +505,10 @@ std::string SafeText(std::string_view bytes) {
     const Character character = FirstCharacter(rest);
     if (IsControl(character.code)) {
       char escaped[16];
-      std::snprintf(escaped, sizeof(escaped), character.code < 0x100 ? "\\x%02x" : "\\u%04x",
+      std::snprintf(escaped, sizeof(escaped),
+                    character.code < 0x100     ? "\\x%02x"
+                    : character.code < 0x10000 ? "\\u%04x"
+                                               : "\\U%08x",
                     static_cast<unsigned>(character.code));
       safe += escaped;
     } else {
@@ -492,14 +519,26 @@ std::string SafeText(std::string_view bytes) {
   return safe;
 }
 
+std::string AsciiText(std::string_view text) {
+  std::string ascii;
+  while (!text.empty()) {
+    const Character character = FirstCharacter(text);
+    if (character.code < 0x80) {
+      ascii += text[0];
+    } else {
+      ascii.append(static_cast<size_t>(CharacterWidth(character.code)), '?');
+    }
+    text.remove_prefix(std::min(character.length, text.size()));
+  }
+  return ascii;
+}
+
 std::string SafeJson(std::string_view json) {
   std::string safe;
   while (!json.empty()) {
     const Character character = FirstCharacter(json);
     if (IsControl(character.code) && character.code != '\n') {
-      char escaped[16];
-      std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(character.code));
-      safe += escaped;
+      safe += JsonEscape(character.code);
     } else {
       safe += json.substr(0, character.length);
     }
@@ -651,18 +690,23 @@ std::vector<std::string> WrapText(std::string_view text, int width) {
   }
 }
 
-std::vector<std::string_view> ShortNames(const FileObject &object) {
+std::string BeginningOf(const FileObject &object) {
   std::vector<std::string_view> own;
   for (const FileVariable &variable : object.variables) {
     if (variable.type != 0 && !IsAdded(variable)) {
       own.push_back(variable.name);
     }
   }
-  const size_t prefix = CommonPrefix(own).size();
+  return std::string(CommonPrefix(own));
+}
+
+std::vector<std::string_view> ShortNames(const FileObject &object, std::string_view beginning) {
+  const std::string common = beginning.empty() ? BeginningOf(object) : std::string(beginning);
   std::vector<std::string_view> names;
   for (const FileVariable &variable : object.variables) {
     const std::string_view name = variable.name;
-    names.push_back(variable.type == 0 || IsAdded(variable) ? name : name.substr(prefix));
+    const bool whole = variable.type == 0 || IsAdded(variable) || !name.starts_with(common);
+    names.push_back(whole ? name : name.substr(common.size()));
   }
   return names;
 }
@@ -675,7 +719,7 @@ std::string RenderTables(const std::vector<NamedObject> &objects, int width, con
     }
     const auto row = ParseRowName(objects[i].name);
     if (!row) {
-      RenderList(out, objects[i].name, objects[i].object, width, style);
+      RenderList(out, objects[i], width, style);
       i++;
       continue;
     }

@@ -14,6 +14,8 @@ namespace vex {
 struct NamedObject {
   std::string name;  // from the root
   FileObject object;
+  // Of its variables' names, which headings leave out; empty: what they have in common.
+  std::string beginning = {};
 };
 
 // How tables look.
@@ -45,11 +47,16 @@ inline constexpr char kObjectColumn[] = "Object";
 inline constexpr char kPublishedColumn[] = "Published";
 
 // The names without the beginning that they have in common, as headings have them.
-std::vector<std::string_view> ShortNames(const FileObject &object);
+std::vector<std::string_view> ShortNames(const FileObject &object, std::string_view beginning = {});
+// That beginning; empty when they have none in common.
+std::string BeginningOf(const FileObject &object);
 
 // Bytes from an object file as UTF-8 that a terminal shows and does not act on: control characters,
-// C1 ones too, and those that reorder text are written out as \x1b or \u202e.
+// C1 ones too, those that reorder text and those that nobody sees are written out as \x1b, \u202e
+// or \U000e0041.
 std::string SafeText(std::string_view bytes);
+// UTF-8 for a terminal that has ASCII alone: as wide, with question marks for the rest.
+std::string AsciiText(std::string_view text);
 // The same of a JSON text, in which they become escape sequences of the same value.
 std::string SafeJson(std::string_view json);
 

@@ -99,6 +99,20 @@ std::vector<std::string> OptionNames(const CLI::App &app, const CLI::App &comman
   return names;
 }
 
+// What the library says, "--color: 1 required auto|always|never missing" in words of ours.
+std::string WithoutJargon(const CLI::ParseError &error) {
+  constexpr std::string_view kRequired = ": 1 required ";
+  constexpr std::string_view kMissing = " missing";
+  const std::string text = error.what();
+  const size_t at = text.find(kRequired);
+  if (at == std::string::npos || !text.ends_with(kMissing)) {
+    return text;
+  }
+  const size_t value = at + kRequired.size();
+  return text.substr(0, at) +
+         ": a value is missing: " + text.substr(value, text.size() - kMissing.size() - value);
+}
+
 std::string Meant(const std::string &nearest) {
   return nearest.empty() ? "" : "; did you mean " + nearest + "?";
 }
@@ -121,7 +135,13 @@ std::vector<std::string> CommandFirst(const CLI::App &app, std::vector<std::stri
 
 std::string UsageComplaint(const CLI::App &app, const std::vector<std::string> &words,
                            const CLI::ParseError &error) {
+  const std::string said = WithoutJargon(error);
   if (words.empty() || words[0].starts_with('-')) {
+    // It fails by an option of its own before the command is missed.
+    if (!words.empty() && dynamic_cast<const CLI::RequiredError *>(&error) == nullptr &&
+        dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr) {
+      return said + "; see vexreg --help";
+    }
     const bool known = words.empty() || FindOption(app, words[0]) != nullptr;
     return known ? "a command is missing; vexreg --help lists them"
                  : words[0] + ": no such option; see vexreg --help";
@@ -145,7 +165,7 @@ std::string UsageComplaint(const CLI::App &app, const std::vector<std::string> &
       }
     }
   }
-  return words[0] + ": " + error.what() + see;
+  return words[0] + ": " + said + see;
 }
 
 }  // namespace vex

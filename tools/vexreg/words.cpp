@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "framework/snmp/mib_table.h"
 #include "platform/framework.h"
 #include "tools/vexreg/mib_words.h"
 #include "tools/vexreg/tables.h"
@@ -216,6 +217,7 @@ struct GroupState {
   unsigned condition;
   std::string revision;
 };
+constexpr char kNoRevision[] = "0.0";
 GroupState StateOf(std::string_view octets, int group) {
   const size_t at = 4 * static_cast<size_t>(group);
   return {Octet(octets, at) != 0, Octet(octets, at + 1),
@@ -230,10 +232,12 @@ Shown ShowStatus(const MibWords &words, std::string_view octets) {
   for (const MibPart &part : words.parts) {
     const GroupState state = StateOf(octets, part.number);
     if (state.runs) {
-      rows.push_back({{std::to_string(part.number) + " " + part.name},
-                      {"runs", Mood::kGood},
-                      Condition(state.condition),
-                      {state.revision}});
+      rows.push_back(
+          {{std::to_string(part.number) + " " + part.name},
+           {"runs", Mood::kGood},
+           Condition(state.condition),
+           // Of an agent that has published none the array has zeros.
+           state.revision == kNoRevision ? Span{"not known", Mood::kFaint} : Span{state.revision}});
     } else {
       absent += (absent.empty() ? "" : ", ") + std::string(part.name);
     }
@@ -298,13 +302,13 @@ nlohmann::ordered_json ArrayJson(const MibWords &words, std::string_view octets)
   return json;
 }
 
-// A date of the host's clock as ISO 8601 has it; what is no date of the calendar stays as it is.
-std::string IsoDate(const std::string &date) {
+// A date of the host's clock in another form; what is no date of the calendar stays as it is.
+std::string DateIn(const std::string &date, std::string (*form)(int64_t)) {
   tm parts = {};
   const char *const end = strptime(date.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
   parts.tm_isdst = -1;
   const time_t seconds = end != nullptr && *end == '\0' ? mktime(&parts) : -1;
-  return seconds != -1 && TimeText(seconds) == date ? IsoTime(seconds) : date;
+  return seconds != -1 && TimeText(seconds) == date ? form(seconds) : date;
 }
 
 bool IsArray(const MibWords *words) {
@@ -358,6 +362,13 @@ Shown ShowValue(const FileObject &object, const FileVariable &variable) {
   if (variable.type == VAR_OCTET_STRING && bytes && IsArray(words)) {
     return words->name == kStatusArray ? ShowStatus(*words, *bytes) : ShowHealth(*words, *bytes);
   }
+  // Whose clock others mean is not known.
+  const bool own = FindMibVariable(variable.name) != nullptr;
+  const auto date =
+      own && variable.type == VAR_OCTET_STRING && bytes ? DateText(*bytes) : std::nullopt;
+  if (date) {
+    return {DateIn(*date, ZonedTimeText), Mood::kPlain, {}, {}};
+  }
   return {ValueText(object, variable), Mood::kPlain, {}, {}};
 }
 
@@ -390,7 +401,7 @@ nlohmann::ordered_json WordJson(const FileObject &object, const FileVariable &va
   if (const auto date = DateText(*bytes)) {
     // "never" and "-" are no dates.
     const bool known = date->size() > sizeof("never");
-    return known ? nlohmann::ordered_json(IsoDate(*date)) : nlohmann::ordered_json();
+    return known ? nlohmann::ordered_json(DateIn(*date, IsoTime)) : nlohmann::ordered_json();
   }
   return bytes->size() == kGuidSize ? nlohmann::ordered_json(GuidText(*bytes))
                                     : ValueJson(object, variable);

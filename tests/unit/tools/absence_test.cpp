@@ -42,6 +42,11 @@ TEST(Absence, SaysThatAnotherRootWasGiven) {
   facts.elsewhere = true;
   EXPECT_EQ(JudgeAbsence(facts),
             "nothing is published in /r: the agent publishes elsewhere; check --root");
+  AgentSight sight;
+  sight.looked = sight.runs = sight.elsewhere = true;
+  for (const bool published : {false, true}) {
+    EXPECT_EQ(SightText(sight, published), "the agent publishes elsewhere; check --root");
+  }
   facts.agent_runs = false;
   EXPECT_TRUE(JudgeAbsence(facts).ends_with("no agent runs. Start it: systemctl start vexhostd"));
 }

@@ -1,6 +1,9 @@
 #include "tools/vexreg/archive.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <zstd.h>
 
 #include <functional>
@@ -95,6 +98,8 @@ TEST(Archive, WhatAHostileOneHasIsRefused) {
             "host/etc/mtab: damaged");
   EXPECT_EQ(ErrorOf(Changed(put(124, "00000100000"))), "cut off");
   EXPECT_EQ(ErrorOf(Changed(put(257, "nomagi"))), "not a capture, or damaged");
+  EXPECT_EQ(ErrorOf(Changed(put(257, "ustar  "))),
+            "not in the format ustar: packed again by GNU tar, it takes its option --format=ustar");
   EXPECT_EQ(ErrorOf(std::string(700, 'x')), "not a capture, or damaged");
   EXPECT_EQ(ErrorOf(""), "cut off");
   const std::string tar = Tar("a", "text");
@@ -122,6 +127,37 @@ TEST(Archive, DamagedCompressionIsRefused) {
   // A bomb: a few kilobytes that would be more than a capture may have.
   EXPECT_FALSE(UnpackMembers(Compressed(std::string(kMostArchiveBytes + 1, '\0')), &error));
   EXPECT_EQ(error, "too large");
+}
+
+// Another bomb is as large as a capture may be: it is there once, and one that is no archive never.
+TEST(Archive, ABombCostsNoMoreThanItsLimit) {
+  // In a process of its own: what it has had at most is counted from its start.
+  const auto most_of = [](const std::string &archive) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      std::string error;
+      _exit(UnpackMembers(archive, &error) ? 0 : 1);
+    }
+    rusage usage = {};
+    int status = 0;
+    EXPECT_EQ(wait4(pid, &status, 0, &usage), pid);
+    EXPECT_TRUE(WIFEXITED(status));
+    return static_cast<size_t>(usage.ru_maxrss) << 10;
+  };
+  const std::string none = Compressed(std::string(kMostArchiveBytes / 4, 'x'));
+  const size_t before = most_of("");
+  EXPECT_LT(most_of(none), before + kMostArchiveBytes / 8);
+  std::vector<Member> members;
+  constexpr size_t kCount = 4;
+  for (size_t i = 0; i < kCount; i++) {
+    members.push_back({std::to_string(i), 0, std::string(kMostMemberBytes, '\0')});
+  }
+  std::string error;
+  const auto archive = PackMembers(members, &error);
+  members.clear();
+  members.shrink_to_fit();
+  ASSERT_TRUE(archive) << error;
+  EXPECT_LT(most_of(*archive), most_of("") + kCount * kMostMemberBytes * 3 / 2);
 }
 
 TEST(Archive, LimitsHoldForWritingToo) {

@@ -85,6 +85,12 @@ TEST_F(Arranged, AddsColumns) {
   EXPECT_NE(text.find("19"), std::string::npos);
 }
 
+TEST_F(Arranged, HasTimesForProgramsAsTheOthersAre) {
+  ASSERT_TRUE(Arrange({"", "Published", true}, &objects_, &error_));
+  const auto published = BytesOf(objects_[0].object, objects_[0].object.variables[0]);
+  EXPECT_EQ(published, IsoTime(objects_[0].object.published_ns / 1'000'000'000));
+}
+
 TEST_F(Arranged, NamesTheColumnsThereAre) {
   EXPECT_FALSE(Arrange({"", "Space"}, &objects_, &error_));
   EXPECT_EQ(

@@ -165,6 +165,27 @@ TEST_F(Command, HasExitStatus1WhereThereIsNoSuchObject) {
   EXPECT_EQ(Dump().dump(), R"({"h/a":{"var0":1}})");
 }
 
+// Whichever of its names it is called by; with a row of a group that is whole, the group is shown.
+TEST_F(Command, HasExitStatus1WhereAnObjectIsDamaged) {
+  for (const char *name : {"host/cpu.0", "host/cpu.6", "host/swver.1"}) {
+    Output({"put", name, "int:1"});
+  }
+  for (const char *name : {"host/cpu.6", "host/swver.1"}) {
+    std::filesystem::resize_file(registry_.Path(name), 40);
+  }
+  for (const char *name : {"cpu.6", "host/cpu.6", "swver.1", "swver", "host/swver"}) {
+    for (const Words &words : {Words{"dump", name}, Words{"show", name},
+                               Words{"show", "--json", name}, Words{"watch", name}}) {
+      const Outcome outcome = Run(words);
+      EXPECT_EQ(outcome.status, 1) << testing::PrintToString(words);
+      EXPECT_EQ(outcome.err, "vexreg: " + std::string(name) + ": cannot be read as an object\n");
+    }
+  }
+  const Outcome group = Run({"dump", "cpu"});
+  EXPECT_EQ(group.status, 0);
+  EXPECT_EQ(group.err, "vexreg: host/cpu.6: damaged, left out\n");
+}
+
 TEST_F(Command, HasExitStatus2ForWrongUsage) {
   for (const Words &words : std::initializer_list<Words>{
            {},
@@ -190,6 +211,20 @@ TEST_F(Command, HasExitStatus2ForWrongUsage) {
     ExpectStatus(2, words);
   }
   EXPECT_EQ(Output({"dump"}), "{}\n");
+}
+
+// Or else it would be the working directory.
+TEST_F(Command, RefusesAnEmptyRoot) {
+  for (const Words &words :
+       {Words{"--root", "", "show"}, Words{"dump", "--root="}, Words{"--root", ""}}) {
+    Words all = {VEXREG_PATH};
+    all.insert(all.end(), words.begin(), words.end());
+    made_up::ProcessOptions options;
+    const Outcome outcome = made_up::RunCommand(all, options, 30);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_NE(outcome.err.find("--root: an empty name is no directory's"), std::string::npos)
+        << outcome.err;
+  }
 }
 
 TEST_F(Command, ExplainsItself) {
@@ -219,6 +254,16 @@ TEST_F(Command, SaysWhatWasMeant) {
             "vexreg: show: --frob: no such option; see vexreg show --help\n");
   EXPECT_TRUE(wrong({"show", "--width", "wide"}).starts_with("vexreg: show: --width: "));
   EXPECT_TRUE(wrong({"rm"}).starts_with("vexreg: rm: "));
+  EXPECT_EQ(
+      wrong({"show", "--color"}),
+      "vexreg: show: --color: a value is missing: auto|always|never; see vexreg show --help\n");
+  EXPECT_EQ(made_up::RunCommand({VEXREG_PATH, "--root"}).err,
+            "vexreg: --root: a value is missing: DIR; see vexreg --help\n");
+  EXPECT_TRUE(wrong({"put", "", "int:1"}).starts_with("vexreg: '': not a name below "));
+  EXPECT_EQ(wrong({"put", "x", "str:2:ab"}), "vexreg: str:2:ab: the text is longer than 1 byte\n");
+  EXPECT_EQ(wrong({"show", "--capture", "file"}),
+            "vexreg: --root and --capture both say whose objects are meant: give one of them\n");
+  EXPECT_EQ(Run({"show", ""}).err, "vexreg: '': no such object\n");
   for (const Words &words : std::initializer_list<Words>{{"export", "--json"},
                                                          {"export", "--raw"},
                                                          {"report", "--json"},
@@ -239,8 +284,9 @@ TEST_F(Command, SaysWhatWasMeant) {
   EXPECT_EQ(Output({"help"}), Output({"--help"}));
   EXPECT_EQ(Output({"help", "show"}), Output({"show", "--help"}));
   EXPECT_EQ(Output({"-V"}), Output({"--version"}));
-  const Outcome upper = Run({"show", "CPU"});
-  EXPECT_EQ(upper.err, "vexreg: CPU: no such object; did you mean host/cpu?\n");
+  EXPECT_EQ(Output({"show", "CPU"}), Output({"show", "cpu"}));
+  EXPECT_EQ(Run({"show", "FiveMin"}).err,
+            "vexreg: FiveMin: no such object; did you mean tlxHoCpuUtilFiveMin?\n");
 }
 
 // What was captured is shown by the captured host's clock.
@@ -390,10 +436,10 @@ TEST_F(Command, SortsAndChooses) {
   }
   EXPECT_EQ(Output({"show", "cpu", "--sort", "-Min", "--columns", "Min"}),
             "host/cpu (3 rows)\n"
-            "  #  tlxHoCpuUtilMin\n"
-            "  1            100 %\n"
-            "  2              2 %\n"
-            "  0              0 %\n");
+            "  #    Min\n"
+            "  1  100 %\n"
+            "  2    2 %\n"
+            "  0    0 %\n");
   EXPECT_EQ(Output({"show", "cpu", "--columns", "#,Min"}),
             Output({"show", "cpu", "--columns", "Min"}));
   EXPECT_EQ(Output({"show", "cpu", "--columns", "#", "--sort", "-#"}),
@@ -404,6 +450,17 @@ TEST_F(Command, SortsAndChooses) {
             "  0\n");
   EXPECT_TRUE(Output({"show", "cpu", "--columns", "+Object"})
                   .starts_with("host/cpu (3 rows)\n  #  UnitIndex    Min  Object\n"));
+  // A column keeps its heading by itself, and its name where it alone was asked for.
+  EXPECT_TRUE(
+      Output({"show", "cpu", "--columns", "Min"}).starts_with("host/cpu (3 rows)\n  #    Min\n"))
+      << Output({"show", "cpu", "--columns", "Min"});
+  EXPECT_EQ(Output({"show", "tlxHoCpuUtilMin", "--sort", "-Min"}),
+            Output({"show", "tlxHoCpuUtilMin", "--sort", "-tlxHoCpuUtilMin"}));
+  for (const char *list : {"", ",", "+"}) {
+    const Outcome none = Run({"show", "cpu", "--columns", list});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.err, "vexreg: show: --columns: no column is named; see vexreg show --help\n");
+  }
   const Outcome outcome = Run({"show", "cpu", "--sort", "Hour"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err,
@@ -464,6 +521,12 @@ TEST_F(Command, WritesOverPlainFilesAlone) {
   }
   EXPECT_EQ(Run({"export", "--output", "-"}).out, Output({"export"}));
   EXPECT_TRUE(Run({"report", "--output", "-"}).out.starts_with("<!DOCTYPE html>"));
+  EXPECT_TRUE(Run({"report", "-"}).out.starts_with("<!DOCTYPE html>"));
+  // The page's file may be named without the option, and one of the two ways alone.
+  const std::string page = folder + "host.html";
+  EXPECT_EQ(Run({"report", page}).out, "");
+  EXPECT_TRUE(made_up::ReadFile(page).starts_with("<!DOCTYPE html>"));
+  ExpectStatus(2, {"report", page, "--output", page});
   EXPECT_FALSE(made_up::Exists("-"));
 }
 
@@ -489,6 +552,14 @@ TEST_F(Command, CompletesCommandsOptionsAndNames) {
   EXPECT_EQ(complete("show --color ''"), "auto always never\n");
   EXPECT_EQ(complete("show host/"), "host/cpu host/cpu.0\n");
   EXPECT_EQ(complete("show tlxHoCpuUtilM"), "tlxHoCpuUtilMin\n");
+  EXPECT_EQ(complete("show cp"), "cpu\n");
+  EXPECT_EQ(complete("show --color = a"), "auto always\n");
+  EXPECT_EQ(complete("show --color = ''"), "auto always never\n");
+  EXPECT_EQ(complete("show --color = always hos"), "host/cpu host/cpu.0\n");
+  EXPECT_EQ(complete("show --color ="), "auto always never\n");
+  EXPECT_EQ(complete("show --sort -P"), "-Published\n");
+  EXPECT_EQ(complete("show --columns Object,va"), "Object,var0\n");
+  EXPECT_EQ(complete("show --columns +O"), "+Object\n");
   EXPECT_EQ(complete("doctor host/"), "\n");
   EXPECT_EQ(complete("replay " + script.substr(0, script.size() - 1)), script + "\n");
   for (const char *shell : {"bash", "zsh", "fish"}) {
@@ -577,7 +648,7 @@ TEST_F(Command, IsNotCrashedByStrangeObjects) {
 
 TEST_F(Command, SaysWhenItsOutputIsNotTaken) {
   Output({"put", "x", "int:1"});
-  for (const char *command : {"dump", "show"}) {
+  for (const char *command : {"dump", "show", "--help", "--version"}) {
     const Outcome outcome =
         made_up::RunCommand({"sh", "-c", "exec \"$0\" --root \"$1\" \"$2\" >/dev/full", VEXREG_PATH,
                              registry_.root(), command});
@@ -830,6 +901,9 @@ TEST_F(Command, ColoursAndBarsAreForTerminals) {
     EXPECT_NE(text.find(bar), std::string::npos);
   }
   EXPECT_NE(shown({}, {{"LC_ALL", "C"}}).find("93 % #########."), std::string::npos);
+  Output({"put", "h/a", "str:20:\u00e4\u4e2d|"});
+  EXPECT_NE(shown({"a"}, {{"LC_ALL", "C"}}).find("var0  ???|"), std::string::npos);
+  EXPECT_NE(shown({"a"}, {}).find("var0  \u00e4\u4e2d|"), std::string::npos);
   const std::string dumb = shown({}, {{"TERM", "dumb"}});
   EXPECT_EQ(dumb.find('\x1b'), std::string::npos);
   EXPECT_EQ(dumb.find("\u2588"), std::string::npos);

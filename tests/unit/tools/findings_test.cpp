@@ -450,6 +450,11 @@ TEST(Findings, WhoseTheDirectoryIs) {
                 next_poll);
   facts.error = ENOTDIR;
   EXPECT_EQ(judge(), "FAIL  registry /r/host: Not a directory." + next_poll);
+  facts.error = ENOENT;
+  facts.elsewhere = true;
+  EXPECT_EQ(judge(),
+            "FAIL  registry /r/host: not the agent's, which publishes elsewhere. Check --root.\n");
+  facts.elsewhere = false;
   facts.error = EACCES;
   EXPECT_EQ(judge(),
             "note  registry /r/host: not for this user to look into. Run vexreg doctor as "

@@ -71,6 +71,16 @@ TEST_F(FindNames, AnObjectOfThatNameComesFirst) {
   EXPECT_EQ(ObjectsOf({"host/cpu"}), Names{"host/cpu"});
 }
 
+// Where nothing is called so in these letters.
+TEST_F(FindNames, TakesAnyCaseOfLetters) {
+  for (const char *name : {"CPU", "host/CPU", "Host/Cpu", "CPU.*"}) {
+    EXPECT_EQ(ObjectsOf({name}), kRows) << name;
+  }
+  EXPECT_EQ(ObjectsOf({"CPU.2"}), Names{"host/cpu.2"});
+  EXPECT_EQ(ObjectsOf({"tlxhocpuutilmin"}), kRows);
+  EXPECT_EQ(Find({"TLXHOCPUUTILMIN"}).objects[0].object.variables.size(), 1U);
+}
+
 TEST_F(FindNames, TakesPatterns) {
   EXPECT_EQ(ObjectsOf({"host/cpu.*"}), kRows);
   EXPECT_EQ(ObjectsOf({"host/cpu.?"}), (Names{"host/cpu.0", "host/cpu.2"}));

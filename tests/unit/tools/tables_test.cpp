@@ -5,6 +5,7 @@
 #include <locale.h>
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 
 #include "tests/unit/tools/made_object.h"
@@ -242,13 +243,33 @@ TEST_F(Tables, ShowControlCharacters) {
   EXPECT_EQ(Drawn(Text("t", 40, "\xC2\x9B;")), "\\x9b;");
   EXPECT_EQ(Drawn(Text("t", 40, "\x9B;")), "\\x9b;");  // no UTF-8
   EXPECT_EQ(Drawn(Text("t", 40, "\u202e\u2066")), "\\u202e\\u2066");
+  // What nobody sees, and what is no character, neither.
+  for (const auto &[text, shown] :
+       std::map<std::string, std::string>{{"\u00ad", "\\xad"},
+                                          {"\u061c", "\\u061c"},
+                                          {"\u180e", "\\u180e"},
+                                          {"\u200b", "\\u200b"},
+                                          {"\u200d", "\\u200d"},
+                                          {"\u2060", "\\u2060"},
+                                          {"\ufeff", "\\ufeff"},
+                                          {"\U000e0041", "\\U000e0041"},
+                                          {"\uFFFE", "\\ufffe"},
+                                          {"\u00e4\u4e2d\U0001F600", "\u00e4\u4e2d\U0001F600"}}) {
+    EXPECT_EQ(Drawn(Text("t", 40, text)), shown);
+  }
   const FileObject object = MadeObject({Int("\x1b[31m", 1), Text("\x1b", 9, "\x1b")});
   const std::string text = RenderTables({{"a/\x1b.1", object}, {"a/\x1b", object}}, 80);
   EXPECT_EQ(text.find('\x1b'), std::string::npos);
   EXPECT_NE(text.find("\\x1b[31m"), std::string::npos);
 }
 
+TEST_F(Tables, AsciiIsAsWide) {
+  EXPECT_EQ(AsciiText("a\u00e4\u4e2d|"), "a???|");
+  EXPECT_EQ(AsciiText(""), "");
+}
+
 TEST_F(Tables, SafeJsonHasTheSameValueWithoutControlCharacters) {
+  EXPECT_EQ(SafeJson("\"\U000e0041\u200b\""), "\"\\udb40\\udc41\\u200b\"");
   EXPECT_EQ(SafeJson("{\n  \"\u00e4\x7F\": \"\u009b\u202e\\u001b\"\n}"),
             "{\n  \"\u00e4\\u007f\": \"\\u009b\\u202e\\u001b\"\n}");
   EXPECT_EQ(SafeJson(""), "");

@@ -269,7 +269,7 @@ TEST_F(WatchScreen, GivesTheTerminalBackOnSignals) {
 
 TEST_F(WatchScreen, GivesTheTerminalBackOnCrashes) {
   Put("h/a", 12345);
-  for (const int number : {SIGSEGV, SIGABRT, SIGQUIT}) {
+  for (const int number : {SIGSEGV, SIGABRT, SIGQUIT, SIGUSR1, SIGVTALRM, SIGPIPE, SIGRTMIN + 3}) {
     for (const char *name : {"before", "after", "pid", "status"}) {
       std::filesystem::remove(File(name));
     }
@@ -279,6 +279,25 @@ TEST_F(WatchScreen, GivesTheTerminalBackOnCrashes) {
     ExpectEnd(128 + number);
     tmux_.reset();
   }
+}
+
+// As the manual page says of the one signal that nobody can catch.
+TEST_F(WatchScreen, ATerminalThatWasLeftCanBeMadeGood) {
+  Put("h/a", 12345);
+  tmux_.emplace(File("tmux"), 80, 24, "env PS1=prompt: bash --norc -i");
+  tmux_->Shows("prompt:");
+  tmux_->Type("echo $$ >" + File("shell") + "; " VEXREG_PATH " --root " + registry_.root() +
+              " watch & echo $! >" + File("pid") + "; fg");
+  tmux_->Press("Enter");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  Signal(SIGKILL);
+  tmux_->Shows("prompt:");
+  EXPECT_EQ(tmux_->State("#{alternate_on}"), "1");
+  tmux_->Type("tput rmcup; reset; echo good again");
+  tmux_->Press("Enter");
+  EXPECT_TRUE(Eventually([&] {
+    return tmux_->State("#{alternate_on} #{cursor_flag} #{keypad_cursor_flag}") == "0 1 0";
+  })) << tmux_->Screen();
 }
 
 // A terminal that takes nothing, as over a line that has gone dead.

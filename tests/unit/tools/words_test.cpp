@@ -82,7 +82,7 @@ TEST(Words, OfTimes) {
   EXPECT_EQ(Show(Int("tlxHoAgentStart", 1709647629)).text, "2024-03-05 17:37:09 Somewhere");
   EXPECT_EQ(Json(Int("tlxHoAgentStart", 1709647629)), "\"2024-03-05T17:37:09+03:30\"");
   const MadeVariable date = Octets("tlxHoConfigChangedDate", 7, "\x07\xE8\x03\x05\x11\x25\x09");
-  EXPECT_EQ(Show(date).text, "2024-03-05 17:37:09");
+  EXPECT_EQ(Show(date).text, "2024-03-05 17:37:09 Somewhere");
   EXPECT_EQ(Json(date), "\"2024-03-05T17:37:09+03:30\"");
   setenv("TZ", "UTC0", 1);
   tzset();
@@ -140,15 +140,17 @@ TEST(Words, OfTheStatusArray) {
   octets.replace(0, 4, std::string("\x01\x03\x08\x00", 4));
   octets.replace(4 * 11, 4, std::string("\x01\x02\x01\x00", 4));
   octets.replace(4 * 5, 4, std::string("\x01\x03\x07\x02", 4));
+  octets.replace(4 * 14, 4, std::string("\x01\x00\x00\x00", 4));  // it has published nothing
   const MadeVariable array = Octets("tlxHoMibStatusArray", 108, octets);
   const Shown shown = Show(array);
-  ASSERT_EQ(shown.lines.size(), 5U);
+  ASSERT_EQ(shown.lines.size(), 6U);
   EXPECT_EQ(Plain(shown.lines[0]), "worst condition: raised");
-  EXPECT_EQ(Plain(shown.lines[1]), "group    agent  condition  revision");
-  EXPECT_EQ(Plain(shown.lines[2]), "5 SCSI   runs   raised     7.2");
-  EXPECT_EQ(Plain(shown.lines[3]), "11 host  runs   normal     1.0");
-  EXPECT_TRUE(Plain(shown.lines[4]).starts_with("no agent: standard equipment, "))
-      << Plain(shown.lines[4]);
+  EXPECT_EQ(Plain(shown.lines[1]), "group    agent  condition   revision");
+  EXPECT_EQ(Plain(shown.lines[2]), "5 SCSI   runs   raised      7.2");
+  EXPECT_EQ(Plain(shown.lines[3]), "11 host  runs   normal      1.0");
+  EXPECT_EQ(Plain(shown.lines[4]), "14 IDE   runs   unassessed  not known");
+  EXPECT_TRUE(Plain(shown.lines[5]).starts_with("no agent: standard equipment, "))
+      << Plain(shown.lines[5]);
   const auto json = nlohmann::json::parse(Json(array));
   ASSERT_EQ(json.size(), 16U);
   EXPECT_EQ(json[8].dump(),
