@@ -138,7 +138,7 @@ class Collectors(unittest.TestCase):
         conf = one.read(f"{INTEGRATIONS}/snmptrapd/vexhost.conf").replace("change-this", "public")
         handler = re.search(r"^# (traphandle default .*snmptt)$", conf, re.M)[1]
         one.write("/tmp/snmptrapd.conf", conf + handler + " --ini=/tmp/snmptt.ini\n")
-        one.start("snmptrapd", "snmptrapd", "-f", "-On", "-Lo", "-C", "-c", "/tmp/snmptrapd.conf",
+        one.start("snmptrapd", "snmptrapd", "-f", "-Lo", "-C", "-c", "/tmp/snmptrapd.conf",
                   "udp:127.0.0.1:162")
         self.start("trap2sink 127.0.0.1 public\n")
         one.ok("snmpset", "-v2c", "-cprivate", "127.0.0.1", ".1.3.6.1.4.1.4891.11.2.1.3.0", "s",

@@ -131,8 +131,8 @@ class Icinga(unittest.TestCase):
         conf = one.read(INTEGRATIONS + "/snmptrapd/vexhost.conf").replace("change-this", "public")
         one.write("/tmp/snmptrapd.conf", conf + "traphandle default "
                   f"{INTEGRATIONS}/icinga/trap-to-icinga /etc/icinga2/traps.secret\n")
-        one.start("snmptrapd", "snmptrapd", "-f", "-On", "-Lo", "-C", "-m", "", "-c",
-                  "/tmp/snmptrapd.conf", "udp:127.0.0.1:162")
+        one.start("snmptrapd", "snmptrapd", "-f", "-Lo", "-C", "-m", "", "-c", "/tmp/snmptrapd.conf",
+                   "udp:127.0.0.1:162")
         one.start_snmpd("trap2sink 127.0.0.1 public\n")
         one.start_agent()
         self.start_station()
