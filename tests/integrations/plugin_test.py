@@ -1,0 +1,131 @@
+"""How the plugin for Nagios and Icinga judges, by answers of a made-up host. tests/host/plugin_test.cpp
+has it before the agent.
+
+usage: plugin_test.py [TestClass[.test]]   (from anywhere; the plugin is that of the source tree)
+"""
+
+import contextlib
+import importlib.machinery
+import importlib.util
+import io
+import os
+import re
+import subprocess
+import sys
+import unittest
+import unittest.mock
+
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+PLUGIN = os.path.join(SOURCE, "integrations/nagios/check_vexhost")
+HOST = ".1.3.6.1.4.1.4891.11"
+DETAIL = HOST + ".2.200"
+OK, WARNING, CRITICAL, UNKNOWN = range(4)
+ANSWERS, FAILING, SILENT = 1, 2, 3
+
+
+def loaded():
+    sys.dont_write_bytecode = True
+    loader = importlib.machinery.SourceFileLoader("check_vexhost", PLUGIN)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+    loader.exec_module(module)
+    return module
+
+
+def shown(value, hexadecimal):
+    """A value as net-snmp's commands print it without modules."""
+    if isinstance(value, int):
+        return str(value)
+    octets = value if isinstance(value, bytes) else value.encode()
+    if not octets:
+        return '""'
+    if not hexadecimal and all(32 <= c < 127 or 9 <= c <= 13 for c in octets):
+        return '"' + octets.decode().replace("\\", "\\\\").replace('"', '\\"') + '"'
+    lines = ["".join(f"{c:02X} " for c in octets[at:at + 16]) for at in range(0, len(octets), 16)]
+    return '"' + "\n".join(lines) + '"'
+
+
+class Host:
+    """What a host's snmpd answers, as {OID: value}."""
+
+    def __init__(self):
+        self.values = {
+            HOST + ".1.3.0": 2, DETAIL + ".4.2.0": 1, DETAIL + ".4.3.0": 2 ** 31 - 1,
+            DETAIL + ".4.5.0": 0, HOST + ".2.5.1.0": 4000, HOST + ".2.5.2.0": 10,
+            DETAIL + ".1.1.0": 3000, HOST + ".2.5.3.0": 1000, HOST + ".2.5.4.0": 1000,
+            DETAIL + ".5.2.0": 125}
+        self.said, self.status = "", 0
+        for row in range(2):
+            for column, value in enumerate((row, 10, 20, 30, 40), 2):
+                self.values[f"{HOST}.2.3.1.1.{column}.{row}"] = value
+        self.file_system(0, "/", 1000, 100, 10)
+        self.file_system(1, "/proc", 0, 0, 0)
+        self.sibling(0, "host", 1, 2, -1)
+
+    def file_system(self, row, directory, total, used, percent, state=ANSWERS):
+        octets = directory if isinstance(directory, bytes) else directory.encode()
+        columns = (row, b"/dev/sda on " + octets, total, used, percent, 200 if total else 0,
+                   20 if total else 0)
+        for column, value in enumerate(columns, 2):
+            self.values[f"{HOST}.2.4.1.1.{column}.{row}"] = value
+        for column, value in enumerate(("/dev/sda", octets, "ext4", 2, state), 2):
+            self.values[f"{DETAIL}.2.1.1.{column}.{row}"] = value
+
+    def sibling(self, row, name, present, condition, health):
+        for column, value in ((2, name), (3, present), (4, condition), (7, health)):
+            self.values[f"{DETAIL}.3.1.1.{column}.{row}"] = value
+
+    def without(self, prefix):
+        self.values = {o: v for o, v in self.values.items() if not o.startswith(prefix)}
+
+    def answer(self, command, **options):
+        """In place of subprocess.run()."""
+        self.environment = options["env"]
+        if self.status:
+            return subprocess.CompletedProcess(command, self.status, b"", self.said.encode())
+        asked = [word for word in command if word.startswith(".1.")]
+        lines = []
+        for oid in asked:
+            if command[0] == "snmpget":
+                found = {oid: self.values[oid]} if oid in self.values else {}
+            else:
+                found = {o: v for o, v in self.values.items() if o.startswith(oid + ".")}
+            lines += [f"{o} = {shown(v, '-Ox' in command)}" for o, v in found.items()] or \
+                [f"{oid} = No Such Object available on this agent at this OID"]
+        return subprocess.CompletedProcess(command, 0, "\n".join(lines + [""]).encode(),
+                                           self.said.encode())
+
+
+class Plugin(unittest.TestCase):
+    def setUp(self):
+        self.plugin, self.host = loaded(), Host()
+
+    def check(self, *arguments):
+        """Its status and what it prints, without its name and state."""
+        out = io.TextIOWrapper(io.BytesIO(), encoding="utf-8")
+        with unittest.mock.patch.object(self.plugin.subprocess, "run", self.host.answer), \
+                unittest.mock.patch.object(sys, "argv", ["check_vexhost", "-H", "h", *arguments]), \
+                contextlib.redirect_stdout(out):
+            try:
+                status = self.plugin.main()
+            except SystemExit as end:
+                status = end.code
+            out.flush()
+            text = out.buffer.getvalue().decode()
+        name = ("OK", "WARNING", "CRITICAL", "UNKNOWN")[status]
+        self.assertTrue(text.startswith(f"VEXHOST {name} - "), text)
+        return status, text[len(f"VEXHOST {name} - "):].rstrip("\n")
+
+
+class Failures(Plugin):
+    def test_the_reason_is_shown(self):
+        """net-snmp's commands say first that they have made directories."""
+        self.host.status = 1
+        made = "Created directory: /tmp/x\nCreated directory: /tmp/x/cert_indexes\n"
+        self.host.said = made + "Timeout: No Response from h:161.\n"
+        self.assertEqual(self.check("-k", "load"), (UNKNOWN, "Timeout: No Response from h:161."))
+        self.host.said = made
+        self.assertEqual(self.check("-k", "load"), (UNKNOWN, "snmpget ended with 1"))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
