@@ -1,6 +1,7 @@
 // The plugin for Nagios and Icinga, run against the daemon behind a real snmpd.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,18 @@ TEST_F(Plugin, JudgesFileSystemsByName) {
   EXPECT_EQ(Check({"-k", "filesystems", "--include", "/srv"}),
             (Judgement{kUnknown, "VEXHOST UNKNOWN - no such file system", ""}));
   EXPECT_EQ(Check({"-k", "inodes", "-w", "100", "-c", "100"}).status, kOk);
+}
+
+TEST_F(Plugin, NamesAnyDirectory) {
+  // Beyond ASCII, with what net-snmp would escape, and longer than a line of its hexadecimal.
+  const std::string directory = "/srv/gr\u00f6\u00dfere \"Daten\" auf \\ Platte";
+  std::filesystem::create_directories(directory);
+  host_.File("/etc/mtab",
+             "/dev/sda1 /srv/gr\u00f6\u00dfere\\040\"Daten\"\\040auf\\040\\134\\040Platte ext4 rw 0 0\n");
+  host_.Start();
+  EXPECT_EQ(Check({"-k", "mounts"}),
+            (Judgement{kOk, "VEXHOST OK - " + directory + " answers", ""}));
+  EXPECT_EQ(Check({"-k", "mounts", "--include", directory}).status, kOk);
 }
 
 TEST_F(Plugin, TakesNothingUnknownForCritical) {

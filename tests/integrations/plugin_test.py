@@ -127,5 +127,24 @@ class Failures(Plugin):
         self.assertEqual(self.check("-k", "load"), (UNKNOWN, "snmpget ended with 1"))
 
 
+class Names(Plugin):
+    def test_any_directory_has_its_name(self):
+        names = ("/srv/größere Daten auf Platte", "/srv/\"quoted\"", "/srv/back\\slash", "/srv/a\nb",
+                 "/srv/41 42 ", "")
+        for name in names:
+            self.host.file_system(1, name, 100, 90, 90)
+            seen = re.sub(r"\n", "?", name)
+            for patterns in (("--include", name), ("--exclude", "/")):
+                status, text = self.check("-k", "filesystems", *patterns)
+                self.assertEqual((status, text.split(" | ")[0]), (WARNING, f"{seen} 90 % full"))
+
+    def test_octets_that_are_no_text(self):
+        """A name that was cut within a character, by itself and by a pattern."""
+        self.host.file_system(1, b"/srv/gr\xc3", 100, 90, 90)
+        for pattern in ("/srv/gr?", os.fsdecode(b"/srv/gr\xc3")):
+            status, text = self.check("-k", "filesystems", "--include", pattern)
+            self.assertEqual((status, text.split(" | ")[0]), (WARNING, "/srv/gr? 90 % full"))
+
+
 if __name__ == "__main__":
-    unittest.main(verbosity=2)
+    unittest.main(verbosity=2, warnings="ignore")
