@@ -89,7 +89,8 @@ TEST_F(Plugin, TakesNothingUnknownForCritical) {
             (Judgement{kUnknown, "VEXHOST UNKNOWN - the average over 5m is not known yet", ""}));
   EXPECT_EQ(Check({"-k", "memory"}),
             (Judgement{kUnknown, "VEXHOST UNKNOWN - the available memory is not known", ""}));
-  EXPECT_EQ(Check({"-k", "swap"}), (Judgement{kOk, "VEXHOST OK - no swap", ""}));
+  EXPECT_EQ(Check({"-k", "swap"}),
+            (Judgement{kUnknown, "VEXHOST UNKNOWN - the swap space is not known", ""}));
   EXPECT_EQ(Check({"-k", "siblings"}), (Judgement{kOk, "VEXHOST OK - no sibling agents", ""}));
 }
 

@@ -146,5 +146,93 @@ class Names(Plugin):
             self.assertEqual((status, text.split(" | ")[0]), (WARNING, "/srv/gr? 90 % full"))
 
 
+class NotKnown(Plugin):
+    def state(self, *arguments):
+        status, text = self.check(*arguments)
+        return status, text.split(" | ")[0]
+
+    def test_swap(self):
+        for size, free, expected in ((0, 0, (OK, "no swap")),
+                                     (0, -1, (OK, "no swap")),
+                                     (-1, -1, (UNKNOWN, "the swap space is not known")),
+                                     (1000, -1, (UNKNOWN, "the free swap space is not known"))):
+            self.host.values[HOST + ".2.5.3.0"] = size
+            self.host.values[HOST + ".2.5.4.0"] = free
+            self.assertEqual(self.state("-k", "swap"), expected)
+        self.host.without(HOST + ".2.5.3.0")
+        self.assertEqual(self.state("-k", "swap"), (UNKNOWN, "the swap space is not known"))
+
+    def test_siblings(self):
+        self.host.sibling(1, "appliance", 1, -1, -1)
+        self.host.sibling(2, "rack", 2, -1, -1)
+        self.host.sibling(3, "odd", 1, 9, -1)
+        # One that judges nothing is nobody's concern, until somebody names it.
+        self.assertEqual(self.state("-k", "siblings", "--exclude", "odd"), (OK, "host normal"))
+        self.assertEqual(self.state("-k", "siblings", "--include", "appliance"),
+                         (UNKNOWN, "appliance not known"))
+        self.assertEqual(self.state("-k", "siblings"), (UNKNOWN, "odd not known"))
+        self.assertEqual(self.state("-k", "siblings", "--include", "rack"),
+                         (CRITICAL, "rack agent is not there"))
+        self.assertEqual(self.state("-k", "siblings", "--include", "nobody"),
+                         (UNKNOWN, "no such sibling"))
+        # A cell that did not come is no sign that the agent is away.
+        self.host.without(DETAIL + ".3.1.1.3.1")
+        self.assertEqual(self.state("-k", "siblings", "--include", "appliance"),
+                         (UNKNOWN, "appliance not known"))
+
+    def test_a_file_system_without_figures_does_not_disappear(self):
+        for column, value in ((4, None), (4, -1), (6, None), (6, -1)):
+            self.host.file_system(1, "/srv", 100, 10, 10)
+            oid = f"{HOST}.2.4.1.1.{column}.1"
+            self.host.values[oid] = value
+            if value is None:
+                del self.host.values[oid]
+            self.assertEqual(self.state("-k", "filesystems"),
+                             (UNKNOWN, "the figures of /srv are not known"))
+        self.host.file_system(1, "/srv", 100, 10, 10)
+        for column, value in ((7, None), (7, -1), (8, None), (8, -1)):
+            self.host.file_system(1, "/srv", 100, 10, 10)
+            oid = f"{HOST}.2.4.1.1.{column}.1"
+            self.host.values[oid] = value
+            if value is None:
+                del self.host.values[oid]
+            self.assertEqual(self.state("-k", "inodes"),
+                             (UNKNOWN, "the figures of /srv are not known"))
+
+    def test_old_figures_are_not_taken_for_new_ones(self):
+        for state, word in ((FAILING, "failing"), (SILENT, "silent")):
+            self.host.file_system(1, "/srv", 100, 10, 10, state)
+            self.assertEqual(self.state("-k", "filesystems"),
+                             (UNKNOWN, f"/srv {word}, was 10 % full"))
+            self.host.file_system(1, "/srv", 100, 96, 96, state)
+            self.assertEqual(self.state("-k", "filesystems"),
+                             (CRITICAL, f"/srv {word}, was 96 % full"))
+            # It has never answered.
+            self.host.file_system(1, "/srv", 0, 0, 0, state)
+            self.assertEqual(self.state("-k", "filesystems"),
+                             (UNKNOWN, f"/srv {word}, its figures are not known"))
+        self.host.file_system(1, "/srv", 100, 10, 10)
+        self.assertEqual(self.state("-k", "filesystems"), (OK, "/ 10 % full, 1 more"))
+
+    def test_a_row_that_moves_between_two_questions(self):
+        """The agent has given it another number meanwhile."""
+        answer, asked = self.host.answer, []
+
+        def moving(command, **options):
+            asked.append(command)
+            if len(asked) == 3:
+                self.host.without(HOST + ".2.4.1.1.")
+                self.host.file_system(7, "/", 1000, 100, 10)
+            return answer(command, **options)
+
+        self.host.answer = moving
+        self.host.without(DETAIL + ".2")
+        self.assertEqual(self.state("-k", "filesystems"), (OK, "/ 10 % full"))
+
+    def test_processors(self):
+        self.host.without(HOST + ".2.3")
+        self.assertEqual(self.state("-k", "load"), (UNKNOWN, "no processors are listed"))
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2, warnings="ignore")
