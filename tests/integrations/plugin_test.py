@@ -146,6 +146,16 @@ class Names(Plugin):
             self.assertEqual((status, text.split(" | ")[0]), (WARNING, "/srv/gr? 90 % full"))
 
 
+class Labels(Plugin):
+    def test_each_comes_once(self):
+        self.host.file_system(1, "/srv", 100, 90, 90)
+        _, text = self.check()
+        labels = re.findall(r"'([^']*)'=", text.split(" | ")[1])
+        self.assertEqual(sorted(labels), sorted(set(labels)))
+        for label in ("/", "/srv", "/ inodes", "/srv inodes", "cpu", "memory"):
+            self.assertIn(label, labels)
+
+
 class NotKnown(Plugin):
     def state(self, *arguments):
         status, text = self.check(*arguments)
