@@ -189,7 +189,7 @@ class Icinga(unittest.TestCase):
 
         # The agent is gone: one service says so, and the others are not to be reached.
         one.stop("vexhostd")
-        self.becomes("age", UNKNOWN, r"^VEXHOST UNKNOWN - this agent does not say when it polled$")
+        self.becomes("age", UNKNOWN, r"^VEXHOST UNKNOWN - snmpd answers and vexhostd does not: ")
         eventually(lambda: not any(self.services()["vexhost " + check]["last_reachable"]
                                    for check in CHECKS if check != "age"), 60, "the dependencies")
         one.start_agent()

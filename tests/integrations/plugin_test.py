@@ -146,6 +146,22 @@ class Names(Plugin):
             self.assertEqual((status, text.split(" | ")[0]), (WARNING, "/srv/gr? 90 % full"))
 
 
+class Agent(Plugin):
+    def test_an_agent_that_is_gone_is_said_to_be(self):
+        """snmpd answers, and has nothing of the agent's."""
+        self.host.values = {}
+        gone = ("snmpd answers and vexhostd does not: it does not run, or this community is shown "
+                "nothing of it")
+        for check in (*self.plugin.CHECKS, "all"):
+            self.assertEqual(self.check("-k", check), (UNKNOWN, gone))
+
+    def test_an_agent_without_details_is_there(self):
+        self.host.without(DETAIL)
+        self.assertEqual(self.check("-k", "age"),
+                         (UNKNOWN, "this agent does not say when it polled"))
+        self.assertEqual(self.check("-k", "filesystems")[0], OK)
+
+
 class Labels(Plugin):
     def test_each_comes_once(self):
         self.host.file_system(1, "/srv", 100, 90, 90)
