@@ -73,8 +73,9 @@ TEST_F(Plugin, NamesAnyDirectory) {
   // Beyond ASCII, with what net-snmp would escape, and longer than a line of its hexadecimal.
   const std::string directory = "/srv/gr\u00f6\u00dfere \"Daten\" auf \\ Platte";
   std::filesystem::create_directories(directory);
-  host_.File("/etc/mtab",
-             "/dev/sda1 /srv/gr\u00f6\u00dfere\\040\"Daten\"\\040auf\\040\\134\\040Platte ext4 rw 0 0\n");
+  host_.File(
+      "/etc/mtab",
+      "/dev/sda1 /srv/gr\u00f6\u00dfere\\040\"Daten\"\\040auf\\040\\134\\040Platte ext4 rw 0 0\n");
   host_.Start();
   EXPECT_EQ(Check({"-k", "mounts"}),
             (Judgement{kOk, "VEXHOST OK - " + directory + " answers", ""}));

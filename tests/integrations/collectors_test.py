@@ -82,9 +82,9 @@ class Collectors(unittest.TestCase):
         found = values()
         self.assertEqual(found["memory_available_bytes", None], 4000 << 20)
         self.assertEqual(found["load5", None], 1.25)
-        self.assertEqual(found["filesystem_used_percent", "_dev_vdb on _srv_two"], 97)
-        self.assertEqual(found["filesystem_size_bytes", "_dev_vda on _srv_one"], 100 << 20)
-        self.assertEqual(found["filesystem_state", "_dev_vda on _srv_one"], 1)
+        self.assertEqual(found["filesystem_used_percent", "_srv_two"], 97)
+        self.assertEqual(found["filesystem_size_bytes", "_srv_one"], 100 << 20)
+        self.assertEqual(found["filesystem_state", "_srv_one"], 1)
         # Not known yet: no value, and none below 0 anywhere.
         self.assertNotIn(("cpu_percent_1h", "0"), found)
         self.assertEqual({k: v for k, v in found.items() if v < 0}, {})

@@ -1,6 +1,6 @@
 """Prometheus with snmp_exporter, from Debian's packages, against the real agent.
 
-usage: prometheus_test.py BUILD ROOT [Promtool|Prometheus]
+usage: prometheus_test.py BUILD ROOT [Promtool|Exporter|Prometheus]
 """
 
 import ctypes
@@ -81,6 +81,33 @@ class Promtool(unittest.TestCase):
         self.assertGreater(text.count("\n"), 50)
         status, said = one.run("promtool", "check", "metrics", text=text)
         self.assertEqual((status, said), (0, ""))
+
+
+class Exporter(unittest.TestCase):
+    """snmp_exporter refuses all of a host for one sample that is no UTF-8, or comes twice."""
+
+    def test_no_mount_costs_the_others(self):
+        one = room.Room(self)
+        one.mount("/srv/one", 100, 10)
+        # Cut within a character in the description, of no UTF-8, alike in all that is shown.
+        long = "/srv/" + "d" * 90 + "\u00e4" * 30
+        twin = "/srv/" + "/".join("t" * 100 for _ in range(4))
+        for name in (long.encode(), b"/srv/no\xff\xfe", (twin + "1").encode(), (twin + "2").encode()):
+            os.makedirs(one.path("").encode() + name)
+        with open(one.path("/etc/mtab"), "ab") as file:
+            for name in (long.encode(), b"/srv/no\xff\xfe", (twin + "1").encode(),
+                         (twin + "2").encode()):
+                file.write(b"/dev/odd " + name + b" ext4 rw 0 0\n")
+        one.start_snmpd()
+        one.start_agent()
+        one.start("exporter", "prometheus-snmp-exporter",
+                  f"--config.file={FILES}/snmp-0.21.yml", "--web.listen-address=127.0.0.1:9116")
+        url = "http://127.0.0.1:9116/snmp?module=vexhost&target=127.0.0.1"
+        text = eventually(lambda: one.runs() and fetch(url), 60, lambda: one.log("exporter"))
+        self.assertNotIn("An error has occurred", text)
+        sizes = re.findall(r"^tlxHoFileSysSpaceTotal\{.*tlxHoMountDirectory=\"([^\"]*)\"", text, re.M)
+        self.assertEqual(sorted(sizes), sorted(["/srv/one", long, "/srv/no??", twin[:255], twin[:255]]))
+        self.assertIn("tlxHoMountState{", text)
 
 
 def silent_mount(path):
