@@ -39,10 +39,10 @@ class Settings(unittest.TestCase):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
             taken.bind(("127.0.0.1", 0))
             self.address = f"127.0.0.1:{taken.getsockname()[1]}"
+        kept = self.work + "/kept"
+        os.mkdir(kept, 0o700)
         self.environment = {"PATH": os.environ["PATH"] + ":/usr/sbin", "HOME": self.work,
-                            "MIBS": "", "SNMPCONFPATH": self.work,
-                            "SNMP_PERSISTENT_DIR": self.work + "/kept"}
-        os.mkdir(self.work + "/kept", 0o700)
+                            "MIBS": "", "SNMPCONFPATH": kept, "SNMP_PERSISTENT_DIR": kept}
 
     def start(self, text, options, kept=""):
         """snmpd with these lines, here instead of at the host's address; what it has said once it
@@ -54,7 +54,7 @@ class Settings(unittest.TestCase):
                 "192.0.2.1/32", "127.0.0.1"))
         log = self.work + "/log"
         with open(log, "wb") as out:
-            daemon = subprocess.Popen(["snmpd", "-f", "-Lo", "-C", "-c", self.work + "/master.conf",
+            daemon = subprocess.Popen(["snmpd", "-f", "-Lo", "-c", self.work + "/master.conf",
                                        *options], env=self.environment, stdout=out, stderr=out)
         self.addCleanup(daemon.wait)
         self.addCleanup(daemon.kill)
@@ -90,6 +90,40 @@ class Monitor(Settings):
         runs, said = self.start(text + f"agentaddress udp:{self.address}\n", options)
         self.assertTrue(runs, said)
         self.assertNotRegex(said, r"Unknown token|[Ee]rror")
+
+
+class User(Settings):
+    WITH = ("-v3", "-u", "monitor", "-a", "SHA", "-x", "AES")
+
+    def test_reads_its_view_encrypted_and_no_more(self):
+        text = drop_in("station-v3.conf")
+        create = commented(text, "createUser .*")
+        passwords = re.findall('"([^"]+)"', create)
+        self.assertEqual(len(passwords), 2, create)
+        private, also_private = "first password", "second password"
+        runs, said = self.start(text, DEBIAN, create.replace(f'"{passwords[0]}"', f'"{private}"').replace(
+            f'"{passwords[1]}"', f'"{also_private}"') + "\n")
+        self.assertTrue(runs, said)
+        known = (*self.WITH, "-A", private, "-X", also_private)
+        self.assertIn(SYSTEM, self.get(SYSTEM, *known, "-l", "authPriv"))
+        self.assertEqual(self.get(BEYOND, *known, "-l", "authPriv"), "")
+        self.assertEqual(self.get(SYSTEM, *known, "-l", "authNoPriv"), "")
+        # What would let it read all, unencrypted, is warned of.
+        self.assertRegex(text, r"# .*net-snmp-create-v3-user")
+        self.assertNotRegex(text, r"#  +net-snmp-create-v3-user")
+
+
+class Stations(Settings):
+    def test_both_together(self):
+        """Each opens the port; the second one's line is to be left out."""
+        one, two = drop_in("station.conf"), drop_in("station-v3.conf")
+        runs, said = self.start(one + two, DEBIAN)
+        self.assertFalse(runs, said)
+        self.assertRegex(two, r"#.*station\.conf")
+        runs, said = self.start(one + re.sub("^agentaddress .*\n", "", two, flags=re.M), DEBIAN)
+        self.assertTrue(runs, said)
+        self.assertIn(SYSTEM, self.get(SYSTEM, "-v2c", "-cchange-this"))
+        self.assertEqual(self.get(BEYOND, "-v2c", "-cchange-this"), "")
 
 
 if __name__ == "__main__":
