@@ -72,6 +72,36 @@ class Promtool(unittest.TestCase):
                     found += 1
         self.assertEqual(found, 2)
 
+    def test_a_first_station(self):
+        """As the document says, in the files that Debian brings, and others' modules beside."""
+        one = self.room
+        with open(f"{DOCUMENTS}/first-station.md", encoding="utf-8") as file:
+            section = file.read().split("\n## Prometheus\n")[1].split("\n## ")[0]
+        [block] = re.findall(r"^    rule_files:.*\n(?:    .*\n)+", section, re.M)
+        configuration = one.read("/etc/prometheus/prometheus.yml")
+        for key, entries in re.findall(r"^    (\w+):\n((?:     .*\n)+)", block, re.M):
+            changed = re.sub(f"^{key}:\n", f"{key}:\n" + re.sub("^    ", "", entries, flags=re.M),
+                             configuration, flags=re.M)
+            self.assertNotEqual(changed, configuration, key)
+            configuration = changed
+        self.assertIn("vexhost", configuration)
+        one.write("/etc/prometheus/prometheus.yml", configuration)
+        one.write("/etc/prometheus/vexhost.rules.yml", one.read(FILES + "/vexhost.rules.yml"))
+        said = one.ok("promtool", "check", "config", "/etc/prometheus/prometheus.yml")
+        self.assertRegex(said, r"SUCCESS: \d+ rules found")
+        self.assertIn("job_name: node", configuration)
+        self.assertIn("job_name: vexhost", configuration)
+        # The command that brings the module keeps another one.
+        one.write("/etc/prometheus/snmp.yml", "other:\n  walk: [1.3.6.1.2.1.1]\n")
+        [command] = re.findall(r"^    (.*\bsnmp-0\.21\.yml.*?)(?: +#.*)?$", section, re.M)
+        one.ok("sh", "-c", f"cd {FILES} && " + command.replace("sudo ", ""))
+        one.start("exporter", "prometheus-snmp-exporter",
+                  "--config.file=/etc/prometheus/snmp.yml", "--web.listen-address=127.0.0.1:9116")
+        shown = eventually(lambda: one.runs() and fetch("http://127.0.0.1:9116/config"), 60,
+                           lambda: one.log("exporter"))
+        for module in ("other", "vexhost"):
+            self.assertRegex(shown, rf"(?m)^{module}:$")
+
     def test_export(self):
         one = self.room
         one.mount("/srv/one", 100, 10)
