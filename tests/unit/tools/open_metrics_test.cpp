@@ -145,15 +145,15 @@ TEST(OpenMetrics, OfAFileSystemThatHasNeverAnswered) {
                                   Int("tlxHoMountReadOnly", 2), Int("tlxHoMountState", 3)})};
   EXPECT_EQ(
       Parse(OpenMetrics({FileSystem(0, "", 0, 0), mount})),
-      (Samples{
-          {R"(vexhost_filesystem_readonly{device="server:/x",mountpoint="/x",fstype="nfs4"})", "0"}}));
+      (Samples{{R"(vexhost_filesystem_readonly{device="server:/x",mountpoint="/x",fstype="nfs4"})",
+                "0"}}));
   EXPECT_EQ(Parse(OpenMetrics({FileSystem(0, "", 0, 0)})), Samples{});
   // One that has answered before has its last figures.
   EXPECT_EQ(Parse(OpenMetrics({FileSystem(0, "server:/x on /x", 5, 1), mount})).size(), 5U);
 }
 
-// Where the kernel says nothing of memory, the agent's older object keeps its figures, and the details
-// have none.
+// Where the kernel says nothing of memory, the agent's older object keeps its figures, and the
+// details have none.
 TEST(OpenMetrics, OfMemoryThatCannotBeRead) {
   const NamedObject memory = {
       "host/memory",
