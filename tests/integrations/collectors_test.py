@@ -43,11 +43,11 @@ class Collectors(unittest.TestCase):
         # The first runs complain that there is no log yet.
         for _ in range(3):
             one.ok("mrtg", "/tmp/mrtg.cfg")
-        expected = {"memory": "4000 8000", "swap": "1000 2000", "load": "[01] 2"}
+        expected = {"memory": "4000 8000", "swap": "1000 2000", "load": "50 200"}
         for name, values in expected.items():
             first = one.read(f"/tmp/mrtg/vexhost-{name}.log").splitlines()[0]
             self.assertRegex(first, rf"^\d+ {values}$", name)
-        # Not known: no curve, rather than one below 0.
+        # Not known: the greatest value, as the file says, and none below 0.
         one.proc("meminfo", "MemTotal: 8192000 kB\nMemFree: 1024000 kB\n")
         eventually(lambda: one.get(".1.3.6.1.4.1.4891.11.2.200.1.1.0") == "-1", 30,
                    "a kernel that does not say what is available")
@@ -55,6 +55,9 @@ class Collectors(unittest.TestCase):
             one.ok("mrtg", "/tmp/mrtg.cfg")
         for name in expected:
             self.assertNotIn("-", one.read(f"/tmp/mrtg/vexhost-{name}.log"), name)
+        self.assertIn("shown as MaxBytes", self.named("mrtg/vexhost.cfg"))
+        self.assertRegex(one.read("/tmp/mrtg/vexhost-memory.log").splitlines()[0],
+                         r"^\d+ 2147483647 8000$")
 
     def test_collectd(self):
         self.start()
