@@ -260,5 +260,41 @@ class NotKnown(Plugin):
         self.assertEqual(self.state("-k", "load"), (UNKNOWN, "no processors are listed"))
 
 
+class Arguments(Plugin):
+    def test_a_range_that_begins_below_0(self):
+        for arguments in (("-w", "-5:5"), ("--warning", "-5:5"), ("-w=-5:5",), ("-w-5:5",)):
+            self.assertEqual(self.check("-k", "load", "-c", "9", *arguments)[0], OK, arguments)
+        self.assertEqual(self.check("-k", "load", "-c", "9", "-w", "-5:0.1")[0], WARNING)
+
+    def test_refuses_what_cannot_be_meant(self):
+        for arguments in (("-k", "mounts", "-w", "5"), ("-k", "condition", "-c", "5"),
+                          ("-k", "siblings", "-w", "5"), ("-k", "memory", "--include", "x"),
+                          ("-k", "age", "--exclude", "x"), ("-k", "memory", "--window", "1h"),
+                          ("-k", "load", "-w", "\uff15"), ("-t", "1e9"), ("-t", "nan"),
+                          ("-t", "inf"), ("-t", "-1")):
+            status, text = self.check(*arguments)
+            self.assertEqual(status, UNKNOWN, arguments)
+            self.assertNotRegex(text, r"Error|VEXHOST", arguments)
+            self.assertTrue(re.search(r"--?\w|no range", text), (arguments, text))
+
+    def test_tells_its_version(self):
+        with open(os.path.join(SOURCE, "CMakeLists.txt"), encoding="utf-8") as file:
+            version = re.search(r"^project\(vexhostd VERSION ([\d.]+)", file.read(), re.M)[1]
+        for option in ("-V", "--version"):
+            done = subprocess.run([sys.executable, PLUGIN, option], stdout=subprocess.PIPE,
+                                  text=True, check=False)
+            self.assertEqual((done.returncode, done.stdout),
+                             (0, f"check_vexhost {version}\n"))
+
+    def test_the_load_has_its_limits(self):
+        """Of the whole load, as the value is."""
+        self.assertIn("'load5'=1.25;8;20;0", self.check("-k", "load")[1])
+
+    def test_a_value_of_another_type(self):
+        self.host.values[HOST + ".2.5.1.0"] = "text"
+        self.assertEqual(self.check("-k", "memory"),
+                         (UNKNOWN, "tlxHoPhysicalMemorySize is no number: text"))
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2, warnings="ignore")
