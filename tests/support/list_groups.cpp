@@ -22,10 +22,15 @@ std::string Quoted(const char *text) {
   return quoted + "\"";
 }
 
-void Print(const group &g, bool polled, bool *first) {
-  printf("%s\n  {\"name\": %s, \"title\": %s, \"size\": %d, \"polled\": %s, \"each_poll\": %s,\n",
-         *first ? "" : ",", Quoted(g.name).c_str(), Quoted(g.title).c_str(), g.data_size,
-         polled ? "true" : "false", g.each_poll ? "true" : "false");
+const char *Truth(bool value) {
+  return value ? "true" : "false";
+}
+
+void Print(const group &g, bool started, bool polled, bool *first) {
+  printf("%s\n  {\"name\": %s, \"title\": %s, \"size\": %d,\n", *first ? "" : ",",
+         Quoted(g.name).c_str(), Quoted(g.title).c_str(), g.data_size);
+  printf("   \"started\": %s, \"polled\": %s, \"each_poll\": %s,\n", Truth(started), Truth(polled),
+         Truth(g.each_poll));
   printf("   \"absence\": %s, \"kept\": [", Quoted(g.absence).c_str());
   for (const kept_file *const *file = g.kept; file != nullptr && *file != nullptr; file++) {
     printf("%s%s", file == g.kept ? "" : ", ", Quoted((*file)->name).c_str());
@@ -56,7 +61,9 @@ int main() {
   for (const group *const *order : {poll_order, last_order, start_order, detail_order}) {
     for (; *order != nullptr; order++) {
       for (const group *g = *order; g != nullptr && listed.insert(g).second; g = g->along) {
-        Print(*g, IsIn(poll_order, *order) || IsIn(detail_order, *order), &first);
+        const bool detail = IsIn(detail_order, *order);
+        Print(*g, detail || IsIn(start_order, *order) || IsIn(last_order, *order),
+              detail || IsIn(poll_order, *order), &first);
       }
     }
   }

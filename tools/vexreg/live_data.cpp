@@ -145,14 +145,6 @@ const FileObject *LiveData::Object(std::string_view group) const {
   return row != nullptr ? row->object.get() : nullptr;
 }
 
-size_t LiveData::objects() const {
-  size_t count = 0;
-  for (const auto &[name, group] : groups_) {
-    count += group.rows.size();
-  }
-  return count;
-}
-
 void LiveData::Note(int64_t wall, std::string what, std::string how) {
   changes_.push_front({wall, std::move(what), std::move(how)});
   changes_version_++;

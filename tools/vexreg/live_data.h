@@ -66,7 +66,6 @@ class LiveData {
   // The row of a group with that number, "" for an object that is no row; null when there is none.
   const LiveRow *Row(std::string_view group, const std::string &number) const;
   const FileObject *Object(std::string_view group) const;
-  size_t objects() const;
   // The newest first.
   const std::deque<LiveChange> &changes() const {
     return changes_;

@@ -259,7 +259,7 @@ std::string ScriptOf(const Capture &capture, const std::string &program) {
   return "#!/bin/sh\ncase \"$*\" in\n" + cases + "esac\necho \"not captured: $0 $*\" >&2\nexit 1\n";
 }
 
-void PutCommands(const Capture &capture) {
+void PutCommands(const Capture &capture, const fs::path &agent) {
   for (const Member &member : capture.members) {
     if (member.name.starts_with(kCommandMembers)) {
       Put(std::string(kRoomDirectory) + "/" + member.name, member.bytes, 0644);
@@ -280,8 +280,13 @@ void PutCommands(const Capture &capture) {
     Mount("programs", Inside(folder), "tmpfs", 0, "mode=755");
     for (const auto &entry : fs::directory_iterator(Inside(machines))) {
       const fs::path name = entry.path().filename();
-      if (fs::path(folder) / name != kVolumeTool) {
-        Link(fs::path(machines) / name, fs::path(folder) / name);
+      const fs::path shown = fs::path(folder) / name;
+      if (shown == agent) {
+        // Not by a link: an installed agent looks for its libraries from where it really stands.
+        Put(shown, "", 0755);
+        Mount(entry.path().c_str(), Inside(shown), nullptr, MS_BIND);
+      } else if (shown != kVolumeTool) {
+        Link(fs::path(machines) / name, shown);
       }
     }
     Put(kVolumeTool, ScriptOf(capture, kVolumeTool), 0755);
@@ -348,7 +353,7 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
   MakeProc(capture);
   PutFiles(capture);
   PutRegistry(capture);
-  PutCommands(capture);
+  PutCommands(capture, settings.agent);
   PutFacts(capture, settings.card);
   EnterRoot();
   RaiseLoopback();
