@@ -259,9 +259,10 @@ Finding JudgeSocket(const std::string &target, const std::string &path, int erro
       return Ok(where + "somebody listens.");
     case ENOENT:
     case ENOTDIR:
-      return Fail(where +
-                  "absent. snmpd.conf needs the line: master agentx (and the agentXSocket that "
-                  "vexhostd.conf has, if any); then restart snmpd.");
+      return Fail(
+          where +
+          "absent: snmpd does not run, or snmpd.conf lacks the line: master agentx (and the "
+          "agentXSocket that vexhostd.conf has, if any). Restart snmpd.");
     case ECONNREFUSED:
       return Fail(where +
                   "there, but nobody listens: left by an snmpd that has ended, or snmpd.conf "
