@@ -16,6 +16,21 @@ if(VEX_CCACHE)
 endif()
 
 string(TOUPPER "${CMAKE_BUILD_TYPE}" vex_type)
+# A type that CMake does not know is one when it is given flags.
+if(NOT vex_type MATCHES "^(NONE|DEBUG|RELEASE|RELWITHDEBINFO|MINSIZEREL)$" AND
+    "${CMAKE_CXX_FLAGS_${vex_type}}" STREQUAL "")
+  message(FATAL_ERROR "There is no build type ${CMAKE_BUILD_TYPE}: Debug, Release, RelWithDebInfo, "
+    "MinSizeRel, None, or one that CMAKE_CXX_FLAGS_${vex_type} gives flags to.")
+endif()
+foreach(option VEX_FUZZ VEX_COVERAGE)
+  if(${option} AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "${option} wants clang (-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++), and "
+      "${CMAKE_CXX_COMPILER} is none.")
+  endif()
+endforeach()
+if(VEX_SANITIZE AND NOT VEX_SANITIZE MATCHES "^(address|undefined|leak|thread)(,(address|undefined|leak))*$")
+  message(FATAL_ERROR "VEX_SANITIZE is ${VEX_SANITIZE}; there are \"address,undefined\" and \"thread\".")
+endif()
 set(vex_linkers "")
 foreach(kind EXE SHARED MODULE)
   string(APPEND vex_linkers " ${CMAKE_${kind}_LINKER_FLAGS} ${CMAKE_${kind}_LINKER_FLAGS_${vex_type}}")
@@ -83,7 +98,7 @@ elseif(NOT VEX_FUZZ)
     vex_harden("-mbranch-protection" -mbranch-protection=standard)
   endif()
   # Only where it is compiled with optimisation, as it must be; some compilers define it by themselves.
-  if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")
+  if(vex_type MATCHES "^(RELEASE|RELWITHDEBINFO|MINSIZEREL)$")
     include(CheckCXXSourceCompiles)
     set(CMAKE_REQUIRED_FLAGS -O2)
     check_cxx_source_compiles("

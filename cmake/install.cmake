@@ -15,14 +15,35 @@ set(VEX_INSTALL_EXAMPLESDIR "" CACHE STRING "Examples; where empty, examples/ be
 if(VEX_INSTALL_EXAMPLESDIR STREQUAL "")
   set(VEX_INSTALL_EXAMPLESDIR ${CMAKE_INSTALL_DOCDIR}/examples)
 endif()
+# Where zsh looks by itself; Debian keeps it for administrators, and gives packages vendor-completions.
+set(VEX_INSTALL_ZSHDIR "" CACHE STRING "zsh's completion; where empty, zsh/site-functions in DATADIR")
+if(VEX_INSTALL_ZSHDIR STREQUAL "")
+  set(VEX_INSTALL_ZSHDIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+endif()
+set(VEX_INSTALL_PKGCONFIGDIR "" CACHE STRING "The pkg-config file; where empty, pkgconfig in DATADIR")
+if(VEX_INSTALL_PKGCONFIGDIR STREQUAL "")
+  set(VEX_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_DATADIR}/pkgconfig)
+endif()
 # Its views have other names on other distributions (packaging/rpm).
 set(VEX_SNMPD_CONF ${CMAKE_SOURCE_DIR}/packaging/snmpd.conf CACHE FILEPATH
   "What is installed for snmpd to read")
 
 # Notes which directories this installation is going to make, before any other rule, so that
 # `uninstall` takes away those and no others.
+foreach(place CMAKE_INSTALL_BINDIR CMAKE_INSTALL_SBINDIR CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_LIBEXECDIR
+    CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_SYSCONFDIR VEX_INSTALL_UNITDIR VEX_INSTALL_SYSUSERSDIR)
+  if("${${place}}" STREQUAL "")
+    message(FATAL_ERROR "${place} is empty; the prefix itself is a dot (-D${place}=.).")
+  endif()
+endforeach()
+
+get_filename_component(built_for "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
 install(CODE "set(VEX_BUILD \"${CMAKE_BINARY_DIR}\")
   set(VEX_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
+  set(VEX_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+  set(VEX_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
+  set(VEX_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+  set(VEX_BUILT_FOR \"${built_for}\")
   include(\"${CMAKE_CURRENT_LIST_DIR}/before-install.cmake\")" ALL_COMPONENTS)
 file(WRITE ${CMAKE_BINARY_DIR}/destinations.txt "")
 
@@ -42,7 +63,8 @@ function(vex_install_configuration path file)
 endfunction()
 
 # vex_relative(VARIABLE FROM TO): TO as it is found from FROM, both below the prefix; the whole path
-# where only one of them is.
+# where only one of them is. That of a TO below the prefix is right for this prefix alone, and
+# before-install.cmake refuses another one.
 function(vex_relative variable from to)
   cmake_path(IS_ABSOLUTE from from_absolute)
   cmake_path(IS_ABSOLUTE to to_absolute)
@@ -63,4 +85,4 @@ endfunction()
 add_custom_target(uninstall
   COMMAND ${CMAKE_COMMAND} -P ${CMAKE_CURRENT_LIST_DIR}/uninstall.cmake
   WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-  COMMENT "Removing what was installed last from here" VERBATIM)
+  COMMENT "Removing what was installed from here" VERBATIM)

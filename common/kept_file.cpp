@@ -366,12 +366,6 @@ static kept_result replace_once(kept_file *file, const void *data, size_t size,
   return KEPT_REPLACED;
 }
 
-// What comes from want of descriptors or memory, or from the disk's bus, passes; a file system
-// without writing does not.
-static bool may_pass(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
-}
-
 static kept_result replace(kept_file *file, const void *data, size_t size,
                            char (*aside)[ASIDE_NAME_SIZE]) {
   for (int tries = 1;; tries++) {

@@ -4,6 +4,7 @@
 #define VEX_COMMON_UTIL_H
 
 #include <dirent.h>
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -52,6 +53,12 @@ inline int32_t clamp_int32(__int128 value) {
     return INT32_MAX;
   }
   return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
+}
+
+// Whether an error comes from want of descriptors or memory, or from the disk's bus, and so may
+// pass; a file system without writing does not.
+inline bool may_pass(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
 }
 
 // Sleeps that many seconds, also when signals come in between, but not beyond the agent's end.

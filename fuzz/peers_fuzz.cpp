@@ -105,7 +105,7 @@ void obtain_guid(unsigned char *, char *, size_t) {}
 int set_guid(uint8_t, unsigned char *, const void *, int) {
   return -1;
 }
-void keep_guid(const unsigned char *) {}
+void keep_guid(unsigned char *, char *, size_t) {}
 
 // /proc is not looked at: the process of the input is the only one.
 static bool inside;

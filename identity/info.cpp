@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <nss.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -167,6 +168,13 @@ static void read_system(info_block *block) {
            system.sysname, system.nodename, system.release, system.version, system.machine);
 }
 
+// Services are looked up in this host's files, whatever nsswitch.conf says: a directory service
+// that hangs would hold up every poll. Once a process, since the C library keeps all that it is
+// told.
+static void look_up_services_locally() {
+  __nss_configure_lookup("services", "db files");
+}
+
 // Whether the telnet port cannot be bound: somebody holds it (or binding low ports is not allowed,
 // which looks the same). Nothing is ever listened on.
 static telnet_state probe_telnet() {
@@ -240,6 +248,7 @@ static registry_object *create() {
     read_description(block);
   }
   distroid_exit();
+  look_up_services_locally();
   read_roles(block);
   read_system(block);
   return object;

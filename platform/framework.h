@@ -184,7 +184,8 @@ struct registry_object *find_obj(struct queue *registry, int zero, const char *n
  * REGISTRY_ROOT or absolute; one that leads outside it, a missing, truncated or foreign file, or
  * one that fails its checksum reads as absent. Returns one block that the caller releases with
  * free(); data is null when the object holds none. desc[i].value lies inside the snapshot,
- * set_handler is null. Every display string in it ends within its size. */
+ * set_handler is null. Every display string in it ends within its size. Null with errno when it
+ * is absent or cannot be read now (EMFILE, ENOMEM, EIO and the like); 0 for what is no object. */
 struct registry_object *get_obj(const char *path);
 
 /* Deletes an object (its file and what managers see) and releases it; with object null, every

@@ -15,8 +15,9 @@ extern "C" {
 #endif
 
 /* Loads the tables; what cannot be read is tried again for up to 40 ms. Returns non-zero when they
- * are loaded (also when they were already), 0 when the machine has none or they are malformed; the
- * latter is logged, once for as long as it stays so. */
+ * are loaded (also when they were already), 0 when they are not, with errno: ENOENT when the machine
+ * has none, EBADMSG when they are malformed, else what reading them said. Anything but ENOENT is
+ * logged, once for as long as it stays so. */
 int InitSMBIOS(void);
 
 /* Non-zero while the tables are loaded. */

@@ -5,6 +5,33 @@ export LC_ALL=C.UTF-8
 unset LANGUAGE
 export PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 
+# usage_unless NUMBER ARGUMENT...: where the arguments are fewer, or begin with an option, the script's
+# first comment is printed and the script ends.
+usage_unless() {
+  if (($# <= $1)) || [[ $2 == -* ]]; then
+    sed -n '2,/^[^#]/s/^# //p' "$0" >&2
+    exit 2
+  fi
+}
+
+# need_sudo: ends a script that some user runs who cannot become root.
+need_sudo() {
+  ((EUID == 0)) || command -v sudo >/dev/null || {
+    echo "${0##*/}: not root, and there is no sudo" >&2
+    exit 1
+  }
+}
+
+# private_ccache DIRECTORY: where ccache cannot write into its own place, it has this one.
+private_ccache() {
+  local place
+  command -v ccache >/dev/null || return 0
+  place=$(ccache --get-config cache_dir)
+  if ! mkdir -p "$place" 2>/dev/null || [[ ! -w $place ]]; then
+    export CCACHE_DIR=$1
+  fi
+}
+
 # apt_setting NAME: of apt's configuration, empty when it is not set.
 apt_setting() {
   local value=

@@ -171,9 +171,7 @@ int classify_package(const char *name) {
 int find_line(const char *path, const char *const *needles, int count) {
   const stream_handle file(fopen(path, "re"));
   if (!file) {
-    const bool may_pass =
-        errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EINTR || errno == EIO;
-    return may_pass ? LINES_UNREADABLE : NO_LINE;
+    return may_pass(errno) ? LINES_UNREADABLE : NO_LINE;
   }
   char line[254];
   while (fgets(line, sizeof(line), file.get()) != nullptr) {

@@ -7,6 +7,7 @@
 
 #include "common/kept_file.h"
 #include "common/sources.h"
+#include "common/util.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
 #include "status/ranmar.h"
@@ -22,6 +23,7 @@ static constexpr int system_guid_offset = 8;
 // ---- State --------------------------------------------------------------------------------------
 
 static bool settable = true;
+static bool settled = true;  // false while there are SMBIOS tables that cannot be read
 kept_file guid_file = {guid_file_name, false};
 
 // ---- Reading ------------------------------------------------------------------------------------
@@ -79,6 +81,7 @@ static bool read_records(unsigned char *guid) {
 
 static bool read_smbios(unsigned char *guid) {
   if (InitSMBIOS() == 0) {
+    settled = !may_pass(errno);
     agentlog_fprintf(stderr, "Info: SM BIOS Structures not present.\n");
     return false;
   }
@@ -164,7 +167,29 @@ void obtain_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size) {
                      "host its own by setting tlxHoGUID\n",
                      agent);
   }
+  if (!settled) {
+    agentlog_fprintf(stderr,
+                     "%s: The SMBIOS tables cannot be read: until they can be, the GUID is not "
+                     "settled and cannot be set\n",
+                     agent);
+  }
   format_guid(guid, text, text_size);
+}
+
+// Asks the tables again that could not be read. A machine without a GUID in them keeps what it has.
+static void settle(unsigned char guid[GUID_SIZE], char *text, size_t text_size) {
+  if (InitSMBIOS() == 0 && may_pass(errno)) {
+    return;
+  }
+  settled = true;
+  unsigned char own[GUID_SIZE];
+  if (IsSMBIOSAvailable() != 0 && read_smbios(own)) {
+    settable = false;
+    memcpy(guid, own, GUID_SIZE);
+    format_guid(guid, text, text_size);
+  } else {
+    agentlog_fprintf(stderr, "%s: The GUID stays: the SMBIOS tables have none\n", agent);
+  }
 }
 
 int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, int length) {
@@ -174,13 +199,19 @@ int set_guid(uint8_t phase, unsigned char guid[GUID_SIZE], const void *value, in
   if (phase == SET_CHECK) {
     return 0;
   }
-  if (replace_kept_file(&guid_file, value, GUID_SIZE) != KEPT_REPLACED) {
+  // Not settled: refused as what passes is, not as a value that is wrong for good.
+  if (!settled || replace_kept_file(&guid_file, value, GUID_SIZE) != KEPT_REPLACED) {
     return -1;
   }
   memcpy(guid, value, GUID_SIZE);
   return 0;
 }
 
-void keep_guid(const unsigned char guid[GUID_SIZE]) {
-  restore_kept_file(&guid_file, guid, GUID_SIZE);
+void keep_guid(unsigned char guid[GUID_SIZE], char *text, size_t text_size) {
+  if (!settled) {
+    settle(guid, text, text_size);
+  }
+  if (settable) {
+    restore_kept_file(&guid_file, guid, GUID_SIZE);
+  }
 }

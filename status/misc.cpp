@@ -1,6 +1,7 @@
 #include "status/misc.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -101,6 +102,7 @@ static constexpr int32_t web_management_port = 2301;
 static bool called;
 static int32_t base_condition = condition_normal;
 static bool threshold_failure_logged;
+static bool thresholds_unlisted;  // at the last poll
 
 static misc_data *data_of(registry_object *misc) {
   return reinterpret_cast<misc_data *>(misc->data);
@@ -161,7 +163,7 @@ struct known_entry {
   dev_t device;
   ino_t inode;  // 0: a free place
   off_t size;
-  timespec changed;
+  timespec changed;  // 0: as good as changed since
   int32_t severity;
 };
 
@@ -173,6 +175,7 @@ struct entry_table {
 };
 
 static entry_table known_entries;  // of the poll before
+static int32_t known_largest;      // of its severities
 
 static known_entry *place_of(const entry_table *table, ino_t inode) {
   size_t at = static_cast<size_t>(inode) & (table->size - 1);
@@ -207,62 +210,95 @@ static void remember(entry_table *table, const known_entry &entry) {
   *place = entry;
 }
 
-// The severity that the entry's file was last seen to have, when it has not changed since.
-static bool recall(const struct stat &status, known_entry *entry) {
-  if (known_entries.size == 0) {
-    return false;
+// What the entry's file was last seen to say; inode 0: nothing.
+static known_entry recall(const struct stat &status) {
+  if (known_entries.size != 0) {
+    const known_entry entry = *place_of(&known_entries, status.st_ino);
+    if (entry.inode == status.st_ino && entry.device == status.st_dev) {
+      return entry;
+    }
   }
-  *entry = *place_of(&known_entries, status.st_ino);
-  return entry->inode == status.st_ino && entry->device == status.st_dev &&
-         entry->size == status.st_size && entry->changed.tv_sec == status.st_ctim.tv_sec &&
-         entry->changed.tv_nsec == status.st_ctim.tv_nsec;
+  return {};
 }
 
-// The severity of one entry of the directory, which is kept in `seen` for the next poll.
+static bool is_unchanged(const struct stat &status, const known_entry &entry) {
+  return entry.size == status.st_size && entry.changed.tv_sec == status.st_ctim.tv_sec &&
+         entry.changed.tv_nsec == status.st_ctim.tv_nsec;
+}
+
+static constexpr int most_tries = 3;  // of what may pass, a poll
+
+// Null with errno: one that may pass when the object may be there and could not be read.
+static registry_object *read_object(const char *name) {
+  for (int tries = 1;; tries++) {
+    errno = 0;
+    registry_object *object = get_obj(name);
+    if (object != nullptr || !may_pass(errno) || tries == most_tries) {
+      return object;
+    }
+  }
+}
+
+// The severity of one entry of the directory, which is kept in `seen` for the next poll. One that
+// cannot be read now has the one that it had: a threshold that is raised is not cleared by that.
 static int32_t read_entry(int directory, const char *path, const char *name, entry_table *seen) {
   struct stat status = {};
-  known_entry entry = {};
   const bool there = fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-  if (there && recall(status, &entry)) {
+  known_entry entry = there ? recall(status) : known_entry{};
+  if (entry.inode != 0 && is_unchanged(status, entry)) {
     remember(seen, entry);
     return entry.severity;
   }
   char full_name[sizeof(log_dir) + sizeof(threshold_directory) + sizeof(dirent::d_name)];
   snprintf(full_name, sizeof(full_name), "%s/%s", path, name);
-  const freeing<registry_object> object_read(get_obj(full_name));
+  const freeing<registry_object> object_read(read_object(full_name));
   if (!object_read) {
-    return 0;
+    if (!may_pass(errno)) {
+      return 0;
+    }
+    entry.changed = {};
+    remember(seen, entry);
+    return entry.severity;
   }
-  const int32_t severity = entry_severity(object_read.get());
+  entry = {status.st_dev, status.st_ino, status.st_size, status.st_ctim,
+           entry_severity(object_read.get())};
   // A file's times go by ticks of the clock: of one that has just changed, the next change may not
   // show in them.
   constexpr time_t settled = 2;
-  if (there && status.st_ctim.tv_sec + settled < time(nullptr)) {
-    remember(seen, {status.st_dev, status.st_ino, status.st_size, status.st_ctim, severity});
+  if (status.st_ctim.tv_sec + settled >= time(nullptr)) {
+    entry.changed = {};
   }
-  return severity;
+  remember(seen, entry);
+  return entry.severity;
 }
 
-// The largest severity among the threshold agent's entries, at least 1; 0 when its directory cannot
-// be read.
-static int32_t read_thresholds() {
-  char path[sizeof(log_dir) + sizeof(threshold_directory)];
-  snprintf(path, sizeof(path), "%s/%s", log_dir, threshold_directory);
+// The largest severity among the entries of the directory, at least 1; 0 when it cannot be opened,
+// -1 when the listing broke off, with errno.
+static int32_t list_thresholds(const char *path) {
   const int opened = open_dir(path);
   const directory_handle directory(opened < 0 ? nullptr : fdopendir(opened));
   if (!directory) {
+    const int error = errno;
     if (opened >= 0) {
       close(opened);
     }
-    if (!threshold_failure_logged) {
-      threshold_failure_logged = true;
-      agentlog_fprintf(stderr, "cannot opendir(%s)\n", path);
-    }
+    errno = error;
     return 0;
   }
   int32_t largest = 1;
   entry_table seen = {};
-  while (const dirent *listed = readdir(directory.get())) {
+  for (;;) {
+    errno = 0;
+    const dirent *listed = readdir(directory.get());
+    if (listed == nullptr && errno != 0) {
+      const int error = errno;
+      free(seen.places);
+      errno = error;
+      return -1;
+    }
+    if (listed == nullptr) {
+      break;
+    }
     if (strncmp(listed->d_name, entry_prefix, strlen(entry_prefix)) == 0) {
       const int32_t severity = read_entry(opened, path, listed->d_name, &seen);
       largest = severity > largest ? severity : largest;
@@ -271,6 +307,33 @@ static int32_t read_thresholds() {
   free(known_entries.places);
   known_entries = seen;
   return largest;
+}
+
+// The largest severity among the threshold agent's entries, at least 1; 0 when its directory cannot
+// be opened. Half a list would make thresholds look cleared, and then raised anew: what fails for a
+// moment is tried again, and then the last whole one stands.
+static int32_t read_thresholds() {
+  char path[sizeof(log_dir) + sizeof(threshold_directory)];
+  snprintf(path, sizeof(path), "%s/%s", log_dir, threshold_directory);
+  int32_t largest = -1;
+  for (int tries = 1;; tries++) {
+    largest = list_thresholds(path);
+    if (largest > 0 || !may_pass(errno) || tries == most_tries) {
+      break;
+    }
+  }
+  if (largest == 0 && !threshold_failure_logged) {
+    threshold_failure_logged = true;
+    agentlog_fprintf(stderr, "cannot opendir(%s)\n", path);
+  }
+  if (largest < 0 && !thresholds_unlisted) {
+    agentlog_fprintf(stderr, "cannot readdir(%s)\n", path);
+  } else if (largest > 0 && thresholds_unlisted) {
+    agentlog_fprintf(stderr, "Thresholds are read again\n");
+  }
+  thresholds_unlisted = largest < 0 || (largest == 0 && thresholds_unlisted);
+  known_largest = largest < 0 ? known_largest : largest;
+  return known_largest;
 }
 
 // ---- Computing ----------------------------------------------------------------------------------
@@ -390,7 +453,7 @@ static registry_object *create() {
 static void refresh(registry_object *misc) {
   misc_data *data = data_of(misc);
   data->poll_frequency = poll_time;
-  keep_guid(data->guid);
+  keep_guid(data->guid, data->guid_canonical, sizeof(data->guid_canonical));
   build_status_array(data->mib_status_array);
   build_health_array(data->mib_health_status_array);
   data->mib_condition = condition_for(read_thresholds());

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <sys/file.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -33,7 +32,8 @@ constexpr int kMostChanges = 10;  // of the directory while it is being taken
 
 struct Claim {
   std::string relative;  // below the root; empty: none was asked for
-  Descriptor directory;  // locked; none while it could not be had
+  Descriptor directory;  // none while it could not be had
+  Descriptor lock;       // its file; none while that could not be had
   bool refused = false;
   bool unlockable = false;  // was told
 };
@@ -58,6 +58,23 @@ std::optional<bool> ClaimStands(int root) {
   const auto id = IdOf(now.get());
   const auto held = id ? IdOf(claim.directory.get()) : std::nullopt;
   return held ? std::optional(id == held) : std::nullopt;
+}
+
+// What may be otherwise in a moment.
+bool IsPassing(int error) {
+  switch (error) {
+    case EBUSY:
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case EINTR:
+    case EIO:
+    case EAGAIN:
+    case ENOLCK:
+      return true;
+    default:
+      return false;
+  }
 }
 
 enum TakenClaim { kStood = 0, kTakenNow = 1 };
@@ -85,54 +102,38 @@ int TakeClaim(int root, pid_t *holder, bool without_lock) {
     if (!directory) {
       return -1;
     }
-    if (flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
-      int error = errno;
-      if (error == EWOULDBLOCK) {
-        *holder = LockHolder(directory.get()).value_or(0);
-        const std::optional<uid_t> user = *holder > 0 ? UserOf(*holder) : std::nullopt;
-        if (!user || *user == 0 || *user == geteuid()) {
-          errno = EBUSY;
-          return -1;
-        }
-        // Anybody may open the directory, and so lock it: that must not keep the agent away.
-        error = EPERM;
-      } else if (!without_lock) {
-        return -1;
-      }
-      // A file system without locks: a second agent would not be noticed, but this one can work.
-      if (!claim.unlockable) {
-        claim.unlockable = true;
-        agentlog_fprintf(stderr, "%s: Can't lock registry directory %s/%s: %s\n", AgentName(),
-                         RegistryRootPath().c_str(), claim.relative.c_str(),
-                         error == EPERM ? "another user's process has locked it" : strerror(error));
-      }
+    // The directory first: an agent before the lock file would not have made that. Who has it and
+    // is none may be what a dead one leaves behind for a moment.
+    const int error = TakeDirectoryLock(directory.get(), holder);
+    if (error == EBUSY || (error != 0 && !without_lock)) {
+      errno = error == EPERM ? EBUSY : error;
+      return -1;
+    }
+    Descriptor lock;
+    const int file_error = TakeLockFile(directory.get(), &lock, holder);
+    if (file_error == EBUSY || (IsPassing(file_error) && !without_lock)) {
+      errno = file_error;
+      return -1;
+    }
+    // A file system without locks: a second agent would not be noticed, but this one can work.
+    // And anybody may open the directory, and so lock it: that must not keep the agent away.
+    if (error != 0 && !claim.unlockable) {
+      claim.unlockable = true;
+      agentlog_fprintf(
+          stderr, "%s: Can't lock registry directory %s/%s: %s\n", AgentName(),
+          RegistryRootPath().c_str(), claim.relative.c_str(),
+          error == EPERM ? "a process that is no agent has locked it" : strerror(error));
     }
     // The holder before may have removed it at its end, just after we had opened it.
     const Descriptor now(OpenBeneath(root, claim.relative, O_PATH | O_DIRECTORY));
     if (now && IdOf(now.get()) == IdOf(directory.get())) {
       claim.directory = std::move(directory);
+      claim.lock = std::move(lock);
       return kTakenNow;
     }
   }
   errno = EAGAIN;
   return -1;
-}
-
-// What may be otherwise in a moment.
-bool IsPassing(int error) {
-  switch (error) {
-    case EBUSY:
-    case EMFILE:
-    case ENFILE:
-    case ENOMEM:
-    case EINTR:
-    case EIO:
-    case EAGAIN:
-    case ENOLCK:
-      return true;
-    default:
-      return false;
-  }
 }
 
 // Whether flock(2) says so of a file system that has none: asked a few times all the same.
@@ -190,6 +191,12 @@ int TakeFirstClaim(const char *path) {
 
 }  // namespace
 
+const char *OwnLockFile(int directory) {
+  const Claim &claim = TheClaim();
+  const auto id = claim.directory ? IdOf(directory) : std::nullopt;
+  return id && id == IdOf(claim.directory.get()) ? kLockFile : nullptr;
+}
+
 bool ClaimRefused() {
   return TheClaim().refused;
 }
@@ -235,7 +242,7 @@ RootState KeepRoot(std::string *problem) {
       return RootState::kFailed;
     }
     // As at the start: what is there is no object of this process.
-    if (taken == kTakenNow && ClearDirectory(claim.directory.get()) != 0) {
+    if (taken == kTakenNow && ClearDirectory(claim.directory.get(), kLockFile) != 0) {
       agentlog_fprintf(stderr, "%s: Can't clear registry directory %s/%s: %s\n", AgentName(),
                        held.path().c_str(), claim.relative.c_str(), strerror(errno));
     }
@@ -243,6 +250,11 @@ RootState KeepRoot(std::string *problem) {
   }
   if (claim.directory && GiveDirectoryMode(claim.directory.get()) != 0) {
     return failed(errno);
+  }
+  // Removed, or it could not be made before: the next poll tries again.
+  if (claim.directory && !(claim.lock && IsLockFile(claim.directory.get(), claim.lock.get()))) {
+    pid_t holder = 0;
+    TakeLockFile(claim.directory.get(), &claim.lock, &holder);
   }
   if (same) {
     return RootState::kSame;

@@ -18,6 +18,9 @@ RootState KeepRoot(std::string *problem);
 
 // Whether claim_dir() has been told that another process has the directory.
 bool ClaimRefused();
+// The name of the lock file when this is the directory that this process has claimed, else null: it
+// stays when the directory is cleared, and does not make it full.
+const char *OwnLockFile(int directory);
 // Gives up what claim_dir() took.
 void ForgetClaim();
 

@@ -23,7 +23,7 @@ constexpr int kMaxPasses = 10'000;
 // itself and removed by the next pass, so that no depth costs more descriptors or stack.
 class Clearing {
  public:
-  explicit Clearing(int directory) : top_(directory) {}
+  Clearing(int directory, const char *spared) : top_(directory), spared_(spared) {}
 
   // 0, or -1 with errno. Goes on after an entry that cannot be removed.
   int Run() {
@@ -93,7 +93,8 @@ class Clearing {
         error = errno != 0 ? errno : error;
         break;
       }
-      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0 &&
+      const bool spared = depth == 0 && spared_ != nullptr && strcmp(entry->d_name, spared_) == 0;
+      if (!spared && strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0 &&
           RemoveEntry(directory, entry->d_name, depth) != 0) {
         error = errno;
       }
@@ -104,14 +105,15 @@ class Clearing {
   }
 
   int top_;
+  const char *spared_;
   bool moved_ = false;
   unsigned next_ = 0;
 };
 
 }  // namespace
 
-int ClearDirectory(int directory) {
-  return Clearing(directory).Run();
+int ClearDirectory(int directory, const char *spared) {
+  return Clearing(directory, spared).Run();
 }
 
 int RemoveTree(int parent, const char *name) {

@@ -4,9 +4,10 @@
 
 namespace vex {
 
-// Removes what is in the directory (a descriptor that can be read), whatever its depth. 0, or -1
-// with errno; goes on after an entry that cannot be removed.
-int ClearDirectory(int directory);
+// Removes what is in the directory (a descriptor that can be read), whatever its depth, but the
+// entry `spared` of the directory itself (null: none). 0, or -1 with errno; goes on after an entry
+// that cannot be removed.
+int ClearDirectory(int directory, const char *spared = nullptr);
 
 // Removes what `name` in the directory `parent` is, with all that is in it. 0 (also when it is not
 // there), or -1 with errno.

@@ -57,6 +57,11 @@ int RemoveEmpty(std::string_view path) {
     return RemoveRoot(root);
   }
   const Descriptor root_fd(OpenRegistryRoot(root, false));
+  const Descriptor directory(root_fd ? OpenBeneath(root_fd.get(), *relative, kReadDirectory) : -1);
+  const char *lock = directory ? OwnLockFile(directory.get()) : nullptr;
+  if (lock != nullptr && IsEmptyDirectory(openat(directory.get(), ".", kReadDirectory), lock)) {
+    unlinkat(directory.get(), lock, 0);
+  }
   const auto [parent, leaf] = SplitPath(*relative);
   const Descriptor at(root_fd ? OpenBeneath(root_fd.get(), parent, O_PATH | O_DIRECTORY) : -1);
   return at ? unlinkat(at.get(), leaf.c_str(), AT_REMOVEDIR) : -1;
@@ -82,7 +87,7 @@ int RemoveAll(std::string_view path) {
     if (!directory) {
       return errno == ENOENT ? 0 : -1;
     }
-    if (ClearDirectory(directory.get()) != 0) {
+    if (ClearDirectory(directory.get(), OwnLockFile(directory.get())) != 0) {
       return -1;
     }
     return contents || RemoveRoot(root) == 0 ? 0 : -1;
@@ -124,7 +129,8 @@ int remove_all_dir(const char *path) {
 
 int is_empty_dir(const char *path) {
   return vex::Guarded(0, [&] {
-    return static_cast<int>(vex::IsEmptyDirectory(vex::OpenDirectory(path != nullptr ? path : "")));
+    const int directory = vex::OpenDirectory(path != nullptr ? path : "");
+    return static_cast<int>(vex::IsEmptyDirectory(directory, vex::OwnLockFile(directory)));
   });
 }
 

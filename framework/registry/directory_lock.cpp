@@ -7,17 +7,21 @@
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "framework/process/descriptor.h"
+#include "framework/registry/clearing.h"
 
 namespace vex {
 namespace {
+
+constexpr int kMostChanges = 10;  // of the lock file while it is being taken
 
 // A lock that is held: who waits for one has an arrow in its line.
 struct HeldLock {
@@ -120,6 +124,9 @@ std::optional<pid_t> LockHolder(int fd) {
   return std::nullopt;
 }
 
+namespace {
+
+// The effective user of a process (proc(5), status); nothing when it is gone or cannot be told.
 std::optional<uid_t> UserOf(pid_t process) {
   // Not the owner of its directory there, which is root's for a process that cannot be traced.
   const Descriptor fd(
@@ -137,6 +144,103 @@ std::optional<uid_t> UserOf(pid_t process) {
     return std::nullopt;
   }
   return effective;
+}
+
+// The path of a program, which may have been replaced since it was started.
+std::string ProgramOf(const std::string &process) {
+  constexpr std::string_view kReplaced = " (deleted)";
+  std::string program = LinkText("/proc/" + process + "/exe");
+  if (program.ends_with(kReplaced)) {
+    program.resize(program.size() - kReplaced.size());
+  }
+  return program;
+}
+
+// Whether no other user than root and this one can have it open, and so lock it.
+bool IsPrivate(const struct stat &file) {
+  return S_ISREG(file.st_mode) && (file.st_uid == 0 || file.st_uid == geteuid()) &&
+         (file.st_mode & 077) == 0;
+}
+
+// Who has the lock file, which need not be ours to open.
+std::optional<pid_t> FileHolder(int directory) {
+  const Descriptor file(openat(directory, kLockFile, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat st;
+  return file && fstat(file.get(), &st) == 0 && IsPrivate(st) ? LockHolder(file.get())
+                                                              : std::nullopt;
+}
+
+}  // namespace
+
+bool RunsThisProgram(pid_t process) {
+  // A process that is dead and has left the lock to its child may have had this one's number.
+  if (process <= 0 || process == getpid()) {
+    return false;
+  }
+  const std::optional<uid_t> user = UserOf(process);
+  const std::string program = ProgramOf(std::to_string(process));
+  return user && (*user == 0 || *user == geteuid()) && !program.empty() &&
+         program == ProgramOf("self");
+}
+
+bool IsLockFile(int directory, int fd) {
+  struct stat now;
+  struct stat held;
+  return fstatat(directory, kLockFile, &now, AT_SYMLINK_NOFOLLOW) == 0 && fstat(fd, &held) == 0 &&
+         now.st_dev == held.st_dev && now.st_ino == held.st_ino && IsPrivate(now);
+}
+
+int TakeLockFile(int directory, Descriptor *file, pid_t *holder) {
+  for (int attempt = 0; attempt < kMostChanges; attempt++) {
+    Descriptor taken(openat(directory, kLockFile,
+                            O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                            0600));
+    struct stat st;
+    const int error = taken && fstat(taken.get(), &st) == 0 ? 0 : errno;
+    if (error == EACCES) {
+      const std::optional<pid_t> other = FileHolder(directory);
+      *holder = other.value_or(0);
+      return other ? EBUSY : error;
+    }
+    if (error != 0 && error != ELOOP && error != EISDIR && error != ENXIO) {
+      return error;
+    }
+    if (error != 0 || !IsPrivate(st)) {
+      if (RemoveTree(directory, kLockFile) != 0) {
+        return errno;
+      }
+      continue;
+    }
+    if (flock(taken.get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno != EWOULDBLOCK) {
+        return errno;
+      }
+      *holder = LockHolder(taken.get()).value_or(0);
+      return EBUSY;
+    }
+    // The holder before may have removed it at its end, just after we had opened it.
+    if (IsLockFile(directory, taken.get())) {
+      *file = std::move(taken);
+      return 0;
+    }
+  }
+  return EAGAIN;
+}
+
+int TakeDirectoryLock(int directory, pid_t *holder) {
+  if (flock(directory, LOCK_EX | LOCK_NB) == 0) {
+    return 0;
+  }
+  if (errno != EWOULDBLOCK) {
+    return errno;
+  }
+  *holder = LockHolder(directory).value_or(0);
+  return RunsThisProgram(*holder) ? EBUSY : EPERM;
+}
+
+std::optional<pid_t> DirectoryHolder(int directory) {
+  const std::optional<pid_t> holder = FileHolder(directory);
+  return holder ? holder : LockHolder(directory);
 }
 
 }  // namespace vex

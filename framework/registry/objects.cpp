@@ -208,6 +208,16 @@ bool AnyPublished() {
                      [](const auto &entry) { return entry.second->served != nullptr; });
 }
 
+// Of the root that is held and was removed there is nothing to say but that it is gone. What stands
+// in its place now tells more.
+int WhyUnwritten(int error) {
+  if (error != ENOENT) {
+    return error;
+  }
+  const Descriptor now(OpenRegistryRoot(TheRegistry().root, false));
+  return now ? error : errno;
+}
+
 // One line when files begin to fail, one when none is left over. relative: "" for the root itself.
 void ReportFiles(const std::string &relative, const char *problem) {
   Registry &r = TheRegistry();
@@ -279,7 +289,7 @@ void Publish(Object &object, std::shared_ptr<const Image> published,
   MarkStale(object, true);
   Serve(object);
   if (!WriteFile(object)) {
-    ReportFiles(object.relative, strerror(errno));
+    ReportFiles(object.relative, strerror(WhyUnwritten(errno)));
   } else if (TheRegistry().files_reported) {
     ReportFiles(object.relative, "");
   }
@@ -755,8 +765,11 @@ registry_object *get_obj(const char *path) {
     }
     const std::string &root = RegistryRootPath();
     const std::optional<std::string> relative = ResolveObjectName(path, root);
-    const std::optional<FileObject> file =
-        relative ? ReadObjectFile(*relative, root) : std::nullopt;
+    if (!relative) {
+      errno = EXDEV;
+      return nullptr;
+    }
+    const std::optional<FileObject> file = ReadObjectFile(*relative, root);
     if (!file) {
       return nullptr;
     }

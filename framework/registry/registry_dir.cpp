@@ -99,7 +99,7 @@ int MakeDirectories(int root, const std::string &path, bool parents) {
   }
 }
 
-bool IsEmptyDirectory(int directory) {
+bool IsEmptyDirectory(int directory, const char *spared) {
   Descriptor fd(directory);
   DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
   if (dir == nullptr) {
@@ -109,7 +109,8 @@ bool IsEmptyDirectory(int directory) {
   bool empty = true;
   errno = 0;
   while (const dirent *entry = readdir(dir)) {
-    empty = empty && (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0);
+    empty = empty && (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0 ||
+                      (spared != nullptr && strcmp(entry->d_name, spared) == 0));
   }
   empty = empty && errno == 0;
   closedir(dir);

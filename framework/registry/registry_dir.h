@@ -36,9 +36,9 @@ int MakeDirectories(int root, const std::string &path, bool parents = true);
 // here. 0 (also when it is another's) or -1 with errno.
 int GiveDirectoryMode(int directory);
 
-// Whether the directory has no entries; false also when that cannot be told. Takes over the
-// descriptor (-1 is none).
-bool IsEmptyDirectory(int directory);
+// Whether the directory has no entries but `spared` (null: none); false also when that cannot be
+// told. Takes over the descriptor (-1 is none).
+bool IsEmptyDirectory(int directory, const char *spared = nullptr);
 
 // Which directory it is, whatever its path.
 struct DirectoryId {

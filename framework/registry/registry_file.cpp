@@ -148,6 +148,7 @@ std::optional<FileObject> ReadSettled(const Reader &read) {
       return std::nullopt;
     }
     bool torn = false;
+    errno = 0;  // whatever is none of it is no error of looking
     std::optional<FileObject> object = ParseObjectFile(*file, &torn);
     // One slot torn, and the other may be older than what was complete when we began: while the
     // first was read, the writer may have gone round. The same bytes twice show that it did not.

@@ -70,19 +70,27 @@ std::optional<std::vector<uint8_t>> ReadFile(const char *path) {
   return bytes;
 }
 
-// Loads the tables or says what is wrong; "" when there are none.
+// What is wrong, with errno set last: making the text may change it.
+std::string Failure(int error, std::string what) {
+  errno = error;
+  return what;
+}
+
+// Loads the tables or says what is wrong, "" when there are none; errno says which.
 std::string Load() {
   const auto entry = ReadFile(kEntryPointFile);
   if (!entry) {
-    return errno == ENOENT ? "" : std::string(kEntryPointFile) + ": " + strerror(errno);
+    const int error = errno;
+    return Failure(error, error == ENOENT ? "" : std::string(kEntryPointFile) + ": " + strerror(error));
   }
   const auto table = ReadFile(kTableFile);
   if (!table) {
-    return std::string(kTableFile) + ": " + strerror(errno);
+    const int error = errno;
+    return Failure(error, std::string(kTableFile) + ": " + strerror(error));
   }
   const char *problem = "";
   tables = vex::SmbiosTables::Parse(*entry, *table, &problem);
-  return tables ? "" : std::string(kTableDirectory) + ": " + problem;
+  return tables ? "" : Failure(EBADMSG, std::string(kTableDirectory) + ": " + problem);
 }
 
 // Load(), or what went wrong instead, an allocation for one.
@@ -91,7 +99,7 @@ std::string TryToLoad() {
     return Load();
   } catch (const std::exception &failure) {
     tables.reset();
-    return std::string(kTableDirectory) + ": " + failure.what();
+    return Failure(ENOMEM, std::string(kTableDirectory) + ": " + failure.what());
   }
 }
 
@@ -103,18 +111,22 @@ EXPORT int InitSMBIOS(void) {
   if (tables) {
     return 1;
   }
+  int error = ENOMEM;
   try {
     std::string problem = TryToLoad();
+    error = errno;
     // What is asked once a process, such as the machine's GUID, must not be missed because a call
     // failed for a moment. A problem that was reported before is there to stay.
     for (int tries = 1; tries < kTries && !problem.empty() && problem != reported; tries++) {
       nanosleep(&kBetweenTries, nullptr);
       problem = TryToLoad();
+      error = errno;
     }
     Report(problem);
   } catch (...) {
     tables.reset();
   }
+  errno = error;
   return tables.has_value();
 }
 

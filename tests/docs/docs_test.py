@@ -288,6 +288,17 @@ class Documents(unittest.TestCase):
                     named += 1
         self.assertGreater(named, 20)
 
+    def test_the_readme_tells_what_an_installation_has_of_it(self):
+        here, source = read(os.path.join(SOURCE, "README.md")).split("\n## More\n")[1].split(
+            "\nIn the source tree alone:\n")
+        installed = read(os.path.join(SOURCE, "docs", "CMakeLists.txt"))
+        names = re.compile(r"`(?:docs/)?([\w./-]+)`")
+        for name in names.findall(here):
+            self.assertRegex(installed, rf"[ /]{re.escape(name)}[ )\n]")
+        for name in names.findall(source):
+            self.assertNotRegex(installed, rf"[ /]{re.escape(name)}[ )\n]")
+        self.assertGreater(len(names.findall(here)), 5)
+
     def test_pictures_are_there_and_small(self):
         folder = os.path.join(SOURCE, "docs")
         shown = set()

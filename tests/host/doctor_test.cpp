@@ -575,6 +575,20 @@ TEST_F(Doctor, WhatBecameOfTheRegistry) {
   ASSERT_TRUE(Eventually([] { return MadeUpHost::Object("host/swver.2").has_value(); }));
   Examine();
   EXPECT_EQ(outcome_.status, 0) << outcome_.out;
+  // What is no file at all.
+  host_.Remove(root + "/host/info");
+  host_.Directory(root + "/host/info");
+  host_.Remove(root + "/host/swver.2");
+  ASSERT_EQ(mkfifo((root + "/host/swver.2").c_str(), 0644), 0);
+  Examine();
+  EXPECT_HAS(About("group info: "),
+             "FAIL  group info: a directory stands in place of info. Remove the directory");
+  EXPECT_HAS(About("group swver: "),
+             " rows, but a pipe stands in place of swver.2. The agent writes");
+  host_.Remove(root + "/host/info");
+  ASSERT_TRUE(host_.daemon.Poll());
+  ASSERT_TRUE(Eventually(
+      [] { return MadeUpHost::Object("host/info") && MadeUpHost::Object("host/swver.2"); }));
   // Another directory than the agent's, and none.
   ASSERT_EQ(RunCommand({"mount", "-t", "tmpfs", "cover", root}).status, 0);
   host_.Directory(root + "/host");

@@ -172,6 +172,21 @@ TEST(Identity, KnowsNoTelnetPortWithoutTheService) {
   EXPECT_EQ(host.Get("tlxHoTelnet"), "INTEGER: 2");
 }
 
+TEST(Identity, ADirectoryServiceThatHangsHoldsUpNoPoll) {
+  MadeUpHost host;
+  host.File("/etc/services", "smtp 25/tcp\n");
+  host.File("/etc/nsswitch.conf", "services: files hangs\n");
+  ASSERT_EQ(RunCommand({"cp", VEX_TESTS_NSS_HANGS, "/usr/lib/libnss_hangs.so.2"}).status, 0);
+  // It is one that the C library asks.
+  EXPECT_EQ(RunCommand({"timeout", "1", "getent", "services", "telnet/tcp"}).status, 124);
+  const Listener listener("0.0.0.0");
+  host.Start();
+  EXPECT_EQ(host.Get("tlxHoTelnet"), "INTEGER: 3");
+  host.File("/etc/services", kServices);
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.Get("tlxHoTelnet"), "INTEGER: 2");
+}
+
 TEST(Identity, TakesAPortThatItMayNotBindForHeld) {
   MadeUpHost host;
   host.File("/etc/services", kServices);

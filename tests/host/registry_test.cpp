@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -287,6 +288,16 @@ TEST_F(Lost, TheRoot) {
   ExpectAllAfterAPoll();
 }
 
+TEST_F(Lost, ARootInWhosePlaceAFileStands) {
+  host_.Remove(MadeUpHost::kRegistry);
+  host_.File(MadeUpHost::kRegistry, "no directory");
+  ASSERT_TRUE(host_.daemon.Poll());
+  EXPECT_TRUE(host_.daemon.WaitLog(": Not a directory (values are served; trying again)"));
+  EXPECT_EQ(host_.daemon.Count("Can't write registry file"), 1U) << host_.daemon.Log();
+  host_.Remove(MadeUpHost::kRegistry);
+  ExpectAllAfterAPoll();
+}
+
 TEST_F(Lost, ARootThatIsMovedAway) {
   ASSERT_EQ(rename("/var/spool/quorix/kelmo", "/var/spool/quorix/old"), 0);
   ExpectAllAfterAPoll();
@@ -362,6 +373,13 @@ Outcome StartAnother() {
   return RunCommand({DaemonPath(), "-i"}, options, 60);
 }
 
+bool IsLocked(const std::string &directory) {
+  const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+  const bool locked = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0;
+  close(fd);
+  return locked;
+}
+
 }  // namespace
 
 TEST(SecondStart, TouchesNothingAndSaysWhoRuns) {
@@ -411,30 +429,66 @@ TEST(SecondStart, WorksAtOnceAfterAKill) {
 
 // Anybody may open the directory for reading, and so lock it.
 TEST(SecondStart, AnotherUsersLockKeepsNoAgentAway) {
-  MadeUpHost host;
-  host.Start();
-  EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
   const std::string directory = std::string(MadeUpHost::kRegistry) + "/host";
-  const pid_t locker = fork();
-  ASSERT_GE(locker, 0);
-  if (locker == 0) {
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
-    const bool locked =
-        fd >= 0 && setgid(65534) == 0 && setuid(65534) == 0 && flock(fd, LOCK_EX) == 0;
-    pause();
-    _exit(locked ? 0 : 1);
+  const auto wait = [] {
+    char byte = 0;
+    return read(STDIN_FILENO, &byte, 1) == 0 ? 0 : 1;
+  };
+  const auto fork_and_exit = [&] { return fork() == 0 ? wait() : 0; };
+  const auto become_root = [] {
+    // It waits for its input, with the rights of its owner.
+    execl("/usr/local/bin/waits", "waits", nullptr);
+    return 1;
+  };
+  const std::vector<std::pair<std::string, std::function<int()>>> lockers = {
+      {"waits", wait}, {"becomes root", become_root}, {"leaves it to a child", fork_and_exit}};
+  MadeUpHost host;
+  ASSERT_EQ(RunCommand({"cp", "/bin/cat", "/usr/local/bin/waits"}).status, 0);
+  ASSERT_EQ(chmod("/usr/local/bin/waits", 04755), 0);
+  host.Start();
+  for (const auto &[name, locker] : lockers) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
+    int hold[2];  // what the locker reads: it ends when this is closed
+    ASSERT_EQ(pipe2(hold, O_CLOEXEC), 0);
+    const pid_t process = fork();
+    ASSERT_GE(process, 0);
+    if (process == 0) {
+      dup2(hold[0], STDIN_FILENO);
+      close(hold[1]);
+      const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+      const bool locked =
+          fd >= 0 && setgid(65534) == 0 && setuid(65534) == 0 && flock(fd, LOCK_EX) == 0;
+      _exit(locked ? locker() : 1);
+    }
+    close(hold[0]);
+    EXPECT_TRUE(Eventually([&] { return IsLocked(directory); }));
+    if (name == "leaves it to a child") {
+      int status = -1;
+      waitpid(process, &status, 0);
+      EXPECT_EQ(status, 0);
+      EXPECT_TRUE(IsLocked(directory));
+    }
+    if (name == "becomes root") {
+      EXPECT_TRUE(Eventually([&] {
+        return ReadFile("/proc/" + std::to_string(process) + "/status").find("Uid:\t65534\t0\t") !=
+               std::string::npos;
+      }));
+    }
+    host.daemon.Start();
+    EXPECT_TRUE(MadeUpHost::Object("host/memory"));
+    EXPECT_EQ(host.daemon.Count("a process that is no agent has locked it"), 1U)
+        << host.daemon.Log();
+    // And two agents are still kept apart.
+    const Outcome second = StartAnother();
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE((second.out + second.err)
+                  .find("Process " + std::to_string(host.daemon.pid()) + " already runs"),
+              std::string::npos)
+        << second.out << second.err;
+    close(hold[1]);
+    waitpid(process, nullptr, 0);
   }
-  EXPECT_TRUE(Eventually([&] {
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
-    const bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0;
-    close(fd);
-    return held;
-  }));
-  host.daemon.Start();
-  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize").substr(0, 9), "INTEGER: ");
-  EXPECT_EQ(host.daemon.Count("another user's process has locked it"), 1U) << host.daemon.Log();
-  kill(locker, SIGKILL);
-  waitpid(locker, nullptr, 0);
 }
 
 // A mount asker that hangs outlives the agent, and holds nothing of it.

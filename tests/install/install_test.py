@@ -5,6 +5,7 @@ usage: install_test.py BUILD [TestClass[.test]]   (BUILD: a build tree, whose co
 
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -19,9 +20,9 @@ ODD = {"SBINDIR": "libexec/agents", "BINDIR": "tools/bin", "LIBDIR": "lib64/priv
        "SYSCONFDIR": "conf", "MANDIR": "man", "DATAROOTDIR": "data", "INCLUDEDIR": "inc"}
 
 
-def run(*command, status=0, **environment):
+def run(*command, status=0, cwd=None, **environment):
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          check=False, env={**os.environ, **environment})
+                          check=False, cwd=cwd, env={**os.environ, **environment})
     if status is not None and done.returncode != status:
         raise AssertionError(f"{command}: {done.returncode}\n{done.stdout[-4000:]}")
     return done.stdout
@@ -113,6 +114,18 @@ class Places(Installation):
         run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR=stage)
         self.assertEqual(tree(stage), [])
 
+    def test_a_destdir_from_where_one_stands(self):
+        self.configure()
+        run("timeout", "20", "cmake", "--install", self.build, "--prefix", "/srv/odd",
+            "--component", "headers", cwd=self.work, DESTDIR="stage")
+        self.assertIn("stage/srv/odd/share/pkgconfig/vexhostd.pc", tree(self.work))
+        self.assertEqual(os.listdir(self.work), ["stage"])
+        # The target runs in the build tree, where that would be another one.
+        self.assertIn("from /", run("cmake", "--build", self.build, "--target", "uninstall",
+                                    status=1, DESTDIR="stage"))
+        run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR=self.work + "/stage")
+        self.assertEqual(tree(self.work), [])
+
     def test_what_stood_there_before_stays(self):
         self.configure()
         prefix = self.work + "/prefix"
@@ -142,10 +155,46 @@ class Places(Installation):
         self.assertIn("Nothing was installed", run("cmake", "--build", self.build, "--target",
                                                    "uninstall", status=1))
 
+    def test_what_cannot_be_removed_is_not_forgotten(self):
+        self.configure()
+        prefix = self.work + "/prefix"
+        run("cmake", "--install", self.build, "--prefix", prefix, "--component", "headers")
+        run("mount", "--bind", "-o", "ro", prefix, prefix)
+        try:
+            said = run("cmake", "--build", self.build, "--target", "uninstall", status=1)
+        finally:
+            run("umount", "--lazy", prefix)
+        self.assertIn(prefix + "/share/pkgconfig/vexhostd.pc", said)
+        run("cmake", "--build", self.build, "--target", "uninstall")
+        self.assertEqual(tree(self.work), [])
+
+    def test_one_installation_does_not_make_another_forgotten(self):
+        self.configure()
+        for place, stage in (("one", ""), ("two", ""), ("one", "/stage")):
+            run("cmake", "--install", self.build, "--prefix", f"{self.work}/{place}",
+                "--component", "headers", DESTDIR=stage and self.work + stage)
+        run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR="")
+        self.assertEqual(os.listdir(self.work), ["stage"])
+        # Which there are is said.
+        self.assertIn(self.work + "/stage", run("cmake", "--build", self.build, "--target",
+                                                "uninstall", status=1, DESTDIR=""))
+        run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR=self.work + "/stage/")
+        self.assertEqual(tree(self.work), [])
+
+    def test_programs_elsewhere_than_below_the_prefix(self):
+        prefix = self.work + "/prefix"
+        self.configure(f"-DCMAKE_INSTALL_SBINDIR={self.work}/agents", f"-DCMAKE_INSTALL_PREFIX={prefix}")
+        run("cmake", "--install", self.build)
+        self.assertIn(f"=> {prefix}/lib/libvexcommon.so", run("ldd", self.work + "/agents/vexhostd"))
+        # They look for their libraries below the prefix that they were built for.
+        self.assertIn(f"-DCMAKE_INSTALL_PREFIX={self.work}/other", run(
+            "cmake", "--install", self.build, "--prefix", self.work + "/other", status=1))
+        self.assertFalse(os.path.exists(self.work + "/other"))
+
     def test_the_default_layout(self):
         self.configure()
         for prefix, configuration in (("/usr", "etc"), ("/usr/local", "usr/local/etc"),
-                                      ("/opt/vex", "etc/opt/vex")):
+                                      ("/opt/vex", "etc/opt/vex"), ("/", "etc")):
             with tempfile.TemporaryDirectory() as stage:
                 run("cmake", "--install", self.build, "--prefix", prefix, DESTDIR=stage)
                 paths = tree(stage)
@@ -153,18 +202,19 @@ class Places(Installation):
                 for path in ("sbin/vexhostd", "bin/vexreg", "lib/libvexcommon.so", "lib/libqvev.so",
                              "share/snmp/mibs/QUORIX-MIB.txt", "share/man/man1/vexreg.1",
                              "share/bash-completion/completions/vexreg",
-                             "share/zsh/vendor-completions/_vexreg",
+                             "share/zsh/site-functions/_vexreg",
                              "share/fish/vendor_completions.d/vexreg.fish",
                              "lib/systemd/system/vexhostd.service"):
-                    self.assertIn(prefix[1:] + "/" + path, paths)
+                    self.assertIn((prefix + "/" + path).lstrip("/"), paths)
                 unit = self.read(stage + prefix + "/lib/systemd/system/vexhostd.service")
-                self.assertEqual("SNMPCONFPATH" in unit, prefix != "/usr")
+                self.assertIn(f"\nExecStart={prefix.rstrip('/')}/sbin/vexhostd -i\n", unit)
+                self.assertEqual("SNMPCONFPATH" in unit, configuration != "etc")
 
 
 class Components(Installation):
     def test_each_by_itself_and_all_of_it(self):
         self.configure()
-        everything = self.work + "/all"
+        everything = self.work + "/all of it, 100%"
         run("cmake", "--install", self.build, "--prefix", everything)
         files = {}
         for component in ("program", "configuration", "headers", "documentation", "integrations"):
@@ -190,8 +240,21 @@ class Components(Installation):
         with open(self.work + "/sibling.c", "w", encoding="utf-8") as file:
             file.write('#include "platform/framework.h"\nint main(void) { return 0; }\n')
         flags = run("pkg-config", "--cflags", "vexhostd",
-                    PKG_CONFIG_PATH=everything + "/share/pkgconfig").split()
-        run("cc", "-fsyntax-only", *flags, self.work + "/sibling.c")
+                    PKG_CONFIG_PATH=everything + "/share/pkgconfig")
+        run("cc", "-fsyntax-only", *shlex.split(flags), self.work + "/sibling.c")
+        flags = run("pkg-config", "--libs", "vexhostd",
+                    PKG_CONFIG_PATH=everything + "/share/pkgconfig")
+        self.assertIn(f"-L{everything}/lib", shlex.split(flags))
+        self.assertIn(f"-Wl,-rpath,{everything}/lib", shlex.split(flags))
+
+        # And the unit is a unit, whatever the directory's name.
+        units = everything + "/lib/systemd/system"
+        named = everything.replace("%", "%%")
+        self.assertIn(f'\nExecStart="{named}/sbin/vexhostd" -i\n', self.read(units + "/vexhostd.service"))
+        self.assertIn(f'\nEnvironment="SNMPCONFPATH={named}/etc/snmp:/etc/snmp:/usr/share/snmp"\n',
+                      self.read(units + "/vexhostd.service"))
+        self.assertIn(f'\nExecStart="{named}/bin/vexreg" export ',
+                      self.read(units + "/vexhostd-export.service"))
 
 
 class Demo(Work):
@@ -304,6 +367,29 @@ class Refusals(Work):
     def test_the_program_alone_wants_nothing_of_the_tests(self):
         run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja",
             *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("GTest", "benchmark")))
+
+    def test_what_cannot_be_installed_anywhere(self):
+        for name in ("CMAKE_INSTALL_BINDIR", "CMAKE_INSTALL_SBINDIR", "CMAKE_INSTALL_LIBDIR",
+                     "VEX_INSTALL_UNITDIR"):
+            self.assertIn(f"{name} is empty", self.refusal(f"-D{name}="))
+
+    def test_what_no_compiler_makes(self):
+        gcc = ("-DCMAKE_C_COMPILER=gcc", "-DCMAKE_CXX_COMPILER=g++")
+        self.assertIn("VEX_FUZZ wants clang", self.refusal("-DVEX_FUZZ=ON", *gcc))
+        self.assertIn("VEX_COVERAGE wants clang", self.refusal("-DVEX_COVERAGE=ON", *gcc))
+        self.assertIn("VEX_SANITIZE is foo", self.refusal("-DVEX_SANITIZE=foo"))
+        self.assertIn("no build type Foo", self.refusal("-DCMAKE_BUILD_TYPE=Foo"))
+        # Types are what whoever builds calls them.
+        run("cmake", "-S", SOURCE, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Foo",
+            "-DCMAKE_CXX_FLAGS_FOO=-O2")
+        flags = [self.flags("-DCMAKE_BUILD_TYPE=" + name, CXXFLAGS="")[0] for name in ("Release", "release")]
+        self.assertEqual(*flags)
+
+    def test_a_build_among_the_sources(self):
+        source = self.work + "/source"
+        os.mkdir(source)
+        shutil.copy(SOURCE + "/CMakeLists.txt", source)
+        self.assertIn("in a directory of its own", " ".join(run("cmake", ".", cwd=source, status=1).split()))
 
     def flags(self, *options, **environment):
         """What one source is compiled with, and what one program is linked with."""

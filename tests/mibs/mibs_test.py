@@ -163,6 +163,14 @@ class Generator(unittest.TestCase):
         self.assertEqual((status, messages), (0, ""))
         self.assertIn('{"tlxHoGUID", ', made)
 
+    def test_takes_them_in_any_folder(self):
+        with tempfile.TemporaryDirectory(prefix="a folder ") as work:
+            shutil.copytree(MIBS, work + "/mibs")
+            run = subprocess.run([work + "/mibs/generate-mib-table", work + "/table.cpp"] +
+                                 [f"{work}/mibs/{name}.txt" for name in MODULES],
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        self.assertEqual((run.returncode, run.stdout), (0, ""))
+
     def test_writes_the_words_of_the_modules(self):
         status, messages, made = self.generate(options=["--words"])
         self.assertEqual((status, messages), (0, ""))

@@ -97,9 +97,18 @@ class Rpm(unittest.TestCase):
         files = self.ask("--list")
         for name in PRIVATE:
             self.assertIn(f"/usr/lib64/vexhostd/{name}.so", files)
+            [line] = [line for line in self.ask("--list", "--verbose")
+                      if line.endswith(f"/usr/lib64/vexhostd/{name}.so")]
+            self.assertTrue(line.startswith("-rwxr-xr-x"), line)
             for line in self.ask("--provides") + self.ask("--requires"):
                 self.assertNotIn(name, line)
         self.assertIn("libnetsnmp.so", "\n".join(self.ask("--requires")))
+        # Nor is anything wanted for what stations run.
+        self.assertNotIn("/usr/bin/env", self.ask("--requires"))
+
+    def test_the_notices_are_a_licence(self):
+        [path] = self.ask("--licensefiles")
+        self.assertTrue(path.endswith("/third-party-notices"), path)
 
     def test_configuration(self):
         self.assertEqual(sorted(self.ask("--configfiles")),
@@ -148,7 +157,7 @@ class Rpm(unittest.TestCase):
             self.assertIn("\nExecStart=/usr/sbin/vexhostd ", unit.read())
         with open(self.root + "/etc/snmp/snmpd.conf.d/vexhostd.conf", encoding="utf-8") as drop_in:
             self.assertIn("\nview systemview included .1.3.6.1.4.1.4891\n", drop_in.read())
-        with open(self.root + "/usr/share/pkgconfig/vexhostd.pc", encoding="utf-8") as file:
+        with open(self.root + "/usr/lib64/pkgconfig/vexhostd.pc", encoding="utf-8") as file:
             self.assertIn("libdir=/usr/lib64/vexhostd\n", file.read())
 
         # The stock snmpd.conf of these distributions does not.

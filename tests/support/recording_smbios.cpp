@@ -1,4 +1,5 @@
 // libkelmointrfc in memory: the tables that the test describes.
+#include <cerrno>
 #include <optional>
 
 #include "hardware/kelmointrfc/smbios_tables.h"
@@ -38,7 +39,11 @@ extern "C" {
 
 int InitSMBIOS(void) {
   rec::Record("InitSMBIOS", "");
-  Smbios().loaded = !rec::Fails("InitSMBIOS", "") && Smbios().present;
+  const bool fails = rec::Fails("InitSMBIOS", "");
+  Smbios().loaded = !fails && Smbios().present;
+  if (!fails) {
+    errno = ENOENT;
+  }
   return Smbios().loaded;
 }
 

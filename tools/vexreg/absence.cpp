@@ -35,7 +35,7 @@ bool IsHeld(const std::string &path) {
   const Descriptor root(OpenRegistryRoot(path, false));
   const Descriptor own(
       root ? OpenBeneath(root.get(), kOwnDirectory, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
-  return own && LockHolder(own.get()).has_value();
+  return own && DirectoryHolder(own.get()).has_value();
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -266,7 +267,7 @@ class Examination {
     const Descriptor directory(
         root ? OpenBeneath(root.get(), name, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
     facts.error = directory ? 0 : errno;
-    facts.holder = directory ? LockHolder(directory.get()) : std::nullopt;
+    facts.holder = directory ? DirectoryHolder(directory.get()) : std::nullopt;
     for (const ProcessFact &agent : agent_) {
       facts.agents.push_back(agent.pid);
     }
@@ -277,12 +278,15 @@ class Examination {
   // Why a group has no object.
   void LookForFile(const Group &group, GroupFacts *facts) {
     const Descriptor root(OpenRegistryRoot(root_, false));
+    if (const auto thing = WhatStandsFor(group.name)) {
+      facts->in_place.push_back(*thing);
+    }
     std::vector<std::string> names = facts->damaged_rows;
     names.insert(names.end(), {group.name, group.name + ".0"});
     for (const std::string &name : names) {
       const Descriptor file(
           OpenBeneath(root.get(), kDirectory + name, O_RDONLY | O_NONBLOCK | O_NOCTTY));
-      facts->damaged = facts->damaged || file;
+      facts->damaged = facts->damaged || (file && !WhatStandsFor(name));
       facts->unreadable = facts->unreadable || (!file && errno == EACCES);
     }
     const MibVariable *variable = FindMibVariable(group.variable);
@@ -322,6 +326,22 @@ class Examination {
         Descriptor(OpenBeneath(root.get(), name, O_RDONLY | O_NONBLOCK | O_NOCTTY)));
   }
 
+  // What there is of an object's name in the agent's directory, when it is no file.
+  std::optional<InPlace> WhatStandsFor(const std::string &object) const {
+    const Descriptor root(OpenRegistryRoot(root_, false));
+    const Descriptor there(OpenBeneath(root.get(), kDirectory + object, O_PATH));
+    struct stat status;
+    if (!there || fstat(there.get(), &status) != 0 || S_ISREG(status.st_mode)) {
+      return std::nullopt;
+    }
+    const char *what = S_ISDIR(status.st_mode)    ? "a directory"
+                       : S_ISLNK(status.st_mode)  ? "a symbolic link"
+                       : S_ISFIFO(status.st_mode) ? "a pipe"
+                       : S_ISSOCK(status.st_mode) ? "a socket"
+                                                  : "a device";
+    return InPlace{object, what, S_ISDIR(status.st_mode)};
+  }
+
   // Adds the rows that snmpd has and the registry has not.
   void LookForRows(const Group &group, GroupFacts *facts) {
     const MibVariable *variable = FindMibVariable(group.variable);
@@ -338,7 +358,7 @@ class Examination {
       }
       at = reply.name;
       const std::string name = group.name + "." + std::to_string(at.back());
-      if (HasFile(kDirectory + name)) {
+      if (HasFile(kDirectory + name) || WhatStandsFor(name)) {
         continue;
       }
       // It may have come or gone just now.
@@ -360,6 +380,8 @@ class Examination {
         facts->objects++;
         facts->newest_ns = std::max(facts->newest_ns, object->published_ns);
         rows = rows || file != group.name;
+      } else if (const auto thing = file != group.name ? WhatStandsFor(file) : std::nullopt) {
+        facts->in_place.push_back(*thing);
       } else if (file != group.name && HasFile(kDirectory + file)) {
         facts->damaged_rows.push_back(file);
       }

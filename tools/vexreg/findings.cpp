@@ -74,6 +74,15 @@ std::string FilesOf(const std::vector<std::string> &objects) {
          (others == 1 ? " other are" : " others are");
 }
 
+// "a directory stands in place of cpu.1 and other things in place of 3 others".
+std::string InPlaceText(const std::vector<InPlace> &things) {
+  const std::string text = things.front().what + " stands in place of " + things.front().object;
+  const size_t others = things.size() - 1;
+  return others == 0   ? text
+         : others == 1 ? text + " and something in place of 1 other"
+                       : text + " and something in place of " + std::to_string(others) + " others";
+}
+
 // The view or subtree of an access line: what follows SOURCE (snmpd.conf(5): rocommunity COMMUNITY
 // [SOURCE [OID | -V VIEW [CONTEXT]]]).
 struct AccessPart {
@@ -412,9 +421,18 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
                    int poll_seconds, AgentPhase phase) {
   const std::string name = "group " + group.name + ": ";
   const bool agent_runs = phase != AgentPhase::kGone;
+  // Files take the place of anything else.
+  const bool directory = std::any_of(facts.in_place.begin(), facts.in_place.end(),
+                                     [](const InPlace &thing) { return thing.directory; });
   const std::string next_poll =
-      agent_runs ? " The agent writes it again at its next poll; if it does not, its log says why."
-                 : "";
+      !agent_runs ? ""
+      : directory
+          ? " Remove the directory: the agent writes the file at its next poll then."
+          : " The agent writes it again at its next poll; if it does not, its log says why.";
+  if (facts.objects == 0 && !facts.in_place.empty()) {
+    return {agent_runs ? Verdict::kFail : Verdict::kNote,
+            name + InPlaceText(facts.in_place) + "." + next_poll};
+  }
   if (facts.objects == 0 && facts.unreadable) {
     return Note(name + "its file is not for this user to read. Run vexreg doctor as root.");
   }
@@ -443,8 +461,11 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
   if (rows) {
     what += std::to_string(facts.objects) + (facts.objects == 1 ? " row" : " rows") + ", ";
   }
-  if (!facts.damaged_rows.empty() || !facts.missing_rows.empty()) {
+  if (!facts.damaged_rows.empty() || !facts.missing_rows.empty() || !facts.in_place.empty()) {
     std::vector<std::string> faults;
+    if (!facts.in_place.empty()) {
+      faults.push_back(InPlaceText(facts.in_place));
+    }
     if (!facts.damaged_rows.empty()) {
       faults.push_back(FilesOf(facts.damaged_rows) + " damaged");
     }

@@ -111,11 +111,18 @@ struct Group {
   std::string_view absent;         // what its absence means
   std::string_view variable = {};  // one that snmpd has when the group is published
 };
+// What stands where an object's file should: "a directory".
+struct InPlace {
+  std::string object;  // "cpu.1"
+  std::string what;
+  bool directory = false;
+};
 struct GroupFacts {
   size_t objects = 0;                     // whole ones
   int64_t newest_ns = 0;                  // the last publication
   std::vector<std::string> damaged_rows;  // "cpu.1": there is a file, but no object in it
   std::vector<std::string> missing_rows;  // managers have them, but there is no file
+  std::vector<InPlace> in_place;          // of files
   // Of a group without an object:
   bool unreadable = false;     // there is a file, but not for this user
   bool damaged = false;        // there is a file, but no object in it

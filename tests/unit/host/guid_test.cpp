@@ -441,6 +441,64 @@ TEST_F(GuidTest, ASetIsAcceptedWhenSmbiosGaveNothingUsable) {
   EXPECT_EQ(guid, kSixteen);
 }
 
+// ---- Tables that cannot be read -----------------------------------------------------------------
+
+constexpr char kUnsettled[] =
+    "vexhostd: The SMBIOS tables cannot be read: until they can be, the GUID is not settled and "
+    "cannot be set\n";
+
+TEST_F(GuidTest, TablesThatCannotBeReadSettleTheGuidWhenTheyCan) {
+  rec::PutSmbios("entry 3.2\n226: {a0a1a2a3a4a5a6a7a8a9aaabacadaeaf}\n");
+  rec::Fail("InitSMBIOS", "*", 0, EIO);
+  unsigned char guid[GUID_SIZE] = {};
+  char text[GUID_TEXT_SIZE] = {};
+  obtain_guid(guid, text, sizeof(text));
+  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kGenerated, kUnsettled}));
+  EXPECT_EQ(set_guid(SET_CHECK, guid, kSixteen.data(), 16), 0);
+  EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), -1);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(guid), GUID_SIZE), kGeneratedWithoutEth0);
+  EXPECT_EQ(rec::ReadFile(kFile), kGeneratedWithoutEth0);
+
+  keep_guid(guid, text, sizeof(text));
+  EXPECT_EQ(guid[0], 0x58);
+  rec::StopFailing();
+  keep_guid(guid, text, sizeof(text));
+  EXPECT_EQ(guid[0], 0xA0);
+  EXPECT_STREQ(text, "A3A2A1A0-A5A4-A7A6-A8A9-AAABACADAEAF");
+  EXPECT_EQ(rec::Messages(), (std::vector<std::string>{kNoTables, kGenerated, kUnsettled, kTables,
+                                                       kFrom226}));
+  EXPECT_EQ(set_guid(SET_CHECK, guid, kSixteen.data(), 16), -1);
+  // The tables' GUID is in no file.
+  EXPECT_EQ(rec::ReadFile(kFile), kGeneratedWithoutEth0);
+}
+
+TEST_F(GuidTest, TablesThatSayNothingWhenTheyAreReadLeaveTheGuidToManagers) {
+  rec::PutSmbios("entry 3.2\n0: 01 02\n127:\n");
+  rec::Fail("InitSMBIOS", "*", 0, ENOMEM);
+  unsigned char guid[GUID_SIZE] = {};
+  char text[GUID_TEXT_SIZE] = {};
+  obtain_guid(guid, text, sizeof(text));
+  const std::string before = text;
+  rec::StopFailing();
+  keep_guid(guid, text, sizeof(text));
+  EXPECT_EQ(text, before);
+  EXPECT_EQ(rec::Messages().back(), "vexhostd: The GUID stays: the SMBIOS tables have none\n");
+  EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), 0);
+}
+
+// Without the right to read them they are not read later either, as in a container.
+TEST_F(GuidTest, TablesThatNobodyLetsUsReadAreNone) {
+  for (const int error : {EACCES, ENOENT, EBADMSG}) {
+    rec::Fail("InitSMBIOS", "*", 0, error);
+    unsigned char guid[GUID_SIZE] = {};
+    char text[GUID_TEXT_SIZE] = {};
+    obtain_guid(guid, text, sizeof(text));
+    EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), 0) << error;
+    rec::StopFailing();
+  }
+  EXPECT_EQ(std::ranges::count(rec::Messages(), kUnsettled), 0);
+}
+
 TEST_F(GuidTest, ASetThatCannotBeOpenedIsRefused) {
   std::string guid = Obtain().octets;
   rec::Fail("openat", kFile);

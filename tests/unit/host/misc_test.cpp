@@ -341,11 +341,77 @@ TEST_F(Misc, EntriesThatDidNotChangeAreNotReadAgain) {
 TEST_F(Misc, AnEntryThatCouldNotBeReadIsTriedAgain) {
   PutEntry("entry.1", {.severity = 6});
   rec::SetTime(time(nullptr) + 10);
-  rec::Fail("get_obj", "threshold/*", 1);
+  for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO}) {
+    rec::Fail("get_obj", "threshold/*", 1, error);
+    do_misc();
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4) << strerror(error);
+    PutEntry("entry.1", {.severity = 6});
+  }
+  // One that was never read counts for nothing, and for what it says as soon as it can be read.
+  PutEntry("entry.1", {.severity = 1});
+  PutEntry("entry.2", {.severity = 6});
+  rec::Fail("get_obj", "threshold/entry.2", 0, EMFILE);
   do_misc();
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+  rec::StopFailing();
   do_misc();
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+}
+
+TEST_F(Misc, AnEntryThatCannotBeReadNowKeepsItsSeverity) {
+  rec::SetTime(time(nullptr));  // it has just changed
+  PutEntry("entry.1", {.severity = 6});
+  do_misc();
+  PutEntry("entry.1", {.severity = 5});
+  rec::Fail("get_obj", "threshold/*", 0, EIO);
+  for (int poll = 0; poll < 3; poll++) {
+    do_misc();
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+  }
+  // A damaged one is none.
+  rec::StopFailing();
+  rec::Fail("get_obj", "threshold/*", 0, ENOENT);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+  rec::StopFailing();
+  rec::Fail("get_obj", "threshold/*", 0, EIO);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+}
+
+TEST_F(Misc, AListingOfThresholdsThatBreaksOffIsBegunAnew) {
+  constexpr char kBroken[] = "cannot readdir(*";
+  PutEntry("entry.1", {.severity = 3});
+  PutEntry("entry.2", {.severity = 3});
+  for (int call = 1; call < 6; call++) {
+    rec::Fail("readdir", "*/threshold", call);
+    do_misc();
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3) << call;
+    rec::StopFailing();
+  }
+  EXPECT_EQ(rec::Count("agentlog_fprintf", kBroken), 0);
+  // While no listing is whole, the last one stands.
+  PutEntry("entry.3", {.severity = 6});
+  rec::Fail("readdir", "*/threshold");
+  do_misc();
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", kBroken), 1);
+  rec::StopFailing();
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "Thresholds are read again\n"), 1);
+}
+
+TEST_F(Misc, ADirectoryOfThresholdsThatCannotBeOpenedOnceIsOpenedAgain) {
+  PutEntry("entry.1", {.severity = 3});
+  for (const char *call : {"fdopendir", "open_dir"}) {
+    rec::Fail(call, "*", 1, EMFILE);
+    do_misc();
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3) << call;
+    rec::StopFailing();
+  }
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "cannot opendir(*"), 0);
 }
 
 TEST_F(Misc, AMissingDirectoryIsReportedOnce) {

@@ -357,6 +357,37 @@ TEST(Findings, WhyAnObjectIsMissing) {
       "note  group misc: its file is not for this user to read. Run vexreg doctor as root.\n");
 }
 
+TEST(Findings, WhatStandsInPlaceOfAFile) {
+  const Group group = {"cpu", true, true, ""};
+  GroupFacts facts;
+  const auto judge = [&](AgentPhase phase) {
+    return Text(JudgeGroup(group, facts, facts.objects != 0, kNow, 15, phase));
+  };
+  const std::string next_poll =
+      " The agent writes it again at its next poll; if it does not, its log says why.\n";
+  const std::string remove =
+      " Remove the directory: the agent writes the file at its next poll then.\n";
+  facts.damaged = true;
+  facts.in_place = {{"cpu", "a directory", true}};
+  EXPECT_EQ(judge(AgentPhase::kRuns),
+            "FAIL  group cpu: a directory stands in place of cpu." + remove);
+  EXPECT_EQ(judge(AgentPhase::kGone), "note  group cpu: a directory stands in place of cpu.\n");
+  facts.in_place = {{"cpu", "a pipe", false}};
+  EXPECT_EQ(judge(AgentPhase::kRuns),
+            "FAIL  group cpu: a pipe stands in place of cpu." + next_poll);
+  facts = Published(2, 0);
+  facts.in_place = {{"cpu.2", "a socket", false}, {"cpu.3", "a directory", true}};
+  facts.damaged_rows = {"cpu.4"};
+  EXPECT_EQ(judge(AgentPhase::kRuns),
+            "FAIL  group cpu: 2 rows, but a socket stands in place of cpu.2 and something in place "
+            "of 1 other, and the file of cpu.4 is damaged." +
+                remove);
+  facts.in_place.push_back({"cpu.5", "a device", false});
+  EXPECT_EQ(judge(AgentPhase::kGone),
+            "note  group cpu: 2 rows, but a socket stands in place of cpu.2 and something in place "
+            "of 2 others, and the file of cpu.4 is damaged.\n");
+}
+
 TEST(Findings, RowsThatAreDamagedOrMissing) {
   const Group group = {"cpu", true, true, ""};
   GroupFacts facts = Published(2, 0);

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -912,6 +913,52 @@ TEST_F(Objects, ADirectoryIsTakenOnce) {
   EXPECT_EQ(claim_dir("/etc"), -1);
   EXPECT_EQ(claim_dir(registry_.root().c_str()), -1);
   EXPECT_EQ(claim_dir(nullptr), -1);
+}
+
+// One of before the lock file locks the directory alone.
+TEST_F(Objects, AnOlderAgentsDirectoryIsItsOwn) {
+  SetLogName("exampled");
+  Captured log;
+  const std::string host = registry_.Path("host");
+  fs::create_directories(host);
+  int held[2];
+  ASSERT_EQ(pipe2(held, O_CLOEXEC), 0);
+  const pid_t older = fork();
+  ASSERT_GE(older, 0);
+  if (older == 0) {
+    close(held[0]);
+    const int own = open(host.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool told = flock(own, LOCK_EX) == 0 && write(held[1], "y", 1) == 1;
+    pause();
+    _exit(told ? 0 : 1);
+  }
+  char byte = 0;
+  EXPECT_EQ(read(held[0], &byte, 1), 1);
+  EXPECT_EQ(claim_dir(host.c_str()), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(log.Text(), "exampled: Process " + std::to_string(older) +
+                            " already runs with the registry directory " + host + "\n");
+  EXPECT_FALSE(fs::exists(host + "/.lock")) << "nothing is touched";
+  kill(older, SIGKILL);
+  waitpid(older, nullptr, 0);
+  close(held[0]);
+  close(held[1]);
+  ForgetClaim();
+  EXPECT_EQ(claim_dir(host.c_str()), 0);
+  // A lock file that others could open is none.
+  ForgetClaim();
+  EXPECT_EQ(chmod((host + "/.lock").c_str(), 0644), 0);
+  EXPECT_EQ(claim_dir(host.c_str()), 0);
+  struct stat st = {};
+  EXPECT_EQ(stat((host + "/.lock").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777U, 0600U);
+  // It stays when the directory is cleared, and goes with it.
+  WriteBytes(host + "/row.7", {'x'});
+  EXPECT_EQ(remove_all_dir((host + "/*").c_str()), 0);
+  EXPECT_TRUE(fs::exists(host + "/.lock"));
+  EXPECT_EQ(is_empty_dir(host.c_str()), 1);
+  EXPECT_EQ(remove_empty_dir(host.c_str()), 0);
+  EXPECT_FALSE(fs::exists(host));
 }
 
 TEST_F(Objects, ADirectoryThatIsReplacedIsTakenAnew) {
