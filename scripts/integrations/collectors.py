@@ -39,12 +39,13 @@ COLUMNS = {
         "tlxHoSiblingCondition": ("sibling_condition", 1),
         "tlxHoSiblingHealth": ("sibling_health", 1)},
 }
-# Two of MRTG's curves a picture, a unit, and the greatest value that is believed.
+# Two of MRTG's curves a picture, a unit, what they are divided by for people, and the greatest value that
+# is believed.
 PICTURES = [
     ("memory", "tlxHoMemoryAvailable", "tlxHoPhysicalMemorySize", "MB", "available", "size", 1,
      2147483647),
     ("swap", "tlxHoPagingMemoryFree", "tlxHoPagingMemorySize", "MB", "free", "size", 1, 2147483647),
-    ("load", "tlxHoLoadOne", "tlxHoLoadFifteen", "tasks", "1 minute", "15 minutes", 100, 100000),
+    ("load", "tlxHoLoadOne", "tlxHoLoadFifteen", "tasks", "1 minute", "15 minutes", 100, 10000000),
     ("polls", "tlxHoAgentPollDuration", "tlxHoAgentFailedPolls", "ms", "last poll", "failed polls",
      1, 2147483647),
 ]
@@ -52,15 +53,16 @@ PICTURES = [
 
 def mrtg(modules):
     text = HEAD + """# For MRTG, with your host and community in place of HOST and COMMUNITY. Scalars alone: MRTG
-# knows a row by its number, and that is another row's once the agent is started again. -1 (not known)
-# is beyond what MRTG believes, and shown as nothing.
+# knows a row by its number, and that is another row's once the agent is started again. MRTG keeps whole
+# numbers from 0 on alone: hundredths are shown as ones, and -1 (not known) is shown as MaxBytes.
 WorkDir: /var/www/mrtg
 Options[_]: gauge, growright, nopercent, noinfo
 """
     for name, one, two, unit, legend_one, legend_two, divisor, most in PICTURES:
-        scale = f" / {divisor}" if divisor != 1 else ""
+        scale = (f"Factor[vexhost-{name}]: {1 / divisor:g}\n"
+                 f"YTicsFactor[vexhost-{name}]: {1 / divisor:g}\n") if divisor != 1 else ""
         text += (f"\nTarget[vexhost-{name}]: {modules.oid(one)}.0&{modules.oid(two)}.0:"
-                 f"COMMUNITY@HOST{scale}\n"
+                 f"COMMUNITY@HOST\n{scale}"
                  f"MaxBytes[vexhost-{name}]: {most}\n"
                  f"Title[vexhost-{name}]: HOST: {name}\nPageTop[vexhost-{name}]: "
                  f"<h1>HOST: {name}</h1>\nYLegend[vexhost-{name}]: {unit}\n"

@@ -91,7 +91,8 @@ class Dashboard:
                                                   by_description)], "percentunit", 1)
         columns = {"Time": True, "__name__": True, "instance": True, "job": True}
         tidy = [{"id": "organize", "options": {"excludeByName": columns}}]
-        self.add("table", "Mounts", 12, 8, [target(f"tlxHoMountState{HOST}", instant=True)],
+        self.add("table", "Mounts", 12, 8, [target(f"max without (tlxHoMountRow) (tlxHoMountState{HOST})",
+                                                   instant=True)],
                  field={"mappings": self.words("tlxHoMountState")}, transformations=tidy)
         self.add("table", "Agents beside it", 12, 8,
                  [target(f"tlxHoSiblingHealth{HOST} > 0 or tlxHoSiblingCondition{HOST} > 0",

@@ -52,14 +52,21 @@ def settings(path):
     return found
 
 
+def numeric(oid):
+    """An OID from snmptrapd, which without `outputOption n` has a word for the first number."""
+    return re.sub(r"^iso(?=\\.)", ".1", oid)
+
+
 def received(lines):
     """The sender's address, and the values by OID."""
     # IPv6 comes with its brackets doubled.
     address = re.search(r"\\[+([^\\[\\]]+)\\]", lines[1] if len(lines) > 1 else "")
     values, last = {}, None
     for line in lines[2:]:
-        if re.match(r"\\.1(\\.\\d+)+( |$)", line):
-            last, _, values[last] = line.partition(" ")
+        if re.match(r"(\\.1|iso)(\\.\\d+)+( |$)", line):
+            last, _, value = line.partition(" ")
+            last = numeric(last)
+            values[last] = value
         elif last:
             values[last] += " " + line  # a text with a line end in it
     return address[1] if address else None, values
@@ -80,7 +87,7 @@ def main(arguments):
         print("usage: trap-to-icinga FILE", file=sys.stderr)
         return 2
     address, values = received(sys.stdin.buffer.read().decode("utf-8", "replace").splitlines())
-    known = NOTIFICATIONS.get(values.get(TRAP_OID, ""))
+    known = NOTIFICATIONS.get(numeric(values.get(TRAP_OID, "")))
     if not address or not known:
         return 0  # another's
     name, status = known

@@ -14,7 +14,7 @@ USERS = (RULES, "integrations/prometheus/consoles/*.html", "integrations/grafana
 NAME = re.compile(r"\b(?:tlx(?:Ho|Ap)\w*|vexhost:[\w:]+)")
 # Where a name is a label's.
 LABELS = re.compile(r"labels\.\w+|sortByLabel \\?\"\w+|\{\{\w+\}\}|\{[^{}]*\}|"
-                    r"\b(?:by|without|on|ignoring|group_left|group_right) ?\([^)]*\)", re.I)
+                    r",\s*\"\w+\"(?=[,)])|\b(?:by|without|on|ignoring|group_left|group_right) ?\([^)]*\)", re.I)
 
 
 def read(path):
@@ -38,6 +38,8 @@ def known(modules, rules):
     # A text has itself as a label, and 1 as its value.
     labels = set().union(*(exporter.labels_of(name) for name in metrics)) | \
         {name for name in metrics if modules.is_text(name)}
+    # What a rule joins several to.
+    labels |= set(re.findall(r"label_join\(.*?,\s*\"(\w+)\", \"[^\"]*\", \"", rules, re.S))
     return metrics | set(re.findall(r"^ *- record: (\S+)", rules, re.M)), labels
 
 
@@ -67,7 +69,8 @@ def faults(modules):
 
 
 def self_test(modules):
-    metrics, labels = known(modules, "  - record: vexhost:one:ratio\n")
+    metrics, labels = known(modules, "  - record: vexhost:one:ratio\n    expr: label_join(tlxHoLoadOne, "
+                            "\"tlxHoOne\", \" on \", \"tlxHoMountDevice\", \"tlxHoMountType\")\n")
     cases = {
         "tlxHoNothing / 100": ["the metric tlxHoNothing"],
         "tlxHoLoadOne{instance=\"a\"} + vexhost:one:ratio": [],
@@ -78,6 +81,9 @@ def self_test(modules):
         "{{ $labels.tlxHoSiblingNames }}": ["the label tlxHoSiblingNames"],
         "{{tlxHoSiblingName}}": [],
         "query (printf \"tlxHoName{instance=%q}\" $host) .Labels.tlxHoName": [],
+        "label_join(tlxHoMountState > 1, \"tlxHoTwo\", \" \", \"tlxHoMountDevice\", \"tlxHoMount\")":
+            ["the label tlxHoMount", "the label tlxHoTwo"],
+        "vexhost:one:ratio{tlxHoOne=\"a\"}": [],
         "sortByLabel \"tlxHoLoadOne\"": ["the label tlxHoLoadOne"],
     }
     for text, expected in cases.items():

@@ -3,22 +3,23 @@
 from integrations.modules import HEAD, quoted
 
 # The labels of a table's rows: columns by which a station knows them. A row's number is none: it
-# goes to another row when the agent is started again. Every file system has one row a directory.
+# goes to another row when the agent is started again. But where two rows may have the same labels, the
+# number stays beside them, since two samples with the same ones would cost the whole scrape; the rules
+# leave it out. So would a label that is no UTF-8, as tlxHoFileSysDesc is when it was cut.
 LABELS = {
     "tlxHoCpuUtilTable": ["tlxHoCpuUtilUnitIndex"],
-    # The description is there from the start, the mount's details only once the start is complete.
-    "tlxHoFileSysTable": ["tlxHoFileSysDesc", "tlxHoMountDirectory", "tlxHoMountDevice",
-                          "tlxHoMountType"],
+    # Not there before the start is complete, and two long directories may agree in what is shown.
+    "tlxHoFileSysTable": ["tlxHoMountDirectory", "tlxHoMountDevice", "tlxHoMountType"],
     "tlxHoMountTable": ["tlxHoMountDirectory", "tlxHoMountDevice", "tlxHoMountType"],
     "tlxHoSiblingTable": ["tlxHoSiblingName"],
-    # Names may come twice here, so that the number stays: two samples with the same labels would
-    # cost the whole scrape. The rules leave it out.
+    # Names may come twice.
     "tlxHoSwVerTable": ["tlxHoSwVerName", "tlxHoSwVerVersion"],
     "tlxHoFwVerTable": ["tlxHoFwVerDisplayName", "tlxHoFwVerVersion", "tlxHoFwVerLocation"],
     "tlxHoSwKindTable": ["tlxHoSwKindName", "tlxHoSwVerVersion"],
     "tlxHoFwKindTable": ["tlxHoFwKindName", "tlxHoFwVerVersion", "tlxHoFwKindLocation"],
 }
-KEEP_ROW = {"tlxHoSwVerTable", "tlxHoFwVerTable", "tlxHoSwKindTable", "tlxHoFwKindTable"}
+KEEP_ROW = {"tlxHoFileSysTable", "tlxHoMountTable", "tlxHoSwVerTable", "tlxHoFwVerTable", "tlxHoSwKindTable",
+            "tlxHoFwKindTable"}
 # What a time series says nothing about: hexadecimal arrays, dates, what never changes.
 LEFT_OUT = {"tlxHoMibStatusArray", "tlxHoMibHealthStatusArray", "tlxHoClientLastModified",
             "tlxHoSwVerDate", "tlxHoGUID", "tlxHoTrapFlags", "tlxHoCodeServer",

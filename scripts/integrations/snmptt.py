@@ -4,7 +4,9 @@ from integrations.modules import HEAD
 
 
 def files(modules):
-    text = HEAD + "# For snmptt: add this file to snmptt_conf_files in snmptt.ini.\n"
+    text = HEAD + """# For snmptt: add this file to snmptt_conf_files in snmptt.ini. snmptrapd.conf needs the line
+# `outputOption n`, which ../snmptrapd/vexhost.conf has: snmptt knows OIDs by their numbers.
+"""
     for name, one in modules.notifications().items():
         text += (f"\nEVENT {name} .{one.oid} \"Status Events\" {one.severity}\n"
                  f"FORMAT {one.message}\nSDESC\n{one.words}\nVariables:\n" +

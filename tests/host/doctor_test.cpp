@@ -235,7 +235,7 @@ TEST_F(Doctor, NoMaster) {
   Examine();
   EXPECT_EQ(outcome_.status, 1);
   EXPECT_EQ(About("snmpd: "), "FAIL  snmpd: does not run. Start it: systemctl start snmpd.");
-  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /var/agentx/master: absent. ");
+  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /var/agentx/master: absent: ");
   EXPECT_HAS(About("snmpd on UDP"), "FAIL  snmpd on UDP port 161 of 127.0.0.1: nobody listens. ");
   EXPECT_EQ(About("subtree "), "lines about it: 0");
   EXPECT_HAS(About("group memory: "), "ok    ");
@@ -293,7 +293,7 @@ TEST_F(Doctor, SocketThatIsAnother) {
   ASSERT_TRUE(host_.daemon.WaitStarted());
   Examine();
   EXPECT_EQ(outcome_.status, 1);
-  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /run/other/master: absent. ");
+  EXPECT_HAS(About("AgentX socket "), "FAIL  AgentX socket /run/other/master: absent: ");
 }
 
 TEST_F(Doctor, SocketIsNotPermitted) {

@@ -1,6 +1,7 @@
 // The plugin for Nagios and Icinga, run against the daemon behind a real snmpd.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,19 @@ TEST_F(Plugin, JudgesFileSystemsByName) {
   EXPECT_EQ(Check({"-k", "inodes", "-w", "100", "-c", "100"}).status, kOk);
 }
 
+TEST_F(Plugin, NamesAnyDirectory) {
+  // Beyond ASCII, with what net-snmp would escape, and longer than a line of its hexadecimal.
+  const std::string directory = "/srv/gr\u00f6\u00dfere \"Daten\" auf \\ Platte";
+  std::filesystem::create_directories(directory);
+  host_.File(
+      "/etc/mtab",
+      "/dev/sda1 /srv/gr\u00f6\u00dfere\\040\"Daten\"\\040auf\\040\\134\\040Platte ext4 rw 0 0\n");
+  host_.Start();
+  EXPECT_EQ(Check({"-k", "mounts"}),
+            (Judgement{kOk, "VEXHOST OK - " + directory + " answers", ""}));
+  EXPECT_EQ(Check({"-k", "mounts", "--include", directory}).status, kOk);
+}
+
 TEST_F(Plugin, TakesNothingUnknownForCritical) {
   host_.Proc("meminfo", "MemTotal: 2048000 kB\nMemFree: 1024000 kB\n");
   host_.Start();
@@ -76,7 +90,8 @@ TEST_F(Plugin, TakesNothingUnknownForCritical) {
             (Judgement{kUnknown, "VEXHOST UNKNOWN - the average over 5m is not known yet", ""}));
   EXPECT_EQ(Check({"-k", "memory"}),
             (Judgement{kUnknown, "VEXHOST UNKNOWN - the available memory is not known", ""}));
-  EXPECT_EQ(Check({"-k", "swap"}), (Judgement{kOk, "VEXHOST OK - no swap", ""}));
+  EXPECT_EQ(Check({"-k", "swap"}),
+            (Judgement{kUnknown, "VEXHOST UNKNOWN - the swap space is not known", ""}));
   EXPECT_EQ(Check({"-k", "siblings"}), (Judgement{kOk, "VEXHOST OK - no sibling agents", ""}));
 }
 
@@ -130,7 +145,7 @@ TEST_F(Plugin, SaysWhatKeepsItFromJudging) {
   host_.Start();
   const Judgement stranger = Check({"-k", "condition", "-C", "nobody", "-t", "3"});
   EXPECT_EQ(stranger.status, kUnknown);
-  EXPECT_TRUE(stranger.text.starts_with("VEXHOST UNKNOWN - ")) << stranger;
+  EXPECT_EQ(stranger.text, "VEXHOST UNKNOWN - Timeout: No Response from 127.0.0.1:161.");
   for (const std::vector<std::string> &wrong :
        std::vector<std::vector<std::string>>{{"-k", "nothing"},
                                              {"-k", "cpu", "-w", "ten"},

@@ -43,11 +43,11 @@ class Collectors(unittest.TestCase):
         # The first runs complain that there is no log yet.
         for _ in range(3):
             one.ok("mrtg", "/tmp/mrtg.cfg")
-        expected = {"memory": "4000 8000", "swap": "1000 2000", "load": "[01] 2"}
+        expected = {"memory": "4000 8000", "swap": "1000 2000", "load": "50 200"}
         for name, values in expected.items():
             first = one.read(f"/tmp/mrtg/vexhost-{name}.log").splitlines()[0]
             self.assertRegex(first, rf"^\d+ {values}$", name)
-        # Not known: no curve, rather than one below 0.
+        # Not known: the greatest value, as the file says, and none below 0.
         one.proc("meminfo", "MemTotal: 8192000 kB\nMemFree: 1024000 kB\n")
         eventually(lambda: one.get(".1.3.6.1.4.1.4891.11.2.200.1.1.0") == "-1", 30,
                    "a kernel that does not say what is available")
@@ -55,6 +55,9 @@ class Collectors(unittest.TestCase):
             one.ok("mrtg", "/tmp/mrtg.cfg")
         for name in expected:
             self.assertNotIn("-", one.read(f"/tmp/mrtg/vexhost-{name}.log"), name)
+        self.assertIn("shown as MaxBytes", self.named("mrtg/vexhost.cfg"))
+        self.assertRegex(one.read("/tmp/mrtg/vexhost-memory.log").splitlines()[0],
+                         r"^\d+ 2147483647 8000$")
 
     def test_collectd(self):
         self.start()
@@ -82,9 +85,9 @@ class Collectors(unittest.TestCase):
         found = values()
         self.assertEqual(found["memory_available_bytes", None], 4000 << 20)
         self.assertEqual(found["load5", None], 1.25)
-        self.assertEqual(found["filesystem_used_percent", "_dev_vdb on _srv_two"], 97)
-        self.assertEqual(found["filesystem_size_bytes", "_dev_vda on _srv_one"], 100 << 20)
-        self.assertEqual(found["filesystem_state", "_dev_vda on _srv_one"], 1)
+        self.assertEqual(found["filesystem_used_percent", "_srv_two"], 97)
+        self.assertEqual(found["filesystem_size_bytes", "_srv_one"], 100 << 20)
+        self.assertEqual(found["filesystem_state", "_srv_one"], 1)
         # Not known yet: no value, and none below 0 anywhere.
         self.assertNotIn(("cpu_percent_1h", "0"), found)
         self.assertEqual({k: v for k, v in found.items() if v < 0}, {})
@@ -138,7 +141,7 @@ class Collectors(unittest.TestCase):
         conf = one.read(f"{INTEGRATIONS}/snmptrapd/vexhost.conf").replace("change-this", "public")
         handler = re.search(r"^# (traphandle default .*snmptt)$", conf, re.M)[1]
         one.write("/tmp/snmptrapd.conf", conf + handler + " --ini=/tmp/snmptt.ini\n")
-        one.start("snmptrapd", "snmptrapd", "-f", "-On", "-Lo", "-C", "-c", "/tmp/snmptrapd.conf",
+        one.start("snmptrapd", "snmptrapd", "-f", "-Lo", "-C", "-c", "/tmp/snmptrapd.conf",
                   "udp:127.0.0.1:162")
         self.start("trap2sink 127.0.0.1 public\n")
         one.ok("snmpset", "-v2c", "-cprivate", "127.0.0.1", ".1.3.6.1.4.1.4891.11.2.1.3.0", "s",

@@ -1,6 +1,6 @@
 """Prometheus with snmp_exporter, from Debian's packages, against the real agent.
 
-usage: prometheus_test.py BUILD ROOT [Promtool|Prometheus]
+usage: prometheus_test.py BUILD ROOT [Promtool|Exporter|Prometheus]
 """
 
 import ctypes
@@ -72,6 +72,36 @@ class Promtool(unittest.TestCase):
                     found += 1
         self.assertEqual(found, 2)
 
+    def test_a_first_station(self):
+        """As the document says, in the files that Debian brings, and others' modules beside."""
+        one = self.room
+        with open(f"{DOCUMENTS}/first-station.md", encoding="utf-8") as file:
+            section = file.read().split("\n## Prometheus\n")[1].split("\n## ")[0]
+        [block] = re.findall(r"^    rule_files:.*\n(?:    .*\n)+", section, re.M)
+        configuration = one.read("/etc/prometheus/prometheus.yml")
+        for key, entries in re.findall(r"^    (\w+):\n((?:     .*\n)+)", block, re.M):
+            changed = re.sub(f"^{key}:\n", f"{key}:\n" + re.sub("^    ", "", entries, flags=re.M),
+                             configuration, flags=re.M)
+            self.assertNotEqual(changed, configuration, key)
+            configuration = changed
+        self.assertIn("vexhost", configuration)
+        one.write("/etc/prometheus/prometheus.yml", configuration)
+        one.write("/etc/prometheus/vexhost.rules.yml", one.read(FILES + "/vexhost.rules.yml"))
+        said = one.ok("promtool", "check", "config", "/etc/prometheus/prometheus.yml")
+        self.assertRegex(said, r"SUCCESS: \d+ rules found")
+        self.assertIn("job_name: node", configuration)
+        self.assertIn("job_name: vexhost", configuration)
+        # The command that brings the module keeps another one.
+        one.write("/etc/prometheus/snmp.yml", "other:\n  walk: [1.3.6.1.2.1.1]\n")
+        [command] = re.findall(r"^    (.*\bsnmp-0\.21\.yml.*?)(?: +#.*)?$", section, re.M)
+        one.ok("sh", "-c", f"cd {FILES} && " + command.replace("sudo ", ""))
+        one.start("exporter", "prometheus-snmp-exporter",
+                  "--config.file=/etc/prometheus/snmp.yml", "--web.listen-address=127.0.0.1:9116")
+        shown = eventually(lambda: one.runs() and fetch("http://127.0.0.1:9116/config"), 60,
+                           lambda: one.log("exporter"))
+        for module in ("other", "vexhost"):
+            self.assertRegex(shown, rf"(?m)^{module}:$")
+
     def test_export(self):
         one = self.room
         one.mount("/srv/one", 100, 10)
@@ -81,6 +111,33 @@ class Promtool(unittest.TestCase):
         self.assertGreater(text.count("\n"), 50)
         status, said = one.run("promtool", "check", "metrics", text=text)
         self.assertEqual((status, said), (0, ""))
+
+
+class Exporter(unittest.TestCase):
+    """snmp_exporter refuses all of a host for one sample that is no UTF-8, or comes twice."""
+
+    def test_no_mount_costs_the_others(self):
+        one = room.Room(self)
+        one.mount("/srv/one", 100, 10)
+        # Cut within a character in the description, of no UTF-8, alike in all that is shown.
+        long = "/srv/" + "d" * 90 + "\u00e4" * 30
+        twin = "/srv/" + "/".join("t" * 100 for _ in range(4))
+        for name in (long.encode(), b"/srv/no\xff\xfe", (twin + "1").encode(), (twin + "2").encode()):
+            os.makedirs(one.path("").encode() + name)
+        with open(one.path("/etc/mtab"), "ab") as file:
+            for name in (long.encode(), b"/srv/no\xff\xfe", (twin + "1").encode(),
+                         (twin + "2").encode()):
+                file.write(b"/dev/odd " + name + b" ext4 rw 0 0\n")
+        one.start_snmpd()
+        one.start_agent()
+        one.start("exporter", "prometheus-snmp-exporter",
+                  f"--config.file={FILES}/snmp-0.21.yml", "--web.listen-address=127.0.0.1:9116")
+        url = "http://127.0.0.1:9116/snmp?module=vexhost&target=127.0.0.1"
+        text = eventually(lambda: one.runs() and fetch(url), 60, lambda: one.log("exporter"))
+        self.assertNotIn("An error has occurred", text)
+        sizes = re.findall(r"^tlxHoFileSysSpaceTotal\{.*tlxHoMountDirectory=\"([^\"]*)\"", text, re.M)
+        self.assertEqual(sorted(sizes), sorted(["/srv/one", long, "/srv/no??", twin[:255], twin[:255]]))
+        self.assertIn("tlxHoMountState{", text)
 
 
 def silent_mount(path):

@@ -99,8 +99,21 @@ AccessPart ShownBy(const std::vector<std::string> &line) {
   return shown;
 }
 
+// Whether other machines are let in by what everybody tries first.
+bool IsForAnybody(const std::string &community, const std::string &source) {
+  const bool own = source.empty() || source.starts_with("127.") || source == "localhost" ||
+                   source == "::1" || source == "[::1]";
+  return !own && (community == "public" || community == "private");
+}
+
 std::string ViewAdvice(const std::vector<std::string> &line) {
   const std::string restart = "; then restart snmpd.";
+  if (line.size() > 1 && line[0].starts_with("r") &&
+      IsForAnybody(line[1], line.size() > 2 ? line[2] : "default")) {
+    return std::string("Show it to the agent alone, and not to all who try \"") + line[1] +
+           "\". Add to snmpd.conf: rocommunity NAME 127.0.0.1 " + kSubtree +
+           ", and to vexhostd.conf: community NAME; then restart both.";
+  }
   const AccessPart shown = ShownBy(line);
   if (!shown.view.empty()) {
     return "Add to snmpd.conf: view " + shown.view + " included " + kSubtree + restart;
@@ -211,9 +224,7 @@ std::optional<Finding> JudgeDefaultCommunity(
   for (const auto &[token, line] : master_lines) {
     const std::string community = CommunityOfLine(token, line);
     const std::string source = SourceOfLine(token, line);
-    const bool own = source.empty() || source.starts_with("127.") || source == "localhost" ||
-                     source == "::1" || source == "[::1]";
-    if (!own && (community == "public" || community == "private")) {
+    if (IsForAnybody(community, source)) {
       std::string text = "default community: ";
       text.append("snmpd.conf lets \"").append(community).append("\" in from ");
       text += source == "default" ? "anywhere" : "other machines (" + source + ")";
@@ -257,9 +268,10 @@ Finding JudgeSocket(const std::string &target, const std::string &path, int erro
       return Ok(where + "somebody listens.");
     case ENOENT:
     case ENOTDIR:
-      return Fail(where +
-                  "absent. snmpd.conf needs the line: master agentx (and the agentXSocket that "
-                  "vexhostd.conf has, if any); then restart snmpd.");
+      return Fail(
+          where +
+          "absent: snmpd does not run, or snmpd.conf lacks the line: master agentx (and the "
+          "agentXSocket that vexhostd.conf has, if any). Restart snmpd.");
     case ECONNREFUSED:
       return Fail(where +
                   "there, but nobody listens: left by an snmpd that has ended, or snmpd.conf "

@@ -1,5 +1,6 @@
 #include "tools/vexreg/open_metrics.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -24,17 +25,24 @@ constexpr Scale kOnes = {};
 constexpr double kNanosecondsAMs = 1e6;
 constexpr int32_t kTrue = 1;  // TruthValue (RFC 2579)
 
-// Backslash and quotation mark, as the format asks. Control characters are text already: the output
-// may go to a terminal.
+// Backslash, quotation mark and line end, as the format asks. Other control characters are text
+// already: the output may go to a terminal.
 std::string Escaped(std::string_view bytes) {
   std::string text;
-  for (const char c : SafeText(bytes)) {
-    if (c == '\\' || c == '"') {
-      text += '\\';
+  while (true) {
+    const size_t end = std::min(bytes.find('\n'), bytes.size());
+    for (const char c : SafeText(bytes.substr(0, end))) {
+      if (c == '\\' || c == '"') {
+        text += '\\';
+      }
+      text += c;
     }
-    text += c;
+    if (end == bytes.size()) {
+      return text;
+    }
+    text += "\\n";
+    bytes.remove_prefix(end + 1);
   }
-  return text;
 }
 
 // The shortest digits that give the number again.
@@ -186,6 +194,12 @@ class Exposition {
   void AddMemory() {
     const FileObject &memory = Single("host/memory");
     const FileObject &detail = Single("host/memdetail");
+    // Where the kernel says nothing, the details have nothing, and the older object what it had.
+    const bool known = detail.variables.empty() || KnownInteger(detail, "tlxHoMemoryAvailable") ||
+                       KnownInteger(detail, "tlxHoMemoryCached");
+    if (!known) {
+      return;
+    }
     const auto add = [&](const char *name, const char *help, const FileObject &object,
                          const char *variable) {
       MetricFamily family(name, "bytes", help);
@@ -218,7 +232,8 @@ class Exposition {
                           "1 when a file system is mounted read-only, else 0.");
     for (const Row &row : Rows("host/filesys")) {
       const FileObject &object = *row.object;
-      auto [device, directory] = SplitDescription(TextOf(object, "tlxHoFileSysDesc"));
+      const std::string description = TextOf(object, "tlxHoFileSysDesc");
+      auto [device, directory] = SplitDescription(description);
       std::string type;
       const auto mount = mounts.find(row.number);
       if (mount != mounts.end()) {
@@ -228,10 +243,13 @@ class Exposition {
       }
       const std::string labels =
           LabelsText({{"device", device}, {"mountpoint", directory}, {"fstype", type}});
-      AddScaled(&size, object, "tlxHoFileSysSpaceTotal", kMegabytes, labels);
-      AddScaled(&used, object, "tlxHoFileSysSpaceUsed", kMegabytes, labels);
-      AddScaled(&inodes, object, "tlxHoFileSysAllocUnitsTotal", kOnes, labels);
-      AddScaled(&inodes_used, object, "tlxHoFileSysAllocUnitsUsed", kOnes, labels);
+      if (!description.empty()) {
+        // Without one it has never answered: its figures are those of a new row.
+        AddScaled(&size, object, "tlxHoFileSysSpaceTotal", kMegabytes, labels);
+        AddScaled(&used, object, "tlxHoFileSysSpaceUsed", kMegabytes, labels);
+        AddScaled(&inodes, object, "tlxHoFileSysAllocUnitsTotal", kOnes, labels);
+        AddScaled(&inodes_used, object, "tlxHoFileSysAllocUnitsUsed", kOnes, labels);
+      }
       const auto is_readonly =
           mount != mounts.end() ? KnownInteger(*mount->second, "tlxHoMountReadOnly") : std::nullopt;
       if (is_readonly) {

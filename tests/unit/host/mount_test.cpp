@@ -59,4 +59,41 @@ TEST(Mount, TellsWhatAnswersFailsAndIsSilent) {
   EXPECT_EQ(rec::Int("host/mount.1", "tlxHoMountState"), 1);
 }
 
+// Stations refuse a whole answer for one label that is no UTF-8.
+TEST(Mount, ItsTextsAreUtf8) {
+  const struct {
+    std::string directory;
+    std::string shown;
+  } cases[] = {
+      {"/\u00e4\u20ac\U0001F4BE", "/\u00e4\u20ac\U0001F4BE"},
+      // Octets of no character: lone ones, what lacks its end, overlong, a surrogate, beyond the
+      // last.
+      {"/a\xff\xfe", "/a??"},
+      {"/b\xc3", "/b?"},
+      {"/c\xe2\x82z", "/c??z"},
+      {"/d\xc0\xaf\xe0\x80\x80", "/d?????"},
+      {"/e\xed\xa0\x80", "/e???"},
+      {"/f\xf4\x90\x80\x80\xf0\x80\x80\x80", "/f????????"},
+      // Cut between two characters.
+      {"/" + std::string(253, 'g') + "\u00e4", "/" + std::string(253, 'g')},
+      {"/" + std::string(252, 'h') + "\u00e4", "/" + std::string(252, 'h') + "\u00e4"},
+      {"/" + std::string(251, 'i') + "\U0001F4BE", "/" + std::string(251, 'i')},
+      {"/" + std::string(300, 'j'), "/" + std::string(254, 'j')},
+  };
+  std::string table;
+  for (const auto &[directory, shown] : cases) {
+    table.append(directory).append(" ").append(directory).append(" t\xffy rw 0 0\n");
+  }
+  rec::PutFile(mount_table_path, table);
+  ASSERT_EQ(do_filesys(), 0);
+  ASSERT_EQ(do_mount(), 0);
+  int row = 0;
+  for (const auto &[directory, shown] : cases) {
+    const std::string name = "host/mount." + std::to_string(row++);
+    EXPECT_EQ(rec::Text(name, "tlxHoMountDirectory"), shown);
+    EXPECT_EQ(rec::Text(name, "tlxHoMountDevice"), shown);
+    EXPECT_EQ(rec::Text(name, "tlxHoMountType"), "t?y");
+  }
+}
+
 }  // namespace

@@ -196,7 +196,7 @@ TEST(Findings, Sockets) {
     return JudgeSocket("/s", "/s", error, other);
   };
   EXPECT_EQ(judge(0).verdict, Verdict::kOk);
-  EXPECT_TRUE(Has(judge(ENOENT), "absent")) << Text(judge(ENOENT));
+  EXPECT_TRUE(Has(judge(ENOENT), "absent: snmpd does not run, or")) << Text(judge(ENOENT));
   EXPECT_TRUE(Has(judge(ENOTDIR), "absent"));
   EXPECT_TRUE(Has(judge(ECONNREFUSED), "nobody listens"));
   EXPECT_TRUE(Has(judge(EACCES), "FAIL  AgentX socket /s: not permitted"));
@@ -209,13 +209,28 @@ TEST(Findings, Sockets) {
 TEST(Findings, WhatToAddToTheView) {
   ViewFacts facts;
   facts.sessions = 1;
-  facts.community_line = {"rocommunity", "public", "default", "-V", "systemonly"};
+  facts.community_line = {"rocommunity", "public", "127.0.0.1", "-V", "systemonly"};
   EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts),
                   "Add to snmpd.conf: view systemonly included .1.3.6.1.4.1.4891; then"))
       << Text(JudgeSubtree(Subtree::kNothing, facts));
-  facts.community_line = {"rocommunity", "public", "default", ".1.3.6.1.2.1"};
+  // What everybody tries from anywhere is shown no more.
+  for (const Line &line :
+       {Line{"rocommunity", "public", "default", "-V", "systemonly"}, Line{"rocommunity", "public"},
+        Line{"rwcommunity", "private", "10.0.0.0/8", ".1.3.6.1.2.1"}}) {
+    facts.community_line = line;
+    const Finding finding = JudgeSubtree(Subtree::kNothing, facts);
+    EXPECT_TRUE(Has(finding,
+                    "Add to snmpd.conf: rocommunity NAME 127.0.0.1 .1.3.6.1.4.1.4891, and "
+                    "to vexhostd.conf: community NAME; then restart both."))
+        << Text(finding);
+    EXPECT_TRUE(Has(finding, "\"" + line[1] + "\"")) << Text(finding);
+    EXPECT_FALSE(Has(finding, "view "));
+  }
+  facts.community_line = {"rocommunity", "own", "default", "-V", "systemonly"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "view systemonly included"));
+  facts.community_line = {"rocommunity", "own", "default", ".1.3.6.1.2.1"};
   EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "shows .1.3.6.1.2.1 alone"));
-  for (const Line &line : {Line{}, Line{"rocommunity", "public"}, Line{"com2sec", "a", "b", "c"}}) {
+  for (const Line &line : {Line{}, Line{"rocommunity", "own"}, Line{"com2sec", "a", "b", "c"}}) {
     facts.community_line = line;
     EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "view VIEW included"));
   }
@@ -518,6 +533,8 @@ TEST(Findings, AreQuotedAsTheyAre) {
   ViewFacts view;
   view.sessions = 1;
   view.community_line = {"rocommunity", "public", "default", "-V", "systemonly"};
+  ViewFacts own_view = view;
+  own_view.community_line = {"rocommunity", "monitor", "127.0.0.1", "-V", "monitoring"};
   ViewFacts no_session = view;
   no_session.sessions = 0;
   const auto socket = [](int error) {
@@ -558,6 +575,7 @@ TEST(Findings, AreQuotedAsTheyAre) {
         socket(ECONNREFUSED),
         socket(EACCES),
         JudgeSubtree(Subtree::kNothing, view),
+        JudgeSubtree(Subtree::kNothing, own_view),
         JudgeSubtree(Subtree::kNothing, no_session),
         JudgeSubtree(Subtree::kUnanswered, view),
         JudgeValue("tlxHoPhysicalMemoryFree", 812, std::nullopt),

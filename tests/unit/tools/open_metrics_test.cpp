@@ -137,6 +137,37 @@ TEST(OpenMetrics, OfFileSystemsByTheirMounts) {
   EXPECT_EQ(samples.size(), 12U);
 }
 
+// A row has its description from the first answer on; before, its figures are 0 of nothing.
+TEST(OpenMetrics, OfAFileSystemThatHasNeverAnswered) {
+  const NamedObject mount = {
+      "host/mount.0", MadeObject({Type("tlxHoMountDevice", "server:/x"),
+                                  Type("tlxHoMountDirectory", "/x"), Type("tlxHoMountType", "nfs4"),
+                                  Int("tlxHoMountReadOnly", 2), Int("tlxHoMountState", 3)})};
+  EXPECT_EQ(
+      Parse(OpenMetrics({FileSystem(0, "", 0, 0), mount})),
+      (Samples{{R"(vexhost_filesystem_readonly{device="server:/x",mountpoint="/x",fstype="nfs4"})",
+                "0"}}));
+  EXPECT_EQ(Parse(OpenMetrics({FileSystem(0, "", 0, 0)})), Samples{});
+  // One that has answered before has its last figures.
+  EXPECT_EQ(Parse(OpenMetrics({FileSystem(0, "server:/x on /x", 5, 1), mount})).size(), 5U);
+}
+
+// Where the kernel says nothing of memory, the agent's older object keeps its figures, and the
+// details have none.
+TEST(OpenMetrics, OfMemoryThatCannotBeRead) {
+  const NamedObject memory = {
+      "host/memory",
+      MadeObject({Int("tlxHoPhysicalMemorySize", 4), Int("tlxHoPhysicalMemoryFree", 3),
+                  Int("tlxHoPagingMemorySize", 2), Int("tlxHoPagingMemoryFree", 1)})};
+  const auto detail = [](int available, int cached) {
+    return NamedObject{"host/memdetail", MadeObject({Int("tlxHoMemoryAvailable", available),
+                                                     Int("tlxHoMemoryCached", cached)})};
+  };
+  EXPECT_EQ(Parse(OpenMetrics({memory, detail(-1, -1)})), Samples{});
+  EXPECT_EQ(Parse(OpenMetrics({memory, detail(-1, 1)})).size(), 5U);
+  EXPECT_EQ(Parse(OpenMetrics({memory})).size(), 4U);
+}
+
 TEST(OpenMetrics, OfTheAgentAndItsSiblings) {
   std::string array(108, '\0');
   array.replace(4 * 11, 4, std::string("\x01\x02\x01\x00", 4));
@@ -205,9 +236,9 @@ TEST(OpenMetrics, OfSoftwareAndFirmware) {
 }
 
 TEST(OpenMetrics, EscapeWhatLabelsHold) {
-  const std::string text = OpenMetrics({FileSystem(0, "a\"b\\c on /\n\xFF", 1, 1)});
+  const std::string text = OpenMetrics({FileSystem(0, "a\"b\\c on /\n\x07\xFF", 1, 1)});
   Parse(text);
-  EXPECT_NE(text.find("device=\"a\\\"b\\\\c\",mountpoint=\"/\\\\x0a\u00FF\""), std::string::npos)
+  EXPECT_NE(text.find("device=\"a\\\"b\\\\c\",mountpoint=\"/\\n\\\\x07\u00FF\""), std::string::npos)
       << text;
 }
 
