@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -23,6 +24,7 @@
 #include "framework/process/descriptor.h"
 #include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/snmp/mib_table.h"
 #include "framework/snmp/snmp_ask.h"
 #include "framework/snmp/snmp_files.h"
 #include "tools/vexreg/captured_host.h"
@@ -105,6 +107,7 @@ class Collector {
     TakeRaidKey();
     TakeSiblings();
     TakeAnswers();
+    TakeVariables();
     TakeRegistry();
     TakeFindings();
     TakeLog();
@@ -398,6 +401,24 @@ class Collector {
       }
     }
   }
+  // All of the modules, where they are the agent's as well.
+  void TakeVariables() {
+    const auto misc = ReadObjectFile("host/misc", root_);
+    std::map<std::string, int32_t> numbers;
+    for (const FileVariable &variable : misc ? misc->variables : std::vector<FileVariable>()) {
+      numbers[variable.name] = IntegerOf(*misc, variable).value_or(-1);
+    }
+    const MibGroup &own = MibGroups().front();
+    if (numbers["tlxHoMibRevMajor"] == own.major_revision &&
+        numbers["tlxHoMibRevMinor"] == own.minor_revision && misc) {
+      for (const MibVariable &variable : MibVariables()) {
+        if (variable.access != MibAccess::kNotify) {
+          capture_.variables.insert(variable.name);
+        }
+      }
+    }
+  }
+
 
   void TakeFindings() {
     const TakenText findings = TakeDoctorsFindings(root_, search_);

@@ -18,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
 #include "framework/process/clock.h"
@@ -249,7 +250,7 @@ void Print(const std::vector<Difference> &differences) {
 
 // All of them, whatever their number; null for what is not there.
 void PrintJson(const Capture &capture, const std::vector<Difference> &differences,
-               const std::string &agent, size_t compared) {
+               const std::set<std::string> &since, const std::string &agent, size_t compared) {
   const auto value = [](const std::string &text) {
     return text == kAbsent ? nlohmann::ordered_json() : nlohmann::ordered_json(Utf8(text));
   };
@@ -262,6 +263,7 @@ void PrintJson(const Capture &capture, const std::vector<Difference> &difference
   }
   const nlohmann::ordered_json json = {{"differences", list},
                                        {"summary",
+                                       {"new_since", since},
                                         {{"host", Utf8(capture.host)},
                                          {"captured", Utf8(capture.made)},
                                          {"agent_then", Utf8(capture.agent)},
@@ -288,6 +290,7 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
   const pid_t agent = StartAgent(settings);
   std::vector<Difference> differences;
   Served now;
+  std::set<std::string> since;  // variables that the agent did not know then
   size_t compared = 0;
   bool seen = false;
   do {
@@ -305,7 +308,7 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
     if (const auto walked = Walk(); walked && !walked->empty()) {
       seen = true;
       now = *walked;
-      differences = Compare(before, now, settings.exact, &compared);
+      differences = Compare(before, now, settings.exact, &compared, capture.variables, &since);
     }
   } while ((!seen || !differences.empty()) && Clock::now() < end);
   if (!seen) {
@@ -314,10 +317,13 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
     return kFailed;
   }
   if (settings.json) {
-    PrintJson(capture, differences, ValueOf(now, kVersionVariable), compared);
+    PrintJson(capture, differences, since, ValueOf(now, kVersionVariable), compared);
   } else {
     Print(differences);
   }
+    for (const std::string &variable : since) {
+      std::cout << "new since: " << variable << '\n';
+    }
   if (!differences.empty()) {
     Complain("the agent's log:");
     ShowLog(kAgentLog);
