@@ -8,6 +8,7 @@
 #include "agent/orders.h"
 #include "agent/snmpd_watchdog.h"
 #include "common/group.h"
+#include "common/sources.h"
 #include "common/util.h"
 #include "detail/agent_state.h"
 #include "monitors/filesys.h"

@@ -52,9 +52,6 @@ inline bool first_call(bool *called) {
   return first;
 }
 
-// The directory of the agent's objects, below REGISTRY_ROOT.
-inline constexpr char host_directory[] = "host";
-
 // Creates the group's object, or its row of that number, with its variables defined and its data
 // block zeroed; nothing is published yet. Returns it (owned by the framework), or null as
 // create_obj() does. Agent thread, as what follows.

@@ -8,13 +8,13 @@
 #include <optional>
 #include <variant>
 
+#include "framework/process/clock.h"
 #include "platform/framework.h"
 #include "tools/vexreg/values.h"
 
 namespace vex {
 namespace {
 
-constexpr int64_t kNanoseconds = 1'000'000'000;
 constexpr char kNumberColumn[] = "#";
 
 bool SameName(std::string_view a, std::string_view b) {
@@ -48,7 +48,7 @@ void AddVariable(FileObject *object, const char *name, const std::string &text) 
 void AddColumns(NamedObject *object) {
   AddVariable(&object->object, kObjectColumn, object->name);
   AddVariable(&object->object, kPublishedColumn,
-              ZonedTimeText(object->object.published_ns / kNanoseconds));
+              ZonedTimeText(object->object.published_ns / kNsPerSecond));
 }
 
 // The place of a column among the object's variables.

@@ -40,7 +40,6 @@
 namespace vex {
 namespace {
 
-constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kUsualPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // a registry and a log are not for everybody
 
@@ -107,8 +106,8 @@ class Collector {
     TakeRaidKey();
     TakeSiblings();
     TakeAnswers();
-    TakeVariables();
     TakeRegistry();
+    TakeVariables();
     TakeFindings();
     TakeLog();
     Put(kDescriptionMember, DescriptionJson(capture_), time(nullptr));
@@ -342,7 +341,7 @@ class Collector {
     for (const auto &below : kAsked) {
       std::vector<uint32_t> oid(std::begin(kAskedBelow), std::end(kAskedBelow));
       oid.insert(oid.end(), below.begin(), below.end());
-      const SnmpReply reply = AskSnmp(kLoopback, files.community, oid, false);
+      const SnmpReply reply = AskSnmp(kLoopbackAddress, files.community, oid, false);
       if (!reply.answered) {
         Omit("snmpd", "does not answer");
         return;
@@ -401,6 +400,7 @@ class Collector {
       }
     }
   }
+
   // All of the modules, where they are the agent's as well.
   void TakeVariables() {
     const auto misc = ReadObjectFile("host/misc", root_);
@@ -418,7 +418,6 @@ class Collector {
       }
     }
   }
-
 
   void TakeFindings() {
     const TakenText findings = TakeDoctorsFindings(root_, search_);

@@ -208,7 +208,7 @@ void PutFiles(const Capture &capture) {
 // Siblings' objects, and what the agent keeps. Its own objects are what is to be compared.
 void PutRegistry(const Capture &capture) {
   for (const Member &member : capture.members) {
-    const std::string own = std::string(kRegistryMembers) + "host/";
+    const std::string own = std::string(kRegistryMembers) + host_objects;
     if (member.name.starts_with(kRegistryMembers) && !member.name.starts_with(own)) {
       Put(std::string(kRegistryRoot) + "/" + member.name.substr(kRegistryMembers.size()),
           member.bytes, 0644, member.modified);

@@ -6,13 +6,12 @@
 #include <cstdlib>
 #include <optional>
 
+#include "common/sources.h"
 #include "framework/snmp/mib_table.h"
 #include "tools/vexreg/values.h"
 
 namespace vex {
 namespace {
-
-constexpr std::string_view kOwn = "host/";
 
 // What tells a table's rows apart, for those whose numbers come from their history.
 constexpr const char *kKeys[][4] = {
@@ -163,6 +162,7 @@ Movement MovementOf(std::string_view variable) {
   }
   return Movement::kNone;
 }
+
 // The agent's own MIBs: where their revisions are served, and their index among the siblings.
 struct OwnMib {
   const char *major, *minor;
@@ -244,7 +244,6 @@ bool TakeOwnRevisions(Served *then, const Served &now) {
   return differ;
 }
 
-
 }  // namespace
 
 std::span<const Moving> MovingVariables() {
@@ -255,7 +254,7 @@ Served ServedByObjects(const std::vector<NamedObject> &objects) {
   Rows rows;
   for (const NamedObject &named : objects) {
     const auto number = NumberIn(named.name);
-    if (!named.name.starts_with(kOwn) || !number) {
+    if (!named.name.starts_with(host_objects) || !number) {
       continue;
     }
     for (const FileVariable &variable : named.object.variables) {
@@ -300,6 +299,7 @@ std::vector<Difference> Compare(const Served &before, const Served &now, bool ex
                                 size_t *compared, const std::set<std::string> &known,
                                 std::set<std::string> *since) {
   std::vector<Difference> differences;
+  *compared = 0;
   if (since != nullptr) {
     since->clear();
   }
@@ -311,17 +311,16 @@ std::vector<Difference> Compare(const Served &before, const Served &now, bool ex
       had.insert(place.variable);
     }
   }
-  *compared = 0;
   const auto look = [&](const Place &place, const std::string *was, const std::string *is) {
     const Movement movement = MovementOf(place.variable);
     if (movement == Movement::kAlways || (movement == Movement::kBetween && !exact && was && is)) {
       return;
+    }
     if (was == nullptr && !had.empty() && had.count(place.variable) == 0) {
       if (since != nullptr) {
         since->insert(place.variable);
       }
       return;
-    }
     }
     ++*compared;
     if (was == nullptr || is == nullptr || *was != *is) {
