@@ -46,6 +46,8 @@ constexpr group described(group record) {
 }
 
 // True at a group's first call, false at its later ones. `called` is the group's own, false before.
+// For groups without whose object the agent does not start: what the first call could not make, no
+// later one makes. Any other group takes find_or_create_object().
 inline bool first_call(bool *called) {
   const bool first = !*called;
   *called = true;
