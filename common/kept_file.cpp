@@ -282,8 +282,19 @@ static int set_aside(int directory, const char *name, char (*aside)[ASIDE_NAME_S
   return -1;
 }
 
-// Gives the temporary file the file's name and makes that last. Otherwise the old file (or none, if
-// there was none) has its name again, as far as the file system lets it.
+// Whether a manager still waits for it, who is otherwise told that its set failed; errno if not.
+// Whoever is no set handler's is wanted.
+static bool is_wanted(int last) {
+  if (set_wanted(last) != 0) {
+    return true;
+  }
+  errno = ECANCELED;
+  return false;
+}
+
+// Gives the temporary file the file's name and makes that last. Otherwise, or where the disk took
+// so long that nobody wants it any more, the old file (or none, if there was none) has its name
+// again, as far as the file system lets it.
 static int put_in_place(int directory, const char *temporary, const kept_file *file, bool there) {
   // An exchange keeps the old file at hand; not every file system knows it.
   const bool exchanged =
@@ -292,23 +303,27 @@ static int put_in_place(int directory, const char *temporary, const kept_file *f
     return -1;
   }
   const bool lasts = synchronise(directory) == 0;
+  const bool stays = lasts && is_wanted(1);
   const int error = errno;
-  if (!lasts) {
+  if (!stays) {
     const bool undone =
         exchanged ? renameat2(directory, temporary, directory, file->name, RENAME_EXCHANGE) == 0
                   : !there && unlinkat(directory, file->name, 0) == 0;
     if (!undone) {
       agentlog_fprintf(stderr,
                        "%s: File %s/%s has a value that was refused, and that will be used from "
-                       "the next start on: its directory cannot be synchronised\n",
-                       agent, REGISTRY_ROOT, file->name);
+                       "the next start on: its directory %s\n",
+                       agent, REGISTRY_ROOT, file->name,
+                       lasts ? "was synchronised too late" : "cannot be synchronised");
+    } else if (lasts) {
+      synchronise(directory);  // the refused value is on the disk
     }
   }
   if (exchanged) {
     unlinkat(directory, temporary, 0);
   }
   errno = error;
-  return lasts ? 0 : -1;
+  return stays ? 0 : -1;
 }
 
 // With errno when it failed, EBADF when it is refused.
@@ -332,7 +347,7 @@ static kept_result replace_once(kept_file *file, const void *data, size_t size,
     // Where none can be made, a missing file cannot be opened for writing either.
     return there || errno == EEXIST ? KEPT_FAILED : KEPT_NOT_OPENED;
   }
-  bool replaced = fill_temporary(made, data, size) == 0;
+  bool replaced = fill_temporary(made, data, size) == 0 && is_wanted(0);
   if (replaced && there && aside != nullptr) {
     replaced = set_aside(directory.get(), file->name, aside) == 0;
   }

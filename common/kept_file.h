@@ -41,8 +41,10 @@ enum { ASIDE_NAME_SIZE = 64 };
 // opened for want of something that comes back, that is tried again for less than a tenth of a
 // second. Whenever the agent or the machine dies, the old contents are there or the new ones,
 // whole. With aside, the old file stays beside it, and aside gets the name that it has there, ""
-// when it has none; of several, the oldest stay. One log line when it begins to fail and one when
-// it succeeds again. Agent thread; waits for the disk.
+// when it has none; of several, the oldest stay. For a set handler whose manager is told meanwhile
+// that its set failed (set_wanted() of platform/framework.h), it fails, and the old contents stay
+// or come back. One log line when it begins to fail and one when it succeeds again. Agent thread;
+// waits for the disk.
 kept_result replace_kept_file(kept_file *file, const void *data, size_t size,
                               char (*aside)[ASIDE_NAME_SIZE] = nullptr);
 

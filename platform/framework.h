@@ -46,6 +46,8 @@ enum set_phase { SET_CHECK = 1, SET_APPLY = 2 };
  * value   an int32_t in host order (VAR_INTEGER), NUL-terminated text (VAR_DISPLAY_STRING) or
  *         octets (VAR_OCTET_STRING); owned by the framework, valid during the call only.
  * length  4, the text's length without the NUL, or the number of octets.
+ * A manager is kept waiting for 0.7 seconds and then told that the set has failed: a handler that
+ * waits for something asks set_wanted().
  * Returns 0 to accept, -1 to refuse. The framework does not publish on the handler's behalf, but
  * what the data block holds after an accepted apply is what a manager reads next. A variable
  * without a handler is stored and published by the framework. */
@@ -221,6 +223,12 @@ int remove_empty_dir(const char *path);
  * close-on-exec and that the caller closes, or -1 with errno: ELOOP for a link that is not
  * followed, EXDEV for a path outside the registry. */
 int open_dir(const char *path);
+
+/* Whether the set that a handler applies is still wanted: 0 once its manager is, or is to be, told
+ * that it failed. What was done for it is then undone, and the handler refuses. last 0: asked
+ * before what is hard to undo. last 1: asked when nothing is left that takes time; the set then
+ * stays wanted, and the manager waits for what the handler returns. Non-zero outside an apply. */
+int set_wanted(int last);
 
 /* ---- Process ----------------------------------------------------------------------------- */
 

@@ -77,6 +77,9 @@ static int set_type(bool check_only, unsigned char *data, const void *value) {
 static int swver_set(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
                      int) {
   const bool check_only = phase == SET_CHECK;
+  if (!check_only && set_wanted(1) == 0) {
+    return -1;
+  }
   switch (desc->slot) {
     case SLOT_NAME:
       return set_text(check_only, object->data, offsetof(swver_data, name),

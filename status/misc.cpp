@@ -314,9 +314,13 @@ static int set_generic_data(uint8_t phase, const char *text) {
   if (strnlen(text, sizeof(misc_data::generic_data)) >= sizeof(misc_data::generic_data)) {
     return -1;
   }
-  if (phase != SET_CHECK) {
-    send_generic_test_trap(text);
+  if (phase == SET_CHECK) {
+    return 0;
   }
+  if (set_wanted(1) == 0) {
+    return -1;
+  }
+  send_generic_test_trap(text);
   return 0;
 }
 
@@ -326,11 +330,15 @@ static int set_poll_frequency(uint8_t phase, misc_data *data, const void *value)
   if (seconds <= 1) {
     return -1;
   }
-  if (phase != SET_CHECK) {
-    data->poll_frequency = static_cast<int32_t>(seconds);
-    set_poll_time(clamp_int32(seconds));  // a negative period would be taken for the shortest
-    alarm(seconds);                       // the new interval starts now
+  if (phase == SET_CHECK) {
+    return 0;
   }
+  if (set_wanted(1) == 0) {
+    return -1;
+  }
+  data->poll_frequency = static_cast<int32_t>(seconds);
+  set_poll_time(clamp_int32(seconds));  // a negative period would be taken for the shortest
+  alarm(seconds);                       // the new interval starts now
   return 0;
 }
 

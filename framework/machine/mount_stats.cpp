@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "framework/process/clock.h"
+#include "framework/process/close_others.h"
 #include "framework/process/printable.h"
 
 namespace vex {
@@ -114,19 +114,6 @@ struct Batch {
   const std::vector<size_t> ask;  // which of them, in this order
   SharedMemory shared;            // answers by position in `ask`
 };
-
-// Closes every descriptor but one, so that a child that lives on holds nothing of the agent's open.
-void CloseAllBut(int kept) {
-  const auto keep = static_cast<unsigned>(kept);
-  if ((keep > 0 && syscall(SYS_close_range, 0U, keep - 1, 0) != 0) ||
-      syscall(SYS_close_range, keep + 1, ~0U, 0) != 0) {
-    for (int fd = 0; fd < 4096; fd++) {
-      if (fd != kept) {
-        close(fd);
-      }
-    }
-  }
-}
 
 // What follows runs in a child. The parent has other threads, so nothing is called here that takes
 // a lock or memory.
@@ -415,7 +402,8 @@ int MountAsker::State::StartChild(Batch *batch, const char *path) {
       _exit(0);
     }
     prctl(PR_SET_NAME, "mount-asker");
-    CloseAllBut(ends[1]);
+    // One that lives on holds nothing of the agent's open.
+    CloseOthers(0, ends[1]);
     if (batch != nullptr) {
       Work(settings, batch, slot);
     }

@@ -2,18 +2,24 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
+#include <string>
 
+#include "framework/process/clock.h"
+#include "framework/process/descriptor.h"
+#include "framework/process/guard.h"
 #include "framework/process/trusted_link.h"
 #include "platform/framework.h"
 
@@ -32,24 +38,53 @@ const char *log_name = "agent";
 int WriteToLog(const char *text, size_t length);
 LogSink log_sink = WriteToLog;
 
-// The log's directory may be one where others write.
-bool IsOurLink(const char *path) {
-  struct stat st;
-  return lstat(path, &st) == 0 && IsTrustedLink(st);
+// Links of the kernel's own lead where no name does: /dev/stderr ends at one. Nobody plants others
+// beside them.
+bool IsOfProc(int link) {
+  struct statfs system;
+  return fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
 }
 
-// O_NONBLOCK: a pipe that nobody reads must not hold us up; what it does not take is lost.
-int OpenForAppending(const char *path) {
+// The log's directory may be one where others write. O_NONBLOCK: a pipe that nobody reads must not
+// hold us up; what it does not take is lost. Throws std::bad_alloc.
+int OpenForAppending(int from, const std::string &path, int links) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-  const int fd = open(path, kFlags | O_NOFOLLOW, 0600);
-  // /dev/stderr is a link, too.
-  return fd < 0 && errno == ELOOP && IsOurLink(path) ? open(path, kFlags, 0600) : fd;
+  const size_t name = path.rfind('/') + 1;  // 0 without one
+  const Descriptor directory(openat(from, name == 0 ? "." : path.substr(0, name).c_str(),
+                                    O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) {
+    return -1;
+  }
+  const char *leaf = path.c_str() + name;
+  const int fd = openat(directory.get(), leaf, kFlags | O_NOFOLLOW, 0600);
+  if (fd >= 0 || errno != ELOOP || links == 0) {
+    return fd;
+  }
+  const Descriptor link(openat(directory.get(), leaf, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  std::string target;
+  if (!link || !ReadTrustedLink(link.get(), &target)) {
+    return -1;
+  }
+  return IsOfProc(link.get()) ? openat(directory.get(), leaf, kFlags, 0600)
+                              : OpenForAppending(directory.get(), target, links - 1);
 }
 
-// Whether a pipe or socket takes something within the limit; other files always do.
+int OpenForAppending(const char *path) {
+  constexpr int kMostLinks = 40;  // as the kernel's
+  return Guarded(-1, [path] { return OpenForAppending(AT_FDCWD, path, kMostLinks); });
+}
+
+// Whether a pipe or socket takes something within the limit; other files always do. Where that
+// cannot be asked (a process without a single descriptor left may not), writing shows it.
 bool TakesMore(int fd, int limit_ms) {
+  const Clock::time_point until = Clock::now() + std::chrono::milliseconds(limit_ms);
   pollfd asked = {fd, POLLOUT, 0};
-  return poll(&asked, 1, limit_ms) != 0;
+  int ready;
+  while ((ready = poll(&asked, 1, limit_ms)) < 0 && errno == EINTR) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+    limit_ms = std::max(static_cast<int>(left.count()), 0);
+  }
+  return ready != 0;
 }
 
 // Who reads standard error may hang, and must not hold up the agent: the first message that is not

@@ -29,7 +29,8 @@ namespace vex {
 namespace {
 
 // ---- Signals: their handlers set flags, and the loop acts on them between hooks. They are blocked
-// except while waiting and while a hook runs: a command that a hook starts inherits the mask.
+// except while waiting, while sets are served, which may wait too, and while a hook runs: a command
+// that a hook starts inherits the mask.
 
 volatile sig_atomic_t alarm_came;
 volatile sig_atomic_t hangup_came;
@@ -101,23 +102,41 @@ void PrepareSignals() {
 
 std::atomic<int64_t> in_hook_since{0};
 
+// While there is one, none of our signals is blocked.
+class Interruptible {
+ public:
+  Interruptible() {
+    pthread_sigmask(SIG_SETMASK, &hook_mask, &before_);
+  }
+  ~Interruptible() {
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  Interruptible(const Interruptible &) = delete;
+  Interruptible &operator=(const Interruptible &) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+// Around a hook, and around what else waits for files: the watchdog sees either hang.
 class Hook {
  public:
   Hook() {
     in_hook_since = ClockNs();
     BeginQueries();
-    pthread_sigmask(SIG_SETMASK, &hook_mask, nullptr);
   }
   ~Hook() {
-    pthread_sigmask(SIG_SETMASK, &loop_mask, nullptr);
     in_hook_since = 0;
   }
   Hook(const Hook &) = delete;
   Hook &operator=(const Hook &) = delete;
+
+ private:
+  Interruptible interruptible_;
 };
 
 int RunSetAsHook(uint8_t phase, SetItem &item) {
-  Hook hook;
+  const Hook hook;
   return RunSet(phase, item);
 }
 
@@ -171,17 +190,18 @@ void Loop() {
     }
     if (hangup_came != 0) {
       hangup_came = 0;
+      const Hook hook;
       ReopenLog();
     }
     if ((sets.revents & POLLIN) != 0) {
+      // A set is held for its apply. Nor does ppoll() take signals where there always is a set.
+      const Interruptible interruptible;
       ServeSets(RunSetAsHook);
     }
     if (agent_ending() == 0 && alarm_came != 0) {
       alarm_came = 0;
-      {
-        Hook hook;
-        get_data();
-      }
+      const Hook hook;
+      get_data();
       RetryFiles();
       RetryUnsent();
     }
@@ -211,15 +231,18 @@ int Run(int argc, char **argv) {
 
   int result;
   {
-    Hook hook;
+    const Hook hook;
     result = init_agent(static_cast<int>(line.rest.size()) - 1, line.rest.data());
   }
   if (result != 0) {
     Insist(false);
     alarm(0);
     CloseSets();
-    delete_obj(&obj_Q, nullptr, 0);
-    RemoveDirectory();
+    {
+      const Hook hook;
+      delete_obj(&obj_Q, nullptr, 0);
+      RemoveDirectory();
+    }
     // A start that was told to end has not failed.
     const int status = agent_ending() != 0 ? 0 : 1;
     Leave(status);
@@ -227,6 +250,7 @@ int Run(int argc, char **argv) {
   }
   if (agent_ending() == 0) {
     alarm(static_cast<unsigned>(poll_time));
+    const Hook hook;
     RetryFiles();
   }
   if (agent_ending() == 0 && !SnmpFailed() && !ClaimRefused()) {
@@ -239,11 +263,11 @@ int Run(int argc, char **argv) {
   alarm(0);
   CloseSets();
   {
-    Hook hook;
+    const Hook hook;
     cleanup_agent();
+    delete_obj(&obj_Q, nullptr, 0);
+    RetryFiles();
   }
-  delete_obj(&obj_Q, nullptr, 0);
-  RetryFiles();
   // Without its SNMP side, or beside another agent, this one is of no use; it has said so.
   const int status = SnmpFailed() || ClaimRefused() ? 1 : 0;
   Leave(status);

@@ -19,8 +19,9 @@ struct CommandLine {
 // Takes -l FILE and -lFILE out, up to "--"; the last one counts. Everything else is the agent's.
 CommandLine TakeOwnOptions(int argc, char **argv);
 
-// Nanoseconds (CLOCK_MONOTONIC) since which the agent thread has been in one hook or set handler; 0
-// when it is in none. Any thread.
+// Nanoseconds (CLOCK_MONOTONIC) since which the agent thread has been in one hook, with what the
+// framework itself does for its files then, or in one set handler; 0 when it is in none. Any
+// thread.
 int64_t InHookSince();
 
 // The poll interval of the configuration file, which counts unless the agent has set one itself.

@@ -563,6 +563,9 @@ int RunSet(uint8_t phase, SetItem &item) {
         return -1;
       }
       if (phase != SET_CHECK) {
+        if (!SetWanted(true)) {
+          return -1;
+        }
         const auto length = static_cast<size_t>(item.length);
         auto *field = static_cast<unsigned char *>(d.value);
         memcpy(field, item.value.data(), length);
@@ -610,6 +613,10 @@ int RunSet(uint8_t phase, SetItem &item) {
 }  // namespace vex
 
 using namespace vex;  // NOLINT(google-build-using-namespace): what follows is the C interface
+
+int set_wanted(int last) {
+  return SetWanted(last != 0) ? 1 : 0;
+}
 
 int get_id(void) {
   return static_cast<int>(getpid());

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <linux/openat2.h>
 #include <stdio.h>
 #include <string.h>
@@ -141,16 +140,12 @@ int OpenStep(int parent, const std::string &name, bool create, bool last, int li
     return -1;
   }
   if (S_ISLNK(st.st_mode)) {
-    if (!IsTrustedLink(st) || links == 0) {
+    std::string target;
+    if (links == 0) {
       errno = ELOOP;
       return -1;
     }
-    char target[PATH_MAX];
-    const ssize_t length = readlinkat(step.get(), "", target, sizeof(target));
-    if (length < 0) {
-      return -1;
-    }
-    return OpenWay({target, static_cast<size_t>(length)}, parent, false, links - 1);
+    return ReadTrustedLink(step.get(), &target) ? OpenWay(target, parent, false, links - 1) : -1;
   }
   if (!S_ISDIR(st.st_mode)) {
     errno = ENOTDIR;

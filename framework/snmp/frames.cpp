@@ -114,8 +114,10 @@ FrameSocket::Got FrameSocket::Receive(std::string_view *frame, Descriptors *desc
   }
   ssize_t got;
   do {
+    // An end that has closed without having read everything is told of once, before what it has
+    // sent.
     got = recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  } while (got < 0 && errno == EINTR);
+  } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
     return Got::kNone;
   }

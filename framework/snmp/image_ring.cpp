@@ -83,7 +83,8 @@ bool SharedPages::Map(int fd, size_t size, bool writable) {
   }
   address_ = address;
   size_ = size;
-  return true;
+  // A child of the agent that lives on must not keep the memory of a ring that is gone.
+  return madvise(address, size, MADV_DONTFORK) == 0;
 }
 
 // ---- The agent's end ----

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 #include <span>
+#include <utility>
 
 #include "framework/snmp/agentx_session.h"
 #include "framework/snmp/oid_name.h"
@@ -60,40 +61,53 @@ netsnmp_pdu *Build(const AgentxSession &session, const Notification &notificatio
 
 }  // namespace
 
-void NotificationQueue::Trim() {
+void NotificationQueue::Trim(std::unique_lock<std::mutex> lock) {
   const size_t most = up_ ? kKeptWhileUp : kKeptWhileDown;
-  while (waiting_.size() > most) {
+  const bool said = lost_ != 0;
+  for (; waiting_.size() > most; lost_++) {
     waiting_.pop_front();
+  }
+  const bool begins = !said && lost_ != 0;
+  lock.unlock();
+  if (begins) {
+    agentlog_fprintf(stderr,
+                     "More than %zu notifications wait for the master agent; the oldest are lost\n",
+                     most);
   }
 }
 
 void NotificationQueue::Push(Notification notification) {
   Notifications added;
   added.push_back({std::move(notification)});
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   waiting_.splice(waiting_.end(), added);
-  Trim();
+  Trim(std::move(lock));
 }
 
 void NotificationQueue::PushOlder(Notifications notifications) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   waiting_.splice(waiting_.begin(), notifications);
-  Trim();
+  Trim(std::move(lock));
 }
 
 void NotificationQueue::PutBack(Notifications notifications) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   under_way_ -= std::min(under_way_, notifications.size());
   waiting_.splice(waiting_.begin(), notifications);
-  Trim();
+  Trim(std::move(lock));
 }
 
 Notifications NotificationQueue::Pop() {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   Notifications first;
   if (!waiting_.empty()) {
     first.splice(first.end(), waiting_, waiting_.begin());
     under_way_++;
+  }
+  const size_t lost = waiting_.empty() ? std::exchange(lost_, 0) : 0;
+  lock.unlock();
+  if (lost != 0) {
+    agentlog_fprintf(stderr, "%zu notifications were lost\n", lost);
   }
   return first;
 }
@@ -113,9 +127,9 @@ bool NotificationQueue::AllDone() const {
 }
 
 void NotificationQueue::SetUp(bool up) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   up_ = up;
-  Trim();
+  Trim(std::move(lock));
 }
 
 size_t NotificationQueue::Size() const {

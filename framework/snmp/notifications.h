@@ -46,7 +46,8 @@ class NotificationQueue final : public NotificationSource {
   static constexpr size_t kKeptWhileDown = 256;
   static constexpr size_t kKeptWhileUp = 16384;
 
-  // Beyond the bound the oldest goes. Throws std::bad_alloc.
+  // Beyond the bound the oldest goes: logged when that begins, and counted once nothing waits any
+  // more. Throws std::bad_alloc.
   void Push(Notification notification);
   // Puts what is older than all others before them.
   void PushOlder(Notifications notifications);
@@ -61,11 +62,12 @@ class NotificationQueue final : public NotificationSource {
   size_t Size() const;
 
  private:
-  void Trim();
+  void Trim(std::unique_lock<std::mutex> lock);
 
   mutable std::mutex mutex_;
   Notifications waiting_;
   size_t under_way_ = 0;
+  size_t lost_ = 0;  // beyond the bound, since something waits
   bool up_ = false;
 };
 

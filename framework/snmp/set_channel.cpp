@@ -32,6 +32,7 @@ class QueuedSet final : public SetTransaction, public std::enable_shared_from_th
   Stage stage = Stage::kChecking;
   bool cancelled = false;  // seen by the agent thread between two handlers
   bool in_queue = false;   // waiting for, or with, the agent thread
+  bool settled = false;    // the handler that runs was told that it is wanted to the last
 
   bool Refused() const {
     for (const Part &part : parts) {
@@ -44,6 +45,8 @@ class QueuedSet final : public SetTransaction, public std::enable_shared_from_th
 };
 
 constexpr std::chrono::milliseconds kSlice{50};
+// What a handler has at most to return in, once all that takes time is done.
+constexpr std::chrono::milliseconds kReturn{200};
 
 using Phase = QueuedSet::Phase;
 using Stage = QueuedSet::Stage;
@@ -164,7 +167,9 @@ SetChannel::ApplyResult SetChannel::ApplyOf(SetTransaction &set, int part) {
   if (p.apply != Apply::kPending) {
     return {p.apply, p.failed_item};
   }
-  if (transaction.stage != Stage::kEnded && Clock::now() >= transaction.deadline) {
+  const Clock::time_point until =
+      transaction.deadline + (transaction.settled ? kReturn : Clock::duration::zero());
+  if (transaction.stage != Stage::kEnded && Clock::now() >= until) {
     transaction.cancelled = true;
     if (transaction.stage != Stage::kApplying) {
       transaction.stage = Stage::kEnded;
@@ -213,13 +218,17 @@ void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, QueuedSet &transac
   for (size_t part = 0; part < transaction.parts.size(); part++) {
     QueuedSet::Part &p = transaction.parts[part];
     for (size_t i = 0; i < p.items.size() && !failed; i++) {
-      // Nothing is applied for a manager that was told of a failure, nor past the deadline.
+      // Nothing is begun for a manager that was told of a failure, nor past the deadline; a handler
+      // that takes its time asks Wanted().
       if (transaction.cancelled || Clock::now() >= transaction.deadline) {
         failed = true;
       } else {
+        applying_ = &transaction;
         lock.unlock();
         failed = run(SET_APPLY, p.items[i]) != 0;
         lock.lock();
+        applying_ = nullptr;
+        transaction.settled = false;
       }
       if (failed) {
         p.failed_item = static_cast<int>(i);
@@ -250,7 +259,7 @@ void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, QueuedSet &transac
       RunApply(lock, transaction, run);
     } else {
       // Held: the master turns to the apply at once, and it must not find the agent in a poll. A
-      // signal wakes nobody here, hence the slices.
+      // signal that says that the agent is to end is taken here but wakes nobody, hence the slices.
       changed_.wait_until(lock, std::min(transaction.deadline, Clock::now() + kSlice));
     }
   }
@@ -261,11 +270,25 @@ void SetChannel::Serve(SetRunner run) {
   uint64_t count;
   (void)!read(fd_, &count, sizeof(count));
   std::unique_lock lock(mutex_);
-  while (!queue_.empty()) {
+  // Those that come meanwhile are the next round's, and have woken the agent for it: a round ends
+  // with the latest deadline in it.
+  for (size_t left = queue_.size(); left > 0 && !queue_.empty(); left--) {
     std::shared_ptr<QueuedSet> transaction = std::move(queue_.front());
     queue_.pop_front();
     ServeOne(lock, *transaction, run);
   }
+}
+
+bool SetChannel::Wanted(bool last) {
+  std::lock_guard lock(mutex_);
+  if (applying_ == nullptr || applying_->settled) {
+    return true;
+  }
+  if (applying_->cancelled || Clock::now() >= applying_->deadline) {
+    return false;
+  }
+  applying_->settled = last;
+  return true;
 }
 
 void SetChannel::Close() {
@@ -295,6 +318,10 @@ void ServeSets(SetRunner run) {
 
 void CloseSets() {
   Sets().Close();
+}
+
+bool SetWanted(bool last) {
+  return Sets().Wanted(last);
 }
 
 }  // namespace vex

@@ -33,11 +33,15 @@ using SetRunner = int (*)(uint8_t phase, SetItem &item);
 
 // Becomes readable when ServeSets() has work; owned by the channel.
 int SetChannelFd();
-// Runs what is queued: the checks of a request, then, held until its deadline at the latest, its
-// apply. Called from the main loop, never while a hook runs.
+// Runs what is queued by now: the checks of a request, then, held until its deadline at the latest,
+// its apply. What is queued meanwhile waits for the next call, so that whoever sets without end
+// holds up no poll. Called from the main loop, never while a hook runs, with signals not blocked:
+// it ends soon once the agent is to end.
 void ServeSets(SetRunner run);
 // Sets are refused from now on (before the clean-up).
 void CloseSets();
+// What set_wanted() of platform/framework.h says.
+bool SetWanted(bool last);
 
 // ---- the channel itself ----
 
@@ -81,8 +85,9 @@ class SetPort {
   virtual CheckResult CheckOf(SetTransaction &transaction, int part) = 0;
   // Asks for the apply of all parts (once).
   virtual void RequestApply(SetTransaction &transaction) = 0;
-  // The state of a part's apply. From the deadline on it is never kPending: what has not begun
-  // never will.
+  // The state of a part's apply. From the deadline on it is never kPending, but for a moment while
+  // a handler returns that was told that its set is wanted to the last: what has not begun never
+  // will.
   virtual ApplyResult ApplyOf(SetTransaction &transaction, int part) = 0;
   // The manager's request is over: no further phase comes.
   virtual void Release(SetTransaction &transaction) = 0;
@@ -117,6 +122,8 @@ class SetChannel final : public SetPort {
   }
   void Serve(SetRunner run);
   void Close();
+  // See SetWanted(). In a handler that Serve() runs; true outside one.
+  bool Wanted(bool last);
 
  private:
   void Enqueue(QueuedSet &transaction);
@@ -132,6 +139,7 @@ class SetChannel final : public SetPort {
   std::deque<std::shared_ptr<QueuedSet>> queue_;
   void (*wake_)() = nullptr;
   bool closed_ = false;
+  QueuedSet *applying_ = nullptr;  // the one whose handler runs now
 };
 
 // The process's channel, for the SNMP thread.

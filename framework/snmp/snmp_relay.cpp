@@ -32,12 +32,16 @@ constexpr milliseconds kSlice{50};  // of a wait that the agent's end cuts short
 constexpr milliseconds kLastNotifications{300};
 constexpr milliseconds kLastAnswers{450};  // with the process's goodbye
 static_assert(kLastNotifications + kProcessGoodbye <= kLastAnswers);
+// After the end of a process for the next one to have a session, before the master counts as away.
+constexpr seconds kNextSession{10};
 // A process that says nothing is asked whether it lives, and has as long to answer.
 constexpr seconds kSilence{10};
 // The process is told of so much that waits for it in the ring, where nobody asks for it.
 constexpr size_t kMuchUnread = size_t{256} << 10;
 // At one go, while the agent thread may wait to publish.
 constexpr int kImagesAtOnce = 64;
+// Taken at one go: it may write as fast as we read.
+constexpr int kFramesAtOnce = 256;
 // A sound process keeps to kMostSets, and is never taken for a hostile one.
 constexpr size_t kMostSetsHeld = 4 * kMostSets;
 constexpr double kMessagesAtOnce = 200;
@@ -52,12 +56,15 @@ std::string HowItEnded(int status) {
 bool MayPass(int error) {
   switch (error) {
     case EAGAIN:
+    case EDQUOT:
     case EINTR:
     case EIO:
     case EMFILE:
     case ENFILE:
+    case ENOBUFS:
     case ENOMEM:
     case ENOSPC:
+    case ETOOMANYREFS:  // descriptors on their way between processes
       return true;
     default:
       return false;
@@ -162,8 +169,12 @@ std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::s
     return MayPass(errno) ? Begun::kFailed : Begun::kUnable;
   }
   while (!ready_) {
-    if (agent_ending() != 0 || Clock::now() >= until) {
+    if (agent_ending() != 0) {
       return std::nullopt;
+    }
+    if (Clock::now() >= until) {
+      *why = "it is not ready after a minute";
+      return Begun::kFailed;
     }
     pollfd entries[] = {{starter_.Channel()->Fd(), POLLIN, 0}, {child_.Fd(), POLLIN, 0}};
     const int ready = poll(entries, 2, static_cast<int>(kSlice.count()));
@@ -182,6 +193,7 @@ std::optional<SnmpRelay::Begun> SnmpRelay::First(Clock::time_point until, std::s
       return unable_.empty() || MayPass(unable_error_) ? Begun::kFailed : Begun::kUnable;
     }
   }
+  begun_ = true;
   return Begun::kRuns;
 }
 
@@ -237,6 +249,7 @@ void SnmpRelay::Gone(const char *why) {
   has_child_ = false;
   ready_ = false;
   why_gone_ = why != nullptr ? why : why_gone_;
+  Try([this] { TakeLastWords(); });
   child_.Close();
   side.up = false;
   {
@@ -244,9 +257,10 @@ void SnmpRelay::Gone(const char *why) {
     side.ring.reset();
   }
   connected_ = false;
-  open_ = false;
+  if (std::exchange(open_, false)) {
+    away_at_ = Clock::now() + kNextSession;
+  }
   side.notifications.PutBack(std::exchange(unanswered_, {}));
-  side.notifications.SetUp(false);
   for (auto &[number, set] : sets_) {
     vex::Sets().Release(*set.transaction);
   }
@@ -268,6 +282,24 @@ void SnmpRelay::Gone(const char *why) {
 
 // ---- What comes in
 
+// What it has said before its end and nobody has read: what the master has taken is not to be sent
+// again, and the log not to lack the reason.
+void SnmpRelay::TakeLastWords() {
+  std::string_view bytes;
+  for (int i = 0; i < kFramesAtOnce; i++) {
+    if (child_.Receive(&bytes, nullptr) != FrameSocket::Got::kFrame) {
+      return;
+    }
+    FrameReader frame(bytes);
+    const auto type = frame.Take<FrameType>();
+    if (type == FrameType::kNotified) {
+      TakeNotified(frame.Take<uint64_t>());
+    } else if (type == FrameType::kLog) {
+      TakeLog(frame.TakeText());
+    }
+  }
+}
+
 void SnmpRelay::StarterReady() {
   std::string_view bytes;
   FrameSocket::Got got;
@@ -279,11 +311,13 @@ void SnmpRelay::StarterReady() {
       unable_ = strerror(number);
       unable_error_ = number;
       Gone(nullptr);
-    } else if (type == FrameType::kEnded && !stopping_ && !restarts_.Often() && finder_) {
-      const std::string how = why_gone_ != nullptr ? why_gone_ : HowItEnded(number);
-      agentlog_fprintf(stderr, "%s: The SNMP process has ended (%s); starting another\n",
-                       AgentName(), how.c_str());
-      why_gone_ = nullptr;
+    } else if (type == FrameType::kEnded) {
+      const char *why = std::exchange(why_gone_, nullptr);
+      if (begun_ && !stopping_ && !restarts_.Often()) {
+        const std::string how = why != nullptr ? why : HowItEnded(number);
+        agentlog_fprintf(stderr, "%s: The SNMP process has ended (%s); starting another\n",
+                         AgentName(), how.c_str());
+      }
     }
   }
   if (got == FrameSocket::Got::kEnd) {
@@ -297,8 +331,7 @@ void SnmpRelay::ChildReady() {
     return;
   }
   std::string_view bytes;
-  // Bounded: it may write as fast as we read.
-  for (int i = 0; i < 256 && has_child_; i++) {
+  for (int i = 0; i < kFramesAtOnce && has_child_; i++) {
     const FrameSocket::Got got = child_.Receive(&bytes, nullptr);
     if (got == FrameSocket::Got::kNone) {
       return;
@@ -384,6 +417,7 @@ void SnmpRelay::TakeSession(FrameReader *frame) {
     case SessionEvent::kOpen:
       open_ = true;
       session_ = session;
+      away_at_ = Clock::time_point::max();
       side.notifications.SetUp(true);
       break;
     case SessionEvent::kWelcome:
@@ -405,6 +439,7 @@ void SnmpRelay::TakeSession(FrameReader *frame) {
         finder_->Lost(event == SessionEvent::kEndedRefused);
       }
       side.notifications.PutBack(std::exchange(unanswered_, {}));
+      away_at_ = Clock::time_point::max();
       side.notifications.SetUp(false);
       break;
     default:
@@ -728,10 +763,10 @@ void SnmpRelay::Try(Function function) {
 }
 
 Clock::time_point SnmpRelay::NextDue() const {
-  Clock::time_point due = std::min(ticker_.NextDue(), Clock::now() + kSilence);
   if (short_of_memory_) {
-    due = std::min(due, Clock::now() + kRest);
+    return Clock::now();
   }
+  Clock::time_point due = std::min({ticker_.NextDue(), away_at_, Clock::now() + kSilence});
   if (!has_child_) {
     return std::min(due, spawn_at_);
   }
@@ -747,6 +782,10 @@ Clock::time_point SnmpRelay::NextDue() const {
 }
 
 void SnmpRelay::Wait(Clock::time_point until) {
+  // Whatever is due, or to be read, is so still.
+  if (std::exchange(short_of_memory_, false)) {
+    poll(nullptr, 0, static_cast<int>(kRest.count()));
+  }
   const auto wanted = [](const FrameSocket &socket) -> short {
     return socket.HasUnsent() ? POLLIN | POLLOUT : POLLIN;
   };
@@ -779,7 +818,6 @@ void SnmpRelay::Wait(Clock::time_point until) {
 
 void SnmpRelay::Work() {
   SnmpShared &side = Side();
-  short_of_memory_ = false;
   if (!has_child_ && !stopping_ && Clock::now() >= spawn_at_) {
     Try([this] {
       if (!Spawn()) {
@@ -796,6 +834,10 @@ void SnmpRelay::Work() {
   if (has_child_ && restarts_.Stays(Clock::now())) {
     said_often_ = false;
     agentlog_fprintf(stderr, "%s: The SNMP process stays\n", AgentName());
+  }
+  if (Clock::now() >= away_at_) {
+    away_at_ = Clock::time_point::max();
+    side.notifications.SetUp(false);
   }
   Try([this] { Connect(); });
   if (side.images_waiting.load(std::memory_order_acquire)) {

@@ -93,6 +93,7 @@ class SnmpRelay {
   void AddSetPart(uint64_t id, Clock::time_point deadline, FrameReader *frame);
   void TakeAnswer(FrameReader *frame);
   void TakeLog(std::string_view text);
+  void TakeLastWords();
   void Hostile();
   void Send(const FrameWriter &frame, std::span<const int> descriptors = {});
 
@@ -115,6 +116,7 @@ class SnmpRelay {
   FrameSocket child_;
   bool has_child_ = false;
   bool ready_ = false;  // it has no rights and serves
+  bool begun_ = false;  // the first one has served: after its end there is another
   std::string unable_;  // why it could not be started
   int unable_error_ = 0;
   const char *why_gone_ = nullptr;  // where we ended it
@@ -122,12 +124,14 @@ class SnmpRelay {
   Restarts restarts_;
   bool said_often_ = false;
   bool stopping_ = false;
-  bool short_of_memory_ = false;  // in this pass
+  bool short_of_memory_ = false;  // since the last rest
   bool images_told_ = false;      // the process knows that there is much in the ring
 
   bool connected_ = false;  // it has a connection to the master
   bool open_ = false;       // and a session
   uint64_t session_ = 0;
+  // When a session that ended with its process counts as one that the master has ended.
+  Clock::time_point away_at_ = Clock::time_point::max();
   Notifications unanswered_;
   uint64_t next_notification_ = 1;
   std::map<uint64_t, Set> sets_;

@@ -47,6 +47,7 @@ void SnmpTicker::Work() {
 
 void KeepUnsent() {
   SnmpShared &side = Side();
+  side.notifications.SetUp(false);  // as many as are kept
   for (auto one = side.notifications.Pop(); !one.empty(); one = side.notifications.Pop()) {
     side.unsent.splice(side.unsent.end(), one);
   }

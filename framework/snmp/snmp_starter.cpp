@@ -5,17 +5,15 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <exception>
 
+#include "framework/process/close_others.h"
 #include "framework/process/log.h"
 #include "framework/process/sanitized.h"
 #include "framework/snmp/snmp_config.h"
@@ -27,40 +25,15 @@ namespace {
 constexpr uint8_t kPriorityBehind = 200;  // of registrations; usual are 127
 constexpr std::chrono::milliseconds kEndPatience{100};
 
-// Closes all but the standard descriptors and two more.
-void CloseOthers(int one, int other) {
-  int from = STDERR_FILENO + 1;
-  for (const int kept : {std::min(one, other), std::max(one, other)}) {
-    if (kept >= from) {
-      if (kept > from) {
-        syscall(SYS_close_range, from, kept - 1, 0);
-      }
-      from = kept + 1;
-    }
-  }
-  if (syscall(SYS_close_range, from, ~0U, 0) == 0) {
-    return;
-  }
-  // A kernel before 5.9.
-  rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const auto most = static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20));
-  for (int fd = STDERR_FILENO + 1; fd < most; fd++) {
-    if (fd != one && fd != other) {
-      close(fd);
-    }
-  }
-}
-
 // Whatever writes there finds a file that is none of the agent's. What a sanitizer has to say is
-// for the test that reads it.
-void LeaveStandardDescriptors() {
+// for the test that reads it. False with errno.
+bool LeaveStandardDescriptors() {
   const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
-  dup2(null.get(), STDIN_FILENO);
-  if (!kSanitized) {
-    dup2(null.get(), STDOUT_FILENO);
-    dup2(null.get(), STDERR_FILENO);
+  if (!null || dup2(null.get(), STDIN_FILENO) < 0) {
+    return false;
   }
+  return kSanitized ||
+         (dup2(null.get(), STDOUT_FILENO) >= 0 && dup2(null.get(), STDERR_FILENO) >= 0);
 }
 
 int DropMessage(const char *, size_t length) {
@@ -85,9 +58,12 @@ class Starter {
       session_.priority = kPriorityBehind;
     }
     SetLogSink(DropMessage);
-    LeaveStandardDescriptors();
-    CloseOthers(channel_.Fd(), -1);
-    if (const Failure failure = ConfineStarter(user_)) {
+    Failure failure = "the agent's standard descriptors stay";
+    if (LeaveStandardDescriptors()) {
+      CloseOthers(STDERR_FILENO + 1, channel_.Fd());
+      failure = ConfineStarter(user_);
+    }
+    if (failure != nullptr) {
       const int error = errno;
       channel_.Send(FrameWriter(FrameType::kUnable).PutText(failure).Put(int32_t{error}));
       return;
@@ -186,7 +162,7 @@ class Starter {
   sigfillset(&all);
   sigprocmask(SIG_SETMASK, &all, nullptr);
   if (EndWithParent(agent)) {
-    CloseOthers(channel.get(), LogFd());
+    CloseOthers(STDERR_FILENO + 1, channel.get(), LogFd());
     try {
       Starter(std::move(channel), user).Run(application, behind);
     } catch (const std::exception &) {

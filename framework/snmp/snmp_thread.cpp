@@ -392,8 +392,11 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
     if (!StartProcess(starting.get())) {
       return -1;
     }
-  } catch (const std::exception &) {
+  } catch (const std::bad_alloc &) {
     Fail(kCannotStart, strerror(ENOMEM));
+    return -1;
+  } catch (const std::exception &e) {
+    Fail(kCannotStart, e.what());
     return -1;
   }
   if (StartThread(starting) != 0) {

@@ -33,9 +33,9 @@ struct Notification {
 };
 
 // Starts the thread (all signals blocked in it), which reads the configuration for `application`
-// and connects to the master in the background. Waits until the configuration is read, a minute at
-// most, or until the agent is ending. 0, or -1, which is logged and lets SnmpFailed() say so unless
-// the agent is ending.
+// and connects to the master in the background. Waits until the configuration is read and, where
+// there is an SNMP process, that one serves: a minute at most, or until the agent is ending. 0, or
+// -1, which is logged and lets SnmpFailed() say so unless the agent is ending.
 int SnmpStart(const char *application, SnmpSettings *settings);
 // Closes the AgentX session and joins the thread, in well under a second whatever the master does;
 // harmless when it was never started. False when the thread hangs in a library: it is left behind,

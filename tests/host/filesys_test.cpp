@@ -511,6 +511,8 @@ TEST(HangingMounts, WhoAsksHoldsNothingOfTheAgent) {
   const std::vector<pid_t> children = Children(host.daemon.pid());
   ASSERT_EQ(children.size(), 1U);
   EXPECT_LE(OpenFiles(children[0]).size(), 1U);
+  EXPECT_EQ(ReadFile("/proc/" + std::to_string(children[0]) + "/maps").find("memfd:"),
+            std::string::npos);
   hang.Recover();
   ASSERT_TRUE(Eventually([&] {
     EXPECT_TRUE(host.daemon.Poll());

@@ -441,6 +441,31 @@ TEST(Identity, ASetThatDoesNotReachTheDiskFails) {
   }
 }
 
+// The same of a disk that takes its time: what its manager was told of is what stays, also once the
+// disk has come to its end.
+TEST(Identity, ASetThatTheDiskTakesTooLongForFails) {
+  MadeUpHost host;
+  host.Start();
+  for (const auto &[variable, file, longest] : kRoles) {
+    EXPECT_EQ(host.Set(variable, 's', "old"), "noError");
+    for (const std::string &path :
+         {file.substr(file.rfind('/') + 1) + ".new", std::string("/registry")}) {
+      SCOPED_TRACE(path);
+      host.daemon.SetFault({"fsync 1500", path, 0, 1});
+      EXPECT_EQ(host.Set(variable, 's', "new"), "commitFailed");
+      EXPECT_EQ(host.Get(variable), "STRING: \"old\"");
+      ASSERT_TRUE(host.daemon.Poll());  // which comes after the set
+      EXPECT_EQ(host.Get(variable), "STRING: \"old\"");
+      EXPECT_EQ(ReadFile(file), "old");
+    }
+    EXPECT_EQ(host.Set(variable, 's', "newer"), "noError");
+    EXPECT_EQ(ReadFile(file), "newer");
+  }
+  EXPECT_EQ(ListDirectory(MadeUpHost::kRegistry),
+            (std::vector<std::string>{"host", "tlxhoguid.dat", "tlxhosystemrole.dat",
+                                      "tlxhosystemroledetail.dat"}));
+}
+
 // As cp -al or ln leave it, in a directory where root alone writes.
 TEST(Identity, ASecondNameOfAKeptFileIsAsGoodAsTheFirst) {
   MadeUpHost host;

@@ -445,6 +445,34 @@ TEST(Security, APipeInPlaceOfTheLogHoldsNobodyUp) {
   close(reader);
 }
 
+// Who may write in the log's directory has the administrator's link change places with his own.
+TEST(Security, ASwapOfTheLogsLinkLeadsNoLogElsewhere) {
+  MadeUpHost host;
+  const std::string log = "/srv/logs/log";
+  host.File(kVictim, "precious\n");
+  host.File("/var/log/agent", "");
+  host.Directory("/srv/logs");
+  host.Link(log, "/var/log/agent");
+  host.Link("/srv/logs/other", kVictim);
+  ASSERT_EQ(lchown("/srv/logs/other", 1000, 1000), 0);
+  DaemonOptions options;
+  options.arguments = {"-p", "15", "-l", log};
+  host.daemon.Start(options);
+  ASSERT_EQ(chown("/srv/logs", 1000, 1000), 0);
+  {
+    const Swapper swapper(log, "/srv/logs/other");
+    for (int i = 0; i < 400; i++) {
+      host.daemon.Signal(SIGHUP);
+      usleep(2000);
+    }
+  }
+  // Else nothing was shown. The one that is not followed is reported to the one that is.
+  EXPECT_NE(ReadFile("/var/log/agent").find("Can't open log file " + log + " again"),
+            std::string::npos);
+  EXPECT_EQ(host.daemon.Stop(), 0);
+  EXPECT_EQ(ReadFile(kVictim), "precious\n");
+}
+
 TEST(Security, AnotherUsersLinkInPlaceOfTheLogIsNotFollowed) {
   MadeUpHost host;
   host.File(kVictim, "precious\n");

@@ -75,9 +75,12 @@ int Read(clockid_t clock, timespec *time) {
   return result;
 }
 
-// Whether this call is one that is to fail.
+// Whether this call is one that is to fail. A number behind the call's name: it comes to its end so
+// many milliseconds later, and without an error it does not fail.
 bool Faulty(const char *call, const char *path) {
-  if (page == nullptr || page->fault_count <= 0 || strcmp(page->fault_call, call) != 0) {
+  const size_t name = strlen(call);
+  if (page == nullptr || page->fault_count <= 0 || strncmp(page->fault_call, call, name) != 0 ||
+      (page->fault_call[name] != '\0' && page->fault_call[name] != ' ')) {
     return false;
   }
   const size_t length = strlen(path);
@@ -86,8 +89,12 @@ bool Faulty(const char *call, const char *path) {
       page->fault_count.fetch_sub(1) <= 0) {
     return false;
   }
+  const long late_ms = strtol(page->fault_call + name, nullptr, 10);
+  timespec late = {late_ms / 1000, late_ms % 1000 * 1000000};
+  while (late_ms != 0 && syscall(SYS_nanosleep, &late, &late) != 0 && errno == EINTR) {
+  }
   errno = page->fault_error;
-  return true;
+  return errno != 0;
 }
 
 bool Faulty(const char *call, int descriptor) {

@@ -765,6 +765,10 @@ int cfg_trap_state(int value) {
   return rec::Fails("cfg_trap_state", std::to_string(value)) || (value != 0 && value != -1);
 }
 
+int set_wanted(int last) {
+  return rec::Fails("set_wanted", last != 0 ? "last" : "first") ? 0 : 1;
+}
+
 int agent_ending(void) {
   return rec::Fails("agent_ending", "") ? 1 : 0;
 }

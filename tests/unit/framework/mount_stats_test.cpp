@@ -2,9 +2,14 @@
 #include "framework/machine/mount_stats.h"
 
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
+#include <stddef.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +19,7 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -209,6 +215,44 @@ TEST_F(MountAsker, ChildrenHoldNothingOpen) {
   pollfd end = {ends[0], POLLIN, 0};
   EXPECT_EQ(poll(&end, 1, 1000), 1);
   EXPECT_EQ(end.revents, POLLHUP);
+  close(ends[0]);
+}
+
+// Nor where the kernel cannot close a range.
+TEST_F(MountAsker, ChildrenOfAnOldKernelHoldNothingOpen) {
+  rlimit limit = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  constexpr int kHigh = 5000;
+  ASSERT_GT(limit.rlim_max, rlim_t{kHigh});
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  // Who refuses the call to itself does so for good.
+  const pid_t agent = fork();
+  if (agent == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    sock_filter code[] = {
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_close_range},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | ENOSYS},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    };
+    const sock_fprog program = {std::size(code), code};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || dup2(ends[1], kHigh) != kHigh ||
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+      _exit(1);
+    }
+    Ask({"/hang"});
+    close(kHigh);
+    close(ends[1]);
+    pollfd end = {ends[0], POLLIN, 0};
+    _exit(poll(&end, 1, 0) == 0 ? 2 : 0);
+  }
+  close(ends[1]);
+  // It ends with its children.
+  int status = -1;
+  ASSERT_EQ(waitpid(agent, &status, 0), agent);
+  EXPECT_EQ(status, 0);
   close(ends[0]);
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace vex {
 namespace {
 
@@ -9,6 +11,14 @@ Notification Numbered(uint32_t number) {
   Notification notification;
   notification.number = number;
   return notification;
+}
+
+// What a function writes to the log.
+template <typename Function>
+std::string Logged(Function function) {
+  testing::internal::CaptureStderr();
+  function();
+  return testing::internal::GetCapturedStderr();
 }
 
 uint32_t PopNumber(NotificationQueue *queue) {
@@ -91,6 +101,29 @@ TEST(NotificationQueue, PutBackCountsTowardsTheBound) {
   queue.PutBack(std::move(back));
   EXPECT_EQ(queue.Size(), 256U);
   EXPECT_EQ(PopNumber(&queue), 10U);
+}
+
+// What is lost is said when it begins and counted when all the rest is on its way.
+TEST(NotificationQueue, SaysWhatItDropsOnce) {
+  NotificationQueue queue;
+  const auto push = [&queue](uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i <= to; i++) {
+      queue.Push(Numbered(i));
+    }
+  };
+  EXPECT_EQ(Logged([&] { push(1, 256); }), "");
+  EXPECT_EQ(Logged([&] { push(257, 300); }),
+            "More than 256 notifications wait for the master agent; the oldest are lost\n");
+  EXPECT_EQ(Logged([&] {
+              while (PopNumber(&queue) != 0) {
+              }
+            }),
+            "44 notifications were lost\n");
+  EXPECT_EQ(Logged([&] {
+              push(301, 301);
+              EXPECT_EQ(PopNumber(&queue), 301U);
+            }),
+            "");
 }
 
 }  // namespace

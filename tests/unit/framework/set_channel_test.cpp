@@ -220,6 +220,73 @@ TEST_F(SetChannelTest, ApplyThatDoesNotEndInTimeHasFailed) {
   EXPECT_EQ(applies, 1);  // the second was not begun past the deadline
 }
 
+// What a handler was told is what its manager hears.
+TEST_F(SetChannelTest, AHandlerLearnsThatItsSetIsNotWantedAnyMore) {
+  std::vector<bool> wanted;
+  handler = [&](uint8_t phase, SetItem &) {
+    if (phase != SET_CHECK) {
+      wanted.push_back(channel_.Wanted(false));
+      std::this_thread::sleep_for(milliseconds(150));
+      wanted.push_back(channel_.Wanted(false));
+      wanted.push_back(channel_.Wanted(true));
+    }
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin(100);
+  int part = channel_.AddPart(*set, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  StopAgent();
+  EXPECT_EQ(wanted, (std::vector<bool>{true, false, false}));
+  EXPECT_TRUE(channel_.Wanted(true)) << "outside a handler";
+}
+
+TEST_F(SetChannelTest, ASetThatWasWantedToTheLastIsWaitedFor) {
+  handler = [&](uint8_t phase, SetItem &item) {
+    if (phase != SET_CHECK && item.slot == 1) {
+      EXPECT_TRUE(channel_.Wanted(true));
+      std::this_thread::sleep_for(milliseconds(150));
+    }
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin(100);
+  int part = channel_.AddPart(*set, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kApplied);
+  // That is so of one variable; none after it is begun past the deadline.
+  set = Begin(100);
+  part = channel_.AddPart(*set, {Item(1), Item(2)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  EXPECT_EQ(failed_item_, 1);
+  StopAgent();
+  EXPECT_EQ(applies, 2);
+}
+
+// It has done everything but return.
+TEST_F(SetChannelTest, ASetThatWasWantedToTheLastIsNotWaitedForWithoutEnd) {
+  handler = [&](uint8_t phase, SetItem &) {
+    if (phase != SET_CHECK) {
+      EXPECT_TRUE(channel_.Wanted(true));
+      std::this_thread::sleep_for(milliseconds(1000));
+    }
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin(100);
+  int part = channel_.AddPart(*set, {Item(1)});
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.RequestApply(*set);
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
+  EXPECT_LT(Clock::now() - start, milliseconds(900));
+}
+
 // A request that reaches into both subtrees: the second part comes while the agent holds the first.
 TEST_F(SetChannelTest, EveryCheckOfEveryPartComesBeforeTheFirstApply) {
   std::vector<int> order;
@@ -288,6 +355,33 @@ TEST_F(SetChannelTest, SetsWaitForOneAnother) {
   channel_.Release(*one);
   EXPECT_EQ(WaitForCheck(*two, second), Check::kAccepted);
   channel_.Release(*two);
+}
+
+// Whoever asks again before the last one's deadline does not keep the agent thread from its polls.
+TEST_F(SetChannelTest, SetsWithoutEndAreServedInRounds) {
+  constexpr milliseconds kPatience{700};
+  std::atomic<bool> back{false};
+  channel_.AddPart(*channel_.Begin(Clock::now() + kPatience), {Item(1)});
+  const Clock::time_point start = Clock::now();
+  std::thread asking([&] {
+    // The end is for a round that would not end.
+    for (int i = 1; !back && i < 40; i++) {
+      if (i % 5 == 0) {
+        channel_.AddPart(*channel_.Begin(Clock::now() + kPatience), {Item(1)});
+      }
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+  });
+  channel_.Serve(RunOne);
+  back = true;
+  EXPECT_LT(Clock::now() - start, milliseconds(2000));
+  asking.join();
+  // What came meanwhile is the next round's, and has woken the agent for it.
+  const int before = checks;
+  pollfd entry = {channel_.Fd(), POLLIN, 0};
+  EXPECT_EQ(poll(&entry, 1, 0), 1);
+  channel_.Serve(RunOne);
+  EXPECT_GT(checks, before);
 }
 
 TEST_F(SetChannelTest, ClosedChannelDecidesNothing) {

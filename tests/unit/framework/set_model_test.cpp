@@ -34,6 +34,7 @@ struct Variable {
   microseconds apply_takes{0};
   bool refuses = false;
   bool fails = false;
+  bool asks = false;  // whether it is still wanted, before it is applied
   std::atomic<int> checked{0};
   std::atomic<int> applied{0};
 };
@@ -66,6 +67,8 @@ void Take(microseconds time) {
   }
 }
 
+SetChannel *asked;  // by handlers
+
 int RunAsModel(uint8_t phase, SetItem &item) {
   const std::shared_ptr<Variable> variable = At(item.slot);
   if (variable == nullptr) {
@@ -73,6 +76,10 @@ int RunAsModel(uint8_t phase, SetItem &item) {
     return -1;
   }
   Take(phase == SET_CHECK ? variable->check_takes : variable->apply_takes);
+  if (phase != SET_CHECK && variable->asks &&
+      !(asked->Wanted(false) && (variable->fails || asked->Wanted(true)))) {
+    return -1;
+  }
   (phase == SET_CHECK ? variable->checked : variable->applied)++;
   return (phase == SET_CHECK ? variable->refuses : variable->fails) ? -1 : 0;
 }
@@ -82,22 +89,33 @@ struct Told {
   std::vector<std::vector<int>> parts;  // slots
   bool asked_to_apply = false;          // with every check accepted
   std::vector<Apply> applies;           // by part; kPending: nobody waited for the answer
-  int applied_when_told = 0;            // of all its variables, when the last answer was there
+  // Of all its variables, and of those that ask, when the last answer was there.
+  int applied_when_told = 0;
+  int asking_when_told = 0;
+
+  void Answered();
 };
 
-int Applied(const Told &told) {
+int Applied(const Told &told, bool asking_alone) {
   int sum = 0;
   for (const std::vector<int> &part : told.parts) {
     for (const int slot : part) {
-      sum += At(slot)->applied;
+      const std::shared_ptr<Variable> variable = At(slot);
+      sum += variable->asks || !asking_alone ? variable->applied.load() : 0;
     }
   }
   return sum;
 }
 
+void Told::Answered() {
+  applied_when_told = Applied(*this, false);
+  asking_when_told = Applied(*this, true);
+}
+
 // The model. Nothing is applied twice, nor without a check, nor after a variable that failed; a
 // part that is told to be applied is applied whole; without a request to apply nothing is; and
-// where a failure was told, at most the handler that ran at that moment comes to its end.
+// where a failure was told, at most the handler that ran at that moment comes to its end, and not
+// even that one where it asks.
 void ExpectAsTold(const Told &told) {
   bool ended = false;  // a variable has failed, or was not applied: none after it is
   for (size_t i = 0; i < told.parts.size(); i++) {
@@ -113,7 +131,8 @@ void ExpectAsTold(const Told &told) {
       ended = ended || v.applied == 0 || v.fails;
     }
   }
-  ASSERT_LE(Applied(told), told.applied_when_told + 1) << "late";
+  ASSERT_LE(Applied(told, false), told.applied_when_told + 1) << "late";
+  ASSERT_LE(Applied(told, true), told.asking_when_told) << "late, though it has asked";
 }
 
 class Manager {
@@ -140,7 +159,7 @@ class Manager {
       }
       if (Random(0, 40) == 0) {
         channel_->Release(*transaction);  // the session is lost
-        told.applied_when_told = Applied(told);
+        told.Answered();
         return told;
       }
     }
@@ -161,11 +180,11 @@ class Manager {
       }
     }
     channel_->Release(*transaction);
-    told.applied_when_told = Applied(told);
+    told.Answered();
     // Nobody was told a failure, nor could see one, while a handler still had its time.
     for (const Apply apply : told.applies) {
       if (apply == Apply::kPending) {
-        told.applied_when_told = 9;
+        told.applied_when_told = told.asking_when_told = 9;
       }
     }
     return told;
@@ -183,6 +202,7 @@ class Manager {
     variable->apply_takes = microseconds(Random(0, 9) == 0 ? Random(0, 300) : 0);
     variable->refuses = Random(0, 19) == 0;
     variable->fails = Random(0, 19) == 0;
+    variable->asks = Random(0, 1) == 0;
     variables[next_slot] = variable;
     return next_slot++;
   }
@@ -205,6 +225,7 @@ TEST(SetModel, NoneIsAppliedLateHalfOrTwice) {
   const long sets = FromEnvironment("VEX_SETS", 5'000);
   SetChannel channel;
   ASSERT_TRUE(channel.Ready());
+  asked = &channel;
   std::atomic<bool> stop{false};
   std::thread agent([&] {
     while (!stop) {

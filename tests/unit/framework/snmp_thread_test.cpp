@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,6 +30,7 @@
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
 #include "tests/unit/framework/made_image.h"
+#include "tests/unit/framework/snmp_user_here.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // What net-snmp never releases, once for each start.
@@ -115,31 +114,21 @@ int RunOneSet(uint8_t phase, SetItem &item) {
   return set_handler ? set_handler(phase, item) : 0;
 }
 
-// With VEX_SNMP_PROCESS=1 the SNMP side is a process of its own, for which it takes root and, in a
-// mount namespace, the user. Without, it is a thread, as for whoever lacks one of them.
-class SnmpUserHere : public testing::Environment {
+// With VEX_SNMP_PROCESS=1 the SNMP side is a process of its own, for which it takes root and the
+// user. Without, it is a thread, as for whoever lacks one of them.
+class SnmpUserIfWanted : public SnmpUserHere {
  public:
   static bool Wanted() {
     return getenv("VEX_SNMP_PROCESS") != nullptr;
   }
   void SetUp() override {
-    if (!Wanted()) {
-      return;
+    if (Wanted()) {
+      SnmpUserHere::SetUp();
     }
-    char path[] = "/tmp/snmp_user.XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(path) << std::ifstream("/etc/passwd").rdbuf()
-                        << "_vexhostd:x:990:990::/nonexistent:/usr/sbin/nologin\n";
-    ASSERT_EQ(unshare(CLONE_NEWNS), 0) << strerror(errno);
-    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
-    ASSERT_EQ(mount(path, "/etc/passwd", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
-    unlink(path);
   }
 };
 const testing::Environment *const snmp_user = testing::AddGlobalTestEnvironment(
-    new SnmpUserHere);  // NOLINT(*-err58-cpp): it is the library's
+    new SnmpUserIfWanted);  // NOLINT(*-err58-cpp): it is the library's
 
 // Processes that this one has started and that are there.
 int ChildrenHere() {
@@ -184,7 +173,7 @@ class SnmpSideTest : public testing::Test {
   }
   void Start() {
     ASSERT_EQ(SnmpStart("vexhostd", &settings_), 0);
-    ASSERT_EQ(ChildrenHere(), SnmpUserHere::Wanted() ? 1 : 0);
+    ASSERT_EQ(ChildrenHere(), SnmpUserIfWanted::Wanted() ? 1 : 0);
   }
   void StartWithMaster() {
     master_ = std::make_unique<FakeMaster>(socket_);

@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <random>
+#include <sstream>
 
 #include "framework/snmp/image_ring.h"
 #include "framework/snmp/snmp_starter.h"
@@ -269,6 +272,23 @@ TEST_F(Ring, CannotBeMappedForWritingOrResized) {
   }
 }
 
+// A child that the agent forks, and that lives on, must not keep the memory of a ring that is gone.
+TEST_F(Ring, IsNotHandedToChildren) {
+  const auto mapped = [] {
+    std::stringstream maps;
+    maps << std::ifstream("/proc/self/maps").rdbuf();
+    return maps.str().find("/memfd:vexhostd ") != std::string::npos;
+  };
+  EXPECT_TRUE(mapped());
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(mapped() ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
 // ---- Frames
 
 TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
@@ -320,6 +340,28 @@ TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
   EXPECT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kEnd);
   close(pipe_ends[0]);
   close(pipe_ends[1]);
+}
+
+// An end that has not read everything resets the connection when it closes: what it has sent before
+// that counts all the same.
+TEST(Frames, OfAnEndThatClosesUnreadAreReceived) {
+  Descriptor one;
+  Descriptor other;
+  ASSERT_TRUE(FrameSocket::Pair(&one, &other));
+  FrameSocket from(std::move(one));
+  FrameSocket to(std::move(other));
+  ASSERT_TRUE(to.Send(FrameWriter(FrameType::kPing)));
+  ASSERT_TRUE(from.Send(FrameWriter(FrameType::kNotified).Put(uint64_t{1})));
+  ASSERT_TRUE(from.Send(FrameWriter(FrameType::kNotified).Put(uint64_t{2})));
+  from.Close();
+  std::string_view bytes;
+  for (const uint64_t number : {1, 2}) {
+    ASSERT_EQ(to.Receive(&bytes, nullptr), FrameSocket::Got::kFrame) << number;
+    FrameReader reader(bytes);
+    EXPECT_EQ(reader.Take<FrameType>(), FrameType::kNotified);
+    EXPECT_EQ(reader.Take<uint64_t>(), number);
+  }
+  EXPECT_EQ(to.Receive(&bytes, nullptr), FrameSocket::Got::kEnd);
 }
 
 }  // namespace vex::snmp_wire_test

@@ -653,6 +653,43 @@ TEST_F(Info, ASetIsOnTheDiskBeforeItIsAccepted) {
                                              "fsync " REGISTRY_ROOT}));
 }
 
+// The disk took so long that the manager was told of a failure: before the new file has its name,
+// or after.
+TEST_F(Info, ASetThatIsNotWantedAnyMoreLeavesTheOldText) {
+  ASSERT_EQ(do_info(), 0);
+  for (const std::string old : {"", "old"}) {
+    if (!old.empty()) {
+      ASSERT_EQ(rec::Set(kObject, kRole, old), 0);
+    }
+    for (const char *asked : {"first", "last"}) {
+      SCOPED_TRACE(old + " " + asked);
+      rec::ForgetEvents();
+      rec::Fail("set_wanted", asked);
+      EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
+      rec::StopFailing();
+      EXPECT_EQ(rec::Count("renameat2") + rec::Count("renameat") > 0, strcmp(asked, "last") == 0);
+      EXPECT_EQ(rec::ReadFile(kRoleFile), old);
+      EXPECT_EQ(Entries(), old.empty() ? std::vector<std::string>{}
+                                       : std::vector<std::string>{"tlxhosystemrole.dat"});
+      ASSERT_EQ(do_info(), 0);
+      EXPECT_EQ(Text(kRole), old);
+    }
+  }
+  ASSERT_EQ(rec::Set(kObject, kRole, std::string("older")), 0);
+  rec::ForgetEvents();
+  // Where there is no way back, the log says what will be served.
+  rec::Fail("renameat2", "*", 0, EINVAL);
+  rec::Fail("set_wanted", "last");
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
+  const std::string file = kRoleFile;
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{
+                "vexhostd: File " + file +
+                    " has a value that was refused, and that will be used from the next start on: "
+                    "its directory was synchronised too late\n",
+                "vexhostd: Can't replace " + file + ": " + strerror(ECANCELED) + "\n"}));
+}
+
 // Two hundred kills and more, each at another moment of one set after the other, until one of them
 // has found a set under way.
 TEST_F(Info, AKillLeavesTheOldTextOrTheNewOne) {

@@ -523,6 +523,17 @@ TEST_F(Misc, ACheckOfThePollFrequencyDoesNothing) {
   EXPECT_TRUE(rec::Events().empty());
 }
 
+// The manager was told of a failure at the last moment.
+TEST_F(Misc, SetsThatAreNotWantedAnyMoreDoNothing) {
+  do_misc();
+  rec::ForgetEvents();
+  rec::Fail("set_wanted", "last");
+  EXPECT_EQ(rec::Set(kObject, "tlxHoGenericData", "late"s), -1);
+  EXPECT_EQ(rec::Set(kObject, "tlxHoOsCommonPollFreq", 60), -1);
+  EXPECT_EQ(poll_time, 15);
+  EXPECT_TRUE(rec::Events().empty());
+}
+
 TEST_F(Misc, GuidSetsLeaveTheTextBehind) {
   do_misc();
   EXPECT_EQ(rec::Set(kObject, "tlxHoGUID", "0123456789abcdef"s), 0);

@@ -296,6 +296,17 @@ TEST_F(Software, ChecksWithoutStoring) {
   EXPECT_EQ(Data(Row(0))->type, 1);
 }
 
+// The manager was told of a failure at the last moment.
+TEST_F(Software, StoresNothingOfASetThatIsNotWantedAnyMore) {
+  ASSERT_EQ(do_swver(), 0);
+  rec::Fail("set_wanted", "last");
+  EXPECT_EQ(rec::Set(Row(0), "tlxHoSwVerName", std::string("other")), -1);
+  EXPECT_EQ(rec::Set(Row(0), "tlxHoSwVerType", 1), -1);
+  rec::StopFailing();
+  EXPECT_STREQ(Data(Row(0))->name, "CONFIG");
+  EXPECT_EQ(Data(Row(0))->type, 4);
+}
+
 TEST_F(Software, RefusesOtherSlots) {
   ASSERT_EQ(do_swver(), 0);
   registry_object *object = rec::Live(Row(0));

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "platform/framework.h"
@@ -75,6 +77,9 @@ bool SnmpUp() {
 }
 
 bool SnmpNothingWaiting() {
+  if (TheFakeSnmp().asked_what_waits != nullptr) {
+    TheFakeSnmp().asked_what_waits();
+  }
   return true;
 }
 
@@ -109,10 +114,18 @@ void ServeSets(SetRunner run) {
     snmp.set_results.push_back(result);
   }
   snmp.pending.clear();
+  const auto until = std::chrono::steady_clock::now() + snmp.hold;
+  while (std::chrono::steady_clock::now() < until && agent_ending() == 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 void CloseSets() {
   TheFakeSnmp().sets_closed = true;
+}
+
+bool SetWanted(bool) {
+  return TheFakeSnmp().wanted;
 }
 
 // ---- The MIB

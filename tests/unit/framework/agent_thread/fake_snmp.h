@@ -2,6 +2,7 @@
 #ifndef VEX_TESTS_UNIT_FRAMEWORK_AGENT_THREAD_FAKE_SNMP_H
 #define VEX_TESTS_UNIT_FRAMEWORK_AGENT_THREAD_FAKE_SNMP_H
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -24,6 +25,7 @@ struct FakeSnmp {
   std::map<uint64_t, std::shared_ptr<const Image>> served;
   int publications = 0;
   std::vector<Notification> notifications;
+  void (*asked_what_waits)() = nullptr;  // called when somebody wants to know
   void (*tick)() = nullptr;
   int tick_ms = 0;
   // The next query's answer and what was asked.
@@ -36,6 +38,9 @@ struct FakeSnmp {
   int set_fd = -1;
   std::vector<SetItem> pending;
   std::vector<int> set_results;
+  // So long it then holds a set whose apply does not come, unless the agent is to end.
+  std::chrono::milliseconds hold{0};
+  bool wanted = true;  // the set that is applied
 };
 FakeSnmp &TheFakeSnmp();
 

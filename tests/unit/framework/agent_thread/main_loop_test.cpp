@@ -6,12 +6,17 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "framework/process/log.h"
 #include "framework/process/systemd.h"
@@ -432,6 +437,74 @@ TEST_F(MainLoop, ServesSetsBetweenTheHooks) {
   close(channel[1]);
 }
 
+// The master has frozen between its check and its apply, with a handler run or without.
+TEST_F(MainLoop, ATerminationEndsTheHoldOfASet) {
+  using std::chrono::steady_clock;
+  for (const bool handled : {false, true}) {
+    int channel[2];
+    ASSERT_EQ(pipe2(channel, O_CLOEXEC), 0);
+    hooks_.init = [&](int, char **) {
+      FakeSnmp &snmp = TheFakeSnmp();
+      snmp.set_fd = channel[0];
+      snmp.hold = std::chrono::seconds(5);
+      if (handled) {
+        snmp.pending.emplace_back();  // of no object: refused, but by RunSet()
+      }
+      Say("init");
+      return 0;
+    };
+    Start();
+    EXPECT_EQ(Next(), "init");
+    ASSERT_EQ(write(channel[1], "x", 1), 1);
+    // Until the agent thread holds it.
+    for (int unread = 1; unread != 0; usleep(1000)) {
+      ASSERT_EQ(ioctl(channel[0], FIONREAD, &unread), 0);
+    }
+    usleep(20'000);
+    const steady_clock::time_point begin = steady_clock::now();
+    Signal(SIGTERM);
+    EXPECT_EQ(Next(), "clean-up");
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::milliseconds(2000));
+    EXPECT_EQ(Next(), "end");
+    EXPECT_EQ(Status(), 0);
+    close(channel[0]);
+    close(channel[1]);
+  }
+}
+
+// Sets that come as fast as they are served.
+TEST_F(MainLoop, SetsWithoutEndKeepNoSignalAway) {
+  int channel[2];
+  ASSERT_EQ(pipe2(channel, O_CLOEXEC), 0);
+  hooks_.init = [&](int, char **) {
+    TheFakeSnmp().set_fd = channel[0];
+    set_poll_time(1);
+    Say("init");
+    return 0;
+  };
+  const std::string many(60000, 'x');
+  ASSERT_EQ(fcntl(channel[1], F_SETFL, O_NONBLOCK), 0);
+  ASSERT_EQ(write(channel[1], many.data(), many.size()), static_cast<ssize_t>(many.size()));
+  std::atomic<bool> over{false};
+  std::thread asking([&] {
+    while (!over) {
+      (void)!write(channel[1], many.data(), many.size());
+      usleep(1000);
+    }
+  });
+  Start();
+  EXPECT_EQ(Next(), "init");
+  EXPECT_EQ(Next(), "poll");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "clean-up");
+  over = true;
+  asking.join();
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+  close(channel[0]);
+  close(channel[1]);
+}
+
 TEST_F(MainLoop, AnUnwrittenFileIsWrittenAfterAPoll) {
   hooks_.init = [this](int, char **) {
     set_poll_time(1);
@@ -454,6 +527,57 @@ TEST_F(MainLoop, AnUnwrittenFileIsWrittenAfterAPoll) {
   EXPECT_TRUE(fs::is_regular_file(registry_.Path("host/memory")));
   Signal(SIGTERM);
   EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
+// What the framework itself does after a hook may hang with its file system as the hook may: the
+// watchdog counts it, and the agent is told to end meanwhile.
+TEST_F(MainLoop, FilesAreRetriedAsPartOfTheHook) {
+  static const MainLoop *self;
+  self = this;
+  static auto say = [](const std::string &what) {
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    self->Say(what + (InHookSince() != 0 ? " in hook" : " outside") +
+              (sigismember(&mask, SIGTERM) != 0 ? ", deaf" : ""));
+  };
+  static registry_object *object;
+  static std::string file;
+  file = registry_.Path("host/memory");
+  static auto fail_once = [] {
+    fs::remove(file);
+    fs::create_directories(file);
+    log_data(object);
+    fs::remove(file);
+  };
+  hooks_.init = [](int, char **) {
+    SetLogSink([](const char *text, size_t length) {
+      if (std::string_view(text, length).find("written again") != std::string_view::npos) {
+        say("written");
+      }
+      return static_cast<int>(length);
+    });
+    init_snmp_appname("exampled");
+    object = create_obj(&obj_Q, get_id(), file.c_str(), 0, 4, 0);
+    fail_once();
+    return 0;
+  };
+  hooks_.poll = [] {
+    TheFakeSnmp().asked_what_waits = [] {
+      TheFakeSnmp().asked_what_waits = nullptr;
+      say("traps");
+    };
+    fail_once();
+    return 0;
+  };
+  hooks_.clean_up = [] { return 0; };
+  Start();
+  EXPECT_EQ(Next(), "written in hook");
+  Signal(SIGALRM);
+  EXPECT_EQ(Next(), "written in hook");
+  EXPECT_EQ(Next(), "traps in hook");
+  Signal(SIGTERM);
   EXPECT_EQ(Next(), "end");
   EXPECT_EQ(Status(), 0);
 }

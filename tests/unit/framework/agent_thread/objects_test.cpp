@@ -487,6 +487,19 @@ TEST_F(Objects, AVariableWithoutHandlerIsStored) {
   EXPECT_EQ(Value("exampleDate"), "abcdefg");
 }
 
+TEST_F(Objects, AVariableWithoutHandlerIsNotStoredForASetThatIsNotWanted) {
+  registry_object *object = Create("host/example", false);
+  log_data(object);
+  ASSERT_EQ(Set(2, "web"), 0);
+  EXPECT_NE(set_wanted(1), 0);
+  TheFakeSnmp().wanted = false;
+  EXPECT_EQ(set_wanted(1), 0);
+  EXPECT_EQ(Set(2, "late"), -1);
+  TheFakeSnmp().wanted = true;
+  EXPECT_STREQ(Data(object)->role, "web");
+  EXPECT_EQ(Value("exampleRole"), "web");
+}
+
 TEST_F(Objects, SetsAreRefusedWhereThereIsNothingToSet) {
   registry_object *object = Create("host/example", false);
   log_data(object);

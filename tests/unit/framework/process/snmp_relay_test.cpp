@@ -1,0 +1,372 @@
+// How the SNMP process comes to be, and what the agent makes of it when it does not, or ends. As
+// root.
+#include "framework/snmp/snmp_relay.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "framework/snmp/snmp_thread.h"
+#include "platform/framework.h"
+#include "tests/unit/framework/fake_master.h"
+#include "tests/unit/framework/snmp_user_here.h"
+
+namespace {
+
+// The thread that gets no memory, 0 for none, and how often it has asked.
+std::atomic<pid_t> starved{0};
+std::atomic<long> refused{0};
+
+void *Allocate(size_t size) {
+  if (starved.load(std::memory_order_relaxed) != 0 && gettid() == starved) {
+    refused++;
+    throw std::bad_alloc();
+  }
+  void *memory = malloc(size != 0 ? size : 1);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+
+}  // namespace
+
+void *operator new(size_t size) {
+  return Allocate(size);
+}
+void *operator new[](size_t size) {
+  return Allocate(size);
+}
+void operator delete(void *memory) noexcept {
+  free(memory);
+}
+void operator delete[](void *memory) noexcept {
+  free(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+  free(memory);
+}
+void operator delete[](void *memory, size_t) noexcept {
+  free(memory);
+}
+
+namespace vex {
+namespace {
+
+using std::chrono::milliseconds;
+
+const testing::Environment *const snmp_user = testing::AddGlobalTestEnvironment(
+    new SnmpUserHere);  // NOLINT(*-err58-cpp): it is the library's
+
+constexpr SnmpUser kUser = {990, 990};
+
+// ---- Births: the starter is a child of this process, and its children are the SNMP processes.
+
+enum Generation { kTest, kStarter, kSnmpProcess, kGenerations };
+int generation = kTest;
+void (*at_birth)() = nullptr;      // what an SNMP process does first
+std::atomic<pid_t> *last_process;  // shared with all
+
+void Born() {
+  generation++;
+  if (generation == kSnmpProcess) {
+    *last_process = getpid();
+    if (at_birth != nullptr) {
+      at_birth();
+    }
+  }
+}
+
+// The agent's side of the SNMP process stands still while told to.
+std::atomic<bool> hold{false};
+std::atomic<bool> held{false};
+
+class SnmpRelayTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    last_process = new (mmap(nullptr, sizeof(*last_process), PROT_READ | PROT_WRITE,
+                             MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<pid_t>;
+    ASSERT_EQ(pthread_atfork(nullptr, nullptr, Born), 0);
+  }
+  void SetUp() override {
+    char pattern[] = "/tmp/snmp_relay.XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    directory_ = pattern;
+    socket_ = directory_ + "/master";
+    std::ofstream(directory_ + "/vexhostd.conf") << "agentXSocket " << socket_ << "\n";
+    setenv("SNMPCONFPATH", directory_.c_str(), 1);
+    setenv("SNMP_PERSISTENT_DIR", directory_.c_str(), 1);
+    at_birth = nullptr;
+    *last_process = 0;
+  }
+  void TearDown() override {
+    starved = 0;
+    hold = false;
+    SnmpSetTick(nullptr, 0);
+    SnmpStop();
+    EXPECT_EQ(system(("rm -rf " + directory_).c_str()), 0);
+  }
+
+  // What the start logs.
+  std::string LoggedByStart(int expected) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(SnmpStart("vexhostd", nullptr), expected);
+    return testing::internal::GetCapturedStderr();
+  }
+  void StartWithMaster() {
+    master_ = std::make_unique<FakeMaster>(socket_);
+    ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
+    ASSERT_GT(*last_process, 0);
+    ASSERT_TRUE(master_->AcceptAndRegister());
+    for (int i = 0; i < 3000 && !SnmpUp(); i++) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    ASSERT_TRUE(SnmpUp());
+  }
+
+  std::string directory_;
+  std::string socket_;
+  std::unique_ptr<FakeMaster> master_;
+};
+
+// ---- The start
+
+TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
+  at_birth = [] { kill(getpid(), SIGSTOP); };
+  std::string why;
+  {
+    SnmpSettings settings;
+    SnmpRelay relay;
+    EXPECT_EQ(
+        relay.Begin("vexhostd", kUser, Clock::now() + std::chrono::seconds(3), &settings, &why),
+        SnmpRelay::Begun::kFailed);
+  }
+  EXPECT_EQ(why, "it is not ready after a minute");
+  // It was stopped before it could see to its own end.
+  ASSERT_GT(*last_process, 0);
+  kill(*last_process, SIGKILL);
+}
+
+// Nothing is started again where there is no agent yet.
+TEST_F(SnmpRelayTest, AProcessThatEndsAtOnceIsAFailure) {
+  // Somebody holds its channel, so that its end is told first.
+  at_birth = [] {
+    if (_Fork() == 0) {
+      usleep(300'000);
+    }
+    _exit(3);
+  };
+  const std::string log = LoggedByStart(-1);
+  EXPECT_EQ(log, "agent: Can't start the SNMP side: it ends at once\n");
+  EXPECT_TRUE(SnmpFailed());
+}
+
+TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {
+  at_birth = [] {
+    const pid_t starter = getppid();
+    kill(starter, SIGKILL);
+    while (getppid() == starter) {
+      usleep(1000);
+    }
+  };
+  const std::string log = LoggedByStart(-1);
+  EXPECT_EQ(log, "agent: Can't start the SNMP side: its starter has ended\n");
+  EXPECT_TRUE(SnmpFailed());
+}
+
+// A process that would have the agent's own standard descriptors is none.
+TEST_F(SnmpRelayTest, WithoutANullDeviceThereIsNoProcess) {
+  const std::string path = directory_ + "/socket";
+  ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);
+  ASSERT_EQ(mount(path.c_str(), "/dev/null", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+  const std::string log = LoggedByStart(0);
+  ASSERT_EQ(umount("/dev/null"), 0);
+  EXPECT_TRUE(
+      log.starts_with("Info: the SNMP side is no process of its own: the agent's standard "
+                      "descriptors stay: No such device or address\n"))
+      << log;
+  EXPECT_EQ(*last_process, 0);
+}
+
+// What a user has on the way between processes is limited by what each may have open.
+TEST_F(SnmpRelayTest, TooManyDescriptorsOnTheirWayAreNoReasonToRunWithMoreRights) {
+  constexpr int kLimit = 200;
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+  char control[CMSG_SPACE(sizeof(int) * kLimit)] = {};
+  char byte = 0;
+  iovec part = {&byte, 1};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  cmsghdr *header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int) * kLimit);
+  for (int i = 0; i < kLimit; i++) {
+    memcpy(CMSG_DATA(header) + static_cast<size_t>(i) * sizeof(int), &ends[0], sizeof(int));
+  }
+  ASSERT_EQ(sendmsg(ends[0], &message, 0), 1);
+  ASSERT_EQ(sendmsg(ends[0], &message, 0), 1);
+
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few = {kLimit, before.rlim_max};
+  __user_cap_header_struct capabilities = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct had[_LINUX_CAPABILITY_U32S_3] = {};
+  ASSERT_EQ(syscall(SYS_capget, &capabilities, had), 0);
+  __user_cap_data_struct less[_LINUX_CAPABILITY_U32S_3];
+  memcpy(less, had, sizeof(had));
+  less[0].effective &= ~(1U << CAP_SYS_RESOURCE | 1U << CAP_SYS_ADMIN);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  ASSERT_EQ(syscall(SYS_capset, &capabilities, less), 0);
+  const std::string log = LoggedByStart(-1);
+  EXPECT_EQ(syscall(SYS_capset, &capabilities, had), 0);
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(log, "agent: Can't start the SNMP side: Too many references: cannot splice\n");
+}
+
+// ---- Its end
+
+TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
+  StartWithMaster();
+  constexpr uint32_t kFlood = 1000;
+  for (uint32_t i = 1; i <= kFlood; i++) {
+    Notification notification;
+    notification.number = i;
+    SnmpNotify(std::move(notification));
+  }
+  ASSERT_TRUE(master_->Receive());
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(kill(*last_process, SIGKILL), 0);
+  ASSERT_TRUE(master_->HasBeenReset(3000));
+  master_->Disconnect();
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  uint32_t got = 0;
+  while (std::optional<AgentxPacket> packet = master_->Receive(got == kFlood ? 10 : 3000)) {
+    got++;
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), got);
+    master_->Answer(*packet);
+    if (got == kFlood || HasNonfatalFailure()) {
+      break;
+    }
+  }
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("agent: The SNMP process has ended (signal 9); starting another\n"), log.npos);
+  EXPECT_EQ(log.find("lost"), log.npos) << log;
+  EXPECT_EQ(got, kFlood);
+}
+
+// What it has said before its end counts, also where the agent finds the end by what it has to say
+// itself.
+TEST_F(SnmpRelayTest, WhatTheMasterHasTakenIsNotSentAgain) {
+  StartWithMaster();
+  const pid_t process = *last_process;
+  // Stopped, it takes a few of them.
+  ASSERT_EQ(kill(process, SIGSTOP), 0);
+  constexpr uint32_t kMany = 16;
+  for (uint32_t i = 1; i <= kMany; i++) {
+    Notification notification;
+    notification.number = i;
+    notification.description = std::string(30000, 'x');
+    SnmpNotify(std::move(notification));
+  }
+  // Behind them, and so they are under way.
+  SnmpSetTick(
+      [] {
+        held = true;
+        while (hold) {
+          std::this_thread::sleep_for(milliseconds(1));
+        }
+      },
+      10);
+  std::this_thread::sleep_for(milliseconds(100));
+  hold = true;
+  held = false;
+  for (int i = 0; i < 3000 && !held; i++) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  ASSERT_TRUE(held);
+  ASSERT_EQ(kill(process, SIGCONT), 0);
+  std::optional<AgentxPacket> first = master_->Receive();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->Bindings().at(0).object_id.back(), 1U);
+  master_->Answer(*first);
+  // The process tells of the one before it answers the other.
+  while (master_->Receive(300)) {
+  }
+  ASSERT_TRUE(master_->Ask(master_->Get({{1, 3, 6, 1, 4, 1, 4891}})));
+  ASSERT_EQ(kill(process, SIGKILL), 0);
+  ASSERT_TRUE(master_->HungUp(3000));
+  hold = false;
+  master_->Disconnect();
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  for (uint32_t i = 2; i <= kMany; i++) {
+    std::optional<AgentxPacket> packet = master_->Receive();
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), i);
+    master_->Answer(*packet);
+  }
+}
+
+// ---- Want of memory
+
+pid_t RelayThread() {
+  pid_t found = 0;
+  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::ifstream(task.path() / "comm") >> name;
+    found = name == "snmp" ? std::stoi(task.path().filename()) : found;
+  }
+  return found;
+}
+
+TEST_F(SnmpRelayTest, WantOfMemoryIsWaitedForAtRest) {
+  StartWithMaster();
+  starved = RelayThread();
+  ASSERT_GT(starved, 0);
+  refused = 0;
+  ASSERT_EQ(kill(*last_process, SIGKILL), 0);
+  for (int i = 0; i < 3000 && refused == 0; i++) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  ASSERT_GT(refused, 0);
+  refused = 0;
+  std::this_thread::sleep_for(milliseconds(200));
+  const long tries = refused;
+  printf("%ld allocations refused in 200 ms\n", tries);
+  EXPECT_LE(tries, 200);
+  starved = 0;
+  ASSERT_TRUE(master_->HungUp(3000));
+  master_->Disconnect();
+  EXPECT_TRUE(master_->AcceptAndRegister());
+}
+
+}  // namespace
+}  // namespace vex
