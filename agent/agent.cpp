@@ -8,6 +8,7 @@
 #include "agent/orders.h"
 #include "agent/snmpd_watchdog.h"
 #include "common/group.h"
+#include "common/sources.h"
 #include "common/util.h"
 #include "detail/agent_state.h"
 #include "monitors/filesys.h"
@@ -240,7 +241,7 @@ int init_agent(int argc, char **argv) {
   return 0;
 }
 
-int get_data(void) {
+int get_data() {
   // No alarm may come due during the refresh: polls never overlap.
   alarm(0);
   const int64_t began = monotonic_milliseconds();
@@ -256,7 +257,7 @@ int get_data(void) {
   return failed == nullptr ? 0 : -1;
 }
 
-int cleanup_agent(void) {
+int cleanup_agent() {
   alarm(0);
   remove_filesys_rows(nullptr);
   delete_obj(&obj_Q, nullptr, 0);

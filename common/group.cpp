@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include "common/sources.h"
+
 static constexpr int no_number = -1;
 
 // Room for the name of a group's object, as a path.

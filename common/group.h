@@ -46,14 +46,13 @@ constexpr group described(group record) {
 }
 
 // True at a group's first call, false at its later ones. `called` is the group's own, false before.
+// For groups without whose object the agent does not start: what the first call could not make, no
+// later one makes. Any other group takes find_or_create_object().
 inline bool first_call(bool *called) {
   const bool first = !*called;
   *called = true;
   return first;
 }
-
-// The directory of the agent's objects, below REGISTRY_ROOT.
-inline constexpr char host_directory[] = "host";
 
 // Creates the group's object, or its row of that number, with its variables defined and its data
 // block zeroed; nothing is published yet. Returns it (owned by the framework), or null as

@@ -1,9 +1,13 @@
-// Names of what the agent reads that a tool which explains the agent looks at as well. Nothing but
-// constants: tools include this and no group's header.
+// Names of what the agent reads and writes that a tool which explains the agent looks at as well.
+// Nothing but constants: tools include this and no group's header.
 #ifndef VEX_COMMON_SOURCES_H
 #define VEX_COMMON_SOURCES_H
 
 #include <stdint.h>
+
+// The directory of the agent's objects, below REGISTRY_ROOT, and what their names begin with.
+inline constexpr char host_directory[] = "host";
+inline constexpr char host_objects[] = "host/";
 
 inline constexpr char mount_table_path[] = "/etc/mtab";
 inline constexpr char memory_sizes_path[] = "/proc/meminfo";

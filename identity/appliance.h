@@ -8,6 +8,6 @@ extern const group appliance_group;
 
 // Builds the group at the first call and refreshes it at later ones; on a machine that is no
 // appliance there is nothing to do. Returns 0, or -1 when the object cannot be created or is gone.
-int do_appliance(void);
+int do_appliance();
 
 #endif

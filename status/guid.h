@@ -13,7 +13,10 @@
 // writes.
 extern kept_file guid_file;
 
-enum guid_sizes { GUID_SIZE = 16, GUID_TEXT_SIZE = 37 /* with its NUL */ };
+enum guid_sizes {
+  GUID_SIZE = 16,
+  GUID_TEXT_SIZE = 37,  // with its NUL
+};
 
 // Settles the GUID, once a process, and logs where it comes from. text has at least GUID_TEXT_SIZE
 // bytes. Where the machine has SMBIOS tables that cannot be read just now, it is not settled yet:

@@ -8,8 +8,8 @@
 
 enum mib_status_sizes {
   STATUS_ARRAY_SIZE = 256,
-  STATUS_ARRAY_LENGTH = 108,   /* octets in use: indexes 0 to 26, four octets each */
-  HEALTH_TRAP_TEXT_SIZE = 1024 /* 52 characters, 16 octets of up to 6, 15 lines of 48, and a NUL */
+  STATUS_ARRAY_LENGTH = 108,     // octets in use: indexes 0 to 26, four octets each
+  HEALTH_TRAP_TEXT_SIZE = 1024,  // 52 characters, 16 octets of up to 6, 15 lines of 48, and a NUL
 };
 
 // Scans the processes, asks the peers that changed, and writes the array. Octet 3 and the octets of
@@ -22,12 +22,12 @@ void build_health_array(unsigned char array[STATUS_ARRAY_SIZE]);
 
 // What the arrays say of one peer, by its place in the table: from 0. False beyond the last one.
 struct peer_view {
-  int32_t index; /* its place in the status array */
+  int32_t index;  // its place in the status array
   bool present;
   int32_t condition;
   int32_t major;
   int32_t minor;
-  int32_t health; /* the worst condition of the parts that it judges; 0: none */
+  int32_t health;  // the worst condition of the parts that it judges; 0: none
 };
 bool get_peer(int place, peer_view *view);
 

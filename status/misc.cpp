@@ -463,7 +463,7 @@ static void refresh(registry_object *misc) {
 
 // ---- Entry point --------------------------------------------------------------------------------
 
-int do_misc(void) {
+int do_misc() {
   const bool first = first_call(&called);
   registry_object *misc = first ? create() : find_object(misc_group);
   keep_next_index_in(misc, offsetof(misc_data, sw_ver_next_index));

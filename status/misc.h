@@ -10,6 +10,6 @@ extern const group misc_group;
 
 // Builds the group at the first call and refreshes it at the later ones. Returns 0, or -1 when the
 // object cannot be created or is gone.
-int do_misc(void);
+int do_misc();
 
 #endif

@@ -113,7 +113,7 @@ int generate_octets(unsigned char *buffer, int count) {
 
 // ---- Entry point --------------------------------------------------------------------------------
 
-int seed_generator(void) {
+int seed_generator() {
   // The first seed would come from a clock value that is always 0 here.
   constexpr unsigned ij = 0;
   unsigned char address[2] = {};

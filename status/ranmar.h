@@ -8,7 +8,7 @@ enum ranmar_error { RANMAR_FAILED = -11 };
 
 // Seeds the generator: the first seed is always 0, the second comes from the last two octets of
 // eth0's hardware address (0 without eth0). Returns 0 or a negative code.
-int seed_generator(void);
+int seed_generator();
 
 // Writes the next `count` octets, at most 128, to buffer; 128 values are drawn whatever the count.
 // Returns 0, or RANMAR_FAILED with the buffer untouched when the generator was never seeded.

@@ -51,7 +51,7 @@ enum class FileState {
 // movable.
 class ObjectFileWriter {
  public:
-  // relative: a result of ResolveObjectName().
+  // `relative` is a result of ResolveObjectName().
   explicit ObjectFileWriter(std::string relative, const std::string &root = kRegistryRoot);
   ~ObjectFileWriter();
   ObjectFileWriter(ObjectFileWriter &&) noexcept;
@@ -62,7 +62,7 @@ class ObjectFileWriter {
   // name are taken.
   void SetLayout(const std::vector<FileVariable> &variables, uint32_t data_size);
   // Publishes one state: a rename the first time, one pwrite into the older slot afterwards.
-  // lengths: the current length of each variable (one per slot). 0, or -1 with errno. Never syncs.
+  // `lengths` has the current one of each slot's variable. 0, or -1 with errno. Never syncs.
   int Publish(const uint8_t *data, const uint16_t *lengths);
   // Looks whether the file is still there as this writer left it: one statx(2), by which a change
   // of the content shows as well. The content itself is compared after a publication, after any

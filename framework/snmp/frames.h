@@ -48,6 +48,11 @@ enum class FrameType : uint8_t {
   kPong,
 };
 
+// What the SNMP process keeps to and the agent holds it to.
+inline constexpr size_t kMostSets = 16;   // a master has one on its way: more than a few are none
+inline constexpr size_t kMostParts = 16;  // of a set: one for each registered subtree it touches
+inline constexpr size_t kLongestMessage = 1024;  // of the log
+
 // Puts numbers, as this machine has them, and texts one behind the other. Throws std::bad_alloc.
 class FrameWriter {
  public:

@@ -15,6 +15,9 @@ namespace vex {
 
 class AgentxSession;
 
+// Of one notification, wherever it comes from.
+inline constexpr uint32_t kMostTrapVariables = 4096;
+
 // Each is allocated once, when it is raised, and from then on moved from list to list, so that want
 // of memory delays a notification and never loses one.
 struct WaitingNotification {

@@ -11,6 +11,9 @@
 
 namespace vex {
 
+// Where the machine's own agent answers.
+inline constexpr char kLoopbackAddress[] = "127.0.0.1";
+
 struct SnmpReply {
   bool answered = false;
   bool refused = false;          // nobody listens at the address

@@ -33,7 +33,6 @@ constexpr std::chrono::milliseconds kImagePatience{200};
 // one more moment is waited, so that a manager hears of what was applied. The master asks again
 // after a second.
 constexpr std::chrono::milliseconds kResultPatience{200};
-constexpr size_t kLongestMessage = 1024;
 
 // The agent has gone, or does not understand us, nor we it: another process will do better.
 [[noreturn]] void Leave() {

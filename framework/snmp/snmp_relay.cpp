@@ -42,10 +42,8 @@ constexpr size_t kMuchUnread = size_t{256} << 10;
 constexpr int kImagesAtOnce = 64;
 // Taken at one go: it may write as fast as we read.
 constexpr int kFramesAtOnce = 256;
-// As the process itself keeps to.
-constexpr size_t kMostSets = 64;
-constexpr size_t kMostParts = 16;
-constexpr size_t kLongestMessage = 1024;
+// A sound process keeps to kMostSets, and is never taken for a hostile one.
+constexpr size_t kMostSetsHeld = 4 * kMostSets;
 constexpr double kMessagesAtOnce = 200;
 constexpr double kMessagesPerSecond = 10;
 
@@ -470,7 +468,7 @@ void SnmpRelay::TakeSetPart(FrameReader *frame) {
                Clock::now() + SnmpRequests::kSetPatience);
   const auto place = sets_.find(id);
   const size_t parts = place != sets_.end() ? place->second.parts.size() : 0;
-  if (part != parts || parts >= kMostParts || sets_.size() >= kMostSets) {
+  if (part != parts || parts >= kMostParts || sets_.size() >= kMostSetsHeld) {
     Hostile();
     return;
   }

@@ -4,16 +4,13 @@
 #include <cstring>
 #include <new>
 
+#include "framework/snmp/frames.h"
 #include "framework/snmp/oid_name.h"
 #include "platform/framework.h"
 
 namespace vex {
 namespace {
 
-// A master has one set on its way; anything beyond a few is not one.
-constexpr size_t kMostSets = 16;
-// Of one set, which has one for each registered subtree that it touches.
-constexpr size_t kMostParts = 16;
 // A set that the master never finished.
 constexpr std::chrono::seconds kForgetAfter{30};
 // What could not be answered for want of memory.

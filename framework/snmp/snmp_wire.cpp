@@ -4,12 +4,12 @@
 #include <cstring>
 
 #include "framework/snmp/mib_table.h"
+#include "framework/snmp/notifications.h"
 #include "platform/framework.h"
 
 namespace vex {
 namespace {
 
-constexpr uint32_t kMostVariables = 4096;
 constexpr uint32_t kMostItems = 4096;
 
 std::vector<uint8_t> Octets(std::string_view text) {
@@ -56,7 +56,7 @@ bool Take(FrameReader *frame, Notification *notification) {
   notification->number = frame->Take<uint32_t>();
   notification->description = frame->TakeText();
   const auto count = frame->Take<uint32_t>();
-  if (count > kMostVariables) {
+  if (count > kMostTrapVariables) {
     return false;
   }
   for (uint32_t i = 0; i < count && frame->Good(); i++) {

@@ -15,6 +15,7 @@
 #include "framework/process/guard.h"
 #include "framework/process/log.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/snmp/notifications.h"
 #include "platform/framework.h"
 
 namespace vex {
@@ -22,8 +23,7 @@ namespace {
 
 constexpr std::string_view kMark = "VEXTRAPS1\n";
 constexpr off_t kMostBytes = 4 << 20;
-constexpr size_t kMostNotifications = 256;
-constexpr uint32_t kMostVariables = 4096;
+constexpr size_t kMostNotifications = NotificationQueue::kKeptWhileDown;
 constexpr int kPlain = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 // Numbers as this machine has them: the file never leaves it.
@@ -85,7 +85,7 @@ bool Unpack(Reader *reader, Notification *notification) {
   std::string_view description;
   uint32_t variables;
   if (!reader->Get(&notification->number) || !reader->Get(&description) ||
-      !reader->Get(&variables) || variables > kMostVariables) {
+      !reader->Get(&variables) || variables > kMostTrapVariables) {
     return false;
   }
   notification->description = description;

@@ -18,7 +18,7 @@ inline constexpr size_t kMaxSmbiosTable = size_t{16} << 20;
 // A table in which every record, with its strings and their double zero, is complete.
 class SmbiosTables {
  public:
-  // entry: the 2.x ("_SM_", or "_DMI_" alone) or 3.x ("_SM3_") entry point; table: the structures.
+  // Takes the 2.x ("_SM_", or "_DMI_" alone) or 3.x ("_SM3_") entry point, and the structures.
   // Nothing when either is malformed; *problem then says why (a static text).
   static std::optional<SmbiosTables> Parse(std::span<const uint8_t> entry,
                                            std::span<const uint8_t> table, const char **problem);

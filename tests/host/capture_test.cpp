@@ -210,6 +210,56 @@ TEST(Capture, ShowsWhatIsServedOtherwise) {
   EXPECT_TRUE(named) << json.dump();
 }
 
+// A source that a capture lacks, having come since, is not this machine's.
+TEST(Capture, TheRoomHasNothingOfThisMachinesProc) {
+  MadeUpHost host;
+  host.Proc("meminfo", "MemTotal: 4096 kB\n");
+  host.Start();
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
+  host.Script("/srv/agent/bin/list", "cd /proc; ls -d [!0-9]*; cat meminfo");
+  ProcessOptions options;
+  options.real_proc = true;
+  const Outcome replay =
+      RunCommand({VexregPath(), "replay", kFile, "--agent", "/srv/agent/bin/list"}, options, 60);
+  EXPECT_EQ(replay.status, 1);
+  std::string log = replay.err.substr(std::min(replay.err.find('\n'), replay.err.size() - 1) + 1);
+  EXPECT_EQ(log,
+            "vexreg:   cpuinfo\nvexreg:   loadavg\nvexreg:   meminfo\nvexreg:   mounts\n"
+            "vexreg:   net\nvexreg:   self\nvexreg:   stat\nvexreg:   thread-self\n"
+            "vexreg:   uptime\nvexreg:   MemTotal: 4096 kB\n")
+      << replay.err;
+}
+
+// A capture by an agent that had no group for memory, as far as its file tells.
+TEST(Capture, OfAnOlderAgentHasNothingOfNewGroups) {
+  MadeUpHost host;
+  host.Start();
+  ASSERT_TRUE(host.daemon.Poll());
+  ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
+  const std::string older =
+      "cd /tmp && rm -rf w && mkdir w && cd w && tar --zstd -xf ../host.tar.zst && "
+      "rm registry/host/memory && ";
+  const std::string pack =
+      "find . -type f -printf '%P\n' | tar --zstd --format=ustar -cf ../older.tar.zst -T -";
+  ASSERT_EQ(
+      RunCommand({"sh", "-c", older + "sed -i '/PhysicalMemory/d' capture.json; " + pack}).status,
+      0);
+  const Outcome half = ReplayOf("/tmp/older.tar.zst", {"--limit", "12"});
+  EXPECT_EQ(half.status, 1) << half.out;  // it knew the other two, and had no value of them
+  EXPECT_TRUE(Contains(half.out, "tlxHoPagingMemorySize: nothing -> ")) << half.out << half.err;
+  EXPECT_TRUE(Contains(half.out, "new since: tlxHoPhysicalMemorySize\n")) << half.out;
+  ASSERT_EQ(RunCommand({"sh", "-c",
+                        older + "sed -i '/PhysicalMemory\\|PagingMemory/d' capture.json; " + pack})
+                .status,
+            0);
+  const Outcome whole = ReplayOf("/tmp/older.tar.zst", {"--limit", "12", "--json"});
+  EXPECT_EQ(whole.status, 0) << whole.out << whole.err;
+  const auto json = nlohmann::json::parse(whole.out, nullptr, false);
+  EXPECT_EQ(json["new_since"].dump(),
+            "[\"tlxHoPagingMemoryFree\",\"tlxHoPagingMemorySize\",\"tlxHoPhysicalMemoryFree\","
+            "\"tlxHoPhysicalMemorySize\"]");
+}
+
 // Beside the unit tests of the archive: what comes out of a whole one of another tar.
 TEST(Capture, AHostileOneIsRefusedAndLeavesNothing) {
   MadeUpHost host;

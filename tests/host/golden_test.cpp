@@ -1,9 +1,14 @@
 // The golden server (support/golden_host.h), and all that a manager and a sibling agent see of it,
 // beside what was recorded (golden/). tests/README.md says how it is recorded anew.
+#include <limits.h>
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -154,4 +159,35 @@ TEST(Golden, AWholeServer) {
   }
   EXPECT_EQ(golden.host.daemon.Count("/mnt/unplugged"), 4U);
   EXPECT_EQ(golden.host.daemon.Count("Entering into UpdatePictFw "), 1U);
+}
+
+// What vexreg takes is all that the agent reads (checks.groups). Of those files each that is there
+// was made for this server: one of the machine's would stand in the recordings, and elsewhere
+// differ.
+TEST(Golden, HasNoSourceOfTheMachineItRunsOn) {
+  // It is told its zone (TZ), and reads the second file where the first is missing.
+  const std::set<std::string> unread = {"/etc/localtime", "/usr/lib/os-release"};
+  const time_t began = time(nullptr);
+  GoldenHost golden;
+  const Outcome captured = golden.host.Vexreg({"capture", "/run/golden.tar.zst", "--json"});
+  ASSERT_EQ(captured.status, 0) << captured.err;
+  const std::string machines = std::string(MadeUpHost::kDirectory) + "/real-proc/";
+  size_t looked = 0;
+  const auto json = nlohmann::json::parse(captured.out);
+  for (const auto &member : json["members"]) {
+    const std::string name = member["name"];
+    if (!name.starts_with("host/") || unread.count(name.substr(4)) != 0) {
+      continue;
+    }
+    const std::string path = name.substr(4, name.rfind("/.directory") - 4);
+    char real[PATH_MAX] = "";
+    struct stat status = {};
+    ASSERT_NE(realpath(path.c_str(), real), nullptr) << path;
+    ASSERT_EQ(stat(real, &status), 0) << path;
+    EXPECT_FALSE(std::string(real).starts_with(machines) || status.st_ctime < began)
+        << path << " is this machine's. Give the golden server one of its own "
+        << "(tests/support/golden_host.cpp)";
+    looked++;
+  }
+  EXPECT_GT(looked, 15U) << captured.out;
 }

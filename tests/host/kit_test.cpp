@@ -75,6 +75,24 @@ TEST(Kit, CoversAndAddsProcFiles) {
   EXPECT_NE(ReadFile("/proc/self/status"), "");
 }
 
+// The machine's /proc/sys is every namespace's, and is not written to.
+TEST(Kit, CoversProcFilesInsideDirectories) {
+  const std::string machines = ReadFile("/proc/sys/fs/file-max");
+  const std::string release = ReadFile("/proc/sys/kernel/osrelease");
+  const std::vector<std::string> beside = ListDirectory("/proc/sys/fs");
+  MadeUpHost host;
+  host.ComposeProc();
+  host.Proc("sys/fs/file-max", "12345\n");
+  host.Proc("sys/fs/file-max", "4711\n");
+  host.Proc("sys/made/up/entry", "new\n");
+  EXPECT_EQ(ReadFile("/proc/sys/fs/file-max"), "4711\n");
+  EXPECT_EQ(ReadFile("/proc/sys/made/up/entry"), "new\n");
+  EXPECT_EQ(ReadFile(std::string(MadeUpHost::kDirectory) + "/real-proc/sys/fs/file-max"), machines);
+  // All that stands beside it is there as before.
+  EXPECT_EQ(ReadFile("/proc/sys/kernel/osrelease"), release);
+  EXPECT_EQ(ListDirectory("/proc/sys/fs"), beside);
+}
+
 TEST(Kit, BlocksWhoReadsAProcFile) {
   MadeUpHost host;
   host.BlockProc("meminfo");

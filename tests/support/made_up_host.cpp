@@ -565,6 +565,9 @@ void MadeUpHost::File(const std::string &path, std::string_view text, int mode) 
     Proc(path.substr(strlen("/proc/")), text);
     return;
   }
+  if (path.starts_with("/proc/")) {
+    Unfold(path.substr(strlen("/proc/")));
+  }
   Directory(fs::path(path).parent_path());
   std::string fresh = path + ".made-up";
   WriteWhole(fresh, text, mode);
@@ -625,6 +628,7 @@ void MadeUpHost::BlockProc(const std::string &name) {
   blocked_fifo_ = kOwn + "/files/" + std::to_string(files_++) + "-fifo";
   ASSERT_EQ(mkfifo(blocked_fifo_.c_str(), 0644), 0);
   if (composed_) {
+    Unfold(name);
     Link("/proc/" + name, blocked_fifo_);
   } else {
     Bind(blocked_fifo_, "/proc/" + name);
@@ -684,6 +688,29 @@ void MadeUpHost::ComposeProc() {
   }
   for (const auto &[name, text] : covered) {
     File("/proc/" + name, text, 0444);
+  }
+}
+
+void MadeUpHost::Unfold(const std::string &name) {
+  for (size_t slash = name.find('/'); slash != std::string::npos;
+       slash = name.find('/', slash + 1)) {
+    const std::string directory = name.substr(0, slash);
+    const std::string real = kRealProc + "/" + directory;
+    std::error_code error;
+    if (!fs::is_symlink("/proc/" + directory, error) || !fs::is_directory(real, error)) {
+      continue;
+    }
+    // Made beside and exchanged, so that a reader finds the one or the other.
+    const std::string fresh = "/proc/made-up-directory";
+    Directory(fresh);
+    for (const std::string &entry : ListDirectory(real)) {
+      EXPECT_EQ(symlink((real + "/" + entry).c_str(), (fresh + "/" + entry).c_str()), 0) << entry;
+    }
+    EXPECT_EQ(renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, ("/proc/" + directory).c_str(),
+                        RENAME_EXCHANGE),
+              0)
+        << directory << ": " << strerror(errno);
+    Remove(fresh);
   }
 }
 

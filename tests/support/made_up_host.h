@@ -271,6 +271,8 @@ class MadeUpHost {
 
  private:
   std::string BoundFile(const std::string &name, std::string_view text);
+  // Makes the directories above an entry of the composed /proc its own, of links to the real one's.
+  void Unfold(const std::string &name);
   void Bind(const std::string &file, const std::string &over);
 
   std::vector<std::unique_ptr<Process>> peers_;

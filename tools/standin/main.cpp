@@ -21,6 +21,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/sources.h"
 #include "framework/process/log.h"
 #include "framework/registry/image.h"
 #include "framework/registry/registry_file.h"
@@ -31,7 +32,6 @@ namespace {
 
 using namespace vex;
 
-constexpr std::string_view kObjects = "host/";
 constexpr int kLongest = 60;  // seconds
 constexpr int kMostSeconds = 600;
 constexpr timespec kPollInterval = {0, 20'000'000};
@@ -79,7 +79,7 @@ std::shared_ptr<const Image> ReadImage(const std::string &name, uint64_t id) {
 uint64_t Publish() {
   uint64_t count = 0;
   for (const std::string &name : ListObjects()) {
-    if (name.starts_with(kObjects)) {
+    if (name.starts_with(host_objects)) {
       if (std::shared_ptr<const Image> image = ReadImage(name, count + 1)) {
         SnmpPublish(std::move(image));
         count++;

@@ -6,14 +6,13 @@
 
 #include <algorithm>
 
+#include "common/sources.h"
 #include "framework/registry/directory_lock.h"
 #include "framework/registry/registry_dir.h"
 #include "tools/vexreg/host_facts.h"
 
 namespace vex {
 namespace {
-
-constexpr char kOwnDirectory[] = "host";
 
 // 0, or the error of listing a directory below the root. One that is not there is no error.
 int ListingError(int root, const char *directory) {
@@ -27,7 +26,7 @@ int ListingError(const std::string &path) {
     return errno;
   }
   const int error = ListingError(root.get(), "");
-  return error != 0 ? error : ListingError(root.get(), kOwnDirectory);
+  return error != 0 ? error : ListingError(root.get(), host_directory);
 }
 
 }  // namespace
@@ -35,7 +34,7 @@ int ListingError(const std::string &path) {
 bool IsHeld(const std::string &path) {
   const Descriptor root(OpenRegistryRoot(path, false));
   const Descriptor own(
-      root ? OpenBeneath(root.get(), kOwnDirectory, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
+      root ? OpenBeneath(root.get(), host_directory, O_RDONLY | O_DIRECTORY | O_NONBLOCK) : -1);
   return own && DirectoryHolder(own.get()).has_value();
 }
 

@@ -8,13 +8,13 @@
 #include <optional>
 #include <variant>
 
+#include "framework/process/clock.h"
 #include "platform/framework.h"
 #include "tools/vexreg/values.h"
 
 namespace vex {
 namespace {
 
-constexpr int64_t kNanoseconds = 1'000'000'000;
 constexpr char kNumberColumn[] = "#";
 
 bool SameName(std::string_view a, std::string_view b) {
@@ -46,7 +46,7 @@ void AddVariable(FileObject *object, const char *name, const std::string &text) 
 }
 
 void AddColumns(bool for_programs, NamedObject *object) {
-  const int64_t published = object->object.published_ns / kNanoseconds;
+  const int64_t published = object->object.published_ns / kNsPerSecond;
   AddVariable(&object->object, kObjectColumn, object->name);
   AddVariable(&object->object, kPublishedColumn,
               for_programs ? IsoTime(published) : ZonedTimeText(published));

@@ -15,12 +15,14 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "common/sources.h"
 #include "framework/process/descriptor.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/snmp/mib_table.h"
 #include "framework/snmp/snmp_ask.h"
 #include "framework/snmp/snmp_files.h"
 #include "tools/vexreg/captured_host.h"
@@ -37,7 +39,6 @@
 namespace vex {
 namespace {
 
-constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kUsualPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // a registry and a log are not for everybody
 
@@ -82,6 +83,7 @@ class Collector {
     TakeSiblings();
     TakeAnswers();
     TakeRegistry();
+    TakeVariables();
     TakeFindings();
     TakeLog();
     Put(kDescriptionMember, DescriptionJson(capture_), time(nullptr));
@@ -291,7 +293,7 @@ class Collector {
     for (const auto &below : kAsked) {
       std::vector<uint32_t> oid(std::begin(kAskedBelow), std::end(kAskedBelow));
       oid.insert(oid.end(), below.begin(), below.end());
-      const SnmpReply reply = AskSnmp(kLoopback, files.community, oid, false);
+      const SnmpReply reply = AskSnmp(kLoopbackAddress, files.community, oid, false);
       if (!reply.answered) {
         Omit("snmpd", "does not answer");
         return;
@@ -348,6 +350,24 @@ class Collector {
     for (const FileVariable &variable : state ? state->variables : std::vector<FileVariable>()) {
       if (variable.name == "tlxHoAgentVersion") {
         capture_.agent = std::string(BytesOf(*state, variable).value_or(""));
+      }
+    }
+  }
+
+  // All of the modules, where they are the agent's as well.
+  void TakeVariables() {
+    const auto misc = ReadObjectFile("host/misc", root_);
+    std::map<std::string, int32_t> numbers;
+    for (const FileVariable &variable : misc ? misc->variables : std::vector<FileVariable>()) {
+      numbers[variable.name] = IntegerOf(*misc, variable).value_or(-1);
+    }
+    const MibGroup &own = MibGroups().front();
+    if (numbers["tlxHoMibRevMajor"] == own.major_revision &&
+        numbers["tlxHoMibRevMinor"] == own.minor_revision && misc) {
+      for (const MibVariable &variable : MibVariables()) {
+        if (variable.access != MibAccess::kNotify) {
+          capture_.variables.insert(variable.name);
+        }
       }
     }
   }

@@ -195,7 +195,8 @@ std::string DescriptionJson(const Capture &capture) {
                             {"commands", commands},
                             {"siblings", siblings},
                             {"asked", asked},
-                            {"omissions", omissions}};
+                            {"omissions", omissions},
+                            {"variables", capture.variables}};
   return description.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
@@ -234,6 +235,9 @@ std::optional<Capture> CaptureOf(std::vector<Member> members, std::string *error
     capture.omissions.push_back({TextAt(one, "source"), TextAt(one, "reason")});
   }
   capture.siblings = Texts(ListAt(description, "siblings"));
+  for (std::string &name : Texts(ListAt(description, "variables"))) {
+    capture.variables.insert(std::move(name));
+  }
   return capture;
 }
 

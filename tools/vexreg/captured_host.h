@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -73,6 +74,7 @@ struct Capture {
   std::vector<std::string> siblings;                   // program paths of running ones
   std::vector<std::pair<std::string, int32_t>> asked;  // numeric OIDs that snmpd answered
   std::vector<Omission> omissions;
+  std::set<std::string> variables;  // that the agent knew, with a value or not; empty: not told
 
   std::vector<Member> members;
   const Member *Find(std::string_view name) const;

@@ -13,6 +13,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/sources.h"
 #include "framework/process/descriptor.h"
 #include "framework/process/read_fully.h"
 #include "framework/registry/registry_dir.h"
@@ -172,7 +173,7 @@ int Show(const Selection &selection, const View &view, const Arrangement &arrang
     return kWrongUsage;
   }
   const bool of_agent = std::any_of(objects.begin(), objects.end(), [](const NamedObject &object) {
-    return object.name.starts_with(kOwnGroups);
+    return object.name.starts_with(host_objects);
   });
   const std::string old = of_agent && !view.captured ? WhyOld(selection.root) : "";
   if (!old.empty()) {

@@ -13,6 +13,7 @@
 #include <memory>
 #include <thread>
 
+#include "common/sources.h"
 #include "framework/process/descriptor.h"
 #include "framework/registry/directory_lock.h"
 #include "framework/registry/registry_dir.h"
@@ -29,8 +30,6 @@
 namespace vex {
 namespace {
 
-constexpr char kLoopback[] = "127.0.0.1";
-constexpr char kDirectory[] = "host/";
 constexpr int kUsualPollSeconds = 15;
 
 // What is compared: it changes from poll to poll, so an old registry shows.
@@ -188,12 +187,12 @@ class Examination {
     if (files_.source == CommunitySource::kNone) {
       return false;
     }
-    const SnmpReply reply = AskSnmp(kLoopback, files_.community, kSysUpTime, false);
+    const SnmpReply reply = AskSnmp(kLoopbackAddress, files_.community, kSysUpTime, false);
     MasterAnswer answer = MasterAnswer::kAnswers;
     if (!reply.answered) {
-      answer = reply.refused                  ? MasterAnswer::kNobodyListens
-               : SnmpEngineAnswers(kLoopback) ? MasterAnswer::kOtherCommunity
-                                              : MasterAnswer::kSilent;
+      answer = reply.refused                         ? MasterAnswer::kNobodyListens
+               : SnmpEngineAnswers(kLoopbackAddress) ? MasterAnswer::kOtherCommunity
+                                                     : MasterAnswer::kSilent;
     }
     Say(JudgeMaster(answer, files_.source));
     return answer == MasterAnswer::kAnswers;
@@ -207,7 +206,7 @@ class Examination {
     }
     const MibGroup &group = MibGroups().front();
     const std::span<const uint32_t> root = {group.oid, group.oid_length};
-    const SnmpReply reply = AskSnmp(kLoopback, files_.community, root, true);
+    const SnmpReply reply = AskSnmp(kLoopbackAddress, files_.community, root, true);
     Subtree subtree = Subtree::kNothing;
     if (!reply.answered) {
       subtree = Subtree::kUnanswered;
@@ -254,7 +253,7 @@ class Examination {
     std::optional<int32_t> published;
     for (int i = 0; i < kComparisons; i++) {
       const auto before = ReadObjectFile(kComparedObject, root_);
-      const SnmpReply reply = AskSnmp(kLoopback, files_.community, name, false);
+      const SnmpReply reply = AskSnmp(kLoopbackAddress, files_.community, name, false);
       if (!reply.answered) {
         Say(JudgeSubtree(Subtree::kUnanswered, {}));
         return;
@@ -272,7 +271,7 @@ class Examination {
 
   void LookAtDirectory() {
     DirectoryFacts facts;
-    const std::string name(kDirectory, sizeof(kDirectory) - 2);
+    const std::string name = host_directory;
     facts.path = root_ + "/" + name;
     const Descriptor root(OpenRegistryRoot(root_, false));
     const Descriptor directory(
@@ -297,7 +296,7 @@ class Examination {
     names.insert(names.end(), {group.name, group.name + ".0"});
     for (const std::string &name : names) {
       const Descriptor file(
-          OpenBeneath(root.get(), kDirectory + name, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+          OpenBeneath(root.get(), host_objects + name, O_RDONLY | O_NONBLOCK | O_NOCTTY));
       facts->damaged = facts->damaged || (file && !WhatStandsFor(name));
       facts->unreadable = facts->unreadable || (!file && errno == EACCES);
     }
@@ -305,7 +304,7 @@ class Examination {
     if (!visible_ || AgentStopped() || variable == nullptr) {
       return;
     }
-    const SnmpReply reply = AskSnmp(kLoopback, files_.community, variable->Oid(), true);
+    const SnmpReply reply = AskSnmp(kLoopbackAddress, files_.community, variable->Oid(), true);
     if (reply.answered && reply.error == 0) {
       facts->served =
           reply.name.size() > variable->Oid().size() &&
@@ -317,8 +316,8 @@ class Examination {
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
     const Descriptor root(OpenRegistryRoot(root_, false));
-    Descriptor directory(OpenBeneath(root.get(), std::string(kDirectory, sizeof(kDirectory) - 2),
-                                     O_RDONLY | O_DIRECTORY | O_NONBLOCK));
+    Descriptor directory(
+        OpenBeneath(root.get(), host_directory, O_RDONLY | O_DIRECTORY | O_NONBLOCK));
     const std::unique_ptr<DIR, int (*)(DIR *)> entries(
         directory ? fdopendir(directory.get()) : nullptr, closedir);
     if (entries != nullptr) {
@@ -341,7 +340,7 @@ class Examination {
   // What there is of an object's name in the agent's directory, when it is no file.
   std::optional<InPlace> WhatStandsFor(const std::string &object) const {
     const Descriptor root(OpenRegistryRoot(root_, false));
-    const Descriptor there(OpenBeneath(root.get(), kDirectory + object, O_PATH));
+    const Descriptor there(OpenBeneath(root.get(), host_objects + object, O_PATH));
     struct stat status;
     if (!there || fstat(there.get(), &status) != 0 || S_ISREG(status.st_mode)) {
       return std::nullopt;
@@ -363,19 +362,19 @@ class Examination {
     const std::vector<uint32_t> column(variable->Oid().begin(), variable->Oid().end());
     std::vector<uint32_t> at = column;
     for (int row = 0; row < kMostRows; row++) {
-      const SnmpReply reply = AskSnmp(kLoopback, files_.community, at, true);
+      const SnmpReply reply = AskSnmp(kLoopbackAddress, files_.community, at, true);
       if (!reply.answered || reply.error != 0 || reply.name.size() != column.size() + 1 ||
           !std::equal(column.begin(), column.end(), reply.name.begin()) || reply.name == at) {
         return;
       }
       at = reply.name;
       const std::string name = group.name + "." + std::to_string(at.back());
-      if (HasFile(kDirectory + name) || WhatStandsFor(name)) {
+      if (HasFile(host_objects + name) || WhatStandsFor(name)) {
         continue;
       }
       // It may have come or gone just now.
-      const SnmpReply still = AskSnmp(kLoopback, files_.community, at, false);
-      if (still.answered && still.error == 0 && still.value && !HasFile(kDirectory + name)) {
+      const SnmpReply still = AskSnmp(kLoopbackAddress, files_.community, at, false);
+      if (still.answered && still.error == 0 && still.value && !HasFile(host_objects + name)) {
         facts->missing_rows.push_back(name);
       }
     }
@@ -388,13 +387,13 @@ class Examination {
       if (!IsOfGroup(file, group.name)) {
         continue;
       }
-      if (const auto object = ReadObjectFile(kDirectory + file, root_)) {
+      if (const auto object = ReadObjectFile(host_objects + file, root_)) {
         facts->objects++;
         facts->newest_ns = std::max(facts->newest_ns, object->published_ns);
         rows = rows || file != group.name;
       } else if (const auto thing = file != group.name ? WhatStandsFor(file) : std::nullopt) {
         facts->in_place.push_back(*thing);
-      } else if (file != group.name && HasFile(kDirectory + file)) {
+      } else if (file != group.name && HasFile(host_objects + file)) {
         facts->damaged_rows.push_back(file);
       }
     }

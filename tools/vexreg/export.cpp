@@ -1,4 +1,5 @@
 // vexreg export: what is published, for a collector of metrics.
+#include "common/sources.h"
 #include "tools/vexreg/absence.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/open_metrics.h"
@@ -7,7 +8,6 @@
 namespace vex {
 namespace {
 
-constexpr char kOwnDirectory[] = "host";
 constexpr mode_t kMode = 0644;  // collectors run as other users
 
 }  // namespace
@@ -15,7 +15,7 @@ constexpr mode_t kMode = 0644;  // collectors run as other users
 int Export(const std::string &root, const std::optional<std::string> &file) {
   int status = kDone;
   std::vector<NamedObject> objects;
-  for (NamedFile &one : ReadObjectsOf(kOwnDirectory, root)) {
+  for (NamedFile &one : ReadObjectsOf(host_directory, root)) {
     if (one.object) {
       objects.push_back({std::move(one.name), std::move(*one.object)});
     } else {

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "common/sources.h"
+#include "framework/process/clock.h"
 #include "framework/process/printable.h"
 #include "tools/vexreg/tables.h"
 
@@ -13,7 +14,6 @@ namespace vex {
 namespace {
 
 constexpr char kSubtree[] = ".1.3.6.1.4.1.4891";
-constexpr int64_t kNanoseconds = 1'000'000'000;
 // A poll may wait for commands and controllers that long; the next one then comes an interval after
 // its end.
 constexpr int64_t kLongestPollSeconds = 120;
@@ -135,7 +135,7 @@ bool IsStopped(const ProcessFact &process) {
 AgentPhase PhaseOf(const ProcessFact &agent, int64_t now_ns, bool runs_command) {
   const int64_t age_ns = now_ns - agent.started_ns;
   const int64_t most = kStartSeconds + (runs_command ? kLongestPollSeconds : 0);
-  const bool starts = agent.started_ns != 0 && age_ns >= 0 && age_ns < most * kNanoseconds;
+  const bool starts = agent.started_ns != 0 && age_ns >= 0 && age_ns < most * kNsPerSecond;
   return starts && !IsStopped(agent) ? AgentPhase::kStarts : AgentPhase::kRuns;
 }
 
@@ -478,7 +478,7 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
     return {agent_runs ? Verdict::kFail : Verdict::kNote,
             what + "but " + Joined(faults, ", and ") + "." + next_poll};
   }
-  const int64_t age = (now_ns - facts.newest_ns) / kNanoseconds;
+  const int64_t age = (now_ns - facts.newest_ns) / kNsPerSecond;
   if (age < -kLateSeconds) {
     return Note(what + "last published " + AgeText(-age) +
                 " in the future: the clock has been set back.");

@@ -49,18 +49,19 @@ Finding JudgeAgent(const std::vector<ProcessFact> &found, bool hidden);
 
 // What snmpd said to a first question.
 enum class MasterAnswer { kAnswers, kNobodyListens, kSilent, kOtherCommunity };
-// unreadable: the configuration files that this user may not read.
-// users: SNMPv3 users that snmpd.conf lets in.
+// `unreadable` are the configuration files that this user may not read, `users` the SNMPv3 users
+// that snmpd.conf lets in.
 Finding JudgeCommunity(CommunitySource source, const std::vector<std::string> &unreadable,
                        size_t users);
 Finding JudgeMaster(MasterAnswer answer, CommunitySource source);
 
-// error: of connect(2), 0 when somebody accepted. other_agent: an agent runs as somebody else.
+// `error` is connect(2)'s, 0 when somebody accepted; other_agent says that one runs as somebody
+// else.
 Finding JudgeSocket(const std::string &target, const std::string &path, int error,
                     bool other_agent);
 
 // What keeps stations from this host, or lets too many in.
-// share: the directory of this installation's examples.
+// `share` is the directory of this installation's examples.
 Finding JudgeReach(bool beyond_loopback, const std::string &share);
 Finding JudgeReceivers(size_t receivers, const std::string &share);
 // Of the lines of snmpd.conf that give communities: one that everybody tries first, from other

@@ -147,7 +147,6 @@ inline constexpr std::string_view kLoad = "host/load";
 inline constexpr std::string_view kAgentGroup = "host/agent";
 inline constexpr std::string_view kInfo = "host/info";
 inline constexpr std::string_view kMisc = "host/misc";
-inline constexpr std::string_view kOwnGroups = "host/";
 
 }  // namespace vex
 

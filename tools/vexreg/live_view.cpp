@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "common/sources.h"
 #include "platform/framework.h"
 #include "tools/vexreg/findings.h"
 #include "tools/vexreg/tables.h"
@@ -97,7 +98,7 @@ bool LiveView::IsUsual(const std::string &group) const {
     return options_.groups.contains(group) ||
            std::find(std::begin(kHeaders), std::end(kHeaders), group) == std::end(kHeaders);
   }
-  return !group.starts_with(kOwnGroups) ||
+  return !group.starts_with(host_objects) ||
          std::find(std::begin(kOverview), std::end(kOverview), group) != std::end(kOverview);
 }
 

@@ -9,13 +9,12 @@
 #include <optional>
 #include <set>
 
+#include "common/sources.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/snmp/mib_table.h"
 
 namespace vex {
 namespace {
-
-constexpr char kOwnDirectory[] = "host";  // the Host Agent's
 
 // The name behind the last slash.
 std::string_view BaseName(std::string_view name) {
@@ -56,7 +55,7 @@ std::vector<std::string> NamesOf(const std::string &path, bool has_directory,
                                  : base == path || GroupOf(base) == path;
     if (fits) {
       all.push_back(name);
-      if (DirectoryName(name) == kOwnDirectory) {
+      if (DirectoryName(name) == host_directory) {
         own.push_back(name);
       }
     }
@@ -249,7 +248,7 @@ constexpr std::pair<std::string_view, std::string_view> kOtherNames[] = {
 // The group of the agent's that one of those names is for, the plural too; empty when it is none or
 // not there. given: in small letters.
 std::string OtherName(std::string_view given, const std::vector<std::string> &objects) {
-  const std::string own = std::string(kOwnDirectory) + "/";
+  const std::string own = host_objects;
   for (const std::string_view form :
        {given, given.substr(0, given.size() - (given.ends_with('s') ? 1 : 0))}) {
     for (const auto &[word, group] : kOtherNames) {

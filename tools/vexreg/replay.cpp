@@ -18,8 +18,10 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
+#include "common/sources.h"
 #include "framework/process/clock.h"
 #include "framework/process/descriptor.h"
 #include "framework/registry/registry_format.h"
@@ -40,7 +42,6 @@
 namespace vex {
 namespace {
 
-constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kCommunity[] = "replay";
 constexpr char kSearch[] = "/run/vexreg-replay/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr char kMasterConf[] = "/run/vexreg-replay/snmp/snmpd.conf";
@@ -185,7 +186,7 @@ bool IsOid(const std::string &text) {
 }
 
 pid_t StartMaster(const Capture &capture) {
-  std::string conf = std::string("rocommunity ") + kCommunity + " " + kLoopback +
+  std::string conf = std::string("rocommunity ") + kCommunity + " " + kLoopbackAddress +
                      "\nmaster agentx\ndontLogTCPWrappersConnects yes\n";
   for (const auto &[oid, value] : capture.asked) {
     if (IsOid(oid)) {
@@ -193,7 +194,8 @@ pid_t StartMaster(const Capture &capture) {
     }
   }
   Write(kMasterConf, conf);
-  return Start({"snmpd", "-f", "-Lo", "-C", "-c", kMasterConf, kFewModules, "udp:127.0.0.1:161"},
+  return Start({"snmpd", "-f", "-Lo", "-C", "-c", kMasterConf, kFewModules,
+                std::string("udp:") + kLoopbackAddress + ":161"},
                kMasterLog, {{"SNMP_PERSISTENT_DIR", kRoomSnmp}});
 }
 
@@ -212,7 +214,7 @@ pid_t StartAgent(const Settings &settings) {
 std::optional<Served> Walk() {
   std::vector<SnmpValue> values;
   for (const MibGroup &group : MibGroups()) {
-    if (!WalkSnmp(kLoopback, kCommunity, {group.oid, group.oid_length}, &values)) {
+    if (!WalkSnmp(kLoopbackAddress, kCommunity, {group.oid, group.oid_length}, &values)) {
       return std::nullopt;
     }
   }
@@ -249,7 +251,7 @@ void Print(const std::vector<Difference> &differences) {
 
 // All of them, whatever their number; null for what is not there.
 void PrintJson(const Capture &capture, const std::vector<Difference> &differences,
-               const std::string &agent, size_t compared) {
+               const std::set<std::string> &since, const std::string &agent, size_t compared) {
   const auto value = [](const std::string &text) {
     return text == kAbsent ? nlohmann::ordered_json() : nlohmann::ordered_json(Utf8(text));
   };
@@ -261,6 +263,7 @@ void PrintJson(const Capture &capture, const std::vector<Difference> &difference
                     {"now", value(one.now)}});
   }
   const nlohmann::ordered_json json = {{"differences", list},
+                                       {"new_since", since},
                                        {"summary",
                                         {{"host", Utf8(capture.host)},
                                          {"captured", Utf8(capture.made)},
@@ -287,6 +290,7 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
   }
   const pid_t agent = StartAgent(settings);
   std::vector<Difference> differences;
+  std::set<std::string> since;  // variables that the agent did not know then
   Served now;
   size_t compared = 0;
   bool seen = false;
@@ -305,7 +309,7 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
     if (const auto walked = Walk(); walked && !walked->empty()) {
       seen = true;
       now = *walked;
-      differences = Compare(before, now, settings.exact, &compared);
+      differences = Compare(before, now, settings.exact, &compared, capture.variables, &since);
     }
   } while ((!seen || !differences.empty()) && Clock::now() < end);
   if (!seen) {
@@ -314,9 +318,12 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
     return kFailed;
   }
   if (settings.json) {
-    PrintJson(capture, differences, ValueOf(now, kVersionVariable), compared);
+    PrintJson(capture, differences, since, ValueOf(now, kVersionVariable), compared);
   } else {
     Print(differences);
+    for (const std::string &variable : since) {
+      std::cout << "new since: " << variable << '\n';
+    }
   }
   if (!differences.empty()) {
     Complain("the agent's log:");
@@ -334,7 +341,7 @@ int RunInRoom(const Capture &capture, const Settings &settings, const Served &be
 
 // The agent's own objects, as they stand in the capture.
 std::vector<NamedObject> OwnObjects(const Capture &capture) {
-  const std::string own = std::string(kRegistryMembers) + "host/";
+  const std::string own = std::string(kRegistryMembers) + host_objects;
   std::vector<NamedObject> objects;
   for (const Member &member : capture.members) {
     bool torn = false;

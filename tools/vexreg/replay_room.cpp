@@ -21,7 +21,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
-#include <set>
 
 #include "common/sources.h"
 #include "framework/machine/distribution.h"
@@ -40,7 +39,8 @@ namespace fs = std::filesystem;
 constexpr char kBase[] = "/sys";  // the old one is not needed any more
 constexpr char kRoot[] = "/sys/room";
 constexpr char kRealProc[] = "/run/vexreg-replay/proc";
-constexpr std::string_view kProcMembers = "host/proc/";
+// Of /proc, besides the processes: what is the reader's own.
+constexpr const char *kProcessesOwn[] = {"self", "thread-self", "mounts"};
 constexpr int kMostProcesses = 4096;  // that have their place in /proc
 
 // What programs of this machine need beside /usr.
@@ -151,32 +151,19 @@ void MakeDevices() {
   }
 }
 
-// /proc of the room's processes, with the host's files in the place of the machine's.
-void MakeProc(const Capture &capture) {
+// /proc of the room's processes, where the host's files come beside them. What the machine's says
+// of itself is not there: neither of what was captured nor of what the agent has come to read
+// since.
+void MakeProc() {
   MakeFolders(Inside(kRealProc));
   Mount("proc", Inside(kRealProc), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
   MakeFolders(Inside("/proc"));
   Mount("proc", Inside("/proc"), "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=755");
-  std::set<std::string> own;  // first parts of captured names, which are directories or files
-  for (const Member &member : capture.members) {
-    if (member.name.starts_with(kProcMembers)) {
-      const std::string rest = member.name.substr(kProcMembers.size());
-      own.insert(rest.substr(0, rest.find('/')));
-    }
-  }
   const auto link = [](const std::string &name) {
     Link(std::string(kRealProc) + "/" + name, "/proc/" + name);
   };
-  // Not the machine's own devices.
-  for (const char *const hidden :
-       {"driver", "scsi", "ide", "net", "stat", "meminfo", "cpuinfo", "loadavg", "uptime"}) {
-    own.insert(hidden);
-  }
-  for (const auto &entry : fs::directory_iterator(Inside(kRealProc))) {
-    const std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos && own.count(name) == 0) {
-      link(name);
-    }
+  for (const char *const name : kProcessesOwn) {
+    link(name);
   }
   // Processes to come have their place already.
   for (int number = 1; number < kMostProcesses; number++) {
@@ -221,7 +208,7 @@ void PutFiles(const Capture &capture) {
 // Siblings' objects, and what the agent keeps. Its own objects are what is to be compared.
 void PutRegistry(const Capture &capture) {
   for (const Member &member : capture.members) {
-    const std::string own = std::string(kRegistryMembers) + "host/";
+    const std::string own = std::string(kRegistryMembers) + host_objects;
     if (member.name.starts_with(kRegistryMembers) && !member.name.starts_with(own)) {
       Put(std::string(kRegistryRoot) + "/" + member.name.substr(kRegistryMembers.size()),
           member.bytes, 0644, member.modified);
@@ -350,7 +337,7 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
   MakeFolders(Inside(kRoomSnmp));
   ShowPrograms(settings);
   MakeDevices();
-  MakeProc(capture);
+  MakeProc();
   PutFiles(capture);
   PutRegistry(capture);
   PutCommands(capture, settings.agent);

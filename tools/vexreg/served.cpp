@@ -3,15 +3,15 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
+#include "common/sources.h"
 #include "framework/snmp/mib_table.h"
 #include "tools/vexreg/values.h"
 
 namespace vex {
 namespace {
-
-constexpr std::string_view kOwn = "host/";
 
 // What tells a table's rows apart, for those whose numbers come from their history.
 constexpr const char *kKeys[][4] = {
@@ -65,7 +65,8 @@ constexpr Moving kMoving[] = {
     {"tlxHoUptime", Movement::kBetween, "a time"},
 };
 
-std::string Printable(std::string_view bytes) {
+// The bytes with other than printable characters as a backslash and two digits.
+std::string HexEscaped(std::string_view bytes) {
   std::string text;
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
@@ -162,6 +163,87 @@ Movement MovementOf(std::string_view variable) {
   return Movement::kNone;
 }
 
+// The agent's own MIBs: where their revisions are served, and their index among the siblings.
+struct OwnMib {
+  const char *major, *minor;
+  size_t index;
+};
+constexpr OwnMib kOwnMibs[] = {{"tlxHoMibRevMajor", "tlxHoMibRevMinor", 11},
+                               {"tlxApMibRevMajor", "tlxApMibRevMinor", 21}};
+constexpr char kArrayOfStates[] = "tlxHoMibStatusArray";
+constexpr size_t kMajorOctet = 2;  // of the four of an index
+constexpr size_t kOctetsEach = 4;
+
+const std::string *ValueAt(const Served &served, const Place &place) {
+  const auto found = served.find(place);
+  return found != served.end() ? &found->second : nullptr;
+}
+
+// Where a value is the one, it becomes the other.
+void Exchange(Served *served, const Place &place, const std::string &one,
+              const std::string &other) {
+  const auto found = served->find(place);
+  if (found != served->end() && found->second == one) {
+    found->second = other;
+  }
+}
+
+// Where each octet of an escaped text begins, and its end.
+std::vector<size_t> OctetsOf(std::string_view escaped) {
+  std::vector<size_t> at = {0};
+  while (at.back() < escaped.size()) {
+    at.push_back(std::min(escaped.size(), at.back() + (escaped[at.back()] == '\\' ? 3 : 1)));
+  }
+  return at;
+}
+
+std::string AsOctet(const std::string &number) {
+  return HexEscaped(std::string(1, static_cast<char>(strtol(number.c_str(), nullptr, 10) & 0xFF)));
+}
+
+// Puts the agent's revisions of now where those of then stand: in their own variables, in the array
+// of states and in the siblings' rows. Returns whether they differ.
+bool TakeOwnRevisions(Served *then, const Served &now) {
+  bool differ = false;
+  const Served before = *then;
+  for (const OwnMib &mib : kOwnMibs) {
+    const std::string row = "row " + std::to_string(mib.index);
+    const std::string *was[2];
+    const std::string *is[2];
+    const Place places[2] = {{mib.major, ""}, {mib.minor, ""}};
+    for (const int part : {0, 1}) {
+      was[part] = ValueAt(before, places[part]);
+      is[part] = ValueAt(now, places[part]);
+    }
+    if (!was[0] || !was[1] || !is[0] || !is[1] || (*was[0] == *is[0] && *was[1] == *is[1])) {
+      continue;
+    }
+    differ = true;
+    (*then)[places[0]] = *is[0];
+    (*then)[places[1]] = *is[1];
+    // A peer that was not read yet has neither number.
+    const Place major = {"tlxHoSiblingMajor", row};
+    const Place minor = {"tlxHoSiblingMinor", row};
+    const std::string *const row_major = ValueAt(before, major);
+    const std::string *const row_minor = ValueAt(before, minor);
+    if ((!row_major || *row_major == *was[0]) && (!row_minor || *row_minor == *was[1])) {
+      Exchange(then, major, *was[0], *is[0]);
+      Exchange(then, minor, *was[1], *is[1]);
+    }
+    const auto array = then->find({kArrayOfStates, ""});
+    const auto octets = OctetsOf(array != then->end() ? array->second : "");
+    const size_t first = kOctetsEach * mib.index + kMajorOctet;
+    if (first + 2 < octets.size()) {
+      std::string &text = array->second;
+      const size_t length = octets[first + 2] - octets[first];
+      if (text.substr(octets[first], length) == AsOctet(*was[0]) + AsOctet(*was[1])) {
+        text.replace(octets[first], length, AsOctet(*is[0]) + AsOctet(*is[1]));
+      }
+    }
+  }
+  return differ;
+}
+
 }  // namespace
 
 std::span<const Moving> MovingVariables() {
@@ -172,7 +254,7 @@ Served ServedByObjects(const std::vector<NamedObject> &objects) {
   Rows rows;
   for (const NamedObject &named : objects) {
     const auto number = NumberIn(named.name);
-    if (!named.name.starts_with(kOwn) || !number) {
+    if (!named.name.starts_with(host_objects) || !number) {
       continue;
     }
     for (const FileVariable &variable : named.object.variables) {
@@ -181,7 +263,7 @@ Served ServedByObjects(const std::vector<NamedObject> &objects) {
       const auto bytes = BytesOf(named.object, variable);
       if (mib != nullptr && mib->access != MibAccess::kNotify && (integer || bytes)) {
         rows[RowOf(*mib, *number)].push_back(
-            {mib, integer ? std::to_string(*integer) : Printable(*bytes)});
+            {mib, integer ? std::to_string(*integer) : HexEscaped(*bytes)});
       }
     }
   }
@@ -207,19 +289,37 @@ Served ServedByWalk(const std::vector<SnmpValue> &values) {
     if (value.name.size() == oid.size() + 1 &&
         std::equal(oid.begin(), oid.end(), value.name.begin()) && (value.integer || value.octets)) {
       rows[RowOf(variable, value.name.back())].push_back(
-          {&variable, value.integer ? std::to_string(*value.integer) : Printable(*value.octets)});
+          {&variable, value.integer ? std::to_string(*value.integer) : HexEscaped(*value.octets)});
     }
   }
   return ByName(rows);
 }
 
 std::vector<Difference> Compare(const Served &before, const Served &now, bool exact,
-                                size_t *compared) {
+                                size_t *compared, const std::set<std::string> &known,
+                                std::set<std::string> *since) {
   std::vector<Difference> differences;
   *compared = 0;
+  if (since != nullptr) {
+    since->clear();
+  }
+  Served then = before;
+  const bool another = TakeOwnRevisions(&then, now);
+  std::set<std::string> had = known;
+  if (!known.empty() || another) {
+    for (const auto &[place, value] : before) {
+      had.insert(place.variable);
+    }
+  }
   const auto look = [&](const Place &place, const std::string *was, const std::string *is) {
     const Movement movement = MovementOf(place.variable);
     if (movement == Movement::kAlways || (movement == Movement::kBetween && !exact && was && is)) {
+      return;
+    }
+    if (was == nullptr && !had.empty() && had.count(place.variable) == 0) {
+      if (since != nullptr) {
+        since->insert(place.variable);
+      }
       return;
     }
     ++*compared;
@@ -228,12 +328,12 @@ std::vector<Difference> Compare(const Served &before, const Served &now, bool ex
           {place, was != nullptr ? *was : kAbsent, is != nullptr ? *is : kAbsent});
     }
   };
-  for (const auto &[place, value] : before) {
+  for (const auto &[place, value] : then) {
     const auto found = now.find(place);
     look(place, &value, found != now.end() ? &found->second : nullptr);
   }
   for (const auto &[place, value] : now) {
-    if (before.count(place) == 0) {
+    if (then.count(place) == 0) {
       look(place, nullptr, &value);
     }
   }

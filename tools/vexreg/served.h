@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -52,8 +53,13 @@ struct Difference {
 };
 inline constexpr char kAbsent[] = "nothing";
 // exact: what moves between the last poll and the capture is compared as well.
+// The agent may be another one than the capturing one: where their revisions differ, its own is no
+// difference, nor what the array and the rows of siblings have of it. known: the variables of the
+// capturing agent. Others are no differences but go to `since`, as those do that a capture of
+// another revision, which does not tell what was known, has nowhere.
 std::vector<Difference> Compare(const Served &before, const Served &now, bool exact,
-                                size_t *compared);
+                                size_t *compared, const std::set<std::string> &known = {},
+                                std::set<std::string> *since = nullptr);
 
 }  // namespace vex
 

@@ -51,6 +51,7 @@ TEST(CapturedHost, DescriptionIsReadBack) {
   capture.siblings = {"/opt/vexida"};
   capture.asked = {{".1.3", -7}};
   capture.omissions = {{"x", "y"}};
+  capture.variables = {"tlxHoA", "tlxHoB"};
   std::string error;
   const auto read = CaptureOf({{kDescriptionMember, 0, DescriptionJson(capture)}}, &error);
   ASSERT_TRUE(read) << error;
@@ -60,6 +61,7 @@ TEST(CapturedHost, DescriptionIsReadBack) {
   EXPECT_EQ(read->asked.at(0).second, -7);
   EXPECT_EQ(read->siblings, capture.siblings);
   EXPECT_EQ(read->omissions.at(0).reason, "y");
+  EXPECT_EQ(read->variables, capture.variables);
 }
 
 TEST(CapturedHost, DescriptionsThatAreNone) {
@@ -113,6 +115,105 @@ TEST(Comparison, LeavesOutWhatMovesByNature) {
       Compare(Small("1", "5"), {{{"tlxHoPhysicalMemorySize", ""}, "5"}}, false, &compared);
   ASSERT_EQ(gone.size(), 1U);
   EXPECT_EQ(gone[0].now, kAbsent);
+}
+
+// An octet of tlxHoMibStatusArray in the text of a served value.
+std::string Octet(int number) {
+  char text[8];
+  snprintf(text, sizeof(text), "\\%02x", number);
+  return text;
+}
+
+// What an agent of that revision serves of itself, and of a sibling, which has revision 1.4.
+Served OfRevision(int major, int minor, int sibling_minor = 4) {
+  std::string array;
+  for (int index = 0; index < 27; index++) {
+    const bool own = index == 11;
+    const bool other = index == 9;
+    array += Octet(own || other ? 1 : 0) + Octet(own || other ? 2 : 0);
+    array += Octet(own ? major : other ? 1 : 0) + Octet(own ? minor : other ? sibling_minor : 0);
+  }
+  return {{{"tlxHoMibRevMajor", ""}, std::to_string(major)},
+          {{"tlxHoMibRevMinor", ""}, std::to_string(minor)},
+          {{"tlxHoMibStatusArray", ""}, array},
+          {{"tlxHoSiblingMajor", "row 11"}, std::to_string(major)},
+          {{"tlxHoSiblingMinor", "row 11"}, std::to_string(minor)},
+          {{"tlxHoSiblingMajor", "row 9"}, "1"},
+          {{"tlxHoSiblingMinor", "row 9"}, std::to_string(sibling_minor)}};
+}
+
+TEST(Comparison, AnotherAgentHasARevisionOfItsOwn) {
+  size_t compared = 0;
+  EXPECT_TRUE(Compare(OfRevision(1, 3), OfRevision(1, 4), true, &compared).empty());
+  EXPECT_EQ(compared, 7U);
+  EXPECT_TRUE(Compare(OfRevision(1, 11), OfRevision(2, 0), true, &compared).empty());
+  // A sibling's is its own, also where the numbers are the same.
+  EXPECT_EQ(Compare(OfRevision(1, 4, 4), OfRevision(1, 5, 5), true, &compared).size(), 2U);
+  // What the array and the row said before, they go on saying.
+  const auto changed = [&](const Place &place, const std::string &value) {
+    Served now = OfRevision(1, 4);
+    now[place] = value;
+    return Compare(OfRevision(1, 3), now, true, &compared).size();
+  };
+  EXPECT_EQ(changed({"tlxHoMibStatusArray", ""}, OfRevision(1, 3).at({"tlxHoMibStatusArray", ""})),
+            1U);
+  EXPECT_EQ(changed({"tlxHoSiblingMinor", "row 11"}, "3"), 1U);
+  EXPECT_EQ(changed({"tlxHoSiblingMajor", "row 11"}, "7"), 1U);
+  Served lost = OfRevision(1, 4);
+  lost.erase({"tlxHoMibRevMinor", ""});
+  EXPECT_FALSE(Compare(OfRevision(1, 4), lost, true, &compared).empty());
+  // Of the agent's other MIB as well.
+  Served before = OfRevision(1, 3);
+  Served now = OfRevision(1, 3);
+  for (Served *served : {&before, &now}) {
+    (*served)[{"tlxApMibRevMajor", ""}] = "1";
+    (*served)[{"tlxApMibRevMinor", ""}] = served == &now ? "8" : "7";
+    (*served)[{"tlxHoSiblingMinor", "row 21"}] = served == &now ? "8" : "7";
+  }
+  EXPECT_TRUE(Compare(before, now, true, &compared).empty());
+}
+
+TEST(Comparison, ARevisionThatThePeerScanHadNotReadStaysUnread) {
+  size_t compared = 0;
+  Served before = OfRevision(1, 3);
+  Served now = OfRevision(1, 4);
+  for (Served *served : {&before, &now}) {
+    served->at({"tlxHoSiblingMajor", "row 11"}) = "0";
+    served->at({"tlxHoSiblingMinor", "row 11"}) = "0";
+    served->at({"tlxHoMibStatusArray", ""}) = OfRevision(0, 0).at({"tlxHoMibStatusArray", ""});
+  }
+  EXPECT_TRUE(Compare(before, now, true, &compared).empty());
+}
+
+TEST(Comparison, WhatTheCapturingAgentDidNotKnowIsNew) {
+  size_t compared = 0;
+  const Served before = OfRevision(1, 3);
+  const auto with = [](Served served) {
+    served[{"tlxHoPhysicalMemorySize", ""}] = "5";
+    served[{"tlxHoCpuUtilMin", "row 0"}] = "1";  // moves, and is not compared
+    served[{"tlxHoSiblingName", "row 9"}] = "x";
+    served[{"tlxHoSiblingName", "row 10"}] = "y";
+    return served;
+  };
+  std::set<std::string> since;
+  EXPECT_TRUE(Compare(before, with(OfRevision(1, 4)), true, &compared, {}, &since).empty());
+  EXPECT_EQ(since, (std::set<std::string>{"tlxHoPhysicalMemorySize", "tlxHoSiblingName"}));
+  EXPECT_EQ(compared, 7U);
+  // One that it knew and had no value of is a difference.
+  const auto known =
+      Compare(before, with(OfRevision(1, 4)), true, &compared, {"tlxHoPhysicalMemorySize"}, &since);
+  ASSERT_EQ(known.size(), 1U);
+  EXPECT_EQ(known[0].place.variable, "tlxHoPhysicalMemorySize");
+  EXPECT_EQ(known[0].before, kAbsent);
+  EXPECT_EQ(since, (std::set<std::string>{"tlxHoSiblingName"}));
+  // So is any other of an agent of the same revision, and a row that is more of a known table.
+  EXPECT_EQ(Compare(before, with(before), true, &compared, {}, &since).size(), 3U);
+  EXPECT_TRUE(since.empty());
+  Served more = OfRevision(1, 4);
+  more[{"tlxHoSiblingMinor", "row 10"}] = "0";
+  EXPECT_EQ(Compare(before, more, true, &compared, {}, &since).size(), 1U);
+  // What is gone is always one.
+  EXPECT_EQ(Compare(with(before), OfRevision(1, 4), true, &compared, {}, &since).size(), 3U);
 }
 
 TEST(Comparison, KnowsOnlyVariablesOfTheModules) {
