@@ -159,7 +159,7 @@ TEST(Capture, GoesOnWithoutWhatFails) {
 
 TEST(Capture, IsShownLikeAHost) {
   MadeUpHost host;
-  host.Proc("meminfo", "MemTotal: 4096 kB\nMemFree: 1023 kB\n");
+  host.Proc("meminfo", "MemTotal: 4096 kB\nMemFree: 1023 kB\nMemAvailable: 2048 kB\n");
   host.Start();
   ASSERT_EQ(host.Vexreg({"capture", kFile}).status, 0);
   const std::string dump = host.Dump({"host/memory"});

@@ -221,7 +221,7 @@ class Completion(Installation):
                 # As one that was made before the command was linked anew.
                 with open(script, "w", encoding="utf-8") as file:
                     file.write("old\n")
-                os.utime(script, (1, 1))
+                os.utime(f"{self.build}/bin/vexreg")
                 run(*build)
                 self.assertEqual(self.read(script),
                                  run(f"{self.build}/bin/vexreg", "completion", shell))

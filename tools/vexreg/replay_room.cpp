@@ -165,8 +165,8 @@ void MakeProc() {
   for (const char *const name : kProcessesOwn) {
     link(name);
   }
-  // Processes to come have their place already.
-  for (int number = 1; number < kMostProcesses; number++) {
+  // Processes to come have their place already; the first one is this command, none of the host's.
+  for (int number = 2; number < kMostProcesses; number++) {
     link(std::to_string(number));
   }
   // Of the network what commands ask for.
@@ -352,9 +352,6 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
 [[noreturn]] void BeFirst(const Capture &capture, const RoomSettings &settings,
                           const std::function<int()> &work) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  // A group that the room's processes can see: the agent takes others for ended ones, and by its
-  // path this command may look like one of its siblings.
-  setpgid(0, 0);
   int status = kFailed;
   try {
     MakeRoom(capture, settings);
