@@ -300,7 +300,7 @@ class Demo(Work):
         self.tmux("send-keys", "C-c")
         # On the terminal itself it is the full screen, which q leaves.
         self.shown("? tells the keys")
-        self.shown("Memory")
+        self.shown("Changed lately")
         self.tmux("send-keys", "?")
         self.shown("quit")
         self.tmux("send-keys", "Escape")
