@@ -59,6 +59,14 @@ void *operator new(size_t size) {
 void *operator new[](size_t size) {
   return Allocate(size);
 }
+// A sanitizer has one of its own otherwise.
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+  try {
+    return Allocate(size);
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
+}
 void operator delete(void *memory) noexcept {
   free(memory);
 }
