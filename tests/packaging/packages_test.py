@@ -99,14 +99,12 @@ class Files(unittest.TestCase):
         self.assertIn("debian-installed 'vexhostd-export.timer'", scripts)
         self.assertNotRegex(scripts, r"deb-systemd-invoke.*vexhostd-export")
 
-    def test_dpkg_gets_a_hook_that_is_configuration(self):
-        # A conffile: dpkg leaves alone what an administrator did to it.
-        listed = subprocess.run(["dpkg-deb", "-I", package("vexhostd"), "conffiles"], check=True,
-                                stdout=subprocess.PIPE, text=True).stdout
-        self.assertIn("/etc/dpkg/dpkg.cfg.d/vexhostd", listed.split())
-        hook = self.root + "/etc/dpkg/dpkg.cfg.d/vexhostd"
-        self.assertFalse(os.path.islink(hook))
-        with open(hook, encoding="utf-8") as file:
+    def test_dpkg_gets_a_hook_that_goes_with_the_package(self):
+        # A link, and so no conffile, which would stay after a removal.
+        link = self.root + "/etc/dpkg/dpkg.cfg.d/vexhostd"
+        self.assertTrue(os.path.islink(link))
+        target = os.path.join("/etc/dpkg/dpkg.cfg.d", os.readlink(link))
+        with open(self.root + os.path.normpath(target), encoding="utf-8") as file:
             options = [line for line in file.read().splitlines() if not line.startswith("#")]
         [hook] = options
         name, command = hook.split("=", 1)
