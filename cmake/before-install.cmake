@@ -63,6 +63,9 @@ endif()
 string(SHA256 VEX_RECORD "$ENV{DESTDIR}:${VEX_PREFIX}")
 set(VEX_RECORD "${VEX_BUILD}/installed/${VEX_RECORD}")
 file(WRITE "${VEX_RECORD}/destdir.txt" "$ENV{DESTDIR}")
+file(WRITE "${VEX_RECORD}/prefix.txt" "${VEX_PREFIX}")
+string(TIMESTAMP now "%s%f" UTC)
+file(WRITE "${VEX_RECORD}/time.txt" "${now}")
 
 # vex_configuration(PATH FILE PERMISSION...): see vex_install_configuration.
 function(vex_configuration path file)

@@ -1,6 +1,8 @@
-# Takes away what was installed from this build directory with the same DESTDIR: the files of the records
-# that before-install.cmake and after-install.cmake keep, and the directories that the installations
-# made and that are empty now. A configuration file that was changed since stays.
+# Takes away what was installed last from this build directory with the same DESTDIR: the files of the
+# record that before-install.cmake and after-install.cmake keep, and the directories that the
+# installation made and that are empty now. A configuration file that was changed since stays. What was
+# installed before with other prefixes is named, and goes when this is done again: one that somebody
+# uses must not go with another that was for a trial.
 set(destdir "$ENV{DESTDIR}")
 if(NOT destdir STREQUAL "")
   if(NOT IS_ABSOLUTE "${destdir}")
@@ -8,15 +10,29 @@ if(NOT destdir STREQUAL "")
   endif()
   get_filename_component(destdir "${destdir}" ABSOLUTE)
 endif()
+set(newest 0)
 set(records)
 set(others)
 file(GLOB all installed/*)
 foreach(record ${all})
+  # The last that an installation writes of it at its beginning.
+  if(NOT EXISTS ${record}/time.txt)
+    continue()
+  endif()
   file(READ ${record}/destdir.txt its)
-  if(its STREQUAL destdir)
-    list(APPEND records ${record})
+  file(READ ${record}/prefix.txt prefix)
+  file(READ ${record}/time.txt time)
+  if(NOT its STREQUAL destdir)
+    string(APPEND others "\n  DESTDIR=${its}, prefix ${prefix}")
+  elseif(time GREATER newest)
+    if(records)
+      string(APPEND others "\n  ${older}")
+    endif()
+    set(newest ${time})
+    set(records ${record})
+    set(older "${prefix}")
   else()
-    string(APPEND others "\n  DESTDIR=${its}")
+    string(APPEND others "\n  ${prefix}")
   endif()
 endforeach()
 if(NOT records)
@@ -89,3 +105,6 @@ if(stayed)
     "${stayed}")
 endif()
 file(REMOVE_RECURSE ${records})
+if(others)
+  message(STATUS "Installed from here as well, and still there:${others}")
+endif()

@@ -63,6 +63,8 @@ class Installation(Work):
         run("mount", "-t", "overlay", "overlay", "-o",
             f"lowerdir={BUILD},upperdir={layer}/upper,workdir={layer}/work", BUILD)
         self.addCleanup(run, "umount", "--lazy", BUILD)
+        # Not what others have installed from there.
+        shutil.rmtree(BUILD + "/installed", ignore_errors=True)
 
     def configure(self, *options):
         run("cmake", "-S", SOURCE, "-B", self.build, "-DVEX_TESTS=OFF", "-DVEX_BENCH=OFF", *options)
@@ -173,6 +175,11 @@ class Places(Installation):
         for place, stage in (("one", ""), ("two", ""), ("one", "/stage")):
             run("cmake", "--install", self.build, "--prefix", f"{self.work}/{place}",
                 "--component", "headers", DESTDIR=stage and self.work + stage)
+        # The last one goes; the others are named, and stay until it is done again.
+        said = run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR="")
+        self.assertEqual(sorted(os.listdir(self.work)), ["one", "stage"])
+        self.assertIn(self.work + "/one\n", said)
+        self.assertIn(f"DESTDIR={self.work}/stage", said)
         run("cmake", "--build", self.build, "--target", "uninstall", DESTDIR="")
         self.assertEqual(os.listdir(self.work), ["stage"])
         # Which there are is said.
