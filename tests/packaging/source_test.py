@@ -1,4 +1,5 @@
-"""What packages are made from: the source package, and the spec as rpm reads it. Neither is built.
+"""What packages are made from: the source package, and the description of the rpm packages as rpm reads it.
+Neither is built.
 
 usage: source_test.py SOURCE [TestClass[.test]]
 """
