@@ -28,12 +28,15 @@ ViewSignals::ViewSignals() {
   sigset_t taken;
   sigemptyset(&taken);
   for (const int number : kTaken) {
+    sigaddset(&taken, number);
+  }
+  // First, so that none is taken where nobody looks at what came.
+  sigprocmask(SIG_BLOCK, &taken, &before_);
+  for (const int number : kTaken) {
     struct sigaction action = {};
     action.sa_handler = TakeSignal;
     sigaction(number, &action, nullptr);
-    sigaddset(&taken, number);
   }
-  sigprocmask(SIG_BLOCK, &taken, &before_);
   // Whoever started this may have blocked them.
   for (const int number : kTaken) {
     sigdelset(&before_, number);
@@ -64,6 +67,9 @@ void ViewSignals::Stop() const {
 
 TakingSignals::TakingSignals(const ViewSignals &signals) {
   at_once = 1;
+  if (ended != 0) {
+    alarm(kPatience);
+  }
   sigprocmask(SIG_SETMASK, &signals.Before(), &blocked_);
 }
 

@@ -13,6 +13,7 @@
 
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
+#include "tools/vexreg/signals.h"
 
 using namespace vex;
 using made_up::Eventually;
@@ -342,6 +343,26 @@ TEST_F(WatchScreen, EndsWhileTheTerminalTakesNothing) {
   }
   close(slave);
   close(master);
+}
+
+// What ends the view may come while nothing waits; giving the terminal back has a limit all the
+// same.
+TEST(ViewSignals, AfterTheEndNothingIsWaitedForWithoutLimit) {
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const vex::ViewSignals signals;
+    {
+      const vex::TakingSignals taking(signals);
+      raise(SIGTERM);
+    }
+    const bool forgotten = alarm(0) == 0;
+    const vex::TakingSignals taking(signals);
+    _exit(forgotten && vex::ViewSignals::Ended() && alarm(0) != 0 ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(WatchScreen, EndsWithItsTerminal) {
