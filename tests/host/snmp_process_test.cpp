@@ -61,10 +61,12 @@ class Intruder {
 
   // What the call returns there: negative for an error. Texts are put into the thread's memory.
   struct Argument {
+    // NOLINTBEGIN(google-explicit-constructor): calls are written as in C
     Argument(const char *what) : text(what) {}
     Argument(const std::string &what) : text(what) {}
     template <typename Number>
     Argument(Number what) : number(static_cast<unsigned long>(what)) {}
+    // NOLINTEND(google-explicit-constructor)
     std::string text;
     unsigned long number = 0;
   };

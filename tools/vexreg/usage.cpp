@@ -103,7 +103,7 @@ std::vector<std::string> OptionNames(const CLI::App &app, const CLI::App &comman
 std::string WithoutJargon(const CLI::ParseError &error) {
   constexpr std::string_view kRequired = ": 1 required ";
   constexpr std::string_view kMissing = " missing";
-  const std::string text = error.what();
+  std::string text = error.what();
   const size_t at = text.find(kRequired);
   if (at == std::string::npos || !text.ends_with(kMissing)) {
     return text;

@@ -687,7 +687,7 @@ TEST_F(SnmpSideTest, FewDescriptorsLoseNoConfiguration) {
   constexpr int kMost = 16;
   for (int more = 0; more < kMost; more++) {
     rlimit few = before;
-    few.rlim_cur = static_cast<rlim_t>(free_one + more);
+    few.rlim_cur = static_cast<rlim_t>(free_one) + static_cast<rlim_t>(more);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     settings_ = {};
     const int result = SnmpStart("vexhostd", &settings_);

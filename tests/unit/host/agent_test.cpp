@@ -241,7 +241,7 @@ TEST_F(Agent, AFailingGroupEndsStartUp) {
 TEST_F(Agent, HardwareInfoThatCannotBeBuiltFailsStartUp) {
   rec::Fail("create_obj", "host/hwinfo");
   EXPECT_EQ(Start({"-i"}), -1);
-  const std::vector<std::string> messages = rec::Messages();
+  const std::vector<std::string> &messages = rec::Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(),
             "vexhostd: Start-up failed: the hardware-info group could not be built\n");

@@ -41,8 +41,9 @@ Array Health() {
 // Octets 4 * index to 4 * index + 3 as numbers: present, condition, major, minor.
 std::vector<int> Row(const Array &array, int index) {
   std::vector<int> octets;
-  for (int i = 0; i < 4; i++) {
-    octets.push_back(static_cast<unsigned char>(array[static_cast<size_t>(4 * index + i)]));
+  const size_t first = 4 * static_cast<size_t>(index);
+  for (size_t i = 0; i < 4; i++) {
+    octets.push_back(static_cast<unsigned char>(array[first + i]));
   }
   return octets;
 }
@@ -187,7 +188,7 @@ TEST_F(MibStatus, EveryRowOfTheStatusArray) {
   int worst = 206;
   const auto put = [&](int index, int condition, int major, int minor) {
     expected.replace(
-        static_cast<size_t>(4 * index), 4,
+        4 * static_cast<size_t>(index), 4,
         {'\1', static_cast<char>(condition), static_cast<char>(major), static_cast<char>(minor)});
   };
   for (const StatusRow &row : kStatusRows) {

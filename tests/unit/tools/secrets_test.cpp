@@ -6,6 +6,7 @@
 
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
+#include "tools/vexreg/values.h"
 
 namespace vex {
 namespace {
