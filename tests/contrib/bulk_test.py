@@ -95,8 +95,10 @@ class Masters(unittest.TestCase):
         if "agentXTimeout" not in lines:
             lines += "agentXTimeout 60\n"
         cls.host.start_master(program, text + lines)
+        # The small subagent has a part of vexhostd's tree: only a column of vexhostd's own shows that it is there.
         masters.eventually(lambda: cls.small.sessions > sessions and cls.host.serves(BEFORE) and
-                           cls.host.serves(AFTER) and cls.host.serves(cls.split),
+                           cls.host.serves(AFTER) and cls.host.serves(cls.split) and
+                           cls.host.serves(cls.columns[0]),
                            lambda: cls.host.log("snmpd"))
         masters.eventually(lambda: cls.host.serves(EXTENDED), lambda: cls.host.log("extend"))
         cls.views = list(views)
