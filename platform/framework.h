@@ -279,6 +279,22 @@ int run_command(const char *command, int limit_ms, char *output, size_t size, si
  * -1 when it could not be run or was killed. */
 int process_linux_cmd(const char *command, char *output, int *length);
 
+/* One step of run_apart(); `result` is its record, zeroed. */
+typedef void (*apart_fn)(size_t at, void *result);
+
+/* Calls step(0, ...), step(1, ...) to step(count - 1, ...) in a child of the framework that is
+ * killed when one of them takes longer than limit_ms milliseconds, or all of them longer than
+ * whole_ms, or the agent is to end: for calls that other users' processes can hold up without end,
+ * signals or not. The child has the memory of the moment of the call, no descriptor, and no other
+ * thread; a step takes no lock and no memory, and leaves nothing but its record. The records of the
+ * steps done, of `size` octets each, are stored in `results`, which the caller owns.
+ * Returns the number of steps done. When there are fewer than count, errno says why: ETIMEDOUT (the
+ * next one was held up; it is step number `returned`), EAGAIN or ETIME (all took too long, or try
+ * again: that one is not to blame), EINTR (the agent is to end), ECHILD (the child was ended by
+ * somebody), or why none could be started. Agent thread. */
+size_t run_apart(apart_fn step, size_t count, void *results, size_t size, int limit_ms,
+                 int whole_ms);
+
 /* ---- SNMP -------------------------------------------------------------------------------- */
 
 /* Names the application for the SNMP library, reads its configuration and connects to the master

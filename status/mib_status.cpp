@@ -199,38 +199,137 @@ static constexpr char proc_directory[] = "/proc";
 static constexpr int most_listings = 3;
 static constexpr size_t command_size = 256;
 
-// A process whose program path names a peer: the rows that it matches, a bit each.
+// A process and the rows whose peers its program path names, a bit each.
 struct named_process {
   pid_t pid;
   uint32_t status_rows;
   uint32_t health_rows;
 };
 
+// A process whose command line could not be read in time. Whoever reads one waits for the lock of
+// that process's memory, and its owner can keep that taken for as long as he likes.
+struct held_process {
+  named_process last;  // what it was before
+  uint64_t start;      // tells it from a later process of that number; 0: unknown
+  int64_t pause;       // milliseconds until it is asked again
+  int64_t asked_at;
+};
+
+// Records that grow; those below are sorted by pid.
+template <typename T>
+struct records {
+  T *items;
+  size_t count;
+  size_t capacity;
+
+  // Makes room for so many in all. False without memory.
+  bool reserve(size_t all) {
+    size_t larger = capacity > 0 ? capacity : 64;
+    while (larger < all) {
+      larger *= 2;
+    }
+    if (larger != capacity) {
+      void *grown = realloc(items, larger * sizeof(T));
+      if (grown == nullptr) {
+        return false;
+      }
+      items = static_cast<T *>(grown);
+      capacity = larger;
+    }
+    return true;
+  }
+  // False without memory.
+  bool add(const T &record) {
+    if (!reserve(count + 1)) {
+      return false;
+    }
+    items[count++] = record;
+    return true;
+  }
+};
+
 // The last reading of /proc. It costs 4 microseconds a process, so the health array, built right
 // after the status array, takes the reading made for that one, unless peers that were asked in
 // between took their time.
 static constexpr int64_t reading_lasts = 200'000'000;  // nanoseconds
-static named_process *named;
-static size_t named_count;
-static size_t named_capacity;
+static records<named_process> named;                   // those that name a peer
+static records<named_process> named_before;
+static records<named_process> listed;  // all that /proc shows, without rows
+static records<named_process> asked;   // in the order in which they are
+static records<held_process> held;
 static int64_t read_at;
 static bool left_for_health;
 
-// Reads the first line, at most, of a process's command line (proc(5): arguments end in NUL, so as
-// text it is the program path). False when it cannot be opened. Plain calls below the directory
-// already open: with ten thousand processes a scan must stay in the tens of milliseconds.
-static bool read_command(int proc, const char *pid, char command[command_size]) {
-  char path[NAME_MAX + sizeof("/cmdline")];
-  snprintf(path, sizeof(path), "%s/cmdline", pid);
-  const int descriptor = openat(proc, path, O_RDONLY | O_CLOEXEC);
+static pid_t pid_of(const named_process &process) {
+  return process.pid;
+}
+
+static pid_t pid_of(const held_process &process) {
+  return process.last.pid;
+}
+
+template <typename T>
+static int compare_pids(const void *a, const void *b) {
+  const pid_t first = pid_of(*static_cast<const T *>(a));
+  const pid_t second = pid_of(*static_cast<const T *>(b));
+  return (first > second) - (first < second);
+}
+
+template <typename T>
+static void sort(records<T> *them) {
+  if (them->count > 1) {
+    qsort(them->items, them->count, sizeof(T), compare_pids<T>);
+  }
+}
+
+// Null when there is none.
+template <typename T>
+static T *find(const records<T> &them, pid_t pid) {
+  size_t from = 0;
+  size_t to = them.count;
+  while (from < to) {
+    const size_t middle = from + (to - from) / 2;
+    const pid_t there = pid_of(them.items[middle]);
+    if (there == pid) {
+      return &them.items[middle];
+    }
+    if (there < pid) {
+      from = middle + 1;
+    } else {
+      to = middle;
+    }
+  }
+  return nullptr;
+}
+
+// At most size - 1 bytes of a file of a process, as text. False when it cannot be opened.
+static bool read_of_process(pid_t pid, const char *name, char *text, size_t size) {
+  char path[64];
+  snprintf(path, sizeof(path), "%s/%d/%s", proc_directory, static_cast<int>(pid), name);
+  const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) {
     return false;
   }
-  const ssize_t n = read(descriptor, command, command_size - 1);
+  const ssize_t n = read(descriptor, text, size - 1);
   close(descriptor);
-  command[n > 0 ? n : 0] = '\0';
-  command[strcspn(command, "\n")] = '\0';
+  text[n > 0 ? n : 0] = '\0';
   return true;
+}
+
+// When a process began, in ticks after the host; 0 when it cannot be read. Takes no lock of the
+// process's memory.
+static uint64_t start_of(pid_t pid) {
+  constexpr int fields_after_name = 20;
+  char stat[1024];
+  if (!read_of_process(pid, "stat", stat, sizeof(stat))) {
+    return 0;
+  }
+  // The name, in parentheses, may have blanks and parentheses.
+  const char *field = strrchr(stat, ')');
+  for (int i = 0; field != nullptr && i < fields_after_name; i++) {
+    field = strchr(field + 1, ' ');
+  }
+  return field != nullptr ? strtoull(field, nullptr, 10) : 0;
 }
 
 template <size_t N>
@@ -245,45 +344,218 @@ static uint32_t matching_rows(const peer (&peers)[N], const char *command) {
   return rows;
 }
 
-// Keeps a process that names a peer; without memory it is passed over.
-static void keep_process(pid_t pid, const char *command) {
-  const named_process process = {pid, matching_rows(status_peers, command),
-                                 matching_rows(health_peers, command)};
-  if ((process.status_rows | process.health_rows) == 0) {
-    return;
+static named_process match(pid_t pid, const char *command) {
+  return {pid, matching_rows(status_peers, command), matching_rows(health_peers, command)};
+}
+
+// Keeps a process that names a peer.
+static void keep_process(const named_process &process) {
+  if ((process.status_rows | process.health_rows) != 0) {
+    named.add(process);
   }
-  if (named_count == named_capacity) {
-    const size_t capacity = named_capacity > 0 ? 2 * named_capacity : 64;
-    void *grown = realloc(named, capacity * sizeof(*named));
-    if (grown == nullptr) {
-      return;
-    }
-    named = static_cast<named_process *>(grown);
-    named_capacity = capacity;
-  }
-  named[named_count++] = process;
 }
 
 enum listing { LISTED, NOT_OPENED, BROKEN_OFF };
 
 static listing list_processes() {
-  named_count = 0;
+  listed.count = 0;
   const directory_handle proc(opendir(proc_directory));
   if (!proc) {
     return NOT_OPENED;
   }
-  const int descriptor = dirfd(proc.get());
   for (;;) {
     errno = 0;
     const dirent *entry = readdir(proc.get());
     if (entry == nullptr) {
-      return errno == 0 ? LISTED : BROKEN_OFF;
+      const bool whole = errno == 0;
+      // Each is asked once, and kept once, at most: nothing is missed for want of memory below.
+      return whole && asked.reserve(listed.count) && named_before.reserve(listed.count)
+                 ? LISTED
+                 : BROKEN_OFF;
     }
     const long pid = strtol(entry->d_name, nullptr, 10);
-    char command[command_size];
-    if (pid != 0 && read_command(descriptor, entry->d_name, command)) {
-      keep_process(static_cast<pid_t>(pid), command);
+    if (pid != 0 && !listed.add({static_cast<pid_t>(pid), 0, 0})) {
+      return BROKEN_OFF;
     }
+  }
+}
+
+// ---- Reading command lines ----------------------------------------------------------------------
+
+static constexpr int most_waiting = 1000;  // milliseconds for one command line,
+static constexpr int least_waiting = 50;
+static constexpr int all_waiting = 2000;  // and for those of a listing
+static constexpr int64_t shortest_pause = 30000;
+static constexpr int64_t longest_pause = 600000;
+
+// From which one of those that are asked.
+static size_t asked_from;
+// Where the next listing begins, since the last one had no time for it.
+static pid_t next_asked;
+static bool trouble_told;
+
+// A step of run_apart(). The program path is the first line, at most, of a command line (proc(5):
+// arguments end in NUL). With ten thousand processes a reading must stay in the tens of
+// milliseconds.
+static void read_command(size_t at, void *result) {
+  char command[command_size];
+  const pid_t pid = asked.items[asked_from + at].pid;
+  if (read_of_process(pid, "cmdline", command, sizeof(command))) {
+    command[strcspn(command, "\n")] = '\0';
+    const named_process process = match(pid, command);
+    memcpy(result, &process, sizeof(process));
+  }
+}
+
+// Forgets held processes that have ended.
+static void forget_ended() {
+  size_t left = 0;
+  for (size_t i = 0; i < held.count; i++) {
+    const held_process &process = held.items[i];
+    const bool is_listed = find(listed, process.last.pid) != nullptr;
+    const uint64_t start = is_listed && process.start != 0 ? start_of(process.last.pid) : 0;
+    if (is_listed && (start == 0 || start == process.start)) {
+      held.items[left++] = process;
+    }
+  }
+  held.count = left;
+}
+
+// Its command line was read.
+static void let_go(pid_t pid) {
+  held_process *process = find(held, pid);
+  if (process != nullptr) {
+    held.count--;
+    memmove(process, process + 1,
+            static_cast<size_t>(held.items + held.count - process) * sizeof(*process));
+  }
+}
+
+// What a process was at the last reading: without rows when it was none that names a peer.
+static named_process as_before(pid_t pid) {
+  const held_process *process = find(held, pid);
+  if (process != nullptr) {
+    return process->last;
+  }
+  const named_process *before = find(named_before, pid);
+  return before != nullptr ? *before : named_process{pid, 0, 0};
+}
+
+// Its command line was not read in time.
+static void hold(pid_t pid) {
+  const int64_t now = monotonic_milliseconds();
+  held_process *process = find(held, pid);
+  if (process != nullptr) {
+    process->asked_at = now;
+    process->pause = process->pause < longest_pause / 2 ? 2 * process->pause : longest_pause;
+    return;
+  }
+  // Without memory it is asked again by the next listing.
+  held.add({as_before(pid), start_of(pid), shortest_pause, now});
+  sort(&held);
+  if (!trouble_told) {
+    agentlog_fprintf(stderr,
+                     "Info: process %d keeps its command line from being read; such a process "
+                     "counts as it was before, and is asked less and less often\n",
+                     static_cast<int>(pid));
+    trouble_told = true;
+  }
+}
+
+// Puts the processes in order: first those that nothing is known against, from where the last
+// listing had no more time, then the held ones that have been left alone for long enough. The other
+// held ones count as they were.
+static void choose_asked() {
+  asked.count = 0;
+  size_t first = 0;
+  while (first < listed.count && listed.items[first].pid < next_asked) {
+    first++;
+  }
+  for (size_t i = 0; i < listed.count; i++) {
+    const named_process &process = listed.items[(first + i) % listed.count];
+    if (held.count == 0 || find(held, process.pid) == nullptr) {
+      asked.add(process);
+    }
+  }
+  const int64_t now = monotonic_milliseconds();
+  for (size_t i = 0; i < held.count; i++) {
+    const held_process &process = held.items[i];
+    if (now - process.asked_at < process.pause) {
+      keep_process(process.last);
+    } else {
+      asked.add(process.last);
+    }
+  }
+}
+
+// How long one process is waited for: the more are held, the likelier it is that the next one is,
+// too.
+static int patience() {
+  const int waiting = most_waiting / static_cast<int>(1 + held.count);
+  return waiting > least_waiting ? waiting : least_waiting;
+}
+
+// Has the command lines read by children, which can be killed when one holds them up. Returns 0, or
+// the error for which no child could do so.
+static int ask_processes(named_process *results) {
+  const int64_t until = monotonic_milliseconds() + all_waiting;
+  asked_from = 0;
+  while (asked_from < asked.count) {
+    const int64_t left = until - monotonic_milliseconds();
+    if (left <= 0) {
+      return 0;
+    }
+    const size_t done = run_apart(read_command, asked.count - asked_from, results, sizeof(*results),
+                                  patience(), static_cast<int>(left));
+    const int error = errno;
+    for (size_t i = 0; i < done; i++) {
+      keep_process(results[i]);
+      if (held.count > 0) {
+        let_go(asked.items[asked_from + i].pid);
+      }
+    }
+    asked_from += done;
+    if (asked_from == asked.count) {
+      return 0;
+    }
+    if (error == ETIMEDOUT) {
+      const pid_t pid = asked.items[asked_from++].pid;
+      hold(pid);
+      keep_process(as_before(pid));
+    } else if (error == EINTR) {
+      return 0;
+    } else if (error != EAGAIN && error != ETIME) {
+      return error;
+    }
+  }
+  return 0;
+}
+
+// Finds the listed processes that name a peer. One that nobody could ask counts as it was before:
+// a peer must not look stopped, and then started anew, by that.
+static void read_commands() {
+  const records<named_process> before = named_before;
+  named_before = named;
+  named = before;
+  named.count = 0;
+  sort(&listed);
+  forget_ended();
+  choose_asked();
+  asked_from = 0;
+  const freeing<named_process> results(
+      static_cast<named_process *>(calloc(asked.count + 1, sizeof(named_process))));
+  const int error = results ? ask_processes(results.get()) : ENOMEM;
+  next_asked = asked_from < asked.count ? asked.items[asked_from].pid : 0;
+  for (; asked_from < asked.count; asked_from++) {
+    keep_process(as_before(asked.items[asked_from].pid));
+  }
+  sort(&named);
+  if (error != 0 && !trouble_told) {
+    agentlog_fprintf(stderr, "Cannot read the command lines of processes: %s\n", strerror(error));
+    trouble_told = true;
+  } else if (error == 0 && next_asked == 0 && held.count == 0 && trouble_told) {
+    agentlog_fprintf(stderr, "Info: the command lines of all processes can be read again\n");
+    trouble_told = false;
   }
 }
 
@@ -298,10 +570,14 @@ static int read_processes() {
     agentlog_fprintf(stderr, "cannot opendir(%s)", proc_directory);  // without a newline
   } else if (result == BROKEN_OFF) {
     agentlog_fprintf(stderr, "cannot readdir(%s)\n", proc_directory);
+  } else {
+    read_commands();
   }
   read_at = monotonic_nanoseconds();
   return result == LISTED ? 0 : -1;
 }
+
+// ---- Who runs -----------------------------------------------------------------------------------
 
 // Notes for the peers that a process matches whether it runs in another group than before.
 static void note_process(peer *peers, uint32_t rows, pid_t pid) {
@@ -330,8 +606,8 @@ static void scan(peer (&peers)[N], uint32_t named_process::*rows, bool reading_s
   if (!reading_succeeded) {
     return;
   }
-  for (size_t i = 0; i < named_count; i++) {
-    note_process(peers, named[i].*rows, named[i].pid);
+  for (size_t i = 0; i < named.count; i++) {
+    note_process(peers, named.items[i].*rows, named.items[i].pid);
   }
   for (peer &p : peers) {
     if (p.changed == being_scanned) {

@@ -1,11 +1,7 @@
 #include "framework/machine/mount_stats.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,8 +14,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "framework/process/child.h"
 #include "framework/process/clock.h"
-#include "framework/process/close_others.h"
 #include "framework/process/printable.h"
 
 namespace vex {
@@ -63,33 +59,6 @@ struct Slot {
   Answer late;                   // of a child that was left alone
 };
 
-// Memory that is shared with children; a child that lives on keeps its view of it.
-class SharedMemory {
- public:
-  // Maps nothing when there is no memory: then it converts to false.
-  explicit SharedMemory(size_t size) : size_(size) {
-    memory_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  }
-  ~SharedMemory() {
-    if (memory_ != MAP_FAILED) {
-      munmap(memory_, size_);
-    }
-  }
-  SharedMemory(const SharedMemory &) = delete;
-  SharedMemory &operator=(const SharedMemory &) = delete;
-
-  explicit operator bool() const {
-    return memory_ != MAP_FAILED;
-  }
-  template <typename T>
-  T *At(size_t offset) const {
-    return reinterpret_cast<T *>(static_cast<char *>(memory_) + offset);
-  }
-
- private:
-  size_t size_;
-  void *memory_;
-};
 static_assert(std::atomic<size_t>::is_always_lock_free);
 static_assert(std::atomic<int64_t>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
@@ -149,16 +118,26 @@ Answer AskOne(const MountAsker::Settings &settings, const char *path, int64_t si
   }
 }
 
-struct Child {
-  pid_t pid;
-  int alive;  // end of a pipe that hangs up when the child ends
+// A child that asks mounts.
+struct Asker : Child {
   Slot *slot;
   std::string path;  // that it asks, once nobody waits for it
 };
 
-bool HasEnded(const Child &child) {
-  pollfd end = {child.alive, POLLIN, 0};
-  return poll(&end, 1, 0) == 1;
+// What a child is told.
+struct Task {
+  const MountAsker::Settings *settings;
+  Batch *batch;      // that it works on, or
+  const char *path;  // the one mount that it asks
+  Slot *slot;
+};
+
+[[noreturn]] void DoTask(void *argument) {
+  const Task &task = *static_cast<const Task *>(argument);
+  if (task.batch != nullptr) {
+    Work(*task.settings, task.batch, task.slot);
+  }
+  LeaveAnswer(task.slot, AskOne(*task.settings, task.path, ClockNs()));
 }
 
 }  // namespace
@@ -182,13 +161,13 @@ struct MountAsker::State {
   Settings settings;
   std::unique_ptr<SharedMemory> slots;
   std::vector<size_t> free_slots;
-  std::list<Child> working;  // on the present batch
-  std::list<Child> alone;    // that nobody waits for
+  std::list<Asker> working;  // on the present batch
+  std::list<Asker> alone;    // that nobody waits for
   Mounts known;
   uint64_t pass = 0;
 
   bool MakeSlots();
-  void Bury(const Child &child);
+  void Bury(const Asker &child);
   void Reap();
   bool MayAsk(const char *path, mount_stats *result);
   mount_stats Outcome(Mounts::iterator mount);
@@ -220,17 +199,15 @@ bool MountAsker::State::MakeSlots() {
 }
 
 // Of a child that has ended.
-void MountAsker::State::Bury(const Child &child) {
-  close(child.alive);
-  while (waitpid(child.pid, nullptr, 0) < 0 && errno == EINTR) {
-  }
+void MountAsker::State::Bury(const Asker &child) {
+  vex::Bury(child);
   // There was room for it before it was taken.
   free_slots.push_back(static_cast<size_t>(child.slot - slots->At<Slot>(0)));
 }
 
 // Takes over what children left that have ended.
 void MountAsker::State::Reap() {
-  std::erase_if(alone, [&](const Child &child) {
+  std::erase_if(alone, [&](const Asker &child) {
     if (!HasEnded(child)) {
       return false;
     }
@@ -269,7 +246,7 @@ mount_stats MountAsker::State::Outcome(Mounts::iterator mount) {
     return it.answer.stats;
   }
   const auto asks = std::find_if(alone.begin(), alone.end(),
-                                 [&](const Child &child) { return child.pid == it.child; });
+                                 [&](const Asker &child) { return child.pid == it.child; });
   const bool silent =
       asks != alone.end() && ClockNs() - asks->slot->since > Nanoseconds(settings.silence);
   if (!silent && !it.silence_told) {
@@ -386,47 +363,18 @@ int MountAsker::State::StartChild(Batch *batch, const char *path) {
   if (free_slots.empty()) {
     return EAGAIN;
   }
-  working.push_back({0, -1, nullptr, batch == nullptr ? path : ""});
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    working.pop_back();
-    return errno;
-  }
+  working.push_back({{0, -1}, nullptr, batch == nullptr ? path : ""});
   Slot *slot = slots->At<Slot>(0) + free_slots.back();
   slot->answered = false;
   slot->since = ClockNs();
   slot->current = batch != nullptr ? kBetweenCalls : kLeftAlone;
-  // No handler of the agent may run in the child.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
-      _exit(0);
-    }
-    prctl(PR_SET_NAME, "mount-asker");
-    // One that lives on holds nothing of the agent's open.
-    CloseOthers(0, ends[1]);
-    if (batch != nullptr) {
-      Work(settings, batch, slot);
-    }
-    LeaveAnswer(slot, AskOne(settings, path, ClockNs()));
-  }
-  const int error = pid < 0 ? errno : 0;
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  close(ends[1]);
+  Task task = {&settings, batch, path, slot};
+  const int error = vex::StartChild("mount-asker", DoTask, &task, &working.back());
   if (error != 0) {
-    close(ends[0]);
     working.pop_back();
     return error;
   }
   free_slots.pop_back();
-  working.back().pid = pid;
-  working.back().alive = ends[0];
   working.back().slot = slot;
   return 0;
 }
@@ -434,7 +382,7 @@ int MountAsker::State::StartChild(Batch *batch, const char *path) {
 // Ends the batch before its time.
 void MountAsker::State::GiveUp(Batch *batch) {
   batch->Next() = batch->ask.size();  // for children that are between two mounts
-  for (const Child &child : working) {
+  for (const Asker &child : working) {
     kill(child.pid, SIGKILL);
   }
   alone.splice(alone.end(), working);
@@ -444,7 +392,7 @@ void MountAsker::State::GiveUp(Batch *batch) {
 void MountAsker::State::Wait() {
   std::vector<pollfd> ends;
   ends.reserve(working.size());
-  for (const Child &child : working) {
+  for (const Asker &child : working) {
     ends.push_back({child.alive, POLLIN, 0});
   }
   poll(ends.data(), ends.size(), static_cast<int>(settings.patience.count()));

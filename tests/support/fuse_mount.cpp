@@ -22,6 +22,21 @@
 
 namespace made_up {
 
+namespace {
+
+constexpr uint64_t kFileNode = 2;
+
+fuse_attr Attributes(uint64_t node) {
+  fuse_attr attributes = {};
+  attributes.ino = node;
+  attributes.mode = node == kFileNode ? S_IFREG | 0644 : S_IFDIR | 0755;
+  attributes.nlink = node == kFileNode ? 1 : 2;
+  attributes.size = node == kFileNode ? 4096 : 0;
+  return attributes;
+}
+
+}  // namespace
+
 struct FuseMount::State {
   std::string directory;
   int device = -1;
@@ -34,6 +49,7 @@ struct FuseMount::State {
   bool hanging = false;
   bool all_hangs = false;
   std::vector<uint64_t> waiting;
+  bool reads_end = false;      // with EIO
   std::vector<uint64_t> held;  // that are no statvfs()
   std::deque<std::pair<std::chrono::steady_clock::time_point, uint64_t>> delayed;
   size_t asked = 0;
@@ -91,14 +107,36 @@ void FuseMount::State::Handle(const char *request) {
       break;
     case FUSE_GETATTR: {
       fuse_attr_out answer = {};
-      answer.attr.ino = 1;
-      answer.attr.mode = S_IFDIR | 0755;
-      answer.attr.nlink = 2;
+      answer.attr = Attributes(header.nodeid);
       Reply(header.unique, 0, &answer, sizeof(answer));
       break;
     }
-    case FUSE_LOOKUP:
-      Reply(header.unique, ENOENT, nullptr, 0);
+    case FUSE_LOOKUP: {
+      fuse_entry_out answer = {};
+      answer.nodeid = kFileNode;
+      answer.attr = Attributes(kFileNode);
+      const bool found = strcmp(request + sizeof(header), kFile) == 0;
+      Reply(header.unique, found ? 0 : ENOENT, &answer, found ? sizeof(answer) : 0);
+      break;
+    }
+    case FUSE_OPEN: {
+      fuse_open_in open;
+      memcpy(&open, request + sizeof(header), sizeof(open));
+      fuse_open_out answer = {};
+      // Else opening it waits for the reads already.
+      answer.open_flags = FOPEN_KEEP_CACHE;
+      if ((open.flags & O_ACCMODE) == O_RDWR) {
+        answer.open_flags |= FOPEN_DIRECT_IO;
+      }
+      Reply(header.unique, 0, &answer, sizeof(answer));
+      break;
+    }
+    case FUSE_READ:
+      if (reads_end) {
+        Reply(header.unique, EIO, nullptr, 0);
+      } else {
+        held.push_back(header.unique);
+      }
       break;
     case FUSE_FORGET:
     case FUSE_BATCH_FORGET:
@@ -209,6 +247,7 @@ void FuseMount::Recover() {
   const std::lock_guard hold(state_->lock);
   state_->hanging = false;
   state_->all_hangs = false;
+  state_->reads_end = true;
   for (const uint64_t unique : state_->held) {
     state_->Reply(unique, EIO, nullptr, 0);
   }

@@ -1,5 +1,5 @@
-// A FUSE file system that answers statvfs() with given figures, or not at all: the server is a
-// thread of the test that speaks fuse(4) itself.
+// A FUSE file system that answers statvfs() with given figures, or not at all, and has one file
+// that nobody gets to read: the server is a thread of the test that speaks fuse(4) itself.
 #ifndef VEX_TESTS_SUPPORT_FUSE_MOUNT_H
 #define VEX_TESTS_SUPPORT_FUSE_MOUNT_H
 
@@ -12,6 +12,11 @@ namespace made_up {
 
 class FuseMount {
  public:
+  // The file below the directory. Its reads are not answered until Recover(), then with EIO. Who
+  // opens it for reading and writing has it without the page cache, so that mapping it waits for
+  // all reads.
+  static constexpr char kFile[] = "file";
+
   // Mounts on the directory, which is made; its figures: 4 KiB blocks.
   FuseMount(const std::string &directory, uint64_t blocks, uint64_t free_blocks,
             uint64_t files = 100, uint64_t free_files = 40);

@@ -231,6 +231,7 @@ class MadeUpHost {
   // An interface with that hardware address ("52:54:00:12:34:56").
   void Interface(const std::string &name, const std::string &address);
   // A process whose command line is the words, e.g. {"tlxstdeqd", "-p", "15"}; its PID.
+  // At SIGUSR1 it maps the file that the second word names.
   pid_t Peer(const std::vector<std::string> &words);
   void EndPeer(pid_t pid);
 

@@ -332,13 +332,22 @@ bool ProcessExists(pid_t pid) {
   return !fields.empty() && fields[0] != "Z";
 }
 
-double CpuSeconds(pid_t pid) {
+// Of two fields of /proc/PID/stat side by side.
+static double SumOfTicks(pid_t pid, size_t first) {
   auto fields = StatFields(pid);
-  if (fields.size() < 13) {
+  if (fields.size() < first + 2) {
     return 0;
   }
-  return (std::stod(fields[11]) + std::stod(fields[12])) /
+  return (std::stod(fields[first]) + std::stod(fields[first + 1])) /
          static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+double CpuSeconds(pid_t pid) {
+  return SumOfTicks(pid, 11);
+}
+
+double CpuSecondsOfEndedChildren(pid_t pid) {
+  return SumOfTicks(pid, 13);
 }
 
 std::string ReadFile(const std::string &path) {

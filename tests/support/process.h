@@ -76,6 +76,7 @@ pid_t SnmpProcessOf(pid_t daemon);
 bool ProcessExists(pid_t pid);  // and is no zombie
 // CPU time, user and system, in seconds.
 double CpuSeconds(pid_t pid);
+double CpuSecondsOfEndedChildren(pid_t pid);
 
 std::string ReadFile(const std::string &path);  // "" when there is none
 bool Exists(const std::string &path);

@@ -198,6 +198,11 @@ std::string ReadFile(const std::string &path);
 // once that many bytes have been read.
 void BreakReads(const std::string &path, int times, size_t after);
 
+// A read() of that path is held up from now on: the steps of run_apart(), which are called in this
+// process, end there, and the time that such a step has passes. Elsewhere the test fails.
+void HoldUp(const std::string &path);
+void LetGo(const std::string &path);
+
 // time() and clock_gettime(CLOCK_REALTIME) say this from now on.
 void SetTime(time_t now);
 // Moves what clock_gettime(CLOCK_MONOTONIC) says on.

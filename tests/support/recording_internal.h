@@ -15,6 +15,9 @@ const std::pair<std::string, int> *FindCommand(const std::string &command);
 // A remote management card's ioctl().
 int TransactWithCard(int descriptor, void *argument);
 
+// What a read() that is held up throws, for run_apart() to catch.
+struct HeldUp {};
+
 }  // namespace rec
 
 #endif

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -124,6 +125,7 @@ FILE *BrokenStream(const std::string &path) {
                      functions);
 }
 
+std::set<std::string> held_up;
 std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
 std::map<std::string, int> services;
@@ -192,6 +194,14 @@ void PutSystem(const utsname &made_up) {
 
 void BreakReads(const std::string &path, int times, size_t after) {
   broken_reads[path] = {times, after};
+}
+
+void HoldUp(const std::string &path) {
+  held_up.insert(path);
+}
+
+void LetGo(const std::string &path) {
+  held_up.erase(path);
 }
 
 void SetTime(time_t when) {
@@ -346,6 +356,10 @@ int __wrap_openat(int directory, const char *name, int flags, ...) {
 
 ssize_t __real_read(int descriptor, void *buffer, size_t size);
 ssize_t __wrap_read(int descriptor, void *buffer, size_t size) {
+  if (!held_up.empty() && held_up.contains(PathBelow(descriptor, nullptr))) {
+    close(descriptor);
+    throw rec::HeldUp();
+  }
   return rec::Fails("read", PathBelow(descriptor, nullptr)) ? -1
                                                             : __real_read(descriptor, buffer, size);
 }

@@ -342,9 +342,10 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
   return WithoutChildren(found);
 }
 
-// Its mount askers, and the starter of its SNMP process.
+// Who asks mounts and processes for it, and the starter of its SNMP process.
 static bool StaysWithTheAgent(const std::string &comm) {
-  return comm == "mount-asker\n" || comm == std::string(kSnmpStarter) + "\n";
+  return comm == "mount-asker\n" || comm == "process-asker\n" ||
+         comm == std::string(kSnmpStarter) + "\n";
 }
 
 bool RunsCommand(pid_t agent) {

@@ -67,7 +67,7 @@ void Take(microseconds time) {
   }
 }
 
-SetChannel *asked;  // by handlers
+SetChannel *asked_channel;  // by handlers
 
 int RunAsModel(uint8_t phase, SetItem &item) {
   const std::shared_ptr<Variable> variable = At(item.slot);
@@ -77,7 +77,7 @@ int RunAsModel(uint8_t phase, SetItem &item) {
   }
   Take(phase == SET_CHECK ? variable->check_takes : variable->apply_takes);
   if (phase != SET_CHECK && variable->asks &&
-      !(asked->Wanted(false) && (variable->fails || asked->Wanted(true)))) {
+      !(asked_channel->Wanted(false) && (variable->fails || asked_channel->Wanted(true)))) {
     return -1;
   }
   (phase == SET_CHECK ? variable->checked : variable->applied)++;
@@ -225,7 +225,7 @@ TEST(SetModel, NoneIsAppliedLateHalfOrTwice) {
   const long sets = FromEnvironment("VEX_SETS", 5'000);
   SetChannel channel;
   ASSERT_TRUE(channel.Ready());
-  asked = &channel;
+  asked_channel = &channel;
   std::atomic<bool> stop{false};
   std::thread agent([&] {
     while (!stop) {

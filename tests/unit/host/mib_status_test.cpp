@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "common/util.h"
 #include "tests/support/recording_framework.h"
 
 namespace {
@@ -492,14 +494,28 @@ TEST_F(MibStatus, ManyProcessesOfOneName) {
   EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
 }
 
-TEST_F(MibStatus, AProcessWithoutMemoryIsPassedOver) {
+TEST_F(MibStatus, WithoutMemoryForAListingItIsAsIfProcWereNotThere) {
   Object("ida/misc", {1, 2, 2});
   Process(1000, "vexida", 77);
   rec::Fail("realloc");
-  EXPECT_EQ(Row(Status(), 3), (Octets{0, 0, 0, 0}));
+  EXPECT_EQ(Row(Status(), 3), (Octets{0, 2, 1, 2}));
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{"cannot readdir(/proc)\n"});
   rec::StopFailing();
   EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
 }
+
+// A single allocation that fails hides no process: the listing is made again.
+class MibStatusAllocation : public MibStatus, public testing::WithParamInterface<int> {};
+
+TEST_P(MibStatusAllocation, ThatFailsOnceHidesNoProcess) {
+  Object("ida/misc", {1, 2, 2});
+  Process(1000, "vexida", 77);
+  rec::Fail("realloc", "", GetParam());
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  EXPECT_TRUE(rec::Messages().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, MibStatusAllocation, testing::Range(1, 5));
 
 TEST_F(MibStatus, AListingThatBreaksOffIsBegunAnew) {
   Object("ida/misc", {1, 2, 2});
@@ -511,6 +527,167 @@ TEST_F(MibStatus, AListingThatBreaksOffIsBegunAnew) {
   rec::Fail("readdir", "/proc");
   EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
   EXPECT_EQ(rec::Messages(), std::vector<std::string>{"cannot readdir(/proc)\n"});
+}
+
+// ---- Processes that hold up who reads their command line ---------------------------------------
+
+std::string CommandLine(int pid) {
+  return "/proc/" + std::to_string(pid) + "/cmdline";
+}
+
+// As the kernel has it: a name may look like anything.
+void Started(int pid, int ticks) {
+  rec::PutFile("/proc/" + std::to_string(pid) + "/stat",
+               std::to_string(pid) +
+                   " (a) S 1 (b) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 " +
+                   std::to_string(ticks) + " 99 98\n");
+}
+
+int Children() {
+  return rec::Count("run_apart");
+}
+
+TEST_F(MibStatus, AProcessThatHoldsItsReaderUpCostsNobodyElse) {
+  Object("ida/misc", {1, 2, 2});
+  Object("scsi/mib", {1, 2, 2});
+  Process(10, "vexida", 10);
+  Process(11, "anything", 11);
+  Process(12, "vexscsi", 12);
+  rec::HoldUp(CommandLine(11));
+  Array array = Status();
+  EXPECT_EQ(Row(array, 3), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(Row(array, 5), (Octets{1, 2, 1, 2}));
+  ASSERT_EQ(rec::Messages().size(), 1U);
+  EXPECT_EQ(rec::Messages()[0].rfind("Info: process 11 keeps its command line from being read", 0),
+            0U);
+  // From then on it is left alone, for a while.
+  rec::ForgetEvents();
+  array = Status();
+  EXPECT_EQ(Row(array, 5), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(Children(), 1);
+  rec::LetGo(CommandLine(11));
+  rec::PassTime(31);
+  Status();
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{
+                                 "Info: the command lines of all processes can be read again\n"});
+}
+
+TEST_F(MibStatus, APeerThatHoldsItsReaderUpNeitherStopsNorStartsAnew) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "vexida", 10);
+  Started(10, 500);
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  rec::HoldUp(CommandLine(10));
+  rec::ForgetEvents();
+  for (int i = 0; i < 40; i++) {
+    EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2})) << i;
+    rec::PassTime(15);
+  }
+  EXPECT_EQ(rec::Count("get_obj", "ida/misc"), 0);
+  EXPECT_EQ(rec::Messages().size(), 1U);
+  rec::LetGo(CommandLine(10));
+  rec::PassTime(601);
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(rec::Count("get_obj", "ida/misc"), 0);
+  EXPECT_EQ(rec::Messages().size(), 2U);
+  // It is as any other again.
+  End(10);
+  EXPECT_EQ(Row(Status(), 3)[0], 0);
+}
+
+TEST_F(MibStatus, AProcessThatHoldsItsReaderUpIsAskedLessAndLessOften) {
+  Process(10, "anything", 10);
+  Process(11, "other", 11);
+  rec::HoldUp(CommandLine(10));
+  // Polls at which it held up a child: those with time to pass.
+  std::vector<int> at;
+  for (int second = 0; second < 4000; second += 10) {
+    const int64_t before = monotonic_nanoseconds();
+    Status();
+    if (monotonic_nanoseconds() - before > 200'000'000) {
+      at.push_back(second);
+    }
+    rec::PassTime(10);
+  }
+  ASSERT_EQ(at.size(), 11U);
+  std::vector<int> pauses;
+  for (size_t i = 1; i < at.size(); i++) {
+    pauses.push_back((at[i] - at[i - 1] + 5) / 10 * 10);
+  }
+  EXPECT_EQ(pauses, (std::vector<int>{30, 60, 120, 240, 480, 600, 600, 600, 600, 600}));
+  EXPECT_EQ(rec::Messages().size(), 1U);
+}
+
+TEST_F(MibStatus, AnotherProcessOfThatNumberIsAskedAtOnce) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "anything", 10);
+  Started(10, 500);
+  rec::HoldUp(CommandLine(10));
+  Status();
+  rec::LetGo(CommandLine(10));
+  Process(10, "vexida", 10);
+  Started(10, 501);
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(rec::Messages().size(), 2U);
+}
+
+TEST_F(MibStatus, AHeldPeerThatHasEndedIsSeenToStop) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "vexida", 10);
+  Status();
+  rec::HoldUp(CommandLine(10));
+  Status();
+  rec::LetGo(CommandLine(10));
+  End(10);
+  EXPECT_EQ(Row(Status(), 3)[0], 0);
+  EXPECT_EQ(rec::Messages().size(), 2U);
+}
+
+TEST_F(MibStatus, AListingWithoutTimeGoesOnWhereItStopped) {
+  Object("ida/misc", {1, 2, 2});
+  Object("scsi/mib", {1, 2, 2});
+  Process(5, "vexscsi", 5);
+  Status();
+  for (int pid = 10; pid < 310; pid++) {
+    Process(pid, "anything", pid);
+    rec::HoldUp(CommandLine(pid));
+  }
+  Process(400, "vexida", 400);
+  int listings = 0;
+  for (; listings < 20; listings++) {
+    const int64_t before = monotonic_nanoseconds();
+    const Array array = Status();
+    EXPECT_LT(monotonic_nanoseconds() - before, 3'500'000'000);
+    EXPECT_EQ(Row(array, 5), (Octets{1, 2, 1, 2}));
+    if (Row(array, 3)[0] == 1) {
+      break;
+    }
+  }
+  EXPECT_LT(listings, 12);
+  EXPECT_EQ(rec::Messages().size(), 1U);
+}
+
+TEST_F(MibStatus, WhileNoChildCanBeStartedEveryProcessIsWhatItWas) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "vexida", 10);
+  Status();
+  rec::Fail("run_apart", "*", 0, ENOMEM);
+  rec::ForgetEvents();
+  Process(11, "vexscsi", 11);
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  }
+  EXPECT_EQ(rec::Count("get_obj", "ida/misc"), 0);
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{
+                "Cannot read the command lines of processes: Cannot allocate memory\n"});
+  End(10);
+  EXPECT_EQ(Row(Status(), 3)[0], 0);
+  rec::StopFailing();
+  rec::ForgetEvents();
+  Object("scsi/mib", {1, 2, 2});
+  EXPECT_EQ(Row(Status(), 5), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(rec::Messages().size(), 1U);
 }
 
 // ---- Getters ----------------------------------------------------------------------------------

@@ -1,0 +1,75 @@
+#include "framework/process/child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "framework/process/close_others.h"
+
+namespace vex {
+
+SharedMemory::SharedMemory(size_t size) : size_(size) {
+  memory_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory_ == MAP_FAILED) {
+    memory_ = nullptr;
+  }
+}
+
+SharedMemory::~SharedMemory() {
+  if (memory_ != nullptr) {
+    munmap(memory_, size_);
+  }
+}
+
+int StartChild(const char *name, void (*work)(void *argument), void *argument, Child *child) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    return errno;
+  }
+  // No handler of the agent may run in the child.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+      _exit(0);
+    }
+    prctl(PR_SET_NAME, name);
+    // One that lives on holds nothing of the agent's open.
+    CloseOthers(0, ends[1]);
+    work(argument);
+    _exit(0);
+  }
+  const int error = pid < 0 ? errno : 0;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  close(ends[1]);
+  if (error != 0) {
+    close(ends[0]);
+    return error;
+  }
+  *child = {pid, ends[0]};
+  return 0;
+}
+
+bool HasEnded(const Child &child) {
+  pollfd end = {child.alive, POLLIN, 0};
+  return poll(&end, 1, 0) == 1;
+}
+
+void Bury(const Child &child) {
+  close(child.alive);
+  while (waitpid(child.pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace vex

@@ -1,0 +1,140 @@
+// Work in children that are killed when something holds them up.
+#include "framework/process/apart.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "framework/process/clock.h"
+
+namespace {
+
+constexpr size_t kHangsAt = 5;
+constexpr int kNoLimit = 60'000;
+
+bool NotEnding() {
+  return false;
+}
+
+struct Record {
+  size_t square;
+  pid_t child;
+};
+
+void Square(size_t at, void *result) {
+  *static_cast<Record *>(result) = {at * at, getpid()};
+}
+
+// As a call that nothing but the end of the process ends.
+void SquareAndHang(size_t at, void *result) {
+  while (at == kHangsAt) {
+    pause();
+  }
+  Square(at, result);
+}
+
+void SquareSlowly(size_t at, void *result) {
+  usleep(20'000);
+  Square(at, result);
+}
+
+void SquareAndDie(size_t at, void *result) {
+  if (at == kHangsAt) {
+    raise(SIGKILL);
+  }
+  Square(at, result);
+}
+
+std::vector<Record> Records(size_t count) {
+  return std::vector<Record>(count, Record{999, 0});
+}
+
+void ExpectSquares(const std::vector<Record> &records, size_t done) {
+  for (size_t at = 0; at < records.size(); at++) {
+    EXPECT_EQ(records[at].square, at < done ? at * at : 999) << at;
+  }
+}
+
+TEST(Apart, DoesTheWorkInAChildThatIsGoneAfterwards) {
+  std::vector<Record> records = Records(1000);
+  EXPECT_EQ(vex::RunApart(Square, records.size(), records.data(), sizeof(Record), kNoLimit,
+                          kNoLimit, NotEnding),
+            records.size());
+  ExpectSquares(records, records.size());
+  EXPECT_NE(records[0].child, getpid());
+  EXPECT_EQ(records[0].child, records[999].child);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(Apart, NothingToDo) {
+  EXPECT_EQ(vex::RunApart(Square, 0, nullptr, sizeof(Record), kNoLimit, kNoLimit, NotEnding), 0U);
+}
+
+TEST(Apart, AStepThatHangsIsNamedAndItsChildKilled) {
+  std::vector<Record> records = Records(10);
+  const int64_t before = vex::ClockNs();
+  EXPECT_EQ(vex::RunApart(SquareAndHang, records.size(), records.data(), sizeof(Record), 200,
+                          kNoLimit, NotEnding),
+            kHangsAt);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_GE(vex::ClockNs() - before, 200 * vex::kNsPerMs);
+  ExpectSquares(records, kHangsAt);
+  EXPECT_EQ(kill(records[0].child, 0), -1);
+}
+
+TEST(Apart, TheLimitIsEachStepsOwn) {
+  std::vector<Record> records = Records(30);
+  EXPECT_EQ(vex::RunApart(SquareSlowly, records.size(), records.data(), sizeof(Record), 500,
+                          kNoLimit, NotEnding),
+            records.size());
+  ExpectSquares(records, records.size());
+}
+
+TEST(Apart, AllStepsHaveALimitThatBlamesNone) {
+  std::vector<Record> records = Records(100'000);
+  const size_t done = vex::RunApart(SquareSlowly, records.size(), records.data(), sizeof(Record),
+                                    kNoLimit, 300, NotEnding);
+  EXPECT_EQ(errno, ETIME);
+  EXPECT_LT(done, records.size());
+  ExpectSquares(records, done);
+}
+
+TEST(Apart, AChildThatIsKilledBlamesNone) {
+  std::vector<Record> records = Records(10);
+  EXPECT_EQ(vex::RunApart(SquareAndDie, records.size(), records.data(), sizeof(Record), kNoLimit,
+                          kNoLimit, NotEnding),
+            kHangsAt);
+  EXPECT_EQ(errno, ECHILD);
+  ExpectSquares(records, kHangsAt);
+}
+
+TEST(Apart, TheEndOfTheAgentEndsIt) {
+  std::vector<Record> records = Records(10);
+  const size_t done = vex::RunApart(SquareAndHang, records.size(), records.data(), sizeof(Record),
+                                    kNoLimit, kNoLimit, [] { return true; });
+  EXPECT_EQ(errno, EINTR);
+  EXPECT_LE(done, kHangsAt);
+  ExpectSquares(records, done);
+}
+
+void CountDescriptors(size_t, void *result) {
+  size_t count = 0;
+  for (int descriptor = 0; descriptor < 256; descriptor++) {
+    count += dup2(descriptor, descriptor) >= 0 ? 1 : 0;
+  }
+  *static_cast<size_t *>(result) = count;
+}
+
+TEST(Apart, TheChildHoldsNothingOpen) {
+  size_t count = 99;
+  ASSERT_EQ(
+      vex::RunApart(CountDescriptors, 1, &count, sizeof(count), kNoLimit, kNoLimit, NotEnding), 1U);
+  EXPECT_EQ(count, 1U);  // the end of a pipe that tells its end
+}
+
+}  // namespace
