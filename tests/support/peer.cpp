@@ -14,7 +14,7 @@ int main(int argc, char **argv) {
   sigwait(&signals, &signal);
   const int file = argc > 1 ? open(argv[1], O_RDWR | O_CLOEXEC) : -1;
   if (file >= 0) {
-    mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0);
+    (void)mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, file, 0);
   }
   for (;;) {
     pause();
