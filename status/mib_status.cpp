@@ -254,8 +254,8 @@ struct records {
 static constexpr int64_t reading_lasts = 200'000'000;  // nanoseconds
 static records<named_process> named;                   // those that name a peer
 static records<named_process> named_before;
-static records<named_process> listed;  // all that /proc shows, without rows
-static records<named_process> asked;   // in the order in which they are
+static records<named_process> all_processes;  // all that /proc shows, without rows
+static records<named_process> asked;          // in the order in which they are
 static records<held_process> held;
 static int64_t read_at;
 static bool left_for_health;
@@ -358,7 +358,7 @@ static void keep_process(const named_process &process) {
 enum listing { LISTED, NOT_OPENED, BROKEN_OFF };
 
 static listing list_processes() {
-  listed.count = 0;
+  all_processes.count = 0;
   const directory_handle proc(opendir(proc_directory));
   if (!proc) {
     return NOT_OPENED;
@@ -369,12 +369,13 @@ static listing list_processes() {
     if (entry == nullptr) {
       const bool whole = errno == 0;
       // Each is asked once, and kept once, at most: nothing is missed for want of memory below.
-      return whole && asked.reserve(listed.count) && named_before.reserve(listed.count)
+      return whole && asked.reserve(all_processes.count) &&
+                     named_before.reserve(all_processes.count)
                  ? LISTED
                  : BROKEN_OFF;
     }
     const long pid = strtol(entry->d_name, nullptr, 10);
-    if (pid != 0 && !listed.add({static_cast<pid_t>(pid), 0, 0})) {
+    if (pid != 0 && !all_processes.add({static_cast<pid_t>(pid), 0, 0})) {
       return BROKEN_OFF;
     }
   }
@@ -412,7 +413,7 @@ static void forget_ended() {
   size_t left = 0;
   for (size_t i = 0; i < held.count; i++) {
     const held_process &process = held.items[i];
-    const bool is_listed = find(listed, process.last.pid) != nullptr;
+    const bool is_listed = find(all_processes, process.last.pid) != nullptr;
     const uint64_t start = is_listed && process.start != 0 ? start_of(process.last.pid) : 0;
     if (is_listed && (start == 0 || start == process.start)) {
       held.items[left++] = process;
@@ -468,11 +469,11 @@ static void hold(pid_t pid) {
 static void choose_asked() {
   asked.count = 0;
   size_t first = 0;
-  while (first < listed.count && listed.items[first].pid < next_asked) {
+  while (first < all_processes.count && all_processes.items[first].pid < next_asked) {
     first++;
   }
-  for (size_t i = 0; i < listed.count; i++) {
-    const named_process &process = listed.items[(first + i) % listed.count];
+  for (size_t i = 0; i < all_processes.count; i++) {
+    const named_process &process = all_processes.items[(first + i) % all_processes.count];
     if (held.count == 0 || find(held, process.pid) == nullptr) {
       asked.add(process);
     }
@@ -531,14 +532,14 @@ static int ask_processes(named_process *results) {
   return 0;
 }
 
-// Finds the listed processes that name a peer. One that nobody could ask counts as it was before:
+// Finds the processes that name a peer. One that nobody could ask counts as it was before:
 // a peer must not look stopped, and then started anew, by that.
 static void read_commands() {
   const records<named_process> before = named_before;
   named_before = named;
   named = before;
   named.count = 0;
-  sort(&listed);
+  sort(&all_processes);
   forget_ended();
   choose_asked();
   asked_from = 0;
