@@ -40,7 +40,7 @@ struct Variable {
 };
 
 // The variables of the latest sets, by the number in SetItem::slot.
-std::unordered_map<int, std::shared_ptr<Variable>> variables;
+std::unordered_map<int, std::shared_ptr<Variable>> model_variables;
 int first_slot;
 int next_slot;
 std::mutex variables_mutex;
@@ -49,15 +49,15 @@ std::atomic<int> applied_long_after{0};
 // Null for one that was forgotten.
 std::shared_ptr<Variable> At(int slot) {
   std::lock_guard lock(variables_mutex);
-  const auto place = variables.find(slot);
-  return place != variables.end() ? place->second : nullptr;
+  const auto place = model_variables.find(slot);
+  return place != model_variables.end() ? place->second : nullptr;
 }
 
 // Those before this one are asked for no more.
 void Forget(int slot) {
   std::lock_guard lock(variables_mutex);
   for (; first_slot < slot; first_slot++) {
-    variables.erase(first_slot);
+    model_variables.erase(first_slot);
   }
 }
 
@@ -203,7 +203,7 @@ class Manager {
     variable->refuses = Random(0, 19) == 0;
     variable->fails = Random(0, 19) == 0;
     variable->asks = Random(0, 1) == 0;
-    variables[next_slot] = variable;
+    model_variables[next_slot] = variable;
     return next_slot++;
   }
 
@@ -269,7 +269,7 @@ TEST(SetModel, NoneIsAppliedLateHalfOrTwice) {
   EXPECT_GT(failed, 0);
   EXPECT_GT(turned_away, 0);
   std::lock_guard lock(variables_mutex);
-  variables.clear();
+  model_variables.clear();
 }
 
 }  // namespace vex
