@@ -234,13 +234,12 @@ static void collect_pattern(const collector_entry &entry) {
   }
 }
 
-// Whether the entry's turn has come.
-static bool is_due(collector_entry &entry) {
-  if (entry.counter < entry.divisor) {
-    entry.counter++;
-    return entry.counter == 1;
+bool is_due(int *counter, int divisor) {
+  if (*counter < divisor) {
+    ++*counter;
+    return *counter == 1;
   }
-  entry.counter = 1;
+  *counter = 1;
   return true;
 }
 
@@ -273,7 +272,7 @@ int do_fwver() {
     if (agent_ending() != 0) {
       return 0;
     }
-    if (!is_due(entry)) {
+    if (!is_due(&entry.counter, entry.divisor)) {
       continue;
     }
     forget_seen(entry.key);

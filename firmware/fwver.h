@@ -68,4 +68,8 @@ inline constexpr size_t longest_row_name = 256;
 size_t row_name_of(char (&buffer)[longest_row_name + 1], const char *path, size_t prefix,
                    size_t suffix);
 
+// Whether a collector's turn has come: on the first pass and then on every divisor-th. counter is
+// its own, 0 at first.
+bool is_due(int *counter, int divisor);
+
 #endif

@@ -484,6 +484,9 @@ void *remove_Q(queue *q, int mode) {
 }
 
 void *keyremove_Q(queue *q, const void *key, key_fn comparator) {
+  if (rec::Fails("keyremove_Q", "")) {
+    return nullptr;
+  }
   for (queue_element *e = q->head; e != nullptr; e = e->next) {
     if (comparator(key, e->record) == 0) {
       return Unlink(q, e);

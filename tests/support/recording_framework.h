@@ -157,6 +157,7 @@ void PutSmbios(const std::string &description);
 struct ControllerReply {
   int status;
   std::string bytes;
+  double seconds = 0;  // that it takes, of the time that PassTime() moves
 };
 void SetController(int kind);
 // Statuses of the sends to come (then 0), and the replies to come (then a time-out).

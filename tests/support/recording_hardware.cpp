@@ -124,6 +124,7 @@ uint32_t TlxCiRecv(tlxci_channel *channel, void *buffer, uint32_t size, int *sta
   }
   const rec::ControllerReply reply = hardware.replies.front();
   hardware.replies.pop_front();
+  rec::PassTime(reply.seconds);
   *status = reply.status;
   const size_t length = std::min<size_t>(reply.bytes.size(), size);
   memcpy(buffer, reply.bytes.data(), length);

@@ -327,6 +327,45 @@ TEST_F(Firmware, ARowWhoseDeletionFailsIsDropped) {
   EXPECT_EQ(rec::Count("delete_obj"), 0);
 }
 
+TEST_F(Firmware, ARowThatGoesBeforeItCouldBePublishedNeverIs) {
+  PutScsi({ScsiDevice(0), ScsiDevice(1)});
+  rec::Fail("log_data", Row(1), 1);
+  ASSERT_EQ(do_fwver(), 0);
+  ASSERT_NE(rec::Live(Row(1)), nullptr);
+  ASSERT_EQ(rec::Publications(Row(1)), 0);
+  rec::ForgetEvents();
+  PutScsi({ScsiDevice(0)});
+  ASSERT_EQ(do_fwver(), 0);
+  EXPECT_EQ(rec::Count("log_data", Row(1)), 0);
+  EXPECT_EQ(rec::Live(Row(1)), nullptr);
+}
+
+TEST_F(Firmware, ARowThatCannotBeTakenOutIsKeptForTheNextPass) {
+  PutScsi({ScsiDevice(0), ScsiDevice(1)});
+  ASSERT_EQ(do_fwver(), 0);
+  PutScsi({ScsiDevice(0)});
+  rec::Fail("keyremove_Q", "", 1);
+  ASSERT_EQ(do_fwver(), 0);
+  EXPECT_EQ(rec::Count("delete_obj"), 0);
+  EXPECT_NE(rec::Live(Row(1)), nullptr);
+  ASSERT_EQ(do_fwver(), 0);
+  EXPECT_EQ(rec::Live(Row(1)), nullptr);
+}
+
+TEST(FirmwareTurns, ComeFirstAndThenEveryDivisorthPass) {
+  const auto turns = [](int divisor) {
+    std::string all;
+    int counter = 0;
+    for (int pass = 0; pass < 7; pass++) {
+      all += is_due(&counter, divisor) ? 'x' : '-';
+    }
+    return all;
+  };
+  EXPECT_EQ(turns(1), "xxxxxxx");
+  EXPECT_EQ(turns(2), "x-x-x-x");
+  EXPECT_EQ(turns(3), "x--x--x");
+}
+
 TEST_F(Firmware, WorksWithoutTheMiscGroup) {
   PutScsi({ScsiDevice(0)});
   ASSERT_EQ(do_fwver(), 0);
@@ -558,6 +597,14 @@ TEST_F(Firmware, PowerPicOfAnOlderRecordThatDoesNotCount) {
   EXPECT_STREQ(row->record.key, "");
 }
 
+TEST_F(Firmware, PowerPicOfAnOlderRecordThatDoesNotSayWhetherItCounts) {
+  // What follows its header is its string.
+  PutLoadedSmbios(kEntry + "1: 00 01 \"Servala KX330 R5\"\n193: \"5.6\"\n");
+  std::unique_ptr<Outcome> row;
+  EXPECT_EQ(CallsUntilARow(&row), 11);
+  EXPECT_STREQ(row->record.key, "");
+}
+
 namespace {
 
 std::string KeyOfProduct(const std::string &system) {
@@ -718,6 +765,56 @@ TEST_F(Firmware, ABrokenChannelIsOpenedAgainOnceForReceiving) {
   rec::PutReplies({{TLXCI_REOPEN, ""}, {TLXCI_REOPEN, ""}});
   EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
   EXPECT_EQ(rec::Names("sleep"), Strings{"5"});
+}
+
+TEST_F(Firmware, ABrokenChannelIsNotOpenedAgainByAnAgentThatEnds) {
+  rec::SetController(TLXCI_INTEGRATED);
+  rec::PutSends({TLXCI_REOPEN, TLXCI_REOPEN});
+  rec::Fail("agent_ending", "", -2);  // it is told to while it pauses
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  EXPECT_EQ(rec::Names("sleep"), Strings{"5"});
+  EXPECT_EQ(rec::Count("reinitializeRemoteVantix"), 0);
+  EXPECT_EQ(rec::Messages(), Strings{});
+}
+
+TEST_F(Firmware, ASignalDoesNotKeepTheControllerFromBeingAsked) {
+  rec::SetController(TLXCI_INTEGRATED);
+  rec::PutSends({EINTR, EINTR});
+  rec::PutReplies({{TLXCI_OK, VersionReply(1, 5, 6)}});
+  const auto row = CollectFixed(collect_integrated_controller);
+  EXPECT_EQ(row->result, 0);
+  EXPECT_STREQ(row->record.version, "1.05");
+  EXPECT_EQ(rec::Count("TlxCiSend"), 3);
+}
+
+TEST_F(Firmware, SignalsDoNotMakeTheControllersReplyBeWaitedForLonger) {
+  rec::SetController(TLXCI_INTEGRATED);
+  rec::PutReplies({{EINTR, "", 2}, {EINTR, "", 1}, {TLXCI_OK, VersionReply(1, 5, 6)}});
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, 0);
+  Strings limits = rec::Names("TlxCiRecv");
+  ASSERT_EQ(limits.size(), 3U);
+  EXPECT_EQ(limits[0], "5000");
+  EXPECT_LE(std::stoi(limits[1]), 3000);
+  EXPECT_LE(std::stoi(limits[2]), 2000);
+
+  rec::ForgetEvents();
+  rec::PutReplies({{EINTR, "", 6}});
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  EXPECT_EQ(rec::Names("TlxCiRecv"), (Strings{"5000", "0"}));
+}
+
+TEST_F(Firmware, ASignalThatEndsTheAgentEndsItsQuestion) {
+  rec::SetController(TLXCI_INTEGRATED);
+  rec::Fail("agent_ending");
+  rec::PutSends({EINTR});
+  rec::PutReplies({{EINTR, ""}, {TLXCI_OK, VersionReply(1, 5, 6)}});
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  EXPECT_EQ(rec::Count("TlxCiSend"), 1);
+  EXPECT_EQ(rec::Count("TlxCiRecv"), 0);
+  EXPECT_EQ(CollectFixed(collect_integrated_controller)->result, -1);
+  EXPECT_EQ(rec::Count("TlxCiSend"), 2);
+  EXPECT_EQ(rec::Count("TlxCiRecv"), 1);
+  EXPECT_EQ(rec::Messages(), Strings{});
 }
 
 TEST_F(Firmware, ReadsTheRemoteCard) {
