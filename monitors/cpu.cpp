@@ -304,8 +304,6 @@ int do_cpu() {
       return -1;
     }
   }
-  if (samples_size != 0) {
-    memcpy(previous, current, samples_size);
-  }
+  memcpy(previous, current, samples_size);
   return 0;
 }

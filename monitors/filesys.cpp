@@ -261,9 +261,7 @@ static filesys_block *block_of(const filesys_row *row) {
 static void describe(const filesys_row *row, const char *device) {
   char text[sizeof(filesys_block::description)];
   // Cut off, as every text that is too long for its field.
-  if (snprintf(text, sizeof(text), "%s on %s", device, row->key) < 0) {
-    text[0] = 0;
-  }
+  snprintf(text, sizeof(text), "%s on %s", device, row->key);
   copy_field(block_of(row)->description, text);
 }
 

@@ -299,6 +299,25 @@ TEST(Cpu, ASecondsPollFillsSixtyPlaces) {
   EXPECT_EQ(rec::Int(Row(0), kMinute), 0);
 }
 
+// No period shorter than a second: a minute has sixty places at the most.
+class CpuPeriodBelowASecond : public testing::TestWithParam<int> {};
+
+TEST_P(CpuPeriodBelowASecond, CountsAsOne) {
+  poll_time = GetParam();
+  BusyMachine machine;
+  machine.Pass(100);
+  ASSERT_EQ(do_cpu(), 0);
+  for (int poll = 1; poll < 60; poll++) {
+    machine.Pass(0);
+    do_cpu();
+  }
+  EXPECT_EQ(rec::Int(Row(0), kMinute), 1);  // 100 / 60
+  machine.Pass(0);
+  do_cpu();
+  EXPECT_EQ(rec::Int(Row(0), kMinute), 0);
+}
+INSTANTIATE_TEST_SUITE_P(Each, CpuPeriodBelowASecond, testing::Values(0, -1, -30));
+
 TEST(Cpu, UnreadableFileIsNoFailure) {
   Stat({{10, 0, 0, 90}, {10, 0, 0, 90}});
   do_cpu();
@@ -317,6 +336,19 @@ TEST(Cpu, UnreadableFileAtStartUpMakesNoRows) {
   Stat({{10, 0, 0, 90}});
   EXPECT_EQ(do_cpu(), -1);
 }
+
+// Nor does one that may not be looked at: only what hinders for a moment is waited out.
+class CpuWithoutItsFile : public testing::TestWithParam<int> {};
+
+TEST_P(CpuWithoutItsFile, HasNoRowsLaterEither) {
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
+  rec::Fail("fopen", "/proc/stat", 0, GetParam());
+  EXPECT_EQ(do_cpu(), 0);
+  rec::StopFailing();
+  EXPECT_EQ(do_cpu(), -1);
+  EXPECT_TRUE(rec::LiveNames().empty());
+}
+INSTANTIATE_TEST_SUITE_P(Each, CpuWithoutItsFile, testing::Values(ENOENT, ENOTDIR, EACCES));
 
 // A clock that is set makes no average older.
 TEST(Cpu, TheWallClockSaysNothingOfAnAge) {
@@ -365,6 +397,20 @@ TEST(Cpu, RowsOfACountThatWasBrokenOffComeWithTheFirstWholeOne) {
   ASSERT_EQ(do_cpu(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 3u);
   EXPECT_EQ(rec::Int(Row(0), kMinute), 0);
+}
+
+TEST(Cpu, RowsAreWaitedForHoweverLongNoCountIsWhole) {
+  Stat({{10, 0, 0, 90}, {20, 0, 0, 80}});
+  rec::BreakReads("/proc/stat", 6, 60);
+  ASSERT_EQ(do_cpu(), 0);
+  ASSERT_EQ(do_cpu(), 0);
+  rec::Fail("fopen", "/proc/stat", 0, ENOENT);  // not even there, but not at the start
+  ASSERT_EQ(do_cpu(), 0);
+  rec::StopFailing();
+  EXPECT_TRUE(rec::LiveNames().empty());
+  ASSERT_EQ(do_cpu(), 0);
+  EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1)}));
+  EXPECT_EQ(rec::Int(Row(1), kMinute), 20);
 }
 
 TEST(Cpu, AFileThatCannotBeOpenedAtThisMomentIsOneThatCannotBeRead) {

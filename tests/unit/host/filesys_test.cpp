@@ -258,6 +258,38 @@ TEST_F(FileSystems, AllMountsAreAskedInOneGo) {
   EXPECT_EQ(rec::Names("stat_mounts"), std::vector<std::string>{"3"});
 }
 
+TEST_F(FileSystems, APassThatCannotAskTheMountsChangesNothing) {
+  Simple({"/a", "/b"});
+  rec::PutFile("/vmfs/a:1", "");
+  do_filesys();
+  rec::ForgetEvents();
+  Simple({"/a"});
+  rec::PutMount("/a", Stats(4096, 5120, 0, 1, 1));
+  rec::Fail("stat_mounts", "*", 0, ENOMEM);
+  for (int pass = 0; pass < 30; pass++) {
+    EXPECT_EQ(do_filesys(), -1);
+  }
+  EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1), Row(2)}));
+  EXPECT_EQ(rec::Count("log_data"), 0);
+  EXPECT_EQ(rec::Count("run_command"), 0);  // such passes bring no scan nearer
+  rec::StopFailing();
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::Int(Row(0), kTotal), 20);
+  EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(2)}));
+}
+
+TEST_F(FileSystems, ARowThatCannotBeTakenOutIsKeptForTheNextPass) {
+  Simple({"/a", "/b"});
+  do_filesys();
+  Simple({"/a"});
+  rec::Fail("keyremove_Q", "", 1);
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::Count("delete_obj"), 0);
+  EXPECT_EQ(rec::LiveNames(), (std::vector<std::string>{Row(0), Row(1)}));
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::LiveNames(), std::vector<std::string>{Row(0)});
+}
+
 TEST_F(FileSystems, AFailedPublicationIsReported) {
   Simple({"/a"});
   rec::Fail("log_data", Row(0), 2);  // the first one is the birth, whose result does not matter
@@ -405,6 +437,36 @@ TEST_P(MountTableWithoutMemory, IsReadAgain) {
   EXPECT_TRUE(rec::Messages().empty());
 }
 INSTANTIATE_TEST_SUITE_P(Each, MountTableWithoutMemory, testing::Range(1, 5));
+
+// The texts' memory grows while an entry is added: at the directory of the third, or at its type.
+class MountTextsWithoutMemory : public FileSystems, public testing::WithParamInterface<Mount> {};
+
+TEST_P(MountTextsWithoutMemory, AreReadAgain) {
+  const Mount &last = GetParam();
+  // The first piece is 8192 bytes; what these leave of it has room for the last one's device.
+  const std::string filling = "/" + std::string(3999, 'e');
+  Mtab({{filling, "/a"}, {filling, "/b"}, last});
+  for (const std::string &directory : {std::string("/a"), std::string("/b"), last.directory}) {
+    rec::PutMount(directory, Stats(4096, 2560, 1280, 10, 4));
+  }
+  rec::Fail("realloc", "", 5, ENOMEM);  // three for the lists, the first for texts, and this one
+  ASSERT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::Text(Row(2), kDesc), last.device + " on " + last.directory);
+  EXPECT_EQ(rec::Int(Row(2), kTotal), 10);
+  EXPECT_EQ(rec::LiveNames().size(), 3U);
+  EXPECT_TRUE(rec::Messages().empty());
+  queue_element *cursor = first_mount();
+  mount_view view = {};
+  while (next_mount(&cursor, &view) && view.instance != 2) {
+  }
+  EXPECT_STREQ(view.directory, last.directory.c_str());
+  EXPECT_STREQ(view.type, last.type.c_str());
+}
+INSTANTIATE_TEST_SUITE_P(
+    Each, MountTextsWithoutMemory,
+    testing::Values(Mount{"/" + std::string(95, 'x'), "/" + std::string(95, 'y'), "ext4"},
+                    Mount{"/" + std::string(95, 'x'), "/" + std::string(50, 'y'),
+                          "fuse." + std::string(60, 't')}));
 
 TEST_F(FileSystems, AMountTableWithoutAnyMemoryLeavesTheRows) {
   Simple({"/a"});
