@@ -386,6 +386,7 @@ static void find_agent_version(const shared_limit &limit, bool dpkg_is_next) {
 
 static void set_agent_version(const char *version) {
   if (agent_version == nullptr) {
+    scan_due = true;  // the next pass may have the object
     return;
   }
   auto *data = reinterpret_cast<swverag_data *>(agent_version->data);

@@ -216,9 +216,10 @@ void swver_change_state(int32_t from, int32_t to) {
 static void remove_unseen() {
   queue_element *cursor = table.rows.head;
   while (swver_row *row = table.next(&cursor)) {
-    if (row->state != SWVER_NOT_SEEN || table.remove(row) == nullptr) {
+    if (row->state != SWVER_NOT_SEEN) {
       continue;
     }
+    table.remove(row);
     // An object that cannot be deleted stays in the registry; its row is gone either way.
     delete_obj(&obj_Q, row->object, 0);
     release(row);

@@ -22,8 +22,7 @@ using condition_getter = int (*)(const char *source, int32_t *condition);
 // The 32-bit value of a variable; 0 when the object has no such variable or it is shorter.
 static int32_t variable_value(const registry_object *object, int slot) {
   int32_t value = 0;
-  if (slot < object->var_count && object->desc[slot].value != nullptr &&
-      object->desc[slot].size >= static_cast<int>(sizeof(value))) {
+  if (slot < object->var_count && object->desc[slot].size >= static_cast<int>(sizeof(value))) {
     memcpy(&value, object->desc[slot].value, sizeof(value));
   }
   return value;
@@ -678,24 +677,8 @@ void build_status_array(unsigned char array[STATUS_ARRAY_SIZE]) {
   array[2] = summary_mark;
 }
 
-// Which group judges a part of the health array.
-struct judged_part {
-  int32_t part;
-  int32_t group;
-};
-static constexpr judged_part judged_parts[] = {
-    {2, 1}, {3, 6},  {4, 6},  {5, 6},   {6, 6},   {7, 6},   {8, 6},
-    {9, 3}, {10, 5}, {11, 8}, {12, 14}, {13, 16}, {14, 18}, {15, 9},
-};
-
-static int32_t condition_of_part(int32_t part) {
-  for (const peer &p : health_peers) {
-    if (p.index == part) {
-      return p.condition;
-    }
-  }
-  return 0;
-}
+// Which group judges a part of the health array, by the part's index; the parts begin at 2.
+static constexpr int32_t judging_groups[] = {0, 0, 1, 6, 6, 6, 6, 6, 6, 3, 5, 8, 14, 16, 18, 9};
 
 bool get_peer(int place, peer_view *view) {
   if (place < 0 || place >= static_cast<int>(sizeof(status_peers) / sizeof(status_peers[0]))) {
@@ -703,18 +686,17 @@ bool get_peer(int place, peer_view *view) {
   }
   const peer &p = status_peers[place];
   *view = {p.index, p.process_group != 0, p.condition, p.major, p.minor, 0};
-  for (const judged_part &judged : judged_parts) {
-    const int32_t condition = judged.group == p.index ? condition_of_part(judged.part) : 0;
-    if (condition > view->health) {
-      view->health = condition;
+  for (const peer &part : health_peers) {
+    if (judging_groups[part.index] == p.index && part.condition > view->health) {
+      view->health = part.condition;
     }
   }
   return true;
 }
 
-// Whether a component's condition counts towards octet 0 of the health array.
+// Whether the condition of a part counts towards octet 0 of the health array.
 static bool counts_first(int32_t index) {
-  return (index >= 2 && index <= 6) || index == 8 || index == 15;
+  return index <= 6 || index == 8 || index == 15;
 }
 
 void format_health_trap(const unsigned char array[STATUS_ARRAY_SIZE],

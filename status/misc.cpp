@@ -97,10 +97,11 @@ constexpr group misc_group = described<misc_data>({
 
 static constexpr int mib_number = 11;
 static constexpr int32_t condition_normal = 2;
+static constexpr int32_t condition_degraded = 3;
+static constexpr int32_t condition_failed = 4;
 static constexpr int32_t web_management_port = 2301;
 
 static bool called;
-static int32_t base_condition = condition_normal;
 static bool threshold_failure_logged;
 static bool thresholds_unlisted;  // at the last poll
 
@@ -341,14 +342,16 @@ static int32_t read_thresholds() {
 // Severities 3 and 4 are a degraded condition, 5 and 6 a failed one. 7 and above raise nothing, on
 // purpose.
 static int32_t condition_for(int32_t severity) {
-  int32_t condition = base_condition;
-  if ((severity == 3 || severity == 4) && condition < 3) {
-    condition = 3;
+  switch (severity) {
+    case 3:
+    case 4:
+      return condition_degraded;
+    case 5:
+    case 6:
+      return condition_failed;
+    default:
+      return condition_normal;
   }
-  if ((severity == 5 || severity == 6) && condition < 4) {
-    condition = 4;
-  }
-  return condition;
 }
 
 // ---- Sets ---------------------------------------------------------------------------------------
@@ -429,7 +432,6 @@ static registry_object *create() {
   misc_data *data = data_of(misc);
   data->mib_rev_major = get_mib_major_revision(mib_number);
   data->mib_rev_minor = get_mib_minor_revision(mib_number);
-  base_condition = condition_normal;
   data->mib_condition = condition_normal;
   data->poll_frequency = poll_time;
   data->sw_ver_next_index = 0;

@@ -9,6 +9,7 @@
 #ifndef VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
 #define VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
 
+#include <sys/stat.h>
 #include <sys/utsname.h>
 
 #include <cstdint>
@@ -183,7 +184,7 @@ void PutSystem(const utsname &system);
 // Parents are created. The path counts as taken over until the process ends. openat, read, write,
 // fstat, fchmod, fsync, renameat, renameat2 (by their target), unlinkat, statx, fstatat, fdopendir
 // and readdir go where their descriptors lead; Fail() knows those files by the paths that the code
-// under test has for them. calloc, realloc and fmemopen have the name "", strdup its text.
+// under test has for them. calloc, realloc, fmemopen and uname have the name "", strdup its text.
 void PutFile(const std::string &path, std::string_view contents);
 void PutDirectory(const std::string &path);
 // Nothing is there, whatever the machine has.
@@ -198,6 +199,9 @@ std::string ReadFile(const std::string &path);
 // As often as that, fopen and setmntent of the path give a stream of which a read fails with EIO
 // once that many bytes have been read.
 void BreakReads(const std::string &path, int times, size_t after);
+
+// fstatat() of the path says what `change` makes of its status from now on.
+void ChangeStatus(const std::string &path, void (*change)(struct stat *status));
 
 // A read() of that path is held up from now on: the steps of run_apart(), which are called in this
 // process, end there, and the time that such a step has passes. Elsewhere the test fails.

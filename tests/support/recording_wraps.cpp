@@ -126,6 +126,7 @@ FILE *BrokenStream(const std::string &path) {
 }
 
 std::set<std::string> held_up;
+std::map<std::string, void (*)(struct stat *)> status_changes;
 std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
 std::map<std::string, int> services;
@@ -194,6 +195,10 @@ void PutSystem(const utsname &made_up) {
 
 void BreakReads(const std::string &path, int times, size_t after) {
   broken_reads[path] = {times, after};
+}
+
+void ChangeStatus(const std::string &path, void (*change)(struct stat *status)) {
+  status_changes[path] = change;
 }
 
 void HoldUp(const std::string &path) {
@@ -494,6 +499,9 @@ servent *__wrap_getservbyname(const char *name, const char *protocol) {
 
 int __real_uname(utsname *result);
 int __wrap_uname(utsname *result) {
+  if (rec::Fails("uname", "")) {
+    return -1;
+  }
   if (!made_up_system) {
     return __real_uname(result);
   }
@@ -531,9 +539,15 @@ int __wrap_statx(int directory, const char *name, int flags, unsigned mask, stru
 
 int __real_fstatat(int directory, const char *name, struct stat *result, int flags);
 int __wrap_fstatat(int directory, const char *name, struct stat *result, int flags) {
-  return rec::Fails("fstatat", PathBelow(directory, name))
-             ? -1
-             : __real_fstatat(directory, name, result, flags);
+  const std::string path = PathBelow(directory, name);
+  if (rec::Fails("fstatat", path) || __real_fstatat(directory, name, result, flags) != 0) {
+    return -1;
+  }
+  const auto change = status_changes.find(path);
+  if (change != status_changes.end()) {
+    change->second(result);
+  }
+  return 0;
 }
 
 DIR *__real_fdopendir(int descriptor);

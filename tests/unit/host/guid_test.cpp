@@ -487,6 +487,28 @@ TEST_F(GuidTest, TablesThatSayNothingWhenTheyAreReadLeaveTheGuidToManagers) {
   EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), 0);
 }
 
+TEST_F(GuidTest, TablesThatTurnOutNotToBeThereLeaveTheGuidToManagers) {
+  for (const int error : {ENOENT, EACCES}) {
+    rec::Fail("InitSMBIOS", "*", 0, EIO);
+    unsigned char guid[GUID_SIZE] = {};
+    char text[GUID_TEXT_SIZE] = {};
+    obtain_guid(guid, text, sizeof(text));
+    EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), -1);
+    const std::string before = text;
+    rec::StopFailing();
+    rec::Fail("InitSMBIOS", "*", 0, error);
+    keep_guid(guid, text, sizeof(text));
+    EXPECT_EQ(text, before);
+    EXPECT_EQ(rec::Messages().back(), "vexhostd: The GUID stays: the SMBIOS tables have none\n");
+    EXPECT_EQ(set_guid(SET_APPLY, guid, kSixteen.data(), 16), 0) << error;
+    // They are not asked again.
+    rec::ForgetEvents();
+    keep_guid(guid, text, sizeof(text));
+    EXPECT_EQ(rec::Count("InitSMBIOS"), 0);
+    rec::StopFailing();
+  }
+}
+
 // Without the right to read them they are not read later either, as in a container.
 TEST_F(GuidTest, TablesThatNobodyLetsUsReadAreNone) {
   for (const int error : {EACCES, ENOENT, EBADMSG}) {

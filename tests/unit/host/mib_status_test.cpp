@@ -631,6 +631,25 @@ TEST_F(MibStatus, AnotherProcessOfThatNumberIsAskedAtOnce) {
   EXPECT_EQ(rec::Messages().size(), 2U);
 }
 
+// One that has no start to tell, as while it ends, may be the same: it is left alone.
+TEST_F(MibStatus, AHeldProcessWhoseStartCannotBeReadStaysHeld) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "vexida", 10);
+  Started(10, 500);
+  Status();
+  rec::HoldUp(CommandLine(10));
+  Status();
+  rec::LetGo(CommandLine(10));
+  Process(10, "other", 10);
+  for (const char *stat : {"", "10 (vexida", "10 (vexida) S 1 10 10"}) {
+    rec::PutFile("/proc/10/stat", stat);
+    EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2})) << stat;
+  }
+  // Until it is seen to be another one.
+  Started(10, 501);
+  EXPECT_EQ(Row(Status(), 3)[0], 0);
+}
+
 TEST_F(MibStatus, AHeldPeerThatHasEndedIsSeenToStop) {
   Object("ida/misc", {1, 2, 2});
   Process(10, "vexida", 10);
@@ -665,6 +684,23 @@ TEST_F(MibStatus, AListingWithoutTimeGoesOnWhereItStopped) {
   }
   EXPECT_LT(listings, 12);
   EXPECT_EQ(rec::Messages().size(), 1U);
+}
+
+// Then no process is to blame, and none is left out.
+TEST_F(MibStatus, AChildThatHadNoTimeIsFollowedByAnother) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "vexida", 10);
+  for (const int error : {EAGAIN, ETIME}) {
+    rec::ForgetEvents();
+    rec::Fail("run_apart", "*", 1, error);
+    EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2})) << strerror(error);
+    EXPECT_EQ(Children(), 2);
+    EXPECT_EQ(rec::Messages(), std::vector<std::string>{});
+    rec::StopFailing();
+    End(10);
+    EXPECT_EQ(Row(Status(), 3)[0], 0);
+    Process(10, "vexida", 10);
+  }
 }
 
 TEST_F(MibStatus, WhileNoChildCanBeStartedEveryProcessIsWhatItWas) {
@@ -818,6 +854,35 @@ TEST_F(MibStatus, TheTwoWorstConditions) {
     EXPECT_EQ(array[1], 4);
     rec::PutSnmpInteger(oid, 0, 1);
   }
+}
+
+TEST_F(MibStatus, EachPartOfTheHealthIsJudgedByItsGroup) {
+  const auto health_of = [](int index) {
+    peer_view peer = {};
+    for (int place = 0; get_peer(place, &peer); place++) {
+      if (peer.index == index) {
+        return peer.health;
+      }
+    }
+    return -1;
+  };
+  const std::vector<std::pair<const char *, int>> sources = {
+      {"stdeq/cpucondition", 1}, {"health/res_mem", 6}, {"health/thermal", 6}, {"health/ftps", 6},
+      {"ida/misc", 3},           {"scsi/mib", 5},       {"stsys/mib", 8},      {"ide/mib", 14},
+      {"fca/misc", 16},          {"crib/misc", 9}};
+  for (const auto &[source, group] : sources) {
+    Object(source, {3, 3, 3, 3});
+    Health();
+    for (const int index : {1, 2, 3, 5, 6, 8, 9, 10, 11, 14, 16, 18, 21, 22, 23, 26}) {
+      EXPECT_EQ(health_of(index), index == group ? 3 : 0) << source << " " << index;
+    }
+    rec::RemoveSibling(source);
+  }
+  // The worst of several parts.
+  Object("health/thermal", {0, 0, 2, 4});
+  Object("health/ftps", {3});
+  Health();
+  EXPECT_EQ(health_of(6), 4);
 }
 
 // ---- The health trap ----------------------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -338,6 +339,49 @@ TEST_F(Misc, EntriesThatDidNotChangeAreNotReadAgain) {
   EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 1);
 }
 
+// Another file system's file may have the same number, and a changed one the times of before.
+TEST_F(Misc, AnEntryOnAnotherDeviceOrOfAnotherSizeIsReadAgain) {
+  PutEntry("entry.1", {.severity = 3});
+  rec::SetTime(time(nullptr) + 1000);
+  do_misc();
+  const auto reads = [] {
+    rec::ForgetEvents();
+    do_misc();
+    EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+    return rec::Count("get_obj", "threshold/*");
+  };
+  EXPECT_EQ(reads(), 0);
+  const char path[] = REGISTRY_ROOT "/threshold/entry.1";
+  rec::ChangeStatus(path, [](struct stat *status) { status->st_dev++; });
+  EXPECT_EQ(reads(), 1);
+  EXPECT_EQ(reads(), 0);
+  rec::ChangeStatus(path, [](struct stat *status) {
+    status->st_dev++;
+    status->st_size++;
+  });
+  EXPECT_EQ(reads(), 1);
+  EXPECT_EQ(reads(), 0);
+}
+
+// The names of one file share its place, and take none of another file's.
+TEST_F(Misc, AnEntryByManyNamesIsOneEntry) {
+  PutEntry("entry.1", {.severity = 3});
+  const std::string directory = rec::RealPath(kThresholds);
+  for (int i = 2; i <= 100; i++) {
+    std::filesystem::create_hard_link(directory + "/entry.1",
+                                      directory + "/entry." + std::to_string(i));
+    rec::PutSiblingData("threshold/entry." + std::to_string(i), DataOf({.severity = 3}));
+  }
+  PutEntry("entry.other", {.severity = 5});
+  rec::SetTime(time(nullptr) + 1000);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+  rec::ForgetEvents();
+  do_misc();
+  EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 0);
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 4);
+}
+
 TEST_F(Misc, AnEntryThatCouldNotBeReadIsTriedAgain) {
   PutEntry("entry.1", {.severity = 6});
   rec::SetTime(time(nullptr) + 10);
@@ -426,6 +470,23 @@ TEST_F(Misc, AMissingDirectoryIsReportedOnce) {
   do_misc();
   EXPECT_EQ(rec::Count("agentlog_fprintf", message), 1);
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+}
+
+TEST_F(Misc, ThresholdsThatAreGoneBeforeTheyAreListedAreReadAgainWhenTheyAre) {
+  const auto told = [] { return rec::Count("agentlog_fprintf", "Thresholds are read again\n"); };
+  PutEntry("entry.1", {.severity = 3});
+  rec::Fail("readdir", "*/threshold");
+  do_misc();
+  rec::StopFailing();
+  rec::PutNothing(kThresholds);
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
+  EXPECT_EQ(told(), 0);
+  PutEntry("entry.1", {.severity = 3});
+  do_misc();
+  do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+  EXPECT_EQ(told(), 1);
 }
 
 TEST_F(Misc, AnEntryThatCannotBeRememberedIsReadAgain) {

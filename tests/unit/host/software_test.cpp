@@ -492,6 +492,32 @@ TEST_F(Software, ReportsThatRpmCannotBeRun) {
   EXPECT_EQ(rec::Publications("host/swverag"), 2);
 }
 
+TEST_F(Software, RpmThatIsKilledHasNotAnswered) {
+  rec::PutCommand(kAgentVersion, "8.\n", 128 + SIGKILL);
+  rec::AllowUndefinedSlots("host/swverag");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd FAILED to read for agent swversion\n"});
+  EXPECT_EQ(rec::Live("host/swverag")->desc[0].type, 0);
+  // It did not hang: the next pass asks again.
+  rec::PutCommand(kAgentVersion, "8.1.0\n");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "8.1.0");
+}
+
+TEST_F(Software, AVersionThatHadNoObjectIsFoundAgain) {
+  rec::Fail("create_obj", "host/swverag", 1);
+  rec::PutCommand(kAgentVersion, "8.1.0\n");
+  PutPackages({{"kelmo", "9.0-1", "The agents", "i386"}});
+  Rescan();
+  EXPECT_EQ(Name(4), "kelmo");
+  EXPECT_EQ(rec::Live("host/swverag"), nullptr);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Text("host/swverag", "tlxHoSwVerAgentsVer"), "9.0");
+  rec::ForgetEvents();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command"), 0);
+}
+
 TEST_F(Software, ALateWordOfRpmDoesNotHideThePackages) {
   rec::Fail("run_command", "rpm*", 1);
   rec::AllowUndefinedSlots("host/swverag");
@@ -679,6 +705,16 @@ TEST_F(Software, AnAnswerWithoutANameIsSkipped) {
   EXPECT_EQ(rec::Live(Row(4)), nullptr);
 }
 
+TEST_F(Software, AnAnswerWithoutAVersionHasAnEmptyOne) {
+  rec::PutCommand(kListing, "glut\n");
+  rec::PutCommand(Query("glut"), "Name glut\nDesc A package\nArch i386\nArch i386\n");
+  Rescan();
+  EXPECT_EQ(Name(4), "glut");
+  EXPECT_EQ(Version(4), "");
+  EXPECT_EQ(rec::Text(Row(4), "tlxHoSwVerDescription"), "A package");
+  EXPECT_EQ(rec::Messages(), Strings{});
+}
+
 TEST_F(Software, AnAnswerWithoutTheArchitectureTakesTheMachines) {
   rec::PutCommand(kListing, "glut\n");
   rec::PutCommand(Query("glut"), "Name glut\nName glut\nVersion 1\nVersion 2\n");
@@ -710,6 +746,14 @@ TEST_F(Software, ImplausibleNamesReachNoShell) {
   rec::ForgetEvents();
   Rescan();
   EXPECT_EQ(rec::Messages().size(), 7U);
+}
+
+TEST_F(Software, WhatCannotBePrintedOfANameIsNot) {
+  rec::PutCommand(kListing, "glut~\x7f\nglut\xc3\xa4\n");
+  Rescan();
+  ASSERT_EQ(rec::Messages().size(), 3U);
+  EXPECT_EQ(rec::Messages()[0], "do_swver: not a package name, skipped: glut~? (character 0x7f)\n");
+  EXPECT_EQ(rec::Messages()[1], "do_swver: not a package name, skipped: glut?? (character 0xc3)\n");
 }
 
 TEST_F(Software, PackagesWithoutAUsableAnswerAreCountedOncePerScan) {
@@ -863,6 +907,42 @@ TEST_F(Software, RpmAndDpkgThatHangAreAskedByTheSamePasses) {
   EXPECT_EQ(asked, 4);  // after 0, 30, 60 and 120 seconds of rest
 }
 
+// Else one of them would hang alone each time, and each time cost a pass its limit.
+TEST_F(Software, DpkgThatHangsLaterWaitsForRpmThatHangs) {
+  PutPackages({{"glut"}});
+  rec::PutCommandTime(kAgentVersion, 1000);
+  rec::AllowUndefinedSlots("host/swverag");
+  Rescan();
+  rec::PassTime(31);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command", kAgentVersion), 2);  // and again in a minute
+  rec::PutCommandTime(kListing, 1000);
+  Rescan();
+  EXPECT_EQ(rec::Count("run_command", kListing), 2);
+  rec::ForgetEvents();
+  rec::PassTime(31);  // dpkg's own half minute
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Count("run_command"), 0);
+  rec::PassTime(20);
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Names("run_command"), (Strings{kAgentVersion, kListing}));
+}
+
+TEST_F(Software, APassThatHasLostItsTimeLeavesTheScanToTheNext) {
+  PutPackages({{"glut"}});
+  rec::PutCommandTime(kAgentVersion, 1000);
+  rec::AllowUndefinedSlots("host/swverag");
+  // Rpm takes its share; then the process is stopped for a while.
+  rec::OnMessage([](const std::string &) { rec::PassTime(2); });
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Names("run_command"), Strings{kAgentVersion});
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  rec::ForgetEvents();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Names("run_command"), (Strings{kListing, Query("glut")}));
+  EXPECT_EQ(Name(4), "glut_amd64");
+}
+
 TEST_F(Software, AToolThatCannotBeStartedIsTriedByTheNextPass) {
   PutPackages({{"glut"}, {"qvdiags"}});
   rec::Fail("run_command", Query("glut").substr(0, 18) + "*", 1);
@@ -882,6 +962,20 @@ TEST_F(Software, NothingIsAskedOnceTheAgentIsEnding) {
   rec::Fail("agent_ending");
   Rescan();
   EXPECT_EQ(Name(4), "glut_amd64");
+}
+
+TEST_F(Software, AScanIsLeftWhereItIsOnceTheAgentIsEnding) {
+  PutPackages({{"glut"}, {"qvdiags"}, {"qvrelm"}});
+  Rescan();
+  PutPackages({{"glut", "2.0"}, {"qvdiags", "2.0"}});
+  rec::ForgetEvents();
+  rec::Fail("agent_ending", "*", -3);  // the listing and one query are still asked
+  Rescan();
+  EXPECT_EQ(rec::Names("run_command"), (Strings{kListing, Query("glut"), Query("qvdiags")}));
+  EXPECT_EQ(Version(4), "2.0");
+  EXPECT_EQ(Version(5), "1.0");
+  EXPECT_EQ(Name(6), "qvrelm_amd64") << "the listing was not gone through";
+  EXPECT_EQ(rec::Messages(), Strings{});
 }
 
 TEST_F(Software, ARowWhosePublicationFailedIsPublishedByTheNextPass) {
@@ -1001,6 +1095,21 @@ TEST_F(Software, AShellThatIsKilledHasNotAnswered) {
   rec::PutCommand(kListing, "", 128 + SIGKILL);
   Rescan();
   EXPECT_EQ(Name(4), "glut_amd64");
+}
+
+TEST_F(Software, AQueryThatIsKilledIsAskedByTheNextPass) {
+  PutPackages({{"glut"}, {"qvdiags"}});
+  rec::PutCommand(Query("glut"), Answer({"glut"}), 128 + SIGKILL);
+  Rescan();
+  EXPECT_EQ(Name(4), "qvdiags_amd64");
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+  EXPECT_EQ(
+      rec::Messages(),
+      Strings{"do_swver: packages that could not be reported: 1 (1 without a usable answer, 0 "
+              "without a usable name)\n"});
+  rec::PutCommand(Query("glut"), Answer({"glut"}));
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(5), "glut_amd64");
 }
 
 TEST_F(Software, ASuffixThatCannotBeReadIsReadByTheNextPass) {
@@ -1231,6 +1340,23 @@ TEST(Packages, ProcessorSuffixOfTheKernelWins) {
   EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_amd64");
 }
 
+TEST(Packages, ProcessorSuffixIsNotKeptWhileTheKernelsConfigurationCannotBeRead) {
+  rec::PutFile("/proc/cpuinfo", "vendor_id : GenuineIntel\n");
+  rec::PutFile(KernelConfiguration(), "CONFIG_MK8=y\n");
+  rec::BreakReads(KernelConfiguration(), 1, 0);
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_em64t");
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_amd64");
+}
+
+TEST(Packages, WithoutTheSystemsNameTheProcessorTellsTheSuffix) {
+  rec::PutFile("/proc/cpuinfo", "vendor_id : GenuineIntel\n");
+  rec::PutFile(KernelConfiguration(), "CONFIG_MK8=y\n");
+  rec::Fail("uname");
+  EXPECT_EQ(Decorated("tlx_tlxfc", "x86_64", 2), "tlx_tlxfc_em64t");
+  // Nor is there an architecture where the answer had none.
+  EXPECT_EQ(Decorated("kelmo", nullptr, 1), "kelmo_");
+}
+
 TEST(Packages, ProcessorSuffixIsSearchedUntilFound) {
   rec::PutFile("/proc/cpuinfo", "vendor_id : Other\n");
   rec::PutNothing(KernelConfiguration());
@@ -1258,6 +1384,16 @@ TEST(Packages, FindLine) {
   rec::PutFile("/made/up", std::string(248, 'x') + "first\n");
   EXPECT_EQ(find_line("/made/up", needles, 2), 0);
   rec::PutFile("/made/up", std::string(253, 'x') + "first\n");
+  EXPECT_EQ(find_line("/made/up", needles, 2), 0);
+}
+
+TEST(Packages, FindLineInAFileThatCannotBeReadToItsEnd) {
+  const char *const needles[] = {"first", "second"};
+  rec::PutFile("/made/up", "nothing\nfirst\n");
+  rec::BreakReads("/made/up", 1, 8);
+  EXPECT_EQ(find_line("/made/up", needles, 2), LINES_UNREADABLE);
+  // What was found before stands.
+  rec::BreakReads("/made/up", 1, 14);
   EXPECT_EQ(find_line("/made/up", needles, 2), 0);
 }
 
