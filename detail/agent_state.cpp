@@ -53,8 +53,8 @@ static int32_t seconds_now() {
 void note_poll(int64_t milliseconds, bool failed) {
   state.last_poll = seconds_now();
   state.poll_duration = milliseconds >= 0 ? clamp_int32(static_cast<uint64_t>(milliseconds)) : -1;
-  if (failed && state.failed_polls < INT32_MAX) {
-    state.failed_polls++;
+  if (failed) {
+    state.failed_polls = clamp_int32(int64_t{state.failed_polls} + 1);
   }
 }
 

@@ -77,7 +77,7 @@ const char *sibling_name(int32_t index) {
       return named.name;
     }
   }
-  return nullptr;
+  return "";
 }
 
 // ---- Computing ------------------------------------------------------------------------------
@@ -88,8 +88,7 @@ static int32_t condition_value(int32_t condition) {
 
 static sibling_block block_of(const peer_view &peer) {
   sibling_block block = {};
-  const char *name = sibling_name(peer.index);
-  copy_field(block.name, name != nullptr ? name : "");
+  copy_field(block.name, sibling_name(peer.index));
   block.present = truth_value(peer.present);
   block.condition = peer.present ? condition_value(peer.condition) : not_known;
   block.major = peer.present ? peer.major : not_known;

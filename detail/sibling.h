@@ -12,7 +12,7 @@ extern const group sibling_group;
 // refreshed all the same.
 int do_sibling();
 
-// The name of the group that has this place in the status array; null when no group has it.
+// The name of the group that has this place in the status array; "" when no group has it.
 const char *sibling_name(int32_t index);
 
 #endif

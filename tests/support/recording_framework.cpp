@@ -66,6 +66,8 @@ struct State {
   std::map<std::string, std::string> evs;
   std::map<std::string, mount_stats> mounts;
   std::set<std::string> undefined_slots;  // objects that may have some
+  bool reuses_objects = false;
+  std::unique_ptr<Object> deleted;  // the last one, when objects are reused
 };
 
 // What agent_main() does before the first hook.
@@ -337,6 +339,10 @@ void AllowUndefinedSlots(const std::string &name) {
   state().undefined_slots.insert(name);
 }
 
+void ReuseObjects() {
+  state().reuses_objects = true;
+}
+
 void StopFailing() {
   state().failures.clear();
 }
@@ -531,7 +537,12 @@ registry_object *create_obj(queue *registry, int owner, const char *name, int fl
       state().objects.contains(*relative)) {
     return nullptr;
   }
-  auto object = std::make_unique<Object>();
+  std::unique_ptr<Object> object = std::move(state().deleted);
+  if (object != nullptr) {
+    *object = {};
+  } else {
+    object = std::make_unique<Object>();
+  }
   object->path = std::string(REGISTRY_ROOT "/") + *relative;
   object->relative = *relative;
   object->descriptors.resize(static_cast<size_t>(var_count));
@@ -687,6 +698,9 @@ int delete_obj(queue *registry, registry_object *face, int zero) {
   if (object == nullptr) {
     ADD_FAILURE() << "delete_obj of what is not a live object";
     return -1;
+  }
+  if (state().reuses_objects) {
+    state().deleted = std::move(state().objects[name]);
   }
   state().objects.erase(name);
   return 0;

@@ -10,6 +10,7 @@
 #define VEX_TESTS_SUPPORT_RECORDING_FRAMEWORK_H
 
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <sys/utsname.h>
 
 #include <cstdint>
@@ -79,6 +80,8 @@ std::vector<std::string> Handled(const std::string &name);
 
 // The live object, published or not; null when there is none.
 registry_object *Live(const std::string &name);
+// From now on, an object that is made lies where the last deleted one lay.
+void ReuseObjects();
 std::vector<std::string> LiveNames();
 // How often the object was published since its creation (0 also when there is none).
 int Publications(const std::string &name);
@@ -193,6 +196,12 @@ void PutNothing(const std::string &path);
 std::string RealPath(const std::string &path);
 // What is in a directory taken over, in order.
 std::vector<std::string> EntriesOf(const std::string &directory);
+// What fstat says of the owner of that path, and what geteuid says. Otherwise they are the
+// machine's.
+void PutOwner(const std::string &path, uid_t owner);
+void PutUser(uid_t user);
+// What statx says of when that path was made.
+void PutBirth(const std::string &path, const timespec &birth);
 // The contents of a file, taken over or not; "" when there is none.
 std::string ReadFile(const std::string &path);
 

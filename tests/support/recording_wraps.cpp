@@ -131,6 +131,9 @@ std::map<pid_t, pid_t> process_groups;
 std::map<std::string, std::string> hardware_addresses;
 std::map<std::string, int> services;
 std::optional<utsname> made_up_system;
+std::map<std::string, uid_t> owners;
+std::optional<uid_t> user;
+std::map<std::string, timespec> births;
 int64_t passed_ns;  // by PassTime()
 
 }  // namespace
@@ -183,6 +186,18 @@ void PutProcessGroup(pid_t process, pid_t group) {
 
 void PutHardwareAddress(const std::string &interface, const std::string &address) {
   hardware_addresses[interface] = address;
+}
+
+void PutOwner(const std::string &path, uid_t owner) {
+  owners[path] = owner;
+}
+
+void PutUser(uid_t made_up) {
+  user = made_up;
+}
+
+void PutBirth(const std::string &path, const timespec &birth) {
+  births[path] = birth;
 }
 
 void PutService(const std::string &name, int port) {
@@ -378,8 +393,20 @@ ssize_t __wrap_write(int descriptor, const void *buffer, size_t size) {
 
 int __real_fstat(int descriptor, struct stat *result);
 int __wrap_fstat(int descriptor, struct stat *result) {
-  return rec::Fails("fstat", PathBelow(descriptor, nullptr)) ? -1
-                                                             : __real_fstat(descriptor, result);
+  const std::string path = PathBelow(descriptor, nullptr);
+  if (rec::Fails("fstat", path) || __real_fstat(descriptor, result) != 0) {
+    return -1;
+  }
+  const auto owner = owners.find(path);
+  if (owner != owners.end()) {
+    result->st_uid = owner->second;
+  }
+  return 0;
+}
+
+uid_t __real_geteuid();
+uid_t __wrap_geteuid() {
+  return user ? *user : __real_geteuid();
 }
 
 int __real_fchmod(int descriptor, mode_t mode);
@@ -532,9 +559,17 @@ FILE *__wrap_fmemopen(void *memory, size_t size, const char *mode) {
 
 int __real_statx(int directory, const char *name, int flags, unsigned mask, struct statx *result);
 int __wrap_statx(int directory, const char *name, int flags, unsigned mask, struct statx *result) {
-  return rec::Fails("statx", PathBelow(directory, nullptr))
-             ? -1
-             : __real_statx(directory, name, flags, mask, result);
+  const std::string path = PathBelow(directory, nullptr);
+  if (rec::Fails("statx", path) || __real_statx(directory, name, flags, mask, result) != 0) {
+    return -1;
+  }
+  const auto birth = births.find(path);
+  if (birth != births.end()) {
+    result->stx_mask |= STATX_BTIME;
+    result->stx_btime.tv_sec = birth->second.tv_sec;
+    result->stx_btime.tv_nsec = static_cast<uint32_t>(birth->second.tv_nsec);
+  }
+  return 0;
 }
 
 int __real_fstatat(int directory, const char *name, struct stat *result, int flags);

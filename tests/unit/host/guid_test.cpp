@@ -321,6 +321,32 @@ TEST_F(GuidTest, AFileThatCannotBeReadOrReplacedIsLeftAlone) {
   }
 }
 
+// Of five that are there already the last one makes room, unless it cannot.
+TEST_F(GuidTest, AFileThatCannotBeSetAsideStays) {
+  const std::string last = kFile + kAside + "5";
+  for (int i = 1; i <= 5; i++) {
+    rec::PutFile(kFile + kAside + std::to_string(i), "older");
+  }
+  rec::PutFile(kFile, kSixteen);
+  struct Step {
+    const char *call;
+    int nth;
+    size_t left;
+  };
+  for (const auto &[call, nth, left] : {Step{"unlinkat", 1, 6}, Step{"linkat", 2, 5}}) {
+    SCOPED_TRACE(call);
+    rec::StopFailing();
+    rec::ForgetEvents();
+    rec::Fail("read", kFile);
+    rec::Fail(call, last, nth);
+    EXPECT_EQ(Obtain().octets, kGeneratedWithoutEth0);
+    EXPECT_EQ(rec::Count("agentlog_fprintf", "*it was not replaced: the generated GUID lasts*"), 1);
+    EXPECT_EQ(rec::Count("renameat") + rec::Count("renameat2"), 0);
+    EXPECT_EQ(rec::ReadFile(kFile), kSixteen);
+    EXPECT_EQ(Entries().size(), left);
+  }
+}
+
 TEST_F(GuidTest, AFileThatIsRefusedIsSpokenOfOnce) {
   rec::PutFile("/etc/victim", kSixteen);
   std::filesystem::create_symlink(rec::RealPath("/etc/victim"), rec::RealPath(kFile));

@@ -615,6 +615,35 @@ TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
   EXPECT_EQ(rec::Messages().size(), 1U);
 }
 
+TEST_F(Info, AFirstSetThatCannotBeTakenBackIsSpokenOf) {
+  ASSERT_EQ(do_info(), 0);
+  const std::string file = kRoleFile;
+  rec::Fail("fsync", REGISTRY_ROOT);
+  rec::Fail("unlinkat", file);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
+  rec::StopFailing();
+  EXPECT_EQ(rec::Messages(),
+            (std::vector<std::string>{
+                "vexhostd: File " + file +
+                    " has a value that was refused, and that will be used from the next start on: "
+                    "its directory cannot be synchronised\n",
+                "vexhostd: Can't replace " + file + ": " + strerror(EIO) + "\n"}));
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Text(kRole), "");
+}
+
+TEST_F(Info, ASetWaitsForNoFileWhenTheAgentEnds) {
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(), 0);
+  rec::ForgetEvents();
+  rec::Fail("openat", kRoleFile, 1, EMFILE);
+  rec::Fail("agent_ending");
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), 0);
+  EXPECT_EQ(rec::Count("nanosleep"), 0);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "old");
+}
+
 // Not every file system can exchange two names, or synchronise a directory.
 TEST_F(Info, ASetDoesWithWhatTheFileSystemCan) {
   rec::PutFile(kRoleFile, "old");
@@ -760,6 +789,43 @@ TEST_F(Info, ANameThatIsTakenIsNotWaitedFor) {
                                                       std::string(kRoleFile) + ": File exists\n"});
 }
 
+TEST_F(Info, AFirstSetThatFindsAllOfItsWaysTakenFails) {
+  ASSERT_EQ(do_info(), 0);
+  const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
+  rec::PutDirectory(left);
+  for (int i = 1; i < 10; i++) {
+    rec::PutDirectory(left + "." + std::to_string(i));
+  }
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "");
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{"vexhostd: Can't replace " +
+                                                      std::string(kRoleFile) + ": File exists\n"});
+}
+
+// In another's directory it may be one that is not ours to remove, or be planted anew at once.
+TEST_F(Info, ANameThatStaysTakenIsPassedOver) {
+  const std::string left = REGISTRY_ROOT "/.tlxhosystemrole.dat.new";
+  rec::PutFile(kRoleFile, "old");
+  ASSERT_EQ(do_info(), 0);
+  const std::pair<const char *, int> reasons[] = {{"unlinkat", EPERM}, {"openat", EEXIST}};
+  for (const auto &[call, error] : reasons) {
+    SCOPED_TRACE(call);
+    rec::PutFile(left, "planted");
+    rec::Fail(call, left, 0, error);
+    rec::ForgetEvents();
+    EXPECT_EQ(rec::Set(kObject, kRole, std::string(call)), 0);
+    rec::StopFailing();
+    EXPECT_EQ(rec::ReadFile(kRoleFile), call);
+    EXPECT_EQ(rec::Names("fsync").at(0), left + ".1");
+    EXPECT_TRUE(rec::Messages().empty());
+  }
+  // Any other reason ends the search.
+  rec::PutFile(left, "planted");
+  rec::Fail("unlinkat", left, 0, EIO);
+  EXPECT_EQ(rec::Set(kObject, kRole, std::string("newer")), -1);
+  EXPECT_EQ(rec::ReadFile(kRoleFile), "openat");
+}
+
 TEST_F(Info, EachTimeThatItsFileIsRefusedIsSaid) {
   ASSERT_EQ(do_info(), 0);
   const std::string refused =
@@ -863,6 +929,26 @@ TEST_F(Info, RolesAreWrittenAgainIntoANewRoot) {
   EXPECT_TRUE(rec::Messages().empty());
 }
 
+// A number of an inode is given again: what differs may be nothing but the second, or less.
+TEST_F(Info, ARootIsAnotherOneByItsBirthAlone) {
+  rec::PutBirth(REGISTRY_ROOT, {1000, 5});
+  rec::PutFile(kRoleFile, "role");
+  ASSERT_EQ(do_info(), 0);
+  std::filesystem::remove(rec::RealPath(kRoleFile));
+  // A manager's set is not taken back by who removes the file.
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Entries(), std::vector<std::string>{});
+  for (const timespec &birth : {timespec{1001, 5}, timespec{1001, 6}, timespec{1000, 6}}) {
+    SCOPED_TRACE(std::to_string(birth.tv_sec) + "." + std::to_string(birth.tv_nsec));
+    rec::PutBirth(REGISTRY_ROOT, birth);
+    ASSERT_EQ(do_info(), 0);
+    EXPECT_EQ(rec::ReadFile(kRoleFile), "role");
+    std::filesystem::remove(rec::RealPath(kRoleFile));
+    ASSERT_EQ(do_info(), 0);
+    EXPECT_EQ(Entries(), std::vector<std::string>{});
+  }
+}
+
 TEST_F(Info, AFileInANewRootIsLeftAndSpokenOf) {
   rec::PutFile(kRoleFile, "role");
   ASSERT_EQ(do_info(), 0);
@@ -925,6 +1011,38 @@ TEST_F(Info, ASecondNameIsUsedWhereOthersCannotHavePlantedIt) {
       EXPECT_EQ(rec::Set(kObject, kRole, std::string("role")), used ? 0 : -1);
       EXPECT_EQ(rec::Messages(), used ? std::vector<std::string>{} : refusal);
     });
+  }
+}
+
+TEST_F(Info, ASecondNameIsUsedInADirectoryOfRootOrOfThisUser) {
+  rec::PutFile(kRoleFile, "role");
+  rec::PutFile("/etc/copy", "");
+  const std::string copy = rec::RealPath("/etc/copy");
+  std::filesystem::remove(copy);
+  std::filesystem::create_hard_link(rec::RealPath(kRoleFile), copy);
+  ASSERT_EQ(chmod(REGISTRY_ROOT, 0755), 0);
+  constexpr uid_t kThis = 1000;
+  constexpr uid_t kOther = 1001;
+  struct {
+    uid_t owner, user;
+    bool used;
+  } const cases[] = {{0, 0, true},
+                     {0, kThis, true},
+                     {kThis, kThis, true},
+                     {kOther, kThis, false},
+                     {kThis, 0, false}};
+  for (const auto &[owner, user, used] : cases) {
+    SCOPED_TRACE(std::to_string(owner) + " " + std::to_string(user));
+    rec::PutOwner(REGISTRY_ROOT, owner);
+    rec::PutUser(user);
+    InOneLife([&, used = used] {
+      ASSERT_EQ(do_info(), 0);
+      EXPECT_EQ(Text(kRole), used ? "role" : "");
+      EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), used ? 0 : -1);
+      EXPECT_EQ(rec::ReadFile("/etc/copy"), "role");
+    });
+    std::filesystem::remove(rec::RealPath(kRoleFile));
+    std::filesystem::create_hard_link(copy, rec::RealPath(kRoleFile));
   }
 }
 

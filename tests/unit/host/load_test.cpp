@@ -24,6 +24,7 @@ TEST(Load, AveragesAreHundredths) {
   EXPECT_EQ(Averages("0.20 0.18 1.12 1/80 11206\n"), (Three{20, 18, 112}));
   EXPECT_EQ(Averages("128.07 0.5 3"), (Three{12807, 50, 300}));
   EXPECT_EQ(Averages("1.239 2.999 0.000 1/1 1"), (Three{123, 299, 0}));
+  EXPECT_EQ(Averages("0.20 0.18 1.12\n"), (Three{20, 18, 112}));
 }
 
 TEST(Load, WhatIsNoNumberIsNotKnown) {
@@ -41,6 +42,7 @@ TEST(Load, TooLargeAValueIsHeldAtTheLargest) {
 TEST(Uptime, IsWholeSeconds) {
   EXPECT_EQ(parse_uptime("350735.47 234388.90\n"), 350735);
   EXPECT_EQ(parse_uptime("0.99 0.00"), 0);
+  EXPECT_EQ(parse_uptime("70\n"), 70);
   EXPECT_EQ(parse_uptime("2147483648.00 1.00"), INT32_MAX);
   EXPECT_EQ(parse_uptime(""), -1);
   EXPECT_EQ(parse_uptime("soon"), -1);

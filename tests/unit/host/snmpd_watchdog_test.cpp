@@ -144,6 +144,11 @@ TEST(WatchdogParser, Sizes) {
   EXPECT_EQ(parse_snmpd_size("none"), 0);
   EXPECT_EQ(parse_snmpd_size("M"), 0);
   EXPECT_EQ(parse_snmpd_size("99999999999999999999M"), LONG_MAX);
+  // On the other side.
+  EXPECT_EQ(parse_snmpd_size("-3K\n"), -3072);
+  EXPECT_EQ(parse_snmpd_size("-8796093022208M"), LONG_MIN);
+  EXPECT_EQ(parse_snmpd_size("-8796093022209M"), LONG_MIN);
+  EXPECT_EQ(parse_snmpd_size("-99999999999999999999K"), LONG_MIN);
 }
 
 }  // namespace
