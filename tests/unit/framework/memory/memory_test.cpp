@@ -203,7 +203,7 @@ class Memory : public testing::Test {
   int Ask(const AgentxPacket &request, std::vector<Binding> *bindings) {
     std::optional<AgentxPacket> answer = master_->Ask(request);
     if (!answer) {
-      if (!master_->HungUp(500)) {
+      if (!master_->HungUp(5000)) {
         return -1;
       }
       master_->Disconnect();
