@@ -134,7 +134,9 @@ size_t RunApart(apart_fn step, size_t count, void *results, size_t size, int lim
   }
   const int killed = Watch(child, *work.progress, limit_ms * kNsPerMs, whole_until, ending);
   const size_t done = work.progress->at;
-  memcpy(results, work.results, done * size);
+  if (done > 0) {
+    memcpy(results, work.results, done * size);
+  }
   errno = killed != 0 ? killed : ECHILD;
   return done;
 }
