@@ -4,9 +4,9 @@
 #define VEX_COMMON_ROW_TABLE_H
 
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "common/util.h"
 #include "platform/framework.h"
 
 // Record is the group's row record; Object and Key say where it keeps its object and its key.
@@ -88,12 +88,10 @@ struct row_table {
     if (need <= words) {
       return true;
     }
-    auto *grown = static_cast<uint64_t *>(realloc(used, need * sizeof(uint64_t)));
-    if (grown == nullptr) {
+    if (!grow(&used, need)) {
       return false;
     }
-    memset(grown + words, 0, (need - words) * sizeof(uint64_t));
-    used = grown;
+    memset(used + words, 0, (need - words) * sizeof(uint64_t));
     words = need;
     return true;
   }

@@ -68,6 +68,18 @@ inline void sleep_whole(unsigned seconds) {
   }
 }
 
+// Gives an array from malloc() or null room for that many elements; those it had stay. False
+// without memory: then it is as it was.
+template <typename T>
+bool grow(T **array, size_t room) {
+  auto *grown = static_cast<T *>(realloc(*array, room * sizeof(T)));
+  if (grown == nullptr) {
+    return false;
+  }
+  *array = grown;
+  return true;
+}
+
 // A clock that does not step, for limits and ages.
 inline int64_t monotonic_nanoseconds() {
   timespec now = {};

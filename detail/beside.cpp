@@ -1,18 +1,17 @@
 #include "detail/beside.h"
 
-#include <stdlib.h>
 #include <string.h>
+
+#include "common/util.h"
 
 // The row's place, with room made for it; null without memory.
 static beside_row *place_of(beside_table *table, int number) {
   const auto index = static_cast<size_t>(number);
   if (index >= table->room) {
     const size_t wanted = 2 * index + 64;
-    void *grown = realloc(table->rows, wanted * sizeof(*table->rows));
-    if (grown == nullptr) {
+    if (!grow(&table->rows, wanted)) {
       return nullptr;
     }
-    table->rows = static_cast<beside_row *>(grown);
     memset(table->rows + table->room, 0, (wanted - table->room) * sizeof(*table->rows));
     table->room = wanted;
   }

@@ -109,16 +109,6 @@ struct mount_list {
 
 static mount_list mounts;
 
-template <typename T>
-static bool grow(T **array, size_t room) {
-  auto *grown = static_cast<T *>(realloc(*array, room * sizeof(T)));
-  if (grown == nullptr) {
-    return false;
-  }
-  *array = grown;
-  return true;
-}
-
 // Adds at most name_size - 1 bytes of a text. False when there is no memory.
 static bool add_text(mount_list *list, const char *text, size_t *at) {
   const size_t length = strnlen(text, name_size - 1);

@@ -227,14 +227,10 @@ struct records {
     while (larger < all) {
       larger *= 2;
     }
-    if (larger != capacity) {
-      void *grown = realloc(items, larger * sizeof(T));
-      if (grown == nullptr) {
-        return false;
-      }
-      items = static_cast<T *>(grown);
-      capacity = larger;
+    if (larger != capacity && !grow(&items, larger)) {
+      return false;
     }
+    capacity = larger;
     return true;
   }
   // False without memory.
@@ -267,11 +263,18 @@ static pid_t pid_of(const held_process &process) {
   return process.last.pid;
 }
 
+// Of a pid and a record.
+template <typename T>
+static int compare_pid(const void *a, const void *b) {
+  const pid_t first = *static_cast<const pid_t *>(a);
+  const pid_t second = pid_of(*static_cast<const T *>(b));
+  return (first > second) - (first < second);
+}
+
 template <typename T>
 static int compare_pids(const void *a, const void *b) {
   const pid_t first = pid_of(*static_cast<const T *>(a));
-  const pid_t second = pid_of(*static_cast<const T *>(b));
-  return (first > second) - (first < second);
+  return compare_pid<T>(&first, b);
 }
 
 template <typename T>
@@ -284,21 +287,9 @@ static void sort(records<T> *them) {
 // Null when there is none.
 template <typename T>
 static T *find(const records<T> &them, pid_t pid) {
-  size_t from = 0;
-  size_t to = them.count;
-  while (from < to) {
-    const size_t middle = from + (to - from) / 2;
-    const pid_t there = pid_of(them.items[middle]);
-    if (there == pid) {
-      return &them.items[middle];
-    }
-    if (there < pid) {
-      from = middle + 1;
-    } else {
-      to = middle;
-    }
-  }
-  return nullptr;
+  return them.count > 0
+             ? static_cast<T *>(bsearch(&pid, them.items, them.count, sizeof(T), compare_pid<T>))
+             : nullptr;
 }
 
 // At most size - 1 bytes of a file of a process, as text. False when it cannot be opened.

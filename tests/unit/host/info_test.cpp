@@ -615,6 +615,15 @@ TEST_F(Info, AFirstSetOfWhichOneStepFailsLeavesNoFile) {
   EXPECT_EQ(rec::Messages().size(), 1U);
 }
 
+// What is said of a role that is refused and stays in its file.
+std::vector<std::string> RefusedAndKept(const std::string &why, int error) {
+  const std::string file = kRoleFile;
+  return {"vexhostd: File " + file +
+              " has a value that was refused, and that will be used from the next start on: " +
+              why + "\n",
+          "vexhostd: Can't replace " + file + ": " + strerror(error) + "\n"};
+}
+
 TEST_F(Info, AFirstSetThatCannotBeTakenBackIsSpokenOf) {
   ASSERT_EQ(do_info(), 0);
   const std::string file = kRoleFile;
@@ -622,12 +631,7 @@ TEST_F(Info, AFirstSetThatCannotBeTakenBackIsSpokenOf) {
   rec::Fail("unlinkat", file);
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
   rec::StopFailing();
-  EXPECT_EQ(rec::Messages(),
-            (std::vector<std::string>{
-                "vexhostd: File " + file +
-                    " has a value that was refused, and that will be used from the next start on: "
-                    "its directory cannot be synchronised\n",
-                "vexhostd: Can't replace " + file + ": " + strerror(EIO) + "\n"}));
+  EXPECT_EQ(rec::Messages(), RefusedAndKept("its directory cannot be synchronised", EIO));
   EXPECT_EQ(rec::ReadFile(kRoleFile), "new");
   ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "");
@@ -710,13 +714,7 @@ TEST_F(Info, ASetThatIsNotWantedAnyMoreLeavesTheOldText) {
   rec::Fail("renameat2", "*", 0, EINVAL);
   rec::Fail("set_wanted", "last");
   EXPECT_EQ(rec::Set(kObject, kRole, std::string("new")), -1);
-  const std::string file = kRoleFile;
-  EXPECT_EQ(rec::Messages(),
-            (std::vector<std::string>{
-                "vexhostd: File " + file +
-                    " has a value that was refused, and that will be used from the next start on: "
-                    "its directory was synchronised too late\n",
-                "vexhostd: Can't replace " + file + ": " + strerror(ECANCELED) + "\n"}));
+  EXPECT_EQ(rec::Messages(), RefusedAndKept("its directory was synchronised too late", ECANCELED));
 }
 
 // Two hundred kills and more, each at another moment of one set after the other, until one of them
