@@ -292,7 +292,7 @@ static T *find(const records<T> &them, pid_t pid) {
              : nullptr;
 }
 
-// At most size - 1 bytes of a file of a process, as text. False when it cannot be opened.
+// At most size - 1 bytes of a file of a process, as text. False and errno when it cannot be read.
 static bool read_of_process(pid_t pid, const char *name, char *text, size_t size) {
   char path[64];
   snprintf(path, sizeof(path), "%s/%d/%s", proc_directory, static_cast<int>(pid), name);
@@ -301,9 +301,11 @@ static bool read_of_process(pid_t pid, const char *name, char *text, size_t size
     return false;
   }
   const ssize_t n = read(descriptor, text, size - 1);
+  const int error = errno;
   close(descriptor);
+  errno = error;
   text[n > 0 ? n : 0] = '\0';
-  return true;
+  return n >= 0;
 }
 
 // When a process began, in ticks after the host; 0 when it cannot be read. Takes no lock of the
@@ -383,20 +385,9 @@ static constexpr int64_t longest_pause = 600000;
 static size_t asked_from;
 // Where the next listing begins, since the last one had no time for it.
 static pid_t next_asked;
-static bool trouble_told;
-
-// A step of run_apart(). The program path is the first line, at most, of a command line (proc(5):
-// arguments end in NUL). With ten thousand processes a reading must stay in the tens of
-// milliseconds.
-static void read_command(size_t at, void *result) {
-  char command[command_size];
-  const pid_t pid = asked.items[asked_from + at].pid;
-  if (read_of_process(pid, "cmdline", command, sizeof(command))) {
-    command[strcspn(command, "\n")] = '\0';
-    const named_process process = match(pid, command);
-    memcpy(result, &process, sizeof(process));
-  }
-}
+// Each until all can be read again.
+static bool held_told;
+static bool failure_told;
 
 // Forgets held processes that have ended.
 static void forget_ended() {
@@ -432,6 +423,22 @@ static named_process as_before(pid_t pid) {
   return before != nullptr ? *before : named_process{pid, 0, 0};
 }
 
+// A step of run_apart(). The program path is the first line, at most, of a command line (proc(5):
+// arguments end in NUL). With ten thousand processes a reading must stay in the tens of
+// milliseconds. One that cannot be read for a moment counts as it did before.
+static void read_command(size_t at, void *result) {
+  char command[command_size];
+  const pid_t pid = asked.items[asked_from + at].pid;
+  if (read_of_process(pid, "cmdline", command, sizeof(command))) {
+    command[strcspn(command, "\n")] = '\0';
+    const named_process process = match(pid, command);
+    memcpy(result, &process, sizeof(process));
+  } else if (may_pass(errno)) {
+    const named_process process = as_before(pid);
+    memcpy(result, &process, sizeof(process));
+  }
+}
+
 // Its command line was not read in time.
 static void hold(pid_t pid) {
   const int64_t now = monotonic_milliseconds();
@@ -444,12 +451,12 @@ static void hold(pid_t pid) {
   // Without memory it is asked again by the next listing.
   held.add({as_before(pid), start_of(pid), shortest_pause, now});
   sort(&held);
-  if (!trouble_told) {
+  if (!held_told) {
     agentlog_fprintf(stderr,
                      "Info: process %d keeps its command line from being read; such a process "
                      "counts as it was before, and is asked less and less often\n",
                      static_cast<int>(pid));
-    trouble_told = true;
+    held_told = true;
   }
 }
 
@@ -541,12 +548,13 @@ static void read_commands() {
     keep_process(as_before(asked.items[asked_from].pid));
   }
   sort(&named);
-  if (error != 0 && !trouble_told) {
+  if (error != 0 && !failure_told) {
     agentlog_fprintf(stderr, "Cannot read the command lines of processes: %s\n", strerror(error));
-    trouble_told = true;
-  } else if (error == 0 && next_asked == 0 && held.count == 0 && trouble_told) {
+    failure_told = true;
+  } else if (error == 0 && next_asked == 0 && held.count == 0 && (held_told || failure_told)) {
     agentlog_fprintf(stderr, "Info: the command lines of all processes can be read again\n");
-    trouble_told = false;
+    held_told = false;
+    failure_told = false;
   }
 }
 

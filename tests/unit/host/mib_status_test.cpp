@@ -40,6 +40,10 @@ Array Health() {
   return array;
 }
 
+std::string CommandLine(int pid) {
+  return "/proc/" + std::to_string(pid) + "/cmdline";
+}
+
 // Octets 4 * index to 4 * index + 3 as numbers: present, condition, major, minor.
 std::vector<int> Row(const Array &array, int index) {
   std::vector<int> octets;
@@ -422,6 +426,26 @@ TEST_F(MibStatus, AProcessWhoseCommandLineCannotBeReadIsPassedOver) {
   EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
 }
 
+// What fails for a moment makes no peer look stopped, and then started anew.
+TEST_F(MibStatus, ACommandLineThatCannotBeReadForAMomentIsThatOfBefore) {
+  Object("ida/misc", {1, 2, 2});
+  Process(10, "vexida", 10);
+  Status();
+  rec::ForgetEvents();
+  for (const char *call : {"open", "read"}) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EINTR, EIO}) {
+      rec::Fail(call, CommandLine(10), 0, error);
+      EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2})) << call << ": " << strerror(error);
+    }
+    rec::StopFailing();
+  }
+  EXPECT_EQ(Row(Status(), 3), (Octets{1, 2, 1, 2}));
+  EXPECT_EQ(rec::Count("get_obj", "ida/misc"), 0);
+  // One that may not be read is none.
+  rec::Fail("open", CommandLine(10), 0, EACCES);
+  EXPECT_EQ(Row(Status(), 3)[0], 0);
+}
+
 TEST_F(MibStatus, AProcessThatEndsDuringTheScanIsNoMatch) {
   Object("ida/misc", {1, 2, 2});
   Process(10, "vexida", 10);
@@ -530,10 +554,6 @@ TEST_F(MibStatus, AListingThatBreaksOffIsBegunAnew) {
 }
 
 // ---- Processes that hold up who reads their command line ---------------------------------------
-
-std::string CommandLine(int pid) {
-  return "/proc/" + std::to_string(pid) + "/cmdline";
-}
 
 // As the kernel has it: a name may look like anything.
 void Started(int pid, int ticks) {
@@ -701,6 +721,20 @@ TEST_F(MibStatus, AChildThatHadNoTimeIsFollowedByAnother) {
     EXPECT_EQ(Row(Status(), 3)[0], 0);
     Process(10, "vexida", 10);
   }
+}
+
+TEST_F(MibStatus, ThatNoChildCanBeStartedIsSaidAlsoBesideAHeldProcess) {
+  Process(10, "anything", 10);
+  rec::HoldUp(CommandLine(10));
+  Status();
+  rec::ForgetEvents();
+  rec::Fail("run_apart", "*", 0, ENOMEM);
+  Process(11, "other", 11);
+  Status();
+  Status();
+  EXPECT_EQ(rec::Messages(),
+            std::vector<std::string>{
+                "Cannot read the command lines of processes: Cannot allocate memory\n"});
 }
 
 TEST_F(MibStatus, WhileNoChildCanBeStartedEveryProcessIsWhatItWas) {
