@@ -41,6 +41,7 @@ static registry_object *agent_version;  // null until created
 static bool publish_agent_version;
 static bool agent_version_defined;
 static bool agent_version_from_package;
+static bool agent_version_missed;  // a scan found it before its object was there
 static tool_patience rpm_patience;
 
 // Whether to scan: the database's time at the last pass, whether the last listing had no name, and
@@ -386,7 +387,7 @@ static void find_agent_version(const shared_limit &limit, bool dpkg_is_next) {
 
 static void set_agent_version(const char *version) {
   if (agent_version == nullptr) {
-    scan_due = true;  // the next pass may have the object
+    agent_version_missed = true;
     return;
   }
   auto *data = reinterpret_cast<swverag_data *>(agent_version->data);
@@ -404,6 +405,10 @@ static void set_agent_version(const char *version) {
 static void create_agent_version() {
   publish_agent_version = true;
   agent_version = create_undefined_object(swverag_group);
+  if (agent_version != nullptr && agent_version_missed) {
+    scan_due = true;
+    agent_version_missed = false;
+  }
 }
 
 static void create_components() {
