@@ -196,11 +196,10 @@ bool ImageRingReader::Open(int images_fd, int control_fd) {
 
 bool ImageRingReader::Take(MibIndex *index) {
   auto *control = reinterpret_cast<RingTail *>(control_.At(0));
-  while (true) {
-    const uint64_t unread = Head().head.load(std::memory_order_acquire) - tail_;
-    if (unread == 0) {
-      return true;
-    }
+  // What comes meanwhile waits: an agent that publishes without a pause would hold the request up.
+  const uint64_t head = Head().head.load(std::memory_order_acquire);
+  while (head != tail_) {
+    const uint64_t unread = head - tail_;
     const size_t place = tail_ % kRingSize;
     const uint8_t *at = ring_.At(kRingHeadSize + place);
     RecordHead record;
@@ -222,6 +221,7 @@ bool ImageRingReader::Take(MibIndex *index) {
     tail_ += record.size;
     control->tail.store(tail_, std::memory_order_release);
   }
+  return true;
 }
 
 bool ImageRingReader::TakeImage(const uint8_t *at, size_t size, MibIndex *index) {

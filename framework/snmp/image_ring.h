@@ -117,8 +117,8 @@ class ImageRingReader {
   bool SetsRefused() const {
     return Head().refuse_sets.load(std::memory_order_acquire) != 0;
   }
-  // Brings the index up to date with what is there. Throws std::bad_alloc; call again then. False
-  // when what is there makes no sense.
+  // Brings the index up to date with what is there at the call. Throws std::bad_alloc; call again
+  // then. False when what is there makes no sense.
   bool Take(MibIndex *index);
 
  private:

@@ -989,6 +989,7 @@ size_t run_apart(apart_fn step, size_t count, void *results, size_t size, int li
       step(at, result);
     }
   } catch (const rec::HeldUp &) {
+    rec::Record("run_apart held up", std::to_string(at));
     rec::PassTime(limit_ms / 1e3);
     errno = ETIMEDOUT;
   }
