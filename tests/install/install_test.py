@@ -63,8 +63,10 @@ class Installation(Work):
         run("mount", "-t", "overlay", "overlay", "-o",
             f"lowerdir={BUILD},upperdir={layer}/upper,workdir={layer}/work", BUILD)
         self.addCleanup(run, "umount", "--lazy", BUILD)
-        # Not what others have installed from there.
-        shutil.rmtree(BUILD + "/installed", ignore_errors=True)
+        # Not what others have installed from there, or do meanwhile: that shows through an overlay.
+        os.makedirs(BUILD + "/installed", exist_ok=True)
+        run("mount", "-t", "tmpfs", "tmpfs", BUILD + "/installed")
+        self.addCleanup(run, "umount", "--lazy", BUILD + "/installed")
 
     def configure(self, *options):
         run("cmake", "-S", SOURCE, "-B", self.build, "-DVEX_TESTS=OFF", "-DVEX_BENCH=OFF", *options)
