@@ -283,11 +283,12 @@ int process_linux_cmd(const char *command, char *output, int *length);
 typedef void (*apart_fn)(size_t at, void *result);
 
 /* Calls step(0, ...), step(1, ...) to step(count - 1, ...) in a child of the framework that is
- * killed when one of them takes longer than limit_ms milliseconds, or all of them longer than
- * whole_ms, or the agent is to end: for calls that other users' processes can hold up without end,
- * signals or not. The child has the memory of the moment of the call, no descriptor, and no other
- * thread; a step takes no lock and no memory, and leaves nothing but its record. The records of the
- * steps done, of `size` octets each, are stored in `results`, which the caller owns.
+ * killed when a call of one of them sleeps for limit_ms milliseconds, or all of them take longer
+ * than whole_ms, or the agent is to end: for calls that other users' processes can hold up without
+ * end, signals or not. Time in which the child waits for a processor counts for whole_ms alone.
+ * The child has the memory of the moment of the call, no descriptor, and no other thread; a step
+ * takes no lock and no memory, and leaves nothing but its record. The records of the steps done, of
+ * `size` octets each, are stored in `results`, which the caller owns.
  * Returns the number of steps done. When there are fewer than count, errno says why: ETIMEDOUT (the
  * next one was held up; it is step number `returned`), EAGAIN or ETIME (all took too long, or try
  * again: that one is not to blame), EINTR (the agent is to end), ECHILD (the child was ended by

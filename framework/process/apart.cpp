@@ -14,13 +14,12 @@
 namespace vex {
 namespace {
 
-// Where the child is.
+// Where the child is: steps that it has begun and done. Between two steps they are the same.
 struct Progress {
-  std::atomic<int64_t> since;  // when the present step began, in nanoseconds
-  std::atomic<size_t> at;      // that step; the number of steps at the end
+  std::atomic<size_t> begun;
+  std::atomic<size_t> done;
 };
 static_assert(std::atomic<size_t>::is_always_lock_free);
-static_assert(std::atomic<int64_t>::is_always_lock_free);
 constexpr size_t kResultsAt = 64;
 static_assert(sizeof(Progress) <= kResultsAt);
 
@@ -36,11 +35,10 @@ struct Work {
 void DoSteps(void *argument) {
   const Work &work = *static_cast<const Work *>(argument);
   for (size_t at = 0; at < work.count; at++) {
-    work.progress->since.store(ClockNs());
-    work.progress->at.store(at);
+    work.progress->begun.store(at + 1);
     work.step(at, work.results + at * work.size);
+    work.progress->done.store(at + 1);
   }
-  work.progress->at.store(work.count);
 }
 
 // Children that had not ended soon after they were killed: a call that cannot even be killed. Agent
@@ -81,31 +79,47 @@ void Kill(const Child &child) {
 }
 
 // Until the child has ended or has to. 0, or why it was killed.
+// A step is held up only while the child sleeps in a call: a child that waits for a processor, or
+// that somebody has stopped, tells nothing about what the step asks.
 int Watch(const Child &child, const Progress &progress, int64_t limit, int64_t whole_until,
           bool (*ending)()) {
+  // A look at the child speaks for the time since the look before it, but not for longer than this:
+  // this process may have waited for a processor as well.
+  constexpr int kLooksInLimit = 8;
+  const int64_t between_looks = std::max(limit / kLooksInLimit, kNsPerMs);
+  size_t step = 0;
+  int64_t held_up = 0;
+  int64_t looked_at = ClockNs();
   for (;;) {
-    const size_t at = progress.at;
-    const int64_t step_until = progress.since + limit;
+    const size_t done = progress.done;
+    const size_t begun = progress.begun;
     const int64_t now = ClockNs();
     int error = 0;
     if (HasEnded(child)) {
       Bury(child);
       return 0;
     }
+    if (begun != step) {
+      step = begun;
+      held_up = 0;
+    } else if (done < begun && IsAsleep(child)) {
+      held_up += std::min(now - looked_at, between_looks);
+    }
+    looked_at = now;
     if (ending()) {
       error = EINTR;
-    } else if (now >= step_until) {
+    } else if (held_up >= limit) {
       error = ETIMEDOUT;
     } else if (now >= whole_until) {
       error = ETIME;
     }
     if (error == 0) {
-      WaitForEnd(child, std::min(step_until, whole_until));
+      WaitForEnd(child, std::min(now + between_looks, whole_until));
       continue;
     }
     Kill(child);
     // It may have gone on just before.
-    return error == ETIMEDOUT && progress.at != at ? EAGAIN : error;
+    return error == ETIMEDOUT && progress.done != done ? EAGAIN : error;
   }
 }
 
@@ -125,7 +139,6 @@ size_t RunApart(apart_fn step, size_t count, void *results, size_t size, int lim
     return 0;
   }
   Work work = {step, count, size, shared.At<Progress>(0), shared.At<char>(kResultsAt)};
-  work.progress->since = ClockNs();
   Child child;
   const int failed = StartChild("process-asker", DoSteps, &work, &child);
   if (failed != 0) {
@@ -133,7 +146,7 @@ size_t RunApart(apart_fn step, size_t count, void *results, size_t size, int lim
     return 0;
   }
   const int killed = Watch(child, *work.progress, limit_ms * kNsPerMs, whole_until, ending);
-  const size_t done = work.progress->at;
+  const size_t done = work.progress->done;
   if (done > 0) {
     memcpy(results, work.results, done * size);
   }

@@ -9,8 +9,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "framework/process/close_others.h"
+#include "framework/process/descriptor.h"
+#include "framework/process/read_fully.h"
 
 namespace vex {
 
@@ -64,6 +68,23 @@ int StartChild(const char *name, void (*work)(void *argument), void *argument, C
 bool HasEnded(const Child &child) {
   pollfd end = {child.alive, POLLIN, 0};
   return poll(&end, 1, 0) == 1;
+}
+
+bool IsAsleep(const Child &child) {
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(child.pid));
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  char stat[128];
+  const ssize_t size = file ? ReadFully(file.get(), stat, sizeof(stat) - 1) : -1;
+  if (size < 0) {
+    return true;
+  }
+  stat[size] = '\0';
+  // The state is the field after the name, which stands in parentheses and may have some.
+  const char *name_end = strrchr(stat, ')');
+  // S: in a call that a signal ends. D: in one that no handler ends.
+  return name_end == nullptr || strncmp(name_end, ") S", 3) == 0 ||
+         strncmp(name_end, ") D", 3) == 0;
 }
 
 void Bury(const Child &child) {

@@ -42,6 +42,10 @@ int StartChild(const char *name, void (*work)(void *argument), void *argument, C
 
 bool HasEnded(const Child &child);
 
+// Whether it sleeps in a call, rather than runs, waits for a processor, or has been stopped. What
+// cannot be told counts as sleep.
+bool IsAsleep(const Child &child);
+
 // Of a child that has ended: closes the pipe and takes its status.
 void Bury(const Child &child);
 

@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <vector>
 
+#include "framework/process/child.h"
 #include "framework/process/clock.h"
 
 namespace {
@@ -39,6 +41,20 @@ void SquareAndHang(size_t at, void *result) {
 
 void SquareSlowly(size_t at, void *result) {
   usleep(20'000);
+  Square(at, result);
+}
+
+// As a child that waits for a processor all the while: it sleeps in no call.
+void SquareAndCompute(size_t at, void *result) {
+  while (at == kHangsAt && vex::ClockNs(CLOCK_PROCESS_CPUTIME_ID) < 60 * vex::kNsPerMs) {
+  }
+  Square(at, result);
+}
+
+void SquareAndStop(size_t at, void *result) {
+  if (at == kHangsAt) {
+    raise(SIGSTOP);
+  }
   Square(at, result);
 }
 
@@ -87,6 +103,54 @@ TEST(Apart, AStepThatHangsIsNamedAndItsChildKilled) {
   EXPECT_EQ(kill(records[0].child, 0), -1);
 }
 
+// On a busy machine that is nothing that the step's process has done.
+TEST(Apart, AStepThatDoesNotSleepIsNotHeldUp) {
+  std::vector<Record> records = Records(10);
+  EXPECT_EQ(vex::RunApart(SquareAndCompute, records.size(), records.data(), sizeof(Record), 10,
+                          kNoLimit, NotEnding),
+            records.size());
+  ExpectSquares(records, records.size());
+}
+
+// The child of the test, which has nothing else; once it has been looked at often enough for a step
+// that is held up to be named.
+bool ContinueAfterManyLooks() {
+  static int looks;
+  if (++looks > 30) {
+    kill(0, SIGCONT);
+  }
+  return false;
+}
+
+TEST(Apart, AChildThatIsStoppedBlamesNone) {
+  const pid_t alone = fork();
+  if (alone == 0) {
+    setpgid(0, 0);
+    std::vector<Record> records = Records(10);
+    const size_t done = vex::RunApart(SquareAndStop, records.size(), records.data(), sizeof(Record),
+                                      10, kNoLimit, ContinueAfterManyLooks);
+    _exit(done == records.size() && records[9].square == 81 ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(alone, &status, 0), alone);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(Apart, WhatAComputingStepTakesEndsWithAllStepsLimit) {
+  std::vector<Record> records = Records(10);
+  const auto compute = [](size_t at, void *result) {
+    while (at == kHangsAt) {
+      vex::ClockNs();
+    }
+    Square(at, result);
+  };
+  const size_t done =
+      vex::RunApart(compute, records.size(), records.data(), sizeof(Record), 10, 100, NotEnding);
+  EXPECT_EQ(errno, ETIME);
+  EXPECT_LE(done, kHangsAt);
+  ExpectSquares(records, done);
+}
+
 TEST(Apart, TheLimitIsEachStepsOwn) {
   std::vector<Record> records = Records(30);
   EXPECT_EQ(vex::RunApart(SquareSlowly, records.size(), records.data(), sizeof(Record), 500,
@@ -120,6 +184,34 @@ TEST(Apart, TheEndOfTheAgentEndsIt) {
   EXPECT_EQ(errno, EINTR);
   EXPECT_LE(done, kHangsAt);
   ExpectSquares(records, done);
+}
+
+TEST(Child, IsAsleepOnlyInACallThatWaits) {
+  vex::Child waiting;
+  ASSERT_EQ(vex::StartChild(
+                "wa) R (it", [](void *) { pause(); }, nullptr, &waiting),
+            0);
+  vex::Child computing;
+  const auto compute = [](void *) {
+    while (vex::ClockNs() != 0) {
+    }
+  };
+  ASSERT_EQ(vex::StartChild("compute) S", compute, nullptr, &computing), 0);
+  while (!vex::IsAsleep(waiting)) {
+    usleep(1000);
+  }
+  for (int i = 0; i < 20; i++) {
+    EXPECT_TRUE(vex::IsAsleep(waiting));
+    EXPECT_FALSE(vex::IsAsleep(computing));
+  }
+  for (const vex::Child &child : {waiting, computing}) {
+    kill(child.pid, SIGKILL);
+    siginfo_t end = {};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid), &end, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(vex::IsAsleep(child));  // a zombie
+    vex::Bury(child);
+    EXPECT_TRUE(vex::IsAsleep(child));  // nobody can tell
+  }
 }
 
 void CountDescriptors(size_t, void *result) {
