@@ -896,7 +896,8 @@ TEST(RegistryFileProcess, AReaderNeverSeesAMixtureOrGoesBackwards) {
   do {
     last = Watch(registry.root(), last);
     clock_gettime(CLOCK_MONOTONIC, &now);
-  } while (now.tv_sec - begin.tv_sec < 2 && !testing::Test::HasFailure());
+    // On a busy machine the writer may take longer than two seconds for its thousand.
+  } while (now.tv_sec - begin.tv_sec < (last > 1000 ? 2 : 60) && !testing::Test::HasFailure());
   kill(writer, SIGKILL);
   int status;
   ASSERT_EQ(waitpid(writer, &status, 0), writer);
