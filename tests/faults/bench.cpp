@@ -174,7 +174,7 @@ bool Bench::Poll() {
 
 std::string Bench::AwaitStart() {
   Daemon &daemon = host().daemon;
-  if (!injector_.Attach(daemon.pid())) {
+  if (!injector_.Attach(daemon.pid(), made_up::DaemonPath())) {
     return "its calls cannot be seen (seccomp)";
   }
   if (!daemon.WaitStarted(patience_)) {

@@ -20,19 +20,27 @@ namespace faults {
 namespace {
 
 const std::string kPageFile = std::string(MadeUpHost::kDirectory) + "/faults";
-// The golden server's /proc is made of links; the kernel's own is here.
-const std::string kRealProc = std::string(MadeUpHost::kDirectory) + "/real-proc/";
+// The golden server's /proc is made of links; the kernel's own is elsewhere then.
+std::string RealProc() {
+  static const std::string moved = std::string(MadeUpHost::kDirectory) + "/real-proc/";
+  return Exists(moved) ? moved : "/proc/";
+}
 
 std::string ExecutableOf(pid_t task) {
   char target[4096];
   const ssize_t length =
-      readlink((kRealProc + std::to_string(task) + "/exe").c_str(), target, sizeof(target));
+      readlink((RealProc() + std::to_string(task) + "/exe").c_str(), target, sizeof(target));
   return length > 0 ? std::string(target, static_cast<size_t>(length)) : "";
+}
+
+std::string CommandLineOf(pid_t task) {
+  return ReadFile(RealProc() + std::to_string(task) + "/cmdline");
 }
 
 bool IsProduct(const std::string &file) {
   const std::string name = file.substr(file.rfind('/') + 1);
-  for (const char *ours : {"vexhostd", "libvexcommon", "libkelmointrfc", "libqvev", "libtlxci"}) {
+  for (const char *ours :
+       {"vexhostd", "vexreg", "libvexcommon", "libkelmointrfc", "libqvev", "libtlxci"}) {
     if (name.starts_with(ours)) {
       return true;
     }
@@ -163,10 +171,29 @@ Injector::~Injector() {
 void Injector::Prepare(DaemonOptions *options, bool armed) {
   options->launcher = {VEX_FAULT_LAUNCHER, kPageFile};
   options->preload = VEX_FAULT_PRELOAD;
+  Reset(nullptr);
+  page_->arm_in_main = armed ? 1 : 0;
+}
+
+std::vector<std::string> Injector::PrepareCommand(const std::vector<std::string> &command,
+                                                  bool until_end, const Call *only) {
+  Reset(only);
+  command_ = command;
+  page_->arm_in_main = 1;
+  page_->whole_family = 1;
+  page_->disarm_after_main = until_end ? 0 : 1;
+  std::vector<std::string> words = {VEX_FAULT_LAUNCHER, kPageFile,
+                                    std::string("LD_PRELOAD=") + VEX_FAULT_PRELOAD};
+  words.insert(words.end(), command.begin(), command.end());
+  return words;
+}
+
+void Injector::Reset(const Call *only) {
   page_->go = 0;
   page_->armed = 0;
   page_->agent = 0;
-  page_->arm_in_main = armed ? 1 : 0;
+  page_->whole_family = 0;
+  page_->disarm_after_main = 0;
   page_->listener = 0;
   size_t used = 0;
   if (Calls().size() >= std::size(page_->calls)) {
@@ -174,7 +201,7 @@ void Injector::Prepare(DaemonOptions *options, bool armed) {
   }
   for (const Call &call : Calls()) {
     const auto announced = static_cast<uint32_t>(call.number) + 1;
-    bool known = false;
+    bool known = only != nullptr && only->number != call.number;
     for (size_t i = 0; i < used; i++) {
       known = known || page_->calls[i] == announced;
     }
@@ -189,7 +216,7 @@ void Injector::Prepare(DaemonOptions *options, bool armed) {
   page_->allocations = 0;
 }
 
-bool Injector::Attach(pid_t agent) {
+bool Injector::Attach(pid_t agent, const std::string &program) {
   agent_ = agent;
   if (!Eventually([&] { return page_->listener != 0; }) || page_->listener < 0) {
     return false;
@@ -200,7 +227,7 @@ bool Injector::Attach(pid_t agent) {
   if (listener_ < 0) {
     return false;
   }
-  executable_ = std::filesystem::canonical(DaemonPath());
+  executable_ = std::filesystem::canonical(program);
   stop_ = false;
   server_ = std::thread([this] { Serve(); });
   page_->go = 1;
@@ -269,7 +296,12 @@ std::map<int, unsigned> Injector::Counts() const {
 
 // One of its threads, or a child that is still the same program.
 bool Injector::IsAgents(pid_t task) const {
-  return task == agent_ || ExecutableOf(task) == executable_;
+  if (task == agent_) {
+    return true;
+  }
+  // What a command starts of itself with other words is another command.
+  return ExecutableOf(task) == executable_ &&
+         (command_.empty() || CommandLineOf(task) == CommandLineOf(agent_));
 }
 
 void Injector::Serve() {
@@ -318,7 +350,7 @@ void Injector::Serve() {
 // What looks like a return address on the stack of a waiting thread: frames that are over may be
 // among them, but none is missing.
 std::string Injector::PlaceOf(pid_t task) const {
-  const std::string directory = kRealProc + std::to_string(task);
+  const std::string directory = RealProc() + std::to_string(task);
   std::istringstream call(ReadFile(directory + "/syscall"));
   std::vector<std::string> words;
   for (std::string word; call >> word;) {

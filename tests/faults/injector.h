@@ -1,6 +1,6 @@
-// Lets one call of the agent fail: the n-th call of a system call, or the n-th allocation, from a
-// mark on. Calls are counted in the agent's own threads and in what it forks until that becomes
-// another program; allocations in the agent alone.
+// Lets one call of a program fail: the n-th call of a system call, or the n-th allocation, from a
+// mark on. Calls are counted in the program's own threads and in what it forks until that becomes
+// another program; allocations of the agent in itself alone, of a command in its children as well.
 #ifndef VEX_TESTS_FAULTS_INJECTOR_H
 #define VEX_TESTS_FAULTS_INJECTOR_H
 
@@ -41,8 +41,12 @@ class Injector {
 
   // Into the options of an agent to be started; it counts from its main() on if `armed`.
   void Prepare(made_up::DaemonOptions *options, bool armed);
-  // Once the agent's process is there. False when its calls cannot be seen.
-  bool Attach(pid_t agent);
+  // The same of a command that runs to its end: the words to be run in its place. It counts from
+  // its main() on; with until_end false only until that returns. only: no other call is looked at.
+  std::vector<std::string> PrepareCommand(const std::vector<std::string> &command, bool until_end,
+                                          const Call *only);
+  // Once the process is there. False when its calls cannot be seen. program: what it is to become.
+  bool Attach(pid_t agent, const std::string &program);
   // Before the agent's process may be forgotten: after its end.
   void Detach();
 
@@ -60,6 +64,7 @@ class Injector {
   std::map<int, unsigned> Counts() const;
 
  private:
+  void Reset(const Call *only);
   void Serve();
   bool IsAgents(pid_t task) const;
   std::string PlaceOf(pid_t task) const;
@@ -67,6 +72,7 @@ class Injector {
   Page *page_;
   pid_t agent_ = -1;
   std::string executable_;
+  std::vector<std::string> command_;  // none: the agent
   int listener_ = -1;
   std::thread server_;
   std::atomic<bool> stop_{false};

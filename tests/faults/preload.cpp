@@ -70,7 +70,8 @@ void Spoil() {
 
 // Whether this allocation is the one.
 bool Fails() {
-  if (page == nullptr || page->armed == 0 || inside || getpid() != page->agent) {
+  if (page == nullptr || page->armed == 0 || inside ||
+      (page->whole_family == 0 && getpid() != page->agent)) {
     return false;
   }
   inside = true;
@@ -93,7 +94,11 @@ int MarkedMain(int argc, char **argv, char **environment) {
     page->agent = getpid();
     page->armed = page->arm_in_main.load();
   }
-  return real_main(argc, argv, environment);
+  const int status = real_main(argc, argv, environment);
+  if (page != nullptr && page->disarm_after_main != 0 && getpid() == page->agent) {
+    page->armed = 0;
+  }
+  return status;
 }
 
 __attribute__((constructor)) void Attach() {

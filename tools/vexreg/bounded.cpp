@@ -33,7 +33,7 @@ namespace {
   if (getppid() != parent) {
     _exit(kFailed);
   }
-  const int status = work();
+  const int status = Caught(work);
   std::cout << std::flush;
   _exit(status);
 }

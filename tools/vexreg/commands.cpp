@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <new>
 #include <nlohmann/json.hpp>
 
 #include "common/sources.h"
@@ -98,6 +99,19 @@ std::string Said(const std::string &name) {
 }
 
 }  // namespace
+
+int Caught(const std::function<int()> &work) {
+  try {
+    return work();
+  } catch (const std::bad_alloc &) {
+    // Whatever else stands in the line needs memory.
+    constexpr char kMessage[] = "vexreg: out of memory\n";
+    (void)!write(STDERR_FILENO, kMessage, sizeof(kMessage) - 1);
+  } catch (const std::exception &error) {
+    Complain(error.what());
+  }
+  return kFailed;
+}
 
 void Complain(const std::string &message) {
   std::cerr << "vexreg: " << SafeText(message) << '\n';

@@ -3,6 +3,7 @@
 #ifndef VEX_TOOLS_VEXREG_COMMANDS_H
 #define VEX_TOOLS_VEXREG_COMMANDS_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,6 +67,10 @@ struct ReplayOptions {
 // Runs the agent on a captured host in private namespaces. kFailed also when it serves other values
 // than then.
 int Replay(const std::string &file, const ReplayOptions &options);
+
+// Does the work, whose exit status it returns; kFailed, with a message, when there is no memory for
+// it. For the whole of a process: what a child has thrown must not go on in its parent's place.
+int Caught(const std::function<int()> &work);
 
 // One message on standard error, with control characters made visible.
 void Complain(const std::string &message);

@@ -140,9 +140,7 @@ void AddView(CLI::App *to, Arguments *arguments, const char *json) {
   AddColour(to, arguments);
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int Run(int argc, char **argv) {
   // Character widths; what is printed is UTF-8 whatever the user's locale.
   setlocale(LC_CTYPE, "C.UTF-8");
 
@@ -331,4 +329,10 @@ int main(int argc, char **argv) {
     return vex::Replay(arguments.capture_file, arguments.replay);
   }
   return *completion ? vex::Complete(app, root, arguments.completion) : vex::kWrongUsage;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  return vex::Caught([&] { return Run(argc, argv); });
 }

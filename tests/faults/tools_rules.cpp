@@ -1,0 +1,34 @@
+// What may differ all the same when a call of vexreg fails, each with its reason.
+#include <regex>
+
+#include "tests/faults/tools_bench.h"
+
+namespace tool_faults {
+
+namespace {
+
+struct Exception {
+  const char *subject;     // all of them: ""
+  const char *call;        // all of them: ""
+  const char *difference;  // a pattern for the whole line
+  const char *reason;
+};
+
+constexpr Exception kExceptions[] = {
+    {"none", "none", "none", "none"},
+};
+
+}  // namespace
+
+std::string Rule(const Subject &subject, const faults::Call &call, const std::string &difference) {
+  for (const Exception &one : kExceptions) {
+    if ((*one.subject == '\0' || std::string(subject.name) == one.subject) &&
+        (*one.call == '\0' || std::string(call.name) == one.call) &&
+        std::regex_match(difference, std::regex(one.difference))) {
+      return one.reason;
+    }
+  }
+  return "";
+}
+
+}  // namespace tool_faults
