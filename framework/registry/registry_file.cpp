@@ -98,35 +98,60 @@ bool NaturalLess(const std::string &a, const std::string &b) {
   return a < b;
 }
 
-void ListDirectory(int parent, const char *name, const std::string &prefix, int depth,
-                   std::vector<std::string> &found) {
-  Descriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd) {
-    return;
+// Notes what could not be looked at, unless it has gone or its mode says so.
+void NoteUnread(const std::string &name, int error, std::vector<Unread> *unread) {
+  constexpr int kNoFailure[] = {0, ENOENT, ENOTDIR, ELOOP, EACCES};
+  if (unread != nullptr && std::find(std::begin(kNoFailure), std::end(kNoFailure), error) ==
+                               std::end(kNoFailure)) {
+    unread->push_back({name, error});
   }
-  DIR *dir = fdopendir(fd.get());
+}
+
+// "host" of "host/".
+std::string WithoutSlash(const std::string &prefix) {
+  return prefix.substr(0, prefix.size() - (prefix.empty() ? 0 : 1));
+}
+
+// The next entry of a directory of that name; null at its end, and where it cannot be read.
+const dirent *NextEntry(DIR *dir, const std::string &name, std::vector<Unread> *unread) {
+  errno = 0;
+  const dirent *entry = readdir(dir);
+  if (entry == nullptr) {
+    NoteUnread(name, errno, unread);
+  }
+  return entry;
+}
+
+void ListDirectory(int parent, const char *name, const std::string &prefix, int depth,
+                   std::vector<std::string> &found, std::vector<Unread> *unread) {
+  Descriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
   if (dir == nullptr) {
+    NoteUnread(WithoutSlash(prefix), errno, unread);
     return;
   }
   const int dir_fd = fd.Release();
-  while (const dirent *entry = readdir(dir)) {
+  while (const dirent *entry = NextEntry(dir, WithoutSlash(prefix), unread)) {
     if (entry->d_name[0] == '.') {
       continue;  // also the temporary files of writers
     }
+    const std::string path = prefix + entry->d_name;
     struct stat st;
     if (fstatat(dir_fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      NoteUnread(path, errno, unread);
       continue;
     }
-    const std::string path = prefix + entry->d_name;
     if (S_ISDIR(st.st_mode) && depth < kMaxDepth) {
-      ListDirectory(dir_fd, entry->d_name, path + "/", depth + 1, found);
+      ListDirectory(dir_fd, entry->d_name, path + "/", depth + 1, found, unread);
     } else if (S_ISREG(st.st_mode)) {
       // Agents keep other small files in the registry too: an object's file says that it is one.
       Descriptor file(
           openat(dir_fd, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
       char magic[sizeof(kMagic)];
-      if (file && pread(file.get(), magic, sizeof(magic), 0) == sizeof(magic) &&
-          memcmp(magic, kMagic, sizeof(magic)) == 0) {
+      const ssize_t got = file ? pread(file.get(), magic, sizeof(magic), 0) : -1;
+      if (got < 0) {
+        NoteUnread(path, errno, unread);
+      } else if (got == sizeof(magic) && memcmp(magic, kMagic, sizeof(magic)) == 0) {
         found.push_back(path);
       }
     }
@@ -179,7 +204,10 @@ std::optional<FileObject> ReadEntry(int directory, const std::string &name,
       *is_object = errno != ENOENT && errno != ELOOP;
       return std::nullopt;
     }
-    buffer->resize(got > 0 ? static_cast<size_t>(got) : 0);
+    if (got < 0) {
+      return std::nullopt;  // it may be one
+    }
+    buffer->resize(static_cast<size_t>(got));
   }
   *is_object =
       buffer->size() >= sizeof(kMagic) && memcmp(buffer->data(), kMagic, sizeof(kMagic)) == 0;
@@ -207,17 +235,20 @@ std::optional<FileObject> ReadObjectFile(std::string_view name, std::string_view
   return ReadSettled([&] { return ReadWhole(root_fd.get(), *relative); });
 }
 
-std::vector<NamedFile> ReadObjectsOf(std::string_view directory, std::string_view root) {
+std::vector<NamedFile> ReadObjectsOf(std::string_view directory, std::string_view root,
+                                     std::vector<Unread> *unread) {
   std::vector<NamedFile> found;
+  const std::string own_name(directory);
   const Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
-  Descriptor fd(root_fd ? OpenBeneath(root_fd.get(), std::string(directory), kReadDirectory) : -1);
+  Descriptor fd(root_fd ? OpenBeneath(root_fd.get(), own_name, kReadDirectory) : -1);
   DIR *dir = fd ? fdopendir(fd.get()) : nullptr;
   if (dir == nullptr) {
+    NoteUnread(root_fd ? own_name : "", errno, unread);
     return found;
   }
   const int dir_fd = fd.Release();
   std::vector<std::string> names;
-  while (const dirent *entry = readdir(dir)) {
+  while (const dirent *entry = NextEntry(dir, own_name, unread)) {
     if (entry->d_name[0] != '.' && (entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN)) {
       names.emplace_back(entry->d_name);
     }
@@ -237,11 +268,13 @@ std::vector<NamedFile> ReadObjectsOf(std::string_view directory, std::string_vie
   return found;
 }
 
-std::vector<std::string> ListObjects(std::string_view root) {
+std::vector<std::string> ListObjects(std::string_view root, std::vector<Unread> *unread) {
   std::vector<std::string> found;
   Descriptor root_fd(OpenRegistryRoot(std::string(root), false));
   if (root_fd) {
-    ListDirectory(root_fd.get(), ".", "", 0, found);
+    ListDirectory(root_fd.get(), ".", "", 0, found, unread);
+  } else {
+    NoteUnread("", errno, unread);
   }
   std::sort(found.begin(), found.end(), NaturalLess);
   return found;

@@ -83,6 +83,13 @@ class ObjectFileWriter {
 // when there is none) or -1 with errno.
 int RemoveObjectFile(const std::string &relative, const std::string &root = kRegistryRoot);
 
+// What could not be looked at, with the error: a file or directory from the root on, "" for the root.
+// What has gone meanwhile, and what is not for this user, is not among them.
+struct Unread {
+  std::string name;
+  int error = 0;
+};
+
 // An object's name from the root, and its newest complete state; none when the file is damaged or
 // may not be read.
 struct NamedFile {
@@ -91,13 +98,15 @@ struct NamedFile {
 };
 // Reads the objects that stand in one directory itself ("host"), in the order of ListObjects(): for
 // thousands of them a small part of what ListObjects() and ReadObjectFile() cost. Empty when there
-// is no such directory.
+// is no such directory. unread, where it is given: gets what could not be looked at.
 std::vector<NamedFile> ReadObjectsOf(std::string_view directory,
-                                     std::string_view root = kRegistryRoot);
+                                     std::string_view root = kRegistryRoot,
+                                     std::vector<Unread> *unread = nullptr);
 
 // Names of all object files below the root (relative, sorted by name with numbers by value);
-// temporary files of writers are left out.
-std::vector<std::string> ListObjects(std::string_view root = kRegistryRoot);
+// temporary files of writers are left out. unread: as above.
+std::vector<std::string> ListObjects(std::string_view root = kRegistryRoot,
+                                     std::vector<Unread> *unread = nullptr);
 
 }  // namespace vex
 

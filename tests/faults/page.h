@@ -23,8 +23,8 @@ enum class Sabotage : uint32_t {
 
 struct Page {
   // Written by the scenario.
-  std::atomic<uint32_t> go;           // 1: somebody listens, the launcher goes on
-  std::atomic<uint32_t> arm_in_main;  // 1: main() arms
+  std::atomic<uint32_t> go;                 // 1: somebody listens, the launcher goes on
+  std::atomic<uint32_t> arm_in_main;        // 1: main() arms
   std::atomic<uint32_t> whole_family;       // 1: allocations of what it forks count, too
   std::atomic<uint32_t> disarm_after_main;  // 1: what happens behind main() does not count
   uint32_t calls[96];  // system calls that are announced to the listener; 0 ends them

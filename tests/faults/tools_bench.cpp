@@ -30,7 +30,6 @@ const std::string kTemporary = kRoom + "/tmp";
 const std::string kCaptured = kRoom + "/host.tar.zst";
 const std::string kData = kRoom + "/data";
 const std::string kSaid = "/run/faulty-said";  // what the command prints
-constexpr char kOldText[] = "what was there before\n";
 constexpr double kPatience = 12;  // doctor's questions to a master that is silent take six seconds
 
 void WriteText(const std::string &path, std::string_view text) {
@@ -105,12 +104,13 @@ const std::vector<Subject> &Subjects() {
        false,
        kOut + "/file"},
       {"report-capture",
-       Kind::kText,
+       Kind::kPage,
        {"report", "--capture", kCaptured, kOut + "/file"},
        false,
        kOut + "/file"},
       {"completion", Kind::kText, {"--root", kRecorded, "completion", "bash"}},
-      {"completion-objects", Kind::kText, {"--root", kRecorded, "completion", "objects"}},
+      {"completion-names", Kind::kNames, {"--root", kRecorded, "completion", "names"}},
+      {"completion-columns", Kind::kNames, {"--root", kRecorded, "completion", "columns"}},
       {"put",
        Kind::kWrite,
        {"--root", kSmall, "put", "example/one", "int:5", "str:16:text", "--data", kData}},
@@ -168,6 +168,12 @@ void Bench::MakeRoom() {
     }
   }
   WriteText(kData, std::string(64, 'd'));
+  vex::ObjectFileWriter one = NumbersWriter("example/one"), two = NumbersWriter("example/two");
+  PutNumbers(&one, 1, 2);
+  PutNumbers(&two, 3, 4);
+  for (const char *name : {"/example/one", "/example/two"}) {
+    small_[kSmall + name] = ReadFile(kSmall + name);
+  }
   if (!subject_.live) {
     return;
   }
@@ -189,9 +195,10 @@ void Bench::Restore() {
     }
   }
   WriteText(kOut + "/file", kOldText);
-  vex::ObjectFileWriter one = NumbersWriter("example/one"), two = NumbersWriter("example/two");
-  PutNumbers(&one, 1, 2);
-  PutNumbers(&two, 3, 4);
+  fs::create_directories(kSmall + "/example");
+  for (const auto &[path, bytes] : small_) {
+    WriteText(path, bytes);
+  }
   if (subject_.live) {
     host_.daemon.Poll();  // its values are fresh
   }
@@ -226,8 +233,12 @@ Run Bench::RunOnce(bool count_calls, const faults::Call *call) {
   command.insert(command.end(), subject_.words.begin(), subject_.words.end());
   command = injector_.PrepareCommand(command, until_end_, count_calls ? nullptr : call);
   const std::vector<std::string> environment = {
-      "PATH=/run/made-up/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C", "TZ=UTC0", "MIBS=",
-      "TMPDIR=" + kTemporary, "SNMP_PERSISTENT_DIR=/run/faulty-snmp"};
+      "PATH=/run/made-up/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+      "LC_ALL=C",
+      "TZ=UTC0",
+      "MIBS=",
+      "TMPDIR=" + kTemporary,
+      "SNMP_PERSISTENT_DIR=/run/faulty-snmp"};
   std::vector<char *> argv, envp;
   for (const std::string &word : command) {
     argv.push_back(const_cast<char *>(word.c_str()));
@@ -299,16 +310,24 @@ Run Bench::RunOnce(bool count_calls, const faults::Call *call) {
 Run Bench::RunWithout(const std::set<std::string> &objects) {
   auto known = without_.find(objects);
   if (known == without_.end()) {
-    const std::string aside = "/run/faulty-aside";
+    const std::string aside = "/run/faulty-aside", capture_aside = "/run/faulty-aside.tar.zst";
     fs::rename(kRecorded, aside);
     fs::copy(aside, kRecorded, fs::copy_options::recursive);
+    fs::copy_file(kCaptured, capture_aside);
+    std::string error;
+    auto members = vex::UnpackMembers(ReadFile(kCaptured), &error).value();
     for (const std::string &object : objects) {
       fs::remove(fs::path(kRecorded) / object);
+      std::erase_if(members, [&](const vex::Member &member) {
+        return member.name == std::string(vex::kRegistryMembers) + object;
+      });
     }
+    WriteText(kCaptured, vex::PackMembers(members, &error).value());
     injector_.Choose({}, 0);
     known = without_.emplace(objects, RunOnce(false, &faults::Allocation())).first;
     fs::remove_all(kRecorded);
     fs::rename(aside, kRecorded);
+    fs::rename(capture_aside, kCaptured);
   }
   return known->second;
 }
@@ -325,8 +344,8 @@ bool Bench::Learn() {
     }
   }
   const Run once_more = RunOnce(true, nullptr);
-  const Verdict verdict =
-      Judge(subject_, expected_, once_more, [this](const auto &objects) { return RunWithout(objects); });
+  const Verdict verdict = Judge(subject_, expected_, once_more,
+                                [this](const auto &objects) { return RunWithout(objects); });
   const bool alike = verdict.judgement == Judgement::kNoEffect && expected_.ended &&
                      (expected_.status == 0 || subject_.kind == Kind::kFindings);
   EXPECT_TRUE(alike) << "undisturbed, it ends with status " << expected_.status << ": "

@@ -1,5 +1,5 @@
-// vexreg under faults: rounds in which one call of a command fails, and a verdict on each, from what
-// can be seen outside.
+// vexreg under faults: rounds in which one call of a command fails, and a verdict on each, from
+// what can be seen outside.
 #ifndef VEX_TESTS_FAULTS_TOOLS_BENCH_H
 #define VEX_TESTS_FAULTS_TOOLS_BENCH_H
 
@@ -19,6 +19,7 @@ namespace tool_faults {
 enum class Kind {
   kObjects,   // prints objects: one that is left out is told
   kText,      // prints what is always the same
+  kNames,     // prints names for a shell: some are better than none, when the rest is told
   kFindings,  // doctor
   kPage,      // report of this host
   kCapture,
@@ -44,6 +45,9 @@ const std::vector<faults::Call> &ToolCalls();
 
 // What nothing that leaves the host may have: a community of snmpd.conf.
 inline constexpr char kSecret[] = "hush-hush-1";
+
+// What stands in the file that is to be written.
+inline constexpr char kOldText[] = "what was there before\n";
 
 // What was seen of one run.
 struct Run {
@@ -86,7 +90,8 @@ class Bench {
   Bench(const Bench &) = delete;
   Bench &operator=(const Bench &) = delete;
 
-  // Undisturbed runs, for comparison. False (and a failure of the test) when they do not look alike.
+  // Undisturbed runs, for comparison. False (and a failure of the test) when they do not look
+  // alike.
   bool Learn();
   // How often each call is made in an undisturbed run, by its number; allocations as -1.
   const std::map<int, unsigned> &Counts() const {
@@ -117,6 +122,7 @@ class Bench {
   Run expected_;
   std::map<std::set<std::string>, Run> without_;
   std::string program_;
+  std::map<std::string, std::string> small_;  // files of the registry that is written to
 };
 
 // For the tests of judging.

@@ -54,8 +54,8 @@ std::set<std::string> NamesTold(const Run &expected, const Run &seen) {
 
 // "vexreg: WHAT: WHY", or what there is only one of.
 bool SaysWhy(const std::string &line) {
-  static const std::regex form(
-      "vexreg: (.+: .+|cannot write to standard output|out of memory)", std::regex::extended);
+  static const std::regex form("vexreg: (.+: .+|cannot write to standard output|out of memory)",
+                               std::regex::extended);
   return std::regex_match(line, form);
 }
 
@@ -84,6 +84,9 @@ class Judge_ {
     }
     if (!succeeded && seen_.status < 128) {
       LookAtFailure(told);
+    }
+    if (!succeeded) {
+      LookAtOutputOfFailure();
     }
     for (const std::string &line : told) {
       if (!line.starts_with(kName)) {
@@ -119,13 +122,13 @@ class Judge_ {
     if (seen_.status != 1 && !(subject_.kind == Kind::kFindings && seen_.status == 0)) {
       Wrong("status " + std::to_string(seen_.status));
     }
-    const bool found = subject_.kind == Kind::kFindings &&
-                       seen_.out.find(subject_.name == std::string("doctor-json")
-                                          ? "\"state\": \"fail\""
-                                          : "FAIL  ") != std::string::npos;
+    const bool found =
+        subject_.kind == Kind::kFindings &&
+        seen_.out.find(subject_.name == std::string("doctor-json") ? "\"state\": \"fail\""
+                                                                   : "FAIL  ") != std::string::npos;
     if (!found && seen_.status != 0 && std::none_of(told.begin(), told.end(), SaysWhy)) {
-      Wrong("status " + std::to_string(seen_.status) + " without a reason: " +
-            (seen_.err.empty() ? "nothing" : seen_.err));
+      Wrong("status " + std::to_string(seen_.status) +
+            " without a reason: " + (seen_.err.empty() ? "nothing" : seen_.err));
     }
   }
 
@@ -139,13 +142,29 @@ class Judge_ {
       }
     }
     for (const auto &[path, content] : expected_.files) {
-      const bool written = path == subject_.output ||
-                           subject_.kind == Kind::kWrite || subject_.kind == Kind::kWatch;
+      const bool written =
+          path == subject_.output || subject_.kind == Kind::kWrite || subject_.kind == Kind::kWatch;
       if (!seen_.files.contains(path) && subject_.kind != Kind::kWrite) {
         Wrong("lost: " + path);
       } else if (!written && seen_.files.at(path) != content) {
         Wrong("changed: " + path);
       }
+    }
+  }
+
+  // Of what it writes by itself, each time of a moment, there is no other whole one to compare
+  // with.
+  void LookAtOutputOfFailure() {
+    if (subject_.output.empty()) {
+      return;
+    }
+    const std::string now = FileOf(seen_, subject_.output);
+    std::string error;
+    const bool whole = subject_.kind == Kind::kCapture ? vex::UnpackMembers(now, &error).has_value()
+                       : subject_.kind == Kind::kPage  ? now.ends_with("</html>\n")
+                                                       : now == FileOf(expected_, subject_.output);
+    if (now != kOldText && !whole) {
+      Wrong("the file is neither the old one nor a whole new one");
     }
   }
 
@@ -176,6 +195,10 @@ class Judge_ {
         return LookAtObjects();
       case Kind::kText:
         return Differ(Output(expected_), Output(seen_));
+      case Kind::kNames:
+        differs_ = expected_.out != seen_.out;
+        return Told(expected_, seen_).empty() ? Differ(Lines(expected_.out), Lines(seen_.out))
+                                              : (void)0;
       case Kind::kFindings:
         return LookAtFindings(seen_.out, expected_.out);
       case Kind::kPage:
@@ -202,7 +225,9 @@ class Judge_ {
   void LookAtObjects() {
     for (const std::string &line :
          Added(Lines(WithoutFigures(seen_.err)), Lines(WithoutFigures(expected_.err)))) {
-      Wrong("not said: " + line);
+      if (Told(expected_, seen_).empty()) {  // else that it cannot be said
+        Wrong("not said: " + line);
+      }
     }
     if (Output(expected_) == Output(seen_)) {
       return;
@@ -223,8 +248,8 @@ class Judge_ {
           return checks;
         }
         for (const auto &one : list) {
-          checks[one.value("check", "")].push_back(
-              one.value("state", "") + " " + WithoutFigures(one.value("message", "")));
+          checks[one.value("check", "")].push_back(one.value("state", "") + " " +
+                                                   WithoutFigures(one.value("message", "")));
         }
         return checks;
       }
@@ -236,7 +261,8 @@ class Judge_ {
       return checks;
     };
     const auto expected = parse(expected_text), seen = parse(seen_text);
-    if (!Told(expected_, seen_).empty() && seen_.status == 1) {
+    if (!Told(expected_, seen_).empty() && seen_.status == 1 &&
+        seen_text.find("\"all checks were made") == std::string::npos) {
       return;  // it gave up, and says so
     }
     for (const auto &[check, lines] : expected) {
@@ -307,15 +333,20 @@ class Judge_ {
       const auto found = seen.find(name);
       if (found == seen.end()) {
         differs_ = true;
-        if (told.find(name.substr(name.find('/') + 1)) == std::string::npos ||
-            description->second.find(name.substr(name.find('/') + 1)) == std::string::npos) {
+        const std::string source = SourceOf(name);
+        if (told.find(source) == std::string::npos || description == seen.end() ||
+            description->second.find(source) == std::string::npos) {
           Wrong("not in the capture, and nothing says so: " + name);
         }
         continue;
       }
       const bool moves = name == vex::kDescriptionMember || name == vex::kFindingsMember;
+      // Figures of mounts that could not be asked are marked so, in the file.
       if (!moves && WithoutFigures(found->second) != WithoutFigures(bytes)) {
-        Wrong("another content: " + name);
+        differs_ = true;
+        if (name != vex::kFiguresMember || told.find("/etc/mtab") == std::string::npos) {
+          Wrong("another content: " + name);
+        }
       }
     }
     for (const auto &[name, bytes] : seen) {
@@ -341,6 +372,16 @@ class Judge_ {
               nlohmann::json::diff(before, now).dump().substr(0, 300));
       }
     }
+  }
+
+  // What an omission of a member names.
+  static std::string SourceOf(const std::string &member) {
+    const std::string path = member.substr(member.find('/') + 1);
+    return member == vex::kFindingsMember         ? "doctor"
+           : member.starts_with("log/")           ? "log"
+           : member.starts_with("commands/")      ? "dpkg"
+           : member.starts_with("registry/host/") ? "host/"
+                                                  : path.substr(0, path.rfind('/'));
   }
 
   // Objects that are read from files: times of their publication differ.

@@ -22,6 +22,9 @@
 namespace vex {
 namespace {
 
+// Stands beside the exit status of work that was done to its end.
+constexpr int kFinished = 0x40;
+
 // Keeps nothing of the parent's open: whoever reads the parent's output waits for its end.
 [[noreturn]] void DoAsChild(pid_t parent, int out, int err, const std::function<int()> &work) {
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -33,23 +36,26 @@ namespace {
   if (getppid() != parent) {
     _exit(kFailed);
   }
-  const int status = Caught(work);
+  const int status = Caught([&] { return work() + kFinished; });
   std::cout << std::flush;
   _exit(status);
 }
 
-// Passes on what there is. False at the end.
-bool PassOn(int from, std::ostream &to) {
+// Passes on what there is. False at the end, and with an error, which is *failure then.
+bool PassOn(int from, std::ostream &to, int *failure) {
   char text[4096];
   const ssize_t length = read(from, text, sizeof(text));
   if (length > 0) {
     to.write(text, length).flush();
   }
+  if (length < 0 && errno != EINTR) {
+    *failure = errno;
+  }
   return length > 0 || (length < 0 && errno == EINTR);
 }
 
 // False when the time was over before the end of both.
-bool PassOnAll(Descriptor out, Descriptor err, Clock::time_point end) {
+bool PassOnAll(Descriptor out, Descriptor err, Clock::time_point end, int *failure) {
   while (out || err) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
@@ -58,10 +64,10 @@ bool PassOnAll(Descriptor out, Descriptor err, Clock::time_point end) {
     if (ready == 0) {
       return false;
     }
-    if (waited[0].revents != 0 && !PassOn(out.get(), std::cout)) {
+    if (waited[0].revents != 0 && !PassOn(out.get(), std::cout, failure)) {
       out = Descriptor();
     }
-    if (waited[1].revents != 0 && !PassOn(err.get(), std::cerr)) {
+    if (waited[1].revents != 0 && !PassOn(err.get(), std::cerr, failure)) {
       err = Descriptor();
     }
   }
@@ -70,7 +76,8 @@ bool PassOnAll(Descriptor out, Descriptor err, Clock::time_point end) {
 
 }  // namespace
 
-std::optional<int> DoWithin(int seconds, const std::function<int()> &work) {
+std::optional<int> DoWithin(int seconds, const std::function<int()> &work, bool *finished) {
+  *finished = false;
   const auto end = Clock::now() + std::chrono::seconds(seconds);
   int out[2];
   int err[2];
@@ -90,18 +97,24 @@ std::optional<int> DoWithin(int seconds, const std::function<int()> &work) {
   }
   close(out[1]);
   close(err[1]);
-  if (!PassOnAll(Descriptor(out[0]), Descriptor(err[0]), end)) {
+  int failure = 0;
+  if (!PassOnAll(Descriptor(out[0]), Descriptor(err[0]), end, &failure)) {
     kill(child, SIGKILL);
     return std::nullopt;
   }
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
+  if (failure != 0) {
+    Complain(std::string("what was found cannot be read: ") + strerror(failure));
+    return kFailed;
+  }
   if (!WIFEXITED(status)) {
     Complain(std::string("ended by signal: ") + strsignal(WTERMSIG(status)));
     return kFailed;
   }
-  return WEXITSTATUS(status);
+  *finished = (WEXITSTATUS(status) & kFinished) != 0;
+  return WEXITSTATUS(status) & ~kFinished;
 }
 
 }  // namespace vex

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -22,6 +21,7 @@
 #include "common/sources.h"
 #include "framework/process/descriptor.h"
 #include "framework/registry/registry_dir.h"
+#include "framework/registry/registry_format.h"
 #include "framework/snmp/mib_table.h"
 #include "framework/snmp/snmp_ask.h"
 #include "framework/snmp/snmp_files.h"
@@ -47,6 +47,8 @@ constexpr size_t kMostOutput = size_t{16} << 20;
 constexpr size_t kMostLog = size_t{256} << 10;
 constexpr int kCommandSeconds = 20;
 constexpr int kMostSilentMounts = 10;
+
+constexpr char kSecretsUnknown[] = "what is secret on this host could not be read";
 
 // What the agent asks snmpd for, below enterprises.4891: other agents' revisions and conditions.
 constexpr uint32_t kAskedBelow[] = {1, 3, 6, 1, 4, 1, 4891};
@@ -119,6 +121,9 @@ class Collector {
       Omit(kAgentName, "does not run");
     }
     const auto path = agent_ != 0 ? VariableOf(agent_, "PATH") : std::nullopt;
+    if (agent_ != 0 && !path) {
+      Omit("the agent's environment", "cannot be read; its commands are looked for as usual");
+    }
     search_ = path && *path ? **path : kUsualPath;
   }
 
@@ -132,6 +137,15 @@ class Collector {
     capture_.release = names.release;
     capture_.version = names.version;
     capture_.machine = names.machine;
+  }
+
+  // What could not be read of what keeps secrets: they are not known then, and what may have them in
+  // it stays here.
+  Unseen MissSecrets() {
+    return [this](const std::string &path, int error) {
+      Omit(path, strerror(error));
+      all_secrets_ = false;
+    };
   }
 
   // A file's bytes as they may leave the host.
@@ -165,8 +179,9 @@ class Collector {
     }
     auto bytes = ReadPlain(AT_FDCWD, path, kMostFile, 0, &status);
     if (!bytes) {
-      if (errno != ENOENT && errno != ENOTDIR) {
+      if (!IsAbsence(errno)) {
         Omit(path, strerror(errno));
+        all_secrets_ = all_secrets_ && treatment == Treatment::kWhole;
       }
       return;
     }
@@ -183,12 +198,12 @@ class Collector {
 
   void TakeFiles() {
     for (const Source &source : Sources()) {
-      for (const std::string &file : FilesOf(source.pattern)) {
+      for (const std::string &file : FilesOf(source.pattern, MissSecrets())) {
         TakeFile(file, source.treatment);
       }
     }
     TakeFile(kernel_configuration_prefix + capture_.release, Treatment::kWhole);
-    for (const std::string &file : OtherSnmpFiles(agent_)) {
+    for (const std::string &file : OtherSnmpFiles(agent_, MissSecrets())) {
       if (capture_.Find(std::string(kHostMembers) + file.substr(1)) == nullptr) {
         TakeFile(file, Treatment::kSnmp);
       }
@@ -210,7 +225,9 @@ class Collector {
         run.member = member;
       }
     } else if (output.end != ChildOutput::kNotRun) {
-      Omit(words.front(), output.end == ChildOutput::kTimedOut ? "no end in time" : "too much");
+      Omit(words.front(), output.end == ChildOutput::kTimedOut  ? "no end in time"
+                          : output.end == ChildOutput::kTooMuch ? "too much"
+                                                                : "could not be run");
     }
     capture_.commands.push_back(std::move(run));
   }
@@ -252,15 +269,18 @@ class Collector {
   }
 
   void TakeSiblings() {
-    std::error_code error;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc", error)) {
-      const std::string name = entry.path().filename();
+    const Unseen unseen = [this](const std::string &path, int error) {
+      Omit(path, strerror(error));
+    };
+    for (const std::string &process : FilesOf("/proc/[0-9]*", unseen)) {
       struct stat status = {};
-      if (name.find_first_not_of("0123456789") != std::string::npos ||
-          name == std::to_string(agent_)) {
+      if (process == "/proc/" + std::to_string(agent_)) {
         continue;
       }
-      const auto words = ReadPlain(AT_FDCWD, entry.path() / "cmdline", kMostFile, 0, &status);
+      const auto words = ReadPlain(AT_FDCWD, process + "/cmdline", kMostFile, 0, &status);
+      if (!words && !IsAbsence(errno)) {
+        unseen(process + "/cmdline", errno);
+      }
       const std::string program = words ? words->c_str() : "";
       const std::string last = program.substr(program.rfind('/') + 1);
       const bool sibling = std::any_of(std::begin(kSiblings), std::end(kSiblings),
@@ -317,7 +337,12 @@ class Collector {
       return;
     }
     constexpr int kMostDepth = 16;
-    while (const dirent *entry = readdir(entries.get())) {
+    for (;;) {
+      errno = 0;
+      const dirent *entry = readdir(entries.get());
+      if (entry == nullptr) {
+        break;
+      }
       const std::string name = entry->d_name;
       if (name.starts_with('.')) {
         continue;  // also what writers have not finished
@@ -326,6 +351,9 @@ class Collector {
       path += name;
       struct stat status = {};
       if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (!IsAbsence(errno)) {
+          Omit(root_ + "/" + path, strerror(errno));
+        }
         continue;
       }
       if (S_ISDIR(status.st_mode) && depth < kMostDepth) {
@@ -341,12 +369,23 @@ class Collector {
         }
       }
     }
+    if (errno != 0) {
+      Omit(root_ + "/" + below, strerror(errno));
+    }
+  }
+
+  // An object that was taken.
+  std::optional<FileObject> TakenObject(const char *name) const {
+    const Member *member = capture_.Find(std::string(kRegistryMembers) + name);
+    bool torn = false;
+    return member != nullptr ? ParseObjectFile({member->bytes.begin(), member->bytes.end()}, &torn)
+                             : std::nullopt;
   }
 
   void TakeRegistry() {
     const Descriptor root(OpenRegistryRoot(root_, false));
     TakeRegistryDirectory(Descriptor(root ? openat(root.get(), ".", kReadDirectory) : -1), "", 0);
-    const auto state = ReadObjectFile("host/agent", root_);
+    const auto state = TakenObject("host/agent");
     for (const FileVariable &variable : state ? state->variables : std::vector<FileVariable>()) {
       if (variable.name == "tlxHoAgentVersion") {
         capture_.agent = std::string(BytesOf(*state, variable).value_or(""));
@@ -356,7 +395,7 @@ class Collector {
 
   // All of the modules, where they are the agent's as well.
   void TakeVariables() {
-    const auto misc = ReadObjectFile("host/misc", root_);
+    const auto misc = TakenObject("host/misc");
     std::map<std::string, int32_t> numbers;
     for (const FileVariable &variable : misc ? misc->variables : std::vector<FileVariable>()) {
       numbers[variable.name] = IntegerOf(*misc, variable).value_or(-1);
@@ -373,6 +412,10 @@ class Collector {
   }
 
   void TakeFindings() {
+    if (!all_secrets_) {
+      Omit("doctor", kSecretsUnknown);
+      return;
+    }
     const TakenText findings = TakeDoctorsFindings(root_, search_);
     if (findings.text) {
       Put(kFindingsMember, WithoutSecrets(*findings.text, secrets_), time(nullptr));
@@ -382,6 +425,10 @@ class Collector {
   }
 
   void TakeLog() {
+    if (!all_secrets_) {
+      Omit("log", kSecretsUnknown);
+      return;
+    }
     const std::string file = LogFileOf(agent_);
     if (!file.empty()) {
       const TakenText log = TakeLogFile(file, search_, kMostLog);
@@ -402,6 +449,7 @@ class Collector {
   std::string root_;
   Capture capture_;
   Secrets secrets_;
+  bool all_secrets_ = true;  // what keeps them could be read
   std::string mount_table_;
   std::string search_;
   pid_t agent_ = 0;

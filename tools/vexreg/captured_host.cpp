@@ -157,6 +157,9 @@ void UseTimeZoneOf(const Capture &capture) {
   const bool written = file && zone->bytes.starts_with("TZif") &&
                        write(file.get(), zone->bytes.data(), zone->bytes.size()) ==
                            static_cast<ssize_t>(zone->bytes.size());
+  if (zone != nullptr && zone->bytes.starts_with("TZif") && !written) {
+    Complain(std::string("the captured time zone: ") + strerror(errno) + "; times are of UTC");
+  }
   const std::string path = ":/proc/self/fd/" + std::to_string(file.get());
   setenv("TZ", written ? path.c_str() : "UTC0", 1);
   tzset();
@@ -319,14 +322,19 @@ bool CapturedRegistry::MakeDirectory() {
   if (sweeper_ != 0) {
     name.Reset();
     const bool forked = sweeper_ > 0;
-    const int error = errno;
-    int failure = 0;
-    const bool told =
-        forked && ReadFully(named.get(), &failure, sizeof(failure)) == sizeof(failure);
-    const ssize_t length =
-        told && failure == 0 ? ReadFully(named.get(), directory.data(), directory.size()) : -1;
-    errno = told ? failure : error;
+    int failure = forked ? 0 : errno;
+    ssize_t length = -1;
+    if (forked) {
+      errno = EPIPE;  // the end of the pipe is no error by itself
+      if (ReadFully(named.get(), &failure, sizeof(failure)) != sizeof(failure)) {
+        failure = errno;
+      } else if (failure == 0) {
+        length = ReadFully(named.get(), directory.data(), directory.size());
+        failure = errno;
+      }
+    }
     root_ = length == static_cast<ssize_t>(directory.size()) ? directory : "";
+    errno = failure;
     return !root_.empty();
   }
   // Ctrl-C is for all of a terminal's processes, and this one has its work to do then.
@@ -343,7 +351,7 @@ bool CapturedRegistry::MakeDirectory() {
   const bool whole = write(name.get(), told.data(), told.size()) > 0;
   name.Reset();
   char end;
-  while (whole && read(seen.get(), &end, 1) < 0 && errno == EINTR) {
+  while (whole && read(seen.get(), &end, 1) < 0) {  // an error is not the end
   }
   if (failure == 0) {
     RemoveTree(directory);

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,19 +21,32 @@ namespace vex {
 namespace {
 
 constexpr int kNoProgram = 127;
+constexpr int kNotStarted = 126;
 
-[[noreturn]] void Become(const std::vector<std::string> &words, const std::string &search,
-                         int out) {
+std::vector<char *> ArgumentsOf(const std::vector<std::string> &words) {
+  std::vector<char *> arguments;
+  arguments.reserve(words.size() + 1);
+  for (const std::string &word : words) {
+    arguments.push_back(const_cast<char *>(word.c_str()));
+  }
+  arguments.push_back(nullptr);
+  return arguments;
+}
+
+[[noreturn]] void Become(const std::vector<char *> &arguments, const std::string &search, int out,
+                         pid_t parent) {
   setpgid(0, 0);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
   // Nothing may read the person's keys, or print among what is captured.
   if (nothing < 0 || dup2(nothing, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 ||
-      dup2(nothing, STDERR_FILENO) < 0) {
-    _exit(kNoProgram);
+      dup2(nothing, STDERR_FILENO) < 0 || setenv("PATH", search.c_str(), 1) != 0 ||
+      getppid() != parent) {
+    _exit(kNotStarted);
   }
   syscall(SYS_close_range, 3U, ~0U, 0U);
-  setenv("PATH", search.c_str(), 1);
-  Execute(words);
+  execvp(arguments.front(), arguments.data());
+  _exit(errno == ENOENT || errno == ENOTDIR || errno == EACCES ? kNoProgram : kNotStarted);
 }
 
 // Takes what the child prints until it has no more to say, up to the limits.
@@ -51,7 +65,7 @@ ChildOutput::End Take(int from, Clock::time_point end, size_t most_bytes, std::s
       return ChildOutput::kExited;
     }
     if (length < 0 && errno != EINTR) {
-      return ChildOutput::kNotRun;
+      return ChildOutput::kFailed;
     }
     if (length > 0) {
       out->append(text, static_cast<size_t>(length));
@@ -81,12 +95,7 @@ bool WaitForExit(pid_t child, Clock::time_point end) {
 }  // namespace
 
 void Execute(const std::vector<std::string> &words) {
-  std::vector<char *> arguments;
-  arguments.reserve(words.size() + 1);
-  for (const std::string &word : words) {
-    arguments.push_back(const_cast<char *>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
+  const std::vector<char *> arguments = ArgumentsOf(words);
   execvp(arguments.front(), arguments.data());
   _exit(kNoProgram);
 }
@@ -101,12 +110,14 @@ ChildOutput RunProgram(const std::vector<std::string> &words, const std::string 
   Descriptor from(pipes[0]);
   Descriptor to(pipes[1]);
   const auto end = Clock::now() + std::chrono::seconds(seconds);
+  const std::vector<char *> arguments = ArgumentsOf(words);
+  const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) {
     return output;
   }
   if (child == 0) {
-    Become(words, search, to.get());
+    Become(arguments, search, to.get(), parent);
   }
   setpgid(child, child);  // here as well: whichever comes first
   to.Reset();
@@ -118,11 +129,17 @@ ChildOutput RunProgram(const std::vector<std::string> &words, const std::string 
   // is not waited for.
   kill(-child, SIGKILL);
   int status = 0;
-  const bool ended = waitpid(child, &status, output.end == ChildOutput::kExited ? 0 : WNOHANG) > 0;
+  pid_t waited = -1;
+  do {
+    waited = waitpid(child, &status, output.end == ChildOutput::kExited ? 0 : WNOHANG);
+  } while (waited < 0 && errno == EINTR);
+  const bool ended = waited > 0;
   if (output.end == ChildOutput::kExited && ended) {
     output.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     if (output.status == kNoProgram && output.out.empty()) {
       output.end = ChildOutput::kNotRun;
+    } else if (output.status == kNotStarted && output.out.empty()) {
+      output.end = ChildOutput::kFailed;
     }
   }
   return output;

@@ -81,8 +81,11 @@ void PrintJson(const std::vector<NamedObject> &objects,
 std::string WhyOld(const std::string &root) {
   std::vector<NamedObject> heads;
   for (const std::string &name : HeadGroups()) {
+    errno = 0;
     if (auto object = ReadObjectFile(name, root)) {
       heads.push_back({name, std::move(*object)});
+    } else if (errno != 0 && errno != ENOENT && errno != EACCES) {
+      return name + ": cannot be read, so nobody knows how old the values are: " + strerror(errno);
     }
   }
   const int64_t now = time(nullptr);
@@ -93,6 +96,19 @@ std::string WhyOld(const std::string &root) {
              : "";
 }
 
+// Nothing here needs memory. What runs below this process ends with it.
+[[noreturn]] void EndWithoutMemory() {
+  constexpr char kMessage[] = "vexreg: out of memory\n";
+  (void)!write(STDERR_FILENO, kMessage, sizeof(kMessage) - 1);
+  _exit(kFailed);
+}
+
+// Whether an error of reading a data file is one of naming it.
+bool IsWrongName(int error) {
+  return error == ENOENT || error == ENOTDIR || error == EISDIR || error == EACCES ||
+         error == ELOOP || error == ENAMETOOLONG;
+}
+
 // A name in a message, in which an empty one shows, too.
 std::string Said(const std::string &name) {
   return name.empty() ? "''" : name;
@@ -101,16 +117,30 @@ std::string Said(const std::string &name) {
 }  // namespace
 
 int Caught(const std::function<int()> &work) {
+  std::set_new_handler(EndWithoutMemory);
   try {
     return work();
   } catch (const std::bad_alloc &) {
-    // Whatever else stands in the line needs memory.
-    constexpr char kMessage[] = "vexreg: out of memory\n";
-    (void)!write(STDERR_FILENO, kMessage, sizeof(kMessage) - 1);
+    EndWithoutMemory();  // of a live view, which has given the terminal back
   } catch (const std::exception &error) {
     Complain(error.what());
   }
   return kFailed;
+}
+
+void TellUnread(const std::vector<Unread> &unread, const std::string &root, int *status) {
+  for (const Unread &one : unread) {
+    *status = kFailed;
+    Complain((one.name.empty() ? root : one.name) +
+             ": cannot be looked at: " + strerror(one.error));
+  }
+}
+
+void TellLeftOut(const Found &found, const std::string &root, int *status) {
+  for (const std::string &name : found.damaged) {
+    Complain(name + ": damaged, left out");
+  }
+  TellUnread(found.unread, root, status);
 }
 
 void Complain(const std::string &message) {
@@ -144,9 +174,7 @@ int FinishOutput(int status) {
 
 std::vector<NamedObject> ReadObjects(const Selection &selection, int *status) {
   Found found = FindObjects(selection);
-  for (const std::string &name : found.damaged) {
-    Complain(name + ": damaged, left out");
-  }
+  TellLeftOut(found, selection.root, status);
   for (const std::string &name : found.unreadable) {
     *status = kFailed;
     Complain(name + ": cannot be read as an object");
@@ -216,8 +244,9 @@ int Put(const std::string &root, const std::string &name, const std::vector<std:
   if (data_file) {
     data = ReadData(*data_file);
     if (!data) {
-      Complain(*data_file + ": " + strerror(errno));
-      return kWrongUsage;
+      const int error = errno;
+      Complain(*data_file + ": " + strerror(error));
+      return IsWrongName(error) ? kWrongUsage : kFailed;
     }
   }
   std::string error;
@@ -247,9 +276,12 @@ int Remove(const std::string &root, const std::string &name) {
   }
   // Agents keep other files of theirs in the registry; those are not for this command. A damaged
   // object is listed and may go.
-  const auto objects = ListObjects(root);
+  std::vector<Unread> unread;
+  const auto objects = ListObjects(root, &unread);
   if (std::find(objects.begin(), objects.end(), *relative) == objects.end()) {
-    Complain(name + ": not an object");
+    int status = kFailed;
+    TellUnread(unread, root, &status);
+    Complain(name + (unread.empty() ? ": not an object" : ": not seen to be an object"));
     return kFailed;
   }
   if (RemoveObjectFile(*relative, root) != 0) {

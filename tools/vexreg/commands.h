@@ -33,6 +33,10 @@ struct View {
 // *status becomes kFailed then; the others are read all the same.
 std::vector<NamedObject> ReadObjects(const Selection &selection, int *status);
 
+// Says what a search has left out: *status becomes kFailed where nobody knows what is missing.
+void TellLeftOut(const Found &found, const std::string &root, int *status);
+void TellUnread(const std::vector<Unread> &unread, const std::string &root, int *status);
+
 int Dump(const Selection &selection);
 // kFailed, and why, also when nothing at all is published. Of an agent's old values it says so.
 int Show(const Selection &selection, const View &view, const Arrangement &arrangement);
@@ -68,8 +72,8 @@ struct ReplayOptions {
 // than then.
 int Replay(const std::string &file, const ReplayOptions &options);
 
-// Does the work, whose exit status it returns; kFailed, with a message, when there is no memory for
-// it. For the whole of a process: what a child has thrown must not go on in its parent's place.
+// Does the work of a whole process and returns its exit status. Where memory is short, a process that
+// has this about it ends at once with a message and kFailed: a stream would go on with half a text.
 int Caught(const std::function<int()> &work);
 
 // One message on standard error, with control characters made visible.

@@ -348,9 +348,11 @@ std::string FishScript(const CLI::App &app) {
   return text;
 }
 
-void PrintNames(const std::string &root) {
+int PrintNames(const std::string &root) {
   std::set<std::string> names;
-  for (const std::string &name : ListObjects(root)) {
+  int status = kDone;
+  std::vector<Unread> unread;
+  for (const std::string &name : ListObjects(root, &unread)) {
     const auto row = ParseRowName(name);
     names.insert(name);
     const std::string_view group = row ? row->group : std::string_view(name);
@@ -367,13 +369,17 @@ void PrintNames(const std::string &root) {
       std::cout << name << '\n';
     }
   }
+  TellUnread(unread, root, &status);
+  return status;
 }
 
 // What --sort and --columns take of the objects that there are.
-void PrintColumns(const std::string &root) {
+int PrintColumns(const std::string &root) {
   std::set<std::string> columns = {kObjectColumn, kPublishedColumn};
   std::set<std::string> groups;  // the rows of each have the same
-  for (const std::string &name : ListObjects(root)) {
+  int status = kDone;
+  std::vector<Unread> unread;
+  for (const std::string &name : ListObjects(root, &unread)) {
     const auto row = ParseRowName(name);
     if (!groups.insert(std::string(row ? row->group : std::string_view(name))).second) {
       continue;
@@ -382,6 +388,8 @@ void PrintColumns(const std::string &root) {
       for (const std::string_view column : ShortNames(*object)) {
         columns.emplace(column);
       }
+    } else {
+      Complain(name + ": cannot be read as an object");
     }
   }
   for (const std::string &column : columns) {
@@ -389,6 +397,8 @@ void PrintColumns(const std::string &root) {
       std::cout << column << '\n';
     }
   }
+  TellUnread(unread, root, &status);
+  return status;
 }
 
 }  // namespace
@@ -408,12 +418,10 @@ std::optional<std::string> CompletionScript(const CLI::App &app, const std::stri
 
 int Complete(const CLI::App &app, const std::string &root, const std::string &what) {
   if (what == kNames) {
-    PrintNames(root);
-    return FinishOutput(kDone);
+    return FinishOutput(PrintNames(root));
   }
   if (what == kColumns) {
-    PrintColumns(root);
-    return FinishOutput(kDone);
+    return FinishOutput(PrintColumns(root));
   }
   const auto script = CompletionScript(app, what);
   if (!script) {

@@ -453,14 +453,16 @@ int Doctor(const std::string &root, const View &view, int most_seconds) {
   if (view.json) {
     std::cout << "[\n" << std::flush;
   }
-  const auto status =
-      DoWithin(most_seconds, [&] { return Examination(root, columns, colour, view.json).Run(); });
-  const Finding last =
-      status ? Finding{Verdict::kOk, "all checks were made"} : JudgeSilence(most_seconds);
+  bool finished = false;
+  const auto status = DoWithin(
+      most_seconds, [&] { return Examination(root, columns, colour, view.json).Run(); }, &finished);
+  const Finding last = !status    ? JudgeSilence(most_seconds)
+                       : finished ? Finding{Verdict::kOk, "all checks were made"}
+                                  : Finding{Verdict::kFail, "not all checks were made"};
   if (view.json) {
     // The last one comes from this process in any case: it knows that no other follows.
     std::cout << "  " << FindingJson(last) << "\n]\n";
-  } else if (!status) {
+  } else if (!finished) {
     std::cout << RenderFinding(last, columns, colour);
   }
   return FinishOutput(status.value_or(kFailed));

@@ -385,6 +385,9 @@ std::optional<std::optional<std::string>> VariableOf(pid_t pid, const std::strin
       return text.substr(name.size() + 1);
     }
   }
+  if (file.bad()) {
+    return std::nullopt;  // it was not read to its end
+  }
   return std::optional<std::string>();
 }
 

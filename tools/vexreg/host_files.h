@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,15 +22,22 @@ inline constexpr size_t kMostFile = size_t{8} << 20;  // bytes of one source
 std::optional<std::string> ReadPlain(int directory, const std::string &path, size_t most, int flags,
                                      struct stat *status);
 
-// The files that a pattern stands for, in no order.
-std::vector<std::string> FilesOf(const std::string &pattern);
+// Is told of a file or directory that could not be looked at, with the error.
+using Unseen = std::function<void(const std::string &path, int error)>;
+// Whether an error says that there is no such file.
+bool IsAbsence(int error);
+
+// The files that a pattern with an absolute path may stand for, in no order; one without * ? [ is
+// not looked for.
+std::vector<std::string> FilesOf(const std::string &pattern, const Unseen &unseen);
 
 // net-snmp's files where the agent's environment says that they are. agent: its process, 0 when it
 // does not run.
-std::vector<std::string> OtherSnmpFiles(pid_t agent);
+std::vector<std::string> OtherSnmpFiles(pid_t agent, const Unseen &unseen);
 
-// What must not leave this host, of the files that this user may read.
-Secrets SecretsOfHost(pid_t agent);
+// What must not leave this host, of the files that this user may read. A file that could not be read
+// may have more of it.
+Secrets SecretsOfHost(pid_t agent, const Unseen &unseen);
 
 }  // namespace vex
 

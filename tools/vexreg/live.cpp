@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 
 #include "framework/process/clock.h"
 #include "tools/vexreg/absence.h"
@@ -177,7 +178,10 @@ class LiveLoop {
 
 void ShowLive(const Selection &selection, const View &view, const std::vector<NamedObject> &objects,
               const ViewSignals &signals) {
+  // Where memory is short, the terminal is to be given back first.
+  const std::new_handler handler = std::set_new_handler(nullptr);
   LiveLoop(selection, view, objects, signals).Run();
+  std::set_new_handler(handler);
 }
 
 }  // namespace vex

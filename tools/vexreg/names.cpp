@@ -1,5 +1,6 @@
 #include "tools/vexreg/names.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <strings.h>
@@ -89,14 +90,16 @@ class Search {
  private:
   const std::vector<std::string> &Names() {
     if (!names_) {
-      names_ = ListObjects(root_);
+      names_ = ListObjects(root_, &found_.unread);
     }
     return *names_;
   }
 
+  // Also where that cannot be told.
   bool FileExists(const std::string &name) const {
     const Descriptor root(OpenRegistryRoot(root_, false));
-    return root && Descriptor(OpenBeneath(root.get(), name, O_PATH));
+    return (root && Descriptor(OpenBeneath(root.get(), name, O_PATH))) || errno == EMFILE ||
+           errno == ENFILE || errno == ENOMEM || errno == EIO;
   }
 
   void Add(const std::string &given) {
@@ -137,10 +140,16 @@ class Search {
 
   void AddAll(const std::vector<std::string> &names, const std::string *variable) {
     for (const std::string &name : names) {
-      if (!AddObject(name, variable) && FileExists(name) &&
-          std::find(found_.damaged.begin(), found_.damaged.end(), name) == found_.damaged.end()) {
-        found_.damaged.push_back(name);
+      if (!AddObject(name, variable)) {
+        AddDamaged(name);
       }
+    }
+  }
+
+  void AddDamaged(const std::string &name) {
+    if (FileExists(name) &&
+        std::find(found_.damaged.begin(), found_.damaged.end(), name) == found_.damaged.end()) {
+      found_.damaged.push_back(name);
     }
   }
 
@@ -171,6 +180,9 @@ class Search {
     bool any = false;
     for (const std::string &name : Names()) {
       const auto object = ReadObjectFile(name, root_);
+      if (!object) {
+        AddDamaged(name);  // it may have the variable
+      }
       if (object &&
           std::any_of(object->variables.begin(), object->variables.end(),
                       [&](const FileVariable &v) { return v.type != 0 && v.name == given; })) {

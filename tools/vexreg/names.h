@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "framework/registry/registry_file.h"
 #include "tools/vexreg/tables.h"
 
 namespace vex {
@@ -22,6 +23,7 @@ struct Found {
   std::vector<std::string> missing;     // names that stand for nothing, as they were given
   std::vector<std::string> unreadable;  // names of files that are no whole object, as given
   std::vector<std::string> damaged;     // files that a search came across and left out
+  std::vector<Unread> unread;           // what could not be looked at: objects may be missing
 };
 
 // Reads the objects that the names stand for, in the order of the names, each object once. A name

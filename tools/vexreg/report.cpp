@@ -1,4 +1,5 @@
 // vexreg report: this host, or a captured one, as an HTML page.
+#include <string.h>
 #include <time.h>
 
 #include <algorithm>
@@ -23,6 +24,7 @@ constexpr mode_t kMode = 0600;  // it has the log and what doctor says
 constexpr size_t kMostLog = size_t{64} << 10;
 constexpr size_t kLogLines = 50;
 constexpr char kNoLog[] = "no log to be read";
+constexpr char kSecretsUnknown[] = "left out: what is secret on this host could not be read";
 
 std::vector<std::string> LastLines(const std::string &text) {
   std::vector<std::string> lines;
@@ -67,14 +69,25 @@ void TakeLog(const std::vector<TakenText> &logs, PageFacts *facts) {
   facts->no_log = kNoLog;
 }
 
-void TakeThisHost(const std::string &root, PageFacts *facts) {
+// What the page cannot have is told: *status becomes kFailed.
+void TakeThisHost(const std::string &root, PageFacts *facts, int *status) {
   facts->moment = time(nullptr);
   facts->agent = SightText(SeeAgent(root), true);
   const auto agents = FindProcesses(kAgentName);
   const pid_t agent = agents.empty() ? 0 : agents.front().pid;
   // The page is for others, too: what a capture leaves out, it has not, either.
-  const Secrets secrets = SecretsOfHost(agent);
+  bool all_secrets = true;
+  const Secrets secrets = SecretsOfHost(agent, [&](const std::string &path, int error) {
+    all_secrets = false;
+    *status = kFailed;
+    Complain(path + ": cannot be read, so the page has no findings and no log, which may have what "
+                    "is secret in it: " +
+             strerror(error));
+  });
   const auto cleaned = [&](TakenText taken) {
+    if (!all_secrets) {
+      return TakenText{std::nullopt, kSecretsUnknown};
+    }
     if (taken.text) {
       taken.text = WithoutSecrets(*taken.text, secrets);
     }
@@ -118,8 +131,10 @@ int Report(const std::string &root, const std::string &program, const Capture *c
            const std::optional<std::string> &file) {
   PageFacts facts;
   facts.program = program;
-  facts.objects = FindObjects({root, {"host/*"}}).objects;
   int status = kDone;
+  Found found = FindObjects({root, {"host/*"}});
+  TellLeftOut(found, root, &status);
+  facts.objects = std::move(found.objects);
   if (facts.objects.empty()) {
     status = kFailed;
     Complain(capture == nullptr ? WhyNothing(root)
@@ -128,7 +143,7 @@ int Report(const std::string &root, const std::string &program, const Capture *c
   if (capture != nullptr) {
     TakeCapture(*capture, &facts);
   } else {
-    TakeThisHost(root, &facts);
+    TakeThisHost(root, &facts, &status);
   }
   if (facts.made.empty()) {
     facts.made = ZonedTimeText(facts.moment);

@@ -140,6 +140,31 @@ void WaitForChange(DirectoryWatch &watch, const ViewSignals &signals, double beg
   }
 }
 
+// What a look that was not whole has not found, and the look before had, is not gone: it is believed
+// when the next look finds the same.
+class Doubt {
+ public:
+  std::vector<NamedObject> Keep(Found found, const std::vector<NamedObject> &before) {
+    const bool whole = found.damaged.empty() && found.unreadable.empty() && found.unread.empty();
+    std::set<std::string> names;
+    for (const NamedObject &object : found.objects) {
+      names.insert(object.name);
+    }
+    std::set<std::string> doubted;
+    for (const NamedObject &object : before) {
+      if (!whole && !names.contains(object.name) && !doubted_.contains(object.name)) {
+        doubted.insert(object.name);
+        found.objects.push_back(object);
+      }
+    }
+    doubted_ = std::move(doubted);
+    return std::move(found.objects);
+  }
+
+ private:
+  std::set<std::string> doubted_;
+};
+
 }  // namespace
 
 int Watch(const Selection &selection, const View &view) {
@@ -162,11 +187,12 @@ int Watch(const Selection &selection, const View &view) {
   }
   DirectoryWatch watch;
   std::vector<NamedObject> shown;
+  Doubt doubt;
   while (!ViewSignals::Ended() && std::cout) {
     const double began = Now();
     watch.Follow(selection.root, Directories(selection, objects));
     // Objects that are missing are no error here: they come and go.
-    objects = FindObjects(selection).objects;
+    objects = doubt.Keep(FindObjects(selection), shown);
     PrintChanges(shown, objects, view);
     shown = objects;
     WaitForChange(watch, signals, began);
