@@ -101,8 +101,8 @@ bool NaturalLess(const std::string &a, const std::string &b) {
 // Notes what could not be looked at, unless it has gone or its mode says so.
 void NoteUnread(const std::string &name, int error, std::vector<Unread> *unread) {
   constexpr int kNoFailure[] = {0, ENOENT, ENOTDIR, ELOOP, EACCES};
-  if (unread != nullptr && std::find(std::begin(kNoFailure), std::end(kNoFailure), error) ==
-                               std::end(kNoFailure)) {
+  if (unread != nullptr &&
+      std::find(std::begin(kNoFailure), std::end(kNoFailure), error) == std::end(kNoFailure)) {
     unread->push_back({name, error});
   }
 }

@@ -83,8 +83,8 @@ class ObjectFileWriter {
 // when there is none) or -1 with errno.
 int RemoveObjectFile(const std::string &relative, const std::string &root = kRegistryRoot);
 
-// What could not be looked at, with the error: a file or directory from the root on, "" for the root.
-// What has gone meanwhile, and what is not for this user, is not among them.
+// What could not be looked at, with the error: a file or directory from the root on, "" for the
+// root. What has gone meanwhile, and what is not for this user, is not among them.
 struct Unread {
   std::string name;
   int error = 0;

@@ -119,10 +119,15 @@ const std::vector<Subject> &Subjects() {
       {"watch", Kind::kWatch, {"--root", kSmall, "watch", "example/one"}},
       {"watch-json", Kind::kWatch, {"--root", kSmall, "watch", "--json"}},
       {"doctor", Kind::kFindings, {"doctor"}, true},
-      {"doctor-json", Kind::kFindings, {"doctor", "--json"}, true},
+      {"doctor-json", Kind::kFindings, {"doctor", "--json"}, true, "", true},
       {"report", Kind::kPage, {"report", kOut + "/file"}, true, kOut + "/file"},
       {"capture", Kind::kCapture, {"capture", kOut + "/file"}, true, kOut + "/file"},
-      {"capture-json", Kind::kCapture, {"capture", "--json", kOut + "/file"}, true, kOut + "/file"},
+      {"capture-json",
+       Kind::kCapture,
+       {"capture", "--json", kOut + "/file"},
+       true,
+       kOut + "/file",
+       true},
   };
   return subjects;
 }

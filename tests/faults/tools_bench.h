@@ -32,8 +32,9 @@ struct Subject {
   const char *name;
   Kind kind;
   std::vector<std::string> words;
-  bool live = false;     // of a host with an agent and snmpd, else of recorded objects alone
-  std::string output{};  // a file that it writes
+  bool live = false;       // of a host with an agent and snmpd, else of recorded objects alone
+  std::string output{};    // a file that it writes
+  bool long_form = false;  // left to scripts/faults
 };
 inline void PrintTo(const Subject &subject, std::ostream *out) {
   *out << subject.name;

@@ -48,6 +48,7 @@ constexpr size_t kMostLog = size_t{256} << 10;
 constexpr int kCommandSeconds = 20;
 constexpr int kMostSilentMounts = 10;
 
+constexpr char kNoFigures[] = "its file system has not answered";
 constexpr char kSecretsUnknown[] = "what is secret on this host could not be read";
 
 // What the agent asks snmpd for, below enterprises.4891: other agents' revisions and conditions.
@@ -139,8 +140,8 @@ class Collector {
     capture_.machine = names.machine;
   }
 
-  // What could not be read of what keeps secrets: they are not known then, and what may have them in
-  // it stays here.
+  // What could not be read of what keeps secrets: they are not known then, and what may have them
+  // in it stays here.
   Unseen MissSecrets() {
     return [this](const std::string &path, int error) {
       Omit(path, strerror(error));
@@ -211,8 +212,13 @@ class Collector {
   }
 
   void TakeMounts() {
-    Put(kFiguresMember, FiguresText(AskMounts(AskedDirectories(mount_table_), kMostSilentMounts)),
-        time(nullptr));
+    const auto figures = AskMounts(AskedDirectories(mount_table_), kMostSilentMounts);
+    for (const auto &[directory, answer] : figures) {
+      if (answer.state == MountFigures::kSilent) {
+        Omit(directory, kNoFigures);
+      }
+    }
+    Put(kFiguresMember, FiguresText(figures), time(nullptr));
   }
 
   void TakeCommand(const std::vector<std::string> &words) {

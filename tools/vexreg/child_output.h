@@ -11,13 +11,13 @@ namespace vex {
 struct ChildOutput {
   enum End { kExited, kNotRun, kTimedOut, kTooMuch, kFailed };
   End end = kFailed;  // to be started or read; kNotRun: there is no such program
-  int status = 0;  // of an exit, or 128 and the signal's number
+  int status = 0;     // of an exit, or 128 and the signal's number
   std::string out;
 };
 
 // Runs a program, found by `search` (as PATH, which it gets as well), without a shell, in a process
-// group of its own that is killed after so many seconds or bytes, and with this process. Its standard
-// error is dropped.
+// group of its own that is killed after so many seconds or bytes, and with this process. Its
+// standard error is dropped.
 ChildOutput RunProgram(const std::vector<std::string> &words, const std::string &search,
                        int seconds, size_t most_bytes);
 

@@ -72,8 +72,9 @@ struct ReplayOptions {
 // than then.
 int Replay(const std::string &file, const ReplayOptions &options);
 
-// Does the work of a whole process and returns its exit status. Where memory is short, a process that
-// has this about it ends at once with a message and kFailed: a stream would go on with half a text.
+// Does the work of a whole process and returns its exit status. Where memory is short, a process
+// that has this about it ends at once with a message and kFailed: a stream would go on with half a
+// text.
 int Caught(const std::function<int()> &work);
 
 // One message on standard error, with control characters made visible.

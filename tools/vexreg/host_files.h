@@ -35,8 +35,8 @@ std::vector<std::string> FilesOf(const std::string &pattern, const Unseen &unsee
 // does not run.
 std::vector<std::string> OtherSnmpFiles(pid_t agent, const Unseen &unseen);
 
-// What must not leave this host, of the files that this user may read. A file that could not be read
-// may have more of it.
+// What must not leave this host, of the files that this user may read. A file that could not be
+// read may have more of it.
 Secrets SecretsOfHost(pid_t agent, const Unseen &unseen);
 
 }  // namespace vex

@@ -186,7 +186,11 @@ class Search {
       if (object &&
           std::any_of(object->variables.begin(), object->variables.end(),
                       [&](const FileVariable &v) { return v.type != 0 && v.name == given; })) {
-        any = AddObject(name, &given) || any;
+        const bool added = AddObject(name, &given);
+        any = any || added;
+        if (!added) {
+          AddDamaged(name);
+        }
       }
     }
     const std::string known = any ? given : WellKnownName(given);

@@ -80,8 +80,9 @@ void TakeThisHost(const std::string &root, PageFacts *facts, int *status) {
   const Secrets secrets = SecretsOfHost(agent, [&](const std::string &path, int error) {
     all_secrets = false;
     *status = kFailed;
-    Complain(path + ": cannot be read, so the page has no findings and no log, which may have what "
-                    "is secret in it: " +
+    Complain(path +
+             ": cannot be read, so the page has no findings and no log, which may have what "
+             "is secret in it: " +
              strerror(error));
   });
   const auto cleaned = [&](TakenText taken) {

@@ -140,8 +140,8 @@ void WaitForChange(DirectoryWatch &watch, const ViewSignals &signals, double beg
   }
 }
 
-// What a look that was not whole has not found, and the look before had, is not gone: it is believed
-// when the next look finds the same.
+// What a look that was not whole has not found, and the look before had, is not gone: it is
+// believed when the next look finds the same.
 class Doubt {
  public:
   std::vector<NamedObject> Keep(Found found, const std::vector<NamedObject> &before) {
