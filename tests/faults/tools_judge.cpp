@@ -332,9 +332,7 @@ class Judgment {
       const auto found = seen.find(name);
       if (found == seen.end()) {
         differs_ = true;
-        const std::string source = SourceOf(name);
-        if (told.find(source) == std::string::npos || description == seen.end() ||
-            description->second.find(source) == std::string::npos) {
+        if (description == seen.end() || !Names(told, name) || !Names(description->second, name)) {
           Wrong("not in the capture, and nothing says so: " + name);
         }
         continue;
@@ -377,14 +375,28 @@ class Judgment {
     }
   }
 
+  // Whether a text names what a member is of: a registry's file, or a directory that it is in.
+  static bool Names(const std::string &text, const std::string &member) {
+    if (!member.starts_with(vex::kRegistryMembers)) {
+      return text.find(SourceOf(member)) != std::string::npos;
+    }
+    for (std::string path = "/" + member; path.size() > 1;
+         path = path.substr(0, path.rfind('/', path.size() - 2) + 1)) {
+      if (text.find(path + ": ") != std::string::npos ||
+          text.find(path + "\"") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }
+
   // What an omission of a member names.
   static std::string SourceOf(const std::string &member) {
     const std::string path = member.substr(member.find('/') + 1);
-    return member == vex::kFindingsMember         ? "doctor"
-           : member.starts_with("log/")           ? "log"
-           : member.starts_with("commands/")      ? "dpkg"
-           : member.starts_with("registry/host/") ? "host/"
-                                                  : path.substr(0, path.rfind('/'));
+    return member == vex::kFindingsMember    ? "doctor"
+           : member.starts_with("log/")      ? "log"
+           : member.starts_with("commands/") ? "dpkg"
+                                             : path.substr(0, path.rfind('/'));
   }
 
   // Objects that are read from files: times of their publication differ.

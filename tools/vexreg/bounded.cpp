@@ -36,7 +36,10 @@ constexpr int kFinished = 0x40;
   if (getppid() != parent) {
     _exit(kFailed);
   }
-  const int status = Caught([&] { return work() + kFinished; });
+  const int status = Caught([&] {
+    const int result = work();
+    return result + (std::cout ? kFinished : 0);
+  });
   std::cout << std::flush;
   _exit(status);
 }

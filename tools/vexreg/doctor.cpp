@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -422,7 +423,12 @@ class Examination {
   }
 
   void LookAtGuid() {
+    errno = 0;
     const auto object = ReadObjectFile(kGuidObject, root_);
+    if (!object && errno != 0 && errno != ENOENT && errno != EACCES) {
+      Say({Verdict::kNote,
+           std::string("GUID: ") + kGuidObject + " cannot be read: " + strerror(errno) + "."});
+    }
     const auto finding = object ? JudgeGuid(PublishedOctets(*object, kGuidVariable)) : std::nullopt;
     if (finding) {
       Say(*finding);

@@ -320,7 +320,7 @@ bool IsOfContainer(const std::string &directory, const std::string &own_space) {
 
 }  // namespace
 
-std::vector<ProcessFact> FindProcesses(const std::string &name) {
+static std::vector<ProcessFact> LookForProcesses(const std::string &name) {
   std::vector<ProcessFact> found;
   const std::string own_space = LinkOf("/proc/self/ns/pid");
   for (const pid_t pid : NumbersIn("/proc")) {
@@ -340,6 +340,12 @@ std::vector<ProcessFact> FindProcesses(const std::string &name) {
     found.push_back(process);
   }
   return WithoutChildren(found);
+}
+
+std::vector<ProcessFact> FindProcesses(const std::string &name) {
+  // Twice, before it is said that none runs: a look may fail.
+  std::vector<ProcessFact> found = LookForProcesses(name);
+  return found.empty() ? LookForProcesses(name) : found;
 }
 
 // Who asks mounts and processes for it, and the starter of its SNMP process.
