@@ -5,6 +5,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
@@ -15,6 +16,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -200,10 +202,30 @@ VEX_FAILING(int, setresgid, (gid_t real, gid_t effective, gid_t saved), (real, e
             -1)
 VEX_FAILING(int, setresuid, (uid_t real, uid_t effective, uid_t saved), (real, effective, saved),
             -1)
+VEX_FAILING(int, kill, (pid_t pid, int signal), (pid, signal), -1)
+VEX_FAILING(int, fstatfs, (int fd, struct statfs *system), (fd, system), -1)
+VEX_FAILING(ssize_t, readlinkat, (int directory, const char *name, char *to, size_t size),
+            (directory, name, to, size), -1)
+VEX_FAILING(int, timer_create, (clockid_t clock, sigevent *event, timer_t *timer),
+            (clock, event, timer), -1)
+VEX_FAILING(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)
+VEX_FAILING(void *, malloc, (size_t size), (size), nullptr)
+VEX_FAILING(char *, strdup, (const char *text), (text), nullptr)
+// These return the error.
+VEX_FAILING(int, posix_spawn_file_actions_init, (posix_spawn_file_actions_t * actions), (actions),
+            ENOMEM)
+VEX_FAILING(int, posix_spawnattr_init, (posix_spawnattr_t * attributes), (attributes), ENOMEM)
 VEX_FAILING_ON(DIR *, opendir, (const char *path), (path), nullptr, path)
 VEX_FAILING(DIR *, fdopendir, (int fd), (fd), nullptr)
 VEX_FAILING(dirent *, readdir, (DIR * directory), (directory), nullptr)
 VEX_FAILING_ON(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, path)
+
+// Fortified, where the compiler does not see that the size fits.
+ssize_t __real___read_chk(int fd, void *to, size_t size, size_t room);
+ssize_t __wrap___read_chk(int fd, void *to, size_t size, size_t room) {
+  return vex::Instead<ssize_t>("read", nullptr, -1,
+                               [&] { return __real___read_chk(fd, to, size, room); });
+}
 
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
