@@ -38,13 +38,6 @@ const char *log_name = "agent";
 int WriteToLog(const char *text, size_t length);
 LogSink log_sink = WriteToLog;
 
-// Links of the kernel's own lead where no name does: /dev/stderr ends at one. Nobody plants others
-// beside them.
-bool IsOfProc(int link) {
-  struct statfs system;
-  return fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
-}
-
 // The log's directory may be one where others write. O_NONBLOCK: a pipe that nobody reads must not
 // hold us up; what it does not take is lost. Throws std::bad_alloc.
 int OpenForAppending(int from, const std::string &path, int links) {
@@ -62,11 +55,14 @@ int OpenForAppending(int from, const std::string &path, int links) {
   }
   const Descriptor link(openat(directory.get(), leaf, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   std::string target;
-  if (!link || !ReadTrustedLink(link.get(), &target)) {
+  struct statfs system;
+  if (!link || !ReadTrustedLink(link.get(), &target) || fstatfs(link.get(), &system) != 0) {
     return -1;
   }
-  return IsOfProc(link.get()) ? openat(directory.get(), leaf, kFlags, 0600)
-                              : OpenForAppending(directory.get(), target, links - 1);
+  // Links of the kernel's own lead where no name does, whatever they say: /dev/stderr ends at one.
+  // Nobody plants others beside them.
+  return system.f_type == PROC_SUPER_MAGIC ? openat(directory.get(), leaf, kFlags, 0600)
+                                           : OpenForAppending(directory.get(), target, links - 1);
 }
 
 int OpenForAppending(const char *path) {
@@ -196,8 +192,10 @@ int agentlog_fprintf(FILE *stream, const char *format, ...) {
   if (length >= static_cast<int>(sizeof(usual))) {
     text = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
     if (text == nullptr) {
+      // Its beginning, as a line of its own.
       text = usual;
       length = static_cast<int>(sizeof(usual)) - 1;
+      text[length - 1] = '\n';
     } else {
       va_start(arguments, format);
       length = vsnprintf(text, static_cast<size_t>(length) + 1, format, arguments);

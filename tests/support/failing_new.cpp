@@ -10,7 +10,9 @@ int allocations_left;
 }  // namespace vex
 
 void *operator new(size_t size) {
-  void *memory = vex::allocations_left > 0 && --vex::allocations_left == 0 ? nullptr : malloc(size);
+  const bool fails =
+      vex::allocations_left < 0 || (vex::allocations_left > 0 && --vex::allocations_left == 0);
+  void *memory = fails ? nullptr : malloc(size);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }

@@ -4,7 +4,7 @@
 
 namespace vex {
 
-// The allocation that fails: counted down, none at 0.
+// The allocation that fails: counted down, none at 0; all at -1.
 extern int allocations_left;
 
 // Lets the n-th allocation fail. False when there were not so many.
@@ -15,6 +15,14 @@ bool FailAllocation(int n, Function function) {
   const bool failed = allocations_left == 0;
   allocations_left = 0;
   return failed;
+}
+
+// Lets all of them fail.
+template <typename Function>
+void FailAllocations(Function function) {
+  allocations_left = -1;
+  function();
+  allocations_left = 0;
 }
 
 }  // namespace vex

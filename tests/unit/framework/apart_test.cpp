@@ -1,17 +1,25 @@
 // Work in children that are killed when something holds them up.
 #include "framework/process/apart.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <new>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "framework/process/child.h"
 #include "framework/process/clock.h"
+#include "framework/process/close_others.h"
+#include "tests/support/failing_call.h"
 
 namespace {
 
@@ -184,6 +192,164 @@ TEST(Apart, TheEndOfTheAgentEndsIt) {
   EXPECT_EQ(errno, EINTR);
   EXPECT_LE(done, kHangsAt);
   ExpectSquares(records, done);
+}
+
+// What a child and a test tell each other.
+struct Told {
+  std::atomic<bool> go_on;
+  std::atomic<size_t> begun;
+};
+Told *told;
+
+void SquareWhenTold(size_t at, void *result) {
+  told->begun = at;
+  while (at == kHangsAt && !told->go_on) {
+    usleep(1000);
+  }
+  Square(at, result);
+}
+
+// The step that is named next would be innocent.
+TEST(Apart, AChildThatGoesOnJustBeforeItIsKilledBlamesNone) {
+  const vex::SharedMemory shared(sizeof(Told));
+  told = new (shared.At<Told>(0)) Told{};
+  std::vector<Record> records = Records(1'000'000);
+  const auto go_on = [] {
+    told->go_on = true;
+    while (told->begun == kHangsAt) {
+      usleep(1000);
+    }
+  };
+  const vex::FailingCall before_kill("kill", go_on);
+  const size_t done = vex::RunApart(SquareWhenTold, records.size(), records.data(), sizeof(Record),
+                                    10, kNoLimit, NotEnding);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_GT(done, kHangsAt);
+  for (size_t at = 0; at < done; at++) {
+    ASSERT_EQ(records[at].square, at * at);
+  }
+}
+
+// A call of the kernel's that nothing ends: here the signal is not sent.
+TEST(Apart, ChildrenThatCannotBeKilledAreLeftAndBuriedLater) {
+  constexpr size_t kMostLeft = 16;
+  std::vector<pid_t> left;
+  std::vector<Record> records = Records(2);
+  const auto hang = [](size_t at, void *result) {
+    Square(at, result);
+    while (at == 1) {
+      pause();
+    }
+  };
+  {
+    const vex::FailingCall unkillable("kill", 0, 1, vex::FailingCall::kAll);
+    while (left.size() < kMostLeft) {
+      ASSERT_EQ(vex::RunApart(hang, 2, records.data(), sizeof(Record), 1, kNoLimit, NotEnding), 1U);
+      EXPECT_EQ(errno, ETIMEDOUT);
+      left.push_back(records[0].child);
+    }
+    // One more would be one too many.
+    EXPECT_EQ(
+        vex::RunApart(Square, 2, records.data(), sizeof(Record), kNoLimit, kNoLimit, NotEnding),
+        0U);
+    EXPECT_EQ(errno, EAGAIN);
+  }
+  for (const pid_t child : left) {
+    EXPECT_EQ(kill(child, SIGKILL), 0);
+    siginfo_t end = {};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT), 0);
+  }
+  EXPECT_EQ(vex::RunApart(Square, 2, records.data(), sizeof(Record), kNoLimit, kNoLimit, NotEnding),
+            2U);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(Apart, WithoutAChildOrMemoryItSaysWhy) {
+  Record record = {};
+  for (const auto &[call, error, said] :
+       {std::tuple("fork", EAGAIN, EAGAIN), std::tuple("mmap", ENOMEM, ENOMEM)}) {
+    const vex::FailingCall failing(call, error);
+    EXPECT_EQ(vex::RunApart(Square, 1, &record, sizeof(record), kNoLimit, kNoLimit, NotEnding), 0U);
+    EXPECT_EQ(errno, said) << call;
+    EXPECT_EQ(failing.Failed(), 1) << call;
+  }
+}
+
+// Whoever started the process may have the kernel bury its children.
+TEST(Apart, WhereTheKernelBuriesChildrenItIsNoDifferent) {
+  auto *const before = signal(SIGCHLD, SIG_IGN);
+  std::vector<Record> records = Records(10);
+  EXPECT_EQ(vex::RunApart(Square, records.size(), records.data(), sizeof(Record), kNoLimit,
+                          kNoLimit, NotEnding),
+            records.size());
+  signal(SIGCHLD, before);
+  ExpectSquares(records, records.size());
+}
+
+// Its parent may have ended before it asked to be told of that.
+TEST(Child, OfAParentThatIsGoneDoesNothing) {
+  const vex::FailingCall other_parent("getppid", 0);
+  Record record = {999, 0};
+  EXPECT_EQ(vex::RunApart(Square, 1, &record, sizeof(record), kNoLimit, kNoLimit, NotEnding), 0U);
+  EXPECT_EQ(errno, ECHILD);
+  EXPECT_EQ(record.square, 999U);
+}
+
+TEST(Child, CountsAsAsleepWhereThatCannotBeTold) {
+  vex::Child computing;
+  const auto compute = [](void *) {
+    while (vex::ClockNs() != 0) {
+    }
+  };
+  ASSERT_EQ(vex::StartChild("compute", compute, nullptr, &computing), 0);
+  for (const auto &[error, asleep] :
+       {std::pair(EINTR, false), std::pair(EIO, true), std::pair(0, true)}) {
+    const vex::FailingCall failing("read", error);
+    EXPECT_EQ(vex::IsAsleep(computing), asleep) << error;
+    EXPECT_EQ(failing.Failed(), 1);
+  }
+  kill(computing.pid, SIGKILL);
+  vex::Bury(computing);
+}
+
+// Descriptors from 3 to 20 that are open after all but two were closed.
+std::vector<int> Kept(int kept, int other, bool old_kernel) {
+  constexpr int kMost = 20;
+  const vex::SharedMemory shared(kMost + 1);
+  char *open = shared.At<char>(0);
+  const pid_t child = fork();
+  if (child == 0) {
+    for (int fd = 3; fd <= kMost; fd++) {
+      dup2(0, fd);
+    }
+    const vex::FailingCall failing("syscall", ENOSYS, 1, old_kernel ? vex::FailingCall::kAll : 0);
+    vex::CloseOthers(3, kept, other);
+    for (int fd = 3; fd <= kMost; fd++) {
+      open[fd] = fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    }
+    _exit(0);
+  }
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  std::vector<int> result;
+  for (int fd = 3; fd <= kMost; fd++) {
+    if (open[fd] != 0) {
+      result.push_back(fd);
+    }
+  }
+  return result;
+}
+
+TEST(CloseOthers, LeavesTheTwo) {
+  for (const bool old_kernel : {false, true}) {
+    EXPECT_EQ(Kept(7, 12, old_kernel), (std::vector<int>{7, 12}));
+    EXPECT_EQ(Kept(12, 7, old_kernel), (std::vector<int>{7, 12}));
+    EXPECT_EQ(Kept(3, 4, old_kernel), (std::vector<int>{3, 4}));
+    EXPECT_EQ(Kept(3, 20, old_kernel), (std::vector<int>{3, 20}));
+    EXPECT_EQ(Kept(9, 9, old_kernel), std::vector<int>{9});
+    EXPECT_EQ(Kept(9, -1, old_kernel), std::vector<int>{9});
+    EXPECT_EQ(Kept(-1, -1, old_kernel), std::vector<int>{});
+  }
 }
 
 TEST(Child, IsAsleepOnlyInACallThatWaits) {

@@ -20,9 +20,13 @@
 #include <csignal>
 #include <cstring>
 #include <iterator>
+#include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/failing_new.h"
 
 namespace {
 
@@ -712,6 +716,190 @@ TEST(StatMounts, AsksTheRealOnes) {
   ASSERT_EQ(stat_mounts(paths, 1, results), 0);
   EXPECT_EQ(results[0].state, MOUNT_FAILED);
   EXPECT_EQ(results[0].error, ENAMETOOLONG);
+}
+
+// Whether the process is to end, for asking that children have a part in: until one of them has
+// ended, and, where it says so, after that.
+std::atomic<bool> end_after_child;
+std::atomic<int> endings_asked;
+void (*at_first_asking)();
+bool EndingWithChild() {
+  if (endings_asked++ == 0) {
+    if (at_first_asking != nullptr) {
+      at_first_asking();
+    }
+    siginfo_t end = {};
+    waitid(P_ALL, 0, &end, WEXITED | WNOWAIT);
+    return false;
+  }
+  return end_after_child;
+}
+
+class MountAskerEnding : public MountAsker {
+ protected:
+  void SetUp() override {
+    MountAsker::SetUp();
+    end_after_child = false;
+    endings_asked = 1;
+    at_first_asking = nullptr;
+    Use(Short());
+  }
+  static vex::MountAsker::Settings Short() {
+    auto settings = Settings();
+    settings.ending = EndingWithChild;
+    settings.limit = 60ms;
+    settings.slow = 50ms;
+    settings.quick = 40ms;
+    return settings;
+  }
+  void Use(const vex::MountAsker::Settings &settings) {
+    asker_ = std::make_unique<vex::MountAsker>(settings);
+  }
+  void TearDown() override {
+    Mounts::Get().FreeAll();
+    WaitForReturn();
+  }
+  void WaitForReturn() {
+    for (int i = 0; i < 1000 && asker_->Outstanding() > 0; i++) {
+      usleep(5000);
+    }
+    ASSERT_EQ(asker_->Outstanding(), 0U);
+  }
+  std::vector<mount_stats> AskThem(std::vector<const char *> paths) {
+    std::vector<mount_stats> results(paths.size());
+    asker_->Ask(paths.data(), paths.size(), results.data());
+    return results;
+  }
+  std::unique_ptr<vex::MountAsker> asker_;
+};
+
+// What a mount has said in time stands, also an error.
+TEST_F(MountAskerEnding, AnAnswerThatIsThereIsKept) {
+  auto settings = Short();
+  settings.limit = 10s;
+  Use(settings);
+  endings_asked = 0;
+  end_after_child = true;
+  const auto results = AskThem({"/fail", "/a"});
+  EXPECT_EQ(results[0].state, MOUNT_FAILED);
+  EXPECT_EQ(results[0].error, ESTALE);
+  EXPECT_EQ(results[1].state, MOUNT_ANSWERED);
+}
+
+TEST_F(MountAskerEnding, NobodyIsAskedBetweenPassesAtTheEnd) {
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_SILENT);
+  Mounts::Get().Free("/hang");
+  WaitForReturn();
+  end_after_child = true;
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_ANSWERED);
+  EXPECT_EQ(asker_->Outstanding(), 0U);
+  EXPECT_EQ(Mounts::Get().Asked("/hang"), 1);
+}
+
+// An answer that comes while a pass waits for others is the next pass's.
+TEST_F(MountAskerEnding, AnAnswerDuringAPassIsNotAskedForAgain) {
+  auto settings = Short();
+  settings.limit = kLimit;  // for a healthy mount beside it
+  Use(settings);
+  EXPECT_EQ(AskThem({"/hang1"})[0].state, MOUNT_SILENT);
+  endings_asked = 0;
+  at_first_asking = [] { Mounts::Get().Free("/hang1"); };
+  auto results = AskThem({"/hang1", "/hang2", "/b"});
+  EXPECT_EQ(results[0].state, MOUNT_STILL_SILENT);
+  EXPECT_EQ(results[1].state, MOUNT_SILENT);
+  EXPECT_EQ(results[2].state, MOUNT_ANSWERED);
+  EXPECT_EQ(Mounts::Get().Asked("/hang1"), 1);
+  results = AskThem({"/hang1", "/hang2", "/b"});
+  EXPECT_EQ(results[0].state, MOUNT_ANSWERED);
+  EXPECT_EQ(results[1].state, MOUNT_STILL_SILENT);
+}
+
+// Silence that was told is told no second time because who waited for the answer was killed.
+TEST_F(MountAskerEnding, ASilentMountWhoseAskerIsKilledIsStillSilent) {
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_SILENT);
+  Mounts::Get().Die("/hang");
+  Mounts::Get().Free("/hang");
+  WaitForReturn();
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_STILL_SILENT);
+}
+
+// Nor is a mount that always takes longer than silence lasts told again and again.
+TEST_F(MountAskerEnding, AnAnswerAfterTheSilenceDoesNotEndIt) {
+  auto settings = Short();
+  settings.silence = 1ms;
+  Use(settings);
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_SILENT);
+  Mounts::Get().Free("/hang");
+  WaitForReturn();
+  Mounts::Get().Reset();
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_ANSWERED);
+  EXPECT_EQ(AskThem({"/hang"})[0].state, MOUNT_STILL_SILENT);
+}
+
+TEST_F(MountAskerEnding, WithoutAPlaceForAnotherChildTheRestFails) {
+  auto settings = Short();
+  settings.most_children = 1;
+  Use(settings);
+  const auto results = AskThem({"/hang", "/b", "/c"});
+  EXPECT_EQ(results[0].state, MOUNT_SILENT);
+  for (int i = 1; i < 3; i++) {
+    EXPECT_EQ(results[i].state, MOUNT_FAILED);
+    EXPECT_EQ(results[i].error, EAGAIN);
+  }
+}
+
+// Each allocation in turn: it throws, or gives what is true, and the next pass makes good what was
+// left out.
+TEST_F(MountAskerEnding, OneFailedAllocationCostsOnePassAtMost) {
+  auto settings = Settings();
+  settings.slow = 0ms;  // so that mounts are asked between two passes as well
+  settings.quick = 0ms;
+  const char *paths[] = {"/a", "/b"};
+  mount_stats results[2];
+  int thrown = 0;
+  bool failed = true;
+  for (int n = 1; failed; n++) {
+    SCOPED_TRACE(n);
+    Use(settings);
+    failed = false;
+    for (int pass = 0; pass < 2; pass++) {
+      testing::internal::CaptureStderr();
+      failed |= vex::FailAllocation(n, [&] {
+        try {
+          asker_->Ask(paths, 2, results);
+        } catch (const std::bad_alloc &) {
+          thrown++;
+        }
+      });
+      testing::internal::GetCapturedStderr();
+      WaitForReturn();
+    }
+    for (int pass = 0; pass < 2; pass++) {
+      testing::internal::CaptureStderr();
+      asker_->Ask(paths, 2, results);
+      testing::internal::GetCapturedStderr();
+      WaitForReturn();
+    }
+    EXPECT_EQ(results[0].state, MOUNT_ANSWERED);
+    EXPECT_EQ(results[0].blocks, 2U);
+    EXPECT_EQ(results[1].state, MOUNT_ANSWERED);
+  }
+  EXPECT_GT(thrown, 5);
+}
+
+TEST(StatMounts, WithoutMemorySaysSo) {
+  const char *path = "/proc";
+  mount_stats result;
+  int answer = 0;
+  int error = 0;
+  vex::FailAllocations([&] {
+    answer = stat_mounts(&path, 1, &result);
+    error = errno;
+  });
+  EXPECT_EQ(answer, -1);
+  EXPECT_EQ(error, ENOMEM);
+  EXPECT_EQ(stat_mounts(&path, 1, &result), 0);
+  EXPECT_EQ(result.state, MOUNT_ANSWERED);
 }
 
 // The process ends at once although a call is outstanding.

@@ -4,8 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+
+#include "platform/ev.h"
+#include "tests/support/failing_call.h"
+#include "tests/support/failing_new.h"
 
 namespace {
 
@@ -154,6 +160,77 @@ TEST_F(EvSource, ALargeFileIsReadInPart) {
   Put(raw_ + "/L", std::string(1 << 20, 'l'));
   EXPECT_EQ(Read("L", 136), std::string(136, 'l'));
   EXPECT_EQ(Read("L", 100000).size(), 4100u);
+}
+
+TEST_F(EvSource, VariablesWhoseVendorIsNone) {
+  Put(uefi_ + "/A-8be4df61-93ca-11d2-aa0d-00e098032b8x", std::string("\7\0\0\0x", 5));
+  Put(uefi_ + "/A-8be4df61093ca-11d2-aa0d-00e098032b8c", std::string("\7\0\0\0x", 5));
+  Put(uefi_ + "/A_8be4df61-93ca-11d2-aa0d-00e098032b8c", std::string("\7\0\0\0x", 5));
+  EXPECT_EQ(Read("A"), "absent");
+}
+
+// In whatever order a directory lists them.
+TEST_F(EvSource, TheFirstOfManyVendors) {
+  for (int i = 0; i < 10; i++) {
+    const std::string guid = "0000000" + std::to_string(i) + "-93ca-11d2-aa0d-00e098032b8c";
+    Put(uefi_ + "/UP-" + guid, std::string("\7\0\0\0", 4) + std::to_string(i));
+    const std::string down = "0000000" + std::to_string(9 - i) + "-93ca-11d2-aa0d-00e098032b8c";
+    Put(uefi_ + "/DOWN-" + down, std::string("\7\0\0\0", 4) + std::to_string(9 - i));
+  }
+  EXPECT_EQ(Read("UP"), "0");
+  EXPECT_EQ(Read("DOWN"), "0");
+}
+
+TEST_F(EvSource, AFileInPlaceOfADirectoryIsAbsence) {
+  std::filesystem::remove_all(raw_);
+  std::filesystem::remove_all(uefi_);
+  Put(raw_, "x");
+  Put(uefi_, "x");
+  EXPECT_EQ(Read("A"), "absent");
+}
+
+// What an EV says is asked once in the life of a process.
+TEST_F(EvSource, ACallThatFailsForAMomentCostsNoValue) {
+  Put(raw_ + "/R", "raw");
+  Put(uefi_ + "/U" + kGuid, std::string("\7\0\0\0value", 9));
+  const struct {
+    const char *call;
+    int error;
+  } table[] = {{"open", EMFILE}, {"fstat", EIO}, {"read", EIO}, {"read", EINTR}};
+  for (const auto &row : table) {
+    for (const int failures : {1, 2}) {
+      const vex::FailingCall failing(row.call, row.error, 1, failures);
+      EXPECT_EQ(Read("R", 3), "raw") << row.call;
+      EXPECT_EQ(failing.Failed(), failures);
+    }
+  }
+  for (const char *call : {"opendir", "readdir"}) {
+    const vex::FailingCall failing(call, EIO, 1, 2);
+    EXPECT_EQ(Read("U"), "value") << call;
+    EXPECT_EQ(notice_, "");
+    EXPECT_EQ(failing.Failed(), 2);
+  }
+  for (const auto &row : table) {
+    if (row.error == EINTR) {
+      continue;
+    }
+    const vex::FailingCall failing(row.call, row.error, 1, 3);
+    EXPECT_EQ(Read("R", 3), "absent: " + raw_ + "/R: " + strerror(row.error)) << row.call;
+  }
+  for (const char *call : {"opendir", "readdir"}) {
+    const vex::FailingCall failing(call, EIO, 1, 3);
+    EXPECT_EQ(Read("U"), "absent: " + uefi_ + ": Input/output error") << call;
+  }
+}
+
+// This program has no framework, and so nowhere to say it.
+TEST(Ev, WithoutALogOrMemoryItIsAbsent) {
+  char buffer[8] = "before";
+  uint32_t length = sizeof(buffer);
+  EXPECT_EQ(get_ev("../name", buffer, &length), -1);
+  vex::FailAllocations([&] { EXPECT_EQ(get_ev("A_NAME_OF_SOME_LENGTH", buffer, &length), -1); });
+  EXPECT_EQ(length, sizeof(buffer));
+  EXPECT_STREQ(buffer, "before");
 }
 
 }  // namespace

@@ -100,6 +100,8 @@ TEST(SmbiosTables, StringsOfAPointerThatIsNoRecordAreEmpty) {
   const uint8_t foreign[] = {0, 4, 0, 0, 'x', 0, 0};
   EXPECT_STREQ(tables->String(nullptr, 1), "");
   EXPECT_STREQ(tables->String(foreign, 1), "");
+  static const uint8_t below[] = {0, 4, 0, 0, 'x', 0, 0};  // what is allocated stands higher
+  EXPECT_STREQ(tables->String(below, 1), "");
   EXPECT_STREQ(tables->String(bios + 1, 1), "");
 }
 

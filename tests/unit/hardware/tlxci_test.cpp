@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include <thread>
 
 #include "platform/channel.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/simulated_controller.h"
 
 namespace {
@@ -222,4 +224,59 @@ TEST_F(Tlxci, PassesByASocketThatNobodyServes) {
   EXPECT_EQ(Initialize(), TLXCI_NONE);
   close(bound);
   EXPECT_EQ(Initialize(), TLXCI_NONE);
+}
+
+// A channel of before is not that of whoever opens the next descriptor.
+TEST_F(Tlxci, AChannelOfBeforeIsNone) {
+  auto controller = std::make_unique<vex::SimulatedController>();
+  ASSERT_EQ(Initialize(), TLXCI_INTEGRATED);
+  tlxci_channel *before = channel_;
+  controller.reset();
+  ASSERT_EQ(Initialize(), TLXCI_NONE);
+  channel_ = before;
+  EXPECT_EQ(Send(), TLXCI_NO_CHANNEL);
+  EXPECT_EQ(Receive(0), TLXCI_NO_CHANNEL);
+  EXPECT_EQ(received_, 0U);
+}
+
+TEST_F(Tlxci, ASocketThatCannotBeMadeIsAskedForAgain) {
+  vex::SimulatedController controller;
+  {
+    vex::FailingCall failing("socket", EMFILE, 1, 2);
+    failing.In(gettid());
+    EXPECT_EQ(Initialize(), TLXCI_INTEGRATED);
+    EXPECT_EQ(failing.Failed(), 2);
+  }
+  const auto before = OpenDescriptors();
+  vex::FailingCall failing("socket", EMFILE, 1, vex::FailingCall::kAll);
+  failing.In(gettid());
+  EXPECT_EQ(Initialize(), TLXCI_NONE);
+  EXPECT_EQ(failing.Failed(), 3);
+  EXPECT_EQ(channel_, nullptr);
+  EXPECT_EQ(OpenDescriptors().size(), before.size() - 1);
+}
+
+TEST_F(Tlxci, SaysWhetherToOpenTheConnectionAgain) {
+  const struct {
+    int error;
+    int status;
+  } table[] = {{EPIPE, TLXCI_REOPEN},     {ECONNRESET, TLXCI_REOPEN},
+               {ENOTCONN, TLXCI_REOPEN},  {ECONNREFUSED, TLXCI_REOPEN},
+               {EAGAIN, TLXCI_TIMED_OUT}, {EMSGSIZE, EMSGSIZE},
+               {ENOBUFS, ENOBUFS}};
+  vex::SimulatedController controller;
+  ASSERT_EQ(Initialize(), TLXCI_INTEGRATED);
+  for (const auto &row : table) {
+    vex::FailingCall failing("send", row.error);
+    failing.In(gettid());  // the controller is a thread of this process
+    EXPECT_EQ(Send(), row.status) << row.error;
+  }
+  EXPECT_EQ(Send(), TLXCI_OK);
+  // A signal ends the wait: whether it is one to give up for is the caller's to know.
+  vex::FailingCall failing("poll", EINTR, 1, 2);
+  failing.In(gettid());
+  EXPECT_EQ(Send(), EINTR);
+  EXPECT_EQ(Receive(5000), EINTR);
+  EXPECT_EQ(Receive(5000), TLXCI_OK);
+  EXPECT_EQ(received_, 80U);
 }

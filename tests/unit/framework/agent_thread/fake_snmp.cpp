@@ -29,7 +29,7 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
 
 bool SnmpStop() {
   TheFakeSnmp().running = false;
-  return true;
+  return !TheFakeSnmp().stays;
 }
 
 bool SnmpFailed() {

@@ -19,6 +19,7 @@ struct FakeSnmp {
   SnmpSettings settings;
   bool running = false;
   bool failed = false;
+  bool stays = false;  // its thread is left behind at the end
   std::string application;
   bool sets_enabled = true;
   bool sets_closed = false;

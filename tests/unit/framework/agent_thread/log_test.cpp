@@ -7,10 +7,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "platform/framework.h"
+#include "tests/support/failing_call.h"
+#include "tests/unit/framework/temp_registry.h"
 
 namespace {
 
@@ -92,6 +99,167 @@ TEST(Log, ASignalDoesNotLeaveAMessageInAFullPipe) {
   }
   close(ends[0]);
   close(ends[1]);
+}
+
+// ---- Opening the log
+
+std::string Contents(const std::string &path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+ptrdiff_t OpenDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return std::distance(begin(all), end(all));
+}
+
+// Each in a process of its own: a log that has been opened stays.
+class LogFile : public testing::Test {
+ protected:
+  template <typename Function>
+  static void InChild(Function function) {
+    const pid_t child = fork();
+    if (child == 0) {
+      function();
+      fflush(nullptr);
+      _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  // What OpenLog() says, and that it leaves nothing open and the log where it was.
+  static void ExpectRefused(const std::string &path, int error) {
+    const auto before = OpenDescriptors();
+    const int log = vex::LogFd();
+    EXPECT_EQ(vex::OpenLog(path.c_str()), -1) << path;
+    EXPECT_EQ(errno, error) << path;
+    EXPECT_EQ(vex::LogFd(), log);
+    EXPECT_EQ(OpenDescriptors(), before) << path;
+  }
+
+  vex::TempRegistry directory_;
+  std::string file_ = directory_.base() + "/log";
+};
+
+// As /dev/stderr is one: it leads where no name does.
+TEST_F(LogFile, ALinkOfTheKernelsIsFollowedByTheKernel) {
+  InChild([&] {
+    const int unnamed = open(directory_.base().c_str(), O_TMPFILE | O_RDWR, 0600);
+    ASSERT_GE(unnamed, 0);
+    const std::string link = "/proc/self/fd/" + std::to_string(unnamed);
+    std::filesystem::create_symlink(link, file_);
+    for (const std::string &path : {link, file_}) {
+      ASSERT_EQ(vex::OpenLog(path.c_str()), 0) << strerror(errno);
+      EXPECT_EQ(agentlog_fprintf(stderr, "one line\n"), 9);
+    }
+    char text[64] = "";
+    EXPECT_EQ(pread(unnamed, text, sizeof(text), 0), 18);
+    EXPECT_STREQ(text, "one line\none line\n");
+    // Where that cannot be asked, no file is made of what such a link says.
+    const vex::FailingCall failing("fstatfs", EIO);
+    ExpectRefused(link, EIO);
+    EXPECT_EQ(failing.Failed(), 1);
+  });
+}
+
+TEST_F(LogFile, LinksInARingOrAChainAreRefused) {
+  const auto link = [&](int number) { return directory_.base() + "/" + std::to_string(number); };
+  std::filesystem::create_symlink(file_, link(0));
+  for (int i = 1; i <= 41; i++) {
+    std::filesystem::create_symlink(link(i - 1), link(i));
+  }
+  std::filesystem::create_symlink("ring", directory_.base() + "/ring");
+  InChild([&] {
+    ExpectRefused(link(41), ELOOP);
+    ExpectRefused(directory_.base() + "/ring", ELOOP);
+    EXPECT_FALSE(std::filesystem::exists(file_));
+    EXPECT_EQ(vex::OpenLog(link(39).c_str()), 0);
+    EXPECT_TRUE(std::filesystem::exists(file_));
+  });
+}
+
+TEST_F(LogFile, CallsThatFailRefuseItAndLeaveNothingOpen) {
+  const std::string link = directory_.base() + "/link";
+  std::filesystem::create_symlink(file_, link);
+  const struct {
+    const char *call;
+    int error;
+    int nth;
+  } table[] = {{"openat", EMFILE, 1}, {"openat", EMFILE, 3},  {"openat", EACCES, 4},
+               {"fstat", EIO, 1},     {"readlinkat", EIO, 1}, {"openat", ENOSPC, 5},
+               {"strdup", ENOMEM, 1}};
+  InChild([&] {
+    for (const auto &row : table) {
+      const vex::FailingCall failing(row.call, row.error, row.nth);
+      ExpectRefused(link, row.error);
+      EXPECT_EQ(failing.Failed(), 1) << row.call << row.nth;
+    }
+  });
+}
+
+// The daemon follows links of root's and of its own user's.
+TEST_F(LogFile, ALinkOfTheUsersOwnIsFollowed) {
+  const std::string link = directory_.base() + "/link";
+  std::filesystem::create_symlink(file_, link);
+  constexpr uid_t kUser = 65534;
+  const bool root = geteuid() == 0;
+  if (root) {
+    ASSERT_EQ(chown(directory_.base().c_str(), kUser, kUser), 0);
+    ASSERT_EQ(lchown(link.c_str(), kUser, kUser), 0);
+    // The administrator does not follow another user's.
+    InChild([&] { ExpectRefused(link, ELOOP); });
+  }
+  InChild([&] {
+    ASSERT_TRUE(!root || seteuid(kUser) == 0);
+    EXPECT_EQ(vex::OpenLog(link.c_str()), 0) << strerror(errno);
+    EXPECT_EQ(agentlog_fprintf(stderr, "mine\n"), 5);
+  });
+  EXPECT_EQ(Contents(file_), "mine\n");
+}
+
+TEST_F(LogFile, OpenedTwiceHoldsOneDescriptor) {
+  InChild([&] {
+    ASSERT_EQ(vex::OpenLog((file_ + ".1").c_str()), 0);
+    const auto before = OpenDescriptors();
+    ASSERT_EQ(vex::OpenLog(file_.c_str()), 0);
+    EXPECT_EQ(OpenDescriptors(), before);
+    agentlog_fprintf(stderr, "second\n");
+  });
+  EXPECT_EQ(Contents(file_ + ".1"), "");
+  EXPECT_EQ(Contents(file_), "second\n");
+}
+
+// ---- Messages
+
+TEST_F(LogFile, MessagesSurviveWhatCanFail) {
+  InChild([&] {
+    ASSERT_EQ(vex::OpenLog(file_.c_str()), 0);
+    const std::string long_text(2000, 'x');
+    {
+      const vex::FailingCall interrupted("write", EINTR, 1, 2);
+      EXPECT_EQ(agentlog_fprintf(stderr, "%s\n", "whole"), 6);
+      EXPECT_EQ(interrupted.Failed(), 2);
+    }
+    {
+      // Without memory its beginning is there, as a line.
+      const vex::FailingCall no_memory("malloc", ENOMEM);
+      EXPECT_EQ(agentlog_fprintf(stderr, "%s\n", long_text.c_str()), 1023);
+      EXPECT_EQ(no_memory.Failed(), 1);
+    }
+    errno = ESTALE;
+    EXPECT_EQ(agentlog_fprintf(stderr, "%ls\n", L"\x7FFFFFFF"), -1) << "not a character";
+    EXPECT_EQ(errno, ESTALE) << "as it was";
+    EXPECT_EQ(Contents(file_), "whole\n" + long_text.substr(0, 1022) + "\n");
+  });
+}
+
+TEST(Log, AStreamThatTakesNothingIsSaid) {
+  FILE *full = fopen("/dev/full", "w");
+  ASSERT_NE(full, nullptr);
+  fputs("before", full);
+  EXPECT_EQ(agentlog_fprintf(full, "message\n"), -1);
+  fclose(full);
 }
 
 }  // namespace

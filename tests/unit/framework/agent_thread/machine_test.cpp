@@ -10,14 +10,22 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 #include "framework/machine/appliance.h"
 #include "framework/machine/distribution.h"
 #include "framework/process/commands.h"
+#include "framework/process/descriptor.h"
+#include "framework/process/guard.h"
 #include "framework/process/log.h"
+#include "framework/process/printable.h"
 #include "platform/framework.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/failing_new.h"
 #include "tests/unit/framework/temp_registry.h"
 
@@ -70,6 +78,12 @@ TEST(Assignments, FollowOsRelease) {
       {"A B=1\n", "line 1"},
       {"A =1\n", "line 1"},
       {"A-B=1\n", "line 1"},
+      {"!A=1\n", "line 1"},
+      {"A{=1\n", "line 1"},
+      {"A:=1\n", "line 1"},
+      {"a0z9Z=1\n", "a0z9Z=1;"},
+      {"\tA=1\t\nB=\t\n", "A=1;B=;"},
+      {"A=\"x\\", "line 1"},
   };
   for (const auto &row : table) {
     EXPECT_EQ(Parsed(row.text), row.result) << row.text;
@@ -191,6 +205,37 @@ TEST_F(MachineFiles, SpecialAndLargeFilesAreBroken) {
             }).find("too large"),
             std::string::npos);
   EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("missing"), Values::kShell)); }), "");
+}
+
+// What the file says is asked once a process.
+TEST_F(MachineFiles, ACallThatFailsForAMomentCostsNoFile) {
+  File("whole", "NAME=Whole\n");
+  for (const auto &[call, error] : {std::pair("open", EMFILE), std::pair("fstat", EIO),
+                                    std::pair("read", EINTR), std::pair("read", EIO)}) {
+    for (const int failures : {1, 2}) {
+      const FailingCall failing(call, error, 1, failures);
+      std::optional<Assignments> assignments;
+      EXPECT_EQ(Logged([&] { assignments = ReadAssignments(Path("whole"), Values::kShell); }), "");
+      ASSERT_TRUE(assignments) << call;
+      EXPECT_EQ(assignments->find("NAME")->second, "Whole") << call;
+      EXPECT_EQ(failing.Failed(), failures) << call;
+    }
+  }
+  for (const auto &[call, error] :
+       {std::pair("open", EMFILE), std::pair("fstat", EIO), std::pair("read", EIO)}) {
+    const std::string file = File(std::string("never-") + call, "NAME=Whole\n");
+    EXPECT_EQ(Logged([&, call = call, error = error] {
+                const FailingCall failing(call, error, 1, FailingCall::kAll);
+                EXPECT_FALSE(ReadAssignments(file.c_str(), Values::kShell));
+                EXPECT_EQ(failing.Failed(), 3) << call;
+              }),
+              "exampled: " + file + ": " + strerror(error) + ", file not used\n");
+  }
+}
+
+TEST_F(MachineFiles, AFileBelowAFileIsAbsent) {
+  File("whole", "NAME=Whole\n");
+  EXPECT_EQ(Logged([&] { EXPECT_FALSE(ReadAssignments(Path("whole/x"), Values::kShell)); }), "");
 }
 
 TEST_F(MachineFiles, ApplianceData) {
@@ -475,6 +520,131 @@ TEST(Command, NewsAreBounded) {
     EXPECT_TRUE(news.Tell(std::to_string(i), "text"));
   }
   EXPECT_TRUE(news.Tell("tool b", "text")) << "forgotten";
+}
+
+// Whoever started the process may have the kernel take the status of its children.
+TEST(Command, WhoseStatusSomebodyElseTookHasEnded) {
+  auto *const before = signal(SIGCHLD, SIG_IGN);
+  size_t length = 0;
+  char output[64];
+  EXPECT_EQ(run_command("echo x; exit 3", 20000, output, sizeof(output), &length), 128);
+  EXPECT_STREQ(output, "x\n");
+  EXPECT_EQ(run_command("echo y; sleep 30", 100, output, sizeof(output), &length),
+            COMMAND_TIMED_OUT);
+  EXPECT_STREQ(output, "y\n");
+  signal(SIGCHLD, before);
+}
+
+TEST(Command, CallsThatFailForAMomentLoseNoOutput) {
+  const struct {
+    const char *call;
+    int error;
+    int count;
+  } table[] = {{"read", EINTR, 1},    {"read", EINTR, 64}, {"read", EIO, 1},
+               {"waitpid", EINTR, 1}, {"poll", EINTR, 3},  {"syscall", ENOSYS, 1}};
+  for (const auto &row : table) {
+    const FailingCall failing(row.call, row.error, 1, row.count);
+    const Result r = RunShell("echo hello; exit 3");
+    EXPECT_EQ(r.status, 3) << row.call;
+    EXPECT_EQ(r.output, "hello\n") << row.call << " " << row.error;
+    EXPECT_GT(failing.Failed(), 0) << row.call;
+  }
+}
+
+TEST(Command, ThatCannotBeStartedIsSaidAndLeavesNothing) {
+  SetLogName("exampled");
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = descriptors();
+  for (const char *call : {"posix_spawn_file_actions_init", "posix_spawnattr_init"}) {
+    size_t length = 7;
+    char output[8];
+    const std::string command = std::string("echo never # ") + call;
+    EXPECT_EQ(Logged([&] {
+                const FailingCall no_memory(call, ENOMEM);
+                EXPECT_EQ(run_command(command.c_str(), 20000, output, sizeof(output), &length),
+                          COMMAND_NOT_RUN);
+              }),
+              "exampled: Command could not be started: Cannot allocate memory: " + command + "\n");
+    EXPECT_EQ(length, 0U);
+    EXPECT_EQ(descriptors(), before) << call;
+  }
+}
+
+// As one that waits in the kernel for what never comes; here its end is not told.
+TEST(Command, ThatDoesNotEndWhenKilledIsReapedLater) {
+  size_t length = 0;
+  char output[64];
+  {
+    const FailingCall hidden("waitpid", EINTR, 1, FailingCall::kAll);
+    EXPECT_EQ(run_command("sleep 30", 10, output, sizeof(output), &length), COMMAND_TIMED_OUT);
+  }
+  siginfo_t end = {};
+  EXPECT_EQ(waitid(P_ALL, 0, &end, WEXITED | WNOWAIT), 0) << "it is still there";
+  EXPECT_EQ(run_command("exit 0", 20000, output, sizeof(output), &length), 0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child is left";
+}
+
+TEST(Command, OutputThatNobodyWantsIsNotStored) {
+  char output[8] = "before";
+  EXPECT_EQ(process_linux_cmd("echo x; exit 2", output, nullptr), 2);
+  EXPECT_STREQ(output, "before");
+  for (const int capacity : {0, -1}) {
+    int length = capacity;
+    EXPECT_EQ(process_linux_cmd("echo x; exit 2", output, &length), 2);
+    EXPECT_EQ(length, 0);
+    EXPECT_STREQ(output, "before");
+  }
+  int length = sizeof(output);
+  EXPECT_EQ(process_linux_cmd("echo x; exit 2", output, &length), 2);
+  EXPECT_EQ(length, 2);
+  EXPECT_STREQ(output, "x\n");
+}
+
+// ---- Small pieces of framework/process
+
+TEST(Printable, ShowsNothingThatEndsALineOrMovesATerminal) {
+  EXPECT_EQ(Printable("a\nb\x1B[2J\x7F~"), "a?b?[2J?~");
+  EXPECT_EQ(Printable("a\xC2\x80 \xC2\x9F"), "a?? ??");
+  for (const char *text : {"", "\xC2", "a\xC2", "\xC2\xA0", "\xC3\x9F", "\xE2\x82\xAC"}) {
+    EXPECT_EQ(Printable(text), text);
+  }
+  EXPECT_EQ(PrintableLine("a\x7F~\xC3\x9F\n\tb \n"), "a?~??; ?b");
+}
+
+TEST(Persistently, AsksThriceBeforeItGivesUp) {
+  for (const int failures : {0, 1, 2, 3}) {
+    int calls = 0;
+    const auto ask = [&] {
+      return Guarded(-1, [&] {
+        return Persistently([&] {
+          if (++calls <= failures) {
+            throw std::bad_alloc();
+          }
+          return calls;
+        });
+      });
+    };
+    EXPECT_EQ(ask(), failures < 3 ? failures + 1 : -1);
+    EXPECT_EQ(calls, std::min(failures + 1, 3));
+  }
+}
+
+TEST(Descriptor, MovesAndStaysOpenWhenMovedToItself) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  Descriptor one(ends[0]);
+  Descriptor &same = one;
+  one = std::move(same);
+  EXPECT_EQ(one.get(), ends[0]);
+  EXPECT_GE(fcntl(ends[0], F_GETFD), 0);
+  Descriptor two(ends[1]);
+  two = std::move(one);
+  EXPECT_EQ(two.get(), ends[0]);
+  EXPECT_EQ(fcntl(ends[1], F_GETFD), -1);
+  EXPECT_GE(fcntl(ends[0], F_GETFD), 0);
 }
 
 TEST(Command, GoesOnThroughSignals) {

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,14 +15,18 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "framework/process/log.h"
 #include "framework/process/systemd.h"
 #include "framework/registry/objects.h"
 #include "platform/framework.h"
+#include "tests/support/failing_call.h"
 #include "tests/unit/framework/agent_hooks.h"
 #include "tests/unit/framework/agent_thread/fake_snmp.h"
 #include "tests/unit/framework/temp_registry.h"
@@ -64,6 +69,7 @@ class MainLoop : public testing::Test {
     if (child_ == 0) {
       UseRegistryRoot(registry_.root());
       TheAgentHooks() = hooks_;
+      before_();
       std::vector<char *> argv;
       for (std::string &argument : arguments) {
         argv.push_back(argument.data());
@@ -111,6 +117,7 @@ class MainLoop : public testing::Test {
 
   TempRegistry registry_;
   AgentHooks hooks_;
+  std::function<void()> before_ = [] {};  // in the child, before agent_main()
   pid_t child_ = -1;
   int pipe_[2] = {-1, -1};
   std::string said_;
@@ -376,6 +383,32 @@ TEST_F(MainLoop, AFailedStartRemovesNoDirectoryElsewhereOrInUse) {
   EXPECT_TRUE(fs::exists(registry_.Path("host/other")));
 }
 
+TEST_F(MainLoop, AFailedStartRemovesOnlyADirectoryBelowTheRoot) {
+  const std::string root = registry_.root();
+  const std::string too_long = "/" + std::string(sizeof(log_dir), 'a');
+  for (const std::string &name : {std::string(), std::string("host"), root, too_long}) {
+    fs::create_directories(registry_.Path("host"));
+    hooks_.init = [&](int, char **) {
+      fs::current_path(root);
+      memcpy(log_dir, name.c_str(), std::min(name.size() + 1, sizeof(log_dir)));
+      return -1;
+    };
+    Start();
+    EXPECT_EQ(Next(), "end");
+    EXPECT_EQ(Status(), 1);
+    EXPECT_TRUE(fs::exists(registry_.Path("host"))) << name;
+    fs::remove(registry_.Path("host"));
+    hooks_.init = [&](int, char **) {
+      memcpy(log_dir, name.c_str(), std::min(name.size() + 1, sizeof(log_dir)));
+      return -1;
+    };
+    Start();
+    EXPECT_EQ(Next(), "end");
+    EXPECT_EQ(Status(), 1);
+    EXPECT_TRUE(fs::exists(root)) << name;
+  }
+}
+
 TEST_F(MainLoop, WhatTheCleanUpForgetsGoesToo) {
   hooks_.init = [this](int, char **) {
     const std::string name = registry_.Path("host/memory");
@@ -583,6 +616,111 @@ TEST_F(MainLoop, FilesAreRetriedAsPartOfTheHook) {
 }
 
 // The agent does not act on the result of init_snmp_appname(); the loop does.
+// A thread that hangs in a call still uses what an ordinary end destroys.
+TEST_F(MainLoop, AnSnmpSideThatStaysBehindIsLeftAtOnce) {
+  for (const int result : {0, -1}) {
+    hooks_.init = [&](int, char **) {
+      TheFakeSnmp().stays = true;
+      Say("init");
+      return result;
+    };
+    Start();
+    EXPECT_EQ(Next(), "init");
+    if (result == 0) {
+      Signal(SIGTERM);
+      EXPECT_EQ(Next(), "clean-up");
+    }
+    EXPECT_EQ(Status(), result == 0 ? 0 : 1);
+    EXPECT_EQ(Next(0), "") << "agent_main() does not return";
+  }
+}
+
+TEST_F(MainLoop, EndsBesideAnotherAgent) {
+  fs::create_directories(registry_.Path("host"));
+  const int held = open(registry_.Path("host").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  const auto claim = [this](const char *word) {
+    const FailingCall no_pause("nanosleep", 0, 1, FailingCall::kAll);
+    Say(word + std::to_string(claim_dir(registry_.Path("host").c_str())));
+    return 0;
+  };
+  hooks_.init = [&](int, char **) { return claim("init "); };
+  Start();
+  EXPECT_EQ(Next(), "init -1");
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+  // Or when it comes to that later.
+  hooks_.init = [](int, char **) { return 0; };
+  hooks_.poll = [&] { return claim("poll "); };
+  before_ = [] { raise(SIGALRM); };
+  sigset_t alarms;
+  sigset_t old;
+  sigemptyset(&alarms);
+  sigaddset(&alarms, SIGALRM);
+  pthread_sigmask(SIG_BLOCK, &alarms, &old);
+  Start();
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  EXPECT_EQ(Next(), "poll -1");
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+  close(held);
+}
+
+TEST_F(MainLoop, AnyCommandLineWillDo) {
+  hooks_.init = [this](int argc, char **argv) {
+    Say(std::to_string(argc) + " " + agent + (argv[argc] == nullptr ? "" : " more"));
+    return -1;
+  };
+  // Without a name of its own.
+  Start({});
+  EXPECT_EQ(Next(), "0 agent");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+  Start({"exampled"});
+  EXPECT_EQ(Next(), "1 exampled");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+}
+
+// A registry file must never become standard output.
+TEST_F(MainLoop, ClosedStandardDescriptorsAreTaken) {
+  before_ = [] {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+      close(fd);
+    }
+  };
+  hooks_.init = [this](int, char **) {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+      Say(fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+    }
+    return -1;
+  };
+  Start();
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(Next(), "/dev/null");
+  }
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 1);
+}
+
+// Without the timer that insists, the first signal still ends it.
+TEST_F(MainLoop, EndsWithoutATimerToo) {
+  before_ = [] { static const FailingCall failing("timer_create", EAGAIN); };
+  hooks_.init = [this](int, char **) {
+    const pid_t self = getpid();
+    kill(self, SIGTERM);
+    Say(agent_ending() != 0 ? "ending" : "not ending");
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "ending");
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+}
+
 TEST_F(MainLoop, EndsWhenTheSnmpSideCannotStart) {
   hooks_.init = [&](int, char **) {
     TheFakeSnmp().start_fails = true;
@@ -723,6 +861,31 @@ TEST_F(MainLoop, LogsToTheFileAndOpensItAgain) {
   struct stat st;
   ASSERT_EQ(stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+// logrotate(8) may come during the start.
+TEST_F(MainLoop, AHangupDuringAHookOpensTheLogAgain) {
+  const std::string file = registry_.base() + "/log";
+  hooks_.init = [&](int, char **) {
+    agentlog_fprintf(stderr, "before\n");
+    fs::rename(file, file + ".1");
+    raise(SIGHUP);
+    raise(SIGALRM);
+    return 0;
+  };
+  hooks_.poll = [this] {
+    agentlog_fprintf(stderr, "after\n");
+    Say("poll");
+    return 0;
+  };
+  Start({"exampled", "-l", file});
+  EXPECT_EQ(Next(), "poll");
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+  const std::vector<uint8_t> bytes = ReadBytes(file);
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "after\n");
 }
 
 TEST_F(MainLoop, ALogThatCannotBeOpenedIsAnError) {
@@ -877,6 +1040,43 @@ TEST_F(MainLoop, TheWatchdogOfAnotherProcessIsNotOurs) {
   EXPECT_EQ(Next(), "no tick");
   EXPECT_EQ(Next(), "end");
   EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(MainLoop, TheWatchdogIsOursByOurNumberAlone) {
+  hooks_.clean_up = [this] {
+    Say(TheFakeSnmp().tick == nullptr ? "no tick" : "tick");
+    return 0;
+  };
+  NotifySocket manager(registry_.base() + "/notify");
+  setenv("WATCHDOG_USEC", "30000000", 1);
+  for (const char *suffix : {"", "x"}) {
+    before_ = [=] { setenv("WATCHDOG_PID", (std::to_string(getpid()) + suffix).c_str(), 1); };
+    Start();
+    EXPECT_EQ(Next(), "init");
+    EXPECT_EQ(manager.Next(), "READY=1");
+    Signal(SIGTERM);
+    EXPECT_EQ(Next(), *suffix == '\0' ? "tick" : "no tick");
+    EXPECT_EQ(manager.Next(), "STOPPING=1");
+    EXPECT_EQ(Next(), "end");
+    EXPECT_EQ(Status(), 0);
+  }
+}
+
+// The manager's own time-outs deal with that.
+TEST_F(MainLoop, AMessageThatCannotBeSentIsLost) {
+  NotifySocket manager(registry_.base() + "/notify");
+  before_ = [] { static const FailingCall failing("socket", EMFILE); };
+  hooks_.init = [](int, char **) {
+    raise(SIGALRM);
+    return 0;
+  };
+  Start();
+  EXPECT_EQ(Next(), "poll");  // it has been ready
+  Signal(SIGTERM);
+  EXPECT_EQ(Next(), "clean-up");
+  EXPECT_EQ(Next(), "end");
+  EXPECT_EQ(Status(), 0);
+  EXPECT_EQ(manager.Next(), "STOPPING=1");
 }
 
 TEST_F(MainLoop, AWatchdogThatMakesNoSenseIsNone) {
