@@ -71,8 +71,9 @@ bool HasEnded(const Child &child) {
 }
 
 bool IsAsleep(const Child &child) {
+  constexpr char kProc[] = "/proc";
   char path[64];
-  snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(child.pid));
+  snprintf(path, sizeof(path), "%s/%d/stat", kProc, static_cast<int>(child.pid));
   const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
   char stat[128];
   const ssize_t size = file ? ReadFully(file.get(), stat, sizeof(stat) - 1) : -1;

@@ -200,7 +200,7 @@ std::vector<std::string> EntriesOf(const std::string &directory);
 // machine's.
 void PutOwner(const std::string &path, uid_t owner);
 void PutUser(uid_t user);
-// What statx says of when that path was made.
+// What statx says of when that path was made; with nanoseconds below 0, that it does not know.
 void PutBirth(const std::string &path, const timespec &birth);
 // The contents of a file, taken over or not; "" when there is none.
 std::string ReadFile(const std::string &path);

@@ -566,6 +566,9 @@ int __wrap_statx(int directory, const char *name, int flags, unsigned mask, stru
   const auto birth = births.find(path);
   if (birth != births.end()) {
     result->stx_mask |= STATX_BTIME;
+    if (birth->second.tv_nsec < 0) {
+      result->stx_mask &= ~static_cast<uint32_t>(STATX_BTIME);
+    }
     result->stx_btime.tv_sec = birth->second.tv_sec;
     result->stx_btime.tv_nsec = static_cast<uint32_t>(birth->second.tv_nsec);
   }

@@ -947,6 +947,17 @@ TEST_F(Info, ARootIsAnotherOneByItsBirthAlone) {
   }
 }
 
+// Not every file system keeps when a file was made: what stands in its place says nothing.
+TEST_F(Info, ARootWithoutABirthIsTheSame) {
+  rec::PutBirth(REGISTRY_ROOT, {1000, -1});
+  rec::PutFile(kRoleFile, "role");
+  ASSERT_EQ(do_info(), 0);
+  std::filesystem::remove(rec::RealPath(kRoleFile));
+  rec::PutBirth(REGISTRY_ROOT, {1001, -1});
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(Entries(), std::vector<std::string>{});
+}
+
 TEST_F(Info, AFileInANewRootIsLeftAndSpokenOf) {
   rec::PutFile(kRoleFile, "role");
   ASSERT_EQ(do_info(), 0);

@@ -870,7 +870,6 @@ TEST_F(MainLoop, AHangupDuringAHookOpensTheLogAgain) {
     agentlog_fprintf(stderr, "before\n");
     fs::rename(file, file + ".1");
     raise(SIGHUP);
-    raise(SIGALRM);
     return 0;
   };
   hooks_.poll = [this] {
@@ -879,6 +878,12 @@ TEST_F(MainLoop, AHangupDuringAHookOpensTheLogAgain) {
     return 0;
   };
   Start({"exampled", "-l", file});
+  // Nothing else has to come for that.
+  for (int tries = 0; !fs::exists(file) && tries < 1000; tries++) {
+    usleep(10'000);
+  }
+  EXPECT_TRUE(fs::exists(file));
+  Signal(SIGALRM);
   EXPECT_EQ(Next(), "poll");
   Signal(SIGTERM);
   EXPECT_EQ(Next(), "clean-up");
