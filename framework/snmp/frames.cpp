@@ -14,8 +14,7 @@ namespace {
 // Without descriptors by the one call that the SNMP process is allowed.
 int SendOne(int fd, std::string_view bytes, std::span<const int> descriptors) {
   const auto result = [](ssize_t sent) {
-    const bool room =
-        errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS && errno != ENOMEM;
+    const bool room = errno != EAGAIN && errno != ENOBUFS && errno != ENOMEM;
     return sent >= 0 ? 1 : room ? -1 : 0;
   };
   ssize_t sent;
@@ -118,7 +117,7 @@ FrameSocket::Got FrameSocket::Receive(std::string_view *frame, Descriptors *desc
     // sent.
     got = recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
-  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+  if (got < 0 && errno == EAGAIN) {
     return Got::kNone;
   }
   // The descriptors are had whatever is wrong with the rest, so that none stays open.

@@ -39,9 +39,6 @@ class SharedPages {
   uint8_t *At(size_t offset) const {
     return static_cast<uint8_t *>(address_) + offset;
   }
-  explicit operator bool() const {
-    return address_ != nullptr;
-  }
 
  private:
   void *address_ = nullptr;

@@ -150,8 +150,7 @@ void SetChannel::RequestApply(SetTransaction &set) {
   if (transaction.stage != Stage::kChecking) {
     return;
   }
-  // The agent thread has let go of a transaction that it does not hold any more: too late.
-  if (!ready || !transaction.in_queue) {
+  if (!ready) {
     transaction.stage = Stage::kEnded;
     transaction.cancelled = true;
   } else {
@@ -242,7 +241,7 @@ void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, QueuedSet &transac
 
 void SetChannel::ServeOne(std::unique_lock<std::mutex> &lock, QueuedSet &transaction,
                           SetRunner run) {
-  while (transaction.stage != Stage::kEnded && !transaction.cancelled) {
+  while (transaction.stage != Stage::kEnded) {
     size_t part = 0;
     while (part < transaction.parts.size() && transaction.parts[part].check != Phase::kQueued) {
       part++;

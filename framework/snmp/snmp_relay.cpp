@@ -239,6 +239,15 @@ bool SnmpRelay::Spawn() {
   return true;
 }
 
+// Another process than the first cannot be had now: says so, once until there is one.
+void SnmpRelay::NotStarted(const char *why) {
+  if (begun_ && !said_not_started_) {
+    said_not_started_ = true;
+    agentlog_fprintf(stderr, "%s: Can't start an SNMP process: %s (trying again)\n", AgentName(),
+                     why);
+  }
+}
+
 // The process has ended, or is of no use any more: what it had and has not finished is the next
 // one's, but for sets and queries.
 void SnmpRelay::Gone(const char *why) {
@@ -274,10 +283,8 @@ void SnmpRelay::Gone(const char *why) {
   }
   const Clock::time_point now = Clock::now();
   spawn_at_ = restarts_.Ended(now);
-  if (finder_) {
-    finder_->Welcome();
-    finder_->Lost(false);
-  }
+  finder_->Welcome();
+  finder_->Lost(false);
 }
 
 // ---- What comes in
@@ -310,6 +317,7 @@ void SnmpRelay::StarterReady() {
     if (type == FrameType::kSpawned && number != 0) {
       unable_ = strerror(number);
       unable_error_ = number;
+      NotStarted(unable_.c_str());
       Gone(nullptr);
     } else if (type == FrameType::kEnded) {
       const char *why = std::exchange(why_gone_, nullptr);
@@ -357,11 +365,13 @@ void SnmpRelay::Take(FrameReader *frame) {
     unable_ = PrintableLine(frame->TakeText());
     unable_error_ = frame->Take<int32_t>();
     unable_ = unable_ + ": " + strerror(unable_error_);
+    NotStarted(unable_.c_str());
     Gone(nullptr);
     return;
   }
-  if (type == FrameType::kReady && !ready_) {
-    ready_ = frame->Whole();
+  if (type == FrameType::kReady && !ready_ && frame->Whole()) {
+    ready_ = true;
+    said_not_started_ = false;
     return;
   }
   if (type == FrameType::kLog) {
@@ -822,9 +832,10 @@ void SnmpRelay::Wait(Clock::time_point until) {
 
 void SnmpRelay::Work() {
   SnmpShared &side = Side();
-  if (!has_child_ && !stopping_ && Clock::now() >= spawn_at_) {
+  if (!has_child_ && Clock::now() >= spawn_at_) {
     Try([this] {
       if (!Spawn()) {
+        NotStarted(strerror(errno));
         spawn_at_ = Clock::now() + milliseconds(200);
       }
     });

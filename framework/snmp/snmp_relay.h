@@ -82,6 +82,7 @@ class SnmpRelay {
   void Try(Function function);
   std::optional<Begun> First(Clock::time_point until, std::string *why);
   bool Spawn();
+  void NotStarted(const char *why);
   void Gone(const char *why);
   void Wait(Clock::time_point until);
   void StarterReady();
@@ -123,6 +124,7 @@ class SnmpRelay {
   Clock::time_point spawn_at_;
   Restarts restarts_;
   bool said_often_ = false;
+  bool said_not_started_ = false;
   bool stopping_ = false;
   bool short_of_memory_ = false;  // since the last rest
   bool images_told_ = false;      // the process knows that there is much in the ring

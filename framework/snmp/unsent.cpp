@@ -151,17 +151,16 @@ std::optional<std::string> ReadAll(int fd, size_t size) {
   return bytes;
 }
 
-// Whether nobody but root and this user can make or rename files there. An access list's entries
-// show in the group's bits.
-bool IsPrivate(int directory) {
-  struct stat status = {};
-  return fstat(directory, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid()) &&
-         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+// Whether nobody but root and this user can make or rename files in a directory. An access list's
+// entries show in the group's bits.
+bool IsPrivate(const struct stat &directory) {
+  return (directory.st_uid == 0 || directory.st_uid == geteuid()) &&
+         (directory.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 // Why such a file is not used; null when it is. Siblings that are not root may be allowed to write
 // in the directory, and what they put there is not sent.
-const char *WhyRefused(int directory, const struct stat &status) {
+const char *WhyRefused(const struct stat &directory, const struct stat &status) {
   if (!S_ISREG(status.st_mode)) {
     return "it is no plain file";
   }
@@ -196,10 +195,11 @@ std::optional<std::string> UnsentFile::Contents(int directory) {
     const char *refused = nullptr;
     const Descriptor file(openat(directory, name_.c_str(), O_RDONLY | kPlain));
     struct stat status = {};
+    struct stat around = {};
     if (!file && (errno == ELOOP || errno == ENXIO)) {
       refused = "it is no plain file";  // a link, or a socket
-    } else if (file && fstat(file.get(), &status) == 0) {
-      refused = WhyRefused(directory, status);
+    } else if (file && fstat(file.get(), &status) == 0 && fstat(directory, &around) == 0) {
+      refused = WhyRefused(around, status);
       if (refused == nullptr) {
         std::optional<std::string> bytes = ReadAll(file.get(), static_cast<size_t>(status.st_size));
         if (bytes) {

@@ -193,6 +193,7 @@ bool FakeMaster::AcceptAndRegister(int timeout_ms) {
       Answer(*packet);
     } else if (packet->type == kRegister) {
       registered_.push_back(packet->Subtree());
+      priority_ = static_cast<uint8_t>(packet->payload.at(1));
       Answer(*packet);
     } else {
       other.push_back(*packet);

@@ -93,6 +93,10 @@ class FakeMaster {
   uint32_t Session() const {
     return session_;
   }
+  // Of the last registration (RFC 2741 6.2.3).
+  int Priority() const {
+    return priority_;
+  }
   // Of a master on TCP.
   uint16_t Port() const;
 
@@ -110,6 +114,7 @@ class FakeMaster {
   std::deque<AgentxPacket> kept_;
   uint32_t next_packet_ = 1000;
   uint32_t session_ = 40;
+  int priority_ = 0;
   std::vector<OidNumbers> registered_;
 };
 

@@ -4,10 +4,13 @@
 #include <poll.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "platform/framework.h"
+#include "tests/support/failing_call.h"
 
 namespace vex {
 namespace {
@@ -394,6 +397,75 @@ TEST_F(SetChannelTest, ClosedChannelDecidesNothing) {
   EXPECT_EQ(channel_.CheckOf(*after, part).state, Check::kUndecided);
   channel_.Serve(RunOne);
   EXPECT_EQ(checks, 0);
+}
+
+// A part that comes late is as little done as the rest.
+TEST_F(SetChannelTest, APartOfASetThatIsOverIsNotDone) {
+  channel_.Close();
+  auto closed = Begin();
+  for (int part = 0; part < 2; part++) {
+    EXPECT_EQ(channel_.AddPart(*closed, {Item(1)}), part);
+    EXPECT_EQ(channel_.CheckOf(*closed, part).state, Check::kUndecided);
+  }
+  channel_.Serve(RunOne);
+  EXPECT_EQ(checks, 0);
+}
+
+TEST_F(SetChannelTest, APartThatFollowsTheApplyHasFailed) {
+  StartAgent();
+  auto set = Begin();
+  ASSERT_EQ(WaitForCheck(*set, channel_.AddPart(*set, {Item(1)})), Check::kAccepted);
+  channel_.RequestApply(*set);
+  ASSERT_EQ(WaitForApply(*set, 0), Apply::kApplied);
+  // The agent thread sets the stage after the part.
+  StopAgent();
+  ASSERT_EQ(channel_.AddPart(*set, {Item(2)}), 1);
+  EXPECT_EQ(channel_.CheckOf(*set, 1).state, Check::kUndecided);
+  EXPECT_EQ(channel_.ApplyOf(*set, 1).state, Apply::kFailed);
+  EXPECT_EQ(applies, 1);
+}
+
+TEST_F(SetChannelTest, ClosingInAHandlerEndsTheRound) {
+  handler = [this](uint8_t, SetItem &) {
+    channel_.Close();
+    return 0;
+  };
+  auto first = Begin();
+  auto second = Begin();
+  channel_.AddPart(*first, {Item(1)});
+  channel_.AddPart(*second, {Item(2)});
+  channel_.Serve(RunOne);
+  EXPECT_EQ(checks, 1);
+  EXPECT_EQ(channel_.CheckOf(*second, 0).state, Check::kUndecided);
+}
+
+TEST_F(SetChannelTest, WhoeverWasWantedToTheLastIsSo) {
+  std::vector<bool> wanted;
+  handler = [this, &wanted](uint8_t phase, SetItem &) {
+    if (phase == SET_APPLY) {
+      wanted = {channel_.Wanted(true), channel_.Wanted(false), channel_.Wanted(true)};
+    }
+    return 0;
+  };
+  StartAgent();
+  auto set = Begin();
+  ASSERT_EQ(WaitForCheck(*set, channel_.AddPart(*set, {Item(1)})), Check::kAccepted);
+  channel_.RequestApply(*set);
+  ASSERT_EQ(WaitForApply(*set, 0), Apply::kApplied);
+  StopAgent();
+  EXPECT_EQ(wanted, std::vector<bool>({true, true, true}));
+}
+
+TEST(SetChannelAlone, GetsItsDescriptorLater) {
+  const FailingCall failing("eventfd", EMFILE, 1, 2);
+  SetChannel channel;
+  EXPECT_FALSE(channel.Ready());
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_TRUE(channel.Ready());
+  EXPECT_GE(channel.Fd(), 0);
+  const FailingCall none("eventfd", EMFILE);
+  const SetChannel another;
+  EXPECT_EQ(another.Fd(), -1);
 }
 
 // Both threads at their fastest, with deadlines that fall anywhere: whatever was not reported as

@@ -887,6 +887,85 @@ TEST_F(SnmpSideTest, NotificationCarriesVariablesThenDescription) {
   EXPECT_EQ(bindings[4].octets, "number 11003");
 }
 
+// As a damaged file may have it.
+TEST_F(SnmpSideTest, ANumberThatIsNoneGoesAsOctets) {
+  StartWithMaster();
+  Notification notification = Numbered(7);
+  notification.variables.push_back({&Mib(kNumber), 0, {5, 0, 0}});
+  SnmpNotify(notification);
+  std::optional<AgentxPacket> packet = master_->Receive();
+  ASSERT_TRUE(packet);
+  ASSERT_EQ(packet->Bindings().size(), 3U);
+  EXPECT_EQ(packet->Bindings()[1].type, Binding::kOctets);
+  EXPECT_EQ(packet->Bindings()[1].octets, std::string("\5\0\0", 3));
+}
+
+TEST_F(SnmpSideTest, ANotificationTooLongForAPacketHoldsUpNoOther) {
+  StartWithMaster();
+  Notification notification = Numbered(1);
+  notification.description = std::string(200000, 'x');
+  SnmpNotify(std::move(notification));
+  SnmpNotify(Numbered(2));
+  std::optional<AgentxPacket> packet = master_->Receive();
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->Bindings().at(0).object_id.back(), 2U);
+  master_->Answer(*packet);
+  for (int i = 0; i < 3000 && !SnmpNothingWaiting(); i++) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  EXPECT_TRUE(SnmpNothingWaiting());
+}
+
+// What the master has refused is answered for; that it refuses is said once, until it does not.
+TEST_F(SnmpSideTest, ARefusedNotificationIsNotSentAgain) {
+  constexpr int kGenErr = 5;
+  StartWithMaster();
+  testing::internal::CaptureStderr();
+  uint32_t number = 0;
+  for (const int error : {kGenErr, kGenErr, 0, kGenErr}) {
+    SnmpNotify(Numbered(++number));
+    std::optional<AgentxPacket> packet = master_->Receive();
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->Bindings().at(0).object_id.back(), number);
+    master_->Answer(*packet, error);
+  }
+  for (int i = 0; i < 3000 && !SnmpNothingWaiting(); i++) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  // Behind the last answer.
+  EXPECT_TRUE(master_->Ask(master_->Get({NameOf(kNumber)})));
+  EXPECT_TRUE(SnmpNothingWaiting());
+  const std::string line = "The master agent refuses notifications (error 5)\n";
+  std::string log;
+  for (int i = 0; i < 3000; i++) {
+    log += testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    if (log.find(line, log.find(line) + 1) != log.npos) {
+      break;
+    }
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find(line), log.npos) << log;
+  EXPECT_NE(log.find(line), log.rfind(line)) << log;
+  EXPECT_EQ(log.find(line, log.find(line) + 1), log.rfind(line)) << log;
+}
+
+// A master that has forgotten the session has not taken it.
+TEST_F(SnmpSideTest, ANotificationForAForgottenSessionIsSentAgain) {
+  StartWithMaster();
+  SnmpNotify(Numbered(1));
+  std::optional<AgentxPacket> packet = master_->Receive();
+  ASSERT_TRUE(packet);
+  master_->Answer(*packet, kNotOpen);
+  ASSERT_TRUE(master_->HungUp(3000));
+  ASSERT_TRUE(master_->AcceptAndRegister());
+  packet = master_->Receive();
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->Bindings().at(0).object_id.back(), 1U);
+  master_->Answer(*packet);
+}
+
 TEST_F(SnmpSideTest, NotificationsWaitForTheMaster) {
   Start();
   for (uint32_t i = 1; i <= 300; i++) {

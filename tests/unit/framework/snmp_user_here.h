@@ -18,17 +18,22 @@ namespace vex {
 class SnmpUserHere : public testing::Environment {
  public:
   void SetUp() override {
-    char path[] = "/tmp/snmp_user.XXXXXX";
-    const int fd = mkstemp(path);
+    const int fd = mkstemp(path_);
     ASSERT_GE(fd, 0);
     close(fd);
-    std::ofstream(path) << std::ifstream("/etc/passwd").rdbuf()
-                        << "_vexhostd:x:990:990::/nonexistent:/usr/sbin/nologin\n";
+    std::ofstream(path_) << std::ifstream("/etc/passwd").rdbuf()
+                         << "_vexhostd:x:990:990::/nonexistent:/usr/sbin/nologin\n";
     ASSERT_EQ(unshare(CLONE_NEWNS), 0) << strerror(errno);
     ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
-    ASSERT_EQ(mount(path, "/etc/passwd", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
-    unlink(path);
+    ASSERT_EQ(mount(path_, "/etc/passwd", nullptr, MS_BIND, nullptr), 0) << strerror(errno);
   }
+  // Not before: nothing is mounted over a file that has no name.
+  void TearDown() override {
+    unlink(path_);
+  }
+
+ private:
+  char path_[24] = "/tmp/snmp_user.XXXXXX";
 };
 
 }  // namespace vex

@@ -5,18 +5,25 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include "framework/snmp/image_ring.h"
 #include "framework/snmp/snmp_starter.h"
 #include "platform/framework.h"
+#include "tests/support/failing_call.h"
 #include "tests/unit/framework/made_image.h"
 
 namespace vex::snmp_wire_test {
@@ -77,6 +84,36 @@ TEST(SnmpStarter, TellsWhatItCannotTellFromThreads) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
   EXPECT_FALSE(told);
   EXPECT_EQ(error, EMFILE);
+}
+
+TEST(SnmpStarter, WaitsForAThreadThatEndsAndForNoOther) {
+  bool possible = true;
+  std::atomic<bool> end{false};
+  std::thread other([&end] {
+    while (!end) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  EXPECT_TRUE(SnmpStarter::Possible(&possible));
+  EXPECT_FALSE(possible);
+  end = true;
+  other.join();
+  // Without a /proc, or one that shows nothing, nobody can tell; a list that breaks off is none.
+  const struct {
+    const char *function;
+    int error;
+    bool told;
+  } cases[] = {{"opendir", ENOENT, true}, {"readdir", 0, true}, {"readdir", EIO, false}};
+  for (const auto &[function, error, told] : cases) {
+    possible = true;
+    const FailingCall failing(function, error, 1, FailingCall::kAll);
+    EXPECT_EQ(SnmpStarter::Possible(&possible), told) << function << error;
+    EXPECT_FALSE(possible) << function << error;
+  }
+  // As a thread that has ended a moment ago: it is not there at the second look.
+  const FailingCall failing("opendir", ENOENT, 1, 2);
+  EXPECT_TRUE(SnmpStarter::Possible(&possible));
+  EXPECT_TRUE(possible);
 }
 
 TEST(SnmpWire, NotificationsComeThroughWhole) {
@@ -289,6 +326,150 @@ TEST_F(Ring, IsNotHandedToChildren) {
   EXPECT_EQ(status, 0);
 }
 
+TEST_F(Ring, SaysThatMoreWaits) {
+  writer_.SetBacklog(true);
+  EXPECT_TRUE(reader_.Anything());
+  EXPECT_TRUE(reader_.Backlog());
+  writer_.SetBacklog(false);
+  EXPECT_FALSE(reader_.Anything());
+  writer_.RefuseSets(true);
+  EXPECT_TRUE(reader_.SetsRefused());
+}
+
+// An object has the layout that it was published with, however little it differs from the last one.
+TEST_F(Ring, KeepsLayoutsApart) {
+  void (*const changes[])(ServedVariable *) = {
+      [](ServedVariable *v) { v->mib = FindMibVariable(kReadOnly); },
+      [](ServedVariable *v) { v->slot++; },
+      [](ServedVariable *v) { v->size--; },
+      [](ServedVariable *v) { v->offset++; },
+      [](ServedVariable *v) { v->type = VAR_OCTET_STRING; },
+      [](ServedVariable *v) { v->writable = !v->writable; }};
+  uint64_t id = 0;
+  for (const auto change : changes) {
+    const auto one = Row(++id, "one");
+    const auto other = Row(++id, "other");
+    auto layout = std::make_shared<Layout>(*other->layout);
+    change(&layout->variables[0]);
+    other->layout = layout;
+    ASSERT_EQ(writer_.PutImage(*one, true), ImageRingWriter::Put::kDone);
+    ASSERT_EQ(writer_.PutImage(*other, true), ImageRingWriter::Put::kDone);
+    ASSERT_TRUE(reader_.Take(&index_));
+    const ServedVariable &taken = index_.ImageOf(id)->layout->variables.at(0);
+    const ServedVariable &put = layout->variables[0];
+    EXPECT_TRUE(taken.mib == put.mib && taken.slot == put.slot && taken.size == put.size &&
+                taken.offset == put.offset && taken.type == put.type &&
+                taken.writable == put.writable)
+        << id;
+    EXPECT_NE(index_.ImageOf(id - 1)->layout, index_.ImageOf(id)->layout) << id;
+  }
+}
+
+TEST_F(Ring, TakesAnObjectWithoutVariables) {
+  Image nothing;
+  nothing.layout = std::make_shared<Layout>();
+  nothing.object_id = 3;
+  ASSERT_EQ(writer_.PutImage(nothing, true), ImageRingWriter::Put::kDone);
+  ASSERT_EQ(writer_.PutImage(*Row(4, "four"), true), ImageRingWriter::Put::kDone);
+  ASSERT_TRUE(reader_.Take(&index_));
+  ASSERT_NE(index_.ImageOf(3), nullptr);
+  EXPECT_TRUE(index_.ImageOf(3)->data.empty());
+  EXPECT_EQ(TextOf(4), "four");
+}
+
+size_t OpenDescriptorsNow() {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                           std::filesystem::directory_iterator()));
+}
+
+// Each call that it takes fails once: the ring is not there, and nothing of it stays open.
+TEST(RingMemory, LacksWhollyWhenACallFails) {
+  const struct {
+    const char *function;
+    int calls;
+  } taken[] = {{"memfd_create", 2}, {"ftruncate", 2}, {"fcntl", 3}, {"mmap", 2}, {"madvise", 2}};
+  const size_t before = OpenDescriptorsNow();
+  for (const auto &[function, calls] : taken) {
+    for (int n = 1; n <= calls + 1; n++) {
+      ImageRingWriter writer;
+      const FailingCall failing(function, ENOMEM, n);
+      errno = 0;
+      EXPECT_EQ(writer.Open(), n > calls) << function << n;
+      EXPECT_EQ(failing.Failed(), n > calls ? 0 : 1) << function << n;
+      EXPECT_EQ(errno == ENOMEM, n <= calls) << function << n;
+    }
+  }
+  EXPECT_EQ(OpenDescriptorsNow(), before);
+  ImageRingWriter writer;
+  ASSERT_TRUE(writer.Open());
+  for (const char *function : {"mmap", "madvise"}) {
+    for (int n = 1; n <= 3; n++) {
+      ImageRingReader reader;
+      const FailingCall failing(function, ENOMEM, n);
+      EXPECT_EQ(reader.Open(writer.ImagesFd(), writer.ControlFd()), n > 2) << function << n;
+    }
+  }
+}
+
+// The ring as bytes, for a writer that makes no sense.
+class MadeUpRing : public testing::Test {
+ protected:
+  void SetUp() override {
+    images_.Reset(memfd_create("images", MFD_CLOEXEC));
+    control_.Reset(memfd_create("control", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(images_.get(), kRingHeadSize + kRingSize), 0);
+    ASSERT_EQ(ftruncate(control_.get(), 4096), 0);
+    ASSERT_TRUE(reader_.Open(images_.get(), control_.get()));
+  }
+  // What becomes of these numbers, the first record, when so many bytes are said to be there.
+  bool Takes(const std::vector<uint32_t> &numbers, uint64_t head) {
+    EXPECT_EQ(
+        pwrite(images_.get(), numbers.data(), numbers.size() * sizeof(uint32_t), kRingHeadSize),
+        static_cast<ssize_t>(numbers.size() * sizeof(uint32_t)));
+    EXPECT_EQ(pwrite(images_.get(), &head, sizeof(head), 0), static_cast<ssize_t>(sizeof(head)));
+    return reader_.Take(&index_);
+  }
+
+  Descriptor images_;
+  Descriptor control_;
+  ImageRingReader reader_;
+  MibIndex index_{MibVariables()};
+};
+
+TEST_F(MadeUpRing, IsRefusedWhereItMakesNoSense) {
+  constexpr uint32_t kImage = 1;
+  constexpr uint32_t kImageWithLayout = 2;
+  constexpr uint32_t kWithdrawal = 3;
+  constexpr uint32_t kNoKind = 5;
+  const auto all = static_cast<uint32_t>(kRingSize);
+  const auto no_variable = static_cast<uint32_t>(MibVariables().size());
+  const struct {
+    const char *what;
+    std::vector<uint32_t> numbers;
+    uint64_t head;
+  } cases[] = {{"no size", {0, kWithdrawal}, 64},
+               {"smaller than its head", {7, kWithdrawal}, 64},
+               {"more than there is", {72, kWithdrawal, 1, 0}, 64},
+               {"beyond the end", {all + 8, kWithdrawal, 1, 0}, all + 64},
+               {"of no kind", {64, kNoKind, 1, 0}, 64},
+               {"a withdrawal of nobody", {8, kWithdrawal}, 64},
+               {"an image without its head", {16, kImage, 1, 0}, 64},
+               {"an image that nobody knows", {40, kImage, 1, 0, 0, 0, 0, 0, 0, 0}, 64},
+               {"lengths that are not there", {40, kImage, 1, 0, 0, 0, 1, 0, 0, 0}, 64},
+               {"octets that are not there", {40, kImage, 1, 0, 0, 0, 0, 9, 0, 0}, 64},
+               {"a layout that is not there", {40, kImageWithLayout, 1, 0, 0, 1, 0, 0, 0, 0}, 64},
+               {"an unknown variable",
+                {64, kImageWithLayout, 1, 0, 0, 1, 0, 0, no_variable, 0, 4, 0, 1, 0, 0, 0},
+                64}};
+  for (const auto &[what, numbers, head] : cases) {
+    EXPECT_FALSE(Takes(numbers, head)) << what;
+    EXPECT_EQ(index_.ImageOf(1), nullptr) << what;
+  }
+  // The same with a variable that there is.
+  EXPECT_TRUE(Takes({64, kImageWithLayout, 1, 0, 0, 1, 0, 0, 0, 0, 4, 0, 1, 0, 0, 0}, 64));
+  EXPECT_NE(index_.ImageOf(1), nullptr);
+}
+
 // ---- Frames
 
 TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
@@ -340,6 +521,128 @@ TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
   EXPECT_EQ(to.Receive(&bytes, &descriptors), FrameSocket::Got::kEnd);
   close(pipe_ends[0]);
   close(pipe_ends[1]);
+}
+
+struct Ends {
+  Ends() {
+    Descriptor one;
+    Descriptor other;
+    EXPECT_TRUE(FrameSocket::Pair(&one, &other));
+    from = FrameSocket(std::move(one));
+    to = FrameSocket(std::move(other));
+  }
+  FrameSocket::Got Receive() {
+    return to.Receive(&bytes, &descriptors);
+  }
+  FrameSocket from;
+  FrameSocket to;
+  std::string_view bytes;
+  FrameSocket::Descriptors descriptors;
+};
+
+// What a socket does not take now goes out later, and only what it never takes is an end; with
+// descriptors as without.
+TEST(Frames, ThatACallDoesNotTakeAreNotLost) {
+  const struct {
+    int error;
+    bool sent;
+    bool waits;
+  } cases[] = {{EINTR, true, false}, {EAGAIN, true, true},  {ENOBUFS, true, true},
+               {ENOMEM, true, true}, {EPIPE, false, false}, {ETOOMANYREFS, false, false}};
+  const int plain[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+  for (const auto &[error, sent, waits] : cases) {
+    for (const size_t count : {size_t{0}, FrameSocket::kMostDescriptors}) {
+      Ends ends;
+      {
+        const FailingCall failing(count == 0 ? "send" : "sendmsg", error);
+        EXPECT_EQ(ends.from.Send(FrameWriter(FrameType::kPing), {plain, count}), sent) << error;
+        EXPECT_EQ(failing.Failed(), 1);
+      }
+      EXPECT_EQ(ends.from.HasUnsent(), waits) << error;
+      EXPECT_EQ(ends.Receive(), sent && !waits ? FrameSocket::Got::kFrame : FrameSocket::Got::kNone)
+          << error;
+      EXPECT_TRUE(ends.from.Flush());
+      EXPECT_EQ(ends.Receive(), waits ? FrameSocket::Got::kFrame : FrameSocket::Got::kNone)
+          << error;
+      EXPECT_EQ(static_cast<bool>(ends.descriptors[2]), sent && count != 0) << error;
+      EXPECT_FALSE(ends.from.HasUnsent());
+    }
+  }
+}
+
+TEST(Frames, OfAnEndThatFailsAreItsEnd) {
+  Ends ends;
+  ASSERT_TRUE(ends.from.Send(FrameWriter(FrameType::kPing)));
+  {
+    const FailingCall failing("recvmsg", EINTR, 1, 3);
+    EXPECT_EQ(ends.Receive(), FrameSocket::Got::kFrame);
+  }
+  const FailingCall failing("recvmsg", EIO);
+  EXPECT_EQ(ends.Receive(), FrameSocket::Got::kEnd);
+}
+
+// An end that never reads must not take the memory.
+TEST(Frames, WaitUpToALimit) {
+  Ends ends;
+  const FailingCall failing("send", EAGAIN, 1, FailingCall::kAll);
+  int waiting = 0;
+  while (waiting < 10000 && ends.from.Send(FrameWriter(FrameType::kPing))) {
+    waiting++;
+  }
+  EXPECT_EQ(errno, ENOBUFS);
+  EXPECT_EQ(waiting, 4096);
+}
+
+TEST(Frames, WithDescriptorsThatCannotWaitAreNotSent) {
+  Ends ends;
+  const int plain[] = {STDIN_FILENO, STDOUT_FILENO};
+  const size_t before = OpenDescriptorsNow();
+  {
+    const FailingCall full("sendmsg", EAGAIN);
+    const FailingCall failing("fcntl", EMFILE, 2);
+    EXPECT_FALSE(ends.from.Send(FrameWriter(FrameType::kSpawn), plain));
+    EXPECT_EQ(errno, EMFILE);
+  }
+  EXPECT_FALSE(ends.from.HasUnsent());
+  EXPECT_EQ(OpenDescriptorsNow(), before);
+  const int many[] = {0, 0, 0, 0};
+  EXPECT_FALSE(ends.from.Send(FrameWriter(FrameType::kSpawn), many));
+  EXPECT_EQ(errno, EMSGSIZE);
+}
+
+// What else comes with a frame is nobody's, and a descriptor too many is closed.
+TEST(Frames, MayComeWithMoreThanTheyShould) {
+  Ends ends;
+  constexpr int kMany = 4;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMany)] = {};
+  char byte = 1;
+  iovec part = {&byte, 1};
+  msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  cmsghdr *header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int) * kMany);
+  for (size_t i = 0; i < kMany; i++) {
+    const int fd = STDIN_FILENO;
+    memcpy(CMSG_DATA(header) + i * sizeof(fd), &fd, sizeof(fd));
+  }
+  const size_t before = OpenDescriptorsNow();
+  ASSERT_EQ(sendmsg(ends.from.Fd(), &message, 0), 1);
+  ends.Receive();
+  EXPECT_TRUE(ends.descriptors[2]);
+  EXPECT_EQ(OpenDescriptorsNow(), before + FrameSocket::kMostDescriptors);
+
+  const int on = 1;
+  ASSERT_EQ(setsockopt(ends.to.Fd(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
+  ASSERT_TRUE(ends.from.Send(FrameWriter(FrameType::kPong)));
+  EXPECT_EQ(ends.Receive(), FrameSocket::Got::kFrame);
+  EXPECT_EQ(ends.bytes.size(), 1U);
+  EXPECT_FALSE(ends.descriptors[0]);
+  EXPECT_EQ(OpenDescriptorsNow(), before);
 }
 
 // An end that has not read everything resets the connection when it closes: what it has sent before

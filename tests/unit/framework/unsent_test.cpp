@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/failing_call.h"
 #include "tests/unit/framework/temp_registry.h"
 
 namespace vex {
@@ -312,6 +314,229 @@ TEST_F(Unsent, WhatWasKeptStaysWhereNothingCanBeWritten) {
   std::filesystem::create_directory(registry.root() + "/.agent.traps.new");
   EXPECT_NE(Keep(std::vector<Notification>(1)), 0);
   EXPECT_EQ(Bytes(), before);
+}
+
+// A call that is cut short by a signal is made again, also where it is the next one's only.
+TEST_F(Unsent, AreKeptAndReadThoughSignalsCome) {
+  {
+    const FailingCall failing("write", EINTR, 1, 2);
+    ASSERT_EQ(Keep(Some()), 0);
+    EXPECT_EQ(failing.Failed(), 2);
+  }
+  const FailingCall failing("read", EINTR, 1, 2);
+  ExpectSame(Take(), Some());
+  EXPECT_EQ(failing.Failed(), 2);
+}
+
+// The file is as before, and nothing lies beside it.
+TEST_F(Unsent, WhatCannotBeWrittenLeavesTheFileAsItWas) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string before = Bytes();
+  for (const char *function : {"write", "fsync", "renameat"}) {
+    testing::internal::CaptureStderr();
+    {
+      const FailingCall failing(function, ENOSPC);
+      EXPECT_EQ(Keep(std::vector<Notification>(2)), -1) << function;
+      EXPECT_EQ(errno, ENOSPC) << function;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "agent: Can't keep traps for the next start: No space left on device; 2 traps that "
+              "are not sent are lost\n")
+        << function;
+    EXPECT_EQ(Bytes(), before) << function;
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(registry.root()), {}), 1)
+        << function;
+  }
+}
+
+// A directory that does not come onto the disk is tried again; the file itself is whole.
+TEST_F(Unsent, ADirectoryThatIsNotSynchronisedIsAFailure) {
+  UnsentFile file = File();
+  ASSERT_TRUE(file.Read());
+  file.Taken();
+  testing::internal::CaptureStderr();
+  {
+    const FailingCall failing("fsync", EIO, 2);
+    EXPECT_EQ(file.KeepMeanwhile(Some()), -1);
+    EXPECT_EQ(failing.Failed(), 1);
+  }
+  EXPECT_EQ(file.KeepMeanwhile(Some()), 0);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Input/output error (trying again)\n"), log.npos) << log;
+  ExpectSame(Take(), Some());
+}
+
+TEST_F(Unsent, ADirectoryThatCannotBeSynchronisedHasTheFileAllTheSame) {
+  // The one that opens the directory for that, whichever it is.
+  for (int n = 1; n < 30; n++) {
+    const FailingCall failing("openat", EACCES, n);
+    testing::internal::CaptureStderr();
+    const int kept = Keep(Some());
+    const std::string log = testing::internal::GetCapturedStderr();
+    if (failing.Failed() == 0) {
+      break;
+    }
+    EXPECT_EQ(kept == 0, std::filesystem::exists(Path())) << n;
+    EXPECT_EQ(kept == 0, log.empty()) << n << log;
+    std::filesystem::remove(Path());
+  }
+}
+
+// It is read later, and then that is said; nothing of it is lost meanwhile.
+TEST_F(Unsent, AFailureToReadIsSaidOnceAndWhatStandsThereStays) {
+  ASSERT_EQ(Keep(Some()), 0);
+  const std::string before = Bytes();
+  const struct {
+    const char *function;
+    int error;
+    int nth;
+  } cases[] = {
+      {"fstat", EIO, 1}, {"fstat", EIO, 2}, {"fstat", EIO, 3}, {"read", EIO, 1}, {"read", 0, 1}};
+  for (const auto &[function, error, nth] : cases) {
+    UnsentFile file = File();
+    testing::internal::CaptureStderr();
+    {
+      const FailingCall failing(function, error, nth, FailingCall::kAll);
+      EXPECT_FALSE(file.Read()) << function;
+      EXPECT_EQ(errno, EIO) << function;
+      file.SayUnread(errno);
+      EXPECT_FALSE(file.Read()) << function;
+      file.SayUnread(errno);
+    }
+    {
+      const FailingCall failing("read", EIO, 1, FailingCall::kAll);
+      EXPECT_EQ(file.Keep(std::vector<Notification>(1)), -1) << function;
+    }
+    EXPECT_EQ(Bytes(), before) << function;
+    ExpectSame(*file.Read(), Some());
+    file.Taken();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "agent: Can't read the traps kept at " + Path() +
+                  ": Input/output error (trying again)\n"
+                  "agent: Can't keep traps for the next start: Input/output error; 1 traps that "
+                  "are not sent are lost\n"
+                  "agent: The traps kept at " +
+                  Path() + " are read\n")
+        << function;
+  }
+  // One that fails in passing is nobody's business.
+  const FailingCall failing("read", EIO, 1, 2);
+  ExpectSame(*File().Read(), Some());
+}
+
+// Whether a second name is somebody else's can be told later.
+TEST_F(Unsent, ASecondNameIsNotRefusedForACallThatFails) {
+  ASSERT_EQ(Keep(Some()), 0);
+  std::filesystem::create_hard_link(Path(), registry.base() + "/elsewhere");
+  for (int nth = 1; nth <= 6; nth++) {
+    UnsentFile file = File();
+    testing::internal::CaptureStderr();
+    {
+      const FailingCall failing("fstat", EIO, nth, FailingCall::kAll);
+      const bool read = file.Read().has_value();
+      EXPECT_EQ(read, failing.Failed() == 0) << nth;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << nth;
+    ExpectSame(*file.Read(), Some());
+  }
+}
+
+TEST_F(Unsent, OnlySoManyAreReadAndNoFileThatIsTooLarge) {
+  ASSERT_EQ(Keep(std::vector<Notification>(256)), 0);
+  const std::string whole = Bytes();
+  Write(whole + std::string(12, '\0'));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Take().size(), 256U);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "agent: File " + Path() + " is damaged: 256 traps of it are sent\n");
+  Write(whole);
+  ASSERT_EQ(truncate(Path().c_str(), (4 << 20) + 1), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(Take().empty());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "agent: File " + Path() + " not used: it is too large\n");
+}
+
+// The newest are kept, as many as a file takes that is read again.
+TEST_F(Unsent, TheOldestGoWhereTheyAreTooLong) {
+  std::vector<Notification> long_ones(6);
+  for (size_t i = 0; i < long_ones.size(); i++) {
+    long_ones[i].number = static_cast<uint32_t>(i);
+    long_ones[i].description = std::string(1 << 20, 'x');
+  }
+  ASSERT_EQ(Keep(long_ones), 0);
+  const std::vector<Notification> taken = Take();
+  ASSERT_EQ(taken.size(), 3U);
+  EXPECT_EQ(taken.front().number, 3U);
+  EXPECT_EQ(taken.back().number, 5U);
+}
+
+TEST_F(Unsent, AFileThatCannotBeRemovedIsSaidOnceAndTriedAgain) {
+  ASSERT_EQ(Keep(Some()), 0);
+  UnsentFile file = File();
+  ASSERT_TRUE(file.Read());
+  file.Taken();
+  testing::internal::CaptureStderr();
+  {
+    const FailingCall failing("unlinkat", EROFS, 1, FailingCall::kAll);
+    file.AllSent();
+    file.AllSent();
+    EXPECT_EQ(file.Keep({}), -1);
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "agent: Can't remove " + Path() +
+                ", whose traps are sent: Read-only file system (trying again)\n");
+  EXPECT_TRUE(std::filesystem::exists(Path()));
+  file.AllSent();
+  EXPECT_FALSE(std::filesystem::exists(Path()));
+}
+
+// Whoever has removed it has done what was wanted; so has who has moved the whole registry.
+TEST_F(Unsent, AFileThatIsGoneIsRemoved) {
+  for (const bool registry_too : {false, true}) {
+    ASSERT_EQ(Keep(Some()), 0);
+    UnsentFile file = File();
+    ASSERT_TRUE(file.Read());
+    file.Taken();
+    if (registry_too) {
+      std::filesystem::remove_all(registry.root());
+    } else {
+      std::filesystem::remove(Path());
+    }
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(file.Keep({}), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  }
+}
+
+TEST_F(Unsent, WantOfMemoryIsTriedAgainAFewTimes) {
+  {
+    const FailingCall failing("openat", ENOMEM, 1, 2);
+    EXPECT_EQ(Keep(Some()), 0);
+    EXPECT_EQ(failing.Failed(), 2);
+  }
+  const std::string before = Bytes();
+  const FailingCall failing("openat", ENOMEM, 1, FailingCall::kAll);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Keep(Some()), -1);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Cannot allocate memory; 3 traps that are not sent are lost\n"), log.npos)
+      << log;
+  EXPECT_EQ(failing.Failed(), 3);
+  EXPECT_EQ(Bytes(), before);
+}
+
+// What is put in its place is replaced at the end, and what it leads to is not touched.
+TEST_F(Unsent, WhatIsNoFileIsReplacedAtTheEnd) {
+  const std::string elsewhere = registry.base() + "/elsewhere";
+  std::ofstream(elsewhere) << "not ours";
+  std::filesystem::create_symlink(elsewhere, Path());
+  ASSERT_EQ(Keep(Some()), 0);
+  EXPECT_EQ(std::filesystem::file_size(elsewhere), 8U);
+  ExpectSame(Take(), Some());
+  ASSERT_EQ(mknod(Path().c_str(), S_IFSOCK | 0600, 0), 0);
+  ASSERT_EQ(Keep(Some()), 0);
+  ExpectSame(Take(), Some());
 }
 
 }  // namespace

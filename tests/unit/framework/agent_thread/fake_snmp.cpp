@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -37,7 +38,11 @@ bool SnmpFailed() {
 }
 
 std::optional<std::vector<Notification>> SnmpUnsent() {
-  return std::vector<Notification>();
+  if (TheFakeSnmp().unsent_fails > 0) {
+    TheFakeSnmp().unsent_fails--;
+    throw std::bad_alloc();
+  }
+  return TheFakeSnmp().unsent;
 }
 
 bool SnmpRunning() {
@@ -63,6 +68,10 @@ void SnmpWithdraw(uint64_t object_id) noexcept {
 }
 
 void SnmpNotify(Notification notification) {
+  if (TheFakeSnmp().notify_fails > 0) {
+    TheFakeSnmp().notify_fails--;
+    throw std::bad_alloc();
+  }
   TheFakeSnmp().notifications.push_back(std::move(notification));
 }
 
@@ -80,7 +89,7 @@ bool SnmpNothingWaiting() {
   if (TheFakeSnmp().asked_what_waits != nullptr) {
     TheFakeSnmp().asked_what_waits();
   }
-  return true;
+  return TheFakeSnmp().nothing_waiting;
 }
 
 SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,

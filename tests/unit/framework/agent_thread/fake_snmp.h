@@ -5,6 +5,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@ struct FakeSnmp {
   int publications = 0;
   std::vector<Notification> notifications;
   void (*asked_what_waits)() = nullptr;  // called when somebody wants to know
+  bool nothing_waiting = true;
+  int notify_fails = 0;  // so often there is no memory for a notification,
+  int unsent_fails = 0;  // and for what is unsent
+  std::optional<std::vector<Notification>> unsent = std::vector<Notification>();
   void (*tick)() = nullptr;
   int tick_ms = 0;
   // The next query's answer and what was asked.

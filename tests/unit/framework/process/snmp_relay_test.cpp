@@ -7,7 +7,7 @@
 #include <linux/capability.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,138 +31,29 @@
 #include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
-#include "tests/unit/framework/snmp_user_here.h"
-
-namespace {
-
-// The thread that gets no memory, 0 for none, and how often it has asked.
-std::atomic<pid_t> starved{0};
-std::atomic<long> refused{0};
-
-void *Allocate(size_t size) {
-  if (starved.load(std::memory_order_relaxed) != 0 && gettid() == starved) {
-    refused++;
-    throw std::bad_alloc();
-  }
-  void *memory = malloc(size != 0 ? size : 1);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-}  // namespace
-
-void *operator new(size_t size) {
-  return Allocate(size);
-}
-void *operator new[](size_t size) {
-  return Allocate(size);
-}
-// A sanitizer has one of its own otherwise.
-void *operator new(size_t size, const std::nothrow_t &) noexcept {
-  try {
-    return Allocate(size);
-  } catch (const std::bad_alloc &) {
-    return nullptr;
-  }
-}
-void operator delete(void *memory) noexcept {
-  free(memory);
-}
-void operator delete[](void *memory) noexcept {
-  free(memory);
-}
-void operator delete(void *memory, size_t) noexcept {
-  free(memory);
-}
-void operator delete[](void *memory, size_t) noexcept {
-  free(memory);
-}
+#include "tests/unit/framework/process/with_snmp_process.h"
 
 namespace vex {
 namespace {
 
 using std::chrono::milliseconds;
 
-const testing::Environment *const snmp_user = testing::AddGlobalTestEnvironment(
-    new SnmpUserHere);  // NOLINT(*-err58-cpp): it is the library's
-
-constexpr SnmpUser kUser = {990, 990};
-
-// ---- Births: the starter is a child of this process, and its children are the SNMP processes.
-
-enum Generation { kTest, kStarter, kSnmpProcess, kGenerations };
-int generation = kTest;
-void (*at_birth)() = nullptr;      // what an SNMP process does first
-std::atomic<pid_t> *last_process;  // shared with all
-
-void Born() {
-  generation++;
-  if (generation == kSnmpProcess) {
-    *last_process = getpid();
-    if (at_birth != nullptr) {
-      at_birth();
-    }
-  }
-}
-
 // The agent's side of the SNMP process stands still while told to.
 std::atomic<bool> hold{false};
 std::atomic<bool> held{false};
 
-class SnmpRelayTest : public testing::Test {
+class SnmpRelayTest : public WithSnmpProcess {
  protected:
-  static void SetUpTestSuite() {
-    last_process = new (mmap(nullptr, sizeof(*last_process), PROT_READ | PROT_WRITE,
-                             MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<pid_t>;
-    ASSERT_EQ(pthread_atfork(nullptr, nullptr, Born), 0);
-  }
-  void SetUp() override {
-    char pattern[] = "/tmp/snmp_relay.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    directory_ = pattern;
-    socket_ = directory_ + "/master";
-    std::ofstream(directory_ + "/vexhostd.conf") << "agentXSocket " << socket_ << "\n";
-    setenv("SNMPCONFPATH", directory_.c_str(), 1);
-    setenv("SNMP_PERSISTENT_DIR", directory_.c_str(), 1);
-    at_birth = nullptr;
-    *last_process = 0;
-  }
   void TearDown() override {
-    starved = 0;
     hold = false;
-    SnmpSetTick(nullptr, 0);
-    SnmpStop();
-    EXPECT_EQ(system(("rm -rf " + directory_).c_str()), 0);
+    WithSnmpProcess::TearDown();
   }
-
-  // What the start logs.
-  std::string LoggedByStart(int expected) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(SnmpStart("vexhostd", nullptr), expected);
-    return testing::internal::GetCapturedStderr();
-  }
-  void StartWithMaster() {
-    master_ = std::make_unique<FakeMaster>(socket_);
-    ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
-    ASSERT_GT(*last_process, 0);
-    ASSERT_TRUE(master_->AcceptAndRegister());
-    for (int i = 0; i < 3000 && !SnmpUp(); i++) {
-      std::this_thread::sleep_for(milliseconds(1));
-    }
-    ASSERT_TRUE(SnmpUp());
-  }
-
-  std::string directory_;
-  std::string socket_;
-  std::unique_ptr<FakeMaster> master_;
 };
 
 // ---- The start
 
 TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
-  at_birth = [] { kill(getpid(), SIGSTOP); };
+  at_birth[kSnmpProcess] = [] { kill(getpid(), SIGSTOP); };
   std::string why;
   {
     SnmpSettings settings;
@@ -173,14 +64,14 @@ TEST_F(SnmpRelayTest, AProcessThatIsNotReadyInTimeIsAFailure) {
   }
   EXPECT_EQ(why, "it is not ready after a minute");
   // It was stopped before it could see to its own end.
-  ASSERT_GT(*last_process, 0);
-  kill(*last_process, SIGKILL);
+  ASSERT_GT(births->last_process, 0);
+  kill(births->last_process, SIGKILL);
 }
 
 // Nothing is started again where there is no agent yet.
 TEST_F(SnmpRelayTest, AProcessThatEndsAtOnceIsAFailure) {
   // Somebody holds its channel, so that its end is told first.
-  at_birth = [] {
+  at_birth[kSnmpProcess] = [] {
     if (_Fork() == 0) {
       usleep(300'000);
     }
@@ -192,7 +83,7 @@ TEST_F(SnmpRelayTest, AProcessThatEndsAtOnceIsAFailure) {
 }
 
 TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {
-  at_birth = [] {
+  at_birth[kSnmpProcess] = [] {
     const pid_t starter = getppid();
     kill(starter, SIGKILL);
     while (getppid() == starter) {
@@ -215,7 +106,7 @@ TEST_F(SnmpRelayTest, WithoutANullDeviceThereIsNoProcess) {
       log.starts_with("Info: the SNMP side is no process of its own: the agent's standard "
                       "descriptors stay: No such device or address\n"))
       << log;
-  EXPECT_EQ(*last_process, 0);
+  EXPECT_EQ(births->last_process, 0);
 }
 
 // What a user has on the way between processes is limited by what each may have open.
@@ -263,7 +154,7 @@ TEST_F(SnmpRelayTest, TooManyDescriptorsOnTheirWayAreNoReasonToRunWithMoreRights
 // ---- Its end
 
 TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
-  StartWithMaster();
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
   constexpr uint32_t kFlood = 1000;
   for (uint32_t i = 1; i <= kFlood; i++) {
     Notification notification;
@@ -272,7 +163,7 @@ TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
   }
   ASSERT_TRUE(master_->Receive());
   testing::internal::CaptureStderr();
-  ASSERT_EQ(kill(*last_process, SIGKILL), 0);
+  ASSERT_EQ(kill(births->last_process, SIGKILL), 0);
   ASSERT_TRUE(master_->HasBeenReset(3000));
   master_->Disconnect();
   ASSERT_TRUE(master_->AcceptAndRegister());
@@ -294,8 +185,8 @@ TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
 // What it has said before its end counts, also where the agent finds the end by what it has to say
 // itself.
 TEST_F(SnmpRelayTest, WhatTheMasterHasTakenIsNotSentAgain) {
-  StartWithMaster();
-  const pid_t process = *last_process;
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  const pid_t process = births->last_process;
   // Stopped, it takes a few of them.
   ASSERT_EQ(kill(process, SIGSTOP), 0);
   constexpr uint32_t kMany = 16;
@@ -345,22 +236,12 @@ TEST_F(SnmpRelayTest, WhatTheMasterHasTakenIsNotSentAgain) {
 
 // ---- Want of memory
 
-pid_t RelayThread() {
-  pid_t found = 0;
-  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string name;
-    std::ifstream(task.path() / "comm") >> name;
-    found = name == "snmp" ? std::stoi(task.path().filename()) : found;
-  }
-  return found;
-}
-
 TEST_F(SnmpRelayTest, WantOfMemoryIsWaitedForAtRest) {
-  StartWithMaster();
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
   starved = RelayThread();
   ASSERT_GT(starved, 0);
   refused = 0;
-  ASSERT_EQ(kill(*last_process, SIGKILL), 0);
+  ASSERT_EQ(kill(births->last_process, SIGKILL), 0);
   for (int i = 0; i < 3000 && refused == 0; i++) {
     std::this_thread::sleep_for(milliseconds(1));
   }
