@@ -154,7 +154,7 @@ int AgentxSession::CheckPacket(u_char *bytes, size_t length) {
   if (whole != 0 && (whole < static_cast<int>(kHeader) || whole > kLongestPacket)) {
     return -1;
   }
-  if (reader != nullptr && whole != 0 && static_cast<size_t>(whole) <= length) {
+  if (whole != 0 && static_cast<size_t>(whole) <= length) {
     reader->TellUnread();
     Numbers numbers(bytes, kHeader);
     numbers.Skip(4);
@@ -366,17 +366,14 @@ void AgentxSession::Registered(size_t group, const netsnmp_pdu *response) {
   events_.welcome();
   registered_[group] = true;
   unregistered_--;
-  if (unregistered_ > 0 || stage_ != Stage::kRegistering) {
+  if (unregistered_ > 0) {
     return;
   }
   stage_ = Stage::kUp;
   said_duplicate_ = false;
   events_.up();
-  if (said_ != Said::kUp) {
-    said_ = Said::kUp;
-    agentlog_fprintf(stderr, "Info: connected to the master agent at %s\n",
-                     settings_.master.target.c_str());
-  }
+  agentlog_fprintf(stderr, "Info: connected to the master agent at %s\n",
+                   settings_.master.target.c_str());
 }
 
 void AgentxSession::Ping() {
@@ -426,7 +423,7 @@ bool AgentxSession::Send(netsnmp_pdu *pdu, Answer answer) noexcept {
     }
   }
   if (snmp_sess_async_send(handle_, pdu, waiting != nullptr ? Response : nullptr, waiting) == 0) {
-    broken_ = broken_ || session_->s_snmp_errno == SNMPERR_BAD_SENDTO;
+    broken_ = session_->s_snmp_errno == SNMPERR_BAD_SENDTO;
     too_long_ = session_->s_snmp_errno == SNMPERR_TOO_LONG;
     snmp_free_pdu(pdu);
     delete waiting;
@@ -541,8 +538,7 @@ void AgentxSession::Drop() {
   }
   broken_ = false;
   ping_unanswered_ = false;
-  if (was_up && said_ != Said::kDown) {
-    said_ = Said::kDown;
+  if (was_up) {
     agentlog_fprintf(stderr, "Info: lost the master agent at %s\n",
                      settings_.master.target.c_str());
   }
@@ -560,7 +556,8 @@ void AgentxSession::Close(Clock::time_point until) {
   pdu->errstat = kReasonShutdown;
   close_answered_ = false;
   bool waiting = Send(pdu, [this](const netsnmp_pdu *) { close_answered_ = true; });
-  while (waiting && !close_answered_ && handle_ != nullptr && Clock::now() < until) {
+  // What the end of the connection leaves without an answer is told as answered, too.
+  while (waiting && !close_answered_ && Clock::now() < until) {
     short wanted = WantsToWrite() ? POLLIN | POLLOUT : POLLIN;
     pollfd entry = {Socket(), wanted, 0};
     if (poll(&entry, 1, 20) > 0) {

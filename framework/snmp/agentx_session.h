@@ -87,10 +87,6 @@ class AgentxSession {
   bool Open() const {
     return stage_ == Stage::kRegistering || stage_ == Stage::kUp;
   }
-  // Every group is registered.
-  bool Up() const {
-    return stage_ == Stage::kUp;
-  }
   // There is no connection: Adopt() one.
   bool Down() const {
     return stage_ == Stage::kDown && !broken_;
@@ -168,7 +164,6 @@ class AgentxSession {
   Clock::time_point give_up_;  // of an answer to Open or Ping
   Clock::time_point next_ping_;
   Clock::time_point next_registration_;
-  enum class Said { kNothing, kUp, kDown } said_ = Said::kNothing;
   bool said_duplicate_ = false;
   bool said_refused_ = false;  // an Open
   bool refused_ = false;       // the last one

@@ -32,7 +32,7 @@ MasterFinder::MasterFinder(MasterAddress address)
   const std::string &path = address_.unix_path;
   if (!path.empty()) {
     const size_t slash = path.rfind('/');
-    watched_directory_ = slash == path.npos || slash == 0 ? "/" : path.substr(0, slash);
+    watched_directory_ = slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
     watched_name_ = path.substr(slash + 1);
   }
 }

@@ -59,9 +59,6 @@ class MibIndex {
   // The variable that name is, or would be, an instance of; null if none is.
   const MibVariable *Variable(OidView name) const;
 
-  size_t Objects() const {
-    return objects_.size();
-  }
   // The image that an object has; null for one that is not there.
   const Image *ImageOf(uint64_t object_id) const;
 

@@ -70,10 +70,11 @@ class Environment {
 };
 
 std::string Trimmed(const char *line) {
+  constexpr char kBlanks[] = " \t\r\n";
   std::string text = line;
-  size_t first = text.find_first_not_of(" \t\r\n");
-  size_t last = text.find_last_not_of(" \t\r\n");
-  return first == std::string::npos ? "" : text.substr(first, last - first + 1);
+  text.erase(0, text.find_first_not_of(kBlanks));
+  text.erase(text.find_last_not_of(kBlanks) + 1);
+  return text;
 }
 
 // As the library reads its own tokens: what stands in quotation marks, else all of it. What looks
@@ -295,8 +296,7 @@ SnmpFiles ReadSnmpFiles(const std::string &application) {
     Environment modules("MIBS");
     Environment directories("MIBDIRS");
     Environment module_files("MIBFILES");
-    const char *locale = setlocale(LC_CTYPE, nullptr);
-    std::string before = locale != nullptr ? locale : "C";
+    const std::string before = setlocale(LC_CTYPE, nullptr);
     reading = true;
     init_snmp(application.c_str());
     reading = false;

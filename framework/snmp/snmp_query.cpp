@@ -49,9 +49,7 @@ void SnmpQuery::Done() {
 SnmpQueries::~SnmpQueries() {
   for (Running &running : running_) {
     running.finished = true;
-    if (running.handle != nullptr) {
-      snmp_sess_close(running.handle);
-    }
+    snmp_sess_close(running.handle);
     running.query->Done();
   }
 }

@@ -180,7 +180,7 @@ netsnmp_transport *ThreadSeat::Connection(int *error) {
   } else {
     // Names and other transports are the library's; its connecting waits.
     transport = netsnmp_transport_open_client("agentx", finder_.Address().target.c_str());
-    if (transport != nullptr && transport->sock >= 0) {
+    if (transport != nullptr) {
       fcntl(transport->sock, F_SETFD, FD_CLOEXEC);
     }
   }

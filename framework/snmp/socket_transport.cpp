@@ -51,7 +51,7 @@ int SendSome(int fd, const void *bytes, size_t length) {
   do {
     sent = send(fd, bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
   } while (sent < 0 && errno == EINTR);
-  if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+  if (sent < 0 && errno == EAGAIN) {
     return 0;
   }
   return static_cast<int>(sent);
@@ -82,7 +82,7 @@ int Receive(netsnmp_transport *transport, void *bytes, int size, void **opaque, 
   do {
     got = recv(transport->sock, bytes, static_cast<size_t>(size), MSG_DONTWAIT);
   } while (got < 0 && errno == EINTR);
-  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+  if (got < 0 && errno == EAGAIN) {
     transport->flags |= NETSNMP_TRANSPORT_FLAG_EMPTY_PKT;
     return 0;
   }
@@ -95,10 +95,8 @@ int Close(netsnmp_transport *transport) {
     transport->sock = -1;
   }
   Unsent *unsent = UnsentOf(transport);
-  if (unsent != nullptr) {
-    free(unsent->bytes);
-    *unsent = {};
-  }
+  free(unsent->bytes);
+  *unsent = {};
   return 0;
 }
 

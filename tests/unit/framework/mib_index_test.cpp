@@ -169,7 +169,7 @@ TEST(MibIndex, ReplacedWithdrawnAndChangedRows) {
   index.Remove(5);
   index.Remove(5);
   EXPECT_EQ(Walk(index), "");
-  EXPECT_EQ(index.Objects(), 0U);
+  EXPECT_EQ(index.ImageOf(5), nullptr);
 }
 
 // A number is free again as soon as its row is deleted: the new row's object may arrive before the
@@ -230,7 +230,45 @@ TEST(MibIndex, TenThousandRows) {
   for (uint32_t i = 0; i < kRows; i += 2) {
     index.Remove(100 + i);
   }
-  EXPECT_EQ(index.Objects(), kRows / 2);
+  for (uint32_t i = 0; i < kRows; i++) {
+    ASSERT_EQ(index.ImageOf(100 + i) != nullptr, i % 2 != 0) << i;
+  }
+}
+
+// An image may say less of its octets than its layout has, or serve a variable of another table.
+TEST(MibIndex, WhatAnImageDoesNotSayIsNotReadPastItsEnd) {
+  MibIndex index(kSmallMib);
+  std::shared_ptr<Image> image = Row(5, 1, "one");
+  image->octet_lengths.resize(2);  // none of the date
+  index.Put(image);
+  Cell cell;
+  ASSERT_EQ(index.Get(NameOf(kRowDate, {1}), &cell), Lookup::kFound);
+  EXPECT_EQ(cell.Octets().size(), 8U);  // the field
+
+  MibIndex other(std::span<const MibVariable>(kSmallMib).subspan(kLast));
+  other.Put(Row(5, 1, "one"));
+  EXPECT_EQ(Walk(other), "");
+  EXPECT_NE(other.ImageOf(5), nullptr);
+}
+
+TEST(MibIndex, OfTwoSlotsWithOneVariableTheFirstCounts) {
+  MibIndex index(kSmallMib);
+  index.Put(ImageMaker(5, 0).Int(kCount, 1).Int(kCount, 2).Make());
+  Cell cell;
+  ASSERT_EQ(index.Get(NameOf(kCount, {0}), &cell), Lookup::kFound);
+  EXPECT_EQ(cell.Integer(), 1);
+  EXPECT_EQ(Walk(index), "smallCount.0 ");
+}
+
+// The same layout in another row is another row.
+TEST(MibIndex, AnObjectMayMoveToAnotherInstance) {
+  MibIndex index(kSmallMib);
+  const std::shared_ptr<Image> one = Row(5, 1, "one");
+  index.Put(one);
+  auto two = std::make_shared<Image>(*one);
+  two->instance = 2;
+  index.Put(two);
+  EXPECT_EQ(Walk(index), "smallRowNumber.2 smallRowName.2 smallRowDate.2 ");
 }
 
 }  // namespace

@@ -129,5 +129,27 @@ TEST(QueryPatience, WhatWasNotAskedSaysNothing) {
   EXPECT_TRUE(asker.patience.Silent());
 }
 
+// Answers may take all of it.
+TEST(QueryPatience, APollWhosePatienceIsUsedUpAsksNothingMore) {
+  Asker asker;
+  EXPECT_EQ(asker.Answer(milliseconds(1500)), 2000);
+  EXPECT_EQ(asker.Answer(milliseconds(500)), 500);
+  EXPECT_FALSE(asker.patience.Silent());
+  EXPECT_EQ(asker.Answer(milliseconds(1)), 0);
+  asker.NextPoll();
+  EXPECT_EQ(asker.Answer(milliseconds(1)), 2000);
+}
+
+// After a late answer to one query, another one's name is no reason to doubt.
+TEST(QueryPatience, OnlyTheNameThatWasSilentIsDoubted) {
+  Asker asker;
+  EXPECT_EQ(asker.Silence("a"), 2000);
+  asker.NextPoll();
+  EXPECT_EQ(asker.Answer(milliseconds(1), "b"), 250);
+  EXPECT_EQ(asker.Answer(milliseconds(1), "b"), 1999);
+  EXPECT_EQ(asker.Answer(milliseconds(1), "a"), 250);
+  EXPECT_EQ(asker.Answer(milliseconds(1), "a"), 1997);
+}
+
 }  // namespace
 }  // namespace vex
