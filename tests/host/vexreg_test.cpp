@@ -109,6 +109,25 @@ TEST(Vexreg, SaysThatTheValuesAreThoseOfADeadAgent) {
   EXPECT_LT(failures, page.find("id=\"identity\"")) << page.substr(0, 6000);
 }
 
+TEST(Vexreg, SaysThatTheAgentIsStopped) {
+  MadeUpHost host;
+  host.snmpd.Start();
+  DaemonOptions options;
+  options.clock_offset = -3600;
+  host.daemon.Start(options);
+  // Its own registry, by another path.
+  const std::vector<std::string> show = {"--root", std::string(MadeUpHost::kRegistry) + "/.",
+                                         "show", "memory"};
+  EXPECT_TRUE(
+      host.Vexreg(show).err.ends_with(" old: the agent runs, but is silent; run: vexreg doctor\n"))
+      << host.Vexreg(show).err;
+  host.daemon.Signal(SIGSTOP);
+  EXPECT_TRUE(host.Vexreg(show).err.ends_with(
+      " old: the agent is stopped by a signal; continue it, or restart it\n"))
+      << host.Vexreg(show).err;
+  host.daemon.Signal(SIGCONT);
+}
+
 TEST(Vexreg, SaysThatTheAgentPublishesElsewhere) {
   MadeUpHost host;
   host.Start();

@@ -4,15 +4,19 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -211,6 +215,31 @@ VEX_FAILING(int, timer_create, (clockid_t clock, sigevent *event, timer_t *timer
 VEX_FAILING(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)
 VEX_FAILING(void *, malloc, (size_t size), (size), nullptr)
 VEX_FAILING(char *, strdup, (const char *text), (text), nullptr)
+VEX_FAILING_ON(int, access, (const char *path, int mode), (path, mode), -1, path)
+VEX_FAILING(int, accept4, (int fd, sockaddr *address, socklen_t *size, int flags),
+            (fd, address, size, flags), -1)
+VEX_FAILING(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size), -1)
+VEX_FAILING_ON(int, chdir, (const char *path), (path), -1, path)
+VEX_FAILING(int, listen, (int fd, int most), (fd, most), -1)
+VEX_FAILING_ON(int, mknod, (const char *path, mode_t mode, dev_t device), (path, mode, device), -1,
+               path)
+VEX_FAILING_ON(int, mount,
+               (const char *from, const char *path, const char *type, unsigned long flags,
+                const void *data),
+               (from, path, type, flags, data), -1, path)
+VEX_FAILING(int, futimens, (int fd, const timespec *times), (fd, times), -1)
+VEX_FAILING(int, pipe2, (int *ends, int flags), (ends, flags), -1)
+VEX_FAILING(int, waitid, (idtype_t type, id_t id, siginfo_t *status, int options),
+            (type, id, status, options), -1)
+VEX_FAILING(int, sethostname, (const char *name, size_t size), (name, size), -1)
+VEX_FAILING(void *, shmat, (int segment, const void *at, int flags), (segment, at, flags),
+            reinterpret_cast<void *>(-1))
+VEX_FAILING(int, shmget, (key_t key, size_t size, int flags), (key, size, flags), -1)
+VEX_FAILING_ON(int, symlink, (const char *target, const char *path), (target, path), -1, path)
+VEX_FAILING_ON(int, umount2, (const char *path, int flags), (path, flags), -1, path)
+VEX_FAILING(int, unshare, (int flags), (flags), -1)
+// Fails to say that it is root.
+VEX_FAILING(uid_t, geteuid, (), (), static_cast<uid_t>(-1))
 // These return the error.
 VEX_FAILING(int, posix_spawn_file_actions_init, (posix_spawn_file_actions_t * actions), (actions),
             ENOMEM)
@@ -286,6 +315,15 @@ long __wrap_syscall(long number, ...) {
     return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3],
                           arguments[4], arguments[5]);
   });
+}
+
+int __real_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+  va_list more;
+  va_start(more, request);
+  void *const argument = va_arg(more, void *);
+  va_end(more);
+  return vex::Instead("ioctl", nullptr, -1, [&] { return __real_ioctl(fd, request, argument); });
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)

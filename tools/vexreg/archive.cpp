@@ -302,6 +302,10 @@ bool IsMemberName(std::string_view name) {
 }
 
 std::optional<std::string> PackMembers(const std::vector<Member> &members, std::string *error) {
+  if (members.size() > kMostMembers) {
+    *error = "too many members";
+    return std::nullopt;
+  }
   std::string tar;
   for (const Member &member : members) {
     if (!IsMemberName(member.name) || member.bytes.size() > kMostMemberBytes) {
@@ -315,10 +319,6 @@ std::optional<std::string> PackMembers(const std::vector<Member> &members, std::
     }
   }
   tar.append(2 * kBlock, '\0');
-  if (members.size() > kMostMembers) {
-    *error = "too many members";
-    return std::nullopt;
-  }
   const std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> context(ZSTD_createCCtx(),
                                                                     ZSTD_freeCCtx);
   std::string archive(ZSTD_compressBound(tar.size()), '\0');

@@ -151,19 +151,10 @@ class Collector {
 
   // A file's bytes as they may leave the host.
   std::string Cleaned(std::string bytes, Treatment treatment) {
-    switch (treatment) {
-      case Treatment::kPresence:
-        return "";
-      case Treatment::kSnmp:
-        return WithoutSnmpSecrets(bytes, &secrets_);
-      case Treatment::kAssignments:
-        return WithoutAssignedSecrets(bytes, &secrets_);
-      case Treatment::kMountTable:
-        return WithoutMountSecrets(bytes, &secrets_);
-      case Treatment::kWhole:
-        break;
-    }
-    return bytes;
+    return treatment == Treatment::kSnmp          ? WithoutSnmpSecrets(bytes, &secrets_)
+           : treatment == Treatment::kAssignments ? WithoutAssignedSecrets(bytes, &secrets_)
+           : treatment == Treatment::kMountTable  ? WithoutMountSecrets(bytes, &secrets_)
+                                                  : std::move(bytes);
   }
 
   void TakeFile(const std::string &path, Treatment treatment) {

@@ -1,5 +1,6 @@
 // vexreg: shows, watches, dumps and writes the objects of the registry, and checks the agent.
 #include <locale.h>
+#include <signal.h>
 
 #include <CLI/CLI.hpp>
 
@@ -143,6 +144,9 @@ void AddView(CLI::App *to, Arguments *arguments, const char *json) {
 int Run(int argc, char **argv) {
   // Character widths; what is printed is UTF-8 whatever the user's locale.
   setlocale(LC_CTYPE, "C.UTF-8");
+
+  // Whoever started this may not want to know of its own children's ends.
+  signal(SIGCHLD, SIG_DFL);
 
   CLI::App app{kAbout, "vexreg"};
   app.footer(kNotes);

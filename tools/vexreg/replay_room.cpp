@@ -15,7 +15,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,6 +28,7 @@
 #include "hardware/tlxci/paths.h"
 #include "tools/replay/replayed_calls.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/forked.h"
 #include "tools/vexreg/values.h"
 
 namespace vex {
@@ -349,8 +349,9 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
   Check(sethostname(capture.host.data(), length) == 0, "the host's name");
 }
 
-[[noreturn]] void BeFirst(const Capture &capture, const RoomSettings &settings,
-                          const std::function<int()> &work) {
+// The room's first process.
+int BeFirst(const Capture &capture, const RoomSettings &settings,
+            const std::function<int()> &work) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   int status = kFailed;
   try {
@@ -362,7 +363,24 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
     Complain(std::string("no room for the captured host: ") + error.what());
   }
   std::cout << std::flush;
-  _exit(status);
+  return status;
+}
+
+// Its parent, which stays outside, as only children come into a new PID namespace.
+int BeOuter(const Capture &capture, const RoomSettings &settings,
+            const std::function<int()> &work) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0) {
+    Complain(std::string("no namespaces: ") + strerror(errno));
+    return kFailed;
+  }
+  umask(022);
+  const pid_t first = Forked([&] { return BeFirst(capture, settings, work); });
+  if (first < 0) {
+    Complain(std::string("no process: ") + strerror(errno));
+    return kFailed;
+  }
+  return StatusOf(first);
 }
 
 }  // namespace
@@ -370,31 +388,12 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
 int DoInRoom(const Capture &capture, const RoomSettings &settings,
              const std::function<int()> &work) {
   std::cout << std::flush;
-  const pid_t outer = fork();
+  const pid_t outer = Forked([&] { return BeOuter(capture, settings, work); });
   if (outer < 0) {
     Complain(std::string("no process: ") + strerror(errno));
     return kFailed;
   }
-  if (outer == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0) {
-      Complain(std::string("no namespaces: ") + strerror(errno));
-      _exit(kFailed);
-    }
-    umask(022);
-    const pid_t first = fork();
-    if (first == 0) {
-      BeFirst(capture, settings, work);
-    }
-    int status = 0;
-    while (first > 0 && waitpid(first, &status, 0) < 0 && errno == EINTR) {
-    }
-    _exit(first > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : kFailed);
-  }
-  int status = 0;
-  while (waitpid(outer, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : kFailed;
+  return StatusOf(outer);
 }
 
 }  // namespace vex

@@ -161,9 +161,6 @@ std::vector<std::string> JoinedLines(std::string_view text) {
     lines.push_back(std::move(line));
     line.clear();
   }
-  if (!line.empty()) {
-    lines.push_back(std::move(line));
-  }
   return lines;
 }
 
@@ -441,6 +438,9 @@ std::string ObjectFileWithoutPasswords(std::string bytes, Secrets *secrets) {
   for (const size_t number : {0, 1}) {
     const size_t offset = header.slots_offset + number * size_t{header.slot_size};
     if (offset + header.slot_size > bytes.size()) {
+      // The second one was cut off: what is left of it is no object's.
+      bytes.replace(offset, std::string::npos,
+                    WithoutAddressPasswords(bytes.substr(offset), secrets));
       break;
     }
     // The texts alone: other bytes may look like anything.

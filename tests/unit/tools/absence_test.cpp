@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include "tests/unit/framework/temp_registry.h"
+
 using namespace vex;
 
 namespace {
@@ -49,6 +51,36 @@ TEST(Absence, SaysThatAnotherRootWasGiven) {
   }
   facts.agent_runs = false;
   EXPECT_TRUE(JudgeAbsence(facts).ends_with("no agent runs. Start it: systemctl start vexhostd"));
+}
+
+TEST(Absence, SaysWhatIsWithTheAgent) {
+  AgentSight sight;
+  EXPECT_EQ(SightText(sight, true), "");
+  sight.looked = true;
+  EXPECT_EQ(SightText(sight, true), "no agent runs; start it: systemctl start vexhostd");
+  sight.hidden = true;
+  EXPECT_EQ(SightText(sight, true), "whether the agent runs is not for this user to see");
+  sight.runs = true;
+  EXPECT_EQ(SightText(sight, true), "the agent runs, but is silent; run: vexreg doctor");
+  EXPECT_EQ(SightText(sight, false), "the agent runs, and publishes at its first poll");
+  sight.stopped = true;
+  for (const bool published : {false, true}) {
+    EXPECT_EQ(SightText(sight, published),
+              "the agent is stopped by a signal; continue it, or restart it");
+  }
+}
+
+// Whether an agent runs on this machine is not for a test to say: the part before that.
+TEST(Absence, LooksAtTheAgentsDirectoryToo) {
+  const TempRegistry registry;
+  const std::string root = registry.root();
+  EXPECT_TRUE(WhyNothing(root).starts_with("nothing is published in " + root + ": "));
+  WriteBytes(registry.Path("host"), {'x'});
+  EXPECT_TRUE(WhyNothing(root).starts_with("nothing to see: " + root + ": Not a directory; "));
+  EXPECT_FALSE(IsHeld(root));
+  std::filesystem::remove_all(registry.base());
+  EXPECT_TRUE(WhyNothing(root).starts_with("nothing is published: there is no registry " + root));
+  EXPECT_FALSE(IsHeld(root));
 }
 
 }  // namespace

@@ -1,10 +1,15 @@
 // What a capture says of a host, and how what is served is compared.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include "framework/snmp/mib_table.h"
+#include "tests/support/process.h"
+#include "tests/unit/framework/temp_registry.h"
 #include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/figures.h"
 #include "tools/vexreg/served.h"
@@ -79,6 +84,125 @@ TEST(CapturedHost, DescriptionsThatAreNone) {
                           R"({"format":1,"host":[],"kernel":7,"commands":[7,{"words":[{}]}],
                               "asked":{"oid":1},"siblings":[[]]})"}},
                         &error));
+}
+
+TEST(CapturedHost, DescriptionsMayLackParts) {
+  std::string error;
+  const auto capture = CaptureOf({{kDescriptionMember, 0, R"({"format":1,"host":"h"})"}}, &error);
+  ASSERT_TRUE(capture) << error;
+  EXPECT_EQ(capture->host, "h");
+  EXPECT_EQ(capture->release + capture->version + capture->machine, "");
+  EXPECT_TRUE(capture->commands.empty() && capture->asked.empty() && capture->variables.empty());
+}
+
+TEST(CapturedHost, TellsTheMomentWhereItIsOne) {
+  const auto moment = [](const char *made) {
+    Capture capture;
+    capture.made = made;
+    return capture.Moment();
+  };
+  EXPECT_EQ(moment("2026-01-02T03:04:05Z"), 1767323045);
+  for (const char *made : {"", "yesterday", "2026-01-02T03:04:05", "2026-01-02T03:04:05Z and"}) {
+    EXPECT_EQ(moment(made), std::nullopt) << made;
+  }
+}
+
+TEST(CapturedHost, HasItsTimeZoneOrNone) {
+  const char *const set = getenv("TZ");
+  const std::string before = set != nullptr ? set : "";
+  Capture capture;
+  const auto hour = [&] {
+    UseTimeZoneOf(capture);
+    const time_t moment = 1767323045;
+    tm parts = {};
+    localtime_r(&moment, &parts);
+    return parts.tm_hour;
+  };
+  EXPECT_EQ(hour(), 3);
+  EXPECT_STREQ(getenv("TZ"), "UTC0");
+  capture.members = {{"host/etc/localtime", 0, "no zone"}};
+  EXPECT_EQ(hour(), 3);
+  EXPECT_STREQ(getenv("TZ"), "UTC0");
+  // A zone of one time alone, which is two hours ahead.
+  std::string header = "TZif2";
+  header.resize(44);
+  header[39] = 1;  // one type of local time
+  header[43] = 4;  // letters of its name
+  const std::string type("\0\0\x1C\x20\0\0XXX\0", 10);
+  capture.members = {{"host/etc/localtime", 0, header + type + header + type + "\nXXX-2\n"}};
+  EXPECT_EQ(hour(), 5);
+  set != nullptr ? setenv("TZ", before.c_str(), 1) : unsetenv("TZ");
+  tzset();
+}
+
+// A capture's file of these members, and what is said of it.
+class CaptureFile : public testing::Test {
+ protected:
+  CaptureFile() : file_(place_.base() + "/host.tar.zst") {}
+  void Write(std::vector<Member> members) {
+    members.push_back({kDescriptionMember, 0, R"({"format":1})"});
+    std::string error;
+    const auto archive = PackMembers(members, &error);
+    ASSERT_TRUE(archive) << error;
+    std::ofstream(file_, std::ios::binary) << *archive;
+  }
+  std::string SaidOfReading() {
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(ReadCapture(file_));
+    return testing::internal::GetCapturedStderr();
+  }
+
+  TempRegistry place_;
+  std::string file_;
+};
+
+TEST_F(CaptureFile, SaysWhyItCannotBeRead) {
+  EXPECT_EQ(SaidOfReading(), "vexreg: " + file_ + ": No such file or directory\n");
+  std::filesystem::create_directory(file_);
+  EXPECT_EQ(SaidOfReading(), "vexreg: " + file_ + ": Is a directory\n");
+  std::filesystem::remove(file_);
+  std::ofstream(file_) << "text";
+  EXPECT_TRUE(SaidOfReading().starts_with("vexreg: " + file_ + ": not a capture"));
+  // A hole of more than a capture may have.
+  std::filesystem::resize_file(file_, (size_t{256} << 20) + 1);
+  EXPECT_EQ(SaidOfReading(), "vexreg: " + file_ + ": File too large\n");
+}
+
+TEST_F(CaptureFile, ShowsItsRegistryUntilItGoes) {
+  Write({{"registry/host/memory", 0, "bytes"}, {"host/etc/mtab", 0, "not of the registry"}});
+  ASSERT_EQ(setenv("TMPDIR", place_.root().c_str(), 1), 0);
+  {
+    CapturedRegistry registry;
+    ASSERT_TRUE(registry.Open(file_));
+    EXPECT_TRUE(registry.root().starts_with(place_.root() + "/"));
+    EXPECT_EQ(made_up::ReadFile(registry.root() + "/host/memory"), "bytes");
+    EXPECT_EQ(made_up::ListDirectory(registry.root()), std::vector<std::string>{"host"});
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(place_.root()));
+  unsetenv("TMPDIR");
+}
+
+TEST_F(CaptureFile, SaysWhyItsRegistryIsNotShown) {
+  const auto said = [&] {
+    CapturedRegistry registry;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(registry.Open(file_));
+    return testing::internal::GetCapturedStderr();
+  };
+  // A file where another member has a directory.
+  Write({{"registry/a", 0, "file"}, {"registry/a/b", 0, "below"}});
+  ASSERT_EQ(setenv("TMPDIR", place_.root().c_str(), 1), 0);
+  EXPECT_TRUE(said().ends_with(": Not a directory\n"));
+  EXPECT_TRUE(std::filesystem::is_empty(place_.root()));
+  // A place in which nobody makes directories; one that is none gives way to the usual one.
+  Write({{"registry/a", 0, "file"}});
+  ASSERT_EQ(setenv("TMPDIR", "/proc", 1), 0);
+  EXPECT_EQ(said(), "vexreg: no directory for the captured objects: No such file or directory\n");
+  ASSERT_EQ(setenv("TMPDIR", file_.c_str(), 1), 0);
+  CapturedRegistry registry;
+  EXPECT_TRUE(registry.Open(file_));
+  EXPECT_TRUE(registry.root().starts_with("/tmp/vexreg.")) << registry.root();
+  unsetenv("TMPDIR");
 }
 
 TEST(CapturedHost, OnlyPathsOfSourcesAreSources) {

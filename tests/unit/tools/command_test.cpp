@@ -645,6 +645,15 @@ TEST_F(Command, IsNotCrashedByStrangeObjects) {
   }
 }
 
+// A command may be started by somebody who ignores how children end, which is handed on.
+TEST_F(Command, KnowsHowItsChildrenEndWhoeverStartedIt) {
+  const Outcome plain = Run({"doctor"});
+  EXPECT_EQ(plain.status, 1) << plain.out;  // no agent publishes in a root of this test's
+  const Outcome ignored = made_up::RunCommand(
+      {"env", "--ignore-signal=CHLD", VEXREG_PATH, "--root", registry_.root(), "doctor"});
+  EXPECT_EQ(ignored.status, plain.status) << ignored.out;
+}
+
 TEST_F(Command, SaysWhenItsOutputIsNotTaken) {
   Output({"put", "x", "int:1"});
   for (const char *command : {"dump", "show", "--help", "--version"}) {

@@ -1,0 +1,149 @@
+// What becomes of the work where a call fails on the way.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include "framework/process/descriptor.h"
+#include "tests/support/failing_call.h"
+#include "tests/support/process.h"
+#include "tests/unit/framework/temp_registry.h"
+#include "tools/vexreg/captured_host.h"
+#include "tools/vexreg/child_output.h"
+#include "tools/vexreg/host_files.h"
+#include "tools/vexreg/replace_file.h"
+
+namespace vex {
+namespace {
+
+// The old file or the new one, and nothing beside it.
+TEST(Failures, LeaveAFileAsItWas) {
+  const TempRegistry place;
+  const std::string file = place.root() + "/file";
+  ASSERT_TRUE(WriteOutput(file, "old", 0600));
+  for (const char *call : {"openat", "fchmod", "write", "fsync", "renameat"}) {
+    testing::internal::CaptureStderr();
+    {
+      const FailingCall failing(call, EIO);
+      EXPECT_FALSE(WriteOutput(file, "new", 0600)) << call;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "vexreg: " + file + ": cannot be written: Input/output error\n");
+    EXPECT_EQ(made_up::ReadFile(file), "old") << call;
+    EXPECT_EQ(made_up::ListDirectory(place.root()), std::vector<std::string>{"file"}) << call;
+  }
+  for (const int error : {EINTR, 0}) {
+    const FailingCall interrupted("write", error);
+    EXPECT_TRUE(WriteOutput(file, "new" + std::to_string(error), 0600));
+    EXPECT_EQ(made_up::ReadFile(file), "new" + std::to_string(error));
+  }
+}
+
+TEST(Failures, AreToldOfFilesBelowADirectory) {
+  const TempRegistry place;
+  const Descriptor directory(open(place.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (const char *call : {"mkdirat", "openat", "fcntl", "fchmod", "write", "futimens"}) {
+    const std::string name = std::string(call) + "/file";
+    const FailingCall failing(call, EIO);
+    errno = 0;
+    EXPECT_FALSE(WriteBelow(directory.get(), name, "text", 0600, 0700, 7)) << call;
+    EXPECT_EQ(errno, EIO) << call;
+  }
+  for (const int error : {EINTR, 0}) {
+    const std::string name = "interrupted" + std::to_string(error);
+    const FailingCall interrupted("write", error);
+    EXPECT_TRUE(WriteBelow(directory.get(), name, "text", 0600, 0700));
+    EXPECT_EQ(made_up::ReadFile(place.Path(name)), "text");
+  }
+}
+
+TEST(Failures, AreToldOfSources) {
+  const TempRegistry place;
+  const std::string file = place.base() + "/file";
+  WriteBytes(file, {'x'});
+  struct stat status = {};
+  EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), "x");
+  for (const char *call : {"openat", "fstat", "read"}) {
+    const FailingCall failing(call, EIO);
+    errno = 0;
+    EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), std::nullopt) << call;
+    EXPECT_EQ(errno, EIO) << call;
+  }
+}
+
+// A program of which not all could be read, or whose end cannot be told, has not said anything.
+TEST(Failures, AreNoOutputOfAProgram) {
+  const auto run = [] { return RunProgram({"echo", "out"}, "/usr/bin:/bin", 30, 1000); };
+  ASSERT_EQ(run().end, ChildOutput::kExited);
+  struct {
+    const char *call;
+    int nth;
+  } constexpr kCases[] = {{"pipe2", 1}, {"fork", 1}, {"open", 1}, {"dup2", 1},  {"dup2", 2},
+                          {"dup2", 3},  {"poll", 1}, {"read", 1}, {"waitid", 1}};
+  for (const auto &[call, nth] : kCases) {
+    const size_t before = made_up::ListDirectory("/proc/self/fd").size();
+    const FailingCall failing(call, ENOMEM, nth);
+    EXPECT_NE(run().end, ChildOutput::kExited) << call << nth;
+    EXPECT_EQ(made_up::ListDirectory("/proc/self/fd").size(), before) << call << nth;
+  }
+  for (const char *call : {"poll", "read", "waitid"}) {
+    const FailingCall interrupted(call, EINTR);
+    const ChildOutput output = run();
+    EXPECT_EQ(output.end, ChildOutput::kExited) << call;
+    EXPECT_EQ(output.out, "out\n") << call;
+  }
+}
+
+TEST(Failures, LeaveACapturesTimesInUtc) {
+  const char *const set = getenv("TZ");
+  const std::string before = set != nullptr ? set : "";
+  Capture capture;
+  capture.members = {{"host/etc/localtime", 0, "TZif2"}};
+  for (const char *call : {"memfd_create", "write"}) {
+    testing::internal::CaptureStderr();
+    {
+      const FailingCall failing(call, ENOSPC);
+      UseTimeZoneOf(capture);
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_STREQ(getenv("TZ"), "UTC0") << call;
+  }
+  set != nullptr ? setenv("TZ", before.c_str(), 1) : unsetenv("TZ");
+  tzset();
+}
+
+// Neither a registry that was not made, nor a process that waits to remove it.
+TEST(Failures, AreToldOfACapturesRegistry) {
+  const TempRegistry place;
+  const std::string file = place.base() + "/host.tar.zst";
+  std::string error;
+  const auto archive =
+      PackMembers({{"registry/a", 0, "x"}, {kDescriptionMember, 0, R"({"format":1})"}}, &error);
+  ASSERT_TRUE(archive);
+  WriteBytes(file, {archive->begin(), archive->end()});
+  ASSERT_EQ(setenv("TMPDIR", place.root().c_str(), 1), 0);
+  struct {
+    const char *call;
+    int nth;
+  } constexpr kCases[] = {{"pipe2", 1}, {"pipe2", 2}, {"fork", 1}, {"mkdtemp", 1}};
+  for (const auto &[call, nth] : kCases) {
+    const size_t before = made_up::ListDirectory("/proc/self/fd").size();
+    testing::internal::CaptureStderr();
+    {
+      CapturedRegistry registry;
+      const FailingCall failing(call, ENOSPC, nth);
+      EXPECT_FALSE(registry.Open(file)) << call << nth;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "vexreg: no directory for the captured objects: No space left on device\n")
+        << call << nth;
+    EXPECT_EQ(made_up::ListDirectory("/proc/self/fd").size(), before) << call << nth;
+    EXPECT_TRUE(made_up::ListDirectory(place.root()).empty()) << call << nth;
+  }
+  unsetenv("TMPDIR");
+}
+
+}  // namespace
+}  // namespace vex
