@@ -269,7 +269,8 @@ int main(int argc, char **argv) {
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::Success &asked) {
-    return vex::FinishOutput(app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage);
+    app.exit(asked);  // prints it
+    return vex::FinishOutput(vex::kDone);
   } catch (const CLI::ParseError &error) {
     vex::Complain(vex::UsageComplaint(app, words, error));
     return vex::kWrongUsage;

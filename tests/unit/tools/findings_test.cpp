@@ -20,12 +20,12 @@ using Line = std::vector<std::string>;
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kNow = int64_t{1'700'000'000} * kSecond;
 
-std::string Text(const Finding &finding) {
+std::string Said(const Finding &finding) {
   return RenderFinding(finding, 0);
 }
 
 bool Has(const Finding &finding, const std::string &text) {
-  return Text(finding).find(text) != std::string::npos;
+  return Said(finding).find(text) != std::string::npos;
 }
 
 GroupFacts Published(size_t objects, int64_t age) {
@@ -43,15 +43,15 @@ TEST(HostFacts, WhatCannotBeReadIsEmpty) {
 }
 
 TEST(Findings, Processes) {
-  EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}}, false)), "ok    snmpd: runs (process 5).\n");
-  EXPECT_EQ(Text(JudgeProcess("snmpd", {{5, 'S', 0}, {7, 'R', 0}}, false)),
+  EXPECT_EQ(Said(JudgeProcess("snmpd", {{5, 'S', 0}}, false)), "ok    snmpd: runs (process 5).\n");
+  EXPECT_EQ(Said(JudgeProcess("snmpd", {{5, 'S', 0}, {7, 'R', 0}}, false)),
             "ok    snmpd: runs (processes 5, 7).\n");
   EXPECT_EQ(JudgeProcess("snmpd", {}, false).verdict, Verdict::kFail);
   EXPECT_EQ(JudgeProcess("snmpd", {}, true).verdict, Verdict::kNote);
   for (const char state : {'T', 't'}) {
     const Finding stopped = JudgeProcess("snmpd", {{5, 'S', 0}, {7, state, 0}}, false);
     EXPECT_EQ(stopped.verdict, Verdict::kFail);
-    EXPECT_TRUE(Has(stopped, "kill -CONT 7.")) << Text(stopped);
+    EXPECT_TRUE(Has(stopped, "kill -CONT 7.")) << Said(stopped);
   }
 }
 
@@ -68,8 +68,8 @@ TEST(Findings, AGuidThatOtherHostsHaveToo) {
   const auto finding = JudgeGuid(shared);
   ASSERT_TRUE(finding);
   EXPECT_EQ(finding->verdict, Verdict::kNote);
-  EXPECT_TRUE(Has(*finding, "every host without an eth0")) << Text(*finding);
-  EXPECT_TRUE(Has(*finding, "tlxHoGUID.0 x")) << Text(*finding);
+  EXPECT_TRUE(Has(*finding, "every host without an eth0")) << Said(*finding);
+  EXPECT_TRUE(Has(*finding, "tlxHoGUID.0 x")) << Said(*finding);
   EXPECT_FALSE(JudgeGuid("0123456789abcdef"));
   EXPECT_FALSE(JudgeGuid(shared.substr(0, 15)));
   EXPECT_FALSE(JudgeGuid(""));
@@ -117,13 +117,13 @@ TEST(Findings, Communities) {
   EXPECT_EQ(JudgeCommunity(CommunitySource::kNone, {}, 0).verdict, Verdict::kFail);
   const Finding hidden = JudgeCommunity(CommunitySource::kNone, {"/a/snmpd.conf", "/b"}, 0);
   EXPECT_EQ(hidden.verdict, Verdict::kNote);
-  EXPECT_TRUE(Has(hidden, "may not read /a/snmpd.conf, /b.")) << Text(hidden);
+  EXPECT_TRUE(Has(hidden, "may not read /a/snmpd.conf, /b.")) << Said(hidden);
 }
 
 TEST(Findings, UsersInPlaceOfACommunity) {
   const Finding users = JudgeCommunity(CommunitySource::kNone, {}, 2);
   EXPECT_EQ(users.verdict, Verdict::kNote);
-  EXPECT_TRUE(Has(users, "SNMPv3 users in alone")) << Text(users);
+  EXPECT_TRUE(Has(users, "SNMPv3 users in alone")) << Said(users);
   // What could not be read may have one.
   EXPECT_TRUE(Has(JudgeCommunity(CommunitySource::kNone, {"/a"}, 2), "may not read /a."));
 }
@@ -196,7 +196,7 @@ TEST(Findings, Sockets) {
     return JudgeSocket("/s", "/s", error, other);
   };
   EXPECT_EQ(judge(0).verdict, Verdict::kOk);
-  EXPECT_TRUE(Has(judge(ENOENT), "absent: snmpd does not run, or")) << Text(judge(ENOENT));
+  EXPECT_TRUE(Has(judge(ENOENT), "absent: snmpd does not run, or")) << Said(judge(ENOENT));
   EXPECT_TRUE(Has(judge(ENOTDIR), "absent"));
   EXPECT_TRUE(Has(judge(ECONNREFUSED), "nobody listens"));
   EXPECT_TRUE(Has(judge(EACCES), "FAIL  AgentX socket /s: not permitted"));
@@ -212,7 +212,7 @@ TEST(Findings, WhatToAddToTheView) {
   facts.community_line = {"rocommunity", "public", "127.0.0.1", "-V", "systemonly"};
   EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts),
                   "Add to snmpd.conf: view systemonly included .1.3.6.1.4.1.4891; then"))
-      << Text(JudgeSubtree(Subtree::kNothing, facts));
+      << Said(JudgeSubtree(Subtree::kNothing, facts));
   // What everybody tries from anywhere is shown no more.
   for (const Line &line :
        {Line{"rocommunity", "public", "default", "-V", "systemonly"}, Line{"rocommunity", "public"},
@@ -222,8 +222,8 @@ TEST(Findings, WhatToAddToTheView) {
     EXPECT_TRUE(Has(finding,
                     "Add to snmpd.conf: rocommunity NAME 127.0.0.1 .1.3.6.1.4.1.4891, and "
                     "to vexhostd.conf: community NAME; then restart both."))
-        << Text(finding);
-    EXPECT_TRUE(Has(finding, "\"" + line[1] + "\"")) << Text(finding);
+        << Said(finding);
+    EXPECT_TRUE(Has(finding, "\"" + line[1] + "\"")) << Said(finding);
     EXPECT_FALSE(Has(finding, "view "));
   }
   facts.community_line = {"rocommunity", "own", "default", "-V", "systemonly"};
@@ -311,9 +311,9 @@ TEST(Findings, AgesOfAGroupOfEachPoll) {
 
 TEST(Findings, AgesOfAGroupThatChangesSeldom) {
   const Group group = {"filesys", false, false, "no mounts"};
-  EXPECT_EQ(Text(JudgeGroup(group, Published(1, 90'000), true, kNow, 15, AgentPhase::kRuns)),
+  EXPECT_EQ(Said(JudgeGroup(group, Published(1, 90'000), true, kNow, 15, AgentPhase::kRuns)),
             "ok    group filesys: 1 row, last published 25 h ago (only when something changes).\n");
-  EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kRuns)),
+  EXPECT_EQ(Said(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kRuns)),
             "note  group filesys: not published; no mounts.\n");
 }
 
@@ -327,7 +327,7 @@ TEST(Findings, WhyAnObjectIsMissing) {
   const Group group = {"misc", true, true, ""};
   const Group other = {"fwver", false, false, "this machine has no source for it"};
   const auto judge = [&](const Group &one, const GroupFacts &facts, AgentPhase phase) {
-    return Text(JudgeGroup(one, facts, false, kNow, 15, phase));
+    return Said(JudgeGroup(one, facts, false, kNow, 15, phase));
   };
   GroupFacts facts;
   facts.served = false;
@@ -361,7 +361,7 @@ TEST(Findings, WhatStandsInPlaceOfAFile) {
   const Group group = {"cpu", true, true, ""};
   GroupFacts facts;
   const auto judge = [&](AgentPhase phase) {
-    return Text(JudgeGroup(group, facts, facts.objects != 0, kNow, 15, phase));
+    return Said(JudgeGroup(group, facts, facts.objects != 0, kNow, 15, phase));
   };
   const std::string next_poll =
       " The agent writes it again at its next poll; if it does not, its log says why.\n";
@@ -429,7 +429,7 @@ TEST(Findings, FilesOfAGroup) {
 TEST(Findings, GroupsWithoutAnAgent) {
   for (const char *why : {"", "no EV told it at the agent's start"}) {
     const Group group = {"hwinfo", false, false, why};
-    EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kGone)),
+    EXPECT_EQ(Said(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kGone)),
               "note  group hwinfo: not published, as no agent runs.\n");
   }
 }
@@ -438,7 +438,7 @@ TEST(Findings, WhoseTheDirectoryIs) {
   DirectoryFacts facts;
   facts.path = "/r/host";
   const auto judge = [&](AgentPhase phase = AgentPhase::kRuns) {
-    return Text(JudgeDirectory(facts, phase));
+    return Said(JudgeDirectory(facts, phase));
   };
   facts.agents = {812, 913};
   facts.holder = 913;
@@ -485,7 +485,7 @@ TEST(Findings, WhoseTheDirectoryIs) {
 
 TEST(Findings, GroupsOfAnAgentThatStarts) {
   const Group group = {"misc", true, true, ""};
-  EXPECT_EQ(Text(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kStarts)),
+  EXPECT_EQ(Said(JudgeGroup(group, {}, false, kNow, 15, AgentPhase::kStarts)),
             "note  group misc: not published yet: the agent has just started. Look again in half a "
             "minute.\n");
   ProcessFact agent;
@@ -610,6 +610,46 @@ TEST(FindingsForPrograms, NameTheirCheck) {
   EXPECT_EQ(check("group cpu: 2 rows"), "group cpu");
   EXPECT_EQ(check("gave up after 30 s: the next check"), "doctor");
   EXPECT_EQ(check("all checks were made"), "doctor");
+}
+
+TEST(Findings, WhoseCommunitySnmpdAnswersTo) {
+  const std::pair<CommunitySource, const char *> sources[] = {
+      {CommunitySource::kOwn, "the community of vexhostd.conf"},
+      {CommunitySource::kCommon, "defCommunity of snmp.conf"},
+      {CommunitySource::kMaster, "the first read community of snmpd.conf"},
+      {CommunitySource::kNone, "no community"}};
+  for (const auto &[source, text] : sources) {
+    EXPECT_TRUE(
+        Has(JudgeMaster(MasterAnswer::kAnswers, source), std::string("answers to ") + text));
+  }
+  EXPECT_TRUE(Has(JudgeMaster(MasterAnswer::kSilent, CommunitySource::kOwn), "no answer within"));
+}
+
+TEST(Findings, SocketsThatAreNotPermitted) {
+  EXPECT_TRUE(Has(JudgeSocket("/s", "/s", EPERM, false), "not permitted"));
+  EXPECT_EQ(JudgeSocket("/s", "/s", EPERM, true).verdict, Verdict::kNote);
+}
+
+// What follows a subtree on a line of snmpd.conf is no view.
+TEST(Findings, LinesWithMoreThanASubtree) {
+  ViewFacts facts;
+  facts.sessions = 1;
+  facts.community_line = {"rocommunity", "own", "default", ".1.3.6.1.2.1", "context"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "shows .1.3.6.1.2.1 alone"));
+  facts.community_line = {"rocommunity", "public", "[::1]", ".1.3.6.1.2.1"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "shows .1.3.6.1.2.1 alone"))
+      << "nobody else is let in";
+}
+
+TEST(FindingsForPrograms, WordsThatBeginLikeACheck) {
+  const auto check = [](const std::string &text) {
+    const std::string json = FindingJson({Verdict::kNote, text});
+    const size_t at = json.find("check\":\"") + 8;
+    return json.substr(at, json.find('"', at) - at);
+  };
+  EXPECT_EQ(check("registry: missing"), "registry");
+  EXPECT_EQ(check("registry"), "registry");
+  EXPECT_EQ(check("registryfile: missing"), "registryfile");
 }
 
 }  // namespace
