@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -198,7 +199,8 @@ class OddMaster {
   std::thread thread_;
 };
 
-const Oid kSubtreeOid = {1, 3, 6, 1, 4, 1, 4891};
+const Oid kSubtreeOid = {vex::MibGroups().front().oid,
+                         vex::MibGroups().front().oid + vex::MibGroups().front().oid_length};
 const Oid kUpTime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 
 Oid Numbers(const char *variable, std::initializer_list<uint32_t> more = {}) {
@@ -842,7 +844,7 @@ TEST_F(Doctor, MasterWithOddRows) {
        {"cpu.0", "filesys.0", "mount.0", "sibling.0", "swver.0", "swkind.0", "memory", "misc"}) {
     ASSERT_EQ(host_.Vexreg({"put", std::string("host/") + name, "int:1"}).status, 0);
   }
-  ASSERT_EQ(mknod((host + "load").c_str(), S_IFCHR | 0600, 0), 0);
+  ASSERT_EQ(mknod((host + "load").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
   ASSERT_EQ(mknod((host + "cpu.5").c_str(), S_IFSOCK | 0600, 0), 0);
   const Oid cpu = Numbers("tlxHoCpuUtilUnitIndex");
   const OddMaster master([&](bool next, const Oid &asked) -> std::optional<OddMaster::Answer> {
@@ -910,7 +912,7 @@ TEST_F(Doctor, SourcesThatTheAgentTakesInPart) {
   host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(4, '\x01'));
   host_.File("/sys/firmware/efi/efivars/ZTHRN4-8be4df61-93ca-11d2-aa0d-00e098032b8c",
              std::string(9, '\x01'));
-  ASSERT_EQ(mknod("/dev/tlxrmc0", S_IFCHR | 0600, 0), 0);
+  ASSERT_EQ(mknod("/dev/tlxrmc0", S_IFCHR | 0600, makedev(1, 3)), 0);
   host_.snmpd.Start();
   Examine();
   EXPECT_EQ(About("EV ZTHUV: "),
