@@ -1,11 +1,22 @@
 // `vexreg doctor` on hosts where something usual is wrong.
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <functional>
+#include <optional>
+#include <thread>
 
+#include "framework/process/descriptor.h"
+#include "framework/snmp/mib_table.h"
 #include "tests/support/fuse_mount.h"
 #include "tests/support/made_up_host.h"
 #include "tests/support/simulated_controller.h"
@@ -67,6 +78,141 @@ class Doctor : public testing::Test {
   MadeUpHost host_;
   Outcome outcome_;
 };
+
+using Oid = std::vector<uint32_t>;
+
+// An snmpd that answers as a test says, however odd: a GET or GETNEXT of one variable by SNMPv2c.
+class OddMaster {
+ public:
+  struct Answer {
+    int error = 0;
+    Oid name;
+    std::optional<uint8_t> number = 1;  // else the value is a text
+  };
+  // Nothing: no answer.
+  using Rule = std::function<std::optional<Answer>(bool next, const Oid &asked)>;
+
+  explicit OddMaster(Rule rule) : rule_(std::move(rule)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(161);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~OddMaster() {
+    eventfd_write(end_.get(), 1);
+    thread_.join();
+  }
+  OddMaster(const OddMaster &) = delete;
+  OddMaster &operator=(const OddMaster &) = delete;
+
+ private:
+  // Everything here is shorter than 128 octets, so that a length is one (X.690).
+  static std::string Field(int tag, const std::string &body) {
+    return std::string{static_cast<char>(tag), static_cast<char>(body.size())} + body;
+  }
+  static std::string Encoded(const Oid &oid) {
+    std::string text(1, static_cast<char>(oid.at(0) * 40 + oid.at(1)));
+    for (size_t i = 2; i < oid.size(); i++) {
+      std::string digits(1, static_cast<char>(oid[i] & 0x7F));
+      for (uint32_t rest = oid[i] >> 7; rest > 0; rest >>= 7) {
+        digits.insert(0, 1, static_cast<char>(0x80 | (rest & 0x7F)));
+      }
+      text += digits;
+    }
+    return text;
+  }
+  static Oid Decoded(const std::string &text) {
+    Oid oid = {static_cast<uint32_t>(text.at(0) / 40), static_cast<uint32_t>(text.at(0) % 40)};
+    uint32_t number = 0;
+    for (const char c : text.substr(1)) {
+      number = number << 7 | (static_cast<unsigned char>(c) & 0x7F);
+      if ((c & 0x80) == 0) {
+        oid.push_back(number);
+        number = 0;
+      }
+    }
+    return oid;
+  }
+  // Takes a field with its tag off the front.
+  static std::string Take(std::string *from, int *tag = nullptr) {
+    const auto length = static_cast<size_t>(from->at(1));
+    if (tag != nullptr) {
+      *tag = static_cast<unsigned char>(from->at(0));
+    }
+    std::string body = from->substr(2, length);
+    from->erase(0, 2 + length);
+    return body;
+  }
+  std::string Reply(std::string request) {
+    std::string message = Take(&request);
+    const std::string version = Take(&message);
+    if (version != "\1") {
+      return "";  // a question to an engine of SNMPv3
+    }
+    const std::string community = Take(&message);
+    int kind = 0;
+    std::string pdu = Take(&message, &kind);
+    const std::string id = Take(&pdu);
+    Take(&pdu);
+    Take(&pdu);
+    std::string list = Take(&pdu);
+    std::string variable = Take(&list);
+    const auto answer = rule_(kind == 0xA1, Decoded(Take(&variable)));
+    if (!answer) {
+      return "";
+    }
+    const std::string value = answer->number
+                                  ? Field(2, std::string(1, static_cast<char>(*answer->number)))
+                                  : Field(4, "text");
+    return Field(
+        0x30,
+        Field(2, version) + Field(4, community) +
+            Field(0xA2, Field(2, id) + Field(2, std::string(1, static_cast<char>(answer->error))) +
+                            Field(2, std::string(1, '\0')) +
+                            Field(0x30, Field(0x30, Field(6, Encoded(answer->name)) + value))));
+  }
+  void Serve() {
+    for (;;) {
+      pollfd waited[] = {{socket_.get(), POLLIN, 0}, {end_.get(), POLLIN, 0}};
+      if (poll(waited, 2, -1) > 0 && waited[1].revents != 0) {
+        return;
+      }
+      char buffer[2048];
+      sockaddr_in from = {};
+      socklen_t length = sizeof(from);
+      const ssize_t got = recvfrom(socket_.get(), buffer, sizeof(buffer), 0,
+                                   reinterpret_cast<sockaddr *>(&from), &length);
+      const std::string reply =
+          got > 0 ? Reply(std::string(buffer, static_cast<size_t>(got))) : std::string();
+      if (!reply.empty()) {
+        sendto(socket_.get(), reply.data(), reply.size(), 0, reinterpret_cast<sockaddr *>(&from),
+               length);
+      }
+    }
+  }
+
+  const Rule rule_;
+  const vex::Descriptor socket_{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+  const vex::Descriptor end_{eventfd(0, EFD_CLOEXEC)};
+  std::thread thread_;
+};
+
+const Oid kSubtreeOid = {vex::MibGroups().front().oid,
+                         vex::MibGroups().front().oid + vex::MibGroups().front().oid_length};
+const Oid kUpTime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+
+Oid Numbers(const char *variable, std::initializer_list<uint32_t> more = {}) {
+  const vex::MibVariable *found = vex::FindMibVariable(variable);
+  Oid oid(found->Oid().begin(), found->Oid().end());
+  oid.insert(oid.end(), more);
+  return oid;
+}
+
+bool IsBelow(const Oid &oid, const Oid &root) {
+  return oid.size() >= root.size() && std::equal(root.begin(), root.end(), oid.begin());
+}
 
 #define EXPECT_HAS(line, text) EXPECT_TRUE(Has(line, text)) << (line) << "\n" << outcome_.out
 
@@ -492,6 +638,10 @@ TEST_F(Doctor, AgentThatPausesAtItsStart) {
   EXPECT_EQ(About("group memory: "),
             "note  group memory: last published 2 h ago (each 15 s): the agent has just started. "
             "Look again in half a minute.");
+  // Where it will publish cannot be seen yet.
+  host_.Directory("/tmp/registry");
+  Examine({"--root", "/tmp/registry"});
+  EXPECT_HAS(About("registry "), "note  registry /tmp/registry/host: ");
   host_.daemon.Stop(SIGKILL);
 }
 
@@ -656,4 +806,152 @@ TEST_F(Doctor, RefusesArguments) {
   EXPECT_EQ(host_.Vexreg({"doctor", "host/cpu.0"}).status, 2);
   EXPECT_EQ(host_.Vexreg({"doctor", "--width", "-1"}).status, 2);
   EXPECT_EQ(host_.Vexreg({"doctor", "--limit", "0"}).status, 2);
+}
+
+// What snmpd has of the agent's subtree is not the agent's, or it does not come in time.
+TEST_F(Doctor, MasterThatAnswersWithErrors) {
+  host_.File("/etc/snmp/snmpd.conf", "rocommunity public 127.0.0.1\n");
+  std::atomic<bool> visible = false;
+  const OddMaster master([&](bool next, const Oid &asked) -> std::optional<OddMaster::Answer> {
+    if (asked == kUpTime) {
+      return OddMaster::Answer{0, asked};
+    }
+    if (visible && asked == kSubtreeOid) {
+      return OddMaster::Answer{0, Numbers("tlxHoMibRevMajor", {0})};
+    }
+    return next ? std::optional(OddMaster::Answer{5, asked}) : std::nullopt;
+  });
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("snmpd on UDP"), ": answers to the first read community");
+  EXPECT_HAS(About("subtree "), "FAIL  subtree .1.3.6.1.4.1.4891: snmpd answers with an error");
+  // The subtree is there, but what is compared is not answered, and nothing else is told.
+  visible = true;
+  Examine();
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_NE(outcome_.out.find("ok    subtree .1.3.6.1.4.1.4891: visible."), std::string::npos);
+  EXPECT_NE(outcome_.out.find("FAIL  subtree .1.3.6.1.4.1.4891: no answer within two seconds"),
+            std::string::npos);
+  EXPECT_HAS(About("value: "), "lines about it: 0");
+  EXPECT_HAS(About("group memory: "), "FAIL  group memory: not published, though the agent runs.");
+}
+
+// Rows that snmpd tells of are looked for as far as they can be: without end, and in no order.
+TEST_F(Doctor, MasterWithOddRows) {
+  host_.File("/etc/snmp/snmpd.conf", "rocommunity public 127.0.0.1\n");
+  const std::string host = std::string(MadeUpHost::kRegistry) + "/host/";
+  for (const char *name :
+       {"cpu.0", "filesys.0", "mount.0", "sibling.0", "swver.0", "swkind.0", "memory", "misc"}) {
+    ASSERT_EQ(host_.Vexreg({"put", std::string("host/") + name, "int:1"}).status, 0);
+  }
+  ASSERT_EQ(mknod((host + "load").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+  ASSERT_EQ(mknod((host + "cpu.5").c_str(), S_IFSOCK | 0600, 0), 0);
+  const Oid cpu = Numbers("tlxHoCpuUtilUnitIndex");
+  const OddMaster master([&](bool next, const Oid &asked) -> std::optional<OddMaster::Answer> {
+    using Answer = OddMaster::Answer;
+    if (asked == kSubtreeOid) {
+      return Answer{0, Numbers("tlxHoMibRevMajor", {0})};
+    }
+    if (asked == kUpTime || asked == Numbers("tlxHoPhysicalMemoryFree", {0})) {
+      return Answer{0, asked};
+    }
+    if (IsBelow(asked, cpu)) {
+      Oid row = asked;
+      if (next) {
+        if (row == cpu) {
+          row.push_back(0);
+        } else {
+          row.back()++;
+        }
+        return Answer{0, row};
+      }
+      if (row.back() == 4) {  // it is published now
+        std::filesystem::copy_file(host + "cpu.0", host + "cpu.4");
+      }
+      return row.back() == 1                      ? std::nullopt
+             : row.back() == 2                    ? std::optional(Answer{0, row, std::nullopt})
+             : row.back() == 4 || row.back() == 6 ? std::optional(Answer{0, row})
+                                                  : std::optional(Answer{5, row});
+    }
+    if (!next || IsBelow(asked, Numbers("tlxHoFileSysIndex")) ||
+        IsBelow(asked, Numbers("tlxHoAgentVersion"))) {
+      return std::nullopt;
+    }
+    if (IsBelow(asked, Numbers("tlxHoSiblingName"))) {
+      return Answer{0, Numbers("tlxHoSiblingName", {0, 0})};
+    }
+    if (IsBelow(asked, Numbers("tlxHoSwVerIndex"))) {
+      return Answer{0, Numbers("tlxHoSwVerIndex", {0})};  // again and again
+    }
+    return Answer{IsBelow(asked, Numbers("tlxHoMountDevice")) ? 5 : 0, {1, 3, 7}};
+  });
+  outcome_ = host_.Vexreg({"doctor", "--limit", "100"});
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("all checks"), "lines about it: 0");
+  EXPECT_EQ(outcome_.out.find("gave up"), std::string::npos) << outcome_.out;
+  EXPECT_HAS(About("value: "), "tlxHoPhysicalMemoryFree");
+  EXPECT_HAS(About("group cpu: "),
+             "FAIL  group cpu: 1 row, but a socket stands in place of cpu.5, and the file of cpu.6 "
+             "is missing, though published to managers.");
+  for (const char *group : {"filesys", "mount", "sibling", "swver", "swkind"}) {
+    EXPECT_HAS(About(std::string("group ") + group + ": "), ": 1 row, last published ");
+  }
+  EXPECT_HAS(About("group load: "), "FAIL  group load: a device stands in place of load.");
+  EXPECT_HAS(About("group agent: "), "not published");
+}
+
+TEST_F(Doctor, SocketThatIsNone) {
+  host_.File("/etc/snmp/vexhostd.conf", "agentXSocket tcp:localhost:705\n");
+  host_.snmpd.Start();
+  Examine();
+  EXPECT_HAS(About("AgentX socket: "), "note  AgentX socket: tcp:localhost:705 is no Unix socket");
+}
+
+TEST_F(Doctor, SourcesThatTheAgentTakesInPart) {
+  host_.File("/var/lib/quorix/ev/ZTHUV", std::string(100, '\x01'));
+  host_.File("/var/lib/quorix/ev/ZTHRN4", std::string(4, '\x01'));
+  host_.File("/sys/firmware/efi/efivars/ZTHRN4-8be4df61-93ca-11d2-aa0d-00e098032b8c",
+             std::string(9, '\x01'));
+  ASSERT_EQ(mknod("/dev/tlxrmc0", S_IFCHR | 0600, makedev(1, 3)), 0);
+  host_.snmpd.Start();
+  Examine();
+  EXPECT_EQ(About("EV ZTHUV: "),
+            "note  EV ZTHUV: has 100 of 136 bytes; what is missing counts as zero.");
+  EXPECT_HAS(About("EV ZTHRN4: "), "that are needed, the UEFI variable is used.");
+  EXPECT_EQ(About("management controller: "),
+            "ok    management controller: remote card /dev/tlxrmc0.");
+}
+
+TEST_F(Doctor, AnotherRegistryThanThatOfAnAgentThatStandsStill) {
+  Start();
+  host_.Directory("/tmp/registry");
+  host_.daemon.Signal(SIGSTOP);
+  Examine({"--root", "/tmp/registry"});
+  host_.daemon.Signal(SIGCONT);
+  EXPECT_EQ(outcome_.status, 1);
+  EXPECT_HAS(About("registry "), "not the agent's, which publishes elsewhere. Check --root.");
+}
+
+// Another user asks as a manager does, and sees no process of others.
+TEST_F(Doctor, UnprivilegedItSeesWhatManagersSee) {
+  Start();
+  ASSERT_EQ(RunCommand({"mount", "-o", "remount,hidepid=2", "/proc"}).status, 0);
+  // A row that he may not read is there all the same.
+  ASSERT_EQ(chmod((std::string(MadeUpHost::kRegistry) + "/host/cpu.1").c_str(), 0600), 0);
+  ExamineUnprivileged();
+  EXPECT_HAS(About("group cpu: "), "ok    group cpu: 1 row, last published ");
+  EXPECT_HAS(About("vexhostd: "), "note  vexhostd: not seen, ");
+  EXPECT_EQ(About("subtree "), "ok    subtree .1.3.6.1.4.1.4891: visible.");
+  EXPECT_HAS(About("value: "), "ok    value: ");
+  EXPECT_HAS(About("group memory: "), "ok    group memory: last published ");
+}
+
+TEST_F(Doctor, UnprivilegedItNeedNotReachAnotherUsersSocket) {
+  Start();
+  std::filesystem::permissions("/var/agentx", std::filesystem::perms(0700));
+  ExamineUnprivileged();
+  EXPECT_HAS(About("vexhostd: "), "ok    vexhostd: runs");
+  EXPECT_HAS(About("AgentX socket "),
+             "note  AgentX socket /var/agentx/master: this user may not open it, and need not: the "
+             "agent runs as another.");
 }

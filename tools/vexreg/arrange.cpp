@@ -84,12 +84,11 @@ using Key = std::variant<std::monostate, int64_t, std::string>;
 
 Key KeyOf(const NamedObject &object, const std::string &column) {
   if (column == kNumberColumn) {
-    const auto row = ParseRowName(object.name);
+    // Rows alone are sorted.
+    const std::string_view digits = ParseRowName(object.name)->number;
     int64_t number = INT64_MAX;  // stays where it has too many digits
-    if (row) {
-      std::from_chars(row->number.data(), row->number.data() + row->number.size(), number);
-    }
-    return row ? Key(number) : Key();
+    std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return number;
   }
   const auto place = FindColumn(object.object, ShortNames(object.object), column);
   if (!place) {

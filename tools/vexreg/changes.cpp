@@ -23,11 +23,7 @@ bool SameVariables(const FileObject &a, const FileObject &b) {
 }  // namespace
 
 std::string OneLine(const nlohmann::ordered_json &json) {
-  std::string text = json.dump(-1, ' ', true);
-  for (size_t at; (at = text.find('\x7F')) != std::string::npos;) {
-    text.replace(at, 1, "\\u007f");
-  }
-  return text;
+  return json.dump(-1, ' ', true);
 }
 
 std::vector<std::string> ChangeLines(const std::string &name, const FileObject *before,

@@ -160,8 +160,8 @@ int TerminalWidth() {
     return 0;
   }
   winsize size = {};
-  return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
-                                                                         : kUsualWidth;
+  ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+  return size.ws_col > 0 ? size.ws_col : kUsualWidth;
 }
 
 int FinishOutput(int status) {

@@ -302,7 +302,7 @@ class Examination {
       facts->unreadable = facts->unreadable || (!file && errno == EACCES);
     }
     const MibVariable *variable = FindMibVariable(group.variable);
-    if (!visible_ || AgentStopped() || variable == nullptr) {
+    if (!visible_ || variable == nullptr) {
       return;
     }
     const SnmpReply reply = AskSnmp(kLoopbackAddress, files_.community, variable->Oid(), true);
@@ -331,11 +331,11 @@ class Examination {
     return names;
   }
 
-  // Whether there is something of that name that this user may read.
-  bool HasFile(const std::string &name) const {
+  // Whether there is something of an object's name that this user may read; flags: O_PATH, also
+  // what he may not.
+  bool HasFile(const std::string &object, int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY) const {
     const Descriptor root(OpenRegistryRoot(root_, false));
-    return static_cast<bool>(
-        Descriptor(OpenBeneath(root.get(), name, O_RDONLY | O_NONBLOCK | O_NOCTTY)));
+    return static_cast<bool>(Descriptor(OpenBeneath(root.get(), host_objects + object, flags)));
   }
 
   // What there is of an object's name in the agent's directory, when it is no file.
@@ -357,7 +357,7 @@ class Examination {
   // Adds the rows that snmpd has and the registry has not.
   void LookForRows(const Group &group, GroupFacts *facts) {
     const MibVariable *variable = FindMibVariable(group.variable);
-    if (!visible_ || AgentStopped() || variable == nullptr) {
+    if (!visible_ || variable == nullptr) {
       return;
     }
     const std::vector<uint32_t> column(variable->Oid().begin(), variable->Oid().end());
@@ -370,12 +370,12 @@ class Examination {
       }
       at = reply.name;
       const std::string name = group.name + "." + std::to_string(at.back());
-      if (HasFile(host_objects + name) || WhatStandsFor(name)) {
+      if (HasFile(name, O_PATH)) {
         continue;
       }
       // It may have come or gone just now.
       const SnmpReply still = AskSnmp(kLoopbackAddress, files_.community, at, false);
-      if (still.answered && still.error == 0 && still.value && !HasFile(host_objects + name)) {
+      if (still.answered && still.error == 0 && still.value && !HasFile(name, O_PATH)) {
         facts->missing_rows.push_back(name);
       }
     }
@@ -394,7 +394,7 @@ class Examination {
         rows = rows || file != group.name;
       } else if (const auto thing = file != group.name ? WhatStandsFor(file) : std::nullopt) {
         facts->in_place.push_back(*thing);
-      } else if (file != group.name && HasFile(host_objects + file)) {
+      } else if (file != group.name && HasFile(file)) {
         facts->damaged_rows.push_back(file);
       }
     }
@@ -441,7 +441,7 @@ class Examination {
   bool json_;
   bool failed_ = false;
   bool hidden_ = false;
-  bool visible_ = false;
+  bool visible_ = false;  // the agent's subtree, which a stopped agent is not asked for
   std::vector<ProcessFact> master_;
   std::vector<ProcessFact> agent_;
   SnmpFiles files_;

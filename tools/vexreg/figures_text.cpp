@@ -54,7 +54,7 @@ template <typename Number>
 bool TakeNumber(std::string_view *line, Number *number) {
   const std::string_view word = TakeWord(line);
   const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), *number);
-  return error == std::errc() && end == word.data() + word.size() && !word.empty();
+  return error == std::errc() && end == word.data() + word.size();
 }
 
 bool ParseLine(std::string_view line, MountFigures *figures) {

@@ -456,9 +456,8 @@ Finding JudgeGroup(const Group &group, const GroupFacts &facts, bool rows, int64
     const std::string why = group.absent.empty() ? "." : "; " + std::string(group.absent) + ".";
     const std::string also =
         facts.served ? "never published, to managers neither" : "not published";
-    return group.needed && agent_runs
-               ? Fail(name + also + ", though the agent runs. Look at its log.")
-               : Note(name + "not published" + why);
+    return group.needed ? Fail(name + also + ", though the agent runs. Look at its log.")
+                        : Note(name + "not published" + why);
   }
   std::string what = name;
   if (rows) {

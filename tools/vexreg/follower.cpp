@@ -45,6 +45,10 @@ bool HasVariable(const FileObject &object, const std::string &name) {
 Follower::Follower(Selection selection, std::vector<std::string> also)
     : selection_(std::move(selection)), also_(std::move(also)) {}
 
+size_t Follower::reads() const {
+  return reads_;
+}
+
 void Follower::List(int parent, const char *name, const std::string &prefix, int depth,
                     Stamps *stamps) {
   Descriptor opened(openat(parent, name, kReadDirectory));

@@ -38,9 +38,7 @@ class Follower {
 
   Look LookAgain();
   // Files read in the last look.
-  size_t reads() const {
-    return reads_;
-  }
+  size_t reads() const;
 
  private:
   // By which a file shows that it was written.

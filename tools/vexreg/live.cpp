@@ -31,7 +31,8 @@ double Now() {
 
 std::string HostName() {
   char name[256] = "";
-  return gethostname(name, sizeof(name) - 1) == 0 ? name : "";
+  gethostname(name, sizeof(name) - 1);
+  return name;
 }
 
 std::set<std::string> GroupsOf(const std::vector<NamedObject> &objects) {

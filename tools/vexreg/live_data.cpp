@@ -188,7 +188,7 @@ void LiveData::NoteVariables(const LiveRow &row, const FileObject &before, int64
     }
     Note(wall, name + " " + SafeText(short_names[slot]), std::move(how));
   }
-  if (after.variables.empty() && before.data != after.data) {
+  if (after.variables.empty()) {
     Note(wall, name, "changed");
   }
 }

@@ -70,9 +70,6 @@ class LiveData {
   const std::deque<LiveChange> &changes() const {
     return changes_;
   }
-  uint64_t changes_version() const {
-    return changes_version_;
-  }
   // Of the share of the memory that cannot be given to programs any more.
   const History &memory_history() const {
     return memory_history_;

@@ -54,7 +54,7 @@ void TakeCrash(int number) {
 // A string of the terminal's description, without the pauses in it that old terminals needed.
 void AddToLeave(const char *capability) {
   const char *text = tigetstr(const_cast<char *>(capability));
-  if (text == nullptr || text == reinterpret_cast<const char *>(-1)) {
+  if (text == nullptr) {
     return;
   }
   while (*text != '\0' && leave_length < sizeof(leave)) {
@@ -113,8 +113,7 @@ bool CanDraw(std::string *why) {
     *why = name.empty() ? "TERM is not set" : "the terminal \"" + name + "\" is not known";
     return false;
   }
-  const char *address = tigetstr(const_cast<char *>("cup"));
-  if (address == nullptr || address == reinterpret_cast<const char *>(-1)) {
+  if (tigetstr(const_cast<char *>("cup")) == nullptr) {
     *why = "the terminal \"" + name + "\" has no cursor that can be moved";
     return false;
   }

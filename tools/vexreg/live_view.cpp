@@ -317,33 +317,33 @@ void LiveView::MakeValues(const Section &section) {
   }
 }
 
+size_t LiveView::formatted() const {
+  return formatted_;
+}
+
 size_t LiveView::MetersPerLine(int width) const {
   return static_cast<size_t>(std::max(1, width / kMeterWidth));
 }
 
 size_t LiveView::CountLines(const Section &section) {
-  switch (section.kind) {
-    case Kind::kMemoryBars:
-      return MemoryLines(width_).size();
-    case Kind::kNews:
-      return std::max<size_t>(
-          1, static_cast<size_t>(std::count_if(data_.changes().begin(), data_.changes().end(),
-                                               [&](const LiveChange &change) {
-                                                 return MatchesText(change.what + " " + change.how);
-                                               })));
-    case Kind::kValues:
-      MakeValues(section);
-      return section.state->lines.size();
-    case Kind::kMeters:
-      Arrange(section, Columns(section));
-      return whole_ ? section.state->order.size()
-                    : (section.state->order.size() + MetersPerLine(width_) - 1) /
-                          MetersPerLine(width_);
-    case Kind::kTable:
-      Arrange(section, Columns(section));
-      return section.state->order.size();
+  if (section.kind == Kind::kMemoryBars) {
+    return MemoryLines(width_).size();
   }
-  return 0;
+  if (section.kind == Kind::kNews) {
+    return std::max<size_t>(
+        1, static_cast<size_t>(std::count_if(data_.changes().begin(), data_.changes().end(),
+                                             [&](const LiveChange &change) {
+                                               return MatchesText(change.what + " " + change.how);
+                                             })));
+  }
+  if (section.kind == Kind::kValues) {
+    MakeValues(section);
+    return section.state->lines.size();
+  }
+  Arrange(section, Columns(section));
+  const size_t rows = section.state->order.size();
+  const size_t per_line = section.kind == Kind::kMeters && !whole_ ? MetersPerLine(width_) : 1;
+  return (rows + per_line - 1) / per_line;
 }
 
 // Gives each section of an overview its fair share of the screen: one that needs less leaves the
@@ -754,7 +754,9 @@ std::vector<LiveLine> LiveView::Lines(const Section &section, size_t from, size_
       n++;
     }
     if (n == 0) {
-      lines.push_back({{"  nothing since this view began", Mood::kFaint}});
+      const bool none = data_.changes().empty();
+      lines.push_back(
+          {{none ? "  nothing since this view began" : "  nothing with that text", Mood::kFaint}});
     }
   }
   return lines;
@@ -776,7 +778,7 @@ std::vector<LiveLine> LiveView::Body(const LiveMoment &moment, size_t height, Pl
   }
   std::vector<Section> sections = ShownSections();
   const bool spacious = moment.height >= kSpacious;
-  whole_ = open_ || sections.size() == 1;
+  whole_ = sections.size() == 1;  // one that is open is alone
   if (whole_) {
     for (Section &section : sections) {
       section.lines = CountLines(section);
@@ -811,7 +813,7 @@ std::vector<LiveLine> LiveView::Body(const LiveMoment &moment, size_t height, Pl
   }
   lines -= spacious && !parts.empty() ? 1 : 0;
   // Of a section that is alone, title and heading stay in their places.
-  const bool fixed = whole_ && parts.size() == 1 && height > notes.size() + parts[0].head;
+  const bool fixed = whole_ && height > notes.size() + parts[0].head;
   const size_t above = fixed ? notes.size() + parts[0].head : 0;
   const size_t most = lines > height ? lines - height : 0;
   scroll_ = std::min(scroll_, most);
@@ -819,7 +821,7 @@ std::vector<LiveLine> LiveView::Body(const LiveMoment &moment, size_t height, Pl
   const size_t from = scroll_ + above;
   const size_t to = std::min(lines, scroll_ + height);
   place->lines = lines - above;
-  place->visible = to > from ? to - from : 0;
+  place->visible = to - from;
 
   std::vector<LiveLine> page;
   if (fixed) {
@@ -847,7 +849,7 @@ std::vector<LiveLine> LiveView::Body(const LiveMoment &moment, size_t height, Pl
         page.push_back(std::move(line));
       }
     }
-    if (spacious && end >= from && end < to && &part != &parts.back()) {
+    if (spacious && end >= from && end < to) {
       page.emplace_back();
     }
   }
@@ -1129,6 +1131,10 @@ void LiveView::PressInFilter(int key) {
       character = {static_cast<char>(0xE0 | code >> 12),
                    static_cast<char>(0x80 | (code >> 6 & 0x3F)),
                    static_cast<char>(0x80 | (code & 0x3F))};
+    } else {
+      character = {
+          static_cast<char>(0xF0 | code >> 18), static_cast<char>(0x80 | (code >> 12 & 0x3F)),
+          static_cast<char>(0x80 | (code >> 6 & 0x3F)), static_cast<char>(0x80 | (code & 0x3F))};
     }
     filter_ += code < 0xA0 && code >= 0x80 ? "" : character;
   } else if (key == kKeyUp || key == kKeyDown || key == kKeyPageUp || key == kKeyPageDown) {
@@ -1175,20 +1181,17 @@ void LiveView::PressInHelp(int key) {
 }
 
 bool LiveView::Press(int key) {
-  switch (mode_) {
-    case Mode::kFilter:
-      PressInFilter(key);
-      return true;
-    case Mode::kGroups:
-      PressInGroups(key);
-      return true;
-    case Mode::kHelp:
-      PressInHelp(key);
-      return true;
-    case Mode::kView:
-      break;
+  if (mode_ == Mode::kView) {
+    return PressInView(key);
   }
-  return PressInView(key);
+  if (mode_ == Mode::kFilter) {
+    PressInFilter(key);
+  } else if (mode_ == Mode::kGroups) {
+    PressInGroups(key);
+  } else {
+    PressInHelp(key);
+  }
+  return true;
 }
 
 }  // namespace vex

@@ -78,9 +78,7 @@ class LiveView {
   // visible, and a pass over a group's rows where they have changed.
   std::vector<LiveLine> Page(const LiveMoment &now);
   // Rows whose values were put into words for the last page.
-  size_t formatted() const {
-    return formatted_;
-  }
+  size_t formatted() const;
 
  private:
   enum class Mode { kView, kFilter, kGroups, kHelp };
@@ -166,7 +164,7 @@ class LiveView {
   std::map<std::string, State> states_;
   std::string current_;  // section
   bool open_ = false;    // the current one alone
-  bool whole_ = false;   // so, or because there is no other
+  bool whole_ = false;   // shown alone: it is open, or there is no other
   size_t scroll_ = 0;    // first line of the body
   size_t page_ = 1;      // lines of the body
   size_t all_ = 0;

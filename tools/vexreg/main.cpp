@@ -271,7 +271,8 @@ int Run(int argc, char **argv) {
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::Success &asked) {
-    return vex::FinishOutput(app.exit(asked) == 0 ? vex::kDone : vex::kWrongUsage);
+    app.exit(asked);  // prints it
+    return vex::FinishOutput(vex::kDone);
   } catch (const CLI::ParseError &error) {
     vex::Complain(vex::UsageComplaint(app, words, error));
     return vex::kWrongUsage;

@@ -76,7 +76,7 @@ class Search {
  public:
   explicit Search(const Selection &selection) : root_(selection.root) {
     if (selection.names.empty()) {
-      AddAll(Names(), nullptr);
+      AddAll(Names());
     }
     for (const std::string &name : selection.names) {
       Add(name);
@@ -104,7 +104,7 @@ class Search {
 
   void Add(const std::string &given) {
     const auto path = ResolveObjectName(given, root_);
-    if (path && AddObject(*path, nullptr)) {
+    if (path && AddObject(*path)) {
       return;
     }
     if (path && FileExists(*path) && !IsDirectory(*path)) {
@@ -117,7 +117,7 @@ class Search {
     if (!names.empty()) {
       // What a name stands for is damaged as a whole, or in parts that are left out.
       if (std::none_of(names.begin(), names.end(),
-                       [&](const std::string &name) { return AddObject(name, nullptr); })) {
+                       [&](const std::string &name) { return AddObject(name); })) {
         (std::any_of(names.begin(), names.end(),
                      [&](const std::string &name) { return FileExists(name); })
              ? found_.unreadable
@@ -125,7 +125,7 @@ class Search {
             .push_back(given);
         return;
       }
-      AddAll(names, nullptr);
+      AddAll(names);
       return;
     }
     if (has_directory || given.empty() || !AddVariable(given)) {
@@ -138,9 +138,9 @@ class Search {
     return root && Descriptor(OpenBeneath(root.get(), name, O_PATH | O_DIRECTORY));
   }
 
-  void AddAll(const std::vector<std::string> &names, const std::string *variable) {
+  void AddAll(const std::vector<std::string> &names) {
     for (const std::string &name : names) {
-      if (!AddObject(name, variable)) {
+      if (!AddObject(name)) {
         AddDamaged(name);
       }
     }
@@ -153,44 +153,46 @@ class Search {
     }
   }
 
-  // Reads an object unless that was done; notes that all of it is wanted, or a variable. False when
-  // it is not there.
-  bool AddObject(const std::string &name, const std::string *variable) {
-    auto known = wanted_.find(name);
-    if (known == wanted_.end()) {
-      auto object = ReadObjectFile(name, root_);
-      if (!object) {
-        return false;
-      }
-      found_.objects.push_back({name, std::move(*object)});
-      known = wanted_.emplace(name, std::set<std::string>()).first;
-      if (variable == nullptr) {
-        return true;
-      }
-      known->second.insert(*variable);
-    } else if (variable == nullptr) {
+  // Reads an object unless that was done; notes that all of it is wanted. False when it is not
+  // there.
+  bool AddObject(const std::string &name) {
+    const auto known = wanted_.find(name);
+    if (known != wanted_.end()) {
       known->second.clear();
-    } else if (!known->second.empty()) {
-      known->second.insert(*variable);
+      return true;
     }
+    auto object = ReadObjectFile(name, root_);
+    if (!object) {
+      return false;
+    }
+    found_.objects.push_back({name, std::move(*object)});
+    wanted_[name];
     return true;
+  }
+
+  // Notes that a variable of an object is wanted.
+  void AddVariableOf(const std::string &name, FileObject object, const std::string &variable) {
+    const auto [known, is_new] = wanted_.try_emplace(name);
+    if (is_new) {
+      found_.objects.push_back({name, std::move(object)});
+    }
+    if (is_new || !known->second.empty()) {
+      known->second.insert(variable);
+    }
   }
 
   bool AddVariable(const std::string &given) {
     bool any = false;
     for (const std::string &name : Names()) {
-      const auto object = ReadObjectFile(name, root_);
+      auto object = ReadObjectFile(name, root_);
       if (!object) {
         AddDamaged(name);  // it may have the variable
       }
       if (object &&
           std::any_of(object->variables.begin(), object->variables.end(),
                       [&](const FileVariable &v) { return v.type != 0 && v.name == given; })) {
-        const bool added = AddObject(name, &given);
-        any = any || added;
-        if (!added) {
-          AddDamaged(name);
-        }
+        AddVariableOf(name, std::move(*object), given);
+        any = true;
       }
     }
     const std::string known = any ? given : WellKnownName(given);

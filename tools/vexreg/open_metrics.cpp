@@ -45,11 +45,10 @@ std::string Escaped(std::string_view bytes) {
   }
 }
 
-// The shortest digits that give the number again.
+// The shortest digits that give the number again, which are 24 at most.
 std::string Number(double value) {
   char text[32];
-  const auto [end, error] = std::to_chars(std::begin(text), std::end(text), value);
-  return error == std::errc() ? std::string(text, end) : "NaN";
+  return {text, std::to_chars(std::begin(text), std::end(text), value).ptr};
 }
 
 const FileVariable *Find(const FileObject &object, std::string_view name) {

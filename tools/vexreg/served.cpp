@@ -179,15 +179,6 @@ const std::string *ValueAt(const Served &served, const Place &place) {
   return found != served.end() ? &found->second : nullptr;
 }
 
-// Where a value is the one, it becomes the other.
-void Exchange(Served *served, const Place &place, const std::string &one,
-              const std::string &other) {
-  const auto found = served->find(place);
-  if (found != served->end() && found->second == one) {
-    found->second = other;
-  }
-}
-
 // Where each octet of an escaped text begins, and its end.
 std::vector<size_t> OctetsOf(std::string_view escaped) {
   std::vector<size_t> at = {0};
@@ -224,11 +215,18 @@ bool TakeOwnRevisions(Served *then, const Served &now) {
     // A peer that was not read yet has neither number.
     const Place major = {"tlxHoSiblingMajor", row};
     const Place minor = {"tlxHoSiblingMinor", row};
-    const std::string *const row_major = ValueAt(before, major);
-    const std::string *const row_minor = ValueAt(before, minor);
-    if ((!row_major || *row_major == *was[0]) && (!row_minor || *row_minor == *was[1])) {
-      Exchange(then, major, *was[0], *is[0]);
-      Exchange(then, minor, *was[1], *is[1]);
+    const auto row_major = then->find(major);
+    const auto row_minor = then->find(minor);
+    const bool has_major = row_major != then->end();
+    const bool has_minor = row_minor != then->end();
+    if ((!has_major || row_major->second == *was[0]) &&
+        (!has_minor || row_minor->second == *was[1])) {
+      if (has_major) {
+        row_major->second = *is[0];
+      }
+      if (has_minor) {
+        row_minor->second = *is[1];
+      }
     }
     const auto array = then->find({kArrayOfStates, ""});
     const auto octets = OctetsOf(array != then->end() ? array->second : "");

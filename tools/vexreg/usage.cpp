@@ -114,7 +114,7 @@ std::string WithoutJargon(const CLI::ParseError &error) {
 }
 
 std::string Meant(const std::string &nearest) {
-  return nearest.empty() ? "" : "; did you mean " + nearest + "?";
+  return "; did you mean " + nearest + "?";
 }
 
 }  // namespace

@@ -139,7 +139,8 @@ std::string IsoTime(int64_t seconds) {
     return strftime(to, size, "%Y-%m-%dT%H:%M:%S%z", local);
   });
   constexpr size_t kMinutes = 2;  // of the offset, which ISO 8601 has a colon before
-  return text.insert(text.size() - std::min(text.size(), kMinutes), ":");
+  const bool is_time = text.find('T') != std::string::npos;
+  return is_time ? text.insert(text.size() - kMinutes, ":") : text;
 }
 
 nlohmann::ordered_json ValueJson(const FileObject &object, const FileVariable &variable) {

@@ -113,8 +113,7 @@ std::set<std::string> Directories(const Selection &selection,
                                   const std::vector<NamedObject> &objects) {
   std::set<std::string> directories;
   for (const std::string &given : selection.names) {
-    const auto name = ResolveObjectName(given, selection.root);
-    directories.insert(name ? SplitPath(*name).first : "");
+    directories.insert(SplitPath(ResolveObjectName(given, selection.root).value_or("")).first);
   }
   for (const NamedObject &object : objects) {
     directories.insert(SplitPath(object.name).first);

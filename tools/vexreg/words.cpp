@@ -263,7 +263,7 @@ Shown ShowHealth(const MibWords &words, std::string_view octets) {
     }
     if (Octet(octets, at) != 0) {
       rows.push_back({{part.name}, Condition(Octet(octets, at))});
-    } else if (others.find(part.name) == std::string::npos) {
+    } else {
       others += (others.empty() ? "" : ", ") + std::string(part.name);
     }
   }
@@ -305,9 +305,9 @@ nlohmann::ordered_json ArrayJson(const MibWords &words, std::string_view octets)
 // A date of the host's clock in another form; what is no date of the calendar stays as it is.
 std::string DateIn(const std::string &date, std::string (*form)(int64_t)) {
   tm parts = {};
-  const char *const end = strptime(date.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+  const bool parsed = strptime(date.c_str(), "%Y-%m-%d %H:%M:%S", &parts) != nullptr;
   parts.tm_isdst = -1;
-  const time_t seconds = end != nullptr && *end == '\0' ? mktime(&parts) : -1;
+  const time_t seconds = parsed ? mktime(&parts) : -1;
   return seconds != -1 && TimeText(seconds) == date ? form(seconds) : date;
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/framework.h"
 #include "tests/unit/tools/made_object.h"
 #include "tools/vexreg/values.h"
 
@@ -104,6 +105,60 @@ TEST_F(Arranged, NamesTheColumnsThereAre) {
 TEST_F(Arranged, KeepsObjectsWithoutVariables) {
   objects_ = {{"a/x", MadeObject({})}, Row(0, 1, 1, "")};
   EXPECT_EQ(Order("Desc"), "x0");
+}
+
+TEST_F(Arranged, SortsEachGroupForItself) {
+  objects_ = {{"host/cpu.2", MadeObject({Int("x", 2)})},
+              {"host/cpu.1", MadeObject({Int("x", 1)})},
+              Row(9, 1, 1, ""),
+              Row(8, 1, 1, "")};
+  EXPECT_EQ(Order("#"), "1289");
+}
+
+TEST_F(Arranged, ChoosesNoColumnTwice) {
+  ASSERT_TRUE(Arrange({"", ",Desc,,desc,"}, &objects_, &error_));
+  EXPECT_EQ(Columns(0), "tlxHoFileSysDesc");
+}
+
+TEST_F(Arranged, RowsOfAnotherShapeComeFirst) {
+  NamedObject cut = Row(5, 1, 1, "");
+  cut.object.data.clear();  // of its variables, nothing is there
+  for (const auto &[sort, order] : {std::pair{"SpaceTotal", "570"}, std::pair{"-SpaceTotal", "057"},
+                                    std::pair{"Desc", "570"}}) {
+    objects_ = {Row(0, 9, 1, "x"), cut, {"host/filesys.7", MadeObject({Int("other", 1)})}};
+    EXPECT_EQ(Order(sort), order);
+  }
+}
+
+// An end of a name is a heading where it begins a word and is one variable's alone.
+TEST_F(Arranged, TakesEndsOfNamesThatAreClear) {
+  const std::vector<NamedObject> objects = {
+      {"x/row.1", MadeObject({Int("tlxHoPhysicalMemorySize", 1), Int("tlxHoPagingMemorySize", 2),
+                              Int("var0", 3)})}};
+  objects_ = objects;
+  EXPECT_TRUE(Arrange({"", "PagingMemorySize"}, &objects_, &error_)) << error_;
+  for (const char *end : {"Size", "0", "ar0", "emorySize"}) {
+    objects_ = objects;
+    EXPECT_FALSE(Arrange({end, ""}, &objects_, &error_)) << end;
+    EXPECT_TRUE(error_.starts_with(std::string(end) + ": no such column")) << error_;
+  }
+}
+
+TEST_F(Arranged, UnusedPlacesAreNoColumns) {
+  objects_ = {{"x/row.1", MadeObject({{"aGone", 0, "", 0}, Int("aHere", 1), Int("aMore", 2)})}};
+  EXPECT_FALSE(Arrange({"", "Gone"}, &objects_, &error_));
+  EXPECT_EQ(error_, "Gone: no such column; there are # Here More Object Published");
+}
+
+TEST_F(Arranged, NumbersAreOfRows) {
+  ASSERT_TRUE(Arrange({"", "#"}, &objects_, &error_)) << error_;
+  EXPECT_EQ(objects_.size(), 3U) << "host/memory has none";
+}
+
+TEST_F(Arranged, OfNothingEveryColumnIsRight) {
+  objects_.clear();
+  EXPECT_TRUE(Arrange({"-Size", "Nothing"}, &objects_, &error_));
+  EXPECT_EQ(error_, "");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "framework/snmp/mib_table.h"
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
+#include "tests/unit/tools/made_object.h"
 #include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/figures.h"
 #include "tools/vexreg/served.h"
@@ -381,6 +382,132 @@ TEST(Comparison, KnowsRowsByWhatTheyAreOf) {
   EXPECT_EQ(other[0].place.row, "b on /x");
   // Two of one text stay two.
   EXPECT_EQ(ServedByWalk(both(row(1, "a on /", 5), row(2, "a on /", 6))).size(), 4U);
+}
+
+TEST(Figures, DirectoriesWithBackslashesThatEscapeNothing) {
+  for (const char *name : {"\\", "\\1", "\\12", "\\8bc", "\\/bc", "\\1x2", "\\12x", "\\129"}) {
+    const auto read = ParseFigures(std::string("silent /") + name);
+    ASSERT_EQ(read.size(), 1U);
+    EXPECT_EQ(read.begin()->first, std::string("/") + name);
+  }
+  EXPECT_EQ(ParseFigures("silent /\\101\\102").begin()->first, "/AB");
+}
+
+TEST(Figures, LinesThatAreNone) {
+  for (const char *line : {"figures 1x 2 3 4 5 /", "figures 1 x 3 4 5 /", "figures 1 2 x 4 5 /",
+                           "figures 1 2 3 x 5 /", "figures 1 2 3 4 x /", "error 5x /"}) {
+    EXPECT_TRUE(ParseFigures(line).empty()) << line;
+  }
+}
+
+// By variable, and row behind a comma.
+using Texts = std::map<std::string, std::string>;
+Texts AsTexts(const Served &served) {
+  Texts texts;
+  for (const auto &[place, value] : served) {
+    texts[place.variable + (place.row.empty() ? "" : "," + place.row)] = value;
+  }
+  return texts;
+}
+
+TEST(Comparison, TakesWhatTheAgentServesOfItsObjects) {
+  FileObject cut = MadeObject({Text("tlxHoDesc", 8, "text")});
+  cut.data.clear();
+  const FileObject memory = MadeObject({Int("tlxHoPhysicalMemorySize", 5)});
+  const Served served = ServedByObjects({
+      {"host/memory", memory},
+      {"rack/memory", memory},              // another agent's
+      {"host/memory.99999999999", memory},  // a number that no instance has
+      {"host/memory.5x", memory},           // no number
+      {"host/info", MadeObject({Text("tlxHoName", 16, "a\\b\n\x7f\xFF"), Int("unknown", 1)})},
+      {"host/other", cut},
+      {"host/sibling.7", MadeObject({Text("tlxHoSiblingName", 8, "nics")})},
+  });
+  EXPECT_EQ(AsTexts(served), (Texts{{"tlxHoPhysicalMemorySize", "5"},
+                                    {"tlxHoName", "a\\5cb\\0a\\7f\\ff"},
+                                    {"tlxHoSiblingName,row 7", "nics"}}));
+}
+
+TEST(Comparison, NotificationsAreNotServed) {
+  for (const MibVariable &variable : MibVariables()) {
+    const Served served =
+        ServedByObjects({{"host/x", MadeObject({Int(std::string(variable.name), 1)})}});
+    EXPECT_EQ(served.size(), variable.access == MibAccess::kNotify ? 0U : 1U) << variable.name;
+  }
+}
+
+TEST(Comparison, OfAWalkWhatTheModulesHave) {
+  const MibVariable *size = FindMibVariable("tlxHoPhysicalMemorySize");
+  const std::vector<uint32_t> column(size->Oid().begin(), size->Oid().end());
+  std::vector<SnmpValue> values(6);
+  values[0].name = {1, 3};  // before all of them
+  values[1].name = column;
+  values[1].name.push_back(0);
+  values[1].integer = 5;
+  values[2].name = values[1].name;  // with one number too many
+  values[2].name.push_back(7);
+  values[2].integer = 6;
+  values[3].name = {2, 5, 5};  // behind all of them
+  values[3].integer = 7;
+  values[4].name = column;  // of a neighbour that there is not
+  values[4].name.back() += 1000;
+  values[4].name.push_back(0);
+  values[4].integer = 8;
+  values[5].name = values[1].name;  // of another type
+  EXPECT_EQ(AsTexts(ServedByWalk(values)), (Texts{{"tlxHoPhysicalMemorySize", "5"}}));
+}
+
+TEST(Comparison, RevisionsThatAreNotAllThere) {
+  const auto without = [](Served served, std::initializer_list<Place> places) {
+    for (const Place &place : places) {
+      served.erase(place);
+    }
+    return served;
+  };
+  const Place minor = {"tlxHoMibRevMinor", ""};
+  const Place major = {"tlxHoMibRevMajor", ""};
+  const Place array = {"tlxHoMibStatusArray", ""};
+  const Place row_major = {"tlxHoSiblingMajor", "row 11"};
+  const Place row_minor = {"tlxHoSiblingMinor", "row 11"};
+  const Served before = OfRevision(1, 3);
+  const Served now = OfRevision(1, 4);
+  const auto differences = [](const Served &a, const Served &b) {
+    size_t compared = 0;
+    return Compare(a, b, true, &compared).size();
+  };
+  // Without both numbers of both, nothing of the agent's own is known.
+  EXPECT_EQ(differences(without(before, {minor}), without(now, {minor})), 2U);
+  EXPECT_EQ(differences(without(before, {major}), now), 4U);
+  EXPECT_EQ(differences(before, without(now, {major})), 4U);
+  // A row or an array that neither has is no difference.
+  EXPECT_EQ(differences(without(before, {row_major}), without(now, {row_major})), 0U);
+  EXPECT_EQ(differences(without(before, {row_minor}), without(now, {row_minor})), 0U);
+  EXPECT_EQ(differences(without(before, {array}), without(now, {array})), 0U);
+  Served odd = before;
+  odd[row_minor] = "9";  // not what the agent said of itself
+  EXPECT_EQ(differences(odd, now), 1U);
+  // An array that ends before the agent's octets, and one whose octets can be printed.
+  Served cut_before = before;
+  Served cut_now = now;
+  cut_before[array] = cut_now[array] = "ab\\00";
+  EXPECT_EQ(differences(cut_before, cut_now), 0U);
+  std::string printed;
+  for (int i = 0; i < 4 * 27; i++) {
+    printed += i == 4 * 11 + 2 ? "A" : i == 4 * 11 + 3 ? "B" : "x";
+  }
+  Served letters = OfRevision('A', 'B');
+  letters[array] = printed;
+  Served others = OfRevision('A', 'C');
+  others[array] = printed;
+  others[array][4 * 11 + 3] = 'C';
+  EXPECT_EQ(differences(letters, others), 0U);
+}
+
+TEST(Comparison, WhatIsNewNeedNotBeAskedFor) {
+  size_t compared = 0;
+  Served now = OfRevision(1, 4);
+  now[{"tlxHoPhysicalMemorySize", ""}] = "5";
+  EXPECT_TRUE(Compare(OfRevision(1, 3), now, true, &compared).empty());
 }
 
 }  // namespace

@@ -76,4 +76,38 @@ TEST(Changes, AreOneLineOfAsciiEach) {
             Lines{"h/\\u001b n\\n \"\\u001b\\n\\u00e4\\u00ff\\u007f\""});
 }
 
+TEST(Changes, OfNamesAndTypes) {
+  const auto before = MadeObject({Int("a", 1)});
+  const auto renamed = MadeObject({Int("b", 1)});
+  const auto retyped = MadeObject({Octets("a", 4, "1234")});
+  EXPECT_EQ(ChangeLines("h/x", &before, &renamed), Lines{"h/x b 1"});
+  EXPECT_EQ(ChangeLines("h/x", &before, &retyped), Lines{"h/x a \"31323334\""});
+  EXPECT_EQ(JsonOf(&before, &renamed),
+            Lines{R"({"object":"h/x","variable":"b","old":null,"new":1})"});
+  EXPECT_EQ(JsonOf(nullptr, nullptr), Lines{});
+}
+
+TEST(Changes, OfUnusedPlacesThereAreNone) {
+  const auto object = MadeObject({{"gone", 0, "1234", 4}, Int("a", 1)});
+  EXPECT_EQ(ChangeLines("h/x", nullptr, &object), Lines{"h/x a 1"});
+  EXPECT_EQ(JsonOf(nullptr, &object),
+            Lines{R"({"object":"h/x","variable":"a","old":null,"new":1})"});
+}
+
+TEST(Changes, OfDataForPrograms) {
+  auto before = MadeObject({});
+  before.data = {1, 2};
+  auto after = before;
+  EXPECT_EQ(JsonOf(&before, &after), Lines{});
+  after.data = {1, 3, 4};
+  EXPECT_EQ(JsonOf(&before, &after), Lines{R"({"object":"h/x","bytes":3})"});
+}
+
+// A terminal acts on it, and JSON may have it as it is.
+TEST(Changes, HaveNoDelete) {
+  EXPECT_EQ(OneLine("a\x7f"
+                    "b\x7f"),
+            "\"a\\u007fb\\u007f\"");
+}
+
 }  // namespace

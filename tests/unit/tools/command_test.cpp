@@ -5,6 +5,7 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -16,9 +17,11 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "tests/support/failing_call.h"
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
+#include "tools/vexreg/commands.h"
 
 using namespace vex;
 using made_up::Eventually;
@@ -797,20 +800,25 @@ TEST_F(Command, WatchFollowsNewRowsOfAGroup) {
 class Terminal {
  public:
   explicit Terminal(const Words &words,
-                    const std::vector<std::pair<const char *, const char *>> &environment = {}) {
+                    const std::vector<std::pair<const char *, const char *>> &environment = {},
+                    unsigned short lines = 10, unsigned short columns = 80) {
     std::vector<char *> argv;
     for (const std::string &word : words) {
       argv.push_back(const_cast<char *>(word.c_str()));
     }
     argv.push_back(nullptr);
-    winsize size = {10, 80, 0, 0};
+    winsize size = {lines, columns, 0, 0};
     pid_ = forkpty(&fd_, nullptr, nullptr, &size);
     if (pid_ == 0) {
       setenv("TERM", "xterm", 1);
       setenv("LC_ALL", "C.UTF-8", 1);
       unsetenv("NO_COLOR");
       for (const auto &[name, value] : environment) {
-        setenv(name, value, 1);
+        if (value != nullptr) {
+          setenv(name, value, 1);
+        } else {
+          unsetenv(name);
+        }
       }
       execv(argv[0], argv.data());
       _exit(127);
@@ -916,6 +924,182 @@ TEST_F(Command, ColoursAndBarsAreForTerminals) {
   EXPECT_EQ(dumb.find('\x1b'), std::string::npos);
   EXPECT_EQ(dumb.find("\u2588"), std::string::npos);
   EXPECT_EQ(shown({"--raw"}, {}).find('\x1b'), std::string::npos);
+}
+
+TEST_F(Command, WhatIsNoColourOfTheTerminalsIsNone) {
+  Publish("host/cpu.0", Cpu(93));
+  const auto shown = [&](std::pair<const char *, const char *> variable) {
+    Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "show"}, {variable});
+    EXPECT_EQ(terminal.WaitEnd(), 0);
+    return terminal.Output();
+  };
+  // Set to nothing it says nothing.
+  EXPECT_NE(shown({"NO_COLOR", ""}).find("\x1b[1;31m93 % "), std::string::npos);
+  for (const char *type : {static_cast<const char *>(nullptr), ""}) {
+    const std::string text = shown({"TERM", type});
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    EXPECT_EQ(text.find("\u2588"), std::string::npos);
+  }
+  // A locale that the system has not is none of UTF-8.
+  EXPECT_NE(shown({"LC_ALL", "xx_XX.UTF-8"}).find("93 % #########."), std::string::npos);
+}
+
+TEST_F(Command, ShowOnATerminalThatDoesNotSayHowWideItIs) {
+  Output({"put", "h/a", "str:300:" + std::string(60, 'w') + " " + std::string(60, 'v')});
+  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "show"}, {}, 0, 0);
+  EXPECT_EQ(terminal.WaitEnd(), 0);
+  EXPECT_EQ(terminal.Output(), "\x1b[1mh/a\x1b[0m\r\n  var0  " + std::string(60, 'w') +
+                                   "\r\n        " + std::string(60, 'v') + "\r\n");
+}
+
+TEST_F(Command, SaysWhatWasMeantWithoutARoot) {
+  const auto wrong = [](Words words) {
+    words.insert(words.begin(), VEXREG_PATH);
+    const Outcome outcome = made_up::RunCommand(words);
+    EXPECT_EQ(outcome.status, 2);
+    return outcome.err;
+  };
+  EXPECT_EQ(wrong({}), "vexreg: a command is missing; vexreg --help lists them\n");
+  EXPECT_EQ(wrong({"--frob"}), "vexreg: --frob: no such option; see vexreg --help\n");
+  EXPECT_EQ(wrong({"-"}), "vexreg: -: no such option; see vexreg --help\n");
+  EXPECT_EQ(wrong({"show", "--color", "sometimes"}),
+            "vexreg: show: --color: sometimes: not one of auto, always, never; see vexreg show "
+            "--help\n");
+}
+
+TEST_F(Command, SaysWhyNothingIsFound) {
+  std::filesystem::create_directories(registry_.Path("host"));
+  const Outcome none = Run({"show", "h/a"});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_TRUE(none.err.starts_with("vexreg: h/a: no such object\nvexreg: nothing is published in "))
+      << none.err;
+  // Of what is damaged it was said.
+  Publish("host/memory", Memory(1));
+  std::filesystem::resize_file(registry_.Path("host/memory"), 200);
+  const Outcome damaged = Run({"show"});
+  EXPECT_EQ(damaged.status, 1);
+  EXPECT_EQ(damaged.err, "vexreg: host/memory: damaged, left out\n");
+  std::filesystem::remove_all(registry_.root());
+  EXPECT_EQ(Run({"rm", "h/a"}).err, "vexreg: h/a: no such object\n");
+}
+
+TEST_F(Command, SaysWhyNothingIsRemoved) {
+  Output({"put", "h/a", "int:1"});
+  const FailingCall failing("unlinkat", EROFS);
+  testing::internal::CaptureStderr();
+  const int status = Remove(registry_.root(), "h/a");
+  const std::string errors = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(status, kFailed);
+  EXPECT_EQ(errors, "vexreg: h/a: cannot be removed: Read-only file system\n");
+  EXPECT_EQ(Dump().dump(), R"({"h/a":{"var0":1}})");
+}
+
+TEST_F(Command, ExportsWhatIsWhole) {
+  Publish("host/memory", Memory(1));
+  Publish("host/cpu.0", Cpu(5));
+  std::filesystem::resize_file(registry_.Path("host/cpu.0"), 200);
+  const Outcome outcome = Run({"export"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "vexreg: host/cpu.0: damaged, or not for this user to read; left out\n");
+  EXPECT_NE(outcome.out.find("vexhost_memory"), std::string::npos);
+  EXPECT_EQ(outcome.out.find("vexhost_cpu"), std::string::npos);
+}
+
+// What a shell would take for something else is not offered.
+TEST_F(Command, CompletesWhatIsSafe) {
+  Publish("host/cpu.0", Cpu(5));
+  Publish("host/cpu.1", Cpu(5));
+  Publish("rack/fan", MadeObject({Int("Speed", 1), Int("a;b", 2), Int("", 3)}));
+  Publish("rack/damaged", Cpu(5));
+  std::filesystem::resize_file(registry_.Path("rack/damaged"), 200);
+  const std::vector<std::string> names = made_up::Lines(Output({"completion", "names"}));
+  const auto has = [](const std::vector<std::string> &lines, const char *line) {
+    return std::count(lines.begin(), lines.end(), line) == 1;
+  };
+  EXPECT_TRUE(has(names, "rack/fan"));
+  EXPECT_FALSE(has(names, "fan"));
+  EXPECT_TRUE(has(names, "host/cpu"));
+  EXPECT_TRUE(has(names, "cpu"));
+  const std::vector<std::string> columns = made_up::Lines(Output({"completion", "columns"}));
+  EXPECT_EQ(columns, (Words{"Min", "Object", "Published", "Speed", "UnitIndex"}));
+}
+
+// JSON is no view of a screen, on a terminal neither.
+TEST_F(Command, WatchPrintsNumbersAsTheyAre) {
+  Publish("host/memory", Memory(-1));
+  Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch", "--json", "--raw"});
+  EXPECT_TRUE(terminal.Shows(R"("variable":"tlxHoPagingMemorySize","old":null,"new":-1})"))
+      << terminal.Output();
+  terminal.Signal(SIGTERM);
+  EXPECT_EQ(terminal.WaitEnd(), 0);
+}
+
+// Terminals that do not say how large they are have the size of their description.
+TEST_F(Command, WatchOnATerminalWithoutASize) {
+  Publish("h/a", MadeObject({Int("n", 12345)}));
+  for (const auto &[lines, columns] : {std::pair{0, 0}, std::pair{10, 0}}) {
+    Terminal terminal({VEXREG_PATH, "--root", registry_.root(), "watch"}, {},
+                      static_cast<unsigned short>(lines), static_cast<unsigned short>(columns));
+    EXPECT_TRUE(terminal.Shows("12345"));
+    terminal.Type('q');
+    EXPECT_EQ(terminal.WaitEnd(), 0);
+  }
+}
+
+TEST_F(Command, WatchEndsWhenItsOutputIsNotTaken) {
+  Publish("host/memory", Memory(1));
+  const Outcome outcome = made_up::RunCommand(
+      {"sh", "-c", "exec " VEXREG_PATH " --root " + registry_.root() + " watch >/dev/full"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "vexreg: cannot write to standard output\n");
+}
+
+TEST_F(Command, WatchStopsAndGoesOn) {
+  Output({"put", "h/a", "int:1"});
+  const std::string log = registry_.base() + "/log";
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    // A group of this session, as a shell makes it: what is alone in its session cannot stop.
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDOUT_FILENO);
+    execl(VEXREG_PATH, VEXREG_PATH, "--root", registry_.root().c_str(), "watch", nullptr);
+    _exit(127);
+  }
+  const auto shows = [&](const char *text) {
+    return made_up::ReadFile(log).find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(Eventually([&] { return shows("h/a var0 1\n"); }));
+  kill(pid, SIGTSTP);
+  int status = 0;
+  EXPECT_TRUE(Eventually([&] { return waitpid(pid, &status, WUNTRACED | WNOHANG) == pid; }));
+  EXPECT_TRUE(WIFSTOPPED(status)) << status;
+  Output({"put", "h/a", "int:2"});
+  kill(pid, SIGCONT);
+  EXPECT_TRUE(Eventually([&] { return shows("h/a var0 1 -> 2\n"); }));
+  kill(pid, SIGTERM);
+  EXPECT_TRUE(Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST_F(Command, DoctorLooksForCommandsWhereTheShellDoes) {
+  const auto packages = [&](const Words &environment) {
+    Words words = {"env"};
+    words.insert(words.end(), environment.begin(), environment.end());
+    words.insert(words.end(), {VEXREG_PATH, "--root", registry_.root(), "doctor", "--limit", "20"});
+    const Outcome outcome = made_up::RunCommand(words);
+    for (const std::string &line : made_up::Lines(outcome.out)) {
+      if (line.find("package list: ") != std::string::npos) {
+        return line;
+      }
+    }
+    return outcome.out + outcome.err;
+  };
+  const std::string none =
+      "note  package list: no dpkg command. The software table has no packages.";
+  EXPECT_EQ(packages({"PATH=/nonexistent"}), none);
+  EXPECT_EQ(packages({"-u", "PATH"}), none);
 }
 
 }  // namespace

@@ -612,4 +612,44 @@ TEST(FindingsForPrograms, NameTheirCheck) {
   EXPECT_EQ(check("all checks were made"), "doctor");
 }
 
+TEST(Findings, WhoseCommunitySnmpdAnswersTo) {
+  const std::pair<CommunitySource, const char *> sources[] = {
+      {CommunitySource::kOwn, "the community of vexhostd.conf"},
+      {CommunitySource::kCommon, "defCommunity of snmp.conf"},
+      {CommunitySource::kMaster, "the first read community of snmpd.conf"},
+      {CommunitySource::kNone, "no community"}};
+  for (const auto &[source, text] : sources) {
+    EXPECT_TRUE(
+        Has(JudgeMaster(MasterAnswer::kAnswers, source), std::string("answers to ") + text));
+  }
+  EXPECT_TRUE(Has(JudgeMaster(MasterAnswer::kSilent, CommunitySource::kOwn), "no answer within"));
+}
+
+TEST(Findings, SocketsThatAreNotPermitted) {
+  EXPECT_TRUE(Has(JudgeSocket("/s", "/s", EPERM, false), "not permitted"));
+  EXPECT_EQ(JudgeSocket("/s", "/s", EPERM, true).verdict, Verdict::kNote);
+}
+
+// What follows a subtree on a line of snmpd.conf is no view.
+TEST(Findings, LinesWithMoreThanASubtree) {
+  ViewFacts facts;
+  facts.sessions = 1;
+  facts.community_line = {"rocommunity", "own", "default", ".1.3.6.1.2.1", "context"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "shows .1.3.6.1.2.1 alone"));
+  facts.community_line = {"rocommunity", "public", "[::1]", ".1.3.6.1.2.1"};
+  EXPECT_TRUE(Has(JudgeSubtree(Subtree::kNothing, facts), "shows .1.3.6.1.2.1 alone"))
+      << "nobody else is let in";
+}
+
+TEST(FindingsForPrograms, WordsThatBeginLikeACheck) {
+  const auto check = [](const std::string &text) {
+    const std::string json = FindingJson({Verdict::kNote, text});
+    const size_t at = json.find("check\":\"") + 8;
+    return json.substr(at, json.find('"', at) - at);
+  };
+  EXPECT_EQ(check("registry: missing"), "registry");
+  EXPECT_EQ(check("registry"), "registry");
+  EXPECT_EQ(check("registryfile: missing"), "registryfile");
+}
+
 }  // namespace

@@ -1,10 +1,12 @@
 // What is read again of a registry, and what not.
 #include "tools/vexreg/follower.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
+#include "tests/support/failing_call.h"
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
@@ -146,6 +148,75 @@ TEST_F(Follow, TellsOfARootThatIsGone) {
   const Look again = follower.LookAgain();
   EXPECT_EQ(again.error, 0);
   EXPECT_EQ(Names(again), Strings{"h/a"});
+}
+
+TEST_F(Follow, LooksNotIntoDirectoriesWithoutEnd) {
+  std::string path = "d0";
+  for (int i = 1; i < 16; i++) {
+    path += "/d" + std::to_string(i);
+  }
+  Publish(path + "/a", {Int("v", 1)});
+  std::filesystem::create_directories(registry_.Path(path + "/d16"));
+  std::filesystem::copy_file(registry_.Path(path + "/a"), registry_.Path(path + "/d16/b"));
+  Follower follower({registry_.root(), {}}, {});
+  EXPECT_EQ(Names(follower.LookAgain()), Strings{path + "/a"});
+}
+
+TEST_F(Follow, FilesThatAreNoObjectsAreNobodysBusiness) {
+  Publish("h/a", {Int("v", 1)});
+  WriteBytes(registry_.Path("h/text"), std::vector<uint8_t>(200, 'x'));
+  Follower follower({registry_.root(), {"", "h/*"}}, {});
+  const Look look = follower.LookAgain();
+  EXPECT_EQ(Names(look), Strings{"h/a"});
+  EXPECT_EQ(look.damaged, Strings());
+  EXPECT_EQ(look.missing, Strings{""});
+  // It goes without having been there.
+  std::filesystem::remove(registry_.Path("h/text"));
+  EXPECT_EQ(Names(follower.LookAgain()), Strings());
+}
+
+TEST_F(Follow, VariablesOfUnusedPlacesAndDamagedFilesAreMissing) {
+  Publish("h/a", {{"v", 0, "", 0}, Int("w", 2)});
+  Publish("h/b", {Int("v", 2)});
+  std::filesystem::resize_file(registry_.Path("h/b"), 200);
+  Follower follower({registry_.root(), {"v", "w"}}, {});
+  const Look look = follower.LookAgain();
+  EXPECT_EQ(Names(look), Strings{"h/a"});
+  EXPECT_EQ(look.steps.at(0).object->variables.size(), 1U);
+  EXPECT_EQ(look.missing, Strings{"v"});
+  EXPECT_EQ(look.damaged, Strings{"h/b"});
+}
+
+// What cannot be opened at the moment, as where another user's file is or descriptors are short,
+// is neither there nor damaged, and is tried again.
+TEST_F(Follow, TriesAgainWhatCouldNotBeRead) {
+  Publish("h/a", {Int("v", 1)});
+  Publish("h/b", {Int("v", 1)});
+  struct Case {
+    const char *call, *path;
+    int nth, count;
+    Strings seen;
+  };
+  for (const Case &each : {Case{"openat", "h", 1, 1, {}},               // the directory
+                           Case{"fstatat", "a", 1, 1, {"h/b"}},         // what is in it
+                           Case{"syscall", "h/a", 1, 2, {"h/b"}},       // the file
+                           Case{"openat", "registry", 2, 2, {"h/b"}}})  // its root, at the file
+  {
+    SCOPED_TRACE(std::string(each.call) + " " + each.path);
+    Follower follower({registry_.root(), {}}, {});
+    {
+      FailingCall failing(each.call, EACCES, each.nth, each.count);
+      failing.On(each.path);
+      const Look look = follower.LookAgain();
+      EXPECT_EQ(failing.Failed(), each.count);
+      EXPECT_EQ(Names(look), each.seen);
+      EXPECT_EQ(look.damaged, Strings());
+    }
+    follower.LookAgain();
+    follower.LookAgain();
+    Publish("h/a", {Int("v", 2)});
+    EXPECT_EQ(Names(follower.LookAgain()), Strings{"h/a"});
+  }
 }
 
 }  // namespace

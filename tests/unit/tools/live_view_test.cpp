@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <limits>
+
 #include "framework/process/clock.h"
 #include "tests/unit/tools/made_object.h"
 #include "tools/vexreg/tables.h"
@@ -88,6 +90,13 @@ class Live : public testing::Test {
                             Int("tlxHoSiblingCondition", -1), Int("tlxHoSiblingMajor", -1),
                             Int("tlxHoSiblingMinor", -1), Int("tlxHoSiblingHealth", -1)});
   }
+  // A table of a group that the view does not know: 20000, 19999, ... and a text.
+  void SetRows(int count) {
+    for (int i = 0; i < count; i++) {
+      Set("x/row." + std::to_string(i), {Int("v", 20000 - i), Text("t", 8, "text")});
+    }
+    Take();
+  }
   Strings Page() {
     Strings lines;
     const std::vector<LiveLine> page = View().Page(moment_);
@@ -111,6 +120,23 @@ class Live : public testing::Test {
   }
   bool Has(const std::string &text) {
     return !With(text).empty();
+  }
+  // The line of the memory, without how it was before.
+  std::string Ram() {
+    const std::string line = With("RAM ")[0];
+    const size_t text = line.find("of ");
+    return line.substr(0, text == std::string::npos ? text : line.find("  ", text));
+  }
+  // What is shown in reverse.
+  std::string Marked() {
+    for (const LiveLine &line : View().Page(moment_)) {
+      for (const LivePiece &piece : line) {
+        if (piece.reverse) {
+          return piece.text;
+        }
+      }
+    }
+    return "";
   }
   void Press(const std::string &keys) {
     for (const char key : keys) {
@@ -363,10 +389,7 @@ TEST_F(Live, SaysWhyThereIsNothing) {
 
 // Ten thousand rows cost what is visible of them.
 TEST_F(Live, FormatsWhatIsVisible) {
-  for (int i = 0; i < 10000; i++) {
-    Set("x/row." + std::to_string(i), {Int("v", 20000 - i), Text("t", 8, "text")});
-  }
-  Take();
+  SetRows(10000);
   EXPECT_TRUE(Has("x/row (10000)"));
   Press("\n");
   Page();
@@ -553,6 +576,462 @@ TEST_F(Live, ForgetsRowsThatAreGone) {
   Take();
   EXPECT_TRUE(Has("33333"));
   EXPECT_FALSE(Has("22222"));
+}
+
+// ---- Keys -------------------------------------------------------------------------------------
+
+TEST_F(Live, HasMoreThanOneKeyForMuch) {
+  SetRows(100);
+  Press("\n");
+  const auto first_after = [&](int key) {
+    EXPECT_TRUE(View().Press(key));
+    return With("  text")[0].substr(0, 4);
+  };
+  Page();
+  EXPECT_EQ(first_after('f'), "  18");
+  EXPECT_EQ(first_after('j'), "  19");
+  EXPECT_EQ(first_after('k'), "  18");
+  EXPECT_EQ(first_after('b'), "   0");
+  EXPECT_EQ(first_after(kKeyPageDown), "  18");
+  EXPECT_EQ(first_after('R'), "  81");  // where it is, the other way round
+  EXPECT_EQ(first_after('z'), "  81");  // no key
+  EXPECT_EQ(Page()[2], "x/row (100, last first)");
+  Press(">");
+  EXPECT_EQ(Page()[2], "x/row (100, by v, largest first)");
+  Press("<");
+  EXPECT_EQ(Page()[2], "x/row (100)");
+  Press("G");
+  EXPECT_EQ(Page()[2], "Groups");
+  Press("G");
+  Press("h");
+  EXPECT_EQ(Page()[2], "Keys");
+  Press("h");
+  Press("P");
+  EXPECT_TRUE(View().paused());
+  Press("P");
+  EXPECT_FALSE(View().paused());
+  EXPECT_FALSE(View().Press('Q'));
+}
+
+TEST_F(Live, GoesToTheNextGroupAlone) {
+  SetRows(100);
+  Set("y/other", {Int("w", 77)});
+  Take();
+  Press("\n");
+  Page();
+  View().Press(kKeyEnd);
+  EXPECT_TRUE(Page().back().ends_with("82-100 of 100"));
+  Press("\t");
+  EXPECT_EQ(Page()[2], "y/other");
+  EXPECT_TRUE(Has("  w  77"));
+  View().Press(kKeyBackTab);
+  EXPECT_TRUE(Page().back().ends_with("1-19 of 100")) << "from its beginning";
+}
+
+TEST_F(Live, TakesKeysBeforeThereIsAnything) {
+  for (const int key : {int{'\t'}, int{kKeyBackTab}, int{'\n'}, int{kKeyLeft}, int{'s'}, int{'r'},
+                        int{kKeyEnd}, int{kKeyPageDown}}) {
+    EXPECT_TRUE(View().Press(key));
+    Page();
+  }
+  Press("g");
+  for (const int key : {int{kKeyEnd}, int{kKeyDown}, int{kKeyUp}, int{' '}}) {
+    EXPECT_TRUE(View().Press(key));
+    EXPECT_EQ(Page()[2], "Groups");
+    EXPECT_EQ(Page()[3], "");
+  }
+  Press("g");
+  moment_.height = 40;  // where lines are left empty between the groups
+  EXPECT_EQ(Page()[2], "");
+  SetRows(1);
+  EXPECT_TRUE(Has("x/row (1)"));
+}
+
+TEST_F(Live, MovesColumnsOfTheCurrentGroupAlone) {
+  Set("x/row.1", {Int("first", 1111), Int("second", 2222)});
+  Set("y/row.1", {Int("third", 3333), Int("fourth", 4444)});
+  Take();
+  Page();
+  View().Press(kKeyLeft);  // nothing is further left
+  EXPECT_TRUE(Has("first"));
+  Press("\t");
+  View().Press(kKeyRight);
+  EXPECT_TRUE(Has("  1   1111    2222")) << testing::PrintToString(Page());
+  EXPECT_FALSE(Has("3333"));
+  EXPECT_TRUE(Has("  1    4444")) << testing::PrintToString(Page());
+}
+
+TEST_F(Live, ChoosesGroupsByKeys) {
+  for (const char *name : {"a/a", "a/b", "a/c", "a/d", "a/e", "a/f", "a/g", "a/h"}) {
+    Set(name, {Int("v", 1)});
+  }
+  Take();
+  moment_.height = 8;  // five lines for the menu
+  Press("g");
+  const auto marked_after = [&](int key) {
+    EXPECT_TRUE(View().Press(key));
+    return Marked();
+  };
+  EXPECT_EQ(Marked(), "[x] a/a");
+  EXPECT_EQ(marked_after(kKeyUp), "[x] a/a");
+  EXPECT_EQ(marked_after('j'), "[x] a/b");
+  EXPECT_EQ(marked_after('\t'), "[x] a/c");
+  EXPECT_EQ(marked_after('k'), "[x] a/b");
+  EXPECT_EQ(marked_after('x'), "[ ] a/b");
+  EXPECT_EQ(marked_after(kKeyEnd), "[x] Changed lately");  // below the screen's first lines
+  EXPECT_FALSE(Has("a/a"));
+  EXPECT_EQ(marked_after(kKeyDown), "[x] Changed lately");
+  EXPECT_EQ(marked_after(kKeyUp), "[x] a/h");
+  EXPECT_EQ(marked_after('!'), "[x] a/h");  // no key
+  EXPECT_EQ(marked_after(kKeyHome), "[x] a/a");
+  for (const int key : {int{'g'}, int{'G'}, int{'q'}, int{kKeyEscape}, int{'\n'}, int{'\r'}}) {
+    EXPECT_TRUE(View().Press(key));  // not the end of the view
+    EXPECT_FALSE(Has("Groups")) << key;
+    EXPECT_FALSE(Has("a/b")) << key;
+    Press("g");
+    EXPECT_TRUE(Has("Groups")) << key;
+  }
+}
+
+TEST_F(Live, ScrollsTheHelpByKeys) {
+  moment_.width = 40;
+  moment_.height = 10;  // seven lines for the help
+  Press("?");
+  const auto page_after = [&](int key, int times) {
+    for (int i = 0; i < times; i++) {
+      EXPECT_TRUE(View().Press(key));
+      Page();
+    }
+    return Page();
+  };
+  const Strings begin = Page();
+  EXPECT_EQ(page_after(kKeyUp, 1), begin);
+  const Strings second = page_after(kKeyDown, 7);
+  EXPECT_NE(second, begin);
+  EXPECT_EQ(page_after(kKeyUp, 7), begin);
+  EXPECT_EQ(page_after(kKeyPageDown, 1), second);
+  EXPECT_EQ(page_after(kKeyHome, 1), begin);
+  EXPECT_EQ(page_after(kKeyEnd, 1), second);
+  EXPECT_EQ(page_after(kKeyPageUp, 1), begin);
+}
+
+TEST_F(Live, TakesAFilterCharacterByCharacter) {
+  SetRows(3);
+  Set("y/row.1", {Text("t", 16, "5 \u20ac"), Text("u", 16, "\U0001F600")});
+  Take();
+  Press("/");
+  const auto footer_after = [&](int key) {
+    EXPECT_TRUE(View().Press(key));
+    const std::string footer = Page().back();
+    return footer.substr(0, footer.find('_') + 1);
+  };
+  EXPECT_EQ(footer_after(kKeyErase), " Only lines with: _");
+  for (const int key : {0x01, 0x7F, 0x85, int{kKeyLeft}, int{kKeyHome}}) {
+    EXPECT_EQ(footer_after(key), " Only lines with: _") << key;
+  }
+  EXPECT_EQ(footer_after(0x20AC), " Only lines with: \u20ac_");
+  EXPECT_TRUE(Has("5 \u20ac"));
+  EXPECT_FALSE(Has("20000"));
+  EXPECT_EQ(footer_after(kKeyErase), " Only lines with: _");
+  EXPECT_TRUE(Has("20000"));
+  EXPECT_EQ(footer_after(0x1F600), " Only lines with: \U0001F600_");
+  EXPECT_TRUE(Has("5 \u20ac"));
+  EXPECT_FALSE(Has("20000"));
+  EXPECT_EQ(footer_after('x'), " Only lines with: \U0001F600x_");
+  EXPECT_FALSE(Has("5 \u20ac"));
+}
+
+TEST_F(Live, ScrollsWhileAFilterIsTyped) {
+  SetRows(100);
+  Press("\n/t");
+  Page();
+  const auto first_after = [&](int key) {
+    View().Press(key);
+    return With("  text")[0].substr(0, 4);
+  };
+  EXPECT_EQ(first_after(kKeyDown), "   1");
+  EXPECT_EQ(first_after(kKeyPageDown), "  19");
+  EXPECT_EQ(first_after(kKeyUp), "  18");
+  EXPECT_EQ(first_after(kKeyPageUp), "   0");
+  EXPECT_TRUE(Has(" Only lines with: t_"));
+}
+
+// ---- What a page says -------------------------------------------------------------------------
+
+TEST_F(Live, ShowsValuesOfOneObject) {
+  Set("other/thing", {{"gone", 0, "", 0},
+                      Int("tlxHoFileSysPercentSpaceUsed", 50),
+                      Octets("tlxHoMibHealthStatusArray", 8, {"\1\3\0\2", 4}),
+                      Text("Zzz", 80, "a text")});
+  Set("other/unnamed", {});
+  Take();
+  EXPECT_EQ(With("50 %").size(), 1U);
+  EXPECT_TRUE(With("50 %")[0].ends_with("50 % #####....."));
+  EXPECT_TRUE(Has("worst condition: raised")) << testing::PrintToString(Page());
+  EXPECT_TRUE(Has("a text"));
+  EXPECT_FALSE(Has("gone"));
+  EXPECT_TRUE(Has("(no variables; 0 bytes of data)"));
+  // No room for a bar.
+  moment_.width = 20;
+  EXPECT_TRUE(With("50 %")[0].ends_with("50 %"));
+  moment_.width = 80;
+  Press("/a text\n");
+  EXPECT_TRUE(Has("  a text"));
+  EXPECT_FALSE(Has("50 %"));
+  EXPECT_FALSE(Has("worst"));
+}
+
+TEST_F(Live, FiltersNumbersAsTheyAre) {
+  options_.raw = true;
+  Set("x/row.1", {{"gone", 0, "", 0}, Int("tlxHoPhysicalMemorySize", 4096)});
+  Set("x/row.2", {{"gone", 0, "", 0}, Int("tlxHoPhysicalMemorySize", 8192)});
+  Take();
+  Press("/4096\n");
+  EXPECT_TRUE(Has(" 4096")) << testing::PrintToString(Page());
+  EXPECT_FALSE(Has("8192"));
+  View().Press(kKeyEscape);
+  Press("/gib\n");
+  EXPECT_FALSE(Has("4096"));
+}
+
+TEST_F(Live, FiltersNews) {
+  SetRows(3);
+  for (const char *name : {"y/alpha", "y/beta"}) {
+    Set(name, {Int("v", 1)});
+    Take();
+  }
+  EXPECT_EQ(With("is new").size(), 2U);
+  Press("/alpha\n");
+  EXPECT_EQ(With("is new").size(), 1U);
+  EXPECT_TRUE(Has("y/alpha  is new"));
+  View().Press(kKeyEscape);
+  Press("/nowhere\n");
+  EXPECT_FALSE(Has("is new"));
+  EXPECT_FALSE(Has("nothing since this view began")) << "there was something";
+  EXPECT_TRUE(Has("nothing with that text"));
+}
+
+TEST_F(Live, ScrollsNews) {
+  Set("x/a", {Int("v", 0)});
+  Take();
+  for (int i = 1; i <= 50; i++) {
+    Set("x/a", {Text("v", 8, std::to_string(i))});
+    Take();
+  }
+  for (const int lines : {24, 60}) {
+    moment_.height = lines;
+    EXPECT_TRUE(Has("49 -> 50")) << "the newest first";
+  }
+  moment_.height = 24;
+  Press("\t\n");
+  EXPECT_EQ(Page()[3], "  22:13:20  x/a v  49 -> 50");
+  View().Press(kKeyEnd);
+  EXPECT_FALSE(Has("49 -> 50"));
+  EXPECT_TRUE(Has("x/a  has other variables now"));
+}
+
+TEST_F(Live, TellsOfAnAgentThatIsNotWell) {
+  SetHost(1);
+  Set("host/agent", {Int("tlxHoAgentFailedPolls", 3)});
+  Set("host/load", {Int("tlxHoLoadOne", -1), Int("tlxHoUptime", -1)});
+  Take();
+  EXPECT_EQ(Page()[1], " Agent: polled 0 s ago, every 15 s, 3 polls failed");
+  EXPECT_EQ(Page()[0].substr(0, 20), " web7  Debian 12    ");
+  Press("p");
+  moment_.width = 50;
+  EXPECT_TRUE(Page()[0].ends_with("PAUSED 22:13:20")) << Page()[0];
+  EXPECT_FALSE(Has("held since"));
+}
+
+TEST_F(Live, HasNoTimeForAClockBeyondAllYears) {
+  moment_.wall = std::numeric_limits<int64_t>::max();
+  EXPECT_EQ(Page()[0], " somehost");
+}
+
+TEST_F(Live, ShowsWhatIsKnownOfTheMemory) {
+  const auto with_memory = [&](const std::vector<MadeVariable> &memory) {
+    Set("host/memory", memory);
+    Take();
+    return Ram();
+  };
+  const auto mood_of = [&](const std::string &text) {
+    for (const LiveLine &line : View().Page(moment_)) {
+      for (const LivePiece &piece : line) {
+        if (piece.text.find(text) != std::string::npos) {
+          return piece.mood;
+        }
+      }
+    }
+    return Mood::kPlain;
+  };
+  EXPECT_EQ(with_memory({Int("tlxHoPhysicalMemorySize", -1)}),
+            "  RAM      -" + std::string(17, ' ') + "not known");
+  EXPECT_FALSE(Has("swap"));
+  EXPECT_EQ(with_memory({Int("tlxHoPhysicalMemorySize", 8192)}),
+            "  RAM      -" + std::string(17, ' ') + "of 8.0 GiB");
+  EXPECT_EQ(with_memory({Int("tlxHoPhysicalMemorySize", 8192), Int("tlxHoPhysicalMemoryFree", 512),
+                         Int("tlxHoPagingMemorySize", 0), Int("tlxHoPagingMemoryFree", 0)}),
+            "  RAM   94 % #############.  of 8.0 GiB, 512 MiB free");
+  EXPECT_EQ(mood_of("94 %"), Mood::kBad);
+  EXPECT_FALSE(Has("swap"));
+  moment_.width = 120;  // room for how it was before
+  EXPECT_TRUE(With("RAM ")[0].ends_with("#")) << With("RAM ")[0];
+  moment_.width = 80;
+  Set("host/memdetail", {Int("tlxHoMemoryAvailable", 1639)});
+  Take();
+  EXPECT_EQ(Ram(), "  RAM   80 % ###########...  of 8.0 GiB, 1.6 GiB available");
+  EXPECT_EQ(mood_of("80 %"), Mood::kWarning);
+  options_.bars = false;
+  view_.reset();
+  EXPECT_EQ(Ram(), "  RAM   80 %   of 8.0 GiB, 1.6 GiB available");
+}
+
+TEST_F(Live, ShowsProcessorsWithoutAUse) {
+  SetHost(256);
+  Set("host/cpu.0", {Int("tlxHoCpuUtilMin", -1)});
+  Set("host/cpu.1", {Text("other", 8, "thing")});
+  Take();
+  EXPECT_TRUE(Has("Processors (256), 45 % on average, most 100 % (100)"))
+      << testing::PrintToString(Page());
+  Press("r");
+  EXPECT_TRUE(Has("Processors (256, last first)"));
+  EXPECT_FALSE(Has("on average"));
+  Press("rs");
+  EXPECT_TRUE(Has("Processors (256, by 1 min, largest first)"));
+  Press("S");
+  EXPECT_TRUE(Has("Processors (256)"));
+  EXPECT_FALSE(Has("on average"));
+  EXPECT_EQ(Page()[3].substr(0, 11), "    0     -") << Page()[3];
+  Press("r");
+  EXPECT_TRUE(Has("Processors (256, last first)"));
+  EXPECT_TRUE(Has(" 255  53 % ")) << Page()[3];
+  options_.bars = false;
+  view_.reset();
+  EXPECT_EQ(Page()[3].substr(0, 11), "  100 100 %");
+  EXPECT_FALSE(Has("###"));
+}
+
+TEST_F(Live, KnowsNoProcessorsUse) {
+  for (int i = 0; i < 256; i++) {
+    Set("host/cpu." + std::to_string(i), {Int("tlxHoCpuUtilMin", -1)});
+  }
+  SetRows(50);
+  EXPECT_TRUE(Has("Processors (256)"));
+  EXPECT_FALSE(Has("on average"));
+}
+
+TEST_F(Live, SortsWhatHasColumns) {
+  SetHost(1);
+  Take();
+  Page();
+  Press("\t");  // the memory
+  const Strings before = Page();
+  Press("s");
+  EXPECT_EQ(Page(), before);
+  View().Press(kKeyBackTab);
+  Press("s");
+  EXPECT_TRUE(Has("Processors (1, by 1 min, largest first)"));
+}
+
+TEST_F(Live, SortsByAColumnThatIsThere) {
+  Set("x/row.1", {Int("a", 10), Text("t", 8, "zz")});
+  Set("x/row.2", {Int("a", 20), Text("t", 8, "aa")});
+  Take();
+  Press("SSS");
+  EXPECT_TRUE(Has("x/row (2)"));
+  Press("S");
+  EXPECT_TRUE(Has("x/row (2, by t)"));
+  EXPECT_EQ(Page()[4].substr(0, 3), "  2");
+  for (const char *name : {"x/row.1", "x/row.2"}) {
+    Set(name, {Int("a", 10), Int("b", 20)});
+  }
+  Take();
+  EXPECT_EQ(Page()[4].substr(0, 3), "  1");  // the column is gone
+  Press("s");
+  EXPECT_TRUE(Has("x/row (2, by a, largest first)")) << Page()[2];
+}
+
+TEST_F(Live, TakesColumnsThatComeLater) {
+  Set("x/row.1", {});
+  Set("x/row.2", {});
+  Take();
+  EXPECT_EQ(Page()[3], "  #");
+  EXPECT_EQ(Page()[4], "  1");
+  Press("\n");
+  View().Press(kKeyRight);
+  EXPECT_EQ(Page()[4], "  1");
+  Set("x/row.1", {Int("alpha", 1), Int("beta", 22222)});
+  Take();
+  View().Press(kKeyLeft);
+  EXPECT_EQ(Page()[3], "  #  alpha   beta");
+  EXPECT_EQ(Page()[4], "  1      1  22222");
+  EXPECT_EQ(Page()[5], "  2");
+}
+
+// Between characters, whatever their octets are.
+TEST_F(Live, CutsTheLongestTextFirst) {
+  std::string text;
+  for (int i = 0; i < 60; i++) {
+    text += "\u00e4";
+  }
+  Set("x/row.1", {Text("a", 200, text), Text("b", 200, text + text), Text("c", 8, "short"),
+                  Text("d", 30, std::string(21, 'd'))});
+  Take();
+  options_.utf8 = true;
+  const std::string line = With("short")[0];
+  EXPECT_EQ(DisplayWidth(line), 80);
+  EXPECT_NE(line.find("\u00e4\u2026  "), std::string::npos) << line;
+  EXPECT_EQ(line.find("\u00e4  "), std::string::npos) << "both are cut";
+}
+
+TEST_F(Live, ScrollsAnOverview) {
+  for (int i = 0; i < 20; i++) {
+    Set("g" + std::to_string(10 + i) + "/row.1", {Int("v" + std::to_string(10 + i), 100 + i)});
+  }
+  Take();
+  moment_.height = 8;
+  EXPECT_EQ(Page()[2], "g10/row (1)");
+  EXPECT_EQ(Page()[5], "g11/row (1)");
+  View().Press(kKeyDown);
+  EXPECT_EQ(Page()[2], "  #  v10");
+  View().Press(kKeyDown);
+  EXPECT_EQ(Page()[2], "  1  100");
+  EXPECT_EQ(Page()[3], "g11/row (1)");
+  // With an empty line between them.
+  moment_.height = 40;
+  View().Press(kKeyHome);
+  EXPECT_EQ(Page()[2], "g10/row (1)");
+  EXPECT_EQ(Page()[5], "");
+  EXPECT_EQ(Page()[6], "g11/row (1)");
+  View().Press(kKeyPageDown);
+  EXPECT_FALSE(Has("g10/row"));
+  View().Press(kKeyEnd);
+  const Strings page = Page();
+  EXPECT_EQ(page[page.size() - 2], "  nothing since this view began");
+}
+
+TEST_F(Live, HasNoRoomBesideWhatIsMissing) {
+  SetRows(5);
+  Set("y/other", {Int("w", 77)});
+  for (int i = 0; i < 30; i++) {
+    look_.missing.push_back("gone/" + std::to_string(i));
+  }
+  Take();
+  EXPECT_EQ(With("(removed)").size(), 21U);
+  View().Press(kKeyEnd);
+  EXPECT_TRUE(Has("x/row (5)")) << testing::PrintToString(Page());
+  EXPECT_TRUE(Has("y/other"));
+}
+
+TEST_F(Live, ShowsOneGroupAlone) {
+  Set("x/row.1", {Int("v", 11)});
+  Take();
+  Press("g");
+  View().Press(kKeyEnd);
+  Press(" g");
+  EXPECT_EQ(Page()[2], "x/row (1)");
+  EXPECT_EQ(Page()[4], "  1  11");
+  EXPECT_FALSE(Has("Changed lately"));
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Names as people say them.
 #include "tools/vexreg/names.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/failing_call.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
 
@@ -159,6 +161,70 @@ TEST(NearName, DistancesAreThoseOfSingleMistakes) {
   EXPECT_EQ(EditDistance("", "abc", 3), 3U);
   EXPECT_EQ(EditDistance("", "abcd", 3), 4U);
   EXPECT_EQ(EditDistance("abcdefgh", "ijklmnop", 3), 4U);
+}
+
+TEST_F(FindNames, TakesObjectsOfTheRootItself) {
+  Publish("top", MadeObject({Int("var0", 1)}));
+  Publish("row.1", MadeObject({Int("var0", 1)}));
+  EXPECT_EQ(ObjectsOf({"to*"}), Names{"top"});
+  EXPECT_EQ(ObjectsOf({"row"}), Names{"row.1"});
+}
+
+TEST_F(FindNames, SaysOnceWhatIsDamaged) {
+  WriteBytes(registry_.Path("host/cpu.1"), {1, 2, 3});
+  std::filesystem::copy_file(registry_.Path("host/cpu.0"), registry_.Path("host/cpu.3"));
+  std::filesystem::resize_file(registry_.Path("host/cpu.3"), 200);
+  const Found found = Find({"cpu", "host/cpu", "host/*"});
+  EXPECT_EQ(found.damaged, Names{"host/cpu.3"});
+  EXPECT_EQ(found.missing, Names());
+  // A variable is looked for in the others.
+  EXPECT_EQ(Find({"tlxHoCpuUtilMin"}).objects.size(), 3U);
+}
+
+TEST_F(FindNames, UnusedPlacesHaveNoVariable) {
+  Publish("x/a", MadeObject({{"var9", 0, "", 0}, Int("var8", 1)}));
+  EXPECT_EQ(Find({"var9"}).missing, Names{"var9"});
+  EXPECT_EQ(ObjectsOf({"var8"}), Names{"x/a"});
+}
+
+TEST_F(FindNames, NothingIsBeyondTheRoot) {
+  const Names names = {"host/cpu.0", "x"};
+  EXPECT_EQ(NamesFor("../x", registry_.root(), names), Names());
+  EXPECT_EQ(NamesFor("x", registry_.root(), names), Names{"x"});
+  EXPECT_EQ(NamesFor("cpu", registry_.root(), names), Names{"host/cpu.0"});
+}
+
+TEST(NearName, TakesTheShortestOfWhatAHeadingMayBe) {
+  EXPECT_EQ(NearestName("Index", {}), "tlxHoSwVerIndex");
+  EXPECT_EQ(NearestName("Condition", {}), "tlxHoMibCondition");
+  EXPECT_EQ(NearestName(std::string(100, 'x'), {}), "");
+}
+
+// Agents remove objects while others look for them.
+TEST_F(FindNames, WhatGoesMeanwhileIsMissing) {
+  {
+    FailingCall reading("syscall", [&] { std::filesystem::remove(registry_.Path("host/cpu.2")); });
+    reading.On("host/cpu.2");
+    const Found found = Find({"cpu"});
+    EXPECT_EQ(found.objects.size(), 2U);
+    EXPECT_EQ(found.damaged, Names());
+    EXPECT_EQ(found.missing, Names());
+  }
+  FailingCall reading("syscall", [&] { std::filesystem::remove_all(registry_.Path("host")); });
+  reading.On("host/cpu.0");
+  const Found found = Find({"cpu"});
+  EXPECT_EQ(found.missing, Names{"cpu"});
+  EXPECT_EQ(found.unreadable, Names());
+}
+
+TEST_F(FindNames, WhatCannotBeLookedAtIsUnreadable) {
+  WriteBytes(registry_.Path("host/odd"), {1, 2, 3});
+  // It is read, looked for, and looked at.
+  FailingCall failing("openat", EMFILE, 3);
+  failing.On("registry");
+  const Found found = Find({"host/odd"});
+  EXPECT_EQ(failing.Failed(), 1);
+  EXPECT_EQ(found.unreadable, Names{"host/odd"});
 }
 
 }  // namespace

@@ -256,4 +256,16 @@ TEST(OpenMetrics, SplitDescriptions) {
   EXPECT_EQ(SplitDescription("odd"), (Parts{"", "odd"}));
 }
 
+TEST(OpenMetrics, OfWhatIsNotKnown) {
+  const Samples samples = Parse(OpenMetrics(
+      {{"host/swver.0", MadeObject({Type("tlxHoSwVerName", "x"),
+                                    {"tlxHoSwVerVersion", 0, "1", 1},
+                                    Int("tlxHoSwVerType", -1)})},
+       {"host/swver.1", MadeObject({Type("tlxHoSwVerName", "y"), Int("tlxHoSwVerType", 77)})}}));
+  EXPECT_EQ(
+      samples,
+      (Samples{{R"(vexhost_software_info{name="x",version="",type="",description=""})", "1"},
+               {R"(vexhost_software_info{name="y",version="",type="77",description=""})", "1"}}));
+}
+
 }  // namespace

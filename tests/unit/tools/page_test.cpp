@@ -201,5 +201,42 @@ TEST(Page, ColoursCanBeReadInLightAndDark) {
   }
 }
 
+NamedObject SiblingRow(int number, const char *name, int present, int condition) {
+  return {"host/sibling." + std::to_string(number),
+          MadeObject({Text("tlxHoSiblingName", 8, name), Int("tlxHoSiblingPresent", present),
+                      Int("tlxHoSiblingCondition", condition)})};
+}
+
+TEST(Page, SiblingsThatRunAndThoseThatDoNot) {
+  PageFacts facts;
+  facts.objects = {SiblingRow(1, "nics", 1, 4)};
+  std::string page = ReportPage(facts);
+  EXPECT_NE(page.find("<span class=\"bad\">severe</span>"), std::string::npos);
+  EXPECT_EQ(page.find("No agent:"), std::string::npos);
+  facts.objects = {SiblingRow(1, "nics", 2, -1), SiblingRow(2, "rack", 2, -1)};
+  page = ReportPage(facts);
+  EXPECT_NE(page.find("No agent: nics, rack</p>"), std::string::npos);
+  EXPECT_EQ(page.find("Agents of the same suite"), std::string::npos);
+}
+
+TEST(Page, HasNoLoadThatIsNotThere) {
+  PageFacts facts;
+  facts.objects = {{"host/cpu.0", MadeObject({Int("tlxHoCpuUtilMin", 5)})}};
+  EXPECT_EQ(ReportPage(facts).find("<p>Load: "), std::string::npos);
+  facts.objects.push_back({"host/load", MadeObject({Int("tlxHoLoadOne", 42)})});
+  EXPECT_NE(ReportPage(facts).find("<p>Load: 0.42, "), std::string::npos);
+}
+
+TEST(Page, FileSystemsThatNothingIsKnownOf) {
+  PageFacts facts;
+  facts.objects = {{"host/filesys.0",
+                    MadeObject({Text("tlxHoFileSysDesc", 8, ""), Int("tlxHoFileSysSpaceTotal", -1),
+                                Int("tlxHoFileSysPercentSpaceUsed", -1)})}};
+  const std::string page = ReportPage(facts);
+  const size_t at = page.find("class=\"long\"><span class=\"faint\">not known</span></th>");
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_EQ(page.find("class=\"meter\"", at), std::string::npos);
+}
+
 }  // namespace
 }  // namespace vex

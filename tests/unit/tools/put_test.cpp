@@ -64,7 +64,8 @@ TEST(Put, Texts) {
 
 TEST(Put, Octets) {
   EXPECT_EQ(Json({"hex:00", "hex:DEADbeef"}), R"({"var0":"00","var1":"deadbeef"})");
-  for (const char *text : {"hex:", "hex:0", "hex:0g", "hex:0x00", "hex:00 00"}) {
+  for (const char *text : {"hex:", "hex:0", "hex:0g", "hex:0x00", "hex:00 00", "hex:/0", "hex:0/",
+                           "hex:0:", "hex:@0", "hex:G0"}) {
     EXPECT_TRUE(IsRefused(text)) << text;
   }
   EXPECT_TRUE(IsRefused("hex:" + std::string(2 * 65536, '0')));

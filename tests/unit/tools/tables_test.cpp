@@ -290,4 +290,79 @@ TEST_F(Tables, HoldAsManyVariablesAsAnObjectCanHave) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1 + 4096);
 }
 
+TEST_F(Tables, UnusedPlacesAreNotShown) {
+  const std::vector<MadeVariable> variables = {
+      {"tlxGone", 0, "", 0}, Int("tlxHere", 1), Int("tlxMore", 2)};
+  EXPECT_EQ(RenderTables({{"x/a", MadeObject(variables)}}, 80), "x/a\n  Here  1\n  More  2\n");
+  EXPECT_EQ(RenderTables({{"x/a.1", MadeObject(variables)}}, 80),
+            "x/a (1 row)\n  #  Here  More\n  1     1     2\n");
+}
+
+TEST_F(Tables, RowsOfOtherNamesGetATableOfTheirOwn) {
+  EXPECT_EQ(RenderTables(
+                {{"x/a.1", MadeObject({Int("v", 1)})}, {"x/a.2", MadeObject({Int("w", 2)})}}, 80),
+            "x/a (1 row)\n  #  v\n  1  1\n\nx/a (1 row)\n  #  w\n  2  2\n");
+}
+
+TEST_F(Tables, LongTextStaysInAnOrderThatWasChosen) {
+  const NamedObject row = {"x/a.1", MadeObject({Text("long", 80, "text"), Int("number", 7)})};
+  Style style;
+  EXPECT_EQ(RenderTables({row}, 80, style), "x/a (1 row)\n  #  number  long\n  1       7  text\n");
+  style.keep_order = true;
+  EXPECT_EQ(RenderTables({row}, 80, style), "x/a (1 row)\n  #  long  number\n  1  text       7\n");
+}
+
+// A column whose heading is as wide as its cells stays so; the other one gives way.
+TEST_F(Tables, NarrowsTheColumnThatCanBe) {
+  const std::string cell = "aaaa bbbb cccc dddd ";
+  const std::string heading = "H" + std::string(20, 'h');
+  const std::string text = RenderTables(
+      {{"x/a.1", MadeObject({Text(heading, 30, cell + "!"), Text("B", 30, cell + "!")})}}, 40);
+  EXPECT_NE(text.find("aaaa bbbb cccc dddd !  aaaa bbbb\n"), std::string::npos) << text;
+  EXPECT_LE(LongestLine(text), 40) << text;
+  EXPECT_NE(text.find(heading), std::string::npos) << text;
+}
+
+TEST_F(Tables, NamesOfRows) {
+  EXPECT_EQ(ParseRowName("x/a.12")->number, "12");
+  for (const char *name : {"x/a", "x/a.", "x/a.1b", "x/a.-1"}) {
+    EXPECT_FALSE(ParseRowName(name)) << name;
+  }
+}
+
+TEST_F(Tables, WrapsWhatFitsNowhere) {
+  using Lines = std::vector<std::string>;
+  EXPECT_EQ(WrapText("\u4e2d\u6587", 1), (Lines{"\u4e2d", "\u6587"}));
+  EXPECT_EQ(WrapText(" abc", 2), (Lines{" a", "bc"}));
+}
+
+TEST_F(Tables, MeasureWhatHasNoWidth) {
+  EXPECT_EQ(DisplayWidth("\u0378"), 1);  // no character yet
+  EXPECT_EQ(DisplayWidth("\x01"), 1);
+}
+
+TEST_F(Tables, HeadingWordsOfOtherNames) {
+  using Words = std::vector<std::string_view>;
+  EXPECT_EQ(HeadingWords("AB{"), Words{"AB{"});
+  EXPECT_EQ(HeadingWords("ABc"), (Words{"A", "Bc"}));
+  EXPECT_EQ(HeadingWords("AB1"), Words{"AB1"});
+}
+
+TEST_F(Tables, DatesThatAreNone) {
+  for (const std::string &octets : {std::string("\x07\xE8\x00\x05\x0E\x07\x09", 7),
+                                    std::string("\x07\xE8\x03\x00\x0E\x07\x09", 7),
+                                    std::string("\x07\xE8\x03\x05\x0E\x3C\x09", 7),
+                                    std::string("\x07\xE8\x03\x05\x0E\x07\x3D", 7)}) {
+    EXPECT_EQ(DateText(octets), std::nullopt);
+  }
+  EXPECT_EQ(DateText("\xFF\xFF\x03\x05\x0E\x07\x09"), "65535-03-05 14:07:09");
+}
+
+TEST_F(Tables, ShortNamesKeepWhatHasNotTheBeginning) {
+  using Names = std::vector<std::string_view>;
+  const FileObject object =
+      MadeObject({Int("tlxOne", 1), {"tlxGone", 0, "", 0}, Int("other", 2), Int("tlxTwo", 3)});
+  EXPECT_EQ(ShortNames(object, "tlx"), (Names{"One", "tlxGone", "other", "Two"}));
+}
+
 }  // namespace

@@ -2,7 +2,10 @@
 #include "tools/vexreg/values.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
 
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "tests/unit/tools/made_object.h"
@@ -30,6 +33,8 @@ TEST(Utf8, ShowsOtherBytesAsTheCharacterOfTheirNumber) {
       {"\xED\xA0\xA0", "\u00ED\u00A0\u00A0"},                  // a surrogate
       {"\xF4\x90\x80\x80", "\u00F4\xC2\x90\xC2\x80\xC2\x80"},  // above U+10FFFF
       {"\xE2\x82", "\u00E2\xC2\x82"},
+      {"\xE2\x82(", "\u00E2\xC2\x82("},
+      {"\xE2\x82\xFF", "\u00E2\xC2\x82\u00FF"},
       {"\xF0\x9F\x98", "\u00F0\xC2\x9F\xC2\x98"},
       {"\xF5\x80\x80\x80", "\u00F5\xC2\x80\xC2\x80\xC2\x80"},
       {"\xC3\xA4\xE4", "\u00E4\u00E4"},  // one letter in both spellings
@@ -99,6 +104,20 @@ TEST(Values, OfOddSizesAndTypes) {
   EXPECT_EQ(ObjectJson(object).dump(), R"({"a":null,"b":""})");
   object.variables[0].type = 9;  // of a later format
   EXPECT_EQ(ObjectJson(object).dump(), R"({"a":"7879","b":""})");
+}
+
+TEST(Values, TimesThatAreNoneStayNumbers) {
+  const int64_t beyond = std::numeric_limits<int64_t>::max();
+  for (const auto form : {TimeText, ZonedTimeText, IsoTime}) {
+    EXPECT_EQ(form(beyond), std::to_string(beyond));
+  }
+  // Where the zone's name is longer than anybody's.
+  setenv("TZ", ("<" + std::string(60, 'A') + ">0").c_str(), 1);
+  tzset();
+  EXPECT_EQ(ZonedTimeText(5), "5");
+  setenv("TZ", "UTC0", 1);
+  tzset();
+  EXPECT_EQ(IsoTime(5), "1970-01-01T00:00:05+00:00");
 }
 
 }  // namespace

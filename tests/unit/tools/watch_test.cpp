@@ -13,6 +13,7 @@
 
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
+#include "tests/unit/tools/made_object.h"
 #include "tools/vexreg/signals.h"
 
 using namespace vex;
@@ -85,6 +86,15 @@ class WatchScreen : public testing::Test {
     const Outcome outcome = made_up::RunCommand(
         {VEXREG_PATH, "--root", registry_.root(), "put", name, "int:" + std::to_string(value)});
     ASSERT_EQ(outcome.status, 0) << outcome.err;
+  }
+  void Publish(const std::string &name, const FileObject &object) {
+    std::vector<uint16_t> lengths;
+    for (const FileVariable &variable : object.variables) {
+      lengths.push_back(variable.length);
+    }
+    ObjectFileWriter writer(name, registry_.root());
+    writer.SetLayout(object.variables, static_cast<uint32_t>(object.data.size()));
+    ASSERT_EQ(writer.Publish(object.data.data(), lengths.data()), 0);
   }
   std::string File(const std::string &name) const {
     return registry_.base() + "/" + name;
@@ -452,6 +462,162 @@ TEST_F(WatchScreen, SaysWhenANamedObjectIsGone) {
   EXPECT_TRUE(tmux_->Shows("h/a (removed)"));
   Put("h/a", 54321);
   EXPECT_TRUE(tmux_->Shows("54321"));
+}
+
+TEST_F(WatchScreen, DrawsWhatTheLocaleCan) {
+  Publish("h/a", MadeObject({Text("t", 20, "\u00e4\u4e2d|"), Int("n", 12345)}));
+  Start("", "LC_ALL=C.UTF-8");
+  EXPECT_TRUE(tmux_->Shows("t  \u00e4\u4e2d|"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+  tmux_.reset();
+  std::filesystem::remove(File("after"));
+  Start("", "LC_ALL=C");
+  EXPECT_TRUE(tmux_->Shows("t  ??|"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+// A part of a character, as over a line that is disturbed, is no key, and costs no other one.
+TEST_F(WatchScreen, APartOfACharacterIsNoKey) {
+  Put("h/a", 12345);
+  Start("", "LC_ALL=C.UTF-8");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("/");
+  ASSERT_TRUE(tmux_->Shows("Only lines with: _"));
+  EXPECT_EQ(tmux_->Tell({"send-keys", "-H", "c3"}).status, 0);
+  WaitRounds(5);
+  EXPECT_TRUE(tmux_->Shows("Only lines with: _"));
+  tmux_->Type("x\u00e4");
+  EXPECT_TRUE(tmux_->Shows("Only lines with: x\u00e4_"));
+  tmux_->Press("BSpace");
+  EXPECT_TRUE(tmux_->Shows("Only lines with: x_"));
+  tmux_->Press("Escape");
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+// A terminal whose description says that another octet erases.
+TEST_F(WatchScreen, TakesEitherKeyThatErases) {
+  Put("h/a", 12345);
+  Start("", "TERM=vt100");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  tmux_->Press("/");
+  tmux_->Type("abc");
+  EXPECT_TRUE(tmux_->Shows("Only lines with: abc_"));
+  for (const auto &[erase, left] : {std::pair{"7f", "ab_"}, std::pair{"08", "a_"}}) {
+    EXPECT_EQ(tmux_->Tell({"send-keys", "-H", erase}).status, 0);
+    EXPECT_TRUE(tmux_->Shows(std::string("Only lines with: ") + left));
+  }
+  tmux_->Press("Escape");
+  tmux_->Press("q");
+  EXPECT_TRUE(Eventually([&] { return made_up::ReadFile(File("status")) == "0\n"; }));
+}
+
+TEST_F(WatchScreen, PaintsAnewWhenAsked) {
+  Put("h/a", 12345);
+  Start();
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  // Somebody else has written on the terminal.
+  const std::string terminal = tmux_->State("#{pane_tty}");
+  WriteBytes(terminal, {'\x1b', '[', '2', 'J', 'b', 'a', 'd'});
+  ASSERT_TRUE(tmux_->ShowsNot("12345"));
+  tmux_->Press("C-l");
+  EXPECT_TRUE(tmux_->Shows("12345"));
+  EXPECT_TRUE(tmux_->ShowsNot("bad"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+TEST_F(WatchScreen, KeepsToTheWidthAndToColumnsThatGrow) {
+  Publish("h/a", MadeObject({Text("t", 90, std::string(60, 'w') + "12345")}));
+  Start("--width 40");
+  EXPECT_TRUE(tmux_->Shows(std::string(30, 'w')));
+  EXPECT_EQ(tmux_->Screen().find(std::string(40, 'w')), std::string::npos) << tmux_->Screen();
+  tmux_->Press("q");
+  ExpectEnd(0);
+  tmux_.reset();
+  std::filesystem::remove(File("after"));
+  Start();
+  ASSERT_TRUE(tmux_->Shows("w12345"));
+  tmux_->Resize(40, 24);
+  EXPECT_TRUE(tmux_->ShowsNot("w12345"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+// What whoever started it ignores, it goes on ignoring; its own limit of time stays.
+TEST_F(WatchScreen, IgnoresWhatItsParentIgnores) {
+  Put("h/a", 12345);
+  Start("", "--ignore-signal=USR1 --ignore-signal=ALRM");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  Signal(SIGUSR1);
+  Put("h/a", 54321);
+  EXPECT_TRUE(tmux_->Shows("54321"));
+  Signal(SIGALRM);
+  ExpectEnd(0);
+}
+
+// Without keys a signal ends it.
+TEST_F(WatchScreen, NeedsNoKeys) {
+  Put("h/a", 12345);
+  Start("</dev/null");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  tmux_->Type("q");
+  Put("h/a", 54321);
+  EXPECT_TRUE(tmux_->Shows("54321"));
+  Signal(SIGTERM);
+  ExpectEnd(0);
+}
+
+TEST_F(WatchScreen, ForgivesTheAgentOnceItsValuesAreNew) {
+  Publish("host/load", MadeObject({Int("tlxHoLoadOne", 42)}));
+  Start();
+  EXPECT_TRUE(tmux_->Shows("Agent: polled "));
+  EXPECT_TRUE(tmux_->Shows("load 0.42"));
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+// Looks are an hour apart here. Values that are old when a key comes are looked at again, but not
+// at each key.
+TEST_F(WatchScreen, LooksAgainAtAKeyWhenValuesAreOld) {
+  Publish("host/misc", MadeObject({Int("tlxHoOsCommonPollFreq", -3)}));  // always too late
+  Put("h/a", 12345);
+  Start("--interval 3600");
+  ASSERT_TRUE(tmux_->Shows("12345"));
+  EXPECT_TRUE(tmux_->Shows("Values are 0 s old: no agent runs"));
+  Put("h/a", 54321);
+  EXPECT_TRUE(Eventually([&] {
+    tmux_->Press("Home");
+    return tmux_->Screen().find("54321") != std::string::npos;
+  })) << tmux_->Screen();
+  tmux_->Press("q");
+  ExpectEnd(0);
+}
+
+// A description of a terminal that is odd, but one: texts with dollars, without an end and longer
+// than any, and no way back to the colours it had.
+TEST_F(WatchScreen, GivesOddTerminalsBack) {
+  Put("h/a", 12345);
+  std::ofstream(File("odd")) << "odd|an odd one,\n\top@, oc@, sgr0=\\E[m$<2>,\n\tcnorm=\\E[?25h$x"
+                             << "$<5,\n\trmcup=\\E[?1049l" << std::string(300, '\r')
+                             << ",\n\tuse=xterm-256color,\n";
+  const Outcome compiled = made_up::RunCommand({"tic", "-x", "-o", File("terms"), File("odd")});
+  ASSERT_EQ(compiled.status, 0) << compiled.err;
+  for (const int number : {SIGUSR1, SIGTERM}) {
+    for (const char *name : {"before", "after", "pid", "status"}) {
+      std::filesystem::remove(File(name));
+    }
+    Start("", "TERM=odd TERMINFO=" + File("terms"));
+    ASSERT_TRUE(tmux_->Shows("12345"));
+    Signal(number);
+    EXPECT_TRUE(Eventually([&] { return !made_up::ReadFile(File("after")).empty(); }));
+    EXPECT_EQ(made_up::ReadFile(File("status")),
+              std::to_string(number == SIGTERM ? 0 : 128 + number) + "\n");
+    EXPECT_EQ(made_up::ReadFile(File("after")), made_up::ReadFile(File("before")));
+    tmux_.reset();
+  }
 }
 
 }  // namespace

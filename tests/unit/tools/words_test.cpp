@@ -325,4 +325,96 @@ TEST_F(WordTables, HaveArraysAsLinesThatFit) {
             std::string::npos);
 }
 
+// Objects whose data end before the variable does, as no agent publishes them.
+Shown ShowCut(const MadeVariable &variable, std::string *json = nullptr) {
+  FileObject object = MadeObject({variable});
+  object.data.pop_back();
+  if (json != nullptr) {
+    *json = WordJson(object, object.variables[0]).dump();
+  }
+  return ShowValue(object, object.variables[0]);
+}
+
+TEST(Words, OfValuesThatAreNotThere) {
+  for (const char *name : {"tlxHoMibStatusArray", "tlxHoMibHealthStatusArray", "tlxHoSwVerDate"}) {
+    std::string json;
+    const Shown shown = ShowCut(Octets(name, 7, "\x07\xE8\x03\x05\x0E\x07\x09"), &json);
+    EXPECT_EQ(shown.text, "?") << name;
+    EXPECT_TRUE(shown.lines.empty()) << name;
+    EXPECT_EQ(json, "null") << name;
+  }
+}
+
+TEST(Words, OfWholeArrays) {
+  std::string status;
+  for (int i = 0; i < 27; i++) {
+    status += std::string("\1\2\1\0", 4);
+  }
+  const Shown all_run = Show(Octets("tlxHoMibStatusArray", 108, status));
+  EXPECT_EQ(Plain(all_run.lines.back()), "26 flash storage           runs   normal     1.0");
+  const Shown all_judged = Show(Octets("tlxHoMibHealthStatusArray", 256, std::string(256, '\2')));
+  EXPECT_EQ(Plain(all_judged.lines.back()).substr(0, 27), "the remote management board");
+  for (const std::vector<Span> &line : all_judged.lines) {
+    EXPECT_FALSE(Plain(line).starts_with("unassessed")) << Plain(line);
+  }
+  const auto json =
+      nlohmann::json::parse(Json(Octets("tlxHoMibHealthStatusArray", 256, std::string(256, '\7'))));
+  EXPECT_EQ(json[2]["condition"], 7) << "a number without a name";
+}
+
+TEST(Words, OfNumbersThatNothingIsKnownOf) {
+  EXPECT_EQ(Json(Int("var0", -1)), "-1");
+  EXPECT_EQ(Json(Int("var0", 5)), "5");
+  EXPECT_EQ(Json(Int("tlxHoMibRevMajor", -1)), "-1") << "a number like others there";
+  EXPECT_EQ(Json(Int("tlxHoCpuUtilHour", -1)), "null");
+}
+
+TEST(Words, OfDaysThatAreNotInTheCalendar) {
+  EXPECT_EQ(Show(Octets("tlxHoSwVerDate", 7, "\x07\xE8\x02\x1E\x0E\x07\x09")).text,
+            "2024-02-30 14:07:09");
+  EXPECT_EQ(Show(Octets("tlxHoSwVerDate", 7, "\xFF\xFE\x02\x01\x0E\x07\x09")).text,
+            "65534-02-01 14:07:09");
+}
+
+TEST(Words, OfSizesBeyondAllUnits) {
+  EXPECT_EQ(SizeText(int64_t{1} << 42), "4096 PiB");
+}
+
+class ListsOfWords : public testing::Test {
+ protected:
+  ListsOfWords() {
+    setlocale(LC_CTYPE, "C.UTF-8");
+    style_.words = true;
+    style_.bars = true;
+  }
+  Style style_;
+};
+
+TEST_F(ListsOfWords, HaveBarsWhereThereIsRoom) {
+  const NamedObject object = {"x/a", MadeObject({Int("tlxHoFileSysPercentSpaceUsed", 50)})};
+  EXPECT_EQ(RenderTables({object}, 80, style_),
+            "x/a\n  tlxHoFileSysPercentSpaceUsed  50 % #####.....\n");
+  EXPECT_EQ(RenderTables({object}, 42, style_), "x/a\n  tlxHoFileSysPercentSpaceUsed  50 %\n");
+  style_.bars = false;
+  EXPECT_EQ(RenderTables({object}, 80, style_), "x/a\n  tlxHoFileSysPercentSpaceUsed  50 %\n");
+}
+
+TEST_F(ListsOfWords, ArraysOfRowsAreOneCell) {
+  const NamedObject row = {"x/a.1",
+                           MadeObject({Octets("tlxHoMibHealthStatusArray", 8, {"\1\3\0\2", 4})})};
+  const std::string text = RenderTables({row}, 0, style_);
+  EXPECT_NE(text.find("  1  worst condition: raised; "), std::string::npos) << text;
+}
+
+// A line that a cell does not reach has no colour, either.
+TEST_F(ListsOfWords, EmptyLinesHaveNoColour) {
+  style_.colour = true;
+  const NamedObject row = {"x/a.1",
+                           MadeObject({Int("tlxHoMibCondition", 2),
+                                       Text("t", 60, "one two three four five six seven")})};
+  const std::string text = RenderTables({row}, 40, style_);
+  EXPECT_NE(text.find("\x1b[32mnormal\x1b[0m"), std::string::npos) << text;
+  EXPECT_EQ(text.find("m\x1b[0m"), std::string::npos) << text;
+}
+
 }  // namespace
