@@ -18,6 +18,14 @@ void *operator new(size_t size) {
   }
   return memory;
 }
+// A sanitizer has one of its own, whose memory must not be freed like this.
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+  try {
+    return operator new(size);
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
+}
 void operator delete(void *memory) noexcept {
   free(memory);
 }
