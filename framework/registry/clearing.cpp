@@ -19,6 +19,24 @@ namespace {
 constexpr int kMaxDepth = 64;  // each level holds a descriptor
 constexpr int kMaxPasses = 10'000;
 
+// Removes what `name` in the directory `parent` is, or opens it when it is a directory. 0 when it
+// is gone, whoever removed it, and when it is open; -1 with errno.
+int RemoveOrOpen(int parent, const char *name, Descriptor *directory) {
+  if (unlinkat(parent, name, 0) == 0 || errno == ENOENT) {
+    return 0;
+  }
+  if (errno != EISDIR) {
+    return -1;
+  }
+  directory->Reset(openat(parent, name, kReadDirectory));
+  return *directory || errno == ENOENT ? 0 : -1;
+}
+
+// The same for a directory that is empty by now.
+int RemoveEmptied(int parent, const char *name) {
+  return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : -1;
+}
+
 // Removes what is in a directory. What lies deeper than kMaxDepth is moved up to the directory
 // itself and removed by the next pass, so that no depth costs more descriptors or stack.
 class Clearing {
@@ -44,23 +62,15 @@ class Clearing {
  private:
   // Removes what `name` in the directory `parent` is; what vanishes meanwhile is no error.
   int RemoveEntry(int parent, const char *name, int depth) {
-    if (unlinkat(parent, name, 0) == 0 || errno == ENOENT) {
-      return 0;
-    }
-    if (errno != EISDIR && errno != EPERM) {
-      return -1;
+    Descriptor directory;
+    const int result = RemoveOrOpen(parent, name, &directory);
+    if (!directory) {
+      return result;
     }
     if (depth >= kMaxDepth) {
       return MoveUp(parent, name);
     }
-    Descriptor directory(openat(parent, name, kReadDirectory));
-    if (!directory) {
-      return errno == ENOENT ? 0 : -1;
-    }
-    if (RemoveContents(directory.Release(), depth + 1) != 0) {
-      return -1;
-    }
-    return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : -1;
+    return RemoveContents(directory.Release(), depth + 1) == 0 ? RemoveEmptied(parent, name) : -1;
   }
 
   int MoveUp(int parent, const char *name) {
@@ -117,20 +127,12 @@ int ClearDirectory(int directory, const char *spared) {
 }
 
 int RemoveTree(int parent, const char *name) {
-  if (unlinkat(parent, name, 0) == 0 || errno == ENOENT) {
-    return 0;
-  }
-  if (errno != EISDIR && errno != EPERM) {
-    return -1;
-  }
-  Descriptor directory(openat(parent, name, kReadDirectory));
+  Descriptor directory;
+  const int result = RemoveOrOpen(parent, name, &directory);
   if (!directory) {
-    return errno == ENOENT ? 0 : -1;
+    return result;
   }
-  if (ClearDirectory(directory.get()) != 0) {
-    return -1;
-  }
-  return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : -1;
+  return ClearDirectory(directory.get()) == 0 ? RemoveEmptied(parent, name) : -1;
 }
 
 }  // namespace vex
