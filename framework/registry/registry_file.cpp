@@ -38,7 +38,7 @@ std::optional<std::vector<uint8_t>> ReadWhole(int root, const std::string &relat
   if (!fd || fstat(fd.get(), &st) != 0) {
     return std::nullopt;
   }
-  if (!S_ISREG(st.st_mode) || st.st_size < 0 || static_cast<size_t>(st.st_size) > kMaxFile) {
+  if (!S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > kMaxFile) {
     errno = 0;
     return std::nullopt;
   }
@@ -163,24 +163,28 @@ std::optional<FileObject> ReadSettled(const Reader &read) {
   }
 }
 
+// The first bytes of a file in an open directory, as many as the buffer has room for: their number,
+// or the error, negative.
+ssize_t ReadBeginning(int directory, const std::string &name, std::vector<uint8_t> *buffer) {
+  const Descriptor fd(
+      openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const ssize_t got = fd ? read(fd.get(), buffer->data(), buffer->size()) : -1;
+  return got >= 0 ? got : -errno;
+}
+
 // One object of an open directory. Nearly every one is small and whole at the first read; else it
 // is read again as any other.
 std::optional<FileObject> ReadEntry(int directory, const std::string &name,
                                     std::vector<uint8_t> *buffer, bool *is_object) {
   constexpr size_t kUsual = 4096;
-  *is_object = true;
   buffer->resize(kUsual);
-  {
-    const Descriptor fd(
-        openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    const ssize_t got = fd ? read(fd.get(), buffer->data(), kUsual) : -1;
-    if (!fd) {
-      // Gone since the directory was read, or a link: neither is an object of ours.
-      *is_object = errno != ENOENT && errno != ELOOP;
-      return std::nullopt;
-    }
-    buffer->resize(got > 0 ? static_cast<size_t>(got) : 0);
+  const ssize_t got = ReadBeginning(directory, name, buffer);
+  if (got < 0) {
+    // Gone since the directory was read, a link, or a directory: none is an object of ours.
+    *is_object = got != -ENOENT && got != -ELOOP && got != -EISDIR;
+    return std::nullopt;
   }
+  buffer->resize(static_cast<size_t>(got));
   *is_object =
       buffer->size() >= sizeof(kMagic) && memcmp(buffer->data(), kMagic, sizeof(kMagic)) == 0;
   if (*is_object && buffer->size() < kUsual) {
@@ -300,9 +304,9 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
   layout->var_count = header.var_count;
   layout->checksum = header.checksum;
 
-  static auto *known = new std::map<uint64_t, std::weak_ptr<const FileLayout>>;
-  std::weak_ptr<const FileLayout> &entry = (*known)[layout->checksum];
-  if (std::shared_ptr<const FileLayout> same = entry.lock(); same && same->bytes == layout->bytes) {
+  static auto *known = new std::map<std::vector<uint8_t>, std::weak_ptr<const FileLayout>>;
+  std::weak_ptr<const FileLayout> &entry = (*known)[layout->bytes];
+  if (std::shared_ptr<const FileLayout> same = entry.lock()) {
     return same;
   }
   entry = layout;
@@ -335,14 +339,20 @@ int64_t EncodeSlot(uint8_t *slot, const FileLayout &layout, uint64_t sequence, c
   return header.published_ns;
 }
 
-// Which file it is, and that nobody cut it or took it from its readers. The time of birth tells a
-// new file that got the inode number of one that was removed.
-struct Identity {
+// Which file it is. The time of birth tells a new file that got the inode number of one that was
+// removed.
+struct FileId {
   uint64_t device = 0;
   uint64_t inode = 0;
-  uint64_t size = 0;
   int64_t birth_seconds = 0;
   uint32_t birth_ns = 0;
+  bool operator==(const FileId &) const = default;
+};
+
+// That it is the one, and that nobody cut it or took it from its readers.
+struct Identity {
+  FileId id;
+  uint64_t size = 0;
   uint32_t owner = 0;
   uint32_t group = 0;
   uint16_t mode = 0;
@@ -371,15 +381,15 @@ int Identify(int fd, const char *name, Identity *identity, ChangeTime *changed) 
     return -1;
   }
   *identity = {};
-  identity->device = (uint64_t{st.stx_dev_major} << 32) | st.stx_dev_minor;
-  identity->inode = st.stx_ino;
+  identity->id.device = (uint64_t{st.stx_dev_major} << 32) | st.stx_dev_minor;
+  identity->id.inode = st.stx_ino;
   identity->size = st.stx_size;
   identity->owner = st.stx_uid;
   identity->group = st.stx_gid;
   identity->mode = st.stx_mode;
   if ((st.stx_mask & STATX_BTIME) != 0) {
-    identity->birth_seconds = st.stx_btime.tv_sec;
-    identity->birth_ns = st.stx_btime.tv_nsec;
+    identity->id.birth_seconds = st.stx_btime.tv_sec;
+    identity->id.birth_ns = st.stx_btime.tv_nsec;
   }
   if (changed != nullptr) {
     *changed = {st.stx_ctime.tv_sec, st.stx_ctime.tv_nsec};
@@ -449,11 +459,6 @@ ObjectFileWriter::~ObjectFileWriter() {
 ObjectFileWriter::ObjectFileWriter(ObjectFileWriter &&other) noexcept
     : state_(std::exchange(other.state_, nullptr)) {}
 
-ObjectFileWriter &ObjectFileWriter::operator=(ObjectFileWriter &&other) noexcept {
-  std::swap(state_, other.state_);
-  return *this;
-}
-
 std::string_view ObjectFileWriter::Directory() const {
   return state_->Parent();
 }
@@ -501,8 +506,10 @@ int ObjectFileWriter::State::CreateIn(int directory, const std::vector<uint8_t> 
 int ObjectFileWriter::State::Create(const uint8_t *data, const uint16_t *lengths) {
   const size_t head = layout->bytes.size();
   const size_t slot = SlotSize(layout->var_count, layout->data_size);
-  if (head + 2 * slot > kMaxFile || layout->var_count > kMaxVariables ||
-      layout->data_size > kMaxData) {
+  static_assert(sizeof(FileHeader) + kMaxVariables * (sizeof(FileDescriptor) + kMaxVariableName) +
+                    8 + 2 * SlotSize(kMaxVariables, kMaxData) <=
+                kMaxFile);
+  if (layout->var_count > kMaxVariables || layout->data_size > kMaxData) {
     errno = EFBIG;
     return -1;
   }
@@ -540,7 +547,7 @@ int ObjectFileWriter::State::WriteSlot(int fd, const uint8_t *data, const uint16
 int ObjectFileWriter::Publish(const uint8_t *data, const uint16_t *lengths) {
   State &s = *state_;
   s.sequence++;
-  if (s.file.inode != 0 && !s.replace) {
+  if (s.file.id.inode != 0 && !s.replace) {
     Descriptor fd(OpenBeneath(s.root->Get(), s.relative, O_WRONLY | O_NONBLOCK | O_NOCTTY));
     if (!fd && (errno == EMFILE || errno == ENFILE || errno == EROFS || errno == EACCES ||
                 errno == EPERM || errno == EIO)) {
@@ -565,7 +572,8 @@ FileState ObjectFileWriter::State::ReadBack(int directory) {
   bool torn = false;
   const auto object = ParseObjectFile(*bytes, &torn);
   return object && !torn && object->sequence == written && object->published_ns == written_ns &&
-                 bytes->size() == file.size && memcmp(bytes->data(), head.data(), head.size()) == 0
+                 std::mismatch(head.begin(), head.end(), bytes->begin(), bytes->end()).first ==
+                     head.end()
              ? FileState::kIntact
              : FileState::kLost;
 }
@@ -575,7 +583,7 @@ FileState ObjectFileWriter::Check(int directory, bool read_back) {
   Identity found;
   ChangeTime changed;
   FileState state = FileState::kLost;  // there is none of ours, or another one in its place
-  if (s.file.inode != 0 && !s.replace) {
+  if (s.file.id.inode != 0 && !s.replace) {
     if (Identify(directory, s.Leaf(), &found, &changed) != 0) {
       state = errno == ENOENT || errno == EINVAL ? FileState::kLost : FileState::kUnknown;
     } else if (found == s.file) {
@@ -592,7 +600,7 @@ FileState ObjectFileWriter::Check(int directory, bool read_back) {
 
 int ObjectFileWriter::Remove() {
   State &s = *state_;
-  if (s.file.inode == 0) {
+  if (s.file.id.inode == 0) {
     return 0;
   }
   const int root_fd = s.root->Get();
@@ -600,8 +608,7 @@ int ObjectFileWriter::Remove() {
       root_fd >= 0 ? OpenBeneath(root_fd, std::string(s.Parent()), O_PATH | O_DIRECTORY) : -1);
   Identity found;
   int result = directory ? Identify(directory.get(), s.Leaf(), &found, nullptr) : -1;
-  if (result == 0 && found.device == s.file.device && found.inode == s.file.inode &&
-      found.birth_seconds == s.file.birth_seconds && found.birth_ns == s.file.birth_ns) {
+  if (result == 0 && found.id == s.file.id) {
     result = unlinkat(directory.get(), s.Leaf(), 0);
   }
   // What is no file of ours is not ours to remove.

@@ -47,15 +47,14 @@ enum class FileState {
 };
 
 // Writes the states of one object. Keep one per live object: it remembers the file's layout and
-// which slot is the older one. All of a process's writers belong to one thread. Not copyable,
-// movable.
+// which slot is the older one. All of a process's writers belong to one thread. Neither copied nor
+// assigned, but moved.
 class ObjectFileWriter {
  public:
   // `relative` is a result of ResolveObjectName().
   explicit ObjectFileWriter(std::string relative, const std::string &root = kRegistryRoot);
   ~ObjectFileWriter();
   ObjectFileWriter(ObjectFileWriter &&) noexcept;
-  ObjectFileWriter &operator=(ObjectFileWriter &&) noexcept;
 
   // The layout of the states to come; a change after the first publication makes the next one
   // replace the file (by rename) instead of writing in place. Only type, access, size, offset and
