@@ -126,34 +126,18 @@ std::optional<pid_t> LockHolder(int fd) {
 
 namespace {
 
-// The effective user of a process (proc(5), status); nothing when it is gone or cannot be told.
+// The effective user of a process; nothing when it is gone or cannot be told.
 std::optional<uid_t> UserOf(pid_t process) {
   // Not the owner of its directory there, which is root's for a process that cannot be traced.
   const Descriptor fd(
       open(("/proc/" + std::to_string(process) + "/status").c_str(), O_RDONLY | O_CLOEXEC));
   char text[4096];
-  const ssize_t got = fd ? read(fd.get(), text, sizeof(text) - 1) : -1;
-  if (got <= 0) {
-    return std::nullopt;
-  }
-  text[got] = '\0';
-  const char *line = strstr(text, "\nUid:");
-  unsigned real = 0;
-  unsigned effective = 0;
-  if (line == nullptr || sscanf(line, "\nUid: %u %u", &real, &effective) != 2) {
-    return std::nullopt;
-  }
-  return effective;
+  const ssize_t got = fd ? read(fd.get(), text, sizeof(text)) : -1;
+  return EffectiveUserIn({text, got > 0 ? static_cast<size_t>(got) : 0});
 }
 
-// The path of a program, which may have been replaced since it was started.
 std::string ProgramOf(const std::string &process) {
-  constexpr std::string_view kReplaced = " (deleted)";
-  std::string program = LinkText("/proc/" + process + "/exe");
-  if (program.ends_with(kReplaced)) {
-    program.resize(program.size() - kReplaced.size());
-  }
-  return program;
+  return ProgramIn(LinkText("/proc/" + process + "/exe"));
 }
 
 // Whether no other user than root and this one can have it open, and so lock it.
@@ -171,6 +155,25 @@ std::optional<pid_t> FileHolder(int directory) {
 }
 
 }  // namespace
+
+std::optional<uid_t> EffectiveUserIn(std::string_view status) {
+  const size_t line = status.find("\nUid:");
+  unsigned real = 0;
+  unsigned effective = 0;
+  if (line == status.npos ||
+      sscanf(std::string(status.substr(line)).c_str(), "\nUid: %u %u", &real, &effective) != 2) {
+    return std::nullopt;
+  }
+  return effective;
+}
+
+std::string ProgramIn(std::string link) {
+  constexpr std::string_view kReplaced = " (deleted)";
+  if (link.ends_with(kReplaced)) {
+    link.resize(link.size() - kReplaced.size());
+  }
+  return link;
+}
 
 bool RunsThisProgram(pid_t process) {
   // A process that is dead and has left the lock to its child may have had this one's number.

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "framework/process/descriptor.h"
@@ -45,6 +46,13 @@ std::optional<pid_t> LockHolderIn(std::string_view locks, dev_t device, ino_t in
 // Whether it is another process, alive, of root or this user, that runs the program that this one
 // runs, from the same path: an older version of it, too. False when that cannot be told.
 bool RunsThisProgram(pid_t process);
+
+// The effective user in the text of a process's status (proc(5)); nothing when it has none.
+std::optional<uid_t> EffectiveUserIn(std::string_view status);
+
+// The path of a program by the text of a process's link to it, whose file may have been replaced
+// since it was started.
+std::string ProgramIn(std::string link);
 
 }  // namespace vex
 
