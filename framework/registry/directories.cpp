@@ -43,7 +43,7 @@ int OpenDirectory(std::string_view path) {
 // Removes the root itself, which must be empty.
 int RemoveRoot(const std::string &root) {
   const auto [parent, leaf] = SplitPath(root);
-  const Descriptor at(OpenRegistryRoot(parent.empty() ? "/" : parent, false));
+  const Descriptor at(OpenRegistryRoot(parent + "/", false));
   return at ? unlinkat(at.get(), leaf.c_str(), AT_REMOVEDIR) : -1;
 }
 

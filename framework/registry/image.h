@@ -19,6 +19,7 @@ struct ServedVariable {
   uint32_t offset;  // in the data block
   uint8_t type;     // enum variable_type
   bool writable;
+  bool operator==(const ServedVariable &) const = default;
 };
 
 // Shared by the images of one object for as long as its descriptors stay the same.

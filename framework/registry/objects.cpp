@@ -54,13 +54,10 @@ struct Object {
   std::vector<uint16_t> lengths;           // by slot, of what is published
 
   // What is still to be done, so that a failure anywhere leaves it to be done later.
-  bool unpublished = false;  // log_data() could not make the image
-  bool unserved = false;     // the image has not gone to the SNMP side
-  bool stale = false;        // the file is not what is published
-  // Of a deleted object.
-  bool withdrawn = true;
-  bool removed = true;
-  Object *next_deleted = nullptr;
+  bool unpublished = false;        // log_data() could not make the image
+  bool unserved = false;           // the image has not gone to the SNMP side
+  bool stale = false;              // the file is not what is published
+  Object *next_deleted = nullptr;  // behind this one, which is deleted
 };
 
 struct Registry {
@@ -72,7 +69,7 @@ struct Registry {
   std::map<const descriptor *, Object *> by_variables;  // by the first descriptor
   std::set<std::string> names;                          // of variables; shared by all rows
 
-  // Objects that are gone but for their file or what managers see; owned, newest first.
+  // Objects that are gone but for their file; owned, newest first.
   Object *deleted = nullptr;
   size_t stale = 0;          // objects
   size_t unpublished = 0;    // or not served
@@ -126,14 +123,6 @@ int InstanceOf(std::string_view name) {
 
 // ---- Publishing
 
-bool SameVariables(const Layout &a, const Layout &b) {
-  return std::equal(a.variables.begin(), a.variables.end(), b.variables.begin(), b.variables.end(),
-                    [](const ServedVariable &x, const ServedVariable &y) {
-                      return x.mib == y.mib && x.slot == y.slot && x.size == y.size &&
-                             x.offset == y.offset && x.type == y.type && x.writable == y.writable;
-                    });
-}
-
 void BuildLayout(Object &object) {
   auto layout = std::make_shared<Layout>();
   std::vector<FileVariable> file(object.variables.size());
@@ -160,7 +149,7 @@ void BuildLayout(Object &object) {
   // The rows of a table follow each other and share one.
   static std::weak_ptr<const Layout> last;
   std::shared_ptr<const Layout> same = last.lock();
-  if (same == nullptr || !SameVariables(*same, *layout)) {
+  if (same == nullptr || same->variables != layout->variables) {
     same = std::move(layout);
     last = same;
   }
@@ -221,10 +210,7 @@ int WhyUnwritten(int error) {
 // One line when files begin to fail, one when none is left over. relative: "" for the root itself.
 void ReportFiles(const std::string &relative, const char *problem) {
   Registry &r = TheRegistry();
-  bool failing = r.stale != 0 || r.root_failed;
-  for (const Object *object = r.deleted; object != nullptr; object = object->next_deleted) {
-    failing = failing || !object->removed;
-  }
+  const bool failing = r.stale != 0 || r.root_failed || r.deleted != nullptr;
   if (failing == r.files_reported) {
     return;
   }
@@ -312,10 +298,7 @@ void PublishBlock(Object &object) {
 // Nothing of the object is found any more. Does not release it.
 void Forget(Object &object) {
   Registry &r = TheRegistry();
-  const auto named = r.by_name.find(object.relative);
-  if (named != r.by_name.end() && named->second == &object) {
-    r.by_name.erase(named);
-  }
+  r.by_name.erase(object.relative);
   r.by_id.erase(object.id);
   if (!object.variables.empty()) {
     r.by_variables.erase(object.variables.data());
@@ -323,20 +306,9 @@ void Forget(Object &object) {
   r.objects.erase(&object.face);
 }
 
-// What is left to do of a deletion. True when nothing is; otherwise *error is why.
-bool FinishDeletion(Object &object, int *error) noexcept {
-  if (!object.withdrawn) {
-    object.withdrawn = Guarded(false, [&] {
-      SnmpWithdraw(object.id);
-      return true;
-    });
-    *error = ENOMEM;
-  }
-  if (!object.removed) {
-    object.removed = Guarded(-1, [&] { return object.writer.Remove(); }) == 0;
-    *error = object.removed ? *error : errno;
-  }
-  return object.withdrawn && object.removed;
+// Removes the file of a deleted object. False, with errno, when it is to be tried again.
+bool RemoveFile(Object &object) noexcept {
+  return Guarded(-1, [&] { return object.writer.Remove(); }) == 0;
 }
 
 // Takes no memory of its own: a deletion always succeeds, and what it cannot do now is done later.
@@ -350,21 +322,22 @@ void Delete(Object *object) {
   std::unique_ptr<Object> owned;
   owned.swap(r.objects.find(&object->face)->second);
   Forget(*object);
-  object->withdrawn = object->removed = object->served == nullptr;
-  int error = 0;
-  if (FinishDeletion(*object, &error)) {
+  if (object->served == nullptr) {
     return;
   }
-  object->next_deleted = r.deleted;
-  r.deleted = owned.release();
-  ReportFiles(object->relative, strerror(error));
+  SnmpWithdraw(object->id);
+  if (!RemoveFile(*object)) {
+    const int error = errno;
+    object->next_deleted = r.deleted;
+    r.deleted = owned.release();
+    ReportFiles(object->relative, strerror(error));
+  }
 }
 
 void FinishDeletions() {
   for (Object **place = &TheRegistry().deleted; *place != nullptr;) {
-    int error = 0;
     Object *object = *place;
-    if (FinishDeletion(*object, &error)) {
+    if (RemoveFile(*object)) {
       *place = object->next_deleted;
       delete object;
     } else {

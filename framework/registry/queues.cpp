@@ -91,13 +91,11 @@ void DropHash(Inside &inside, queue_element *element) {
   if (!element->hashed) {
     return;
   }
-  auto [at, end] = inside.hashes.equal_range(element->hash);
-  while (at != end && at->second != element) {
-    ++at;
+  auto at = inside.hashes.equal_range(element->hash).first;
+  while (at->second != element) {
+    ++at;  // it is among those of its hash, which follow each other
   }
-  if (at != end) {
-    inside.hashes.erase(at);
-  }
+  inside.hashes.erase(at);
   element->hashed = false;
 }
 

@@ -6,142 +6,22 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "framework/process/log.h"
-#include "framework/registry/claim.h"
 #include "framework/registry/registry_dir.h"
 #include "framework/registry/registry_file.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/failing_new.h"
-#include "tests/unit/framework/agent_thread/fake_snmp.h"
-#include "tests/unit/framework/temp_registry.h"
+#include "tests/unit/framework/agent_thread/objects_fixture.h"
 
 namespace vex {
 namespace {
-
-namespace fs = std::filesystem;
-
-#pragma pack(push, 1)
-struct Block {
-  int32_t count;
-  char name[33];
-  char role[9];
-  uint8_t date[7];
-  int32_t inner;       // unknown to the MIB
-  char wrong_type[4];  // named like an integer of the MIB's
-};
-#pragma pack(pop)
-
-int handler_result;
-std::string handled;
-
-int Handler(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
-            int length) {
-  handled += std::to_string(phase) + ":" + std::to_string(desc->slot) + ":" +
-             std::to_string(object->instance) + ":" +
-             std::string(static_cast<const char *>(value), static_cast<size_t>(length)) + ":" +
-             std::to_string(length) + ";";
-  if (handler_result == 0 && phase != SET_CHECK) {
-    snprintf(static_cast<char *>(desc->value), static_cast<size_t>(desc->size), "<%s>",
-             static_cast<const char *>(value));
-  }
-  return handler_result;
-}
-
-class Objects : public testing::Test {
- protected:
-  Objects() {
-    UseRegistryRoot(registry_.root());
-    fs::create_directories(registry_.Path("host"));
-    handler_result = 0;
-    handled.clear();
-  }
-  ~Objects() override {
-    delete_obj(&obj_Q, nullptr, 0);
-    RetryFiles();
-  }
-
-  registry_object *Create(const std::string &name = "host/example", bool handler = true) {
-    registry_object *object =
-        create_obj(&obj_Q, get_id(), registry_.Path(name).c_str(), 1, sizeof(Block), 6);
-    if (object == nullptr) {
-      return nullptr;
-    }
-    auto *b = reinterpret_cast<Block *>(object->data);
-    descriptor *d = object->desc;
-    EXPECT_EQ(
-        init_info(0, &d[0], "exampleCount", 4, VAR_INTEGER, ACCESS_WRITABLE, 1, &b->count, nullptr),
-        0);
-    EXPECT_EQ(init_info(1, &d[1], "exampleName", 33, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, 1,
-                        b->name, nullptr),
-              0);
-    EXPECT_EQ(init_info(2, &d[2], "exampleRole", 9, VAR_DISPLAY_STRING, ACCESS_WRITABLE, 1, b->role,
-                        handler ? Handler : nullptr),
-              0);
-    EXPECT_EQ(init_info(3, &d[3], "exampleDate", 7, VAR_OCTET_STRING, ACCESS_WRITABLE, 1, b->date,
-                        nullptr),
-              0);
-    EXPECT_EQ(init_info(4, &d[4], "inner", 4, VAR_INTEGER, ACCESS_READ_ONLY, 1, &b->inner, nullptr),
-              0);
-    EXPECT_EQ(init_info(5, &d[5], "exampleCount", 4, VAR_DISPLAY_STRING, ACCESS_READ_ONLY, 1,
-                        b->wrong_type, nullptr),
-              0);
-    return object;
-  }
-  static Block *Data(registry_object *object) {
-    return reinterpret_cast<Block *>(object->data);
-  }
-  // The only object that is served; null when there is another number of them.
-  std::shared_ptr<const Image> Served() {
-    const auto &served = TheFakeSnmp().served;
-    return served.size() == 1 ? served.begin()->second : nullptr;
-  }
-  // The value of a served variable; "?" when it is not served.
-  std::string Value(const char *name) {
-    const std::shared_ptr<const Image> image = Served();
-    if (image == nullptr) {
-      return "?";
-    }
-    for (size_t i = 0; i < image->layout->variables.size(); i++) {
-      const ServedVariable &v = image->layout->variables[i];
-      if (strcmp(v.mib->name, name) == 0) {
-        const char *at = reinterpret_cast<const char *>(&image->data[v.offset]);
-        return {at, v.type == VAR_DISPLAY_STRING ? strnlen(at, static_cast<size_t>(v.size))
-                                                 : image->octet_lengths[i]};
-      }
-    }
-    return "?";
-  }
-  uint64_t Id() {
-    return TheFakeSnmp().served.begin()->first;
-  }
-  SetItem Item(int slot, const std::string &value) {
-    SetItem item;
-    item.object_id = Id();
-    item.slot = slot;
-    item.value.assign(value.begin(), value.end());
-    item.value.push_back(0);
-    item.length = static_cast<int>(value.size());
-    return item;
-  }
-  int Set(int slot, const std::string &value) {
-    SetItem item = Item(slot, value);
-    const int check = RunSet(SET_CHECK, item);
-    return check != 0 ? check : RunSet(SET_APPLY, item);
-  }
-  std::string FileText(const std::string &name, size_t offset) {
-    const auto file = ReadObjectFile(name, registry_.root());
-    return file ? std::string(reinterpret_cast<const char *>(&file->data[offset])) : "?";
-  }
-
-  TempRegistry registry_;
-};
 
 TEST_F(Objects, AreInvisibleBeforeTheFirstPublication) {
   registry_object *object = Create();
@@ -171,6 +51,7 @@ TEST_F(Objects, NamesSayTheInstance) {
                      {"host/cpu", 0},
                      {"host/a.b", 0},
                      {"host/a.", 0},
+                     {"host/a.-1", 0},
                      {"host.3/cpu", 0},
                      {"host/cpu.99999999999", INT32_MAX},
                      {"host/cpu.2147483647", INT32_MAX},
@@ -198,6 +79,19 @@ TEST_F(Objects, CreationIsRefusedOutsideAndOutOfRange) {
   EXPECT_EQ(log_data(find_obj(&obj_Q, 0, "host/x")), 0);
 }
 
+TEST_F(Objects, AnObjectMayHaveNoDataAndStandInNoQueue) {
+  registry_object *object = create_obj(nullptr, 0, registry_.Path("host/mark").c_str(), 0, 0, 0);
+  ASSERT_NE(object, nullptr);
+  EXPECT_EQ(object->data, nullptr);
+  EXPECT_EQ(obj_Q.head, nullptr);
+  EXPECT_EQ(find_obj(&obj_Q, 0, "host/mark"), object);
+  EXPECT_EQ(log_data(object), 0);
+  EXPECT_TRUE(TheFakeSnmp().served.empty()) << "there is nothing to serve";
+  EXPECT_TRUE(fs::exists(registry_.Path("host/mark")));
+  EXPECT_EQ(delete_obj(nullptr, object, 0), 0);
+  EXPECT_FALSE(fs::exists(registry_.Path("host/mark")));
+}
+
 TEST_F(Objects, VariablesMustLieWithinTheirObject) {
   registry_object *o = create_obj(&obj_Q, 0, registry_.Path("host/x").c_str(), 0, 8, 2);
   registry_object *other = create_obj(&obj_Q, 0, registry_.Path("host/y").c_str(), 0, 8, 2);
@@ -220,6 +114,16 @@ TEST_F(Objects, VariablesMustLieWithinTheirObject) {
   EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, o->data - 1), -1);
   EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, other->data), -1);
   EXPECT_EQ(define(0, &o->desc[0], 4, VAR_INTEGER, nullptr), -1);
+  EXPECT_EQ(define(0, &o->desc[0], 4, 0, o->data), -1);
+  const std::string long_name(256, 'n');
+  for (const char *name : {static_cast<const char *>(nullptr), long_name.c_str()}) {
+    EXPECT_EQ(
+        init_info(0, &o->desc[0], name, 4, VAR_INTEGER, ACCESS_READ_ONLY, 1, o->data, nullptr), -1);
+  }
+  registry_object *large = create_obj(&obj_Q, 0, registry_.Path("host/z").c_str(), 0, 70000, 1);
+  ASSERT_NE(large, nullptr);
+  EXPECT_EQ(define(0, &large->desc[0], 65536, VAR_OCTET_STRING, large->data), -1);
+  EXPECT_EQ(define(0, &large->desc[0], 65535, VAR_OCTET_STRING, large->data), 0);
   EXPECT_EQ(o->desc[0].type, 0);
   EXPECT_EQ(o->desc[1].type, 0);
   EXPECT_EQ(define(1, &o->desc[1], 4, VAR_INTEGER, o->data + 4), 0);
@@ -296,6 +200,50 @@ TEST_F(Objects, SlotsThatWereNeverDefinedAreNotServed) {
   EXPECT_STREQ(snapshot->desc[0].name, "");
   EXPECT_EQ(snapshot->desc[2].length, 4);
   free(snapshot);
+}
+
+// Objects of equal layout share it; the least difference is one.
+TEST_F(Objects, EachIsServedByItsOwnLayout) {
+  struct {
+    int slot;
+    const char *variable;
+    int size;
+    int type;
+    int offset;
+    int access;
+  } const table[] = {
+      {0, "exampleName", 8, VAR_DISPLAY_STRING, 0, ACCESS_READ_ONLY},
+      {1, "exampleName", 8, VAR_DISPLAY_STRING, 0, ACCESS_READ_ONLY},
+      {1, "exampleName", 7, VAR_DISPLAY_STRING, 0, ACCESS_READ_ONLY},
+      {1, "exampleName", 7, VAR_DISPLAY_STRING, 1, ACCESS_READ_ONLY},
+      {1, "exampleName", 7, VAR_DISPLAY_STRING, 1, ACCESS_WRITABLE},
+      {1, "exampleDate", 7, VAR_OCTET_STRING, 1, ACCESS_WRITABLE},
+      {1, "exampleRole", 7, VAR_DISPLAY_STRING, 1, ACCESS_WRITABLE},
+  };
+  std::shared_ptr<const Layout> before;
+  for (const auto &row : table) {
+    for (const bool again : {false, true}) {
+      const std::string path = registry_.Path("host/x." + std::to_string(&row - table));
+      registry_object *object = create_obj(&obj_Q, 0, path.c_str(), 0, 8, 2);
+      ASSERT_NE(object, nullptr);
+      ASSERT_EQ(init_info(row.slot, &object->desc[row.slot], row.variable, row.size, row.type,
+                          row.access, 1, object->data + row.offset, nullptr),
+                0);
+      ASSERT_EQ(log_data(object), 0);
+      ASSERT_NE(Served(), nullptr);
+      const std::shared_ptr<const Layout> layout = Served()->layout;
+      EXPECT_EQ(layout == before, again) << &row - table;
+      ASSERT_EQ(layout->variables.size(), 1U);
+      const ServedVariable &v = layout->variables[0];
+      EXPECT_STREQ(v.mib->name, row.variable);
+      EXPECT_EQ(v.slot, row.slot);
+      EXPECT_EQ(v.size, row.size);
+      EXPECT_EQ(v.offset, static_cast<uint32_t>(row.offset));
+      EXPECT_EQ(v.writable, row.access == ACCESS_WRITABLE);
+      before = layout;
+      ASSERT_EQ(delete_obj(&obj_Q, object, 0), 0);
+    }
+  }
 }
 
 TEST_F(Objects, AreFoundByAnyFormOfTheirName) {
@@ -418,7 +366,39 @@ TEST_F(Objects, SnapshotsOfCutFilesAreAbsentOrWhole) {
   }
 }
 
+TEST_F(Objects, ASnapshotThatHasNoRoomIsAbsent) {
+  ASSERT_EQ(log_data(Create()), 0);
+  {
+    const FailingCall fail("calloc", ENOMEM);
+    EXPECT_EQ(get_obj("host/example"), nullptr);
+    EXPECT_EQ(fail.Failed(), 1);
+  }
+  registry_object *snapshot = get_obj("host/example");
+  EXPECT_NE(snapshot, nullptr);
+  free(snapshot);
+}
+
 // ---- Sets
+
+// The handler of a row's own removal.
+int DeleteIt(uint8_t phase, registry_object *object, descriptor * /*desc*/, const void * /*value*/,
+             int /*length*/) {
+  return phase == SET_CHECK ? 0 : delete_obj(&obj_Q, object, 0);
+}
+
+TEST_F(Objects, AHandlerMayDeleteItsObject) {
+  registry_object *object = Create();
+  ASSERT_EQ(log_data(object), 0);
+  ASSERT_EQ(init_info(2, &object->desc[2], "exampleRole", 9, VAR_DISPLAY_STRING, ACCESS_WRITABLE, 1,
+                      Data(object)->role, DeleteIt),
+            0);
+  const int publications = TheFakeSnmp().publications;
+  EXPECT_EQ(Set(2, "gone"), 0);
+  EXPECT_TRUE(TheFakeSnmp().served.empty());
+  EXPECT_EQ(TheFakeSnmp().publications, publications) << "nothing is served of it any more";
+  EXPECT_FALSE(fs::exists(registry_.Path("host/example")));
+  EXPECT_FALSE(IsLive(object));
+}
 
 TEST_F(Objects, ASetGoesThroughTheHandler) {
   registry_object *object = Create();
@@ -508,8 +488,18 @@ TEST_F(Objects, SetsAreRefusedWhereThereIsNothingToSet) {
   EXPECT_EQ(Set(6, "x"), -1);
   EXPECT_EQ(Set(-1, "x"), -1);
   SetItem item = Item(2, "x");
-  item.length = 100;
-  EXPECT_EQ(RunSet(SET_CHECK, item), -1);
+  for (const int length : {100, -1}) {
+    item.length = length;
+    EXPECT_EQ(RunSet(SET_CHECK, item), -1);
+  }
+  delete_obj(&obj_Q, object, 0);
+  object = create_obj(&obj_Q, 0, registry_.Path("host/gap").c_str(), 0, 8, 2);
+  ASSERT_EQ(init_info(1, &object->desc[1], "exampleCount", 4, VAR_INTEGER, ACCESS_WRITABLE, 1,
+                      object->data, nullptr),
+            0);
+  log_data(object);
+  EXPECT_EQ(Set(0, std::string("\1\0\0\0", 4)), -1) << "a slot that was never defined";
+  EXPECT_EQ(Set(1, std::string("\1\0\0\0", 4)), 0);
   delete_obj(&obj_Q, object, 0);
   object = Create("host/other", false);
   item = SetItem();
@@ -524,58 +514,6 @@ TEST_F(Objects, SetsAreRefusedWhereThereIsNothingToSet) {
 }
 
 // ---- Files that cannot be written
-
-// No file can grow while this lives.
-class FullDisk {
- public:
-  FullDisk() {
-    getrlimit(RLIMIT_FSIZE, &old_);
-    handler_ = signal(SIGXFSZ, SIG_IGN);
-    rlimit none = old_;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_FSIZE, &none);
-  }
-  ~FullDisk() {
-    setrlimit(RLIMIT_FSIZE, &old_);
-    signal(SIGXFSZ, handler_);
-  }
-  FullDisk(const FullDisk &) = delete;
-  FullDisk &operator=(const FullDisk &) = delete;
-
- private:
-  rlimit old_;
-  void (*handler_)(int);
-};
-
-// Standard error goes into a pipe, which no size limit concerns.
-class Captured {
- public:
-  Captured() : old_(dup(STDERR_FILENO)) {
-    if (pipe(ends_) == 0) {
-      dup2(ends_[1], STDERR_FILENO);
-    }
-  }
-  ~Captured() {
-    dup2(old_, STDERR_FILENO);
-    close(old_);
-    close(ends_[0]);
-    close(ends_[1]);
-  }
-  Captured(const Captured &) = delete;
-  Captured &operator=(const Captured &) = delete;
-  std::string Text() {
-    if (write(ends_[1], "\n", 1) != 1) {
-      return "?";
-    }
-    char bytes[65536];
-    const ssize_t n = read(ends_[0], bytes, sizeof(bytes));
-    return {bytes, static_cast<size_t>(n > 0 ? n - 1 : 0)};
-  }
-
- private:
-  int old_;
-  int ends_[2] = {-1, -1};
-};
 
 TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
   SetLogName("exampled");
@@ -611,6 +549,94 @@ TEST_F(Objects, AreServedWhenTheirFilesCannotBeWritten) {
   EXPECT_FALSE(fs::exists(registry_.Path("host/gone")));
   RetryFiles();
   EXPECT_EQ(log.Text(), "");
+}
+
+// What a directory is that stands in the way is told; what cannot be looked at is left alone.
+TEST_F(Objects, FilesWhoseDirectoryIsNoneAreWrittenWhenItIsOneAgain) {
+  SetLogName("exampled");
+  registry_object *object = Create("host/sub/a");
+  strcpy(Data(object)->name, "published");
+  log_data(object);
+  RetryFiles();
+  const std::function<void()> kBecomes[] = {
+      [&] { WriteBytes(registry_.Path("host"), {'x'}); },
+      [&] { fs::create_directory_symlink("moved", registry_.Path("host")); },
+  };
+  for (const auto &becomes : kBecomes) {
+    Captured log;
+    fs::rename(registry_.Path("host"), registry_.Path("moved"));
+    becomes();
+    RetryFiles();
+    RetryFiles();
+    const int error = fs::is_symlink(registry_.Path("host")) ? ELOOP : ENOTDIR;
+    EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.Path("host/sub/a") +
+                              ": " + strerror(error) + " (values are served; trying again)\n");
+    fs::remove(registry_.Path("host"));
+    RetryFiles();
+    EXPECT_EQ(log.Text(), "exampled: Registry files are written again\n");
+    EXPECT_EQ(FileText("host/sub/a", offsetof(Block, name)), "published");
+    fs::remove_all(registry_.Path("moved"));
+  }
+  Captured log;
+  const auto before = fs::last_write_time(registry_.Path("host/sub/a"));
+  {
+    FailingCall fail("syscall", EMFILE);
+    fail.On("host/sub");
+    RetryFiles();
+    EXPECT_EQ(fail.Failed(), 1);
+  }
+  RetryFiles();
+  EXPECT_EQ(fs::last_write_time(registry_.Path("host/sub/a")), before);
+  EXPECT_EQ(log.Text(), "");
+}
+
+// A root that could not be had before has not been moved.
+TEST_F(Objects, ARootThatComesLaterIsNotSaidToHaveMoved) {
+  SetLogName("exampled");
+  Captured log;
+  fs::remove_all(registry_.root());
+  WriteBytes(registry_.root(), {'x'});
+  registry_object *object = Create("host/a");
+  strcpy(Data(object)->name, "published");
+  EXPECT_EQ(log_data(object), 0);
+  EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.Path("host/a") +
+                            ": Not a directory (values are served; trying again)\n");
+  fs::remove(registry_.root());
+  RetryFiles();
+  EXPECT_EQ(log.Text(), "exampled: Registry files are written again\n");
+  EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "published");
+}
+
+TEST_F(Objects, FilesOfDeletedObjectsAreRemovedLater) {
+  SetLogName("exampled");
+  Captured log;
+  registry_object *objects[] = {Create("host/a"), Create("host/b"), Create("host/c")};
+  for (registry_object *object : objects) {
+    log_data(object);
+  }
+  const auto files = [&] {
+    return std::distance(fs::directory_iterator(registry_.Path("host")), {});
+  };
+  {
+    const FailingCall fail("unlinkat", EROFS, 1, FailingCall::kAll);
+    EXPECT_EQ(delete_obj(&obj_Q, objects[0], 0), 0);
+    EXPECT_EQ(delete_obj(&obj_Q, objects[1], 0), 0);
+    RetryFiles();
+    EXPECT_EQ(TheFakeSnmp().served.size(), 1U);
+    EXPECT_EQ(files(), 3);
+    EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.Path("host/a") +
+                              ": Read-only file system (values are served; trying again)\n");
+  }
+  {
+    const FailingCall fail("unlinkat", EROFS);
+    RetryFiles();
+    EXPECT_EQ(files(), 2) << "one of them goes";
+    EXPECT_EQ(log.Text(), "");
+  }
+  RetryFiles();
+  EXPECT_EQ(files(), 1);
+  EXPECT_TRUE(fs::exists(registry_.Path("host/c")));
+  EXPECT_EQ(log.Text(), "exampled: Registry files are written again\n");
 }
 
 TEST_F(Objects, NothingIsSaidToBeWrittenAgainAtTheEnd) {
@@ -683,6 +709,41 @@ TEST_F(Objects, NoFailedAllocationLosesAPublication) {
             std::string::npos)
       << told;
   EXPECT_NE(told.find("exampled: All objects are published again\n"), std::string::npos) << told;
+}
+
+// Memory and disk are short at a time: nothing is lost, and both are told, and that they are over.
+TEST_F(Objects, WithoutMemoryAndDiskAllIsPublishedLater) {
+  SetLogName("exampled");
+  Captured log;
+  registry_object *first = Create("host/a");
+  registry_object *second = Create("host/b");
+  log_data(second);
+  strcpy(Data(first)->name, "one");
+  const auto without_memory = [](auto &&does) {
+    allocations_left = 1;
+    does();
+    allocations_left = 0;
+  };
+  {
+    FullDisk full;
+    log_data(first);
+    EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.Path("host/a") +
+                              ": File too large (values are served; trying again)\n");
+    strcpy(Data(first)->name, "two");
+    without_memory([&] { log_data(first); });
+    EXPECT_EQ(log.Text(), "exampled: Can't publish " + registry_.Path("host/a") +
+                              ": Cannot allocate memory (trying again after the poll)\n");
+    // The first allocation is the image of the one that waits.
+    without_memory([] { RetryFiles(); });
+    EXPECT_EQ(log.Text(), "") << "it goes on";
+    EXPECT_EQ(TheFakeSnmp().served.size(), 2U);
+  }
+  // A publication that succeeds ends what is told of memory, if it was the last one.
+  EXPECT_EQ(log_data(first), 0);
+  EXPECT_EQ(FileText("host/a", offsetof(Block, name)), "two");
+  const std::string told = log.Text();
+  EXPECT_NE(told.find("exampled: All objects are published again\n"), std::string::npos) << told;
+  EXPECT_NE(told.find("exampled: Registry files are written again\n"), std::string::npos) << told;
 }
 
 TEST_F(Objects, NoFailedAllocationLeavesHalfAnObject) {
@@ -793,6 +854,23 @@ TEST_F(Objects, LostFilesAreWrittenAgainWithWhatWasPublished) {
                 registry_.Path("host/a") + " first\n");
 }
 
+// What a look at a file's times does not show is found when its turn comes.
+TEST_F(Objects, ContentsAreComparedInTurn) {
+  for (int i = 0; i < 40; i++) {
+    ASSERT_EQ(log_data(Create("host/row." + std::to_string(i))), 0);
+  }
+  const auto compared = [] {
+    const FailingCall count(
+        "read", [] {}, 1, FailingCall::kAll);
+    RetryFiles();
+    return count.Failed();
+  };
+  EXPECT_EQ(compared(), 40) << "after a publication all";
+  EXPECT_EQ(compared(), 8);
+  EXPECT_EQ(compared(), 32);
+  EXPECT_EQ(compared(), 8);
+}
+
 TEST_F(Objects, TheRootIsFoundAgain) {
   SetLogName("exampled");
   Captured log;
@@ -843,178 +921,6 @@ TEST_F(Objects, TheRootIsFoundAgain) {
   EXPECT_FALSE(fs::exists(registry_.root()));
 }
 
-// ---- A directory for one process alone
-
-// Another process, which takes host and says so; it ends when this is destroyed.
-class OtherHolder {
- public:
-  explicit OtherHolder(const std::string &directory) {
-    int said[2];
-    EXPECT_EQ(pipe2(said, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(end_, O_CLOEXEC), 0);
-    process_ = fork();
-    if (process_ == 0) {
-      close(end_[1]);
-      ForgetClaim();  // the parent's, as the root that it holds
-      RootOf(RegistryRootPath()).Hold(Descriptor());
-      char byte = claim_dir(directory.c_str()) == 0 ? 'y' : 'n';
-      const bool told = write(said[1], &byte, 1) == 1;
-      _exit(told && read(end_[0], &byte, 1) == 0 ? 0 : 1);
-    }
-    char byte = 0;
-    EXPECT_EQ(read(said[0], &byte, 1), 1);
-    has_it_ = byte == 'y';
-    close(said[0]);
-    close(said[1]);
-  }
-  ~OtherHolder() {
-    End();
-  }
-  OtherHolder(const OtherHolder &) = delete;
-  OtherHolder &operator=(const OtherHolder &) = delete;
-  void End() {
-    if (process_ > 0) {
-      close(end_[0]);
-      close(end_[1]);
-      waitpid(process_, nullptr, 0);
-      process_ = 0;
-    }
-  }
-  bool has_it() const {
-    return has_it_;
-  }
-  pid_t process() const {
-    return process_;
-  }
-
- private:
-  pid_t process_;
-  int end_[2];
-  bool has_it_;
-};
-
-TEST_F(Objects, ADirectoryIsTakenOnce) {
-  SetLogName("exampled");
-  Captured log;
-  const std::string host = registry_.Path("host");
-  {
-    const OtherHolder other(host);
-    ASSERT_TRUE(other.has_it());
-    EXPECT_EQ(claim_dir(host.c_str()), -1);
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_TRUE(ClaimRefused());
-    EXPECT_EQ(log.Text(), "exampled: Process " + std::to_string(other.process()) +
-                              " already runs with the registry directory " + host + "\n");
-    ForgetClaim();
-  }
-  EXPECT_EQ(claim_dir(host.c_str()), 0);
-  EXPECT_FALSE(ClaimRefused());
-  EXPECT_FALSE(OtherHolder(host).has_it());
-  EXPECT_EQ(claim_dir("/etc"), -1);
-  EXPECT_EQ(claim_dir(registry_.root().c_str()), -1);
-  EXPECT_EQ(claim_dir(nullptr), -1);
-}
-
-// One of before the lock file locks the directory alone.
-TEST_F(Objects, AnOlderAgentsDirectoryIsItsOwn) {
-  SetLogName("exampled");
-  Captured log;
-  const std::string host = registry_.Path("host");
-  fs::create_directories(host);
-  int held[2];
-  ASSERT_EQ(pipe2(held, O_CLOEXEC), 0);
-  const pid_t older = fork();
-  ASSERT_GE(older, 0);
-  if (older == 0) {
-    close(held[0]);
-    const int own = open(host.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool told = flock(own, LOCK_EX) == 0 && write(held[1], "y", 1) == 1;
-    pause();
-    _exit(told ? 0 : 1);
-  }
-  char byte = 0;
-  EXPECT_EQ(read(held[0], &byte, 1), 1);
-  EXPECT_EQ(claim_dir(host.c_str()), -1);
-  EXPECT_EQ(errno, EBUSY);
-  EXPECT_EQ(log.Text(), "exampled: Process " + std::to_string(older) +
-                            " already runs with the registry directory " + host + "\n");
-  EXPECT_FALSE(fs::exists(host + "/.lock")) << "nothing is touched";
-  kill(older, SIGKILL);
-  waitpid(older, nullptr, 0);
-  close(held[0]);
-  close(held[1]);
-  ForgetClaim();
-  EXPECT_EQ(claim_dir(host.c_str()), 0);
-  // A lock file that others could open is none.
-  ForgetClaim();
-  EXPECT_EQ(chmod((host + "/.lock").c_str(), 0644), 0);
-  EXPECT_EQ(claim_dir(host.c_str()), 0);
-  struct stat st = {};
-  EXPECT_EQ(stat((host + "/.lock").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777U, 0600U);
-  // It stays when the directory is cleared, and goes with it.
-  WriteBytes(host + "/row.7", {'x'});
-  EXPECT_EQ(remove_all_dir((host + "/*").c_str()), 0);
-  EXPECT_TRUE(fs::exists(host + "/.lock"));
-  EXPECT_EQ(is_empty_dir(host.c_str()), 1);
-  EXPECT_EQ(remove_empty_dir(host.c_str()), 0);
-  EXPECT_FALSE(fs::exists(host));
-}
-
-TEST_F(Objects, ADirectoryThatIsReplacedIsTakenAnew) {
-  SetLogName("exampled");
-  Captured log;
-  const std::string host = registry_.Path("host");
-  ASSERT_EQ(claim_dir(host.c_str()), 0);
-  log_data(Create("host/a"));
-  fs::remove_all(host);
-  RetryFiles();
-  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
-  EXPECT_FALSE(OtherHolder(host).has_it());
-  // What lies in the one that is found goes, as at a start.
-  fs::rename(registry_.root(), registry_.base() + "/moved");
-  fs::create_directories(host);
-  WriteBytes(registry_.Path("host/row.7"), {'x'});
-  WriteBytes(registry_.Path("role.dat"), {'x'});
-  RetryFiles();
-  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
-  EXPECT_FALSE(fs::exists(registry_.Path("host/row.7")));
-  EXPECT_TRUE(fs::exists(registry_.Path("role.dat")));
-  EXPECT_FALSE(OtherHolder(host).has_it());
-  log.Text();
-  // Another process has the one that is found: nothing is touched there.
-  fs::rename(registry_.root(), registry_.base() + "/moved again");
-  OtherHolder other(host);
-  ASSERT_TRUE(other.has_it());
-  WriteBytes(registry_.Path("host/theirs"), {'x'});
-  log_data(find_obj(&obj_Q, 0, "host/a"));
-  RetryFiles();
-  RetryFiles();
-  EXPECT_EQ(log.Text(), "exampled: Can't write registry file " + registry_.root() + ": process " +
-                            std::to_string(other.process()) +
-                            " has the directory (values are served; trying again)\n");
-  EXPECT_TRUE(fs::exists(registry_.Path("host/theirs")));
-  EXPECT_FALSE(fs::exists(registry_.Path("host/a")));
-  other.End();
-  RetryFiles();
-  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
-}
-
-TEST_F(Objects, ADirectoryThatCannotBeTakenYetIsTakenLater) {
-  SetLogName("exampled");
-  Captured log;
-  const std::string host = registry_.Path("host");
-  fs::remove_all(host);
-  WriteBytes(host, {'x'});
-  EXPECT_EQ(claim_dir(host.c_str()), 1) << "values are served without files";
-  log_data(Create("host/a"));
-  fs::remove(host);
-  EXPECT_TRUE(OtherHolder(host).has_it());
-  RetryFiles();
-  EXPECT_TRUE(fs::exists(registry_.Path("host/a")));
-  EXPECT_FALSE(OtherHolder(host).has_it());
-}
-
 // ---- Directories
 
 TEST_F(Objects, DirectoriesAreMadeBelowTheRoot) {
@@ -1029,6 +935,12 @@ TEST_F(Objects, DirectoriesAreMadeBelowTheRoot) {
   EXPECT_EQ(create_dir(registry_.Path("file").c_str(), 1), -1);
   EXPECT_EQ(create_dir(registry_.Path("file/below").c_str(), 1), -1);
   EXPECT_EQ(create_dir(nullptr, 1), -1);
+  fs::remove_all(registry_.base() + "/spool");
+  EXPECT_EQ(create_dir(registry_.Path("host").c_str(), 0), -1);
+  EXPECT_FALSE(fs::exists(registry_.root())) << "that would be its parent";
+  EXPECT_EQ(create_dir(registry_.root().c_str(), 0), 0);
+  EXPECT_TRUE(fs::is_directory(registry_.root()));
+  EXPECT_EQ(create_dir(registry_.root().c_str(), 0), 0);
   fs::remove_all(registry_.base() + "/spool");
   EXPECT_EQ(create_dir(registry_.Path("host").c_str(), 1), 0);
   EXPECT_TRUE(fs::is_directory(registry_.Path("host")));
@@ -1066,6 +978,55 @@ TEST_F(Objects, RemovalStaysBelowTheRootAndFollowsNoLink) {
   WriteBytes(registry_.Path("keep"), {'x'});
   EXPECT_EQ(remove_all_dir(registry_.Path("*").c_str()), 0);
   EXPECT_TRUE(fs::is_empty(registry_.root()));
+}
+
+TEST_F(Objects, TheRootIsRemovedWithAllThatIsInIt) {
+  const auto remove = [&](const std::string &path) {
+    errno = 0;
+    return remove_all_dir(path.c_str()) == 0 ? 0 : errno;
+  };
+  WriteBytes(registry_.Path("host/file"), {'x'});
+  EXPECT_EQ(remove(registry_.root()), 0);
+  EXPECT_FALSE(fs::exists(registry_.root()));
+  fs::create_directories(registry_.Path("host"));
+  {
+    // A mount of its own.
+    FailingCall fail("unlinkat", EBUSY);
+    fail.On("registry");
+    EXPECT_EQ(remove(registry_.root()), EBUSY);
+    EXPECT_TRUE(fs::is_empty(registry_.root()));
+  }
+  fs::create_directories(registry_.Path("host"));
+  for (const char *name : {"host", "host/*", "", "*"}) {
+    FailingCall fail("openat", EMFILE);
+    EXPECT_EQ(remove(registry_.Path(name)), EMFILE) << name;
+    EXPECT_TRUE(fs::exists(registry_.Path("host"))) << name;
+  }
+  EXPECT_EQ(remove(registry_.Path("missing/below")), 0);
+  WriteBytes(registry_.Path("host/file"), {'x'});
+  EXPECT_EQ(remove(registry_.Path("host/file/below")), ENOTDIR);
+  {
+    FailingCall fail("unlinkat", EACCES);
+    fail.On("file");
+    EXPECT_EQ(remove(registry_.Path("host/*")), EACCES);
+  }
+  EXPECT_EQ(remove(registry_.root()), 0);
+  for (const char *name : {"host", "host/*", "", "*"}) {
+    EXPECT_EQ(remove(registry_.Path(name)), 0) << "there is none";
+  }
+  WriteBytes(registry_.root(), {'x'});
+  EXPECT_EQ(remove(registry_.Path("host")), ENOTDIR);
+  fs::remove(registry_.root());
+  for (const std::string &path : {registry_.root(), registry_.Path("host")}) {
+    EXPECT_EQ(remove_empty_dir(path.c_str()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(is_empty_dir(path.c_str()), 0);
+    EXPECT_LT(open_dir(path.c_str()), 0);
+  }
+  fs::remove(registry_.base() + "/spool");
+  EXPECT_EQ(remove_empty_dir(registry_.root().c_str()), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(fs::exists(registry_.base() + "/spool"));
 }
 
 TEST_F(Objects, NoDepthKeepsADirectoryFromBeingRemoved) {
@@ -1124,6 +1085,7 @@ TEST_F(Objects, EmptyDirectoriesAreRemovedByDescriptor) {
     EXPECT_LT(open_dir(path.c_str()), 0) << path;
   }
   EXPECT_NE(remove_empty_dir(nullptr), 0);
+  EXPECT_LT(open_dir(nullptr), 0);
   EXPECT_TRUE(fs::exists(outside + "/deep"));
   EXPECT_NE(remove_empty_dir(registry_.root().c_str()), 0);
   EXPECT_EQ(remove_all_dir(registry_.Path("*").c_str()), 0);

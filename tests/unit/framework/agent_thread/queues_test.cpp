@@ -232,6 +232,79 @@ TEST(Queue, IndexingNeedsAnEmptyQueueAndStaysWhenItEmpties) {
   index_Q(&q, nullptr);
 }
 
+const char *KeyOrNone(const void *record) {
+  const char *key = KeyOf(record);
+  return *key == '\0' ? nullptr : key;
+}
+
+int HasKeyAndIsEven(const void *key, const void *record) {
+  return static_cast<const Row *>(record)->instance % 2 == 0 ? HasKey(key, record) : 1;
+}
+
+int IsTheSecond(const void *key, const void *record) {
+  return key == nullptr && static_cast<const Row *>(record)->instance == 2 ? 0 : 1;
+}
+
+TEST(Queue, AnIndexFindsWhatTheComparatorSays) {
+  queue q = {};
+  ASSERT_EQ(index_Q(&q, KeyOf), 0);
+  ASSERT_EQ(index_Q(&q, KeyOrNone), 0) << "the last one counts";
+  Row rows[] = {{1, "a"}, {2, "b"}, {3, ""}, {4, "a"}};
+  for (Row &row : rows) {
+    ASSERT_NE(ordinsert_Q(&q, &row, ByInstance), 0);
+  }
+  EXPECT_EQ(findkey_Q(&q, "a", HasKey), &rows[0]);
+  EXPECT_EQ(findkey_Q(&q, "a", HasKeyAndIsEven), &rows[3]);
+  EXPECT_EQ(findkey_Q(&q, "c", HasKeyAndIsEven), nullptr);
+  // A key that changed without a word is not found by the one of before.
+  rows[1].key = "c";
+  EXPECT_EQ(findkey_Q(&q, "b", HasKey), nullptr);
+  rekey_Q(&q, &rows[1]);
+  EXPECT_EQ(findkey_Q(&q, "c", HasKey), &rows[1]);
+  // Without a key, by the order and by comparators that ask for none.
+  EXPECT_EQ(findkey_Q(&q, &rows[2], ByInstance), &rows[2]);
+  EXPECT_EQ(findkey_Q(&q, nullptr, IsTheSecond), &rows[1]);
+  EXPECT_EQ(keyremove_Q(&q, &rows[2], ByInstance), &rows[2]);
+  rekey_Q(&q, &rows[2]);  // it is in no queue
+  EXPECT_EQ(findkey_Q(&q, "", HasKey), nullptr);
+  // A key may come and go.
+  rows[3].key = "";
+  rekey_Q(&q, &rows[3]);
+  EXPECT_EQ(findkey_Q(&q, "a", HasKeyAndIsEven), nullptr);
+  rows[3].key = "d";
+  rekey_Q(&q, &rows[3]);
+  EXPECT_EQ(findkey_Q(&q, "d", HasKey), &rows[3]);
+  Drain(q);
+  EXPECT_EQ(q.framework, nullptr);
+}
+
+TEST(Queue, NothingComesOfArgumentsThatAreMissing) {
+  Row row{1, "a"};
+  queue q = {};
+  EXPECT_EQ(ordinsert_Q(nullptr, &row, ByInstance), 0);
+  EXPECT_EQ(ordinsert_Q(&q, nullptr, ByInstance), 0);
+  EXPECT_EQ(ordinsert_Q(&q, &row, nullptr), 0);
+  EXPECT_EQ(q.head, nullptr);
+  EXPECT_EQ(q.framework, nullptr);
+  ASSERT_EQ(ordinsert_Q(&q, &row, ByInstance), 1);
+  queue_element *cursor = q.head;
+  EXPECT_EQ(peek_Q(nullptr, &cursor, Q_NEXT), nullptr);
+  EXPECT_EQ(peek_Q(&q, nullptr, Q_NEXT), nullptr);
+  EXPECT_EQ(cursor, q.head);
+  EXPECT_EQ(remove_Q(nullptr, Q_FIRST), nullptr);
+  EXPECT_EQ(keyremove_Q(nullptr, "a", HasKey), nullptr);
+  EXPECT_EQ(keyremove_Q(&q, "a", nullptr), nullptr);
+  EXPECT_EQ(findkey_Q(nullptr, "a", HasKey), nullptr);
+  EXPECT_EQ(findkey_Q(&q, "a", nullptr), nullptr);
+  EXPECT_EQ(index_Q(nullptr, KeyOf), -1);
+  rekey_Q(nullptr, &row);
+  rekey_Q(&q, &row);  // without an index
+  EXPECT_EQ(Walk(q), std::vector<Row *>{&row});
+  EXPECT_EQ(remove_Q(&q, Q_FIRST), &row);
+  rekey_Q(&q, &row);
+  EXPECT_EQ(q.framework, nullptr);
+}
+
 TEST(Queue, TenThousandRowsTakeLogarithmicWork) {
   queue q = {};
   std::vector<Row> rows;
