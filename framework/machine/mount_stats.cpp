@@ -539,8 +539,8 @@ size_t MountAsker::Outstanding() {
 }  // namespace vex
 
 extern "C" int stat_mounts(const char *const *paths, size_t count, struct mount_stats *results) {
-  static vex::MountAsker asker;
   try {
+    static vex::MountAsker asker;
     asker.Ask(paths, count, results);
   } catch (const std::bad_alloc &) {
     errno = ENOMEM;

@@ -365,7 +365,7 @@ bool StartProcess(Starting *starting) {
 
 }  // namespace
 
-int SnmpStart(const char *application, SnmpSettings *settings) {
+static int StartSide(const char *application, SnmpSettings *settings) {
   SnmpShared &side = Side();
   if (side.thread.joinable()) {
     return -1;
@@ -385,18 +385,9 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
   side.unsent.clear();
   Sets().SetWake(WakeThread);
 
-  std::shared_ptr<Starting> starting;
-  try {
-    starting = std::make_shared<Starting>();
-    starting->application = application;
-    if (!StartProcess(starting.get())) {
-      return -1;
-    }
-  } catch (const std::bad_alloc &) {
-    Fail(kCannotStart, strerror(ENOMEM));
-    return -1;
-  } catch (const std::exception &e) {
-    Fail(kCannotStart, e.what());
+  const auto starting = std::make_shared<Starting>();
+  starting->application = application;
+  if (!StartProcess(starting.get())) {
     return -1;
   }
   if (StartThread(starting) != 0) {
@@ -424,6 +415,17 @@ int SnmpStart(const char *application, SnmpSettings *settings) {
     *settings = std::move(starting->settings);
   }
   return 0;
+}
+
+int SnmpStart(const char *application, SnmpSettings *settings) {
+  try {
+    return StartSide(application, settings);
+  } catch (const std::bad_alloc &) {
+    Fail(kCannotStart, strerror(ENOMEM));
+  } catch (const std::exception &e) {
+    Fail(kCannotStart, e.what());
+  }
+  return -1;
 }
 
 bool SnmpStop() {

@@ -80,9 +80,10 @@ class NoDescriptors {
   rlimit before_ = {};
 };
 
-constexpr char kName[] = "vexreg-unit-own";  // of nobody else
+// Names that no other test has, which may run beside this one.
 
 TEST(Processes, AreFoundByTheirNames) {
+  constexpr char kName[] = "vexreg-unit-own";
   const NamedChild child(kName);
   const std::vector<ProcessFact> found = FindProcesses(kName);
   ASSERT_EQ(found.size(), 1U);
@@ -93,12 +94,14 @@ TEST(Processes, AreFoundByTheirNames) {
 }
 
 TEST(Processes, ThatHaveEndedAreNone) {
+  constexpr char kName[] = "vexreg-unit-end";
   const NamedChild zombie(kName, true);
   EXPECT_TRUE(FindProcesses(kName).empty());
 }
 
 // It ends between two looks at what the kernel says of it.
 TEST(Processes, ThatEndWhileTheyAreLookedAtAreNone) {
+  constexpr char kName[] = "vexreg-unit-go";
   for (const bool early : {true, false}) {
     NamedChild child(kName);
     const std::string directory = "/" + std::to_string(child.pid()) + (early ? "/ns/pid" : "");
@@ -127,7 +130,7 @@ TEST(Processes, VariablesOfTheirEnvironment) {
   EXPECT_TRUE(none.has_value() && !none->has_value()) << "known not to be there";
   pid_t gone = 0;
   {
-    NamedChild child(kName);
+    NamedChild child("vexreg-unit-any");
     gone = child.pid();
   }
   EXPECT_FALSE(VariableOf(gone, "PATH").has_value());
