@@ -65,7 +65,9 @@ TEST(Failures, AreToldOfSources) {
   WriteBytes(file, {'x'});
   struct stat status = {};
   EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), "x");
-  for (const char *call : {"openat", "fstat", "read"}) {
+  EXPECT_EQ(ReadPlain(AT_FDCWD, file + "s", 10, 0, &status), std::nullopt);
+  EXPECT_EQ(errno, ENOENT);
+  for (const char *call : {"fstat", "read"}) {
     const FailingCall failing(call, EIO);
     errno = 0;
     EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), std::nullopt) << call;
