@@ -586,7 +586,7 @@ TEST_F(WatchScreen, LooksAgainAtAKeyWhenValuesAreOld) {
   Put("h/a", 12345);
   Start("--interval 3600");
   ASSERT_TRUE(tmux_->Shows("12345"));
-  EXPECT_TRUE(tmux_->Shows("Values are 0 s old: no agent runs"));
+  EXPECT_TRUE(tmux_->Shows(" s old: no agent runs"));
   Put("h/a", 54321);
   EXPECT_TRUE(Eventually([&] {
     tmux_->Press("Home");
