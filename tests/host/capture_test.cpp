@@ -172,7 +172,7 @@ TEST(Capture, LeavesOutWhatItCannotTake) {
   host.snmpd.Start();
   DaemonOptions options;
   options.arguments = {"-p", "15", "-l", "/tmp/agent.log"};
-  options.environment = {{"SNMPCONFPATH", ""}, {"HOME", "/nowhere"}};
+  options.environment = {{"HOME", "/nowhere"}};
   host.daemon.Start(options);
   ASSERT_TRUE(host.daemon.Poll());
   host.File("/etc/services", "");
@@ -180,7 +180,7 @@ TEST(Capture, LeavesOutWhatItCannotTake) {
   const std::string registry = MadeUpHost::kRegistry;
   host.File(registry + "/large", "");
   ASSERT_EQ(truncate((registry + "/large").c_str(), 9 << 20), 0);
-  host.File(registry + "/" + std::string(100, 'n'), "");
+  host.File(registry + "/" + std::string(101, 'n'), "");
   std::string deep = registry;
   for (int i = 0; i < 20; i++) {
     deep += "/d";
@@ -197,7 +197,7 @@ TEST(Capture, LeavesOutWhatItCannotTake) {
   for (const std::string &omission :
        {std::string("/etc/services: too large"), std::string("dpkg: too much"),
         registry + "/large: too large",
-        "registry/" + std::string(100, 'n') + ": no name for a capture",
+        "registry/" + std::string(101, 'n') + ": no name for a capture",
         std::string("snmpd: does not answer"), std::string("/tmp/agent.log: cannot be read")}) {
     EXPECT_TRUE(Contains(captured.err, "vexreg: left out: " + omission + "\n")) << omission << "\n"
                                                                                 << captured.err;
@@ -208,6 +208,7 @@ TEST(Capture, LeavesOutWhatItCannotTake) {
   EXPECT_FALSE(Contains(tar, "registry/pipe"));
   // Without a file for its log, an agent has the journal.
   EXPECT_EQ(host.daemon.Stop(), 0);
+  host.daemon.Start({"-p", "15"});
   EXPECT_TRUE(Contains(host.Vexreg({"capture", kFile}).err,
                        "vexreg: left out: log: no journal to be read\n"));
 }
