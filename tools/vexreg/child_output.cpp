@@ -65,7 +65,7 @@ ChildOutput::End Take(int from, Clock::time_point end, size_t most_bytes, std::s
       return ChildOutput::kExited;
     }
     if (length < 0 && errno != EINTR) {
-      return ChildOutput::kFailed;
+      return ChildOutput::kLost;
     }
     if (length > 0) {
       out->append(text, static_cast<size_t>(length));
@@ -139,7 +139,7 @@ ChildOutput RunProgram(const std::vector<std::string> &words, const std::string 
     if (output.status == kNoProgram && output.out.empty()) {
       output.end = ChildOutput::kNotRun;
     } else if (output.status == kNotStarted && output.out.empty()) {
-      output.end = ChildOutput::kFailed;
+      output.end = ChildOutput::kLost;
     }
   }
   return output;

@@ -9,9 +9,9 @@
 namespace vex {
 
 struct ChildOutput {
-  enum End { kExited, kNotRun, kTimedOut, kTooMuch, kFailed };
-  End end = kFailed;  // to be started or read; kNotRun: there is no such program
-  int status = 0;     // of an exit, or 128 and the signal's number
+  enum End { kExited, kNotRun, kTimedOut, kTooMuch, kLost };
+  End end = kLost;  // could not be started or read; kNotRun: there is no such program
+  int status = 0;   // of an exit, or 128 and the signal's number
   std::string out;
 };
 

@@ -41,7 +41,7 @@ TakenText TakeDoctorsFindings(const std::string &root, const std::string &search
     case ChildOutput::kTooMuch:
       return {std::nullopt, "doctor said too much"};
     case ChildOutput::kNotRun:
-    case ChildOutput::kFailed:
+    case ChildOutput::kLost:
       break;
   }
   return {std::nullopt, "doctor could not be run"};

@@ -1,10 +1,13 @@
 #include "tests/unit/framework/process/with_snmp_process.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -113,6 +116,8 @@ ino_t ChannelAt(int fd) {
 
 void Born() {
   generation++;
+  // One that hangs would outlive its test, whose output it holds open.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (generation == kStarter) {
     for (int fd = 0; fd < kMostDescriptors; fd++) {
       channels_before.insert(ChannelAt(fd));
@@ -201,6 +206,17 @@ Wicked &Wicked::Say(const FrameWriter &frame) {
     }
   }
   return *this;
+}
+
+bool Wicked::AllIsRead() {
+  for (int i = 0; i < 1000; i++) {
+    int unread = 0;
+    if (ioctl(channel_.Fd(), SIOCOUTQ, &unread) == 0 && unread == 0) {
+      return true;
+    }
+    usleep(10'000);
+  }
+  return false;
 }
 
 std::optional<std::string> Wicked::Hear(FrameType type) {

@@ -59,6 +59,8 @@ class Wicked {
  public:
   Wicked();
   Wicked &Say(const FrameWriter &frame);
+  // Waits until the agent has read all of that. False when it does not within ten seconds.
+  bool AllIsRead();
   // The next frame of this type, waited for; others are passed over. Nothing when none comes.
   std::optional<std::string> Hear(FrameType type);
   [[noreturn]] static void Stay();
