@@ -274,14 +274,8 @@ class StarterTest : public WithSnmpProcess {
   int32_t number_ = 0;
 };
 
-void Stay() {
-  for (;;) {
-    pause();
-  }
-}
-
 TEST_F(StarterTest, EndsAProcessWhenToldAndTellsOfIt) {
-  at_birth[kSnmpProcess] = Stay;
+  at_birth[kSnmpProcess] = Wicked::Stay;
   Start();
   EXPECT_EQ(Hear(), FrameType::kConfigured);
   // There is none yet.
@@ -296,7 +290,7 @@ TEST_F(StarterTest, EndsAProcessWhenToldAndTellsOfIt) {
 
 // Signals that come while it waits for the end of one cost nothing.
 TEST_F(StarterTest, WaitsForTheEndThoughSignalsCome) {
-  at_birth[kSnmpProcess] = Stay;
+  at_birth[kSnmpProcess] = Wicked::Stay;
   at_birth[kStarter] = [] { new FailingCall("waitpid", EINTR, 1, 3); };
   Start();
   EXPECT_EQ(Hear(), FrameType::kConfigured);
@@ -356,7 +350,7 @@ TEST_F(StarterTest, CannotBeStartedWithoutAChannelOrAProcess) {
 
 // Whoever cannot be waited for is so at the next look.
 TEST_F(StarterTest, LooksAgainAfterACallThatFailed) {
-  at_birth[kSnmpProcess] = Stay;
+  at_birth[kSnmpProcess] = Wicked::Stay;
   at_birth[kStarter] = [] { new FailingCall("waitpid", ECHILD); };
   Start();
   EXPECT_EQ(Hear(), FrameType::kConfigured);

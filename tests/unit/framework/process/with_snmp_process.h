@@ -27,6 +27,7 @@ extern std::function<void()> at_birth[kGenerations];  // what each does first
 
 // Shared by all of them.
 struct Births {
+  std::atomic<pid_t> starter{0};
   std::atomic<pid_t> last_process{0};
   std::atomic<int> count{0};      // of SNMP processes, the one that asks included
   std::atomic<int> told[8] = {};  // what a test's processes want it to know
