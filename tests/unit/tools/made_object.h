@@ -2,6 +2,8 @@
 #ifndef VEX_TESTS_UNIT_TOOLS_MADE_OBJECT_H
 #define VEX_TESTS_UNIT_TOOLS_MADE_OBJECT_H
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -45,6 +47,18 @@ inline vex::FileObject MadeObject(const std::vector<MadeVariable> &made) {
     object.data.insert(object.data.end(), m.bytes.begin(), m.bytes.end());
   }
   return object;
+}
+
+// As an agent publishes it.
+inline void PublishMade(const std::string &root, const std::string &name,
+                        const vex::FileObject &object) {
+  std::vector<uint16_t> lengths;
+  for (const vex::FileVariable &variable : object.variables) {
+    lengths.push_back(variable.length);
+  }
+  vex::ObjectFileWriter writer(name, root);
+  writer.SetLayout(object.variables, static_cast<uint32_t>(object.data.size()));
+  ASSERT_EQ(writer.Publish(object.data.data(), lengths.data()), 0);
 }
 
 #endif

@@ -16,13 +16,7 @@ namespace {
 class FindNames : public testing::Test {
  protected:
   void Publish(const std::string &name, const FileObject &object) {
-    std::vector<uint16_t> lengths;
-    for (const FileVariable &variable : object.variables) {
-      lengths.push_back(variable.length);
-    }
-    ObjectFileWriter writer(name, registry_.root());
-    writer.SetLayout(object.variables, static_cast<uint32_t>(object.data.size()));
-    ASSERT_EQ(writer.Publish(object.data.data(), lengths.data()), 0);
+    PublishMade(registry_.root(), name, object);
   }
   void SetUp() override {
     for (const int row : {0, 2, 10}) {

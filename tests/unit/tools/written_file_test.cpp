@@ -11,6 +11,7 @@
 
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
+#include "tests/unit/tools/said_by.h"
 #include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/replace_file.h"
 
@@ -18,14 +19,6 @@ namespace vex {
 namespace {
 
 namespace fs = std::filesystem;
-
-// What a call says on standard error.
-template <typename Call>
-std::string SaidBy(const Call &call) {
-  testing::internal::CaptureStderr();
-  call();
-  return testing::internal::GetCapturedStderr();
-}
 
 std::string Complaint(const std::string &path) {
   return SaidBy([&] { EXPECT_FALSE(WriteOutput(path, "new", 0600)) << path; });

@@ -95,24 +95,7 @@ class SnmpProcessAlone : public WithSnmpProcess {
   }
   // The next frame of this type; nothing at its end, or when none comes.
   std::optional<std::string> Hear(FrameType type) {
-    for (;;) {
-      std::string_view bytes;
-      const FrameSocket::Got got = channel_.Receive(&bytes, nullptr);
-      if (got == FrameSocket::Got::kEnd) {
-        return std::nullopt;
-      }
-      if (got == FrameSocket::Got::kFrame) {
-        if (FrameReader(bytes).Take<FrameType>() == type) {
-          return std::string(bytes.substr(1));
-        }
-        continue;
-      }
-      pollfd entry = {channel_.Fd(), POLLIN, 0};
-      if (poll(&entry, 1, 10000) <= 0) {
-        ADD_FAILURE() << "it says nothing";
-        return std::nullopt;
-      }
-    }
+    return HearFrom(&channel_, type);
   }
   // The status it ends with; -1 when it does not.
   int Status() {

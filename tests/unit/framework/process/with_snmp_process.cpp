@@ -219,10 +219,14 @@ bool Wicked::AllIsRead() {
 }
 
 std::optional<std::string> Wicked::Hear(FrameType type) {
+  return HearFrom(&channel_, type);
+}
+
+std::optional<std::string> HearFrom(FrameSocket *channel, FrameType type) {
   for (;;) {
     std::string_view bytes;
     FrameSocket::Descriptors descriptors;
-    const FrameSocket::Got got = channel_.Receive(&bytes, &descriptors);
+    const FrameSocket::Got got = channel->Receive(&bytes, &descriptors);
     if (got == FrameSocket::Got::kEnd) {
       return std::nullopt;
     }
@@ -232,7 +236,7 @@ std::optional<std::string> Wicked::Hear(FrameType type) {
       }
       continue;
     }
-    pollfd entry = {channel_.Fd(), POLLIN, 0};
+    pollfd entry = {channel->Fd(), POLLIN, 0};
     if (poll(&entry, 1, 10000) <= 0) {
       return std::nullopt;
     }

@@ -41,6 +41,10 @@ int ControlHere();
 // In the starter, at its birth: its channel.
 int StartersChannel();
 
+// The next frame of this type, waited for; others are passed over. Nothing at the channel's end,
+// and when none comes.
+std::optional<std::string> HearFrom(FrameSocket *channel, FrameType type);
+
 // The thread that gets no memory, 0 for none, and how often it has asked.
 extern std::atomic<pid_t> starved;
 extern std::atomic<long> refused;
@@ -62,7 +66,6 @@ class Wicked {
   Wicked &Say(const FrameWriter &frame);
   // Waits until the agent has read all of that. False when it does not within ten seconds.
   bool AllIsRead();
-  // The next frame of this type, waited for; others are passed over. Nothing when none comes.
   std::optional<std::string> Hear(FrameType type);
   [[noreturn]] static void Stay();
 

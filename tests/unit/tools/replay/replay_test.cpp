@@ -28,6 +28,7 @@
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
+#include "tests/unit/tools/said_by.h"
 #include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/controller_stand_in.h"
@@ -38,14 +39,6 @@ namespace vex {
 namespace {
 
 namespace fs = std::filesystem;
-
-// What a call says on standard error.
-template <typename Call>
-std::string SaidBy(const Call &call) {
-  testing::internal::CaptureStderr();
-  call();
-  return testing::internal::GetCapturedStderr();
-}
 
 // A place below /srv, for a room has a /tmp of its own.
 class Place {
