@@ -18,9 +18,7 @@ class Descriptor {
   }
   Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   Descriptor &operator=(Descriptor &&other) noexcept {
-    if (this != &other) {
-      Reset(std::exchange(other.fd_, -1));
-    }
+    Reset(std::exchange(other.fd_, -1));
     return *this;
   }
   int get() const {

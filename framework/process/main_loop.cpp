@@ -211,7 +211,7 @@ void Loop() {
 int Run(int argc, char **argv) {
   OpenStandardDescriptors();
   PrepareSignals();
-  static char *name = strdup(argc > 0 && argv[0] != nullptr ? BaseName(argv[0]) : "agent");
+  static char *name = strdup(argc > 0 ? BaseName(argv[0]) : "agent");
   agent = name;
   SetLogName(name);
   CommandLine line = TakeOwnOptions(argc, argv);

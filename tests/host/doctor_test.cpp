@@ -597,7 +597,7 @@ TEST_F(Doctor, AgentThatHangs) {
   const pid_t snmp = SnmpProcessOf(host_.daemon.pid());
   host_.daemon.Signal(SIGSTOP);
   if (snmp > 0) {
-    kill(snmp, SIGSTOP);
+    StopProcess(snmp);
   }
   Examine();
   EXPECT_EQ(outcome_.status, 1);

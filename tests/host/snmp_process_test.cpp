@@ -519,8 +519,8 @@ TEST(SnmpProcess, EndsWithTheAgent) {
   const pid_t starter = StarterOf(host.daemon.pid());
   ASSERT_GT(pid, 0);
   // Both stopped, so that they cannot see for themselves that there is nobody left.
-  kill(pid, SIGSTOP);
-  kill(starter, SIGSTOP);
+  StopProcess(pid);
+  StopProcess(starter);
   EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
   EXPECT_TRUE(Eventually([&] { return !ProcessExists(starter); })) << Status(starter, "State");
   EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); })) << Status(pid, "State");

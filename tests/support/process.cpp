@@ -223,7 +223,12 @@ bool Process::Running() {
 }
 
 void Process::Signal(int number) {
-  if (pid_ > 0 && !status_) {
+  if (pid_ <= 0 || status_) {
+    return;
+  }
+  if (number == SIGSTOP) {
+    StopProcess(pid_);
+  } else {
     kill(pid_, number);
   }
 }
@@ -330,6 +335,14 @@ pid_t SnmpProcessOf(pid_t daemon) {
 bool ProcessExists(pid_t pid) {
   auto fields = StatFields(pid);
   return !fields.empty() && fields[0] != "Z";
+}
+
+void StopProcess(pid_t pid) {
+  kill(pid, SIGSTOP);
+  Eventually([pid] {
+    const auto fields = StatFields(pid);
+    return fields.empty() || fields[0] == "T" || fields[0] == "Z";
+  });
 }
 
 // Of two fields of /proc/PID/stat side by side.

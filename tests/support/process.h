@@ -74,6 +74,8 @@ std::vector<pid_t> Children(pid_t pid);
 pid_t StarterOf(pid_t daemon);
 pid_t SnmpProcessOf(pid_t daemon);
 bool ProcessExists(pid_t pid);  // and is no zombie
+// SIGSTOP, until it has stopped: it does once it is given a processor, and may answer until then.
+void StopProcess(pid_t pid);
 // CPU time, user and system, in seconds.
 double CpuSeconds(pid_t pid);
 double CpuSecondsOfEndedChildren(pid_t pid);
