@@ -101,12 +101,11 @@ void SnmpLoop::SendLast(Clock::time_point until) {
 
 void SnmpLoop::Request(const netsnmp_pdu *pdu) {
   spinning_.Asked(Clock::now());
-  bool current = true;
+  bool current = false;
   try {
-    seat_->TakeImages(&index_, true);
+    current = seat_->TakeImages(&index_, true);
   } catch (const std::exception &) {
     short_of_memory_ = true;
-    current = false;
   }
   requests_.Handle(&session_, pdu, seat_->SetsEnabled(), current);
   const Clock::time_point now = Clock::now();

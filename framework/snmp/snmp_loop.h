@@ -42,8 +42,8 @@ class SnmpSeat {
   virtual bool Stopping() const = 0;
 
   // Brings the index up to date with all that is published; answering: a request waits for it.
-  // Throws a std::exception when that cannot be done now.
-  virtual void TakeImages(MibIndex *index, bool answering) = 0;
+  // False when it waited in vain. Throws a std::exception for want of memory.
+  virtual bool TakeImages(MibIndex *index, bool answering) = 0;
   virtual bool SetsEnabled() const = 0;
   virtual SetPort *Sets() = 0;
   virtual NotificationSource *Notifications() = 0;

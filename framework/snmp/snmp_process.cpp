@@ -12,7 +12,6 @@
 #include <memory>
 #include <new>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,12 +22,14 @@
 #include "framework/snmp/snmp_loop.h"
 #include "framework/snmp/snmp_wire.h"
 #include "framework/snmp/socket_transport.h"
+#include "platform/framework.h"
 
 namespace vex {
 namespace {
 
 // How long a request waits for images that the agent has not written yet, being behind or stopped.
 constexpr std::chrono::milliseconds kImagePatience{200};
+constexpr std::chrono::minutes kSayBehindEvery{1};
 // What a set's result may need from the agent's process to this one. It keeps to the deadline; here
 // one more moment is waited, so that a manager hears of what was applied. The master asks again
 // after a second.
@@ -255,22 +256,23 @@ class ProcessSeat final : public SnmpSeat {
     return stopping_;
   }
 
-  void TakeImages(MibIndex *index, bool answering) override {
+  bool TakeImages(MibIndex *index, bool answering) override {
     const Clock::time_point until = Clock::now() + kImagePatience;
     while (images_.Anything()) {
       if (!images_.Take(index)) {
         Leave();
       }
       if (!images_.Backlog()) {
-        return;
+        return true;
       }
       Send(FrameWriter(FrameType::kRoom));
       if (!answering) {
-        return;
+        return true;
       }
       const Clock::time_point now = Clock::now();
       if (now >= until) {
-        throw std::runtime_error("the agent is behind");
+        SayBehind(now);
+        return false;
       }
       pollfd entry = {channel_.Fd(), POLLIN, 0};
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now);
@@ -278,6 +280,7 @@ class ProcessSeat final : public SnmpSeat {
         Ready();
       }
     }
+    return true;
   }
   bool SetsEnabled() const override {
     return !images_.SetsRefused();
@@ -327,6 +330,12 @@ class ProcessSeat final : public SnmpSeat {
   }
 
  private:
+  void SayBehind(Clock::time_point now) {
+    if (now >= say_behind_) {
+      say_behind_ = now + kSayBehindEvery;
+      agentlog_fprintf(stderr, "The agent is behind with its values: requests get genErr\n");
+    }
+  }
   void Send(const FrameWriter &frame) noexcept {
     if (!channel_.Send(frame)) {
       Leave();
@@ -395,7 +404,8 @@ class ProcessSeat final : public SnmpSeat {
   std::map<uint64_t, std::shared_ptr<SnmpQuery>> queries_;
   std::list<std::shared_ptr<SnmpQuery>> fresh_;  // of them
   Descriptor connection_;
-  uint64_t session_ = 0;  // number of the one that was opened last
+  uint64_t session_ = 0;          // number of the one that was opened last
+  Clock::time_point say_behind_;  // when it may be said again
   bool stopping_ = false;
 };
 

@@ -74,7 +74,7 @@ class ThreadSeat final : public SnmpSeat {
     return Side().stop.load();
   }
 
-  void TakeImages(MibIndex *index, bool) override;
+  bool TakeImages(MibIndex *index, bool) override;
   bool SetsEnabled() const override {
     return Side().sets_enabled.load();
   }
@@ -127,10 +127,10 @@ class ThreadSeat final : public SnmpSeat {
   bool connected_ = false;
 };
 
-void ThreadSeat::TakeImages(MibIndex *index, bool) {
+bool ThreadSeat::TakeImages(MibIndex *index, bool) {
   SnmpShared &side = Side();
   if (!side.images_waiting.load(std::memory_order_acquire)) {
-    return;
+    return true;
   }
   while (true) {
     uint64_t id;
@@ -140,7 +140,7 @@ void ThreadSeat::TakeImages(MibIndex *index, bool) {
       SnmpShared::Published *entry = side.first_waiting;
       if (entry == nullptr) {
         side.images_waiting.store(false, std::memory_order_relaxed);
-        return;
+        return true;
       }
       side.first_waiting = entry->next;
       entry->waiting = false;

@@ -242,6 +242,10 @@ TEST_F(LogFile, MessagesSurviveWhatCanFail) {
       EXPECT_EQ(interrupted.Failed(), 2);
     }
     {
+      const vex::FailingCall fails("write", EIO);
+      EXPECT_EQ(agentlog_fprintf(stderr, "%s\n", "lost"), -1);
+    }
+    {
       // Without memory its beginning is there, as a line.
       const vex::FailingCall no_memory("malloc", ENOMEM);
       EXPECT_EQ(agentlog_fprintf(stderr, "%s\n", long_text.c_str()), 1023);
@@ -250,7 +254,9 @@ TEST_F(LogFile, MessagesSurviveWhatCanFail) {
     errno = ESTALE;
     EXPECT_EQ(agentlog_fprintf(stderr, "%ls\n", L"\x7FFFFFFF"), -1) << "not a character";
     EXPECT_EQ(errno, ESTALE) << "as it was";
-    EXPECT_EQ(Contents(file_), "whole\n" + long_text.substr(0, 1022) + "\n");
+    EXPECT_EQ(Contents(file_), "whole\n" + std::string(vex::AgentName()) +
+                                   ": 1 messages were lost: nobody took them\n" +
+                                   long_text.substr(0, 1022) + "\n");
   });
 }
 

@@ -20,6 +20,7 @@
 #include <set>
 #include <thread>
 
+#include "framework/process/sanitized.h"
 #include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/snmp_user_here.h"
@@ -285,6 +286,12 @@ std::string WithSnmpProcess::LoggedByStart(int expected) {
 }
 
 void WithSnmpProcess::StartWithMaster() {
+  // A thread that was joined is counted for a moment more, and beside others there is no process.
+  ASSERT_TRUE(WaitUntil([] {
+    using std::filesystem::directory_iterator;
+    const auto threads = directory_iterator("/proc/self/task");
+    return std::distance(begin(threads), end(threads)) <= 1 + kSanitizersThreads;
+  }));
   master_ = std::make_unique<FakeMaster>(socket_);
   ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
   ASSERT_GT(births->last_process, 0);

@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "framework/snmp/notifications.h"
 #include "tests/unit/framework/session/with_session.h"
 
 namespace vex {
@@ -311,8 +312,27 @@ TEST_F(UnsentTest, WhatCannotBeSentAnyMoreEndsTheSession) {
   BringUp();
   Fill();
   master_->Disconnect();
-  session_->SocketReady(false, true);
+  session_->SocketReady(true, true);
   EXPECT_EQ(Events(), "ended ");
+}
+
+// It is known as lost only with the session's end, and goes to the next one's master.
+TEST_F(AgentxSessionTest, ANotificationThatABreakingSessionDoesNotTakeIsKept) {
+  BringUp();
+  NotificationQueue queue;
+  Notification notification;
+  notification.number = 7;
+  queue.Push(notification);
+  NotificationSender sender(&queue);
+  master_->Disconnect();
+  sender.Send(session_.get());
+  EXPECT_TRUE(session_->Broken());
+  EXPECT_EQ(sender.NextDue(), Clock::time_point::max()) << "nothing to try with this session";
+  EXPECT_FALSE(queue.AllDone());
+  sender.SessionLost();
+  const Notifications kept = queue.Pop();
+  ASSERT_EQ(kept.size(), 1U);
+  EXPECT_EQ(kept.front().notification.number, 7U);
 }
 
 TEST_F(UnsentTest, TheGoodbyeGoesOutBehindIt) {

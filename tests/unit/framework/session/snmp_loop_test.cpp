@@ -47,10 +47,11 @@ class HandSeat final : public SnmpSeat {
   bool Stopping() const override {
     return stopping(passes++);
   }
-  void TakeImages(MibIndex *, bool) override {
+  bool TakeImages(MibIndex *, bool) override {
     if (no_memory) {
       throw std::bad_alloc();
     }
+    return true;
   }
   bool SetsEnabled() const override {
     return true;
