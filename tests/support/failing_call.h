@@ -28,7 +28,8 @@ class FailingCall {
 
   // In this thread alone.
   FailingCall &In(pid_t thread);
-  // Only where the path that is given to the call ends like this. The text must last.
+  // Only where the path that is given to the call is this or ends with these components. The text
+  // must last.
   FailingCall &On(const char *path);
   // So many have failed, in this process.
   int Failed() const;
