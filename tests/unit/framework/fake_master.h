@@ -61,10 +61,10 @@ class FakeMaster {
 
   // Accepts the agent's connection and answers its Open and Register packets; false when that does
   // not happen within the time. Notifications that come meanwhile are kept for Receive().
-  bool AcceptAndRegister(int timeout_ms = 3000);
+  bool AcceptAndRegister(int timeout_ms = 10000);
   bool Accept(int timeout_ms);
   // The next packet; nothing when none comes within the time or the agent has hung up.
-  std::optional<AgentxPacket> Receive(int timeout_ms = 3000);
+  std::optional<AgentxPacket> Receive(int timeout_ms = 10000);
   bool HungUp(int timeout_ms);
   // The same with answers that nobody has read.
   bool HasBeenReset(int timeout_ms);

@@ -192,7 +192,7 @@ class Memory : public testing::Test {
   // The session may have been given up for a new one.
   bool Again() {
     for (int tries = 0; tries < 10; tries++) {
-      if (master_->AcceptAndRegister(3000)) {
+      if (master_->AcceptAndRegister(10000)) {
         return true;
       }
       master_->Disconnect();
@@ -325,7 +325,7 @@ TEST_F(Memory, NoNotificationIsLost) {
   std::string text;
   auto receive = [&]() -> bool {
     for (int tries = 0; tries < 20; tries++) {
-      std::optional<AgentxPacket> packet = master_->Receive(2000);
+      std::optional<AgentxPacket> packet = master_->Receive(10000);
       if (!packet) {
         master_->Disconnect();
         if (!Again()) {

@@ -29,6 +29,7 @@
 #include "platform/framework.h"
 #include "tests/support/failing_call.h"
 #include "tests/unit/framework/process/with_snmp_process.h"
+#include "tests/unit/framework/stopped.h"
 
 namespace vex {
 namespace {
@@ -366,13 +367,13 @@ TEST_F(StarterTest, LooksAgainAfterACallThatFailed) {
 TEST_F(StarterTest, RegistersBehindWhereToldTo) {
   ASSERT_NO_FATAL_FAILURE(StartWithMaster());
   EXPECT_EQ(master_->Priority(), 127);
-  ASSERT_TRUE(SnmpStop());
+  ASSERT_TRUE(Stopped());
   SnmpStandBehind();
   master_.reset();
   StartWithMaster();
   Side().stand_behind = false;
   EXPECT_EQ(master_->Priority(), 200);
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
 }
 
 // One that hangs does not keep the agent.

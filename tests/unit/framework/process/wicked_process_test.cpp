@@ -27,6 +27,7 @@
 #include "tests/support/failing_call.h"
 #include "tests/unit/framework/made_image.h"
 #include "tests/unit/framework/process/with_snmp_process.h"
+#include "tests/unit/framework/stopped.h"
 
 namespace vex {
 namespace {
@@ -380,7 +381,7 @@ TEST_F(WickedProcess, ThatCannotBeHadIsSaidOnceAndTriedAgain) {
     const int before = failing.Failed();
     ASSERT_TRUE(WaitUntil([&] { return failing.Failed() > before; }));
   }
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(
       CountOf(log, "agent: Can't start an SNMP process: Too many open files (trying again)\n"), 1U)
@@ -470,7 +471,7 @@ TEST_F(WickedProcess, WithoutASessionForLongIsLikeNoMaster) {
   ahead_ms = 11000;
   SnmpSetTick([] {}, 100);
   WaitUntil([] { return false; }, 100);
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
   EXPECT_EQ(SnmpUnsent()->size(), 256U);
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("More than 256 notifications wait for the master agent; the oldest are "

@@ -24,6 +24,7 @@
 #include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/snmp_user_here.h"
+#include "tests/unit/framework/stopped.h"
 
 namespace vex {
 
@@ -274,7 +275,7 @@ void WithSnmpProcess::TearDown() {
   starved = 0;
   ending = 0;
   SnmpSetTick(nullptr, 0);
-  SnmpStop();
+  EXPECT_TRUE(Stopped());
   ahead_ms = 0;
   EXPECT_EQ(system(("rm -rf " + directory_).c_str()), 0);
 }
@@ -296,7 +297,7 @@ void WithSnmpProcess::StartWithMaster() {
   ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
   ASSERT_GT(births->last_process, 0);
   ASSERT_TRUE(master_->AcceptAndRegister());
-  ASSERT_TRUE(WaitUntil([] { return SnmpUp(); }, 3000));
+  ASSERT_TRUE(WaitUntil([] { return SnmpUp(); }));
 }
 
 }  // namespace vex

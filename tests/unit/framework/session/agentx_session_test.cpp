@@ -123,7 +123,7 @@ TEST_F(AgentxSessionTest, APingWithoutAnAnswerIsGivenUp) {
   BringUp();
   AdvanceClock(seconds(16));
   session_->Work();
-  std::optional<AgentxPacket> ping = master_->Receive(1000);
+  std::optional<AgentxPacket> ping = master_->Receive(10000);
   ASSERT_TRUE(ping);
   EXPECT_EQ(ping->type, kAgentxPing);
   AdvanceClock(seconds(14));
@@ -152,7 +152,7 @@ TEST_F(AgentxSessionTest, APingWithoutMemoryComesAMomentLater) {
   EXPECT_LE(session_->NextDue(), Clock::now() + milliseconds(100));
   AdvanceClock(milliseconds(101));
   session_->Work();
-  std::optional<AgentxPacket> ping = master_->Receive(1000);
+  std::optional<AgentxPacket> ping = master_->Receive(10000);
   ASSERT_TRUE(ping);
   EXPECT_EQ(ping->type, kAgentxPing);
   master_->Answer(*ping);
@@ -231,7 +231,7 @@ TEST_F(AgentxSessionTest, ABrokenSessionIsClearedAway) {
   EXPECT_FALSE(session_->Send(session_->NewPdu(kAgentxPing)));
   session_->Work();
   EXPECT_EQ(Events(), "ended ");
-  EXPECT_TRUE(master_->HungUp(1000));
+  EXPECT_TRUE(master_->HungUp(10000));
   BringUp();
 }
 
@@ -253,7 +253,7 @@ TEST_F(AgentxSessionTest, ARequestBeforeTheSessionIsNotServed) {
   Connect();
   const AgentxPacket get = master_->Get({{1, 3, 9}});
   Give(get);
-  std::optional<AgentxPacket> answer = master_->Receive(1000);
+  std::optional<AgentxPacket> answer = master_->Receive(10000);
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->packet, get.packet);
   EXPECT_EQ(answer->session, get.session);
@@ -296,7 +296,7 @@ TEST_F(UnsentTest, WhatWaitsIsSentWhenThereIsRoom) {
     std::optional<AgentxPacket> packet = master_->Receive(0);
     if (!packet) {
       session_->SocketReady(false, true);
-      packet = master_->Receive(1000);
+      packet = master_->Receive(10000);
     }
     ASSERT_TRUE(packet) << i;
     ASSERT_EQ(packet->type, kAgentxNotify);
@@ -341,7 +341,7 @@ TEST_F(UnsentTest, TheGoodbyeGoesOutBehindIt) {
   bool goodbye = false;
   std::thread master([&] {
     for (uint32_t i = 0; i <= count; i++) {
-      if (std::optional<AgentxPacket> packet = master_->Receive(5000)) {
+      if (std::optional<AgentxPacket> packet = master_->Receive(10000)) {
         goodbye = packet->type == kAgentxClose;
         if (goodbye) {
           master_->Answer(*packet);

@@ -22,6 +22,7 @@
 #include "tests/unit/framework/fake_master.h"
 #include "tests/unit/framework/made_image.h"
 #include "tests/unit/framework/session/failing_library.h"
+#include "tests/unit/framework/stopped.h"
 
 namespace vex {
 namespace {
@@ -148,7 +149,7 @@ class SnmpEndTest : public testing::Test {
   }
   void TearDown() override {
     SnmpSetTick(nullptr, 0);
-    SnmpStop();
+    EXPECT_TRUE(Stopped());
     Side().stand_behind = false;
     RestoreLibrary();
     const std::string command = "rm -rf " + directory_;
@@ -236,18 +237,18 @@ TEST_F(SnmpEndTest, IsAThreadWhereItIsNotRoots) {
   EXPECT_TRUE(SnmpRunning());
   SnmpPublish(nullptr);
   EXPECT_EQ(SnmpQueryInteger("127.0.0.1", "public", nullptr, seconds(10)).end, QueryEnd::kNotAsked);
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
 }
 
 TEST_F(SnmpEndTest, StandsBehindAnotherAgent) {
   FakeMaster master(path_);
   SnmpStandBehind();
   ASSERT_EQ(Start(), 0);
-  ASSERT_TRUE(master.Accept(5000));
-  std::optional<AgentxPacket> packet = master.Receive(5000);
+  ASSERT_TRUE(master.Accept(10000));
+  std::optional<AgentxPacket> packet = master.Receive(10000);
   ASSERT_TRUE(packet);
   master.Answer(*packet);
-  packet = master.Receive(5000);
+  packet = master.Receive(10000);
   ASSERT_TRUE(packet);
   ASSERT_EQ(packet->type, kAgentxRegister);
   EXPECT_EQ(static_cast<uint8_t>(packet->payload.at(1)), 200);  // usual are 127
@@ -276,7 +277,7 @@ TEST_F(SnmpEndTest, AMasterWhoseNameTheLibraryKnows) {
   FakeMaster master(FakeMaster::Tcp{});
   Configure("agentXSocket tcp:127.1:" + std::to_string(master.Port()) + "\n");
   ASSERT_EQ(Start(), 0);
-  EXPECT_TRUE(master.AcceptAndRegister(5000));
+  EXPECT_TRUE(master.AcceptAndRegister(10000));
   EXPECT_TRUE(Eventually([] { return SnmpUp(); }));
 }
 
@@ -294,7 +295,7 @@ TEST_F(SnmpEndTest, AMasterThatTheLibraryDoesNotFindIsSaid) {
   }
   SnmpSetTick([] { passes++; }, 1);
   EXPECT_TRUE(Eventually([] { return passes > 0; }));
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
   EXPECT_NE(testing::internal::GetCapturedStderr().find("no master agent at tcp:127.1:1 yet"),
             std::string::npos);
 }
@@ -315,7 +316,7 @@ TEST_F(SnmpEndTest, TheAgentsEndCutsItsStartShort) {
   EXPECT_EQ(Start(), -1);
   EXPECT_FALSE(SnmpFailed());
   held = false;
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
 }
 
 // A file system that hangs, say.
@@ -334,7 +335,7 @@ TEST_F(SnmpEndTest, AStartOfMoreThanAMinuteHasFailed) {
   RestoreLibrary();
   testing::internal::CaptureStderr();
   held = false;
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // why it failed is said once
 }
 
@@ -390,9 +391,9 @@ TEST_F(SnmpEndTest, WhatIsNotifiedBeforeTheStartIsKept) {
   SnmpNotifyOlder({first});
   FakeMaster master(path_);
   ASSERT_EQ(Start(), 0);
-  ASSERT_TRUE(master.AcceptAndRegister(5000));
+  ASSERT_TRUE(master.AcceptAndRegister(10000));
   for (uint32_t number = 1; number <= 2; number++) {
-    std::optional<AgentxPacket> packet = master.Receive(5000);
+    std::optional<AgentxPacket> packet = master.Receive(10000);
     ASSERT_TRUE(packet);
     ASSERT_EQ(packet->type, kAgentxNotify);
     EXPECT_EQ(packet->Bindings().at(0).object_id.back(), number);
@@ -423,7 +424,7 @@ TEST_F(SnmpEndTest, WhereTheMastersNameIsTheLibrarysItIsAThread) {
   SnmpPublish(image);
   ASSERT_EQ(StartWithUser(), 0);
   EXPECT_NE(log_.find("Info: the SNMP side is no process of its own: "), std::string::npos) << log_;
-  ASSERT_TRUE(master.AcceptAndRegister(5000));
+  ASSERT_TRUE(master.AcceptAndRegister(10000));
   std::span<const uint32_t> oid = FindMibVariable("tlxHoOsCommonPollFreq")->Oid();
   OidNumbers name(oid.begin(), oid.end());
   name.push_back(0);
@@ -444,7 +445,7 @@ TEST_F(SnmpEndTest, AHangingStartEndsWithTheAgentOrAfterAMinute) {
   EXPECT_EQ(log_.find("Can't"), std::string::npos) << log_;
   TheLibrary().ending = false;
   held = false;
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
   held = true;
   TheLibrary().at_look = [] { AdvanceClock(seconds(61)); };
   EXPECT_EQ(StartWithUser(), -1);
@@ -453,7 +454,7 @@ TEST_F(SnmpEndTest, AHangingStartEndsWithTheAgentOrAfterAMinute) {
       << log_;
   RestoreLibrary();
   held = false;
-  EXPECT_TRUE(SnmpStop());
+  EXPECT_TRUE(Stopped());
 }
 
 }  // namespace

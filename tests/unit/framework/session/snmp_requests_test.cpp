@@ -118,7 +118,7 @@ class SnmpRequestsTest : public WithSession {
     return NextError(request, index);
   }
   int NextError(const AgentxPacket &request, int *index = nullptr) {
-    std::optional<AgentxPacket> answer = master_->Receive(1000);
+    std::optional<AgentxPacket> answer = master_->Receive(10000);
     if (!answer || answer->packet != request.packet) {
       return -1;
     }
@@ -129,7 +129,7 @@ class SnmpRequestsTest : public WithSession {
   }
   std::vector<AgentxBinding> BindingsOf(const AgentxPacket &request) {
     Give(request);
-    std::optional<AgentxPacket> answer = master_->Receive(1000);
+    std::optional<AgentxPacket> answer = master_->Receive(10000);
     if (!answer || answer->Error() != 0) {
       ADD_FAILURE() << "no answer";
       return {};
@@ -178,7 +178,7 @@ TEST_F(SnmpRequestsTest, ARangeWithNothingForItsEndIsUnbounded) {
   snmp_add_null_var(request, from, OID_LENGTH(from));
   requests_.Handle(session_.get(), request, true, true);
   snmp_free_pdu(request);
-  std::optional<AgentxPacket> answer = master_->Receive(1000);
+  std::optional<AgentxPacket> answer = master_->Receive(10000);
   ASSERT_TRUE(answer);
   ASSERT_EQ(answer->Bindings().size(), 1U);
   EXPECT_EQ(answer->Bindings()[0].integer, 9);
@@ -222,7 +222,7 @@ TEST_F(SnmpRequestsTest, WhatIsNoRequestIsAnError) {
   request->reqid = 77;
   requests_.Handle(session_.get(), request, true, true);
   snmp_free_pdu(request);
-  std::optional<AgentxPacket> answer = master_->Receive(1000);
+  std::optional<AgentxPacket> answer = master_->Receive(10000);
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->packet, 77U);
   EXPECT_EQ(answer->Error(), kProcessingError);
@@ -257,7 +257,7 @@ TEST_F(SnmpRequestsTest, TooManyAnswersWithoutMemoryEndTheSession) {
   }
   Give(master_->Get({Name(kCount, 0)}));
   EXPECT_TRUE(session_->Down());
-  EXPECT_TRUE(master_->HungUp(1000));
+  EXPECT_TRUE(master_->HungUp(10000));
   EXPECT_EQ(requests_.NextDue(), Clock::time_point::max());
 }
 
@@ -469,7 +469,7 @@ TEST_F(SnmpRequestsTest, APhaseThatCouldNotBeReadIsRefusedByItsKind) {
   uint32_t packet = 5000;
   for (const auto &c : cases) {
     requests_.HandleUnread(session_.get(), {c.type, 0, master_->Session(), 5, ++packet});
-    std::optional<AgentxPacket> answer = master_->Receive(1000);
+    std::optional<AgentxPacket> answer = master_->Receive(10000);
     ASSERT_TRUE(answer) << c.type;
     EXPECT_EQ(answer->packet, packet);
     EXPECT_EQ(answer->Error(), c.error) << c.type;

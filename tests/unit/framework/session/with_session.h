@@ -80,8 +80,8 @@ class WithSession : public testing::Test {
   void Connect() {
     ASSERT_TRUE(session_->Down());
     ASSERT_TRUE(session_->Adopt(StreamTransport(ConnectUnix(path_))));
-    ASSERT_TRUE(master_->Accept(1000));
-    std::optional<AgentxPacket> open = master_->Receive(1000);
+    ASSERT_TRUE(master_->Accept(10000));
+    std::optional<AgentxPacket> open = master_->Receive(10000);
     ASSERT_TRUE(open);
     ASSERT_EQ(open->type, kAgentxOpen);
     open_ = *open;
@@ -98,7 +98,7 @@ class WithSession : public testing::Test {
   void ReceiveRegistrations() {
     registrations_.clear();
     for (size_t i = 0; i < MibGroups().size(); i++) {
-      std::optional<AgentxPacket> packet = master_->Receive(1000);
+      std::optional<AgentxPacket> packet = master_->Receive(10000);
       ASSERT_TRUE(packet);
       ASSERT_EQ(packet->type, kAgentxRegister);
       registrations_.push_back(*packet);
