@@ -28,7 +28,8 @@ namespace vex {
 namespace {
 
 // How long a request waits for images that the agent has not written yet, being behind or stopped.
-constexpr std::chrono::milliseconds kImagePatience{200};
+// The master asks again after a second.
+constexpr std::chrono::milliseconds kImagePatience{700};
 constexpr std::chrono::minutes kSayBehindEvery{1};
 // What a set's result may need from the agent's process to this one. It keeps to the deadline; here
 // one more moment is waited, so that a manager hears of what was applied. The master asks again
