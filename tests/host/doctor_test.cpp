@@ -137,7 +137,7 @@ class OddMaster {
   }
   // Takes a field with its tag off the front.
   static std::string Take(std::string *from, int *tag = nullptr) {
-    const auto length = static_cast<size_t>(from->at(1));
+    const size_t length = static_cast<unsigned char>(from->at(1));
     if (tag != nullptr) {
       *tag = static_cast<unsigned char>(from->at(0));
     }
