@@ -137,7 +137,7 @@ class OddMaster {
   }
   // Takes a field with its tag off the front.
   static std::string Take(std::string *from, int *tag = nullptr) {
-    const auto length = static_cast<size_t>(from->at(1));
+    const size_t length = static_cast<unsigned char>(from->at(1));
     if (tag != nullptr) {
       *tag = static_cast<unsigned char>(from->at(0));
     }
@@ -898,6 +898,22 @@ TEST_F(Doctor, MasterWithOddRows) {
   }
   EXPECT_HAS(About("group load: "), "FAIL  group load: a device stands in place of load.");
   EXPECT_HAS(About("group agent: "), "not published");
+}
+
+TEST_F(Doctor, SaysWhyTheGuidCannotBeRead) {
+  const std::string misc = std::string(MadeUpHost::kRegistry) + "/host/misc";
+  ASSERT_EQ(host_.Vexreg({"put", "host/memory", "int:1"}).status, 0);
+  host_.Link(misc, "memory");
+  Examine();
+  EXPECT_HAS(About("group misc: "), "note  group misc: a symbolic link stands in place of misc.");
+  EXPECT_EQ(About("GUID: "),
+            "note  GUID: host/misc cannot be read: Too many levels of symbolic links.");
+  // What is damaged can be read, and its group says so.
+  host_.Remove(misc);
+  host_.File(misc, "rubbish");
+  Examine();
+  EXPECT_HAS(About("group misc: "), "note  group misc: its file is damaged.");
+  EXPECT_EQ(About("GUID: "), "lines about it: 0");
 }
 
 TEST_F(Doctor, SocketThatIsNone) {

@@ -239,6 +239,8 @@ VEX_FAILING(int, futimens, (int fd, const timespec *times), (fd, times), -1)
 VEX_FAILING(int, pipe2, (int *ends, int flags), (ends, flags), -1)
 VEX_FAILING(int, waitid, (idtype_t type, id_t id, siginfo_t *status, int options),
             (type, id, status, options), -1)
+VEX_FAILING(int, setenv, (const char *name, const char *value, int replace), (name, value, replace),
+            -1)
 VEX_FAILING(int, sethostname, (const char *name, size_t size), (name, size), -1)
 VEX_FAILING(void *, shmat, (int segment, const void *at, int flags), (segment, at, flags),
             reinterpret_cast<void *>(-1))

@@ -7,7 +7,6 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include "framework/process/clock.h"
 #include "framework/process/descriptor.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/forked.h"
 
 namespace vex {
 namespace {
@@ -44,37 +44,48 @@ constexpr int kFinished = 0x40;
   _exit(status);
 }
 
-// Passes on what there is. False at the end, and with an error, which is *failure then.
-bool PassOn(int from, std::ostream &to, int *failure) {
+struct Pipe {
+  Descriptor from;
+  Descriptor to;
+  bool Open() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      return false;
+    }
+    from.Reset(ends[0]);
+    to.Reset(ends[1]);
+    return true;
+  }
+};
+
+// Passes on what there is, and closes what has come to its end. False with an error.
+bool PassOn(Descriptor *from, std::ostream &to) {
   char text[4096];
-  const ssize_t length = read(from, text, sizeof(text));
+  const ssize_t length = read(from->get(), text, sizeof(text));
   if (length > 0) {
     to.write(text, length).flush();
+  } else if (length == 0) {
+    from->Reset();
   }
-  if (length < 0 && errno != EINTR) {
-    *failure = errno;
-  }
-  return length > 0 || (length < 0 && errno == EINTR);
+  return length >= 0 || errno == EINTR;
 }
 
-// False when the time was over before the end of both.
-bool PassOnAll(Descriptor out, Descriptor err, Clock::time_point end, int *failure) {
+// 0 at the end of both, else the error of a call: ETIMEDOUT when the time was over before.
+int PassOnAll(Descriptor out, Descriptor err, Clock::time_point end) {
   while (out || err) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-    pollfd waited[] = {{out ? out.get() : -1, POLLIN, 0}, {err ? err.get() : -1, POLLIN, 0}};
+    pollfd waited[] = {{out.get(), POLLIN, 0}, {err.get(), POLLIN, 0}};
     const int ready = poll(waited, 2, static_cast<int>(std::max<int64_t>(left, 0)));
     if (ready == 0) {
-      return false;
+      return ETIMEDOUT;
     }
-    if (waited[0].revents != 0 && !PassOn(out.get(), std::cout, failure)) {
-      out = Descriptor();
-    }
-    if (waited[1].revents != 0 && !PassOn(err.get(), std::cerr, failure)) {
-      err = Descriptor();
+    if ((ready < 0 && errno != EINTR) || (waited[0].revents != 0 && !PassOn(&out, std::cout)) ||
+        (waited[1].revents != 0 && !PassOn(&err, std::cerr))) {
+      return errno;
     }
   }
-  return true;
+  return 0;
 }
 
 }  // namespace
@@ -82,42 +93,33 @@ bool PassOnAll(Descriptor out, Descriptor err, Clock::time_point end, int *failu
 std::optional<int> DoWithin(int seconds, const std::function<int()> &work, bool *finished) {
   *finished = false;
   const auto end = Clock::now() + std::chrono::seconds(seconds);
-  int out[2];
-  int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+  Pipe out;
+  Pipe err;
+  if (!out.Open() || !err.Open()) {
     Complain(std::string("no pipe: ") + strerror(errno));
     return kFailed;
   }
   std::cout << std::flush;
   const pid_t parent = getpid();
-  const pid_t child = fork();
+  const pid_t child = Forked([&]() -> int { DoAsChild(parent, out.to.get(), err.to.get(), work); });
   if (child < 0) {
     Complain(std::string("no process: ") + strerror(errno));
     return kFailed;
   }
-  if (child == 0) {
-    DoAsChild(parent, out[1], err[1], work);
-  }
-  close(out[1]);
-  close(err[1]);
-  int failure = 0;
-  if (!PassOnAll(Descriptor(out[0]), Descriptor(err[0]), end, &failure)) {
-    kill(child, SIGKILL);
-    return std::nullopt;
-  }
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
+  out.to.Reset();
+  err.to.Reset();
+  const int failure = PassOnAll(std::move(out.from), std::move(err.from), end);
   if (failure != 0) {
+    kill(child, SIGKILL);  // and is not waited for: it may wait for a dead file system
+    if (failure == ETIMEDOUT) {
+      return std::nullopt;
+    }
     Complain(std::string("what was found cannot be read: ") + strerror(failure));
     return kFailed;
   }
-  if (!WIFEXITED(status)) {
-    Complain(std::string("ended by signal: ") + strsignal(WTERMSIG(status)));
-    return kFailed;
-  }
-  *finished = (WEXITSTATUS(status) & kFinished) != 0;
-  return WEXITSTATUS(status) & ~kFinished;
+  const int status = StatusOf(child);
+  *finished = (status & kFinished) != 0;
+  return status & ~kFinished;
 }
 
 }  // namespace vex

@@ -16,6 +16,7 @@
 
 #include "framework/process/clock.h"
 #include "framework/process/descriptor.h"
+#include "tools/vexreg/forked.h"
 
 namespace vex {
 namespace {
@@ -76,8 +77,9 @@ ChildOutput::End Take(int from, Clock::time_point end, size_t most_bytes, std::s
   }
 }
 
-// Until the child has ended, which can then still be asked for its status. False when it has not.
-bool WaitForExit(pid_t child, Clock::time_point end) {
+// Until the child has ended, whose number nobody else has as long as it is not reaped: its status,
+// or 128 and the signal's number. False when it has not.
+bool WaitForExit(pid_t child, Clock::time_point end, int *status) {
   do {
     siginfo_t ended = {};
     if (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT | WNOHANG) != 0 &&
@@ -85,6 +87,7 @@ bool WaitForExit(pid_t child, Clock::time_point end) {
       return false;
     }
     if (ended.si_pid == child) {
+      *status = ended.si_code == CLD_EXITED ? ended.si_status : 128 + ended.si_status;
       return true;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -112,33 +115,24 @@ ChildOutput RunProgram(const std::vector<std::string> &words, const std::string 
   const auto end = Clock::now() + std::chrono::seconds(seconds);
   const std::vector<char *> arguments = ArgumentsOf(words);
   const pid_t parent = getpid();
-  const pid_t child = fork();
+  const pid_t child = Forked([&]() -> int { Become(arguments, search, to.get(), parent); });
   if (child < 0) {
     return output;
-  }
-  if (child == 0) {
-    Become(arguments, search, to.get(), parent);
   }
   setpgid(child, child);  // here as well: whichever comes first
   to.Reset();
   output.end = Take(from.get(), end, most_bytes, &output.out);
-  if (output.end == ChildOutput::kExited && !WaitForExit(child, end)) {
+  if (output.end == ChildOutput::kExited && !WaitForExit(child, end, &output.status)) {
     output.end = ChildOutput::kTimedOut;  // it has closed its output and goes on
   }
   // Also what a program has left behind. One that cannot be killed waits for a dead file system: it
   // is not waited for.
   kill(-child, SIGKILL);
-  int status = 0;
-  pid_t waited = -1;
-  do {
-    waited = waitpid(child, &status, output.end == ChildOutput::kExited ? 0 : WNOHANG);
-  } while (waited < 0 && errno == EINTR);
-  const bool ended = waited > 0;
-  if (output.end == ChildOutput::kExited && ended) {
-    output.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    if (output.status == kNoProgram && output.out.empty()) {
+  waitpid(child, nullptr, WNOHANG);
+  if (output.end == ChildOutput::kExited && output.out.empty()) {
+    if (output.status == kNoProgram) {
       output.end = ChildOutput::kNotRun;
-    } else if (output.status == kNotStarted && output.out.empty()) {
+    } else if (output.status == kNotStarted) {
       output.end = ChildOutput::kLost;
     }
   }

@@ -123,6 +123,7 @@ int Caught(const std::function<int()> &work) {
   } catch (const std::bad_alloc &) {
     EndWithoutMemory();  // of a live view, which has given the terminal back
   } catch (const std::exception &error) {
+    std::set_new_handler(EndWithoutMemory);  // which a live view has taken away
     Complain(error.what());
   }
   return kFailed;

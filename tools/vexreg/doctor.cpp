@@ -179,7 +179,7 @@ class Examination {
     // Before the attempt, which may be counted, too.
     sessions_ = socket_.empty() ? std::nullopt : ConnectionsTo(socket_);
     const int error = socket_.empty() ? 0 : TryUnixSocket(socket_);
-    const bool other = !agent_.empty() && agent_.front().owner != geteuid() && geteuid() != 0;
+    const bool other = !agent_.empty() && agent_.front().owner != geteuid();
     Say(JudgeSocket(target, socket_, error, other));
   }
 
@@ -220,7 +220,7 @@ class Examination {
     }
     ViewFacts facts;
     facts.agent_seen = !agent_.empty();
-    facts.agent_known = !hidden_ || !agent_.empty();
+    facts.agent_known = !hidden_;
     facts.agent_pauses = Phase() == AgentPhase::kStarts && !HasSnmpThread(agent_.front().pid);
     facts.sessions = sessions_;
     facts.community_line = CommunityLine(files_.master_lines, files_.community);
@@ -282,7 +282,7 @@ class Examination {
     for (const ProcessFact &agent : agent_) {
       facts.agents.push_back(agent.pid);
     }
-    facts.agent_known = !hidden_ || !agent_.empty();
+    facts.agent_known = !hidden_;
     facts.elsewhere = Elsewhere();
     Say(JudgeDirectory(facts, Phase()));
   }

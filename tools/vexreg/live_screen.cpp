@@ -15,6 +15,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <stdexcept>
+
 #include "tools/vexreg/tables.h"
 
 namespace vex {
@@ -131,8 +133,7 @@ LiveScreen::LiveScreen(const ViewSignals &signals, bool colour, bool utf8)
   const TakingSignals taking(signals_);
   // CanDraw() has seen that the terminal is one; what may fail now is memory.
   if (newterm(nullptr, stdout, stdin) == nullptr) {
-    fprintf(stderr, "vexreg: the terminal cannot be set up: %s\n", strerror(errno));
-    exit(EXIT_FAILURE);
+    throw std::runtime_error(std::string("the terminal cannot be set up: ") + strerror(errno));
   }
   set_escdelay(kEscapeDelayMs);
   cbreak();
@@ -141,8 +142,9 @@ LiveScreen::LiveScreen(const ViewSignals &signals, bool colour, bool utf8)
   keypad(stdscr, TRUE);
   nodelay(stdscr, TRUE);
   curs_set(0);
-  colour_ = colour_ && has_colors() && start_color() == OK;
+  colour_ = colour_ && has_colors();
   if (colour_) {
+    start_color();  // where it fails, ncurses draws all without colours
     const short background = use_default_colors() == OK ? -1 : COLOR_BLACK;
     init_pair(kGoodPair, COLOR_GREEN, background);
     init_pair(kWarningPair, COLOR_YELLOW, background);

@@ -1,12 +1,15 @@
 // Programs that a command runs for what they print, and what it takes along of that.
 #include "tools/vexreg/child_output.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <fstream>
 
+#include "tests/support/failing_call.h"
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tools/vexreg/own_words.h"
@@ -28,8 +31,10 @@ TEST(ChildOutput, IsWhatAProgramPrintedBeforeItsEnd) {
   } constexpr kCases[] = {
       {"echo out; echo err >&2; exit 3", 3, "out\n"},
       {"cat; echo end", 0, "end\n"},  // nobody types
+      {"exit 3", 3, ""},
       {"echo out; kill -KILL $$", 128 + SIGKILL, "out\n"},
       {"echo out; exit 127", 127, "out\n"},
+      {"echo out; exit 126", 126, "out\n"},
       {"echo $PATH", 0, "/usr/bin:/bin\n"},
   };
   for (const auto &[script, status, out] : kCases) {
@@ -38,7 +43,41 @@ TEST(ChildOutput, IsWhatAProgramPrintedBeforeItsEnd) {
     EXPECT_EQ(output.status, status) << script;
     EXPECT_EQ(output.out, out) << script;
   }
-  EXPECT_EQ(RunProgram({"no-such-program"}, kSearch, 30, 1000).end, ChildOutput::kNotRun);
+}
+
+// What is not there, or not for running, is no program; what cannot be started for another reason
+// is one.
+TEST(ChildOutput, TellsAProgramThatIsNoneFromOneThatCannotBeStarted) {
+  const TempRegistry place;
+  const std::string plain = place.base() + "/plain";
+  std::ofstream(plain) << "#!/bin/sh\n";
+  const struct {
+    std::vector<std::string> words;
+    std::string search;
+    ChildOutput::End end;
+  } cases[] = {
+      {{"no-such-program"}, kSearch, ChildOutput::kNotRun},
+      {{"plain"}, place.base(), ChildOutput::kNotRun},
+      {{"sh"}, plain, ChildOutput::kNotRun},
+      {{"echo", std::string(1 << 20, 'x')}, kSearch, ChildOutput::kLost},
+  };
+  for (const auto &[words, search, end] : cases) {
+    const ChildOutput output = RunProgram(words, search, 30, 1000);
+    EXPECT_EQ(output.end, end) << words[0];
+    EXPECT_EQ(output.out, "") << words[0];
+  }
+}
+
+// The status is that of the end that was seen, whatever becomes of the child's number.
+TEST(ChildOutput, HasItsStatusWhereTheChildCannotBeReaped) {
+  const ChildOutput output = [] {
+    const FailingCall failing("waitpid", ECHILD);
+    return Shell("echo out; exit 3");
+  }();
+  EXPECT_EQ(output.end, ChildOutput::kExited);
+  EXPECT_EQ(output.status, 3);
+  EXPECT_EQ(output.out, "out\n");
+  EXPECT_GT(waitpid(-1, nullptr, WNOHANG), 0);
 }
 
 // A program that does not end is ended, with what it has started.

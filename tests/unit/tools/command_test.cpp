@@ -21,7 +21,9 @@
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
+#include "tests/unit/tools/said_by.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/forked.h"
 
 using namespace vex;
 using made_up::Eventually;
@@ -333,6 +335,39 @@ TEST_F(Command, PutsARawDataBlock) {
   ExpectStatus(2, {"put", "short", "hex:0011223344556677", "--data", registry_.base() + "/block"});
 }
 
+// A file that is not the one to name is wrong usage; one that cannot be read is a failure.
+TEST_F(Command, SaysWhyADataFileIsNone) {
+  const std::string file = registry_.base() + "/file";
+  const std::string loop = registry_.base() + "/loop";
+  WriteBytes(file, {1});
+  std::filesystem::create_symlink("loop", loop);
+  const struct {
+    std::string path;
+    const char *call;  // that fails
+    int error;
+    int status;
+  } cases[] = {{registry_.base() + "/none", nullptr, ENOENT, kWrongUsage},
+               {file + "/x", nullptr, ENOTDIR, kWrongUsage},
+               {registry_.base(), nullptr, EISDIR, kWrongUsage},
+               {loop, nullptr, ELOOP, kWrongUsage},
+               {registry_.base() + "/" + std::string(300, 'n'), nullptr, ENAMETOOLONG, kWrongUsage},
+               {file, "open", EACCES, kWrongUsage},
+               {file, "open", EMFILE, kFailed},
+               {file, "read", EIO, kFailed}};
+  for (const auto &one : cases) {
+    const std::string why = strerror(one.error);
+    std::optional<FailingCall> failing;
+    if (one.call != nullptr) {
+      failing.emplace(one.call, one.error);
+    }
+    int status = kDone;
+    EXPECT_EQ(SaidBy([&] { status = Put(registry_.root(), "x", {}, one.path); }),
+              "vexreg: " + one.path + ": " + why + "\n");
+    EXPECT_EQ(status, one.status) << why;
+    EXPECT_FALSE(made_up::Exists(registry_.Path("x"))) << why;
+  }
+}
+
 TEST_F(Command, PutsAnObjectWithoutData) {
   Output({"put", "none"});
   const auto none = ReadObjectFile("none", registry_.root());
@@ -391,6 +426,28 @@ TEST_F(Command, RemovesObjectsAlsoDamagedOnes) {
   EXPECT_EQ(Output({"rm", "h/b"}), "");
   EXPECT_EQ(Output({"dump"}), "{}\n");
   ExpectStatus(1, {"rm", "h/a"});
+}
+
+// How old the values are is not for everybody to see; that a failure hides it is said.
+TEST_F(Command, ShowsValuesWhoseAgeDoesNotShow) {
+  Publish("host/memory", Memory(512));
+  Publish("host/misc", MadeObject({Int("tlxHoOsCommonPollFreq", 15)}));
+  for (const auto &[error, said] :
+       {std::pair{EACCES, ""},
+        std::pair{EIO,
+                  "vexreg: host/misc: damaged, left out\n"
+                  "vexreg: host/misc: cannot be read, so nobody knows how old the values are: "
+                  "Input/output error\n"}}) {
+    FailingCall unread("syscall", error, 1, FailingCall::kAll);
+    unread.On("host/misc");
+    testing::internal::CaptureStdout();
+    int status = kFailed;
+    const std::string errors = SaidBy([&] { status = Show({registry_.root(), {}}, {}, {}); });
+    const std::string shown = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(errors, said);
+    EXPECT_TRUE(shown.starts_with("host/memory\n")) << shown;
+    EXPECT_EQ(status, kDone);
+  }
 }
 
 TEST_F(Command, ShowsTables) {
@@ -771,6 +828,39 @@ TEST_F(Command, WatchSaysOnceThatItWaits) {
   EXPECT_EQ(made_up::Lines(log()).size(), 2U);
   watch.Signal(SIGTERM);
   EXPECT_EQ(watch.Wait(), 0);
+}
+
+// What one look does not find for a failure is there all the same; what two do not find is gone.
+TEST_F(Command, WatchBelievesAFailureTheSecondTime) {
+  Output({"put", "h/a", "int:1"});
+  Output({"put", "h/b", "int:2"});
+  testing::internal::CaptureStdout();
+  const pid_t watch = Forked([&] {
+    std::optional<FailingCall> unread;
+    int looks = 0;
+    const auto after_look = [&] {
+      looks++;
+      unread.reset();
+      if (looks == 1 || looks == 3 || looks == 4) {
+        unread.emplace("syscall", EIO, 1, FailingCall::kAll);
+        unread->On("h/a");
+      }
+      if (looks == 6) {
+        raise(SIGTERM);  // taken while it waits
+      }
+    };
+    const FailingCall waiting("ppoll", after_look, 1, FailingCall::kAll);
+    const FailingCall at_once("ppoll", EINTR, 1, 5);
+    return Watch({registry_.root(), {}}, {});
+  });
+  const int status = StatusOf(watch);
+  const std::string shown = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(status, kDone);
+  Words changes;
+  for (const std::string &line : made_up::Lines(shown)) {
+    changes.push_back(line.substr(std::min(line.size(), line.find("h/"))));
+  }
+  EXPECT_EQ(changes, (Words{"h/a var0 1", "h/b var0 2", "h/a removed", "h/a var0 1"}));
 }
 
 TEST_F(Command, WatchFollowsNewRowsOfAGroup) {

@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "tests/support/failing_call.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
@@ -214,11 +216,15 @@ TEST_F(FindNames, WhatGoesMeanwhileIsMissing) {
 TEST_F(FindNames, WhatCannotBeLookedAtIsUnreadable) {
   WriteBytes(registry_.Path("host/odd"), {1, 2, 3});
   // It is read, looked for, and looked at.
-  FailingCall failing("openat", EMFILE, 3);
-  failing.On("registry");
-  const Found found = Find({"host/odd"});
-  EXPECT_EQ(failing.Failed(), 1);
-  EXPECT_EQ(found.unreadable, Names{"host/odd"});
+  for (const auto &[nth, error] :
+       {std::pair{2, EMFILE}, {2, ENFILE}, {2, ENOMEM}, {2, EIO}, {3, EMFILE}}) {
+    FailingCall failing("openat", error, nth);
+    failing.On("registry");
+    const Found found = Find({"host/odd"});
+    EXPECT_EQ(failing.Failed(), 1);
+    EXPECT_EQ(found.unreadable, Names{"host/odd"}) << nth << strerror(error);
+    EXPECT_EQ(found.missing, Names()) << nth << strerror(error);
+  }
 }
 
 }  // namespace

@@ -82,8 +82,9 @@ TEST(Failures, AreNoOutputOfAProgram) {
   struct {
     const char *call;
     int nth;
-  } constexpr kCases[] = {{"pipe2", 1}, {"fork", 1}, {"open", 1}, {"dup2", 1},  {"dup2", 2},
-                          {"dup2", 3},  {"poll", 1}, {"read", 1}, {"waitid", 1}};
+  } constexpr kCases[] = {{"pipe2", 1},  {"fork", 1},   {"open", 1},   {"dup2", 1},
+                          {"dup2", 2},   {"dup2", 3},   {"poll", 1},   {"read", 1},
+                          {"waitid", 1}, {"setenv", 1}, {"getppid", 1}};
   for (const auto &[call, nth] : kCases) {
     const size_t before = made_up::ListDirectory("/proc/self/fd").size();
     const FailingCall failing(call, ENOMEM, nth);
