@@ -182,6 +182,11 @@ std::string VexregPath() {
   return Prefix().empty() ? VEX_TESTS_BINARY_DIR "/bin/vexreg" : Prefix() + "/bin/vexreg";
 }
 
+std::string StandInPath() {
+  return Prefix().empty() ? VEX_TESTS_BINARY_DIR "/bin/vexhostd-standin"
+                          : Prefix() + "/libexec/vexhostd-standin";
+}
+
 std::string TestAgentPath() {
   const char *other = getenv("VEXHOSTD_TEST_AGENT");
   return other != nullptr ? other : VEX_TESTS_AGENT;

@@ -292,6 +292,7 @@ std::string DaemonPath();
 // env(1), NAME=VALUE words and the command to run. Usually none.
 std::vector<std::string> DaemonLauncher();
 std::string VexregPath();
+std::string StandInPath();  // vexhostd-standin
 std::string TestAgentPath();
 
 }  // namespace made_up

@@ -1,9 +1,8 @@
 // Preloaded into the agent by `vexreg replay`: what no file can be put into the place of.
 // statvfs(3) tells the captured figures, uname(2) the captured kernel, and the remote card's
 // ioctl(2) answers.
-#include "tools/replay/replayed_calls.h"
-
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -12,49 +11,16 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdlib>
-#include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 
 #include "platform/channel.h"
-#include "tools/vexreg/figures.h"
+#include "tools/replay/replay_facts.h"
 
 namespace {
 
-struct Facts {
-  std::map<std::string, vex::MountFigures> mounts;
-  std::string release, version, machine;
-  std::string card;
-};
-
-Facts Read() {
-  Facts facts;
-  const char *path = getenv(vex::kReplayVariable);
-  std::ifstream file(path != nullptr ? path : "", std::ios::binary);
-  std::string rest;
-  for (std::string line; std::getline(file, line);) {
-    if (line.starts_with(vex::kKernelLine)) {
-      std::istringstream parts(line.substr(strlen(vex::kKernelLine)));
-      std::getline(parts, facts.release, '|');
-      std::getline(parts, facts.version, '|');
-      std::getline(parts, facts.machine, '|');
-    } else if (line.starts_with(vex::kCardLine)) {
-      const std::string digits = line.substr(strlen(vex::kCardLine));
-      for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        facts.card += static_cast<char>(strtol(digits.substr(i, 2).c_str(), nullptr, 16));
-      }
-    } else {
-      rest += line + "\n";
-    }
-  }
-  facts.mounts = vex::ParseFigures(rest);
-  return facts;
-}
-
-const Facts &TheFacts() {
-  static const auto *facts = new Facts(Read());
+const vex::ReplayFacts &TheFacts() {
+  static const auto *facts =
+      new vex::ReplayFacts(vex::ReadReplayFacts(getenv(vex::kReplayVariable)));
   return *facts;
 }
 
@@ -103,7 +69,7 @@ INTERPOSE int statvfs(const char *path, struct statvfs *result) noexcept {
 
 INTERPOSE int uname(utsname *result) noexcept {
   const int outcome = static_cast<int>(syscall(SYS_uname, result));
-  const Facts &facts = TheFacts();
+  const vex::ReplayFacts &facts = TheFacts();
   if (outcome == 0 && !facts.release.empty()) {
     Put(result->release, facts.release);
     Put(result->version, facts.version);

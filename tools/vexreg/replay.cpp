@@ -22,7 +22,7 @@
 #include "framework/snmp/mib_table.h"
 #include "framework/snmp/snmp_ask.h"
 #include "framework/snmp/snmp_files.h"
-#include "tools/replay/replayed_calls.h"
+#include "tools/replay/replay_facts.h"
 #include "tools/vexreg/captured_host.h"
 #include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"

@@ -26,7 +26,7 @@
 #include "framework/process/descriptor.h"
 #include "framework/registry/registry_path.h"
 #include "hardware/tlxci/paths.h"
-#include "tools/replay/replayed_calls.h"
+#include "tools/replay/replay_facts.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/forked.h"
 #include "tools/vexreg/values.h"
