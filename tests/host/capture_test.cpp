@@ -195,8 +195,8 @@ TEST(Capture, LeavesOutWhatItCannotTake) {
   const Outcome captured = host.Vexreg({"capture", kFile});
   EXPECT_EQ(captured.status, 0);
   for (const std::string &omission :
-       {std::string("/etc/services: too large"), std::string("dpkg: too much"),
-        registry + "/large: too large",
+       {std::string("/etc/services: File too large"), std::string("dpkg: too much"),
+        registry + "/large: File too large",
         "registry/" + std::string(101, 'n') + ": no name for a capture",
         std::string("snmpd: does not answer"), std::string("/tmp/agent.log: cannot be read")}) {
     EXPECT_TRUE(Contains(captured.err, "vexreg: left out: " + omission + "\n")) << omission << "\n"

@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -247,6 +248,7 @@ VEX_FAILING(void *, shmat, (int segment, const void *at, int flags), (segment, a
 VEX_FAILING(int, shmget, (key_t key, size_t size, int flags), (key, size, flags), -1)
 VEX_FAILING_ON(int, symlink, (const char *target, const char *path), (target, path), -1, path)
 VEX_FAILING_ON(int, umount2, (const char *path, int flags), (path, flags), -1, path)
+VEX_FAILING(int, uname, (utsname * names), (names), -1)
 VEX_FAILING(int, unshare, (int flags), (flags), -1)
 // Fails to say that it is root.
 VEX_FAILING(uid_t, geteuid, (), (), static_cast<uid_t>(-1))
@@ -283,6 +285,13 @@ int __wrap_openat(int directory, const char *path, int flags, ...) {
   va_end(more);
   return vex::Instead("openat", path, -1,
                       [&] { return __real_openat(directory, path, flags, mode); });
+}
+
+// Fortified, where the compiler does not see the flags.
+int __real___openat_2(int directory, const char *path, int flags);
+int __wrap___openat_2(int directory, const char *path, int flags) {
+  return vex::Instead("openat", path, -1,
+                      [&] { return __real___openat_2(directory, path, flags); });
 }
 
 // The ABI passes what follows alike, whatever it is and whether it is there.

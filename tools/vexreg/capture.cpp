@@ -48,6 +48,7 @@ constexpr size_t kMostLog = size_t{256} << 10;
 constexpr int kCommandSeconds = 20;
 constexpr int kMostSilentMounts = 10;
 
+constexpr char kRaidKey[] = "the RAID key segment";
 constexpr char kNoFigures[] = "its file system has not answered";
 constexpr char kSecretsUnknown[] = "what is secret on this host could not be read";
 
@@ -71,7 +72,8 @@ std::string Now() {
 
 class Collector {
  public:
-  explicit Collector(std::string root) : root_(std::move(root)) {}
+  Collector(std::string root, const CaptureLimits &limits)
+      : root_(std::move(root)), limits_(limits) {}
 
   // The whole capture. Each part that fails is left out, with the reason.
   Capture Collect(const std::string &program) {
@@ -89,7 +91,8 @@ class Collector {
     TakeVariables();
     TakeFindings();
     TakeLog();
-    Put(kDescriptionMember, DescriptionJson(capture_), time(nullptr));
+    // Whatever else there is: without it this is no capture.
+    capture_.members.push_back({kDescriptionMember, time(nullptr), DescriptionJson(capture_)});
     std::sort(capture_.members.begin(), capture_.members.end(),
               [](const Member &a, const Member &b) { return a.name < b.name; });
     return std::move(capture_);
@@ -100,13 +103,19 @@ class Collector {
     capture_.omissions.push_back({source, reason});
   }
 
+  // Unless there is none, or none any more.
+  void Miss(const std::string &source, int error) {
+    if (!IsAbsence(error)) {
+      Omit(source, strerror(error));
+    }
+  }
+
   bool Put(const std::string &name, std::string bytes, int64_t modified) {
     if (!IsMemberName(name)) {
       Omit(name, "no name for a capture");
       return false;
     }
-    if (total_ + bytes.size() > kMostArchiveBytes / 2 ||
-        capture_.members.size() + 2 > kMostMembers) {
+    if (total_ + bytes.size() > limits_.bytes || capture_.members.size() >= limits_.members) {
       Omit(name, "the capture is full");
       return false;
     }
@@ -164,8 +173,8 @@ class Collector {
         // A capture has files alone; one in it stands for a directory.
         const std::string directory = S_ISDIR(status.st_mode) ? "/.directory" : "";
         Put(std::string(kHostMembers) + path.substr(1) + directory, "", status.st_mtime);
-      } else if (errno != ENOENT && errno != ENOTDIR) {
-        Omit(path, strerror(errno));
+      } else {
+        Miss(path, errno);
       }
       return;
     }
@@ -175,10 +184,6 @@ class Collector {
         Omit(path, strerror(errno));
         all_secrets_ = all_secrets_ && treatment == Treatment::kWhole;
       }
-      return;
-    }
-    if (bytes->size() > kMostFile) {
-      Omit(path, "too large");
       return;
     }
     if (path == mount_table_path) {
@@ -253,11 +258,12 @@ class Collector {
     const key_t key = ftok(raid_key_path, raid_key_project);
     const int segment = key != -1 ? shmget(key, raid_segment_size, 0) : -1;
     if (segment == -1) {
+      Miss(kRaidKey, errno);
       return;
     }
     void *const attached = shmat(segment, nullptr, SHM_RDONLY);
     if (attached == reinterpret_cast<void *>(-1)) {
-      Omit("the RAID key segment", strerror(errno));
+      Omit(kRaidKey, strerror(errno));
       return;
     }
     Put(kRaidKeyMember, std::string(static_cast<const char *>(attached), raid_segment_size),
@@ -266,16 +272,14 @@ class Collector {
   }
 
   void TakeSiblings() {
-    const Unseen unseen = [this](const std::string &path, int error) {
-      Omit(path, strerror(error));
-    };
+    const Unseen unseen = [this](const std::string &path, int error) { Miss(path, error); };
     for (const std::string &process : FilesOf("/proc/[0-9]*", unseen)) {
       struct stat status = {};
       if (process == "/proc/" + std::to_string(agent_)) {
         continue;
       }
       const auto words = ReadPlain(AT_FDCWD, process + "/cmdline", kMostFile, 0, &status);
-      if (!words && !IsAbsence(errno)) {
+      if (!words) {
         unseen(process + "/cmdline", errno);
       }
       const std::string program = words ? words->c_str() : "";
@@ -326,13 +330,13 @@ class Collector {
   }
 
   void TakeRegistryDirectory(Descriptor directory, const std::string &below, int depth) {
-    const int listed = directory ? fcntl(directory.get(), F_DUPFD_CLOEXEC, 0) : -1;
-    const std::unique_ptr<DIR, int (*)(DIR *)> entries(listed >= 0 ? fdopendir(listed) : nullptr,
-                                                       closedir);
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(
+        directory ? fdopendir(directory.get()) : nullptr, closedir);
     if (!entries) {
       Omit(root_ + "/" + below, strerror(errno));
       return;
     }
+    const int at = directory.Release();
     constexpr int kMostDepth = 16;
     for (;;) {
       errno = 0;
@@ -347,19 +351,17 @@ class Collector {
       std::string path = below;
       path += name;
       struct stat status = {};
-      if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (!IsAbsence(errno)) {
-          Omit(root_ + "/" + path, strerror(errno));
-        }
+      if (fstatat(at, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        Miss(root_ + "/" + path, errno);
         continue;
       }
       if (S_ISDIR(status.st_mode) && depth < kMostDepth) {
-        TakeRegistryDirectory(Descriptor(openat(directory.get(), name.c_str(), kReadDirectory)),
-                              path + "/", depth + 1);
+        TakeRegistryDirectory(Descriptor(openat(at, name.c_str(), kReadDirectory)), path + "/",
+                              depth + 1);
       } else if (S_ISREG(status.st_mode)) {
-        auto bytes = ReadPlain(directory.get(), name, kMostFile, O_NOFOLLOW, &status);
-        if (!bytes || bytes->size() > kMostFile) {
-          Omit(root_ + "/" + path, bytes ? "too large" : strerror(errno));
+        auto bytes = ReadPlain(at, name, kMostFile, O_NOFOLLOW, &status);
+        if (!bytes) {
+          Miss(root_ + "/" + path, errno);
         } else {
           Put(std::string(kRegistryMembers) + path,
               ObjectFileWithoutPasswords(std::move(*bytes), &secrets_), status.st_mtime);
@@ -399,7 +401,7 @@ class Collector {
     }
     const MibGroup &own = MibGroups().front();
     if (numbers["tlxHoMibRevMajor"] == own.major_revision &&
-        numbers["tlxHoMibRevMinor"] == own.minor_revision && misc) {
+        numbers["tlxHoMibRevMinor"] == own.minor_revision) {
       for (const MibVariable &variable : MibVariables()) {
         if (variable.access != MibAccess::kNotify) {
           capture_.variables.insert(variable.name);
@@ -444,6 +446,7 @@ class Collector {
   }
 
   std::string root_;
+  CaptureLimits limits_;
   Capture capture_;
   Secrets secrets_;
   bool all_secrets_ = true;  // what keeps them could be read
@@ -470,7 +473,7 @@ std::string Summary(const Capture &capture, const std::string &file, size_t byte
 }  // namespace
 
 int CaptureHost(const std::string &root, const std::string &file, const std::string &program,
-                bool json) {
+                bool json, const CaptureLimits &limits) {
   if (geteuid() != 0) {
     Complain("capture reads what only root may: run it as root");
     return kFailed;
@@ -483,7 +486,7 @@ int CaptureHost(const std::string &root, const std::string &file, const std::str
     Complain("--json and the capture itself cannot both go to standard output: name a file");
     return kWrongUsage;
   }
-  const Capture capture = Collector(root).Collect(program);
+  const Capture capture = Collector(root, limits).Collect(program);
   std::string error;
   const auto archive = PackMembers(capture.members, &error);
   if (!archive) {

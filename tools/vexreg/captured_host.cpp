@@ -22,6 +22,7 @@
 #include "framework/process/descriptor.h"
 #include "framework/process/read_fully.h"
 #include "tools/vexreg/commands.h"
+#include "tools/vexreg/forked.h"
 #include "tools/vexreg/values.h"
 
 namespace vex {
@@ -318,45 +319,43 @@ bool CapturedRegistry::MakeDirectory() {
   }
   Descriptor named(names[0]);
   Descriptor name(names[1]);
-  sweeper_ = fork();
-  if (sweeper_ != 0) {
-    name.Reset();
-    const bool forked = sweeper_ > 0;
-    int failure = forked ? 0 : errno;
-    ssize_t length = -1;
-    if (forked) {
-      errno = EPIPE;  // the end of the pipe is no error by itself
-      if (ReadFully(named.get(), &failure, sizeof(failure)) != sizeof(failure)) {
-        failure = errno;
-      } else if (failure == 0) {
-        length = ReadFully(named.get(), directory.data(), directory.size());
-        failure = errno;
-      }
+  sweeper_ = Forked([&] {
+    // Ctrl-C is for all of a terminal's processes, and this one has its work to do then.
+    setsid();
+    alive_.Reset();
+    named.Reset();
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+      close(standard);
     }
-    root_ = length == static_cast<ssize_t>(directory.size()) ? directory : "";
-    errno = failure;
-    return !root_.empty();
-  }
-  // Ctrl-C is for all of a terminal's processes, and this one has its work to do then.
-  setsid();
-  alive_.Reset();
-  named.Reset();
-  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    close(standard);
-  }
-  signal(SIGPIPE, SIG_IGN);
-  const int failure = mkdtemp(directory.data()) != nullptr ? 0 : errno;
-  const std::string told =
-      std::string(reinterpret_cast<const char *>(&failure), sizeof(failure)) + directory;
-  const bool whole = write(name.get(), told.data(), told.size()) > 0;
+    signal(SIGPIPE, SIG_IGN);
+    const int failure = mkdtemp(directory.data()) != nullptr ? 0 : errno;
+    const std::string told =
+        std::string(reinterpret_cast<const char *>(&failure), sizeof(failure)) + directory;
+    const bool whole = write(name.get(), told.data(), told.size()) > 0;
+    name.Reset();
+    char end;
+    while (whole && read(seen.get(), &end, 1) < 0) {  // an error is not the end
+    }
+    if (failure == 0) {
+      RemoveTree(directory);
+    }
+    return kDone;
+  });
+  int failure = errno;
   name.Reset();
-  char end;
-  while (whole && read(seen.get(), &end, 1) < 0) {  // an error is not the end
+  ssize_t length = -1;
+  if (sweeper_ > 0) {
+    errno = EPIPE;  // the end of the pipe is no error by itself
+    if (ReadFully(named.get(), &failure, sizeof(failure)) != sizeof(failure)) {
+      failure = errno;
+    } else if (failure == 0) {
+      length = ReadFully(named.get(), directory.data(), directory.size());
+      failure = errno;
+    }
   }
-  if (failure == 0) {
-    RemoveTree(directory);
-  }
-  _exit(0);
+  root_ = length == static_cast<ssize_t>(directory.size()) ? directory : "";
+  errno = failure;
+  return !root_.empty();
 }
 
 bool CapturedRegistry::Open(const std::string &path) {

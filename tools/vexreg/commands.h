@@ -10,6 +10,7 @@
 
 #include "framework/process/descriptor.h"
 #include "tools/vexreg/appearance.h"
+#include "tools/vexreg/archive.h"
 #include "tools/vexreg/arrange.h"
 #include "tools/vexreg/names.h"
 #include "tools/vexreg/tables.h"
@@ -51,12 +52,17 @@ int Export(const std::string &root, const std::optional<std::string> &file);
 int Put(const std::string &root, const std::string &name, const std::vector<std::string> &variables,
         const std::optional<std::string> &data_file);
 int Remove(const std::string &root, const std::string &name);
+// What a capture has at most besides its description, so that all of it goes into an archive.
+struct CaptureLimits {
+  size_t bytes = kMostArchiveBytes / 2;
+  size_t members = kMostMembers - 1;
+};
 // Writes what the agent reads on this host, the registry, the log and doctor's findings as one file
 // ("-": standard output). program: this program's version. What cannot be read is left out, with a
 // message.
 // json: what was taken and what was not, as JSON on standard output.
 int CaptureHost(const std::string &root, const std::string &file, const std::string &program,
-                bool json);
+                bool json, const CaptureLimits &limits = {});
 struct Capture;
 // An HTML page of this host, or of a captured one, on standard output or as a file that is written
 // whole, for this user alone. root: of the registry, the captured one too.

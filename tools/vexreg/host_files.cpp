@@ -26,14 +26,23 @@ std::optional<std::string> ReadPlain(int directory, const std::string &path, siz
     errno = EINVAL;
     return std::nullopt;
   }
-  // Files of /proc have no size; those of a program's log may be long and are not read so.
-  std::string bytes(std::min(most + 1, std::max<size_t>(status->st_size + 1, 1 << 20)), '\0');
-  const ssize_t size = ReadFully(file.get(), bytes.data(), bytes.size());
-  if (size < 0) {
-    return std::nullopt;
+  // Files of /proc have no size, and may be long all the same.
+  const size_t piece = std::max<size_t>(status->st_size + 1, 1 << 20);
+  std::string bytes;
+  for (size_t got = 0; got <= most;) {
+    bytes.resize(std::min(most + 1, got + piece));
+    const ssize_t more = ReadFully(file.get(), bytes.data() + got, bytes.size() - got);
+    if (more < 0) {
+      return std::nullopt;
+    }
+    got += static_cast<size_t>(more);
+    if (got < bytes.size()) {
+      bytes.resize(got);
+      return bytes;
+    }
   }
-  bytes.resize(static_cast<size_t>(size));
-  return bytes;
+  errno = EFBIG;
+  return std::nullopt;
 }
 
 bool IsAbsence(int error) {

@@ -17,8 +17,8 @@ namespace vex {
 
 inline constexpr size_t kMostFile = size_t{8} << 20;  // bytes of one source
 
-// At most so many bytes of a plain file, and one more where there are more; flags: further ones of
-// open(2). Nothing, with errno, when it cannot be read.
+// The bytes of a plain file; flags: further ones of open(2). Nothing, with errno, when it cannot be
+// read or has more bytes than `most`.
 std::optional<std::string> ReadPlain(int directory, const std::string &path, size_t most, int flags,
                                      struct stat *status);
 

@@ -33,18 +33,13 @@ TakenText TakeDoctorsFindings(const std::string &root, const std::string &search
   ChildOutput output =
       RunProgram({"/proc/self/exe", "--root", root, "doctor", "--json", "--limit", seconds}, search,
                  kDoctorSeconds + kDoctorPatience, kMostFindings);
-  switch (output.end) {
-    case ChildOutput::kExited:
-      return {std::move(output.out), ""};
-    case ChildOutput::kTimedOut:
-      return {std::nullopt, "doctor did not end in " + seconds + " s"};
-    case ChildOutput::kTooMuch:
-      return {std::nullopt, "doctor said too much"};
-    case ChildOutput::kNotRun:
-    case ChildOutput::kLost:
-      break;
+  if (output.end == ChildOutput::kExited) {
+    return {std::move(output.out), ""};
   }
-  return {std::nullopt, "doctor could not be run"};
+  return {std::nullopt, output.end == ChildOutput::kTimedOut
+                            ? "doctor did not end in " + seconds + " s"
+                        : output.end == ChildOutput::kTooMuch ? "doctor said too much"
+                                                              : "doctor could not be run"};
 }
 
 std::string LogFileOf(pid_t agent) {

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/failing_call.h"
 #include "tests/unit/framework/temp_registry.h"
 
 using namespace vex;
@@ -73,11 +74,20 @@ TEST(Absence, SaysWhatIsWithTheAgent) {
 // Whether an agent runs on this machine is not for a test to say: the part before that.
 TEST(Absence, LooksAtTheAgentsDirectoryToo) {
   const TempRegistry registry;
-  const std::string root = registry.root();
+  const std::string &root = registry.root();
   EXPECT_TRUE(WhyNothing(root).starts_with("nothing is published in " + root + ": "));
   WriteBytes(registry.Path("host"), {'x'});
   EXPECT_TRUE(WhyNothing(root).starts_with("nothing to see: " + root + ": Not a directory; "));
   EXPECT_FALSE(IsHeld(root));
+  // A root whose entries are not for this user to see, or that fails.
+  for (const int error : {EACCES, EIO}) {
+    vex::FailingCall failing("syscall", error);
+    failing.On(".");
+    EXPECT_TRUE(WhyNothing(root).starts_with(
+        "nothing to see: " + root +
+        (error == EIO ? ": Input/output error; " : " is not for this user to read. ")));
+    EXPECT_EQ(failing.Failed(), 1);
+  }
   std::filesystem::remove_all(registry.base());
   EXPECT_TRUE(WhyNothing(root).starts_with("nothing is published: there is no registry " + root));
   EXPECT_FALSE(IsHeld(root));

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <optional>
+
 #include "framework/process/descriptor.h"
 #include "tests/support/failing_call.h"
 #include "tests/support/process.h"
@@ -67,11 +69,29 @@ TEST(Failures, AreToldOfSources) {
   EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), "x");
   EXPECT_EQ(ReadPlain(AT_FDCWD, file + "s", 10, 0, &status), std::nullopt);
   EXPECT_EQ(errno, ENOENT);
+  WriteBytes(file, std::vector<uint8_t>(11, 'x'));
+  EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), std::nullopt);
+  EXPECT_EQ(errno, EFBIG);
   for (const char *call : {"fstat", "read"}) {
     const FailingCall failing(call, EIO);
     errno = 0;
     EXPECT_EQ(ReadPlain(AT_FDCWD, file, 10, 0, &status), std::nullopt) << call;
     EXPECT_EQ(errno, EIO) << call;
+  }
+}
+
+// As with a file of /proc, whose size is nothing.
+TEST(Failures, AreNoSourcesOfMoreThanTheirSize) {
+  const TempRegistry place;
+  const std::string file = place.base() + "/file";
+  const std::string text(size_t{3} << 20, 'x');
+  struct stat status = {};
+  for (const size_t most : {text.size(), text.size() - 1}) {
+    WriteBytes(file, {});
+    const FailingCall grows("read", [&] { WriteBytes(file, {text.begin(), text.end()}); });
+    const auto read = ReadPlain(AT_FDCWD, file, most, 0, &status);
+    EXPECT_EQ(status.st_size, 0);
+    EXPECT_EQ(read, most == text.size() ? std::optional(text) : std::nullopt);
   }
 }
 
@@ -127,11 +147,22 @@ TEST(Failures, AreToldOfACapturesRegistry) {
   ASSERT_TRUE(archive);
   WriteBytes(file, {archive->begin(), archive->end()});
   ASSERT_EQ(setenv("TMPDIR", place.root().c_str(), 1), 0);
-  struct {
+  const std::string none = "no directory for the captured objects: ";
+  const std::string place_of_it = place.root() + "/vexreg.";
+  const struct {
     const char *call;
     int nth;
-  } constexpr kCases[] = {{"pipe2", 1}, {"pipe2", 2}, {"fork", 1}, {"mkdtemp", 1}};
-  for (const auto &[call, nth] : kCases) {
+    std::string said;
+    const char *reason = ": No space left on device\n";
+  } cases[] = {{"pipe2", 1, none},
+               {"pipe2", 2, none},
+               {"fork", 1, none},
+               {"mkdtemp", 1, none},
+               // The process that has made it cannot say so.
+               {"write", 1, none, ": Broken pipe\n"},
+               {"open", 2, place_of_it},
+               {"openat", 1, place_of_it}};
+  for (const auto &[call, nth, said, reason] : cases) {
     const size_t before = made_up::ListDirectory("/proc/self/fd").size();
     testing::internal::CaptureStderr();
     {
@@ -139,12 +170,28 @@ TEST(Failures, AreToldOfACapturesRegistry) {
       const FailingCall failing(call, ENOSPC, nth);
       EXPECT_FALSE(registry.Open(file)) << call << nth;
     }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "vexreg: no directory for the captured objects: No space left on device\n")
-        << call << nth;
+    const std::string complaint = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(complaint.starts_with("vexreg: " + said) && complaint.ends_with(reason))
+        << call << nth << complaint;
     EXPECT_EQ(made_up::ListDirectory("/proc/self/fd").size(), before) << call << nth;
-    EXPECT_TRUE(made_up::ListDirectory(place.root()).empty()) << call << nth;
+    EXPECT_TRUE(made_up::Eventually([&] { return made_up::ListDirectory(place.root()).empty(); }))
+        << call << nth;
   }
+  // A signal is not the end that the removing process waits for.
+  {
+    std::optional<FailingCall> interrupted;
+    const FailingCall made("mkdtemp", [&] { interrupted.emplace("read", EINTR); });
+    CapturedRegistry registry;
+    ASSERT_TRUE(registry.Open(file));
+    const pid_t sweeper = made_up::Children(getpid()).at(0);
+    const std::string stat = "/proc/" + std::to_string(sweeper) + "/stat";
+    EXPECT_TRUE(made_up::Eventually([&] {
+      const std::string text = made_up::ReadFile(stat);
+      return text.find(") S ") != std::string::npos || text.find(") Z ") != std::string::npos;
+    }));
+    EXPECT_EQ(made_up::ReadFile(registry.root() + "/a"), "x");
+  }
+  EXPECT_TRUE(made_up::ListDirectory(place.root()).empty());
   unsetenv("TMPDIR");
 }
 

@@ -28,6 +28,7 @@
 #include "tests/support/process.h"
 #include "tests/unit/framework/temp_registry.h"
 #include "tests/unit/tools/made_object.h"
+#include "tests/unit/tools/replay/own_mounts.h"
 #include "tests/unit/tools/said_by.h"
 #include "tools/vexreg/child_output.h"
 #include "tools/vexreg/commands.h"
@@ -225,19 +226,6 @@ TEST(ReplayRoom, HasTheRaidKeysSegmentInAMemoryOfItsOwn) {
             7);
 }
 
-// A process with mounts of its own does the work; what that returns.
-int WithOwnMounts(const std::function<int()> &work) {
-  return StatusOf(Forked([&] {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
-      return 99;
-    }
-    const int status = work();
-    std::cout << std::flush;
-    return status;
-  }));
-}
-
 // Of the machine's files there need not be all.
 TEST(ReplayRoom, GoesOnWithoutWhatTheMachineDoesNotHave) {
   for (const std::string gone : {"/etc", "/usr"}) {
@@ -254,6 +242,24 @@ TEST(ReplayRoom, GoesOnWithoutWhatTheMachineDoesNotHave) {
               7)
         << gone;
   }
+}
+
+// The directory of programs beside the volumes' tool goes away while they are looked through.
+TEST(ReplayRoom, SaysWhyItHasNoPrograms) {
+  Capture capture = Host();
+  capture.commands = {{{kVolumeTool, "-l", "/vmfs/a"}, "", 0}};
+  const std::string machines = std::string("/sys/room") + kRoomDirectory + "/programs";
+  FailingCall covered("mount", [&] {
+    umount2(machines.c_str(), MNT_DETACH);
+    fs::remove(machines);
+  });
+  covered.On("/usr/sbin");
+  int status = -1;
+  const std::string said = SaidBy([&] { status = InRoom(capture, [] { return 7; }); });
+  EXPECT_EQ(status, kFailed);
+  EXPECT_TRUE(said.starts_with("vexreg: no room for the captured host: ") &&
+              said.find(machines) != std::string::npos)
+      << said;
 }
 
 // Each call that a room needs: without it there is none, it is said, and nothing is done.
@@ -456,17 +462,6 @@ class Replayed : public testing::Test {
 TEST_F(Replayed, IsForRootAlone) {
   EXPECT_EQ(Said({}, "geteuid"), "vexreg: replay makes namespaces and mounts: run it as root\n");
   EXPECT_EQ(status_, kFailed);
-}
-
-TEST(Captured, IsForRootAlone) {
-  const TempRegistry place;
-  const std::string file = place.base() + "/host.tar.zst";
-  int status = -1;
-  const FailingCall nobody("geteuid", EPERM);
-  EXPECT_EQ(SaidBy([&] { status = CaptureHost(place.root(), file, "1", false); }),
-            "vexreg: capture reads what only root may: run it as root\n");
-  EXPECT_EQ(status, kFailed);
-  EXPECT_FALSE(made_up::Exists(file));
 }
 
 TEST_F(Replayed, SaysWhatIsMissing) {
