@@ -429,9 +429,14 @@ void Serve(const AgentxSession::Settings &settings, Descriptor channel, Descript
     return;
   }
   seat->Channel()->Send(FrameWriter(FrameType::kReady));
-  loop.Run({kProcessGoodbye / 2, kProcessGoodbye});
-  // What the log and the last notifications had to say.
-  seat->Channel()->Flush();
+  constexpr auto kThird = kProcessGoodbye / 3;
+  loop.Run({kThird, 2 * kThird});
+  // What the log and the last notifications had to say, which the agent may not have made room for.
+  const Clock::time_point until = Clock::now() + kThird;
+  while (seat->Channel()->Flush() && seat->Channel()->HasUnsent() && Clock::now() < until) {
+    pollfd entry = {seat->Channel()->Fd(), POLLOUT, 0};
+    poll(&entry, 1, static_cast<int>(kThird.count()));
+  }
   // As it stands: destructors would tell once more what is over.
   _exit(0);
 }

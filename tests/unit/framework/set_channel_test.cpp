@@ -1,5 +1,6 @@
 #include "framework/snmp/set_channel.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -518,7 +519,8 @@ TEST(SetChannelAlone, GetsItsDescriptorLater) {
   EXPECT_FALSE(channel.Ready());
   EXPECT_EQ(errno, EMFILE);
   EXPECT_TRUE(channel.Ready());
-  EXPECT_GE(channel.Fd(), 0);
+  EXPECT_EQ(fcntl(channel.Fd(), F_GETFD), FD_CLOEXEC);
+  EXPECT_NE(fcntl(channel.Fd(), F_GETFL) & O_NONBLOCK, 0);
   const FailingCall none("eventfd", EMFILE);
   const SetChannel another;
   EXPECT_EQ(another.Fd(), -1);

@@ -54,6 +54,10 @@ class SnmpProcessAlone : public WithSnmpProcess {
     Descriptor ours;
     Descriptor its;
     ASSERT_TRUE(FrameSocket::Pair(&ours, &its));
+    if (little_room_) {
+      const int least = 1;  // which the kernel takes as a few frames
+      ASSERT_EQ(setsockopt(its.get(), SOL_SOCKET, SO_SNDBUF, &least, sizeof(least)), 0);
+    }
     ring_ = std::make_unique<ImageRingWriter>();
     ASSERT_TRUE(ring_->Open());
     Descriptor images(dup(ring_->ImagesFd()));
@@ -128,11 +132,41 @@ class SnmpProcessAlone : public WithSnmpProcess {
                                   .Put(int32_t{0})));
   }
 
+  bool little_room_ = false;
   pid_t pid_ = -1;
   FrameSocket channel_;
   std::unique_ptr<ImageRingWriter> ring_;
   uint64_t set_ = 0;
 };
+
+TEST_F(SnmpProcessAlone, TellsAtItsEndWhatThereWasNoRoomFor) {
+  constexpr uint32_t kSets = 16;  // there may be no more at once
+  constexpr uint8_t kClose = 2;
+  little_room_ = true;
+  uint32_t heard = 0;
+  // It does not wait for long: again where this process was not given a processor.
+  for (int tries = 0; tries < 5 && heard < kSets; tries++) {
+    master_.reset();
+    ASSERT_NO_FATAL_FAILURE(StartWithSession());
+    for (uint32_t transaction = 1; transaction <= kSets; transaction++) {
+      AgentxBinding binding;
+      binding.type = AgentxBinding::kInteger;
+      binding.name = NumbersOf(kNumber);
+      binding.integer = 60;
+      master_->Send(master_->TestSet(transaction, {binding}));
+    }
+    ASSERT_TRUE(master_->Ask(master_->Get({NumbersOf(kNumber)})));  // it is through with them
+    ASSERT_TRUE(channel_.Send(FrameWriter(FrameType::kStop)));
+    const std::optional<AgentxPacket> goodbye = master_->Receive();
+    ASSERT_TRUE(goodbye);
+    EXPECT_EQ(goodbye->type, kClose);
+    for (heard = 0; heard < kSets && Hear(FrameType::kSetPart);) {
+      heard++;
+    }
+    EXPECT_EQ(Status(), 0);
+  }
+  EXPECT_EQ(heard, kSets);
+}
 
 TEST_F(SnmpProcessAlone, EndsWhenTheAgentHasGone) {
   ASSERT_NO_FATAL_FAILURE(StartWithSession());
