@@ -134,9 +134,8 @@ class Judgment {
   // The file that it writes is the old one or a whole one; everything else is as it was.
   void LookAtFiles() {
     for (const auto &[path, content] : seen_.files) {
-      if (!expected_.files.contains(path) && subject_.kind != Kind::kWrite) {
-        Wrong("left: " + path);
-      } else if (path.find("/.") != std::string::npos) {
+      const bool strange = !expected_.files.contains(path) && subject_.kind != Kind::kWrite;
+      if (strange || path.find("/.") != std::string::npos) {
         Wrong("left: " + path);
       }
     }
@@ -254,7 +253,7 @@ class Judgment {
       }
       for (const std::string &line : Lines(text)) {
         const std::string message = line.substr(std::min<size_t>(6, line.size()));
-        const size_t end = message.find_first_of(":");
+        const size_t end = message.find(':');
         checks[message.substr(0, end)].push_back(WithoutFigures(line));
       }
       return checks;

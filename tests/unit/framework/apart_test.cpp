@@ -237,8 +237,10 @@ TEST(Apart, ChildrenThatCannotBeKilledAreLeftAndBuriedLater) {
   std::vector<Record> records = Records(2);
   const auto hang = [](size_t at, void *result) {
     Square(at, result);
-    while (at == 1) {
-      pause();
+    if (at == 1) {
+      for (;;) {
+        pause();
+      }
     }
   };
   {

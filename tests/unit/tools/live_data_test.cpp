@@ -128,16 +128,16 @@ TEST_F(Known, OtherVariablesAreNewsOnce) {
 }
 
 TEST_F(Known, WhatCannotBeToldInALineHasChanged) {
-  const auto health = [](const char *octets) {
+  const auto health = [](const std::string &octets) {
     return std::vector<MadeVariable>{{"unused", 0, octets, 4},
-                                     Octets("tlxHoMibHealthStatusArray", 8, {octets, 4})};
+                                     Octets("tlxHoMibHealthStatusArray", 8, octets)};
   };
-  Set("host/misc", health("\1\1\0\2"));
+  Set("host/misc", health({'\1', '\1', '\0', '\2'}));
   FileObject unnamed = MadeObject({});
   unnamed.data = {1};
   Set("x/unnamed", unnamed);
   Take();
-  Set("host/misc", health("\1\3\0\2"));
+  Set("host/misc", health({'\1', '\3', '\0', '\2'}));
   unnamed.data = {2};
   Set("x/unnamed", unnamed);
   EXPECT_EQ(Take(), (News{"host/misc tlxHoMibHealthStatusArray: changed", "x/unnamed: changed"}));
