@@ -584,7 +584,9 @@ void SnmpRelay::TakeLog(std::string_view text) {
 
 void SnmpRelay::Send(const FrameWriter &frame, std::span<const int> descriptors) {
   if (has_child_ && !child_.Send(frame, descriptors)) {
-    Gone("it takes no messages");
+    // Of a process that has ended, its status is the reason.
+    const bool ended = errno == EPIPE || errno == ECONNRESET;
+    Gone(ended ? nullptr : "it takes no messages");
   }
 }
 

@@ -102,9 +102,10 @@ TEST_F(SnmpApi, TrapsHaveVariablesOfTheObjectThatTheMibKnowsAsTheyAre) {
   EXPECT_TRUE(TheFakeSnmp().notifications.empty());
   const int count = 0;
   EXPECT_EQ(send_trap(object, &count, 1, "", 5), 0);
-  EXPECT_EQ(send_trap(object, nullptr, 0, nullptr, 6), 0);
+  EXPECT_EQ(send_trap(object, nullptr, 0, nullptr, 0), 0);
   ASSERT_EQ(TheFakeSnmp().notifications.size(), 2U);
   EXPECT_EQ(TheFakeSnmp().notifications[0].variables.size(), 1U);
+  EXPECT_EQ(TheFakeSnmp().notifications[1].number, 0U);
   EXPECT_TRUE(TheFakeSnmp().notifications[1].variables.empty());
 }
 

@@ -177,7 +177,8 @@ TEST_F(SnmpRelayTest, AFloodOutlivesTheProcess) {
     }
   }
   const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_NE(log.find("agent: The SNMP process has ended (signal 9); starting another\n"), log.npos);
+  EXPECT_NE(log.find("agent: The SNMP process has ended (signal 9); starting another\n"), log.npos)
+      << log;
   EXPECT_EQ(log.find("lost"), log.npos) << log;
   EXPECT_EQ(got, kFlood);
 }

@@ -309,26 +309,42 @@ TEST_F(WickedProcess, WantOfMemoryEndsASet) {
   EXPECT_EQ(births->told[2], 1);
 }
 
-TEST_F(WickedProcess, ThatTakesNoMessagesIsReplaced) {
-  SnmpPublish(MakeImage(5, 0, {"tlxHoOsCommonPollFreq"}));
-  std::unique_ptr<FailingCall> failing;
-  Be(1, [](Wicked *wicked, int) {
-    wicked->Say(FrameWriter(FrameType::kReady));
-    births->told[0] = 1;
-    while (births->told[1] == 0) {
-      usleep(1000);
-    }
-    wicked->Say(SetPart(1, 0, 5));
-  });
-  ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
-  failing = std::make_unique<FailingCall>("send", EPIPE);
-  births->told[1] = 1;
-  const std::string log = LogOnceGoodAgain(1);
-  EXPECT_EQ(failing->Failed(), 1);
+class UnheardProcess : public WickedProcess {
+ protected:
+  // The log, where what the agent answers fails so.
+  std::string LogWhereSendFails(int error) {
+    SnmpPublish(MakeImage(5, 0, {"tlxHoOsCommonPollFreq"}));
+    Be(1, [](Wicked *wicked, int) {
+      wicked->Say(FrameWriter(FrameType::kReady));
+      births->told[0] = 1;
+      while (births->told[1] == 0) {
+        usleep(1000);
+      }
+      wicked->Say(SetPart(1, 0, 5));
+    });
+    EXPECT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+    const FailingCall failing("send", error);
+    births->told[1] = 1;
+    std::string log = LogOnceGoodAgain(1);
+    EXPECT_EQ(failing.Failed(), 1);
+    return log;
+  }
+};
+
+TEST_F(UnheardProcess, ThatTakesNoMessagesIsReplaced) {
+  const std::string log = LogWhereSendFails(EMSGSIZE);
   EXPECT_EQ(CountOf(log,
                     "agent: The SNMP process has ended (it takes no messages); starting "
                     "another\n"),
             1U)
+      << log;
+}
+
+// A message that finds nobody is no reason: the process has one of its own to end. This one lives,
+// and is killed.
+TEST_F(UnheardProcess, ThatNoLongerListensIsToldByItsEnd) {
+  const std::string log = LogWhereSendFails(EPIPE);
+  EXPECT_EQ(CountOf(log, "agent: The SNMP process has ended (signal 9); starting another\n"), 2U)
       << log;
 }
 

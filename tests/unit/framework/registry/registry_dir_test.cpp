@@ -63,6 +63,16 @@ TEST_F(RegistryDirectories, OneThatAnotherProcessMakesMeanwhileWillDo) {
   EXPECT_EQ(Mode(root), fs::perms(0755));
 }
 
+TEST_F(RegistryDirectories, ALinkThatAnotherUserPutsInTheWayMeanwhileIsNotFollowed) {
+  const std::string root = registry_.base() + "/other";
+  FailingCall race("mkdirat", [&] {
+    fs::create_directory_symlink(registry_.root(), root);
+    ASSERT_EQ(lchown(root.c_str(), 1000, 1000), 0);
+  });
+  EXPECT_EQ(Open(root, true), ELOOP);
+  EXPECT_EQ(race.Failed(), 1);
+}
+
 TEST_F(RegistryDirectories, WhatCannotBeMadeOrOpenedToSiblingsIsTold) {
   const std::string root = registry_.base() + "/other/registry";
   {
