@@ -492,7 +492,6 @@ static void scan_vmfs_volumes(const shared_limit &limit) {
   // What a broken line lacks keeps the value of the line before.
   unsigned long long total = 0;
   unsigned long long used = 0;
-  unsigned long long available = 0;
   int percent = 0;
   key[0] = '\0';
   size_t length = 0;
@@ -503,8 +502,9 @@ static void scan_vmfs_volumes(const shared_limit &limit) {
   if (!output) {
     return;
   }
-  while (fscanf(output.get(), "%8191s %llu %llu %llu %d%*[%] %8191s\n", device, &total, &used,
-                &available, &percent, key) != EOF) {
+  // The third number is what is available, which nobody asks for.
+  while (fscanf(output.get(), "%8191s %llu %llu %*u %d%*[%] %8191s\n", device, &total, &used,
+                &percent, key) != EOF) {
     if (key[0] == '\0') {
       continue;  // broken from the beginning
     }
