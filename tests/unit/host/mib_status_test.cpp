@@ -941,6 +941,16 @@ TEST_F(MibStatus, TheTwoWorstConditions) {
   }
 }
 
+TEST_F(MibStatus, ThereIsNoPeerBesideTheTable) {
+  peer_view peer = {};
+  EXPECT_TRUE(get_peer(0, &peer));
+  EXPECT_EQ(peer.index, 1);
+  EXPECT_TRUE(get_peer(15, &peer));
+  EXPECT_EQ(peer.index, 26);
+  EXPECT_FALSE(get_peer(16, &peer));
+  EXPECT_FALSE(get_peer(-1, &peer));
+}
+
 TEST_F(MibStatus, EachPartOfTheHealthIsJudgedByItsGroup) {
   const auto health_of = [](int index) {
     peer_view peer = {};
