@@ -93,7 +93,7 @@ bool is_processor_line(const char *line) {
 }
 
 void parse_cpu_line(const char *line, cpu_sample *sample) {
-  const char *numbers = line + 3;
+  const char *numbers = line;
   while (*numbers != '\0' && isspace(static_cast<unsigned char>(*numbers)) == 0) {
     numbers++;
   }
@@ -184,10 +184,7 @@ static int sample_processors(bool start_up) {
   if (uncounted && count_processors(start_up) != 0) {
     return -1;
   }
-  if (uncounted) {
-    return 0;
-  }
-  return take_samples() ? 1 : 0;
+  return !uncounted && take_samples() ? 1 : 0;
 }
 
 // ---- Computing ------------------------------------------------------------------------------

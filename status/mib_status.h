@@ -8,8 +8,8 @@
 
 enum mib_status_sizes {
   STATUS_ARRAY_SIZE = 256,
-  STATUS_ARRAY_LENGTH = 108,     // octets in use: indexes 0 to 26, four octets each
-  HEALTH_TRAP_TEXT_SIZE = 1024,  // 52 characters, 16 octets of up to 6, 15 lines of 48, and a NUL
+  STATUS_ARRAY_LENGTH = 108,    // octets in use: indexes 0 to 26, four octets each
+  HEALTH_TRAP_TEXT_SIZE = 868,  // 52 characters, 16 octets of 5, 15 blanks, 15 lines of 48, a NUL
 };
 
 // Scans the processes, asks the peers that changed, and writes the array. Octet 3 and the octets of

@@ -192,7 +192,7 @@ static void remember(entry_table *table, const known_entry &entry) {
   if (entry.inode == 0) {
     return;
   }
-  if (2 * (table->used + 1) > table->size) {
+  if (2 * table->used >= table->size) {
     entry_table larger = {nullptr, table->size != 0 ? 2 * table->size : first_size, table->used};
     larger.places = static_cast<known_entry *>(calloc(larger.size, sizeof(known_entry)));
     if (larger.places == nullptr) {
@@ -359,12 +359,11 @@ static int32_t condition_for(int32_t severity) {
 static constexpr int generic_test_trap = 11003;
 static constexpr char generic_test_text[] = "Quorix Generic Test Trap (11003): %s";
 
-// Stores the text, sends it as a trap and publishes. Returns log_data()'s result, or -1 when the
-// group is gone.
-static int send_generic_test_trap(const char *text) {
+// Stores the text, sends it as a trap and publishes, unless the group is gone.
+static void send_generic_test_trap(const char *text) {
   registry_object *misc = find_object(misc_group);
   if (misc == nullptr) {
-    return -1;
+    return;
   }
   misc_data *data = data_of(misc);
   copy_field(data->generic_data, text);
@@ -373,7 +372,7 @@ static int send_generic_test_trap(const char *text) {
   snprintf(description, sizeof(description), generic_test_text, data->generic_data);
   const int slots[] = {GENERIC_DATA};
   send_trap(misc, slots, 1, description, generic_test_trap);
-  return log_data(misc);
+  log_data(misc);
 }
 
 static int set_generic_data(uint8_t phase, const char *text) {

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <numeric>
+#include <vector>
 
 #include "tests/support/recording_framework.h"
 
@@ -243,6 +246,34 @@ TEST(Cpu, TheFiveMinuteRingHoldsFive) {
   // Fed: 100, then five times 0; the hour still has the first one.
   EXPECT_EQ(rec::Int(Row(0), kFive), 0);
   EXPECT_EQ(rec::Int(Row(0), kHour), 100 / 6);
+}
+
+// Long enough that each ring turns: none has a place that another one writes.
+TEST(Cpu, EachLongAverageIsThatOfItsLastSamples) {
+  poll_time = 30;
+  rec::SetBootTime(0);
+  BusyMachine machine;
+  std::vector<int> fed;
+  const auto average = [&fed](size_t room) {
+    const size_t held = std::min(room, fed.size());
+    return std::accumulate(fed.end() - static_cast<long>(held), fed.end(), 0) /
+           static_cast<int>(held);
+  };
+  for (int turn = 0; turn < 65; turn++) {
+    fed.push_back(37 * turn % 101);
+    // Two polls of one load, of which the second feeds the long rings; the first turn is one poll.
+    for (int poll = turn == 0 ? 1 : 0; poll < 2; poll++) {
+      machine.Pass(fed.back());
+      ASSERT_EQ(do_cpu(), 0);
+    }
+    if (turn == 0) {
+      rec::SetBootTime(4000);
+      continue;
+    }
+    ASSERT_EQ(rec::Int(Row(0), kFive), average(5)) << turn;
+    ASSERT_EQ(rec::Int(Row(0), kThirty), average(30)) << turn;
+    ASSERT_EQ(rec::Int(Row(0), kHour), average(60)) << turn;
+  }
 }
 
 TEST(Cpu, ALongPollPeriodNeverFeedsTheLongAverages) {

@@ -396,6 +396,22 @@ TEST_F(FileSystemsDeath, WithoutItsPlaceInTheQueue) {
   ExpectEnd("/a");
 }
 
+// Whoever started the agent may have had the signal blocked.
+TEST_F(FileSystemsDeath, WithTheSignalBlocked) {
+  Simple({"/a"});
+  rec::Fail("create_obj", Row(0));
+  EXPECT_EXIT(
+      {
+        rec::OnMessage([](const std::string &message) { fputs(message.c_str(), stderr); });
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, SIGSEGV);
+        sigprocmask(SIG_BLOCK, &blocked, nullptr);
+        do_filesys();
+      },
+      testing::KilledBySignal(SIGABRT), "^vexhostd: Can't create object: /a  \\(PEER3023\\)\n");
+}
+
 TEST_F(FileSystemsDeath, InTheVmfsScan) {
   Mtab({});
   rec::PutFile("/vmfs/vmhba0:0:0:5", "");
@@ -486,6 +502,19 @@ TEST_F(FileSystems, AMountTableWithoutAnyMemoryLeavesTheRows) {
   rec::StopFailing();
   EXPECT_EQ(do_filesys(), 0);
   EXPECT_EQ(rec::LiveNames().size(), 100U);
+}
+
+// What is full is doubled, so that a table of thousands is not copied for each few of them.
+TEST_F(FileSystems, ALongMountTableAsksForMemorySeldom) {
+  std::vector<std::string> many;
+  for (int i = 0; i < 400; i++) {
+    many.push_back("/m" + std::to_string(i));
+  }
+  Simple(many);
+  // Three pieces for each of three lists, one for the texts, and seven for the rows' numbers.
+  rec::Fail("realloc", "", -18, ENOMEM);
+  EXPECT_EQ(do_filesys(), 0);
+  EXPECT_EQ(rec::LiveNames().size(), 400U);
 }
 
 // ---- VMware
@@ -689,6 +718,8 @@ TEST(FileSystemFigures, PercentageOfAMountIsRoundedUp) {
   EXPECT_EQ(figures_of_mount(Stats(4096, 1'000'000, 989'999, 0, 0)).percent_used, 2);
   EXPECT_EQ(figures_of_mount(Stats(4096, 1'000'000, 1, 0, 0)).percent_used, 100);
   EXPECT_EQ(figures_of_mount(Stats(4096, 1'000'000, 0, 0, 0)).percent_used, 100);
+  // A single block, of a megabyte.
+  EXPECT_EQ(figures_of_mount(Stats(1 << 20, 8, 7, 0, 0)).percent_used, 13);
 }
 
 TEST(FileSystemFigures, LessThanOneMegabyteInUseIsNone) {
@@ -768,6 +799,11 @@ TEST(FileSystemFigures, LowBitsOfAVolumesMegabytes) {
   // Bit 31 makes it negative, and the percentage 0.
   EXPECT_EQ(figures_of_volume(uint64_t{1} << 51, 0).space_total, INT32_MIN);
   EXPECT_EQ(figures_of_volume(uint64_t{1} << 51, 0).percent_used, 0);
+  // Nor is there one where all low bits of the total are 0.
+  const filesys_figures none = figures_of_volume(uint64_t{1} << 52, uint64_t{3} << 50);
+  EXPECT_EQ(none.space_total, 0);
+  EXPECT_EQ(none.space_used, 1 << 30);
+  EXPECT_EQ(none.percent_used, 0);
   // More available than there is.
   EXPECT_EQ(figures_of_volume(1 << 20, UINT64_MAX).percent_used, INT32_MIN);
 }

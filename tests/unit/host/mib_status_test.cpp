@@ -553,6 +553,19 @@ TEST_F(MibStatus, AListingThatBreaksOffIsBegunAnew) {
   EXPECT_EQ(rec::Messages(), std::vector<std::string>{"cannot readdir(/proc)\n"});
 }
 
+TEST_F(MibStatus, AListingIsTriedThreeTimes) {
+  rec::Fail("opendir", "/proc", 1);
+  rec::Fail("opendir", "/proc", 2);
+  Status();
+  EXPECT_TRUE(rec::Messages().empty());
+  rec::StopFailing();
+  for (int nth = 1; nth <= 3; nth++) {
+    rec::Fail("opendir", "/proc", nth);
+  }
+  Status();
+  EXPECT_EQ(rec::Messages(), std::vector<std::string>{"cannot opendir(/proc)"});
+}
+
 // ---- Processes that hold up who reads their command line ---------------------------------------
 
 // As the kernel has it: a name may look like anything.
@@ -580,14 +593,17 @@ TEST_F(MibStatus, AProcessThatHoldsItsReaderUpCostsNobodyElse) {
   ASSERT_EQ(rec::Messages().size(), 1U);
   EXPECT_EQ(rec::Messages()[0].rfind("Info: process 11 keeps its command line from being read", 0),
             0U);
+  // The second child had what was left: each process is asked once.
+  EXPECT_EQ(rec::Names("run_apart"), (std::vector<std::string>{"3", "1"}));
   // From then on it is left alone, for a while.
   rec::ForgetEvents();
   array = Status();
   EXPECT_EQ(Row(array, 5), (Octets{1, 2, 1, 2}));
-  EXPECT_EQ(Children(), 1);
+  EXPECT_EQ(rec::Names("run_apart"), std::vector<std::string>{"2"});
   rec::LetGo(CommandLine(11));
   rec::PassTime(31);
   Status();
+  EXPECT_EQ(rec::Names("run_apart"), (std::vector<std::string>{"2", "3"}));
   EXPECT_EQ(rec::Messages(), std::vector<std::string>{
                                  "Info: the command lines of all processes can be read again\n"});
 }
@@ -705,6 +721,21 @@ TEST_F(MibStatus, AListingWithoutTimeGoesOnWhereItStopped) {
   EXPECT_EQ(rec::Messages().size(), 1U);
 }
 
+// Those that were not asked come first in the next one.
+TEST_F(MibStatus, AListingThatIsEndedGoesOnWhereItStopped) {
+  for (const int pid : {10, 20, 30, 40}) {
+    Process(pid, "anything", pid);
+  }
+  rec::HoldUp(CommandLine(20));
+  rec::Fail("run_apart", "2", 1, EINTR);  // for 30 and 40
+  Status();
+  rec::HoldUp(CommandLine(40));
+  rec::ForgetEvents();
+  Status();  // 30, 40, 10
+  EXPECT_EQ(rec::Names("run_apart"), (std::vector<std::string>{"3", "1"}));
+  EXPECT_EQ(rec::Names("run_apart held up"), std::vector<std::string>{"1"});
+}
+
 // Then no process is to blame, and none is left out.
 TEST_F(MibStatus, AChildThatHadNoTimeIsFollowedByAnother) {
   Object("ida/misc", {1, 2, 2});
@@ -786,6 +817,26 @@ TEST_F(MibStatus, AnObjectWithoutData) {
   EXPECT_EQ(Row(Status(), 3), (Octets{0, 0, 0, 0}));
 }
 
+// It says nothing, also of a variable that any object may lack.
+TEST_F(MibStatus, AnObjectWithoutVariablesLeavesTheHealthOfAPeerThatRuns) {
+  Process(10, "vexhealth", 10);
+  Process(20, "vexstdeq", 20);
+  const char *const objects[] = {"health/res_mem", "health/thermal", "health/event_log_status"};
+  for (const char *object : objects) {
+    Object(object, {1, 3, 4, 2});
+  }
+  const Octets expected = {2, 2, 4, 0, 3};
+  const auto conditions = [] {
+    const Array array = Health();
+    return Octets(array.begin() + 3, array.begin() + 8);
+  };
+  EXPECT_EQ(conditions(), expected);
+  for (const char *object : objects) {
+    rec::PutSiblingData(object, "only data, no variables");
+  }
+  EXPECT_EQ(conditions(), expected);
+}
+
 TEST_F(MibStatus, LenientGettersReadAMissingVariableAsZero) {
   Object("health/event_log_status", {7});
   Object("health/thermal", {1, 2});
@@ -809,8 +860,9 @@ TEST_F(MibStatus, AVariableShorterThanAnIntegerReadsAsZero) {
 
 TEST_F(MibStatus, SnmpRevisionIsStoredAsFarAsItCouldBeRead) {
   Process(10, "vexnic", 10);
-  rec::PutSnmpInteger("enterprises.4891.18.1.2.0", 7);
   rec::PutSnmpInteger("enterprises.4891.18.1.3.0", 2);
+  EXPECT_EQ(Row(Status(), 18), (Octets{0, 2, 0, 0}));
+  rec::PutSnmpInteger("enterprises.4891.18.1.2.0", 7);
   EXPECT_EQ(Row(Status(), 18), (Octets{0, 2, 0, 7}));
   rec::PutSnmpInteger("enterprises.4891.18.1.1.0", 6);
   EXPECT_EQ(Row(Status(), 18), (Octets{1, 2, 6, 7}));
@@ -887,6 +939,16 @@ TEST_F(MibStatus, TheTwoWorstConditions) {
     EXPECT_EQ(array[1], 4);
     rec::PutSnmpInteger(oid, 0, 1);
   }
+}
+
+TEST_F(MibStatus, ThereIsNoPeerBesideTheTable) {
+  peer_view peer = {};
+  EXPECT_TRUE(get_peer(0, &peer));
+  EXPECT_EQ(peer.index, 1);
+  EXPECT_TRUE(get_peer(15, &peer));
+  EXPECT_EQ(peer.index, 26);
+  EXPECT_FALSE(get_peer(16, &peer));
+  EXPECT_FALSE(get_peer(-1, &peer));
 }
 
 TEST_F(MibStatus, EachPartOfTheHealthIsJudgedByItsGroup) {

@@ -363,6 +363,37 @@ TEST_F(Misc, AnEntryOnAnotherDeviceOrOfAnotherSizeIsReadAgain) {
   EXPECT_EQ(reads(), 0);
 }
 
+// Each has a place of its own, the next free one; after the last place comes the first.
+TEST_F(Misc, EntriesWhoseNumbersFallOnOnePlaceAreToldApart) {
+  rec::SetTime(time(nullptr) + 1000);
+  using Change = void (*)(struct stat *);
+  const Change changes[] = {
+      [](struct stat *status) { status->st_ino = 100; },
+      [](struct stat *status) { status->st_ino = 100 + 64; },
+      [](struct stat *status) { status->st_ino = 100 + 2 * 64; },
+      [](struct stat *status) { status->st_ino = 127; },
+      [](struct stat *status) { status->st_ino = 127 + 64; },
+  };
+  int number = 0;
+  for (const Change change : changes) {
+    const std::string name = "entry." + std::to_string(++number);
+    PutEntry(name, {.severity = number == 3 ? 6 : number == 5 ? 4 : 1});
+    rec::ChangeStatus(REGISTRY_ROOT "/threshold/" + name, change);
+  }
+  do_misc();
+  const auto condition = [] {
+    rec::ForgetEvents();
+    do_misc();
+    EXPECT_EQ(rec::Count("get_obj", "threshold/*"), 0);
+    return rec::Int(kObject, "tlxHoMibCondition");
+  };
+  EXPECT_EQ(condition(), 4);
+  rec::PutNothing(std::string(kThresholds) + "/entry.3");
+  EXPECT_EQ(condition(), 3);
+  rec::PutNothing(std::string(kThresholds) + "/entry.5");
+  EXPECT_EQ(condition(), 2);
+}
+
 // The names of one file share its place, and take none of another file's.
 TEST_F(Misc, AnEntryByManyNamesIsOneEntry) {
   PutEntry("entry.1", {.severity = 3});
@@ -395,7 +426,9 @@ TEST_F(Misc, AnEntryThatCouldNotBeReadIsTriedAgain) {
   PutEntry("entry.1", {.severity = 1});
   PutEntry("entry.2", {.severity = 6});
   rec::Fail("get_obj", "threshold/entry.2", 0, EMFILE);
+  rec::ForgetEvents();
   do_misc();
+  EXPECT_EQ(rec::Count("get_obj", "threshold/entry.2"), 3);
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
   rec::StopFailing();
   do_misc();
@@ -469,6 +502,7 @@ TEST_F(Misc, AMissingDirectoryIsReportedOnce) {
   rec::PutNothing(kThresholds);
   do_misc();
   EXPECT_EQ(rec::Count("agentlog_fprintf", message), 1);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "cannot readdir(*"), 0);
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
 }
 
