@@ -196,6 +196,128 @@ TEST_F(RegistryFile, AnObjectMayHaveNoVariablesOrNoData) {
   EXPECT_TRUE(object->data.empty());
 }
 
+TEST_F(RegistryFile, AnObjectMayHaveManyVariablesAndNoData) {
+  ObjectFileWriter writer("stdeq/names", registry_.root());
+  writer.SetLayout(std::vector<FileVariable>(kMaxVariables, {"n", 3, 2, 0, 0, 0}), 0);
+  const std::vector<uint16_t> lengths(kMaxVariables);
+  for (uint64_t n = 1; n <= 3; n++) {
+    ASSERT_EQ(writer.Publish(nullptr, lengths.data()), 0);
+    const std::optional<FileObject> object = Read("stdeq/names");
+    ASSERT_TRUE(object);
+    EXPECT_EQ(object->variables.size(), kMaxVariables);
+    EXPECT_EQ(object->sequence, n);
+  }
+}
+
+// ---- The format, octet by octet: other builds of agent and tools read and write it, too.
+
+TEST_F(RegistryFile, WhatFillsUpToAMultipleOfEightIsZero) {
+  ObjectFileWriter writer = Writer("stdeq/misc");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  ASSERT_EQ(Publish(writer, 2), 0);
+  const std::vector<uint8_t> bytes = ReadBytes(registry_.Path("stdeq/misc"));
+  const auto header = Load<FileHeader>(bytes.data());
+  const auto zeros = [&](size_t begin, size_t end) {
+    return std::count(bytes.begin() + static_cast<long>(begin),
+                      bytes.begin() + static_cast<long>(end), 0);
+  };
+  const size_t names = sizeof(FileHeader) + 3 * sizeof(FileDescriptor);
+  ASSERT_EQ(header.names_size, 34U);
+  EXPECT_EQ(zeros(names + 34, header.slots_offset), 6);
+  for (const size_t slot : {size_t{0}, size_t{1}}) {
+    const size_t lengths = header.slots_offset + slot * header.slot_size + sizeof(SlotHeader);
+    EXPECT_EQ(zeros(lengths + 6, lengths + 8), 2) << slot;
+    EXPECT_EQ(zeros(lengths + 8 + kDataSize, lengths + 8 + kDataSize + 4), 4) << slot;
+  }
+}
+
+TEST(RegistryChecksum, IsThatOfTheFormat) {
+  uint8_t words[16];
+  memcpy(words, "0123456789abcdef", sizeof(words));
+  EXPECT_EQ(RegistryChecksum(words, 0, 0), 0xcbf29ce484222325);
+  EXPECT_EQ(RegistryChecksum(words, 16, 0), 0xd8f73e486fc461ec);
+  EXPECT_EQ(RegistryChecksum(words, 16, 7), 0xbb285b7a618829);
+}
+
+// Makes the checksum of one slot right.
+void Seal(std::vector<uint8_t> &file, size_t slot, uint64_t sequence) {
+  const auto header = Load<FileHeader>(file.data());
+  uint8_t *at = &file[header.slots_offset + slot * header.slot_size];
+  SlotHeader stamp = {sequence, 1, 0};
+  Store(at, stamp);
+  const uint64_t begun = RegistryChecksum(at, sizeof(SlotHeader), header.checksum);
+  stamp.checksum =
+      RegistryChecksum(at + sizeof(SlotHeader), header.slot_size - sizeof(SlotHeader), begun);
+  Store(at, stamp);
+}
+
+// A file in which all numbers fit each other, with nothing but zeros in its names and values.
+std::vector<uint8_t> WholeFile(size_t var_count, size_t data_size, size_t names_size) {
+  FileHeader header = {};
+  memcpy(header.magic, kMagic, sizeof(kMagic));
+  header.version = kVersion;
+  header.var_count = static_cast<uint32_t>(var_count);
+  header.data_size = static_cast<uint32_t>(data_size);
+  header.names_size = static_cast<uint32_t>(names_size);
+  const size_t slots = Padded(sizeof(FileHeader) + var_count * sizeof(FileDescriptor) + names_size);
+  header.slots_offset = static_cast<uint32_t>(slots);
+  header.slot_size = static_cast<uint32_t>(SlotSize(var_count, data_size));
+  std::vector<uint8_t> file(slots + 2 * size_t{header.slot_size});
+  Store(file.data(), header);
+  header.checksum = RegistryChecksum(file.data(), slots, 0);
+  Store(file.data(), header);
+  Seal(file, 0, 1);
+  return file;
+}
+
+TEST(RegistryFormat, EachSizeHasItsLimitAlone) {
+  struct {
+    size_t var_count;
+    size_t data_size;
+    size_t names_size;
+    bool is_object;
+  } const table[] = {
+      {0, 0, 0, true},
+      {kMaxVariables, 0, 0, true},
+      {kMaxVariables + 1, 0, 0, false},
+      {0, kMaxData, 0, true},
+      {0, kMaxData + 1, 0, false},
+      {0, 0, kMaxFile, true},
+      {0, 0, kMaxFile + 1, false},
+  };
+  for (const auto &row : table) {
+    bool torn = true;
+    const auto object =
+        ParseObjectFile(WholeFile(row.var_count, row.data_size, row.names_size), &torn);
+    EXPECT_EQ(object.has_value(), row.is_object) << &row - table;
+    EXPECT_FALSE(torn) << &row - table;
+    EXPECT_EQ(object ? object->variables.size() : 0, row.is_object ? row.var_count : 0);
+    EXPECT_EQ(object ? object->data.size() : 0, row.is_object ? row.data_size : 0);
+  }
+}
+
+TEST(RegistryFormat, TheHigherSequenceCountsAndOfEqualOnesTheFirst) {
+  std::vector<uint8_t> file = WholeFile(0, 8, 0);
+  const auto header = Load<FileHeader>(file.data());
+  for (const size_t slot : {size_t{0}, size_t{1}}) {
+    file[header.slots_offset + slot * header.slot_size + sizeof(SlotHeader)] =
+        static_cast<uint8_t>(slot);
+  }
+  struct {
+    uint64_t sequences[2];
+    uint8_t expected;
+  } const table[] = {{{1, 2}, 1}, {{2, 1}, 0}, {{2, 2}, 0}, {{UINT64_MAX, 1}, 0}};
+  for (const auto &row : table) {
+    Seal(file, 0, row.sequences[0]);
+    Seal(file, 1, row.sequences[1]);
+    bool torn = true;
+    const auto object = ParseObjectFile(file, &torn);
+    ASSERT_TRUE(object) << &row - table;
+    EXPECT_FALSE(torn) << &row - table;
+    EXPECT_EQ(object->data[0], row.expected) << &row - table;
+  }
+}
+
 TEST_F(RegistryFile, TakesAbsoluteAndClimbingNames) {
   ObjectFileWriter writer = Writer("stdeq/misc");
   ASSERT_EQ(Publish(writer, 9), 0);
@@ -652,8 +774,10 @@ TEST(DirectoryLock, ReadsTheTableOfLocks) {
       "3: FLOCK  ADVISORY  WRITE 13 08:02:4711 0 EOF\n"
       "4: FLOCK  ADVISORY  WRITE 14 fd:1a:4711 0 EOF\n"
       "4: -> FLOCK  ADVISORY  WRITE 15 08:01:4711 0 EOF\n"
-      "5: FLOCK  ADVISORY  WRITE 812 08:01:4711 0 EOF\n"
-      "6: FLOCK  ADVISORY  WRITE";
+      "5: FLOCK  ADVISORY  WRITE 0 08:01:4711 0 EOF\n"
+      "6: FLOCK  ADVISORY  WRITE -1 08:01:4711 0 EOF\n"
+      "7: FLOCK  ADVISORY  WRITE 812 08:01:4711 0 EOF\n"
+      "8: FLOCK  ADVISORY  WRITE";
   EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4711), 812);
   EXPECT_EQ(LockHolderIn(kLocks, makedev(0xfd, 0x1a), 4711), 14);
   EXPECT_EQ(LockHolderIn(kLocks, makedev(8, 1), 4713), 12) << "a shared one keeps us away, too";

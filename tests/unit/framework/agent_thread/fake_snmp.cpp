@@ -59,6 +59,10 @@ void SnmpEnableSets(bool enabled) {
 }
 
 void SnmpPublish(std::shared_ptr<const Image> image) {
+  if (TheFakeSnmp().publish_fails > 0) {
+    TheFakeSnmp().publish_fails--;
+    throw std::bad_alloc();
+  }
   TheFakeSnmp().publications++;
   TheFakeSnmp().served[image->object_id] = std::move(image);
 }

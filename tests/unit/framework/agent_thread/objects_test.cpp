@@ -126,6 +126,7 @@ TEST_F(Objects, VariablesMustLieWithinTheirObject) {
   EXPECT_EQ(define(0, &large->desc[0], 65535, VAR_OCTET_STRING, large->data), 0);
   EXPECT_EQ(o->desc[0].type, 0);
   EXPECT_EQ(o->desc[1].type, 0);
+  EXPECT_EQ(define(1, &o->desc[1], 1, VAR_OCTET_STRING, o->data + 7), 0) << "the smallest";
   EXPECT_EQ(define(1, &o->desc[1], 4, VAR_INTEGER, o->data + 4), 0);
   char name[] = "exampleCount";
   EXPECT_EQ(init_info(0, &o->desc[0], name, 4, VAR_INTEGER, ACCESS_READ_ONLY, 1, o->data, nullptr),
@@ -486,6 +487,7 @@ TEST_F(Objects, SetsAreRefusedWhereThereIsNothingToSet) {
   log_data(object);
   EXPECT_EQ(Set(1, "read-only"), -1);
   EXPECT_EQ(Set(6, "x"), -1);
+  EXPECT_EQ(Set(INT_MAX, "x"), -1);
   EXPECT_EQ(Set(-1, "x"), -1);
   SetItem item = Item(2, "x");
   for (const int length : {100, -1}) {
@@ -588,6 +590,28 @@ TEST_F(Objects, FilesWhoseDirectoryIsNoneAreWrittenWhenItIsOneAgain) {
   RetryFiles();
   EXPECT_EQ(fs::last_write_time(registry_.Path("host/sub/a")), before);
   EXPECT_EQ(log.Text(), "");
+}
+
+// Of the directory that is held there is only to say that it is gone.
+TEST_F(Objects, WhatStandsInTheRootsPlaceIsTold) {
+  SetLogName("exampled");
+  Captured log;
+  registry_object *object = Create("host/a");
+  log_data(object);
+  const auto told = [&](int error) {
+    return "exampled: Can't write registry file " + registry_.Path("host/a") + ": " +
+           strerror(error) + " (values are served; trying again)\n";
+  };
+  fs::remove_all(registry_.root());
+  log_data(object);
+  EXPECT_EQ(log.Text(), told(ENOENT));
+  RetryFiles();
+  log.Text();
+  fs::remove_all(registry_.root());
+  WriteBytes(registry_.root(), {'x'});
+  log_data(object);
+  EXPECT_EQ(log.Text(), told(ENOTDIR));
+  fs::remove(registry_.root());
 }
 
 // A root that could not be had before has not been moved.
@@ -807,6 +831,28 @@ TEST_F(Objects, ASetThatWasAppliedIsPublishedWhateverFails) {
         break;
       }
     }
+    delete_obj(&obj_Q, object, 0);
+  }
+}
+
+TEST_F(Objects, WhatTheSnmpSideHasNoMemoryForIsHandedToItLater) {
+  SetLogName("exampled");
+  for (const bool handler : {false, true}) {
+    const std::string name = handler ? "host/handled" : "host/plain";
+    registry_object *object = Create(name, handler);
+    ASSERT_EQ(log_data(object), 0);
+    Captured log;
+    SetItem item = Item(2, "web");
+    TheFakeSnmp().publish_fails = 2;
+    EXPECT_EQ(RunSet(SET_APPLY, item), 0) << "it is applied";
+    EXPECT_EQ(Value("exampleRole"), "");
+    RetryFiles();
+    EXPECT_EQ(Value("exampleRole"), "");
+    EXPECT_EQ(log.Text(), "exampled: Can't publish " + registry_.Path(name) +
+                              ": Cannot allocate memory (trying again after the poll)\n");
+    RetryFiles();
+    EXPECT_EQ(Value("exampleRole"), handler ? "<web>" : "web");
+    EXPECT_EQ(log.Text(), "exampled: All objects are published again\n");
     delete_obj(&obj_Q, object, 0);
   }
 }

@@ -265,7 +265,12 @@ TEST(Queue, AnIndexFindsWhatTheComparatorSays) {
   EXPECT_EQ(findkey_Q(&q, &rows[2], ByInstance), &rows[2]);
   EXPECT_EQ(findkey_Q(&q, nullptr, IsTheSecond), &rows[1]);
   EXPECT_EQ(keyremove_Q(&q, &rows[2], ByInstance), &rows[2]);
-  rekey_Q(&q, &rows[2]);  // it is in no queue
+  Row behind{5, "e"};
+  for (Row *absent : {&rows[2], &behind}) {
+    rekey_Q(&q, absent);  // it is in no queue
+  }
+  EXPECT_EQ(Walk(q), (std::vector<Row *>{&rows[0], &rows[1], &rows[3]}));
+  EXPECT_EQ(findkey_Q(&q, "e", HasKey), nullptr);
   EXPECT_EQ(findkey_Q(&q, "", HasKey), nullptr);
   // A key may come and go.
   rows[3].key = "";

@@ -52,6 +52,28 @@ TEST_F(RegistryDirectories, LinksOnTheWayToTheRootAreFollowedAsFarAsTheyLead) {
   }
 }
 
+TEST_F(RegistryDirectories, AsManyLinksAreFollowedAsTheKernelFollows) {
+  constexpr int kMost = 40;
+  const auto link = [&](int n) { return registry_.base() + "/link" + std::to_string(n); };
+  fs::create_directory_symlink(registry_.root(), link(1));
+  for (int n = 2; n <= kMost + 1; n++) {
+    fs::create_directory_symlink(link(n - 1), link(n));
+  }
+  EXPECT_EQ(Open(link(kMost), false), 0);
+  EXPECT_EQ(Open(link(kMost + 1), false), ELOOP);
+}
+
+TEST_F(RegistryDirectories, OnlyADirectoryWithoutItsModeIsRead) {
+  fs::permissions(registry_.base(), fs::perms(0755));
+  const FailingCall count(
+      "fdopendir", [] {}, 1, FailingCall::kAll);
+  EXPECT_EQ(Open(registry_.root(), true), 0);
+  EXPECT_EQ(count.Failed(), 0);
+  fs::permissions(registry_.base() + "/spool", fs::perms(0700));
+  EXPECT_EQ(Open(registry_.root(), true), 0);
+  EXPECT_EQ(count.Failed(), 1);
+}
+
 TEST_F(RegistryDirectories, OneThatAnotherProcessMakesMeanwhileWillDo) {
   const std::string root = registry_.base() + "/other/registry";
   FailingCall race("mkdirat", [&] {

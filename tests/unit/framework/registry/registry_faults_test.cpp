@@ -219,6 +219,29 @@ TEST_F(RegistryFaults, NamesAreListedByTheirNumbers) {
   }
 }
 
+// Each beside each, in whatever order the directory has them.
+TEST_F(RegistryFaults, NamesOfOneNumberHaveAnOrderToo) {
+  const std::vector<std::string> sorted = {"a.0",   "a.00",  "a.000",  "a.001", "a.01", "a.1",
+                                           "a.1.2", "a.1.3", "a.01.4", "a.1b",  "a.2"};
+  ObjectFileWriter writer = Writer("made");
+  ASSERT_EQ(Publish(writer, 1), 0);
+  fs::create_directory(registry_.Path("host"));
+  const auto put = [&](const std::string &name) {
+    fs::create_hard_link(registry_.Path("made"), Path(name));
+  };
+  for (size_t i = 0; i < sorted.size(); i++) {
+    for (size_t j = i + 1; j < sorted.size(); j++) {
+      for (const bool turned : {false, true}) {
+        put(sorted[turned ? j : i]);
+        put(sorted[turned ? i : j]);
+        EXPECT_EQ(Listed(), sorted[i] + " " + sorted[j] + " ");
+        fs::remove(Path(sorted[i]));
+        fs::remove(Path(sorted[j]));
+      }
+    }
+  }
+}
+
 TEST_F(RegistryFaults, DirectoriesAreListedToACertainDepth) {
   std::string deep = "d";
   for (int level = 1; level < 16; level++) {
@@ -246,12 +269,48 @@ TEST_F(RegistryFaults, WhatCannotBeLookedAtIsLeftOutOfTheList) {
     EXPECT_EQ(ListObjects(registry_.root()), std::vector<std::string>{"stdeq/b"})
         << row.call << " " << row.path;
   }
+  const FailingCall fail("fdopendir", ENOMEM);
+  EXPECT_TRUE(ListObjects(registry_.root()).empty());
+}
+
+TEST_F(RegistryFaults, WhatCannotBeLookedAtIsNoted) {
+  ObjectFileWriter writer = Writer("host/a");
+  ASSERT_EQ(Publish(writer, 1), 0);
   const auto descriptors = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), {});
   };
   const auto before = descriptors();
-  const FailingCall fail("fdopendir", ENOMEM);
-  EXPECT_TRUE(ListObjects(registry_.root()).empty());
+  struct {
+    const char *call;
+    int nth;
+    const char *listed;  // what the list of all notes, and that of one directory
+    const char *read;
+  } const table[] = {
+      {"fdopendir", 1, "/ ", "/host "},
+      {"fdopendir", 2, "/host ", ""},
+      // The entries are ".", ".." and the directory, or the object; then comes the end.
+      {"readdir", 4, "/host ", "/host "},
+      {"readdir", 8, "/ ", ""},
+      {"fstatat", 2, "/host/a ", ""},
+      {"pread", 1, "/host/a ", ""},
+  };
+  for (const auto &row : table) {
+    for (const bool all : {true, false}) {
+      std::vector<Unread> unread;
+      const FailingCall fail(row.call, EIO, row.nth);
+      if (all) {
+        ListObjects(registry_.root(), &unread);
+      } else {
+        ReadObjectsOf("host", registry_.root(), &unread);
+      }
+      std::string noted;
+      for (const Unread &each : unread) {
+        noted += "/" + each.name + " ";
+        EXPECT_EQ(each.error, EIO);
+      }
+      EXPECT_EQ(noted, all ? row.listed : row.read) << row.call << row.nth << all;
+    }
+  }
   EXPECT_EQ(descriptors(), before);
 }
 
