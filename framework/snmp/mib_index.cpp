@@ -8,16 +8,6 @@
 
 namespace vex {
 
-int CompareOids(OidView name, std::span<const uint32_t> oid) {
-  size_t common = std::min(name.size(), oid.size());
-  for (size_t i = 0; i < common; i++) {
-    if (name[i] != oid[i]) {
-      return name[i] < oid[i] ? -1 : 1;
-    }
-  }
-  return name.size() == oid.size() ? 0 : (name.size() < oid.size() ? -1 : 1);
-}
-
 bool StartsWith(OidView name, std::span<const uint32_t> prefix) {
   return name.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), name.begin(),
                                                     [](uint32_t a, SubId b) { return a == b; });
@@ -149,7 +139,8 @@ const Image *MibIndex::ImageOf(uint64_t object_id) const {
 // Index of the first variable whose OID comes after name.
 size_t MibIndex::FirstAfter(OidView name) const {
   auto place = std::partition_point(table_.begin(), table_.end(), [&](const MibVariable &variable) {
-    return CompareOids(name, variable.Oid()) >= 0;
+    std::span<const uint32_t> oid = variable.Oid();
+    return !std::lexicographical_compare(name.begin(), name.end(), oid.begin(), oid.end());
   });
   return static_cast<size_t>(place - table_.begin());
 }

@@ -95,8 +95,6 @@ class MibIndex {
   std::unordered_map<uint64_t, Object> objects_;
 };
 
-// Lexicographic order of a name and a variable's OID: negative, 0 or positive.
-int CompareOids(OidView name, std::span<const uint32_t> oid);
 bool StartsWith(OidView name, std::span<const uint32_t> prefix);
 
 }  // namespace vex

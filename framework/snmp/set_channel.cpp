@@ -296,7 +296,6 @@ void SetChannel::Close() {
   for (const std::shared_ptr<QueuedSet> &transaction : queue_) {
     transaction->stage = Stage::kEnded;
     transaction->cancelled = true;
-    transaction->in_queue = false;
   }
   queue_.clear();
   Wake();

@@ -260,6 +260,16 @@ TEST(MibIndex, OfTwoSlotsWithOneVariableTheFirstCounts) {
   EXPECT_EQ(Walk(index), "smallCount.0 ");
 }
 
+// An object's slots are in the order that its group likes.
+TEST(MibIndex, SlotsMayStandInAnyOrder) {
+  MibIndex index(kSmallMib);
+  index.Put(ImageMaker(5, 0).Int(kLast, 2).Text(kText, "text", 8).Int(kCount, 1).Make());
+  EXPECT_EQ(Walk(index), "smallCount.0 smallText.0 smallLast.0 ");
+  Cell cell;
+  ASSERT_EQ(index.Get(NameOf(kCount, {0}), &cell), Lookup::kFound);
+  EXPECT_EQ(cell.Integer(), 1);
+}
+
 // The same layout in another row is another row.
 TEST(MibIndex, AnObjectMayMoveToAnotherInstance) {
   MibIndex index(kSmallMib);

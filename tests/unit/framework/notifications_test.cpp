@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <string>
+
+#include "tests/support/failing_call.h"
 
 namespace vex {
 namespace {
@@ -124,6 +128,28 @@ TEST(NotificationQueue, SaysWhatItDropsOnce) {
               EXPECT_EQ(PopNumber(&queue), 301U);
             }),
             "");
+}
+
+// Whoever reads the log may take its time, and the agent must not wait for the SNMP side's lines.
+TEST(NotificationQueue, IsNotHeldWhileALineIsWritten) {
+  NotificationQueue queue;
+  std::future<size_t> size;
+  int asked = 0;
+  const auto ask = [&] {
+    size = std::async(std::launch::async, [&queue] { return queue.Size(); });
+    asked += size.wait_for(std::chrono::seconds(10)) == std::future_status::ready ? 1 : 0;
+  };
+  const std::string log = Logged([&] {
+    const FailingCall before_line("write", ask, 1, FailingCall::kAll);
+    for (uint32_t i = 1; i <= 257; i++) {
+      queue.Push(Numbered(i));
+    }
+    EXPECT_EQ(asked, 1);
+    while (PopNumber(&queue) != 0) {
+    }
+    EXPECT_EQ(asked, 2);
+  });
+  EXPECT_NE(log.find("1 notifications were lost\n"), std::string::npos) << log;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -144,6 +145,16 @@ TEST_F(SetChannelTest, RefusedByOneHandlerAppliesNothing) {
   EXPECT_EQ(applies, 0);
 }
 
+TEST_F(SetChannelTest, RefusedAtTheFirstAsksNoOther) {
+  handler = [](uint8_t, SetItem &) { return -1; };
+  auto set = Begin();
+  const int part = channel_.AddPart(*set, {Item(1), Item(2)});
+  channel_.Serve(RunOne);
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kRefused);
+  EXPECT_EQ(failed_item_, 0);
+  EXPECT_EQ(checks, 1);
+}
+
 TEST_F(SetChannelTest, FailedApplyStopsAtTheVariable) {
   handler = [](uint8_t phase, SetItem &item) {
     return phase != SET_CHECK && item.slot == 2 ? -1 : 0;
@@ -155,6 +166,25 @@ TEST_F(SetChannelTest, FailedApplyStopsAtTheVariable) {
   channel_.RequestApply(*set);
   EXPECT_EQ(WaitForApply(*set, part), Apply::kFailed);
   EXPECT_EQ(failed_item_, 1);
+  EXPECT_EQ(applies, 2);
+}
+
+// What is begun no more fails with its first variable.
+TEST_F(SetChannelTest, AfterAFailedApplyNoPartIsBegun) {
+  handler = [](uint8_t phase, SetItem &item) {
+    return phase != SET_CHECK && item.slot == 2 ? -1 : 0;
+  };
+  StartAgent();
+  auto set = Begin();
+  const int first = channel_.AddPart(*set, {Item(1), Item(2)});
+  const int second = channel_.AddPart(*set, {Item(3), Item(4)});
+  EXPECT_EQ(WaitForCheck(*set, first), Check::kAccepted);
+  EXPECT_EQ(WaitForCheck(*set, second), Check::kAccepted);
+  channel_.RequestApply(*set);
+  EXPECT_EQ(WaitForApply(*set, first), Apply::kFailed);
+  EXPECT_EQ(failed_item_, 1);
+  EXPECT_EQ(WaitForApply(*set, second), Apply::kFailed);
+  EXPECT_EQ(failed_item_, 0);
   EXPECT_EQ(applies, 2);
 }
 
@@ -524,6 +554,21 @@ TEST(SetChannelAlone, GetsItsDescriptorLater) {
   const FailingCall none("eventfd", EMFILE);
   const SetChannel another;
   EXPECT_EQ(another.Fd(), -1);
+}
+
+// The process may have been started without standard input.
+TEST(SetChannelAlone, ClosesItsDescriptorWhateverItsNumber) {
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  {
+    const SetChannel channel;
+    EXPECT_EQ(channel.Fd(), STDIN_FILENO);
+  }
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+  if (input >= 0) {
+    dup2(input, STDIN_FILENO);
+    close(input);
+  }
 }
 
 // Both threads at their fastest, with deadlines that fall anywhere: whatever was not reported as

@@ -233,12 +233,15 @@ TEST_F(Ring, HasTheLastImageAndNoneThatIsWithdrawn) {
   EXPECT_FALSE(reader_.Anything());
   ASSERT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kDone);
   memcpy(image->data.data(), "two", 4);
+  image->octet_lengths = {3};
   ASSERT_EQ(writer_.PutImage(*image, false), ImageRingWriter::Put::kDone);
   ASSERT_EQ(writer_.PutImage(*Row(2, "other"), true), ImageRingWriter::Put::kDone);
   EXPECT_TRUE(reader_.Anything());
   ASSERT_TRUE(reader_.Take(&index_));
   EXPECT_EQ(TextOf(1), "two");
   EXPECT_EQ(TextOf(2), "other");
+  EXPECT_EQ(index_.ImageOf(1)->octet_lengths, std::vector<uint16_t>{3});
+  EXPECT_EQ(index_.ImageOf(2)->octet_lengths, std::vector<uint16_t>{0});
   // Alike layouts are one.
   EXPECT_EQ(index_.ImageOf(1)->layout, index_.ImageOf(2)->layout);
   ASSERT_EQ(writer_.PutWithdrawal(1), ImageRingWriter::Put::kDone);
@@ -261,6 +264,9 @@ TEST_F(Ring, LosesNothingWhateverIsReadWhen) {
     } else {
       full++;
       ASSERT_TRUE(reader_.Take(&index_));
+      // What has been read is room again.
+      ASSERT_EQ(writer_.PutImage(*image, true), ImageRingWriter::Put::kDone) << i;
+      texts[id] = std::to_string(i);
     }
     if (random() % 5000 == 0) {
       ASSERT_TRUE(reader_.Take(&index_));
@@ -270,6 +276,28 @@ TEST_F(Ring, LosesNothingWhateverIsReadWhen) {
     }
   }
   EXPECT_GT(full, 0);
+}
+
+TEST_F(Ring, TakesRecordsThatEndJustAtItsEnd) {
+  auto one = Row(1, "one");
+  auto other = Row(2, "other");
+  ImageRingWriter another;
+  ASSERT_TRUE(another.Open());
+  ASSERT_EQ(another.PutImage(*one, true), ImageRingWriter::Put::kDone);
+  const size_t half = one->data.size() + kRingSize / 2 - another.Unread();
+  one->data.resize(half);
+  other->data.resize(half);
+  for (const char *text : {"a", "b"}) {
+    one->data[0] = other->data[0] = static_cast<uint8_t>(*text);
+    one->data[1] = other->data[1] = 0;
+    ASSERT_EQ(writer_.PutImage(*one, true), ImageRingWriter::Put::kDone) << text;
+    ASSERT_EQ(writer_.PutImage(*other, true), ImageRingWriter::Put::kDone) << text;
+    EXPECT_EQ(writer_.Unread(), kRingSize);
+    EXPECT_EQ(writer_.PutWithdrawal(1), ImageRingWriter::Put::kFull) << text;
+    ASSERT_TRUE(reader_.Take(&index_)) << text;
+    EXPECT_EQ(TextOf(1), text);
+    EXPECT_EQ(TextOf(2), text);
+  }
 }
 
 TEST_F(Ring, RefusesWhatItCanNeverTake) {
@@ -421,11 +449,11 @@ class MadeUpRing : public testing::Test {
     ASSERT_EQ(ftruncate(control_.get(), 4096), 0);
     ASSERT_TRUE(reader_.Open(images_.get(), control_.get()));
   }
-  // What becomes of these numbers, the first record, when so many bytes are said to be there.
-  bool Takes(const std::vector<uint32_t> &numbers, uint64_t head) {
-    EXPECT_EQ(
-        pwrite(images_.get(), numbers.data(), numbers.size() * sizeof(uint32_t), kRingHeadSize),
-        static_cast<ssize_t>(numbers.size() * sizeof(uint32_t)));
+  // What becomes of these numbers, the next record, when so many bytes are said to be there.
+  bool Takes(const std::vector<uint32_t> &numbers, uint64_t head, size_t taken = 0) {
+    const size_t size = numbers.size() * sizeof(uint32_t);
+    const auto place = static_cast<off_t>(kRingHeadSize + taken);
+    EXPECT_EQ(pwrite(images_.get(), numbers.data(), size, place), static_cast<ssize_t>(size));
     EXPECT_EQ(pwrite(images_.get(), &head, sizeof(head), 0), static_cast<ssize_t>(sizeof(head)));
     return reader_.Take(&index_);
   }
@@ -467,6 +495,9 @@ TEST_F(MadeUpRing, IsRefusedWhereItMakesNoSense) {
   }
   // The same with a variable that there is.
   EXPECT_TRUE(Takes({64, kImageWithLayout, 1, 0, 0, 1, 0, 0, 0, 0, 4, 0, 1, 0, 0, 0}, 64));
+  EXPECT_NE(index_.ImageOf(1), nullptr);
+  // What has been taken is not there any more.
+  EXPECT_FALSE(Takes({72, kWithdrawal, 1, 0}, 128, 64));
   EXPECT_NE(index_.ImageOf(1), nullptr);
 }
 

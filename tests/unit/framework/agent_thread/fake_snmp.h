@@ -29,6 +29,7 @@ struct FakeSnmp {
   std::vector<Notification> notifications;
   void (*asked_what_waits)() = nullptr;  // called when somebody wants to know
   bool nothing_waiting = true;
+  bool up = false;
   int publish_fails = 0;  // so often there is no memory for an image,
   int notify_fails = 0;   // for a notification,
   int unsent_fails = 0;   // and for what is unsent

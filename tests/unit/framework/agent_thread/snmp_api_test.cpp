@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <iterator>
@@ -99,6 +100,11 @@ TEST_F(SnmpApi, TrapsHaveVariablesOfTheObjectThatTheMibKnowsAsTheyAre) {
     EXPECT_EQ(send_trap(object, &slot, 1, "", 5), -1) << slot;
   }
   EXPECT_EQ(send_trap(object, nullptr, 1, "", 5), -1);
+  // Nor one behind the last, though its memory be there.
+  const int first = 0;
+  object->var_count = 0;
+  EXPECT_EQ(send_trap(object, &first, 1, "", 5), -1);
+  object->var_count = 4;
   EXPECT_TRUE(TheFakeSnmp().notifications.empty());
   const int count = 0;
   EXPECT_EQ(send_trap(object, &count, 1, "", 5), 0);
@@ -125,6 +131,62 @@ TEST_F(SnmpApi, ATrapIsRaisedOnceOrRefused) {
     failed = FailAllocation(n, [&] { raised = Trap(); });
     EXPECT_EQ(TheFakeSnmp().notifications.size(), before + (raised == 0 ? 1 : 0)) << n;
   }
+}
+
+TEST_F(SnmpApi, SilenceIsSaidWhenItBeginsAndWhenAnAnswerEndsIt) {
+  ASSERT_EQ(init_snmp_appname("exampled"), 0);
+  ASSERT_EQ(init_snmp_connection("127.0.0.1"), 0);
+  const auto logged = [](QueryEnd end) {
+    BeginQueries();
+    TheFakeSnmp().answer.end = end;
+    int32_t value = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get_one_snmp_integer_from_api("1.3.6", &value, nullptr), 0);
+    return testing::internal::GetCapturedStderr();
+  };
+  EXPECT_EQ(logged(QueryEnd::kAnswered), "");
+  EXPECT_EQ(logged(QueryEnd::kSilent),
+            Said("The SNMP agent at 127.0.0.1 does not answer queries: it hangs, or does not know "
+                 "the community (trying again)\n"));
+  EXPECT_EQ(logged(QueryEnd::kSilent), "");
+  // Who is not there is not back.
+  EXPECT_EQ(logged(QueryEnd::kRefused), "");
+  EXPECT_EQ(logged(QueryEnd::kAnswered),
+            Said("The SNMP agent at 127.0.0.1 answers queries again\n"));
+}
+
+// A trap that it has just been given is then no reason to write a file.
+TEST_F(SnmpApi, AMasterThatIsThereIsGivenAMomentToTakeATrap) {
+  ASSERT_EQ(init_snmp_appname("exampled"), 0);
+  static int looks;
+  looks = 0;
+  TheFakeSnmp().up = true;
+  TheFakeSnmp().nothing_waiting = false;
+  TheFakeSnmp().asked_what_waits = [] { TheFakeSnmp().nothing_waiting = ++looks > 20; };
+  ASSERT_EQ(Trap(), 0);
+  RetryUnsent();
+  EXPECT_EQ(looks, 21);
+  EXPECT_FALSE(std::filesystem::exists(Path()));
+}
+
+TEST_F(SnmpApi, WithoutMemoryNothingIsStarted) {
+  int result = 0;
+  EXPECT_TRUE(FailAllocation(1, [&] { result = init_snmp_appname("exampled"); }));
+  EXPECT_EQ(result, -1);
+  EXPECT_FALSE(TheFakeSnmp().running);
+}
+
+// The first queries of a process are what takes memory: hence another one, from its beginning.
+TEST_F(SnmpApi, WithoutMemoryThereIsNoConnection) {
+  const std::string before = testing::GTEST_FLAG(death_test_style);
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const auto connect = [] {
+    int result = 0;
+    const bool failed = FailAllocation(1, [&] { result = init_snmp_connection("127.0.0.1"); });
+    _exit(failed && result == -1 ? 7 : 1);
+  };
+  EXPECT_EXIT(connect(), testing::ExitedWithCode(7), "");
+  testing::GTEST_FLAG(death_test_style) = before;
 }
 
 TEST_F(SnmpApi, WhatCannotBeKeptMeanwhileIsKeptLater) {

@@ -4,10 +4,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +23,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/process/sanitized.h"
@@ -147,6 +152,31 @@ TEST_F(Confinement, CapabilitiesThatCannotBeReadStay) {
   EXPECT_EQ(why, "capabilities stay: Operation not permitted");
 }
 
+// A limit of the SNMP process, soft and hard, as /proc shows it.
+std::pair<std::string, std::string> LimitOf(const std::string &name) {
+  std::ifstream limits("/proc/" + std::to_string(births->last_process) + "/limits");
+  std::string line;
+  while (std::getline(limits, line) && !line.starts_with(name + "  ")) {
+  }
+  std::istringstream words(line.substr(std::min(line.size(), name.size())));
+  std::pair<std::string, std::string> limit;
+  words >> limit.first >> limit.second;
+  return limit;
+}
+
+TEST_F(Confinement, TheProcessHasItsLimits) {
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  std::vector<std::pair<const char *, const char *>> limits = {{"Max open files", "64"},
+                                                               {"Max core file size", "0"}};
+  if (!kSanitized) {
+    limits.insert(limits.end(),
+                  {{"Max processes", "0"}, {"Max file size", "0"}, {"Max data size", "536870912"}});
+  }
+  for (const auto &[name, limit] : limits) {
+    EXPECT_EQ(LimitOf(name), (std::pair<std::string, std::string>(limit, limit))) << name;
+  }
+}
+
 // A limit that is lower already is kept.
 TEST_F(Confinement, LowerLimitsStay) {
   at_birth[kSnmpProcess] = [] {
@@ -154,16 +184,52 @@ TEST_F(Confinement, LowerLimitsStay) {
     setrlimit(RLIMIT_NOFILE, &few);
   };
   ASSERT_NO_FATAL_FAILURE(StartWithMaster());
-  std::ifstream limits("/proc/" + std::to_string(births->last_process) + "/limits");
-  std::string line;
-  while (std::getline(limits, line) && !line.starts_with("Max open files ")) {
+  EXPECT_EQ(LimitOf("Max open files"), (std::pair<std::string, std::string>("32", "32")));
+}
+
+// Of calls with arguments that tell what is meant, both halves of each number count.
+TEST_F(Confinement, OnlyHarmlessCallsAreLeft) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+  const auto text = reinterpret_cast<long>("x");
+  const struct {
+    const char *what;
+    long number;
+    long arguments[6];
+    bool allowed;
+  } calls[] = {
+      {"send", SYS_sendto, {ends[0], text, 1, 0, 0, 0}, true},
+      {"send to an address", SYS_sendto, {ends[0], text, 1, 0, 4096, 16}, false},
+      {"send to one whose lower half is zero",
+       SYS_sendto,
+       {ends[0], text, 1, 0, 1L << 32, 16},
+       false},
+      {"memory", SYS_mmap, {0, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0}, true},
+      {"memory for code",
+       SYS_mmap,
+       {0, 4096, PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0},
+       false},
+      {"shared memory", SYS_mmap, {0, 4096, PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0}, false},
+      {"a socket", SYS_socket, {AF_UNIX, SOCK_DGRAM, 0, 0, 0, 0}, false},
+      {"a signal", SYS_kill, {getpid(), 0, 0, 0, 0, 0}, false},
+  };
+  for (const auto &call : calls) {
+    const pid_t child = fork();
+    if (child == 0) {
+      if (ConfineSnmpProcess(kUser) != nullptr) {
+        _exit(1);
+      }
+      const long *a = call.arguments;
+      const long result = syscall(call.number, a[0], a[1], a[2], a[3], a[4], a[5]);
+      _exit(result != -1 ? 2 : errno == EPERM ? 3 : 4);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << call.what << status;
+    EXPECT_EQ(WEXITSTATUS(status), call.allowed ? 2 : 3) << call.what;
   }
-  std::istringstream words(line.substr(std::min(line.size(), strlen("Max open files "))));
-  int soft = 0;
-  int hard = 0;
-  words >> soft >> hard;
-  EXPECT_EQ(soft, 32);
-  EXPECT_EQ(hard, 32);
+  close(ends[0]);
+  close(ends[1]);
 }
 
 // Whoever has lost the one that started him is nobody's any more.
@@ -287,6 +353,22 @@ TEST_F(StarterTest, EndsAProcessWhenToldAndTellsOfIt) {
   ASSERT_TRUE(starter_.Channel()->Send(FrameWriter(FrameType::kKill)));
   EXPECT_EQ(Hear(), FrameType::kEnded);
   EXPECT_TRUE(WIFSIGNALED(number_) && WTERMSIG(number_) == SIGKILL) << number_;
+}
+
+// What is only put aside can be taken up again.
+TEST_F(StarterTest, HasNoRightsButThoseThatItNeeds) {
+  Start();
+  EXPECT_EQ(Hear(), FrameType::kConfigured);
+  constexpr unsigned long kNeeded = 1UL << CAP_SETUID | 1UL << CAP_SETGID | 1UL << CAP_SETPCAP;
+  std::ifstream status("/proc/" + std::to_string(births->starter) + "/status");
+  int sets = 0;
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("CapEff:") || line.starts_with("CapPrm:")) {
+      sets++;
+      EXPECT_EQ(std::stoul(line.substr(strlen("CapEff:")), nullptr, 16) & ~kNeeded, 0U) << line;
+    }
+  }
+  EXPECT_EQ(sets, 2);
 }
 
 // Signals that come while it waits for the end of one cost nothing.

@@ -107,6 +107,26 @@ TEST_F(AgentxSessionTest, NothingIsDueWithoutAConnection) {
   EXPECT_TRUE(session_->Down());
 }
 
+// Whoever waited for the answer would wait for a minute.
+TEST_F(AgentxSessionTest, AnOpenThatCannotBeMadeOrSentEndsTheConnection) {
+  for (const char *function : {"snmp_pdu_create", "snmp_sess_async_send"}) {
+    const FailingLibrary fails(function);
+    EXPECT_TRUE(session_->Adopt(StreamTransport(ConnectUnix(path_)))) << function;
+    EXPECT_EQ(fails.Failed(), 1) << function;
+    EXPECT_EQ(Events(), "ended-unopened ") << function;
+    EXPECT_TRUE(session_->Down()) << function;
+    ASSERT_TRUE(master_->Accept(10000));
+    EXPECT_TRUE(master_->HungUp(10000)) << function;
+    master_->Disconnect();
+  }
+}
+
+TEST_F(AgentxSessionTest, ItsEndIsTheConnections) {
+  BringUp();
+  session_.reset();
+  EXPECT_TRUE(master_->HungUp(10000));
+}
+
 TEST_F(AgentxSessionTest, AnOpenWithoutAnAnswerIsGivenUp) {
   Connect();
   AdvanceClock(seconds(59));
@@ -270,6 +290,18 @@ TEST_F(AgentxSessionTest, ARequestBeforeTheSessionIsNotServed) {
   master_->Answer(open_);
   Read();
   EXPECT_EQ(Events(), "open ");
+}
+
+TEST_F(AgentxSessionTest, ARequestOfAnotherSessionIsNotServed) {
+  BringUp();
+  AgentxPacket get = master_->Get({{1, 3, 9}});
+  get.session++;
+  Give(get);
+  std::optional<AgentxPacket> answer = master_->Receive(10000);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->session, get.session);
+  EXPECT_EQ(answer->Error(), kNotOpen);
+  EXPECT_EQ(Events(), "");
 }
 
 class UnsentTest : public AgentxSessionTest {

@@ -77,13 +77,26 @@ TEST_F(SnmpSetupTest, IntervalsThatAreNone) {
   const struct {
     const char *value;
     int interval;
-  } cases[] = {{"99999999999", 60}, {"-99999999999", 0}, {"-1", 0}, {"\"15\"", 15}, {"7", 7}};
+  } cases[] = {{"99999999999", 60}, {"-99999999999", 0}, {"-1", 0},
+               {"\"15\"", 15},      {"'15'", 15},        {"7", 7}};
   for (const auto &c : cases) {
     Configure("vexhostd.conf", std::string("pollInterval ") + c.value + "\n");
     EXPECT_EQ(Read().poll_interval, c.interval) << c.value;
     EXPECT_EQ(log_.find("is not a number of seconds; ignored") != log_.npos, c.interval == 0)
         << c.value;
   }
+}
+
+// The second character alone makes no quotation.
+TEST_F(SnmpSetupTest, AnApostropheInACommunityIsOfIt) {
+  Configure("vexhostd.conf", "community o'clock x\n");
+  EXPECT_EQ(Read().community, "o'clock x");
+}
+
+TEST_F(SnmpSetupTest, ADirectoryInAFilesPlaceIsSaid) {
+  ASSERT_EQ(mkdir((directory_ + "/snmp.conf").c_str(), 0700), 0);
+  Read();
+  EXPECT_EQ(log_, "vexhostd: " + directory_ + "/snmp.conf: It is a directory, and not read\n");
 }
 
 TEST_F(SnmpSetupTest, AnEmptyCommonCommunityIsNone) {
@@ -179,6 +192,33 @@ TEST_F(SnmpSetupTest, TimesThatAreNone) {
   EXPECT_EQ(session.ping_seconds, 15);
 }
 
+// The library reads each file twice.
+TEST_F(SnmpSetupTest, AnUnknownTokenIsSaidOnce) {
+  Configure("vexhostd.conf", "polInterval 5\n");
+  SnmpSettings settings;
+  AgentxSession::Settings session;
+  testing::internal::CaptureStderr();
+  ASSERT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, &session));
+  UnloadSnmp(kApplication);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            directory_ + "/vexhostd.conf: line 1: Warning: Unknown token: polInterval.\n");
+}
+
+// It has one octet.
+TEST_F(SnmpSetupTest, ALongTimeForTheMasterIsTheLongestThatItCanBeTold) {
+  SnmpSettings settings;
+  AgentxSession::Settings session;
+  for (const auto &[configured, told] :
+       {std::pair(254, 254), {255, 255}, {256, 255}, {1000, 255}}) {
+    Configure("vexhostd.conf", "agentXTimeout " + std::to_string(configured) + "\n");
+    testing::internal::CaptureStderr();
+    ASSERT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, &session));
+    UnloadSnmp(kApplication);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(session.timeout_seconds, told) << configured;
+  }
+}
+
 std::string WhyItDoesNotLoad() {
   SnmpSettings settings;
   AgentxSession::Settings session;
@@ -199,6 +239,18 @@ TEST_F(SnmpSetupTest, AnAgentLibraryThatIsNotAsItShouldBeIsSaid) {
   }
   TheLibrary().init_agent = [](const char *) { return -1; };
   EXPECT_EQ(WhyItDoesNotLoad(), "the SNMP agent library does not start");
+}
+
+// What is left of a start that has failed would say the next one's messages as well.
+TEST_F(SnmpSetupTest, AConfigurationThatIsRefusedLeavesNothing) {
+  const std::string pipe = directory_ + "/vexhostd.conf";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_EQ(WhyItDoesNotLoad(), pipe + ": It is a pipe");
+  testing::internal::CaptureStderr();
+  PrepareSnmpLibrary();
+  snmp_log(LOG_WARNING, "a line\n");
+  snmp_shutdown(kApplication);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "a line\n");
 }
 
 // ---- The master's socket ----
@@ -260,6 +312,24 @@ TEST_F(SnmpSetupTest, WithoutAWatchTimeAloneTells) {
   EXPECT_LE(finder.NextAttempt(), Clock::now() + std::chrono::milliseconds(200));
   finder.Watch();
   EXPECT_GE(finder.WatchFd(), 0);
+}
+
+// The process may have been started without standard input.
+TEST_F(SnmpSetupTest, AWatchIsOneWhateverItsDescriptor) {
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  MasterFinder finder(AtPath(directory_ + "/master"));
+  for (int times = 0; times < 2; times++) {
+    finder.Watch();
+    EXPECT_EQ(finder.WatchFd(), STDIN_FILENO);
+  }
+  finder.Found();
+  EXPECT_EQ(finder.WatchFd(), -1);
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+  if (input >= 0) {
+    dup2(input, STDIN_FILENO);
+    close(input);
+  }
 }
 
 // ---- What the SNMP process says of a set ----
