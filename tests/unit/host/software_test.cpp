@@ -407,6 +407,7 @@ TEST_F(Software, ReadsComponentVersionsFromTheEv) {
   EXPECT_EQ(rec::Int(Row(3), "tlxHoSwVerStatus"), 1);
   EXPECT_EQ(rec::Publications(Row(0)), 2);
   EXPECT_EQ(rec::Publications(Row(3)), 1);
+  ASSERT_EQ(update_component_versions(), 0);
   ASSERT_EQ(do_swver(), 0);
   EXPECT_EQ(rec::Publications(Row(0)), 2);
 }
@@ -493,11 +494,13 @@ TEST_F(Software, ReportsThatRpmCannotBeRun) {
 }
 
 TEST_F(Software, RpmThatIsKilledHasNotAnswered) {
-  rec::PutCommand(kAgentVersion, "8.\n", 128 + SIGKILL);
   rec::AllowUndefinedSlots("host/swverag");
-  ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(rec::Messages(), Strings{"vexhostd FAILED to read for agent swversion\n"});
-  EXPECT_EQ(rec::Live("host/swverag")->desc[0].type, 0);
+  for (const int status : {128, 128 + SIGKILL}) {
+    rec::PutCommand(kAgentVersion, "8.\n", status);
+    ASSERT_EQ(do_swver(), 0);
+    EXPECT_EQ(rec::Messages(), Strings{"vexhostd FAILED to read for agent swversion\n"});
+    EXPECT_EQ(rec::Live("host/swverag")->desc[0].type, 0);
+  }
   // It did not hang: the next pass asks again.
   rec::PutCommand(kAgentVersion, "8.1.0\n");
   ASSERT_EQ(do_swver(), 0);
@@ -688,10 +691,14 @@ TEST_F(Software, APackageGoesWithTheListingOrWhenItsQueryFails) {
 }
 
 TEST_F(Software, AnEmptiedListingRemovesThePackages) {
+  ASSERT_EQ(do_swver(), 0);
+  const size_t blocks = rec::Blocks();
   PutPackages({{"glut"}});
   Rescan();
+  EXPECT_EQ(rec::Blocks(), blocks + 2);  // the row and its key
   rec::PutCommand(kListing, "");
   Rescan();
+  EXPECT_EQ(rec::Blocks(), blocks);
   EXPECT_EQ(rec::Live(Row(4)), nullptr);
   EXPECT_EQ(Name(3), "DISKDR");
 }
@@ -1138,7 +1145,9 @@ TEST_F(Software, ReportsARowThatCannotBeInserted) {
   ASSERT_EQ(do_swver(), 0);
   rec::Fail("ordinsert_Q");
   PutPackages({{"glut"}, {"qvdiags"}});
+  const size_t blocks = rec::Blocks();
   Rescan();
+  EXPECT_EQ(rec::Blocks(), blocks);
   EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: qvdiags_amd64  (PEER3023)\n"});
   EXPECT_NE(rec::Live(Row(5)), nullptr);  // it stays, unpublished
   EXPECT_EQ(rec::Publications(Row(5)), 0);
@@ -1160,7 +1169,9 @@ TEST_F(Software, ARowWithoutMemoryIsMadeByTheNextPass) {
     PutPackages(packages);
     rec::ForgetEvents();
     rec::Fail(call, "*", 0, ENOMEM);
+    const size_t blocks = rec::Blocks();
     Rescan();
+    EXPECT_EQ(rec::Blocks(), blocks);
     EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: " + std::string(name) +
                                        "_amd64  (PEER3023)\n"});
     EXPECT_EQ(rec::Live(Row(row)), nullptr);
