@@ -103,14 +103,11 @@ static void update_version(swver_row *row) {
   if (found == nullptr) {
     return;
   }
-  char version[16];
-  snprintf(version, 8, "%d.%d", found[0], found[1]);
-  if (strncmp(version, "0.0", 3) == 0) {
+  if (found[0] == 0 && found[1] == 0) {
     return;  // not installed, or unknown
   }
-  const size_t length = strlen(version);
-  version[length] = static_cast<char>(found[2]);
-  version[length + 1] = '\0';
+  char version[16];
+  snprintf(version, sizeof(version), "%d.%d%c", found[0], found[1], found[2]);
   swver_update(row, version, data->description, data->name, data->type, SWVER_STATUS_FOUND);
 }
 

@@ -436,7 +436,7 @@ TEST_F(Software, AShortEvIsZeroBeyondItsEnd) {
 TEST_F(Software, ARowRenamedToOptionRomkitGetsItsVersion) {
   std::string ev(136, '\0');
   ev.replace(33, 3,
-             std::string("\x07\x01"
+             std::string("\x00\x01"
                          "c",
                          3));
   rec::PutEv("ZTHUV", ev);
@@ -447,7 +447,7 @@ TEST_F(Software, ARowRenamedToOptionRomkitGetsItsVersion) {
   EXPECT_EQ(Version(4), "1.0");  // type 5
   EXPECT_EQ(rec::Set(Row(4), "tlxHoSwVerType", 4), 0);
   ASSERT_EQ(do_swver(), 0);
-  EXPECT_EQ(Version(4), "7.1c");
+  EXPECT_EQ(Version(4), "0.1c");
   EXPECT_EQ(Name(4), "OPTIONROMKIT");
   Rescan();
   EXPECT_EQ(Name(4), "glut_amd64");
