@@ -240,7 +240,9 @@ TEST_F(Firmware, AGapIsFilledByTheNextRow) {
   EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 4);
 }
 
-TEST_F(Firmware, RowsOfAllPatterns) {
+namespace {
+
+void PutFilesOfAllPatterns() {
   rec::PutFile("/proc/driver/tlxarray/ida0",
                "ida0: Array\nBoard ID: 0x2\nFirmware Revision: 2.0\n");
   rec::PutFile("/proc/driver/cciss/cciss0",
@@ -254,6 +256,12 @@ TEST_F(Firmware, RowsOfAllPatterns) {
                "Description NIC\nDriver d\nBus b\nBootcode_Version 4.0\n");
   rec::PutFile("/proc/net/nicinfo/eth1.info",
                "Description NIC\nDriver d\nBus b\nBootcode_Version 4.1\n");
+}
+
+}  // namespace
+
+TEST_F(Firmware, RowsOfAllPatterns) {
+  PutFilesOfAllPatterns();
   ASSERT_EQ(do_fwver(), 0);
   std::map<std::string, std::string> versions;
   for (int i = 0; i < 6; i++) {
@@ -267,6 +275,17 @@ TEST_F(Firmware, RowsOfAllPatterns) {
                                                           {"eth1", "4.1"}}));
   // A one-digit adapter is not one of the pattern's.
   EXPECT_EQ(rec::Live(Row(6)), nullptr);
+}
+
+TEST_F(Firmware, ARowIsNamedByWhatAPatternsFilesDifferIn) {
+  PutFilesOfAllPatterns();
+  rec::Fail("create_obj");
+  ASSERT_EQ(do_fwver(), 0);
+  Strings messages;
+  for (const char *name : {"ida0", "cciss0", "qla2300/10", "ide0/hda", "eth0", "eth1"}) {
+    messages.push_back("vexhostd: Can't create object: " + std::string(name) + "  (PEER3023)\n");
+  }
+  EXPECT_EQ(rec::Messages(), messages);
 }
 
 TEST_F(Firmware, AFileThatCannotBeOpenedIsSkipped) {
