@@ -10,56 +10,20 @@
 
 // ---- Records ----------------------------------------------------------------------------------
 
-static const swver_data records[] = {
-    {1,
-     SWVER_STATUS_UNKNOWN,
-     SWVER_TYPE_COMPONENT,
-     "CONFIG",
-     "QV System Configuration Utility",
-     {},
-     "",
-     "0.0",
-     "0.0",
-     {}},
-    {2,
-     SWVER_STATUS_UNKNOWN,
-     SWVER_TYPE_COMPONENT,
-     "SYSTEMROMKIT",
-     "QV System ROMKIT Utility",
-     {},
-     "",
-     "0.0",
-     "0.0",
-     {}},
-    {3,
-     SWVER_STATUS_UNKNOWN,
-     SWVER_TYPE_COMPONENT,
-     "DIAGS",
-     "QV Diagnostics Utility",
-     {},
-     "",
-     "0.0",
-     "0.0",
-     {}},
-    {4,
-     SWVER_STATUS_UNKNOWN,
-     SWVER_TYPE_COMPONENT,
-     "DISKDR",
-     "QV Drive Array Diagnostic Utility",
-     {},
-     "",
-     "0.0",
-     "0.0",
-     {}},
+static const component_record records[] = {
+    {"CONFIG", "QV System Configuration Utility"},
+    {"SYSTEMROMKIT", "QV System ROMKIT Utility"},
+    {"DIAGS", "QV Diagnostics Utility"},
+    {"DISKDR", "QV Drive Array Diagnostic Utility"},
     {},
 };
 
-const swver_data *component_records() {
+const component_record *component_records() {
   return records;
 }
 
-const swver_data *find_component(const char *name) {
-  for (const swver_data *record = records; record->index != 0; record++) {
+const component_record *find_component(const char *name) {
+  for (const component_record *record = records; record->name != nullptr; record++) {
     if (strcmp(record->name, name) == 0) {
       return record;
     }
@@ -103,14 +67,11 @@ static void update_version(swver_row *row) {
   if (found == nullptr) {
     return;
   }
-  char version[16];
-  snprintf(version, 8, "%d.%d", found[0], found[1]);
-  if (strncmp(version, "0.0", 3) == 0) {
+  if (found[0] == 0 && found[1] == 0) {
     return;  // not installed, or unknown
   }
-  const size_t length = strlen(version);
-  version[length] = static_cast<char>(found[2]);
-  version[length + 1] = '\0';
+  char version[16];
+  snprintf(version, sizeof(version), "%d.%d%c", found[0], found[1], found[2]);
   swver_update(row, version, data->description, data->name, data->type, SWVER_STATUS_FOUND);
 }
 

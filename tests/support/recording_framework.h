@@ -223,6 +223,8 @@ void SetTime(time_t now);
 void PassTime(double seconds);
 // clock_gettime(CLOCK_BOOTTIME) does.
 void SetBootTime(time_t now);
+// How many blocks of calloc(), realloc() and strdup() were not freed yet.
+size_t Blocks();
 // sleep(), usleep(), nanosleep() (in milliseconds), alarm() and rmdir() are recorded and return at
 // once with 0; nothing is armed or removed.
 

@@ -136,6 +136,20 @@ std::optional<uid_t> user;
 std::map<std::string, timespec> births;
 int64_t passed_ns;  // by PassTime()
 
+// Reached until the process ends: memory is freed to the last.
+std::set<const void *> &TheBlocks() {
+  static auto *blocks = new std::set<const void *>;
+  return *blocks;
+}
+
+template <typename T>
+T *Allocated(T *memory) {
+  if (memory != nullptr) {
+    TheBlocks().insert(memory);
+  }
+  return memory;
+}
+
 }  // namespace
 
 namespace rec {
@@ -234,6 +248,10 @@ void PassTime(double seconds) {
 
 void SetBootTime(time_t when) {
   since_boot = when;
+}
+
+size_t Blocks() {
+  return TheBlocks().size();
 }
 
 }  // namespace rec
@@ -539,17 +557,27 @@ int __wrap_uname(utsname *result) {
 // Allocations of the code under test that fail when told to; it asks malloc() for nothing itself.
 void *__real_calloc(size_t count, size_t size);
 void *__wrap_calloc(size_t count, size_t size) {
-  return rec::Fails("calloc", "") ? nullptr : __real_calloc(count, size);
+  return rec::Fails("calloc", "") ? nullptr : Allocated(__real_calloc(count, size));
 }
 
 void *__real_realloc(void *memory, size_t size);
 void *__wrap_realloc(void *memory, size_t size) {
-  return rec::Fails("realloc", "") ? nullptr : __real_realloc(memory, size);
+  if (rec::Fails("realloc", "")) {
+    return nullptr;
+  }
+  TheBlocks().erase(memory);
+  return Allocated(__real_realloc(memory, size));
 }
 
 char *__real_strdup(const char *text);
 char *__wrap_strdup(const char *text) {
-  return rec::Fails("strdup", text) ? nullptr : __real_strdup(text);
+  return rec::Fails("strdup", text) ? nullptr : Allocated(__real_strdup(text));
+}
+
+void __real_free(void *memory);
+void __wrap_free(void *memory) {
+  TheBlocks().erase(memory);
+  __real_free(memory);
 }
 
 FILE *__real_fmemopen(void *memory, size_t size, const char *mode);

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <random>
+#include <set>
 
+#include "agent/orders.h"
 #include "tests/support/recording_framework.h"
 
 namespace {
@@ -282,6 +284,36 @@ TEST_F(Agent, PollsInOrderBetweenTheAlarms) {
   EXPECT_LT(Place("log_data", "host/cpu.0"), Place("log_data", "host/filesys.0"));
   EXPECT_LT(Place("log_data", "host/filesys.0"), Place("log_data", "host/memory"));
   EXPECT_EQ(rec::Count("log_data", "host/hwinfo"), 0);
+}
+
+// By its record vexreg judges whether the values of a group are out of date.
+TEST_F(Agent, AGroupsRecordSaysWhetherEachPollPublishesIt) {
+  rec::PutFile("/proc/loadavg", "0.10 0.20 0.30 1/100 1000\n");
+  rec::PutFile("/proc/uptime", "100.00 200.00\n");
+  rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
+  rec::PutMount("/", {MOUNT_ANSWERED, 0, 4096, 1024, 10, 10, 5});
+  rec::PutCommand("rpm -qa | grep -w qv-snmp | cut -d - -f4", "1.0\n");
+  rec::SetAppliance(true, 7, {{"ProductName", "Box"}});
+  ASSERT_EQ(Start({"-i"}), 0);
+  // What the second pass of the firmware's collectors finds is new.
+  ASSERT_EQ(get_data(), 0);
+  rec::ForgetEvents();
+  ASSERT_EQ(get_data(), 0);
+  std::set<std::string> published, said;
+  for (const std::string &object : rec::Names("log_data")) {
+    published.insert(object.substr(0, object.find('.')));
+  }
+  for (const group *const *order : {start_order, last_order, detail_order}) {
+    for (; *order != nullptr; order++) {
+      for (const group *g = *order; g != nullptr; g = g->along) {
+        if (g->each_poll) {
+          said.insert(std::string("host/") + g->name);
+        }
+      }
+    }
+  }
+  EXPECT_EQ(published, said);
+  EXPECT_TRUE(published.contains("host/agent"));
 }
 
 TEST_F(Agent, AGroupOfDetailsThatFailsIsALineAndHoldsUpNoOther) {

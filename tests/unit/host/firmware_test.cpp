@@ -184,6 +184,19 @@ TEST_F(Firmware, AFileWithMoreRecordsHasMoreRows) {
   EXPECT_EQ(rec::Int(Row(3), "tlxHoFwVerCategory"), 1);
 }
 
+TEST_F(Firmware, ARowThatGoesLeavesNoMemoryBehind) {
+  PutScsi({ScsiDevice(0)});
+  ASSERT_EQ(do_fwver(), 0);
+  ASSERT_EQ(do_fwver(), 0);
+  const size_t blocks = rec::Blocks();
+  PutScsi({ScsiDevice(0), ScsiDevice(1), ScsiDevice(2)});
+  ASSERT_EQ(do_fwver(), 0);
+  EXPECT_EQ(rec::Blocks(), blocks + 4);  // the rows and their names
+  PutScsi({ScsiDevice(0)});
+  ASSERT_EQ(do_fwver(), 0);
+  EXPECT_EQ(rec::Blocks(), blocks);
+}
+
 TEST_F(Firmware, TheIndexColumnReadsZeroAfterTheFirstUpdate) {
   PutScsi({ScsiDevice(0), ScsiDevice(1)});
   ASSERT_EQ(do_fwver(), 0);
@@ -227,7 +240,9 @@ TEST_F(Firmware, AGapIsFilledByTheNextRow) {
   EXPECT_EQ(rec::Int("host/misc", "tlxHoSwVerNextIndex"), 4);
 }
 
-TEST_F(Firmware, RowsOfAllPatterns) {
+namespace {
+
+void PutFilesOfAllPatterns() {
   rec::PutFile("/proc/driver/tlxarray/ida0",
                "ida0: Array\nBoard ID: 0x2\nFirmware Revision: 2.0\n");
   rec::PutFile("/proc/driver/cciss/cciss0",
@@ -241,6 +256,12 @@ TEST_F(Firmware, RowsOfAllPatterns) {
                "Description NIC\nDriver d\nBus b\nBootcode_Version 4.0\n");
   rec::PutFile("/proc/net/nicinfo/eth1.info",
                "Description NIC\nDriver d\nBus b\nBootcode_Version 4.1\n");
+}
+
+}  // namespace
+
+TEST_F(Firmware, RowsOfAllPatterns) {
+  PutFilesOfAllPatterns();
   ASSERT_EQ(do_fwver(), 0);
   std::map<std::string, std::string> versions;
   for (int i = 0; i < 6; i++) {
@@ -254,6 +275,17 @@ TEST_F(Firmware, RowsOfAllPatterns) {
                                                           {"eth1", "4.1"}}));
   // A one-digit adapter is not one of the pattern's.
   EXPECT_EQ(rec::Live(Row(6)), nullptr);
+}
+
+TEST_F(Firmware, ARowIsNamedByWhatAPatternsFilesDifferIn) {
+  PutFilesOfAllPatterns();
+  rec::Fail("create_obj");
+  ASSERT_EQ(do_fwver(), 0);
+  Strings messages;
+  for (const char *name : {"ida0", "cciss0", "qla2300/10", "ide0/hda", "eth0", "eth1"}) {
+    messages.push_back("vexhostd: Can't create object: " + std::string(name) + "  (PEER3023)\n");
+  }
+  EXPECT_EQ(rec::Messages(), messages);
 }
 
 TEST_F(Firmware, AFileThatCannotBeOpenedIsSkipped) {
@@ -305,7 +337,9 @@ TEST_F(Firmware, ARowWithoutMemoryIsMadeByTheNextPass) {
     devices.push_back(ScsiDevice(static_cast<int>(devices.size())));
     PutScsi(devices);
     rec::Fail(call, "*", 0, ENOMEM);
+    const size_t blocks = rec::Blocks();
     ASSERT_EQ(do_fwver(), 0);
+    EXPECT_EQ(rec::Blocks(), blocks);
     EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: /proc/scsi/scsi" +
                                        (device == "0" ? "" : device) + "  (PEER3023)\n"});
     rec::StopFailing();
@@ -350,20 +384,6 @@ TEST_F(Firmware, ARowThatCannotBeTakenOutIsKeptForTheNextPass) {
   EXPECT_NE(rec::Live(Row(1)), nullptr);
   ASSERT_EQ(do_fwver(), 0);
   EXPECT_EQ(rec::Live(Row(1)), nullptr);
-}
-
-TEST(FirmwareTurns, ComeFirstAndThenEveryDivisorthPass) {
-  const auto turns = [](int divisor) {
-    std::string all;
-    int counter = 0;
-    for (int pass = 0; pass < 7; pass++) {
-      all += is_due(&counter, divisor) ? 'x' : '-';
-    }
-    return all;
-  };
-  EXPECT_EQ(turns(1), "xxxxxxx");
-  EXPECT_EQ(turns(2), "x-x-x-x");
-  EXPECT_EQ(turns(3), "x--x--x");
 }
 
 TEST_F(Firmware, WorksWithoutTheMiscGroup) {
@@ -881,13 +901,15 @@ TEST_F(Firmware, Transactions) {
 
 namespace {
 
-// One pass over the eleven devices: the versions, "" where there is no row.
+const std::string kNoRow = "no row";
+
+// One pass over the eleven devices: the versions, and kNoRow where there is none.
 Strings LogicVersions() {
   Strings versions;
   for (int i = 0; i < 11; i++) {
     const auto row = CollectFixed(collect_programmable_logic, "device");
     EXPECT_EQ(row->more, 0);
-    versions.push_back(row->result == 0 ? row->record.version : "");
+    versions.push_back(row->result == 0 ? row->record.version : kNoRow);
   }
   return versions;
 }
@@ -949,37 +971,37 @@ TEST_F(Firmware, AsksForProgrammableLogicOncePerPass) {
   }
   EXPECT_EQ(rec::Names("TlxCiRecv"), Strings{"5000"});
   // A zero field fails its own row alone.
-  EXPECT_EQ(LogicVersions(), (Strings{"", "0x12", "0xAB", "0x04", "", "03.02.01", "00.00.00",
-                                      "0D.0E.0F", "0x05", "0x06", ""}));
+  EXPECT_EQ(LogicVersions(), (Strings{kNoRow, "0x12", "0xAB", "0x04", kNoRow, "03.02.01",
+                                      "00.00.00", "0D.0E.0F", "0x05", "0x06", kNoRow}));
   EXPECT_EQ(rec::Count("TlxCiSend"), 2);
   // A controller that stops answering ends it for good.
-  EXPECT_EQ(LogicVersions(), Strings(11));
+  EXPECT_EQ(LogicVersions(), Strings(11, kNoRow));
   EXPECT_EQ(rec::Count("TlxCiSend"), 3);
   rec::PutReplies({{0, LogicReply(kLogicFields)}});
-  EXPECT_EQ(LogicVersions(), Strings(11));
+  EXPECT_EQ(LogicVersions(), Strings(11, kNoRow));
   EXPECT_EQ(rec::Count("TlxCiSend"), 3);
 }
 
 TEST_F(Firmware, AWrongReplyCodeEndsProgrammableLogic) {
   rec::SetController(TLXCI_INTEGRATED);
   rec::PutReplies({{0, LogicReply(kLogicFields, 0x1A1)}, {0, LogicReply(kLogicFields)}});
-  EXPECT_EQ(LogicVersions(), Strings(11));
-  EXPECT_EQ(LogicVersions(), Strings(11));
+  EXPECT_EQ(LogicVersions(), Strings(11, kNoRow));
+  EXPECT_EQ(LogicVersions(), Strings(11, kNoRow));
   EXPECT_EQ(rec::Count("TlxCiSend"), 1);
 }
 
 TEST_F(Firmware, AShortLogicReplyIsZeroBeyondItsEnd) {
   rec::SetController(TLXCI_INTEGRATED);
   rec::PutReplies({{0, LogicReply(kLogicFields).substr(0, 16)}});
-  Strings expected(11);
+  Strings expected(11, kNoRow);
   expected[0] = "0x01";
   expected[1] = "0x12";
   EXPECT_EQ(LogicVersions(), expected);
 }
 
 TEST_F(Firmware, WithoutAControllerLogicIsAskedForOnceWithoutAPause) {
-  EXPECT_EQ(LogicVersions(), Strings(11));
-  EXPECT_EQ(LogicVersions(), Strings(11));
+  EXPECT_EQ(LogicVersions(), Strings(11, kNoRow));
+  EXPECT_EQ(LogicVersions(), Strings(11, kNoRow));
   EXPECT_EQ(rec::Count("initializeRemoteVantix"), 1);
   EXPECT_EQ(rec::Count("sleep"), 0);
 }
