@@ -42,45 +42,49 @@ constexpr group fwver_group = described<firmware_record>({
 
 // ---- State --------------------------------------------------------------------------------------
 
-// Collectors in the order in which each pass calls them. A name that begins with "/" is a pattern:
-// each file that matches is read, and its row is named by the path without prefix and suffix.
+// Collectors in the order in which they are called. A name that begins with "/" is a pattern: each
+// file that matches is read, and its row is named by the path without prefix and suffix.
 struct collector_entry {
   const char *name;
+  size_t prefix;
+  size_t suffix;
   firmware_collector collect;
-  size_t prefix = {};
-  size_t suffix = {};
+  uint32_t key;  // tells whose rows are whose
+  int divisor;   // called on the first pass and then on every divisor-th
+  int counter;
 };
 
-static constexpr collector_entry collectors[] = {
-    {"System Rom", collect_system_rom},
-    {"System Management Chip", collect_integrated_controller},
-    {"Remote Management Card", collect_remote_card},
-    {array_files, collect_ida, 22},
-    {raid_files, collect_cciss, 19},
-    {fibre_channel_files, collect_fibre_channel, 11},
-    {scsi_device_list, collect_scsi_device},
-    {ide_files, collect_ide_drive, 10, 9},
-    {network_adapter_files, collect_network_adapter, 18, 5},
-    {"PowerPIC", collect_powerpic},
-    {"Servala KX770 R7 SPI Board PAL", collect_programmable_logic},
-    {"Servala KX770 R7 Main I/O PAL", collect_programmable_logic},
-    {"Servala KX770 R7 Upper CPU PAL", collect_programmable_logic},
-    {"Servala KX770 R7 Lower CPU PAL", collect_programmable_logic},
-    {"Servala KX770 R7 Upper ZRB", collect_programmable_logic},
-    {"Servala KX770 R7 Lower ZRB", collect_programmable_logic},
-    {"Servala KX770 R7 ZRB Upper FPGA", collect_programmable_logic},
-    {"Servala KX770 R7 ZRB Lower FPGA", collect_programmable_logic},
-    {"Servala KX770 R7 SFF PCIe Board PAL", collect_programmable_logic},
-    {"Servala KX770 R7 Standard PCIe Board PAL", collect_programmable_logic},
-    {"Servala KX770 R7 Combo PCIe & PCI-X Board PAL", collect_programmable_logic},
+static collector_entry collectors[] = {
+    {"System Rom", 0, 0, collect_system_rom, 0xdead1, 1, 0},
+    {"System Management Chip", 0, 0, collect_integrated_controller, 0xdead2, 1, 0},
+    {"Remote Management Card", 0, 0, collect_remote_card, 0xdead3, 1, 0},
+    {array_files, 22, 0, collect_ida, 0xdead4, 1, 0},
+    {raid_files, 19, 0, collect_cciss, 0xdead5, 1, 0},
+    {fibre_channel_files, 11, 0, collect_fibre_channel, 0xdead6, 1, 0},
+    {scsi_device_list, 0, 0, collect_scsi_device, 0xdead7, 1, 0},
+    {ide_files, 10, 9, collect_ide_drive, 0xdead8, 1, 0},
+    {network_adapter_files, 18, 5, collect_network_adapter, 0xdead9, 1, 0},
+    {"PowerPIC", 0, 0, collect_powerpic, 0xdeada, 1, 0},
+    {"Servala KX770 R7 SPI Board PAL", 0, 0, collect_programmable_logic, 0xdeadb, 1, 0},
+    {"Servala KX770 R7 Main I/O PAL", 0, 0, collect_programmable_logic, 0xdeadc, 1, 0},
+    {"Servala KX770 R7 Upper CPU PAL", 0, 0, collect_programmable_logic, 0xdeadd, 1, 0},
+    {"Servala KX770 R7 Lower CPU PAL", 0, 0, collect_programmable_logic, 0xdeade, 1, 0},
+    {"Servala KX770 R7 Upper ZRB", 0, 0, collect_programmable_logic, 0xdeadf, 1, 0},
+    {"Servala KX770 R7 Lower ZRB", 0, 0, collect_programmable_logic, 0xdead10, 1, 0},
+    {"Servala KX770 R7 ZRB Upper FPGA", 0, 0, collect_programmable_logic, 0xdead11, 1, 0},
+    {"Servala KX770 R7 ZRB Lower FPGA", 0, 0, collect_programmable_logic, 0xdead12, 1, 0},
+    {"Servala KX770 R7 SFF PCIe Board PAL", 0, 0, collect_programmable_logic, 0xdead13, 1, 0},
+    {"Servala KX770 R7 Standard PCIe Board PAL", 0, 0, collect_programmable_logic, 0xdead14, 1, 0},
+    {"Servala KX770 R7 Combo PCIe & PCI-X Board PAL", 0, 0, collect_programmable_logic, 0xdead15, 1,
+     0},
 };
 static_assert(sizeof(collectors) / sizeof(*collectors) == 21);
 
 struct fwver_row {
-  char *name;                        // owned; collectors' results are matched to rows by it
-  int32_t seen;                      // 1: produced by its collector in this pass
-  int32_t changed;                   // 1: differs from what was last published
-  const collector_entry *collector;  // whose row it is
+  char *name;       // owned; collectors' results are matched to rows by it
+  int32_t seen;     // 1: produced by its collector in this pass
+  int32_t changed;  // 1: differs from what was last published
+  uint32_t collector_key;
   registry_object *object;
 };
 
@@ -132,8 +136,7 @@ static fwver_row *create(const char *name, const firmware_record *record) {
 
 // Takes over a collector's record, whose index is always 0. The index takes part: at its first
 // update a row reads 0 in its index column. Rows are told apart by their objects' numbers.
-static void update_row(const char *name, const collector_entry *collector,
-                       const firmware_record *record) {
+static void update_row(const char *name, uint32_t collector_key, const firmware_record *record) {
   fwver_row *row = table.find(name);
   if (row == nullptr) {
     row = create(name, record);
@@ -147,7 +150,7 @@ static void update_row(const char *name, const collector_entry *collector,
     memcpy(row->object->data, record, sizeof(*record));
   }
   row->seen = 1;
-  row->collector = collector;
+  row->collector_key = collector_key;
 }
 
 queue_element *first_firmware() {
@@ -164,10 +167,10 @@ bool next_firmware(queue_element **cursor, firmware_view *view) {
   return true;
 }
 
-static void forget_seen(const collector_entry *collector) {
+static void forget_seen(uint32_t collector_key) {
   queue_element *cursor = table.rows.head;
   while (fwver_row *row = table.next(&cursor)) {
-    if (row->collector == collector) {
+    if (row->collector_key == collector_key) {
       row->seen = 0;
     }
   }
@@ -196,7 +199,7 @@ static void collect_fixed(const collector_entry &entry) {
   firmware_record record = {};
   int more = 0;
   if (entry.collect(nullptr, entry.name, &record, &more) == 0) {
-    update_row(entry.name, &entry, &record);
+    update_row(entry.name, entry.key, &record);
   }
 }
 
@@ -212,7 +215,7 @@ static void collect_file(const collector_entry &entry, const char *path) {
   for (int number = 1;; number++) {
     firmware_record record = {};
     if (entry.collect(stream.get(), name, &record, &more) == 0) {
-      update_row(name, &entry, &record);
+      update_row(name, entry.key, &record);
     }
     if (feof(stream.get()) != 0 || (more & 1) == 0) {
       return;
@@ -229,6 +232,15 @@ static void collect_pattern(const collector_entry &entry) {
     }
     globfree(&matches);
   }
+}
+
+bool is_due(int *counter, int divisor) {
+  if (*counter < divisor) {
+    ++*counter;
+    return *counter == 1;
+  }
+  *counter = 1;
+  return true;
 }
 
 // ---- Publishing ---------------------------------------------------------------------------------
@@ -256,11 +268,14 @@ static void remove_unseen() {
 // ---- Entry point --------------------------------------------------------------------------------
 
 int do_fwver() {
-  for (const collector_entry &entry : collectors) {
+  for (collector_entry &entry : collectors) {
     if (agent_ending() != 0) {
       return 0;
     }
-    forget_seen(&entry);
+    if (!is_due(&entry.counter, entry.divisor)) {
+      continue;
+    }
+    forget_seen(entry.key);
     if (entry.name[0] == '/') {
       collect_pattern(entry);
     } else {

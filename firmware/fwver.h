@@ -44,7 +44,7 @@ inline constexpr char system_board[] = "System Board";
 using firmware_collector = int (*)(FILE *stream, const char *name, firmware_record *record,
                                    int *more);
 
-// Calls every collector, and publishes what changed. Returns 0.
+// Calls every collector that is due, and publishes what changed. Returns 0.
 int do_fwver();
 
 // What the last pass has of one row.
@@ -67,5 +67,9 @@ inline constexpr size_t longest_row_name = 256;
 // left. Returns the name's length.
 size_t row_name_of(char (&buffer)[longest_row_name + 1], const char *path, size_t prefix,
                    size_t suffix);
+
+// Whether a collector's turn has come: on the first pass and then on every divisor-th. counter is
+// its own, 0 at first.
+bool is_due(int *counter, int divisor);
 
 #endif

@@ -10,20 +10,56 @@
 
 // ---- Records ----------------------------------------------------------------------------------
 
-static const component_record records[] = {
-    {"CONFIG", "QV System Configuration Utility"},
-    {"SYSTEMROMKIT", "QV System ROMKIT Utility"},
-    {"DIAGS", "QV Diagnostics Utility"},
-    {"DISKDR", "QV Drive Array Diagnostic Utility"},
+static const swver_data records[] = {
+    {1,
+     SWVER_STATUS_UNKNOWN,
+     SWVER_TYPE_COMPONENT,
+     "CONFIG",
+     "QV System Configuration Utility",
+     {},
+     "",
+     "0.0",
+     "0.0",
+     {}},
+    {2,
+     SWVER_STATUS_UNKNOWN,
+     SWVER_TYPE_COMPONENT,
+     "SYSTEMROMKIT",
+     "QV System ROMKIT Utility",
+     {},
+     "",
+     "0.0",
+     "0.0",
+     {}},
+    {3,
+     SWVER_STATUS_UNKNOWN,
+     SWVER_TYPE_COMPONENT,
+     "DIAGS",
+     "QV Diagnostics Utility",
+     {},
+     "",
+     "0.0",
+     "0.0",
+     {}},
+    {4,
+     SWVER_STATUS_UNKNOWN,
+     SWVER_TYPE_COMPONENT,
+     "DISKDR",
+     "QV Drive Array Diagnostic Utility",
+     {},
+     "",
+     "0.0",
+     "0.0",
+     {}},
     {},
 };
 
-const component_record *component_records() {
+const swver_data *component_records() {
   return records;
 }
 
-const component_record *find_component(const char *name) {
-  for (const component_record *record = records; record->name != nullptr; record++) {
+const swver_data *find_component(const char *name) {
+  for (const swver_data *record = records; record->index != 0; record++) {
     if (strcmp(record->name, name) == 0) {
       return record;
     }

@@ -5,17 +5,11 @@
 
 #include "software/swver.h"
 
-// What is known of a utility before its version.
-struct component_record {
-  const char *name;
-  const char *description;
-};
-
-// The records in the order of the rows, ended by one without a name.
-const component_record *component_records();
+// The records as rows start with them, in the order of the rows, ended by one whose index is 0.
+const swver_data *component_records();
 
 // The record of that name, or null.
-const component_record *find_component(const char *name);
+const swver_data *find_component(const char *name);
 
 // Gives the rows of type SWVER_TYPE_COMPONENT the versions that the EV reports. The EV is read once
 // in the life of the process. Returns 0, or -1 when it could not be read.

@@ -412,17 +412,19 @@ static void create_agent_version() {
 }
 
 static void create_components() {
-  for (const component_record *record = component_records(); record->name != nullptr; record++) {
+  for (const swver_data *record = component_records(); record->index != 0; record++) {
     swver_row *row = swver_create(record->name);
     if (row == nullptr) {
       agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "do_init",
                        record->name);
       return;
     }
-    swver_update(row, "0.0", record->description, record->name, SWVER_TYPE_COMPONENT,
-                 SWVER_STATUS_UNKNOWN);
+    swver_data *data = swver_values(row);
+    const int32_t index = data->index;
+    *data = *record;
+    data->index = index;
     row->state = SWVER_PERMANENT;
-    row->judged = SWVER_TYPE_COMPONENT;
+    row->judged = record->type;
     row->changed = log_data(row->object) != 0;  // else the end of the pass publishes it
   }
 }

@@ -171,10 +171,11 @@ void swver_update(swver_row *row, const char *version, const char *description, 
     row->changed = 1;
   }
   store(data->description, sizeof(data->description), description);
-  const component_record *record = find_component(row->key);
+  const swver_data *record = find_component(row->key);
   if (record != nullptr) {
-    store(data->name, sizeof(data->name), record->name);
-    store(data->location, sizeof(data->location), "");
+    memcpy(data->name, record->name, sizeof(data->name));
+    memcpy(data->date, record->date, sizeof(data->date));
+    memcpy(data->location, record->location, sizeof(data->location));
   } else {
     store(data->name, sizeof(data->name), name);
   }

@@ -8,7 +8,7 @@
 
 #include "platform/framework.h"
 
-// The data block of a row.
+// The data block of a row; the component records (components.h) have the same layout.
 struct __attribute__((packed)) swver_data {
   int32_t index;
   int32_t status;
@@ -84,7 +84,7 @@ swver_row *swver_next(queue_element **cursor);
 swver_row *swver_create(const char *name);
 
 // Takes over what a pass found and marks the row changed when name, version, description, type or
-// status differ. A row of a component utility has its name from its record, and no location. The
+// status differ. A row of a component utility has name, date and location from its record. The
 // texts may lie in the row's own data block.
 void swver_update(swver_row *row, const char *version, const char *description, const char *name,
                   int32_t type, int32_t status);

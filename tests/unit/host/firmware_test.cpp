@@ -386,6 +386,20 @@ TEST_F(Firmware, ARowThatCannotBeTakenOutIsKeptForTheNextPass) {
   EXPECT_EQ(rec::Live(Row(1)), nullptr);
 }
 
+TEST(FirmwareTurns, ComeFirstAndThenEveryDivisorthPass) {
+  const auto turns = [](int divisor) {
+    std::string all;
+    int counter = 0;
+    for (int pass = 0; pass < 7; pass++) {
+      all += is_due(&counter, divisor) ? 'x' : '-';
+    }
+    return all;
+  };
+  EXPECT_EQ(turns(1), "xxxxxxx");
+  EXPECT_EQ(turns(2), "x-x-x-x");
+  EXPECT_EQ(turns(3), "x--x--x");
+}
+
 TEST_F(Firmware, WorksWithoutTheMiscGroup) {
   PutScsi({ScsiDevice(0)});
   ASSERT_EQ(do_fwver(), 0);
