@@ -2,11 +2,14 @@
 #include <errno.h>
 #include <getopt.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <map>
 #include <random>
 
+#include "agent/orders.h"
 #include "tests/support/recording_framework.h"
 
 namespace {
@@ -222,6 +225,19 @@ TEST_F(Agent, GoesOnWithoutACommunity) {
   EXPECT_EQ(rec::Messages()[0], "Failed to find a community_string, trying to continue...\n");
 }
 
+// One that nothing else of a start comes near.
+TEST_F(Agent, LetsGoOfTheCommunity) {
+  const auto in_use = [] {
+    const struct mallinfo2 memory = mallinfo2();
+    return memory.uordblks + memory.hblkhd;
+  };
+  constexpr size_t kLarge = 8 << 20;
+  rec::SetCommunity(std::string(kLarge, 'c'));
+  const size_t before = in_use();
+  EXPECT_EQ(Start({"-i"}), 0);
+  EXPECT_LT(in_use(), before + kLarge);
+}
+
 TEST_F(Agent, BuildsTheGroupsInOrder) {
   rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
   ASSERT_EQ(Start({"-i", "-z"}), 0);
@@ -282,6 +298,58 @@ TEST_F(Agent, PollsInOrderBetweenTheAlarms) {
   EXPECT_LT(Place("log_data", "host/cpu.0"), Place("log_data", "host/filesys.0"));
   EXPECT_LT(Place("log_data", "host/filesys.0"), Place("log_data", "host/memory"));
   EXPECT_EQ(rec::Count("log_data", "host/hwinfo"), 0);
+}
+
+// On a machine on which nothing changes from one poll to the next.
+TEST_F(Agent, EveryGroupIsPublishedAsOftenAsItsRecordSays) {
+  rec::PutDirectory("/proc");
+  rec::PutNothing("/var/lib/dpkg/available");
+  rec::PutFile("/etc/mtab", "/dev/x / ext4 rw 0 0\n");
+  rec::PutFile("/proc/scsi/scsi",
+               "Attached devices:\nHost: scsi0 Channel: 00 Id: 00 Lun: 00\n"
+               "  Vendor: MAKER    Model: DISK             Rev: 1.05\n"
+               "  Type:   Direct-Access                    ANSI  SCSI revision: 05\n");
+  ASSERT_EQ(Start({"-i"}), 0);
+  for (int poll = 0; poll < 2; poll++) {
+    ASSERT_EQ(get_data(), 0);
+  }
+  std::map<std::string, int> published;
+  for (const std::string &name : rec::LiveNames()) {
+    published[name] = rec::Publications(name);
+  }
+  for (int poll = 0; poll < 3; poll++) {
+    ASSERT_EQ(get_data(), 0);
+  }
+  for (const group *const *order : {poll_order, detail_order}) {
+    for (; *order != nullptr; order++) {
+      const std::string name = std::string("host/") + (*order)->name;
+      int objects = 0;
+      for (const auto &[object, before] : published) {
+        if (object == name || object.starts_with(name + ".")) {
+          EXPECT_EQ(rec::Publications(object) - before, (*order)->each_poll ? 3 : 0) << object;
+          objects++;
+        }
+      }
+      EXPECT_GT(objects, 0) << name;
+    }
+  }
+}
+
+// Without effect in this framework; another build of it may go by the flag.
+TEST_F(Agent, EveryGroupHasTheFlagOfItsKind) {
+  const std::map<std::string, int> expected = {
+      {"agent", 0},  {"cpu", 1},   {"filesys", 1}, {"fwkind", 1},
+      {"fwver", 1},  {"info", 1},  {"load", 0},    {"memdetail", 0},
+      {"memory", 0}, {"misc", 0},  {"mount", 1},   {"sibling", 1},
+      {"swkind", 1}, {"swver", 1}, {"hwinfo", 1},  {"appliance", 0},
+  };
+  std::map<std::string, int> flags;
+  for (const group *const *order : {start_order, last_order, detail_order}) {
+    for (; *order != nullptr; order++) {
+      flags[(*order)->name] = (*order)->flag;
+    }
+  }
+  EXPECT_EQ(flags, expected);
 }
 
 TEST_F(Agent, AGroupOfDetailsThatFailsIsALineAndHoldsUpNoOther) {

@@ -118,10 +118,12 @@ TEST(Ranmar, OctetsAreTheTopEightBits) {
   }
   EXPECT_EQ(octets[128], 0xA5);
   // 128 values are drawn for every call: the next sixteen begin with the 129th.
+  octets[16] = 0xA5;
   ASSERT_EQ(generate_octets(octets, 16), 0);
   for (int i = 0; i < 16; i++) {
     EXPECT_EQ(octets[i], integers.Next() >> 16) << i;
   }
+  EXPECT_EQ(octets[16], 0xA5);
   for (int i = 16; i < 128; i++) {
     integers.Next();
   }
