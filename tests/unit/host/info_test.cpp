@@ -374,6 +374,15 @@ TEST_F(Info, ReadsARoleAgainWhenThatFailed) {
   }
 }
 
+TEST_F(Info, ARoleThatIsReadAgainHasNothingOfTheFirstTry) {
+  rec::PutFile(kRoleFile, "a text that is replaced meanwhile");
+  rec::Fail("read", kRoleFile, 2);
+  rec::OnPause([] { rec::PutFile(kRoleFile, "web"); });
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(rec::Count("nanosleep"), 1);
+  EXPECT_EQ(Text(kRole), "web");
+}
+
 TEST_F(Info, DoesNotGoOnReadingWhenTheAgentEnds) {
   rec::PutFile(kRoleFile, "role");
   rec::Fail("openat", "*", 0, EIO);
