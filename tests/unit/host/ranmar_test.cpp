@@ -85,6 +85,7 @@ TEST(Ranmar, ValuesOfManySeeds) {
                                {0, 1},
                                {0, 168},
                                {0, 169},
+                               {0, 4471},  // of which one value is 0
                                {0, 13398},
                                {0, 22136},
                                {0, 30081},
