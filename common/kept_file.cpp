@@ -149,6 +149,7 @@ static ssize_t read_all(int descriptor, char *data, size_t size) {
   while (length < size) {
     const ssize_t n = read(descriptor, data + length, size - length);
     if (n < 0) {
+      memset(data, 0, length);  // the next try may find a shorter text
       return -1;
     }
     if (n == 0) {

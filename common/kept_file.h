@@ -23,10 +23,10 @@ struct kept_file {
 };
 
 // Reads at most size bytes of the file, and gives it the mode of a kept file if settle_mode says
-// so. A call that fails is tried again for less than a tenth of a second, or until the agent ends.
-// Returns the number of bytes, or -1 with errno: ENOENT when there is no file; EBADF, with a log
-// line, when it is refused: a link, another file's second name, a pipe, a device, or when somebody
-// else's link leads to it. Agent thread.
+// so. A call that fails is tried again for less than a tenth of a second, or until the agent ends;
+// it leaves zeros in the place of what it has read. Returns the number of bytes, or -1 with errno:
+// ENOENT when there is no file; EBADF, with a log line, when it is refused: a link, another file's
+// second name, a pipe, a device, or when somebody else's link leads to it. Agent thread.
 ssize_t read_kept_file(kept_file *file, void *data, size_t size, bool settle_mode);
 
 enum kept_result {

@@ -19,7 +19,6 @@ struct repair {
 // Without allocation: it is needed when there is no memory.
 static constexpr int most_repairs = 256;
 static repair repairs[most_repairs];
-static int pending;
 
 // ---- Repairs ------------------------------------------------------------------------------------
 
@@ -43,7 +42,6 @@ static void remember(registry_object *object, const variable *table, int count) 
                      object->name);
     return;
   }
-  pending += place->object == nullptr ? 1 : 0;
   place->object = object;
   copy_field(place->name, object->name);
   if (table != nullptr) {
@@ -81,9 +79,6 @@ void publish_once(registry_object *object) {
 }
 
 void repair_objects() {
-  if (pending == 0) {
-    return;
-  }
   for (repair &r : repairs) {
     if (r.object == nullptr) {
       continue;
@@ -93,6 +88,5 @@ void repair_objects() {
       continue;
     }
     r = {};
-    pending--;
   }
 }

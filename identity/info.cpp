@@ -129,9 +129,6 @@ static void read_role(kept_text *text, char *field, size_t field_size, bool sett
   const ssize_t length = read_kept_file(text->file, field, field_size - 1, settle_mode);
   const int error = errno;
   const bool unread = length < 0 && error != ENOENT && error != EBADF;
-  if (length < 0) {
-    memset(field, 0, field_size);
-  }
   if (unread && !text->unread) {
     agentlog_fprintf(stderr, "%s: Can't read %s/%s: %s\n", agent, REGISTRY_ROOT, text->file->name,
                      strerror(error));

@@ -75,15 +75,17 @@ int ranmar_initialise(int ij, int kl) {
   return 0;
 }
 
+// A difference of two values, as a value.
+static float wrapped(float difference) {
+  return difference < 0.0F ? difference + 1.0F : difference;
+}
+
 int ranmar_values(float *values, int count) {
   if (!ready) {
     return RANMAR_FAILED;
   }
   for (int n = 0; n < count; n++) {
-    float value = table[long_lag] - table[short_lag];
-    if (value < 0.0F) {
-      value += 1.0F;
-    }
+    const float value = wrapped(table[long_lag] - table[short_lag]);
     table[long_lag] = value;
     long_lag = long_lag > 0 ? long_lag - 1 : lags - 1;
     short_lag = short_lag > 0 ? short_lag - 1 : lags - 1;
@@ -91,11 +93,7 @@ int ranmar_values(float *values, int count) {
     if (carry < 0.0F) {
       carry += carry_wrap;
     }
-    value -= carry;
-    if (value < 0.0F) {
-      value += 1.0F;
-    }
-    values[n] = value;
+    values[n] = wrapped(value - carry);
   }
   return 0;
 }

@@ -228,6 +228,9 @@ size_t Blocks();
 // sleep(), usleep(), nanosleep() (in milliseconds), alarm() and rmdir() are recorded and return at
 // once with 0; nothing is armed or removed.
 
+// Every nanosleep() calls this from now on: what happens during a pause.
+void OnPause(void (*callback)());
+
 }  // namespace rec
 
 #endif

@@ -135,6 +135,7 @@ std::map<std::string, uid_t> owners;
 std::optional<uid_t> user;
 std::map<std::string, timespec> births;
 int64_t passed_ns;  // by PassTime()
+void (*on_pause)();
 
 // Reached until the process ends: memory is freed to the last.
 std::set<const void *> &TheBlocks() {
@@ -244,6 +245,10 @@ void SetTime(time_t when) {
 
 void PassTime(double seconds) {
   passed_ns += static_cast<int64_t>(seconds * 1e9);
+}
+
+void OnPause(void (*callback)()) {
+  on_pause = callback;
 }
 
 void SetBootTime(time_t when) {
@@ -477,6 +482,9 @@ int __wrap_unlinkat(int directory, const char *name, int flags) {
 
 int __wrap_nanosleep(const timespec *pause, timespec *) {
   rec::Record("nanosleep", std::to_string(pause->tv_sec * 1000 + pause->tv_nsec / 1000000));
+  if (on_pause != nullptr) {
+    on_pause();
+  }
   return 0;
 }
 

@@ -325,11 +325,14 @@ TEST_F(Info, ReadsTheBeginningOfLongRoleFiles) {
 TEST_F(Info, ReadsEmptyRoleFiles) {
   rec::PutFile(kRoleFile, "");
   rec::PutFile(kDetailFile, "");
+  // What cannot be removed before is no failure of the reading, which would be tried again.
+  rec::PutDirectory(REGISTRY_ROOT "/.tlxhosystemrole.dat.new.9");
   chmod(kDetailFile, 0640);
   ASSERT_EQ(do_info(), 0);
   EXPECT_EQ(Text(kRole), "");
   EXPECT_EQ(Text(kDetail), "");
   EXPECT_EQ(ModeOf(kDetailFile), 0600U);
+  EXPECT_EQ(rec::Count("nanosleep"), 0);
 }
 
 TEST_F(Info, RoleFilesThatCannotBeRead) {
@@ -369,6 +372,15 @@ TEST_F(Info, ReadsARoleAgainWhenThatFailed) {
       });
     }
   }
+}
+
+TEST_F(Info, ARoleThatIsReadAgainHasNothingOfTheFirstTry) {
+  rec::PutFile(kRoleFile, "a text that is replaced meanwhile");
+  rec::Fail("read", kRoleFile, 2);
+  rec::OnPause([] { rec::PutFile(kRoleFile, "web"); });
+  ASSERT_EQ(do_info(), 0);
+  EXPECT_EQ(rec::Count("nanosleep"), 1);
+  EXPECT_EQ(Text(kRole), "web");
 }
 
 TEST_F(Info, DoesNotGoOnReadingWhenTheAgentEnds) {
@@ -960,6 +972,7 @@ TEST_F(Info, ARootWithoutABirthIsTheSame) {
 
 TEST_F(Info, AFileInANewRootIsLeftAndSpokenOf) {
   rec::PutFile(kRoleFile, "role");
+  rec::PutFile(kDetailFile, "detail\n");
   ASSERT_EQ(do_info(), 0);
   const std::string differs =
       "vexhostd: " + std::string(kRoleFile) +
@@ -971,13 +984,15 @@ TEST_F(Info, AFileInANewRootIsLeftAndSpokenOf) {
     std::string text;
     bool spoken_of;
     const char *failing;
-  } cases[] = {{"role", false, ""},     {"role\n\n", false, ""},       {"other", true, ""},
-               {"roll", true, ""},      {"role of another", true, ""}, {"other", false, "openat"},
-               {"other", false, "read"}};
+  } cases[] = {{"role", false, ""},           {"role\n\n", false, ""},
+               {"other", true, ""},           {"roll", true, ""},
+               {"role of another", true, ""}, {"other", false, "openat"},
+               {"other", false, "read"},      {"", true, ""}};
   for (const auto &[text, spoken_of, failing] : cases) {
     SCOPED_TRACE(text + failing);
     MakeTheRootAnew();
     rec::PutFile(kRoleFile, text);
+    rec::PutFile(kDetailFile, "detail\n");  // an end of line of its own is part of the value
     rec::ForgetEvents();
     rec::Fail(failing, kRoleFile);
     ASSERT_EQ(do_info(), 0);

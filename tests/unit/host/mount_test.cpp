@@ -66,6 +66,9 @@ TEST(Mount, ItsTextsAreUtf8) {
     std::string shown;
   } cases[] = {
       {"/\u00e4\u20ac\U0001F4BE", "/\u00e4\u20ac\U0001F4BE"},
+      // The first and the last character of each length.
+      {"/\x7f\u0080\u07ff\u0800\uffff\U00010000\U0010ffff",
+       "/\x7f\u0080\u07ff\u0800\uffff\U00010000\U0010ffff"},
       // Octets of no character: lone ones, what lacks its end, overlong, a surrogate, beyond the
       // last.
       {"/a\xff\xfe", "/a??"},

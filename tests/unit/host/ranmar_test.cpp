@@ -85,6 +85,7 @@ TEST(Ranmar, ValuesOfManySeeds) {
                                {0, 1},
                                {0, 168},
                                {0, 169},
+                               {0, 4471},  // of which one value is 0
                                {0, 13398},
                                {0, 22136},
                                {0, 30081},
@@ -118,10 +119,12 @@ TEST(Ranmar, OctetsAreTheTopEightBits) {
   }
   EXPECT_EQ(octets[128], 0xA5);
   // 128 values are drawn for every call: the next sixteen begin with the 129th.
+  octets[16] = 0xA5;
   ASSERT_EQ(generate_octets(octets, 16), 0);
   for (int i = 0; i < 16; i++) {
     EXPECT_EQ(octets[i], integers.Next() >> 16) << i;
   }
+  EXPECT_EQ(octets[16], 0xA5);
   for (int i = 16; i < 128; i++) {
     integers.Next();
   }

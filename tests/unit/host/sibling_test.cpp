@@ -39,4 +39,15 @@ TEST(Sibling, OneRowThatCannotBeMadeCostsNoOther) {
   EXPECT_EQ(rec::Count("log_data"), 0);
 }
 
+TEST(Sibling, ARowHasAWordForEachNumberThatIsKnown) {
+  ASSERT_EQ(do_sibling(), 0);
+  EXPECT_EQ(rec::Live("host/sibling.5")->flag, 1);
+  EXPECT_EQ(rec::Text("host/sibling.5", "tlxHoSiblingName"), "SCSI");
+  EXPECT_EQ(rec::Int("host/sibling.5", "tlxHoSiblingPresent"), 2);
+  for (const char *variable :
+       {"tlxHoSiblingCondition", "tlxHoSiblingMajor", "tlxHoSiblingMinor", "tlxHoSiblingHealth"}) {
+    EXPECT_EQ(rec::Int("host/sibling.5", variable), -1) << variable;
+  }
+}
+
 }  // namespace

@@ -1,8 +1,11 @@
 #include "common/util.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "tests/support/recording_framework.h"
 
 namespace {
 
@@ -34,6 +37,26 @@ TEST(ClampInt32, HoldsAValueAtTheNearest) {
   EXPECT_EQ(clamp_int32(INT32_MIN), INT32_MIN);
   EXPECT_EQ(clamp_int32(int64_t{INT32_MIN} - 1), INT32_MIN);
   EXPECT_EQ(clamp_int32(INT64_MIN), INT32_MIN);
+}
+
+// After days, when the least of a wrong rate shows.
+TEST(MonotonicMilliseconds, AreThoseOfTheNanoseconds) {
+  rec::PassTime(1e6);
+  const int64_t before = monotonic_nanoseconds();
+  const int64_t milliseconds = monotonic_milliseconds();
+  EXPECT_GE(milliseconds, before / 1'000'000);
+  EXPECT_LE(milliseconds, monotonic_nanoseconds() / 1'000'000);
+}
+
+// As in a process that was started without its standard descriptors.
+TEST(DescriptorHandle, ClosesDescriptorZeroToo) {
+  close(0);
+  {
+    const descriptor_handle handle(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(handle.get(), 0);
+    EXPECT_TRUE(handle);
+  }
+  EXPECT_EQ(fcntl(0, F_GETFD), -1);
 }
 
 }  // namespace
