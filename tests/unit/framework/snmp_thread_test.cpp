@@ -304,9 +304,12 @@ TEST_F(SnmpSideTest, StopsBesideAMasterThatFreezesWithASessionAndNotifications) 
 
 TEST_F(SnmpSideTest, StopsWithoutAMasterAndStartsAgain) {
   Start();
+  SnmpNotify({});
   EXPECT_TRUE(Stopped());
   EXPECT_TRUE(Stopped());
   StartWithMaster();
+  // What was left and nobody has asked for is not waited for.
+  EXPECT_TRUE(SnmpNothingWaiting());
   PublishMisc();
   EXPECT_EQ(ReadText(kText), "hello");
 }
@@ -969,18 +972,31 @@ TEST_F(SnmpSideTest, ANotificationForAForgottenSessionIsSentAgain) {
 
 TEST_F(SnmpSideTest, NotificationsWaitForTheMaster) {
   Start();
-  for (uint32_t i = 1; i <= 300; i++) {
-    SnmpNotify(Numbered(i));
+  const auto wait_for_up = [](bool up) {
+    for (int i = 0; i < 10000 && SnmpUp() != up; i++) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+    return SnmpUp() == up;
+  };
+  for (const bool has_had_one : {false, true}) {
+    if (has_had_one) {
+      ASSERT_TRUE(wait_for_up(true));
+      master_.reset();
+      ASSERT_TRUE(wait_for_up(false));
+    }
+    for (uint32_t i = 1; i <= 300; i++) {
+      SnmpNotify(Numbered(i));
+    }
+    master_ = std::make_unique<FakeMaster>(socket_);
+    ASSERT_TRUE(master_->AcceptAndRegister());
+    for (uint32_t i = 45; i <= 300; i++) {
+      std::optional<AgentxPacket> packet = master_->Receive();
+      ASSERT_TRUE(packet) << i;
+      ASSERT_EQ(packet->Bindings().at(0).object_id.back(), i);
+      master_->Answer(*packet);
+    }
+    EXPECT_FALSE(master_->Receive(50));
   }
-  master_ = std::make_unique<FakeMaster>(socket_);
-  ASSERT_TRUE(master_->AcceptAndRegister());
-  for (uint32_t i = 45; i <= 300; i++) {
-    std::optional<AgentxPacket> packet = master_->Receive();
-    ASSERT_TRUE(packet) << i;
-    ASSERT_EQ(packet->Bindings().at(0).object_id.back(), i);
-    master_->Answer(*packet);
-  }
-  EXPECT_FALSE(master_->Receive(50));
 }
 
 TEST_F(SnmpSideTest, FloodOfNotificationsNeverHasMoreThanSixteenUnderWay) {
@@ -1118,6 +1134,7 @@ TEST_F(SnmpSideTest, SetsRefusedByTheTableAlone) {
       {NumberBinding(kText, 5), kWrongType},
       {TextBinding(kText, std::string(Mib(kText).max_length + 1U, 'x')), kWrongLength},
       {TextBinding(kText, std::string("a\0b", 3)), kWrongValue},
+      {TextBinding(kText, std::string(1, '\0')), kWrongValue},
       {TextBinding(kText, "x", 1), kNoCreation},
       {TextBinding(kColumn, "x", 3), kNoCreation},
       {TextBinding(kColumn, std::string(300, 'x'), 3), kWrongLength},

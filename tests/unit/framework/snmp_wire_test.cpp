@@ -200,6 +200,8 @@ TEST(SnmpWire, OnlySetsOfWhatIsPublishedAndWritableAreTaken) {
   EXPECT_FALSE(MaySet(*image, {5, 1, octets("role"), -1}));
   EXPECT_FALSE(MaySet(*image, {5, 1, {'r', 'o', 'l', 'e', 'x'}, 4})) << "without its end";
   EXPECT_FALSE(MaySet(*image, {5, 1, octets(std::string("a\0b", 3)), 3})) << "a zero inside";
+  const auto octet_string = MakeImage(5, 0, {"tlxHoGUID"});
+  EXPECT_TRUE(MaySet(*octet_string, {5, 0, octets(std::string("a\0b", 3)), 3}));
   const std::string longest(FindMibVariable(kText)->max_length, 'a');
   EXPECT_TRUE(MaySet(*image, {5, 1, octets(longest), static_cast<int>(longest.size())}));
   EXPECT_FALSE(MaySet(*image, {5, 1, octets(longest + "a"), static_cast<int>(longest.size()) + 1}));

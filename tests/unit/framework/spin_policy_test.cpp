@@ -100,6 +100,16 @@ TEST(SpinPolicy, SleepsWhenMostCostMoreThanTheFewBring) {
   EXPECT_EQ(master.Ask(&policy, 990), 0);
 }
 
+// Of a few that come at once the spin is as short as their gap.
+TEST(SpinPolicy, SpinsShortlyForOneInManyThatComesAtOnce) {
+  SpinPolicy policy(2);
+  std::vector<microseconds> gaps(31, microseconds(500));
+  gaps.push_back(microseconds(1));
+  Master master(gaps);
+  master.Ask(&policy, 33);
+  EXPECT_EQ(policy.Answered(master.Now()), std::chrono::nanoseconds(1250));
+}
+
 TEST(SpinPolicy, SeesThatGapsAreShortAgain) {
   SpinPolicy policy(2);
   // Asleep, every gap looks too long: 50 become 90.
@@ -119,6 +129,12 @@ TEST(SpinPolicy, TriesAnewWhenAManagerComesAnew) {
   const Clock::time_point later = slow.Now() + std::chrono::seconds(2);
   policy.Asked(later);
   EXPECT_EQ(policy.Answered(later), SpinPolicy::kLongest);
+  // For thirty-two gaps.
+  slow.Pass(later - slow.Now());
+  slow.Ask(&policy, 31);
+  EXPECT_EQ(policy.Answered(slow.Now()), SpinPolicy::kLongest);
+  slow.Ask(&policy, 1);
+  EXPECT_EQ(policy.Answered(slow.Now()), kNever);
 }
 
 TEST(SpinPolicy, APreemptedSpinEndsAndPauses) {

@@ -171,6 +171,8 @@ TEST_F(Unsent, AnythingElseIsNotRead) {
   chmod(Path().c_str(), 0666);
   EXPECT_TRUE(Take().empty());
   chmod(Path().c_str(), 0600);
+  // Its own file's only name is nobody else's, wherever it stands.
+  chmod(registry.root().c_str(), 0777);
   EXPECT_EQ(Take().size(), 3U);
 }
 
@@ -296,6 +298,11 @@ TEST_F(Unsent, WhatAKilledAgentLeftOfANewFileIsRemoved) {
   std::ofstream(registry.root() + "/.agent.traps.new") << "half";
   EXPECT_TRUE(File().Read()->empty());
   EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
+  // Also where nothing was read before.
+  std::ofstream(registry.root() + "/.agent.traps.new") << "half";
+  EXPECT_EQ(Keep(Some()), 0);
+  ExpectSame(Take(), Some());
+  EXPECT_TRUE(std::filesystem::is_empty(registry.root()));
 }
 
 TEST_F(Unsent, ANameThatLeadsElsewhereIsRefused) {
@@ -420,6 +427,10 @@ TEST_F(Unsent, AFailureToReadIsSaidOnceAndWhatStandsThereStays) {
         << function;
   }
   // One that fails in passing is nobody's business.
+  {
+    const FailingCall failing("read", EIO, 1, 3);
+    EXPECT_FALSE(File().Read());
+  }
   const FailingCall failing("read", EIO, 1, 2);
   ExpectSame(*File().Read(), Some());
 }

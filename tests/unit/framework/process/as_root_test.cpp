@@ -48,13 +48,16 @@ TEST(UnsentOwner, OnlyTheAgentsOwnFileIsUsed) {
   EXPECT_EQ(read(&log), 0U);
   EXPECT_EQ(log, refusal("it is a second name of another file, and others may write in its "
                          "directory"));
-  // To him, both are his own.
+  // To him, both are his own; and root's directory is as private.
   ASSERT_EQ(chown(path.c_str(), kOther, kOther), 0);
   ASSERT_EQ(chmod(registry.base().c_str(), 0755), 0);
-  ASSERT_EQ(seteuid(kOther), 0);
-  const size_t found = read(&log);
-  ASSERT_EQ(seteuid(0), 0);
-  EXPECT_EQ(found, 2U) << log;
+  for (const uid_t owner : {kOther, uid_t{0}}) {
+    ASSERT_EQ(chown(registry.root().c_str(), owner, owner), 0);
+    ASSERT_EQ(seteuid(kOther), 0);
+    const size_t found = read(&log);
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(found, 2U) << owner << log;
+  }
 }
 
 std::atomic<int> checks;

@@ -30,8 +30,11 @@
 
 #include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
+#include "tests/support/failing_call.h"
 #include "tests/unit/framework/fake_master.h"
+#include "tests/unit/framework/made_image.h"
 #include "tests/unit/framework/process/with_snmp_process.h"
+#include "tests/unit/framework/stopped.h"
 
 namespace vex {
 namespace {
@@ -41,6 +44,18 @@ using std::chrono::milliseconds;
 // The agent's side of the SNMP process stands still while told to.
 std::atomic<bool> hold{false};
 std::atomic<bool> held{false};
+
+// A line of /proc/PID/status, without its key.
+std::string StatusOf(pid_t pid, const std::string &key) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(file, line)) {
+    if (line.starts_with(key + ":\t")) {
+      return line.substr(key.size() + 2);
+    }
+  }
+  return "";
+}
 
 class SnmpRelayTest : public WithSnmpProcess {
  protected:
@@ -93,6 +108,19 @@ TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {
   const std::string log = LoggedByStart(-1);
   EXPECT_EQ(log, "agent: Can't start the SNMP side: its starter has ended\n");
   EXPECT_TRUE(SnmpFailed());
+}
+
+// As those of a terminal's keys.
+TEST_F(SnmpRelayTest, SignalsForTheAgentAreNotForItsProcesses) {
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  for (const pid_t pid : {births->starter.load(), births->last_process.load()}) {
+    const std::string text = StatusOf(pid, "SigBlk");
+    const unsigned long long blocked = strtoull(text.c_str(), nullptr, 16);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGALRM, SIGPIPE, SIGUSR1,
+                             SIGUSR2, SIGWINCH, SIGCONT, SIGTTIN, SIGTTOU, SIGABRT, SIGIO}) {
+      EXPECT_TRUE(blocked & (1ULL << (signal - 1))) << signal << ' ' << text;
+    }
+  }
 }
 
 // A process that would have the agent's own standard descriptors is none.
@@ -149,6 +177,58 @@ TEST_F(SnmpRelayTest, TooManyDescriptorsOnTheirWayAreNoReasonToRunWithMoreRights
   close(ends[0]);
   close(ends[1]);
   EXPECT_EQ(log, "agent: Can't start the SNMP side: Too many references: cannot splice\n");
+}
+
+// The first life of an SNMP side was a process; the next one is a thread, whose master has a name.
+TEST_F(SnmpRelayTest, WhatItServedIsServedByAThreadThatComesAfterIt) {
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  const auto image = MakeImage(5, 0, {"tlxHoOsCommonPollFreq"});
+  image->data[0] = 42;
+  SnmpPublish(image);
+  const std::span<const uint32_t> oid = FindMibVariable("tlxHoOsCommonPollFreq")->Oid();
+  OidNumbers name(oid.begin(), oid.end());
+  name.push_back(0);
+  std::optional<AgentxPacket> answer = master_->Ask(master_->Get({name}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Bindings().at(0).integer, 42);
+  ASSERT_TRUE(Stopped());
+  FakeMaster named(FakeMaster::Tcp{});
+  std::ofstream(directory_ + "/vexhostd.conf") << "agentXSocket tcp:127.1:" << named.Port() << '\n';
+  const std::string log = LoggedByStart(0);
+  EXPECT_NE(log.find("Info: the SNMP side is no process of its own: the address of the master "
+                     "agent is to be looked up"),
+            log.npos)
+      << log;
+  ASSERT_TRUE(named.AcceptAndRegister(10000));
+  answer = named.Ask(named.Get({name}));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Bindings().at(0).integer, 42);
+  SnmpWithdraw(5);
+}
+
+// ---- Its rest
+
+TEST_F(SnmpRelayTest, RestsWhileNothingHappens) {
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  ASSERT_TRUE(master_->Ask(master_->Get({{1, 3, 6, 1, 4, 1, 4891}})));
+  FailingCall waits(
+      "ppoll", [] {}, 1, FailingCall::kAll);
+  waits.In(RelayThread());
+  std::this_thread::sleep_for(milliseconds(150));
+  EXPECT_LE(waits.Failed(), 5);
+}
+
+// Other files come and go beside the master's socket.
+TEST_F(SnmpRelayTest, IsNotKeptAwakeByWhatItWatches) {
+  FailingCall waits(
+      "ppoll", [] {}, 1, FailingCall::kAll);
+  ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
+  waits.In(RelayThread());
+  ASSERT_TRUE(WaitUntil([&waits] { return waits.Failed() >= 5; }));  // it looks for the master
+  std::ofstream(directory_ + "/another") << "file";
+  const int before = waits.Failed();
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_LE(waits.Failed() - before, 50);
 }
 
 // ---- Its end

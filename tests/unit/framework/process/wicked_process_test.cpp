@@ -1,8 +1,10 @@
 // What the agent makes of an SNMP process that somebody has taken over, or that can be had no more.
 // As root.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include "framework/snmp/image_ring.h"
+#include "framework/snmp/notifications.h"
 #include "framework/snmp/set_channel.h"
 #include "framework/snmp/snmp_relay.h"
 #include "framework/snmp/snmp_thread.h"
@@ -174,20 +177,29 @@ TEST_F(WickedProcess, MayTellWhatNobodyWantsAnyMore) {
     for (int i = 0; i < 1000; i++) {
       wicked->Say(FrameWriter(FrameType::kLog).PutText("a flood"));
     }
-    // It has room again after a moment.
+    // It has room again with the time: for ten a second.
     wicked->AllIsRead();
-    usleep(300'000);
-    wicked->Say(FrameWriter(FrameType::kLog).PutText("afterwards"));
+    births->told[0] = 1;
+    while (births->told[2] == 0) {
+      usleep(1000);
+    }
+    for (int i = 0; i < 1000; i++) {
+      wicked->Say(FrameWriter(FrameType::kLog).PutText("afterwards"));
+    }
     wicked->Say(FrameWriter(FrameType::kRoom));
     births->told[1] = wicked->Hear(FrameType::kImages) ? 1 : 2;
     _exit(7);
   });
+  EXPECT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  ahead_ms = 9000;
+  births->told[2] = 1;
   const std::string log = LogOnceGoodAgain(1);
   EXPECT_EQ(births->told[1], 1);
   EXPECT_GE(CountOf(log, "a flood\n"), 200U);
   EXPECT_LT(CountOf(log, "a flood\n"), 1000U);
   EXPECT_NE(log.find(" messages of the SNMP process are left out\n"), log.npos);
-  EXPECT_NE(log.find("afterwards\n"), log.npos);
+  EXPECT_GE(CountOf(log, "afterwards\n"), 90U);
+  EXPECT_LT(CountOf(log, "afterwards\n"), 1000U);
   EXPECT_NE(log.find("agent: The SNMP process has ended (status 7); starting another\n"), log.npos)
       << log;
 }
@@ -227,14 +239,20 @@ TEST_F(WickedProcess, HasLastWords) {
   EXPECT_EQ(CountOf(log, "this is why\n"), 1U) << log;
 }
 
+// Handlers that hear of what no manager may set.
+std::atomic<int> asked_for_more;
+int TakeOfTheWritable(uint8_t, SetItem &item) {
+  asked_for_more += item.object_id != 5 ? 1 : 0;
+  return 0;
+}
+
 // What it asks to be set is what the agent would let a manager set, or nothing.
 TEST_F(WickedProcess, SetsNothingThatIsNotPublishedAndWritable) {
   SnmpPublish(MakeImage(5, 0, {"tlxHoOsCommonPollFreq"}));
   SnmpPublish(MakeImage(6, 0, {"tlxHoSwVerNextIndex"}));
   Be(1, [](Wicked *wicked, int) {
     wicked->Say(FrameWriter(FrameType::kReady));
-    // Unknown, not writable, the second of two unknown: and then one that may be, but nobody
-    // serves.
+    // Unknown, not writable, the first of two unknown; and then what may be set.
     FrameWriter two(FrameType::kSetPart);
     two.Put(uint64_t{3})
         .Put(uint32_t{0})
@@ -250,10 +268,25 @@ TEST_F(WickedProcess, SetsNothingThatIsNotPublishedAndWritable) {
         births->told[id] = static_cast<int>(reader.Take<SetPort::Check>()) + 1;
       }
     }
+    // Its time is short: again where nobody was given a processor.
+    for (uint64_t id = 4; id < 14 && births->told[4] == 0; id++) {
+      wicked->Say(SetPart(id, 0, 5));
+      const auto result = wicked->Hear(FrameType::kSetResult);
+      FrameReader reader(result ? std::string_view(*result) : std::string_view());
+      reader.Take<uint64_t>();
+      reader.Take<uint32_t>();
+      births->told[4] = reader.Take<SetPort::Check>() == SetPort::Check::kAccepted ? 1 : 0;
+    }
     births->told[0] = 1;
   });
-  ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  asked_for_more = 0;
+  ASSERT_TRUE(WaitUntil([] {
+    ServeSets(TakeOfTheWritable);
+    return births->told[0] != 0;
+  }));
   testing::internal::GetCapturedStderr();
+  EXPECT_EQ(asked_for_more, 0);
+  EXPECT_EQ(births->told[4], 1);
   for (int id = 1; id <= 3; id++) {
     EXPECT_EQ(births->told[id], static_cast<int>(SetPort::Check::kUndecided) + 1) << id;
   }
@@ -307,6 +340,99 @@ TEST_F(WickedProcess, WantOfMemoryEndsASet) {
   ASSERT_TRUE(WaitUntil([] { return births->told[2] != 0; }));
   EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), kNonsense), 0U);
   EXPECT_EQ(births->told[2], 1);
+}
+
+// What nobody asks for it is told where it is much, and once.
+TEST_F(WickedProcess, IsToldOnceOfMuchThatWaits) {
+  for (const size_t kilobytes : {200, 300}) {
+    births->count = births->told[0] = 0;
+    auto image = MakeImage(5, 0, {"tlxHoOsCommonPollFreq"});
+    image->data.resize(kilobytes << 10);
+    SnmpPublish(std::move(image));
+    Be(1, [](Wicked *wicked, int) {
+      int told = 0;
+      wicked->Say(FrameWriter(FrameType::kReady));
+      for (uint64_t id = 1; id <= 3; id++) {
+        wicked->Say(SetPart(id, 0));
+        told += wicked->HearBefore(FrameType::kImages, FrameType::kSetResult);
+      }
+      births->told[0] = 1 + told;
+    });
+    EXPECT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(births->told[0], kilobytes == 200 ? 1 : 2);
+    EXPECT_TRUE(Stopped());
+  }
+}
+
+// No more than a master may have without an answer.
+TEST_F(WickedProcess, HasAFewNotificationsAtATime) {
+  constexpr size_t kMany = NotificationSender::kMostUnanswered + 4;
+  for (size_t i = 0; i < kMany; i++) {
+    SnmpNotify({});
+  }
+  Be(1, [](Wicked *wicked, int) {
+    wicked->Say(FrameWriter(FrameType::kReady)).Say(Event(SessionEvent::kOpen)).Say(SetPart(1, 0));
+    births->told[1] = wicked->HearBefore(FrameType::kNotify, FrameType::kSetResult);
+    births->told[0] = 1;
+  });
+  EXPECT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(births->told[1], static_cast<int>(NotificationSender::kMostUnanswered));
+  EXPECT_TRUE(Stopped());
+  EXPECT_EQ(SnmpUnsent()->size(), kMany);
+}
+
+// After a master that takes registrations the next try is soon, whatever one before it has refused.
+TEST_F(WickedProcess, ThatWasWelcomeIsConnectedAgainSoon) {
+  master_ = std::make_unique<FakeMaster>(socket_);
+  Be(1, [](Wicked *wicked, int) {
+    wicked->Say(FrameWriter(FrameType::kReady));
+    wicked->Hear(FrameType::kConnected);
+    wicked->Say(Event(SessionEvent::kRefused)).Say(Event(SessionEvent::kEndedRefused));
+    wicked->Hear(FrameType::kConnected);
+    // The quickest of some: others may have waited for a processor.
+    auto quickest = Clock::duration::max();
+    for (int i = 0; i < 5; i++) {
+      const Clock::time_point begin = Clock::now();
+      wicked->Say(Event(SessionEvent::kOpen))
+          .Say(Event(SessionEvent::kWelcome))
+          .Say(Event(SessionEvent::kEnded));
+      wicked->Hear(FrameType::kConnected);
+      quickest = std::min<Clock::duration>(quickest, Clock::now() - begin);
+    }
+    births->told[0] = quickest < milliseconds(150) ? 1 : 2;
+  });
+  EXPECT_TRUE(WaitUntil([this] {
+    if (master_->Accept(1)) {
+      master_->Disconnect();
+    }
+    return births->told[0] != 0;
+  }));
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(births->told[0], 1);
+}
+
+// It has a moment for its end, in which it is listened to.
+TEST_F(WickedProcess, IsHeardToTheEnd) {
+  births->told[1] = 0;
+  // Not for long: again where it was not given a processor.
+  for (int tries = 0; tries < 5 && births->told[1] != 1; tries++) {
+    births->count = births->told[0] = births->told[1] = 0;
+    Be(1, [](Wicked *wicked, int) {
+      wicked->Say(FrameWriter(FrameType::kReady));
+      births->told[0] = 1;
+      wicked->Hear(FrameType::kStop);
+      wicked->Say(FrameWriter(FrameType::kRoom));
+      births->told[1] = wicked->Hear(FrameType::kImages) ? 1 : 2;
+      _exit(0);
+    });
+    EXPECT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+    EXPECT_TRUE(Stopped());
+    EXPECT_TRUE(WaitUntil([] { return births->told[1] != 0; }));
+    testing::internal::GetCapturedStderr();
+  }
+  EXPECT_EQ(births->told[1], 1);
 }
 
 class UnheardProcess : public WickedProcess {
@@ -383,12 +509,18 @@ TEST_F(WickedProcess, AnswersQueriesAsItLikes) {
 // While there is none, or no memory, nothing is asked; what is published and notified meanwhile is
 // the next one's.
 TEST_F(WickedProcess, ThatCannotBeHadIsSaidOnceAndTriedAgain) {
+  // The starter tells of its end later than it is seen.
+  at_birth[kStarter] = [] {
+    new FailingCall(
+        "waitpid", [] { usleep(100'000); }, 1, FailingCall::kAll);
+  };
   const FailingCall failing("memfd_create", EMFILE, 3, FailingCall::kAll);
   ASSERT_EQ(SnmpStart("vexhostd", nullptr), 0);
   ASSERT_GT(births->last_process, 0);
   {
     testing::internal::CaptureStderr();
     ASSERT_EQ(kill(births->last_process, SIGKILL), 0);
+    EXPECT_TRUE(WaitUntil([] { return kill(births->last_process, 0) != 0; }));
     ASSERT_TRUE(WaitUntil([&] { return failing.Failed() >= 2; }));
     SnmpPublish(MakeImage(5, 0, {"tlxHoOsCommonPollFreq"}));
     SnmpNotify({});
@@ -403,6 +535,8 @@ TEST_F(WickedProcess, ThatCannotBeHadIsSaidOnceAndTriedAgain) {
       CountOf(log, "agent: Can't start an SNMP process: Too many open files (trying again)\n"), 1U)
       << log;
   EXPECT_EQ(CountOf(log, "Can't"), 1U) << log;
+  EXPECT_EQ(CountOf(log, "agent: The SNMP process has ended (signal 9); starting another\n"), 1U)
+      << log;
   EXPECT_EQ(SnmpUnsent()->size(), 1U);
 }
 
@@ -579,8 +713,36 @@ TEST_F(Start, FailsForWhatMayPassAndElseDoesWithout) {
   }
 }
 
+// What reads the configuration has nothing of the agent's open.
+TEST_F(Start, LeavesItsStarterNoDescriptors) {
+  constexpr int kFirst = STDERR_FILENO + 1;
+  const Descriptor before(fcntl(kFirst, F_DUPFD_CLOEXEC, 10));
+  const Descriptor file(open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(dup2(file.get(), kFirst), kFirst);
+  static ino_t agents;
+  struct stat status = {};
+  ASSERT_EQ(fstat(kFirst, &status), 0);
+  agents = status.st_ino;
+  at_birth[kStarter] = [] {
+    new FailingCall("stat", [] {  // of a file that it is about to read
+      struct stat now = {};
+      births->told[0] = fstat(kFirst, &now) == 0 && now.st_ino == agents ? 2 : 1;
+    });
+  };
+  EXPECT_EQ(Begin(), SnmpRelay::Begun::kRuns);
+  EXPECT_EQ(births->told[0], 1);
+  if (before) {
+    EXPECT_EQ(dup2(before.get(), kFirst), kFirst);
+  } else if (file.get() != kFirst) {
+    close(kFirst);
+  }
+}
+
 // Also one that hangs is not waited for once the agent is to end.
 TEST_F(Start, EndsWithTheAgent) {
+  // It looks for the end of its starter a thousand times a second.
+  const FailingCall looks(
+      "waitpid", [] {}, 1, FailingCall::kAll);
   for (const Generation hangs : {kStarter, kSnmpProcess}) {
     at_birth[kStarter] = at_birth[kSnmpProcess] = nullptr;
     at_birth[hangs] = [] { Wicked::Stay(); };
@@ -592,6 +754,20 @@ TEST_F(Start, EndsWithTheAgent) {
   at_birth[kStarter] = [] { Wicked::Stay(); };
   EXPECT_EQ(Begin(milliseconds(0)), SnmpRelay::Begun::kEnding);
   EXPECT_EQ(why_, "reading its configuration takes more than a minute");
+  EXPECT_LE(looks.Failed(), 400);  // of three
+}
+
+// It is killed only where it does not end by itself.
+TEST_F(Start, LetsItsStarterGo) {
+  // Not for long: again where it was not given a processor.
+  int kills = 1;
+  for (int tries = 0; tries < 5 && kills != 0; tries++) {
+    const FailingCall killed(
+        "kill", [] {}, 1, FailingCall::kAll);
+    EXPECT_EQ(Begin(), SnmpRelay::Begun::kRuns);
+    kills = killed.Failed();
+  }
+  EXPECT_EQ(kills, 0);
 }
 
 TEST_F(Start, TakesNoNonsenseOfItsStarter) {

@@ -224,25 +224,48 @@ std::optional<std::string> Wicked::Hear(FrameType type) {
   return HearFrom(&channel_, type);
 }
 
-std::optional<std::string> HearFrom(FrameSocket *channel, FrameType type) {
+int Wicked::HearBefore(FrameType type, FrameType end) {
+  return HearFromBefore(&channel_, type, end);
+}
+
+namespace {
+
+// The next frame, with its type.
+std::optional<std::string> HearAny(FrameSocket *channel) {
   for (;;) {
     std::string_view bytes;
     FrameSocket::Descriptors descriptors;
     const FrameSocket::Got got = channel->Receive(&bytes, &descriptors);
-    if (got == FrameSocket::Got::kEnd) {
-      return std::nullopt;
-    }
     if (got == FrameSocket::Got::kFrame) {
-      if (FrameReader(bytes).Take<FrameType>() == type) {
-        return std::string(bytes.substr(1));
-      }
-      continue;
+      return std::string(bytes);
     }
     pollfd entry = {channel->Fd(), POLLIN, 0};
-    if (poll(&entry, 1, 10000) <= 0) {
+    if (got == FrameSocket::Got::kEnd || poll(&entry, 1, 10000) <= 0) {
       return std::nullopt;
     }
   }
+}
+
+}  // namespace
+
+std::optional<std::string> HearFrom(FrameSocket *channel, FrameType type) {
+  std::optional<std::string> frame;
+  do {
+    frame = HearAny(channel);
+  } while (frame && FrameReader(*frame).Take<FrameType>() != type);
+  return frame ? std::optional(frame->substr(1)) : std::nullopt;
+}
+
+int HearFromBefore(FrameSocket *channel, FrameType type, FrameType end) {
+  int count = 0;
+  while (const std::optional<std::string> frame = HearAny(channel)) {
+    const auto heard = FrameReader(*frame).Take<FrameType>();
+    if (heard == end) {
+      return count;
+    }
+    count += heard == type ? 1 : 0;
+  }
+  return -1;
 }
 
 void Wicked::Stay() {

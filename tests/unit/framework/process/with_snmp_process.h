@@ -45,6 +45,9 @@ int StartersChannel();
 // and when none comes.
 std::optional<std::string> HearFrom(FrameSocket *channel, FrameType type);
 
+// How many frames of one type come before one of another; -1 when that does not come.
+int HearFromBefore(FrameSocket *channel, FrameType type, FrameType end);
+
 // The thread that gets no memory, 0 for none, and how often it has asked.
 extern std::atomic<pid_t> starved;
 extern std::atomic<long> refused;
@@ -67,6 +70,7 @@ class Wicked {
   // Waits until the agent has read all of that. False when it does not within ten seconds.
   bool AllIsRead();
   std::optional<std::string> Hear(FrameType type);
+  int HearBefore(FrameType type, FrameType end);
   [[noreturn]] static void Stay();
 
  private:

@@ -108,6 +108,7 @@ VEX_FAILING(netsnmp_variable_list *, snmp_add_null_var,
 VEX_FAILING(int, snmp_sess_async_send,
             (void *handle, netsnmp_pdu *pdu, netsnmp_callback callback, void *data),
             (handle, pdu, callback, data), 0)
+VEX_FAILING(void, snmp_sess_timeout, (void *handle), (handle), )
 VEX_FAILING(const char *, get_configuration_directory, (), (), nullptr)
 VEX_FAILING(int, dladdr, (const void *address, Dl_info *info), (address, info), 0)
 VEX_FAILING(void *, dlopen, (const char *path, int flags), (path, flags), nullptr)

@@ -1,12 +1,15 @@
 // The loop, and the thread that runs it, where what they need fails or hangs.
 #include "framework/snmp/snmp_loop.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <fstream>
@@ -48,9 +51,12 @@ class HandSeat final : public SnmpSeat {
   bool Stopping() const override {
     return stopping(passes++);
   }
-  bool TakeImages(MibIndex *, bool) override {
+  bool TakeImages(MibIndex *, bool answering) override {
     if (no_memory) {
       throw std::bad_alloc();
+    }
+    if (answering && asked) {
+      asked();
     }
     return true;
   }
@@ -67,7 +73,7 @@ class HandSeat final : public SnmpSeat {
     return queue.Size();
   }
   std::list<std::shared_ptr<SnmpQuery>> TakeQueries() override {
-    return {};
+    return std::exchange(queries, {});
   }
   netsnmp_transport *Connection(int *error) override {
     *error = 0;
@@ -82,12 +88,19 @@ class HandSeat final : public SnmpSeat {
     up = true;
   }
   void SessionRefused() override {}
-  void SessionEnded(bool, bool) override {}
+  void SessionEnded(bool, bool refused) override {
+    ended++;
+    ever_refused = ever_refused || refused;
+  }
 
   std::string path;  // of the master's socket
   NotificationQueue queue;
   bool up = false;
   bool no_memory = false;
+  int ended = 0;
+  bool ever_refused = false;
+  std::list<std::shared_ptr<SnmpQuery>> queries;
+  std::function<void()> asked;  // for a request of the master
   std::function<bool(int)> stopping;
   mutable int passes = 0;
 
@@ -123,6 +136,31 @@ TEST(SnmpLoop, SaysOnceThatItIsShortOfMemoryAndOnceThatItIsNot) {
   loop.Run({milliseconds(0), milliseconds(0)});
   EXPECT_EQ(while_short, "The SNMP side is short of memory; trying again\n");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "The SNMP side has memory again\n");
+  EXPECT_EQ(seat.ended, 1);
+  EXPECT_FALSE(seat.ever_refused);
+  RestoreLibrary();
+}
+
+// Or nobody would ask again, and end, what is not answered.
+TEST(SnmpLoop, LooksAfterItsQueries) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+  auto query = std::make_shared<SnmpQuery>();
+  query->community = "public";
+  query->oid = {1, 3, 6, 1};
+  query->socket = Descriptor(ends[0]);
+  HandSeat seat;
+  seat.queries = {query};
+  const FailingLibrary looks("snmp_sess_timeout", 0, 1, FailingLibrary::kAll);
+  seat.stopping = [](int pass) {
+    AdvanceClock(milliseconds(20));
+    return pass == 10;
+  };
+  SnmpLoop loop(SomeSettings(), &seat);
+  loop.Run({milliseconds(0), milliseconds(0)});
+  EXPECT_GE(looks.Failed(), 1);
+  EXPECT_LE(looks.Failed(), 10);
+  close(ends[1]);
   RestoreLibrary();
 }
 
@@ -226,6 +264,48 @@ TEST_F(SnmpEndTest, WhatIsNotifiedLastGoesOutHoweverMuchItIs) {
   EXPECT_TRUE(seat.queue.AllDone());
 }
 
+// Requests that follow one another closely share a pass of the loop.
+TEST_F(SnmpEndTest, WhatIsAskedAtOnceIsAnsweredAtOnce) {
+  constexpr int kMany = 5;
+  FakeMaster master(path_);
+  HandSeat seat;
+  seat.path = path_;
+  const FailingLibrary fails("sched_getaffinity", EINVAL);  // as with many processors
+  int requests = 0;
+  int first_pass = 0;
+  int last_pass = 0;
+  seat.asked = [&] {
+    first_pass = requests == 0 ? seat.passes : first_pass;
+    last_pass = seat.passes;
+    if (++requests < kMany) {
+      master.Send(master.Get({{1, 3, 6, 1}}));
+    } else {
+      TheLibrary().clock_step_ns = 0;
+    }
+  };
+  std::thread registrar([&] { EXPECT_TRUE(master.AcceptAndRegister(20000)); });
+  bool begun = false;
+  seat.stopping = [&](int pass) {
+    if (seat.up && !begun) {
+      begun = true;
+      registrar.join();
+      // No time is ever over: each look shows less than the one before.
+      TheLibrary().clock_step_ns = -std::chrono::nanoseconds(seconds(1)).count();
+      master.Send(master.Get({{1, 3, 6, 1}}));
+    }
+    return requests == kMany || pass == 30000;
+  };
+  SnmpLoop loop(SomeSettings(), &seat);
+  testing::internal::CaptureStderr();
+  loop.Run({milliseconds(0), milliseconds(0)});
+  testing::internal::GetCapturedStderr();
+  if (!begun) {
+    registrar.join();
+  }
+  EXPECT_EQ(requests, kMany);
+  EXPECT_EQ(first_pass, last_pass);
+}
+
 // ---- The thread ----
 
 TEST_F(SnmpEndTest, IsAThreadWhereItIsNotRoots) {
@@ -298,6 +378,46 @@ TEST_F(SnmpEndTest, AMasterThatTheLibraryDoesNotFindIsSaid) {
   EXPECT_TRUE(Stopped());
   EXPECT_NE(testing::internal::GetCapturedStderr().find("no master agent at tcp:127.1:1 yet"),
             std::string::npos);
+}
+
+TEST_F(SnmpEndTest, ALibraryThatDoesNotBeginIsSaid) {
+  TheLibrary().init_agent = [](const char *) { return -1; };
+  EXPECT_EQ(Start(), -1);
+  EXPECT_NE(log_.find("agent: Can't start the SNMP side: "), log_.npos) << log_;
+  EXPECT_EQ(log_.find("has ended"), log_.npos) << log_;
+  EXPECT_TRUE(SnmpFailed());
+}
+
+// An answer for which nobody waits any more is told once, and silence is none.
+TEST_F(SnmpEndTest, AnAnswerThatCameTooLateIsToldOnce) {
+  const int agent = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(agent, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+  socklen_t length = sizeof(address);
+  ASSERT_EQ(getsockname(agent, reinterpret_cast<sockaddr *>(&address), &length), 0);
+  TheLibrary().snmp_port = ntohs(address.sin_port);
+  ASSERT_EQ(Start(), 0);
+  EXPECT_FALSE(SnmpAnsweredLate());
+  EXPECT_EQ(SnmpQueryInteger("127.0.0.1", "public", "1.3.6.1.2.1.1.7.0", milliseconds(1)).end,
+            QueryEnd::kSilent);
+  EXPECT_FALSE(SnmpAnsweredLate());
+  char bytes[500];
+  length = sizeof(address);
+  const ssize_t got =
+      recvfrom(agent, bytes, sizeof(bytes), 0, reinterpret_cast<sockaddr *>(&address), &length);
+  ASSERT_GT(got, 0);
+  // The question becomes its own answer, without a value.
+  constexpr char kGetTag = '\xa0';
+  constexpr char kResponseTag = '\xa2';
+  std::replace(bytes, bytes + got, kGetTag, kResponseTag);
+  ASSERT_EQ(sendto(agent, bytes, static_cast<size_t>(got), 0,
+                   reinterpret_cast<sockaddr *>(&address), length),
+            got);
+  EXPECT_TRUE(Eventually([] { return SnmpAnsweredLate(); }));
+  EXPECT_FALSE(SnmpAnsweredLate());
+  close(agent);
 }
 
 // Stands in the library until the test lets it go.

@@ -393,6 +393,9 @@ TEST_F(SnmpRequestsTest, TooManySetsAtOnceAreRefused) {
   EXPECT_EQ(ErrorOf(master_->TestSet(transaction++, {Number(kCount, 1)})), kResourceUnavailable);
   EXPECT_EQ(ErrorOf(master_->TestSet(transaction++, {Number(kText, 1)})), kWrongTypeOfSet);
   EXPECT_EQ(port_.sets.size(), kMostSets);
+  // What belongs to one of them has its place.
+  Give(master_->TestSet(100, {Number(kCount, 2)}));
+  EXPECT_EQ(port_.sets.front()->parts.size(), 2U);
   // One is taken back: there is room for one.
   EXPECT_EQ(ErrorOf(master_->Phase(kAgentxUndoSet, 100)), 0);
   Give(master_->TestSet(transaction++, {Number(kCount, 1)}));
@@ -411,7 +414,9 @@ TEST_F(SnmpRequestsTest, ASetThatNobodyEndsIsForgotten) {
   Give(test);
   LastSet().check.state = SetPort::Check::kUndecided;
   requests_.Work(session_.get());
-  EXPECT_EQ(NextError(test), kResourceUnavailable);
+  int index = -1;
+  EXPECT_EQ(NextError(test, &index), kResourceUnavailable);
+  EXPECT_EQ(index, 1);
   AdvanceClock(seconds(29));
   requests_.Work(session_.get());
   EXPECT_NE(requests_.NextDue(), Clock::time_point::max());
@@ -478,6 +483,13 @@ TEST_F(SnmpRequestsTest, APhaseThatCouldNotBeReadIsRefusedByItsKind) {
   }
   requests_.HandleUnread(session_.get(), {kAgentxCleanupSet, 0, master_->Session(), 5, ++packet});
   EXPECT_TRUE(NothingComes());
+  // In the byte order of the request.
+  requests_.HandleUnread(session_.get(),
+                         {kAgentxGet, kNetworkByteOrder, master_->Session(), 5, ++packet});
+  const std::string answer = master_->ReceiveBytes(10000);
+  ASSERT_EQ(answer.size(), 28U);
+  EXPECT_EQ(answer[2], kNetworkByteOrder);
+  EXPECT_EQ(answer.substr(24), std::string("\0\5\0\1", 4));  // the error and its index
 }
 
 // While the index lacks something nothing is looked up in it; a set goes on, and its end has no
