@@ -29,16 +29,10 @@
 #include "framework/snmp/snmp_config.h"
 #include "platform/framework.h"
 #include "tests/unit/framework/fake_master.h"
+#include "tests/unit/framework/library_leaks.h"
 #include "tests/unit/framework/made_image.h"
 #include "tests/unit/framework/snmp_user_here.h"
 #include "tests/unit/framework/stopped.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-// What net-snmp never releases, once for each start.
-extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions() {
-  return "leak:netsnmp_init_mib_internals\nleak:netsnmp_container_get_binary_array\n";
-}
-#endif
 
 namespace vex {
 namespace {

@@ -23,6 +23,7 @@
 #include "framework/process/sanitized.h"
 #include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
+#include "tests/unit/framework/library_leaks.h"
 #include "tests/unit/framework/snmp_user_here.h"
 #include "tests/unit/framework/stopped.h"
 

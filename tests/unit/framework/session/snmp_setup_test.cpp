@@ -13,18 +13,12 @@
 #include "framework/snmp/snmp_files.h"
 #include "framework/snmp/snmp_wire.h"
 #include "platform/framework.h"
+#include "tests/unit/framework/library_leaks.h"
 #include "tests/unit/framework/made_image.h"
 #include "tests/unit/framework/session/failing_library.h"
 
 // After net-snmp's other headers:
 #include <net-snmp/agent/ds_agent.h>
-
-#if defined(__SANITIZE_ADDRESS__)
-// What net-snmp never releases, once for each start.
-extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions() {
-  return "leak:netsnmp_init_mib_internals\nleak:netsnmp_container_get_binary_array\n";
-}
-#endif
 
 namespace vex {
 namespace {
