@@ -108,6 +108,12 @@ TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {
   const std::string log = LoggedByStart(-1);
   EXPECT_EQ(log, "agent: Can't start the SNMP side: its starter has ended\n");
   EXPECT_TRUE(SnmpFailed());
+  // Nobody is there to end the process. Its new parent may be slow to reap it.
+  ASSERT_GT(births->last_process, 0);
+  EXPECT_TRUE(WaitUntil([] {
+    const std::string state = StatusOf(births->last_process, "State");
+    return state.empty() || state.starts_with('Z');
+  }));
 }
 
 // As those of a terminal's keys.
