@@ -170,6 +170,8 @@ TEST_F(RegistryFile, ReadsBackWhatWasPublished) {
     EXPECT_EQ(object->variables[0].name, "exampleCount");
     EXPECT_EQ(object->variables[0].type, 1);
     EXPECT_EQ(object->variables[0].access, 2);
+    EXPECT_EQ(object->variables[0].length, 4);
+    EXPECT_EQ(object->variables[1].length, 33);
     EXPECT_EQ(object->variables[1].name, "exampleName");
     EXPECT_EQ(object->variables[1].access, 0);
     EXPECT_EQ(object->variables[1].size, 33u);
