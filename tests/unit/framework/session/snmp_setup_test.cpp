@@ -54,6 +54,15 @@ class SnmpSetupTest : public testing::Test {
     return files;
   }
 
+  // Reads them as the agent does.
+  void Load(AgentxSession::Settings *session) {
+    SnmpSettings settings;
+    testing::internal::CaptureStderr();
+    EXPECT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, session));
+    UnloadSnmp(kApplication);
+    log_ = testing::internal::GetCapturedStderr();
+  }
+
   std::string directory_;
   std::string log_;
 };
@@ -171,17 +180,12 @@ TEST_F(SnmpSetupTest, WordsOfLinesThatStopAnywhere) {
 // What the library lets through and is no time at all.
 TEST_F(SnmpSetupTest, TimesThatAreNone) {
   Configure("vexhostd.conf", "agentXPingInterval -5\nagentXTimeout -3\n");
-  SnmpSettings settings;
   AgentxSession::Settings session;
-  testing::internal::CaptureStderr();
-  ASSERT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, &session));
-  UnloadSnmp(kApplication);
-  testing::internal::GetCapturedStderr();
+  Load(&session);
   EXPECT_EQ(session.ping_seconds, 15);
   EXPECT_EQ(session.timeout_seconds, 0);
   const FailingLibrary unknown("netsnmp_ds_get_int", 0, 1, 1);
-  ASSERT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, &session));
-  UnloadSnmp(kApplication);
+  Load(&session);
   EXPECT_EQ(FailingLibrary::Failed(), 1);
   EXPECT_EQ(session.ping_seconds, 15);
 }
@@ -189,26 +193,18 @@ TEST_F(SnmpSetupTest, TimesThatAreNone) {
 // The library reads each file twice.
 TEST_F(SnmpSetupTest, AnUnknownTokenIsSaidOnce) {
   Configure("vexhostd.conf", "polInterval 5\n");
-  SnmpSettings settings;
   AgentxSession::Settings session;
-  testing::internal::CaptureStderr();
-  ASSERT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, &session));
-  UnloadSnmp(kApplication);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            directory_ + "/vexhostd.conf: line 1: Warning: Unknown token: polInterval.\n");
+  Load(&session);
+  EXPECT_EQ(log_, directory_ + "/vexhostd.conf: line 1: Warning: Unknown token: polInterval.\n");
 }
 
 // It has one octet.
 TEST_F(SnmpSetupTest, ALongTimeForTheMasterIsTheLongestThatItCanBeTold) {
-  SnmpSettings settings;
   AgentxSession::Settings session;
   for (const auto &[configured, told] :
        {std::pair(254, 254), {255, 255}, {256, 255}, {1000, 255}}) {
     Configure("vexhostd.conf", "agentXTimeout " + std::to_string(configured) + "\n");
-    testing::internal::CaptureStderr();
-    ASSERT_NO_THROW(LoadSnmpConfiguration(kApplication, &settings, &session));
-    UnloadSnmp(kApplication);
-    testing::internal::GetCapturedStderr();
+    Load(&session);
     EXPECT_EQ(session.timeout_seconds, told) << configured;
   }
 }
