@@ -278,7 +278,8 @@ void SnmpRelay::Gone(const char *why) {
     query->Done();
   }
   queries_.clear();
-  if (why != nullptr) {
+  // One that has closed its end may live on. At the agent's end it has its time for a goodbye.
+  if (why != nullptr || !stopping_) {
     starter_.Channel()->Send(FrameWriter(FrameType::kKill));
   }
   const Clock::time_point now = Clock::now();

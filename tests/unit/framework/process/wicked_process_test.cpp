@@ -435,6 +435,27 @@ TEST_F(WickedProcess, IsHeardToTheEnd) {
   EXPECT_EQ(births->told[1], 1);
 }
 
+// Also where the next one, whose start ends it as well, cannot be had.
+TEST_F(WickedProcess, ThatClosesItsChannelIsEndedAtOnce) {
+  Be(1, [](Wicked *wicked, int) {
+    wicked->Say(FrameWriter(FrameType::kReady));
+    births->told[0] = getpid();
+    while (births->told[1] == 0) {
+      usleep(1000);
+    }
+    close_range(3, ~0U, 0);
+  });
+  ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  {
+    const FailingCall failing("memfd_create", EMFILE, 1, FailingCall::kAll);
+    births->told[1] = 1;
+    EXPECT_TRUE(WaitUntil([] { return kill(births->told[0], 0) != 0; }));
+  }
+  const std::string log = LogOnceGoodAgain(1);
+  EXPECT_EQ(CountOf(log, "agent: The SNMP process has ended (signal 9); starting another\n"), 2U)
+      << log;
+}
+
 class UnheardProcess : public WickedProcess {
  protected:
   // The log, where what the agent answers fails so.
