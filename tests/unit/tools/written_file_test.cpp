@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,7 +54,7 @@ TEST(WrittenFile, SaysWhyItIsNot) {
                                      ": cannot be written: File name too "
                                      "long\n");
   // No room for the name of the file beside it.
-  const std::string almost = base + std::string(250, 'x');
+  const std::string almost = base + std::string(NAME_MAX, 'x');
   EXPECT_EQ(Complaint(almost), "vexreg: " + almost + ": cannot be written: File name too long\n");
   EXPECT_EQ(made_up::ListDirectory(place.base()), std::vector<std::string>{"spool"});
 }
