@@ -21,13 +21,22 @@
 
 namespace {
 
+// Behind a data block, to see what is written past its end. The sanitizer sees it by itself, and
+// reads as well.
+#ifdef __SANITIZE_ADDRESS__
+constexpr long kGuard = 0;
+#else
+constexpr long kGuard = 16;
+#endif
+constexpr unsigned char kGuardOctet = 0xA5;
+
 struct Object {
   registry_object face = {};
   std::string path;
   std::string relative;
   std::vector<descriptor> descriptors;
   std::vector<std::string> names;
-  std::vector<unsigned char> data;
+  std::vector<unsigned char> data;  // the data block and the guard
   std::string published;
   std::vector<uint16_t> published_lengths;
   int publications = 0;
@@ -548,6 +557,7 @@ registry_object *create_obj(queue *registry, int owner, const char *name, int fl
   object->descriptors.resize(static_cast<size_t>(var_count));
   object->names.resize(static_cast<size_t>(var_count));
   object->data.resize(static_cast<size_t>(data_size));
+  object->data.insert(object->data.end(), kGuard, kGuardOctet);
   const size_t dot = relative->find_last_of("./");
   const char *number =
       dot != std::string::npos && (*relative)[dot] == '.' ? relative->c_str() + dot + 1 : "";
@@ -601,7 +611,9 @@ int log_data(registry_object *face) {
     rec::Record("log_data", object->relative, "");
     return -1;
   }
-  object->published.assign(reinterpret_cast<char *>(object->data.data()), object->data.size());
+  EXPECT_EQ(std::count(object->data.end() - kGuard, object->data.end(), kGuardOctet), kGuard)
+      << object->relative << " is written past the end of its data block";
+  object->published.assign(object->data.begin(), object->data.end() - kGuard);
   object->published_lengths.clear();
   for (const descriptor &desc : object->descriptors) {
     if (state().undefined_slots.count(object->relative) == 0) {
