@@ -97,7 +97,7 @@ std::map<std::string, MountFigures> ParseFigures(std::string_view text) {
     MountFigures one;
     if (kind == kFigures && ParseLine(line, &one)) {
       one.state = MountFigures::kAnswered;
-    } else if (kind == kError && TakeNumber(&line, &one.error)) {
+    } else if (kind == kError && TakeNumber(&line, &one.error) && one.error > 0) {
       one.state = MountFigures::kErrno;
     } else if (kind != kSilent) {
       continue;

@@ -394,8 +394,9 @@ TEST(Figures, DirectoriesWithBackslashesThatEscapeNothing) {
 }
 
 TEST(Figures, LinesThatAreNone) {
-  for (const char *line : {"figures 1x 2 3 4 5 /", "figures 1 x 3 4 5 /", "figures 1 2 x 4 5 /",
-                           "figures 1 2 3 x 5 /", "figures 1 2 3 4 x /", "error 5x /"}) {
+  for (const char *line :
+       {"figures 1x 2 3 4 5 /", "figures 1 x 3 4 5 /", "figures 1 2 x 4 5 /", "figures 1 2 3 x 5 /",
+        "figures 1 2 3 4 x /", "error 5x /", "error -2 /", "error 0 /"}) {
     EXPECT_TRUE(ParseFigures(line).empty()) << line;
   }
 }
