@@ -129,6 +129,18 @@ TEST_F(SnmpRelayTest, SignalsForTheAgentAreNotForItsProcesses) {
   }
 }
 
+// What a library or a sanitizer says there must not go to a socket that has taken the number.
+TEST_F(SnmpRelayTest, ItsProcessesHaveTheNullDeviceForStandardDescriptors) {
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  for (const pid_t pid : {births->starter.load(), births->last_process.load()}) {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+      std::error_code error;
+      const auto place = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+      EXPECT_EQ(std::filesystem::read_symlink(place, error), "/dev/null") << place << error;
+    }
+  }
+}
+
 // A process that would have the agent's own standard descriptors is none.
 TEST_F(SnmpRelayTest, WithoutANullDeviceThereIsNoProcess) {
   const std::string path = directory_ + "/socket";
