@@ -16,18 +16,15 @@
 #include <ostream>
 #include <set>
 
+#include "framework/process/sanitized.h"
 #include "platform/ev.h"
 #include "tests/support/recording_internal.h"
 
 namespace {
 
-// Behind a data block, to see what is written past its end. The sanitizer sees it by itself, and
+// Behind a data block, to see what is written past its end. A sanitizer sees it by itself, and
 // reads as well.
-#ifdef __SANITIZE_ADDRESS__
-constexpr long kGuard = 0;
-#else
-constexpr long kGuard = 16;
-#endif
+constexpr long kGuard = vex::kSanitized ? 0 : 16;
 constexpr unsigned char kGuardOctet = 0xA5;
 
 struct Object {
