@@ -130,6 +130,14 @@ TEST_F(SnmpRelayTest, SignalsForTheAgentAreNotForItsProcesses) {
   }
 }
 
+// By the starter, which alone reads it, and before it gives the log up.
+TEST_F(SnmpRelayTest, WhatItsConfigurationHasWrongIsLogged) {
+  std::ofstream(directory_ + "/vexhostd.conf", std::ios::app) << "polInterval 5\n";
+  EXPECT_EQ(LoggedByStart(0),
+            directory_ + "/vexhostd.conf: line 2: Warning: Unknown token: polInterval.\n");
+  EXPECT_GT(births->last_process, 0);
+}
+
 // What a library says there must not go to a socket that has taken the number. What a sanitizer
 // says goes where the agent's does.
 TEST_F(SnmpRelayTest, ItsProcessesHaveTheNullDeviceForStandardDescriptors) {

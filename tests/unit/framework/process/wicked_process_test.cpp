@@ -640,11 +640,13 @@ TEST_F(WickedProcess, WithoutASessionForLongIsLikeNoMaster) {
             QueryEnd::kNotAsked)
       << "it is not ready";
   ahead_ms = 11000;
-  SnmpSetTick([] {}, 100);
-  WaitUntil([] { return false; }, 100);
+  static std::atomic<int> ticks;
+  SnmpSetTick([] { ticks++; }, 100);
+  EXPECT_TRUE(WaitUntil([] { return ticks >= 2; }));
+  // Not only at the agent's end, by which it is so anyway.
+  const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_TRUE(Stopped());
   EXPECT_EQ(SnmpUnsent()->size(), 256U);
-  const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("More than 256 notifications wait for the master agent; the oldest are "
                      "lost\n"),
             log.npos)
