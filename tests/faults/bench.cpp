@@ -468,6 +468,11 @@ Verdict Bench::Round(const Call &call, unsigned n, bool for_good) {
   meanwhile_ = nullptr;
   keep_armed_ = false;
   injector_.Disarm();
+  if (verdict.outcome == Outcome::kWrong) {
+    constexpr ptrdiff_t kMostLines = 12;
+    const std::vector<std::string> lines = host().daemon.LogLines();
+    verdict.logged.assign(lines.end() - std::min(std::ssize(lines), kMostLines), lines.end());
+  }
   if (verdict.outcome == Outcome::kWrong || verdict.outcome == Outcome::kByRule) {
     // The next round begins with a new one.
     KillAgent();

@@ -38,6 +38,7 @@ struct Verdict {
   Outcome outcome = Outcome::kNotReached;
   std::vector<std::string> differences;  // why
   std::vector<std::string> place;        // in the product, innermost first
+  std::vector<std::string> logged;       // by the agent that is wrong, at last
 };
 
 // What is allowed to differ, and why; "" when it is not. A line of Difference().

@@ -27,6 +27,9 @@ std::string Told(const Call &call, unsigned n, const Verdict &verdict) {
     for (const std::string &line : verdict.place) {
       text += "\n      at " + line;
     }
+    for (const std::string &line : verdict.logged) {
+      text += "\n      logged: " + line;
+    }
   }
   return text;
 }
