@@ -334,8 +334,10 @@ std::shared_ptr<const FileLayout> EncodeLayout(const std::vector<FileVariable> &
   layout->var_count = header.var_count;
   layout->checksum = header.checksum;
 
-  static auto *known = new std::map<std::vector<uint8_t>, std::weak_ptr<const FileLayout>>;
-  std::weak_ptr<const FileLayout> &entry = (*known)[layout->bytes];
+  // A string: compared as a vector, gcc 14 warns with -O3 of lengths that no object has.
+  static auto *known = new std::map<std::string, std::weak_ptr<const FileLayout>>;
+  std::weak_ptr<const FileLayout> &entry =
+      (*known)[std::string(layout->bytes.begin(), layout->bytes.end())];
   if (std::shared_ptr<const FileLayout> same = entry.lock()) {
     return same;
   }
