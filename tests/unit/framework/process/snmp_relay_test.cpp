@@ -133,8 +133,11 @@ TEST_F(SnmpRelayTest, SignalsForTheAgentAreNotForItsProcesses) {
 // By the starter, which alone reads it, and before it gives the log up.
 TEST_F(SnmpRelayTest, WhatItsConfigurationHasWrongIsLogged) {
   std::ofstream(directory_ + "/vexhostd.conf", std::ios::app) << "polInterval 5\n";
-  EXPECT_EQ(LoggedByStart(0),
-            directory_ + "/vexhostd.conf: line 2: Warning: Unknown token: polInterval.\n");
+  // That there is no master may be said by then.
+  const std::string log = LoggedByStart(0);
+  EXPECT_TRUE(log.starts_with(directory_ +
+                              "/vexhostd.conf: line 2: Warning: Unknown token: polInterval.\n"))
+      << log;
   EXPECT_GT(births->last_process, 0);
 }
 
