@@ -66,7 +66,10 @@ bool FrameSocket::Send(const FrameWriter &frame, std::span<const int> descriptor
       return sent > 0;
     }
   }
-  if (unsent_.size() >= kMostUnsent) {
+  const auto holding = std::count_if(unsent_.begin(), unsent_.end(), [](const Unsent &one) {
+    return static_cast<bool>(one.descriptors[0]);
+  });
+  if (unsent_.size() >= kMostUnsent || (!descriptors.empty() && holding >= kMostHolding)) {
     errno = ENOBUFS;
     return false;
   }

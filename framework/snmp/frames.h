@@ -163,6 +163,8 @@ class FrameSocket {
   };
   // More than the other end ever owes: it does not read.
   static constexpr size_t kMostUnsent = 4096;
+  // Of those with descriptors, which are open here as well until they are sent.
+  static constexpr ptrdiff_t kMostHolding = 16;
 
   Descriptor socket_;
   std::deque<Unsent> unsent_;

@@ -188,6 +188,14 @@ void SetChannel::Release(SetTransaction &set) {
     transaction.cancelled = true;
     changed_.notify_all();
   }
+  // While a hook runs nobody serves the queue: sets that come and go meanwhile must not fill it.
+  const auto place = std::find_if(queue_.begin(), queue_.end(), [&transaction](const auto &queued) {
+    return queued.get() == &transaction;
+  });
+  if (place != queue_.end()) {
+    queue_.erase(place);
+    transaction.in_queue = false;
+  }
 }
 
 void SetChannel::RunChecks(std::unique_lock<std::mutex> &lock, QueuedSet &transaction, size_t part,

@@ -44,6 +44,9 @@ constexpr int kImagesAtOnce = 64;
 constexpr int kFramesAtOnce = 256;
 // A sound process keeps to kMostSets, and is never taken for a hostile one.
 constexpr size_t kMostSetsHeld = 4 * kMostSets;
+// Variables of all of them together; a manager has a few.
+constexpr size_t kMostItemsHeld = 4096;
+constexpr size_t kMostQueries = 64;
 constexpr double kMessagesAtOnce = 200;
 constexpr double kMessagesPerSecond = 10;
 
@@ -274,8 +277,8 @@ void SnmpRelay::Gone(const char *why) {
     vex::Sets().Release(*set.transaction);
   }
   sets_.clear();
-  for (auto &[number, query] : queries_) {
-    query->Done();
+  for (auto &[number, asked] : queries_) {
+    asked.query->Done();
   }
   queries_.clear();
   // One that has closed its end may live on. At the agent's end it has its time for a goodbye.
@@ -388,16 +391,24 @@ void SnmpRelay::Take(FrameReader *frame) {
     case FrameType::kSession:
       TakeSession(frame);
       break;
-    case FrameType::kNotified:
-      TakeNotified(frame->Take<uint64_t>());
+    case FrameType::kNotified: {
+      const auto number = frame->Take<uint64_t>();
+      if (frame->Whole()) {
+        TakeNotified(number);
+      } else {
+        Hostile();
+      }
       break;
+    }
     case FrameType::kSetPart:
       TakeSetPart(frame);
       break;
     case FrameType::kSetApply:
     case FrameType::kSetRelease: {
       const auto place = sets_.find(frame->Take<uint64_t>());
-      if (place != sets_.end() && type == FrameType::kSetApply) {
+      if (!frame->Whole()) {
+        Hostile();
+      } else if (place != sets_.end() && type == FrameType::kSetApply) {
         place->second.applying = true;
         vex::Sets().RequestApply(*place->second.transaction);
       } else if (place != sets_.end()) {
@@ -423,6 +434,10 @@ void SnmpRelay::Take(FrameReader *frame) {
 void SnmpRelay::TakeSession(FrameReader *frame) {
   const auto event = frame->Take<SessionEvent>();
   const auto session = frame->Take<uint64_t>();
+  if (!frame->Whole()) {
+    Hostile();
+    return;
+  }
   SnmpShared &side = Side();
   switch (event) {
     case SessionEvent::kOpen:
@@ -478,8 +493,13 @@ void SnmpRelay::TakeSetPart(FrameReader *frame) {
       std::min(Clock::time_point(Clock::duration(frame->Take<int64_t>())),
                Clock::now() + SnmpRequests::kSetPatience);
   const auto place = sets_.find(id);
+  if (place == sets_.end() && part > 0) {
+    // There was no memory for the parts before it.
+    TellSet(id, part, {SetPort::Check::kUndecided, 0}, {SetPort::Apply::kFailed, 0});
+    return;
+  }
   const size_t parts = place != sets_.end() ? place->second.parts.size() : 0;
-  if (part != parts || parts >= kMostParts || sets_.size() >= kMostSetsHeld) {
+  if (part != parts || parts >= kMostParts || (parts == 0 && sets_.size() >= kMostSetsHeld)) {
     Hostile();
     return;
   }
@@ -502,7 +522,11 @@ void SnmpRelay::AddSetPart(uint64_t id, Clock::time_point deadline, FrameReader 
     return;
   }
   SnmpShared &side = Side();
-  bool may = side.sets_enabled;
+  size_t held = items.size();
+  for (const auto &[number, set] : sets_) {
+    held += set.items;
+  }
+  bool may = side.sets_enabled && held <= kMostItemsHeld;
   for (const SetItem &item : items) {
     std::shared_ptr<const Image> image;
     {
@@ -524,8 +548,11 @@ void SnmpRelay::AddSetPart(uint64_t id, Clock::time_point deadline, FrameReader 
   set.parts.reserve(set.parts.size() + 1);
   if (!may) {
     vex::Sets().Release(*set.transaction);
+    items = {};  // of any size that a frame has
   }
+  const size_t count = items.size();
   vex::Sets().AddPart(*set.transaction, std::move(items));
+  set.items += count;
   set.parts.emplace_back();
 }
 
@@ -545,7 +572,7 @@ void SnmpRelay::TakeAnswer(FrameReader *frame) {
   if (place == queries_.end()) {
     return;
   }
-  SnmpQuery &query = *place->second;
+  SnmpQuery &query = *place->second.query;
   query.sent = sent;
   query.refused = refused;
   query.has_status = has_status;
@@ -691,7 +718,8 @@ void SnmpRelay::AskQueries() {
 
 // False when it could not be asked.
 bool SnmpRelay::Ask(const std::shared_ptr<SnmpQuery> &query) noexcept {
-  const Descriptor socket(ready_ ? ConnectUdp(query->address, kSnmpPort) : -1);
+  const bool may = ready_ && queries_.size() < kMostQueries;
+  const Descriptor socket(may ? ConnectUdp(query->address, kSnmpPort) : -1);
   if (!socket) {
     return false;
   }
@@ -702,7 +730,7 @@ bool SnmpRelay::Ask(const std::shared_ptr<SnmpQuery> &query) noexcept {
     for (const uint32_t part : query->oid) {
       frame.Put(part);
     }
-    queries_[number] = query;
+    queries_[number] = {query, Clock::now() + kSilence};
     const int descriptors[] = {socket.get()};
     Send(frame, descriptors);
     return true;
@@ -710,6 +738,18 @@ bool SnmpRelay::Ask(const std::shared_ptr<SnmpQuery> &query) noexcept {
     queries_.erase(number);
     return false;
   }
+}
+
+// The process gives each a few seconds. What it does not answer is not remembered for that.
+void SnmpRelay::ForgetQueries() {
+  const Clock::time_point now = Clock::now();
+  std::erase_if(queries_, [now](const auto &entry) {
+    const bool over = now >= entry.second.until;
+    if (over) {
+      entry.second.query->Done();
+    }
+    return over;
+  });
 }
 
 void SnmpRelay::TellSet(uint64_t id, uint32_t part, const SetPort::CheckResult &check,
@@ -879,6 +919,7 @@ void SnmpRelay::Work() {
     images_told_ = false;
   }
   Try([this] { Notify(); });
+  ForgetQueries();
   Try([this] { AskQueries(); });
   Try([this] { TellSets(); });
   Try([this] { Ping(); });

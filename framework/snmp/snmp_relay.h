@@ -55,7 +55,12 @@ class SnmpRelay {
       SetPort::ApplyResult apply;
     };
     std::vector<Part> parts;
+    size_t items = 0;
     bool applying = false;
+  };
+  struct Asked {
+    std::shared_ptr<SnmpQuery> query;
+    Clock::time_point until;
   };
   // Ends of the process that may follow one another closely.
   class Restarts {
@@ -103,6 +108,7 @@ class SnmpRelay {
   void PumpImages();
   void Notify();
   void AskQueries();
+  void ForgetQueries();
   bool Ask(const std::shared_ptr<SnmpQuery> &query) noexcept;
   void TellSets();
   void TellSet(uint64_t id, uint32_t part, const SetPort::CheckResult &check,
@@ -137,7 +143,7 @@ class SnmpRelay {
   Notifications unanswered_;
   uint64_t next_notification_ = 1;
   std::map<uint64_t, Set> sets_;
-  std::map<uint64_t, std::shared_ptr<SnmpQuery>> queries_;
+  std::map<uint64_t, Asked> queries_;
   uint64_t next_query_ = 1;
   Clock::time_point heard_;
   bool pinged_ = false;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "framework/snmp/frames.h"
@@ -442,9 +443,18 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
 // that come twice.
 void SnmpRequests::MakeRoom() {
   Clock::time_point now = Clock::now();
-  std::erase_if(sets_, [now](const auto &entry) {
-    return entry.second.undone || now >= entry.second.deadline;
-  });
+  for (auto place = sets_.begin(); place != sets_.end();) {
+    const bool over = place->second.undone || now >= place->second.deadline;
+    place = over ? Forget(place) : std::next(place);
+  }
+}
+
+// Nothing of it runs any more, and nobody keeps it for the answer.
+SnmpRequests::SetPlace SnmpRequests::Forget(SetPlace place) {
+  if (place->second.transaction) {
+    channel_->Release(*place->second.transaction);
+  }
+  return sets_.erase(place);
 }
 
 void SnmpRequests::CommitSet(AgentxSession *session, const netsnmp_pdu *request) {
@@ -508,10 +518,7 @@ void SnmpRequests::UndoSet(AgentxSession *session, const netsnmp_pdu *request) {
 void SnmpRequests::CleanupSet(const netsnmp_pdu *request) {
   auto place = sets_.find(request->transid);
   if (place != sets_.end()) {
-    if (place->second.transaction) {
-      channel_->Release(*place->second.transaction);
-    }
-    sets_.erase(place);
+    Forget(place);
   }
 }
 
@@ -566,11 +573,7 @@ void SnmpRequests::Work(AgentxSession *session) {
   Clock::time_point now = Clock::now();
   for (auto place = sets_.begin(); place != sets_.end();) {
     Progress(session, place->first, place->second);
-    if (now >= place->second.deadline + kForgetAfter) {
-      place = sets_.erase(place);
-    } else {
-      ++place;
-    }
+    place = now >= place->second.deadline + kForgetAfter ? Forget(place) : std::next(place);
   }
 }
 
@@ -591,12 +594,9 @@ Clock::time_point SnmpRequests::NextDue() const {
 }
 
 void SnmpRequests::SessionLost() {
-  for (auto &[id, set] : sets_) {
-    if (set.transaction) {
-      channel_->Release(*set.transaction);
-    }
+  for (auto place = sets_.begin(); place != sets_.end();) {
+    place = Forget(place);
   }
-  sets_.clear();
   owed_count_ = 0;
 }
 

@@ -87,6 +87,8 @@ class SnmpRequests {
   static bool SendShort(AgentxSession *session, const ShortAnswer &answer);
   void Progress(AgentxSession *session, long transaction_id, Set &set);
   void MakeRoom();
+  using SetPlace = std::map<long, Set>::iterator;
+  SetPlace Forget(SetPlace place);
 
   const MibIndex *index_;
   SetPort *channel_;

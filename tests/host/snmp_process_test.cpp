@@ -333,6 +333,8 @@ TEST(SnmpProcess, IsBackAtOnceWithEverything) {
   }
   printf("away for %.0f ms as a rule, %.0f ms at most\n", Percentile(away, 50) * 1000,
          Percentile(away, 100) * 1000);
+  // As a rule: a busy machine may give it no processor for once.
+  EXPECT_LT(Percentile(away, 50), 0.1);
   EXPECT_EQ(host.daemon.Count("The SNMP process has ended (signal 9); starting another"), 20U)
       << host.daemon.Log();
   // What is published while there is none is there with the next.

@@ -429,6 +429,31 @@ TEST_F(SetChannelTest, SecondRequestAppliesOnce) {
   EXPECT_EQ(applies, 1);
 }
 
+// While the agent thread is in a hook, a set that is given up must not stay until it comes back.
+TEST_F(SetChannelTest, WhatIsReleasedIsNotKept) {
+  for (const bool expired : {false, true}) {
+    std::weak_ptr<SetTransaction> left;
+    {
+      auto set = Begin(expired ? 1 : 5000);
+      const int part = channel_.AddPart(*set, {Item(1)});
+      if (expired) {
+        EXPECT_EQ(WaitForCheck(*set, part), Check::kUndecided);
+      }
+      channel_.Release(*set);
+      left = set;
+    }
+    EXPECT_TRUE(left.expired()) << expired;
+  }
+  // And what comes after it is served.
+  auto set = Begin();
+  const int part = channel_.AddPart(*set, {Item(2)});
+  StartAgent();
+  EXPECT_EQ(WaitForCheck(*set, part), Check::kAccepted);
+  channel_.Release(*set);
+  StopAgent();
+  EXPECT_EQ(checks, 1);
+}
+
 TEST_F(SetChannelTest, SetsWaitForOneAnother) {
   StartAgent();
   auto one = Begin();

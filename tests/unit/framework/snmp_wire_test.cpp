@@ -556,6 +556,25 @@ TEST(Frames, KeepTheirLimitsAndTheirDescriptors) {
   close(pipe_ends[1]);
 }
 
+// Each is open until it is sent: who takes none must not use up the descriptors of the other end.
+TEST(Frames, WithDescriptorsThatWaitAreFew) {
+  Descriptor one;
+  Descriptor other;
+  ASSERT_TRUE(FrameSocket::Pair(&one, &other));
+  FrameSocket from(std::move(one));
+  while (!from.HasUnsent()) {
+    ASSERT_TRUE(from.Send(FrameWriter(FrameType::kPing).PutText(std::string(999, 'x'))));
+  }
+  const int standard[] = {STDERR_FILENO};
+  int waiting = 0;
+  while (waiting < 100 && from.Send(FrameWriter(FrameType::kConnected), standard)) {
+    waiting++;
+  }
+  EXPECT_EQ(errno, ENOBUFS);
+  EXPECT_EQ(waiting, 16);
+  EXPECT_TRUE(from.Send(FrameWriter(FrameType::kPing)));
+}
+
 struct Ends {
   Ends() {
     Descriptor one;

@@ -124,9 +124,22 @@ TEST_F(WickedProcess, ThatSaysNonsenseIsReplaced) {
         w->Say(FrameWriter(FrameType::kReady));
         w->Say(FrameWriter(FrameType::kAnswer).Put(uint64_t{1}));
       },
-      [](Wicked *w) {  // a part before the first one
+      [](Wicked *w) {  // a part before the second one
         w->Say(FrameWriter(FrameType::kReady));
-        w->Say(SetPart(1, 1));
+        w->Say(SetPart(1, 0));
+        w->Say(SetPart(1, 2));
+      },
+      [](Wicked *w) {  // less than a whole frame
+        w->Say(FrameWriter(FrameType::kReady));
+        w->Say(FrameWriter(FrameType::kSession).Put(SessionEvent::kOpen));
+      },
+      [](Wicked *w) {
+        w->Say(FrameWriter(FrameType::kReady));
+        w->Say(FrameWriter(FrameType::kNotified).Put(uint32_t{1}));
+      },
+      [](Wicked *w) {  // and more
+        w->Say(FrameWriter(FrameType::kReady));
+        w->Say(FrameWriter(FrameType::kSetRelease).Put(uint64_t{1}).Put(uint8_t{1}));
       },
       [](Wicked *w) {  // a set of nothing
         w->Say(FrameWriter(FrameType::kReady));
@@ -290,6 +303,37 @@ TEST_F(WickedProcess, SetsNothingThatIsNotPublishedAndWritable) {
   for (int id = 1; id <= 3; id++) {
     EXPECT_EQ(births->told[id], static_cast<int>(SetPort::Check::kUndecided) + 1) << id;
   }
+}
+
+// The master goes on with a set of which there was no memory for the first part.
+TEST_F(WickedProcess, PartsOfASetThatIsNotKeptAreUndecided) {
+  Be(1, [](Wicked *wicked, int) {
+    wicked->Say(FrameWriter(FrameType::kReady)).Say(SetPart(1, 1));
+    const auto result = wicked->Hear(FrameType::kSetResult);
+    FrameReader reader(result ? std::string_view(*result) : std::string_view());
+    const bool same = reader.Take<uint64_t>() == 1 && reader.Take<uint32_t>() == 1;
+    births->told[0] = same && reader.Take<SetPort::Check>() == SetPort::Check::kUndecided ? 1 : 2;
+  });
+  ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), kNonsense), 0U);
+  EXPECT_EQ(births->told[0], 1);
+}
+
+// What waits for the agent thread has a limit in all, beyond which a set is none.
+TEST_F(WickedProcess, SetsOfVeryMuchAreUndecided) {
+  SnmpPublish(MakeImage(5, 0, {"tlxHoOsCommonPollFreq"}));
+  Be(1, [](Wicked *wicked, int) {
+    wicked->Say(FrameWriter(FrameType::kReady)).Say(SetPart(1, 0, 5, 3000));
+    wicked->Say(SetPart(2, 0, 5, 3000));
+    const auto result = wicked->Hear(FrameType::kSetResult);
+    FrameReader reader(result ? std::string_view(*result) : std::string_view());
+    // Nobody serves the first one, which waits until its deadline.
+    const bool second = reader.Take<uint64_t>() == 2 && reader.Take<uint32_t>() == 0;
+    births->told[0] = second && reader.Take<SetPort::Check>() == SetPort::Check::kUndecided ? 1 : 2;
+  });
+  ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), kNonsense), 0U);
+  EXPECT_EQ(births->told[0], 1);
 }
 
 // A set that it never releases is forgotten, and its number is free again.
@@ -525,6 +569,32 @@ TEST_F(WickedProcess, AnswersQueriesAsItLikes) {
   answer = ask();
   EXPECT_EQ(answer.end, QueryEnd::kNotAsked) << "it has ended with it";
   LogOnceGoodAgain(1);
+}
+
+// Nor is a query remembered for ever that it never answers.
+TEST_F(WickedProcess, ForgetsNoQueryButTheAgentDoes) {
+  Be(1, [](Wicked *wicked, int) {
+    wicked->Say(FrameWriter(FrameType::kReady));
+    births->told[0] = 1;
+    wicked->Hear(FrameType::kQuery);
+    births->told[1] = 1;
+  });
+  ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
+  WaitUntil([] { return false; }, 50);
+  std::atomic<bool> ended{false};
+  std::thread asking([&ended] {
+    SnmpQueryInteger("127.0.0.1", "public", "1.3.6.1", seconds(60));
+    ended = true;
+  });
+  EXPECT_TRUE(WaitUntil([] { return births->told[1] != 0; }));
+  EXPECT_FALSE(ended);
+  ahead_ms = 12000;
+  SnmpSetTick([] {}, 1000);
+  EXPECT_TRUE(WaitUntil([&ended] { return ended.load(); }, 5000));
+  ending = 1;
+  asking.join();
+  ending = 0;
+  testing::internal::GetCapturedStderr();
 }
 
 // While there is none, or no memory, nothing is asked; what is published and notified meanwhile is
