@@ -528,6 +528,19 @@ TEST(SnmpProcess, EndsWithTheAgent) {
   EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); })) << Status(pid, "State");
 }
 
+// Without its starter there is no next process, and the agent cannot fork one by then: it ends with
+// a message, and whoever keeps it starts it anew.
+TEST(SnmpProcess, TheEndOfItsStarterEndsTheAgent) {
+  MadeUpHost host;
+  host.Start();
+  const pid_t pid = SnmpProcessOf(host.daemon.pid());
+  ASSERT_GT(pid, 0);
+  ASSERT_EQ(kill(StarterOf(host.daemon.pid()), SIGKILL), 0);
+  EXPECT_EQ(host.daemon.WaitEnd(), 1);
+  EXPECT_EQ(host.daemon.Count("its starter has ended"), 1U) << host.daemon.Log();
+  EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); })) << Status(pid, "State");
+}
+
 // Without the user there is a thread instead, and a line that says so.
 TEST(SnmpProcess, IsAThreadWithoutItsUser) {
   MadeUpHost host;
