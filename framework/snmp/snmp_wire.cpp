@@ -10,6 +10,7 @@
 namespace vex {
 namespace {
 
+// Nor has the longest frame room for more.
 constexpr uint32_t kMostItems = 4096;
 
 std::vector<uint8_t> Octets(std::string_view text) {
