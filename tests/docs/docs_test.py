@@ -12,6 +12,9 @@ import tempfile
 import unittest
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(SOURCE, "scripts"))
+import machine_paths  # noqa: E402 pylint: disable=wrong-import-position
 PAGES = {name: os.path.join(SOURCE, "docs", "man", name)
          for name in ("vexhostd.8", "vexhostd.conf.5", "vexreg.1")}
 PRODUCT = ("agent", "common", "identity", "monitors", "status", "detail", "software", "firmware", "framework",
@@ -187,7 +190,7 @@ class Options(unittest.TestCase):
 class Sources(unittest.TestCase):
     # What is no source or trace of the agent.
     PLUMBING = {"/bin/sh", "/dev/null", "/dev/null/vexhostd", "/proc/self/task", "/proc/self/fd", "/proc/self/fd/", "/proc/self/fd/%d", "/proc",
-                "/proc/net/unix"}
+                "/proc/net/unix", "/tmp"}
 
     def test_every_path_of_the_code_is_described(self):
         text = rendered("vexhostd.8") + rendered("vexhostd.conf.5")
@@ -195,8 +198,7 @@ class Sources(unittest.TestCase):
         for path in product_sources():
             for literal in re.findall(r'"((?:[^"\\\n]|\\.)*)"', re.sub(r"//.*", "", read(path))):
                 found |= set(re.findall(
-                    r"(?<![\w.*/])/(?:etc|proc|sys|var|run|dev|boot|opt|usr|vmfs|sbin)\b[^ ;,`\\\"']*",
-                    literal))
+                    rf"(?<![\w.*/]){machine_paths.BEGINNING}[^ ;,`\\\"']*", literal))
         self.assertGreater(len(found), 20)
         for path in sorted(found - self.PLUMBING):
             # Programs are listed by their names, patterns as they stand.
@@ -278,15 +280,25 @@ class Documents(unittest.TestCase):
                       if name.endswith(".md")]
         named = 0
         for document in documents:
-            for path in re.findall(r"`((?:docs|scripts|tests|agent|common|identity|monitors|status|software|"
-                                   r"firmware|framework|hardware|platform|mibs|tools|fuzz|packaging|"
-                                   r"decisions)/[\w./-]*|[a-z-]+\.md)`", read(document)):
+            for path in self.files_named(read(document)):
                 # A document of the folder is named by its name alone there.
                 places = [os.path.join(SOURCE, path), os.path.join(os.path.dirname(document), path)]
-                if "build/" not in path and "NAME" not in path:
-                    self.assertTrue(any(map(os.path.exists, places)), f"{document}: {path}")
-                    named += 1
+                self.assertTrue(any(map(os.path.exists, places)), f"{document}: {path}")
+                named += 1
         self.assertGreater(named, 20)
+
+    @staticmethod
+    def files_named(text):
+        """Those of the tree's folders, and documents by their names alone."""
+        folders = "|".join(name for name in os.listdir(SOURCE)
+                           if os.path.isdir(os.path.join(SOURCE, name)) and re.fullmatch(r"[a-z]+", name))
+        return [path for path in re.findall(rf"`((?:{folders}|decisions)/[\w./-]*|[a-z-]+\.md)`", text)
+                if not path.startswith("build/") and "NAME" not in path]
+
+    def test_a_file_that_is_named_is_seen_in_any_folder(self):
+        for folder in ("agent", "bench", "cmake", "contrib", "debian", "detail", "integrations", "packages",
+                       "decisions"):
+            self.assertEqual(self.files_named(f"See `{folder}/made_up.x`."), [f"{folder}/made_up.x"])
 
     def test_the_readme_tells_what_an_installation_has_of_it(self):
         here, source = read(os.path.join(SOURCE, "README.md")).split("\n## More\n")[1].split(
