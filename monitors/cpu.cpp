@@ -117,7 +117,7 @@ enum count_result { COUNTED, NO_FILE, BROKEN_OFF };
 // Counts the processors' lines of /proc/stat, which says nothing unless it was read to its end. A
 // file that is there and cannot be opened at this moment is one that cannot be read.
 static count_result count_lines(int *count) {
-  const stream_handle stat(fopen(processor_times_path, "r"));
+  const stream_handle stat(fopen(processor_times_path, "re"));
   if (!stat) {
     return errno == ENOENT || errno == ENOTDIR || errno == EACCES ? NO_FILE : BROKEN_OFF;
   }
@@ -161,7 +161,7 @@ static int count_processors(bool start_up) {
 // says the same.
 // Returns false, with the samples as they were, when /proc/stat cannot be opened or read.
 static bool take_samples() {
-  const stream_handle stat(fopen(processor_times_path, "r"));
+  const stream_handle stat(fopen(processor_times_path, "re"));
   if (!stat) {
     return false;
   }

@@ -95,7 +95,7 @@ int do_memory() {
   if (object == nullptr) {
     return -1;
   }
-  const stream_handle meminfo(fopen(memory_sizes_path, "r"));
+  const stream_handle meminfo(fopen(memory_sizes_path, "re"));
   if (!meminfo) {
     return 0;
   }
