@@ -14,7 +14,7 @@
 struct group {
   const char *name;   // of its object; of its rows, before the dot
   const char *title;  // what the log calls it
-  int flag;           // for create_obj()
+  int flag;           // for create_obj(); of a new group 1 for a table, 0 for an object
   variable_table variables;
   // Builds the group at the first call and refreshes it at later ones. Returns 0, or -1 on failure.
   // Null when another group's does it.
