@@ -1,5 +1,5 @@
 // What net-snmp's configuration files say to an agent of ours. Needs libnetsnmp, not its agent
-// library: the agent's SNMP thread and tools read the same files the same way.
+// library: the agent's SNMP side and tools read the same files the same way.
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_FILES_H
 #define VEX_FRAMEWORK_SNMP_SNMP_FILES_H
 
