@@ -9,6 +9,9 @@
 
 namespace vex {
 
+// Where a master agent has its socket unless agentXSocket says otherwise.
+inline constexpr char kDefaultAgentxSocket[] = "/var/agentx/master";
+
 enum class CommunitySource { kNone, kOwn, kCommon, kMaster };
 
 struct SnmpFiles {

@@ -10,6 +10,7 @@
 namespace vex {
 namespace {
 
+// Of a set, whose request has room for fewer in its 64 KiB.
 constexpr uint32_t kMostItems = 4096;
 
 std::vector<uint8_t> Octets(std::string_view text) {
