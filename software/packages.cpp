@@ -541,7 +541,8 @@ static bool is_wanted(const char *name) {
   return classify_package(name) != 0 && !is_permanent(name);
 }
 
-// One message for each different name; they come from outside, so what cannot be printed is not.
+// One message for each different name; they come from outside, so what cannot be printed is not,
+// nor what is not ASCII, which no package's name has.
 static void report_refused() {
   static const char *refused[most_names];
   int count = 0;
