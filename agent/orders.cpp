@@ -14,7 +14,7 @@
 #include "monitors/cpu.h"
 #include "monitors/filesys.h"
 #include "monitors/memory.h"
-#include "software/packages.h"
+#include "software/swver.h"
 #include "status/misc.h"
 
 // One line a group.

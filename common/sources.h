@@ -10,6 +10,7 @@ inline constexpr char host_directory[] = "host";
 inline constexpr char host_objects[] = "host/";
 
 inline constexpr char mount_table_path[] = "/etc/mtab";
+inline constexpr int mount_line_size = 4096;  // what a line has beyond that is passed over
 inline constexpr char memory_sizes_path[] = "/proc/meminfo";
 inline constexpr char processor_times_path[] = "/proc/stat";
 inline constexpr char processors_path[] = "/proc/cpuinfo";
@@ -20,6 +21,7 @@ inline constexpr char uptime_path[] = "/proc/uptime";
 inline constexpr const char *ignored_mount_types[] = {"nfs", "smb", "mvfs"};
 
 inline constexpr char vmfs_directory[] = "/vmfs";
+inline constexpr char vmfs_volume_tool[] = "/usr/sbin/vmkfstools";  // -l, with a volume's path
 
 // What drivers say of their devices.
 inline constexpr char array_files[] = "/proc/driver/tlxarray/ida*";

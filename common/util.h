@@ -28,10 +28,13 @@ void copy_field(char (&field)[Size], const char *text) {
   copy_field(field, Size, text);
 }
 
+// Of a mount's device or directory, with its NUL.
+inline constexpr size_t mount_name_size = 8192;
+
 // A text from outside as a log line may have it: what ends a line or moves a terminal is shown as
 // '?', also the C1 controls in UTF-8. Cut to the longest name of a mount.
 struct printable {
-  char text[8192];
+  char text[mount_name_size];
 
   explicit printable(const char *from) {
     copy_field(text, from);

@@ -112,7 +112,7 @@ int controller_transact(tlxci_channel *channel, uint8_t *request, void *reply,
 // ---- Firmware version ---------------------------------------------------------------------------
 
 // Length 8, sequence 0, command 2.
-static const uint8_t version_request[] = {0x08, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00};
+static constexpr uint8_t version_request[] = {0x08, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00};
 static constexpr uint32_t version_reply_size = 256;
 
 // Where the reply has its facts, each a signed byte.

@@ -11,7 +11,7 @@
 extern const group fwver_group;
 
 // The data block of a row.
-struct __attribute__((packed)) firmware_record {
+struct [[gnu::packed]] firmware_record {
   uint32_t index;
   int32_t category;
   int32_t device_type;

@@ -106,7 +106,7 @@ int collect_network_adapter(FILE *stream, const char *name, firmware_record *rec
 
 // ---- SCSI devices -------------------------------------------------------------------------------
 
-static const struct {
+static constexpr struct {
   const char *text;
   int32_t device_type;
 } scsi_types[] = {

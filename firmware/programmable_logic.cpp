@@ -13,7 +13,7 @@ struct device {
   const char *key;
 };
 
-static const device devices[] = {
+static constexpr device devices[] = {
     {14, false, "CPLD-Q47-SPI"},         {15, false, "CPLD-Q47-MAINIO"},
     {16, false, "CPLD-Q47-UPPERCPU"},    {17, false, "CPLD-Q47-LOWERCPU"},
     {18, true, "FMP-Q47-UPPERZRB"},      {22, true, "FMP-Q47-LOWERZRB"},
@@ -25,7 +25,7 @@ static constexpr int device_count = sizeof(devices) / sizeof(*devices);
 static_assert(device_count == 11);
 
 // The length word says 9 while 8 bytes go out: the controller expects both.
-static const uint8_t request[] = {0x09, 0x00, 0x00, 0x00, 0x01, 0x01, 0x00, 0x00};
+static constexpr uint8_t request[] = {0x09, 0x00, 0x00, 0x00, 0x01, 0x01, 0x00, 0x00};
 static constexpr int reply_code = 12;
 static constexpr int good_reply_code = 0xA1;
 

@@ -29,7 +29,7 @@ extern "C" {
 
 int stat_mounts(const char *const *paths, size_t count, mount_stats *results) {
   for (size_t i = 0; i < count; i++) {
-    Require(strnlen(paths[i], name_size) < name_size);
+    Require(strnlen(paths[i], mount_name_size) < mount_name_size);
     results[i] = {};
     const size_t n = figures_left < sizeof(results[i]) ? figures_left : sizeof(results[i]);
     memcpy(&results[i], figures, n);

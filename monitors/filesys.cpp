@@ -53,16 +53,12 @@ constexpr group filesys_group = described<filesys_block>({
 // ---- State ----------------------------------------------------------------------------------
 
 static constexpr char vmfs_volumes_directory[] = "/vmfs/volumes";
-static constexpr char vmkfstools_command[] = "/usr/sbin/vmkfstools -l /vmfs/%s";
 static constexpr char vdf_command[] = "vdf | grep \"/vmfs/volumes\"";
 static constexpr size_t command_size = 128;
 // What all commands of one scan may take together, in milliseconds.
 static constexpr int commands_limit = 10000;
 static constexpr int vmware_period = 20;  // passes
 static constexpr int mount_table_attempts = 3;
-
-static constexpr int mount_line_size = 4096;
-static constexpr size_t name_size = 8192;  // of a device or mount directory, with its NUL
 
 // Names of this length and longer are cut, to be published whole in one description.
 static constexpr size_t long_name = 100;
@@ -109,11 +105,11 @@ struct mount_list {
 
 static mount_list mounts;
 
-// Adds at most name_size - 1 bytes of a text. False when there is no memory.
+// Adds at most mount_name_size - 1 bytes of a text. False when there is no memory.
 static bool add_text(mount_list *list, const char *text, size_t *at) {
-  const size_t length = strnlen(text, name_size - 1);
+  const size_t length = strnlen(text, mount_name_size - 1);
   if (list->texts_room - list->texts_used <= length) {
-    const size_t room = 2 * list->texts_room + name_size;
+    const size_t room = 2 * list->texts_room + mount_name_size;
     if (!grow(&list->texts, room)) {
       return false;
     }
@@ -454,7 +450,7 @@ static void scan_vmfs_entry(const char *name, const shared_limit &limit) {
     return;
   }
   char command[command_size];
-  snprintf(command, sizeof(command), vmkfstools_command, name);
+  snprintf(command, sizeof(command), "%s -l %s/%s", vmfs_volume_tool, vmfs_directory, name);
   size_t length = 0;
   if (!read_command(command, limit, &length)) {
     return;
@@ -487,8 +483,8 @@ static void scan_vmfs_volumes(const shared_limit &limit) {
   if (!directory_handle(opendir(vmfs_volumes_directory))) {
     return;
   }
-  static char device[name_size];
-  static char key[name_size];
+  static char device[mount_name_size];
+  static char key[mount_name_size];
   // What a broken line lacks keeps the value of the line before.
   unsigned long long total = 0;
   unsigned long long used = 0;

@@ -171,7 +171,7 @@ int init_info(int slot, struct descriptor *desc, const char *name, int size, int
               int count, void *value, set_handler_fn set_handler);
 
 /* Publishes the object's current values, all at once, to its file and to the SNMP side. Never waits
- * for a disk or for the SNMP thread. Returns 0 once the values are served. What fails (a file on a
+ * for a disk or for the SNMP side. Returns 0 once the values are served. What fails (a file on a
  * full or read-only disk, no memory) is reported once, when that begins, and done again by the
  * framework after each poll until it succeeds. -1 when the object is not a live one. */
 int log_data(struct registry_object *object);

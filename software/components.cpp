@@ -10,7 +10,7 @@
 
 // ---- Records ----------------------------------------------------------------------------------
 
-static const swver_data records[] = {
+static constexpr swver_data records[] = {
     {1,
      SWVER_STATUS_UNKNOWN,
      SWVER_TYPE_COMPONENT,
@@ -77,7 +77,7 @@ static uint8_t versions[version_ev_size];  // zero beyond what the EV holds
 
 // Where the EV has a utility: the major version at the offset, the minor version and a revision
 // letter after it. No record has the name OPTIONROMKIT; a row has it when a manager says so.
-static const struct {
+static constexpr struct {
   const char *name;
   size_t offset;
 } entries[] = {

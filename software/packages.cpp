@@ -16,7 +16,7 @@
 
 // ---- Agent version: data block and variable ----------------------------------------------------
 
-struct __attribute__((packed)) swverag_data {
+struct [[gnu::packed]] swverag_data {
   char version[51];
 };
 static_assert(sizeof(swverag_data) == 51);
@@ -83,16 +83,16 @@ static tool_patience dpkg_patience;
 
 // ---- Classes ------------------------------------------------------------------------------------
 
-static const char *const origin_1_prefixes[] = {
+static constexpr const char *origin_1_prefixes[] = {
     "qvdiags",     "kelmo",     "qvrelm",     "ucd-snmp",       "ucdsnmp",
     "net-snmp",    "glut",      "qvvenk",     "qvwebpan",       "qv-rmc",
     "qv-OpenIPMI", "tlx_cciss", "kmod-cciss", "kmod-qvarr",     "qvmouse",
     "qvrmccfg",    "vlan_init", "qv-health",  "qv-snmp-agents", "qv-webpan-templates",
 };
 
-static const char *const origin_2_prefixes[] = {"tlx_tlxarray", "tlx_tlxfc"};
+static constexpr const char *origin_2_prefixes[] = {"tlx_tlxarray", "tlx_tlxfc"};
 
-static const char *const driver_prefixes[] = {
+static constexpr const char *driver_prefixes[] = {
     "aic",
     "bcm5700",
     "bonding",
@@ -120,11 +120,11 @@ static const char *const driver_prefixes[] = {
     "qv-OpenIPMI",
 };
 
-static const char *const agent_prefixes[] = {
+static constexpr const char *agent_prefixes[] = {
     "vex", "tlxarrcfg", "kelmo", "qvdiags", "qvrelm", "qv-snmp-agents",
 };
 
-static const char *const other_prefixes[] = {
+static constexpr const char *other_prefixes[] = {
     "tlx", "glut", "qv", "ucd-snmp", "net-snmp", "ucdsnmp", "fibreutils",
 };
 
@@ -185,8 +185,8 @@ int find_line(const char *path, const char *const *needles, int count) {
   return ferror(file.get()) != 0 ? LINES_UNREADABLE : NO_LINE;
 }
 
-static const char *const cpu_makers[] = {"AuthenticAMD", "GenuineIntel"};
-static const char *const amd_kernels[] = {"CONFIG_MK6=y", "CONFIG_MK7=y", "CONFIG_MK8=y"};
+static constexpr const char *cpu_makers[] = {"AuthenticAMD", "GenuineIntel"};
+static constexpr const char *amd_kernels[] = {"CONFIG_MK6=y", "CONFIG_MK7=y", "CONFIG_MK8=y"};
 
 // A name was built without what could not be read.
 static bool suffix_unread;
@@ -430,7 +430,7 @@ static void create_components() {
 }
 
 static void create_appliance_software() {
-  static const char *const keys[] = {"VcdbName", "VcdbVersion", "ProductName"};
+  static constexpr const char *keys[] = {"VcdbName", "VcdbVersion", "ProductName"};
   const char *values[3];
   for (int i = 0; i < 3; i++) {
     values[i] = static_cast<const char *>(get_appliance_data(keys[i]));
@@ -541,7 +541,8 @@ static bool is_wanted(const char *name) {
   return classify_package(name) != 0 && !is_permanent(name);
 }
 
-// One message for each different name; they come from outside, so what cannot be printed is not.
+// One message for each different name; they come from outside, so what cannot be printed is not,
+// nor what is not ASCII, which no package's name has.
 static void report_refused() {
   static const char *refused[most_names];
   int count = 0;

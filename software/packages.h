@@ -8,7 +8,6 @@
 
 #include "common/group.h"
 
-extern const group swver_group;
 extern const group swverag_group;  // the version of the agents' package
 
 // Builds the table at the first call; refreshes component versions, rescans the package database

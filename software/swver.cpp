@@ -45,7 +45,8 @@ constexpr group swver_group = described<swver_data>({
 
 // Stores a manager's text of at most `longest` characters at the offset, through the data block as
 // bytes: the limits are as long as the fields, so the terminator of the longest text empties the
-// next field, until the row is made anew. Managers rely on the limits.
+// next field, until a pass stores that one again. No pass does so with a component's description.
+// Managers rely on the limits.
 static int set_text(bool check_only, unsigned char *data, size_t offset, const char *text,
                     size_t longest) {
   const size_t length = strlen(text);

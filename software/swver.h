@@ -6,10 +6,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "common/group.h"
 #include "platform/framework.h"
 
+extern const group swver_group;
+
 // The data block of a row; the component records (components.h) have the same layout.
-struct __attribute__((packed)) swver_data {
+struct [[gnu::packed]] swver_data {
   int32_t index;
   int32_t status;
   int32_t type;

@@ -23,7 +23,7 @@
 // Year (big-endian), month, day, hour, minute, second.
 using date_octets = unsigned char[7];
 
-struct __attribute__((packed)) misc_data {
+struct [[gnu::packed]] misc_data {
   int32_t mib_rev_major;
   int32_t mib_rev_minor;
   int32_t mib_condition;

@@ -167,7 +167,7 @@ struct MountAsker::State {
   uint64_t pass = 0;
 
   bool MakeSlots();
-  void Bury(const Asker &child);
+  void ReapChild(const Asker &child);
   void Reap();
   bool MayAsk(const char *path, mount_stats *result);
   mount_stats Outcome(Mounts::iterator mount);
@@ -199,8 +199,8 @@ bool MountAsker::State::MakeSlots() {
 }
 
 // Of a child that has ended.
-void MountAsker::State::Bury(const Asker &child) {
-  vex::Bury(child);
+void MountAsker::State::ReapChild(const Asker &child) {
+  vex::ReapChild(child);
   // There was room for it before it was taken.
   free_slots.push_back(static_cast<size_t>(child.slot - slots->At<Slot>(0)));
 }
@@ -220,7 +220,7 @@ void MountAsker::State::Reap() {
         mount->second.answer = child.slot->late;
       }
     }
-    Bury(child);
+    ReapChild(child);
     return true;
   });
 }
@@ -425,7 +425,7 @@ void MountAsker::State::Run(Batch *batch) {
       const int64_t limit = std::max(shortest, whole - (since - began));
       if (HasEnded(*child)) {
         // By itself, or killed by somebody, and then what it had taken has failed.
-        Bury(*child);
+        ReapChild(*child);
         working.erase(child);
       } else if (at < 0 || waited < patience) {
         moving++;

@@ -47,12 +47,12 @@ constexpr size_t kMostLeft = 16;
 Child left[kMostLeft];
 size_t left_count;
 
-void BuryLeft() {
+void ReapLeft() {
   const auto ended = [](const Child &child) {
     if (!HasEnded(child)) {
       return false;
     }
-    Bury(child);
+    ReapChild(child);
     return true;
   };
   left_count = static_cast<size_t>(std::remove_if(left, left + left_count, ended) - left);
@@ -72,7 +72,7 @@ void Kill(const Child &child) {
     WaitForEnd(child, until);
   }
   if (HasEnded(child)) {
-    Bury(child);
+    ReapChild(child);
   } else {
     left[left_count++] = child;
   }
@@ -96,7 +96,7 @@ int Watch(const Child &child, const Progress &progress, int64_t limit, int64_t w
     const int64_t now = ClockNs();
     int error = 0;
     if (HasEnded(child)) {
-      Bury(child);
+      ReapChild(child);
       return 0;
     }
     if (begun != step) {
@@ -128,7 +128,7 @@ int Watch(const Child &child, const Progress &progress, int64_t limit, int64_t w
 size_t RunApart(apart_fn step, size_t count, void *results, size_t size, int limit_ms, int whole_ms,
                 bool (*ending)()) {
   const int64_t whole_until = ClockNs() + whole_ms * kNsPerMs;
-  BuryLeft();
+  ReapLeft();
   if (left_count == kMostLeft) {
     errno = EAGAIN;
     return 0;

@@ -88,7 +88,7 @@ bool IsAsleep(const Child &child) {
          strncmp(name_end, ") D", 3) == 0;
 }
 
-void Bury(const Child &child) {
+void ReapChild(const Child &child) {
   close(child.alive);
   while (waitpid(child.pid, nullptr, 0) < 0 && errno == EINTR) {
   }

@@ -47,7 +47,7 @@ bool HasEnded(const Child &child);
 bool IsAsleep(const Child &child);
 
 // Of a child that has ended: closes the pipe and takes its status.
-void Bury(const Child &child);
+void ReapChild(const Child &child);
 
 }  // namespace vex
 

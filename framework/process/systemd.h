@@ -8,8 +8,9 @@ namespace vex {
 
 // Reads the environment, and takes the variables out of it for the commands that we start.
 void SystemdPrepare();
-// Start-up is complete. From now on the SNMP thread keeps the watchdog fed at half its interval,
-// unless the agent thread has been in one hook for more than an hour.
+// Start-up is complete. From now on the relay thread (without an SNMP process, the SNMP thread)
+// keeps the watchdog fed at half its interval, unless the agent thread has been in one hook for
+// more than an hour.
 void SystemdReady();
 void SystemdStopping();
 

@@ -40,7 +40,7 @@ std::optional<pid_t> DirectoryHolder(int directory);
 std::optional<pid_t> LockHolder(int fd);
 
 // The same in the text of /proc/locks: the holder of an flock on that file (device as stat(2) has
-// it). Nothing when no line has it.
+// it). Nothing when no line has it. For tests.
 std::optional<pid_t> LockHolderIn(std::string_view locks, dev_t device, ino_t inode);
 
 // Whether it is another process, alive, of root or this user, that runs the program that this one

@@ -85,7 +85,7 @@ struct Registry {
 constexpr int kReadBack = 32;
 
 Registry &TheRegistry() {
-  // Never destroyed: the SNMP thread and exit handlers may outlive static objects.
+  // Never destroyed: the relay or SNMP thread and exit handlers may outlive static objects.
   static auto *registry = new Registry;
   return *registry;
 }

@@ -53,6 +53,9 @@ constexpr size_t kRingSize = size_t{16} << 20;
 // The agent's end, for one SNMP process. The caller sees to it that one thread at a time is in it.
 class ImageRingWriter {
  public:
+  // So much in the ring is worth waking somebody for, and telling the process of.
+  static constexpr size_t kMuchUnread = size_t{256} << 10;
+
   // False with errno. The memory can be neither resized by anybody nor mapped for writing again.
   bool Open();
   int ImagesFd() const {

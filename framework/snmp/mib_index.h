@@ -1,5 +1,5 @@
 // The published images in OID order: what GET, GETNEXT and SET look up. Pure: no net-snmp, no
-// threads; used by the SNMP thread alone.
+// threads; used by the SNMP side alone.
 #ifndef VEX_FRAMEWORK_SNMP_MIB_INDEX_H
 #define VEX_FRAMEWORK_SNMP_MIB_INDEX_H
 

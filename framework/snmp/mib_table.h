@@ -21,7 +21,7 @@ struct MibVariable {
   MibAccess access;
   bool column;
   uint8_t group;        // the sub-identifier below enterprises.4891: 11, 21
-  uint16_t min_length;  // strings: the SIZE range; integers: 0
+  uint16_t min_length;  // strings: the SIZE range, its lower end for tests alone; integers: 0
   uint16_t max_length;
   const char *units;  // UNITS clause, "" when none
   std::span<const uint32_t> Oid() const {

@@ -1,4 +1,4 @@
-// Sets on their way from the SNMP thread to the agent thread and back, with a deadline of 0.7
+// Sets on their way from the SNMP side to the agent thread and back, with a deadline of 0.7
 // seconds in all, so that a busy agent never holds up the master and no set is applied late.
 #ifndef VEX_FRAMEWORK_SNMP_SET_CHANNEL_H
 #define VEX_FRAMEWORK_SNMP_SET_CHANNEL_H
@@ -106,7 +106,7 @@ class SetChannel final : public SetPort {
   SetChannel(const SetChannel &) = delete;
   SetChannel &operator=(const SetChannel &) = delete;
 
-  // SNMP thread.
+  // The relay, or the SNMP thread where there is no process.
   // wake: called, on the agent thread, whenever a result is there.
   void SetWake(void (*wake)());
   std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline) override;
@@ -142,7 +142,7 @@ class SetChannel final : public SetPort {
   QueuedSet *applying_ = nullptr;  // the one whose handler runs now
 };
 
-// The process's channel, for the SNMP thread.
+// The one of this process.
 SetChannel &Sets();
 
 }  // namespace vex

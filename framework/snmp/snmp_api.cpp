@@ -1,4 +1,4 @@
-// What an agent asks of SNMP: configuration, traps, queries, MIB revisions. The SNMP thread does
+// What an agent asks of SNMP: configuration, traps, queries, MIB revisions. The SNMP side does
 // the work (framework/snmp/snmp_thread.h).
 #include "framework/snmp/snmp_api.h"
 

@@ -1,4 +1,4 @@
-// Questions to an SNMP agent from a process without the SNMP thread: a tool's. Each takes at most
+// Questions to an SNMP agent from a process without an SNMP side: a tool's. Each takes at most
 // the time it says, whatever the agent does. After ReadSnmpFiles().
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_ASK_H
 #define VEX_FRAMEWORK_SNMP_SNMP_ASK_H

@@ -1,4 +1,4 @@
-// Starting net-snmp's libraries and what their configuration files say. SNMP thread only.
+// Starting net-snmp's libraries and what their configuration files say. SNMP side only.
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_CONFIG_H
 #define VEX_FRAMEWORK_SNMP_SNMP_CONFIG_H
 

@@ -28,7 +28,6 @@ namespace {
 
 // A directory that cannot exist: whatever the library thinks of keeping, it has no place.
 constexpr char kNowhere[] = "/dev/null/vexhostd";
-constexpr char kDefaultAgentxSocket[] = "/var/agentx/master";
 
 constexpr int kLongestPollInterval = 60;  // seconds
 

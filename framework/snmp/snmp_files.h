@@ -1,5 +1,5 @@
 // What net-snmp's configuration files say to an agent of ours. Needs libnetsnmp, not its agent
-// library: the agent's SNMP thread and tools read the same files the same way.
+// library: the agent's SNMP side and tools read the same files the same way.
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_FILES_H
 #define VEX_FRAMEWORK_SNMP_SNMP_FILES_H
 
@@ -8,6 +8,9 @@
 #include <vector>
 
 namespace vex {
+
+// Where a master agent has its socket unless agentXSocket says otherwise.
+inline constexpr char kDefaultAgentxSocket[] = "/var/agentx/master";
 
 enum class CommunitySource { kNone, kOwn, kCommon, kMaster };
 

@@ -1,4 +1,4 @@
-// SNMP queries over net-snmp's client library: made by the SNMP thread while the agent thread
+// SNMP queries over net-snmp's client library: made by the SNMP side while the agent thread
 // waits, or by a tool's only thread.
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_QUERY_H
 #define VEX_FRAMEWORK_SNMP_SNMP_QUERY_H
@@ -45,7 +45,7 @@ class SnmpQuery {
 
   bool sent = false;
 
-  // SNMP thread.
+  // For whoever asks: the SNMP side or its relay.
   void Done();
 
  private:
@@ -54,7 +54,7 @@ class SnmpQuery {
   bool done_ = false;
 };
 
-// The SNMP thread's half.
+// The SNMP side's half.
 class SnmpQueries {
  public:
   ~SnmpQueries();

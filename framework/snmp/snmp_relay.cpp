@@ -28,16 +28,11 @@ using std::chrono::seconds;
 // After want of memory: the next try must not take the processor for itself.
 constexpr milliseconds kRest{10};
 constexpr milliseconds kSlice{50};  // of a wait that the agent's end cuts short
-// An agent that was told to end has a second in all.
-constexpr milliseconds kLastNotifications{300};
-constexpr milliseconds kLastAnswers{450};  // with the process's goodbye
-static_assert(kLastNotifications + kProcessGoodbye <= kLastAnswers);
+static_assert(SnmpShared::kLastNotifications + kProcessGoodbye <= SnmpShared::kGoodbye);
 // After the end of a process for the next one to have a session, before the master counts as away.
 constexpr seconds kNextSession{10};
 // A process that says nothing is asked whether it lives, and has as long to answer.
 constexpr seconds kSilence{10};
-// The process is told of so much that waits for it in the ring, where nobody asks for it.
-constexpr size_t kMuchUnread = size_t{256} << 10;
 // At one go, while the agent thread may wait to publish.
 constexpr int kImagesAtOnce = 64;
 // Taken at one go: it may write as fast as we read.
@@ -908,7 +903,7 @@ void SnmpRelay::Work() {
     std::lock_guard lock(side.images_mutex);
     const size_t unread = side.ring != nullptr ? side.ring->Unread() : 0;
     broken = unread > kRingSize;
-    much = unread > kMuchUnread;
+    much = unread > ImageRingWriter::kMuchUnread;
   }
   if (broken) {
     Hostile();
@@ -941,13 +936,13 @@ void SnmpRelay::Run() {
 void SnmpRelay::Ending() {
   const Clock::time_point begin = Clock::now();
   const NotificationQueue &queue = Side().notifications;
-  while (open_ && !queue.AllDone() && Clock::now() < begin + kLastNotifications) {
-    Wait(std::min(Clock::now() + milliseconds(20), begin + kLastNotifications));
+  while (open_ && !queue.AllDone() && Clock::now() < begin + SnmpShared::kLastNotifications) {
+    Wait(std::min(Clock::now() + milliseconds(20), begin + SnmpShared::kLastNotifications));
     Try([this] { Notify(); });
   }
   Try([this] { Send(FrameWriter(FrameType::kStop)); });
-  while (has_child_ && Clock::now() < begin + kLastAnswers) {
-    Wait(begin + kLastAnswers);
+  while (has_child_ && Clock::now() < begin + SnmpShared::kGoodbye) {
+    Wait(begin + SnmpShared::kGoodbye);
   }
 }
 

@@ -1,5 +1,5 @@
 // Answers the master's requests: reads from the index, sets through the channel to the agent
-// thread. SNMP thread only; nothing waits.
+// thread. SNMP side only; nothing waits.
 #ifndef VEX_FRAMEWORK_SNMP_SNMP_REQUESTS_H
 #define VEX_FRAMEWORK_SNMP_SNMP_REQUESTS_H
 

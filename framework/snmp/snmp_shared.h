@@ -4,6 +4,7 @@
 #define VEX_FRAMEWORK_SNMP_SNMP_SHARED_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -22,6 +23,11 @@
 namespace vex {
 
 struct SnmpShared {
+  // An agent that was told to end has a second in all. The last notifications and the goodbye to
+  // the master have their part of it, and what the libraries do then has the rest.
+  static constexpr std::chrono::milliseconds kLastNotifications{300};
+  static constexpr std::chrono::milliseconds kGoodbye{450};  // with the notifications
+
   // Of every object that is published. An entry stays for as long as its object: withdrawing must
   // not need memory.
   struct Published {

@@ -27,14 +27,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kEndingSlice{50};  // of a wait that the agent's end cuts short
 constexpr std::chrono::minutes kStartPatience{1};
-// An agent that was told to end has a second in all. The thread's last notifications and its
-// goodbye to the master have their part of it, and what the libraries do then has the rest.
-constexpr std::chrono::milliseconds kLastNotifications{300};
-constexpr std::chrono::milliseconds kGoodbye{450};
-constexpr std::chrono::milliseconds kStopPatience{800};
-constexpr uint8_t kPriorityBehind = 200;  // of registrations; usual are 127
-// So much in the ring is worth waking somebody for.
-constexpr size_t kMuchUnread = size_t{256} << 10;
+constexpr std::chrono::milliseconds kStopPatience{800};  // with SnmpShared::kGoodbye
+constexpr uint8_t kPriorityBehind = 200;                 // of registrations; usual are 127
 
 // The agent thread waits for none of them any more.
 void EndQueries() {
@@ -229,7 +223,7 @@ void RunThread(Starting &starting, bool *begun) {
     SnmpLoop loop(std::move(session), &seat);
     HasBegun(begun);
     side.unsent_whole = false;
-    loop.Run({kLastNotifications, kGoodbye});
+    loop.Run({SnmpShared::kLastNotifications, SnmpShared::kGoodbye});
     KeepUnsent();
   }
   UnloadSnmp(starting.application);
@@ -305,7 +299,8 @@ bool PutIntoRing(SnmpShared::Published *entry) noexcept {
   } else {
     entry->sent = entry->image->layout;
   }
-  if (before <= kMuchUnread && ring->Unread() > kMuchUnread) {
+  constexpr size_t kMuch = ImageRingWriter::kMuchUnread;
+  if (before <= kMuch && ring->Unread() > kMuch) {
     WakeThread();
   }
   return true;

@@ -1,7 +1,7 @@
-// The SNMP thread: every call into net-snmp's libraries is made there. These functions are its face
-// to the agent thread.
-#ifndef VEX_FRAMEWORK_SNMP_SNMP_SIDE_H
-#define VEX_FRAMEWORK_SNMP_SNMP_SIDE_H
+// The SNMP side, which makes every call into net-snmp's libraries: a process behind a relay thread,
+// or, where there is none, a thread of the agent. These functions are its face to the agent thread.
+#ifndef VEX_FRAMEWORK_SNMP_SNMP_THREAD_H
+#define VEX_FRAMEWORK_SNMP_SNMP_THREAD_H
 
 #include <chrono>
 #include <cstdint>
@@ -54,8 +54,8 @@ bool SnmpUp();
 // agent thread's SetChannelFd() then becomes readable). Any thread.
 bool SnmpFailed();
 
-// Calls tick on the SNMP thread about every interval_ms milliseconds (null: never); it must not
-// block. Before or after SnmpStart().
+// Calls tick on the relay or SNMP thread about every interval_ms milliseconds (null: never); it
+// must not block. Before or after SnmpStart().
 void SnmpSetTick(void (*tick)(), int interval_ms);
 
 // Whether sets are accepted at all (the default); while not, every variable is notWritable.
@@ -81,7 +81,7 @@ struct SnmpAnswer {
   std::optional<int32_t> value;
   int status = 0;  // error-status of an answer
 };
-// One SNMPv2c GET of an integer at address:161, made by the SNMP thread while the caller waits that
+// One SNMPv2c GET of an integer at address:161, made by the SNMP side while the caller waits that
 // long at most, and not on when the agent is ending. oid: as get_one_snmp_integer_from_api().
 // Throws std::bad_alloc.
 SnmpAnswer SnmpQueryInteger(const std::string &address, const std::string &community,

@@ -10,7 +10,7 @@
 namespace vex {
 namespace {
 
-// Nor has the longest frame room for more.
+// Of a set. The longest frame has no room for more.
 constexpr uint32_t kMostItems = 4096;
 
 std::vector<uint8_t> Octets(std::string_view text) {

@@ -1,4 +1,4 @@
-// How long the SNMP thread spins after an answer before it sleeps.
+// How long the SNMP side spins after an answer before it sleeps.
 #ifndef VEX_FRAMEWORK_SNMP_SPIN_POLICY_H
 #define VEX_FRAMEWORK_SNMP_SPIN_POLICY_H
 
@@ -14,7 +14,7 @@ namespace vex {
 // microseconds, and waking a sleeping thread takes longer than the answer. Spinning longer than the
 // usual gap between two requests is processor time for nothing, though, and so is all of it on a
 // busy machine, where it takes the processor from those who are to ask. So the gaps seen lately
-// decide. Allocates and throws nothing. SNMP thread.
+// decide. Allocates and throws nothing. SNMP side only.
 class SpinPolicy {
  public:
   static constexpr std::chrono::microseconds kLongest{75};

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "framework/process/descriptor.h"
+#include "hardware/kelmointrfc/paths.h"
 #include "hardware/kelmointrfc/smbios_tables.h"
 #include "platform/framework.h"
 #include "platform/smbios.h"
@@ -24,10 +25,6 @@
 #define EXPORT __attribute__((visibility("default")))
 
 namespace {
-
-constexpr char kTableDirectory[] = "/sys/firmware/dmi/tables";
-constexpr char kEntryPointFile[] = "/sys/firmware/dmi/tables/smbios_entry_point";
-constexpr char kTableFile[] = "/sys/firmware/dmi/tables/DMI";
 
 constexpr int kTries = 5;
 constexpr timespec kBetweenTries = {0, 10'000'000};
@@ -78,20 +75,20 @@ std::string Failure(int error, std::string what) {
 
 // Loads the tables or says what is wrong, "" when there are none; errno says which.
 std::string Load() {
-  const auto entry = ReadFile(kEntryPointFile);
+  const auto entry = ReadFile(vex::kSmbiosEntryPoint);
   if (!entry) {
     const int error = errno;
-    return Failure(error,
-                   error == ENOENT ? "" : std::string(kEntryPointFile) + ": " + strerror(error));
+    return Failure(
+        error, error == ENOENT ? "" : std::string(vex::kSmbiosEntryPoint) + ": " + strerror(error));
   }
-  const auto table = ReadFile(kTableFile);
+  const auto table = ReadFile(vex::kSmbiosTable);
   if (!table) {
     const int error = errno;
-    return Failure(error, std::string(kTableFile) + ": " + strerror(error));
+    return Failure(error, std::string(vex::kSmbiosTable) + ": " + strerror(error));
   }
   const char *problem = "";
   tables = vex::SmbiosTables::Parse(*entry, *table, &problem);
-  return tables ? "" : Failure(EBADMSG, std::string(kTableDirectory) + ": " + problem);
+  return tables ? "" : Failure(EBADMSG, std::string(vex::kSmbiosDirectory) + ": " + problem);
 }
 
 // Load(), or what went wrong instead, an allocation for one.
@@ -100,7 +97,7 @@ std::string TryToLoad() {
     return Load();
   } catch (const std::exception &failure) {
     tables.reset();
-    return Failure(ENOMEM, std::string(kTableDirectory) + ": " + failure.what());
+    return Failure(ENOMEM, std::string(vex::kSmbiosDirectory) + ": " + failure.what());
   }
 }
 

@@ -6,11 +6,13 @@
 #include <cstdint>
 #include <string>
 
+#include "hardware/qvev/paths.h"
+
 namespace vex {
 
 struct EvDirectories {
-  const char *raw = "/var/lib/quorix/ev";
-  const char *uefi = "/sys/firmware/efi/efivars";
+  const char *raw = kRawEvDirectory;
+  const char *uefi = kUefiVariableDirectory;
 };
 
 // Reads at most `length` bytes of an EV into buffer. Returns their number, or -1 when there is

@@ -201,7 +201,7 @@ TEST(FileSystems, AsAManagerSeesThem) {
 
 TEST(FileSystems, MoreThanFits) {
   MadeUpHost host;
-  // 2^63 bytes, and more inodes than fit: 64-bit figures are right, what does not fit is held.
+  // 2^63 bytes, and more inodes than fit: 64-bit figures are right, what does not fit is clamped.
   const FuseMount huge("/mnt/huge", uint64_t{1} << 51, (uint64_t{1} << 51) - 2560, 5'000'000'000,
                        2);
   host.File("/etc/mtab", Entry("huge", "/mnt/huge"));

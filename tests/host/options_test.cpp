@@ -234,7 +234,7 @@ TEST(Configuration, ADirectoryInTheFilesPlaceIsALine) {
       << host.daemon.Log();
 }
 
-TEST(Configuration, PollIntervalIsHeldAtAMinute) {
+TEST(Configuration, PollIntervalIsClampedToAMinute) {
   MadeUpHost host;
   for (const char *seconds : {"61", "600", "99999999999999999999"}) {
     host.File("/etc/snmp/vexhostd.conf", std::string("pollInterval ") + seconds + "\n");

@@ -33,7 +33,7 @@ std::optional<std::string> PackMembers(const std::vector<Member> &members, std::
 // The members of an archive that PackMembers() or another tar has made of plain files: anything
 // else in it, a name out of place or twice, a wrong checksum, a missing end or a limit is an error.
 std::optional<std::vector<Member>> UnpackMembers(std::string_view archive, std::string *error);
-// The same of a tar archive that is not compressed.
+// The same of a tar archive that is not compressed. For tests and the fuzzer.
 std::optional<std::vector<Member>> ReadTar(std::string_view tar, std::string *error);
 
 }  // namespace vex

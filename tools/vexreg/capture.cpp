@@ -39,7 +39,7 @@
 namespace vex {
 namespace {
 
-constexpr char kUsualPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr char kServicePath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // a registry and a log are not for everybody
 
 // Limits: of one source besides a file, and of what waits.
@@ -134,7 +134,7 @@ class Collector {
     if (agent_ != 0 && !path) {
       Omit("the agent's environment", "cannot be read; its commands are looked for as usual");
     }
-    search_ = path && *path ? **path : kUsualPath;
+    search_ = path && *path ? **path : kServicePath;
   }
 
   void TakeSystem() {
@@ -249,7 +249,7 @@ class Collector {
     if (!names.empty()) {
       TakeCommand({"vdf"});
       for (const std::string &name : names) {
-        TakeCommand({kVolumeTool, "-l", name});
+        TakeCommand({vmfs_volume_tool, "-l", name});
       }
     }
   }

@@ -21,6 +21,8 @@
 #include "framework/machine/distribution.h"
 #include "framework/process/descriptor.h"
 #include "framework/process/read_fully.h"
+#include "hardware/kelmointrfc/paths.h"
+#include "hardware/qvev/paths.h"
 #include "tools/vexreg/commands.h"
 #include "tools/vexreg/forked.h"
 #include "tools/vexreg/values.h"
@@ -90,6 +92,8 @@ std::optional<std::string> ReadWhole(const std::string &path) {
 }  // namespace
 
 const std::vector<Source> &Sources() {
+  static const std::string raw_evs = std::string(kRawEvDirectory) + "/ZTH*";
+  static const std::string uefi_evs = std::string(kUefiVariableDirectory) + "/ZTH*";
   static const std::vector<Source> sources = {
       {processor_times_path, Treatment::kWhole},
       {memory_sizes_path, Treatment::kWhole},
@@ -102,10 +106,10 @@ const std::vector<Source> &Sources() {
       {kApplianceFile, Treatment::kAssignments},
       {"/etc/services", Treatment::kWhole},
       {"/etc/localtime", Treatment::kWhole},
-      {"/sys/firmware/dmi/tables/smbios_entry_point", Treatment::kWhole},
-      {"/sys/firmware/dmi/tables/DMI", Treatment::kWhole},
-      {"/var/lib/quorix/ev/ZTH*", Treatment::kWhole},
-      {"/sys/firmware/efi/efivars/ZTH*", Treatment::kWhole},
+      {kSmbiosEntryPoint, Treatment::kWhole},
+      {kSmbiosTable, Treatment::kWhole},
+      {raw_evs.c_str(), Treatment::kWhole},
+      {uefi_evs.c_str(), Treatment::kWhole},
       {array_files, Treatment::kWhole},
       {raid_files, Treatment::kWhole},
       {fibre_channel_files, Treatment::kWhole},

@@ -56,7 +56,6 @@ struct CommandRun {
 };
 // The programs that a replay stands in for.
 inline constexpr const char *kStoodIn[] = {"dpkg", "rpm", "vdf"};
-inline constexpr char kVolumeTool[] = "/usr/sbin/vmkfstools";
 
 // One source that could not be taken, or not whole.
 struct Omission {

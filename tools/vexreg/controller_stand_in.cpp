@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <list>
 #include <vector>
 
@@ -87,7 +88,7 @@ pid_t StandInForController(const ControllerReplies &replies) {
   address.sun_family = AF_UNIX;
   static_assert(sizeof(kControllerSocket) <= sizeof(address.sun_path));
   memcpy(address.sun_path, kControllerSocket, sizeof(kControllerSocket));
-  mkdir("/run/quorix", 0755);
+  mkdir(std::filesystem::path(kControllerSocket).parent_path().c_str(), 0755);
   const Descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   const bool listens =
       listener &&

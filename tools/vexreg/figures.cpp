@@ -109,7 +109,7 @@ std::vector<std::string> AskedDirectories(const std::string &mount_table) {
   const std::unique_ptr<FILE, int (*)(FILE *)> table(
       fmemopen(const_cast<char *>(mount_table.data()), mount_table.size(), "r"), fclose);
   mntent entry = {};
-  char line[4096];  // the agent's limit as well
+  char line[mount_line_size];
   while (table && getmntent_r(table.get(), &entry, line, sizeof(line)) != nullptr) {
     const std::string_view type = entry.mnt_type;
     if (entry.mnt_dir[0] == '/' &&

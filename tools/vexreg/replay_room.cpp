@@ -25,6 +25,7 @@
 #include "framework/machine/distribution.h"
 #include "framework/process/descriptor.h"
 #include "framework/registry/registry_path.h"
+#include "framework/snmp/snmp_files.h"
 #include "hardware/tlxci/paths.h"
 #include "tools/replay/replay_facts.h"
 #include "tools/vexreg/commands.h"
@@ -255,12 +256,13 @@ void PutCommands(const Capture &capture, const fs::path &agent) {
   for (const char *const program : kStoodIn) {
     Put(std::string(kRoomCommands) + "/" + program, ScriptOf(capture, program), 0755);
   }
-  const bool volumes = std::any_of(
-      capture.commands.begin(), capture.commands.end(),
-      [](const CommandRun &run) { return !run.words.empty() && run.words.front() == kVolumeTool; });
+  const bool volumes =
+      std::any_of(capture.commands.begin(), capture.commands.end(), [](const CommandRun &run) {
+        return !run.words.empty() && run.words.front() == vmfs_volume_tool;
+      });
   if (volumes) {
     // Into a directory that cannot be written to: all that is in it stands elsewhere as well.
-    const std::string folder = fs::path(kVolumeTool).parent_path();
+    const std::string folder = fs::path(vmfs_volume_tool).parent_path();
     const std::string machines = std::string(kRoomDirectory) + "/programs";
     MakeFolders(Inside(machines));
     Mount(folder.c_str(), Inside(machines), nullptr, MS_BIND);
@@ -272,11 +274,11 @@ void PutCommands(const Capture &capture, const fs::path &agent) {
         // Not by a link: an installed agent looks for its libraries from where it really stands.
         Put(shown, "", 0755);
         Mount(entry.path().c_str(), Inside(shown), nullptr, MS_BIND);
-      } else if (shown != kVolumeTool) {
+      } else if (shown != vmfs_volume_tool) {
         Link(fs::path(machines) / name, shown);
       }
     }
-    Put(kVolumeTool, ScriptOf(capture, kVolumeTool), 0755);
+    Put(vmfs_volume_tool, ScriptOf(capture, vmfs_volume_tool), 0755);
   }
 }
 
@@ -331,7 +333,7 @@ void MakeRoom(const Capture &capture, const RoomSettings &settings) {
   Mount("room", kBase, "tmpfs", MS_NOSUID, "mode=755");
   MakeFolders(kRoot);
   Mount("room", kRoot, "tmpfs", MS_NOSUID, "mode=755");
-  MakeFolders(Inside("/var/agentx"));
+  MakeFolders(Inside(fs::path(kDefaultAgentxSocket).parent_path()));
   MakeFolders(Inside("/tmp"));
   MakeFolders(Inside("/etc/snmp"));
   MakeFolders(Inside(kRoomSnmp));

@@ -19,7 +19,7 @@
 namespace vex {
 namespace {
 
-constexpr char kUsualPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr char kSystemPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr mode_t kMode = 0600;  // it has the log and what doctor says
 constexpr size_t kMostLog = size_t{64} << 10;
 constexpr size_t kLogLines = 50;
@@ -94,13 +94,13 @@ void TakeThisHost(const std::string &root, PageFacts *facts, int *status) {
     }
     return taken;
   };
-  TakeFindings(cleaned(TakeDoctorsFindings(root, kUsualPath)), facts);
+  TakeFindings(cleaned(TakeDoctorsFindings(root, kSystemPath)), facts);
   const std::string file = LogFileOf(agent);
   std::vector<TakenText> logs;
   if (!file.empty()) {
-    logs.push_back(cleaned(TakeLogFile(file, kUsualPath, kMostLog)));
+    logs.push_back(cleaned(TakeLogFile(file, kSystemPath, kMostLog)));
   }
-  logs.push_back(cleaned(TakeJournal(kUsualPath, kMostLog)));
+  logs.push_back(cleaned(TakeJournal(kSystemPath, kMostLog)));
   TakeLog(logs, facts);
   for (NamedObject &object : facts->objects) {
     CoverPasswords(&object.object);

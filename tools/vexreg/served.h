@@ -44,7 +44,8 @@ struct Moving {
   Movement movement;
   std::string_view why;
 };
-// All variables that move by nature; docs/capture-format.md has them as a table.
+// All variables that move by nature; docs/capture-format.md has them as a table, by which a test
+// compares them.
 std::span<const Moving> MovingVariables();
 
 struct Difference {

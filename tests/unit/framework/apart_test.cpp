@@ -231,7 +231,7 @@ TEST(Apart, AChildThatGoesOnJustBeforeItIsKilledBlamesNone) {
 }
 
 // A call of the kernel's that nothing ends: here the signal is not sent.
-TEST(Apart, ChildrenThatCannotBeKilledAreLeftAndBuriedLater) {
+TEST(Apart, ChildrenThatCannotBeKilledAreLeftAndReapedLater) {
   constexpr size_t kMostLeft = 16;
   std::vector<pid_t> left;
   std::vector<Record> records = Records(2);
@@ -278,8 +278,8 @@ TEST(Apart, WithoutAChildOrMemoryItSaysWhy) {
   }
 }
 
-// Whoever started the process may have the kernel bury its children.
-TEST(Apart, WhereTheKernelBuriesChildrenItIsNoDifferent) {
+// Whoever started the process may have the kernel reap its children.
+TEST(Apart, WhereTheKernelReapsChildrenItIsNoDifferent) {
   auto *const before = signal(SIGCHLD, SIG_IGN);
   std::vector<Record> records = Records(10);
   EXPECT_EQ(vex::RunApart(Square, records.size(), records.data(), sizeof(Record), kNoLimit,
@@ -312,7 +312,7 @@ TEST(Child, CountsAsAsleepWhereThatCannotBeTold) {
     EXPECT_EQ(failing.Failed(), 1);
   }
   kill(computing.pid, SIGKILL);
-  vex::Bury(computing);
+  vex::ReapChild(computing);
 }
 
 // Descriptors from 3 to 20 that are open after all but two were closed.
@@ -377,7 +377,7 @@ TEST(Child, IsAsleepOnlyInACallThatWaits) {
     siginfo_t end = {};
     EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid), &end, WEXITED | WNOWAIT), 0);
     EXPECT_FALSE(vex::IsAsleep(child));  // a zombie
-    vex::Bury(child);
+    vex::ReapChild(child);
     EXPECT_TRUE(vex::IsAsleep(child));  // nobody can tell
   }
 }

@@ -34,7 +34,7 @@ TEST(Load, WhatIsNoNumberIsNotKnown) {
   }
 }
 
-TEST(Load, TooLargeAValueIsHeldAtTheLargest) {
+TEST(Load, TooLargeAValueIsClampedToTheLargest) {
   EXPECT_EQ(Averages("21474836.47 21474836.48 99999999999999999999999.9"),
             (Three{INT32_MAX, INT32_MAX, INT32_MAX}));
 }

@@ -25,7 +25,7 @@ TEST(MemoryDetail, WhatIsNoNumberIsNotKnown) {
   EXPECT_EQ(megabytes_of_line("Cached:", "Cached"), -1);
 }
 
-TEST(MemoryDetail, TooLargeAValueIsHeldAtTheLargest) {
+TEST(MemoryDetail, TooLargeAValueIsClampedToTheLargest) {
   EXPECT_EQ(megabytes_of_line("Cached: 2199023255551 kB\n", "Cached"), INT32_MAX);
   EXPECT_EQ(megabytes_of_line("Cached: 99999999999999999999999 kB\n", "Cached"), INT32_MAX);
 }

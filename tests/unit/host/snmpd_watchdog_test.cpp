@@ -101,7 +101,7 @@ TEST_F(Watchdog, ASuffixedSizeIsScaled) {
                 "Restarting snmpd. Current size = 204801K. size captured ealier = 102400K\n"});
 }
 
-TEST_F(Watchdog, ASizeThatDoesNotFitIsHeldLikeItsBaseline) {
+TEST_F(Watchdog, ASizeThatDoesNotFitIsClampedLikeItsBaseline) {
   Check("99999M\n");
   for (const char *size : {"4095M\n", "4096M\n", "99999M\n"}) {
     Check(size);

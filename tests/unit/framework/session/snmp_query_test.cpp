@@ -95,7 +95,7 @@ std::string AnswerTo(const std::string &request, int tag, int error, const std::
 
 const std::vector<uint32_t> kAsked = {1, 3, 6, 1, 2, 1, 1, 7, 0};
 
-// ---- The SNMP thread's half, over a socket pair ----
+// ---- The SNMP side's half, over a socket pair ----
 
 class SnmpQueriesTest : public testing::Test {
  protected:

@@ -179,14 +179,14 @@ TEST(ReplayRoom, HasCommandsThatSayWhatTheySaid) {
 TEST(ReplayRoom, HasTheVolumesToolBesideTheMachinesPrograms) {
   Capture capture = Host();
   capture.members = {{"commands/0", 0, "volume\n"}};
-  capture.commands = {{{}, "", 0}, {{kVolumeTool, "-l", "/vmfs/a"}, "commands/0", 0}};
+  capture.commands = {{{}, "", 0}, {{vmfs_volume_tool, "-l", "/vmfs/a"}, "commands/0", 0}};
   const std::string agent = "/usr/sbin/snmpd";
   const std::string bytes = made_up::ReadFile(agent);
   ASSERT_FALSE(bytes.empty());
   EXPECT_EQ(InRoom(capture,
                    [&] {
                      const ChildOutput output =
-                         RunProgram({kVolumeTool, "-l", "/vmfs/a"}, "/usr/bin:/bin", 20, 1000);
+                         RunProgram({vmfs_volume_tool, "-l", "/vmfs/a"}, "/usr/bin:/bin", 20, 1000);
                      return output.out == "volume\n" && made_up::ReadFile(agent) == bytes &&
                                     !fs::is_symlink(agent) && made_up::Exists("/usr/sbin/chroot")
                                 ? 7
@@ -247,7 +247,7 @@ TEST(ReplayRoom, GoesOnWithoutWhatTheMachineDoesNotHave) {
 // The directory of programs beside the volumes' tool goes away while they are looked through.
 TEST(ReplayRoom, SaysWhyItHasNoPrograms) {
   Capture capture = Host();
-  capture.commands = {{{kVolumeTool, "-l", "/vmfs/a"}, "", 0}};
+  capture.commands = {{{vmfs_volume_tool, "-l", "/vmfs/a"}, "", 0}};
   const std::string machines = std::string("/sys/room") + kRoomDirectory + "/programs";
   FailingCall covered("mount", [&] {
     umount2(machines.c_str(), MNT_DETACH);
