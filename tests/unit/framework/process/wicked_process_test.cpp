@@ -305,14 +305,19 @@ TEST_F(WickedProcess, SetsNothingThatIsNotPublishedAndWritable) {
   }
 }
 
+// Whether the next result is of this part, and that it is undecided.
+bool HearsOfUndecided(Wicked *wicked, uint64_t id, uint32_t part) {
+  const auto result = wicked->Hear(FrameType::kSetResult);
+  FrameReader reader(result ? std::string_view(*result) : std::string_view());
+  return reader.Take<uint64_t>() == id && reader.Take<uint32_t>() == part &&
+         reader.Take<SetPort::Check>() == SetPort::Check::kUndecided;
+}
+
 // The master goes on with a set of which there was no memory for the first part.
 TEST_F(WickedProcess, PartsOfASetThatIsNotKeptAreUndecided) {
   Be(1, [](Wicked *wicked, int) {
     wicked->Say(FrameWriter(FrameType::kReady)).Say(SetPart(1, 1));
-    const auto result = wicked->Hear(FrameType::kSetResult);
-    FrameReader reader(result ? std::string_view(*result) : std::string_view());
-    const bool same = reader.Take<uint64_t>() == 1 && reader.Take<uint32_t>() == 1;
-    births->told[0] = same && reader.Take<SetPort::Check>() == SetPort::Check::kUndecided ? 1 : 2;
+    births->told[0] = HearsOfUndecided(wicked, 1, 1) ? 1 : 2;
   });
   ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
   EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), kNonsense), 0U);
@@ -325,11 +330,8 @@ TEST_F(WickedProcess, SetsOfVeryMuchAreUndecided) {
   Be(1, [](Wicked *wicked, int) {
     wicked->Say(FrameWriter(FrameType::kReady)).Say(SetPart(1, 0, 5, 3000));
     wicked->Say(SetPart(2, 0, 5, 3000));
-    const auto result = wicked->Hear(FrameType::kSetResult);
-    FrameReader reader(result ? std::string_view(*result) : std::string_view());
     // Nobody serves the first one, which waits until its deadline.
-    const bool second = reader.Take<uint64_t>() == 2 && reader.Take<uint32_t>() == 0;
-    births->told[0] = second && reader.Take<SetPort::Check>() == SetPort::Check::kUndecided ? 1 : 2;
+    births->told[0] = HearsOfUndecided(wicked, 2, 0) ? 1 : 2;
   });
   ASSERT_TRUE(WaitUntil([] { return births->told[0] != 0; }));
   EXPECT_EQ(CountOf(testing::internal::GetCapturedStderr(), kNonsense), 0U);
