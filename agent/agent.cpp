@@ -24,7 +24,7 @@ unsigned char ignore_peer_stop;
 int32_t NicCondition;
 int32_t PrevNicCondition;
 
-// ---- Start-up and poll ------------------------------------------------------------------------
+// ---- Start-up and poll --------------------------------------------------------------------------
 
 // The group that failed and ended it; null when all ran, or when the agent's end came in between:
 // the groups after that are left out.
@@ -87,7 +87,7 @@ static void report_poll(const group *failed) {
   reported = failed;
 }
 
-// ---- Options ----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 static constexpr char options[] = "hp:s:t:iz";
 static constexpr long longest_poll_time = 60;  // seconds

@@ -9,7 +9,7 @@
 #include "common/util.h"
 #include "platform/framework.h"
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr char size_command[] =
     "SNMPDPID=`/sbin/pidof snmpd`; [ ! -z \"$SNMPDPID\" ] && ps -o vsz $SNMPDPID | grep -v SZ | "
@@ -23,7 +23,7 @@ static bool disabled = true;
 static time_t last_check;
 static int32_t baseline = -1;  // negative: none yet
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 long parse_snmpd_size(const char *output) {
   char *behind;
@@ -49,7 +49,7 @@ static long snmpd_size() {
   return parse_snmpd_size(output);
 }
 
-// ---- Acting ---------------------------------------------------------------------------------
+// ---- Acting -------------------------------------------------------------------------------------
 
 static void restart_snmpd(long size) {
   // The word "ealier" is what log filters look for.

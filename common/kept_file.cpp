@@ -16,7 +16,7 @@ static constexpr mode_t kept_mode = 0600;
 // None of them waits for the other end of a pipe, follows a link or reaches a command.
 static constexpr int careful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
-// ---- What may be in a kept file's place -----------------------------------------------------
+// ---- What may be in a kept file's place ---------------------------------------------------------
 
 static constexpr char foreign_way[] = "a link of another user is on the way to it";
 static constexpr char not_plain[] = "it is no plain file";
@@ -89,7 +89,7 @@ static int open_in(int directory, kept_file *file, int access) {
   return descriptor;
 }
 
-// ---- The names beside it ----------------------------------------------------------------------
+// ---- The names beside it ------------------------------------------------------------------------
 
 // The new contents on their way; what a killed agent left of them is never read. Further names are
 // for when somebody has put a directory there.

@@ -30,7 +30,7 @@ struct variable_table {
       : first(table), count(static_cast<int>(N)) {}
 };
 
-// ---- Lines of a table -----------------------------------------------------------------------
+// ---- Lines of a table ---------------------------------------------------------------------------
 
 // The type of variable that a member of a data block stands for. A member of any other type does
 // not compile.
@@ -92,7 +92,7 @@ Block &any();
 #define LEADING_OCTETS(name, block, member, length) \
   octets_of<MEMBER_TYPE(block, member), length>(name, offsetof(block, member))
 
-// ---- Defining and publishing ----------------------------------------------------------------
+// ---- Defining and publishing --------------------------------------------------------------------
 
 // Calls init_info() for every slot of the object in order. Slots that failed are defined, and the
 // object published, by a later repair_objects(). Agent thread, as what follows.

@@ -6,7 +6,7 @@
 
 #include "common/util.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] agent_block {
   char version[32];
@@ -18,7 +18,7 @@ struct [[gnu::packed]] agent_block {
 static_assert(offsetof(agent_block, start) == 32);
 static_assert(sizeof(agent_block) == 48);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoAgentVersion", agent_block, version),
@@ -38,12 +38,12 @@ constexpr group agent_group = described<agent_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int32_t not_known = -1;
 static agent_block state = {VEXHOSTD_VERSION, not_known, not_known, not_known, 0};
 
-// ---- Computing ------------------------------------------------------------------------------
+// ---- Computing ----------------------------------------------------------------------------------
 
 static int32_t seconds_now() {
   const time_t now = time(nullptr);
@@ -58,7 +58,7 @@ void note_poll(int64_t milliseconds, bool failed) {
   }
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_agent() {
   if (state.start == not_known) {

@@ -6,7 +6,7 @@
 #include "detail/beside.h"
 #include "firmware/fwver.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] fwkind_block {
   char name[129];
@@ -18,7 +18,7 @@ struct [[gnu::packed]] fwkind_block {
 static_assert(offsetof(fwkind_block, owner) == 388);
 static_assert(sizeof(fwkind_block) == 396);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoFwKindName", fwkind_block, name),
@@ -37,7 +37,7 @@ constexpr group fwkind_group = described<fwkind_block>({
     .absence = "this machine has no source for it",
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 enum device_kind : int32_t {
   OTHER_DEVICE = 1,
@@ -83,7 +83,7 @@ static constexpr known_device known_devices[] = {
 
 static beside_table table = {&fwkind_group, nullptr, 0};
 
-// ---- Computing ------------------------------------------------------------------------------
+// ---- Computing ----------------------------------------------------------------------------------
 
 int32_t firmware_device(int32_t category, int32_t device_type) {
   for (const known_device &known : known_devices) {
@@ -105,7 +105,7 @@ static fwkind_block block_of(const firmware_record &record) {
   return block;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_fwkind() {
   int result = 0;

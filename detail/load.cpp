@@ -9,7 +9,7 @@
 #include "common/sources.h"
 #include "common/util.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] load_block {
   int32_t one;  // hundredths; -1 while not known
@@ -19,7 +19,7 @@ struct [[gnu::packed]] load_block {
 };
 static_assert(sizeof(load_block) == 16);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoLoadOne", load_block, one),
@@ -38,11 +38,11 @@ constexpr group load_group = described<load_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int line_size = 128;
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 // Reads a number with up to two decimals in hundredths, and moves on behind it. Whatever else
 // follows the decimals is skipped to the next blank. False when there is none.
@@ -99,7 +99,7 @@ static void read_line(const char *path, char line[line_size]) {
   }
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_load() {
   registry_object *object = find_or_create_object(load_group);

@@ -9,7 +9,7 @@
 #include "common/sources.h"
 #include "common/util.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] memdetail_block {
   int32_t available;  // megabytes; -1 while not known
@@ -17,7 +17,7 @@ struct [[gnu::packed]] memdetail_block {
 };
 static_assert(sizeof(memdetail_block) == 8);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoMemoryAvailable", memdetail_block, available),
@@ -34,11 +34,11 @@ constexpr group memdetail_group = described<memdetail_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int line_size = 256;
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 int32_t megabytes_of_line(const char *line, const char *key) {
   const size_t length = strlen(key);
@@ -70,7 +70,7 @@ static bool read_memory(memdetail_block *block) {
   return ferror(meminfo.get()) == 0;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_memdetail() {
   registry_object *object = find_or_create_object(memdetail_group);

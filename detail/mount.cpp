@@ -8,7 +8,7 @@
 #include "detail/truth.h"
 #include "monitors/filesys.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] mount_block {
   char device[256];
@@ -20,7 +20,7 @@ struct [[gnu::packed]] mount_block {
 static_assert(offsetof(mount_block, read_only) == 576);
 static_assert(sizeof(mount_block) == 584);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoMountDevice", mount_block, device),
@@ -40,13 +40,13 @@ constexpr group mount_group = described<mount_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 enum mount_state_value : int32_t { ANSWERS = 1, FAILING = 2, SILENT = 3 };
 
 static beside_table table = {&mount_group, nullptr, 0};
 
-// ---- Computing ------------------------------------------------------------------------------
+// ---- Computing ----------------------------------------------------------------------------------
 
 // The length of the UTF-8 character (RFC 3629) that begins here; 0 when none does.
 static size_t character_length(const char *text, size_t length) {
@@ -103,7 +103,7 @@ static mount_block block_of(const mount_view &view) {
   return block;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 static int refresh(const mount_view &view) {
   if (!view.listed) {

@@ -7,7 +7,7 @@
 #include "detail/truth.h"
 #include "status/mib_status.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] sibling_block {
   char name[64];
@@ -20,7 +20,7 @@ struct [[gnu::packed]] sibling_block {
 static_assert(offsetof(sibling_block, present) == 64);
 static_assert(sizeof(sibling_block) == 84);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoSiblingName", sibling_block, name),
@@ -41,7 +41,7 @@ constexpr group sibling_group = described<sibling_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int32_t worst_condition = 4;
 static constexpr int32_t not_known = -1;
@@ -80,7 +80,7 @@ const char *sibling_name(int32_t index) {
   return "";
 }
 
-// ---- Computing ------------------------------------------------------------------------------
+// ---- Computing ----------------------------------------------------------------------------------
 
 static int32_t condition_value(int32_t condition) {
   return condition >= 1 && condition <= worst_condition ? condition : not_known;
@@ -97,7 +97,7 @@ static sibling_block block_of(const peer_view &peer) {
   return block;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 static int refresh(const peer_view &peer, bool *published) {
   registry_object *object = find_row(sibling_group, peer.index);

@@ -6,7 +6,7 @@
 #include "detail/beside.h"
 #include "software/swver.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] swkind_block {
   char name[128];
@@ -15,7 +15,7 @@ struct [[gnu::packed]] swkind_block {
 static_assert(offsetof(swkind_block, kind) == 128);
 static_assert(sizeof(swkind_block) == 132);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoSwKindName", swkind_block, name),
@@ -32,11 +32,11 @@ constexpr group swkind_group = described<swkind_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static beside_table table = {&swkind_group, nullptr, 0};
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_swkind() {
   int result = 0;

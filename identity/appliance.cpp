@@ -9,7 +9,7 @@
 #include "common/util.h"
 #include "platform/framework.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] appliance_block {
   int32_t mib_rev_major;
@@ -22,7 +22,7 @@ struct [[gnu::packed]] appliance_block {
 static_assert(sizeof(appliance_block) == 101);
 static_assert(offsetof(appliance_block, description) == 20);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 // Every write is refused: the poll period is set through the host group.
 static int refuse_set(uint8_t, registry_object *, descriptor *, const void *, int) {
@@ -49,14 +49,14 @@ constexpr group appliance_group = described<appliance_block>({
     .absence = "the machine was no appliance at the agent's start",
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int mib_number = 21;
 static constexpr int32_t condition_ok = 1;
 
 static bool called;
 
-// ---- Publishing -----------------------------------------------------------------------------
+// ---- Publishing ---------------------------------------------------------------------------------
 
 static registry_object *create() {
   registry_object *object = create_object(appliance_group);
@@ -73,7 +73,7 @@ static registry_object *create() {
   return object;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_appliance() {
   if (is_appliance() == 0) {

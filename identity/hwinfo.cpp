@@ -8,14 +8,14 @@
 #include "platform/ev.h"
 #include "platform/framework.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] hwinfo_block {
   int32_t platform;
 };
 static_assert(sizeof(hwinfo_block) == 4);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoHWInfoPlatform", hwinfo_block, platform),
@@ -31,7 +31,7 @@ constexpr group hwinfo_group = described<hwinfo_block>({
     .absence = "no EV told it at the agent's start",
 });
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 enum platform_class : int32_t { PLATFORM_PLAIN = 1, PLATFORM_MARKED = 5 };
 
@@ -50,7 +50,7 @@ static int32_t read_platform() {
   return value[platform_ev_size - 1] != 0 ? PLATFORM_MARKED : PLATFORM_PLAIN;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_hwinfo() {
   registry_object *object = create_object(hwinfo_group);

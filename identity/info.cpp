@@ -18,7 +18,7 @@
 #include "common/util.h"
 #include "platform/framework.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] info_block {
   char name[256];
@@ -39,7 +39,7 @@ static_assert(offsetof(info_block, role_detail) == 841);
 static_assert(offsetof(info_block, system_name) == 1354);
 static_assert(offsetof(info_block, system_description) == 1610);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 enum info_slot { SYSTEM_ROLE = 5, SYSTEM_ROLE_DETAIL = 6 };
 
@@ -82,7 +82,7 @@ constexpr group info_group = described<info_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 enum os_type : int32_t { OS_APPLIANCE = 1, OS_LINUX = 14 };
 enum telnet_state : int32_t { TELNET_HELD = 2, TELNET_FREE = 3 };
@@ -93,7 +93,7 @@ static info_block *block_of(registry_object *object) {
   return reinterpret_cast<info_block *>(object->data);
 }
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 static void read_appliance(info_block *block) {
   if (const auto *name = static_cast<const char *>(get_appliance_data("OsName"))) {
@@ -191,7 +191,7 @@ static telnet_state probe_telnet() {
   return held ? TELNET_HELD : TELNET_FREE;
 }
 
-// ---- Setting --------------------------------------------------------------------------------
+// ---- Setting ------------------------------------------------------------------------------------
 
 static int apply_role(uint8_t phase, kept_text *kept, char *field, size_t field_size,
                       const char *text) {
@@ -230,7 +230,7 @@ static int set_role(uint8_t phase, registry_object *object, descriptor *desc, co
   }
 }
 
-// ---- Publishing -----------------------------------------------------------------------------
+// ---- Publishing ---------------------------------------------------------------------------------
 
 static registry_object *create() {
   registry_object *object = create_object(info_group);
@@ -251,7 +251,7 @@ static registry_object *create() {
   return object;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_info() {
   const bool first = first_call(&called);

@@ -14,7 +14,7 @@
 #include "common/util.h"
 #include "platform/framework.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 enum ring_of { MINUTE, FIVE_MINUTES, THIRTY_MINUTES, HOUR, RINGS };
 
@@ -44,7 +44,7 @@ static_assert(offsetof(cpu_block, ring) == 276);
 static_assert(offsetof(cpu_block, samples) == 356);
 static_assert(sizeof(cpu_block) == 976);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoCpuUtilUnitIndex", cpu_block, index),
@@ -65,7 +65,7 @@ constexpr group cpu_group = described<cpu_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int line_size = 256;
 // How often a count that a read error broke off is begun again at once.
@@ -82,7 +82,7 @@ static cpu_sample *previous;
 static size_t samples_size;  // bytes of each of the two
 static time_t created;       // by age_clock()
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 static bool is_cpu_line(const char *line) {
   return strncasecmp(line, "cpu", 3) == 0;
@@ -187,7 +187,7 @@ static int sample_processors(bool start_up) {
   return !uncounted && take_samples() ? 1 : 0;
 }
 
-// ---- Computing ------------------------------------------------------------------------------
+// ---- Computing ----------------------------------------------------------------------------------
 
 static uint64_t ticks(const cpu_sample &s) {
   return s.idle + s.user + s.system + s.nice;
@@ -232,7 +232,7 @@ static void take_utilisation(cpu_block *block, int32_t utilisation) {
   }
 }
 
-// ---- Publishing -----------------------------------------------------------------------------
+// ---- Publishing ---------------------------------------------------------------------------------
 
 static uint32_t minute_length() {
   const uint32_t period = poll_time < 1 ? 1 : static_cast<uint32_t>(poll_time);
@@ -279,7 +279,7 @@ static int create_rows() {
   return 0;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_cpu() {
   const bool start_up = first_call(&called);

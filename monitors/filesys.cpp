@@ -14,7 +14,7 @@
 #include "common/sources.h"
 #include "common/util.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] filesys_block {
   int32_t index;
@@ -27,7 +27,7 @@ static_assert(offsetof(filesys_figures, units_total) == 8);
 static_assert(offsetof(filesys_figures, percent_used) == 16);
 static_assert(sizeof(filesys_block) == 280);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 // The percentage comes before the allocation units here, and after them in the data block.
 static constexpr variable variables[] = {
@@ -50,7 +50,7 @@ constexpr group filesys_group = described<filesys_block>({
     .absence = "nothing is mounted that the table lists",
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr char vmfs_volumes_directory[] = "/vmfs/volumes";
 static constexpr char vdf_command[] = "vdf | grep \"/vmfs/volumes\"";
@@ -81,7 +81,7 @@ static constexpr size_t not_listed = SIZE_MAX;
 static row_table<filesys_row, &filesys_row::object, &filesys_row::key> table;
 static int vmware_phase;  // the scans run when it is 0
 
-// ---- Reading: the mount table -----------------------------------------------------------------
+// ---- Reading: the mount table -------------------------------------------------------------------
 
 // One entry of the mount table: where its texts begin in the list's.
 struct mount_entry {
@@ -328,8 +328,7 @@ int remove_filesys_rows(filesys_row *row) {
   return 0;
 }
 
-// ---- The three sources
-// ----------------------------------------------------------------------------
+// ---- The three sources --------------------------------------------------------------------------
 
 // Cuts a name in place when it is too long for the description.
 static bool cut_long_name(char *name) {
@@ -515,8 +514,7 @@ static void scan_vmfs_volumes(const shared_limit &limit) {
   }
 }
 
-// ---- Entry point
-// ------------------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 static void remove_unlisted() {
   queue_element *cursor = table.rows.head;

@@ -12,14 +12,14 @@
 #include "common/util.h"
 #include "platform/framework.h"
 
-// ---- Data block -----------------------------------------------------------------------------
+// ---- Data block ---------------------------------------------------------------------------------
 
 struct [[gnu::packed]] memory_block {
   int32_t value[MEMINFO_KEYS];  // megabytes; -1 until known
 };
 static_assert(sizeof(memory_block) == 16);
 
-// ---- Variables ------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static constexpr variable variables[] = {
     READ_ONLY("tlxHoPhysicalMemorySize", memory_block, value[MEM_TOTAL]),
@@ -38,7 +38,7 @@ constexpr group memory_group = described<memory_block>({
     .absence = nullptr,
 });
 
-// ---- State ----------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static constexpr int line_size = 256;
 
@@ -49,7 +49,7 @@ static bool called;
 // How often each key's number may still be reported as too large.
 static int budgets[MEMINFO_KEYS] = {6, 6, 6, 6};
 
-// ---- Reading --------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 int parse_meminfo_line(const char *line, unsigned long *kilobytes) {
   for (int key = 0; key < MEMINFO_KEYS; key++) {
@@ -63,7 +63,7 @@ int parse_meminfo_line(const char *line, unsigned long *kilobytes) {
   return -1;
 }
 
-// ---- Computing ------------------------------------------------------------------------------
+// ---- Computing ----------------------------------------------------------------------------------
 
 static void take_value(memory_block *block, int key, unsigned long kilobytes) {
   // What strtoul() returns on overflow is too large whether long has 32 bits or 64.
@@ -75,7 +75,7 @@ static void take_value(memory_block *block, int key, unsigned long kilobytes) {
   }
 }
 
-// ---- Publishing -----------------------------------------------------------------------------
+// ---- Publishing ---------------------------------------------------------------------------------
 
 static registry_object *create() {
   registry_object *object = create_object(memory_group);
@@ -88,7 +88,7 @@ static registry_object *create() {
   return object;
 }
 
-// ---- Entry point ----------------------------------------------------------------------------
+// ---- Entry point --------------------------------------------------------------------------------
 
 int do_memory() {
   registry_object *object = first_call(&called) ? create() : find_object(memory_group);

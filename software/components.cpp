@@ -8,7 +8,7 @@
 #include "platform/ev.h"
 #include "platform/framework.h"
 
-// ---- Records ----------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 static constexpr swver_data records[] = {
     {1,
@@ -67,13 +67,13 @@ const swver_data *find_component(const char *name) {
   return nullptr;
 }
 
-// ---- State ------------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static bool read_attempted;
 static int read_result;
 static uint8_t versions[version_ev_size];  // zero beyond what the EV holds
 
-// ---- Reading ----------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 // Where the EV has a utility: the major version at the offset, the minor version and a revision
 // letter after it. No record has the name OPTIONROMKIT; a row has it when a manager says so.
@@ -95,7 +95,7 @@ static const uint8_t *find_version(const char (&name)[sizeof(swver_data::name)])
   return nullptr;
 }
 
-// ---- Publishing -------------------------------------------------------------------------------
+// ---- Publishing ---------------------------------------------------------------------------------
 
 static void update_version(swver_row *row) {
   const swver_data *data = swver_values(row);

@@ -14,7 +14,7 @@
 #include "software/components.h"
 #include "software/swver.h"
 
-// ---- Agent version: data block and variable ----------------------------------------------------
+// ---- Agent version: data block and variable -----------------------------------------------------
 
 struct [[gnu::packed]] swverag_data {
   char version[51];

@@ -11,7 +11,7 @@
 #include "software/components.h"
 #include "software/packages.h"
 
-// ---- Variables --------------------------------------------------------------------------------
+// ---- Variables ----------------------------------------------------------------------------------
 
 static int swver_set(uint8_t phase, registry_object *object, descriptor *desc, const void *value,
                      int length);
@@ -95,11 +95,11 @@ static int swver_set(uint8_t phase, registry_object *object, descriptor *desc, c
   }
 }
 
-// ---- State ------------------------------------------------------------------------------------
+// ---- State --------------------------------------------------------------------------------------
 
 static row_table<swver_row, &swver_row::object, &swver_row::key> table;
 
-// ---- Rows -------------------------------------------------------------------------------------
+// ---- Rows ---------------------------------------------------------------------------------------
 
 int swver_is_empty() {
   return table.rows.head == nullptr;
@@ -211,7 +211,7 @@ void swver_change_state(int32_t from, int32_t to) {
   }
 }
 
-// ---- Publishing -------------------------------------------------------------------------------
+// ---- Publishing ---------------------------------------------------------------------------------
 
 // The next index is left as it is until the next creation.
 static void remove_unseen() {

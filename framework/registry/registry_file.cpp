@@ -281,7 +281,7 @@ std::vector<std::string> ListObjects(std::string_view root, std::vector<Unread> 
   return found;
 }
 
-// ---- Writing ---------------------------------------------------------------------------------
+// ---- Writing ------------------------------------------------------------------------------------
 
 namespace {
 

@@ -61,7 +61,7 @@ def eventually(condition, what, seconds=60):
     raise AssertionError(f"not within {seconds} s: {what() if callable(what) else what}")
 
 
-# ---- The codec: as much of BER as questions and answers want -----------------------------------------
+# ---- The codec: as much of BER as questions and answers want -------------------------------------
 
 
 def tagged(tag, content):
@@ -190,7 +190,7 @@ def names_of(variables):
     return [oid_of(fields(variable)[0][1]) for _, variable in fields(variables)]
 
 
-# ---- Programs ----------------------------------------------------------------------------------------
+# ---- Programs ------------------------------------------------------------------------------------
 
 
 class Host:

@@ -341,8 +341,7 @@ TEST(FileSystems, VMwareVolumes) {
   EXPECT_EQ(ReadFile("/run/vmkfstools.calls"), "-l /vmfs/vmhba0:0:0:5\n-l /vmfs/vmhba0:0:0:5\n");
 }
 
-// ---- Mounts that hang
-// -------------------------------------------------------------------------------
+// ---- Mounts that hang ---------------------------------------------------------------------------
 
 namespace {
 
@@ -520,8 +519,7 @@ TEST(HangingMounts, WhoAsksHoldsNothingOfTheAgent) {
   }));
 }
 
-// ---- Mounts that answer late
-// -------------------------------------------------------------------------
+// ---- Mounts that answer late --------------------------------------------------------------------
 
 TEST(SlowMounts, ALateAnswerIsTakenOverByTheNextPoll) {
   MadeUpHost host;

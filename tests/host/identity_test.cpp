@@ -130,7 +130,7 @@ TEST(Identity, CutsLongDistributionTexts) {
   EXPECT_EQ(host.Get("tlxHoOsType"), "INTEGER: 14");
 }
 
-// ---- The telnet port --------------------------------------------------------------------------
+// ---- The telnet port ----------------------------------------------------------------------------
 
 TEST(Identity, TellsWhetherTheTelnetPortIsHeld) {
   MadeUpHost host;
@@ -209,7 +209,7 @@ TEST(Identity, KeepsNoDescriptorOfTheProbe) {
   EXPECT_EQ(SettledFiles(host.daemon.pid()), before);
 }
 
-// ---- Role files -------------------------------------------------------------------------------
+// ---- Role files ---------------------------------------------------------------------------------
 
 TEST(Identity, ReadsRoleFiles) {
   MadeUpHost host;
@@ -288,7 +288,7 @@ TEST(Identity, SaysOnceThatADirectoryIsInTheRolesPlace) {
       << host.daemon.Log();
 }
 
-// ---- Sets -------------------------------------------------------------------------------------
+// ---- Sets ---------------------------------------------------------------------------------------
 
 TEST(Identity, SetsRoles) {
   MadeUpHost host;

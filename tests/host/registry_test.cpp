@@ -163,8 +163,7 @@ TEST(Registry, IsInTheWayOfNothing) {
   EXPECT_TRUE(Eventually([] { return MadeUpHost::Object("host/memory").has_value(); }));
 }
 
-// ---- What becomes of the files while their values stay as they are
-// --------------------------------
+// ---- What becomes of the files while their values stay as they are ------------------------------
 
 namespace {
 
@@ -362,8 +361,7 @@ TEST(Registry, AFileThatCannotBeUnlinkedGoesLater) {
   EXPECT_TRUE(host.daemon.WaitLog("Registry files are written again"));
 }
 
-// ---- Two agents for one directory
-// ------------------------------------------------------------------
+// ---- Two agents for one directory ---------------------------------------------------------------
 
 namespace {
 
@@ -521,8 +519,7 @@ TEST(SecondStart, SiblingsAreNotConcerned) {
   EXPECT_TRUE(MadeUpHost::Object("host/memory"));
 }
 
-// ---- The start
-// -------------------------------------------------------------------------------------
+// ---- The start ----------------------------------------------------------------------------------
 
 TEST(Registry, ADirectoryLeftWithoutItsModeGetsItAtTheNextStart) {
   MadeUpHost host;

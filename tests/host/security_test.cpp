@@ -70,7 +70,7 @@ long ResidentKilobytes(pid_t pid) {
 
 }  // namespace
 
-// ---- Files in the registry's root -------------------------------------------------------------
+// ---- Files in the registry's root ---------------------------------------------------------------
 
 TEST(Security, KeptFilesAreNotReachedThroughLinks) {
   MadeUpHost host;
@@ -254,7 +254,7 @@ TEST(Security, TheAdministratorsLinkToTheRegistryIsFollowed) {
   EXPECT_TRUE(Exists("/srv/kelmo/registry/host/memory"));
 }
 
-// ---- Whatever else is read --------------------------------------------------------------------
+// ---- Whatever else is read ----------------------------------------------------------------------
 
 // Pipes, devices and sockets in place of files: opening them may wait, reading them may not end.
 TEST(Security, SpecialFilesInPlaceOfSourcesHoldNobodyUp) {
@@ -324,7 +324,7 @@ TEST(Security, AnOsReleaseOfHugeLinesIsCutOrRefused) {
   EXPECT_EQ(host.daemon.Count("/etc/os-release: too large, file not used"), 1U);
 }
 
-// ---- Names ------------------------------------------------------------------------------------
+// ---- Names --------------------------------------------------------------------------------------
 
 TEST(Security, NamesAreNoCommands) {
   MadeUpHost host;
@@ -404,7 +404,7 @@ TEST(Security, ObjectsReachNoTerminal) {
   }
 }
 
-// ---- The log ----------------------------------------------------------------------------------
+// ---- The log ------------------------------------------------------------------------------------
 
 TEST(Security, APipeInPlaceOfTheLogHoldsNobodyUp) {
   MadeUpHost host;

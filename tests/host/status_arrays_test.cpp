@@ -293,7 +293,7 @@ TEST(StatusArrays, AnObjectThatIsNotOneCountsAsMissing) {
   EXPECT_EQ(host.Get(kHealth), HealthArray({}));
 }
 
-// ---- The health trap --------------------------------------------------------------------------
+// ---- The health trap ----------------------------------------------------------------------------
 
 std::string HealthText(const std::string &first_line) {
   std::string text = "tlxHoMibHealthStatusArray has changed to the value :" + first_line;
@@ -371,7 +371,7 @@ TEST(HealthTrap, NotWhenTrapsAreDisabled) {
   EXPECT_EQ(traps[0].oid, ".1.3.6.1.4.1.4891.0.1");
 }
 
-// ---- Thresholds -------------------------------------------------------------------------------
+// ---- Thresholds ---------------------------------------------------------------------------------
 
 // Publishes an entry of the threshold agent.
 void PutThreshold(MadeUpHost &host, const std::string &name, const std::string &oid, int severity,
@@ -511,7 +511,7 @@ TEST(HeldCommandLine, HoldsUpNoPollAndChangesNoRow) {
       << host.daemon.Log();
 }
 
-// ---- Ten thousand processes -------------------------------------------------------------------
+// ---- Ten thousand processes ---------------------------------------------------------------------
 
 // Its children read command lines for it.
 double CpuSecondsOfAgent(MadeUpHost &host) {

@@ -38,7 +38,7 @@ std::string Setting(const char *name, const char *otherwise) {
   return value != nullptr ? value : otherwise;
 }
 
-// ---- What is written down -------------------------------------------------------------------
+// ---- What is written down -----------------------------------------------------------------------
 
 class Events {
  public:
@@ -83,7 +83,7 @@ size_t Zombies(const std::vector<pid_t> &children) {
   }));
 }
 
-// ---- The host -------------------------------------------------------------------------------
+// ---- The host -----------------------------------------------------------------------------------
 
 // One thing that happens again and again.
 struct Activity {

@@ -192,7 +192,7 @@ std::string TestAgentPath() {
   return other != nullptr ? other : VEX_TESTS_AGENT;
 }
 
-// ---- snmpd ---------------------------------------------------------------------------------
+// ---- snmpd --------------------------------------------------------------------------------------
 
 void Snmpd::Start(const SnmpdOptions &options) {
   host_->File(
@@ -230,7 +230,7 @@ std::string Snmpd::Log() const {
   return ReadFile(kOwn + "/snmpd.out") + ReadFile(kSnmpdLog);
 }
 
-// ---- snmptrapd -----------------------------------------------------------------------------
+// ---- snmptrapd ----------------------------------------------------------------------------------
 
 void TrapReceiver::Start() {
   WriteWhole(kOwn + "/snmptrapd.conf", kTrapdConf, 0644);
@@ -284,7 +284,7 @@ std::vector<Trap> TrapReceiver::WaitFor(size_t count, double seconds) const {
   return Received();
 }
 
-// ---- vexhostd ------------------------------------------------------------------------------
+// ---- vexhostd -----------------------------------------------------------------------------------
 
 void Daemon::Start(const DaemonOptions &options) {
   ProcessOptions process;
@@ -485,7 +485,7 @@ void Daemon::RefuseSegments(bool refuse) {
   page_->refuse_shmat = refuse ? 1 : 0;
 }
 
-// ---- the host ------------------------------------------------------------------------------
+// ---- the host -----------------------------------------------------------------------------------
 
 MadeUpHost::MadeUpHost() {
   for (const char *name : {"", "/bin", "/files", "/tools"}) {
@@ -768,7 +768,7 @@ void MadeUpHost::EndPeer(pid_t pid) {
   }
 }
 
-// ---- the manager ---------------------------------------------------------------------------
+// ---- the manager --------------------------------------------------------------------------------
 
 std::string MadeUpHost::Oid(const std::string &name) {
   if (name.empty() || name[0] == '.') {
@@ -861,7 +861,7 @@ std::string MadeUpHost::Set(const std::vector<SetValue> &values, const std::stri
   return Trimmed(outcome.err);
 }
 
-// ---- the sibling ---------------------------------------------------------------------------
+// ---- the sibling --------------------------------------------------------------------------------
 
 Outcome MadeUpHost::Vexreg(const std::vector<std::string> &arguments) {
   std::vector<std::string> command = {VexregPath()};

@@ -429,7 +429,7 @@ void PutEv(const std::string &name, const std::string &bytes) {
 
 }  // namespace rec
 
-// ---- Queues ---------------------------------------------------------------------------------
+// ---- Queues -------------------------------------------------------------------------------------
 
 struct queue_element {
   void *record;
@@ -526,7 +526,7 @@ int index_Q(queue *q, const char *(*key_of)(const void *)) {
 
 void rekey_Q(queue *, void *) {}
 
-// ---- Objects ----------------------------------------------------------------------------------
+// ---- Objects ------------------------------------------------------------------------------------
 
 int get_id(void) {
   return 11;
@@ -847,8 +847,7 @@ int process_linux_cmd(const char *command, char *output, int *length) {
   return known->second;
 }
 
-// ---- SNMP
-// -----------------------------------------------------------------------------------------
+// ---- SNMP ---------------------------------------------------------------------------------------
 
 int init_snmp_appname(const char *name) {
   rec::Record("init_snmp_appname", name, "");
@@ -921,8 +920,7 @@ int cleanup_snmp_connection(void) {
   return 0;
 }
 
-// ---- The machine
-// ------------------------------------------------------------------------------------
+// ---- The machine --------------------------------------------------------------------------------
 
 int is_appliance(void) {
   return state().appliance;

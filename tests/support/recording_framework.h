@@ -25,7 +25,7 @@
 
 namespace rec {
 
-// ---- What happened ------------------------------------------------------------------------
+// ---- What happened ------------------------------------------------------------------------------
 
 // One call of interest, in order. `operation` is the function's name.
 struct Event {
@@ -58,7 +58,7 @@ struct Trap {
 };
 const std::vector<Trap> &Traps();
 
-// ---- Objects ------------------------------------------------------------------------------
+// ---- Objects ------------------------------------------------------------------------------------
 
 // One variable of an object, by its slot: what the object says of it, and where its value lies in
 // the data block.
@@ -104,7 +104,7 @@ int Set(const std::string &name, const std::string &variable, int32_t value);
 int Set(const std::string &name, const std::string &variable, const std::string &value);
 int CheckOnly(const std::string &name, const std::string &variable, const std::string &value);
 
-// ---- Failures -----------------------------------------------------------------------------
+// ---- Failures -----------------------------------------------------------------------------------
 
 // Makes calls of an operation fail as its declaration says: those whose name (see Event) matches
 // the pattern; only the n-th such call from now, or all of them when nth is 0, or all from the n-th
@@ -115,7 +115,7 @@ void Fail(const std::string &operation, const std::string &pattern = "*", int nt
           int error = 5 /* EIO */);
 void StopFailing();
 
-// ---- Made-up facts ------------------------------------------------------------------------
+// ---- Made-up facts ------------------------------------------------------------------------------
 
 // A variable of a sibling's object.
 struct SiblingVariable {
@@ -180,7 +180,7 @@ void PutService(const std::string &name, int port);
 // What uname() says from now on.
 void PutSystem(const utsname &system);
 
-// ---- Files, commands and clocks -------------------------------------------------------------
+// ---- Files, commands and clocks -----------------------------------------------------------------
 
 // fopen, open, opendir, access, stat, lstat, chmod, unlink, rename, glob and setmntent of a path at
 // or below one that was put here go to a private directory instead; everything else is untouched.

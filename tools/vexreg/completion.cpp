@@ -120,7 +120,7 @@ std::vector<Option> AllOptions(const CLI::App &app, const std::vector<Command> &
   return all;
 }
 
-// ---- bash -------------------------------------------------------------------------------------
+// ---- bash ---------------------------------------------------------------------------------------
 
 std::string BashScript(const CLI::App &app) {
   const std::vector<Command> commands = CommandsOf(app);
@@ -215,7 +215,7 @@ std::string BashScript(const CLI::App &app) {
          "} && complete -F _vexreg vexreg\n";
 }
 
-// ---- zsh --------------------------------------------------------------------------------------
+// ---- zsh ----------------------------------------------------------------------------------------
 
 // An option as _arguments takes it.
 std::string ZshOption(const Option &option) {
@@ -299,7 +299,7 @@ std::string ZshScript(const CLI::App &app) {
          "fi\n";
 }
 
-// ---- fish -------------------------------------------------------------------------------------
+// ---- fish ---------------------------------------------------------------------------------------
 
 std::string FishOption(const std::string &condition, const Option &option) {
   std::string line = "complete -c vexreg" + condition + " -l " + option.name.substr(2) + " -d " +

@@ -91,20 +91,6 @@ void CatchCrashes() {
 
 enum Colours : short { kGoodPair = 1, kWarningPair, kBadPair };
 
-// Characters beyond ASCII as question marks.
-std::string Ascii(const std::string &text) {
-  std::string ascii;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x80) {
-      ascii += c;
-    } else if ((byte & 0xC0) == 0xC0) {
-      ascii += '?';
-    }
-  }
-  return ascii;
-}
-
 }  // namespace
 
 bool CanDraw(std::string *why) {
@@ -202,7 +188,7 @@ void LiveScreen::Draw(const std::vector<LiveLine> &page) {
     wmove(stdscr, static_cast<int>(y), 0);
     for (const LivePiece &piece : page[y]) {
       wattrset(stdscr, Attributes(piece));
-      waddstr(stdscr, (utf8_ ? piece.text : Ascii(piece.text)).c_str());
+      waddstr(stdscr, (utf8_ ? piece.text : AsciiText(piece.text)).c_str());
     }
   }
   wattrset(stdscr, A_NORMAL);

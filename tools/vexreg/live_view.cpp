@@ -87,7 +87,7 @@ std::string PlainText(const LiveLine &line) {
 LiveView::LiveView(const LiveData &data, LiveOptions options)
     : data_(data), options_(std::move(options)) {}
 
-// ---- What there is to show --------------------------------------------------------------------
+// ---- What there is to show ----------------------------------------------------------------------
 
 bool LiveView::IsUsual(const std::string &group) const {
   constexpr std::string_view kHeaders[] = {kLoad, kAgentGroup, kInfo,
@@ -166,7 +166,7 @@ std::vector<LiveColumn> LiveView::Columns(const Section &section) const {
   return ColumnsOf(section.id, *section.group, data_, options_.raw, options_.utf8);
 }
 
-// ---- Rows -------------------------------------------------------------------------------------
+// ---- Rows ---------------------------------------------------------------------------------------
 
 bool LiveView::MatchesText(const std::string &text) const {
   return filter_.empty() || Small(text).find(filter_) != std::string::npos;
@@ -370,7 +370,7 @@ void LiveView::ShareLines(std::vector<Section> *sections, size_t height, bool sp
   }
 }
 
-// ---- Pieces of a page -------------------------------------------------------------------------
+// ---- Pieces of a page ---------------------------------------------------------------------------
 
 std::string LiveView::BarOf(int percent, int width) const {
   return BarText(percent, width, options_.utf8);
@@ -957,7 +957,7 @@ std::vector<LiveLine> LiveView::Page(const LiveMoment &now) {
   return page;
 }
 
-// ---- Keys -------------------------------------------------------------------------------------
+// ---- Keys ---------------------------------------------------------------------------------------
 
 void LiveView::Move(int by) {
   const int64_t to = static_cast<int64_t>(scroll_) + by;

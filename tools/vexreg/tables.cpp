@@ -188,7 +188,7 @@ std::string Plain(const std::vector<Span> &line) {
   return text;
 }
 
-// ---- Lists ------------------------------------------------------------------------------------
+// ---- Lists --------------------------------------------------------------------------------------
 
 // The lines of a value in a list, each at most so wide.
 std::vector<std::string> ListLines(const Shown &shown, int width, const Style &style) {
@@ -247,7 +247,7 @@ void RenderList(std::string &out, const NamedObject &named, int width, const Sty
   }
 }
 
-// ---- Tables -----------------------------------------------------------------------------------
+// ---- Tables -------------------------------------------------------------------------------------
 
 struct Column {
   std::vector<std::string> heading;  // lines, the last one next to the values

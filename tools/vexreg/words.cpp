@@ -180,7 +180,7 @@ Shown ShowInteger(const MibWords *words, int32_t value) {
   return unit != nullptr ? unit->show(value) : Shown{std::to_string(value), Mood::kPlain, {}, {}};
 }
 
-// ---- Arrays -----------------------------------------------------------------------------------
+// ---- Arrays -------------------------------------------------------------------------------------
 
 // A table with two blanks between its columns.
 std::vector<std::vector<Span>> Aligned(std::vector<std::vector<Span>> rows) {

@@ -964,7 +964,7 @@ TEST_F(RegistryFile, ReadsTheObjectsOfADirectoryAtOnce) {
   EXPECT_TRUE(ReadObjectsOf("host", registry_.base() + "/nowhere").empty());
 }
 
-// ---- Readers beside a writer in another process ------------------------------------------------
+// ---- Readers beside a writer in another process -------------------------------------------------
 
 // Data large enough for an update to be caught half way: a counter, repeated.
 constexpr size_t kWords = 4096;

@@ -368,8 +368,7 @@ TEST_F(FileSystems, TheSweepGoesOnAfterAFailure) {
   EXPECT_EQ(rec::LiveNames(), std::vector<std::string>{Row(1)});
 }
 
-// ---- A row that cannot be created
-// -----------------------------------------------------------------
+// ---- A row that cannot be created ---------------------------------------------------------------
 
 using FileSystemsDeath = FileSystems;
 
@@ -517,8 +516,7 @@ TEST_F(FileSystems, ALongMountTableAsksForMemorySeldom) {
   EXPECT_EQ(rec::LiveNames().size(), 400U);
 }
 
-// ---- VMware
-// ---------------------------------------------------------------------------------------
+// ---- VMware -------------------------------------------------------------------------------------
 
 class VMware : public FileSystems {
  protected:
@@ -710,8 +708,7 @@ TEST_F(VMware, AMountTableRowThatAScanListsTooLivesLonger) {
   EXPECT_EQ(rec::LiveNames().size(), 1u);
 }
 
-// ---- Arithmetic
-// -------------------------------------------------------------------------------------
+// ---- Arithmetic ---------------------------------------------------------------------------------
 
 TEST(FileSystemFigures, PercentageOfAMountIsRoundedUp) {
   EXPECT_EQ(figures_of_mount(Stats(4096, 1'000'000, 990'000, 0, 0)).percent_used, 1);

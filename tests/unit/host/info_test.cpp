@@ -106,7 +106,7 @@ class Info : public testing::Test {
   }
 };
 
-// ---- Creation ---------------------------------------------------------------------------------
+// ---- Creation -----------------------------------------------------------------------------------
 
 TEST_F(Info, TheObjectAsCreated) {
   ASSERT_EQ(do_info(), 0);
@@ -167,7 +167,7 @@ TEST_F(Info, PassesOnTheResultOfPublishing) {
   EXPECT_EQ(do_info(), 0);
 }
 
-// ---- Distribution and appliance ---------------------------------------------------------------
+// ---- Distribution and appliance -----------------------------------------------------------------
 
 TEST_F(Info, WithoutADistribution) {
   rec::Fail("distroid_init");
@@ -234,7 +234,7 @@ TEST_F(Info, TheLongestSystem) {
   EXPECT_EQ(Text("tlxHosysDescr"), std::string(5 * 64, 'n'));
 }
 
-// ---- The telnet probe -------------------------------------------------------------------------
+// ---- The telnet probe ---------------------------------------------------------------------------
 
 TEST_F(Info, TelnetPortFree) {
   const Port port(false);
@@ -298,7 +298,7 @@ TEST_F(Info, ARefreshIsTheProbeAlone) {
   EXPECT_EQ(rec::Count("distroid_init"), 0);
 }
 
-// ---- Role files -------------------------------------------------------------------------------
+// ---- Role files ---------------------------------------------------------------------------------
 
 TEST_F(Info, ReadsTheRoleFiles) {
   rec::PutFile(kRoleFile, "web server");
@@ -898,7 +898,7 @@ TEST_F(Info, ASetCountsMoreThanWhatTheStartCouldNotRead) {
   EXPECT_EQ(Text(kRole), "new");
 }
 
-// ---- A root that is another one ----------------------------------------------------------------
+// ---- A root that is another one -----------------------------------------------------------------
 
 // The registry's root as somebody makes it anew: empty, and with another birth.
 void MakeTheRootAnew() {

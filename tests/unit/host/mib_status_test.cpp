@@ -84,7 +84,7 @@ class MibStatus : public testing::Test {
   }
 };
 
-// ---- The tables -----------------------------------------------------------------------------
+// ---- The tables ---------------------------------------------------------------------------------
 
 // One row: its index, its process, where its revision is (object and the two slots, or OID) and its
 // condition.
@@ -273,7 +273,7 @@ TEST_F(MibStatus, EveryRowOfTheHealthArrayBelongsToItsProcess) {
   }
 }
 
-// ---- The status array -------------------------------------------------------------------------
+// ---- The status array ---------------------------------------------------------------------------
 
 TEST_F(MibStatus, NothingRuns) {
   Array expected = Zeros();
@@ -392,7 +392,7 @@ TEST_F(MibStatus, NegativeConditionsAreNotTheWorst) {
   EXPECT_EQ(Row(array, 0), (Octets{1, 0, 8, 0}));
 }
 
-// ---- Scanning ---------------------------------------------------------------------------------
+// ---- Scanning -----------------------------------------------------------------------------------
 
 struct Command {
   std::string text;
@@ -566,7 +566,7 @@ TEST_F(MibStatus, AListingIsTriedThreeTimes) {
   EXPECT_EQ(rec::Messages(), std::vector<std::string>{"cannot opendir(/proc)"});
 }
 
-// ---- Processes that hold up who reads their command line ---------------------------------------
+// ---- Processes that hold up who reads their command line ----------------------------------------
 
 // As the kernel has it: a name may look like anything.
 void Started(int pid, int ticks) {
@@ -790,7 +790,7 @@ TEST_F(MibStatus, WhileNoChildCanBeStartedEveryProcessIsWhatItWas) {
   EXPECT_EQ(rec::Messages().size(), 1U);
 }
 
-// ---- Getters ----------------------------------------------------------------------------------
+// ---- Getters ------------------------------------------------------------------------------------
 
 TEST_F(MibStatus, AnObjectWithTooFewVariables) {
   Process(10, "vexida", 10);

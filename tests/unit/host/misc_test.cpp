@@ -64,7 +64,7 @@ class Misc : public testing::Test {
   }
 };
 
-// ---- Creation ---------------------------------------------------------------------------------
+// ---- Creation -----------------------------------------------------------------------------------
 
 TEST_F(Misc, TheObjectAsCreated) {
   rec::SetTime(1709647629);  // 5 March 2024, 14:07:09 UTC
@@ -166,7 +166,7 @@ TEST_F(Misc, TheArraysAreBuiltTwiceAtStartUp) {
             "\0\2\0\0\0\0\0\0\0\2"s);
 }
 
-// ---- Refresh ----------------------------------------------------------------------------------
+// ---- Refresh ------------------------------------------------------------------------------------
 
 TEST_F(Misc, EachRefreshTakesThePollPeriodAndPublishes) {
   do_misc();
@@ -208,7 +208,7 @@ TEST_F(Misc, AWorseHealthSendsItsTrapAtTheRefresh) {
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 2);
 }
 
-// ---- Thresholds -------------------------------------------------------------------------------
+// ---- Thresholds ---------------------------------------------------------------------------------
 
 TEST_F(Misc, ConditionBySeverity) {
   for (const auto &[severity, condition] : {std::pair{INT32_MIN, 2},
@@ -557,7 +557,7 @@ TEST_F(Misc, ADirectoryWithoutMemoryForItsListIsReadByTheNextPoll) {
   EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
 }
 
-// ---- Next index -------------------------------------------------------------------------------
+// ---- Next index ---------------------------------------------------------------------------------
 
 TEST_F(Misc, NextIndex) {
   EXPECT_EQ(set_next_index(5), -1);
@@ -574,7 +574,7 @@ TEST_F(Misc, NextIndex) {
   EXPECT_EQ(next_index(), 6);
 }
 
-// ---- Sets -------------------------------------------------------------------------------------
+// ---- Sets ---------------------------------------------------------------------------------------
 
 TEST_F(Misc, GenericDataSendsTheTestTrap) {
   do_misc();

@@ -719,7 +719,7 @@ TEST_F(Command, SaysWhenItsOutputIsNotTaken) {
   }
 }
 
-// ---- watch ------------------------------------------------------------------------------------
+// ---- watch --------------------------------------------------------------------------------------
 
 TEST_F(Command, LeavesNothingOfACaptureEvenKilled) {
   const TempRegistry temporary;

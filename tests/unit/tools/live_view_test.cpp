@@ -578,7 +578,7 @@ TEST_F(Live, ForgetsRowsThatAreGone) {
   EXPECT_FALSE(Has("22222"));
 }
 
-// ---- Keys -------------------------------------------------------------------------------------
+// ---- Keys ---------------------------------------------------------------------------------------
 
 TEST_F(Live, HasMoreThanOneKeyForMuch) {
   SetRows(100);
@@ -756,7 +756,7 @@ TEST_F(Live, ScrollsWhileAFilterIsTyped) {
   EXPECT_TRUE(Has(" Only lines with: t_"));
 }
 
-// ---- What a page says -------------------------------------------------------------------------
+// ---- What a page says ---------------------------------------------------------------------------
 
 TEST_F(Live, ShowsValuesOfOneObject) {
   Set("other/thing", {{"gone", 0, "", 0},
