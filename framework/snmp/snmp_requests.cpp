@@ -413,7 +413,7 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
                                 asked->val.string, asked->val_len, &items.back());
   }
   if (place == sets_.end() && sets_.size() >= kMostSets) {
-    MakeRoom();
+    MakeRoom(session);
     if (sets_.size() >= kMostSets) {
       Answer(session, request->transid, phase,
              error == SNMP_ERR_NOERROR ? SNMP_ERR_RESOURCEUNAVAILABLE : error, number);
@@ -439,14 +439,23 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
   Fail(session, request->transid, set);
 }
 
-// Sets that were undone or are past their deadline are over; they are remembered only for phases
-// that come twice.
-void SnmpRequests::MakeRoom() {
+// Sets that were undone, or are past their deadline and answered for, are over; they are remembered
+// only for phases that come twice.
+void SnmpRequests::MakeRoom(AgentxSession *session) {
   Clock::time_point now = Clock::now();
   for (auto place = sets_.begin(); place != sets_.end();) {
-    const bool over = place->second.undone || now >= place->second.deadline;
+    Set &set = place->second;
+    Progress(session, place->first, set);
+    const bool over = set.undone || (now >= set.deadline && !IsAwaited(set));
     place = over ? Forget(place) : std::next(place);
   }
+}
+
+// Whether the master waits for an answer to one of its phases.
+bool SnmpRequests::IsAwaited(const Set &set) {
+  const auto waits = [](const Phase &phase) { return !phase.answered; };
+  return std::any_of(set.tests.begin(), set.tests.end(), waits) ||
+         std::any_of(set.commits.begin(), set.commits.end(), waits);
 }
 
 // Nothing of it runs any more, and nobody keeps it for the answer.
@@ -581,14 +590,7 @@ Clock::time_point SnmpRequests::NextDue() const {
   Clock::time_point due =
       owed_count_ > 0 ? Clock::now() + kPayAgainAfter : Clock::time_point::max();
   for (const auto &[id, set] : sets_) {
-    bool waiting = false;
-    for (const Phase &phase : set.tests) {
-      waiting = waiting || !phase.answered;
-    }
-    for (const Phase &phase : set.commits) {
-      waiting = waiting || !phase.answered;
-    }
-    due = std::min(due, set.deadline + (waiting ? channel_->Lateness() : kForgetAfter));
+    due = std::min(due, set.deadline + (IsAwaited(set) ? channel_->Lateness() : kForgetAfter));
   }
   return due;
 }

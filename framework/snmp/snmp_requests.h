@@ -86,7 +86,8 @@ class SnmpRequests {
   void Reply(AgentxSession *session, const ShortAnswer &answer);
   static bool SendShort(AgentxSession *session, const ShortAnswer &answer);
   void Progress(AgentxSession *session, long transaction_id, Set &set);
-  void MakeRoom();
+  void MakeRoom(AgentxSession *session);
+  static bool IsAwaited(const Set &set);
   using SetPlace = std::map<long, Set>::iterator;
   SetPlace Forget(SetPlace place);
 

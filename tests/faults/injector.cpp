@@ -142,6 +142,16 @@ const std::vector<Call> &Calls() {
       CALL(timerfd_create, EMFILE),
       CALL(timerfd_settime, EINVAL),
       CALL(clock_nanosleep, EINTR),
+      // Giving up rights
+      CALL(fchdir, EIO),
+      CALL(chroot, EPERM),
+      CALL(capget, EINVAL),
+      CALL(capset, EPERM),
+      CALL(setgroups, EPERM),
+      CALL(setresgid, EAGAIN),
+      CALL(setresuid, EAGAIN),
+      CALL(prctl, EINVAL),
+      CALL(prlimit64, EPERM),
   };
 #undef CALL
   return calls;

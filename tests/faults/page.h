@@ -27,7 +27,7 @@ struct Page {
   std::atomic<uint32_t> arm_in_main;        // 1: main() arms
   std::atomic<uint32_t> whole_family;       // 1: allocations of what it forks count, too
   std::atomic<uint32_t> disarm_after_main;  // 1: what happens behind main() does not count
-  uint32_t calls[96];  // system calls that are announced to the listener; 0 ends them
+  uint32_t calls[kMostCalls];  // system calls that are announced to the listener; 0 ends them
   std::atomic<uint64_t> fail_allocation;  // the n-th from the mark on; 0: none
   std::atomic<Sabotage> sabotage;
   // Calls and allocations count while it is 1.

@@ -123,3 +123,41 @@ TEST(TrapDelivery, OverKillsOfTheAgent) {
          count, rounds, delivered.once, delivered.more);
   EXPECT_EQ(delivered.once + delivered.more, count);
 }
+
+TEST(TrapDelivery, OverKillsOfTheSnmpProcess) {
+  MadeUpHost host;
+  host.traps.Start();
+  host.StartTestAgent();
+  std::mt19937 random(1);
+  const int rounds = Rounds();
+  for (int round = 0; round < rounds; round++) {
+    const pid_t process = SnmpProcessOf(host.daemon.pid());
+    ASSERT_GT(process, 0) << round;
+    // Before, while and after they are sent, and at the moment when the first one has arrived.
+    const size_t before = host.traps.Received().size();
+    const bool at_the_first = round % 2 == 0;
+    const double pause = std::uniform_real_distribution(0.0, 0.02)(random);
+    auto kills = std::async(std::launch::async, [&] {
+      const double until = Now() + 10;
+      while (at_the_first && host.traps.Received().size() == before && Now() < until) {
+      }
+      Pause(at_the_first ? 0 : pause);
+      return kill(process, SIGKILL);
+    });
+    ASSERT_TRUE(host.Order("name round " + std::to_string(round) + "\ntrap 10\n"));
+    EXPECT_EQ(kills.get(), 0);
+    // The next one, which has a session.
+    ASSERT_TRUE(Eventually([&] {
+      const pid_t next = SnmpProcessOf(host.daemon.pid());
+      return next > 0 && next != process;
+    }));
+    ASSERT_TRUE(host.daemon.WaitServed());
+  }
+  const size_t count = static_cast<size_t>(rounds) * 10;
+  const Delivered delivered = WaitForTraps(host, count);
+  printf(
+      "%zu notifications over %d kills of the SNMP process: %zu arrived once, %zu more than once\n",
+      count, rounds, delivered.once, delivered.more);
+  // What the master had taken, before the agent heard of it, is sent again.
+  EXPECT_EQ(delivered.once + delivered.more, count);
+}

@@ -513,6 +513,35 @@ TEST_F(SnmpSideTest, PartsOfOneSetAreLimited) {
   }
 }
 
+// Sets past their deadline make room for others, but only when the master has heard what became of
+// them: asked again, they would be told to have failed, though they may be applied.
+TEST_F(SnmpSideTest, SetsThatMakeRoomHaveBeenAnswered) {
+  StartWithMaster();
+  PublishMisc();
+  constexpr uint32_t kSets = 16;  // as many as are kept
+  for (uint32_t transaction = 1; transaction <= kSets; transaction++) {
+    master_->Send(master_->TestSet(transaction, {TextBinding(kText, "x")}));
+  }
+  // One more is asked for all the time, so that it comes just when their time is over.
+  std::set<uint32_t> unanswered;
+  for (uint32_t transaction = 1; transaction <= kSets; transaction++) {
+    unanswered.insert(transaction);
+  }
+  const auto until = steady_clock::now() + milliseconds(3000);
+  for (uint32_t transaction = 100; !unanswered.empty() && steady_clock::now() < until;
+       transaction++) {
+    master_->Send(master_->TestSet(transaction, {TextBinding(kText, "x")}));
+    while (const std::optional<AgentxPacket> answer = master_->Receive(1)) {
+      EXPECT_EQ(answer->Error(), kResourceUnavailable);
+      unanswered.erase(answer->transaction);
+      if (answer->transaction == transaction) {
+        break;
+      }
+    }
+  }
+  EXPECT_EQ(unanswered, std::set<uint32_t>());
+}
+
 TEST_F(SnmpSideTest, AMasterOnTcpIsAsGood) {
   master_ = std::make_unique<FakeMaster>(FakeMaster::Tcp{});
   Configure("vexhostd.conf",
