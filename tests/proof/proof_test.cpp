@@ -161,3 +161,91 @@ TEST(TrapDelivery, OverKillsOfTheSnmpProcess) {
   // What the master had taken, before the agent heard of it, is sent again.
   EXPECT_EQ(delivered.once + delivered.more, count);
 }
+
+// Random sets, one at a time, while the agent is busy with a poll, the SNMP process is killed and
+// snmpd starts anew; against what their manager was told.
+TEST(SetsOverKills, NoneIsAppliedLateHalfOrTwice) {
+  struct Told {
+    std::string answer;
+    bool refused = false;  // one of its values is
+    size_t applied = 0;    // when it was told, and a moment more had gone
+  };
+  MadeUpHost host;
+  host.StartTestAgent();
+  std::mt19937 random(1);
+  const auto chance = [&](int percent) {
+    return std::uniform_int_distribution<int>(1, 100)(random) <= percent;
+  };
+  const auto applied = [&](const char *what, int number) {
+    return host.daemon.Count(std::string(what) + " apply " + (*what == 'r' ? "'r" : "") +
+                             std::to_string(number) + (*what == 'r' ? "'" : " "));
+  };
+  const int sets = Rounds() * 10;
+  std::map<int, Told> told;
+  int disturbed[3] = {};
+  for (int number = 1000; number < 1000 + sets; number++) {
+    std::future<void> disturbance;
+    const double pause = std::uniform_real_distribution<double>(0, 0.03)(random);
+    if (chance(10)) {
+      disturbed[0]++;
+      disturbance = std::async(std::launch::async, [&, pause] {
+        Pause(pause);
+        const pid_t process = SnmpProcessOf(host.daemon.pid());
+        if (process > 0) {
+          kill(process, SIGKILL);
+        }
+      });
+    } else if (chance(4)) {
+      disturbed[1]++;
+      disturbance = std::async(std::launch::async, [&, pause] {
+        Pause(pause);
+        host.snmpd.Kill();
+        host.snmpd.Start();
+      });
+    } else if (chance(6)) {
+      // Beyond a set's deadline, or not quite.
+      disturbed[2]++;
+      host.SetOrders("wait " + std::to_string(0.6 + 10 * pause) + "\n");
+      host.daemon.BeginPoll();
+    }
+    Told now;
+    now.refused = chance(10);
+    now.answer =
+        host.Set({{"tlxHoOsCommonPollFreq", 'i', std::to_string(number)},
+                  {"tlxHoSystemRole", 's', now.refused ? "" : "r" + std::to_string(number)}});
+    if (disturbance.valid()) {
+      disturbance.get();
+      ASSERT_TRUE(host.daemon.WaitServed());
+    }
+    if (now.answer != "noError") {
+      Pause(0.05);
+      now.applied = applied("number", number) + applied("role", number);
+    }
+    told[number] = now;
+    host.SetOrders("");
+    ASSERT_FALSE(testing::Test::HasFatalFailure());
+  }
+  Pause(2);
+  std::map<std::string, int> answers;
+  for (const auto &[number, one] : told) {
+    const size_t numbers = applied("number", number);
+    const size_t roles = applied("role", number);
+    answers[one.answer]++;
+    EXPECT_LE(numbers, 1U) << "twice: " << number;
+    EXPECT_LE(roles, numbers) << "twice, or not in order: " << number;
+    if (one.answer == "noError") {
+      EXPECT_EQ(numbers + roles, 2U) << "half: " << number;
+      EXPECT_FALSE(one.refused) << number;
+    } else {
+      EXPECT_EQ(numbers + roles, one.applied) << "late: " << number << " " << one.answer;
+      EXPECT_TRUE(!one.refused || numbers == 0) << "refused: " << number;
+    }
+  }
+  printf("%d sets over %d ends of the SNMP process, %d of snmpd and %d polls that take long:", sets,
+         disturbed[0], disturbed[1], disturbed[2]);
+  for (const auto &[answer, count] : answers) {
+    printf(" %d %s", count, answer.c_str());
+  }
+  printf("\n");
+  EXPECT_GT(answers["noError"], sets / 2);
+}

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
@@ -30,7 +31,13 @@ bool Selected(const std::string &filter, const std::string &name) {
 }
 
 int RunAlone(const char *self, const std::string &filter) {
+  fflush(stdout);
   const pid_t child = fork();
+  // An emulator takes seconds to start the program.
+  if (child == 0 && getenv("VEX_TESTS_FORKED") != nullptr) {
+    testing::GTEST_FLAG(filter) = filter;
+    exit(RUN_ALL_TESTS());
+  }
   if (child == 0) {
     const std::string argument = "--gtest_filter=" + filter;
     setenv("VEX_TEST_ALONE", "1", 1);
