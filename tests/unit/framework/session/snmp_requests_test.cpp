@@ -401,11 +401,27 @@ TEST_F(SnmpRequestsTest, TooManySetsAtOnceAreRefused) {
   Give(master_->TestSet(transaction++, {Number(kCount, 1)}));
   EXPECT_EQ(port_.sets.size(), kMostSets + 1);
   EXPECT_EQ(ErrorOf(master_->TestSet(transaction++, {Number(kCount, 1)})), kResourceUnavailable);
-  // All are past their time.
+  // All are past their time, but what became of them is still to be heard.
   AdvanceClock(seconds(1));
-  Give(master_->TestSet(transaction++, {Number(kCount, 1)}));
-  EXPECT_EQ(port_.sets.size(), kMostSets + 2);
+  EXPECT_EQ(ErrorOf(master_->TestSet(transaction++, {Number(kCount, 1)})), kResourceUnavailable);
+  EXPECT_EQ(port_.sets.size(), kMostSets + 1);
   EXPECT_TRUE(NothingComes());
+  // The master hears it before they are forgotten.
+  for (const auto &set : port_.sets) {
+    set->check.state = SetPort::Check::kUndecided;
+  }
+  Give(master_->TestSet(transaction, {Number(kCount, 1)}));
+  EXPECT_EQ(port_.sets.size(), kMostSets + 2);
+  for (size_t i = 0; i < kMostSets; i++) {
+    const std::optional<AgentxPacket> answer = master_->Receive();
+    ASSERT_TRUE(answer) << i;
+    EXPECT_EQ(answer->Error(), kResourceUnavailable);
+    EXPECT_NE(answer->transaction, transaction);
+  }
+  EXPECT_TRUE(NothingComes());
+  for (size_t i = 0; i < port_.sets.size(); i++) {
+    EXPECT_EQ(port_.sets[i]->released, i <= kMostSets) << i;
+  }
 }
 
 TEST_F(SnmpRequestsTest, ASetThatNobodyEndsIsForgotten) {
