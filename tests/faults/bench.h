@@ -91,6 +91,7 @@ class Bench {
  private:
   struct Asked;
 
+  Verdict RoundOnce(const Call &call, unsigned n, bool for_good);
   Verdict StartRound();
   Verdict PollRound();
   Verdict RequestRound();

@@ -164,7 +164,7 @@ TEST(TrapDelivery, OverKillsOfTheSnmpProcess) {
 
 // Random sets, one at a time, while the agent is busy with a poll, the SNMP process is killed and
 // snmpd starts anew; against what their manager was told.
-TEST(SetsOverKills, NoneIsAppliedLateHalfOrTwice) {
+TEST(SetsOverKills, AreAppliedAsTheirManagerWasTold) {
   struct Told {
     std::string answer;
     bool refused = false;  // one of its values is
