@@ -59,6 +59,7 @@ const std::vector<Exception> &Exceptions() {
       {"", "fchdir chroot capget capset setgroups setresgid setresuid prctl prlimit64",
        "[-+] (child snmp-starter|fd (socket|pipe))",
        "where the SNMP process cannot give its rights up it stays a thread, which the log says"},
+      {"", "prctl", "\\+ child vexhostd", "a process that cannot take a name has its program's"},
       {"", "pipe2", "- fd pipe",
        "the SNMP library goes without the pipe that it makes for itself, which nothing of ours "
        "uses"},
