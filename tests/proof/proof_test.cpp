@@ -50,6 +50,16 @@ Delivered WaitForTraps(const MadeUpHost &host, size_t count) {
   return delivered;
 }
 
+// Ten were sent in each round. What the master had taken, and the other side had not heard of when
+// one of them was killed, is sent again.
+void ExpectAllArrived(const MadeUpHost &host, int rounds, const char *killed) {
+  const size_t count = static_cast<size_t>(rounds) * 10;
+  const Delivered delivered = WaitForTraps(host, count);
+  printf("%zu notifications over %d kills of %s: %zu arrived once, %zu more than once\n", count,
+         rounds, killed, delivered.once, delivered.more);
+  EXPECT_EQ(delivered.once + delivered.more, count);
+}
+
 }  // namespace
 
 TEST(Reconnection, AHundredRestarts) {
@@ -96,12 +106,7 @@ TEST(TrapDelivery, OverKillsOfTheMaster) {
     const size_t due = static_cast<size_t>(round + 1) * 10;
     ASSERT_TRUE(Eventually([&] { return Arrived(host).size() >= due; })) << round;
   }
-  const size_t count = static_cast<size_t>(rounds) * 10;
-  const Delivered delivered = WaitForTraps(host, count);
-  printf("%zu notifications over %d kills of snmpd: %zu arrived once, %zu more than once\n", count,
-         rounds, delivered.once, delivered.more);
-  // What a killed master had not answered for is sent again.
-  EXPECT_EQ(delivered.once + delivered.more, count);
+  ExpectAllArrived(host, rounds, "snmpd");
 }
 
 TEST(TrapDelivery, OverKillsOfTheAgent) {
@@ -117,11 +122,7 @@ TEST(TrapDelivery, OverKillsOfTheAgent) {
     EXPECT_EQ(host.daemon.Stop(SIGKILL), 128 + SIGKILL);
     host.StartTestAgent({"plain"}, false);
   }
-  const size_t count = static_cast<size_t>(rounds) * 10;
-  const Delivered delivered = WaitForTraps(host, count);
-  printf("%zu notifications over %d kills of the agent: %zu arrived once, %zu more than once\n",
-         count, rounds, delivered.once, delivered.more);
-  EXPECT_EQ(delivered.once + delivered.more, count);
+  ExpectAllArrived(host, rounds, "the agent");
 }
 
 TEST(TrapDelivery, OverKillsOfTheSnmpProcess) {
@@ -153,13 +154,7 @@ TEST(TrapDelivery, OverKillsOfTheSnmpProcess) {
     }));
     ASSERT_TRUE(host.daemon.WaitServed());
   }
-  const size_t count = static_cast<size_t>(rounds) * 10;
-  const Delivered delivered = WaitForTraps(host, count);
-  printf(
-      "%zu notifications over %d kills of the SNMP process: %zu arrived once, %zu more than once\n",
-      count, rounds, delivered.once, delivered.more);
-  // What the master had taken, before the agent heard of it, is sent again.
-  EXPECT_EQ(delivered.once + delivered.more, count);
+  ExpectAllArrived(host, rounds, "the SNMP process");
 }
 
 // Random sets, one at a time, while the agent is busy with a poll, the SNMP process is killed and
