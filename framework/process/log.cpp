@@ -175,7 +175,11 @@ void ReopenLog() {
                      strerror(errno));
     return;
   }
-  dup3(fd, log_fd.load(), O_CLOEXEC);
+  if (dup3(fd, log_fd.load(), O_CLOEXEC) < 0) {
+    // Into the old file.
+    agentlog_fprintf(stderr, "%s: Can't use log file %s: %s\n", AgentName(), log_path,
+                     strerror(errno));
+  }
   close(fd);
 }
 

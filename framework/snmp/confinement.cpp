@@ -73,6 +73,9 @@ int Limit(__rlimit_resource_t what, rlim_t most) {
 constexpr rlim_t kMostDescriptors = 64;
 // What the unit allows the whole agent.
 constexpr rlim_t kMostMemory = rlim_t{512} << 20;
+// What can only be read counts as no data, but takes page tables.
+constexpr rlim_t kMostAddresses = 4 * kMostMemory;
+constexpr rlim_t kMostStack = rlim_t{8} << 20;
 
 int SetLimits() {
   if (Limit(RLIMIT_NOFILE, kMostDescriptors) != 0 || Limit(RLIMIT_CORE, 0) != 0) {
@@ -83,7 +86,8 @@ int SetLimits() {
     return 0;
   }
   return Limit(RLIMIT_NPROC, 0) != 0 || Limit(RLIMIT_FSIZE, 0) != 0 ||
-                 Limit(RLIMIT_DATA, kMostMemory) != 0
+                 Limit(RLIMIT_DATA, kMostMemory) != 0 || Limit(RLIMIT_AS, kMostAddresses) != 0 ||
+                 Limit(RLIMIT_STACK, kMostStack) != 0
              ? -1
              : 0;
 }
@@ -346,11 +350,9 @@ Failure ConfineSnmpProcess(const SnmpUser &user) {
   return nullptr;
 }
 
-void GiveUpStartersCapabilities() {
+bool GiveUpStartersCapabilities() {
   // Elsewhere a program of root's would have them again, and some need them.
-  if (prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1) {
-    KeepCapabilities(~kForStarterAlone);
-  }
+  return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) != 1 || KeepCapabilities(~kForStarterAlone) == 0;
 }
 
 }  // namespace vex

@@ -32,8 +32,9 @@ Failure ConfineStarter(const SnmpUser &user);
 // list of allowed system calls; for good. Ends with the process that started it.
 Failure ConfineSnmpProcess(const SnmpUser &user);
 // In the agent, once the starter runs and before there is a thread: where programs that are started
-// cannot get capabilities back, gives up those that the starter alone needed.
-void GiveUpStartersCapabilities();
+// cannot get capabilities back, gives up those that the starter alone needed. False with errno
+// where they stay.
+bool GiveUpStartersCapabilities();
 
 // SIGKILL for this process when the one that started it, `parent`, ends. False when it has.
 bool EndWithParent(pid_t parent);

@@ -120,7 +120,8 @@ FrameSocket::Got FrameSocket::Receive(std::string_view *frame, Descriptors *desc
     // sent.
     got = recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
-  if (got < 0 && errno == EAGAIN) {
+  // Without memory for the call itself, the frame is there still.
+  if (got < 0 && (errno == EAGAIN || errno == ENOMEM || errno == ENOBUFS)) {
     return Got::kNone;
   }
   // The descriptors are had whatever is wrong with the rest, so that none stays open.

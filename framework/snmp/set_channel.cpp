@@ -13,7 +13,7 @@ namespace vex {
 // moment a part is queued.
 class QueuedSet final : public SetTransaction, public std::enable_shared_from_this<QueuedSet> {
  public:
-  enum class Phase { kQueued, kRunning, kAccepted, kRefused };
+  enum class Phase { kQueued, kRunning, kAccepted, kRefused, kTooLate };
   struct Part {
     std::vector<SetItem> items;
     Phase check = Phase::kQueued;
@@ -45,8 +45,6 @@ class QueuedSet final : public SetTransaction, public std::enable_shared_from_th
 };
 
 constexpr std::chrono::milliseconds kSlice{50};
-// What a handler has at most to return in, once all that takes time is done.
-constexpr std::chrono::milliseconds kReturn{200};
 
 using Phase = QueuedSet::Phase;
 using Stage = QueuedSet::Stage;
@@ -111,7 +109,11 @@ int SetChannel::AddPart(SetTransaction &set, std::vector<SetItem> items) {
     transaction.stage = Stage::kEnded;
     transaction.cancelled = true;
   }
-  if (transaction.stage == Stage::kChecking) {
+  if (transaction.stage != Stage::kChecking) {
+    // The apply is of the parts that were checked, also while it runs.
+    transaction.parts.back().check = Phase::kTooLate;
+    transaction.parts.back().apply = Apply::kFailed;
+  } else {
     try {
       Enqueue(transaction);
     } catch (...) {
@@ -131,6 +133,9 @@ SetChannel::CheckResult SetChannel::CheckOf(SetTransaction &set, int part) {
   }
   if (p.check == Phase::kRefused) {
     return {Check::kRefused, p.failed_item};
+  }
+  if (p.check == Phase::kTooLate) {
+    return {Check::kUndecided, 0};
   }
   if (transaction.stage == Stage::kChecking && Clock::now() >= transaction.deadline) {
     transaction.stage = Stage::kEnded;
@@ -224,6 +229,9 @@ void SetChannel::RunApply(std::unique_lock<std::mutex> &lock, QueuedSet &transac
   bool failed = false;
   for (size_t part = 0; part < transaction.parts.size(); part++) {
     QueuedSet::Part &p = transaction.parts[part];
+    if (p.check == Phase::kTooLate) {
+      continue;
+    }
     for (size_t i = 0; i < p.items.size() && !failed; i++) {
       // Nothing is begun for a manager that was told of a failure, nor past the deadline; a handler
       // that takes its time asks Wanted().

@@ -78,7 +78,8 @@ class SetPort {
   }
   // Throws std::bad_alloc, as the next one does, which then has added nothing.
   virtual std::shared_ptr<SetTransaction> Begin(Clock::time_point deadline) = 0;
-  // Queues the checks of one part; returns the part's number.
+  // Queues the checks of one part; returns the part's number. After RequestApply() it is undecided
+  // and has failed.
   virtual int AddPart(SetTransaction &transaction, std::vector<SetItem> items) = 0;
   // The state of a part's checks. From the deadline on it is never kPending: what is undecided is
   // cancelled for good.
@@ -92,6 +93,9 @@ class SetPort {
   // The manager's request is over: no further phase comes.
   virtual void Release(SetTransaction &transaction) = 0;
 };
+
+// What a handler that is wanted to the last has at most to return in after its deadline.
+constexpr std::chrono::milliseconds kReturn{100};
 
 class QueuedSet;
 

@@ -35,6 +35,7 @@ constexpr std::chrono::minutes kSayBehindEvery{1};
 // one more moment is waited, so that a manager hears of what was applied. The master asks again
 // after a second.
 constexpr std::chrono::milliseconds kResultPatience{200};
+static_assert(kResultPatience >= 2 * kReturn, "what was applied is on its way here meanwhile");
 
 // The agent has gone, or does not understand us, nor we it: another process will do better.
 [[noreturn]] void Leave() {

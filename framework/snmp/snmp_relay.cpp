@@ -31,6 +31,8 @@ constexpr milliseconds kSlice{50};  // of a wait that the agent's end cuts short
 static_assert(SnmpShared::kLastNotifications + kProcessGoodbye <= SnmpShared::kGoodbye);
 // After the end of a process for the next one to have a session, before the master counts as away.
 constexpr seconds kNextSession{10};
+// Until another is tried where there was none.
+constexpr milliseconds kAnother{200};
 // A process that says nothing is asked whether it lives, and has as long to answer.
 constexpr seconds kSilence{10};
 // At one go, while the agent thread may wait to publish.
@@ -207,6 +209,7 @@ bool SnmpRelay::Spawn() {
   if (!starter_.Channel()->Send(FrameWriter(FrameType::kSpawn), descriptors)) {
     return false;
   }
+  unborn_++;
   ring->CloseDescriptors();
   child_ = FrameSocket(std::move(ours));
   has_child_ = true;
@@ -244,6 +247,16 @@ void SnmpRelay::NotStarted(const char *why) {
     agentlog_fprintf(stderr, "%s: Can't start an SNMP process: %s (trying again)\n", AgentName(),
                      why);
   }
+}
+
+// There was none, or none that could give its rights up: no end that counts, and no reason to
+// hurry.
+void SnmpRelay::NotBegun() {
+  NotStarted(unable_.c_str());
+  const Restarts before = restarts_;
+  Gone(nullptr);
+  restarts_ = before;
+  spawn_at_ = Clock::now() + kAnother;
 }
 
 // The process has ended, or is of no use any more: what it had and has not finished is the next
@@ -313,11 +326,11 @@ void SnmpRelay::StarterReady() {
     FrameReader frame(bytes);
     const auto type = frame.Take<FrameType>();
     const auto number = frame.Take<int32_t>();
+    unborn_ -= type == FrameType::kSpawned ? 1 : 0;
     if (type == FrameType::kSpawned && number != 0) {
       unable_ = strerror(number);
       unable_error_ = number;
-      NotStarted(unable_.c_str());
-      Gone(nullptr);
+      NotBegun();
     } else if (type == FrameType::kEnded) {
       const char *why = std::exchange(why_gone_, nullptr);
       if (begun_ && !stopping_ && !restarts_.Often()) {
@@ -332,9 +345,17 @@ void SnmpRelay::StarterReady() {
   }
 }
 
+// Nobody has the other end: where there never was a process, the starter has said so before.
+void SnmpRelay::HungUp() {
+  if (unborn_ > 0) {
+    StarterReady();
+  }
+  Gone(nullptr);
+}
+
 void SnmpRelay::ChildReady() {
   if (!child_.Flush()) {
-    Gone(nullptr);
+    HungUp();
     return;
   }
   std::string_view bytes;
@@ -344,7 +365,7 @@ void SnmpRelay::ChildReady() {
       return;
     }
     if (got == FrameSocket::Got::kEnd) {
-      Gone(nullptr);
+      HungUp();
       return;
     }
     heard_ = Clock::now();
@@ -364,8 +385,7 @@ void SnmpRelay::Take(FrameReader *frame) {
     unable_ = PrintableLine(frame->TakeText());
     unable_error_ = frame->Take<int32_t>();
     unable_ = unable_ + ": " + strerror(unable_error_);
-    NotStarted(unable_.c_str());
-    Gone(nullptr);
+    NotBegun();
     return;
   }
   if (type == FrameType::kReady && !ready_ && frame->Whole()) {
@@ -494,7 +514,9 @@ void SnmpRelay::TakeSetPart(FrameReader *frame) {
     return;
   }
   const size_t parts = place != sets_.end() ? place->second.parts.size() : 0;
-  if (part != parts || parts >= kMostParts || (parts == 0 && sets_.size() >= kMostSetsHeld)) {
+  const bool applying = place != sets_.end() && place->second.applying;
+  if (applying || part != parts || parts >= kMostParts ||
+      (parts == 0 && sets_.size() >= kMostSetsHeld)) {
     Hostile();
     return;
   }
@@ -793,6 +815,10 @@ void SnmpRelay::Ping() {
   if (!has_child_ || now < heard_ + kSilence) {
     return;
   }
+  if (pinged_ && unborn_ > 0) {
+    // Nobody else can make the next one.
+    throw std::runtime_error("its starter does not answer");
+  }
   if (pinged_) {
     Gone("it does not answer");
     return;
@@ -874,7 +900,7 @@ void SnmpRelay::Work() {
     Try([this] {
       if (!Spawn()) {
         NotStarted(strerror(errno));
-        spawn_at_ = Clock::now() + milliseconds(200);
+        spawn_at_ = Clock::now() + kAnother;
       }
     });
     if (restarts_.Often() && !said_often_) {

@@ -88,6 +88,8 @@ class SnmpRelay {
   std::optional<Begun> First(Clock::time_point until, std::string *why);
   bool Spawn();
   void NotStarted(const char *why);
+  void NotBegun();
+  void HungUp();
   void Gone(const char *why);
   void Wait(Clock::time_point until);
   void StarterReady();
@@ -123,6 +125,7 @@ class SnmpRelay {
   FrameSocket child_;
   bool has_child_ = false;
   bool ready_ = false;  // it has no rights and serves
+  int unborn_ = 0;      // of those that were asked for, what the starter has not answered for
   bool begun_ = false;  // the first one has served: after its end there is another
   std::string unable_;  // why it could not be started
   int unable_error_ = 0;

@@ -395,7 +395,8 @@ void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, b
         return;
       }
     }
-    if (place->second.tests.size() >= kMostParts) {
+    // Whatever a master wants: what is applied has been tested before, all of it.
+    if (place->second.tests.size() >= kMostParts || !place->second.commits.empty()) {
       Answer(session, request->transid, phase, SNMP_ERR_RESOURCEUNAVAILABLE, 1);
       return;
     }

@@ -337,7 +337,11 @@ bool StartProcess(Starting *starting) {
     switch (relay->Begin(starting->application, *user, Clock::now() + kStartPatience,
                          &starting->settings, &why)) {
       case SnmpRelay::Begun::kRuns:
-        GiveUpStartersCapabilities();
+        if (!GiveUpStartersCapabilities()) {
+          agentlog_fprintf(stderr,
+                           "%s: Info: the agent keeps capabilities that it does not need: %s\n",
+                           AgentName(), strerror(errno));
+        }
         starting->relay = std::move(relay);
         return true;
       case SnmpRelay::Begun::kFailed:

@@ -270,6 +270,8 @@ TEST(SnmpProcess, GivesAnIntruderNothing) {
   for (const auto &[what, result] : tried) {
     EXPECT_EQ(result, "EPERM") << what;
   }
+  // What can only be read is no data, but takes page tables.
+  EXPECT_EQ(Intruder(pid).Try(SYS_mmap, {0, 3L << 30, 1, 0x22, -1, 0}), "ENOMEM");
   // What it shares with the agent it cannot write, but for a page that the agent does not believe.
   int shared = 0;
   for (const std::string &line : Lines(ProcFile(pid, "maps"))) {
@@ -323,7 +325,7 @@ TEST(SnmpProcess, IsOutOfReachOfTheAgent) {
 }
 
 // Ended again and again while a manager walks: a request may be lost with it, and nothing else; it
-// is back within a tenth of a second, with everything that was published.
+// is back within a tenth of a second as a rule, with everything that was published.
 TEST(SnmpProcess, IsBackAtOnceWithEverything) {
   MadeUpHost host;
   host.Start();
@@ -346,7 +348,7 @@ TEST(SnmpProcess, IsBackAtOnceWithEverything) {
   }
   printf("away for %.0f ms as a rule, %.0f ms at most\n", Percentile(away, 50) * 1000,
          Percentile(away, 100) * 1000);
-  // As a rule: a busy machine may give it no processor for once.
+  // A busy machine may give it no processor for once.
   EXPECT_LT(Percentile(away, 50), 0.1);
   EXPECT_EQ(host.daemon.Count("The SNMP process has ended (signal 9); starting another"), 20U)
       << host.daemon.Log();
@@ -552,6 +554,21 @@ TEST(SnmpProcess, TheEndOfItsStarterEndsTheAgent) {
   EXPECT_EQ(host.daemon.WaitEnd(), 1);
   EXPECT_EQ(host.daemon.Count("its starter has ended"), 1U) << host.daemon.Log();
   EXPECT_TRUE(Eventually([&] { return !ProcessExists(pid); })) << Status(pid, "State");
+}
+
+// One that hangs makes no process either.
+TEST(SnmpProcess, AStarterThatHangsEndsTheAgent) {
+  MadeUpHost host;
+  host.Start();
+  const pid_t starter = StarterOf(host.daemon.pid());
+  ASSERT_EQ(kill(starter, SIGSTOP), 0);
+  // Nothing is wanted of it yet.
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  ASSERT_EQ(kill(SnmpProcessOf(host.daemon.pid()), SIGKILL), 0);
+  ASSERT_TRUE(
+      Eventually([&] { return host.daemon.Count("its starter does not answer") == 1; }, 40));
+  EXPECT_EQ(host.daemon.WaitEnd(), 1);
+  EXPECT_TRUE(Eventually([&] { return !ProcessExists(starter); }));
 }
 
 // Without the user there is a thread instead, and a line that says so.

@@ -162,8 +162,9 @@ TEST(TrapDelivery, OverKillsOfTheSnmpProcess) {
 TEST(SetsOverKills, AreAppliedAsTheirManagerWasTold) {
   struct Told {
     std::string answer;
-    bool refused = false;  // one of its values is
-    size_t applied = 0;    // when it was told, and a moment more had gone
+    bool refused = false;    // one of its values is
+    bool disturbed = false;  // by the end of the SNMP process or of snmpd
+    size_t applied = 0;      // when it was told, and a moment more had gone
   };
   MadeUpHost host;
   host.StartTestAgent();
@@ -209,6 +210,7 @@ TEST(SetsOverKills, AreAppliedAsTheirManagerWasTold) {
         host.Set({{"tlxHoOsCommonPollFreq", 'i', std::to_string(number)},
                   {"tlxHoSystemRole", 's', now.refused ? "" : "r" + std::to_string(number)}});
     if (disturbance.valid()) {
+      now.disturbed = true;
       disturbance.get();
       ASSERT_TRUE(host.daemon.WaitServed());
     }
@@ -222,6 +224,9 @@ TEST(SetsOverKills, AreAppliedAsTheirManagerWasTold) {
   }
   Pause(2);
   std::map<std::string, int> answers;
+  int although[2] =
+      {};  // told to have failed and applied, in part or whole: undisturbed, disturbed
+  int halves = 0;
   for (const auto &[number, one] : told) {
     const size_t numbers = applied("number", number);
     const size_t roles = applied("role", number);
@@ -234,6 +239,8 @@ TEST(SetsOverKills, AreAppliedAsTheirManagerWasTold) {
     } else {
       EXPECT_EQ(numbers + roles, one.applied) << "late: " << number << " " << one.answer;
       EXPECT_TRUE(!one.refused || numbers == 0) << "refused: " << number;
+      although[one.disturbed ? 1 : 0] += numbers + roles != 0 ? 1 : 0;
+      halves += numbers + roles == 1 ? 1 : 0;
     }
   }
   printf("%d sets over %d ends of the SNMP process, %d of snmpd and %d polls that take long:", sets,
@@ -241,6 +248,11 @@ TEST(SetsOverKills, AreAppliedAsTheirManagerWasTold) {
   for (const auto &[answer, count] : answers) {
     printf(" %d %s", count, answer.c_str());
   }
-  printf("\n");
+  printf(
+      "; of those told to have failed %d were applied by then, of which %d in part; %d without a "
+      "kill\n",
+      although[0] + although[1], halves, although[0]);
+  // A master that is not given a processor for a third of a second gives a set up that is applied.
+  EXPECT_LE(although[0], sets / 100);
   EXPECT_GT(answers["noError"], sets / 2);
 }

@@ -537,6 +537,43 @@ TEST_F(SetChannelTest, APartThatFollowsTheApplyHasFailed) {
   EXPECT_EQ(applies, 1);
 }
 
+// A master that goes on with a set while it is being applied: what was not checked is not applied.
+TEST_F(SetChannelTest, APartThatComesDuringTheApplyHasFailed) {
+  auto set = Begin();
+  handler = [&](uint8_t phase, SetItem &item) {
+    if (phase == SET_APPLY && item.slot == 1) {
+      EXPECT_EQ(channel_.AddPart(*set, {Item(2)}), 1);
+    }
+    return item.slot == 1 ? 0 : -1;
+  };
+  StartAgent();
+  ASSERT_EQ(WaitForCheck(*set, channel_.AddPart(*set, {Item(1)})), Check::kAccepted);
+  channel_.RequestApply(*set);
+  ASSERT_EQ(WaitForApply(*set, 0), Apply::kApplied);
+  StopAgent();
+  EXPECT_EQ(channel_.CheckOf(*set, 1).state, Check::kUndecided);
+  EXPECT_EQ(channel_.ApplyOf(*set, 1).state, Apply::kFailed);
+  EXPECT_EQ(checks, 1);
+  EXPECT_EQ(applies, 1);
+}
+
+// One that comes after the request to apply, as a rule before the apply begins.
+TEST_F(SetChannelTest, APartThatComesBeforeTheApplyBeginsHasFailed) {
+  StartAgent();
+  for (int i = 0; i < 100; i++) {
+    checks = applies = 0;
+    auto set = Begin();
+    ASSERT_EQ(WaitForCheck(*set, channel_.AddPart(*set, {Item(1)})), Check::kAccepted);
+    channel_.RequestApply(*set);
+    ASSERT_EQ(channel_.AddPart(*set, {Item(2)}), 1);
+    ASSERT_EQ(WaitForApply(*set, 0), Apply::kApplied);
+    EXPECT_EQ(channel_.CheckOf(*set, 1).state, Check::kUndecided);
+    EXPECT_EQ(channel_.ApplyOf(*set, 1).state, Apply::kFailed);
+    EXPECT_EQ(checks, 1);
+    EXPECT_EQ(applies, 1);
+  }
+}
+
 TEST_F(SetChannelTest, ClosingInAHandlerEndsTheRound) {
   handler = [this](uint8_t, SetItem &) {
     channel_.Close();

@@ -88,6 +88,7 @@ int RunAsModel(uint8_t phase, SetItem &item) {
 struct Told {
   std::vector<std::vector<int>> parts;  // slots
   bool asked_to_apply = false;          // with every check accepted
+  int too_late = -1;                    // the slot of a part that came after that
   std::vector<Apply> applies;           // by part; kPending: nobody waited for the answer
   // Of all its variables, and of those that ask, when the last answer was there.
   int applied_when_told = 0;
@@ -117,6 +118,7 @@ void Told::Answered() {
 // where a failure was told, at most the handler that ran at that moment comes to its end, and not
 // even that one where it asks.
 void ExpectAsTold(const Told &told) {
+  ASSERT_TRUE(told.too_late < 0 || At(told.too_late)->applied == 0) << "without a check";
   bool ended = false;  // a variable has failed, or was not applied: none after it is
   for (size_t i = 0; i < told.parts.size(); i++) {
     const bool success = i < told.applies.size() && told.applies[i] == Apply::kApplied;
@@ -171,6 +173,13 @@ class Manager {
     } else if (accepted) {
       told.asked_to_apply = true;
       channel_->RequestApply(*transaction);
+      if (Random(0, 9) == 0) {
+        // A master that goes on all the same.
+        std::vector<SetItem> items(1);
+        items[0].slot = New();
+        told.too_late = items[0].slot;
+        channel_->AddPart(*transaction, std::move(items));
+      }
       for (int i = 0; i < parts; i++) {
         Apply apply = Apply::kPending;
         while (apply == Apply::kPending && Random(0, 2000) != 0) {

@@ -89,7 +89,7 @@ TEST_F(Confinement, EachStepThatFailsIsToldOf) {
   if (!kSanitized) {
     steps.push_back({kStarter, "dup2", 2, "the agent's standard descriptors stay"});
     steps.push_back({kStarter, "dup2", 3, "the agent's standard descriptors stay"});
-    for (int nth = 3; nth <= 5; nth++) {
+    for (int nth = 3; nth <= 7; nth++) {
       steps.push_back({kSnmpProcess, "setrlimit", nth, "no limits"});
     }
   }
@@ -169,8 +169,11 @@ TEST_F(Confinement, TheProcessHasItsLimits) {
   std::vector<std::pair<const char *, const char *>> limits = {{"Max open files", "64"},
                                                                {"Max core file size", "0"}};
   if (!kSanitized) {
-    limits.insert(limits.end(),
-                  {{"Max processes", "0"}, {"Max file size", "0"}, {"Max data size", "536870912"}});
+    limits.insert(limits.end(), {{"Max processes", "0"},
+                                 {"Max file size", "0"},
+                                 {"Max data size", "536870912"},
+                                 {"Max address space", "2147483648"},
+                                 {"Max stack size", "8388608"}});
   }
   for (const auto &[name, limit] : limits) {
     EXPECT_EQ(LimitOf(name), (std::pair<std::string, std::string>(limit, limit))) << name;

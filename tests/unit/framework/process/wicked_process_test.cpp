@@ -15,7 +15,9 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -128,6 +130,12 @@ TEST_F(WickedProcess, ThatSaysNonsenseIsReplaced) {
         w->Say(FrameWriter(FrameType::kReady));
         w->Say(SetPart(1, 0));
         w->Say(SetPart(1, 2));
+      },
+      [](Wicked *w) {  // a part of what is being applied
+        w->Say(FrameWriter(FrameType::kReady));
+        w->Say(SetPart(1, 0));
+        w->Say(FrameWriter(FrameType::kSetApply).Put(uint64_t{1}));
+        w->Say(SetPart(1, 1));
       },
       [](Wicked *w) {  // less than a whole frame
         w->Say(FrameWriter(FrameType::kReady));
@@ -311,6 +319,139 @@ bool HearsOfUndecided(Wicked *wicked, uint64_t id, uint32_t part) {
   FrameReader reader(result ? std::string_view(*result) : std::string_view());
   return reader.Take<uint64_t>() == id && reader.Take<uint32_t>() == part &&
          reader.Take<SetPort::Check>() == SetPort::Check::kUndecided;
+}
+
+// What handlers were asked for, by value: each is of one variable of one set.
+std::map<int32_t, int> checked_values;
+std::map<int32_t, int> applied_values;
+std::atomic<int> applied_wrongly;
+int TakeEachOnce(uint8_t phase, SetItem &item) {
+  int32_t value = 0;
+  memcpy(&value, item.value.data(), sizeof(value));
+  if (phase == SET_CHECK) {
+    checked_values[value]++;
+    return value % 13 == 0 ? -1 : 0;
+  }
+  const bool wrong = item.object_id != 5 || checked_values[value] != 1 || value % 13 == 0 ||
+                     ++applied_values[value] > 1;
+  applied_wrongly += wrong ? 1 : 0;
+  return value % 17 == 0 ? -1 : 0;
+}
+
+// Frames that make sense one by one, in an order that chance makes; now and then one of nonsense.
+class Babble {
+ public:
+  Babble(Wicked *wicked, unsigned seed) : wicked_(wicked), seed_(seed), random_(seed) {}
+
+  void Say() {
+    const int what = Random(0, 999);
+    if (what < 500) {
+      SayOfSet(what % 5);
+    } else if (what < 600) {
+      wicked_->Say(FrameWriter(FrameType::kSession)
+                       .Put(static_cast<SessionEvent>(Random(0, 5)))
+                       .Put(uint64_t{static_cast<uint64_t>(Random(0, 3))}));
+    } else if (what < 700) {
+      wicked_->Say(
+          FrameWriter(FrameType::kNotified).Put(uint64_t{static_cast<uint64_t>(Random(0, 40))}));
+    } else if (what < 750) {
+      wicked_->Say(FrameWriter(FrameType::kAnswer)
+                       .Put(uint64_t{static_cast<uint64_t>(Random(0, 3))})
+                       .Put(uint8_t{1})
+                       .Put(uint8_t{0})
+                       .Put(uint8_t{1})
+                       .Put(int32_t{0})
+                       .Put(uint8_t{1})
+                       .Put(int32_t{Random(0, 9)}));
+    } else if (what < 800) {
+      wicked_->Say(FrameWriter(FrameType::kLog).PutText("babble\n\x1b" + std::to_string(what)));
+    } else if (what < 998) {
+      wicked_->Say(FrameWriter(what % 2 == 0 ? FrameType::kRoom : FrameType::kPong));
+    } else {
+      wicked_->Say(FrameWriter(static_cast<FrameType>(Random(0, 255))).Put(uint64_t{1}));
+    }
+  }
+
+ private:
+  int Random(int least, int most) {
+    return std::uniform_int_distribution<int>(least, most)(random_);
+  }
+
+  void SayOfSet(int what) {
+    const uint64_t id = static_cast<uint64_t>(Random(0, 7));
+    if (what == 0) {
+      SayPart(id);
+    } else if (what == 1 || what == 2) {
+      // Often as a sound one would: after the check.
+      if (what == 1) {
+        SayPart(id);
+        usleep(static_cast<useconds_t>(Random(0, 3000)));
+      }
+      wicked_->Say(FrameWriter(FrameType::kSetApply).Put(id));
+      applying_[id] = parts_[id] > 0;
+    } else {
+      wicked_->Say(FrameWriter(FrameType::kSetRelease).Put(id));
+      parts_[id] = 0;
+      applying_[id] = false;
+    }
+  }
+
+  // After the apply, one in a hundred is said all the same.
+  void SayPart(uint64_t id) {
+    if (parts_[id] < kMostParts && (!applying_[id] || Random(0, 99) == 0)) {
+      FrameWriter frame(FrameType::kSetPart);
+      const auto until = Clock::now() + milliseconds(Random(0, 20));
+      frame.Put(id).Put(parts_[id]++).Put(int64_t{until.time_since_epoch().count()});
+      std::vector<SetItem> items;
+      for (int i = Random(1, 3); i > 0; i--) {
+        const auto value = static_cast<int32_t>(seed_ * 1'000'000 + ++values_);
+        std::vector<uint8_t> bytes(sizeof(value));
+        memcpy(bytes.data(), &value, sizeof(value));
+        items.push_back({Random(0, 30) == 0 ? 6U : 5U, 0, bytes, 4});
+      }
+      Put(&frame, items);
+      wicked_->Say(frame);
+    }
+  }
+
+  Wicked *wicked_;
+  unsigned seed_;
+  std::mt19937 random_;
+  uint32_t parts_[8] = {};
+  bool applying_[8] = {};
+  unsigned values_ = 0;
+};
+
+// Whatever it says in whatever order: nothing is set unchecked or twice, and the agent goes on.
+TEST_F(WickedProcess, MaySayAnythingInAnyOrder) {
+  constexpr int kLives = 20;
+  SnmpPublish(MakeImage(5, 0, {"tlxHoOsCommonPollFreq"}));
+  SnmpPublish(MakeImage(6, 0, {"tlxHoSwVerNextIndex"}));
+  checked_values.clear();
+  applied_values.clear();
+  applied_wrongly = 0;
+  Be(kLives, [](Wicked *wicked, int life) {
+    wicked->Say(FrameWriter(FrameType::kReady));
+    Babble babble(wicked, static_cast<unsigned>(life) + 1);
+    for (int i = 0; i < 2000; i++) {
+      babble.Say();
+      if (i % 50 == 0) {
+        wicked->AllIsRead();
+      }
+    }
+    _exit(0);
+  });
+  EXPECT_TRUE(WaitUntil(
+      [] {
+        ServeSets(TakeEachOnce);
+        return births->count >= 2 + kLives;
+      },
+      60000));
+  const std::string log = LogOnceGoodAgain(kLives);
+  EXPECT_EQ(applied_wrongly, 0);
+  EXPECT_GT(applied_values.size(), 20U);
+  EXPECT_GT(checked_values.size(), applied_values.size());
+  EXPECT_EQ(log.find('\x1b'), log.npos);
 }
 
 // The master goes on with a set of which there was no memory for the first part.
@@ -652,6 +793,28 @@ TEST_F(WickedProcess, ThatCannotBeStartedIsSaidToo) {
                     "(trying again)\n"),
             1U)
       << log;
+  EXPECT_EQ(CountOf(log, "Can't start"), 1U) << log;
+}
+
+// Processes that could not be made are no ends of processes: the next one is tried soon, however
+// many there were.
+TEST_F(WickedProcess, ThatIsNotMadeForLongIsTriedAllTheSame) {
+  at_birth[kStarter] = [] { new FailingCall("fork", EAGAIN, 2, 60); };
+  ASSERT_NO_FATAL_FAILURE(StartWithMaster());
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(kill(births->last_process, SIGKILL), 0);
+  ASSERT_TRUE(master_->HungUp(10000));
+  master_->Disconnect();
+  // Time flies.
+  const bool born = WaitUntil([] {
+    ahead_ms += 100;
+    SnmpSetTick([] {}, 100);
+    return births->count > 1;
+  });
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(born);
+  EXPECT_TRUE(master_->AcceptAndRegister(10000));
+  EXPECT_EQ(CountOf(log, "again and again"), 0U) << log;
   EXPECT_EQ(CountOf(log, "Can't start"), 1U) << log;
 }
 

@@ -348,6 +348,25 @@ TEST_F(SnmpRequestsTest, ACommitOfMorePartsThanWereTestedFails) {
   EXPECT_TRUE(NothingComes());
 }
 
+// Whatever a master wants: all that is applied has been tested before.
+TEST_F(SnmpRequestsTest, NothingIsAddedToASetThatIsCommitted) {
+  BringUp();
+  const AgentxPacket test = master_->TestSet(5, {Number(kCount, 1)});
+  Give(test);
+  LastSet().check.state = SetPort::Check::kAccepted;
+  requests_.Work(session_.get());
+  EXPECT_EQ(NextError(test), 0);
+  const AgentxPacket commit = master_->Phase(kAgentxCommitSet, 5);
+  Give(commit);
+  EXPECT_EQ(ErrorOf(master_->TestSet(5, {Number(kCount, 2)})), kResourceUnavailable);
+  EXPECT_EQ(LastSet().parts.size(), 1U);
+  LastSet().apply.state = SetPort::Apply::kApplied;
+  requests_.Work(session_.get());
+  EXPECT_EQ(NextError(commit), 0);
+  EXPECT_EQ(ErrorOf(master_->TestSet(5, {Number(kCount, 2)})), kResourceUnavailable);
+  EXPECT_EQ(LastSet().parts.size(), 1U);
+}
+
 // What an undo says: that it failed where something was applied and nothing else tells of it.
 TEST_F(SnmpRequestsTest, AnUndoTellsWhatItCannotTakeBack) {
   BringUp();
