@@ -37,7 +37,7 @@ constexpr group fwver_group = described<firmware_record>({
     .variables = variables,
     .refresh = do_fwver,
     .each_poll = false,
-    .absence = "this machine has no source for it",
+    .absence = "no poll has found any firmware yet",
 });
 
 // ---- State --------------------------------------------------------------------------------------

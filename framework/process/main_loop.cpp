@@ -68,7 +68,8 @@ void Note(int signal) {
         Insist(true);
       }
       break;
-    default:  // SIGPIPE: a write says so too; ignored signals would be inherited by commands
+    // SIGPIPE, SIGXFSZ: a write says so too; ignored signals would be inherited by commands.
+    default:
       break;
   }
 }
@@ -93,6 +94,7 @@ void PrepareSignals() {
     sigaction(signal, &action, nullptr);
   }
   sigaction(SIGPIPE, &action, nullptr);
+  sigaction(SIGXFSZ, &action, nullptr);
   // Whoever started us may ignore it, and then no command's status could be had.
   action.sa_handler = SIG_DFL;
   sigaction(SIGCHLD, &action, nullptr);

@@ -874,7 +874,10 @@ void SnmpRelay::Wait(Clock::time_point until) {
   const Clock::duration left = std::max(until - Clock::now(), Clock::duration::zero());
   const auto whole = std::chrono::duration_cast<seconds>(left);
   const timespec timeout = {whole.count(), std::chrono::nanoseconds(left - whole).count()};
-  if (ppoll(entries, std::size(entries), &timeout, nullptr) <= 0) {
+  const int ready = ppoll(entries, std::size(entries), &timeout, nullptr);
+  if (ready <= 0) {
+    // For want of memory, or by a limit on descriptors below the number of these.
+    short_of_memory_ = ready < 0 && errno != EINTR;
     return;
   }
   if (entries[0].revents != 0) {

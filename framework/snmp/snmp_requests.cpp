@@ -384,6 +384,12 @@ void SnmpRequests::Fail(AgentxSession *session, long transaction_id, Set &set) {
 }
 
 void SnmpRequests::TestSet(AgentxSession *session, const netsnmp_pdu *request, bool enabled) {
+  if (request->variables == nullptr) {
+    // No part of a set: there is nothing to apply later.
+    Reply(session, {request->transid, request->reqid, static_cast<int>(request->flags),
+                    kAgentxProcessingError, 0});
+    return;
+  }
   Phase phase{request->reqid, static_cast<int>(request->flags)};
   auto place = sets_.find(request->transid);
   if (place != sets_.end()) {

@@ -329,6 +329,18 @@ TEST(Lifecycle, ASigpipeIsNoEnd) {
   EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
 }
 
+// Files of the agent are small, but for the memory that it shares with its SNMP process.
+TEST(Lifecycle, ALimitOnTheSizeOfFilesIsNoEnd) {
+  setenv("VEXHOSTD_LAUNCHER", "prlimit --fsize=100000 env", 1);
+  MadeUpHost host;
+  host.Start();
+  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+  EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "role"), "noError");
+  ASSERT_TRUE(host.daemon.Poll());
+  EXPECT_EQ(host.daemon.Count("Info: the SNMP side is no process of its own: File too large"), 1U)
+      << host.daemon.Log();
+}
+
 TEST(Lifecycle, ALogFileThatCannotBeOpened) {
   MadeUpHost host;
   DaemonOptions options;

@@ -497,8 +497,11 @@ TEST_F(Misc, AMissingDirectoryIsReportedOnce) {
   do_misc();
   do_misc();
   EXPECT_EQ(rec::Count("agentlog_fprintf", message), 1);
-  rec::PutDirectory(kThresholds);
+  PutEntry("entry.1", {.severity = 3});
   do_misc();
+  EXPECT_EQ(rec::Int(kObject, "tlxHoMibCondition"), 3);
+  EXPECT_EQ(rec::Count("agentlog_fprintf", "Thresholds are read again\n"), 0)
+      << "nor were they not";
   rec::PutNothing(kThresholds);
   do_misc();
   EXPECT_EQ(rec::Count("agentlog_fprintf", message), 1);

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -27,8 +28,11 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "framework/process/sanitized.h"
+#include "framework/snmp/set_channel.h"
+#include "framework/snmp/snmp_shared.h"
 #include "framework/snmp/snmp_thread.h"
 #include "platform/framework.h"
 #include "tests/support/failing_call.h"
@@ -96,6 +100,16 @@ TEST_F(SnmpRelayTest, AProcessThatEndsAtOnceIsAFailure) {
   const std::string log = LoggedByStart(-1);
   EXPECT_EQ(log, "agent: Can't start the SNMP side: it ends at once\n");
   EXPECT_TRUE(SnmpFailed());
+}
+
+TEST_F(SnmpRelayTest, NothingStartsWithoutADescriptorToWakeItWith) {
+  if (Side().wake_fd >= 0) {
+    close(std::exchange(Side().wake_fd, -1));
+  }
+  ASSERT_TRUE(Sets().Ready());
+  const FailingCall failing("eventfd", EMFILE, 1, 1);
+  const std::string log = LoggedByStart(-1);
+  EXPECT_NE(log.find("Too many open files"), log.npos) << log;
 }
 
 TEST_F(SnmpRelayTest, TheEndOfTheStarterIsNotWantOfMemory) {

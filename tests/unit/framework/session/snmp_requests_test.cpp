@@ -348,6 +348,14 @@ TEST_F(SnmpRequestsTest, ACommitOfMorePartsThanWereTestedFails) {
   EXPECT_TRUE(NothingComes());
 }
 
+TEST_F(SnmpRequestsTest, ASetOfNothingIsNone) {
+  BringUp();
+  EXPECT_EQ(ErrorOf(master_->TestSet(5, {})), kProcessingError);
+  EXPECT_TRUE(port_.sets.empty());
+  EXPECT_EQ(ErrorOf(master_->Phase(kAgentxCommitSet, 5)), kCommitFailed);
+  EXPECT_EQ(ErrorOf(master_->TestSet(5, {Number(kText, 1)})), kWrongTypeOfSet);
+}
+
 // Whatever a master wants: all that is applied has been tested before.
 TEST_F(SnmpRequestsTest, NothingIsAddedToASetThatIsCommitted) {
   BringUp();
