@@ -47,6 +47,8 @@ static tool_patience rpm_patience;
 // Whether to scan: the database's time at the last pass, whether the last listing had no name, and
 // whether a scan is due for one of these reasons.
 static int64_t last_database_time;
+static const swver_data *missing_component;  // the first that is still to be made, or null
+static bool is_appliance_software_missing;
 static bool last_listing_empty = true;
 static bool scan_due;
 
@@ -411,8 +413,10 @@ static void create_agent_version() {
   }
 }
 
+// What could not be made is tried again by the next pass.
 static void create_components() {
-  for (const swver_data *record = component_records(); record->index != 0; record++) {
+  for (; missing_component->index != 0; missing_component++) {
+    const swver_data *record = missing_component;
     swver_row *row = swver_create(record->name);
     if (row == nullptr) {
       agentlog_fprintf(stderr, "%s: Can't %s object: %s  (PEER3023)\n", agent, "do_init",
@@ -427,6 +431,7 @@ static void create_components() {
     row->judged = record->type;
     row->changed = log_data(row->object) != 0;  // else the end of the pass publishes it
   }
+  missing_component = nullptr;
 }
 
 static void create_appliance_software() {
@@ -436,11 +441,13 @@ static void create_appliance_software() {
     values[i] = static_cast<const char *>(get_appliance_data(keys[i]));
     if (values[i] == nullptr) {
       agentlog_fprintf(stderr, "do_swver_appliance: %s not found\n", keys[i]);
+      is_appliance_software_missing = false;
       return;
     }
   }
   const swver_item item = {values[0], values[1], values[2]};
-  swver_put(&item, SWVER_TYPE_OTHER, SWVER_STATUS_FOUND, SWVER_PERMANENT);
+  is_appliance_software_missing =
+      swver_put(&item, SWVER_TYPE_OTHER, SWVER_STATUS_FOUND, SWVER_PERMANENT) != 0;
 }
 
 // ---- Package scan -------------------------------------------------------------------------------
@@ -688,10 +695,14 @@ int do_swver() {
   const bool scan_wanted = is_scan_wanted();
   find_agent_version(limit, scan_wanted);
   if (swver_is_empty()) {
+    missing_component = component_records();
+    is_appliance_software_missing = is_appliance();
+  }
+  if (missing_component != nullptr) {
     create_components();
-    if (is_appliance()) {
-      create_appliance_software();
-    }
+  }
+  if (is_appliance_software_missing) {
+    create_appliance_software();
   }
   update_component_versions();
   if (scan_wanted) {

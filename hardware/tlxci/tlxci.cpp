@@ -35,11 +35,13 @@ void Close(int &descriptor) {
   }
 }
 
-// A socket, or -1. One failure more or less must not tell that there is no controller: callers
-// believe that for as long as they live.
+// One failure more or less must not tell that there is no controller: callers believe that for as
+// long as they live.
+constexpr int kTries = 3;
+constexpr timespec kPause = {0, 10'000'000};
+
+// A socket, or -1.
 int MakeSocket() {
-  constexpr int kTries = 3;
-  constexpr timespec kPause = {0, 10'000'000};
   for (int tries = 1;; tries++) {
     const int made = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (made >= 0 || tries == kTries) {
@@ -61,8 +63,14 @@ int Connect() {
   address.sun_family = AF_UNIX;
   static_assert(sizeof(vex::kControllerSocket) <= sizeof(address.sun_path));
   memcpy(address.sun_path, vex::kControllerSocket, sizeof(vex::kControllerSocket));
-  if (connect(connected, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
-    Close(connected);
+  const auto *to = reinterpret_cast<const sockaddr *>(&address);
+  for (int tries = 1; connect(connected, to, sizeof(address)) != 0; tries++) {
+    // There is none, or it was waited for already.
+    if (tries == kTries || errno == ENOENT || errno == EAGAIN || errno == EINTR) {
+      Close(connected);
+      break;
+    }
+    nanosleep(&kPause, nullptr);
   }
   return connected;
 }

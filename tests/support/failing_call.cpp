@@ -222,6 +222,8 @@ VEX_FAILING(ssize_t, readlinkat, (int directory, const char *name, char *to, siz
 VEX_FAILING(int, timer_create, (clockid_t clock, sigevent *event, timer_t *timer),
             (clock, event, timer), -1)
 VEX_FAILING(int, socket, (int family, int type, int protocol), (family, type, protocol), -1)
+VEX_FAILING(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size),
+            -1)
 VEX_FAILING(void *, malloc, (size_t size), (size), nullptr)
 VEX_FAILING(char *, strdup, (const char *text), (text), nullptr)
 VEX_FAILING_ON(int, access, (const char *path, int mode), (path, mode), -1, path)

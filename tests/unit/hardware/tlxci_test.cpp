@@ -258,6 +258,24 @@ TEST_F(Tlxci, ASocketThatCannotBeMadeIsAskedForAgain) {
   EXPECT_TRUE(Eventually([&] { return OpenDescriptors().size() == before.size() - 2; }));
 }
 
+// As of one that is just starting anew; where there is none, nothing is waited for.
+TEST_F(Tlxci, AConnectionThatIsRefusedIsTriedAgain) {
+  {
+    vex::SimulatedController controller;
+    vex::FailingCall failing("connect", ECONNREFUSED, 1, 2);
+    failing.In(gettid());
+    EXPECT_EQ(Initialize(), TLXCI_INTEGRATED);
+    EXPECT_EQ(failing.Failed(), 2);
+  }
+  for (const auto &[error, asked] : {std::pair(ECONNREFUSED, 3), std::pair(ENOENT, 1)}) {
+    vex::SimulatedController controller;
+    vex::FailingCall failing("connect", error, 1, vex::FailingCall::kAll);
+    failing.In(gettid());
+    EXPECT_EQ(Initialize(), TLXCI_NONE);
+    EXPECT_EQ(failing.Failed(), asked);
+  }
+}
+
 TEST_F(Tlxci, SaysWhetherToOpenTheConnectionAgain) {
   const struct {
     int error;

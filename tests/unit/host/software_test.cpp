@@ -579,6 +579,20 @@ TEST_F(Software, ListsTheAppliancesSoftware) {
   EXPECT_EQ(rec::Publications(Row(4)), 1);
 }
 
+TEST_F(Software, ListsTheAppliancesSoftwareOnceItsRowCanBeMade) {
+  rec::SetAppliance(true, 1,
+                    {{"VcdbName", "Vcdb"}, {"VcdbVersion", "3.1"}, {"ProductName", "Box"}});
+  rec::Fail("create_obj", "host/swver.4");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
+  EXPECT_EQ(rec::Messages(), Strings{"vexhostd: Can't create object: Vcdb  (PEER3023)\n"});
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(4), "Vcdb");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Live(Row(5)), nullptr);
+}
+
 TEST_F(Software, ReportsTheFirstMissingApplianceDatum) {
   rec::SetAppliance(true, 1, {{"VcdbVersion", "3.1"}});
   ASSERT_EQ(do_swver(), 0);
@@ -1075,6 +1089,14 @@ TEST_F(Software, StopsAtTheFirstComponentThatCannotBeMade) {
   EXPECT_EQ(Name(1), "SYSTEMROMKIT");
   EXPECT_EQ(rec::Live(Row(2)), nullptr);
   EXPECT_EQ(rec::Live(Row(3)), nullptr);
+  // The next pass goes on with it, and none after that.
+  rec::StopFailing();
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(Name(1), "SYSTEMROMKIT");
+  EXPECT_EQ(Name(2), "DIAGS");
+  EXPECT_EQ(Name(3), "DISKDR");
+  ASSERT_EQ(do_swver(), 0);
+  EXPECT_EQ(rec::Live(Row(4)), nullptr);
 }
 
 TEST_F(Software, BuildsAgainAfterNothingCouldBeMade) {
