@@ -1,4 +1,4 @@
-# Sourced by every script in bash, directly or by debian.bash, before it does anything and changes its directory.
+# Sourced by the scripts in bash, also by debian.bash, before they change their directory and do anything.
 # shellcheck shell=bash
 
 # usage: prints how the script's first comment begins, up to the colon, and ends the script.
@@ -8,8 +8,8 @@ usage() {
 }
 
 # usage_unless 'LEAST[-MOST] [OPTION...]' ARGUMENT...: when asked for --help, the script prints its first
-# comment, and ends. So it does by `usage` where an option in front is none of those named, or where the
-# number of what follows the options is another one.
+# comment, and ends. It ends by `usage` where an option in front is none of those named, or where more or
+# fewer words than that follow the options; without MOST, as many as one likes.
 usage_unless() {
   local limits options least most
   read -r limits options <<<"$1"
@@ -19,8 +19,9 @@ usage_unless() {
     exit
   fi
   while [[ ${1:-} == -* && " $options " == *" $1 "* ]]; do shift; done
-  least=${limits%-*} most=${limits#"$least"}
-  if [[ ${1:-} == -* ]] || (($# < least || $# > ${most:+-}${most:-$#})); then
+  least=${limits%-*} most=$#
+  [[ $limits != *-* ]] || most=${limits#*-}
+  if [[ ${1:-} == -* ]] || (($# < least || $# > most)); then
     usage
   fi
 }

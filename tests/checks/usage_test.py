@@ -23,7 +23,7 @@ CALLED_BY_OTHERS = {
     "tests/contrib/bulk_test.py": "unittest's own options",
     "tests/heavy/completion-in-shells": "ctest calls it, with a program of the build",
     "tests/heavy/report-in-browser": "ctest calls it, with a program of the build",
-    "tests/vm/": "ctest and scripts/proof call what is there, with folders of the build, or it runs in the machine",
+    "tests/vm/": "ctest and scripts/proof call what is there, or it runs in the virtual machine",
 }
 PASSES_OPTIONS_ON = {"scripts/build-packages": "to dpkg-buildpackage"}
 # argparse's own words are good enough for who calls it on a station.
@@ -60,8 +60,8 @@ def alone(program, *words):
     no network. Its exit status, its output and its errors."""
     done = subprocess.run(
         ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "sh", "-euc",
-         'mount --bind "$1" "$1"; mount -o remount,ro,bind "$1"; cd "$1"; shift; exec timeout 60 "$@"', "sh", SOURCE,
-         "./" + program, *words],
+         'mount --bind "$1" "$1"; mount -o remount,ro,bind "$1"; cd "$1"; shift; exec timeout 60 "$@"',
+         "sh", SOURCE, "./" + program, *words],
         stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
     return done.returncode, done.stdout, done.stderr
 
@@ -100,6 +100,7 @@ class Usage(unittest.TestCase):
                 self.assertEqual((status, errors), (0, ""), output)
                 self.assertIn(os.path.basename(program), output.split("\n", 1)[0])
                 if program not in WITH_WORDS_OF_ITS_OWN:
+                    self.assertIn(":", output.split("\n\n", maxsplit=1)[0])
                     self.assertEqual(" ".join(output.split(":")[0].split()), begins(program))
 
     def test_options_that_they_do_not_know(self):
@@ -119,9 +120,10 @@ class Usage(unittest.TestCase):
     def test_names_and_numbers_that_are_none(self):
         for program, *words in (("scripts/build-matrix", "gcc-Debug", "gcc-x"), ("scripts/fuzz",),
                                 ("scripts/fuzz", "x"), ("scripts/fuzz", "--minutes"),
-                                ("scripts/fuzz", "--keep", "--minutes", "x"), ("scripts/cross-arm64", "--inside", "x"),
+                                ("scripts/fuzz", "--keep", "--minutes", "x"),
                                 ("scripts/measure", "/nonexistent"), ("scripts/measure", "--beside"),
                                 ("scripts/measure", "--beside", "/nonexistent"),
+                                ("scripts/cross-arm64", "--inside", "x"),
                                 ("scripts/soak", "--minutes", "1", "/nonexistent"),
                                 ("scripts/measure-vexreg", "x"), ("contrib/net-snmp/measure", "1", "2", "3")):
             with self.subTest(program, words=words):
