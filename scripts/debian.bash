@@ -1,18 +1,10 @@
 # Sourced by ./run, ./test and the scripts that ask apt and dpkg. What programs say is read, so it is in
 # one language; and root by a plain su has no sbin in its PATH, without which dpkg does nothing.
 # shellcheck shell=bash
+. "$(dirname "${BASH_SOURCE[0]}")/usage.bash"
 export LC_ALL=C.UTF-8
 unset LANGUAGE
 export PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
-
-# usage_unless NUMBER ARGUMENT...: where the arguments are fewer, or begin with an option, the script's
-# first comment is printed and the script ends.
-usage_unless() {
-  if (($# <= $1)) || [[ $2 == -* ]]; then
-    sed -n '2,/^[^#]/s/^# //p' "$0" >&2
-    exit 2
-  fi
-}
 
 # need_sudo: ends a script that some user runs who cannot become root.
 need_sudo() {
