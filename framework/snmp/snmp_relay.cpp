@@ -253,15 +253,12 @@ void SnmpRelay::NotStarted(const char *why) {
 // hurry.
 void SnmpRelay::NotBegun() {
   NotStarted(unable_.c_str());
-  const Restarts before = restarts_;
-  Gone(nullptr);
-  restarts_ = before;
-  spawn_at_ = Clock::now() + kAnother;
+  Gone(nullptr, false);
 }
 
 // The process has ended, or is of no use any more: what it had and has not finished is the next
 // one's, but for sets and queries.
-void SnmpRelay::Gone(const char *why) {
+void SnmpRelay::Gone(const char *why, bool counts) {
   SnmpShared &side = Side();
   if (!has_child_) {
     return;
@@ -294,7 +291,7 @@ void SnmpRelay::Gone(const char *why) {
     starter_.Channel()->Send(FrameWriter(FrameType::kKill));
   }
   const Clock::time_point now = Clock::now();
-  spawn_at_ = restarts_.Ended(now);
+  spawn_at_ = counts ? restarts_.Ended(now) : now + kAnother;
   finder_->Welcome();
   finder_->Lost(false);
 }

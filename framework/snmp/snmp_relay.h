@@ -90,7 +90,7 @@ class SnmpRelay {
   void NotStarted(const char *why);
   void NotBegun();
   void HungUp();
-  void Gone(const char *why);
+  void Gone(const char *why, bool counts = true);
   void Wait(Clock::time_point until);
   void StarterReady();
   void ChildReady();

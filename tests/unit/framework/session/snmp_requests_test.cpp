@@ -139,6 +139,17 @@ class SnmpRequestsTest : public WithSession {
   HandSet &LastSet() {
     return *port_.sets.back();
   }
+  // Of a set that was tested and accepted; not answered yet.
+  AgentxPacket GiveCommit(uint32_t transaction) {
+    const AgentxPacket test = master_->TestSet(transaction, {Number(kCount, 1)});
+    Give(test);
+    LastSet().check.state = SetPort::Check::kAccepted;
+    requests_.Work(session_.get());
+    EXPECT_EQ(NextError(test), 0);
+    AgentxPacket commit = master_->Phase(kAgentxCommitSet, transaction);
+    Give(commit);
+    return commit;
+  }
 
   MibIndex index_{kSmallMib};
   HandPort port_;
@@ -328,13 +339,7 @@ TEST_F(SnmpRequestsTest, PartsBehindAFailedOneAreNotBegun) {
 
 TEST_F(SnmpRequestsTest, ACommitOfMorePartsThanWereTestedFails) {
   BringUp();
-  const AgentxPacket test = master_->TestSet(5, {Number(kCount, 1)});
-  Give(test);
-  LastSet().check.state = SetPort::Check::kAccepted;
-  requests_.Work(session_.get());
-  EXPECT_EQ(NextError(test), 0);
-  const AgentxPacket commit = master_->Phase(kAgentxCommitSet, 5);
-  Give(commit);
+  const AgentxPacket commit = GiveCommit(5);
   EXPECT_EQ(LastSet().applies, 1);
   EXPECT_EQ(ErrorOf(master_->Phase(kAgentxCommitSet, 5)), kCommitFailed);
   EXPECT_EQ(LastSet().applies, 1);
@@ -359,13 +364,7 @@ TEST_F(SnmpRequestsTest, ASetOfNothingIsNone) {
 // Whatever a master wants: all that is applied has been tested before.
 TEST_F(SnmpRequestsTest, NothingIsAddedToASetThatIsCommitted) {
   BringUp();
-  const AgentxPacket test = master_->TestSet(5, {Number(kCount, 1)});
-  Give(test);
-  LastSet().check.state = SetPort::Check::kAccepted;
-  requests_.Work(session_.get());
-  EXPECT_EQ(NextError(test), 0);
-  const AgentxPacket commit = master_->Phase(kAgentxCommitSet, 5);
-  Give(commit);
+  const AgentxPacket commit = GiveCommit(5);
   EXPECT_EQ(ErrorOf(master_->TestSet(5, {Number(kCount, 2)})), kResourceUnavailable);
   EXPECT_EQ(LastSet().parts.size(), 1U);
   LastSet().apply.state = SetPort::Apply::kApplied;
