@@ -329,7 +329,7 @@ bool StartProcess(Starting *starting) {
     Fail(kCannotStart, strerror(errno));
     return false;
   } else if (!user) {
-    why = std::string("there is no user ") + kSnmpUser;
+    why = std::string("there is no unprivileged user ") + kSnmpUser;
   } else if (!possible) {
     why = "the agent has threads";
   } else {

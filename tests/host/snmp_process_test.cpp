@@ -571,18 +571,22 @@ TEST(SnmpProcess, AStarterThatHangsEndsTheAgent) {
   EXPECT_TRUE(Eventually([&] { return !ProcessExists(starter); }));
 }
 
-// Without the user there is a thread instead, and a line that says so.
+// Without the user, or when it is root, there is a thread instead, and a line that says so.
 TEST(SnmpProcess, IsAThreadWithoutItsUser) {
-  MadeUpHost host;
-  host.File("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");
-  host.Start();
-  EXPECT_EQ(StarterOf(host.daemon.pid()), -1);
-  EXPECT_EQ(
-      host.daemon.Count("Info: the SNMP side is no process of its own: there is no user _vexhostd"),
-      1U)
-      << host.daemon.Log();
-  EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
-  EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "role"), "noError");
+  const std::string root = "root:x:0:0:root:/root:/bin/sh\n";
+  for (const std::string &users :
+       {root, root + "_vexhostd:x:0:0::/nonexistent:/usr/sbin/nologin\n"}) {
+    MadeUpHost host;
+    host.File("/etc/passwd", users);
+    host.Start();
+    EXPECT_EQ(StarterOf(host.daemon.pid()), -1);
+    EXPECT_EQ(host.daemon.Count("Info: the SNMP side is no process of its own: there is no "
+                                "unprivileged user _vexhostd"),
+              1U)
+        << host.daemon.Log();
+    EXPECT_EQ(host.Get("tlxHoPhysicalMemorySize"), "INTEGER: 2000");
+    EXPECT_EQ(host.Set("tlxHoSystemRole", 's', "role"), "noError");
+  }
 }
 
 // What others have made of the file of users costs neither the start nor the process.

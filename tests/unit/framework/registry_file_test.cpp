@@ -196,6 +196,14 @@ TEST_F(RegistryFile, AnObjectMayHaveNoVariablesOrNoData) {
   object = Read("stdeq/nothing");
   ASSERT_TRUE(object);
   EXPECT_TRUE(object->data.empty());
+
+  // As one that has not got a layout yet.
+  ObjectFileWriter unlaid("stdeq/unlaid", registry_.root());
+  ASSERT_EQ(unlaid.Publish(nullptr, nullptr), 0);
+  object = Read("stdeq/unlaid");
+  ASSERT_TRUE(object);
+  EXPECT_TRUE(object->data.empty());
+  EXPECT_TRUE(object->variables.empty());
 }
 
 TEST_F(RegistryFile, AnObjectMayHaveManyVariablesAndNoData) {

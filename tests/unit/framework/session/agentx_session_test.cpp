@@ -107,6 +107,20 @@ TEST_F(AgentxSessionTest, NothingIsDueWithoutAConnection) {
   EXPECT_TRUE(session_->Down());
 }
 
+TEST_F(AgentxSessionTest, AConnectionForWhichThereIsNoMemoryIsNoneAndTheNextOneIs) {
+  {
+    const FailingLibrary fails("snmp_sess_add_ex");
+    EXPECT_FALSE(session_->Adopt(StreamTransport(ConnectUnix(path_))));
+    EXPECT_EQ(FailingLibrary::Failed(), 1);
+  }
+  EXPECT_EQ(Events(), "");
+  EXPECT_TRUE(session_->Down());
+  ASSERT_TRUE(master_->Accept(10000));
+  EXPECT_TRUE(master_->HungUp(10000));
+  master_->Disconnect();
+  BringUp();
+}
+
 // Whoever waited for the answer would wait for a minute.
 TEST_F(AgentxSessionTest, AnOpenThatCannotBeMadeOrSentEndsTheConnection) {
   for (const char *function : {"snmp_pdu_create", "snmp_sess_async_send"}) {

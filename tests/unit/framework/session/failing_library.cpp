@@ -129,6 +129,29 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
   return __real_fopen(passwd != nullptr && strcmp(path, "/etc/passwd") == 0 ? passwd : path, mode);
 }
 
+// As net-snmp does, it ends the transport when it fails.
+using PreParse = int (*)(netsnmp_session *, netsnmp_transport *, void *, int);
+using Parse = int (*)(netsnmp_session *, netsnmp_pdu *, u_char *, size_t);
+using PostParse = int (*)(netsnmp_session *, netsnmp_pdu *, int);
+using Build = int (*)(netsnmp_session *, netsnmp_pdu *, u_char *, size_t *);
+using Rebuild = int (*)(netsnmp_session *, netsnmp_pdu *, u_char **, size_t *, size_t *);
+using Check = int (*)(u_char *, size_t);
+using Create = netsnmp_pdu *(*)(netsnmp_transport *, void *, size_t);
+void *__real_snmp_sess_add_ex(netsnmp_session *session, netsnmp_transport *transport,
+                              PreParse before, Parse parse, PostParse after, Build build,
+                              Rebuild rebuild, Check check, Create create);
+void *__wrap_snmp_sess_add_ex(netsnmp_session *session, netsnmp_transport *transport,
+                              PreParse before, Parse parse, PostParse after, Build build,
+                              Rebuild rebuild, Check check, Create create) {
+  if (vex::FailsNow("snmp_sess_add_ex")) {
+    transport->f_close(transport);
+    netsnmp_transport_free(transport);
+    return nullptr;
+  }
+  return __real_snmp_sess_add_ex(session, transport, before, parse, after, build, rebuild, check,
+                                 create);
+}
+
 // With the error 0 an answer is said to have come, and there is none.
 int __real_snmp_sess_synch_response(void *handle, netsnmp_pdu *pdu, netsnmp_pdu **response);
 int __wrap_snmp_sess_synch_response(void *handle, netsnmp_pdu *pdu, netsnmp_pdu **response) {
