@@ -851,9 +851,10 @@ TEST_F(WickedProcess, ThatEndsAgainAndAgainIsStartedLessOften) {
             1U)
       << log;
   EXPECT_EQ(CountOf(log, "agent: The SNMP process stays\n"), 1U) << log;
-  // The last of them may be told of when they are known to be too many.
+  // The starter tells of each end, too, and may be heard later or earlier than the connection's
+  // end, which counts.
   EXPECT_GE(CountOf(log, "; starting another\n"), 49U) << log;
-  EXPECT_LE(CountOf(log, "; starting another\n"), 50U) << log;
+  EXPECT_LE(CountOf(log, "; starting another\n"), 51U) << log;
 }
 
 // A session that no process takes up again is one that has ended: no more is kept than for a master
