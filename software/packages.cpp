@@ -47,10 +47,12 @@ static tool_patience rpm_patience;
 // Whether to scan: the database's time at the last pass, whether the last listing had no name, and
 // whether a scan is due for one of these reasons.
 static int64_t last_database_time;
-static const swver_data *missing_component;  // the first that is still to be made, or null
-static bool is_appliance_software_missing;
 static bool last_listing_empty = true;
 static bool scan_due;
+
+// What later passes are to make, because there was no memory for it.
+static const swver_data *missing_component;  // the first that is still to be made, or null
+static bool is_appliance_software_missing;
 
 // From this status on a signal has ended the shell: what it said is no answer.
 static constexpr int ended_by_signal = 128;
